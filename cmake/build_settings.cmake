@@ -1,0 +1,24 @@
+# Warnings, sanitizers and the compiler cache, for every target of the project.
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wconversion -Werror -fstack-protector-strong)
+if(CMAKE_BUILD_TYPE MATCHES "Release|MinSizeRel")
+  add_compile_definitions(_FORTIFY_SOURCE=2)
+endif()
+if(MSGAPI_SANITIZE)
+  add_compile_options(-fsanitize=${MSGAPI_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${MSGAPI_SANITIZE})
+endif()
+
+# What every part of the device library is compiled with: it must run without the C++ runtime.
+add_library(msgapi_freestanding INTERFACE)
+target_compile_options(msgapi_freestanding INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
+  -fvisibility=hidden
+  $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
+  -ffunction-sections -fdata-sections)

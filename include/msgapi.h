@@ -1,0 +1,8 @@
+/* All public headers of libmsgapi. */
+#ifndef MSGAPI_H
+#define MSGAPI_H
+
+#include "msgapi/export.h"
+#include "msgapi/status.h"
+
+#endif

@@ -1,0 +1,3 @@
+#include "base/app_name.h"
+
+char g_appName[ORP_APP_NAME_SIZE];

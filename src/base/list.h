@@ -1,0 +1,30 @@
+// Typed view of the platform's intrusive lists: T begins with its link word.
+#pragma once
+
+#include "orputil.h"
+
+namespace msgapi {
+
+template <typename T>
+void list_append(T *&head, T *node) {
+  ORP_ListAppend(static_cast<void *>(&head), node);
+}
+
+// Unlinks `node`; the caller keeps its memory.
+template <typename T>
+void list_unlink(T *&head, T *node) {
+  ORP_ListDeleteItemEx(static_cast<void *>(&head), node);
+}
+
+// Unlinks and frees `node`, after `release`.
+template <typename T>
+void list_delete(T *&head, T *node, ORP_LIST_RELEASE release = nullptr) {
+  ORP_ListDeleteItem(static_cast<void *>(&head), node, release);
+}
+
+template <typename T>
+void list_delete_all(T *&head, ORP_LIST_RELEASE release = nullptr) {
+  ORP_ListDeleteAll(static_cast<void *>(&head), release);
+}
+
+}  // namespace msgapi

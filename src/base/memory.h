@@ -1,0 +1,53 @@
+// The library's one way to memory: the guarded allocator, growth, and owners of malloc blocks.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace msgapi {
+
+// The largest request that the guarded allocator serves.
+constexpr uint64_t kMaxGuardedSize = 0x800000;
+
+// A block of `size` bytes, not cleared. Null for size 0 and, with a console line, above
+// kMaxGuardedSize. The size is 64 bits wide so that a header plus a 32-bit length cannot wrap.
+void *guarded_alloc(uint64_t size);
+
+// The same, cleared.
+void *guarded_zalloc(uint64_t size);
+
+// Grows `block` through the platform's tracked reallocation, which has no upper bound: this is how
+// bodies beyond kMaxGuardedSize come to be. Null leaves `block` as it is.
+void *grow(void *block, uint64_t old_size, uint64_t new_size, const char *tag, uint32_t line);
+
+// An unguarded plain block for sizes the library itself has bounded; null for size 0.
+void *plain_alloc(uint64_t size);
+
+// Makes the nth allocation from now on (1 is the next) fail, once; 0 switches that off. Every
+// function above counts. For tests of the paths without memory.
+void fail_allocation(uint32_t nth);
+
+struct FreeDeleter {
+  void operator()(void *block) const { std::free(block); }
+};
+
+// Owns one malloc'd object (or array of trivial elements) and leaves the library by release().
+template <typename T>
+using Owned = std::unique_ptr<T, FreeDeleter>;
+
+// A new object in a guarded block, or null. Its destructor is never run.
+template <typename T, typename... Args>
+Owned<T> make(Args &&...args) {
+  static_assert(std::is_trivially_destructible_v<T>);
+  void *block = guarded_alloc(sizeof(T));
+  return Owned<T>(block == nullptr ? nullptr : new (block) T{std::forward<Args>(args)...});
+}
+
+// A plain copy of NUL-terminated `text`, or null for null and without memory.
+Owned<char> duplicate_text(const char *text);
+
+}  // namespace msgapi

@@ -1,0 +1,55 @@
+// Bounded copies and formats: the library's only writers of fixed-size text.
+
+#include "base/text.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace msgapi {
+
+bool copy_exact(std::span<char> out, std::string_view text) {
+  if (text.size() < out.size()) {
+    copy_cut(out, text);
+    return true;
+  }
+  if (!out.empty()) out[0] = '\0';
+  return false;
+}
+
+void copy_cut(std::span<char> out, std::string_view text) {
+  if (out.empty()) return;
+  const size_t length = text.size() < out.size() ? text.size() : out.size() - 1;
+  if (length > 0) std::memmove(out.data(), text.data(), length);
+  out[length] = '\0';
+}
+
+bool format_exact(std::span<char> out, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(out.data(), out.size(), format, arguments);
+  va_end(arguments);
+
+  if (length >= 0 && static_cast<size_t>(length) < out.size()) return true;
+  if (!out.empty()) out[0] = '\0';
+  return false;
+}
+
+void format_cut(std::span<char> out, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(out.data(), out.size(), format, arguments);
+  va_end(arguments);
+
+  if (length < 0 && !out.empty()) out[0] = '\0';
+}
+
+std::string_view field_text(std::span<const char> field) {
+  return {field.data(), strnlen(field.data(), field.size())};
+}
+
+bool is_terminated(std::span<const char> field) {
+  return field_text(field).size() < field.size();
+}
+
+}  // namespace msgapi

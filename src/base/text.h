@@ -1,0 +1,24 @@
+// Bounded text. "exact" functions fail when the text does not fit, "cut" functions shorten it; all
+// of them leave `out` NUL-terminated, and empty after a failure.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+namespace msgapi {
+
+bool copy_exact(std::span<char> out, std::string_view text);
+void copy_cut(std::span<char> out, std::string_view text);
+
+__attribute__((format(printf, 2, 3))) bool format_exact(std::span<char> out, const char *format,
+                                                        ...);
+__attribute__((format(printf, 2, 3))) void format_cut(std::span<char> out, const char *format, ...);
+
+// The text of a fixed-size field that foreign bytes may have left without a NUL.
+std::string_view field_text(std::span<const char> field);
+
+// True when a NUL occurs within the field.
+bool is_terminated(std::span<const char> field);
+
+}  // namespace msgapi

@@ -1,0 +1,20 @@
+// Waiting for one descriptor.
+#pragma once
+
+#include <cstdint>
+
+namespace msgapi::os {
+
+enum class Readiness {
+  kReady,
+  kTimeout,
+  kFailed,  // errno says why; EBADF for a descriptor that is not open
+};
+
+// Waits up to `timeout_ms` (at most INT32_MAX) until the descriptor can be read or written without
+// blocking; end of stream and errors count as ready. They agree with select() on the one
+// descriptor but know no limit of 1024. A signal ends them with kFailed and EINTR.
+Readiness wait_readable(int fd, uint32_t timeout_ms);
+Readiness wait_writable(int fd, uint32_t timeout_ms);
+
+}  // namespace msgapi::os

@@ -1,0 +1,43 @@
+#include "base/text.h"
+
+#include <gtest/gtest.h>
+
+namespace msgapi {
+namespace {
+
+TEST(CopyExact, FailsWhenTheTextDoesNotFitWithItsNul) {
+  char out[4] = "old";
+
+  EXPECT_TRUE(copy_exact(out, "abc"));
+  EXPECT_STREQ("abc", out);
+  EXPECT_FALSE(copy_exact(out, "abcd"));
+  EXPECT_STREQ("", out);
+}
+
+TEST(CopyCut, ShortensToTheField) {
+  char out[4] = "";
+
+  copy_cut(out, "abcdef");
+
+  EXPECT_STREQ("abc", out);
+}
+
+TEST(Format, ExactFailsWhereCutShortens) {
+  char out[4] = "old";
+
+  EXPECT_FALSE(format_exact(out, "%d", 1234));
+  EXPECT_STREQ("", out);
+  format_cut(out, "%d", 1234);
+  EXPECT_STREQ("123", out);
+}
+
+TEST(FieldText, EndsAtTheFieldWhenThereIsNoNul) {
+  const char field[3] = {'a', 'b', 'c'};
+
+  EXPECT_EQ("abc", field_text(field));
+  EXPECT_FALSE(is_terminated(field));
+  EXPECT_TRUE(is_terminated("ab"));
+}
+
+}  // namespace
+}  // namespace msgapi

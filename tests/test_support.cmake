@@ -1,0 +1,14 @@
+# msgapi_test(NAME sources... [LIBRARIES libs...]): one test program of GoogleTest cases.
+#
+# Every case runs as a process of its own inside the sandbox: the library keeps process-wide state
+# and fixed paths, so cases neither see each other's state nor the machine's.
+function(msgapi_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} msgapi_static GTest::gmock GTest::gtest_main)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  set_target_properties(${name} PROPERTIES
+    CROSSCOMPILING_EMULATOR "$<TARGET_FILE:sandbox>;--;${CMAKE_CROSSCOMPILING_EMULATOR}")
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 120 ENVIRONMENT "MSGAPI_BIN=${CMAKE_BINARY_DIR}/bin")
+endfunction()
