@@ -14,6 +14,9 @@ if(MSGAPI_SANITIZE)
   add_compile_options(-fsanitize=${MSGAPI_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${MSGAPI_SANITIZE})
 endif()
+if(MSGAPI_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 
 # What every part of the device library is compiled with: it must run without the C++ runtime.
 add_library(msgapi_freestanding INTERFACE)
