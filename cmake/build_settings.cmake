@@ -10,7 +10,11 @@ add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wconversion -Werror -fsta
 if(CMAKE_BUILD_TYPE MATCHES "Release|MinSizeRel")
   add_compile_definitions(_FORTIFY_SOURCE=2)
 endif()
+# A device library that needs a name from nowhere must not link; the sanitizers' names come from
+# the program.
+set(NO_UNDEFINED -Wl,-z,defs)
 if(MSGAPI_SANITIZE)
+  set(NO_UNDEFINED)
   add_compile_options(-fsanitize=${MSGAPI_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${MSGAPI_SANITIZE})
 endif()
