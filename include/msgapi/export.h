@@ -13,6 +13,13 @@
 /* Marks a name that leaves the shared library; the linkage is C in both languages. */
 #define MSGAPI_EXPORT MSGAPI_EXTERN_C __attribute__((visibility("default")))
 
+/* Declares an exported object. */
+#ifdef __cplusplus
+#define MSGAPI_EXPORT_DATA MSGAPI_EXPORT
+#else
+#define MSGAPI_EXPORT_DATA extern MSGAPI_EXPORT
+#endif
+
 /* Lets the compiler check a printf-style call. */
 #define MSGAPI_PRINTF(format_index, first_argument) \
   __attribute__((format(printf, format_index, first_argument)))
