@@ -1,3 +1,8 @@
+set(MSGAPI_SANDBOX "$<TARGET_FILE:sandbox>" CACHE STRING
+  "The sandbox program; one of this machine's when building for another")
+set(MSGAPI_PROGRAMS ${CMAKE_BINARY_DIR}/bin CACHE PATH
+  "Where tests find the project's programs, in a form that this machine can run")
+
 # msgapi_test(NAME sources... [LIBRARIES libs...]): one test program of GoogleTest cases.
 #
 # Every case runs as a process of its own inside the sandbox: the library keeps process-wide state
@@ -8,7 +13,7 @@ function(msgapi_test name)
   target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} msgapi_static GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   set_target_properties(${name} PROPERTIES
-    CROSSCOMPILING_EMULATOR "$<TARGET_FILE:sandbox>;--;${CMAKE_CROSSCOMPILING_EMULATOR}")
+    CROSSCOMPILING_EMULATOR "${MSGAPI_SANDBOX};--;${CMAKE_CROSSCOMPILING_EMULATOR}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120 ENVIRONMENT "MSGAPI_BIN=${CMAKE_BINARY_DIR}/bin")
+    PROPERTIES TIMEOUT 120 ENVIRONMENT "MSGAPI_BIN=${MSGAPI_PROGRAMS}")
 endfunction()

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Unpacks the armhf packages that building and running the project needs into DIRECTORY, with a
+# package database of its own: the machine's packages and their lists are not touched.
+set -euo pipefail
+
+(($# == 1)) || {
+  echo "usage: armhf_sysroot.sh DIRECTORY" >&2
+  exit 2
+}
+sysroot=$1
+
+# With everything they depend on.
+readonly runtime=(libc6 libcjson1 libfmt9 libmicrohttpd12 libsodium23 libsqlite3-0 libstdc++6)
+# Alone: the compiler brings its own C library headers.
+readonly development=(
+  libcjson-dev libcli11-dev libfmt-dev libgmock-dev libgtest-dev libmicrohttpd-dev libsodium-dev
+  libsqlite3-dev nlohmann-json3-dev
+)
+
+stamp=$sysroot/.packages
+wanted="${runtime[*]} ${development[*]}"
+[[ -f $stamp && $(<"$stamp") == "$wanted" ]] && exit 0
+
+rm -rf "$sysroot"
+database=$sysroot/.apt
+mkdir -p "$database/lists/partial" "$database/archives/partial"
+: >"$database/status"
+options=(
+  -qq -y --no-install-recommends
+  -o APT::Architecture=armhf -o APT::Architectures=armhf -o APT::Sandbox::User=
+  -o "Dir::State::status=$database/status" -o "Dir::State::lists=$database/lists"
+  -o "Dir::Cache=$database" -o "Dir::Cache::archives=$database/archives" -o Debug::NoLocking=true
+)
+# A mirror may lack the lists of one suite for a while; the others hold every package.
+apt-get "${options[@]}" update || echo "armhf_sysroot: some package lists are missing" >&2
+apt-get "${options[@]}" install --download-only "${runtime[@]}" >/dev/null
+(cd "$database/archives" && apt-get "${options[@]}" download "${development[@]}" >/dev/null)
+for package in "$database"/archives/*.deb; do
+  dpkg-deb -x "$package" "$sysroot"
+done
+rm -rf "$database"
+printf '%s' "$wanted" >"$stamp"
