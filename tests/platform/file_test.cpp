@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "orputil.h"
+#include "support/fd_check.h"
+
+namespace {
+
+constexpr const char *kPath = "/var/file";
+
+std::string read_file(const char *path) {
+  char *text;
+  uint32_t size;
+  EXPECT_EQ(0u, ORP_UTIL_ReadFileToBuf(path, &text, &size));
+  if (text == nullptr) return "";
+  EXPECT_EQ('\0', text[size]);
+  std::string result(text, size);
+  std::free(text);
+  return result;
+}
+
+TEST(Files, AreReadAsTheyWereWritten) {
+  const test::FdCheck check;
+  for (const size_t size : {0, 1, 4095, 4096, 4097, 100000}) {
+    const std::string text(size, '\x01');
+    ASSERT_EQ(0u, ORP_UTIL_WriteBufToFile(kPath, text.data(), static_cast<uint32_t>(size)));
+    EXPECT_EQ(text, read_file(kPath));
+  }
+
+  ASSERT_EQ(0u, ORP_UTIL_WriteBufToFile(kPath, "short", 5));
+  EXPECT_EQ("short", read_file(kPath));
+}
+
+// The kernel's own files say that they are empty.
+TEST(Files, AreReadToTheirEndWhateverTheirSizeSays) {
+  EXPECT_NE(std::string::npos, read_file("/proc/self/status").find("Name:"));
+}
+
+TEST(Files, FailWithTheReasonAndHandOverNothing) {
+  const test::FdCheck check;
+  char *text = nullptr;
+  uint32_t size = 7;
+  ASSERT_EQ(0, ::mkfifo("/var/pipe", 0600));
+
+  for (const char *path : {"/var/absent", "/var", "/dev/null", "/var/pipe"}) {
+    EXPECT_EQ(0x10007u, ORP_UTIL_ReadFileToBuf(path, &text, &size)) << path;
+    EXPECT_EQ(nullptr, text);
+    EXPECT_EQ(0u, size);
+  }
+  EXPECT_EQ(0x10001u, ORP_UTIL_ReadFileToBuf(nullptr, &text, &size));
+  EXPECT_EQ(0x10001u, ORP_UTIL_WriteBufToFile(kPath, nullptr, 0));
+  EXPECT_EQ(0x10007u, ORP_UTIL_WriteBufToFile("/var", "x", 1));
+  EXPECT_EQ(0x10007u, ORP_UTIL_WriteBufToFile("/dev/full", "x", 1));
+}
+
+TEST(Permissions, AreThoseWhereOthersMayNotWrite) {
+  ASSERT_EQ(0u, ORP_UTIL_WriteBufToFile(kPath, "x", 1));
+
+  EXPECT_EQ(0u, ORP_UTIL_RemoveAndroidWPerm(kPath, "777", "775"));
+
+  struct stat info;
+  ASSERT_EQ(0, ::stat(kPath, &info));
+  EXPECT_EQ(0775u, info.st_mode & 07777u);
+  for (const char *mode : {"", "8", "77x", "07775"}) {
+    EXPECT_EQ(1u, ORP_UTIL_RemoveAndroidWPerm(kPath, "775", mode)) << mode;
+  }
+  EXPECT_EQ(1u, ORP_UTIL_RemoveAndroidWPerm("/var/absent", "775", "775"));
+}
+
+TEST(Privileges, ComeBackWhenTheyWerePutAside) {
+  if (::seteuid(65534) == 0) {
+    EXPECT_EQ(65534u, ::geteuid());
+  }
+
+  EXPECT_EQ(0u, ORP_UTIL_UpRootPrivileges());
+  EXPECT_EQ(0u, ::geteuid());
+}
+
+}  // namespace
