@@ -3,6 +3,7 @@
 #define MSGAPI_H
 
 #include "msgapi/export.h"
+#include "msgapi/log.h"
 #include "msgapi/msg.h"
 #include "msgapi/status.h"
 

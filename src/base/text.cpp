@@ -2,7 +2,6 @@
 
 #include "base/text.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -27,21 +26,29 @@ void copy_cut(std::span<char> out, std::string_view text) {
 bool format_exact(std::span<char> out, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int length = std::vsnprintf(out.data(), out.size(), format, arguments);
+  const bool fits = vformat_exact(out, format, arguments);
   va_end(arguments);
-
-  if (length >= 0 && static_cast<size_t>(length) < out.size()) return true;
-  if (!out.empty()) out[0] = '\0';
-  return false;
+  return fits;
 }
 
 void format_cut(std::span<char> out, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int length = std::vsnprintf(out.data(), out.size(), format, arguments);
+  vformat_cut(out, format, arguments);
   va_end(arguments);
+}
 
-  if (length < 0 && !out.empty()) out[0] = '\0';
+bool vformat_exact(std::span<char> out, const char *format, va_list arguments) {
+  const int length = std::vsnprintf(out.data(), out.size(), format, arguments);
+  if (length >= 0 && static_cast<size_t>(length) < out.size()) return true;
+  if (!out.empty()) out[0] = '\0';
+  return false;
+}
+
+bool vformat_cut(std::span<char> out, const char *format, va_list arguments) {
+  const bool formatted = std::vsnprintf(out.data(), out.size(), format, arguments) >= 0;
+  if (!formatted && !out.empty()) out[0] = '\0';
+  return formatted;
 }
 
 std::string_view field_text(std::span<const char> field) {

@@ -2,6 +2,7 @@
 // of them leave `out` NUL-terminated, and empty after a failure.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <span>
 #include <string_view>
@@ -14,6 +15,12 @@ void copy_cut(std::span<char> out, std::string_view text);
 __attribute__((format(printf, 2, 3))) bool format_exact(std::span<char> out, const char *format,
                                                         ...);
 __attribute__((format(printf, 2, 3))) void format_cut(std::span<char> out, const char *format, ...);
+
+// The same for an argument list. The cutting one is false when the format itself fails.
+__attribute__((format(printf, 2, 0))) bool vformat_exact(std::span<char> out, const char *format,
+                                                         va_list arguments);
+__attribute__((format(printf, 2, 0))) bool vformat_cut(std::span<char> out, const char *format,
+                                                       va_list arguments);
 
 // The text of a fixed-size field that foreign bytes may have left without a NUL.
 std::string_view field_text(std::span<const char> field);

@@ -1,0 +1,271 @@
+// Module log client: formats log lines and requests and exchanges them with the log server.
+//
+// A socket is opened for every line and closed behind it. There is no connection to lose, no queue
+// to overflow and no state between calls, so a log call works in any thread at any time.
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/text.h"
+#include "log/transport.h"
+#include "msgapi/log.h"
+#include "os/clock.h"
+#include "os/file.h"
+
+namespace msgapi::log {
+namespace {
+
+constexpr size_t kTextSize = 256;
+constexpr uint32_t kReplyWait_s = 2;
+constexpr char kShareTag[] = "[SHARE]";
+
+struct LevelName {
+  const char *name;
+  uint32_t level;
+};
+
+// A value is turned into its first name here, which keeps the level column four characters wide.
+constexpr LevelName kLevelNames[] = {
+    {"NONE", MLOG_LEVEL_NONE},  {"FATL", MLOG_LEVEL_FATAL},  {"FATAL", MLOG_LEVEL_FATAL},
+    {"ERRO", MLOG_LEVEL_ERROR}, {"ERROR", MLOG_LEVEL_ERROR}, {"WARN", MLOG_LEVEL_WARN},
+    {"INFO", MLOG_LEVEL_INFO},
+};
+
+const char *level_name(uint32_t level) {
+  const auto *entry = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
+                                   [=](const LevelName &e) { return e.level == level; });
+  return entry == std::end(kLevelNames) ? "NONE" : entry->name;
+}
+
+uint32_t level_of(std::string_view name) {
+  // strncasecmp also ends at the table's NUL, so a name longer than the table's never matches.
+  const auto *entry = std::find_if(
+      std::begin(kLevelNames), std::end(kLevelNames),
+      [=](const LevelName &e) { return ::strncasecmp(e.name, name.data(), name.size()) == 0; });
+  return entry == std::end(kLevelNames) ? MLOG_LEVEL_NONE : entry->level;
+}
+
+int64_t uptime_ms() {
+  os::RawTime now;
+  if (!os::read_clock(CLOCK_BOOTTIME, &now)) {
+    std::printf("[MLOG][ERROR][%d]: get up time failed\n", __LINE__);
+    return 0;
+  }
+  return int64_t{now.seconds} * 1000 + now.nanoseconds / 1000000;
+}
+
+// Fills the message with one line of `text`, its line feed and its NUL.
+bool build_line(MlogMsg *message, const char *module, uint32_t level, const char *text) {
+  if (!format_exact(message->payload, "[%011lld][%s][%s]:%s", static_cast<long long>(uptime_ms()),
+                    module, level_name(level), text)) {
+    std::printf("[MLOG][ERROR][%d]: generate log buffer failed\n", __LINE__);
+    return false;
+  }
+
+  size_t length = std::strlen(message->payload);
+  if (message->payload[length - 1] != '\n' && length <= sizeof message->payload - 2) {
+    message->payload[length++] = '\n';
+    message->payload[length] = '\0';
+  }
+  message->type = MLOG_TYPE_LOG;
+  message->length = static_cast<uint32_t>(length) + 1;
+  return true;
+}
+
+void print_line(const char *module, uint32_t level, const char *format, va_list arguments) {
+  const int callers_errno = errno;
+  const ClientSocket socket(module);
+  if (!socket) {
+    std::printf("[MLOG][ERROR][%d]: open socket for module %s failed\n", __LINE__, module);
+    return;
+  }
+
+  char text[kTextSize];
+  errno = callers_errno;  // for %m
+  if (!vformat_exact(text, format, arguments)) {
+    std::printf("[MLOG][ERROR][%d]: get print log buffer for module %s failed\n", __LINE__, module);
+    return;
+  }
+
+  MlogMsg message{};
+  if (!build_line(&message, module, level, text)) {
+    std::printf("[MLOG][ERROR][%d]: build message buffer of module %s failed\n", __LINE__, module);
+    return;
+  }
+  if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != 0) {
+    std::printf("[MLOG][ERROR][%d]: mlog send message failed\n", __LINE__);
+  }
+  if (level < MLOG_LEVEL_ERROR) {
+    std::printf("[MLOG][INFO][%d]: mlog message buffer: %s\n", __LINE__, message.payload);
+  }
+}
+
+__attribute__((format(printf, 3, 4))) void print_formatted(const char *module, uint32_t level,
+                                                           const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  print_line(module, level, format, arguments);
+  va_end(arguments);
+}
+
+// A text that is too long is cut, and sent only when `wanted`.
+void print_cut_line(bool wanted, const char *module, uint32_t level, const char *format,
+                    va_list arguments) {
+  if (module == nullptr || format == nullptr) {
+    std::printf("[MLOG][ERROR][%d]: input parameter is invalid\n", __LINE__);
+    return;
+  }
+  char text[kTextSize];
+  if (!vformat_cut(text, format, arguments)) {
+    std::printf("[MLOG][ERROR][%d]: generate log buffer of module %s failed\n", __LINE__, module);
+    return;
+  }
+  if (wanted) print_formatted(module, level, "%s", text);
+}
+
+// The name of a socket that lives for one request of this process, "STAT_1234".
+struct RequestName {
+  explicit RequestName(const char *word) {
+    valid = format_exact(text, "%s_%d", word, static_cast<int>(::getpid()));
+  }
+  char text[16];
+  bool valid;
+};
+
+int32_t set_statistics(const char *module, const char *info) {
+  const RequestName name("STAT");
+  if (!name.valid) return MLOG_ERR;
+  const ClientSocket socket(name.text);
+  if (!socket) return MLOG_ERR_SOCKET;
+
+  MlogMsg message{.type = MLOG_TYPE_SET_STAT, .length = sizeof(MlogStat), .payload = {}};
+  MlogStat fields{};
+  if (!copy_exact(fields.module, module) || !copy_exact(fields.info, info)) return MLOG_ERR;
+  std::memcpy(message.payload, &fields, sizeof fields);
+
+  if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != 0) {
+    std::printf("[MLOG][ERROR][%d]: mlog send message error\n", __LINE__);
+    return MLOG_ERR;
+  }
+  return 0;
+}
+
+int32_t get_statistics(const char *module, std::span<char> out) {
+  MlogMsg message{.type = MLOG_TYPE_GET_STAT, .length = sizeof(MlogStat), .payload = {}};
+  MlogStat fields{};
+  {
+    const RequestName name("STAT");
+    if (!name.valid) return MLOG_ERR;
+    const ClientSocket socket(name.text);
+    if (!socket) return MLOG_ERR_SOCKET;
+
+    if (!copy_exact(fields.module, module)) return MLOG_ERR;
+    std::memcpy(message.payload, &fields, sizeof fields);
+    if (exchange_messages(socket.fd(), &message, &message, kReplyWait_s, MLOG_SERVER_NAME) != 0) {
+      std::printf("[MLOG][ERROR][%d]: mlog send and receive message error\n", __LINE__);
+      return MLOG_ERR;
+    }
+  }
+
+  // A shorter answer leaves the zeroes of the request in place.
+  std::memcpy(&fields, message.payload, sizeof fields);
+  return copy_exact(out, field_text(fields.info)) ? 0 : MLOG_ERR;
+}
+
+int32_t flush() {
+  const RequestName name("FLUSH");
+  if (!name.valid) return MLOG_ERR;
+  const ClientSocket socket(name.text);
+  if (!socket) return MLOG_ERR_SOCKET;
+
+  MlogMsg message{.type = MLOG_TYPE_FLUSH, .length = 0, .payload = {}};
+  const int32_t result =
+      exchange_messages(socket.fd(), &message, &message, kReplyWait_s, MLOG_SERVER_NAME);
+  if (result != 0) {
+    std::printf("[MLOG][ERROR][%d]: mlog send and receive message failed, ret: %d\n", __LINE__,
+                result);
+    return MLOG_ERR;
+  }
+  return 0;
+}
+
+bool uses_share_partition() {
+  const os::UniqueFile file(std::fopen("/var/mlog/mlogcfg", "re"));
+  if (!file) return false;
+
+  constexpr size_t kTagLength = sizeof kShareTag - 1;
+  char line[1024];
+  while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+    if (::strncasecmp(line, kShareTag, kTagLength) != 0) continue;
+    const char *value = std::strchr(line + kTagLength, '=');
+    return value != nullptr && std::strtol(value + 1, nullptr, 10) != 0;
+  }
+  return false;
+}
+
+}  // namespace
+}  // namespace msgapi::log
+
+using namespace msgapi;
+
+extern "C" const char *MlogGetLogLevelString(uint32_t level) {
+  return log::level_name(level);
+}
+
+extern "C" uint32_t MlogGetLogLevel(const char *name) {
+  return name == nullptr ? MLOG_LEVEL_NONE : log::level_of(name);
+}
+
+extern "C" void MlogPrint(const char *module, uint32_t level, const char *format, ...) {
+  if (module == nullptr || format == nullptr) return;
+  const int saved = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  log::print_line(module, level, format, arguments);
+  va_end(arguments);
+  errno = saved;
+}
+
+extern "C" void mlog_print(const char *module, uint32_t level, const char *format, ...) {
+  const int saved = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  log::print_cut_line(true, module, level, format, arguments);
+  va_end(arguments);
+  errno = saved;
+}
+
+extern "C" void MlogPrintWithType(uint32_t printType, const char *module, uint32_t level,
+                                  const char *format, ...) {
+  const int saved = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  log::print_cut_line(printType == 1 || printType == 3, module, level, format, arguments);
+  va_end(arguments);
+  errno = saved;
+}
+
+extern "C" int32_t MlogSetStatInfo(const char *module, const char *info) {
+  return module == nullptr || info == nullptr ? MLOG_ERR : log::set_statistics(module, info);
+}
+
+extern "C" int32_t MlogGetStatInfo(const char *module, char *buf, uint32_t bufSize) {
+  if (buf == nullptr || bufSize == 0) return MLOG_ERR;
+  buf[0] = '\0';
+  return module == nullptr ? MLOG_ERR : log::get_statistics(module, {buf, bufSize});
+}
+
+extern "C" int32_t MlogFlushLog(void) {
+  return log::flush();
+}
+
+extern "C" int32_t MlogUseSharePartion(void) {
+  return log::uses_share_partition() ? 1 : 0;
+}

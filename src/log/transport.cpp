@@ -1,0 +1,298 @@
+// Log transport: Unix datagrams between short-lived client sockets and the log server, and the
+// netlink channel to the kernel.
+//
+// A Unix datagram socket that is not connected polls writable whatever the receiver's queue holds,
+// so a full queue is waited for inside sendto() itself, bounded by SO_SNDTIMEO: the kernel wakes
+// the sender when the receiver takes a message.
+
+#include "log/transport.h"
+
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "base/bytes.h"
+#include "base/memory.h"
+#include "base/text.h"
+#include "os/clock.h"
+
+namespace msgapi::log {
+namespace {
+
+constexpr int64_t kMaxSendWait_ms = 2000;
+constexpr uint32_t kMaxReceiveWait_s = 30;
+constexpr int kNetlinkProtocol = 28;
+constexpr uint16_t kNetlinkType = 3;
+
+static_assert(offsetof(MlogMsg, payload) == MLOG_HEAD_SIZE);
+static_assert(sizeof(MlogMsg) == 1024);
+static_assert(sizeof(MlogStat) == 516);
+static_assert(sizeof(sockaddr_un) == 110);
+
+int64_t now_ms() {
+  os::RawTime now;
+  if (!os::read_clock(CLOCK_MONOTONIC, &now)) return 0;
+  return int64_t{now.seconds} * 1000 + now.nanoseconds / 1000000;
+}
+
+// A client's name is one file in the IPC directory, and never the server's.
+bool may_name_client(std::string_view name) {
+  return name.find('/') == std::string_view::npos && name != MLOG_SERVER_NAME;
+}
+
+bool make_address(const char *name, sockaddr_un *out) {
+  *out = {};
+  out->sun_family = AF_UNIX;
+  if (std::string_view(name).starts_with(MLOG_IPC_PATH)) return copy_exact(out->sun_path, name);
+  return format_exact(out->sun_path, "%s%s", MLOG_IPC_PATH, name);
+}
+
+void set_time_limit(int fd, int option, int64_t limit_ms) {
+  const timeval limit{.tv_sec = static_cast<time_t>(limit_ms / 1000),
+                      .tv_usec = static_cast<suseconds_t>(limit_ms % 1000 * 1000)};
+  ::setsockopt(fd, SOL_SOCKET, option, &limit, sizeof limit);
+}
+
+os::UniqueFd open_client(const char *name) {
+  if (!may_name_client(name)) return {};
+  if (::mkdir(MLOG_IPC_PATH, 0770) != 0 && errno != EEXIST) {
+    std::printf("[MLOG][ERROR][%d]: create mlog ipc path failed\n", __LINE__);
+    return {};
+  }
+
+  os::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address;
+  if (!fd || !format_exact((address = {}).sun_path, "%s%s", MLOG_IPC_PATH, name)) return {};
+  address.sun_family = AF_UNIX;
+
+  ::unlink(address.sun_path);
+  if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    return {};
+  }
+  if (::chmod(address.sun_path, 0660) != 0) {
+    std::printf("[MLOG][ERROR][%d]: modify mlog socket permission failed\n", __LINE__);
+  }
+  return fd;
+}
+
+bool remove_client_file(const char *name) {
+  char path[128];
+  if (!may_name_client(name) || !format_exact(path, "%s%s", MLOG_IPC_PATH, name)) return false;
+  ::unlink(path);
+  return true;
+}
+
+int32_t receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<char> peer_name) {
+  const uint32_t capacity = message->length;
+  if (capacity > MLOG_MAX_PAYLOAD) return MLOG_ERR_SOCKET;
+
+  const int64_t deadline_ms = timeout_ms == 0 ? INT64_MAX : now_ms() + timeout_ms;
+  set_time_limit(fd, SO_RCVTIMEO, timeout_ms);
+
+  sockaddr_un peer;
+  socklen_t peer_size;
+  ssize_t size;
+  for (;;) {
+    peer = {};
+    peer_size = sizeof peer;
+    size = ::recvfrom(fd, message, MLOG_HEAD_SIZE + capacity, 0,
+                      reinterpret_cast<sockaddr *>(&peer), &peer_size);
+    if (size >= 0) break;
+    if (errno != EINTR) return MLOG_ERR_SOCKET;
+    if (timeout_ms != 0) {
+      // A signal must not start the wait anew.
+      const int64_t left_ms = deadline_ms - now_ms();
+      if (left_ms <= 0) return MLOG_ERR_SOCKET;
+      set_time_limit(fd, SO_RCVTIMEO, left_ms);
+    }
+  }
+
+  if (!peer_name.empty()) {
+    // The path may fill sun_path to its last byte and then has no NUL.
+    constexpr size_t kPathStart = offsetof(sockaddr_un, sun_path);
+    const size_t path_size = std::clamp<size_t>(peer_size, kPathStart, sizeof peer) - kPathStart;
+    if (!copy_exact(peer_name, field_text({peer.sun_path, path_size}))) return MLOG_ERR_SOCKET;
+  }
+  return size >= ssize_t{MLOG_HEAD_SIZE} && message->length == size - ssize_t{MLOG_HEAD_SIZE}
+             ? 0
+             : MLOG_ERR_SOCKET;
+}
+
+int64_t receive_wait_ms(uint32_t timeout_s) {
+  return int64_t{std::min(timeout_s, kMaxReceiveWait_s)} * 1000;
+}
+
+int32_t open_netlink(int32_t *fd_out) {
+  os::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, kNetlinkProtocol));
+  if (!fd) {
+    std::printf("[MLOG][ERROR][%d]: create netlink socket failed\n", __LINE__);
+    return MLOG_ERR_NETLINK;
+  }
+
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = static_cast<uint32_t>(::getpid());
+  if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    return MLOG_ERR_NETLINK;
+  }
+  *fd_out = fd.release();
+  return 0;
+}
+
+int32_t send_netlink(int fd, const void *data, uint32_t size) {
+  const uint64_t padded_size = (uint64_t{size} + sizeof(nlmsghdr) + 3) & ~uint64_t{3};
+  Owned<char> message(static_cast<char *>(guarded_zalloc(padded_size)));
+  if (!message) return MLOG_ERR_NETLINK;
+
+  nlmsghdr head{};
+  head.nlmsg_len = size + uint32_t{sizeof head};
+  head.nlmsg_type = kNetlinkType;
+  head.nlmsg_pid = static_cast<uint32_t>(::getpid());
+  store(message.get(), head);
+  std::memcpy(message.get() + sizeof head, data, size);
+
+  iovec part{.iov_base = message.get(), .iov_len = static_cast<size_t>(padded_size)};
+  msghdr envelope{};
+  envelope.msg_iov = &part;
+  envelope.msg_iovlen = 1;
+  if (::sendmsg(fd, &envelope, MSG_NOSIGNAL) < 0) {
+    std::printf("[MLOG][ERROR][%d]: send netlink message failed\n", __LINE__);
+    return MLOG_ERR_NETLINK;
+  }
+  return 0;
+}
+
+int32_t receive_netlink(int fd, void *out, uint32_t out_size) {
+  char message[532];
+  const ssize_t size = ::recv(fd, message, sizeof message, 0);
+  if (size < 0) {
+    std::printf("[MLOG][ERROR][%d]: receive netlink message failed\n", __LINE__);
+    return MLOG_ERR_NETLINK;
+  }
+  if (size < ssize_t{sizeof(nlmsghdr)}) return MLOG_ERR_NETLINK;
+
+  const nlmsghdr head = load<nlmsghdr>(message);
+  if (head.nlmsg_len <= sizeof head) return MLOG_ERR_NETLINK;
+  const size_t payload_size = head.nlmsg_len - sizeof head;
+  if (head.nlmsg_len > static_cast<size_t>(size) || payload_size > out_size) {
+    std::printf("[MLOG][ERROR][%d]: copy receive netlink message failed\n", __LINE__);
+    return MLOG_ERR_NETLINK;
+  }
+  std::memcpy(out, message + sizeof head, payload_size);
+  return 0;
+}
+
+}  // namespace
+
+ClientSocket::ClientSocket(const char *name) : name_(name), fd_(open_client(name)) {}
+
+ClientSocket::~ClientSocket() {
+  if (!fd_) return;
+  const int saved = errno;
+  fd_.reset();
+  remove_client_file(name_);
+  errno = saved;
+}
+
+int32_t send_message(int fd, const MlogMsg *message, const char *server) {
+  sockaddr_un address;
+  if (message->length > MLOG_MAX_PAYLOAD || !make_address(server, &address)) {
+    return MLOG_ERR_SOCKET;
+  }
+
+  int64_t deadline_ms = 0;
+  int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+  for (;;) {
+    if (::sendto(fd, message, MLOG_HEAD_SIZE + message->length, flags,
+                 reinterpret_cast<const sockaddr *>(&address), sizeof address) >= 0) {
+      return 0;
+    }
+    if (errno != EINTR && errno != EAGAIN) return MLOG_ERR_SOCKET;
+
+    const int64_t now = now_ms();
+    if (deadline_ms == 0) {
+      deadline_ms = now + kMaxSendWait_ms;
+    } else if (errno == EAGAIN && now < deadline_ms) {
+      // The descriptor is non-blocking, so the limit below does not apply to it.
+      ::poll(nullptr, 0, 5);
+    }
+    if (now >= deadline_ms) return MLOG_ERR_SOCKET;
+    set_time_limit(fd, SO_SNDTIMEO, deadline_ms - now);
+    flags = MSG_NOSIGNAL;
+  }
+}
+
+int32_t exchange_messages(int fd, const MlogMsg *request, MlogMsg *reply, uint32_t timeout_s,
+                          const char *server) {
+  const int64_t start_ms = now_ms();
+  if (const int32_t failure = send_message(fd, request, server); failure != 0) return failure;
+
+  int64_t wait_ms = receive_wait_ms(timeout_s);
+  if (wait_ms != 0) wait_ms = std::max<int64_t>(wait_ms - (now_ms() - start_ms), 1);
+  return receive_message(fd, reply, wait_ms, {});
+}
+
+}  // namespace msgapi::log
+
+using namespace msgapi;
+
+extern "C" int32_t MlogSocketOpen(const char *name, int32_t *fdOut) {
+  if (fdOut == nullptr) return MLOG_ERR_SOCKET;
+  *fdOut = -1;
+  if (name == nullptr) return MLOG_ERR_SOCKET;
+
+  *fdOut = log::open_client(name).release();
+  return *fdOut >= 0 ? 0 : MLOG_ERR_SOCKET;
+}
+
+extern "C" int32_t MlogSocketClose(int32_t fd, const char *name) {
+  os::UniqueFd closing(fd);
+  closing.reset();
+  return name != nullptr && log::remove_client_file(name) ? 0 : MLOG_ERR_SOCKET;
+}
+
+extern "C" int32_t MlogSendMsg(int32_t fd, const MlogMsg *msg, const char *serverName) {
+  if (fd < 0 || msg == nullptr || serverName == nullptr) return MLOG_ERR_SOCKET;
+  return log::send_message(fd, msg, serverName);
+}
+
+extern "C" int32_t MlogRecvMsg(int32_t fd, MlogMsg *msg, uint32_t timeoutSec, char *peerNameBuf,
+                               uint32_t peerNameSize) {
+  if (fd < 0 || msg == nullptr) return MLOG_ERR_SOCKET;
+  const std::span<char> peer_name(peerNameBuf, peerNameBuf == nullptr ? 0 : peerNameSize);
+  return log::receive_message(fd, msg, log::receive_wait_ms(timeoutSec), peer_name);
+}
+
+extern "C" int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMsg *recvMsg,
+                                   uint32_t timeoutSec, const char *serverName) {
+  if (fd < 0 || sendMsg == nullptr || recvMsg == nullptr || serverName == nullptr ||
+      recvMsg->length > MLOG_MAX_PAYLOAD) {
+    return MLOG_ERR_SOCKET;
+  }
+  return log::exchange_messages(fd, sendMsg, recvMsg, timeoutSec, serverName);
+}
+
+extern "C" int32_t MlogNetlinkOpen(int32_t *fdOut) {
+  if (fdOut == nullptr) return MLOG_ERR_NETLINK;
+  *fdOut = -1;
+  return log::open_netlink(fdOut);
+}
+
+extern "C" int32_t MlogNetlinkSend(int32_t fd, const void *data, uint32_t size) {
+  if (fd < 0 || data == nullptr || size == 0) return MLOG_ERR_NETLINK;
+  return log::send_netlink(fd, data, size);
+}
+
+extern "C" int32_t MlogNetlinkReceive(int32_t fd, void *buf, uint32_t bufSize) {
+  if (fd < 0 || buf == nullptr || bufSize == 0) return MLOG_ERR_NETLINK;
+  return log::receive_netlink(fd, buf, bufSize);
+}

@@ -1,0 +1,33 @@
+// Datagrams of the log protocol, for the log client and the exported transport calls.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "msgapi/log.h"
+#include "os/fd.h"
+
+namespace msgapi::log {
+
+// A client socket bound in the IPC directory, which removes its file when it goes. errno is kept.
+class ClientSocket {
+ public:
+  explicit ClientSocket(const char *name);
+  ClientSocket(const ClientSocket &) = delete;
+  ClientSocket &operator=(const ClientSocket &) = delete;
+  ~ClientSocket();
+
+  explicit operator bool() const { return static_cast<bool>(fd_); }
+  int fd() const { return fd_.get(); }
+
+ private:
+  const char *name_;
+  os::UniqueFd fd_;
+};
+
+// Both give 0 or MLOG_ERR_SOCKET and do what MlogSendMsg() and MlogSendRecvMsg() promise.
+int32_t send_message(int fd, const MlogMsg *message, const char *server);
+int32_t exchange_messages(int fd, const MlogMsg *request, MlogMsg *reply, uint32_t timeout_s,
+                          const char *server);
+
+}  // namespace msgapi::log
