@@ -1,0 +1,53 @@
+# What is installed, in three components: runtime, development, programs.
+
+set(programs msgsvr notifyserver mlogserver)
+set(tools mlog cfmctl)
+
+install(TARGETS msgapi orputil cfmapi EXPORT msgapi-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT programs)
+install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
+
+install(DIRECTORY include/ platform/orputil/include/ platform/cfmapi/include/
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN "*.h")
+configure_file(cmake/libmsgapi.pc.in libmsgapi.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmsgapi.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+include(CMakePackageConfigHelpers)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/msgapi)
+install(EXPORT msgapi-targets NAMESPACE msgapi:: FILE msgapi-config.cmake
+  DESTINATION ${package_dir} COMPONENT development)
+write_basic_package_version_file(msgapi-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/msgapi-config-version.cmake
+  DESTINATION ${package_dir} COMPONENT development)
+
+foreach(program ${programs})
+  install(FILES packaging/systemd/${program}.service
+    DESTINATION lib/systemd/system COMPONENT programs)
+endforeach()
+install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT programs
+  FILES_MATCHING PATTERN "*.[1578]")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libmsgapi)
+set(CPACK_PACKAGE_VENDOR libmsgapi)
+set(CPACK_PACKAGE_CONTACT "libmsgapi maintainers <maintainers@libmsgapi.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Runtime library of home gateway daemons")
+set(CPACK_COMPONENTS_ALL runtime development programs)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libmsgapi1)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmsgapi-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libmsgapi1 (= ${PROJECT_VERSION}), libcjson-dev")
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME msgapi-servers)
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS "libmsgapi1 (= ${PROJECT_VERSION})")
+include(CPack)

@@ -1,0 +1,21 @@
+// The length and the seed of random tests: short and fixed in the suite, long and fresh in
+// `./dev soak`.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace test {
+
+inline uint32_t from_environment(const char *name, uint32_t fallback) {
+  const char *text = std::getenv(name);
+  return text == nullptr ? fallback : static_cast<uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
+// How many times its usual length a random test runs.
+inline uint32_t soak_factor() { return from_environment("MSGAPI_SOAK", 1); }
+
+// Where its random numbers start.
+inline uint32_t seed() { return from_environment("MSGAPI_SEED", 1); }
+
+}  // namespace test
