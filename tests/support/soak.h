@@ -13,9 +13,13 @@ inline uint32_t from_environment(const char *name, uint32_t fallback) {
 }
 
 // How many times its usual length a random test runs.
-inline uint32_t soak_factor() { return from_environment("MSGAPI_SOAK", 1); }
+inline uint32_t soak_factor() {
+  return from_environment("MSGAPI_SOAK", 1);
+}
 
 // Where its random numbers start.
-inline uint32_t seed() { return from_environment("MSGAPI_SEED", 1); }
+inline uint32_t seed() {
+  return from_environment("MSGAPI_SEED", 1);
+}
 
 }  // namespace test
