@@ -4,7 +4,12 @@
 
 #include "msgapi/export.h"
 #include "msgapi/log.h"
+#include "msgapi/loop.h"
 #include "msgapi/msg.h"
+#include "msgapi/net.h"
+#include "msgapi/sockbase.h"
 #include "msgapi/status.h"
+#include "msgapi/time.h"
+#include "msgapi/trace.h"
 
 #endif

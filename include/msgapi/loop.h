@@ -1,0 +1,402 @@
+/*
+ * The event loop of a process: a single-threaded loop around select() with timers, idle
+ * procedures, I/O watchers and message watchers. Child processes are in msgapi/process.h.
+ *
+ * One thread runs a loop and makes all calls on it and its watchers; nothing is locked.
+ *
+ * Watchers. Every watcher record begins with an OrpUvWatcher. Records come from the library's
+ * constructors or from the caller's malloc(), never from static storage or the stack: from
+ * initialisation on the record belongs to its loop. Deleting a watcher only marks it; the loop
+ * unlinks and frees it with free() at its next safe point, which is never inside a callback. A
+ * callback may therefore start, stop or delete any watcher, its own included, stop the loop, or
+ * run it again. docs/loop.md tells the order of an iteration and when things are freed.
+ *
+ * Descriptors. A loop watches descriptors 0 to 1023. A watcher on any other descriptor is kept
+ * but never waited for, as if it had none.
+ *
+ * Functions that take a loop use the process's default loop when it is null, except where they say
+ * otherwise. Results are statuses of msgapi/status.h where nothing else is said.
+ */
+#ifndef MSGAPI_LOOP_H
+#define MSGAPI_LOOP_H
+
+#include <stdint.h>
+
+#include "msgapi/export.h"
+#include "msgapi/status.h"
+
+struct ORP_MSG_HEADER_ST;
+typedef struct OrpUvLoop OrpUvLoop;
+typedef struct OrpUvWatcher OrpUvWatcher;
+typedef struct OrpUvTimer OrpUvTimer;
+typedef struct OrpUvIdle OrpUvIdle;
+typedef struct OrpUvIo OrpUvIo;
+typedef struct OrpUvMsg OrpUvMsg;
+typedef struct OrpUvMsgPending OrpUvMsgPending;
+typedef struct OrpUvForced OrpUvForced;
+
+/* ---- Records ----------------------------------------------------------------------------- */
+
+/* Watcher types, in OrpUvWatcher.status. */
+#define ORP_UV_TIMER 0x01u
+#define ORP_UV_IDLE 0x02u
+#define ORP_UV_IO 0x04u
+#define ORP_UV_PROCESS 0x08u
+#define ORP_UV_SOCKBASE 0x10u /* with ORP_UV_IO: a socket base (msgapi/sockbase.h) */
+#define ORP_UV_MSG 0x20u      /* with ORP_UV_IO: a message watcher */
+
+/* Further bits of OrpUvWatcher.status. Other bits belong to the library. */
+#define ORP_UV_MSG_RAW 0x40u   /* set by the user: a message is what one read returns */
+#define ORP_UV_REDIRECT 0x800u /* with ORP_UV_IO: a pipe of a child process */
+#define ORP_UV_DELETED 0x1000u /* waiting to be freed by the loop */
+#define ORP_UV_COUNTED 0x2000u /* counts in the loop's activeCount while active */
+#define ORP_UV_ACTIVE 0x4000u  /* started */
+
+/* What every watcher record begins with. */
+struct OrpUvWatcher {
+  OrpUvWatcher *link; /* next watcher of the loop */
+  OrpUvLoop *loop;
+  uint32_t status;
+  ORP_WORD data; /* the user's; a timer hands it to its procedure */
+};
+
+/* Descriptors that fit a loop's sets; a descriptor is bit fd%32 of word fd/32. */
+#define ORP_UV_MAX_DESCRIPTORS 1024
+typedef uint32_t OrpUvDescriptorSet[ORP_UV_MAX_DESCRIPTORS / 32];
+
+/* OrpUvLoop.flags. Other bits belong to the library. */
+#define ORP_UV_LOOP_INITIALISED 0x1u
+#define ORP_UV_LOOP_STOP 0x2u
+#define ORP_UV_LOOP_SKIP 0x4u /* ends the current dispatch pass, see OrpUvIoSkipLoop */
+
+struct OrpUvLoop {
+  uint32_t flags;
+  ORP_TIME_ST now;         /* monotonic clock at the start of the iteration */
+  uint32_t activeCount;    /* started watchers that are counted */
+  uint32_t idleTime;       /* ms without event after which a run ends; 0: never */
+  OrpUvWatcher *watchers;  /* all watchers in order of initialisation */
+  OrpUvIdle *deferredFree; /* its data word holds the list of OrpUvLoopSafeFree, or null */
+  OrpUvIdle *reaper;       /* reaps child processes; null until the first spawn */
+  OrpUvForced *forced;     /* forced events that wait for delivery */
+  OrpUvDescriptorSet readSet;
+  OrpUvDescriptorSet errorSet;
+  OrpUvDescriptorSet writeSet;
+  int32_t maxFd;             /* highest descriptor ever watched; never lowered */
+  ORP_TIME_ST selectTimeout; /* of the next wait, set anew by every timer pass */
+  uint64_t iteration;        /* completed iterations of the current run */
+};
+
+/* ---- The loop ---------------------------------------------------------------------------- */
+
+/*
+ * Makes `loop` an empty loop, whatever it held: the record is zeroed, so watchers and forced
+ * events of an earlier use are forgotten, not freed. Null is ignored.
+ */
+MSGAPI_EXPORT void OrpUvLoopInit(OrpUvLoop *loop);
+
+/* The process's default loop; never null. During a synchronous spawn it is the spawn's own loop. */
+MSGAPI_EXPORT OrpUvLoop *OrpUvLoopGetDefault(void);
+
+/*
+ * Lowers the time-out of the coming wait to `time` when that is smaller. The time-out is set anew
+ * by the timer pass at the start of every iteration, so this is for idle procedures, which run
+ * between that and the wait. A null time is ignored.
+ */
+MSGAPI_EXPORT void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_ST *time);
+
+/* The idle time in milliseconds (0: none), see OrpUvLoopRun, which sets it too. */
+MSGAPI_EXPORT void OrpUvLoopSetIdleTime(OrpUvLoop *loop, uint32_t idleMs);
+MSGAPI_EXPORT uint32_t OrpUvLoopGetIdleTime(OrpUvLoop *loop);
+
+/* Ends the current run after the step that is under way. Null is ignored: it does not stand for
+ * the default loop here. */
+MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
+
+/*
+ * Runs the loop until it is stopped: sets the idle time, resets the iteration counter and iterates.
+ * A callback may run its own loop again; such an inner run frees no watcher, ends on the next stop
+ * and leaves its idle time and counter behind.
+ *
+ * Returns ORP_OK after OrpUvLoopStop; ORP_ERR_TIMEOUT when `idleMs` is not 0 and no event came
+ * within the idle time (and no timer was due before); ORP_ERR_SYSTEM when select() failed, which is
+ * printed. A watched descriptor that turns out to be closed does not end the run: its watcher
+ * loses it (fd -1), with a console line.
+ */
+MSGAPI_EXPORT uint32_t OrpUvLoopRun(OrpUvLoop *loop, uint32_t idleMs);
+/* The same. */
+MSGAPI_EXPORT uint32_t ORP_UV_LoopRun(OrpUvLoop *loop, uint32_t idleMs);
+
+/* The highest descriptor ever watched by the loop. */
+MSGAPI_EXPORT int32_t OrpUvLoopGetMaxFd(OrpUvLoop *loop);
+
+/* The number of completed iterations of the current run. */
+MSGAPI_EXPORT uint64_t OrpUvLoopGetCurIdx(OrpUvLoop *loop);
+
+/*
+ * Frees all watchers and forced events, and data waiting in OrpUvLoopSafeFree, and makes the loop
+ * empty again. Descriptors of I/O watchers are not closed. Asynchronous requests whose time-out
+ * timer dies here are freed without a call. Called inside a callback of a run of the loop, the
+ * watchers are out of use at once and their memory is freed by that run. Null is ignored: it does
+ * not stand for the default loop here.
+ */
+MSGAPI_EXPORT void ORP_UV_LoopDestroy(OrpUvLoop *loop);
+
+/*
+ * Hands a malloc'd block to the loop's deferred free. This works only on a loop whose deferredFree
+ * watcher exists, and nothing in this library creates it: ORP_ERR_ARGUMENT without it (the block
+ * stays the caller's). ORP_ERR_MEMORY without memory for the list entry (likewise), else ORP_OK.
+ */
+MSGAPI_EXPORT uint32_t OrpUvLoopSafeFree(OrpUvLoop *loop, void *data);
+
+/* ---- All watchers ------------------------------------------------------------------------ */
+
+/*
+ * Fills in the head of a new watcher (type: ORP_UV_TIMER ...) and appends it to the loop, which
+ * owns the record from now on. The watcher is counted and not started. ORP_ERR_ARGUMENT for a null
+ * watcher.
+ */
+MSGAPI_EXPORT uint32_t OrpUvWatcherInit(OrpUvLoop *loop, OrpUvWatcher *watcher, uint32_t type);
+
+/* Marks the watcher started, and not deleted. No effect on a started one. ORP_ERR_ARGUMENT for null
+ * or a watcher without loop. */
+MSGAPI_EXPORT uint32_t OrpUvWatcherStart(OrpUvWatcher *watcher);
+
+/* Marks the watcher stopped and deleted: the loop frees it at its next safe point, unless it is
+ * started again before. ORP_ERR_ARGUMENT for null or a watcher without loop. */
+MSGAPI_EXPORT uint32_t OrpUvWatcherDelete(OrpUvWatcher *watcher);
+
+/* Calls `procedure` on every watcher of the loop in order of initialisation; it may delete any.
+ * ORP_ERR_SYSTEM for a null procedure. */
+typedef void (*ORP_UV_ITERATE_PROC)(OrpUvWatcher *watcher, ORP_WORD argument);
+MSGAPI_EXPORT uint32_t OrpUvWatcherIterateItem(OrpUvLoop *loop, ORP_WORD argument,
+                                               ORP_UV_ITERATE_PROC procedure);
+
+/* ---- Timers ------------------------------------------------------------------------------ */
+
+typedef void (*ORP_TIMER_PROC)(ORP_WORD data);
+
+struct OrpUvTimer {
+  OrpUvWatcher head;
+  int32_t expirySec; /* monotonic time of the next expiry */
+  int32_t expiryUsec;
+  uint32_t interval;       /* ms; 0: never fires */
+  uint32_t count;          /* times to fire; 0: for ever */
+  ORP_TIMER_PROC callback; /* null: the timer ends with the next iteration */
+  char name[16];
+};
+
+/*
+ * Starts a timer on the default loop that calls callback(data) every `intervalMs` milliseconds,
+ * `count` times or, with 0, for ever. With an interval of 0 it does not fire until
+ * OrpUtilTimerChgPeriod gives it another. The first 15 characters of `name` (may be null) are kept
+ * in the record.
+ *
+ * A timer that fires late is not caught up: its next expiry is one interval after the start of the
+ * iteration that fired it. Timers due together fire in the order of their creation.
+ *
+ * Returns the timer, or null for a null callback or without memory. The loop owns the timer, and
+ * ends it by itself after `count` calls: the handle is valid until OrpUtilTimerDel or until the
+ * last call has returned.
+ */
+MSGAPI_EXPORT OrpUvTimer *ORP_TIMER_AddWithName(uint32_t intervalMs, uint32_t count,
+                                                ORP_TIMER_PROC callback, const char *name,
+                                                ORP_WORD data);
+/* The same. */
+MSGAPI_EXPORT OrpUvTimer *OrpTimerAddWithName(uint32_t intervalMs, uint32_t count,
+                                              ORP_TIMER_PROC callback, const char *name,
+                                              ORP_WORD data);
+/* The same without a name. */
+MSGAPI_EXPORT OrpUvTimer *ORP_UTIL_TimerAdd(uint32_t intervalMs, uint32_t count,
+                                            ORP_TIMER_PROC callback, ORP_WORD data);
+MSGAPI_EXPORT OrpUvTimer *OrpUtilTimerAdd(uint32_t intervalMs, uint32_t count,
+                                          ORP_TIMER_PROC callback, ORP_WORD data);
+
+/* Ends the timer: it does not fire again, and the handle must not be used any more. Null is
+ * ignored. */
+MSGAPI_EXPORT void OrpUtilTimerDel(OrpUvTimer *timer);
+/* OrpUtilTimerDel on the handle (may be null), which is then set to null. Null is ignored. */
+MSGAPI_EXPORT void OrpTimerSafeDel(OrpUvTimer **timer);
+
+/*
+ * Gives the timer a new interval, the first one from now. An interval below 10 ms takes effect as
+ * 10 ms the first time and as given afterwards; 0 puts the timer to sleep until the next change.
+ * Null is ignored. The result carries no meaning.
+ */
+MSGAPI_EXPORT uint32_t OrpUtilTimerChgPeriod(OrpUvTimer *timer, uint32_t intervalMs);
+
+/*
+ * The time from `earlier` to `later`, never negative: the seconds are 0 when `later` is not in a
+ * later second, and so are the microseconds when they cannot borrow from them. A null argument:
+ * nothing happens.
+ */
+MSGAPI_EXPORT void OrpUtilTimerGetIntv(const ORP_TIME_ST *later, const ORP_TIME_ST *earlier,
+                                       ORP_TIME_ST *result);
+
+/* For timers in records of the caller: initialises one (no callback, interval 0, not started).
+ * ORP_ERR_ARGUMENT for a null timer. */
+MSGAPI_EXPORT uint32_t OrpUvTimerInit(OrpUvLoop *loop, OrpUvTimer *timer);
+/* Starts it as ORP_TIMER_AddWithName describes. ORP_ERR_ARGUMENT for a null timer. */
+MSGAPI_EXPORT uint32_t OrpUvTimerStart(OrpUvTimer *timer, uint32_t intervalMs, uint32_t count,
+                                       ORP_TIMER_PROC callback, ORP_WORD data);
+/* OrpUvWatcherDelete. A deleted timer does not fire. */
+MSGAPI_EXPORT uint32_t OrpUvTimerDelete(OrpUvTimer *timer);
+
+/* ---- Idle procedures --------------------------------------------------------------------- */
+
+typedef void (*ORP_UV_IDLE_PROC)(OrpUvIdle *watcher);
+
+struct OrpUvIdle {
+  OrpUvWatcher head;
+  ORP_UV_IDLE_PROC proc; /* called once in every iteration, before the loop waits; may be null */
+};
+
+/* Initialises an idle watcher in a record of the caller, without a procedure. ORP_ERR_ARGUMENT for
+ * a null watcher. */
+MSGAPI_EXPORT uint32_t ORP_UV_IdleInit(OrpUvLoop *loop, OrpUvIdle *watcher);
+
+/* A new, started idle watcher; null for a null procedure or without memory. */
+MSGAPI_EXPORT OrpUvIdle *ORP_UV_IdleStart(OrpUvLoop *loop, ORP_UV_IDLE_PROC proc);
+/* The same. */
+MSGAPI_EXPORT OrpUvIdle *OrpUvIdleStart(OrpUvLoop *loop, ORP_UV_IDLE_PROC proc);
+
+/*
+ * Deletes the watcher. Its procedure may still be called, in every iteration until the loop has
+ * freed the record: a procedure that must not run after this checks its own state.
+ * ORP_ERR_ARGUMENT for null.
+ */
+MSGAPI_EXPORT uint32_t OrpUvIdleStop(OrpUvIdle *watcher);
+
+/* ---- I/O watchers ------------------------------------------------------------------------ */
+
+/* Events. */
+#define ORP_UV_READABLE 1u
+#define ORP_UV_WRITABLE 2u
+#define ORP_UV_EXCEPTION 4u
+
+/* Called once for each ready event; forced events are passed as they were queued. */
+typedef void (*ORP_UV_IO_PROC)(OrpUvIo *watcher, uint32_t event);
+
+struct OrpUvIo {
+  OrpUvWatcher head;
+  int32_t fd;     /* -1 once closed or found closed */
+  uint32_t armed; /* ORP_UV_READABLE ... */
+  ORP_UV_IO_PROC callback;
+};
+
+/* Initialises an I/O watcher in a record of the caller (28 bytes or more, beginning with an
+ * OrpUvIo) on `fd`, with nothing armed and not started. The descriptor becomes the watcher's: it is
+ * closed by OrpUvIoDelete. ORP_ERR_ARGUMENT for a null watcher. */
+MSGAPI_EXPORT uint32_t OrpUvIoInit(OrpUvLoop *loop, OrpUvIo *watcher, int32_t fd,
+                                   ORP_UV_IO_PROC callback);
+
+/* Starts the watcher and arms further events; no effect when all of `events` are armed or it names
+ * none. ORP_ERR_ARGUMENT for null or a watcher without loop. */
+MSGAPI_EXPORT uint32_t OrpUvIoStart(OrpUvIo *watcher, uint32_t events);
+
+/* Disarms events; no effect when none of `events` is armed. The watcher stays started.
+ * ORP_ERR_ARGUMENT for null or a watcher without loop. */
+MSGAPI_EXPORT uint32_t OrpUvIoStop(OrpUvIo *watcher, uint32_t events);
+
+/* Disarms everything, closes the descriptor (ORP_UTIL_SocketClose) and deletes the watcher.
+ * ORP_ERR_ARGUMENT for null or a watcher without loop. */
+MSGAPI_EXPORT uint32_t OrpUvIoDelete(OrpUvIo *watcher);
+
+/*
+ * Queues a call of the watcher's callback with `events` for the next iteration, which does not wait
+ * for descriptors then. Forced events are delivered in the order of this call, and instead of the
+ * ready descriptors of that iteration. Calls made while forced events are being delivered wait for
+ * the iteration after. What is queued for a watcher dies with it.
+ *
+ * ORP_ERR_ARGUMENT for null or a watcher without loop, ORP_ERR_MEMORY.
+ */
+MSGAPI_EXPORT uint32_t OrpUvIoForcedLoop(OrpUvIo *watcher, uint32_t events);
+
+/*
+ * With `on` non-zero the dispatch pass that is under way ends when the current callback returns:
+ * for callbacks that close or replace descriptors whose ready bits may belong to others by then.
+ * ORP_ERR_ARGUMENT for null or a watcher without loop.
+ */
+MSGAPI_EXPORT uint32_t OrpUvIoSkipLoop(OrpUvIo *watcher, uint32_t on);
+
+/* The first I/O watcher of the loop on `fd`, also when it is deleted but not yet freed; or null. */
+MSGAPI_EXPORT OrpUvIo *OrpUvIoFindByFd(OrpUvLoop *loop, int32_t fd);
+
+/* ---- Message watchers -------------------------------------------------------------------- */
+
+/*
+ * A message watcher reads whole messages from a connected socket. A framed message is a header of
+ * headerSize bytes followed by as many body bytes as lengthProc says; with ORP_UV_MSG_RAW set in
+ * the status a message is what one read of up to 1024 bytes returns. A message goes to the first
+ * pending entry that it answers, otherwise to msgProc. It is freed when that procedure returns,
+ * which copies what it wants to keep. Behind the message stand at least 16 zero bytes that no
+ * length mentions.
+ *
+ * A message is read within one callback: when the rest of one does not arrive within a second of
+ * silence it is dropped, and so is one that is longer than 0x8000000 bytes or finds no memory; the
+ * stream is out of step then, which is the user's to notice. At the end of the stream the watcher
+ * stays armed but its descriptor is not waited for any more, until reading is armed anew.
+ */
+
+/* The number of body bytes behind the header. A non-zero *flag asks for completeProc. */
+typedef uint32_t (*ORP_UV_MSG_LENGTH_PROC)(struct ORP_MSG_HEADER_ST *header, uint32_t *flag);
+/* Takes a message, which stays the watcher's. */
+typedef void (*ORP_UV_MSG_PROC)(struct ORP_MSG_HEADER_ST *message);
+/* Non-zero when the message answers the pending entry with these keys. */
+typedef uint32_t (*ORP_UV_MSG_MATCH_PROC)(const struct ORP_MSG_HEADER_ST *message, uint32_t key1,
+                                          uint32_t key2);
+/*
+ * Completes a message whose body has been read. It may replace *message by another malloc'd block
+ * (having freed the old one) or free it and set null. Returns ORP_OK, or a status with which the
+ * message is dropped; what *message holds then is freed by the watcher.
+ */
+typedef uint32_t (*ORP_UV_MSG_COMPLETE_PROC)(struct ORP_MSG_HEADER_ST **message);
+/* Takes the answer to a request; with `timedOut` 1 there is none and `message` is null. */
+typedef void (*ORP_UV_MSG_ANSWER_PROC)(struct ORP_MSG_HEADER_ST *message, uint32_t timedOut,
+                                       ORP_WORD data);
+
+struct OrpUvMsg {
+  OrpUvIo io;
+  uint32_t headerSize;
+  ORP_UV_MSG_LENGTH_PROC lengthProc;
+  ORP_UV_MSG_PROC msgProc;
+  ORP_UV_MSG_MATCH_PROC matchProc;       /* null: pending entries are never answered */
+  ORP_UV_MSG_COMPLETE_PROC completeProc; /* may be null */
+  OrpUvMsgPending *pending;              /* requests that wait for their answer, oldest first */
+};
+
+/*
+ * A request that waits for its answer: a malloc'd record that the requester appends to a watcher's
+ * `pending`, with a timer of count 1 on UvMsgWatcherTimeout whose data is the entry. The entry
+ * belongs to the watcher then: it is taken out of the list and its timer is ended before answerProc
+ * is called, and it is freed when that returns. An entry outlives a watcher that is freed first and
+ * is then timed out by its timer.
+ */
+struct OrpUvMsgPending {
+  OrpUvMsgPending *link;
+  uint32_t key1; /* first word of the request's header: its type */
+  uint32_t key2; /* second word of the request's header: its sequence number */
+  ORP_WORD data;
+  ORP_UV_MSG_ANSWER_PROC answerProc;
+  OrpUvMsg *watcher; /* null once the watcher has been freed */
+  OrpUvTimer *timer; /* may be null: no time-out */
+};
+
+/*
+ * Initialises a message watcher in a malloc'd record of the caller on the connected socket `fd`,
+ * with `msgProc` (may be null) and no pending entries. headerSize, lengthProc, matchProc and
+ * completeProc are the caller's to fill in, before or after this call, which leaves them alone.
+ * ORP_ERR_ARGUMENT for a null watcher.
+ */
+MSGAPI_EXPORT uint32_t OrpUvMsgInit(OrpUvLoop *loop, OrpUvMsg *watcher, int32_t fd,
+                                    ORP_UV_MSG_PROC msgProc);
+/* OrpUvIoStart for reading. */
+MSGAPI_EXPORT uint32_t OrpUvMsgStart(OrpUvMsg *watcher);
+/* OrpUvIoDelete: closes the socket. Entries that are still pending are timed out by their timers.
+ */
+MSGAPI_EXPORT uint32_t OrpUvMsgDelete(OrpUvMsg *watcher);
+
+/* The timer procedure of a pending entry, whose address is `entry`: takes it out of its watcher's
+ * list, calls answerProc(null, 1, data) and frees the entry. 0 is ignored. */
+MSGAPI_EXPORT void UvMsgWatcherTimeout(ORP_WORD entry);
+
+#endif
