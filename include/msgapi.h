@@ -5,6 +5,7 @@
 #include "msgapi/export.h"
 #include "msgapi/log.h"
 #include "msgapi/loop.h"
+#include "msgapi/mac.h"
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
 #include "msgapi/sockbase.h"
