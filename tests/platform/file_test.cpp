@@ -25,7 +25,7 @@ std::string read_file(const char *path) {
 
 TEST(Files, AreReadAsTheyWereWritten) {
   const test::FdCheck check;
-  for (const size_t size : {0, 1, 4095, 4096, 4097, 100000}) {
+  for (const size_t size : {0u, 1u, 4095u, 4096u, 4097u, 100000u}) {
     const std::string text(size, '\x01');
     ASSERT_EQ(0u, ORP_UTIL_WriteBufToFile(kPath, text.data(), static_cast<uint32_t>(size)));
     EXPECT_EQ(text, read_file(kPath));

@@ -106,12 +106,20 @@ ORPUTIL_EXPORT const char *ORP_UTIL_GetUtcTimeWithFormat(void);
  * with "-", and made only of letters, digits and "._-/:@%+=,"; else 0. */
 ORPUTIL_EXPORT uint32_t ORP_VALID_CmdArgs(const char *text);
 /*
- * Runs a command without waiting for what it leaves running: "busybox reboot" and "reboot" are
- * printed and never executed by this host port. The command is split into words as a shell would
- * (quotes, backslash) and understands "> FILE" and ">> FILE" as its last words and a trailing "&";
- * nothing is expanded and no shell is involved. A result file is created afresh for ">" and never
- * reached through a symbolic link. Returns once the command has ended (with "&": once it has
- * started): 0, or 1 when it could not be started. `tag` and `line` name the caller.
+ * Runs a command without waiting for what it leaves running. It is split into words as
+ * ORP_UTIL_ParseArgsEx does, comments included, and understands "> FILE" or ">> FILE" behind the
+ * words and then a "&"; nothing is expanded, no shell is involved, and other shell syntax ("|",
+ * ";", "<", "2>", a second line) is refused. A result file is created afresh for ">" and never
+ * reached through a symbolic link; it exists even when the program then cannot be started. The
+ * program is looked up as by ORP_UTIL_GetExeFullPath and starts with default signals and with no
+ * descriptor but 0, 1 and 2.
+ *
+ * Returns once the command has ended (with "&": once it has started): 0, whatever its exit status,
+ * or 1 when it could not be started. The caller's other children are left alone, and a SIGCHLD
+ * handler of the caller may reap this one. `tag` and `line` name the caller.
+ *
+ * This host port prints commands that would reboot or halt the system ("reboot", "busybox reboot
+ * -f", ...) as "orputil: not run on this host: COMMAND" on standard output and never runs them.
  */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_ExecCmdNoHang(const char *tag, uint32_t line, const char *command);
 /* The same for a printf-style format; 1 when the text does not fit 1024 bytes. */
@@ -121,10 +129,13 @@ ORPUTIL_EXPORT uint32_t ORP_UTIL_VExecCmdNoHang(const char *tag, uint32_t line, 
 /*
  * Splits a command line into an argument vector as a POSIX shell splits words: blanks separate,
  * single quotes keep everything, double quotes keep everything but \" \\ \$ \`, a backslash keeps
- * the next character. Nothing is expanded. Stores a null-terminated vector in *args and its length
- * in *count; *symbols receives the parser's scratch memory. Returns 0, or 1 (and stores null) for
- * null arguments, an unfinished quote or no memory. Release *symbols with UtilFreeSymbols and
- * *args with ORP_UTIL_FreeArgs.
+ * the next character or joins two lines, and a word that begins with "#" starts a comment up to
+ * the end of the line. Nothing is expanded, and ">", "&" and the like are ordinary characters.
+ *
+ * Stores a null-terminated vector in *args and its length in *count; *symbols receives the
+ * parser's scratch memory (null in this port, which needs none). Returns 0, or 1 (and stores null)
+ * for null arguments, an unfinished quote or backslash, or no memory. Release *symbols with
+ * UtilFreeSymbols, which leaves the vector valid, and *args with ORP_UTIL_FreeArgs.
  */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_ParseArgsEx(const char *command, char ***args, uint32_t *count,
                                              void **symbols);
@@ -133,7 +144,8 @@ ORPUTIL_EXPORT void ORP_UTIL_FreeArgs(char **args);
 /*
  * The full path of `program` in `out` (`size` bytes): a name with "/" as it stands, otherwise the
  * first executable regular file of that name in an absolute directory of PATH (never the current
- * directory). 0, or 1 when there is none, it does not fit or an argument is null.
+ * directory). 0; or 1, with an empty `out`, when there is none, it does not fit or an argument is
+ * null.
  */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_GetExeFullPath(const char *program, char *out, uint32_t size);
 

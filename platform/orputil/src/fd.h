@@ -13,12 +13,12 @@ class Fd {
   Fd(Fd &&other) noexcept : fd_(other.release()) {}
   Fd(const Fd &) = delete;
   Fd &operator=(const Fd &) = delete;
-  ~Fd() {
-    if (fd_ < 0) return;
-    const int saved = errno;
-    ::close(fd_);
-    errno = saved;
+  Fd &operator=(Fd &&other) noexcept {
+    close();
+    fd_ = other.release();
+    return *this;
   }
+  ~Fd() { close(); }
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
@@ -30,6 +30,13 @@ class Fd {
   }
 
  private:
+  void close() {
+    if (fd_ < 0) return;
+    const int saved = errno;
+    ::close(fd_);
+    errno = saved;
+  }
+
   int fd_;
 };
 

@@ -1,0 +1,70 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "orputil.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+// Nothing when the text cannot be split.
+std::optional<Words> split(const char *text) {
+  char **args;
+  uint32_t count;
+  void *symbols;
+  if (ORP_UTIL_ParseArgsEx(text, &args, &count, &symbols) != 0) {
+    EXPECT_EQ(nullptr, args);
+    return std::nullopt;
+  }
+  UtilFreeSymbols(symbols);
+  Words words(args, args + count);
+  EXPECT_EQ(nullptr, args[count]);
+  ORP_UTIL_FreeArgs(args);
+  return words;
+}
+
+TEST(ParseArgs, SplitsAsAShellDoes) {
+  const struct {
+    const char *text;
+    Words words;
+  } kCases[] = {
+      {"", {}},
+      {" \t\n ", {}},
+      {"a", {"a"}},
+      {"  ls\t-l  /var ", {"ls", "-l", "/var"}},
+      {"a b c d e f g h", {"a", "b", "c", "d", "e", "f", "g", "h"}},
+      {"'a b' \"c d\" e\\ f", {"a b", "c d", "e f"}},
+      {"a'b'\"c\"\\d", {"abcd"}},
+      {"'' \"\" x", {"", "", "x"}},
+      {R"('\' "\"\\\$\`\n")", {"\\", R"("\$`\n)"}},
+      {"a\\\nb \\\n c", {"ab", "c"}},
+      {"\"a\\\nb\"", {"ab"}},
+      {"echo #brctl showmacs result: >FILE", {"echo"}},
+      {"# one\n# two\nword a#b '#c' # three", {"word", "a#b", "#c"}},
+      {"$HOME * `id` > f & ; | a&b", {"$HOME", "*", "`id`", ">", "f", "&", ";", "|", "a&b"}},
+  };
+
+  for (const auto &[text, words] : kCases) {
+    EXPECT_THAT(split(text), testing::Optional(words)) << text;
+  }
+}
+
+TEST(ParseArgs, RefusesWhatIsUnfinishedOrMissing) {
+  for (const char *text : {"'a", "a \"b", "\"a\\\"", "a\\", "\\"}) {
+    EXPECT_FALSE(split(text)) << text;
+  }
+
+  char **args;
+  uint32_t count;
+  void *symbols;
+  EXPECT_EQ(1u, ORP_UTIL_ParseArgsEx(nullptr, &args, &count, &symbols));
+  EXPECT_EQ(1u, ORP_UTIL_ParseArgsEx("a", nullptr, &count, &symbols));
+  EXPECT_EQ(1u, ORP_UTIL_ParseArgsEx("a", &args, nullptr, &symbols));
+  EXPECT_EQ(1u, ORP_UTIL_ParseArgsEx("a", &args, &count, nullptr));
+}
+
+}  // namespace
