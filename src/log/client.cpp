@@ -79,7 +79,8 @@ bool build_line(MlogMsg *message, const char *module, uint32_t level, const char
   return true;
 }
 
-void print_line(const char *module, uint32_t level, const char *format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void print_line(const char *module, uint32_t level,
+                                                      const char *format, va_list arguments) {
   const int callers_errno = errno;
   const ClientSocket socket(module);
   if (!socket) {
@@ -116,8 +117,9 @@ __attribute__((format(printf, 3, 4))) void print_formatted(const char *module, u
 }
 
 // A text that is too long is cut, and sent only when `wanted`.
-void print_cut_line(bool wanted, const char *module, uint32_t level, const char *format,
-                    va_list arguments) {
+__attribute__((format(printf, 4, 0))) void print_cut_line(bool wanted, const char *module,
+                                                          uint32_t level, const char *format,
+                                                          va_list arguments) {
   if (module == nullptr || format == nullptr) {
     std::printf("[MLOG][ERROR][%d]: input parameter is invalid\n", __LINE__);
     return;

@@ -1,0 +1,92 @@
+// A log server socket that a test reads and answers by hand.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <string>
+
+#include "msgapi/log.h"
+#include "os/fd.h"
+
+namespace test {
+
+inline sockaddr_un unix_address(const std::string &path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path));
+  return address;
+}
+
+// Binds "/var/mlog/<name>".
+inline msgapi::os::UniqueFd bind_in_ipc_path(const std::string &name) {
+  ::mkdir(MLOG_IPC_PATH, 0770);
+  const sockaddr_un address = unix_address(MLOG_IPC_PATH + name);
+  msgapi::os::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(0, ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address))
+      << std::strerror(errno);
+  return fd;
+}
+
+class FakeServer {
+ public:
+  FakeServer() : fd_(bind_in_ipc_path(MLOG_SERVER_NAME)) {}
+
+  int fd() const { return fd_.get(); }
+
+  // The next datagram, waited for when `wait`; empty when there is none.
+  std::string receive(bool wait = false) {
+    char bytes[2048];
+    sockaddr_un peer{};
+    socklen_t size = sizeof peer;
+    const ssize_t got = ::recvfrom(fd_.get(), bytes, sizeof bytes, wait ? 0 : MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr *>(&peer), &size);
+    peer_ = peer;
+    return got < 0 ? "" : std::string(bytes, static_cast<size_t>(got));
+  }
+
+  // The text of the next log line, as its payload holds it.
+  std::string line() {
+    const std::string datagram = receive();
+    if (datagram.size() < MLOG_HEAD_SIZE + 1) return "";
+    MlogMsg head{};
+    std::memcpy(&head, datagram.data(), MLOG_HEAD_SIZE);
+    EXPECT_EQ(MLOG_TYPE_LOG, head.type);
+    EXPECT_EQ(datagram.size(), MLOG_HEAD_SIZE + head.length);
+    EXPECT_EQ('\0', datagram.back());
+    return datagram.substr(MLOG_HEAD_SIZE, head.length - 1);
+  }
+
+  std::string peer_path() const { return peer_.sun_path; }
+
+  // Answers the client that sent the last datagram.
+  void reply(const std::string &bytes) {
+    ::sendto(fd_.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&peer_),
+             sizeof peer_);
+  }
+
+ private:
+  msgapi::os::UniqueFd fd_;
+  sockaddr_un peer_{};
+};
+
+// The bytes of a message with this head.
+inline std::string message_bytes(uint32_t type, uint32_t length, const std::string &payload = "") {
+  const uint32_t head[] = {type, length};
+  return std::string(reinterpret_cast<const char *>(head), sizeof head) + payload;
+}
+
+// Sends to the server through `fd` until its queue is full.
+inline void fill_queue(int fd) {
+  const sockaddr_un address = unix_address(MLOG_IPC_PATH MLOG_SERVER_NAME);
+  const std::string bytes = message_bytes(MLOG_TYPE_LOG, 0);
+  while (::sendto(fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
+                  reinterpret_cast<const sockaddr *>(&address), sizeof address) >= 0) {
+  }
+  ASSERT_EQ(EAGAIN, errno);
+}
+
+}  // namespace test

@@ -1,0 +1,389 @@
+#include <gmock/gmock.h>
+#include <linux/netlink.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "base/memory.h"
+#include "log/fake_server.h"
+#include "msgapi/log.h"
+#include "support/fd_check.h"
+
+namespace {
+
+using msgapi::os::UniqueFd;
+using std::chrono::milliseconds;
+using test::FakeServer;
+using test::message_bytes;
+
+UniqueFd open_client(const char *name) {
+  int32_t fd = -1;
+  EXPECT_EQ(0, MlogSocketOpen(name, &fd));
+  return UniqueFd(fd);
+}
+
+template <typename Call>
+milliseconds duration_of(Call call) {
+  const auto start = std::chrono::steady_clock::now();
+  call();
+  return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
+}
+
+// Interrupts the system calls of this thread every 50 ms.
+class Interruptions {
+ public:
+  Interruptions() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &action, nullptr);
+    const itimerval every{.it_interval = {0, 50000}, .it_value = {0, 50000}};
+    ::setitimer(ITIMER_REAL, &every, nullptr);
+  }
+  ~Interruptions() {
+    const itimerval never{};
+    ::setitimer(ITIMER_REAL, &never, nullptr);
+  }
+};
+
+TEST(MlogSocketOpen, CreatesTheDirectoryAndReplacesAStaleSocket) {
+  ::rmdir("/var/mlog");
+  ::umask(0);
+
+  UniqueFd first = open_client("client");
+  UniqueFd second = open_client("client");
+
+  struct stat status {};
+  EXPECT_EQ(0, ::stat("/var/mlog", &status));
+  EXPECT_EQ(0, ::stat("/var/mlog/client", &status));
+  EXPECT_EQ(mode_t{S_IFSOCK | 0660}, status.st_mode);
+  EXPECT_EQ(0, MlogSocketClose(second.release(), "client"));
+  EXPECT_NE(0, ::stat("/var/mlog/client", &status));
+}
+
+TEST(MlogSocketOpen, RefusesWhatCannotNameAClient) {
+  const FakeServer server;
+  const test::FdCheck fds;
+  int32_t fd = 0;
+
+  for (const char *name : {"", ".", "a/b", "../x", "/var/mlog/x", "mlogServer"}) {
+    EXPECT_EQ(-2, MlogSocketOpen(name, &fd)) << name;
+    EXPECT_EQ(-1, fd);
+  }
+  EXPECT_EQ(-2, MlogSocketOpen(nullptr, &fd));
+  EXPECT_EQ(-2, MlogSocketOpen("x", nullptr));
+
+  // A socket address holds 108 bytes, the NUL included.
+  EXPECT_EQ(-2, MlogSocketOpen(std::string(98, 'x').c_str(), &fd));
+  const std::string longest(97, 'x');
+  EXPECT_EQ(0, MlogSocketOpen(longest.c_str(), &fd));
+  EXPECT_EQ(0, MlogSocketClose(fd, longest.c_str()));
+}
+
+TEST(MlogSocketClose, ClosesTheDescriptorWhateverTheName) {
+  const FakeServer server;
+  const test::FdCheck fds;
+
+  for (const char *name : {static_cast<const char *>(nullptr), "a/b", "mlogServer"}) {
+    EXPECT_EQ(-2, MlogSocketClose(open_client("client").release(), name));
+  }
+  EXPECT_EQ(-2, MlogSocketClose(-1, std::string(118, 'x').c_str()));
+  EXPECT_EQ(0, ::access("/var/mlog/mlogServer", F_OK));
+  EXPECT_EQ(0, MlogSocketClose(-1, "client"));
+  EXPECT_NE(0, ::access("/var/mlog/client", F_OK));
+}
+
+TEST(MlogSendMsg, SendsHeadAndPayloadToANameOrItsPath) {
+  FakeServer server;
+  const UniqueFd client = open_client("client");
+  MlogMsg message{.type = 7, .length = 3, .payload = "abcdef"};
+
+  EXPECT_EQ(0, MlogSendMsg(client.get(), &message, "mlogServer"));
+  EXPECT_EQ(message_bytes(7, 3, "abc"), server.receive());
+  EXPECT_EQ(0, MlogSendMsg(client.get(), &message, "/var/mlog/mlogServer"));
+  EXPECT_EQ(message_bytes(7, 3, "abc"), server.receive());
+}
+
+TEST(MlogSendMsg, Failures) {
+  const FakeServer server;
+  const UniqueFd client = open_client("client");
+  MlogMsg message{};
+
+  EXPECT_EQ(-2, MlogSendMsg(-1, &message, "mlogServer"));
+  EXPECT_EQ(-2, MlogSendMsg(client.get(), nullptr, "mlogServer"));
+  EXPECT_EQ(-2, MlogSendMsg(client.get(), &message, nullptr));
+  EXPECT_EQ(-2, MlogSendMsg(client.get(), &message, "absent"));
+  EXPECT_EQ(-2, MlogSendMsg(client.get(), &message, std::string(98, 'x').c_str()));
+  message.length = MLOG_MAX_PAYLOAD + 1;
+  EXPECT_EQ(-2, MlogSendMsg(client.get(), &message, "mlogServer"));
+  message.length = UINT32_MAX;
+  EXPECT_EQ(-2, MlogSendMsg(client.get(), &message, "mlogServer"));
+}
+
+TEST(MlogSendMsg, GoesOnWhenAFullQueueGetsRoom) {
+  FakeServer server;
+  const UniqueFd client = open_client("client");
+  test::fill_queue(client.get());
+  const MlogMsg message{};
+
+  std::thread reader([&] {
+    // The sender has met the full queue once it has limited its wait.
+    timeval limit{};
+    socklen_t size = sizeof limit;
+    while (limit.tv_sec == 0 && limit.tv_usec == 0) {
+      ::getsockopt(client.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
+    }
+    while (!server.receive().empty()) {
+    }
+  });
+  const milliseconds took =
+      duration_of([&] { EXPECT_EQ(0, MlogSendMsg(client.get(), &message, "mlogServer")); });
+  reader.join();
+
+  EXPECT_LT(took, milliseconds(1500));
+}
+
+TEST(MlogSendMsg, GivesUpOnAFullQueueAfterTwoSecondsOfWaiting) {
+  const FakeServer server;
+  const UniqueFd client = open_client("client");
+  test::fill_queue(client.get());
+  const Interruptions interruptions;
+  const MlogMsg message{};
+  rusage before{};
+  rusage after{};
+
+  ::getrusage(RUSAGE_SELF, &before);
+  const milliseconds took =
+      duration_of([&] { EXPECT_EQ(-2, MlogSendMsg(client.get(), &message, "mlogServer")); });
+  ::getrusage(RUSAGE_SELF, &after);
+
+  EXPECT_GE(took, milliseconds(1990));
+  EXPECT_LT(took, milliseconds(2500));
+  EXPECT_LT(after.ru_stime.tv_sec * 1000000 + after.ru_stime.tv_usec -
+                before.ru_stime.tv_sec * 1000000 - before.ru_stime.tv_usec,
+            200000);
+}
+
+TEST(MlogRecvMsg, AcceptsAMessageWhoseLengthAgreesWithItsSize) {
+  const UniqueFd receiver = open_client("receiver");
+  const UniqueFd sender = open_client("sender");
+  const sockaddr_un address = test::unix_address("/var/mlog/receiver");
+  struct {
+    std::string bytes;
+    uint32_t capacity;
+    int32_t result;
+  } const cases[] = {
+      {message_bytes(1, 3, "abc"), 3, 0},
+      {message_bytes(1, 3, "abc"), 1016, 0},
+      {message_bytes(1, 3, "abc"), 2, -2},  // cut off
+      {message_bytes(1, 4), 1016, -2},
+      {message_bytes(1, 0xFFFFFFFF), 1016, -2},
+      {message_bytes(1, 0).substr(0, 7), 1016, -2},
+      {"", 1016, -2},
+      {message_bytes(1, 0), 0, 0},
+  };
+  for (const auto &c : cases) {
+    ::sendto(sender.get(), c.bytes.data(), c.bytes.size(), 0,
+             reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    MlogMsg message{};
+    message.length = c.capacity;
+
+    EXPECT_EQ(c.result, MlogRecvMsg(receiver.get(), &message, 1, nullptr, 0))
+        << c.bytes << ' ' << c.capacity;
+  }
+}
+
+TEST(MlogRecvMsg, StoresTheSendersPath) {
+  const UniqueFd receiver = open_client("receiver");
+  const UniqueFd sender = open_client("sender");
+  const UniqueFd unnamed(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const MlogMsg message{};
+  MlogMsg got{};
+  char path[110] = "old";
+
+  MlogSendMsg(sender.get(), &message, "receiver");
+  EXPECT_EQ(0, MlogRecvMsg(receiver.get(), &got, 1, path, sizeof path));
+  EXPECT_STREQ("/var/mlog/sender", path);
+  MlogSendMsg(unnamed.get(), &message, "receiver");
+  EXPECT_EQ(0, MlogRecvMsg(receiver.get(), &got, 1, path, sizeof path));
+  EXPECT_STREQ("", path);
+  MlogSendMsg(sender.get(), &message, "receiver");
+  EXPECT_EQ(-2, MlogRecvMsg(receiver.get(), &got, 1, path, 16));
+
+  // A path that fills the address to its last byte.
+  const std::string longest = MLOG_IPC_PATH + std::string(98, 'x');
+  const sockaddr_un address = test::unix_address(longest);
+  const UniqueFd full(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, ::bind(full.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  MlogSendMsg(full.get(), &message, "receiver");
+  EXPECT_EQ(0, MlogRecvMsg(receiver.get(), &got, 1, path, sizeof path));
+  EXPECT_EQ(longest, path);
+}
+
+TEST(MlogRecvMsg, TimesOutThoughSignalsKeepComing) {
+  const UniqueFd receiver = open_client("receiver");
+  const Interruptions interruptions;
+  MlogMsg message{};
+
+  EXPECT_EQ(-2, MlogRecvMsg(-1, &message, 1, nullptr, 0));
+  EXPECT_EQ(-2, MlogRecvMsg(receiver.get(), nullptr, 1, nullptr, 0));
+  message.length = MLOG_MAX_PAYLOAD + 1;
+  EXPECT_EQ(-2, MlogRecvMsg(receiver.get(), &message, 1, nullptr, 0));
+  message.length = 0;
+  const milliseconds took =
+      duration_of([&] { EXPECT_EQ(-2, MlogRecvMsg(receiver.get(), &message, 1, nullptr, 0)); });
+
+  EXPECT_GE(took, milliseconds(950));
+  EXPECT_LT(took, milliseconds(1900));
+}
+
+TEST(MlogRecvMsg, CapsTheTimeoutAtThirtySeconds) {
+  const UniqueFd receiver = open_client("receiver");
+  const UniqueFd sender = open_client("sender");
+  const MlogMsg message{};
+  MlogMsg got{};
+  struct {
+    uint32_t asked;
+    time_t set;
+  } const cases[] = {{60, 30}, {UINT32_MAX, 30}, {30, 30}, {7, 7}, {0, 0}};
+  for (const auto &c : cases) {
+    MlogSendMsg(sender.get(), &message, "receiver");
+    EXPECT_EQ(0, MlogRecvMsg(receiver.get(), &got, c.asked, nullptr, 0));
+    timeval limit{};
+    socklen_t size = sizeof limit;
+    ::getsockopt(receiver.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, &size);
+    EXPECT_EQ(c.set, limit.tv_sec) << c.asked;
+  }
+}
+
+TEST(MlogSendRecvMsg, ExchangesInOneBlock) {
+  FakeServer server;
+  const UniqueFd client = open_client("client");
+  MlogMsg message{.type = 4, .length = 8, .payload = "request"};
+
+  std::thread answering([&] {
+    server.receive(true);
+    server.reply(message_bytes(5, 3, "yes"));
+  });
+  EXPECT_EQ(0, MlogSendRecvMsg(client.get(), &message, &message, 2, "mlogServer"));
+  answering.join();
+
+  EXPECT_EQ(5u, message.type);
+  EXPECT_STREQ("yesuest", message.payload);
+  EXPECT_EQ(-2, MlogSendRecvMsg(-1, &message, &message, 1, "mlogServer"));
+  EXPECT_EQ(-2, MlogSendRecvMsg(client.get(), &message, nullptr, 1, "mlogServer"));
+  EXPECT_EQ(-2, MlogSendRecvMsg(client.get(), &message, &message, 1, "absent"));
+  MlogMsg reply{};
+  reply.length = 1017;
+  EXPECT_EQ(-2, MlogSendRecvMsg(client.get(), &message, &reply, 1, "mlogServer"));
+  EXPECT_EQ("", server.receive()) << "a bad capacity is seen before anything is sent";
+}
+
+// The kernel of a development machine has no log channel; a socket pair carries the same bytes.
+struct NetlinkPair {
+  NetlinkPair() {
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fds));
+    ours.reset(fds[0]);
+    kernels.reset(fds[1]);
+  }
+  UniqueFd ours;
+  UniqueFd kernels;
+};
+
+std::string netlink_bytes(uint32_t length, const std::string &payload) {
+  nlmsghdr head{};
+  head.nlmsg_len = length;
+  return std::string(reinterpret_cast<const char *>(&head), sizeof head) + payload;
+}
+
+TEST(MlogNetlinkSend, SendsAPaddedMessageOfType3) {
+  const NetlinkPair pair;
+
+  EXPECT_EQ(0, MlogNetlinkSend(pair.ours.get(), "abcde", 5));
+
+  char bytes[64];
+  ASSERT_EQ(24, ::recv(pair.kernels.get(), bytes, sizeof bytes, MSG_DONTWAIT));
+  nlmsghdr head{};
+  std::memcpy(&head, bytes, sizeof head);
+  EXPECT_EQ(21u, head.nlmsg_len);
+  EXPECT_EQ(3u, head.nlmsg_type);
+  EXPECT_EQ(0u, head.nlmsg_flags);
+  EXPECT_EQ(0u, head.nlmsg_seq);
+  EXPECT_EQ(static_cast<uint32_t>(::getpid()), head.nlmsg_pid);
+  EXPECT_EQ(std::string("abcde\0\0\0", 8), std::string(bytes + 16, 8));
+}
+
+TEST(MlogNetlinkSend, Failures) {
+  const NetlinkPair pair;
+  const UniqueFd unconnected = open_client("client");
+
+  EXPECT_EQ(-4, MlogNetlinkSend(-1, "x", 1));
+  EXPECT_EQ(-4, MlogNetlinkSend(pair.ours.get(), nullptr, 1));
+  EXPECT_EQ(-4, MlogNetlinkSend(pair.ours.get(), "x", 0));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-4, MlogNetlinkSend(pair.ours.get(), "x", UINT32_MAX));
+  EXPECT_EQ(-4, MlogNetlinkSend(unconnected.get(), "x", 1));
+  EXPECT_THAT(
+      testing::internal::GetCapturedStdout(),
+      testing::MatchesRegex("error: not host tool, but malloc 4M, return NULL, "
+                            "malloc len=4294967295\n"
+                            "\\[MLOG\\]\\[ERROR\\]\\[[0-9]+\\]: send netlink message failed\n"));
+  msgapi::fail_allocation(1);
+  EXPECT_EQ(-4, MlogNetlinkSend(pair.ours.get(), "x", 1));
+}
+
+TEST(MlogNetlinkReceive, CopiesThePayloadThatTheHeadStates) {
+  const NetlinkPair pair;
+  struct {
+    std::string bytes;
+    uint32_t size;
+    int32_t result;
+    const char *says;
+  } const cases[] = {
+      {netlink_bytes(19, "abc"), 3, 0, ""},
+      {netlink_bytes(19, "abcdefg"), 3, 0, ""},
+      {netlink_bytes(532, std::string(516, 'x')), 516, 0, ""},
+      {netlink_bytes(19, "abc"), 2, -4, "copy receive netlink message failed"},
+      {netlink_bytes(20, "abc"), 16, -4, "copy receive netlink message failed"},  // lies
+      {netlink_bytes(0xFFFFFFFF, "abc"), 0xFFFFFFFF, -4, "copy receive netlink message failed"},
+      {netlink_bytes(533, std::string(517, 'x')), 517, -4, "copy receive netlink message failed"},
+      {netlink_bytes(16, ""), 16, -4, ""},
+      {netlink_bytes(16, "abc"), 16, -4, ""},
+      {"short", 16, -4, ""},
+  };
+  for (const auto &c : cases) {
+    ::send(pair.kernels.get(), c.bytes.data(), c.bytes.size(), 0);
+    char out[520] = "";
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(c.result, MlogNetlinkReceive(pair.ours.get(), out, c.size)) << c.bytes;
+
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr(c.says));
+    if (c.result == 0) {
+      EXPECT_EQ(0, std::memcmp(out, c.bytes.data() + 16, c.size));
+    }
+  }
+  char out[4];
+  EXPECT_EQ(-4, MlogNetlinkReceive(-1, out, 4));
+  EXPECT_EQ(-4, MlogNetlinkReceive(pair.ours.get(), nullptr, 4));
+  EXPECT_EQ(-4, MlogNetlinkReceive(pair.ours.get(), out, 0));
+}
+
+TEST(MlogNetlinkOpen, SaysWhenTheKernelHasNoLogChannel) {
+  const test::FdCheck fds;
+  int32_t fd = 0;
+  testing::internal::CaptureStdout();
+
+  EXPECT_EQ(-4, MlogNetlinkOpen(nullptr));
+  EXPECT_EQ(-4, MlogNetlinkOpen(&fd));
+
+  EXPECT_EQ(-1, fd);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::HasSubstr(": create netlink socket failed\n"));
+}
+
+}  // namespace
