@@ -2,12 +2,15 @@
 #ifndef MSGAPI_H
 #define MSGAPI_H
 
+#include "msgapi/dmmsg.h"
+#include "msgapi/event.h"
 #include "msgapi/export.h"
 #include "msgapi/log.h"
 #include "msgapi/loop.h"
 #include "msgapi/mac.h"
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
+#include "msgapi/nvpair.h"
 #include "msgapi/sockbase.h"
 #include "msgapi/status.h"
 #include "msgapi/time.h"

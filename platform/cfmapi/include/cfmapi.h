@@ -36,14 +36,13 @@
 
 /* Statuses. Unless a function says otherwise, outputs are untouched after any but CFM_OK. */
 #define CFM_OK 0u
-#define CFM_ERR_ARGUMENT 0x30000u  /* a null pointer, or an instance number of 0 */
-#define CFM_ERR_NOT_FOUND 0x30001u /* no such identifier, instance or item */
-#define CFM_ERR_TOO_SMALL 0x30002u /* the caller's buffer does not hold the value */
-#define CFM_ERR_TYPE 0x30003u      /* the value is not of the identifier's type */
-#define CFM_ERR_DAMAGED 0x30004u   /* the database, or an image of it, is damaged or foreign */
-#define CFM_ERR_BUSY 0x30005u      /* another writer did not finish in CFM_BUSY_TIMEOUT_MS */
-#define CFM_ERR_UNAVAILABLE \
-  0x30006u /* there is no store, or it cannot be opened, read or written */
+#define CFM_ERR_ARGUMENT 0x30000u    /* a null pointer, or an instance number of 0 */
+#define CFM_ERR_NOT_FOUND 0x30001u   /* no such identifier, instance or item */
+#define CFM_ERR_TOO_SMALL 0x30002u   /* the caller's buffer does not hold the value */
+#define CFM_ERR_TYPE 0x30003u        /* the value is not of the identifier's type */
+#define CFM_ERR_DAMAGED 0x30004u     /* the database, or an image of it, is damaged or foreign */
+#define CFM_ERR_BUSY 0x30005u        /* another writer did not finish in CFM_BUSY_TIMEOUT_MS */
+#define CFM_ERR_UNAVAILABLE 0x30006u /* no store, or no access to it */
 #define CFM_ERR_MEMORY 0x30007u
 #define CFM_ERR_TOO_LONG 0x30008u /* the value is longer than its identifier allows */
 #define CFM_ERR_VERSION 0x3000Au  /* the store was made by a newer release */
@@ -85,10 +84,9 @@ CFMAPI_EXPORT uint32_t ORP_DBGetPara(const ORP_DB_KEY_ST *key, uint32_t para, vo
  * Stores a parameter that is defined already: of the instance `key`, or of the whole device with a
  * null key.
  *
- * `value` has `size` bytes: exactly 4 for a number; for a text at least one, and it ends at the
- * first NUL within them or at their end; for a bytes value all of them. When the call returns,
- * every other process reads the new value; power may be lost safely once the store was saved
- * (CFM_StoreSave).
+ * `value` has `size` bytes: exactly 4 for a number; a text ends at the first NUL within them or at
+ * their end; a bytes value is all of them. When the call returns, every other process reads the
+ * new value; it survives a loss of power once the store was saved (CFM_StoreSave).
  *
  * Returns what ORP_DBGetPara returns without CFM_ERR_TOO_SMALL, and CFM_ERR_TYPE (a number that is
  * not 4 bytes long) or CFM_ERR_TOO_LONG.
