@@ -11,6 +11,7 @@
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
 #include "msgapi/nvpair.h"
+#include "msgapi/path.h"
 #include "msgapi/sockbase.h"
 #include "msgapi/status.h"
 #include "msgapi/time.h"

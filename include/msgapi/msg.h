@@ -21,6 +21,7 @@
 #include "msgapi/export.h"
 #include "msgapi/status.h"
 
+struct OrpUvMsg;
 struct sockaddr;
 
 /* ---- The message header ------------------------------------------------------------------ */
@@ -96,9 +97,9 @@ typedef struct ORP_MSG_CTX_ST {
   int32_t slTraceFd;               /* the descriptor under it; -1 without one */
   ORP_MSG_QUEUE_NODE_ST *pstQueue; /* messages put aside by synchronous waits */
   uint32_t ulReserved2;
-  uint32_t ulFlags;  /* ORP_MSG_CTX_* */
-  void *pstWatcher;  /* the loop's message watcher, made by ORP_MSG_Init */
-  uint32_t ulSeqNum; /* the last sequence number handed out */
+  uint32_t ulFlags;            /* ORP_MSG_CTX_* */
+  struct OrpUvMsg *pstWatcher; /* the loop's message watcher, made by ORP_MSG_Init */
+  uint32_t ulSeqNum;           /* the last sequence number handed out */
 } ORP_MSG_CTX_ST;
 
 #define ORP_MSG_CTX_SWAP 0x2u           /* headers travel byte-swapped */
@@ -296,12 +297,12 @@ MSGAPI_EXPORT uint32_t ORP_MSG_UnSubscribeEventForOtherApp(uint32_t event, const
  *
  * On failure *messageOut is null and the stream may be out of step: give the connection up.
  * Returns ORP_OK;
- *   ORP_ERR_ARGUMENT  negative descriptor, null messageOut, a body file whose path is not allowed,
- *                     that is no regular file or is longer than ORP_MSG_MAX_BODY
- *   ORP_ERR_PEER_GONE the peer closed the connection
- *   ORP_ERR_TIMEOUT   nothing came in time, or the descriptor is not open
- *   ORP_ERR_MEMORY    no memory, or a body longer than ORP_MSG_MAX_BODY (it is not read)
- *   ORP_ERR_SYSTEM    a read failed, or fewer than 40 bytes came as a header
+ *   ORP_ERR_ARGUMENT  negative descriptor, null messageOut, a body file whose path is not allowed
+ * or that is longer than ORP_MSG_MAX_BODY (it is deleted) ORP_ERR_PEER_GONE the peer closed the
+ * connection ORP_ERR_TIMEOUT   nothing came in time, or the descriptor is not open ORP_ERR_MEMORY
+ * no memory, or a body longer than ORP_MSG_MAX_BODY (it is not read) ORP_ERR_SYSTEM    a read
+ * failed, fewer than 40 bytes came as a header, or the body file cannot be read or is no regular
+ * file
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_ReceiveWithEndian(int32_t descriptor, ORP_MSG_HEADER_ST **messageOut,
                                                  uint32_t timeoutMs, uint32_t convert);

@@ -1,0 +1,37 @@
+// The process's message context: one connection, one name, one sequence counter.
+//
+// g_stMsgCtx is part of the interface and read by other programs of the platform, so it is the
+// state itself and not a view of it. Used on the thread that owns the connection.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "base/text.h"
+#include "msgapi/msg.h"
+
+namespace msgapi::msg {
+
+// The first number is 1; the counter wraps.
+uint32_t next_sequence_number();
+
+inline std::string_view own_name() {
+  return field_text(g_stMsgCtx.aucAppName);
+}
+
+// Also keeps g_appName, which the layers below show, equal to it.
+void set_own_name(std::string_view name);
+
+inline bool headers_swapped() {
+  return (g_stMsgCtx.ulFlags & ORP_MSG_CTX_SWAP) != 0;
+}
+
+// The board number of what this process sends.
+inline uint32_t send_board() {
+  return g_stMsgCtx.ulFlags >> ORP_MSG_CTX_SEND_BOARD_SHIFT & 7;
+}
+
+// Clears everything but the socket, which becomes -1. Closes nothing but the trace stream.
+void clear_context();
+
+}  // namespace msgapi::msg
