@@ -1,0 +1,138 @@
+#include "common/event_loop.h"
+
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace servers {
+namespace {
+
+int checked(int result, const char *what) {
+  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+  return result;
+}
+
+}  // namespace
+
+EventLoop::EventLoop()
+    : epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
+      timer_fd_(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK),
+                        "timerfd_create")) {
+  ::sigemptyset(&signals_);
+  signal_fd_.reset(checked(::signalfd(-1, &signals_, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd"));
+  signal_watch_.loop = this;
+  timer_watch_.loop = this;
+  add(signal_fd_.get(), EPOLLIN, &signal_watch_);
+  add(timer_fd_.get(), EPOLLIN, &timer_watch_);
+}
+
+void EventLoop::add(int fd, uint32_t events, Watch *watch) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = watch;
+  checked(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
+}
+
+void EventLoop::change(int fd, uint32_t events, Watch *watch) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = watch;
+  checked(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event), "epoll_ctl");
+}
+
+void EventLoop::remove(int fd, Watch *watch) {
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+  for (int i = 0; i < event_count_; ++i) {
+    if (events_[static_cast<size_t>(i)].data.ptr == watch) {
+      events_[static_cast<size_t>(i)].data.ptr = nullptr;
+    }
+  }
+}
+
+EventLoop::TimerId EventLoop::after(std::chrono::milliseconds delay, Procedure procedure) {
+  const TimerId id = ++last_timer_;
+  const Clock::time_point due = Clock::now() + delay;
+  due_.emplace(id, due);
+  timers_.emplace(std::pair(due, id), std::move(procedure));
+  if (timers_.begin()->first.second == id) arm_timer();
+  return id;
+}
+
+void EventLoop::cancel(TimerId timer) {
+  const auto entry = due_.find(timer);
+  if (entry == due_.end()) return;
+  timers_.erase({entry->second, timer});
+  due_.erase(entry);
+  // The timerfd may now fire early for nothing, which run_due_timers() puts right.
+}
+
+void EventLoop::arm_timer() {
+  itimerspec setting{};
+  if (!timers_.empty()) {
+    const auto due = timers_.begin()->first.first.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(due);
+    setting.it_value.tv_sec = seconds.count();
+    setting.it_value.tv_nsec = std::chrono::nanoseconds(due - seconds).count();
+  }
+  checked(::timerfd_settime(timer_fd_.get(), TFD_TIMER_ABSTIME, &setting, nullptr),
+          "timerfd_settime");
+}
+
+void EventLoop::run_due_timers() {
+  const Clock::time_point now = Clock::now();
+  const TimerId newest = last_timer_;  // timers that a procedure starts wait for the next turn
+  while (!timers_.empty()) {
+    const auto first = timers_.begin();
+    if (first->first.first > now || first->first.second > newest) break;
+    const Procedure procedure = std::move(first->second);
+    due_.erase(first->first.second);
+    timers_.erase(first);
+    procedure();
+  }
+  arm_timer();
+}
+
+void EventLoop::TimerWatch::ready(uint32_t) {
+  uint64_t expirations;
+  if (::read(loop->timer_fd_.get(), &expirations, sizeof expirations) > 0) loop->run_due_timers();
+}
+
+void EventLoop::SignalWatch::ready(uint32_t) {
+  signalfd_siginfo info;
+  while (::read(loop->signal_fd_.get(), &info, sizeof info) == sizeof info) {
+    const auto entry = loop->signal_procedures_.find(static_cast<int>(info.ssi_signo));
+    if (entry != loop->signal_procedures_.end()) entry->second();
+  }
+}
+
+void EventLoop::on_signal(int signal, Procedure procedure) {
+  signal_procedures_[signal] = std::move(procedure);
+  ::sigaddset(&signals_, signal);
+  checked(::sigprocmask(SIG_BLOCK, &signals_, nullptr), "sigprocmask");
+  checked(::signalfd(signal_fd_.get(), &signals_, 0), "signalfd");
+}
+
+void EventLoop::run() {
+  stopped_ = false;
+  while (!stopped_) turn(-1);
+}
+
+void EventLoop::turn(int timeout_ms) {
+  const int count =
+      ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout_ms);
+  if (count < 0) {
+    if (errno == EINTR) return;
+    checked(count, "epoll_wait");
+  }
+  event_count_ = count;
+  for (int i = 0; i < event_count_; ++i) {
+    const epoll_event &event = events_[static_cast<size_t>(i)];
+    if (event.data.ptr != nullptr) static_cast<Watch *>(event.data.ptr)->ready(event.events);
+  }
+  event_count_ = 0;
+  retired_.clear();
+}
+
+}  // namespace servers

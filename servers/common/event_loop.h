@@ -1,0 +1,92 @@
+// The servers' event loop: descriptors through epoll, signals through a signalfd, timers through
+// one timerfd. One thread; every callback may add and remove anything, itself included.
+#pragma once
+
+#include <signal.h>
+#include <sys/epoll.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "common/unique_fd.h"
+
+namespace servers {
+
+class EventLoop {
+ public:
+  // What is told when a descriptor is ready.
+  class Watch {
+   public:
+    virtual ~Watch() = default;
+    // `events` are those of epoll: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
+    virtual void ready(uint32_t events) = 0;
+  };
+  using Clock = std::chrono::steady_clock;
+  using Procedure = std::function<void()>;
+  // Names a timer; never 0 and never used twice.
+  using TimerId = uint64_t;
+
+  EventLoop();  // throws std::system_error
+
+  // `watch` must outlive its registration. Level-triggered.
+  void add(int fd, uint32_t events, Watch *watch);
+  void change(int fd, uint32_t events, Watch *watch);
+  // After this `watch` is not called again, not even for events of the running turn.
+  void remove(int fd, Watch *watch);
+
+  // Keeps `object` until the callbacks of the running turn have returned.
+  template <typename T>
+  void retire(std::unique_ptr<T> object) {
+    retired_.push_back(std::shared_ptr<void>(std::move(object)));
+  }
+
+  // Calls `procedure` once, `delay` from now. Cancelling a timer that has run does nothing.
+  TimerId after(std::chrono::milliseconds delay, Procedure procedure);
+  void cancel(TimerId timer);
+
+  // Blocks `signal` for the process and calls `procedure` from the loop when it arrives. Children
+  // inherit the blocked signals and must unblock them.
+  void on_signal(int signal, Procedure procedure);
+
+  // Turns until stop() is called.
+  void run();
+  void stop() { stopped_ = true; }
+  // Waits up to `timeout_ms` (-1: for ever) for events and handles what is there.
+  void turn(int timeout_ms);
+
+ private:
+  struct SignalWatch final : Watch {
+    EventLoop *loop = nullptr;
+    void ready(uint32_t events) override;
+  };
+  struct TimerWatch final : Watch {
+    EventLoop *loop = nullptr;
+    void ready(uint32_t events) override;
+  };
+
+  void arm_timer();
+  void run_due_timers();
+
+  UniqueFd epoll_;
+  UniqueFd timer_fd_;
+  UniqueFd signal_fd_;
+  SignalWatch signal_watch_;
+  TimerWatch timer_watch_;
+  sigset_t signals_{};
+  std::map<int, Procedure> signal_procedures_;
+  std::map<std::pair<Clock::time_point, TimerId>, Procedure> timers_;
+  std::map<TimerId, Clock::time_point> due_;
+  TimerId last_timer_ = 0;
+  std::array<epoll_event, 64> events_{};
+  int event_count_ = 0;
+  std::vector<std::shared_ptr<void>> retired_;
+  bool stopped_ = false;
+};
+
+}  // namespace servers

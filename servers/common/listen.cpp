@@ -1,0 +1,136 @@
+#include "common/listen.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include "common/log_line.h"
+
+namespace servers {
+namespace {
+
+[[noreturn]] void refuse(const std::string &where, const std::string &why) {
+  throw std::runtime_error("cannot listen on " + where + ": " + why);
+}
+
+UniqueFd stream_socket(int family, const std::string &where) {
+  UniqueFd fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd) refuse(where, std::strerror(errno));
+  return fd;
+}
+
+void start_listening(int fd, const std::string &where) {
+  if (::listen(fd, SOMAXCONN) != 0) refuse(where, std::strerror(errno));
+}
+
+bool somebody_listens(const sockaddr_un &address) {
+  const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!probe) return false;
+  // A full backlog (EAGAIN) is a living server, too.
+  return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) ==
+             0 ||
+         errno == EAGAIN;
+}
+
+}  // namespace
+
+UniqueFd listen_unix(const std::string &path, mode_t mode) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path) refuse(path, "the path is too long");
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+
+  struct stat found {};
+  if (::lstat(path.c_str(), &found) == 0) {
+    if (!S_ISSOCK(found.st_mode)) refuse(path, "there is a file that is no socket");
+    if (somebody_listens(address)) refuse(path, "a server is running there");
+    ::unlink(path.c_str());
+  }
+
+  UniqueFd fd = stream_socket(AF_UNIX, path);
+  const mode_t before = ::umask(~mode & 0777);
+  const int bound = ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+  const int reason = errno;
+  ::umask(before);
+  if (bound != 0) refuse(path, std::strerror(reason));
+  start_listening(fd.get(), path);
+  return fd;
+}
+
+UniqueFd listen_tcp(const std::string &address_and_port) {
+  const size_t colon = address_and_port.rfind(':');
+  if (colon == std::string::npos) refuse(address_and_port, "it is not ADDRESS:PORT");
+  std::string address = address_and_port.substr(0, colon);
+  const std::string port = address_and_port.substr(colon + 1);
+  if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
+    address = address.substr(1, address.size() - 2);
+  }
+
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
+  addrinfo *found = nullptr;
+  const int failure = ::getaddrinfo(address.c_str(), port.c_str(), &hints, &found);
+  if (failure != 0) refuse(address_and_port, ::gai_strerror(failure));
+  const std::unique_ptr<addrinfo, void (*)(addrinfo *)> owner(found, ::freeaddrinfo);
+
+  UniqueFd fd = stream_socket(found->ai_family, address_and_port);
+  const int on = 1;
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (::bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0) {
+    refuse(address_and_port, std::strerror(errno));
+  }
+  start_listening(fd.get(), address_and_port);
+  return fd;
+}
+
+Acceptor::Acceptor(UniqueFd listener)
+    : listener_(std::move(listener)), spare_(::open("/dev/null", O_RDONLY | O_CLOEXEC)) {}
+
+UniqueFd Acceptor::accept() {
+  for (;;) {
+    UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (fd || (errno != EMFILE && errno != ENFILE)) {
+      if (fd || errno != EINTR) return fd;
+      continue;
+    }
+    log_line("a connection is refused: {}", std::strerror(errno));
+    spare_.reset();
+    UniqueFd refused(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    refused.reset();
+    spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    return {};
+  }
+}
+
+pid_t peer_pid(int fd) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return 0;
+  return credentials.pid;
+}
+
+std::string peer_address(int fd) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (::getpeername(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) return {};
+  if (address.ss_family != AF_INET && address.ss_family != AF_INET6) return {};
+  char host[NI_MAXHOST];
+  char port[NI_MAXSERV];
+  if (::getnameinfo(reinterpret_cast<sockaddr *>(&address), size, host, sizeof host, port,
+                    sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+    return {};
+  }
+  return address.ss_family == AF_INET6 ? fmt::format("[{}]:{}", host, port)
+                                       : fmt::format("{}:{}", host, port);
+}
+
+}  // namespace servers

@@ -1,0 +1,40 @@
+// Listening sockets, and who is at the other end of a connection.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "common/unique_fd.h"
+
+namespace servers {
+
+// A non-blocking listening stream socket at `path`, with exactly the permissions `mode` from the
+// moment it exists. A socket that a dead server left is replaced; a living server's is not. Throws
+// std::runtime_error with a text for the user.
+UniqueFd listen_unix(const std::string &path, mode_t mode);
+
+// The same on "ADDRESS:PORT" (a numeric IPv4 address, or "[ADDRESS]:PORT" for IPv6).
+UniqueFd listen_tcp(const std::string &address_and_port);
+
+// Accepts connections from a listening socket; never leaves one pending for want of descriptors.
+class Acceptor {
+ public:
+  explicit Acceptor(UniqueFd listener);
+
+  int fd() const { return listener_.get(); }
+  // The next connection, non-blocking and close-on-exec, or none when nobody waits. When the
+  // process has no descriptor left, the connection is closed at once and a line is logged.
+  UniqueFd accept();
+
+ private:
+  UniqueFd listener_;
+  UniqueFd spare_;  // given up for a moment to close a connection that cannot be served
+};
+
+// The process at the other end of a Unix connection, as it was when it connected; 0 if unknown.
+pid_t peer_pid(int fd);
+// "ADDRESS:PORT" of the other end of a TCP connection, empty for another kind.
+std::string peer_address(int fd);
+
+}  // namespace servers

@@ -1,0 +1,25 @@
+// The servers' log: one line on standard error for each event worth reading.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace servers {
+
+// The program's name, which begins every line behind the time stamp.
+void set_log_name(std::string_view name);
+
+// Writes one line. Control characters in it (names come from clients) are shown as "?". Never
+// blocks: a line that standard error does not take at once is dropped and counted, and the next
+// line that gets through says how many were.
+void write_log_line(std::string_view text);
+
+template <typename... Arguments>
+void log_line(fmt::format_string<Arguments...> format, Arguments &&...arguments) {
+  write_log_line(fmt::format(format, std::forward<Arguments>(arguments)...));
+}
+
+}  // namespace servers

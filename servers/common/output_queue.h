@@ -1,0 +1,103 @@
+// What waits to be written to one client's socket: whole frames, frames that are still arriving
+// from somebody else (streams), and descriptors.
+//
+// Frames go out in the order in which they were sent or their stream was opened, never interleaved.
+// A write never ends inside the first `chunk` bytes of a frame unless it ends the frame: on a Unix
+// socket the kernel takes such a write whole or not at all, so a reader that asks for a frame's
+// head with a single read gets all of it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "common/unique_fd.h"
+
+namespace servers {
+
+class OutputQueue {
+ public:
+  // Travels with a frame and comes back when the frame is lost: whom to tell, and what. The queue
+  // does not look inside.
+  struct Tag {
+    uint32_t origin;
+    uint32_t what;
+  };
+  struct Frame {
+    const char *data;
+    size_t size;
+    Tag tag;
+  };
+  struct Stream;
+
+  // Every queued frame weighs its bytes and this much.
+  static constexpr size_t kFrameWeight = 64;
+  // The longest write that a Unix socket takes in one piece.
+  static constexpr size_t kChunk = 32768;
+
+  // For the connected, non-blocking stream socket `fd`, which stays the caller's. A frame that
+  // would raise the weight above `limit` is refused.
+  OutputQueue(int fd, size_t limit);
+  ~OutputQueue();
+
+  // Writes what the socket takes now and keeps the rest. The tags of frames that were refused,
+  // for lack of room or because the connection is broken, are appended to *refused.
+  void send(std::span<const Frame> frames, std::vector<Tag> *refused);
+
+  // Queues a descriptor that travels with two zero bytes in a write of its own. False when refused.
+  bool send_descriptor(UniqueFd fd, Tag tag);
+
+  // Begins a frame of which `begin` is there and `to_come` (not 0) more bytes will follow. Null
+  // when refused. The queue owns the stream; the handle is valid until the last byte has been
+  // given to extend(), give_up() is called, or the queue is gone.
+  Stream *open_stream(std::span<const char> begin, uint64_t to_come, Tag tag);
+  // At most as many bytes as are still to come.
+  void extend(Stream *stream, std::span<const char> bytes);
+  // The rest will not come. A frame of which nothing has been written is taken back (true);
+  // otherwise its rest is filled with zero bytes, so that the reader stays in step (false).
+  bool give_up(Stream *stream);
+
+  // Writes what the socket takes; called when it has become writable.
+  void flush();
+
+  // Bytes are there that the socket did not take: wait until it is writable, then flush().
+  bool blocked() const;
+  // The reader is gone; nothing more will be written.
+  bool broken() const { return broken_; }
+  bool empty() const { return chunks_.empty(); }
+  size_t weight() const { return weight_; }
+  size_t limit() const { return limit_; }
+  // Since the beginning, as the socket took them.
+  uint64_t frames_written() const { return frames_written_; }
+  uint64_t bytes_written() const { return bytes_written_; }
+
+  // Empties the queue: the tags of all frames that have not been written to their end. Open
+  // streams are gone without a tag.
+  std::vector<Tag> take_unwritten();
+
+ private:
+  struct Chunk;
+  using Chunks = std::list<Chunk>;
+
+  size_t write_directly(std::span<const Frame> frames, size_t *offset);
+  void append(std::span<const char> bytes, Tag tag);
+  Chunk &add_chunk(Chunks::const_iterator before, size_t capacity);
+  size_t front_piece(Chunk &chunk);
+  bool fits(size_t size) const { return weight_ + size + kFrameWeight <= limit_; }
+  void finish(Stream *stream);
+
+  int fd_;
+  size_t limit_;
+  size_t chunk_size_;  // kChunk, or less if the socket's buffer is small
+  Chunks chunks_;
+  std::list<Stream> streams_;
+  size_t weight_ = 0;
+  uint64_t frames_written_ = 0;
+  uint64_t bytes_written_ = 0;
+  bool broken_ = false;
+};
+
+}  // namespace servers
