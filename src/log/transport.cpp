@@ -122,7 +122,8 @@ int32_t receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<
     const size_t path_size = std::clamp<size_t>(peer_size, kPathStart, sizeof peer) - kPathStart;
     if (!copy_exact(peer_name, field_text({peer.sun_path, path_size}))) return MLOG_ERR_SOCKET;
   }
-  return size >= ssize_t{MLOG_HEAD_SIZE} && message->length == size - ssize_t{MLOG_HEAD_SIZE}
+  return size >= ssize_t{MLOG_HEAD_SIZE} &&
+                 message->length == static_cast<size_t>(size) - MLOG_HEAD_SIZE
              ? 0
              : MLOG_ERR_SOCKET;
 }

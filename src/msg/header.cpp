@@ -107,7 +107,7 @@ extern "C" void *ORP_MSG_GetMsgByHeader(ORP_MSG_HEADER_ST *header) {
 extern "C" ORP_MSG_HEADER_ST *ORP_MSG_Duplicate(const ORP_MSG_HEADER_ST *message) {
   if (message == nullptr || message->ulDataLen > kMaxDuplicateBody) return nullptr;
   Owned<Header> copy = allocate_message(message->ulDataLen);
-  if (copy) std::memcpy(copy.get(), message, block_size(*message));
+  if (copy) std::memcpy(copy.get(), message, static_cast<size_t>(block_size(*message)));
   return copy.release();
 }
 
