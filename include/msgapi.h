@@ -10,6 +10,7 @@
 #include "msgapi/mac.h"
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
+#include "msgapi/notify.h"
 #include "msgapi/nvpair.h"
 #include "msgapi/path.h"
 #include "msgapi/sockbase.h"
