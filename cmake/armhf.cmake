@@ -8,7 +8,7 @@ cmake_path(NORMAL_PATH sysroot)
 
 set(CMAKE_C_COMPILER ${triple}-gcc)
 set(CMAKE_CXX_COMPILER ${triple}-g++)
-set(CMAKE_C_FLAGS_INIT "-march=armv7-a+vfpv3-d16 -mfloat-abi=hard -mthumb -isystem ${sysroot}/usr/include -isystem ${sysroot}/usr/include/${triple}")
+set(CMAKE_C_FLAGS_INIT "-march=armv7-a+vfpv3-d16 -mfloat-abi=hard -mthumb -Wno-psabi -isystem ${sysroot}/usr/include -isystem ${sysroot}/usr/include/${triple}")
 set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT}")
 set(linker_flags "-L${sysroot}/usr/lib/${triple} -Wl,-rpath-link,${sysroot}/usr/lib/${triple}:${sysroot}/lib/${triple}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${linker_flags}")
