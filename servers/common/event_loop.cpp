@@ -73,8 +73,8 @@ void EventLoop::arm_timer() {
   if (!timers_.empty()) {
     const auto due = timers_.begin()->first.first.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(due);
-    setting.it_value.tv_sec = seconds.count();
-    setting.it_value.tv_nsec = std::chrono::nanoseconds(due - seconds).count();
+    setting.it_value.tv_sec = static_cast<time_t>(seconds.count());
+    setting.it_value.tv_nsec = static_cast<long>(std::chrono::nanoseconds(due - seconds).count());
   }
   checked(::timerfd_settime(timer_fd_.get(), TFD_TIMER_ABSTIME, &setting, nullptr),
           "timerfd_settime");

@@ -252,7 +252,7 @@ bool OutputQueue::give_up(Stream *stream) {
     stream->last->frames.clear();
     weight_ -= kFrameWeight;
     Chunk &zeros = *chunks_.emplace(std::next(stream->last));
-    zeros.size = stream->to_come;
+    zeros.size = static_cast<size_t>(stream->to_come);
     finish(stream);
   } else {
     for (auto chunk = chunks_.begin(); chunk != chunks_.end();) {
