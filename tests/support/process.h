@@ -1,0 +1,45 @@
+// Runs one of the project's programs next to a test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace test {
+
+class Process {
+ public:
+  // Starts the program `name` of the build with its output and errors captured.
+  explicit Process(const std::string &name, const std::vector<std::string> &arguments = {});
+  Process(const Process &) = delete;
+  Process &operator=(const Process &) = delete;
+  // Kills the program if it is still running.
+  ~Process();
+
+  pid_t pid() const { return pid_; }
+
+  // Reads on until the output holds `text` somewhere behind the last text that was waited for;
+  // false when the program ends first or takes longer than 10 seconds.
+  bool wait_for(const std::string &text);
+
+  // Waits for the end of the program: its exit status, or 128 and the number of the signal that
+  // ended it; -1 when it takes longer than 10 seconds.
+  int wait();
+
+  // Sends `signal` and waits for the end.
+  int stop(int signal);
+
+  // What has been read so far.
+  const std::string &output() const { return output_; }
+
+ private:
+  bool read_more(int timeout_ms);
+
+  pid_t pid_ = -1;
+  int output_fd_ = -1;
+  std::string output_;
+  size_t seen_ = 0;
+};
+
+}  // namespace test
