@@ -19,6 +19,9 @@ namespace {
 constexpr int kCurrent = 0;
 constexpr int kDefault = 1;
 
+// No SQLite database is smaller.
+constexpr uint32_t kSmallestPage = 512;
+
 uint32_t check_value(const CFM_VALUE &value) {
   const bool in_object = value.object != 0;
   if (value.data == nullptr || value.area > CFM_AREA_EQUIPMENT || value.type > CFM_TYPE_BYTES ||
@@ -207,6 +210,7 @@ uint32_t check_tables(sqlite3 *db) {
 // Opens a copy of the image in `scratch` and verifies everything about it.
 uint32_t open_image(const Scratch &scratch, const void *image, uint32_t size) {
   if (scratch.db() == nullptr) return CFM_ERR_MEMORY;
+  if (size < kSmallestPage) return CFM_ERR_DAMAGED;
   // SQLite takes over the copy, also when the call fails.
   auto *copy = static_cast<unsigned char *>(sqlite3_malloc64(size));
   if (copy == nullptr) return CFM_ERR_MEMORY;

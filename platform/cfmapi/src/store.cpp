@@ -50,7 +50,9 @@ void install_fork_handlers() {
 class CreationLock {
  public:
   CreationLock() {
-    ::mkdir(CFM_STORE_DIRECTORY, kDirectoryMode);
+    if (::mkdir(CFM_STORE_DIRECTORY, kDirectoryMode) == 0) {
+      ::chmod(CFM_STORE_DIRECTORY, kDirectoryMode);
+    }
     fd_ = ::open(CFM_STORE_DIRECTORY, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd_ >= 0) ::flock(fd_, LOCK_EX);
   }

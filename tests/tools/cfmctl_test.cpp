@@ -1,0 +1,129 @@
+// cfmctl as a user runs it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+namespace {
+
+using testing::HasSubstr;
+
+struct Outcome {
+  int status;
+  std::string output;  // both streams
+};
+
+Outcome cfmctl(const std::string &arguments) {
+  const std::string command =
+      std::string(std::getenv("MSGAPI_BIN")) + "/cfmctl " + arguments + " 2>&1";
+  FILE *pipe = ::popen(command.c_str(), "r");
+  Outcome outcome;
+  char chunk[4096];
+  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+    outcome.output.append(chunk, n);
+  outcome.status = WEXITSTATUS(::pclose(pipe));
+  return outcome;
+}
+
+std::string output_of(const std::string &arguments) {
+  const Outcome outcome = cfmctl(arguments);
+  EXPECT_EQ(0, outcome.status) << arguments << "\n" << outcome.output;
+  return outcome.output;
+}
+
+void write_file(const char *path, const std::string &text) {
+  std::ofstream(path) << text;
+}
+
+constexpr char kDefaults[] = MSGAPI_SOURCE "/tools/cfmctl/defaults.json";
+
+TEST(Cfmctl, SeedsReadsChangesAndResets) {
+  output_of("import --defaults " + std::string(kDefaults));
+
+  EXPECT_EQ("3\n", output_of("get 0x61A11703"));
+  output_of("set 1637947139 7");  // the same identifier
+  EXPECT_EQ("7\n", output_of("get 0x61A11703"));
+  output_of("set 0xA8622400/2/0x40A22401 root");
+  output_of("set app/271 01");
+  EXPECT_EQ("root\n", output_of("get 0xA8622400/2/0x40A22401"));
+  EXPECT_EQ("01\n", output_of("get app/271"));
+  EXPECT_EQ("host 1.0.0\n", output_of("get equip/0x80000337"));
+  output_of("remove 0xA8622400/1/0");
+  EXPECT_EQ("0xA8622400/2\n", output_of("objects"));
+
+  output_of("reset");
+
+  EXPECT_EQ("3\n", output_of("get 0x61A11703"));
+  EXPECT_EQ("0xA8622400/1\n0xA8622400/2\n", output_of("objects"));
+  EXPECT_EQ("the store is sound\n", output_of("check"));
+}
+
+TEST(Cfmctl, ExportsWhatItImportsByteForByte) {
+  output_of("import --defaults " + std::string(kDefaults));
+  output_of("set app/9 00ff7f --type bytes --size 16");
+  output_of("set 5 \"$(printf 'a\\377b ')c\" --type text --size 32");
+  const std::string before = output_of("export");
+  write_file("/var/before.json", before);
+
+  output_of("reset");
+  EXPECT_NE(before, output_of("export -"));
+  output_of("import /var/before.json");
+
+  EXPECT_EQ(before, output_of("export"));
+  EXPECT_THAT(before, HasSubstr("\"hex\": \"61ff622063")) << "a text that is not UTF-8";
+}
+
+TEST(Cfmctl, ImportsAllOrNothingAndSaysWhere) {
+  output_of("import " + std::string(kDefaults));
+  const struct {
+    const char *text;
+    const char *message;
+  } kBad[] = {
+      {"{", "parse error"},
+      {"[]", "not a file of a configuration store"},
+      {R"({"format": "cfm-store", "version": 2})", "only version 1"},
+      {R"({"format": "cfm-store", "version": 1, "extra": {}})", "unknown section 'extra'"},
+      {R"({"format": "cfm-store", "version": 1, "parameters": {
+          "0x61A11703": {"type": "number", "value": 1}, "0x61A11704": {"type": "number",
+          "value": 4294967296}}})",
+       "parameters/0x61A11704: 'value' is not a number"},
+      {R"({"format": "cfm-store", "version": 1, "parameters": {
+          "0x61A11703": {"type": "number", "value": 1},
+          "7": {"type": "text", "size": 3, "value": "abc"}}})",
+       "longer than"},
+      {R"({"format": "cfm-store", "version": 1, "objects": {"9": {"1": {"x": {}}}}})",
+       "objects/9/1/x: 'x' is not a 32-bit number"},
+      {R"({"format": "cfm-store", "version": 1, "parameters": {"7": {"type": "bytes", "size": 9,
+          "hex": "abc"}}})",
+       "parameters/7: 'abc' is not a row of bytes"},
+  };
+  for (const auto &bad : kBad) {
+    write_file("/var/bad.json", bad.text);
+
+    const Outcome outcome = cfmctl("import /var/bad.json");
+
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_THAT(outcome.output, HasSubstr("cfmctl: /var/bad.json: "));
+    EXPECT_THAT(outcome.output, HasSubstr(bad.message));
+    EXPECT_EQ("3\n", output_of("get 0x61A11703"));
+  }
+}
+
+TEST(Cfmctl, ExplainsWhatItCannotDo) {
+  EXPECT_THAT(cfmctl("list").output, HasSubstr("there is no store at /var/cfm/cfm.db"));
+  output_of("import " + std::string(kDefaults));
+
+  EXPECT_THAT(cfmctl("get 77").output, HasSubstr("there is no such value"));
+  EXPECT_THAT(cfmctl("set 77 1").output, HasSubstr("there is no such value"));
+  EXPECT_THAT(cfmctl("get 1/2").output, HasSubstr("'1/2' names no value"));
+  EXPECT_THAT(cfmctl("set 0x61A11703 abc").output, HasSubstr("'abc' is not a 32-bit number"));
+  EXPECT_THAT(cfmctl("export /nonexistent/file").output, HasSubstr("No such file or directory"));
+  EXPECT_NE(0, cfmctl("import").status);
+}
+
+}  // namespace

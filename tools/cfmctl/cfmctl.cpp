@@ -1,0 +1,229 @@
+// cfmctl: shows and changes the configuration store from the command line.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+
+#include "store_json.h"
+
+namespace cfmctl {
+namespace {
+
+constexpr char kPlaceHelp[] =
+    "ID, OBJECT/INSTANCE/ID, app/ITEM or equip/ITEM; numbers decimal or with 0x";
+
+Place parse_place(const std::string &text) {
+  std::vector<std::string> pieces = CLI::detail::split(text, '/');
+  if (pieces.size() == 1) return {CFM_AREA_PARAMETER, 0, 0, parse_number(pieces[0])};
+  if (pieces.size() == 2 && pieces[0] == "app") {
+    return {CFM_AREA_APP_DATA, 0, 0, parse_number(pieces[1])};
+  }
+  if (pieces.size() == 2 && pieces[0] == "equip") {
+    return {CFM_AREA_EQUIPMENT, 0, 0, parse_number(pieces[1])};
+  }
+  if (pieces.size() == 3) {
+    return {CFM_AREA_PARAMETER, parse_number(pieces[0]), parse_number(pieces[1]),
+            parse_number(pieces[2])};
+  }
+  throw Error("'" + text + "' names no value: " + kPlaceHelp);
+}
+
+std::string place_text(const Place &place) {
+  switch (place.area) {
+    case CFM_AREA_APP_DATA:
+      return "app/" + std::to_string(place.id);
+    case CFM_AREA_EQUIPMENT:
+      return "equip/" + hex_id(place.id);
+    default:
+      if (place.object == 0) return hex_id(place.id);
+      return hex_id(place.object) + "/" + std::to_string(place.instance) + "/" + hex_id(place.id);
+  }
+}
+
+std::vector<ORP_DB_KEY_ST> read_instances() {
+  uint32_t count;
+  ORP_DB_KEY_ST *keys;
+  check(CFM_StoreObjects(&count, &keys));
+  std::vector<ORP_DB_KEY_ST> instances(keys, keys + count);
+  std::free(keys);
+  return instances;
+}
+
+Contents read_store() {
+  Contents contents;
+  check(CFM_StoreWalk(
+      [](const CFM_VALUE *value, void *user) -> uint32_t {
+        static_cast<Contents *>(user)->values.push_back(
+            {{value->area, value->object, value->instance, value->id},
+             value->type,
+             value->size,
+             {static_cast<const char *>(value->data), value->length}});
+        return 0;
+      },
+      &contents));
+  contents.instances = read_instances();
+  return contents;
+}
+
+void write_store(const Contents &contents, uint32_t flags) {
+  std::vector<CFM_VALUE> values;
+  for (const Value &value : contents.values) {
+    const Place &place = value.place;
+    values.push_back({place.area, place.object, place.instance, place.id, value.type, value.size,
+                      value.data.data(), static_cast<uint32_t>(value.data.size())});
+  }
+  check(CFM_StoreDefine(values.data(), static_cast<uint32_t>(values.size()), flags));
+  for (const ORP_DB_KEY_ST &key : contents.instances) {
+    check(CFM_StoreAddInstance(key.ulObject, key.ulInstance));
+  }
+}
+
+std::optional<Value> find(const Place &place) {
+  for (Value &value : read_store().values) {
+    if (value.place == place) return std::move(value);
+  }
+  return std::nullopt;
+}
+
+void get(const std::string &where) {
+  const std::optional<Value> value = find(parse_place(where));
+  check(value ? CFM_OK : CFM_ERR_NOT_FOUND);
+  std::cout << shown(*value) << '\n';
+}
+
+std::string data_of(uint32_t type, const std::string &text) {
+  if (type == CFM_TYPE_TEXT) return text;
+  if (type == CFM_TYPE_BYTES) return parse_hex(text);
+  const uint32_t number = parse_number(text);
+  return {reinterpret_cast<const char *>(&number), sizeof number};
+}
+
+// An existing value keeps its type and size unless others are given.
+void set(const std::string &where, const std::string &text, const std::string &type_name,
+         uint32_t size) {
+  const Place place = parse_place(where);
+  std::optional<Value> value;
+  if (type_name.empty()) {
+    value = find(place);
+    check(value ? CFM_OK : CFM_ERR_NOT_FOUND);
+  } else {
+    value = Value{place, CFM_TYPE_NUMBER, 4, {}};
+    if (type_name != "number") {
+      value->type = type_name == "text" ? CFM_TYPE_TEXT : CFM_TYPE_BYTES;
+      value->size = 0;
+    }
+  }
+  value->data = data_of(value->type, text);
+  if (size != 0) value->size = size;
+  if (value->size == 0) value->size = static_cast<uint32_t>(value->data.size()) + 1;
+  write_store({{*value}, {}}, 0);
+}
+
+void remove(const std::string &where) {
+  const Place place = parse_place(where);
+  check(CFM_StoreRemove(place.area, place.object, place.instance, place.id));
+}
+
+void list() {
+  constexpr const char *kTypes[] = {"number", "text", "bytes"};
+  for (const Value &value : read_store().values) {
+    std::printf("%-34s %-6s %5u  %s\n", place_text(value.place).c_str(), kTypes[value.type],
+                value.size, shown(value).c_str());
+  }
+}
+
+void objects() {
+  for (const ORP_DB_KEY_ST &key : read_instances()) {
+    std::printf("%s/%u\n", hex_id(key.ulObject).c_str(), key.ulInstance);
+  }
+}
+
+void export_to(const std::string &path) {
+  const std::string text = to_json(read_store()).dump(2) + "\n";
+  if (path.empty() || path == "-") {
+    std::cout << text;
+    return;
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) throw Error(path + ": " + std::strerror(errno));
+}
+
+void import_from(const std::string &path, bool as_defaults) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw Error(path + ": " + std::strerror(errno));
+  try {
+    write_store(from_json(nlohmann::json::parse(file)), as_defaults ? CFM_DEFINE_DEFAULT : 0);
+  } catch (const std::exception &error) {
+    throw Error(path + ": " + error.what());
+  }
+}
+
+int run(int argc, char **argv) {
+  CLI::App app{"Shows and changes the configuration store in " CFM_STORE_PATH "."};
+  app.require_subcommand(1);
+
+  std::string place, value, type, file, defaults;
+  uint32_t size = 0;
+
+  CLI::App *command = app.add_subcommand("get", "Print one value");
+  command->add_option("PLACE", place, kPlaceHelp)->required();
+  command->callback([&] { get(place); });
+
+  command = app.add_subcommand("set", "Store one value");
+  command->add_option("PLACE", place, kPlaceHelp)->required();
+  command->add_option("VALUE", value, "a number, a text, or bytes in hexadecimal digits")
+      ->required();
+  command->add_option("--type", type, "Define the value anew with this type")
+      ->check(CLI::IsMember({"number", "text", "bytes"}));
+  command->add_option("--size", size, "The most bytes it may have, a text's NUL included")
+      ->check(CLI::Range(1u, CFM_MAX_VALUE_SIZE));
+  command->callback([&] { set(place, value, type, size); });
+
+  command = app.add_subcommand("remove", "Remove one value, or with OBJECT/INSTANCE/0 an instance");
+  command->add_option("PLACE", place, kPlaceHelp)->required();
+  command->callback([&] { remove(place); });
+
+  app.add_subcommand("list", "Print all values: place, type, size, value")->callback(list);
+  app.add_subcommand("objects", "Print the instances of all objects")->callback(objects);
+
+  command = app.add_subcommand("export", "Write the store as JSON");
+  command->add_option("FILE", file, "standard output when it is missing or -");
+  command->callback([&] { export_to(file); });
+
+  command = app.add_subcommand("import", "Store all values of a JSON file, or none; others stay");
+  CLI::Option *plain = command->add_option("FILE", file, "a file as 'export' writes it");
+  command->add_option("--defaults", defaults, "Make its values the defaults too")->excludes(plain);
+  command->callback([&] {
+    if (file.empty() && defaults.empty()) throw CLI::RequiredError("FILE");
+    import_from(defaults.empty() ? file : defaults, !defaults.empty());
+  });
+
+  app.add_subcommand("reset", "Bring back the defaults")->callback([] {
+    check(CFM_StoreRestoreDefaults());
+  });
+  app.add_subcommand("check", "Verify the whole database")->callback([] {
+    check(CFM_StoreCheck());
+    std::puts("the store is sound");
+  });
+
+  CLI11_PARSE(app, argc, argv);
+  return 0;
+}
+
+}  // namespace
+}  // namespace cfmctl
+
+int main(int argc, char **argv) {
+  try {
+    return cfmctl::run(argc, argv);
+  } catch (const std::exception &error) {
+    std::cerr << "cfmctl: " << error.what() << '\n';
+    return 1;
+  }
+}
