@@ -7,10 +7,10 @@
 #include "msgapi/export.h"
 
 /*
- * Clears O_NONBLOCK, shuts the socket down in both directions and closes the descriptor. errno is
- * that of close(); on Linux the descriptor is closed whatever the result. Works on descriptors that
- * are not sockets as well. Returns the result of close() (0, or 0xFFFFFFFF), and 0 for a negative
- * descriptor, which is ignored.
+ * Clears O_NONBLOCK, shuts the socket down in both directions and closes the descriptor; other
+ * kinds of descriptors are closed too. Returns 0, also for an interrupted close, after which the
+ * descriptor is gone on Linux, and for a negative descriptor, which is ignored; otherwise
+ * 0xFFFFFFFF with errno set.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_SocketClose(int32_t fd);
 

@@ -83,8 +83,9 @@ typedef struct ORP_UTIL_SOCK_RESP_ST {
 
 /*
  * Calls `proc` whenever `fd` can be read, and once after `timeoutMs`, then with timedOut set and an
- * event argument that means nothing. The procedure is expected to end the wait. The descriptor
- * belongs to the wait. Returns null without memory; the descriptor stays the caller's then.
+ * event argument that means nothing; with 0 there is no time-out. The procedure is expected to end
+ * the wait. The descriptor belongs to the wait. Returns null without memory; the descriptor stays
+ * the caller's then.
  */
 MSGAPI_EXPORT ORP_UTIL_SOCK_RESP_ST *ORP_UTIL_SockbaseWaitSockRespAsync(
     int32_t fd, ORP_WORD ignored, uint32_t timeoutMs, ORP_WORD userValue,

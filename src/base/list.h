@@ -22,6 +22,15 @@ void list_delete(T *&head, T *node, ORP_LIST_RELEASE release = nullptr) {
   ORP_ListDeleteItem(static_cast<void *>(&head), node, release);
 }
 
+// Unlinks the record that the link at `place` points to, in a walk over the links, and returns it.
+template <typename T>
+T *list_unlink_at(T **place) {
+  T *node = *place;
+  *place = node->link;
+  node->link = nullptr;
+  return node;
+}
+
 template <typename T>
 void list_delete_all(T *&head, ORP_LIST_RELEASE release = nullptr) {
   ORP_ListDeleteAll(static_cast<void *>(&head), release);

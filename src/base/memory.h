@@ -13,6 +13,10 @@ namespace msgapi {
 // The largest request that the guarded allocator serves.
 constexpr uint64_t kMaxGuardedSize = 0x800000;
 
+// Zero bytes that stand behind every received body and that no length mentions: a reader that takes
+// the body for text, or runs over its end by a word, finds zeros.
+constexpr uint32_t kZeroTail = 16;
+
 // A block of `size` bytes, not cleared. Null for size 0 and, with a console line, above
 // kMaxGuardedSize. The size is 64 bits wide so that a header plus a 32-bit length cannot wrap.
 void *guarded_alloc(uint64_t size);

@@ -1,0 +1,321 @@
+// The loop: timers, idle procedures, one select(), callbacks.
+//
+// The order of an iteration is fixed and documented in docs/loop.md. Watchers are freed between the
+// passes of the outermost run only, so every walk here may hold pointers across callbacks.
+
+#include "uv/loop.h"
+
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "base/list.h"
+#include "base/memory.h"
+#include "os/clock.h"
+#include "uv/console.h"
+#include "uv/default_loop.h"
+#include "uv/descriptor_set.h"
+#include "uv/idle.h"
+#include "uv/io.h"
+#include "uv/timer.h"
+#include "uv/trace_point.h"
+#include "uv/watcher.h"
+
+namespace msgapi::uv {
+namespace {
+
+// What one select() waits for, and then what is ready.
+struct Waiting {
+  WorkingSet read, error, write;
+};
+
+// The descriptors that live watchers wait for. What else a set holds was left there by a watcher
+// that lost its descriptor, was freed without being stopped or has read the end of its stream.
+struct Wanted {
+  OrpUvDescriptorSet read, error, write;
+};
+
+Wanted collect_wanted(const OrpUvLoop *loop) {
+  Wanted wanted = {};
+  for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
+    if (!has_type(watcher, ORP_UV_IO) || is_deleted(watcher)) continue;
+    const auto *io = as<OrpUvIo>(watcher);
+    const bool ended = (watcher->status & kEndOfStream) != 0;
+    if ((io->armed & ORP_UV_READABLE) != 0 && !ended) set_add(wanted.read, io->fd);
+    if ((io->armed & ORP_UV_EXCEPTION) != 0) set_add(wanted.error, io->fd);
+    if ((io->armed & ORP_UV_WRITABLE) != 0) set_add(wanted.write, io->fd);
+  }
+  return wanted;
+}
+
+void copy_sets(OrpUvLoop *loop, Waiting *sets) {
+  sets->read.copy(loop->readSet);
+  sets->error.copy(loop->errorSet);
+  sets->write.copy(loop->writeSet);
+  if ((loop->flags & kLoopFilterSets) == 0) return;
+
+  const Wanted wanted = collect_wanted(loop);
+  bool filtered = sets->read.keep(wanted.read);
+  filtered |= sets->error.keep(wanted.error);
+  filtered |= sets->write.keep(wanted.write);
+  if (!filtered) loop->flags &= ~kLoopFilterSets;
+}
+
+int wait_for(OrpUvLoop *loop, Waiting *sets, timeval timeout) {
+  return ::select(loop->maxFd + 1, sets->read.native(), sets->write.native(), sets->error.native(),
+                  &timeout);
+}
+
+// Queued events, before and instead of ready descriptors. True when one was delivered. What the
+// callbacks queue waits for the next iteration.
+bool deliver_forced(OrpUvLoop *loop) {
+  if (loop->forced == nullptr) return false;
+
+  OrpUvForced *batch = loop->forced;
+  loop->forced = nullptr;
+  bool delivered = false;
+  while (batch != nullptr) {
+    const Owned<OrpUvForced> entry(list_unlink_at(&batch));
+    OrpUvIo *io = entry->watcher;
+    if (!has_type(&io->head, ORP_UV_IO) || is_deleted(&io->head)) continue;
+    ORP_TRACE_PrintInfo("UVLoopForcedHandleLoop", __LINE__, 0, "sockbase", kTraceLevel,
+                        "Do sockbase %p evt for fd %d proc %p now ...", static_cast<void *>(io),
+                        io->fd, address(io->callback));
+    if (io->callback != nullptr) io->callback(io, entry->events);
+    delivered = true;
+  }
+  return delivered;
+}
+
+// A real event takes the place of the same event queued for it.
+void drop_forced(OrpUvLoop *loop, const OrpUvIo *watcher, uint32_t event) {
+  for (OrpUvForced **place = &loop->forced; *place != nullptr; place = &(*place)->link) {
+    if ((*place)->watcher == watcher && (*place)->events == event) {
+      std::free(list_unlink_at(place));
+      return;
+    }
+  }
+}
+
+bool is_open(int fd) {
+  struct stat unused;
+  if (::fstat(fd, &unused) == 0) return true;
+
+  ORP_TRACE_PrintInfo("UVLoopIsFdReady", __LINE__, 0, "sockbase", kTraceLevel,
+                      "Invalid fd %d:%d detected.\n", fd, errno);
+  ORP_TRACE_PrintInfo("UVLoopIsFdReady", __LINE__, 0, "sockbase", kTraceLevel,
+                      "get pid %d in Invalid fd.\n", ::getpid());
+  return false;
+}
+
+void call_io(OrpUvLoop *loop, OrpUvIo *io, uint32_t event) {
+  const ORP_UV_IO_PROC callback = io->callback;
+  const int fd = io->fd;
+  ORP_TRACE_PrintInfo("UVLoopHandleLoop", __LINE__, 0, "track", kTraceLevel,
+                      "[start io %lld:%u:%d] proc %p", static_cast<long long>(loop->iteration),
+                      event, fd, address(callback));
+  callback(io, event);
+  ORP_TRACE_PrintInfo("UVLoopHandleLoop", __LINE__, 0, "track", kTraceLevel,
+                      "[end io %lld:%u:%d] proc %p", static_cast<long long>(loop->iteration), event,
+                      fd, address(callback));
+}
+
+// Calls the watchers whose descriptors are in `ready`. *called: a callback has run since select()
+// answered, so that descriptors may have been closed since.
+void dispatch(OrpUvLoop *loop, const WorkingSet &ready, uint32_t event, bool *called) {
+  skip_pass(loop, false);
+  sweep_deleted(loop);
+  if (ready.empty()) return;
+
+  for (OrpUvWatcher *watcher = loop->watchers, *next; watcher != nullptr; watcher = next) {
+    next = watcher->link;
+    if (!has_type(watcher, ORP_UV_IO) || is_deleted(watcher)) continue;
+    auto *io = as<OrpUvIo>(watcher);
+    if (!ready.contains(io->fd) || io->callback == nullptr) continue;
+    if (*called && !is_open(io->fd)) continue;
+
+    drop_forced(loop, io, event);
+    *called = true;
+    call_io(loop, io, event);
+    if ((loop->flags & ORP_UV_LOOP_SKIP) != 0) return;
+  }
+}
+
+void dispatch_all(OrpUvLoop *loop, const Waiting &ready) {
+  bool called = false;
+  dispatch(loop, ready.read, ORP_UV_READABLE, &called);
+  dispatch(loop, ready.error, ORP_UV_EXCEPTION, &called);
+  dispatch(loop, ready.write, ORP_UV_WRITABLE, &called);
+}
+
+void check_descriptor(OrpUvWatcher *watcher) {
+  if (!has_type(watcher, ORP_UV_IO)) return;
+  auto *io = as<OrpUvIo>(watcher);
+  const uint32_t status = watcher->status & kPublicStatus;
+  if (!fits_set(io->fd)) {
+    print_debug(360, "Why watcher is on status [0x%x]/[0x%x]", status, io->armed);
+    return;
+  }
+
+  struct stat unused;
+  if (::fstat(io->fd, &unused) == 0 || errno != EBADF) return;
+  print_debug(367, "Find Process [%d] has a bogus fd [%d] on status [0x%x]", ::getpid(), io->fd,
+              status);
+  take_descriptor_away(io);
+}
+
+void sweep_orphans(OrpUvLoop *loop) {
+  OrpUvDescriptorSet held = {};
+  for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
+    if (has_type(watcher, ORP_UV_IO) && !is_deleted(watcher)) {
+      set_add(held, as<OrpUvIo>(watcher)->fd);
+    }
+  }
+  for (int fd = 0; fd <= loop->maxFd && fits_set(fd); ++fd) {
+    if (!set_contains(loop->readSet, fd) || set_contains(held, fd)) continue;
+    print_debug(485, "Fd [%d] in set but not in watcher", fd);
+    if (!set_remove(loop->readSet, fd)) print_debug(488, "Clear fd set failed on [%d]", fd);
+  }
+}
+
+// select() met a descriptor that is not open: whoever holds one loses it.
+void recover_from_bad_descriptors(OrpUvLoop *loop) {
+  for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
+    check_descriptor(watcher);
+  }
+  sweep_orphans(loop);
+  loop->flags |= kLoopFilterSets;
+}
+
+Status select_step(OrpUvLoop *loop) {
+  Waiting sets;
+  copy_sets(loop, &sets);
+
+  ORP_TIME_ST *limit = &loop->selectTimeout;
+  const bool forced = loop->forced != nullptr;
+  // Time that forced events cut short does not count as idle.
+  const bool idle_due = !forced && loop->idleTime != 0 &&
+                        static_cast<int32_t>(loop->idleTime / 1000) <= limit->seconds;
+  timeval timeout = {.tv_sec = 0, .tv_usec = 1};
+  if (!forced) {
+    const int64_t seconds = int64_t{limit->seconds} + limit->microseconds / 1000000;
+    limit->seconds = static_cast<int32_t>(std::min<int64_t>(seconds, INT32_MAX));
+    limit->microseconds %= 1000000;
+    timeout = {.tv_sec = limit->seconds, .tv_usec = limit->microseconds};
+  }
+
+  const int ready = wait_for(loop, &sets, timeout);
+  if (ready > 0) {
+    if (!deliver_forced(loop)) dispatch_all(loop, sets);
+    return Status::kOk;
+  }
+  if (ready == 0) {
+    if (idle_due) {
+      copy_sets(loop, &sets);
+      if (wait_for(loop, &sets, {.tv_sec = 0, .tv_usec = 100}) == 0) return Status::kTimeout;
+      // What this short wait saw is still there in the next iteration.
+    }
+    deliver_forced(loop);
+    sweep_deleted(loop);
+    return Status::kOk;
+  }
+  if (errno == EBADF) {
+    recover_from_bad_descriptors(loop);
+    return Status::kOk;
+  }
+  if (errno == EINTR) return Status::kOk;
+  std::printf("Sock base select err %d.\n", errno);
+  return Status::kSystem;
+}
+
+// In a synchronous spawn only pipes are worth waiting for: the child's end shows by reaping.
+bool has_to_wait(const OrpUvLoop *loop) {
+  for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
+    if (has_type(watcher, ORP_UV_IO)) {
+      if (!is_deleted(watcher)) return true;
+    } else if (!has_type(watcher, ORP_UV_PROCESS | ORP_UV_IDLE)) {
+      print_debug(713, "Spawn loop shouldn't have [0x%x] type watcher",
+                  watcher->status & kPublicStatus);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool is_stopped(const OrpUvLoop *loop) {
+  return (loop->flags & ORP_UV_LOOP_STOP) != 0;
+}
+
+}  // namespace
+
+Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
+  const WalkScope walk(loop);
+  loop->idleTime = idle_ms;
+  loop->iteration = 0;
+  Status result = Status::kOk;
+  while (!is_stopped(loop)) {
+    (void)os::read_monotonic(&loop->now);
+    result = run_timers(loop, &loop->selectTimeout);
+    run_idle_procedures(loop);
+    if (is_stopped(loop)) break;
+
+    if (mode == RunMode::kNormal || has_to_wait(loop)) {
+      result = select_step(loop);
+      if (result != Status::kOk) loop->flags |= ORP_UV_LOOP_STOP;
+    }
+    ++loop->iteration;
+  }
+  loop->flags &= ~ORP_UV_LOOP_STOP;
+
+  // What the pass around an inner run still holds as ready, this run may have served.
+  if (walk.is_inner()) skip_pass(loop, true);
+  return result;
+}
+
+}  // namespace msgapi::uv
+
+using namespace msgapi;
+using namespace msgapi::uv;
+
+extern "C" void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_ST *time) {
+  if (time == nullptr) return;
+
+  ORP_TIME_ST *limit = &loop_or_default(loop)->selectTimeout;
+  if (time->seconds < limit->seconds) {
+    *limit = *time;
+  } else if (time->seconds == limit->seconds && time->microseconds < limit->microseconds) {
+    limit->microseconds = time->microseconds;
+  }
+}
+
+extern "C" void OrpUvLoopSetIdleTime(OrpUvLoop *loop, uint32_t idleMs) {
+  loop_or_default(loop)->idleTime = idleMs;
+}
+
+extern "C" uint32_t OrpUvLoopGetIdleTime(OrpUvLoop *loop) {
+  return loop_or_default(loop)->idleTime;
+}
+
+extern "C" void OrpUvLoopStop(OrpUvLoop *loop) {
+  if (loop != nullptr) loop->flags |= ORP_UV_LOOP_STOP;
+}
+
+extern "C" uint32_t OrpUvLoopRun(OrpUvLoop *loop, uint32_t idleMs) {
+  return code(run_loop(loop_or_default(loop), idleMs, RunMode::kNormal));
+}
+
+extern "C" uint32_t ORP_UV_LoopRun(OrpUvLoop *loop, uint32_t idleMs) {
+  return code(run_loop(loop_or_default(loop), idleMs, RunMode::kNormal));
+}
+
+extern "C" int32_t OrpUvLoopGetMaxFd(OrpUvLoop *loop) {
+  return loop_or_default(loop)->maxFd;
+}
+
+extern "C" uint64_t OrpUvLoopGetCurIdx(OrpUvLoop *loop) {
+  return loop_or_default(loop)->iteration;
+}

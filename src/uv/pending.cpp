@@ -1,0 +1,84 @@
+#include "uv/pending.h"
+
+#include "base/app_name.h"
+#include "base/bytes.h"
+#include "base/list.h"
+#include "base/memory.h"
+#include "base/text.h"
+#include "msgapi/msg.h"
+#include "uv/default_loop.h"
+#include "uv/timer.h"
+#include "uv/trace_point.h"
+
+namespace msgapi::uv {
+namespace {
+
+static_assert(sizeof(void *) != 4 || sizeof(OrpUvMsgPending) == 28);
+
+// Calls the entry's procedure. `traced`: the message has the header of msgapi/msg.h.
+void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool traced) {
+  constexpr char kFunction[] = "MsgWatcherTracedProc";
+  if (entry->answerProc == nullptr) return;
+  if (message == nullptr || !traced) {
+    entry->answerProc(message, message == nullptr ? 1 : 0, entry->data);
+    return;
+  }
+
+  // The procedure may change the message; both records tell what came.
+  const ORP_MSG_HEADER_ST header = *message;
+  const std::string_view destination = field_text(header.aucRecvApp);
+  const std::string_view source = field_text(header.aucSendApp);
+  char app[ORP_APP_NAME_SIZE], to[ORP_APP_NAME_SIZE + 1], from[ORP_APP_NAME_SIZE + 1];
+  copy_cut(app, g_appName);
+  copy_cut(to, destination);
+  copy_cut(from, source);
+  ORP_TRACE_PrintInfo(
+      kFunction, __LINE__, 0, "track", kTraceLevel,
+      "[start msg %lld:0x%x] msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%s] src:[%s]",
+      static_cast<long long>(default_loop()->iteration), header.ulMsgType, header.ulMsgType, app,
+      header.ulMsgData, header.ulDataLen, to, from);
+  entry->answerProc(message, 0, entry->data);
+  ORP_TRACE_PrintInfo(
+      kFunction, __LINE__, 0, "track", kTraceLevel,
+      "[end msg %lld:0x%x] msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%s] src:[%s]",
+      static_cast<long long>(default_loop()->iteration), header.ulMsgType, header.ulMsgType, app,
+      header.ulMsgData, header.ulDataLen, to, from);
+}
+
+}  // namespace
+
+void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message) {
+  end_timer(entry->timer);
+  entry->timer = nullptr;
+  if (watcher != nullptr) list_unlink(watcher->pending, entry);
+
+  const bool traced = watcher != nullptr && (watcher->io.head.status & ORP_UV_MSG_RAW) == 0 &&
+                      watcher->headerSize >= sizeof(ORP_MSG_HEADER_ST);
+  const Owned<OrpUvMsgPending> owner(entry);
+  call_traced(entry, message, traced);
+}
+
+void orphan_pending(OrpUvMsg *watcher) {
+  while (watcher->pending != nullptr) list_unlink_at(&watcher->pending)->watcher = nullptr;
+}
+
+void forget_pending_timer(OrpUvTimer *timer, bool loop_gone) {
+  if (timer->callback != UvMsgWatcherTimeout || timer->head.data == 0) return;
+
+  auto *entry = reinterpret_cast<OrpUvMsgPending *>(timer->head.data);
+  entry->timer = nullptr;
+  if (!loop_gone) return;
+  if (entry->watcher != nullptr) list_unlink(entry->watcher->pending, entry);
+  std::free(entry);
+}
+
+}  // namespace msgapi::uv
+
+using namespace msgapi::uv;
+
+extern "C" void UvMsgWatcherTimeout(ORP_WORD entry) {
+  if (entry == 0) return;
+
+  auto *expired = reinterpret_cast<OrpUvMsgPending *>(entry);
+  finish_pending(expired, expired->watcher, nullptr);
+}

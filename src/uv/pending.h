@@ -1,0 +1,23 @@
+// Pending entries of message watchers: who may still reach one, and when it goes.
+//
+// An entry is reached from its watcher's list and from its timer. It is taken away from both before
+// its procedure is called, so that nothing the procedure does (run the loop, start the next
+// request, delete the watcher) can find it a second time, and it is freed when the procedure has
+// returned.
+#pragma once
+
+#include "msgapi/loop.h"
+
+namespace msgapi::uv {
+
+// Ends the entry with `message`, or by time-out with null.
+void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message);
+
+// The watcher is about to be freed: its entries are left to their timers.
+void orphan_pending(OrpUvMsg *watcher);
+
+// The timer is about to be freed: an entry that waits for it goes on without a time-out or, with
+// its loop gone, is freed without a call.
+void forget_pending_timer(OrpUvTimer *timer, bool loop_gone);
+
+}  // namespace msgapi::uv

@@ -1,0 +1,17 @@
+// Timers of a loop.
+#pragma once
+
+#include "base/status.h"
+#include "msgapi/loop.h"
+
+namespace msgapi::uv {
+
+// Fires the due timers and stores in *timeout how long the loop may wait for the next one.
+Status run_timers(OrpUvLoop *loop, ORP_TIME_ST *timeout);
+
+// The timer does not fire again; the next timer pass deletes it.
+inline void end_timer(OrpUvTimer *timer) {
+  if (timer != nullptr) timer->callback = nullptr;
+}
+
+}  // namespace msgapi::uv

@@ -1,0 +1,83 @@
+// What the tests of the loop share: private loops, connected sockets and a record of calls.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "msgapi/loop.h"
+
+namespace msgapi {
+
+// A new record of a watcher, to be owned by its loop.
+template <typename T>
+T *new_record() {
+  return static_cast<T *>(std::calloc(1, sizeof(T)));
+}
+
+// A loop of the test's own, destroyed at the end; the default loop is, too.
+class LoopTest : public testing::Test {
+ protected:
+  LoopTest() {
+    OrpUvLoopInit(&loop_);
+    calls.clear();
+    on_call = nullptr;
+  }
+  ~LoopTest() override {
+    ORP_UV_LoopDestroy(&loop_);
+    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+    for (const int fd : sockets_) ::close(fd);
+  }
+
+  // Runs until nothing has happened for `idle_ms`.
+  uint32_t run(uint32_t idle_ms = 1) { return ORP_UV_LoopRun(&loop_, idle_ms); }
+
+  // One end of a new socket pair is returned and belongs to the caller, the other one is `peer_`.
+  int socket(int type = SOCK_STREAM) {
+    int pair[2];
+    EXPECT_EQ(0, ::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, pair));
+    sockets_.push_back(pair[1]);
+    peer_ = pair[1];
+    return pair[0];
+  }
+  int readable_socket() {
+    const int fd = socket();
+    EXPECT_EQ(1, ::write(peer_, "x", 1));
+    return fd;
+  }
+
+  // A started I/O watcher of the loop that records its calls.
+  OrpUvIo *watch(int fd, uint32_t events, uint32_t name = 0) {
+    auto *io = new_record<OrpUvIo>();
+    EXPECT_EQ(ORP_OK, OrpUvIoInit(&loop_, io, fd, record_event));
+    EXPECT_EQ(ORP_OK, OrpUvIoStart(io, events));
+    io->head.data = name;
+    return io;
+  }
+
+  // Records "<name>:<event>", then does what the test wants done in the callback.
+  static void record_event(OrpUvIo *io, uint32_t event) {
+    calls.push_back(std::to_string(io->head.data) + ":" + std::to_string(event));
+    if (on_call) on_call(io);
+  }
+
+  uint32_t watcher_count() const {
+    uint32_t count = 0;
+    for (const OrpUvWatcher *watcher = loop_.watchers; watcher; watcher = watcher->link) ++count;
+    return count;
+  }
+
+  OrpUvLoop loop_;
+  int peer_ = -1;
+  std::vector<int> sockets_;
+  static inline std::vector<std::string> calls;
+  static inline std::function<void(OrpUvIo *)> on_call;
+};
+
+}  // namespace msgapi

@@ -1,0 +1,111 @@
+#include "msgapi/trace.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <regex>
+
+#include "base/memory.h"
+
+namespace msgapi {
+namespace {
+
+TEST(TraceLevels, AllStandsForEveryPackageWithoutALevel) {
+  ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel("all", 3));
+  ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel("msg", 5));
+
+  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled("x", 3));
+  EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled("x", 4));
+  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled("msg", 5));
+  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled(nullptr, 3));
+
+  ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel(nullptr, 2));
+  EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled("msg", 5)) << "setting all removes every package first";
+  ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel("all", 0));
+  EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled("x", 0));
+}
+
+TEST(TraceLevels, KeepElevenCharactersOfAName) {
+  ORP_TRACE_CTX_ST context = {nullptr, nullptr, nullptr, -1};
+
+  ASSERT_EQ(ORP_OK, TraceCtxSetPackageLevel(&context, "abcdefghijklmno", 1));
+  ASSERT_EQ(ORP_OK, TraceCtxSetPackageLevel(&context, "abcdefghijklmno", 2));
+
+  ASSERT_NE(nullptr, context.packages);
+  EXPECT_STREQ("abcdefghijk", context.packages->name);
+  EXPECT_EQ(2u, context.packages->level);
+  EXPECT_EQ(nullptr, context.packages->link) << "the second call must find the first one's entry";
+  ASSERT_EQ(ORP_OK, TraceCtxSetPackageLevel(&context, "abcdefghijklmno", 0));
+  EXPECT_EQ(nullptr, context.packages);
+}
+
+TEST(TraceLevels, ReportWhatIsMissing) {
+  EXPECT_EQ(ORP_ERR_ARGUMENT, TraceCtxSetPackageLevel(nullptr, "msg", 1));
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_RegModule(nullptr));
+  for (const uint32_t nth : {1u, 2u}) {
+    fail_allocation(nth);
+    EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_RegModule("module"));
+  }
+  fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_SetPackageLevel("msg", 1));
+
+  EXPECT_EQ(ORP_OK, ORP_TRACE_RegModule("module"));
+  fail_allocation(1);
+  EXPECT_EQ(ORP_OK, ORP_TRACE_RegModule("module")) << "nothing is added for a known name";
+  fail_allocation(0);
+}
+
+TEST(TraceOutput, GoesToTheLogFileOrStandardOutput) {
+  EXPECT_EQ(0u, ORP_TRACE_GetOutput());
+
+  ORP_TRACE_SetOutput(1);
+  EXPECT_EQ(1u, ORP_TRACE_GetOutput());
+  struct stat info;
+  ASSERT_EQ(0, ::stat("/online/log", &info));
+  EXPECT_EQ(0700u, info.st_mode & 07777u);
+  EXPECT_EQ(0, ::access("/online/log/webapp.log", F_OK));
+
+  testing::internal::CaptureStdout();
+  ORP_TRACE_SetOutput(1);
+  EXPECT_EQ("mkdir for /online/log faield \r\n", testing::internal::GetCapturedStdout());
+  ORP_TRACE_SetOutput(0);
+  EXPECT_EQ(0u, ORP_TRACE_GetOutput());
+}
+
+TEST(TraceFileSize, IgnoresSmallSizes) {
+  ORP_TRACE_SetFileMaxSize(1024);
+  EXPECT_EQ(1024u, ORP_TRACE_GetFileMaxSize());
+  ORP_TRACE_SetFileMaxSize(1025);
+  EXPECT_EQ(1025u, ORP_TRACE_GetFileMaxSize());
+  ORP_TRACE_SetFileMaxSize(uint64_t{1} << 32);
+  EXPECT_EQ(uint64_t{1} << 32, ORP_TRACE_GetFileMaxSize());
+}
+
+TEST(CurPid, StaysTheParentsInAChild) {
+  const int32_t parent = ORP_UTIL_GetCurPid();
+  ASSERT_EQ(::getpid(), parent);
+
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(ORP_UTIL_GetCurPid() == parent ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+
+  EXPECT_EQ(0, status);
+}
+
+TEST(CurTimeStamp, ShowsBothClocks) {
+  EXPECT_TRUE(std::regex_match(ORP_UTIL_GetCurTimeStamp(),
+                               std::regex("\\d{8,}\\.\\d{6} \\d{8,}\\.\\d{6}")));
+}
+
+TEST(AppName, IsThePointerOthersRead) {
+  std::strcpy(GetAucAppNamePointer(), "trace_test");
+
+  EXPECT_STREQ("trace_test", GetAucAppNamePointer());
+}
+
+}  // namespace
+}  // namespace msgapi
