@@ -3,6 +3,7 @@
 #define MSGAPI_H
 
 #include "msgapi/dmmsg.h"
+#include "msgapi/dns.h"
 #include "msgapi/event.h"
 #include "msgapi/export.h"
 #include "msgapi/log.h"
@@ -15,7 +16,9 @@
 #include "msgapi/path.h"
 #include "msgapi/sockbase.h"
 #include "msgapi/status.h"
+#include "msgapi/str.h"
 #include "msgapi/time.h"
 #include "msgapi/trace.h"
+#include "msgapi/url.h"
 
 #endif

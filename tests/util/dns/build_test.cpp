@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+#include <sys/sysinfo.h>
+
+#include <string>
+
+#include "msgapi/dns.h"
+#include "support/allocation.h"
+#include "util/dns/packet_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+uint16_t field(const PacketOwner &packet, size_t offset) {
+  return static_cast<uint16_t>(*at(packet, offset) << 8 | *at(packet, offset + 1));
+}
+
+uint32_t uptime_s() {
+  struct sysinfo now {};
+  ::sysinfo(&now);
+  return static_cast<uint32_t>(now.uptime);
+}
+
+TEST(DnsBuildRequest, WritesAnAddressQueryWithTheCountInHostOrder) {
+  const PacketOwner packet = own(ORP_DNS_PacketBuildRequest("www.de"));
+
+  ASSERT_TRUE(packet);
+  Bytes expected = {0, 0,   1,   0,   0, 0,   0,   0, 0, 0, 0, 0,
+                    3, 'w', 'w', 'w', 2, 'd', 'e', 0, 0, 1, 0, 1};
+  const uint16_t one = 1;
+  std::memcpy(&expected[4], &one, sizeof one);
+  EXPECT_EQ(expected, message_of(packet));
+}
+
+TEST(DnsBuildRequest, SkipsEmptyLabelsButKeepsTheLength) {
+  const PacketOwner packet = own(ORP_DNS_PacketBuildRequest(".a..b."));
+
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(6u + 18, packet->ulLength);
+  const Bytes expected = {1, 'a', 1, 'b', 0, 0, 1, 0, 1, 0, 0, 0};
+  EXPECT_EQ(expected, Bytes(at(packet, 12), at(packet, packet->ulLength)));
+}
+
+TEST(DnsBuildRequest, DoesNotCheckLabelsButTheWholeName) {
+  const PacketOwner packet = own(ORP_DNS_PacketBuildRequest(std::string(259, 'x').c_str()));
+
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(259 % 256, *at(packet, 12));
+  EXPECT_EQ(1, *at(packet, packet->ulLength - 1));
+  for (const std::string &name : {std::string(), std::string("..."), std::string(260, 'x')}) {
+    EXPECT_EQ(nullptr, ORP_DNS_PacketBuildRequest(name.c_str())) << name;
+  }
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildRequest(nullptr));
+}
+
+const uint8_t kAddress[] = {192, 0, 2, 1};
+
+ORP_DNS_RR_ST address_record(uint32_t ttl_s) {
+  return {"", 1, 1, ttl_s, sizeof kAddress, kAddress};
+}
+
+TEST(DnsBuildResponse, AppendsTheRecordUnderTheQuestionsName) {
+  const PacketOwner query = make_packet(captures::kPoolQuery);
+  const ORP_DNS_RR_ST record = address_record(600);
+
+  const PacketOwner reply = own(ORP_DNS_PacketBuildResponse(query.get(), &record, 0));
+
+  ASSERT_TRUE(reply);
+  ASSERT_EQ(query->ulLength + 16, reply->ulLength);
+  EXPECT_EQ(field(query, 0), field(reply, 0));
+  EXPECT_EQ(0x8100, field(reply, 2));
+  EXPECT_EQ(1, field(reply, 6));
+  ORP_DNS_RR_ST answer;
+  ASSERT_EQ(ORP_DNS_OK, ORP_DNS_PacketGetValuesOfRR(
+                            reply.get(), ORP_DNS_PacketGetFirstRR(reply.get()), &answer, nullptr));
+  EXPECT_STREQ("pool.example.com", answer.aucName);
+  EXPECT_EQ(600u, answer.ulTtl);
+  EXPECT_EQ(0, std::memcmp(kAddress, answer.pucRdata, sizeof kAddress));
+  EXPECT_EQ(0u, ORP_DNS_PacketCheckIfErrorRely(reply.get()));
+}
+
+TEST(DnsBuildResponse, CopiesTheQuerysRecordsWithoutCountingThem) {
+  const PacketOwner query = make_packet(captures::kTextQuery);
+  ASSERT_EQ(1, field(query, 10));
+  const ORP_DNS_RR_ST record = address_record(600);
+
+  const PacketOwner reply = own(ORP_DNS_PacketBuildResponse(query.get(), &record, 0));
+
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(0, field(reply, 10));
+  EXPECT_EQ(Bytes(at(query, 12), at(query, query->ulLength)),
+            Bytes(at(reply, 12), at(reply, query->ulLength)));
+  EXPECT_EQ(0xC00C, field(reply, query->ulLength));
+}
+
+TEST(DnsBuildResponse, AgesTheTtl) {
+  const PacketOwner query = make_packet(captures::kPoolQuery);
+  const ORP_DNS_RR_ST record = address_record(600);
+  // Uptimes below 100 s wrap to a moment before the start, which is as long ago.
+  const uint32_t cached_at = uptime_s() - 100;
+
+  const PacketOwner reply = own(ORP_DNS_PacketBuildResponse(query.get(), &record, cached_at));
+
+  ASSERT_TRUE(reply);
+  const uint32_t ttl =
+      uint32_t{field(reply, query->ulLength + 6)} << 16 | field(reply, query->ulLength + 8);
+  EXPECT_LE(ttl, 500u);
+  EXPECT_GE(ttl, 440u);
+
+  const ORP_DNS_RR_ST expired = address_record(99);
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(query.get(), &expired, cached_at));
+  // Cached in the future: the elapsed time wraps.
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(query.get(), &record, uptime_s() + 100));
+}
+
+TEST(DnsBuildResponse, RefusesWhatIsMissingOrTooLong) {
+  const PacketOwner query = make_packet(captures::kPoolQuery);
+  ORP_DNS_RR_ST record = address_record(600);
+
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(nullptr, &record, 0));
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(query.get(), nullptr, 0));
+  ORP_DNS_PACKET_ST huge = {0x7FFFFFF7};
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(&huge, &record, 0));
+  EXPECT_EQ(nullptr, ORP_DNS_IpTypeMismatchResponse(&huge));
+  record.ulRdLength = 0x7FFFFFF7;
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(query.get(), &record, 0));
+  record.ulRdLength = 1;
+  record.pucRdata = nullptr;
+  EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(query.get(), &record, 0));
+}
+
+TEST(DnsReplies, SetFlagsAndCounts) {
+  const PacketOwner query = make_packet(captures::kMailReply);
+
+  const PacketOwner error = own(ORP_DNS_PacketBuildErrorResponse(query.get(), 3));
+  const PacketOwner mismatch = own(ORP_DNS_IpTypeMismatchResponse(query.get()));
+
+  ASSERT_TRUE(error && mismatch);
+  EXPECT_EQ(0x8103, field(error, 2));
+  for (const size_t count : {6, 8, 10}) EXPECT_EQ(0, field(error, count));
+  EXPECT_EQ(Bytes(at(query, 12), at(query, query->ulLength)),
+            Bytes(at(error, 12), at(error, error->ulLength)));
+  EXPECT_EQ(0x8180, field(mismatch, 2));
+  EXPECT_EQ(field(query, 6), field(mismatch, 6));
+  EXPECT_EQ(field(query, 8), field(mismatch, 8));
+  EXPECT_EQ(0, field(mismatch, 10));
+  // Added, not masked: higher codes reach the other flags.
+  EXPECT_EQ(0x8180, field(own(ORP_DNS_PacketBuildErrorResponse(query.get(), 0x10080)), 2));
+}
+
+TEST(DnsReplies, NeedAWholeHeader) {
+  const ORP_DNS_RR_ST record = address_record(600);
+  for (size_t size = 0; size < 12; ++size) {
+    const PacketOwner packet = make_packet(Bytes(size, 0));
+    EXPECT_EQ(nullptr, ORP_DNS_PacketBuildResponse(packet.get(), &record, 0)) << size;
+    EXPECT_EQ(nullptr, ORP_DNS_PacketBuildErrorResponse(packet.get(), 2)) << size;
+    EXPECT_EQ(nullptr, ORP_DNS_IpTypeMismatchResponse(packet.get())) << size;
+    EXPECT_EQ(1u, ORP_DNS_PacketCheckIfErrorRely(packet.get())) << size;
+  }
+}
+
+TEST(DnsReplies, AreErrorsByCodeOrWithoutAnyRecord) {
+  const auto is_error = [](std::string_view hex) {
+    return ORP_DNS_PacketCheckIfErrorRely(make_packet(hex).get());
+  };
+  EXPECT_EQ(1u, is_error(captures::kNoSuchNameReply));
+  EXPECT_EQ(1u, is_error(captures::kPoolQuery));
+  EXPECT_EQ(0u, is_error(captures::kNoDataReply));  // an authority record is one
+  EXPECT_EQ(0u, is_error(captures::kPoolReply));
+  EXPECT_EQ(0u, ORP_DNS_PacketCheckIfErrorRely(nullptr));
+}
+
+TEST(DnsBuilders, LeaveNothingBehindWithoutMemory) {
+  const PacketOwner query = make_packet(captures::kPoolQuery);
+  const ORP_DNS_RR_ST record = address_record(600);
+
+  EXPECT_EQ(1u, test::fail_every_allocation(
+                    [] { return own(ORP_DNS_PacketBuildRequest("a.b")) != nullptr; }));
+  EXPECT_EQ(1u, test::fail_every_allocation([&] {
+              return own(ORP_DNS_PacketBuildResponse(query.get(), &record, 0)) != nullptr;
+            }));
+  EXPECT_EQ(1u, test::fail_every_allocation([&] {
+              return own(ORP_DNS_PacketBuildErrorResponse(query.get(), 2)) != nullptr;
+            }));
+}
+
+}  // namespace

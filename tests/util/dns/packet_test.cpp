@@ -1,0 +1,303 @@
+#include <arpa/nameser.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "msgapi/dns.h"
+#include "util/dns/packet_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// The names of a packet's records, walked as the header tells.
+std::vector<ORP_DNS_RR_ST> walk(const PacketOwner &packet) {
+  std::vector<ORP_DNS_RR_ST> records;
+  for (const uint8_t *place = ORP_DNS_PacketGetFirstRR(packet.get()); place != nullptr;
+       place = ORP_DNS_PacketGetNextRR(packet.get(), place)) {
+    ORP_DNS_RR_ST record;
+    if (ORP_DNS_PacketGetValuesOfRR(packet.get(), place, &record, nullptr) != ORP_DNS_OK) break;
+    records.push_back(record);
+  }
+  return records;
+}
+
+TEST(DnsWalk, AgreesWithTheSystemResolverOnRealReplies) {
+  for (const std::string_view hex : captures::kReplies) {
+    const PacketOwner packet = make_packet(hex);
+    ns_msg peer;
+    ASSERT_EQ(0, ns_initparse(at(packet, 0), static_cast<int>(packet->ulLength), &peer));
+
+    const std::vector<ORP_DNS_RR_ST> records = walk(packet);
+
+    size_t next = 0;
+    for (const ns_sect section : {ns_s_an, ns_s_ns, ns_s_ar}) {
+      for (int i = 0; i < ns_msg_count(peer, section); ++i, ++next) {
+        ASSERT_LT(next, records.size());
+        ns_rr expected;
+        ASSERT_EQ(0, ns_parserr(&peer, section, i, &expected));
+        const ORP_DNS_RR_ST &record = records[next];
+        EXPECT_EQ(std::string(ns_rr_name(expected)),
+                  record.aucName[0] == '\0' ? "." : record.aucName);
+        EXPECT_EQ(ns_rr_type(expected), record.ulType);
+        EXPECT_EQ(ns_rr_class(expected), record.ulClass);
+        EXPECT_EQ(ns_rr_ttl(expected), record.ulTtl);
+        EXPECT_EQ(ns_rr_rdlen(expected), record.ulRdLength);
+        EXPECT_EQ(ns_rr_rdata(expected), record.pucRdata);
+      }
+    }
+    EXPECT_EQ(next, records.size());
+  }
+}
+
+TEST(DnsWalk, FindsTheSections) {
+  const PacketOwner reply = make_packet(captures::kMailReply);
+  ORP_DNS_RR_ST record;
+
+  ASSERT_EQ(ORP_DNS_OK,
+            ORP_DNS_PacketGetValuesOfRR(
+                reply.get(), ORP_DNS_PacketGetFirstAuthorityRecord(reply.get()), &record, nullptr));
+  EXPECT_EQ(uint32_t{ns_t_ns}, record.ulType);
+  ASSERT_EQ(ORP_DNS_OK,
+            ORP_DNS_PacketGetValuesOfRR(
+                reply.get(), ORP_DNS_PacketGetFirstAddtionalRecord(reply.get()), &record, nullptr));
+  EXPECT_STREQ("mail.example.com", record.aucName);
+  EXPECT_EQ(uint32_t{ns_t_a}, record.ulType);
+  // The only authority record ends the packet, so there is nothing behind it.
+  EXPECT_EQ(nullptr,
+            ORP_DNS_PacketGetFirstAddtionalRecord(make_packet(captures::kNoSuchNameReply).get()));
+}
+
+TEST(DnsWalk, TakesTheQuestionThatEndsAPacketWithoutItsTypeAndClass) {
+  const PacketOwner query = make_packet(captures::kPoolQuery);
+  const uint32_t name_size = ORP_DNS_PacketGetNameLen(query.get(), at(query, 12));
+  ORP_DNS_RR_ST question;
+  uint32_t consumed;
+
+  ASSERT_EQ(ORP_DNS_OK,
+            ORP_DNS_PacketGetValuesOfQuestion(query.get(), at(query, 12), &question, &consumed));
+
+  EXPECT_STREQ("pool.example.com", question.aucName);
+  EXPECT_EQ(uint32_t{ns_t_a}, question.ulType);
+  EXPECT_EQ(uint32_t{ns_c_in}, question.ulClass);
+  EXPECT_EQ(query->ulLength - 12, consumed);
+  EXPECT_EQ(name_size, ORP_DNS_PacketGetQuestionLen(query.get(), at(query, 12)));
+  EXPECT_EQ(at(query, 12 + name_size), ORP_DNS_PacketGetFirstRR(query.get()));
+  const PacketOwner with_edns = make_packet(captures::kTextQuery);
+  EXPECT_EQ(ORP_DNS_PacketGetNameLen(with_edns.get(), at(with_edns, 12)) + 4,
+            ORP_DNS_PacketGetQuestionLen(with_edns.get(), at(with_edns, 12)));
+}
+
+constexpr uint32_t kMalformed = ORP_DNS_ERR_MALFORMED;
+
+struct NameCase {
+  const char *why;
+  Bytes message;  // the name is what begins at `offset`
+  size_t offset;
+  uint32_t length;
+  uint32_t status;
+  const char *text;
+  uint32_t consumed;
+};
+
+Bytes operator+(Bytes left, const Bytes &right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+// `count` pointers, each but the last to a label "a" with the next pointer behind it; the last to
+// a whole name "a".
+Bytes pointer_chain(uint8_t count) {
+  Bytes message;
+  for (uint8_t i = 1; i <= count; ++i) {
+    message = message + Bytes{1, 'a', 0xC0, static_cast<uint8_t>(i * 4)};
+  }
+  return message + Bytes{1, 'a', 0, 0};
+}
+
+const Bytes kFullLabel = Bytes{63} + Bytes(63, 'x');
+
+const NameCase kNames[] = {
+    {"plain", {3, 'w', 'w', 'w', 2, 'd', 'e', 0, 9}, 0, 8, ORP_DNS_OK, "www.de", 8},
+    {"root", {0, 9}, 0, 1, ORP_DNS_OK, "", 1},
+    {"a name needs a byte behind it", {1, 'a', 0}, 0, 0, kMalformed, "", 0},
+    {"so does the root", {0}, 0, 0, kMalformed, "", 0},
+    {"nothing at the position", {0, 9}, 2, 0, kMalformed, "", 0},
+    {"pointer only", {1, 'a', 0, 0xC0, 0, 9}, 3, 2, ORP_DNS_OK, "a", 2},
+    {"a pointer needs a byte behind it", {1, 'a', 0, 0xC0, 0}, 3, 0, kMalformed, "", 0},
+    {"labels and a pointer leave consumed at 0",
+     {1, 'a', 0, 1, 'b', 0xC0, 0, 9},
+     3,
+     4,
+     ORP_DNS_OK,
+     "b.a",
+     0},
+    {"labels and a pointer to the root", {0, 1, 'b', 0xC0, 0, 9}, 1, 4, ORP_DNS_OK, "b", 0},
+    {"labels and a pointer cut short", {1, 'a', 0, 1, 'b', 0xC0, 0}, 3, 0, kMalformed, "", 0},
+    {"pointer to a pointer", {1, 'a', 0xC0, 5, 9, 0xC0, 0, 9}, 0, 4, kMalformed, "", 0},
+    {"pointer to itself", {0xC0, 0, 9}, 0, 2, kMalformed, "", 2},
+    {"pointer loop", {1, 'a', 0xC0, 0, 9}, 0, 4, kMalformed, "", 0},
+    {"pointer to the packet's end", {1, 'a', 0xC0, 5, 9}, 0, 4, kMalformed, "", 0},
+    {"pointer beyond the packet", {0xC1, 0, 9}, 0, 2, kMalformed, "", 2},
+    {"9 pointers", pointer_chain(9), 0, 4, ORP_DNS_OK, "a.a.a.a.a.a.a.a.a.a", 0},
+    {"10 pointers", pointer_chain(10), 0, 4, kMalformed, "", 0},
+    {"dot in a label", {3, 'a', '.', 'b', 0, 9}, 0, 5, kMalformed, "", 0},
+    {"longest label", kFullLabel + Bytes{0, 9}, 0, 65, ORP_DNS_OK,
+     "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", 65},
+    {"longer label", Bytes{64} + Bytes(64, 'x') + Bytes{0, 9}, 0, 0, kMalformed, "", 0},
+    {"reserved label type", Bytes{0x80} + Bytes(200, 'x'), 0, 0, kMalformed, "", 0},
+    {"label beyond the packet", {5, 'a', 'b', 0, 9}, 0, 0, kMalformed, "", 0},
+    {"text too long for the buffer",
+     kFullLabel + kFullLabel + kFullLabel + kFullLabel + Bytes{0, 9}, 0, 257, kMalformed, "", 0},
+};
+
+TEST(DnsName, IsMeasuredAndReadWithinItsBounds) {
+  for (const NameCase &expected : kNames) {
+    SCOPED_TRACE(expected.why);
+    const PacketOwner packet = make_packet(expected.message);
+    const uint8_t *place = at(packet, expected.offset);
+    char text[ORP_DNS_NAME_SIZE] = "old";
+    uint32_t consumed = 99;
+
+    EXPECT_EQ(expected.length, ORP_DNS_PacketGetNameLen(packet.get(), place));
+    EXPECT_EQ(expected.status,
+              ORP_DNS_PacketGetName(packet.get(), place, text, sizeof text, &consumed));
+    EXPECT_STREQ(expected.text, text);
+    EXPECT_EQ(expected.consumed, consumed);
+  }
+}
+
+TEST(DnsName, FillsTheBufferUpToTheByteBeforeItsNul) {
+  const PacketOwner packet = make_packet(Bytes{2, 'a', 'b', 1, 'c', 0, 9});
+
+  // Room for the last dot is needed although the NUL takes its place.
+  const std::unique_ptr<char[]> fits(new char[6]), small(new char[5]), one(new char[1]);
+  EXPECT_EQ(ORP_DNS_OK, ORP_DNS_PacketGetName(packet.get(), at(packet, 0), fits.get(), 6, nullptr));
+  EXPECT_STREQ("ab.c", fits.get());
+  EXPECT_EQ(kMalformed,
+            ORP_DNS_PacketGetName(packet.get(), at(packet, 0), small.get(), 5, nullptr));
+  EXPECT_STREQ("", small.get());
+  EXPECT_EQ(ORP_DNS_OK, ORP_DNS_PacketGetName(packet.get(), at(packet, 5), one.get(), 1, nullptr));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
+            ORP_DNS_PacketGetName(packet.get(), at(packet, 5), one.get(), 0, nullptr));
+}
+
+TEST(DnsName, RefusesMissingArgumentsAndPositionsBeforeThePacket) {
+  const PacketOwner packet = make_packet(Bytes{1, 'a', 0, 9});
+  char text[8];
+  uint32_t consumed = 9;
+
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
+            ORP_DNS_PacketGetName(nullptr, at(packet, 0), text, 8, &consumed));
+  EXPECT_EQ(0u, consumed);
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT, ORP_DNS_PacketGetName(packet.get(), nullptr, text, 8, &consumed));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
+            ORP_DNS_PacketGetName(packet.get(), at(packet, 0), nullptr, 8, &consumed));
+  EXPECT_EQ(kMalformed, ORP_DNS_PacketGetName(packet.get(), at(packet, 0) - 1, text, 8, &consumed));
+  EXPECT_EQ(0u, ORP_DNS_PacketGetNameLen(packet.get(), at(packet, 0) - 1));
+  EXPECT_EQ(0u, ORP_DNS_PacketGetNameLen(nullptr, at(packet, 0)));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
+            ORP_DNS_PacketGetValuesOfRR(packet.get(), at(packet, 0), nullptr, nullptr));
+  EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstRR(nullptr));
+  EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstAuthorityRecord(nullptr));
+}
+
+const Bytes kRecord = {1, 'a', 0, 0, 1, 0, 2, 0, 0, 1, 0, 0, 2, 0xAB, 0xCD};
+
+TEST(DnsRecord, MayEndThePacketButThenHasNoLength) {
+  const PacketOwner packet = make_packet(kRecord);
+  ORP_DNS_RR_ST record;
+  uint32_t consumed;
+
+  ASSERT_EQ(ORP_DNS_OK,
+            ORP_DNS_PacketGetValuesOfRR(packet.get(), at(packet, 0), &record, &consumed));
+  EXPECT_STREQ("a", record.aucName);
+  EXPECT_EQ(1u, record.ulType);
+  EXPECT_EQ(2u, record.ulClass);
+  EXPECT_EQ(256u, record.ulTtl);
+  EXPECT_EQ(2u, record.ulRdLength);
+  EXPECT_EQ(at(packet, 13), record.pucRdata);
+  EXPECT_EQ(15u, consumed);
+  EXPECT_EQ(0u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0)));
+  EXPECT_EQ(nullptr, ORP_DNS_PacketGetNextRR(packet.get(), at(packet, 0)));
+
+  const PacketOwner longer = make_packet(kRecord + Bytes{0});
+  EXPECT_EQ(15u, ORP_DNS_PacketGetRRLen(longer.get(), at(longer, 0)));
+  EXPECT_EQ(at(longer, 15), ORP_DNS_PacketGetNextRR(longer.get(), at(longer, 0)));
+}
+
+TEST(DnsRecord, CutShortAnywhereIsMalformed) {
+  for (size_t size = 1; size < kRecord.size(); ++size) {
+    const PacketOwner packet =
+        make_packet(Bytes(kRecord.begin(), kRecord.begin() + static_cast<long>(size)));
+    ORP_DNS_RR_ST record;
+
+    EXPECT_EQ(kMalformed,
+              ORP_DNS_PacketGetValuesOfRR(packet.get(), at(packet, 0), &record, nullptr))
+        << size;
+    EXPECT_EQ(0u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0))) << size;
+    EXPECT_EQ(size > 6 ? ORP_DNS_OK : kMalformed,
+              ORP_DNS_PacketGetValuesOfQuestion(packet.get(), at(packet, 0), &record, nullptr))
+        << size;
+  }
+}
+
+TEST(DnsRecord, CountsItsDataLengthIn16Bits) {
+  Bytes message = kRecord + Bytes(8, 0);
+  message[11] = 0xFF;
+  message[12] = 0xFE;
+  const PacketOwner packet = make_packet(message);
+
+  EXPECT_EQ(11u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0)));
+}
+
+// A name of labels and a pointer consumes nothing, so what follows is read from the name itself.
+TEST(DnsRecord, ReadsItsFieldsFromANameOfLabelsAndAPointer) {
+  const PacketOwner packet = make_packet(Bytes{1, 'a', 0, 1, 'b', 0xC0, 0, 0, 1, 0, 1});
+  ORP_DNS_RR_ST question;
+  uint32_t consumed;
+
+  ASSERT_EQ(ORP_DNS_OK,
+            ORP_DNS_PacketGetValuesOfQuestion(packet.get(), at(packet, 3), &question, &consumed));
+  EXPECT_STREQ("b.a", question.aucName);
+  EXPECT_EQ(uint32_t{1 << 8 | 'b'}, question.ulType);
+  EXPECT_EQ(0xC000u, question.ulClass);
+  EXPECT_EQ(4u, consumed);
+}
+
+TEST(DnsWalk, EndsOnPacketsWithoutAWholeHeaderOrQuestion) {
+  for (size_t size = 0; size < 12; ++size) {
+    const PacketOwner packet = make_packet(Bytes(size, 0));
+    EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstRR(packet.get())) << size;
+    EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstAddtionalRecord(packet.get())) << size;
+  }
+  Bytes header(12, 0);
+  EXPECT_TRUE(walk(make_packet(header)).empty());
+  header[5] = 1;
+  EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstRR(make_packet(header).get()));
+}
+
+TEST(DnsCopy, TakesAllOrTheBeginning) {
+  const PacketOwner packet = make_packet(captures::kPoolReply);
+
+  EXPECT_EQ(message_of(packet), message_of(own(ORP_DNS_PacketCopy(packet.get(), 0))));
+  EXPECT_EQ(message_of(packet), message_of(own(ORP_DNS_PacketCopy(packet.get(), 100000))));
+  const Bytes beginning = message_of(own(ORP_DNS_PacketCopy(packet.get(), 12)));
+  EXPECT_EQ(Bytes(at(packet, 0), at(packet, 12)), beginning);
+  EXPECT_EQ(0u, own(ORP_DNS_PacketCopy(make_packet(Bytes{}).get(), 0))->ulLength);
+  EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(nullptr, 0));
+}
+
+TEST(DnsCopy, RefusesWhatTheAllocatorRefuses) {
+  ORP_DNS_PACKET_ST huge = {0xFFFFFFFF};
+  EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(&huge, 0));
+
+  testing::internal::CaptureStdout();
+  huge.ulLength = 0x800000;
+  EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(&huge, 0));
+  EXPECT_EQ("error: not host tool, but malloc 4M, return NULL, malloc len=8388612\n",
+            testing::internal::GetCapturedStdout());
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "msgapi/dns.h"
+
+namespace {
+
+constexpr uint32_t kBad = ORP_DNS_ERR_ARGUMENT;
+
+const std::string kNibbles = "1.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.B.D.0.1.0.0.2";
+
+struct Case {
+  std::string name;
+  uint32_t status;
+  const char *address;
+  uint32_t is_ipv4;
+};
+
+const Case kCases[] = {
+    {"4.3.2.1.in-addr.arpa", ORP_DNS_OK, "1.2.3.4", 1},
+    {"255.254.253.252.in-addr.arpa.and more", ORP_DNS_OK, "252.253.254.255", 1},
+    {kNibbles + ".ip6.arpa", ORP_DNS_OK, "2001:0DB8:0000:0000:0000:0000:0000:0001", 0},
+    {"1.2.3.in-addr.arpa", kBad, nullptr, 0},
+    {"1.2.3.4.5.in-addr.arpa", kBad, nullptr, 0},
+    {"256.3.2.1.in-addr.arpa", kBad, nullptr, 0},
+    {"a.3.2.1.in-addr.arpa", kBad, nullptr, 0},
+    {"4..22.11.in-addr.arpa", 1, nullptr, 0},
+    {".3.22.11.in-addr.arpa", 1, nullptr, 0},
+    {"44.33.2..in-addr.arpa", 1, nullptr, 0},
+    {".in-addr.arpa", kBad, nullptr, 0},
+    {"4.3.2.1.IN-ADDR.ARPA", kBad, nullptr, 0},
+    {"4.3.2.1.in-addr.arpa.ip6.arpa", kBad, nullptr, 0},
+    {"example.com", kBad, nullptr, 0},
+    {"", kBad, nullptr, 0},
+    {"1." + kNibbles + ".ip6.arpa", kBad, nullptr, 0},
+    {"g" + kNibbles.substr(1) + ".ip6.arpa", kBad, nullptr, 0},
+    {"10" + kNibbles.substr(3) + "." + ".ip6.arpa", 1, nullptr, 0},
+    {"4.3.2.1.in-addr.arpa" + std::string(236, 'x'), kBad, nullptr, 0},
+};
+
+TEST(DnsReverseName, BecomesItsAddress) {
+  for (const Case &expected : kCases) {
+    SCOPED_TRACE(expected.name);
+    char address[80] = "";
+    uint32_t is_ipv4 = 9;
+
+    EXPECT_EQ(expected.status,
+              ORP_DNS_PacketPTRName2Addr(expected.name.c_str(), address, sizeof address, &is_ipv4));
+    EXPECT_EQ(expected.is_ipv4, is_ipv4);
+    if (expected.address != nullptr) {
+      EXPECT_STREQ(expected.address, address);
+    }
+  }
+}
+
+// The byte behind the text is the caller's; the NUL stands one further on.
+TEST(DnsReverseName, WritesTheNulOnePastTheText) {
+  const std::unique_ptr<char[]> address(new char[9]{});
+  address[8] = 'x';
+
+  EXPECT_EQ(ORP_DNS_OK,
+            ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.get(), 9, nullptr));
+  EXPECT_STREQ("1.2.3.4", address.get());
+  EXPECT_EQ('\0', address[8]);
+
+  address[7] = 'x';
+  EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.get(), 9, nullptr));
+  EXPECT_EQ('x', address[7]);
+  for (const uint32_t too_small : {0u, 1u, 8u}) {
+    EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.get(), too_small,
+                                               nullptr));
+  }
+  EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr(nullptr, address.get(), 9, nullptr));
+  EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", nullptr, 9, nullptr));
+}
+
+}  // namespace

@@ -1,0 +1,116 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "msgapi/str.h"
+
+namespace {
+
+TEST(Validators, JudgeTheirTexts) {
+  EXPECT_EQ(0u, ORP_UTIL_ValidatePort(0));
+  EXPECT_EQ(1u, ORP_UTIL_ValidatePort(1));
+  EXPECT_EQ(1u, ORP_UTIL_ValidatePort(65535));
+  EXPECT_EQ(0u, ORP_UTIL_ValidatePort(65536));
+
+  EXPECT_EQ(1u, ORP_UTIL_ValidateNumber("0123456789"));
+  for (const char *text : {"", "-1", "1 ", "1a", "/", ":"}) {
+    EXPECT_EQ(0u, ORP_UTIL_ValidateNumber(text)) << text;
+  }
+  EXPECT_EQ(0u, ORP_UTIL_ValidateNumber(nullptr));
+
+  EXPECT_EQ(1u, ORP_UTIL_ValidateLength("abc", 3));
+  EXPECT_EQ(0u, ORP_UTIL_ValidateLength("abc", 2));
+  EXPECT_EQ(0u, ORP_UTIL_ValidateLength("", 3));
+  EXPECT_EQ(0u, ORP_UTIL_ValidateLength(nullptr, 3));
+
+  EXPECT_EQ(1u, ORP_UTIL_ValidStr(" ~\x7f"));
+  EXPECT_EQ(1u, ORP_UTIL_ValidStr(""));
+  for (const char *text : {"\t", "a\x1f", "\x80", "\xff"}) {
+    EXPECT_EQ(0u, ORP_UTIL_ValidStr(text)) << text;
+  }
+  EXPECT_EQ(0u, ORP_UTIL_ValidStr(nullptr));
+
+  EXPECT_EQ(1u, ORP_UTIL_CheckStringTerminated("ab", 3));
+  EXPECT_EQ(0u, ORP_UTIL_CheckStringTerminated("ab", 2));
+  EXPECT_EQ(0u, ORP_UTIL_CheckStringTerminated("", 0));
+  EXPECT_EQ(0u, ORP_UTIL_CheckStringTerminated(nullptr, 3));
+}
+
+struct DeleteCase {
+  const char *text;
+  const char *part;
+  uint32_t size;
+  const char *out;
+  uint32_t count;
+};
+
+const DeleteCase kDeletes[] = {
+    {"aXbXc", "X", 4, "abc", 2}, {"aaaaa", "aa", 8, "a", 2}, {"ababc", "abc", 8, "ab", 1},
+    {"", "X", 4, "", 0},         {"XX", "X", 1, "", 2},      {"abc", "abcd", 8, "abc", 0},
+    {"abc", "", 3, "ab", 0},     {"aXbXc", "X", 3, "ab", 2}, {"aXbcXdX", "X", 2, "a", 3},
+};
+
+TEST(DeleteSubStr, RemovesFromTheLeftAndCutsToTheBuffer) {
+  for (const DeleteCase &expected : kDeletes) {
+    SCOPED_TRACE(expected.text);
+    const std::unique_ptr<char[]> out(new char[expected.size]);
+    EXPECT_EQ(expected.count,
+              ORP_UTIL_DeleteSubStr(expected.text, expected.part, out.get(), expected.size));
+    EXPECT_STREQ(expected.out, out.get());
+  }
+  char out[2] = "o";
+  EXPECT_EQ(0u, ORP_UTIL_DeleteSubStr(nullptr, "X", out, 2));
+  EXPECT_EQ(0u, ORP_UTIL_DeleteSubStr("X", nullptr, out, 2));
+  EXPECT_EQ(0u, ORP_UTIL_DeleteSubStr("X", "X", nullptr, 2));
+  EXPECT_EQ(0u, ORP_UTIL_DeleteSubStr("X", "X", out, 0));
+  EXPECT_STREQ("o", out);
+}
+
+TEST(FindModuleAndFunc, SplitsRequestPaths) {
+  char module[5] = "old", function[8] = "old";
+
+  EXPECT_EQ(0u, ORP_UTIL_FindModuleAndFuncByUri("/api/ntwk/wan/a", module, 5, function, 8));
+  EXPECT_STREQ("ntwk", module);
+  EXPECT_STREQ("wan/a", function);
+  // A module that does not fit is left out, a function that does not fit is an error.
+  EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri("/api/device/settings", module, 5, function, 8));
+  EXPECT_STREQ("ntwk", module);
+  EXPECT_STREQ("", function);
+  EXPECT_EQ(0u, ORP_UTIL_FindModuleAndFuncByUri("/api/a/b", nullptr, 0, nullptr, 0));
+  EXPECT_EQ(0u, ORP_UTIL_FindModuleAndFuncByUri("/api/a/settings", module, 5, function, 1));
+  EXPECT_STREQ("", function);
+  EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri("/api/a/", nullptr, 0, function, 8));
+  for (const char *path : {"/api/ntwk", "/api/", "api/a/b", "/API/a/b", ""}) {
+    EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri(path, module, 5, function, 8)) << path;
+  }
+  EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri(nullptr, module, 5, function, 8));
+}
+
+std::string content_of(const std::string &path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(CopyFile, CopiesWithoutLettingAShellSeeHostileNames) {
+  std::ofstream("/var/source") << "content";
+
+  ORP_UTIL_CopyFile("/var/source", "/var/target");
+  for (const char *hostile :
+       {"/var/x;touch${IFS}/var/owned", "$(touch /var/owned)", "`touch /var/owned`", "/var/a b",
+        "/var/x&touch", "/var/x|touch", "/var/x>owned", "-t/var", "", "/var/x\n", "/var/*", "~"}) {
+    ORP_UTIL_CopyFile("/var/source", hostile);
+    ORP_UTIL_CopyFile(hostile, "/var/hostile");
+  }
+  ORP_UTIL_CopyFile(nullptr, "/var/null");
+  ORP_UTIL_CopyFile("/var/source", nullptr);
+
+  EXPECT_EQ("content", content_of("/var/target"));
+  for (const char *path : {"/var/owned", "/var/x", "/var/a", "/var/hostile", "/var/null"}) {
+    EXPECT_FALSE(std::filesystem::exists(path)) << path;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "msgapi/url.h"
+#include "support/allocation.h"
+
+namespace {
+
+// What ORP_UTIL_ParseUrl stores; texts that are null read "(null)".
+struct Parts {
+  uint32_t result = 9;
+  uint32_t protocol = 9;
+  std::string host;
+  uint32_t port = 9;
+  std::string path;
+};
+
+Parts parse(const char *url) {
+  Parts parts;
+  char *host = nullptr, *path = nullptr;
+  parts.result = ORP_UTIL_ParseUrl(url, &parts.protocol, &host, &parts.port, &path);
+  parts.host = host == nullptr ? "(null)" : host;
+  parts.path = path == nullptr ? "(null)" : path;
+  std::free(host);
+  std::free(path);
+  return parts;
+}
+
+struct GoodCase {
+  const char *url;
+  uint32_t protocol;
+  const char *host;
+  uint32_t port;
+  const char *path;
+};
+
+const GoodCase kGood[] = {
+    {"http://a.de/x", 0, "a.de", 80, "/x"},
+    {"HTTPS://a.de", 1, "a.de", 443, "(null)"},
+    {" \t\r\nftp://a:2121/b c?d", 2, "a", 2121, "/b%20c?d"},
+    {"tftp://a/%41%4", 3, "a", 69, "/%41%254"},
+    {"http://[fe80::1]:8080/x", 0, "fe80::1", 8080, "/x"},
+    {"http://[fe80::1]", 0, "fe80::1", 80, "(null)"},
+    {"http://[::1]junk/x", 0, "::1", 80, "/x"},
+    {"http://a:80junk/x", 0, "a", 80, "/x"},
+    {"http://a:65535", 0, "a", 65535, "(null)"},
+    {"http:///x", 0, "", 80, "/x"},
+    {"http://a?q=/x", 0, "a?q=", 80, "/x"},
+    // The port is taken from the path when there is none before it, and ends the path.
+    {"http://a/x:8080/y", 0, "a", 8080, "/x"},
+    {"http://a:81/x:8080", 0, "a", 81, "/x:8080"},
+};
+
+TEST(ParseUrl, SplitsUrls) {
+  for (const GoodCase &expected : kGood) {
+    SCOPED_TRACE(expected.url);
+    const Parts parts = parse(expected.url);
+
+    EXPECT_EQ(1u, parts.result);
+    EXPECT_EQ(expected.protocol, parts.protocol);
+    EXPECT_EQ(expected.host, parts.host);
+    EXPECT_EQ(expected.port, parts.port);
+    EXPECT_EQ(expected.path, parts.path);
+  }
+}
+
+struct BadCase {
+  const char *why;
+  const char *url;
+  uint32_t protocol;  // what was stored before the failure
+};
+
+const BadCase kBad[] = {
+    {"null", nullptr, 0},
+    {"empty", "", 0},
+    {"no mark", "https:/a", 0},
+    {"unknown protocol", "gopher://a", 0},
+    {"white space before the mark", "https ://a", 0},
+    {"no protocol", "://a", 0},
+    {"bracket left open", "https://[::1/x", 1},
+    {"port 0", "https://a:0", 1},
+    {"port too large", "https://a:65536", 1},
+    {"port far too large", "https://a:18446744073709551697", 1},
+    {"negative port", "https://a:-1", 1},
+    {"no number", "https://a:/x", 1},
+    {"a colon in the path without a number", "https://a/x:y", 1},
+};
+
+TEST(ParseUrl, RefusesOthersAndKeepsWhatItHadStored) {
+  for (const BadCase &expected : kBad) {
+    SCOPED_TRACE(expected.why);
+    const Parts parts = parse(expected.url);
+
+    EXPECT_EQ(0u, parts.result);
+    EXPECT_EQ(expected.protocol, parts.protocol);
+    EXPECT_EQ(0u, parts.port);
+    EXPECT_EQ("(null)", parts.host);
+    EXPECT_EQ("(null)", parts.path);
+  }
+}
+
+TEST(ParseUrl, NeedsNoOutputs) {
+  EXPECT_EQ(1u, ORP_UTIL_ParseUrl("http://a/x", nullptr, nullptr, nullptr, nullptr));
+  EXPECT_EQ(0u, ORP_UTIL_ParseUrl("http//a/x", nullptr, nullptr, nullptr, nullptr));
+  uint32_t port;
+  EXPECT_EQ(1u, ORP_UTIL_ParseUrlEx("http://a:7/x", nullptr, nullptr, &port, nullptr, 1));
+  EXPECT_EQ(7u, port);
+}
+
+TEST(ParseUrl, LeavesNothingBehindWithoutMemory) {
+  EXPECT_EQ(4u, test::fail_every_allocation([] {
+              const Parts parts = parse("http://a/x");
+              EXPECT_EQ(parts.result == 1, parts.host != "(null)");
+              EXPECT_EQ(parts.result == 1, parts.path != "(null)");
+              return parts.result == 1;
+            }));
+}
+
+const char *const kNames[] = {"RTSP", "SIP", nullptr};
+const uint32_t kPorts[] = {554, 0};
+
+TEST(UrlProtocols, CanBeExtended) {
+  g_extendProtocols = kNames;
+  EXPECT_EQ(0u, parse("sip://a").result);  // no default port
+  EXPECT_EQ(0u, ORP_UTIL_GetDftPortByProtocolIdx(4));
+  g_extendPorts = kPorts;
+
+  EXPECT_EQ(4u, ORP_UTIL_GetProtocolTypeIdxFromStr("rtsp"));
+  EXPECT_STREQ("SIP", ORP_UTIL_GetProtocolTypeStrFromIdx(5));
+  EXPECT_EQ(554u, ORP_UTIL_GetDftPortByProtocolIdx(4));
+  EXPECT_EQ(0u, ORP_UTIL_GetDftPortByProtocolIdx(5));
+  EXPECT_EQ(0u, ORP_UTIL_GetDftPortByProtocolIdx(INT32_MAX));
+  EXPECT_EQ(554u, parse("RTSP://a").port);
+  EXPECT_EQ(0u, parse("sip://a").result);
+  EXPECT_EQ(5060u, parse("sip://a:5060").port);
+}
+
+TEST(UrlProtocols, AreFoundByNameAndIndex) {
+  EXPECT_EQ(1u, ORP_UTIL_GetProtocolTypeIdxFromStr("HttpS"));
+  EXPECT_EQ(ORP_URL_PROTOCOL_UNKNOWN, ORP_UTIL_GetProtocolTypeIdxFromStr("HTTPSX"));
+  EXPECT_EQ(ORP_URL_PROTOCOL_UNKNOWN, ORP_UTIL_GetProtocolTypeIdxFromStr(nullptr));
+  EXPECT_STREQ("TFTP", ORP_UTIL_GetProtocolTypeStrFromIdx(3));
+  EXPECT_EQ(nullptr, ORP_UTIL_GetProtocolTypeStrFromIdx(4));
+  EXPECT_EQ(21u, ORP_UTIL_GetDftPortByProtocolIdx(2));
+  EXPECT_EQ(0u, ORP_UTIL_GetDftPortByProtocolIdx(-1));
+}
+
+}  // namespace
