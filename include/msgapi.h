@@ -20,5 +20,6 @@
 #include "msgapi/time.h"
 #include "msgapi/trace.h"
 #include "msgapi/url.h"
+#include "msgapi/web.h"
 
 #endif

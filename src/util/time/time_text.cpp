@@ -1,0 +1,88 @@
+// The current time as text, and two clocks.
+//
+// The texts stand in two process-wide buffers, one for UTC and one for local time, as the interface
+// has it: a text lives until the next call.
+
+#include <ctime>
+#include <span>
+
+#include "base/text.h"
+#include "msgapi/time.h"
+#include "orputil.h"
+#include "os/clock.h"
+
+namespace msgapi {
+namespace {
+
+constexpr size_t kTextSize = 64;
+char g_utc_text[kTextSize];
+char g_local_text[kTextSize];
+
+// gcc wants every strftime format at the call itself; these are the literals below.
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// Empty when the time cannot be broken down or the text does not fit.
+const char *format_now(std::span<char, kTextSize> out, tm *(*break_down)(const time_t *, tm *),
+                       const char *format) {
+  out[0] = '\0';
+  const time_t now = ::time(nullptr);
+  tm fields;
+  if (break_down(&now, &fields) == nullptr ||
+      std::strftime(out.data(), out.size(), format, &fields) == 0) {
+    out[0] = '\0';
+  }
+  return out.data();
+}
+
+const char *utc_now(const char *format) {
+  return format_now(g_utc_text, ::gmtime_r, format);
+}
+
+}  // namespace
+}  // namespace msgapi
+
+using namespace msgapi;
+
+extern "C" const char *ORP_UTIL_GetCurrTime() {
+  return utc_now("%H:%M:%S");
+}
+
+extern "C" const char *ORP_UTIL_GetCurrUTCTime() {
+  return utc_now("%Y-%m-%dT%H:%M:%S");
+}
+
+extern "C" const char *ORP_UTIL_GetCurrSpecUtcTime() {
+  return utc_now("%Y/%m/%dT%H:%M:%S");
+}
+
+extern "C" const char *ORP_UTIL_GetCurrTimeStamp() {
+  return utc_now("%Y-%m-%d:%H:%M:%S");
+}
+
+extern "C" const char *ORP_UTIL_GetCurrTimeWithSpace() {
+  return utc_now("%Y-%m-%d %H:%M:%S");
+}
+
+extern "C" const char *ORP_UTIL_GetCurrGMTTime() {
+  return utc_now("%a, %d %b %Y %H:%M:%S GMT");
+}
+
+extern "C" const char *ORP_UTIL_GetLocalTimeStamp() {
+  return format_now(g_local_text, ::localtime_r, "%m%d%H%M%S");
+}
+
+extern "C" const char *ORP_UTIL_GetCurrUTCTimeStamp() {
+  return ORP_UTIL_GetUtcTimeWithFormat();
+}
+
+extern "C" uint64_t ORP_UTIL_GetMsecondAfterStart() {
+  ORP_TIME_ST now;
+  os::read_monotonic(&now);
+  return static_cast<uint64_t>(now.seconds) * 1000 + static_cast<uint64_t>(now.microseconds) / 1000;
+}
+
+extern "C" void ORP_UTIL_GetReleaseDate(char *buffer, uint32_t size) {
+  if (buffer != nullptr && size > 1) copy_cut({buffer, size}, "2021-06-04");
+}
+
+extern "C" void ORP_BASE_Init(const char * /*appName*/) {}

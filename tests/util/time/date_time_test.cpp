@@ -1,0 +1,197 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "msgapi/status.h"
+#include "msgapi/time.h"
+
+namespace {
+
+using DateTime = ORP_UTIL_DATE_TIME_ST;
+
+// The console output of a call, and its result.
+template <typename Call>
+std::pair<uint32_t, std::string> printed(Call call) {
+  testing::internal::CaptureStdout();
+  const uint32_t result = call();
+  return {result, testing::internal::GetCapturedStdout()};
+}
+
+TEST(CheckTimeValid, SaysWhatIsWrong) {
+  const struct {
+    DateTime at;
+    uint32_t result;
+    const char *text;
+  } kCases[] = {
+      {{2020, 2, 29, 10, 0, 0}, 0, ""},
+      {{2000, 2, 29, 10, 0, 0}, 0, ""},
+      {{2021, 2, 30, 23, 59, 59}, 0, ""},  // kept
+      {{2021, 0, 0, 0, 0, 0}, 0, ""},      // kept
+      {{0, 0, 0, 0, 0, 1}, 0, ""},
+      {{2021, 13, 1, 0, 0, 0}, 1, ""},
+      {{2021, 1, 32, 0, 0, 0}, 1, ""},
+      {{2021, 2, 29, 0, 0, 0}, 1, "The day[2021-2-29] of periodictime isn't exit.\n"},
+      {{1900, 2, 29, 0, 0, 0}, 1, "The day[1900-2-29] of periodictime isn't exit.\n"},
+      {{0, 2, 29, 0, 0, 0}, 1, "The day[0-2-29] of periodictime isn't exit.\n"},
+      {{2021, 4, 31, 0, 0, 0}, 1, "The day[2021-4-31] of periodictime isn't exit.\n"},
+      {{2021, 0, 31, 0, 0, 0}, 1, "The day[2021-0-31] of periodictime isn't exit.\n"},
+      {{2021, 1, 31, 24, 60, 60}, 1, "\nThe hour of periodictime is not in the range."},
+      {{2021, 1, 31, 23, 60, 60}, 1, "\nThe minute of periodictime is not in the range."},
+      {{2021, 1, 31, 23, 59, 60}, 1, "\nThe second of periodictime is not in the range."},
+      {{0, 0, 0, 0, 0, 0}, 1, "\nDosen't need to change the interval of inform."},
+  };
+  for (const auto &each : kCases) {
+    const DateTime &at = each.at;
+    EXPECT_EQ(std::pair(each.result, std::string(each.text)), printed([&at] {
+                return ORP_UTIL_CheckTimeValid(at.ulYear, at.ulMonth, at.ulDay, at.ulHour,
+                                               at.ulMinute, at.ulSecond);
+              }));
+  }
+}
+
+TEST(TimeFormat, ReadsDatesWithAndWithoutDashes) {
+  for (const char *text :
+       {"2021-06-04T10:11:12", "20210604T10:11:12", "2021-06-04T10:11:12Z", "2021-06-04T10:11:12.Z",
+        "2021-06-04T10:11:12.123Z", "2021-06-04T10:11:12.123+08:00", "2021-06-04T10:11:12-08:00",
+        "2021-06-04T10:11:12.5-0:Z", "2021-06-04T10:11:12.5-08.30"}) {
+    DateTime at{};
+    EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck(text, &at)) << text;
+    EXPECT_EQ(2021u, at.ulYear);
+    EXPECT_EQ(6u, at.ulMonth);
+    EXPECT_EQ(4u, at.ulDay);
+    EXPECT_EQ(10u, at.ulHour);
+    EXPECT_EQ(11u, at.ulMinute);
+    EXPECT_EQ(12u, at.ulSecond);
+  }
+}
+
+TEST(TimeFormat, ChecksNoRanges) {
+  DateTime at{};
+  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("0000-99-99T99:99:99", &at));
+  EXPECT_EQ(99u, at.ulSecond);
+}
+
+TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
+  const struct {
+    const char *text;
+    uint32_t status;
+    const char *why;
+  } kCases[] = {
+      {"20210604T101010Z", 1, "16 characters"},
+      {"20210604T10101000", 1, "no separators in the time"},
+      {"2021-06-04 10:00:00", 1, "no T"},
+      {"2021-6-04T10:00:00", 1, "month of one digit"},
+      {"2021-06-04-T10:00:00", 1, "fourth piece"},
+      {"2021--06-04T10:00:00", 1, "empty piece"},
+      {"021-06-04T10:00:000", 1, "year of three digits"},
+      {"202106041T10:00:00", 1, "nine digits"},
+      {"2021060T10:00:00000", 1, "seven digits"},
+      {"2021-06-04TT0:00:00", 1, "no digit"},
+      {"2021-06-04T1:00:000", 1, "hour of one digit"},
+      {"2021-06-04T10:0:000", 1, "minute of one digit"},
+      {"2021-06-04T10:00:0", 1, "second of one digit"},
+      {"2021-06-04T10:00:+1", 1, "sign for a digit"},
+      {"2021-06-04T10:00:00z", 1, "lower-case zone"},
+      {"2021-06-04T10:00:00Zx", 1, "text behind the zone"},
+      {"2021-06-04T10:00:00.123", 1, "fraction without a zone"},
+      {"2021-06-04T10:00:00.1+8:00", 1, "offset hour of one digit"},
+      {"2021-06-04T10:00:00.1+0800", 1, "offset without a separator"},
+      {"2021-06-04T10:00:00.1+08:0", 1, "offset minute of one digit"},
+      {"2021-06-04T10:00:00.1-08:00-", 1, "text behind the offset"},
+      {"2021-06-04T10:00:00.1+", 1, "sign alone"},
+      {"2021-06-04T", 1, "no time"},
+      {"2021-06-04T10:00:00.123456789012345678901Z", 1, "42 characters"},
+      {"2021-06-04T10:00:00.12345678901234567890123Z", ORP_ERR_ARGUMENT, "44 characters"},
+  };
+  for (const auto &each : kCases) {
+    DateTime at = {7, 7, 7, 7, 7, 7};
+    EXPECT_EQ(each.status, ORP_UTIL_UCTTimeFormatCheck(each.text, &at)) << each.why;
+    EXPECT_EQ(7u, at.ulYear) << each.why;
+  }
+}
+
+TEST(TimeFormat, AcceptsAnEmptyTextAndFillsNothing) {
+  DateTime at = {7, 7, 7, 7, 7, 7};
+  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("", &at));
+  EXPECT_EQ(7u, at.ulSecond);
+  EXPECT_EQ(1u, ORP_UTIL_UCTTimeFormatCheck(nullptr, &at));
+  EXPECT_EQ(1u, ORP_UTIL_UCTTimeFormatCheck("2021-06-04T10:00:00", nullptr));
+}
+
+struct Difference {
+  uint32_t status;
+  uint32_t seconds = 12345;
+  uint32_t order = 9;
+};
+
+Difference difference(const char *first, const char *second) {
+  Difference result;
+  result.status = ORP_UTIL_GetDifTime(first, second, &result.seconds, &result.order);
+  return result;
+}
+
+TEST(TimeDifference, LeavesSecondsUnwrittenForYearsOfOurEra) {
+  const Difference result = difference("2021-06-04T10:00:00", "2021-06-04T10:00:01");
+
+  EXPECT_EQ(0u, result.status);
+  EXPECT_EQ(0u, result.order);
+  EXPECT_EQ(12345u, result.seconds);
+  EXPECT_EQ(1u, difference("2021-06-04T10:00:01", "2021-06-04T10:00:00").order);
+}
+
+TEST(TimeDifference, CountsSecondsWithinTheBound) {
+  EXPECT_EQ(86400u + 3661u, difference("0100-02-28T00:00:00", "0100-03-01T01:01:01").seconds);
+  EXPECT_EQ(2 * 86400u, difference("0004-02-28T00:00:00", "0004-03-01T00:00:00").seconds);
+  const Difference backwards = difference("0002-01-01T00:00:00", "0001-12-31T23:59:59");
+  EXPECT_EQ(1u, backwards.seconds);
+  EXPECT_EQ(1u, backwards.order);
+  // Day 49710 of the calendar is 6 February of 137; 2^32 seconds end on it at 06:28:16.
+  EXPECT_EQ(1u, difference("0137-02-06T06:28:14", "0137-02-06T06:28:15").seconds);
+  EXPECT_EQ(12345u, difference("0137-02-06T06:28:14", "0137-02-06T06:28:16").seconds);
+  EXPECT_EQ(12345u, difference("0137-02-06T00:00:00", "0137-02-07T00:00:00").seconds);
+}
+
+TEST(TimeDifference, ReportsEqualAndDistantTimesAsOrder0) {
+  testing::internal::CaptureStdout();
+  const Difference same = difference("0100-01-01T00:00:00", "0100-01-01T00:00:00");
+  EXPECT_EQ("\nThe two times are the same.", testing::internal::GetCapturedStdout());
+  EXPECT_EQ(0u, same.order);
+  EXPECT_EQ(12345u, same.seconds);
+
+  const Difference distant = difference("0061-01-01T00:00:00", "0010-01-01T00:00:00");
+  EXPECT_EQ(0u, distant.status);
+  EXPECT_EQ(0u, distant.order);
+  EXPECT_EQ(12345u, distant.seconds);
+  EXPECT_EQ(1u, difference("0060-01-01T00:00:00", "0010-01-01T00:00:00").order);
+}
+
+TEST(TimeDifference, WritesNothingForWhatItCannotRead) {
+  EXPECT_EQ(1u, difference("2021-06-04", "2021-06-04T10:00:00").status);
+  EXPECT_EQ(9u, difference("2021-06-04T10:00:00", "2021-06-04").order);
+  EXPECT_EQ(1u, difference("2021-02-29T10:00:00", "2021-06-04T10:00:00").status);
+  EXPECT_EQ(1u, difference("", "2021-06-04T10:00:00").status);
+  EXPECT_EQ(0u, difference("2021-06-04T10:00:00", "2021-02-29T10:00:00").status) << "not checked";
+  EXPECT_EQ(ORP_ERR_ARGUMENT, difference(std::string(44, 'x').c_str(), "").status);
+  uint32_t word;
+  EXPECT_EQ(1u, ORP_UTIL_GetDifTime(nullptr, "", &word, &word));
+  EXPECT_EQ(1u, ORP_UTIL_GetDifTime("", nullptr, &word, &word));
+  EXPECT_EQ(1u, ORP_UTIL_GetDifTime("", "", nullptr, &word));
+  EXPECT_EQ(1u, ORP_UTIL_GetDifTime("", "", &word, nullptr));
+}
+
+TEST(DelayTime, WaitsForTheNextBoundary) {
+  const auto delay = [](uint32_t now, uint32_t period, uint32_t align) {
+    uint32_t result = 77;
+    ORP_UTIL_GetDelayTime(now, period, align, &result);
+    return result;
+  };
+  EXPECT_EQ(20u, delay(100, 30, 0));
+  EXPECT_EQ(10u, delay(100, 30, 1));
+  EXPECT_EQ(30u, delay(90, 30, 0));
+  EXPECT_EQ(30u, delay(90, 30, 1));
+  EXPECT_EQ(77u, delay(90, 0, 1));
+  ORP_UTIL_GetDelayTime(1, 1, 1, nullptr);
+}
+
+}  // namespace
