@@ -12,6 +12,7 @@
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
 #include "msgapi/notify.h"
+#include "msgapi/netlink.h"
 #include "msgapi/nvpair.h"
 #include "msgapi/path.h"
 #include "msgapi/sockbase.h"

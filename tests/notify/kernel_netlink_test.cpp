@@ -1,0 +1,113 @@
+// A stock kernel has no netlink protocol 25; these tests put the protocol for user programs in its
+// place, whose datagrams to the kernel are refused, and look at what was sent.
+
+#include <gmock/gmock.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "base/memory.h"
+#include "msgapi/netlink.h"
+#include "os/fd.h"
+#include "support/fd_check.h"
+
+namespace {
+
+bool g_protocol_exists;
+std::vector<uint8_t> g_sent;
+sockaddr_nl g_destination;
+
+}  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+  const bool load_balancing = g_protocol_exists && domain == AF_NETLINK && protocol == 25;
+  const int known = load_balancing ? NETLINK_USERSOCK : protocol;
+  return static_cast<int>(::syscall(SYS_socket, domain, type, known));
+}
+
+extern "C" ssize_t sendmsg(int fd, const msghdr *message, int flags) {
+  const auto *bytes = static_cast<const uint8_t *>(message->msg_iov[0].iov_base);
+  g_sent.assign(bytes, bytes + message->msg_iov[0].iov_len);
+  std::memcpy(&g_destination, message->msg_name, sizeof g_destination);
+  return ::syscall(SYS_sendmsg, fd, message, flags);
+}
+
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+class SendToKernel : public testing::Test {
+ protected:
+  SendToKernel() { g_protocol_exists = true; }
+
+  test::FdCheck descriptors_;
+};
+
+TEST_F(SendToKernel, SendsOnePaddedDatagramAndIgnoresItsRefusal) {
+  testing::internal::CaptureStderr();
+
+  EXPECT_EQ(0u, ORP_Netlink_SendToKernel("\1\2\3\4\5", 5, 0x1234));
+
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("send failed for balance\n"));
+  EXPECT_EQ(0u, g_destination.nl_pid);
+  nlmsghdr header;
+  ASSERT_EQ(24u, g_sent.size());
+  std::memcpy(&header, g_sent.data(), sizeof header);
+  EXPECT_EQ(21u, header.nlmsg_len);
+  EXPECT_EQ(0x1234, header.nlmsg_type);
+  EXPECT_EQ(0, header.nlmsg_flags);
+  EXPECT_EQ(0u, header.nlmsg_seq);
+  EXPECT_EQ(0x1234u, header.nlmsg_pid);
+  EXPECT_THAT(std::vector(g_sent.begin() + 16, g_sent.end()), ElementsAre(1, 2, 3, 4, 5, 0, 0, 0));
+}
+
+TEST_F(SendToKernel, SendsAHeaderAlone) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(0u, ORP_Netlink_SendToKernel("", 0, 7));
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(16u, g_sent.size());
+}
+
+TEST_F(SendToKernel, FailsWhenThePortIdIsTaken) {
+  const msgapi::os::UniqueFd other(::socket(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK));
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = 77;
+  ASSERT_EQ(0, ::bind(other.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
+  testing::internal::CaptureStderr();
+
+  EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 1, 77));
+
+  EXPECT_EQ("bind error\n: Address already in use\n", testing::internal::GetCapturedStderr());
+  EXPECT_THAT(g_sent, IsEmpty());
+}
+
+TEST_F(SendToKernel, FailsWithoutADatagram) {
+  EXPECT_EQ(1u, ORP_Netlink_SendToKernel(nullptr, 1, 7));
+  // From here on the padded size, or the length with its header, does not fit 32 bits.
+  for (uint32_t length : {0xFFFFFFEDu, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", length, 7)) << length;
+  }
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 0x800000, 7)) << "beyond the guarded allocator";
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), EndsWith("malloc len=8388624\n"));
+
+  msgapi::fail_allocation(1);
+  EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 1, 7));
+  EXPECT_THAT(g_sent, IsEmpty());
+}
+
+TEST_F(SendToKernel, FailsWhenTheKernelDoesNotKnowTheProtocol) {
+  g_protocol_exists = false;
+  EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 1, 7));
+}
+
+}  // namespace
