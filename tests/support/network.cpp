@@ -1,8 +1,24 @@
 #include "support/network.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netpacket/packet.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "os/fd.h"
 
 namespace test {
 
@@ -11,12 +27,72 @@ void run(const std::string &command) {
 }
 
 void add_bridge(const std::string &name) {
-  run("ip link add " + name + " type bridge && ip link set " + name + " up");
+  run("ip link add " + name + " type bridge && ip link set " + name + " addrgenmode none");
+  run("ip link set " + name + " up");
 }
 
 void add_bridge_port(const std::string &bridge, const std::string &port, const std::string &peer) {
   run("ip link add " + port + " type veth peer name " + peer);
   run("ip link set " + port + " master " + bridge + " up && ip link set " + peer + " up");
+}
+
+void teach_bridge(const std::string &bridge, const std::string &peer, const std::string &mac) {
+  const msgapi::os::UniqueFd fd(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+  sockaddr_ll place{};
+  place.sll_family = AF_PACKET;
+  place.sll_ifindex = static_cast<int>(::if_nametoindex(peer.c_str()));
+
+  unsigned char frame[60] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+  unsigned char *source = frame + 6;
+  ASSERT_EQ(6, std::sscanf(mac.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &source[0], &source[1],
+                           &source[2], &source[3], &source[4], &source[5]));
+  frame[12] = 0x88;  // the type kept for experiments
+  frame[13] = 0xb5;
+
+  const std::string known = "bridge fdb show br " + bridge + " | grep -qi ^" + mac;
+  wait_until([&] {
+    EXPECT_EQ(static_cast<ssize_t>(sizeof frame),
+              ::sendto(fd.get(), frame, sizeof frame, 0, reinterpret_cast<sockaddr *>(&place),
+                       sizeof place));
+    return std::system(known.c_str()) == 0;
+  });
+}
+
+void wait_until(const std::function<bool()> &condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!condition()) {
+    ASSERT_LT(std::chrono::steady_clock::now(), end) << "does not come true";
+    ::poll(nullptr, 0, 1);
+  }
+}
+
+void replace_program(const std::string &program, const std::string &script) {
+  const std::filesystem::path directory = "/var/test_programs";
+  std::filesystem::create_directories(directory);
+  std::ofstream(directory / program) << "#!/bin/sh\n" << script << "\n";
+  ASSERT_EQ(0, ::chmod((directory / program).c_str(), 0755));
+
+  const std::string path = std::getenv("PATH");
+  if (!path.starts_with(directory.string() + ":")) {
+    ::setenv("PATH", (directory.string() + ":" + path).c_str(), 1);
+  }
+}
+
+int readable(const std::string &text) {
+  const int fd = ::memfd_create("text", MFD_CLOEXEC);
+  EXPECT_EQ(static_cast<ssize_t>(text.size()), ::write(fd, text.data(), text.size()));
+  EXPECT_EQ(0, ::lseek(fd, 0, SEEK_SET));
+  return fd;
+}
+
+std::string bound_address(int fd) {
+  sockaddr_storage address;
+  socklen_t size = sizeof address;
+  char host[NI_MAXHOST];
+  EXPECT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size));
+  EXPECT_EQ(0, ::getnameinfo(reinterpret_cast<sockaddr *>(&address), size, host, sizeof host,
+                             nullptr, 0, NI_NUMERICHOST));
+  return host;
 }
 
 }  // namespace test

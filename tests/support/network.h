@@ -1,6 +1,7 @@
 // Network objects of a test's own namespace, made with iproute2.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace test {
@@ -8,11 +9,26 @@ namespace test {
 // Runs a shell command and fails the test when it does not succeed.
 void run(const std::string &command);
 
-// Makes the bridge `name` and brings it up.
+// Makes the bridge `name`, without addresses, and brings it up.
 void add_bridge(const std::string &name);
 
 // Makes a pair of Ethernet interfaces that are each other's cable, both up; `port` becomes a port
 // of `bridge`.
 void add_bridge_port(const std::string &bridge, const std::string &port, const std::string &peer);
+
+// Lets `bridge` learn `mac`, which comes in from the interface `peer` at the far end of a port.
+void teach_bridge(const std::string &bridge, const std::string &peer, const std::string &mac);
+
+// Asks `condition` until it holds and fails the test when it does not within ten seconds.
+void wait_until(const std::function<bool()> &condition);
+
+// Makes `program` a shell script that comes before every other program of this name.
+void replace_program(const std::string &program, const std::string &script);
+
+// A descriptor to read `text` from, open for the whole test.
+int readable(const std::string &text);
+
+// What the kernel says about an address that a socket is bound to.
+std::string bound_address(int fd);
 
 }  // namespace test

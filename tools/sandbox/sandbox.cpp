@@ -154,6 +154,14 @@ void bring_up_loopback() {
   ::close(fd);
 }
 
+// The host's forms of the platform's programs stand beside this one and come before the machine's.
+void put_programs_first() {
+  const char *rest = std::getenv("PATH");
+  std::string path = fs::read_symlink("/proc/self/exe").parent_path();
+  if (rest != nullptr) path += std::string(":") + rest;
+  check(::setenv("PATH", path.c_str(), 1) == 0, "set PATH");
+}
+
 volatile sig_atomic_t g_child;
 
 void forward(int signal) {
@@ -231,6 +239,7 @@ int main(int argc, char **argv) {
 
   enter_namespaces();
   try {
+    put_programs_first();
     const pid_t init = fork_with_signals_held();
     if (init == 0) be_init(command);
     return wait_for(init);
