@@ -2,6 +2,7 @@
 #ifndef MSGAPI_H
 #define MSGAPI_H
 
+#include "msgapi/bridge.h"
 #include "msgapi/dmmsg.h"
 #include "msgapi/dns.h"
 #include "msgapi/event.h"
@@ -11,8 +12,8 @@
 #include "msgapi/mac.h"
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
-#include "msgapi/notify.h"
 #include "msgapi/netlink.h"
+#include "msgapi/notify.h"
 #include "msgapi/nvpair.h"
 #include "msgapi/path.h"
 #include "msgapi/sockbase.h"

@@ -59,4 +59,13 @@ bool is_terminated(std::span<const char> field) {
   return field_text(field).size() < field.size();
 }
 
+std::string_view cut_word(std::string_view *text) {
+  constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
+  text->remove_prefix(std::min(text->find_first_not_of(kWhiteSpace), text->size()));
+  const std::string_view word(text->data(),
+                              std::min(text->find_first_of(kWhiteSpace), text->size()));
+  text->remove_prefix(word.size());
+  return word;
+}
+
 }  // namespace msgapi

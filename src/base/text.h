@@ -28,4 +28,7 @@ std::string_view field_text(std::span<const char> field);
 // True when a NUL occurs within the field.
 bool is_terminated(std::span<const char> field);
 
+// Takes the first word, bounded by white space, off the front of `text`; empty when there is none.
+std::string_view cut_word(std::string_view *text);
+
 }  // namespace msgapi

@@ -1,0 +1,341 @@
+#include "util/net/address_info.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cfmstore.h"
+#include "msgapi/status.h"
+#include "os/fd.h"
+#include "support/allocation.h"
+#include "support/fd_check.h"
+#include "support/network.h"
+
+namespace {
+
+using msgapi::AddressList;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+AddressList parse(const char *host, uint32_t port = 80, uint32_t flags = 0) {
+  return AddressList(ORP_UTIL_ParseIPAddress(flags, host, port));
+}
+
+// "host port" of every record.
+std::vector<std::string> texts(const ORP_UTIL_ADDRINFO_ST *list) {
+  std::vector<std::string> result;
+  for (; list != nullptr; list = list->next) {
+    char host[NI_MAXHOST], port[NI_MAXSERV];
+    EXPECT_EQ(0, ::getnameinfo(list->addr, list->addrlen, host, sizeof host, port, sizeof port,
+                               NI_NUMERICHOST | NI_NUMERICSERV));
+    EXPECT_EQ(list->family, list->addr->sa_family);
+    result.push_back(std::string(host) + " " + port);
+  }
+  return result;
+}
+
+bool same(const char *left, uint32_t left_port, const char *right, uint32_t right_port) {
+  return ORP_UTIL_IsAddrInfoSame(parse(left, left_port).get(), parse(right, right_port).get()) == 1;
+}
+
+TEST(ParseIpAddress, TakesNumericTextOnly) {
+  EXPECT_THAT(texts(parse("192.0.2.7", 65535).get()), ElementsAre("192.0.2.7 65535"));
+  EXPECT_THAT(texts(parse("2001:db8::7", 0).get()), ElementsAre("2001:db8::7 0"));
+  EXPECT_THAT(texts(parse(nullptr).get()), UnorderedElementsAre("0.0.0.0 80", ":: 80"));
+  EXPECT_EQ(SOCK_STREAM, parse("192.0.2.7")->socktype);
+  EXPECT_EQ(SOCK_DGRAM, parse("192.0.2.7", 80, ORP_SOCKET_DATAGRAM)->socktype);
+
+  for (const char *host : {"localhost", "192.0.2.256", "", "2001:db8::g", "lo"}) {
+    EXPECT_FALSE(parse(host)) << host;
+  }
+  EXPECT_FALSE(parse("192.0.2.7", 65536));
+  EXPECT_FALSE(parse("192.0.2.7", 0xFFFFFFFF));
+}
+
+TEST(AddrInfo, IsMadeFromASocketAddress) {
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  const auto *place = reinterpret_cast<const sockaddr *>(&address);
+
+  const AddressList list(
+      ORP_UTIL_MakeAddrInfo(ORP_SOCKET_IPV6 | ORP_SOCKET_DATAGRAM, place, sizeof address));
+  ASSERT_TRUE(list);
+  EXPECT_EQ(0, list->flags);
+  EXPECT_EQ(AF_INET6, list->family);
+  EXPECT_EQ(SOCK_DGRAM, list->socktype);
+  EXPECT_EQ(0, list->protocol);
+  EXPECT_EQ(nullptr, list->canonname);
+  EXPECT_EQ(nullptr, list->next);
+  EXPECT_EQ(reinterpret_cast<const char *>(list.get() + 1),
+            reinterpret_cast<const char *>(list->addr))
+      << "one block";
+  ASSERT_EQ(sizeof address, list->addrlen);
+  EXPECT_EQ(0, std::memcmp(&address, list->addr, sizeof address));
+
+  const AddressList plain(ORP_UTIL_MakeAddrInfo(0, place, sizeof address));
+  EXPECT_EQ(AF_INET, plain->family) << "the flags say it, not the address";
+  EXPECT_EQ(SOCK_STREAM, plain->socktype);
+}
+
+TEST(AddrInfo, IsNotMadeFromNothingOrTooMuch) {
+  const sockaddr address{};
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, &address, 0xFFFFFFDF));
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, &address, 0xFFFFFFDE)) << "no memory for it";
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::StartsWith("error: not host tool"));
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, nullptr, 16));
+  EXPECT_EQ("ORP_UTIL_MakeAddrInfo copy sockaddr error", testing::internal::GetCapturedStdout());
+}
+
+TEST(AddrInfo, IsCopiedWholeOrInPart) {
+  const AddressList list = parse(nullptr);
+  char name[] = "a.name";
+  list->canonname = name;
+  const auto expected = texts(list.get());
+  ASSERT_EQ(2u, expected.size());
+
+  const AddressList whole(ORP_UTIL_CopyAddrInfo(list.get(), 1));
+  EXPECT_EQ(expected, texts(whole.get()));
+  EXPECT_STREQ("a.name", whole->canonname);
+  EXPECT_NE(name, whole->canonname);
+  EXPECT_NE(list->addr, whole->addr);
+  EXPECT_EQ(list->flags, whole->flags);
+  EXPECT_EQ(list->protocol, whole->protocol);
+
+  const AddressList first(ORP_UTIL_CopyAddrInfo(list.get(), 0));
+  EXPECT_THAT(texts(first.get()), ElementsAre(expected[0]));
+
+  ORP_UTIL_ADDRINFO_ST bare{};
+  bare.addrlen = 16;
+  const AddressList without_address(ORP_UTIL_CopyAddrInfo(&bare, 1));
+  EXPECT_EQ(nullptr, without_address->addr);
+  EXPECT_EQ(0u, without_address->addrlen);
+
+  EXPECT_EQ(nullptr, ORP_UTIL_CopyAddrInfo(nullptr, 1));
+  ORP_UTIL_FreeAddrInfo(nullptr);
+}
+
+TEST(AddrInfo, LeavesNothingBehindWithoutMemory) {
+  const AddressList list = parse(nullptr);
+  EXPECT_EQ(2u, test::fail_every_allocation(
+                    [&] { return AddressList(ORP_UTIL_CopyAddrInfo(list.get(), 1)) != nullptr; }));
+  EXPECT_EQ(2u, test::fail_every_allocation([] { return parse(nullptr) != nullptr; }));
+  EXPECT_EQ(1u, test::fail_every_allocation([] {
+              ORP_UTIL_ADDRINFO_ST *out = nullptr;
+              const uint32_t result = ORP_UTIL_GetIpAddresses("127.0.0.1", 0, 80, &out);
+              EXPECT_TRUE(result == 0 || result == ORP_ERR_MEMORY);
+              return AddressList(out) != nullptr;
+            }));
+}
+
+TEST(AddrInfo, IsComparedWithoutPorts) {
+  EXPECT_TRUE(same("192.0.2.7", 80, "192.0.2.7", 81));
+  EXPECT_FALSE(same("192.0.2.7", 80, "192.0.2.8", 80));
+  EXPECT_TRUE(same("2001:db8::7", 80, "2001:db8::7", 81));
+  EXPECT_FALSE(same("2001:db8::7", 80, "2001:db8::8", 80));
+  EXPECT_FALSE(same("fe80::7%1", 80, "fe80::7%2", 80)) << "the scope counts";
+  EXPECT_FALSE(same("192.0.2.7", 80, "::ffff:192.0.2.7", 80)) << "lengths differ";
+
+  const AddressList left = parse("192.0.2.7"), right = parse("192.0.2.7");
+  reinterpret_cast<sockaddr_in *>(right->addr)->sin_zero[0] = 1;
+  EXPECT_EQ(1u, ORP_UTIL_IsAddrInfoSame(left.get(), right.get())) << "padding";
+  left->addrlen = right->addrlen = 12;
+  EXPECT_EQ(1u, ORP_UTIL_IsAddrInfoSame(left.get(), right.get()));
+  left->addrlen = right->addrlen = 11;
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrInfoSame(left.get(), right.get()));
+  left->addr = nullptr;
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrInfoSame(left.get(), left.get()));
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrInfoSame(nullptr, right.get()));
+}
+
+TEST(AddrInfo, IsLoopbackForTwoAddressesOnly) {
+  const auto loopback = [](const char *host) { return ORP_UTIL_IsAddrLoopback(parse(host).get()); };
+  EXPECT_EQ(1u, loopback("127.0.0.1"));
+  EXPECT_EQ(1u, loopback("::1"));
+  EXPECT_EQ(0u, loopback("127.0.0.2"));
+  EXPECT_EQ(0u, loopback("::ffff:127.0.0.1"));
+  EXPECT_EQ(0u, loopback("::"));
+
+  const AddressList cut = parse("::1");
+  cut->addrlen = 16;
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(cut.get()));
+  cut->addr = nullptr;
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(cut.get()));
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(nullptr));
+}
+
+// A name server for this test's resolver. It knows "printer.lan" (192.0.2.7 and 2001:db8::7) and
+// can be told to fail the first queries.
+class NameServer {
+ public:
+  explicit NameServer(int failures = 0) : failures_(failures) {
+    std::ofstream("/var/resolv.conf") << "nameserver 127.0.0.1\noptions attempts:1 timeout:5\n";
+    test::run("mount --bind /var/resolv.conf $(readlink -f /etc/resolv.conf)");
+    address_.sin_family = AF_INET;
+    address_.sin_port = htons(53);
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, ::bind(fd_.get(), reinterpret_cast<sockaddr *>(&address_), sizeof address_));
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~NameServer() {
+    ::sendto(fd_.get(), "", 0, 0, reinterpret_cast<sockaddr *>(&address_), sizeof address_);
+    thread_.join();
+  }
+  int queries() const { return queries_; }
+
+ private:
+  void serve() {
+    unsigned char packet[512 + 28];
+    for (;;) {
+      sockaddr_in client;
+      socklen_t client_size = sizeof client;
+      const ssize_t received = ::recvfrom(fd_.get(), packet, 512, 0,
+                                          reinterpret_cast<sockaddr *>(&client), &client_size);
+      if (received < 16) return;  // the empty datagram of the destructor
+      ++queries_;
+      const size_t size = answer(packet, static_cast<size_t>(received));
+      ::sendto(fd_.get(), packet, size, 0, reinterpret_cast<sockaddr *>(&client), client_size);
+    }
+  }
+
+  // Turns the query into its answer.
+  size_t answer(unsigned char *packet, size_t size) {
+    static constexpr char kName[] = "\7printer\3lan";
+    packet[2] |= 0x80;
+    packet[3] = 0;
+    packet[11] = 0;  // no additional record
+    size_t end = 12 + std::strlen(reinterpret_cast<char *>(packet + 12)) + 1 + 4;
+    if (end > size) return size;
+    if (failures_ > 0) {
+      --failures_;
+      packet[3] = 2;  // SERVFAIL
+      return end;
+    }
+    if (std::memcmp(packet + 12, kName, sizeof kName) != 0) {
+      packet[3] = 3;  // no such name
+      return end;
+    }
+
+    const bool ipv6 = packet[end - 3] == 28;
+    const unsigned char head[] = {0xc0, 12, 0, packet[end - 3], 0, 1, 0, 0, 0, 60, 0};
+    packet[7] = 1;  // one answer
+    std::memcpy(packet + end, head, sizeof head);
+    end += sizeof head;
+    const size_t length = ipv6 ? 16 : 4;
+    packet[end++] = static_cast<unsigned char>(length);
+    ::inet_pton(ipv6 ? AF_INET6 : AF_INET, ipv6 ? "2001:db8::7" : "192.0.2.7", packet + end);
+    return end + length;
+  }
+
+  msgapi::os::UniqueFd fd_{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+  sockaddr_in address_{};
+  int failures_;
+  std::atomic<int> queries_{0};
+  std::thread thread_;
+};
+
+struct Resolved {
+  uint32_t result;
+  std::vector<std::string> addresses;
+};
+
+Resolved resolve(const char *host, uint32_t port = 80) {
+  auto *out = reinterpret_cast<ORP_UTIL_ADDRINFO_ST *>(1);
+  const uint32_t result = ORP_UTIL_GetIpAddresses(host, 0, port, &out);
+  const AddressList list(out);
+  return {result, texts(out)};
+}
+
+void set_any_family(uint32_t value) {
+  const CFM_VALUE setting{CFM_AREA_PARAMETER, 0, 0,      CFM_PARA_RESOLVE_ANY_FAMILY,
+                          CFM_TYPE_NUMBER,    4, &value, 4};
+  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&setting, 1, 0));
+}
+
+TEST(GetIpAddresses, AsksForIpv4UnlessTheConfigurationSaysOtherwise) {
+  const NameServer server;
+  EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80")) << "no store";
+
+  set_any_family(0);
+  const test::FdCheck descriptors;
+  EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80"));
+  set_any_family(2);
+  EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80"));
+  EXPECT_EQ(ORP_ERR_SYSTEM, resolve("2001:db8::9").result) << "IPv6 text is no IPv4 address";
+
+  set_any_family(1);
+  EXPECT_THAT(resolve("printer.lan").addresses,
+              UnorderedElementsAre("192.0.2.7 80", "2001:db8::7 80"));
+  EXPECT_THAT(resolve("2001:db8::9").addresses, ElementsAre("2001:db8::9 80"));
+  const int queries = server.queries();
+  EXPECT_THAT(resolve("192.0.2.9", 65535).addresses, ElementsAre("192.0.2.9 65535"));
+  EXPECT_EQ(queries, server.queries());
+}
+
+TEST(GetIpAddresses, TriesOnceMoreWhenTheResolverSaysSo) {
+  {
+    const NameServer server(1);
+    EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80"));
+    EXPECT_EQ(2, server.queries());
+  }
+  const NameServer server(2);
+  EXPECT_EQ(ORP_ERR_SYSTEM, resolve("printer.lan").result);
+  EXPECT_EQ(2, server.queries());
+}
+
+TEST(GetIpAddresses, FailsWithoutAName) {
+  const NameServer server;
+  const Resolved unknown = resolve("nobody.lan");
+  EXPECT_EQ(ORP_ERR_SYSTEM, unknown.result);
+  EXPECT_THAT(unknown.addresses, IsEmpty()) << "set to null first";
+  EXPECT_EQ(1, server.queries()) << "an answer is an answer";
+
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_GetIpAddresses("printer.lan", 0, 80, nullptr));
+  ORP_UTIL_ADDRINFO_ST *out = nullptr;
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_GetIpAddresses(nullptr, 0, 80, &out));
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(ORP_ERR_ARGUMENT, resolve("127.0.0.1", 65536).result);
+  EXPECT_EQ("ORP_UTIL_GetIpAddresses copy port error.", testing::internal::GetCapturedStdout());
+}
+
+TEST(GetIpAddresses, LeavesAllToAHook) {
+  static ORP_WORD seen_argument;
+  static std::string seen_host;
+  ORP_UTIL_RegNameResolveFunc([](const char *host, ORP_WORD argument, uint32_t port,
+                                 ORP_UTIL_ADDRINFO_ST **out) -> uint32_t {
+    seen_host = host;
+    seen_argument = argument;
+    EXPECT_EQ(nullptr, *out);
+    *out = ORP_UTIL_ParseIPAddress(0, "192.0.2.33", port);
+    return 4711;
+  });
+
+  auto *out = reinterpret_cast<ORP_UTIL_ADDRINFO_ST *>(1);
+  EXPECT_EQ(4711u, ORP_UTIL_GetIpAddresses("any host", 99, 81, &out));
+  EXPECT_THAT(texts(AddressList(out).get()), ElementsAre("192.0.2.33 81"));
+  EXPECT_EQ("any host", seen_host);
+  EXPECT_EQ(99u, seen_argument);
+
+  ORP_UTIL_RegNameResolveFunc(nullptr);
+  EXPECT_THAT(resolve("192.0.2.1").addresses, ElementsAre("192.0.2.1 80"));
+}
+
+}  // namespace

@@ -1,0 +1,132 @@
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "msgapi/net.h"
+#include "msgapi/status.h"
+#include "os/fd.h"
+#include "support/fd_check.h"
+#include "support/network.h"
+
+namespace {
+
+using msgapi::os::UniqueFd;
+using testing::HasSubstr;
+using testing::Not;
+
+struct FreeList {
+  void operator()(ORP_UTIL_ADDRINFO_ST *list) const { ORP_UTIL_FreeAddrInfo(list); }
+};
+using List = std::unique_ptr<ORP_UTIL_ADDRINFO_ST, FreeList>;
+
+List address(const char *text) {
+  return List(ORP_UTIL_ParseIPAddress(ORP_SOCKET_DATAGRAM, text, 0));
+}
+
+UniqueFd udp_socket(int family = AF_INET) {
+  return UniqueFd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
+int broadcasts(const UniqueFd &fd) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  EXPECT_EQ(0, ::getsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &value, &size));
+  return value;
+}
+
+std::string table(const char *path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(Multicast, ReachesTheMembersOfAGroup) {
+  const test::FdCheck descriptors;
+  const List loopback = address("127.0.0.1");
+  const UniqueFd receiver(
+      static_cast<int>(ORP_UTIL_SocketCreateServer("239.1.2.3", 4711, ORP_SOCKET_DATAGRAM)));
+  const UniqueFd sender = udp_socket();
+  ASSERT_TRUE(receiver);
+
+  EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcast(receiver.get(), "239.1.2.3", loopback.get()));
+  EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcast(sender.get(), "239.1.2.3", loopback.get()));
+  EXPECT_EQ(1, broadcasts(receiver));
+
+  // No route leads to the group: only the interface chosen by the join lets this out.
+  sockaddr_in group{};
+  group.sin_family = AF_INET;
+  group.sin_port = htons(4711);
+  group.sin_addr.s_addr = ::inet_addr("239.1.2.3");
+  char data[8] = "";
+  EXPECT_EQ(2,
+            ::sendto(sender.get(), "hi", 2, 0, reinterpret_cast<sockaddr *>(&group), sizeof group));
+  EXPECT_EQ(2, ::recv(receiver.get(), data, sizeof data, 0));
+  EXPECT_STREQ("hi", data);
+}
+
+TEST(Multicast, JoinsIpv6GroupsAtTheInterface) {
+  test::add_bridge("br0");
+  test::add_bridge("br1");
+  const test::FdCheck descriptors;
+  const List any = address("::");
+  const UniqueFd fd = udp_socket(AF_INET6);
+
+  EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcast(fd.get(), "ff02::1:abcd", any.get()));
+  EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcastEx(fd.get(), "ff02::2:abcd", any.get(), "br1"));
+  EXPECT_EQ(1, broadcasts(fd));
+
+  const std::string groups = table("/proc/net/igmp6");
+  EXPECT_THAT(groups, testing::ContainsRegex("br0 +ff02000000000000000000000001abcd"));
+  EXPECT_THAT(groups, testing::ContainsRegex("br1 +ff02000000000000000000000002abcd"));
+
+  // Failures of IPv6 joins are not reported.
+  EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcast(fd.get(), "not a group", any.get()));
+  EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcastEx(fd.get(), "fe80::1", any.get(), "nosuch0"));
+}
+
+TEST(Multicast, RefusesWhatItCannotJoin) {
+  const List loopback = address("127.0.0.1");
+  const UniqueFd fd = udp_socket();
+  ORP_UTIL_ADDRINFO_ST empty{};
+  empty.family = AF_INET;
+  ORP_UTIL_ADDRINFO_ST foreign = *loopback;
+  foreign.family = AF_UNIX;
+  ORP_UTIL_ADDRINFO_ST cut = *loopback;
+  cut.addrlen = 4;
+
+  const auto join = [&](int socket, const char *group, const ORP_UTIL_ADDRINFO_ST *local,
+                        const char *name) {
+    return ORP_UTIL_SocketJoinMcastEx(socket, group, local, name);
+  };
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(-1, "239.1.2.3", loopback.get(), "br0"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), nullptr, loopback.get(), "br0"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), "239.1.2.3", nullptr, "br0"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), "239.1.2.3", loopback.get(), nullptr));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), "239.1.2.3", &empty, "br0"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), "239.1.2.3", &foreign, "br0"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), "239.1.2.3", &cut, "br0"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, join(fd.get(), "239.1.2.x", loopback.get(), "br0"));
+  EXPECT_EQ(ORP_ERR_SYSTEM, join(fd.get(), "10.1.2.3", loopback.get(), "br0")) << "no group";
+  EXPECT_EQ(0, broadcasts(fd));
+}
+
+TEST(Multicast, SetsTheTimeToLive) {
+  const UniqueFd fd = udp_socket();
+  int ttl = 0;
+  socklen_t size = sizeof ttl;
+
+  EXPECT_EQ(0u, ORP_UTIL_SocketSetTTL(fd.get(), 37));
+  EXPECT_EQ(0, ::getsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, &size));
+  EXPECT_EQ(37, ttl);
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_SocketSetTTL(-1, 37));
+  EXPECT_EQ(0xFFFFFFFFu, ORP_UTIL_SocketSetTTL(1000, 37)) << "not open";
+  EXPECT_EQ(0u, ORP_UTIL_SocketSetMcastIf(-1, nullptr));
+}
+
+}  // namespace

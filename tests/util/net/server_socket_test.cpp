@@ -1,0 +1,233 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <net/if.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "msgapi/net.h"
+#include "os/fd.h"
+#include "support/fd_check.h"
+#include "support/network.h"
+
+namespace {
+
+using msgapi::os::UniqueFd;
+using test::bound_address;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct Server {
+  UniqueFd fd;
+  std::string printed;
+};
+
+Server create(const char *address, uint32_t port, uint32_t flags, const char *device = nullptr) {
+  testing::internal::CaptureStdout();
+  const uint32_t fd = ORP_UTIL_SocketCreateServerEx(address, port, flags, device);
+  const int saved = errno;
+  Server server{UniqueFd(static_cast<int>(fd)), testing::internal::GetCapturedStdout()};
+  errno = saved;
+  return server;
+}
+
+int option(const Server &server, int level, int name) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  EXPECT_EQ(0, ::getsockopt(server.fd.get(), level, name, &value, &size));
+  return value;
+}
+
+std::string device_of(const Server &server) {
+  char name[IFNAMSIZ] = "";
+  socklen_t size = sizeof name;
+  EXPECT_EQ(0, ::getsockopt(server.fd.get(), SOL_SOCKET, SO_BINDTODEVICE, name, &size));
+  return name;
+}
+
+uint32_t scope_of(const Server &server) {
+  sockaddr_in6 address{};
+  socklen_t size = sizeof address;
+  EXPECT_EQ(0, ::getsockname(server.fd.get(), reinterpret_cast<sockaddr *>(&address), &size));
+  return address.sin6_scope_id;
+}
+
+TEST(ServerSocket, HasTheStandardOptions) {
+  const test::FdCheck descriptors;
+  const Server tcp = create("127.0.0.1", 0, 0);
+  ASSERT_TRUE(tcp.fd);
+  EXPECT_EQ("", tcp.printed);
+  EXPECT_EQ("127.0.0.1", bound_address(tcp.fd.get()));
+  EXPECT_EQ(SOCK_STREAM, option(tcp, SOL_SOCKET, SO_TYPE));
+  EXPECT_EQ(0, option(tcp, SOL_SOCKET, SO_ACCEPTCONN)) << "not listening";
+  EXPECT_EQ(1, option(tcp, SOL_SOCKET, SO_REUSEADDR));
+  EXPECT_EQ(1, option(tcp, IPPROTO_IP, IP_RECVTOS));
+  EXPECT_EQ(1, option(tcp, IPPROTO_TCP, TCP_NODELAY));
+  EXPECT_EQ(FD_CLOEXEC, ::fcntl(tcp.fd.get(), F_GETFD));
+
+  const Server udp = create("127.0.0.1", 0, ORP_SOCKET_DATAGRAM);
+  ASSERT_TRUE(udp.fd);
+  timeval timeout{};
+  socklen_t size = sizeof timeout;
+  EXPECT_EQ(SOCK_DGRAM, option(udp, SOL_SOCKET, SO_TYPE));
+  EXPECT_EQ(0, ::getsockopt(udp.fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, &size));
+  EXPECT_EQ(2, timeout.tv_sec);
+
+  const Server all = create(nullptr, 0, 0);
+  ASSERT_TRUE(all.fd);
+  EXPECT_EQ("0.0.0.0", bound_address(all.fd.get()));
+}
+
+TEST(ServerSocket, IsIpv6OnlyAndReportsTheOptionOfThePlatformsKernel) {
+  const test::FdCheck descriptors;
+  const Server tcp = create("::1", 0, 0);
+  ASSERT_TRUE(tcp.fd);
+  EXPECT_EQ("\n===========set ipv6 receive  dev failed", tcp.printed);
+  EXPECT_EQ("::1", bound_address(tcp.fd.get()));
+  EXPECT_EQ(1, option(tcp, IPPROTO_IPV6, IPV6_V6ONLY));
+  EXPECT_EQ(0, option(tcp, IPPROTO_IPV6, IPV6_RECVTCLASS));
+
+  const Server udp = create(nullptr, 0, ORP_SOCKET_DATAGRAM | ORP_SOCKET_IPV6);
+  ASSERT_TRUE(udp.fd);
+  EXPECT_EQ("::", bound_address(udp.fd.get()));
+  EXPECT_EQ(1, option(udp, IPPROTO_IPV6, IPV6_RECVTCLASS));
+}
+
+TEST(ServerSocket, IsBoundToAnInterfaceByName) {
+  const test::FdCheck descriptors;
+  const Server ipv4 = create("lo", 0, 0);
+  ASSERT_TRUE(ipv4.fd);
+  EXPECT_EQ("0.0.0.0", bound_address(ipv4.fd.get()));
+  EXPECT_EQ("lo", device_of(ipv4));
+
+  const Server ipv6 = create("lo", 0, ORP_SOCKET_IPV6);
+  ASSERT_TRUE(ipv6.fd);
+  EXPECT_EQ("::", bound_address(ipv6.fd.get()));
+  EXPECT_EQ("lo", device_of(ipv6));
+
+  const Server plain = create("127.0.0.1", 0, 0);
+  EXPECT_EQ("", device_of(plain));
+}
+
+TEST(ServerSocket, IsRefusedWhereItCannotBe) {
+  const test::FdCheck descriptors;
+  const Server taken = create("127.0.0.1", 4711, 0);
+  ASSERT_TRUE(taken.fd);
+  ASSERT_EQ(0, ::listen(taken.fd.get(), 1));
+
+  EXPECT_FALSE(create("127.0.0.1", 4711, 0).fd);
+  EXPECT_EQ(EADDRINUSE, errno);
+  EXPECT_FALSE(create("127.0.0.1", 65536, 0).fd) << "no port";
+  EXPECT_FALSE(create("nosuch0", 0, 0).fd) << "on every interface, rather than on this one?";
+  EXPECT_FALSE(create("a-name-of-16-chr", 0, 0).fd);
+  EXPECT_FALSE(create("192.0.2.1", 0, 0).fd) << "not an address of this machine";
+  EXPECT_FALSE(create("127.0.0.1", 0, ORP_SOCKET_IPV6).fd) << "no address of this family";
+  EXPECT_EQ(ORP_INVALID_SOCKET, ORP_UTIL_SocketCreateServer("192.0.2.1", 0, 0));
+}
+
+TEST(ServerSocketScope, IsBr0UnlessADeviceIsGiven) {
+  for (const char *name : {"br0", "br1"}) {
+    test::add_bridge(name);
+    test::run(std::string("ip addr add fe80::7/64 nodad dev ") + name);
+  }
+  const test::FdCheck descriptors;
+  const uint32_t br0 = ::if_nametoindex("br0");
+  const uint32_t br1 = ::if_nametoindex("br1");
+
+  EXPECT_EQ(br0, scope_of(create("fe80::7", 0, 0)));
+  EXPECT_EQ(br0, scope_of(create("fe80::7", 0, ORP_SOCKET_DATAGRAM)));
+  EXPECT_EQ(br1, scope_of(create("fe80::7", 0, 0, "br1")));
+  EXPECT_EQ(br0, scope_of(create("fe80::7%br1", 0, 0))) << "a scope in the text does not count";
+  EXPECT_FALSE(create("fe80::7", 0, 0, "nosuch0").fd);
+
+  // A group of link scope needs an interface; only for datagrams br0 is filled in.
+  EXPECT_EQ(br0, scope_of(create("ff02::1:3", 0, ORP_SOCKET_DATAGRAM)));
+  EXPECT_EQ(br1, scope_of(create("ff02::1:3", 0, ORP_SOCKET_DATAGRAM, "br1")));
+
+  test::run("ip link del br0");
+  EXPECT_FALSE(create("fe80::7", 0, 0).fd) << "no br0";
+}
+
+TEST(UnixServerSocket, IsMadeForItsGroup) {
+  const test::FdCheck descriptors;
+  std::ofstream("/var/run/service") << "an old file";
+
+  const Server server = create("/var/run/service", 0, ORP_SOCKET_UNIX);
+
+  ASSERT_TRUE(server.fd);
+  EXPECT_EQ("", server.printed);
+  EXPECT_EQ(FD_CLOEXEC, ::fcntl(server.fd.get(), F_GETFD));
+  struct stat info;
+  ASSERT_EQ(0, ::stat("/var/run/service", &info));
+  EXPECT_TRUE(S_ISSOCK(info.st_mode));
+  EXPECT_EQ(0660u, info.st_mode & 07777);
+  // Without privileges the sandbox knows no group but the user's own.
+  std::ifstream groups("/proc/self/gid_map");
+  uint64_t first = 0, outside = 0, count = 0;
+  groups >> first >> outside >> count;
+  if (first <= 2591 && count > 2591 - first) {
+    EXPECT_EQ(2591u, info.st_gid);
+  }
+
+  ASSERT_EQ(0, ::listen(server.fd.get(), 1));
+  const UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, "/var/run/service"};
+  EXPECT_EQ(0, ::connect(client.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
+
+  EXPECT_TRUE(create("/var/run/service", 0, ORP_SOCKET_UNIX).fd) << "again, over the old socket";
+}
+
+TEST(UnixServerSocket, KeepsItsPathOutOfCommandsUnlessItIsSafe) {
+  test::replace_program("chown", "echo \"$@\" >> /var/commands");
+
+  EXPECT_TRUE(create("/var/run/a b;id", 0, ORP_SOCKET_UNIX).fd);
+  EXPECT_FALSE(std::filesystem::exists("/var/commands"));
+
+  EXPECT_TRUE(create("/var/run/a_b", 0, ORP_SOCKET_UNIX).fd);
+  std::ifstream commands("/var/commands");
+  std::string line;
+  std::getline(commands, line);
+  EXPECT_EQ(":2591 /var/run/a_b", line);
+}
+
+TEST(UnixServerSocket, CutsALongPath) {
+  const std::string longest = "/var/run/" + std::string(98, 'x');
+  ASSERT_EQ(107u, longest.size());
+
+  const Server cut = create((longest + "yz").c_str(), 0, ORP_SOCKET_UNIX);
+
+  EXPECT_TRUE(cut.fd);
+  EXPECT_EQ("UtilCreateUnixDomainSock getpath error .", cut.printed);
+  struct stat info;
+  ASSERT_EQ(0, ::stat(longest.c_str(), &info));
+  EXPECT_EQ(0660u, info.st_mode & 07777);
+}
+
+TEST(UnixServerSocket, ReportsWhyItCannotBeBound) {
+  const test::FdCheck descriptors;
+
+  const Server nowhere = create("/nonexistent/x", 0, ORP_SOCKET_UNIX);
+  EXPECT_FALSE(nowhere.fd);
+  EXPECT_EQ("bind failed, rc=-1 errno=2", nowhere.printed);
+
+  std::filesystem::create_directory("/var/run/directory");
+  EXPECT_EQ("bind failed, rc=-1 errno=98",
+            create("/var/run/directory", 0, ORP_SOCKET_UNIX).printed);
+
+  test::replace_program("chown", "rm /var/run/gone");
+  const Server gone = create("/var/run/gone", 0, ORP_SOCKET_UNIX);
+  EXPECT_FALSE(gone.fd);
+  EXPECT_EQ("chmod for unixsock error.", gone.printed);
+
+  EXPECT_FALSE(create(nullptr, 0, ORP_SOCKET_UNIX).fd);
+}
+
+}  // namespace
