@@ -3,6 +3,7 @@
 #define MSGAPI_H
 
 #include "msgapi/bridge.h"
+#include "msgapi/charset.h"
 #include "msgapi/dmmsg.h"
 #include "msgapi/dns.h"
 #include "msgapi/event.h"

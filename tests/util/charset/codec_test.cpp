@@ -1,0 +1,325 @@
+#include <gtest/gtest.h>
+#include <iconv.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "msgapi/charset.h"
+
+namespace {
+
+using Units = std::vector<uint16_t>;
+
+// An output buffer of exactly `capacity` units, for the memory checker.
+template <typename Unit>
+struct Output {
+  explicit Output(uint32_t capacity) : units(new Unit[capacity]), size(capacity) {
+    std::memset(units.get(), 'o', capacity * sizeof(Unit));
+  }
+  std::unique_ptr<Unit[]> units;
+  uint32_t size;
+};
+
+struct Encoded {
+  uint32_t status;
+  uint32_t size;
+  std::string text;
+};
+
+Encoded to_utf8(const Units &units, uint32_t capacity) {
+  Output<char> out(capacity);
+  const uint32_t status =
+      CL_Ucs2ToUtf8(units.data(), static_cast<uint32_t>(units.size()), out.units.get(), &out.size);
+  return {status, out.size, std::string(out.units.get(), strnlen(out.units.get(), capacity))};
+}
+
+struct Decoded {
+  uint32_t status;
+  Units units;
+  bool terminated;
+};
+
+Decoded to_ucs2(const std::string &text, uint32_t capacity) {
+  Output<uint16_t> out(capacity);
+  const uint32_t status =
+      CL_Utf8ToUcs2(text.data(), static_cast<uint32_t>(text.size()), out.units.get(), &out.size);
+  return {status, Units(out.units.get(), out.units.get() + out.size),
+          out.size < capacity && out.units[out.size] == 0};
+}
+
+TEST(Ucs2ToUtf8, EncodesEachUnitByItself) {
+  EXPECT_EQ("A\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xe4\xb8\xad\xef\xbf\xbf",
+            to_utf8({'A', 0x7F, 0x80, 0x7FF, 0x800, 0x4E2D, 0xFFFF}, 100).text);
+  EXPECT_EQ("\xed\xa0\x81\xed\xb0\x80", to_utf8({0xD801, 0xDC00}, 100).text);
+  const Encoded stopped = to_utf8({'a', 0, 'b'}, 100);
+  EXPECT_EQ(CL_OK, stopped.status);
+  EXPECT_EQ(1u, stopped.size);
+}
+
+TEST(Ucs2ToUtf8, AlwaysKeepsRoomForTheNul) {
+  EXPECT_EQ(CL_OK, to_utf8({0x4E2D}, 4).status);
+  const Encoded none = to_utf8({0x4E2D}, 3);
+  EXPECT_EQ(CL_ERR_ROOM, none.status);
+  EXPECT_EQ(0u, none.size);
+  EXPECT_EQ("", none.text);
+  const Encoded whole = to_utf8({'a', 0x4E2D, 0x4E2D}, 6);
+  EXPECT_EQ(CL_ERR_ROOM, whole.status);
+  EXPECT_EQ(4u, whole.size);
+  EXPECT_EQ("a\xe4\xb8\xad", whole.text);
+  EXPECT_EQ(CL_ERR_ROOM, to_utf8({'a', 'b', 'c'}, 3).status);
+  // More units than bytes are refused before anything is written.
+  EXPECT_EQ("ooo", to_utf8({'a', 0, 0, 0}, 3).text);
+}
+
+TEST(Ucs2ToUtf8, ByLengthConvertsWhatFits) {
+  const Units units = {'a', 0x4E2D, 'b', 'c', 'd'};
+  const char *const kTexts[] = {"", "a", "a", "a", "a\xe4\xb8\xad"};
+  for (uint32_t size = 1; size <= 5; ++size) {
+    Output<char> out(size);
+    EXPECT_EQ(CL_ERR_ROOM, CL_Ucs2ToUtf8ByLen(units.data(), 5, out.units.get(), size));
+    EXPECT_STREQ(kTexts[size - 1], out.units.get());
+  }
+  char text[8];
+  EXPECT_EQ(CL_OK, cl_ucs2ToUTF8ByLen(units.data(), 5, text, 8));
+  EXPECT_STREQ(
+      "a\u4e2d"
+      "bcd",
+      text);
+  EXPECT_EQ(CL_ERR_ROOM, CL_Ucs2ToUtf8ByLen(units.data(), 5, text, 0));
+  EXPECT_EQ(CL_ERR_ARGUMENT, CL_Ucs2ToUtf8ByLen(units.data(), 0, text, 8));
+}
+
+struct DecodeCase {
+  const char *why;
+  std::string text;
+  uint32_t status;
+  Units units;
+};
+
+const Units kEight = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
+
+const DecodeCase kDecodes[] = {
+    {"all lengths", "A\xc2\x80\xe4\xb8\xad", CL_OK, {'A', 0x80, 0x4E2D}},
+    {"longer sequences keep 16 bits",
+     "\xf0\x9f\x98\x80\xf8\x88\x80\x80\x81\xfc\x84\x80\x80\x80\x82",
+     CL_OK,
+     {0xF600, 1, 2}},
+    {"stops at a zero byte", std::string("a\0b", 3), CL_OK, {'a'}},
+    {"stops at a zero byte after many", std::string("abcdefgh\0bcdefghi", 17), CL_OK, kEight},
+    {"continuation bytes are not checked",
+     "\xe4"
+     "AB!",
+     CL_OK,
+     {0x4042, '!'}},
+    {"an overlong zero does not stop",
+     "\xc0\x80"
+     "a",
+     CL_OK,
+     {0, 'a'}},
+    {"continuation byte first", "\x80", CL_ERR_UTF8, {}},
+    {"continuation byte later",
+     "ab\xbf"
+     "c",
+     CL_ERR_UTF8,
+     {'a', 'b'}},
+    {"continuation byte after many",
+     "abcdefgh\xbf"
+     "cdefghijkl",
+     CL_ERR_UTF8, kEight},
+    {"0xFE", "a\xfe", CL_ERR_UTF8, {'a'}},
+    {"cut short", "a\xe4\xb8", CL_ERR_UTF8, {'a'}},
+};
+
+TEST(Utf8ToUcs2, DecodesUpToSixBytes) {
+  for (const DecodeCase &expected : kDecodes) {
+    SCOPED_TRACE(expected.why);
+    const Decoded decoded = to_ucs2(expected.text, 30);
+    EXPECT_EQ(expected.status, decoded.status);
+    EXPECT_EQ(expected.units, decoded.units);
+    EXPECT_TRUE(decoded.terminated);
+  }
+}
+
+TEST(Utf8ToUcs2, FillsItsBufferToTheLastUnit) {
+  const Decoded exact = to_ucs2("abc", 3);
+  EXPECT_EQ(CL_OK, exact.status);
+  EXPECT_EQ((Units{'a', 'b', 'c'}), exact.units);
+  const Decoded full = to_ucs2("abcdefghijkl", 9);
+  EXPECT_EQ(CL_ERR_ROOM, full.status);
+  EXPECT_EQ(9u, full.units.size());
+  EXPECT_EQ(CL_ERR_ROOM, to_ucs2("abc", 0).status);
+}
+
+Units random_units(std::mt19937 *random, size_t count) {
+  Units units(count);
+  const uint32_t kinds[] = {0x7F, 0x7FF, 0xFFFF};
+  for (uint16_t &unit : units) {
+    const uint32_t highest = kinds[(*random)() % 4 % 3];
+    do {
+      unit = static_cast<uint16_t>(1 + (*random)() % highest);
+    } while (unit >= 0xD800 && unit < 0xE000);
+  }
+  return units;
+}
+
+TEST(Utf8, AgreesWithIconvBothWays) {
+  const iconv_t to_16 = iconv_open("UCS-2", "UTF-8");
+  ASSERT_NE(reinterpret_cast<iconv_t>(-1), to_16);
+  std::mt19937 random(1);
+
+  for (size_t round = 0; round < 500; ++round) {
+    const Units units = random_units(&random, 1 + round);
+    const Encoded encoded = to_utf8(units, static_cast<uint32_t>(3 * units.size() + 1));
+    ASSERT_EQ(CL_OK, encoded.status);
+
+    Units expected(units.size());
+    char *in = const_cast<char *>(encoded.text.data());
+    char *out = reinterpret_cast<char *>(expected.data());
+    size_t in_left = encoded.text.size(), out_left = 2 * expected.size();
+    ASSERT_EQ(0u, iconv(to_16, &in, &in_left, &out, &out_left));
+    ASSERT_EQ(units, expected);
+    const Decoded decoded = to_ucs2(encoded.text, static_cast<uint32_t>(units.size() + 1));
+    ASSERT_EQ(CL_OK, decoded.status);
+    ASSERT_EQ(units, decoded.units);
+  }
+  iconv_close(to_16);
+}
+
+TEST(ByteOrder, IsBigEndianWhateverTheHostIs) {
+  const uint16_t units[] = {0x1234, 0xABCD};
+  const auto *const pairs = reinterpret_cast<const uint8_t *>("\x12\x34\xab\xcd\xef");
+  Output<uint8_t> bytes(4);
+  ASSERT_EQ(CL_OK, CL_WideCharToByteOrder(reinterpret_cast<const uint8_t *>(units), 2,
+                                          bytes.units.get(), &bytes.size));
+  EXPECT_EQ(4u, bytes.size);
+  EXPECT_EQ(0, std::memcmp(pairs, bytes.units.get(), 4));
+
+  Output<uint16_t> back(3);
+  ASSERT_EQ(CL_OK, CL_ByteOrderToWideChar(pairs, 5, back.units.get(), &back.size));
+  EXPECT_EQ(2u, back.size);
+  EXPECT_EQ(0x1234, back.units[0]);
+  EXPECT_EQ(0xABCD, back.units[1]);
+  EXPECT_EQ(0, back.units[2]);
+}
+
+TEST(ByteCodecs, RefuseTooLittleRoomWithoutWrapping) {
+  uint8_t bytes[4] = {};
+  uint16_t units[4] = {};
+  char text[7];
+  uint32_t size = 3;
+  EXPECT_EQ(CL_ERR_ROOM, cl_widecharToByteOrder(bytes, 2, bytes, &size));
+  EXPECT_EQ(0u, size);
+  size = 2;
+  EXPECT_EQ(CL_ERR_ROOM, cl_byteOrderToWideChar(bytes, 4, units, &size));
+  size = 2;
+  EXPECT_EQ(CL_ERR_ROOM, CL_WideCharToByteOrder(bytes, 0x80000001, bytes, &size));
+  size = 3;
+  EXPECT_EQ(CL_ERR_ROOM, CL_BytesToString(bytes, 0x80000001, text, &size));
+  size = 6;
+  EXPECT_EQ(CL_ERR_ROOM, cl_bytesToString(bytes, 3, text, &size));
+}
+
+TEST(HexText, IsWrittenInUpperCase) {
+  const uint8_t bytes[] = {0x00, 0x9A, 0xBF};
+  Output<char> text(7);
+  EXPECT_EQ(CL_OK, CL_BytesToString(bytes, 3, text.units.get(), &text.size));
+  EXPECT_EQ(6u, text.size);
+  EXPECT_STREQ("009ABF", text.units.get());
+}
+
+struct HexCase {
+  const char *why;
+  const char *text;
+  uint32_t count, capacity, status;
+  std::string bytes;
+};
+
+const HexCase kHex[] = {
+    {"both cases", "9aBF", 4, 2, CL_OK, "\x9a\xbf"},
+    {"stops at a NUL", "9a", 6, 3, CL_OK, "\x9a"},
+    {"too little room", "9aBF", 4, 1, CL_ERR_ROOM, ""},
+    {"an odd count takes the next character", "9aBF", 3, 2, CL_OK, "\x9a\xbf"},
+    {"no room for the odd digit", "9aB", 3, 1, CL_ERR_ROOM, "\x9a"},
+    {"meaningless by arithmetic", "g1G1", 4, 2, CL_OK, "\x01\x01"},
+};
+
+TEST(HexText, IsReadWithoutValidation) {
+  for (const HexCase &expected : kHex) {
+    SCOPED_TRACE(expected.why);
+    Output<uint8_t> out(expected.capacity);
+    // As long as the count says, an odd one's next character included.
+    const std::unique_ptr<char[]> text(new char[expected.count + 1]{});
+    std::memcpy(text.get(), expected.text, strnlen(expected.text, expected.count + 1));
+
+    EXPECT_EQ(expected.status,
+              CL_StringToBytes(text.get(), expected.count, out.units.get(), &out.size));
+    EXPECT_EQ(expected.bytes, std::string(out.units.get(), out.units.get() + out.size));
+  }
+}
+
+struct NumberCase {
+  const char *text;
+  uint32_t base, status, value;
+};
+
+const NumberCase kNumbers[] = {
+    {"4294967295", 10, CL_OK, 4294967295u},
+    {"4294967296", 10, CL_OK, 0},
+    {"12a", 10, CL_ERR_ARGUMENT, 12},
+    {"-7", 10, CL_ERR_ARGUMENT, 7},
+    {"DeadBeef", 16, CL_OK, 0xDEADBEEF},
+    {"1g2", 16, CL_OK, 0x12},
+    {"12g", 16, CL_ERR_ARGUMENT, 0x12},
+    {"1DeadBeef", 16, CL_OK, 0xDEADBEEF},
+    {"12", 8, CL_ERR_BASE, 0},
+};
+
+TEST(StringToNumeric, ForgivesAHexSlipOnlyBeforeAGoodDigit) {
+  for (const NumberCase &expected : kNumbers) {
+    uint32_t value = 99;
+    EXPECT_EQ(expected.status,
+              CL_StringToNumeric(expected.text, static_cast<uint32_t>(std::strlen(expected.text)),
+                                 expected.base, &value))
+        << expected.text;
+    EXPECT_EQ(expected.value, value) << expected.text;
+  }
+  uint32_t value;
+  EXPECT_EQ(CL_OK, cl_stringToNumeric("129", 2, 10, &value));
+  EXPECT_EQ(12u, value);
+  EXPECT_EQ(CL_ERR_ARGUMENT, CL_StringToNumeric("1", 0, 10, &value));
+  EXPECT_EQ(CL_ERR_ARGUMENT, CL_StringToNumeric(nullptr, 1, 8, &value));
+  EXPECT_EQ(CL_ERR_ARGUMENT, CL_StringToNumeric("1", 1, 10, nullptr));
+}
+
+// Calls a codec with each argument missing in turn.
+template <typename In, typename Out>
+void expect_argument_rule(uint32_t (*codec)(const In *, uint32_t, Out *, uint32_t *)) {
+  const In in[2] = {};
+  Out out[8];
+  uint32_t size = 8;
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(nullptr, 1, out, &size));
+  EXPECT_EQ(0u, size);
+  size = 8;
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 1, nullptr, &size));
+  EXPECT_EQ(0u, size);
+  size = 8;
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 0, out, &size));
+  EXPECT_EQ(0u, size);
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 1, out, nullptr));
+  size = 8;
+  EXPECT_EQ(CL_OK, codec(in, 1, out, &size));
+}
+
+TEST(Codecs, NeedTheirArguments) {
+  expect_argument_rule(cl_ucs2ToUTF8);
+  expect_argument_rule(cl_utf8ToUCS2);
+  expect_argument_rule(CL_WideCharToByteOrder);
+  expect_argument_rule(CL_ByteOrderToWideChar);
+  expect_argument_rule(CL_BytesToString);
+  expect_argument_rule(cl_stringToBytes);
+}
+
+}  // namespace
