@@ -14,9 +14,6 @@ static_assert(sizeof(ORP_MSG_HEADER_ST) == ORP_MSG_HEADER_SIZE);
 
 using Header = ORP_MSG_HEADER_ST;
 
-// Zero bytes behind every received body; no length mentions them.
-constexpr uint32_t kBodyPadding = 16;
-
 // A message made of a name: what several requests to the server look like.
 struct NameMessage {
   Header header;

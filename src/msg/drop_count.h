@@ -1,10 +1,11 @@
-// Counts the messages that rules of the loop and the message core drop, so that a test can prove
-// that what was sent is what was delivered and what was counted. Not part of the interface.
+// Counts the messages that the message core drops by its rules. Together with what the message
+// watchers count (uv/message_watcher.h) this lets a test prove that what was sent is what was
+// delivered and what was counted. Not part of the interface.
 #pragma once
 
 #include <cstdint>
 
-namespace msgapi {
+namespace msgapi::msg {
 
 struct DropCount {
   uint32_t name;        // refused at the gate: a name without NUL
@@ -16,4 +17,4 @@ struct DropCount {
 
 inline DropCount g_dropped;
 
-}  // namespace msgapi
+}  // namespace msgapi::msg

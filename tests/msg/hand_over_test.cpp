@@ -1,0 +1,143 @@
+#include "msg/hand_over.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/allocation.h"
+#include "support/fd_check.h"
+#include "support/message_peer.h"
+
+namespace msgapi::msg {
+namespace {
+
+const std::string kFile = "/var/run/msg/msg_file_1";
+
+void write_file(const std::string &path, const std::string &content) {
+  std::ofstream(path) << content;
+}
+
+// A received message whose body is `field`.
+Owned<Header> message_with(const std::string &field) {
+  Owned<Header> message = allocate_message(static_cast<uint32_t>(field.size()));
+  std::memcpy(body(message.get()), field.data(), field.size());
+  return message;
+}
+
+// Completes a message whose body is `field`; its new body, or the status in words.
+std::string completed(const std::string &field) {
+  const test::FdCheck no_leak;
+  Header *message = message_with(field).release();
+  const Status status = complete_hand_over(&message);
+  const Owned<Header> owner(message);
+
+  switch (code(status)) {
+    case ORP_OK:
+      EXPECT_EQ(std::string(16, '\0'), std::string(body(message) + message->ulDataLen, 16));
+      return {body(message), message->ulDataLen};
+    case ORP_ERR_ARGUMENT:
+      return "<bad argument>";
+    case ORP_ERR_SYSTEM:
+      return "<system>";
+    default:
+      return "<other>";
+  }
+}
+
+std::string path_field(const std::string &path) {
+  return path + std::string(260 - path.size(), '\0');
+}
+
+TEST(HandOver, ReplacesThePathByTheFileAndDeletesIt) {
+  const std::string large(3 << 20, 'x');
+  for (const std::string &content : {large, std::string("short"), std::string()}) {
+    write_file(kFile, content);
+    EXPECT_TRUE(content == completed(path_field(kFile)));
+    EXPECT_FALSE(std::filesystem::exists(kFile));
+  }
+  write_file(kFile, "x");
+  EXPECT_EQ("x", completed(kFile)) << "a body without NUL ends with its length";
+}
+
+TEST(HandOver, ArrivesAsItWasSent) {
+  test::Connection connection;
+  test::Connection *const other_end = &connection;
+  const std::string content(5000, 'x');
+  const std::string sent = test::make_frame({.type = 0x1234, .seq = 9, .body = content}).bytes();
+  Owned<Header> original(static_cast<Header *>(plain_alloc(sent.size())));
+  std::memcpy(original.get(), sent.data(), sent.size());
+
+  ASSERT_EQ(ORP_OK, ORP_MSG_Send(original.get()));
+  Header *received = nullptr;
+  ASSERT_EQ(ORP_OK, ORP_MSG_Recv(other_end->peer.fd(), &received, 0));
+  const Owned<Header> owner(received);
+
+  EXPECT_EQ(0x1234u, received->ulMsgType);
+  EXPECT_EQ(9u, received->ulSeqNum);
+  EXPECT_TRUE(content == std::string(body(received), received->ulDataLen));
+  EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
+}
+
+TEST(HandOver, RefusesPathsThatAreNotForBodies) {
+  write_file("/var/secret", "secret");
+  write_file("/var/run/msg/other", "other");
+  std::filesystem::create_directory("/var/run/msg/msg_file_d");
+  write_file("/var/run/msg/msg_file_d/x", "deeper");
+  std::filesystem::create_symlink("/var/secret", "/var/run/msg/msg_file_link");
+
+  const std::string refused[] = {"",
+                                 "/var/secret",
+                                 "/var/run/msg/other",
+                                 "/var/run/msg/msg_file_9",
+                                 "/var/run/msg/msg_file_link",
+                                 "/var/run/msg/msg_file_d/x",
+                                 "/var/run/msg/msg_file_d/../../../secret"};
+  for (const std::string &path : refused) {
+    EXPECT_EQ("<bad argument>", completed(path_field(path))) << path;
+  }
+  write_file(kFile, "x");
+  EXPECT_EQ("<bad argument>", completed(std::string(300, '/') + kFile)) << "no NUL in 260 bytes";
+  EXPECT_TRUE(std::filesystem::exists("/var/secret"));
+  EXPECT_TRUE(std::filesystem::exists(kFile));
+}
+
+TEST(HandOver, ReadsNothingButRegularFiles) {
+  ASSERT_EQ(0, ::mkfifo(kFile.c_str(), 0600));
+  EXPECT_EQ("<system>", completed(path_field(kFile))) << "and does not wait for a writer";
+  std::filesystem::remove(kFile);
+  std::filesystem::create_directory(kFile);
+  EXPECT_EQ("<system>", completed(path_field(kFile)));
+}
+
+TEST(HandOver, RefusesAndDeletesAFileBeyondTheLimit) {
+  write_file(kFile, "");
+  std::filesystem::resize_file(kFile, 0x8000001);
+  EXPECT_EQ("<bad argument>", completed(path_field(kFile)));
+  EXPECT_FALSE(std::filesystem::exists(kFile));
+
+  write_file(kFile, "");
+  std::filesystem::resize_file(kFile, 0x8000000);
+  EXPECT_EQ(0x8000000u, completed(path_field(kFile)).size());
+}
+
+TEST(HandOver, GivesTheMessageUpWithoutMemory) {
+  write_file(kFile, "x");
+  Header *message = message_with(path_field(kFile)).release();
+
+  fail_allocation(1);
+  EXPECT_EQ(Status::kNoMemory, complete_hand_over(&message));
+
+  EXPECT_EQ(nullptr, message);
+  EXPECT_FALSE(std::filesystem::exists(kFile));
+  EXPECT_EQ(Status::kBadArgument, complete_hand_over(&message));
+  EXPECT_EQ(Status::kBadArgument, complete_hand_over(nullptr));
+}
+
+}  // namespace
+}  // namespace msgapi::msg

@@ -1,0 +1,268 @@
+#include "msg/receive.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "msg/drop_count.h"
+#include "support/allocation.h"
+#include "support/fd_check.h"
+#include "support/log_lines.h"
+#include "support/message_peer.h"
+#include "support/system_calls.h"
+
+namespace msgapi::msg {
+namespace {
+
+using test::Connection;
+using test::make_frame;
+
+constexpr uint32_t kShort_ms = 20;
+constexpr uint32_t kLong_ms = 20000;
+
+// One receive on `fd`, quietly.
+struct Received {
+  explicit Received(int fd, uint32_t timeout_ms = kLong_ms, uint32_t convert = 1) {
+    Header *block = reinterpret_cast<Header *>(this);
+    testing::internal::CaptureStdout();
+    status = ORP_MSG_ReceiveWithEndian(fd, &block, timeout_ms, convert);
+    console = testing::internal::GetCapturedStdout();
+    message.reset(block);
+    EXPECT_EQ(status == ORP_OK, message != nullptr);
+  }
+  std::string body() const { return {msg::body(message.get()), message->ulDataLen}; }
+
+  uint32_t status;
+  std::string console;
+  Owned<Header> message;
+};
+
+TEST(Receive, TakesOneMessageWithZeroBytesBehindIt) {
+  Connection connection;
+  connection.peer.write(make_frame({.type = 0x1234, .from = "a", .to = "b", .data = 5, .seq = 6}));
+  connection.peer.write(make_frame({.type = 0x1235, .body = "body"}));
+
+  const Received bare(connection.fd());
+  const Received full(connection.fd());
+
+  ASSERT_EQ(ORP_OK, bare.status);
+  EXPECT_EQ(0x1234u, bare.message->ulMsgType);
+  EXPECT_EQ(6u, bare.message->ulSeqNum);
+  EXPECT_STREQ("a", bare.message->aucSendApp);
+  EXPECT_STREQ("b", bare.message->aucRecvApp);
+  EXPECT_EQ(5u, bare.message->ulMsgData);
+  EXPECT_EQ(0u, bare.message->ulDataLen);
+  ASSERT_EQ(ORP_OK, full.status);
+  EXPECT_EQ("body", full.body());
+  EXPECT_EQ(std::string(16, '\0'), std::string(body(bare.message.get()), 16));
+  EXPECT_EQ(std::string(16, '\0'), std::string(body(full.message.get()) + 4, 16));
+}
+
+TEST(Receive, ReducesTheTypeAndRecordsTheBoard) {
+  for (const bool swap : {false, true}) {
+    Connection connection("self", swap);
+    g_stMsgCtx.ulFlags |= 7u << ORP_MSG_CTX_SEND_BOARD_SHIFT;
+    const uint32_t flags = g_stMsgCtx.ulFlags;
+    connection.peer.write(make_frame({.type = 0xaff12345, .data = 5, .body = "body"}));
+
+    const Received received(connection.fd());
+
+    ASSERT_EQ(ORP_OK, received.status);
+    EXPECT_EQ(0x12345u, received.message->ulMsgType);
+    EXPECT_EQ(5u, received.message->ulMsgData);
+    EXPECT_EQ("body", received.body());
+    EXPECT_EQ(flags | 5u << ORP_MSG_CTX_RECV_BOARD_SHIFT, g_stMsgCtx.ulFlags);
+  }
+}
+
+TEST(Receive, LeavesTheHeaderAloneWithoutConversion) {
+  Connection connection("self", /*swap=*/true);
+  const uint32_t flags = g_stMsgCtx.ulFlags;
+  test::Frame frame = make_frame({.type = 0xbff12345, .body = "/var/run/msg/msg_file_1"});
+  connection.peer.write_bytes(frame.bytes(/*swap=*/false));
+
+  const Received received(connection.fd(), kLong_ms, /*convert=*/0);
+
+  ASSERT_EQ(ORP_OK, received.status);
+  EXPECT_EQ(0xbff12345u, received.message->ulMsgType);
+  EXPECT_EQ(frame.body, received.body()) << "the body stays a path";
+  EXPECT_EQ(flags, g_stMsgCtx.ulFlags);
+}
+
+TEST(Receive, CollectsABodyThatComesByteByByte) {
+  Connection connection;
+  const std::string bytes = make_frame({.type = 1, .body = std::string(500, 'x')}).bytes();
+  connection.peer.write_bytes(bytes.substr(0, 40));
+  std::thread writer([&] {
+    for (const char &byte : bytes.substr(40)) connection.peer.write_bytes({&byte, 1});
+  });
+
+  const Received received(connection.fd());
+  writer.join();
+
+  ASSERT_EQ(ORP_OK, received.status);
+  EXPECT_EQ(std::string(500, 'x'), received.body());
+}
+
+TEST(Receive, TakesBodiesBeyondTheGuardedAllocator) {
+  Connection connection;
+  const std::string content(9 << 20, 'x');
+  std::thread writer([&] { connection.peer.write(make_frame({.type = 1, .body = content})); });
+
+  const Received received(connection.fd(), 0);
+  writer.join();
+
+  ASSERT_EQ(ORP_OK, received.status);
+  EXPECT_TRUE(content == received.body());
+}
+
+// What the receiver sees of a peer that sends `size` bytes of a message and then closes, or stays
+// silent.
+TEST(Receive, GivesAMessageUpThatEndsAtAnyByte) {
+  const std::string bytes = make_frame({.type = 1, .body = "12345"}).bytes();
+  for (size_t size = 0; size < bytes.size(); ++size) {
+    for (const bool closes : {true, false}) {
+      const test::FdCheck no_leak;
+      Connection connection;
+      connection.peer.write_bytes(bytes.substr(0, size));
+      if (closes) connection.peer.close();
+      const uint32_t dropped = g_dropped.read;
+
+      const Received received(connection.fd(), size > 40 || closes ? kShort_ms : 5);
+
+      const uint32_t silent = closes ? ORP_ERR_PEER_GONE : ORP_ERR_TIMEOUT;
+      EXPECT_EQ(size > 0 && size < 40 ? ORP_ERR_SYSTEM : silent, received.status) << size;
+      EXPECT_EQ(dropped + (size > 0 ? 1 : 0), g_dropped.read) << size;
+    }
+  }
+}
+
+TEST(Receive, NeverCompletesAShortHeader) {
+  Connection connection;
+  connection.peer.write_bytes(std::string(39, '\0'));
+
+  const Received received(connection.fd());
+
+  EXPECT_EQ(ORP_ERR_SYSTEM, received.status);
+  EXPECT_EQ("msgapi fail to read for not a head length, ret=39, errno=0, fd=" +
+                std::to_string(connection.fd()) + ", pid=" + std::to_string(::getpid()) + "\n",
+            received.console);
+}
+
+TEST(Receive, RefusesABodyBeyondTheLimitUnread) {
+  test::LogLines log;
+  Connection connection;
+  test::Frame frame = make_frame({.type = 0x1234, .body = "next"});
+  frame.header.ulDataLen = 0x8000001;
+  connection.peer.write(frame);
+
+  const Received received(connection.fd());
+
+  EXPECT_EQ(ORP_ERR_MEMORY, received.status);
+  EXPECT_NE(std::string::npos,
+            received.console.find("msgapi too large body len, type=0x1234, data_len=134217729\n"));
+  EXPECT_EQ("Too long msg:[0x1234] len:[134217729].\n", log.next());
+  char rest[8];
+  EXPECT_EQ(4, ::recv(connection.fd(), rest, sizeof rest, MSG_DONTWAIT));
+}
+
+TEST(Receive, AcceptsTheLargestAnnouncedBody) {
+  Connection connection;
+  test::Frame frame = make_frame({.type = 1});
+  frame.header.ulDataLen = 0x8000000;
+  connection.peer.write(frame);
+  connection.peer.close();
+
+  EXPECT_EQ(ORP_ERR_PEER_GONE, Received(connection.fd()).status);
+}
+
+TEST(Receive, RefusesBadArguments) {
+  Header *message = nullptr;
+
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_Recv(0, nullptr, 1));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, Received(-1).status);
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_ReceiveManual(&message, 1)) << "no connection";
+  EXPECT_EQ(ORP_ERR_TIMEOUT, Received(999).status) << "not open is not readable";
+}
+
+TEST(Receive, ReadsPipesAndHighDescriptors) {
+  const std::string bytes = make_frame({.type = 1, .body = "body"}).bytes();
+  int ends[2];
+  ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+  const os::UniqueFd in(ends[0]);
+  const os::UniqueFd out(ends[1]);
+  for (const int number : {1000, 1023, 1024, 1100}) {
+    const os::UniqueFd high(::fcntl(in.get(), F_DUPFD_CLOEXEC, number));
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(out.get(), bytes.data(), bytes.size()));
+
+    const Received received(high.get());
+
+    ASSERT_EQ(ORP_OK, received.status);
+    EXPECT_EQ("body", received.body());
+  }
+}
+
+TEST(Receive, OutlastsSignals) {
+  Connection connection;
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  ::sigaction(SIGUSR1, &action, nullptr);
+  const pthread_t receiver = ::pthread_self();
+  std::thread writer([&] {
+    const std::string bytes = make_frame({.type = 1, .body = "12345"}).bytes();
+    for (int i = 0; i < 20; ++i) ::pthread_kill(receiver, SIGUSR1);
+    connection.peer.write_bytes(bytes.substr(0, 40));
+    for (const char &byte : bytes.substr(40)) {
+      for (int i = 0; i < 20; ++i) ::pthread_kill(receiver, SIGUSR1);
+      connection.peer.write_bytes({&byte, 1});
+    }
+  });
+
+  const Received received(connection.fd(), kLong_ms);
+  writer.join();
+
+  ASSERT_EQ(ORP_OK, received.status);
+  EXPECT_EQ("12345", received.body());
+}
+
+TEST(Receive, GivesTheMessageUpWithoutMemory) {
+  const uint32_t failures = test::fail_every_allocation([] {
+    Connection connection;
+    connection.peer.write(make_frame({.type = 1, .body = "body"}));
+    const Received received(connection.fd());
+    EXPECT_EQ(received.message != nullptr ? ORP_OK : ORP_ERR_MEMORY, received.status);
+    return received.message != nullptr;
+  });
+  EXPECT_EQ(2u, failures);
+}
+
+TEST(SystemCalls, AReceivedMessageCostsOneWaitAndOneReadForEachPart) {
+  if (!test::can_count_system_calls()) GTEST_SKIP() << "tracing is not possible here";
+  Connection connection;
+  const auto receive = [&] {
+    Header *message = nullptr;
+    if (ORP_MSG_Recv(connection.fd(), &message, 0) != ORP_OK) ::_exit(1);
+    std::free(message);
+  };
+  const auto calls_for = [&](const std::string &content) {
+    return test::system_calls(
+        [&] { connection.peer.write(make_frame({.type = 1, .body = content})); }, receive);
+  };
+
+  EXPECT_EQ(2u, calls_for("").size());
+  const std::vector<test::SystemCall> calls = calls_for(std::string(2048, 'x'));
+  ASSERT_EQ(3u, calls.size());
+  EXPECT_EQ(20000u, calls[0].arguments[2]) << "a time-out of 0 waits 20 s";
+}
+
+}  // namespace
+}  // namespace msgapi::msg
