@@ -2,6 +2,7 @@
 #ifndef MSGAPI_H
 #define MSGAPI_H
 
+#include "msgapi/blur.h"
 #include "msgapi/bridge.h"
 #include "msgapi/charset.h"
 #include "msgapi/dmmsg.h"

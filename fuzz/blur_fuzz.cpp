@@ -1,0 +1,37 @@
+// The finders of personal data, compared with regexec() of the plain expressions on any text.
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "log/blur.h"
+#include "log/posix_blur.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static test::PosixPatterns posix;
+  // Blocks without a NUL behind them: one byte too many read is a report.
+  const std::vector<char> block(data, data + size);
+  const std::string text(block.data(), ::strnlen(block.data(), block.size()));
+  const std::string_view view(block.data(), text.size());
+
+  for (const test::Pattern pattern : test::kAllPatterns) {
+    for (size_t from = 0;;) {
+      const test::Match ours = msgapi::blur::find(pattern, view, from);
+      const test::Match theirs = posix.find(pattern, text, from);
+      if (ours.length != theirs.length) std::abort();
+      if (ours.length == 0) break;
+      if (ours.start != theirs.start) std::abort();
+      from = ours.start + ours.length;
+    }
+  }
+
+  std::vector<char> blurred = block;
+  msgapi::blur::blur_log_text(blurred);
+  const std::string expected = posix.blur_log_text(text);
+  if (expected != std::string(blurred.data(), text.size())) std::abort();
+  for (size_t i = text.size(); i < size; ++i) {
+    if (blurred[i] != block[i]) std::abort();
+  }
+  return 0;
+}
