@@ -17,4 +17,8 @@ enum class Readiness {
 Readiness wait_readable(int fd, uint32_t timeout_ms);
 Readiness wait_writable(int fd, uint32_t timeout_ms);
 
+// The same, waiting on after a signal for what is left of the time.
+Readiness wait_readable_through_signals(int fd, uint32_t timeout_ms);
+Readiness wait_writable_through_signals(int fd, uint32_t timeout_ms);
+
 }  // namespace msgapi::os

@@ -1,0 +1,751 @@
+#include "msgapi/notify.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "msgapi/loop.h"
+#include "msgapi/sockbase.h"
+#include "msgapi/status.h"
+#include "notify/fake_server.h"
+#include "support/allocation.h"
+#include "support/fd_check.h"
+
+namespace {
+
+int g_wait_divisor = 1;
+
+}  // namespace
+
+// Stands in for the C library's: tests of time-outs divide the client's waits.
+extern "C" int poll(pollfd *entries, nfds_t count, int timeout_ms) {
+  timespec wait{};
+  const int64_t nanoseconds = int64_t{timeout_ms} * 1000000 / g_wait_divisor;
+  wait.tv_sec = static_cast<time_t>(nanoseconds / 1000000000);
+  wait.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
+  return ::ppoll(entries, count, timeout_ms < 0 ? nullptr : &wait, nullptr);
+}
+
+namespace {
+
+using test::NotifyMessage;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr uint32_t kOwnId = 8;
+constexpr uint32_t kOther = 26;
+constexpr uint32_t kType = 0x1234;
+
+// What procedures were called with, in words; they are plain functions.
+std::vector<std::string> g_calls;
+std::function<void()> g_during_call;
+
+std::string text_of(void *data) {
+  return data == nullptr ? "null" : "\"" + std::string(static_cast<char *>(data)) + "\"";
+}
+
+void note(std::string call) {
+  g_calls.push_back(std::move(call));
+  if (g_during_call) std::exchange(g_during_call, nullptr)();
+}
+
+void *allocated(const std::string &text) {
+  return ::memcpy(::malloc(text.size()), text.data(), text.size());
+}
+
+void take_notification(void *first, void *second) {
+  note("async " + text_of(first) + " " + text_of(second));
+}
+
+void take_any_notification(uint32_t type, void *first, void *second) {
+  note("any async " + std::to_string(type) + " " + text_of(first) + " " + text_of(second));
+}
+
+void take_request(void *data, uint32_t *reply_length, void **reply) {
+  const bool answerable = reply_length != nullptr && reply != nullptr;
+  note((answerable ? "sync " : "stray ") + text_of(data));
+  if (!answerable) return;
+  *reply = allocated("answer");
+  *reply_length = 6;
+}
+
+void take_any_request(uint32_t type, void *data, void **reply, uint32_t *reply_length) {
+  const bool answerable = reply_length != nullptr && reply != nullptr;
+  note((answerable ? "any sync " : "any stray ") + std::to_string(type) + " " + text_of(data));
+  if (!answerable) return;
+  *reply = allocated("any");
+  *reply_length = 3;
+}
+
+void promise_a_reply(void *, uint32_t *reply_length, void **) {
+  *reply_length = 5;
+}
+
+NotifyMessage notification(const std::string &data, uint32_t length1, uint32_t length2) {
+  NotifyMessage message;
+  message.head.msg_type = kType;
+  message.head.seq_num = 77;
+  message.head.source_id = kOther;
+  message.head.des_id = kOwnId;
+  message.head.ack_tag = ORP_NOTIFYCLT_REQUEST;
+  message.head.sub_data_len1 = length1;
+  message.head.sub_data_len2 = length2;
+  message.data = data;
+  return message;
+}
+
+NotifyMessage notification(const std::string &data) {
+  return notification(data, static_cast<uint32_t>(data.size()), 0);
+}
+
+NotifyMessage request(const std::string &data) {
+  NotifyMessage message = notification(data, 0, 0);
+  message.head.sync_tag = 1;
+  return message;
+}
+
+NotifyMessage reply(uint32_t sequence, const std::string &data) {
+  NotifyMessage message = request(data);
+  message.head.seq_num = sequence;
+  message.head.ack_tag = ORP_NOTIFYCLT_REPLY;
+  return message;
+}
+
+// Everything that is ready, and the idle procedures behind it.
+void run_loop() {
+  EXPECT_EQ(ORP_ERR_TIMEOUT, OrpUvLoopRun(nullptr, 1));
+}
+
+// The descriptor of the connection, which the loop watches.
+int client_fd() {
+  for (const int fd : test::open_descriptors()) {
+    if (OrpUvIoFindByFd(nullptr, fd) != nullptr) return fd;
+  }
+  return -1;
+}
+
+uint32_t post() {
+  return ORP_NOTIFYCLT_PostSimpleAsynNotify(kOther, kType, 1, 2);
+}
+
+// Standard output of one scope.
+class Output {
+ public:
+  Output() { testing::internal::CaptureStdout(); }
+  std::string text() {
+    ::fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+  }
+};
+
+class NotifyClient : public testing::Test {
+ protected:
+  void connect() {
+    ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kOwnId));
+    server_.accept();
+    EXPECT_EQ(30u, server_.receive().head.des_id);
+  }
+
+  ~NotifyClient() override {
+    ORP_NOTIFYCLT_Destroy();
+    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+  }
+
+  test::FdCheck fd_check_;
+  test::FakeNotifyServer server_;
+};
+
+// ---- Starting and ending ----
+
+TEST_F(NotifyClient, RegistersItsModule) {
+  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kOwnId));
+  server_.accept();
+  const NotifyMessage message = server_.receive();
+
+  const uint32_t expected[12] = {0, 1, kOwnId, 30, 0, 1, 8, 4, 4, 0, 0, 0};
+  const uint32_t values[2] = {kOwnId, 0};
+  EXPECT_EQ(0, std::memcmp(expected, &message.head, sizeof expected));
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(values), 8), message.data);
+
+  char path[40];
+  std::snprintf(path, sizeof path, "/var/run/notify/client%05d", ::getpid());
+  struct stat info {};
+  ASSERT_EQ(0, ::stat(path, &info));
+  EXPECT_EQ(mode_t{S_IFSOCK | 0775}, info.st_mode);
+
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(9));
+  EXPECT_FALSE(server_.somebody_connects());
+}
+
+TEST_F(NotifyClient, ConnectsOnlyForModulesThatThereAre) {
+  for (const uint32_t id : {0u, 110u, UINT32_MAX}) {
+    EXPECT_EQ(ORP_NOTIFYCLT_ERR_MODULE, ORP_NOTIFYCLT_Init(id));
+  }
+  for (const char *name : {"sms", "CMS", "", static_cast<const char *>(nullptr)}) {
+    EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_InitByName(name));
+  }
+  EXPECT_FALSE(server_.somebody_connects());
+
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_InitByName("web"));
+  server_.accept();
+  EXPECT_EQ(26u, server_.receive().head.source_id);
+}
+
+TEST(NotifyModules, HaveNamesAndIds) {
+  EXPECT_EQ(8u, ORP_NOTIFYCLT_GetMIDByName("cms"));
+  EXPECT_EQ(19u, ORP_NOTIFYCLT_GetMIDByName("status"));
+  EXPECT_EQ(108u, ORP_NOTIFYCLT_GetMIDByName("cloudeng"));
+  EXPECT_EQ(0u, ORP_NOTIFYCLT_GetMIDByName("nobody"));
+  EXPECT_EQ(0u, ORP_NOTIFYCLT_GetMIDByName(nullptr));
+  EXPECT_STREQ("oled", ORP_NOTIFYCLT_GetNameByMID(14));
+  EXPECT_EQ(nullptr, ORP_NOTIFYCLT_GetNameByMID(30));
+  EXPECT_EQ(nullptr, ORP_NOTIFYCLT_GetNameByMID(UINT32_MAX));
+}
+
+TEST(NotifyClientAlone, FailsWithoutAServerAndLeavesNothing) {
+  const test::FdCheck check;
+
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_SOCKET, ORP_NOTIFYCLT_Init(kOwnId));
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_ARGUMENT, post());
+  uint32_t length = 7;
+  void *data = &length;
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_ARGUMENT,
+            ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, &data, &length, nullptr));
+  EXPECT_EQ(nullptr, data);
+  EXPECT_EQ(0u, length);
+}
+
+TEST_F(NotifyClient, StartsAgainAfterAnyFailedAllocation) {
+  const test::FdCheck check;
+
+  const uint32_t failures = test::fail_every_allocation([&] {
+    testing::internal::CaptureStdout();
+    const bool started = ORP_NOTIFYCLT_Init(kOwnId) == ORP_NOTIFYCLT_OK;
+    testing::internal::GetCapturedStdout();
+    ORP_NOTIFYCLT_Destroy();
+    server_.accept();
+    server_.close();
+    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+    return started;
+  });
+
+  EXPECT_LE(3u, failures);
+}
+
+TEST_F(NotifyClient, ForgetsEverythingWhenDestroyed) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  ORP_NOTIYCLT_RegMsgProc(take_any_request, take_any_notification);
+
+  ORP_NOTIFYCLT_Destroy();
+  EXPECT_EQ(UINT32_MAX, server_.receive().head.msg_type);
+  run_loop();
+
+  connect();  // its registration is number 1 again
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, post());
+  EXPECT_EQ(2u, server_.receive().head.seq_num);
+  server_.send(notification("late"));
+  run_loop();
+  EXPECT_THAT(g_calls, IsEmpty());
+}
+
+TEST_F(NotifyClient, OutlivesTheLoopThatItJoined) {
+  connect();
+
+  ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, post());
+  ORP_NOTIFYCLT_Destroy();
+
+  EXPECT_EQ(kType, server_.receive().head.msg_type);
+  EXPECT_EQ(UINT32_MAX, server_.receive().head.msg_type);
+}
+
+// ---- Sending ----
+
+TEST_F(NotifyClient, PostsTwoItems) {
+  connect();
+
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, "first", 5, "2nd", 3));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, nullptr, 9, "x", 1));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, "x", 0, nullptr, 0));
+
+  NotifyMessage message = server_.receive();
+  const uint32_t expected[12] = {kType, 2, kOwnId, kOther, 0, 1, 8, 5, 3, 0, 0, 1};
+  EXPECT_EQ(0, std::memcmp(expected, &message.head, sizeof expected));
+  EXPECT_EQ("first2nd", message.data);
+  message = server_.receive();
+  EXPECT_EQ(0u, message.head.sub_data_len1);
+  EXPECT_EQ(1u, message.head.sub_data_len2);
+  EXPECT_EQ("x", message.data);
+  EXPECT_EQ("", server_.receive().data);
+}
+
+TEST_F(NotifyClient, RefusesMoreDataThanABlockHolds) {
+  connect();
+  const std::string data(0x800000, 'x');
+  Output output;
+
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_MEMORY,
+            ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, data.data(), 0x800000 - 47, nullptr, 0));
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_MEMORY,
+            ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, data.data(), UINT32_MAX, data.data(), 1));
+
+  EXPECT_THAT(output.text(), HasSubstr("malloc len=8388609\n"));
+  EXPECT_FALSE(server_.has_received());
+}
+
+TEST_F(NotifyClient, KeepsMessagesOfManyThreadsWhole) {
+  connect();
+  constexpr int kThreads = 4;
+  constexpr int kMessages = 200;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([thread] {
+      const std::string data(static_cast<size_t>(3000 + thread), static_cast<char>('a' + thread));
+      for (int i = 0; i < kMessages; ++i) {
+        EXPECT_EQ(ORP_NOTIFYCLT_OK,
+                  ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, data.data(),
+                                               static_cast<uint32_t>(data.size()), nullptr, 0));
+      }
+    });
+  }
+
+  std::set<uint32_t> sequence_numbers;
+  for (int i = 0; i < kThreads * kMessages; ++i) {
+    const NotifyMessage message = server_.receive();
+    EXPECT_EQ(std::string(message.data.size(), message.data[0]), message.data);
+    EXPECT_EQ(3000u + static_cast<size_t>(message.data[0] - 'a'), message.data.size());
+    sequence_numbers.insert(message.head.seq_num);
+  }
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(size_t{kThreads * kMessages}, sequence_numbers.size());
+}
+
+TEST_F(NotifyClient, TellsWhenTheServerIsGone) {
+  connect();
+  const std::string fd = std::to_string(client_fd());
+  server_.close();
+  Output output;
+
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_TIMEOUT, post());
+
+  EXPECT_EQ("notifyclient fail to write notify: fd=" + fd +
+                ", data_len=8, send_len=0, errno=EPIPE, ret=-1.\n"
+                "notifyclient NotifyMsgSend fail to send, type=0x1234, src=[8], dest=[26] seq=2, "
+                "sync_tag=0, data_len=8, ulRetVal=65540, fd=" +
+                fd + "\n",
+            output.text());
+}
+
+// A descriptor that is not open fails the wait at once.
+TEST_F(NotifyClient, RebootsWhenTenSendsInARowCouldNotWrite) {
+  constexpr int kClosed = 999;
+  connect();
+  const int fd = client_fd();
+  Output output;
+
+  ORP_NOTIFYCLT_SwitchSock(kClosed);
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(ORP_NOTIFYCLT_ERR_NOT_WRITABLE, post());
+  ORP_NOTIFYCLT_SwitchSock(fd);
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, post());
+  ORP_NOTIFYCLT_SwitchSock(kClosed);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(ORP_NOTIFYCLT_ERR_NOT_WRITABLE, post());
+  const std::string before = output.text();
+  Output second_output;
+  ORP_NOTIFYCLT_SwitchSock(fd);
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, post());
+
+  EXPECT_THAT(before, HasSubstr("Send notify msg err -1:9, type=0x1234, src=[8], dest=[26], ack=[1]"
+                                ", failed time = [9]\n"));
+  EXPECT_THAT(before, HasSubstr("failed time = [10]\n"));
+  EXPECT_THAT(before, testing::Not(HasSubstr("reboot")));
+  EXPECT_EQ(
+      "error: notifyclient failed more than 10 times, reboot devie!!"
+      "orputil: not run on this host: busybox reboot -f\n",
+      second_output.text());
+}
+
+TEST_F(NotifyClient, GivesUpWhenTheServerTakesNothingForTenSeconds) {
+  connect();
+  const int room = 4096;
+  ::setsockopt(client_fd(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  g_wait_divisor = 100;
+  Output output;
+
+  uint32_t status = ORP_NOTIFYCLT_OK;
+  for (int i = 0; i < 1000 && status == ORP_NOTIFYCLT_OK; ++i) status = post();
+
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_NOT_WRITABLE, status);
+  EXPECT_THAT(output.text(), StartsWith("Send notify msg err 0:"));
+}
+
+// ---- Receiving ----
+
+TEST_F(NotifyClient, HandsNotificationsToTheProcedureOfTheirType) {
+  connect();
+  NotifyMessage other = notification("other");
+  other.head.msg_type = 5;
+
+  server_.send(other);  // nobody takes it
+  run_loop();
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegSyncMsgProc(5, take_request));
+  ORP_NOTIYCLT_RegMsgProc(nullptr, take_any_notification);
+  server_.send(notification("one"));
+  server_.send(other);
+  run_loop();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, nullptr);
+  server_.send(notification("two"));
+  run_loop();
+
+  EXPECT_THAT(g_calls, ElementsAre("async \"one\" null", "any async 5 \"other\" null",
+                                   "any async 4660 \"two\" null"));
+}
+
+TEST_F(NotifyClient, HandsOverOnlyItemsThatLieInTheData) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  const struct {
+    const char *data;
+    uint32_t length1, length2;
+    const char *call;
+  } kCases[] = {
+      {"", 0, 0, "async null null"},
+      {"ab", 2, 0, "async \"ab\" null"},
+      {"abcd", 2, 2, "async \"abcd\" \"cd\""},
+      {"ab", 0, 2, "async \"ab\" \"ab\""},
+      {"ab", 0, 0, "async \"ab\" null"},
+      {"ab", 3, 0, "async null null"},
+      {"abcd", 2, 3, "async \"abcd\" null"},
+      {"abcd", 5, 1, "async null null"},
+      {"abcd", 2, UINT32_MAX, "async \"abcd\" null"},
+      {"abcd", UINT32_MAX, 3, "async null null"},
+      {"", 0, 1, "async null null"},
+  };
+
+  for (const auto &[data, length1, length2, call] : kCases) {
+    g_calls.clear();
+    server_.send(notification(data, length1, length2));
+    run_loop();
+    EXPECT_THAT(g_calls, ElementsAre(call)) << data << " " << length1 << " " << length2;
+  }
+}
+
+TEST_F(NotifyClient, AnswersRequests) {
+  connect();
+  const auto ask = [&](const NotifyMessage &message) {
+    server_.send(message);
+    run_loop();
+    return server_.has_received() ? server_.receive() : NotifyMessage{};
+  };
+
+  EXPECT_EQ("", ask(request("nobody")).data);
+  ORP_NOTIYCLT_RegMsgProc(take_any_request, nullptr);
+  EXPECT_EQ("any", ask(request("who")).data);
+  ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
+  const NotifyMessage answer = ask(request("you"));
+  EXPECT_EQ("answer", answer.data);
+  const uint32_t expected[12] = {kType, 77, kOwnId, kOther, 1, 2, 6, 0, 0, 0, 0, 0};
+  EXPECT_EQ(0, std::memcmp(expected, &answer.head, sizeof expected));
+
+  // The server itself gets no answer.
+  NotifyMessage from_server = request("server");
+  from_server.head.source_id = 30;
+  EXPECT_EQ(0u, ask(from_server).head.msg_type);
+  EXPECT_THAT(g_calls, ElementsAre("any sync 4660 \"who\"", "sync \"you\"", "sync \"server\""));
+}
+
+TEST_F(NotifyClient, AnswersNothingForAProcedureThatOnlyPromises) {
+  connect();
+  ORP_NOTIFYCLT_RegSyncMsgProc(kType, promise_a_reply);
+  Output output;
+
+  server_.send(request(""));
+  run_loop();
+
+  EXPECT_THAT(output.text(), HasSubstr("memcpy_s failed, err = 22\n"));
+  EXPECT_FALSE(server_.has_received());
+}
+
+TEST_F(NotifyClient, HandsOverRepliesThatNobodyWaitsFor) {
+  connect();
+  ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
+  ORP_NOTIYCLT_RegMsgProc(take_any_request, nullptr);
+  NotifyMessage other = reply(3, "b");
+  other.head.msg_type = 5;
+  other.head.ack_tag = 9;
+
+  server_.send(reply(2, "a"));
+  server_.send(other);
+  run_loop();
+
+  EXPECT_THAT(g_calls, ElementsAre("stray \"a\"", "any stray 5 \"b\""));
+  EXPECT_FALSE(server_.has_received());
+}
+
+TEST(NotifyDelivery, NeedsAMessage) {
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_ARGUMENT, ORP_NOTIFYCLT_MsgFilterProc(nullptr));
+}
+
+TEST_F(NotifyClient, ReadsDataThatArrivesInPieces) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  const std::string bytes = notification("in pieces").bytes();
+  Output output;
+
+  server_.send_bytes(bytes.substr(0, 50));
+  std::thread rest([&] {
+    pollfd nothing{-1, 0, 0};
+    ::poll(&nothing, 1, 20);
+    server_.send_bytes(bytes.substr(50));
+  });
+  run_loop();
+  rest.join();
+
+  EXPECT_THAT(g_calls, ElementsAre("async \"in pieces\" null"));
+  EXPECT_THAT(output.text(),
+              HasSubstr("want len=9, got len=2, msg type=0x1234, src=26, dest=8!\n"));
+}
+
+TEST_F(NotifyClient, TakesEightMebibytesAndRefusesMore) {
+  connect();
+  static size_t length;
+  ORP_NOTIFYCLT_RegAsyncMsgProc(
+      kType, [](void *first, void *) { length = std::strlen(static_cast<char *>(first)); });
+  NotifyMessage too_long = notification("");
+  too_long.head.data_len = 0x800001;
+  const std::string head(reinterpret_cast<const char *>(&too_long.head), sizeof too_long.head);
+
+  std::thread sender([&] {
+    server_.send(notification(std::string(0x800000, 'x')));
+    server_.send_bytes(head);
+  });
+  Output output;
+  while (length == 0) run_loop();
+  sender.join();
+  run_loop();
+
+  EXPECT_EQ(0x800000u, length);
+  EXPECT_THAT(output.text(), HasSubstr("ooo notifyclient data Length too long: 800001, "
+                                       "msg 1234 from 26 to 8.\n"));
+}
+
+TEST_F(NotifyClient, StaysInStepWhenThereIsNoMemoryForTheData) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  Output output;
+
+  server_.send(notification(std::string(5000, 'x')));
+  server_.send(notification("next"));
+  msgapi::fail_allocation(2);
+  run_loop();
+
+  EXPECT_EQ("realloc failed in NotifyMsgRecv.\n", output.text());
+  EXPECT_THAT(g_calls, ElementsAre("async \"next\" null"));
+}
+
+TEST_F(NotifyClient, LosesNothingWhenThereIsNoMemoryForTheHead) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  Output output;
+
+  server_.send(notification("kept"));
+  msgapi::fail_allocation(1);
+  run_loop();
+
+  EXPECT_EQ("malloc msg header failed.\n", output.text());
+  EXPECT_THAT(g_calls, ElementsAre("async \"kept\" null"));
+}
+
+// A dead server is reported once and costs no time.
+TEST_F(NotifyClient, StopsReadingWhenTheServerIsGone) {
+  const std::string bytes = notification("data").bytes();
+  const struct {
+    size_t size;
+    const char *line;
+  } kCases[] = {
+      {0, "error: notifyclient peer dead when read head, my pid="},
+      {20, "ooo: notifyclient no match head len, my pid="},
+      {48, "error: notifyclient peer dead when read body, my pid="},
+      {51, "ooo: notifyclient no match body len, my pid="},
+  };
+
+  for (const auto &[size, line] : kCases) {
+    connect();
+    Output output;
+
+    server_.send_bytes(bytes.substr(0, size));
+    server_.close();
+    run_loop();
+
+    const std::string text = output.text();
+    EXPECT_THAT(text, StartsWith(line)) << size;
+    EXPECT_GE(2, std::count(text.begin(), text.end(), '\n')) << text;
+    EXPECT_GE(10u, OrpUvLoopGetCurIdx(nullptr));
+    ORP_NOTIFYCLT_Destroy();
+  }
+}
+
+TEST_F(NotifyClient, ReportsAHeadThatIsNotCompleted) {
+  connect();
+  g_wait_divisor = 100;
+  Output output;
+
+  server_.send_bytes(notification("data").bytes().substr(0, 20));
+  run_loop();
+
+  EXPECT_THAT(output.text(), testing::EndsWith(", got len=20!\n"));
+}
+
+// The loop may call when another reader has been faster.
+TEST_F(NotifyClient, DoesNotHoldTheLoopWhenNothingIsThere) {
+  connect();
+  const int fd = client_fd();
+  auto *sock_base = reinterpret_cast<ORP_UTIL_SOCKBASE_ST *>(OrpUvIoFindByFd(nullptr, fd));
+  ASSERT_NE(nullptr, sock_base);
+  Output output;
+
+  EXPECT_EQ(ORP_OK, ORP_UTIL_SocketBaseForceLoop(sock_base));
+  run_loop();
+
+  EXPECT_EQ("", output.text());
+}
+
+// ---- Synchronous requests ----
+
+TEST_F(NotifyClient, GetsTheReplyToItsRequest) {
+  connect();
+  const uint32_t argument = 99;
+  void *data = nullptr;
+  uint32_t length = 0;
+  server_.send(reply(2, "the reply"));
+
+  EXPECT_EQ(ORP_NOTIFYCLT_OK,
+            ORP_NOTIFYCLT_SendSynNotify(kOther, kType, "question", 8, &data, &length, &argument));
+
+  EXPECT_EQ(9u, length);
+  EXPECT_STREQ("the reply", static_cast<char *>(data));
+  std::free(data);
+  const NotifyMessage message = server_.receive();
+  const uint32_t expected[12] = {kType, 2, kOwnId, kOther, 1, 1, 8, 0, 0, 99, 0, 0};
+  EXPECT_EQ(0, std::memcmp(expected, &message.head, sizeof expected));
+  EXPECT_EQ("question", message.data);
+
+  // Nobody wants the data, and there is none.
+  server_.send(reply(3, "unwanted"));
+  server_.send(reply(4, ""));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK,
+            ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, nullptr, nullptr, nullptr));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK,
+            ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, &data, &length, nullptr));
+  EXPECT_EQ(nullptr, data);
+  EXPECT_EQ(0u, length);
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_ARGUMENT,
+            ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 1, nullptr, nullptr, nullptr));
+}
+
+TEST_F(NotifyClient, DeliversWhatArrivedDuringARequestAfterwards) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
+  server_.send(notification("first"));
+  server_.send(request("second"));
+  server_.send(reply(1, "of an earlier request"));
+  server_.send(reply(2, "the reply"));
+
+  void *data = nullptr;
+  EXPECT_EQ(ORP_NOTIFYCLT_OK,
+            ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, &data, nullptr, nullptr));
+  EXPECT_STREQ("the reply", static_cast<char *>(data));
+  EXPECT_THAT(g_calls, IsEmpty());
+  std::free(data);
+  run_loop();
+
+  EXPECT_THAT(g_calls, ElementsAre("async \"first\" null", "sync \"second\"",
+                                   "stray \"of an earlier request\""));
+}
+
+TEST_F(NotifyClient, MayDoAnythingInsideAProcedure) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  const auto ask = [] {
+    return ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, nullptr, nullptr, nullptr);
+  };
+  server_.send(notification("asks"));
+  server_.send(notification("put aside"));
+  server_.send(reply(2, ""));
+  g_during_call = [&] {
+    EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
+    // The next one, when it is delivered, ends it all.
+    g_during_call = [&] {
+      server_.send(notification("never"));
+      server_.send(reply(3, ""));
+      EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
+      ORP_NOTIFYCLT_Destroy();
+    };
+  };
+
+  run_loop();
+
+  EXPECT_THAT(g_calls, ElementsAre("async \"asks\" null", "async \"put aside\" null"));
+}
+
+TEST_F(NotifyClient, ReportsWhyThereIsNoReply) {
+  connect();
+  g_wait_divisor = 1000;
+  const auto ask = [] {
+    return ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, nullptr, nullptr, nullptr);
+  };
+  Output output;
+
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_TIMEOUT, ask());
+  NotifyMessage too_long = reply(3, "");
+  too_long.head.data_len = 0x800001;
+  server_.send_bytes(std::string(reinterpret_cast<char *>(&too_long.head), sizeof too_long.head));
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_MEMORY, ask());
+  server_.send_bytes("short");
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_IO, ask());
+  ::shutdown(server_.fd(), SHUT_WR);
+  EXPECT_EQ(ORP_NOTIFYCLT_ERR_PEER_GONE, ask());
+
+  const std::string text = output.text();
+  const std::string pid = std::to_string(::getpid());
+  EXPECT_THAT(text, StartsWith("notifyclient: timeout to wait data when recv, timeout=20000, pid=" +
+                               pid + "ooo notifyclient data Length too long"));
+  EXPECT_THAT(
+      text, testing::EndsWith("error: notify server dead when recv, destory client, my pid=" + pid +
+                              "!\n"));
+}
+
+TEST_F(NotifyClient, KeepsItsListsWhenAnAllocationFails) {
+  connect();
+
+  test::fail_every_allocation(
+      [] { return ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification) == ORP_NOTIFYCLT_OK; });
+  uint32_t sequence = 2;
+  const uint32_t failures = test::fail_every_allocation([&] {
+    testing::internal::CaptureStdout();
+    server_.send(reply(sequence++, "data"));
+    void *data = nullptr;
+    const bool succeeded = ORP_NOTIFYCLT_SendSynNotify(kOther, kType, nullptr, 0, &data, nullptr,
+                                                       nullptr) == ORP_NOTIFYCLT_OK;
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(succeeded, data != nullptr);
+    std::free(data);
+    return succeeded;
+  });
+
+  EXPECT_LE(4u, failures);
+}
+
+}  // namespace
