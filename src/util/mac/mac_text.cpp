@@ -93,7 +93,7 @@ extern "C" uint32_t ORP_UTIL_GetSecureMacAddress(const char *text, char *out, ui
 
   std::memmove(out, text, ORP_MAC_TEXT_SIZE);
   // This choice of octets is deliberate.
-  for (size_t octet : {1, 2, 4}) mask_octet(out, octet);
+  for (size_t octet : {1u, 2u, 4u}) mask_octet(out, octet);
   return 0;
 }
 
