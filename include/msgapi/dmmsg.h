@@ -97,8 +97,8 @@ MSGAPI_EXPORT uint32_t ORP_DB_SaveToAppFunc(void);
 MSGAPI_EXPORT uint32_t ORP_DB_SaveToAppSyncFunc(void);
 
 /*
- * File requests wait up to 15 s. `path` is cut to 255 characters on the way; a null path sends the
- * request without one.
+ * File requests wait up to 15 s. A null path sends the request without one. A path of more than 255
+ * characters is refused with a console line and ORP_ERR_ARGUMENT.
  */
 
 /* Writes the store to an encrypted file. */

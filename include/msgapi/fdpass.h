@@ -1,0 +1,32 @@
+/*
+ * Passing an open descriptor over the process's connection to the message server.
+ *
+ * On the wire: two zero bytes that carry one SCM_RIGHTS record with one descriptor (unix(7)),
+ * outside the message format. Both sides agree by a message that a descriptor comes next.
+ */
+#ifndef MSGAPI_FDPASS_H
+#define MSGAPI_FDPASS_H
+
+#include <stdint.h>
+
+#include "msgapi/export.h"
+#include "msgapi/status.h"
+
+/*
+ * Sends `descriptor`, which stays the caller's. Neither waits nor repeats. ORP_OK;
+ * ORP_ERR_NOT_CONNECTED; ORP_ERR_MEMORY; or ORP_ERR_SYSTEM when the two bytes were not sent.
+ */
+MSGAPI_EXPORT uint32_t ORP_MSG_SendFd(int32_t descriptor);
+
+/*
+ * Waits up to `timeoutMs` (0: 20 s) for a descriptor and stores it, close-on-exec, in
+ * *descriptorOut; the caller closes it. *descriptorOut is untouched on failure.
+ *
+ * Returns ORP_OK; ORP_ERR_ARGUMENT for null; ORP_ERR_NOT_CONNECTED; ORP_ERR_TIMEOUT;
+ * ORP_ERR_MEMORY; ORP_ERR_PEER_GONE at the end of the stream; ORP_ERR_SYSTEM when something else
+ * arrived, up to 4096 bytes of which are consumed and every descriptor of which is closed, and when
+ * the receive failed or was interrupted.
+ */
+MSGAPI_EXPORT uint32_t ORP_MSG_RecvFd(int32_t *descriptorOut, uint32_t timeoutMs);
+
+#endif

@@ -1,0 +1,88 @@
+/*
+ * Restful requests: an application offers handlers under a path, and the message server turns
+ * resource requests into messages to it. docs/restful.md describes the messages.
+ *
+ * One thread owns all of this: the one that runs the loop.
+ */
+#ifndef MSGAPI_RESTFUL_H
+#define MSGAPI_RESTFUL_H
+
+#include <stdint.h>
+
+#include "msgapi/export.h"
+#include "msgapi/msg.h"
+
+#define ORP_MSG_RESTFUL_REGISTER 0x109u
+/* Requests; the three are treated alike. ORP_MSG_BuildRestfulReqMsg makes the second. */
+#define ORP_MSG_RESTFUL_REQUEST_A 0x10au
+#define ORP_MSG_RESTFUL_REQUEST 0x10du
+#define ORP_MSG_RESTFUL_REQUEST_E 0x10eu
+
+#define ORP_MSG_RESTFUL_FIELD_SIZE 64
+
+/* The body of a request, in front of its NUL-terminated text. */
+typedef struct ORP_MSG_RESTFUL_REQ_ST {
+  uint32_t ulCode;
+  uint32_t ulSecond;
+  char aucPath[ORP_MSG_RESTFUL_FIELD_SIZE];    /* selects the registration */
+  char aucHandler[ORP_MSG_RESTFUL_FIELD_SIZE]; /* selects the row of its table */
+} ORP_MSG_RESTFUL_REQ_ST;
+
+/* The text of a request that a handler received; "" when there is none. */
+#define ORP_MSG_RESTFUL_TEXT(request) ((const char *)((request) + 1))
+
+/*
+ * Answers a request. A path or handler name that the request did not terminate goes on into what
+ * follows it. May store a malloc'd NUL-terminated text in *responseOut, which is null at the call;
+ * the library frees it. 0 sends the text, or an empty response without one; any other status sends
+ * nothing, so that the requester's wait ends by its time-out.
+ */
+typedef uint32_t (*ORP_MSG_RESTFUL_HANDLER)(const ORP_MSG_RESTFUL_REQ_ST *request,
+                                            char **responseOut);
+
+/* A row of a handler table. A row with a null name ends the table. */
+typedef struct ORP_MSG_RESTFUL_ROW_ST {
+  const char *pcName;
+  ORP_MSG_RESTFUL_HANDLER pfHandler;
+} ORP_MSG_RESTFUL_ROW_ST;
+
+/*
+ * Registers `table` under `path` with the message server: as the path itself, or with `expand` as
+ * the list "path/row|path/row..." of its rows, up to 4095 characters; rows behind that are not
+ * announced. A request reaches the first registration with exactly its path and the first row with
+ * exactly its handler name. The table is not copied and must stay.
+ *
+ * The first registration also registers the message procedure for the three request types.
+ *
+ * Returns ORP_OK; ORP_ERR_ARGUMENT for null arguments; ORP_ERR_MEMORY without memory and, with
+ * `expand`, when "path/row" has more than 127 characters; or the status of ORP_MSG_Send. Nothing is
+ * registered in the process then, though the server may have heard of the path.
+ */
+MSGAPI_EXPORT uint32_t ORP_MSG_RegRestfulProcEx(const char *path,
+                                                const ORP_MSG_RESTFUL_ROW_ST *table,
+                                                uint32_t expand);
+
+/* The same without `expand`. */
+MSGAPI_EXPORT uint32_t ORP_MSG_RegRestfulProc(const char *path,
+                                              const ORP_MSG_RESTFUL_ROW_ST *table);
+
+/*
+ * A request message to the server, in a new block that the caller frees. `textLength` bytes are
+ * reserved for `text` (null for none); a longer text is cut, behind a shorter one zeros follow.
+ * Null `path` and `handlerName` are empty. Null when one of them has more than 63 characters, when
+ * `textLength` is 0xFFFFFF4F or more, and without memory (blocks are at most 8 MiB).
+ */
+MSGAPI_EXPORT ORP_MSG_HEADER_ST *ORP_MSG_BuildRestfulReqMsg(uint32_t code, uint32_t second,
+                                                            const char *path,
+                                                            const char *handlerName,
+                                                            const char *text, uint32_t textLength);
+
+/*
+ * ORP_MSG_SendMsgDataWithDataSeq for a body that must be there: ORP_ERR_ARGUMENT for a null body
+ * and a length of 0xFFFFFFD7 or more.
+ */
+MSGAPI_EXPORT uint32_t ORP_MSG_SendRestfulResponseMsg(const char *dstApp, uint32_t type,
+                                                      const void *body, uint32_t bodyLength,
+                                                      uint32_t data, uint32_t seq);
+
+#endif

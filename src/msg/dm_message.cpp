@@ -1,0 +1,212 @@
+// DM messages.
+//
+// A body says itself how long it is, and bodies come from other processes. What is believed is
+// bounded by the length in the message's header, which the transport vouches for and which the
+// builder keeps equal to the capacity.
+
+#include "msg/dm_message.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/bytes.h"
+#include "base/memory.h"
+#include "cfmapi.h"
+#include "msg/header.h"
+#include "msgapi/msg.h"
+
+namespace msgapi::msg {
+namespace {
+
+constexpr uint32_t kFirstCapacity = 1024;
+constexpr uint32_t kGrowth = 1024;
+
+// How far a last item may reach behind the used area: long-standing and kept.
+constexpr uint32_t kTolerance = 12;
+
+DmBody *as_dm(void *body) {
+  auto *dm = static_cast<DmBody *>(body);
+  return dm != nullptr && dm->magic == ORP_DMMSG_MAGIC ? dm : nullptr;
+}
+
+const DmBody *as_dm(const void *body) {
+  return as_dm(const_cast<void *>(body));
+}
+
+Header *head_of(DmBody *dm) {
+  return reinterpret_cast<Header *>(dm) - 1;
+}
+
+uint32_t carried_bytes(const DmBody &dm) {
+  return (reinterpret_cast<const Header *>(&dm) - 1)->ulDataLen;
+}
+
+// A body that can be added to or sent.
+bool is_sound(const DmBody &dm) {
+  return dm.free <= dm.capacity && dm.capacity - dm.free >= sizeof dm &&
+         dm.capacity <= carried_bytes(dm);
+}
+
+// Makes room for an item of `size` bytes. Null, with the message freed, when that is not possible.
+DmBody *reserve(DmBody *dm, uint64_t size) {
+  if (size <= dm->free) return dm;
+  Owned<Header> block(head_of(dm));
+  const uint64_t raise = size + kGrowth;
+  const uint64_t capacity = dm->capacity + raise;
+  if (capacity > UINT32_MAX) return nullptr;
+
+  void *grown = grow(block.get(), ORP_MSG_HEADER_SIZE + (dm->capacity - dm->free),
+                     ORP_MSG_HEADER_SIZE + capacity, "CfmDmMsgReallocMem", __LINE__);
+  if (grown == nullptr) return nullptr;
+  // The block has become the grown one already.
+  (void)block.release();
+  auto *head = static_cast<Header *>(grown);
+  head->ulDataLen = static_cast<uint32_t>(capacity);
+  dm = reinterpret_cast<DmBody *>(head + 1);
+  dm->capacity = static_cast<uint32_t>(capacity);
+  dm->free += static_cast<uint32_t>(raise);
+  return dm;
+}
+
+// Bytes that go into an item. They may lie in the message that they are added to, which moves when
+// it grows.
+class Source {
+ public:
+  Source(const void *bytes, size_t size, const DmBody *dm)
+      : bytes_(static_cast<const char *>(bytes)), size_(size) {
+    const uintptr_t start = reinterpret_cast<uintptr_t>(dm);
+    const uintptr_t place = reinterpret_cast<uintptr_t>(bytes);
+    inside_ = place >= start && place - start < dm->capacity;
+    if (inside_) offset_ = place - start;
+  }
+
+  // Writes the bytes to `out` in the message `dm` and answers where they end.
+  char *write(char *out, const DmBody *dm) const {
+    const char *from = inside_ ? reinterpret_cast<const char *>(dm) + offset_ : bytes_;
+    if (size_ > 0) std::memmove(out, from, size_);
+    return out + size_;
+  }
+
+ private:
+  const char *bytes_;
+  size_t size_;
+  bool inside_;
+  size_t offset_ = 0;
+};
+
+uint32_t append_item(DmBody **in_out, uint32_t type, const char *name, const void *value,
+                     uint32_t value_length) {
+  DmBody *dm = *in_out;
+  const size_t name_length = name == nullptr || *name == '\0' ? 0 : std::strlen(name) + 1;
+  const Source name_bytes(name, name_length, dm);
+  const Source value_bytes(value, value_length, dm);
+  const uint64_t size = sizeof(DmItemHead) + uint64_t{name_length} + value_length;
+
+  dm = *in_out = reserve(dm, size);
+  if (dm == nullptr) return ORP_DMMSG_ERR_GROW;
+
+  char *place = reinterpret_cast<char *>(dm) + (dm->capacity - dm->free);
+  store(place, DmItemHead{type, static_cast<uint32_t>(name_length), value_length});
+  place = name_bytes.write(place + sizeof(DmItemHead), dm);
+  value_bytes.write(place, dm);
+  dm->free -= static_cast<uint32_t>(size);
+  return 0;
+}
+
+// Reads the item at `cursor` and moves it on. Offsets are from the start of the body; 64 bits hold
+// every sum of the item's lengths.
+uint32_t read_item(const DmBody &dm, ORP_DMMSG_ITEM_ST *out, const void **cursor) {
+  const char *start = reinterpret_cast<const char *>(&dm);
+  const uint64_t carried = carried_bytes(dm);
+  if (dm.free > dm.capacity) return ORP_DMMSG_ERR;
+  const uint64_t used = std::min<uint64_t>(dm.capacity - dm.free, carried);
+
+  uint64_t offset = sizeof dm;
+  if (*cursor != nullptr) {
+    const uintptr_t place = reinterpret_cast<uintptr_t>(*cursor);
+    if (place < reinterpret_cast<uintptr_t>(start) + sizeof dm) return ORP_DMMSG_ERR;
+    offset = place - reinterpret_cast<uintptr_t>(start);
+  }
+  if (offset + sizeof(DmItemHead) >= used) return ORP_DMMSG_ERR;
+
+  const DmItemHead head = load<DmItemHead>(start + offset);
+  const uint64_t name_at = offset + sizeof head;
+  const uint64_t value_at = name_at + head.name_length;
+  const uint64_t end = value_at + head.value_length;
+  if (end > used + kTolerance) return ORP_DMMSG_ERR;
+
+  const char *name = head.name_length == 0 ? nullptr : start + name_at;
+  const uint64_t name_end = std::min(value_at, carried);
+  if (name != nullptr && std::memchr(name, '\0', name_end - name_at) == nullptr) {
+    return ORP_DMMSG_ERR;
+  }
+  // Behind what the message carries there is nothing to hand out.
+  const uint64_t value_length = std::min(end, carried) - std::min(value_at, carried);
+  *out = {head.type, head.name_length, static_cast<uint32_t>(value_length), name,
+          value_length == 0 ? nullptr : start + value_at};
+  *cursor = start + end;
+  return 0;
+}
+
+}  // namespace
+}  // namespace msgapi::msg
+
+using namespace msgapi;
+using namespace msgapi::msg;
+
+extern "C" uint32_t ORP_DMMSG_Builder(void **bodyOut, const char *dstApp, uint32_t subType) {
+  if (bodyOut == nullptr || dstApp == nullptr) return ORP_DMMSG_ERR;
+  *bodyOut = nullptr;
+  Owned<Header> block = allocate_message(kFirstCapacity);
+  if (!block) return ORP_DMMSG_ERR_MEMORY;
+
+  constexpr uint32_t kFree = kFirstCapacity - sizeof(DmBody);
+  store(body(block.get()),
+        DmBody{ORP_DMMSG_MAGIC, kFirstCapacity, kFree, 0, ORP_CFM_GetCurrUser(), subType});
+  block->ulMsgType = ORP_DMMSG_TYPE;
+  copy_cut(block->aucRecvApp, dstApp);
+  *bodyOut = body(block.release());
+  return 0;
+}
+
+extern "C" uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType, const char *name,
+                                         const void *value, uint32_t valueLength) {
+  DmBody *dm = bodyInOut == nullptr ? nullptr : as_dm(*bodyInOut);
+  if (dm == nullptr || !is_sound(*dm)) return ORP_DMMSG_ERR;
+  if (value == nullptr && valueLength != 0) return ORP_DMMSG_ERR;
+
+  const uint32_t status = append_item(&dm, itemType, name, value, valueLength);
+  *bodyInOut = dm;
+  return status;
+}
+
+extern "C" uint32_t ORP_DMMSG_GetItemEx(const void *body, ORP_DMMSG_ITEM_ST *itemOut,
+                                        const void **cursorInOut) {
+  const DmBody *dm = as_dm(body);
+  if (dm == nullptr || itemOut == nullptr || cursorInOut == nullptr) return ORP_DMMSG_ERR;
+  return read_item(*dm, itemOut, cursorInOut);
+}
+
+extern "C" uint32_t ORP_DMMSG_GetErrCode(const void *body) {
+  const DmBody *dm = as_dm(body);
+  return dm == nullptr ? 0 : dm->error;
+}
+
+extern "C" uint32_t ORP_DMMSG_GetSubType(const void *body) {
+  const DmBody *dm = as_dm(body);
+  return dm == nullptr ? 0 : dm->sub_type;
+}
+
+extern "C" void ORP_DMMSG_Free(void *body) {
+  DmBody *dm = as_dm(body);
+  if (dm != nullptr) std::free(head_of(dm));
+}
+
+extern "C" uint32_t ORP_DMMSG_Send(void *body) {
+  DmBody *dm = as_dm(body);
+  if (dm == nullptr || !is_sound(*dm)) return ORP_DMMSG_ERR;
+  dm->capacity -= dm->free;
+  dm->free = 0;
+  head_of(dm)->ulDataLen = dm->capacity;
+  return ORP_MSG_Send(head_of(dm));
+}

@@ -1,0 +1,157 @@
+// Publishing events, and delivering those that arrive to the application's callbacks.
+
+#include "msgapi/event.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "base/list.h"
+#include "base/memory.h"
+#include "msg/event_json.h"
+#include "msg/header.h"
+#include "msgapi/dmmsg.h"
+
+namespace msgapi::msg {
+namespace {
+
+// Where DM events are published; the server passes them on.
+constexpr char kPublishTo[] = "mic";
+constexpr char kServer[] = "";
+constexpr char kEventType[] = "EventType";
+
+// Above ORP_MSG_ALL_EVENTS and below this, subscribers receive the bytes as they were published.
+constexpr uint32_t kFirstConverted = 0x2DA64;
+
+// Never removed, so callbacks may add more while the list is walked.
+struct Callback {
+  Callback *next;
+  uint32_t type;
+  ORP_EVT_CALLBACK procedure;
+};
+Callback *g_callbacks;
+ORP_EVT_CALLBACK g_default_callback;
+
+void deliver(uint32_t type, const void *data, uint32_t length) {
+  for (const Callback *each = g_callbacks; each != nullptr; each = each->next) {
+    if (each->type != type) continue;
+    const uint32_t status = each->procedure(type, data, length);
+    if (status != 0) std::printf("Do Event CallBack Error %x", status);
+  }
+  if (g_default_callback == nullptr) return;
+  const uint32_t status = g_default_callback(type, data, length);
+  if (status != 0) std::printf("Do Default Event CallBack Error %x", status);
+}
+
+void deliver_converted(const Header &message) {
+  char *text = nullptr;
+  uint32_t length = 0;
+  if (ORP_EVT_GetEventContent(&message, &text, &length) != ORP_EVT_OK) return;
+  const Owned<char> owner(text);
+  deliver(message.ulMsgType, text, length);
+}
+
+// A DM message under construction.
+class DmEvent {
+ public:
+  DmEvent() = default;
+  DmEvent(const DmEvent &) = delete;
+  DmEvent &operator=(const DmEvent &) = delete;
+  ~DmEvent() { ORP_DMMSG_Free(body_); }
+
+  uint32_t begin(const char *event_type) {
+    const uint32_t status = ORP_DMMSG_Builder(&body_, kPublishTo, 0);
+    return status == 0 ? add(kEventType, event_type) : status;
+  }
+
+  uint32_t add(const char *name, const char *value) {
+    const size_t size = std::strlen(value) + 1;
+    if (size > UINT32_MAX) return ORP_DMMSG_ERR;
+    return ORP_DMMSG_AppendItem(&body_, 0, name, value, static_cast<uint32_t>(size));
+  }
+
+  uint32_t send(uint32_t type) {
+    ORP_MSG_HEADER_ST *head = ORP_MSG_GetMsgHead(body_);
+    if (head == nullptr) return ORP_EVT_ERR;
+    head->ulMsgType = type;
+    return ORP_DMMSG_Send(body_);
+  }
+
+ private:
+  void *body_ = nullptr;
+};
+
+uint32_t publish(uint32_t type, const char *event_type, const char *name, const char *value) {
+  DmEvent event;
+  uint32_t status = event.begin(event_type);
+  if (status == 0 && name != nullptr && value != nullptr) status = event.add(name, value);
+  return status == 0 ? event.send(type) : status;
+}
+
+// Only the status of the last pair counts: long-standing and kept.
+uint32_t publish(uint32_t type, const char *event_type, const ORP_UTIL_NV_PAIR_ST *pairs) {
+  DmEvent event;
+  uint32_t status = event.begin(event_type);
+  if (status != 0) return status;
+  for (; pairs != nullptr; pairs = pairs->pstNext) {
+    if (pairs->pcName == nullptr || pairs->pcValue == nullptr) continue;
+    status = event.add(pairs->pcName, pairs->pcValue);
+  }
+  return status == 0 ? event.send(type) : status;
+}
+
+uint32_t publish(uint32_t type, const char *module, const char *event_type, const cJSON *payload) {
+  const Json event = begin_event(module, event_type);
+  if (!event || !add_payload(event.get(), Json(cJSON_Duplicate(payload, 1)))) return ORP_EVT_ERR;
+  const Owned<char> text = print(event.get(), Layout::kOneLine);
+  if (!text) return ORP_EVT_ERR;
+  const size_t size = std::strlen(text.get()) + 1;
+  if (size > UINT32_MAX) return ORP_EVT_ERR;
+  return ORP_MSG_SendMsgData(kServer, type, text.get(), static_cast<uint32_t>(size));
+}
+
+}  // namespace
+}  // namespace msgapi::msg
+
+using namespace msgapi;
+using namespace msgapi::msg;
+
+extern "C" uint32_t ORP_EVT_PublishEvent(uint32_t msgType, const char *eventType, const char *name,
+                                         const char *value) {
+  return eventType == nullptr ? ORP_EVT_ERR : publish(msgType, eventType, name, value);
+}
+
+extern "C" uint32_t ORP_EVT_PublishEventWithNVPair(uint32_t msgType, const char *eventType,
+                                                   const ORP_UTIL_NV_PAIR_ST *pairs) {
+  return eventType == nullptr ? ORP_EVT_ERR : publish(msgType, eventType, pairs);
+}
+
+extern "C" uint32_t ORP_EVT_PublishEventWithJson(const char *moduleName, const char *eventType,
+                                                 uint32_t msgType, const struct cJSON *payload) {
+  if (moduleName == nullptr || eventType == nullptr || payload == nullptr) return ORP_EVT_ERR;
+  return publish(msgType, moduleName, eventType, payload);
+}
+
+extern "C" uint32_t ORP_EVT_SubscribeAllEvent() {
+  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_SUBSCRIBE, ORP_MSG_ALL_EVENTS);
+}
+
+extern "C" void ORP_EVT_SubscribeSingelEventCallBack(uint32_t eventType,
+                                                     ORP_EVT_CALLBACK callback) {
+  if (eventType < ORP_MSG_ALL_EVENTS || callback == nullptr) return;
+  Owned<Callback> record = make<Callback>(nullptr, eventType, callback);
+  if (record) list_append(g_callbacks, record.release());
+}
+
+extern "C" void ORP_EVT_SubscribeAllEventCallBack(ORP_EVT_CALLBACK callback) {
+  g_default_callback = callback;
+}
+
+extern "C" void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message) {
+  if (message == nullptr) return;
+  if (message->ulMsgType > ORP_MSG_ALL_EVENTS && message->ulMsgType < kFirstConverted) {
+    deliver(message->ulMsgType, message->ulDataLen == 0 ? nullptr : body(message),
+            message->ulDataLen);
+  } else {
+    deliver_converted(*message);
+  }
+}

@@ -1,0 +1,146 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "msgapi/fdpass.h"
+#include "support/allocation.h"
+#include "support/fd_check.h"
+#include "support/message_peer.h"
+
+namespace {
+
+using test::Connection;
+
+// Sends `data` with the descriptors as ancillary data.
+void send_with(int socket, std::string data, const std::vector<int> &descriptors) {
+  iovec part = {data.data(), data.size()};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
+  if (!descriptors.empty()) {
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr *record = CMSG_FIRSTHDR(&message);
+    record->cmsg_level = SOL_SOCKET;
+    record->cmsg_type = SCM_RIGHTS;
+    record->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
+    std::memcpy(CMSG_DATA(record), descriptors.data(), descriptors.size() * sizeof(int));
+  }
+  ASSERT_EQ(static_cast<ssize_t>(data.size()), ::sendmsg(socket, &message, 0));
+}
+
+const std::string kMark(2, '\0');
+
+bool same_file(int a, int b) {
+  struct stat first, second;
+  return ::fstat(a, &first) == 0 && ::fstat(b, &second) == 0 && first.st_ino == second.st_ino &&
+         first.st_dev == second.st_dev;
+}
+
+TEST(FdPassing, HandsOverTheSameOpenFile) {
+  const test::FdCheck no_leak;
+  Connection connection("self");
+  int ends[2];
+  ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendFd(ends[0]));
+  char data[16];
+  char control[64];
+  iovec part = {data, sizeof data};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  ASSERT_EQ(2, ::recvmsg(connection.peer.fd(), &message, MSG_CMSG_CLOEXEC));
+  EXPECT_EQ(kMark, std::string(data, 2));
+  const cmsghdr *record = CMSG_FIRSTHDR(&message);
+  ASSERT_NE(nullptr, record);
+  EXPECT_EQ(CMSG_LEN(sizeof(int)), record->cmsg_len);
+  int sent;
+  std::memcpy(&sent, CMSG_DATA(record), sizeof sent);
+  EXPECT_NE(ends[0], sent);
+  EXPECT_TRUE(same_file(ends[0], sent));
+
+  send_with(connection.peer.fd(), kMark, {sent});
+  int32_t received = -1;
+  EXPECT_EQ(ORP_OK, ORP_MSG_RecvFd(&received, 1000));
+  EXPECT_TRUE(same_file(ends[0], received));
+  EXPECT_EQ(FD_CLOEXEC, ::fcntl(received, F_GETFD));
+  for (const int fd : {sent, received, ends[0], ends[1]}) ::close(fd);
+}
+
+TEST(FdPassing, RefusesAnythingElseAndClosesWhatCameWithIt) {
+  const test::FdCheck no_leak;
+  Connection connection("self");
+  const int peer = connection.peer.fd();
+  int32_t received = 77;
+  const struct {
+    std::string data;
+    std::vector<int> descriptors;
+    const char *what;
+  } kCases[] = {
+      {kMark, {}, "no descriptor"},
+      {kMark, {peer, peer}, "two descriptors"},
+      {kMark, {peer, peer, peer, peer, peer}, "five descriptors"},
+      {std::string(1, '\0'), {peer}, "one byte"},
+      {std::string(3, '\0'), {peer}, "three bytes"},
+      {std::string("\0\1", 2), {peer}, "other bytes"},
+      {std::string("\1\0", 2), {peer}, "other bytes"},
+      {std::string(4000, 'm'), {peer}, "a message"},
+  };
+  for (const auto &each : kCases) {
+    send_with(peer, each.data, each.descriptors);
+    EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000)) << each.what;
+    EXPECT_EQ(77, received);
+  }
+
+  send_with(peer, std::string(5000, 'm'), {});
+  EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000));
+  EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000)) << "4096 bytes at a time";
+  EXPECT_EQ(ORP_ERR_TIMEOUT, ORP_MSG_RecvFd(&received, 1));
+}
+
+TEST(FdPassing, ReportsTheStateOfTheConnection) {
+  int32_t received = 77;
+  EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_SendFd(0));
+  EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_RecvFd(&received, 1));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RecvFd(nullptr, 1));
+
+  Connection connection("self");
+  EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_SendFd(-1));
+  connection.peer.close();
+  EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_MSG_RecvFd(&received, 1000));
+  EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_SendFd(0));
+  EXPECT_EQ(77, received);
+}
+
+TEST(FdPassing, NeedsMemoryOnceADirection) {
+  Connection connection("self");
+  int32_t received;
+  send_with(connection.peer.fd(), kMark, {0});
+  msgapi::fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_SendFd(0));
+  msgapi::fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_RecvFd(&received, 1000));
+  EXPECT_EQ(ORP_OK, ORP_MSG_RecvFd(&received, 1000)) << "nothing was consumed";
+  ::close(received);
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendFd(0));
+
+  msgapi::fail_allocation(1);
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendFd(0));
+  send_with(connection.peer.fd(), kMark, {0});
+  EXPECT_EQ(ORP_OK, ORP_MSG_RecvFd(&received, 1000));
+  ::close(received);
+}
+
+}  // namespace
