@@ -1,6 +1,8 @@
 // The demo's asking daemon: registered as "web", it asks the station in every way there is, prints
 // what came of it, and exits with the number of steps that did not go as they should.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -26,6 +28,16 @@ std::string hexadecimal(uint32_t value) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%x", value);
   return text;
+}
+
+// Waits for the other daemon, which starts at the same time.
+void find_the_station() {
+  uint32_t stations = 0;
+  for (int tries = 0; stations == 0 && tries < 250; ++tries) {
+    stations = ORP_MSG_GetNumOfProcesses("cms");
+    if (stations == 0) ::usleep(20000);
+  }
+  report("the station is registered", stations == 1);
 }
 
 void ask_for_the_temperature() {
@@ -101,6 +113,7 @@ int main() {
   ORP_NOTIFYCLT_RegAsyncMsgProc(kTemperatureRead, on_temperature_read);
 
   mlog_print("web", MLOG_LEVEL_INFO, "the panel starts");
+  find_the_station();
   ask_for_the_temperature();
   ask_for_the_history();
   ask_nobody();
