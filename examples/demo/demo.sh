@@ -13,6 +13,6 @@ station=$!
 kill "$station"
 
 title "what they logged"
-cat /var/mlog/cms* /var/mlog/web*
+cat /var/log/mlog/*
 
 title "every request was answered and every notification arrived"

@@ -122,5 +122,6 @@ int main() {
   ORP_UTIL_TimerAdd(2 * kPatience_ms, 1, give_up, 0);
   ORP_MSG_GetAndDispatch();
   mlog_print("web", MLOG_LEVEL_INFO, "the panel ends, %d failures", g_failures);
+  report("the log server has written everything", MlogFlushLog() == 0);
   return g_failures;
 }
