@@ -166,6 +166,13 @@ void destroy() {
   clear_context();
 }
 
+// Destroys a connection that never came into use. What the registration put aside goes with it:
+// nobody has seen it, and an application that keeps trying must not lose memory.
+void abandon() {
+  destroy_queue(&g_stMsgCtx.pstQueue);
+  destroy();
+}
+
 // Takes over what the server's reply to the registration says.
 Status apply_registration(const Header &reply) {
   if (reply.ulMsgData != 0) {
@@ -207,9 +214,9 @@ uint32_t connect_process(const char *name, Loop loop) {
 
   // A failed registration shows only as a destroyed context; the notify client's status is what the
   // caller gets. Long-standing, and applications rely on it.
-  if (register_process() != ORP_OK) destroy();
+  if (register_process() != ORP_OK) abandon();
   const uint32_t status = ORP_NOTIFYCLT_InitByName(name);
-  if (status != ORP_OK) destroy();
+  if (status != ORP_OK) abandon();
   if (loop == Loop::kUsed) start_drain();
   return status;
 }
@@ -221,7 +228,7 @@ uint32_t connect_slave(const char *name, const char *host, uint16_t port) {
 
   g_stMsgCtx.slSocket = socket.release();
   const uint32_t status = register_process();
-  if (status != ORP_OK) destroy();
+  if (status != ORP_OK) abandon();
   return status;
 }
 
