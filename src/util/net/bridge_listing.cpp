@@ -121,7 +121,7 @@ bool list_interfaces(int fd, std::string_view bridge, std::span<char[ORP_IF_NAME
     if (!text) break;
     const std::string_view word = parse_show_line(*text).words[0];
     if (word.empty()) continue;
-    if (word.starts_with("br")) break;
+    if (begins_with(word, "br")) break;
     if (!copy_exact(names[count++], word)) return false;
   }
   if (count < names.size()) names[count][0] = '\0';
