@@ -64,7 +64,10 @@ void run(const Options &options) {
   Server server(&store);
 
   loop.add(server.fd(), EPOLLIN, &server);
-  loop.on_signal(SIGHUP, [&] { reload(options, &store); });
+  loop.on_signal(SIGHUP, [&] {
+    server.drain();  // what was sent before the signal is kept as it was then
+    reload(options, &store);
+  });
   loop.on_signal(SIGUSR1, [&] { print_counters(server, store); });
   for (const int signal : {SIGTERM, SIGINT}) loop.on_signal(signal, [&] { loop.stop(); });
   servers::log_line("ready, files are in {}", store.directory());
