@@ -12,11 +12,7 @@ struct LineHead {
   uint32_t level;
 };
 
-// Names come from other processes and become file names: at most 97 printable ASCII characters, no
-// "/", no "." in front.
-bool is_module_name(std::string_view name);
-
-// False when the line does not begin that way or names no proper module.
+// False when the line does not begin that way or names a module that cannot be a file name.
 bool parse_line_head(std::string_view line, LineHead *head);
 
 }  // namespace mlogserver

@@ -254,6 +254,8 @@ bool is_stopped(const OrpUvLoop *loop) {
 
 Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
   const WalkScope walk(loop);
+  // A stop that an outer run has not seen yet ends this one as well, and stays.
+  const bool outer_stop = walk.is_inner() && is_stopped(loop);
   loop->idleTime = idle_ms;
   loop->iteration = 0;
   Status result = Status::kOk;
@@ -269,7 +271,7 @@ Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
     }
     ++loop->iteration;
   }
-  loop->flags &= ~ORP_UV_LOOP_STOP;
+  if (!outer_stop) loop->flags &= ~ORP_UV_LOOP_STOP;
 
   // What the pass around an inner run still holds as ready, this run may have served.
   if (walk.is_inner()) skip_pass(loop, true);

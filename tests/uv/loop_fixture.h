@@ -3,10 +3,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -23,11 +26,18 @@ T *new_record() {
 
 // A loop of the test's own, destroyed at the end; the default loop is, too.
 class LoopTest : public testing::Test {
+ public:
+  static void recorded(const std::string &call) {
+    calls.push_back(call);
+    if (on_recorded) on_recorded();
+  }
+
  protected:
   LoopTest() {
     OrpUvLoopInit(&loop_);
     calls.clear();
     on_call = nullptr;
+    on_recorded = nullptr;
   }
   ~LoopTest() override {
     ORP_UV_LoopDestroy(&loop_);
@@ -37,6 +47,17 @@ class LoopTest : public testing::Test {
 
   // Runs until nothing has happened for `idle_ms`.
   uint32_t run(uint32_t idle_ms = 1) { return ORP_UV_LoopRun(&loop_, idle_ms); }
+
+  // One iteration that ends at a safe point, when no descriptor is ready.
+  void turn() {
+    auto *io = new_record<OrpUvIo>();
+    OrpUvIoInit(&loop_, io, -1, [](OrpUvIo *self, uint32_t) {
+      OrpUvLoopStop(self->head.loop);
+      OrpUvIoDelete(self);
+    });
+    OrpUvIoForcedLoop(io, ORP_UV_READABLE);
+    EXPECT_EQ(ORP_OK, run(0));
+  }
 
   // One end of a new socket pair is returned and belongs to the caller, the other one is `peer_`.
   int socket(int type = SOCK_STREAM) {
@@ -49,6 +70,24 @@ class LoopTest : public testing::Test {
   int readable_socket() {
     const int fd = socket();
     EXPECT_EQ(1, ::write(peer_, "x", 1));
+    return fd;
+  }
+
+  // A TCP socket that has an exceptional condition.
+  int tcp_socket_with_urgent_data() {
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(0, ::listen(listener, 1));
+    sockaddr_in address;
+    socklen_t size = sizeof address;
+    ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
+    peer_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockets_.push_back(peer_);
+    EXPECT_EQ(0, ::connect(peer_, reinterpret_cast<sockaddr *>(&address), size));
+    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    ::close(listener);
+    EXPECT_EQ(1, ::send(peer_, "!", 1, MSG_OOB));
+    pollfd urgent = {.fd = fd, .events = POLLPRI, .revents = 0};
+    EXPECT_EQ(1, ::poll(&urgent, 1, 10000));
     return fd;
   }
 
@@ -78,6 +117,7 @@ class LoopTest : public testing::Test {
   std::vector<int> sockets_;
   static inline std::vector<std::string> calls;
   static inline std::function<void(OrpUvIo *)> on_call;
+  static inline std::function<void()> on_recorded;
 };
 
 }  // namespace msgapi

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <string_view>
 
-#include "base/text.h"
 #include "msgapi/path.h"
 
 namespace msgapi::path {
@@ -55,9 +54,9 @@ static_assert(std::size(kRules) == kHandOverType + 1);
 constexpr std::string_view kSystemRoot = "/system";
 
 bool below_system(std::string_view canonical, std::string_view place) {
-  if (!begins_with(canonical, kSystemRoot)) return false;
+  if (!canonical.starts_with(kSystemRoot)) return false;
   canonical.remove_prefix(kSystemRoot.size());
-  return begins_with(canonical, place);
+  return canonical.starts_with(place);
 }
 
 bool allows(const Rule &rule, std::string_view canonical) {
@@ -65,12 +64,12 @@ bool allows(const Rule &rule, std::string_view canonical) {
     case Match::kNothing:
       return false;
     case Match::kPrefix:
-      return begins_with(canonical, rule.place);
+      return canonical.starts_with(rule.place);
     case Match::kFile:
       return canonical == rule.place;
     case Match::kApplication:
-      return begins_with(canonical, "/app") ? begins_with(canonical, rule.place)
-                                            : below_system(canonical, rule.place);
+      return canonical.starts_with("/app") ? canonical.starts_with(rule.place)
+                                           : below_system(canonical, rule.place);
   }
   return false;
 }

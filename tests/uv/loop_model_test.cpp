@@ -1,0 +1,503 @@
+// The loop against a model of it.
+//
+// Random operations are applied to the loop and to a plain model, many of them inside callbacks and
+// in inner runs. The model knows at every moment which callback has to come next; each one that
+// comes is compared with it, and so are the records after every run.
+
+#include <algorithm>
+#include <random>
+#include <set>
+
+#include "support/soak.h"
+#include "uv/loop_fixture.h"
+
+namespace msgapi {
+namespace {
+
+constexpr uint32_t kNothing = UINT32_MAX;
+constexpr uint32_t kMaxDepth = 3;
+constexpr uint32_t kMaxAlive = 30;
+constexpr uint32_t kFar_ms = 1000000000;
+
+struct Item {
+  enum Kind { kIo, kTimer, kIdle } kind;
+  OrpUvWatcher *watcher;
+  bool active = true, deleted = false, freed = false;
+  // I/O
+  int fd = -1, peer = -1;
+  bool broken = false;  // closed behind the loop's back
+  bool readable = false;
+  uint32_t armed = 0;
+  // Timer
+  bool due = false, ended = false, firing = false;
+  uint32_t count = 0;
+};
+
+// A callback by its watcher's number; kNothing: the run ends.
+struct Call {
+  uint32_t id, event;
+  bool operator==(const Call &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &out, const Call &call) {
+  return out << "watcher " << static_cast<int>(call.id) << " event " << call.event;
+}
+
+// What the loop's record holds. Items stand in list order; freed ones are passed over.
+struct Model {
+  std::vector<Item> items;
+  std::vector<Call> forced;
+  bool skip = false;
+  uint32_t depth = 0;
+
+  uint32_t successor(uint32_t id) const {
+    while (++id < items.size() && items[id].freed) {
+    }
+    return id < items.size() ? id : kNothing;
+  }
+
+  void sweep() {
+    if (depth > 1) return;
+    for (uint32_t id = 0; id < items.size(); ++id) {
+      Item &item = items[id];
+      if (item.freed || !item.deleted) continue;
+      item.freed = true;
+      std::erase_if(forced, [&](const Call &entry) { return entry.id == id; });
+    }
+  }
+};
+
+// The calls of one run: an iteration and, because item 0 stops the loop in the second one, its
+// timers and idle procedures.
+class ExpectedRun {
+ public:
+  explicit ExpectedRun(Model *model) : model_(*model) { ++model_.depth; }
+  ~ExpectedRun() { --model_.depth; }
+
+  bool is_second_iteration() const { return second_; }
+
+  Call next() {
+    settle_timer();
+    for (;;) {
+      Call call = {kNothing, 0};
+      switch (phase_) {
+        case kTimers:
+          call = next_timer();
+          break;
+        case kIdle:
+          call = next_idle();
+          break;
+        case kForced:
+          call = next_forced();
+          break;
+        case kRead:
+          call = next_ready(ready_read_, ORP_UV_READABLE);
+          break;
+        case kWrite:
+          call = next_ready(ready_write_, ORP_UV_WRITABLE);
+          break;
+        case kEnd:
+          return call;
+      }
+      if (call.id != kNothing) return call;
+      advance();
+    }
+  }
+
+ private:
+  enum Phase { kTimers, kIdle, kForced, kRead, kWrite, kEnd };
+
+  void enter(Phase phase) {
+    phase_ = phase;
+    position_ = model_.successor(kNothing);
+    if (phase == kRead || phase == kWrite) {
+      // Every pass begins with a safe point; the exceptional pass between the two has no calls.
+      model_.skip = false;
+      model_.sweep();
+      position_ = model_.successor(kNothing);
+      in_pass_ = false;
+    }
+  }
+
+  void advance() {
+    switch (phase_) {
+      case kTimers:
+        return enter(kIdle);
+      case kIdle:
+        return second_ ? enter(kEnd) : select();
+      case kForced:
+        if (!ready_read_.empty() || !ready_write_.empty()) {
+          return delivered_ ? finish_iteration() : enter(kRead);
+        }
+        model_.sweep();
+        return finish_iteration();
+      case kRead:
+        model_.sweep();
+        return enter(kWrite);
+      case kWrite:
+        return finish_iteration();
+      case kEnd:
+        return;
+    }
+  }
+
+  void finish_iteration() {
+    second_ = true;
+    enter(kTimers);
+  }
+
+  void select() {
+    bool bad = false;
+    ready_read_.clear();
+    ready_write_.clear();
+    for (const Item &item : model_.items) {
+      if (item.freed || item.fd < 0) continue;
+      bad |= item.broken && item.armed != 0;
+      if ((item.armed & ORP_UV_READABLE) != 0 && item.readable) ready_read_.insert(item.fd);
+      if ((item.armed & ORP_UV_WRITABLE) != 0) ready_write_.insert(item.fd);
+    }
+    if (bad) {
+      for (Item &item : model_.items) {
+        if (item.broken) item.fd = -1;
+        item.broken = false;
+      }
+      return finish_iteration();
+    }
+    batch_.swap(model_.forced);
+    model_.forced.clear();
+    delivered_ = false;
+    phase_ = kForced;
+  }
+
+  Item *visit(uint32_t *id) {
+    *id = position_;
+    if (*id == kNothing) return nullptr;
+    position_ = model_.successor(*id);
+    return &model_.items[*id];
+  }
+
+  Call next_timer() {
+    uint32_t id;
+    while (Item *item = visit(&id)) {
+      if (item->kind != Item::kTimer || item->deleted || item->firing) continue;
+      if (item->ended) {
+        item->active = false;
+        item->deleted = true;
+      } else if (item->due) {
+        item->firing = true;
+        fired_ = id;
+        return {id, 0};
+      }
+    }
+    return {kNothing, 0};
+  }
+
+  void settle_timer() {
+    if (fired_ == kNothing) return;
+    Item &item = model_.items[fired_];
+    fired_ = kNothing;
+    item.firing = false;
+    if (item.count == 1) {
+      item.ended = true;
+    } else {
+      item.due = false;
+      if (item.count != 0) --item.count;
+    }
+  }
+
+  Call next_idle() {
+    uint32_t id;
+    while (const Item *item = visit(&id)) {
+      if (item->kind == Item::kIdle) return {id, 0};
+    }
+    return {kNothing, 0};
+  }
+
+  Call next_forced() {
+    while (!batch_.empty()) {
+      const Call call = batch_.front();
+      batch_.erase(batch_.begin());
+      if (model_.items[call.id].deleted) continue;
+      delivered_ = true;
+      return call;
+    }
+    return {kNothing, 0};
+  }
+
+  Call next_ready(const std::set<int> &ready, uint32_t event) {
+    if (in_pass_ && model_.skip) return {kNothing, 0};
+    uint32_t id;
+    while (const Item *item = visit(&id)) {
+      if (item->kind != Item::kIo || item->deleted || !ready.contains(item->fd)) continue;
+      const auto same = std::find(model_.forced.begin(), model_.forced.end(), Call{id, event});
+      if (same != model_.forced.end()) model_.forced.erase(same);
+      in_pass_ = true;
+      return {id, event};
+    }
+    return {kNothing, 0};
+  }
+
+  Model &model_;
+  Phase phase_ = kTimers;
+  uint32_t position_ = 0;  // item 0 is never freed
+  uint32_t fired_ = kNothing;
+  bool second_ = false, delivered_ = false, in_pass_ = false;
+  std::set<int> ready_read_, ready_write_;
+  std::vector<Call> batch_;
+};
+
+class LoopModelTest : public testing::Test {
+ protected:
+  LoopModelTest() { test_ = this; }
+
+  // A loop from its first watcher to its destruction.
+  void play(uint32_t rounds) {
+    OrpUvLoopInit(&loop_);
+    add_idle();  // item 0, the controller
+    for (uint32_t round = 0; round < rounds && !HasFailure(); ++round) {
+      for (uint32_t n = pick(6); n > 0; --n) act(false);
+      if (pick(20) == 0) break_one();
+      inner_limit_ = calls_ + 100;  // idle procedures that run the loop breed
+      run();
+    }
+
+    for (const Item &item : model_.items) {
+      if (item.fd >= 0) ::close(item.fd);
+      if (item.peer >= 0) ::close(item.peer);
+    }
+    model_ = {};
+    ORP_UV_LoopDestroy(&loop_);
+  }
+
+  uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
+
+  void add(Item::Kind kind, OrpUvWatcher *watcher) {
+    watcher->data = model_.items.size();
+    model_.items.push_back({.kind = kind, .watcher = watcher});
+  }
+
+  void add_idle() {
+    OrpUvIdle *idle = ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
+      test_->called({static_cast<uint32_t>(self->head.data), 0});
+    });
+    add(Item::kIdle, &idle->head);
+  }
+
+  void add_timer() {
+    auto *timer = new_record<OrpUvTimer>();
+    OrpUvTimerInit(&loop_, timer);
+    const uint32_t count = pick(3);
+    OrpUvTimerStart(
+        timer, kFar_ms, count,
+        [](ORP_WORD id) {
+          test_->called({static_cast<uint32_t>(id), 0});
+        },
+        model_.items.size());
+    add(Item::kTimer, &timer->head);
+    model_.items.back().count = count;
+  }
+
+  void add_io() {
+    // A number that is closed behind the loop's back must not come back before it notices.
+    if (std::ranges::any_of(model_.items, &Item::broken)) return;
+    int pair[2];
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+    auto *io = new_record<OrpUvIo>();
+    OrpUvIoInit(&loop_, io, pair[0], [](OrpUvIo *self, uint32_t event) {
+      test_->called({static_cast<uint32_t>(self->head.data), event});
+    });
+    add(Item::kIo, &io->head);
+    Item &item = model_.items.back();
+    item.active = false;
+    item.fd = pair[0];
+    item.peer = pair[1];
+  }
+
+  void change_io(uint32_t id) {
+    Item &item = model_.items[id];
+    auto *io = reinterpret_cast<OrpUvIo *>(item.watcher);
+    const uint32_t events = pick(8);
+    switch (pick(6)) {
+      case 0:
+      case 1:
+        EXPECT_EQ(ORP_OK, OrpUvIoStart(io, events));
+        if ((events & ~item.armed) == 0) break;
+        item.armed |= events;
+        item.active = true;
+        item.deleted = false;
+        break;
+      case 2:
+        EXPECT_EQ(ORP_OK, OrpUvIoStop(io, events));
+        item.armed &= ~events;
+        break;
+      case 3:
+        EXPECT_EQ(ORP_OK, OrpUvIoForcedLoop(io, 1u << events % 3));
+        model_.forced.push_back({id, 1u << events % 3});
+        break;
+      case 4: {
+        if (item.fd < 0 || item.broken) break;
+        char byte = 'x';
+        EXPECT_EQ(1, item.readable ? ::read(item.fd, &byte, 1) : ::write(item.peer, &byte, 1));
+        item.readable = !item.readable;
+        break;
+      }
+      case 5:
+        if (pick(3) != 0) break;
+        EXPECT_EQ(ORP_OK, OrpUvIoDelete(io));
+        item.armed = 0;
+        item.fd = -1;
+        item.broken = false;
+        item.active = false;
+        item.deleted = true;
+    }
+  }
+
+  void change_timer(Item &item) {
+    auto *timer = reinterpret_cast<OrpUvTimer *>(item.watcher);
+    switch (pick(6)) {
+      case 0:
+        OrpUtilTimerDel(timer);
+        item.ended = true;
+        break;
+      case 1:
+        EXPECT_EQ(ORP_OK, OrpUvTimerDelete(timer));
+        item.active = false;
+        item.deleted = true;
+        break;
+      default:
+        timer->expirySec = 1;
+        item.due = true;
+    }
+  }
+
+  void change_any(bool in_callback) {
+    const uint32_t id = pick(static_cast<uint32_t>(model_.items.size()));
+    Item &item = model_.items[id];
+    if (item.freed || id == 0) return;
+    if (pick(8) == 0) {
+      EXPECT_EQ(ORP_OK, OrpUvWatcherStart(item.watcher));
+      if (!item.active) item.deleted = false;
+      item.active = true;
+      return;
+    }
+    switch (item.kind) {
+      case Item::kIo:
+        if (in_callback && pick(6) == 0) {
+          const bool on = pick(2) != 0;
+          OrpUvIoSkipLoop(reinterpret_cast<OrpUvIo *>(item.watcher), on);
+          model_.skip = on;
+        }
+        return change_io(id);
+      case Item::kTimer:
+        return change_timer(item);
+      case Item::kIdle:
+        if (pick(3) != 0) return;
+        EXPECT_EQ(ORP_OK, OrpUvIdleStop(reinterpret_cast<OrpUvIdle *>(item.watcher)));
+        item.active = false;
+        item.deleted = true;
+    }
+  }
+
+  void act(bool in_callback) {
+    const uint32_t choice = pick(12);
+    if (choice < 2) {
+      if (std::ranges::count(model_.items, false, &Item::freed) >= kMaxAlive) return;
+      if (choice == 0) return add_io();
+      return pick(2) != 0 ? add_timer() : add_idle();
+    }
+    if (choice == 2 && in_callback && model_.depth < kMaxDepth && calls_ < inner_limit_) {
+      run();
+      model_.skip = true;
+      return;
+    }
+    change_any(in_callback);
+  }
+
+  void run() {
+    if (stopping_) {
+      // The stop of the run around this one ends this one, too.
+      EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(&loop_, 0));
+      return;
+    }
+    ExpectedRun expected(&model_);
+    runs_.push_back(&expected);
+    EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(&loop_, 0));
+    if (!HasFailure()) {
+      EXPECT_EQ((Call{kNothing, 0}), expected.next());
+    }
+    runs_.pop_back();
+    stopping_ = false;
+    compare_records();
+  }
+
+  void called(Call call) {
+    ++calls_;
+    if (!HasFailure()) {
+      EXPECT_EQ(runs_.back()->next(), call) << "call " << calls_;
+    }
+    if (HasFailure()) return OrpUvLoopStop(&loop_);
+
+    if (call.id != 0) {
+      for (uint32_t n = pick(4); n > 0; --n) act(true);
+      return;
+    }
+    const ORP_TIME_ST none = {0, 0};
+    OrpUvLoopUpdateSelectTimeout(&loop_, &none);
+    if (!runs_.back()->is_second_iteration()) return;
+    OrpUvLoopStop(&loop_);
+    stopping_ = true;
+  }
+
+  void compare_records() {
+    const OrpUvWatcher *watcher = loop_.watchers;
+    uint32_t active = 0;
+    for (const Item &item : model_.items) {
+      if (item.freed) continue;
+      ASSERT_EQ(item.watcher, watcher);
+      EXPECT_EQ(item.active, (watcher->status & ORP_UV_ACTIVE) != 0);
+      EXPECT_EQ(item.deleted, (watcher->status & ORP_UV_DELETED) != 0);
+      if (item.kind == Item::kIo) {
+        const auto *io = reinterpret_cast<const OrpUvIo *>(watcher);
+        EXPECT_EQ(item.fd, io->fd);
+        EXPECT_EQ(item.armed, io->armed);
+      }
+      active += item.active;
+      watcher = watcher->link;
+    }
+    EXPECT_EQ(nullptr, watcher);
+    EXPECT_EQ(active, loop_.activeCount);
+  }
+
+  // Closes an armed descriptor behind the loop's back.
+  void break_one() {
+    for (Item &item : model_.items) {
+      if (item.freed || item.fd < 0 || item.broken || item.armed == 0 || pick(4) != 0) continue;
+      ::close(item.fd);
+      item.broken = true;
+      return;
+    }
+  }
+
+  static inline LoopModelTest *test_;
+  OrpUvLoop loop_;
+  Model model_;
+  std::vector<ExpectedRun *> runs_;
+  bool stopping_ = false;
+  std::mt19937 random_{test::seed()};
+  uint64_t calls_ = 0, inner_limit_ = 0;
+};
+
+TEST_F(LoopModelTest, AgreesWithTheModel) {
+  testing::internal::CaptureStdout();  // lines about descriptors that were closed
+
+  const uint32_t games = 40 * test::soak_factor();
+  for (uint32_t game = 0; game < games && !HasFailure(); ++game) play(80);
+
+  const std::string output = testing::internal::GetCapturedStdout();
+  if (HasFailure()) FAIL() << output;
+  EXPECT_NE(std::string::npos, output.find("has a bogus fd"));
+  EXPECT_GT(calls_, games * 320u) << "the watchers were hardly used";
+}
+
+}  // namespace
+}  // namespace msgapi

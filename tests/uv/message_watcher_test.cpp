@@ -1,0 +1,385 @@
+#include "uv/message_watcher.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+
+#include <thread>
+
+#include "base/bytes.h"
+#include "base/memory.h"
+#include "msgapi/msg.h"
+#include "support/system_calls.h"
+#include "uv/loop_fixture.h"
+
+namespace msgapi {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::string frame(uint32_t type, uint32_t seq, const std::string &body) {
+  ORP_MSG_HEADER_ST header = {};
+  header.ulMsgType = type;
+  header.ulSeqNum = seq;
+  header.ulDataLen = static_cast<uint32_t>(body.size());
+  return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
+}
+
+std::string body_of(const ORP_MSG_HEADER_ST *message) {
+  return {reinterpret_cast<const char *>(message + 1), message->ulDataLen};
+}
+
+constexpr uint32_t kFlagged = 0x10000000;
+
+class MessageWatcherTest : public LoopTest {
+ protected:
+  MessageWatcherTest() {
+    completion = nullptr;
+    on_message = nullptr;
+    uv::g_message_drops = {};
+  }
+
+  // A started watcher of the loop for messages with the header of the message layer.
+  OrpUvMsg *receive_from(int fd) {
+    auto *watcher = new_record<OrpUvMsg>();
+    EXPECT_EQ(ORP_OK, OrpUvMsgInit(&loop_, watcher, fd, took));
+    watcher->headerSize = sizeof(ORP_MSG_HEADER_ST);
+    watcher->lengthProc = [](ORP_MSG_HEADER_ST *header, uint32_t *flag) {
+      *flag = header->ulMsgType & kFlagged;
+      return header->ulDataLen;
+    };
+    watcher->matchProc = [](const ORP_MSG_HEADER_ST *message, uint32_t key1, uint32_t key2) {
+      return static_cast<uint32_t>(message->ulMsgType == key1 && message->ulSeqNum == key2);
+    };
+    watcher->completeProc = [](ORP_MSG_HEADER_ST **message) { return completion(message); };
+    EXPECT_EQ(ORP_OK, OrpUvMsgStart(watcher));
+    return watcher;
+  }
+
+  void send(const std::string &bytes) {
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(peer_, bytes.data(), bytes.size()));
+  }
+
+  // A request that waits for its answer on `watcher`; 0: without a time-out.
+  OrpUvMsgPending *expect_answer(OrpUvMsg *watcher, uint32_t type, uint32_t seq,
+                                 uint32_t timeout_ms) {
+    auto *entry = new_record<OrpUvMsgPending>();
+    entry->key1 = type;
+    entry->key2 = seq;
+    entry->data = seq;
+    entry->answerProc = answered;
+    entry->watcher = watcher;
+    if (timeout_ms != 0) {
+      entry->timer =
+          OrpUtilTimerAdd(timeout_ms, 1, UvMsgWatcherTimeout, reinterpret_cast<ORP_WORD>(entry));
+    }
+    OrpUvMsgPending **place = &watcher->pending;
+    while (*place != nullptr) place = &(*place)->link;
+    *place = entry;
+    return entry;
+  }
+
+  static void took(ORP_MSG_HEADER_ST *message) {
+    recorded(std::to_string(message->ulMsgType) + ":" + body_of(message));
+    if (on_message) on_message();
+  }
+  static void answered(ORP_MSG_HEADER_ST *message, uint32_t timed_out, ORP_WORD data) {
+    EXPECT_EQ(message == nullptr, timed_out == 1);
+    recorded((timed_out ? "timeout" : "answer") + std::to_string(data));
+    if (on_message) on_message();
+  }
+
+  static inline std::function<uint32_t(ORP_MSG_HEADER_ST **)> completion;
+  static inline std::function<void()> on_message;
+};
+
+TEST_F(MessageWatcherTest, HandsOnWholeMessagesOneAnEvent) {
+  OrpUvMsg *watcher = receive_from(socket());
+  EXPECT_EQ(ORP_UV_IO | ORP_UV_MSG | ORP_UV_COUNTED | ORP_UV_ACTIVE, watcher->io.head.status);
+  send(frame(1, 1, "") + frame(2, 1, "body") + frame(3, 1, std::string(9000, 'x')));
+  std::vector<uint64_t> iterations;
+  on_message = [&] { iterations.push_back(loop_.iteration); };
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("1:", "2:body", "3:" + std::string(9000, 'x')));
+  EXPECT_THAT(iterations, ElementsAre(0u, 1u, 2u));
+}
+
+TEST_F(MessageWatcherTest, CostsThreeSystemCallsWithABodyAndTwoWithout) {
+  if (!test::can_count_system_calls()) GTEST_SKIP() << "tracing is not possible here";
+  for (int n = 0; n < 100; ++n) watch(socket(), ORP_UV_READABLE);
+  receive_from(socket());
+  on_message = [&] { OrpUvLoopStop(&loop_); };
+
+  const auto count_calls = [&](const std::string &body) {
+    std::vector<long> numbers =
+        test::system_call_numbers([&] { send(frame(1, 1, body)); }, [&] { run(0); });
+    std::erase(numbers, SYS_clock_gettime);
+    return numbers.size();
+  };
+
+  // select, header, body.
+  EXPECT_EQ(2u, count_calls(""));
+  EXPECT_EQ(3u, count_calls("body"));
+}
+
+TEST_F(MessageWatcherTest, ZeroBytesFollowEveryMessage) {
+  OrpUvMsg *watcher = receive_from(socket());
+  send(frame(1, 1, "") + frame(2, 1, "text"));
+  watcher->msgProc = [](ORP_MSG_HEADER_ST *message) {
+    const char *end = reinterpret_cast<const char *>(message + 1) + message->ulDataLen;
+    recorded(std::string(end, 16));
+  };
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre(std::string(16, '\0'), std::string(16, '\0')));
+}
+
+TEST_F(MessageWatcherTest, WaitsForTheMissingPieces) {
+  receive_from(socket());
+  const std::string bytes = frame(1, 1, "piece by piece");
+  std::thread writer([&] {
+    for (const char byte : bytes) ::write(peer_, &byte, 1);
+  });
+
+  on_message = [&] { OrpUvLoopStop(&loop_); };
+  EXPECT_EQ(ORP_OK, run(0));
+  writer.join();
+
+  EXPECT_THAT(calls, ElementsAre("1:piece by piece"));
+}
+
+TEST_F(MessageWatcherTest, ReadsFromPipesToo) {
+  int pipe[2];
+  ASSERT_EQ(0, ::pipe2(pipe, O_CLOEXEC));
+  peer_ = pipe[1];
+  receive_from(pipe[0]);
+  send(frame(1, 1, "one") + frame(2, 1, ""));
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("1:one", "2:"));
+  ::close(pipe[1]);
+}
+
+TEST_F(MessageWatcherTest, DropsHalfAMessageAfterASecondOfSilence) {
+  receive_from(socket());
+  send(frame(1, 1, "").substr(0, 20));
+  timespec before, after;
+
+  ::clock_gettime(CLOCK_MONOTONIC, &before);
+  EXPECT_EQ(ORP_ERR_TIMEOUT, run());
+  ::clock_gettime(CLOCK_MONOTONIC, &after);
+
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_EQ(1u, uv::g_message_drops.read_failed);
+  EXPECT_GE((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000,
+            999);
+}
+
+TEST_F(MessageWatcherTest, DropsWhatIsTooLongOrFindsNoMemory) {
+  OrpUvMsg *watcher = receive_from(socket());
+  std::string too_long = frame(1, 1, "");
+  store(&too_long[offsetof(ORP_MSG_HEADER_ST, ulDataLen)], uint32_t{0x8000001});
+  send(too_long);
+  run();
+  EXPECT_EQ(1u, uv::g_message_drops.too_long);
+  EXPECT_EQ(ORP_UV_READABLE, watcher->io.armed);
+
+  fail_allocation(1);
+  send(frame(2, 1, ""));
+  run();
+  EXPECT_THAT(calls, ElementsAre("2:")) << "the bytes stay for the next attempt";
+  on_message = [] { fail_allocation(2); };
+  send(frame(3, 1, "") + frame(4, 1, "lost"));
+  run();
+  EXPECT_THAT(calls, ElementsAre("2:", "3:"));
+  EXPECT_EQ(2u, uv::g_message_drops.no_memory + uv::g_message_drops.read_failed);
+}
+
+TEST_F(MessageWatcherTest, CompletionMayReplaceTakeOrRefuseTheMessage) {
+  receive_from(socket());
+  completion = [](ORP_MSG_HEADER_ST **message) -> uint32_t {
+    const std::string body = body_of(*message);
+    std::free(*message);
+    *message = nullptr;
+    if (body == "take") return ORP_OK;
+    if (body == "fail") return ORP_ERR_MEMORY;
+    *message = static_cast<ORP_MSG_HEADER_ST *>(std::calloc(1, sizeof(ORP_MSG_HEADER_ST) + 16));
+    (*message)->ulMsgType = 99;
+    return body == "refuse" ? ORP_ERR_ARGUMENT : ORP_OK;
+  };
+  send(frame(kFlagged, 1, "take") + frame(kFlagged, 1, "fail") + frame(kFlagged, 1, "refuse") +
+       frame(kFlagged, 1, "replace") + frame(5, 1, "plain"));
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("99:", "5:plain"));
+  EXPECT_EQ(3u, uv::g_message_drops.incomplete);
+}
+
+TEST_F(MessageWatcherTest, IncompleteSetupReadsNothing) {
+  OrpUvMsg *watcher = receive_from(socket());
+  watcher->lengthProc = nullptr;
+  send("x");
+  watcher->headerSize = 1;
+  on_recorded = nullptr;
+  OrpUvIo *other = watch(-1, 0, 7);
+  OrpUvIoForcedLoop(other, 1);
+  on_call = [&](OrpUvIo *) { OrpUvLoopStop(&loop_); };
+
+  EXPECT_EQ(ORP_OK, run(0));
+
+  char byte;
+  EXPECT_EQ(1, ::recv(watcher->io.fd, &byte, 1, MSG_DONTWAIT));
+}
+
+TEST_F(MessageWatcherTest, RawModeHandsOnWhatOneReadReturns) {
+  OrpUvMsg *watcher = receive_from(socket(SOCK_SEQPACKET));
+  watcher->io.head.status |= ORP_UV_MSG_RAW;
+  watcher->msgProc = [](ORP_MSG_HEADER_ST *message) {
+    recorded(reinterpret_cast<const char *>(message));
+  };
+  send("first");
+  send(std::string(1024, 'y'));
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("first", std::string(1024, 'y')));
+  timeval timeout = {};
+  socklen_t size = sizeof timeout;
+  ::getsockopt(watcher->io.fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, &size);
+  EXPECT_EQ(1, timeout.tv_sec);
+}
+
+TEST_F(MessageWatcherTest, EndOfStreamIsNotWaitedForUntilReadingIsArmedAnew) {
+  for (const uint32_t mode : {0u, ORP_UV_MSG_RAW}) {
+    OrpUvMsg *watcher = receive_from(socket());
+    watcher->io.head.status |= mode;
+    ::shutdown(peer_, SHUT_WR);
+
+    EXPECT_EQ(ORP_ERR_TIMEOUT, run(1)) << "a readable descriptor would keep the loop busy";
+    EXPECT_EQ(ORP_UV_READABLE, watcher->io.armed);
+    const int fd = watcher->io.fd;
+    EXPECT_NE(0u, loop_.readSet[fd / 32] & 1u << (fd % 32));
+    EXPECT_EQ(0u, uv::g_message_drops.read_failed) << "no message was lost";
+
+    OrpUvIoStop(&watcher->io, ORP_UV_READABLE);
+    OrpUvMsgStart(watcher);
+    EXPECT_EQ(0, ::dup2(readable_socket(), fd) - fd);
+    watcher->io.head.status |= ORP_UV_MSG_RAW;
+    on_message = [&] { OrpUvLoopStop(&loop_); };
+    EXPECT_EQ(ORP_OK, run(0));
+    OrpUvMsgDelete(watcher);
+  }
+}
+
+TEST_F(MessageWatcherTest, AnswerGoesToItsRequestOnce) {
+  OrpUvMsg *watcher = receive_from(socket());
+  expect_answer(watcher, 1, 1, 0);
+  expect_answer(watcher, 1, 2, 60000);
+  send(frame(1, 2, "") + frame(1, 2, "again") + frame(1, 3, ""));
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("answer2", "1:again", "1:"));
+  ASSERT_NE(nullptr, watcher->pending);
+  EXPECT_EQ(1u, watcher->pending->key2);
+  EXPECT_EQ(nullptr, watcher->pending->link);
+  watcher->matchProc = nullptr;
+  send(frame(1, 1, "unmatched"));
+  run();
+  EXPECT_EQ("1:unmatched", calls.back());
+  UvMsgWatcherTimeout(reinterpret_cast<ORP_WORD>(watcher->pending));
+  EXPECT_EQ("timeout1", calls.back());
+  UvMsgWatcherTimeout(0);
+}
+
+TEST_F(MessageWatcherTest, RequestTimesOutOnceAndALateAnswerIsAnOrdinaryMessage) {
+  OrpUvLoop *loop = OrpUvLoopGetDefault();
+  OrpUvMsg *watcher = receive_from(socket());
+  expect_answer(watcher, 1, 1, 5);
+  on_message = [&] { OrpUvLoopStop(loop); };
+  EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(loop, 0));
+  EXPECT_EQ(nullptr, watcher->pending);
+
+  send(frame(1, 1, ""));
+  on_message = nullptr;
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("timeout1", "1:"));
+}
+
+TEST_F(MessageWatcherTest, AnswerProcedureMayStartTheNextRequestAndRunTheLoop) {
+  OrpUvMsg *watcher = receive_from(socket());
+  expect_answer(watcher, 1, 1, 0);
+  send(frame(1, 1, "") + frame(1, 1, "second"));
+  on_message = [&] {
+    on_message = nullptr;
+    EXPECT_EQ(nullptr, watcher->pending) << "taken out before the call";
+    expect_answer(watcher, 1, 2, 0);
+    send(frame(1, 2, ""));
+    run();
+  };
+
+  run();
+
+  EXPECT_THAT(calls, ElementsAre("answer1", "1:second", "answer2"));
+}
+
+TEST_F(MessageWatcherTest, RequestOutlivesItsWatcherUntilItsTimerEndsIt) {
+  OrpUvMsg *watcher = receive_from(socket());
+  expect_answer(watcher, 1, 1, 5);
+  expect_answer(watcher, 1, 2, 5);
+  send(frame(1, 1, ""));
+  on_message = [&] { EXPECT_EQ(ORP_OK, OrpUvMsgDelete(watcher)); };
+  run();
+  turn();
+  ASSERT_EQ(0u, watcher_count());
+
+  on_message = [] { OrpUvLoopStop(OrpUvLoopGetDefault()); };
+  EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 0));
+
+  EXPECT_THAT(calls, ElementsAre("answer1", "timeout2"));
+}
+
+TEST_F(MessageWatcherTest, DestroyedLoopsLeaveNoRequestBehind) {
+  const auto in_both_orders = [&](OrpUvLoop *first, OrpUvLoop *second) {
+    OrpUvMsg *watcher = receive_from(socket());
+    expect_answer(watcher, 1, 1, 60000);
+    ::close(watcher->io.fd);
+    ORP_UV_LoopDestroy(first);
+    ORP_UV_LoopDestroy(second);
+  };
+
+  // The leak checker and the sanitizer tell.
+  in_both_orders(&loop_, OrpUvLoopGetDefault());
+  in_both_orders(OrpUvLoopGetDefault(), &loop_);
+
+  EXPECT_THAT(calls, IsEmpty());
+}
+
+TEST_F(MessageWatcherTest, DeletedWhileItsHeaderIsLookedAtItReadsNoFurther) {
+  OrpUvMsg *watcher = receive_from(socket());
+  static OrpUvMsg *deleted;
+  deleted = watcher;
+  watcher->lengthProc = [](ORP_MSG_HEADER_ST *, uint32_t *) {
+    OrpUvMsgDelete(deleted);
+    return 4u;
+  };
+  send(frame(1, 1, "body"));
+
+  run();
+
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_EQ(1u, uv::g_message_drops.read_failed);
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvMsgInit(&loop_, nullptr, 0, took));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvMsgStart(nullptr));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvMsgDelete(nullptr));
+}
+
+}  // namespace
+}  // namespace msgapi

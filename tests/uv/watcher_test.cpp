@@ -1,0 +1,131 @@
+#include "uv/watcher.h"
+
+#include "base/memory.h"
+#include "support/allocation.h"
+#include "uv/loop_fixture.h"
+
+namespace msgapi {
+namespace {
+
+using WatcherTest = LoopTest;
+
+TEST_F(WatcherTest, StartingAndDeletingMoveTheCountOnce) {
+  OrpUvWatcher *watcher = &new_record<OrpUvIdle>()->head;
+  ASSERT_EQ(ORP_OK, OrpUvWatcherInit(&loop_, watcher, ORP_UV_IDLE));
+  EXPECT_EQ(ORP_UV_IDLE | ORP_UV_COUNTED, watcher->status);
+
+  OrpUvWatcherStart(watcher);
+  OrpUvWatcherStart(watcher);
+  EXPECT_EQ(1u, loop_.activeCount);
+  EXPECT_EQ(ORP_OK, OrpUvWatcherDelete(watcher));
+  EXPECT_EQ(ORP_OK, OrpUvWatcherDelete(watcher));
+  EXPECT_EQ(0u, loop_.activeCount);
+  EXPECT_EQ(ORP_UV_IDLE | ORP_UV_COUNTED | ORP_UV_DELETED, watcher->status);
+
+  OrpUvWatcherStart(watcher);
+  EXPECT_EQ(ORP_UV_IDLE | ORP_UV_COUNTED | ORP_UV_ACTIVE, watcher->status);
+  run();
+  EXPECT_EQ(1u, watcher_count()) << "a watcher started again is not freed";
+  OrpUvWatcherDelete(watcher);
+  turn();
+  EXPECT_EQ(0u, watcher_count());
+}
+
+TEST_F(WatcherTest, OperationsRefuseWhatHasNoLoop) {
+  OrpUvWatcher without_loop = {};
+
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvWatcherInit(&loop_, nullptr, ORP_UV_IDLE));
+  for (OrpUvWatcher *watcher : {static_cast<OrpUvWatcher *>(nullptr), &without_loop}) {
+    EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvWatcherStart(watcher));
+    EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvWatcherDelete(watcher));
+  }
+  EXPECT_EQ(0u, without_loop.status);
+}
+
+TEST_F(WatcherTest, InitialisedTwiceStandsOnceAtTheEnd) {
+  OrpUvWatcher *watchers[3];
+  for (OrpUvWatcher *&watcher : watchers) {
+    watcher = &new_record<OrpUvIdle>()->head;
+    OrpUvWatcherInit(&loop_, watcher, ORP_UV_IDLE);
+  }
+
+  OrpUvWatcherInit(&loop_, watchers[0], ORP_UV_IDLE);
+
+  EXPECT_EQ(watchers[1], loop_.watchers);
+  EXPECT_EQ(watchers[2], watchers[1]->link);
+  EXPECT_EQ(watchers[0], watchers[2]->link);
+  EXPECT_EQ(nullptr, watchers[0]->link);
+}
+
+TEST_F(WatcherTest, IterationVisitsAllInOrderAndSurvivesDeletionAndARun) {
+  std::vector<OrpUvWatcher *> watchers(3), visited;
+  for (OrpUvWatcher *&watcher : watchers) {
+    watcher = &new_record<OrpUvIdle>()->head;
+    OrpUvWatcherInit(&loop_, watcher, ORP_UV_IDLE);
+  }
+  static OrpUvLoop *loop;
+  loop = &loop_;
+
+  const auto visit = [](OrpUvWatcher *watcher, ORP_WORD argument) {
+    reinterpret_cast<std::vector<OrpUvWatcher *> *>(argument)->push_back(watcher);
+    OrpUvWatcherDelete(watcher);
+    OrpUvWatcherDelete(watcher->link);
+    ORP_UV_LoopRun(loop, 1);
+  };
+  EXPECT_EQ(ORP_OK, OrpUvWatcherIterateItem(&loop_, reinterpret_cast<ORP_WORD>(&visited), visit));
+
+  EXPECT_EQ(watchers, visited);
+  EXPECT_EQ(3u, watcher_count());
+  turn();
+  EXPECT_EQ(0u, watcher_count());
+  EXPECT_EQ(ORP_ERR_SYSTEM, OrpUvWatcherIterateItem(&loop_, 0, nullptr));
+}
+
+TEST_F(WatcherTest, SafeFreeWorksOnlyWithItsWatcher) {
+  void *data = std::malloc(1);
+  ASSERT_EQ(ORP_ERR_ARGUMENT, OrpUvLoopSafeFree(&loop_, data));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvLoopSafeFree(nullptr, data));
+
+  loop_.deferredFree = ORP_UV_IdleStart(&loop_, uv::free_deferred_data);
+  fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, OrpUvLoopSafeFree(&loop_, data));
+  EXPECT_EQ(ORP_OK, OrpUvLoopSafeFree(&loop_, data));
+  EXPECT_EQ(ORP_OK, OrpUvLoopSafeFree(&loop_, nullptr));
+  EXPECT_NE(0u, loop_.deferredFree->head.data);
+  run();
+  EXPECT_EQ(0u, loop_.deferredFree->head.data);
+
+  // What waits goes with the watcher and with the loop; the leak checker watches.
+  EXPECT_EQ(ORP_OK, OrpUvLoopSafeFree(&loop_, std::malloc(1)));
+  ORP_UV_LoopDestroy(&loop_);
+  EXPECT_EQ(nullptr, loop_.deferredFree);
+}
+
+TEST_F(WatcherTest, DestroyEmptiesTheLoop) {
+  OrpUvIoForcedLoop(watch(socket(), 1), 1);
+  loop_.idleTime = 5;
+
+  ORP_UV_LoopDestroy(&loop_);
+
+  OrpUvLoop fresh;
+  OrpUvLoopInit(&fresh);
+  EXPECT_EQ(0, std::memcmp(&fresh, &loop_, sizeof fresh));
+  ORP_UV_LoopDestroy(nullptr);
+}
+
+TEST_F(WatcherTest, DestroyInsideACallbackLeavesTheRecordsToTheRun) {
+  for (uint32_t name = 1; name <= 3; ++name) watch(readable_socket(), ORP_UV_READABLE, name);
+  on_call = [&](OrpUvIo *io) {
+    ORP_UV_LoopDestroy(&loop_);
+    EXPECT_EQ(1u, io->head.data) << "the record outlives its callback";
+    OrpUvLoopStop(&loop_);
+  };
+
+  EXPECT_EQ(ORP_OK, run(0));
+
+  EXPECT_THAT(calls, testing::ElementsAre("1:1"));
+  EXPECT_EQ(0u, loop_.readSet[0]);
+}
+
+}  // namespace
+}  // namespace msgapi
