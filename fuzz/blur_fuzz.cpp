@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "log/posix_blur.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  if (size == 0) return 0;
   static test::PosixPatterns posix;
   // Blocks without a NUL behind them: one byte too many read is a report.
   const std::vector<char> block(data, data + size);

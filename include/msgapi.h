@@ -23,6 +23,7 @@
 #include "msgapi/nvpair.h"
 #include "msgapi/path.h"
 #include "msgapi/restful.h"
+#include "msgapi/ringlog.h"
 #include "msgapi/sockbase.h"
 #include "msgapi/status.h"
 #include "msgapi/str.h"

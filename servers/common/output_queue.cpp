@@ -97,7 +97,7 @@ void OutputQueue::send(std::span<const Frame> frames, std::vector<Tag> *refused)
   for (; next < frames.size(); ++next, offset = 0) {
     const Frame &frame = frames[next];
     // What has begun must be finished, whatever the limit says.
-    if (broken_ || (offset == 0 && !fits(frame.size))) {
+    if (broken_ || (offset == 0 && !fits(frame.size, frame.reserve))) {
       refused->push_back(frame.tag);
     } else {
       append({frame.data + offset, frame.size - offset}, frame.tag);
@@ -186,21 +186,25 @@ bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag) {
 
 OutputQueue::Stream *OutputQueue::open_stream(std::span<const char> begin, uint64_t to_come,
                                               Tag tag) {
-  if (broken_ || !fits(begin.size())) return nullptr;
-  Chunk &chunk = add_chunk(chunks_.end(), std::max(begin.size(), chunk_size_));
-  chunk.put(begin);
-  chunk.frames.push_back({chunk.size, tag});
+  if (broken_ || !fits(begin.size(), 0)) return nullptr;
+  Chunk &chunk = *chunks_.emplace(chunks_.end());
+  chunk.frames.push_back({0, tag});
   chunk.open = true;
   Stream &stream = streams_.emplace_back(Stream{std::prev(chunks_.end()), to_come});
   chunk.stream = &stream;
-  weight_ += begin.size() + kFrameWeight;
-  flush();
+  weight_ += kFrameWeight;
+  add_to(&stream, begin);
   return &stream;
 }
 
 void OutputQueue::extend(Stream *stream, std::span<const char> bytes) {
   stream->to_come -= bytes.size();
-  // Nothing waits before these bytes: they need no copy if the socket takes them.
+  add_to(stream, bytes);
+  if (stream->to_come == 0) finish(stream);
+}
+
+void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
+  // If nothing waits before these bytes, they need no copy as far as the socket takes them.
   const Chunk &front = chunks_.front();
   if (stream->last == chunks_.begin() && front.written == front.size && !broken_) {
     while (!bytes.empty()) {
@@ -210,28 +214,27 @@ void OutputQueue::extend(Stream *stream, std::span<const char> bytes) {
         broken_ = !try_later();
         break;
       }
+      stream->begun = true;
       bytes_written_ += static_cast<size_t>(written);
       bytes = bytes.subspan(static_cast<size_t>(written));
     }
   }
+  if (bytes.empty()) return;
 
-  if (!bytes.empty()) {
-    Chunk *last = &*stream->last;
-    if (last == &front && last->written == last->size) last->written = last->size = 0;
-    if (last->capacity - last->size < bytes.size()) {
-      Chunk &next = add_chunk(std::next(stream->last), std::max(bytes.size(), chunk_size_));
-      next.stream = stream;
-      next.open = true;
-      next.frames = std::move(last->frames);
-      last->frames.clear();
-      last->open = false;
-      stream->last = std::next(stream->last);
-      last = &next;
-    }
-    last->put(bytes);
-    weight_ += bytes.size();
+  Chunk *last = &*stream->last;
+  if (last == &front && last->written == last->size) last->written = last->size = 0;
+  if (last->capacity - last->size < bytes.size()) {
+    Chunk &next = add_chunk(std::next(stream->last), std::max(bytes.size(), chunk_size_));
+    next.stream = stream;
+    next.open = true;
+    next.frames = std::move(last->frames);
+    last->frames.clear();
+    last->open = false;
+    stream->last = std::next(stream->last);
+    last = &next;
   }
-  if (stream->to_come == 0) finish(stream);
+  last->put(bytes);
+  weight_ += bytes.size();
 }
 
 // Nothing more is added to the stream: forgets it, and lets what waits behind it out.

@@ -20,16 +20,18 @@ namespace servers {
 
 class OutputQueue {
  public:
-  // Travels with a frame and comes back when the frame is lost: whom to tell, and what. The queue
-  // does not look inside.
+  // Travels with a frame and comes back when the frame is lost: whom to tell, and what about. The
+  // queue does not look inside.
   struct Tag {
-    uint32_t origin;
-    uint32_t what;
+    uint32_t origin = 0;
+    uint32_t type = 0;
+    uint32_t sequence = 0;
   };
   struct Frame {
     const char *data;
     size_t size;
     Tag tag;
+    size_t reserve = 0;  // this frame may exceed the limit by as much
   };
   struct Stream;
 
@@ -67,6 +69,8 @@ class OutputQueue {
   bool blocked() const;
   // The reader is gone; nothing more will be written.
   bool broken() const { return broken_; }
+  // From now on as if the reader were gone; the socket is not touched again.
+  void close() { broken_ = true; }
   bool empty() const { return chunks_.empty(); }
   size_t weight() const { return weight_; }
   size_t limit() const { return limit_; }
@@ -86,7 +90,10 @@ class OutputQueue {
   void append(std::span<const char> bytes, Tag tag);
   Chunk &add_chunk(Chunks::const_iterator before, size_t capacity);
   size_t front_piece(Chunk &chunk);
-  bool fits(size_t size) const { return weight_ + size + kFrameWeight <= limit_; }
+  bool fits(size_t size, size_t reserve) const {
+    return weight_ + size + kFrameWeight <= limit_ + reserve;
+  }
+  void add_to(Stream *stream, std::span<const char> bytes);
   void finish(Stream *stream);
 
   int fd_;

@@ -18,20 +18,19 @@ bool cut_bracket(std::string_view *line, std::string_view *text) {
   return true;
 }
 
-// Names come from other processes and become file names.
-bool is_file_name(std::string_view name) {
+}  // namespace
+
+bool is_module_name(std::string_view name) {
   const auto is_plain = [](char c) { return c > ' ' && c < 0x7F && c != '/'; };
-  return !name.empty() && name.size() < 100 && name.front() != '.' &&
+  return !name.empty() && name.size() < 98 && name.front() != '.' &&
          std::all_of(name.begin(), name.end(), is_plain);
 }
-
-}  // namespace
 
 bool parse_line_head(std::string_view line, LineHead *head) {
   std::string_view uptime;
   std::string_view level;
   if (!cut_bracket(&line, &uptime) || !cut_bracket(&line, &head->module) ||
-      !cut_bracket(&line, &level) || !line.starts_with(':') || !is_file_name(head->module)) {
+      !cut_bracket(&line, &level) || !line.starts_with(':') || !is_module_name(head->module)) {
     return false;
   }
   head->level = MlogGetLogLevel(std::string(level).c_str());

@@ -12,7 +12,11 @@ struct LineHead {
   uint32_t level;
 };
 
-// False when the line does not begin that way or names a module that cannot be a file name.
+// Names come from other processes and become file names: at most 97 printable ASCII characters, no
+// "/", no "." in front.
+bool is_module_name(std::string_view name);
+
+// False when the line does not begin that way or names no proper module.
 bool parse_line_head(std::string_view line, LineHead *head);
 
 }  // namespace mlogserver

@@ -1,57 +1,99 @@
-// mlogserver: the log server "/var/mlog/mlogServer". Keeps the lines of every module in a file of
-// its own and the statistics texts of the modules in memory.
+// mlogserver: the log server "/var/mlog/mlogServer". Keeps the lines of every module in a ring file
+// of its own, personal data masked, and the statistics texts of the modules in memory.
 
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <string>
 
 #include "common/event_loop.h"
 #include "common/log_line.h"
+#include "config.h"
+#include "ring_store.h"
 #include "server.h"
-#include "store.h"
 
 namespace {
 
 using namespace mlogserver;
 
-void print_counters(const Counters &counters) {
+struct Options {
+  std::string config_file;
+  std::string directory;
+};
+
+constexpr const char *kConfigFile = "/etc/mlogserver.conf";
+
+// The defaults hold when no file was named and there is none at the usual place.
+Config load_config(const Options &options) {
+  Config config;
+  if (!options.config_file.empty()) {
+    config = read_config(options.config_file);
+  } else if (std::filesystem::exists(kConfigFile)) {
+    config = read_config(kConfigFile);
+  }
+  if (!options.directory.empty()) config.directory = config.share_directory = options.directory;
+  return config;
+}
+
+void reload(const Options &options, RingStore *store) {
+  try {
+    store->reconfigure(load_config(options));
+    servers::log_line("configuration read, files are in {}", store->directory());
+  } catch (const std::exception &error) {
+    servers::log_line("{}; going on as before", error.what());
+  }
+}
+
+void print_counters(const Server &server, const RingStore &store) {
+  const Counters &counters = server.counters();
   servers::log_line("lines {} requests {} malformed {} unanswered {} refused {}", counters.lines,
                     counters.requests, counters.malformed, counters.unanswered,
                     counters.stats_refused);
+  for (const auto &[module, count] : store.counters()) {
+    servers::log_line("module {}: kept {} below level {} lost {}", module, count.kept,
+                      count.below_level, count.lost);
+  }
 }
 
-void run(const std::string &directory) {
+void run(const Options &options) {
   servers::EventLoop loop;
-  Store store(directory);
+  RingStore store(load_config(options));
   Server server(&store);
 
   loop.add(server.fd(), EPOLLIN, &server);
-  loop.on_signal(SIGUSR1, [&] { print_counters(server.counters()); });
+  loop.on_signal(SIGHUP, [&] {
+    server.drain();  // what was sent before the signal is kept as it was then
+    reload(options, &store);
+  });
+  loop.on_signal(SIGUSR1, [&] { print_counters(server, store); });
   for (const int signal : {SIGTERM, SIGINT}) loop.on_signal(signal, [&] { loop.stop(); });
-  servers::log_line("ready");
+  servers::log_line("ready, files are in {}", store.directory());
   loop.run();
 
-  // What clients were told is accepted is kept.
+  // What the socket has accepted is kept.
   server.drain();
   store.sync();
-  print_counters(server.counters());
+  print_counters(server, store);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app("The log server: keeps every module's lines in a file of its own.");
-  std::string directory = "/var/log/mlog";
-  app.add_option("--directory", directory, "Where the log files are kept")->capture_default_str();
+  CLI::App app("The log server: keeps every module's lines in a ring file of its own.");
+  Options options;
+  app.add_option("--config", options.config_file,
+                 std::string("Configuration file (") + kConfigFile + " if it is there)");
+  app.add_option("--directory", options.directory,
+                 "Where the log files are kept, whatever the configuration says");
   CLI11_PARSE(app, argc, argv);
 
   servers::set_log_name("mlogserver");
   ::umask(0027);
   try {
-    run(directory);
+    run(options);
     return EXIT_SUCCESS;
   } catch (const std::exception &error) {
     servers::log_line("{}", error.what());

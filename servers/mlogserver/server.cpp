@@ -3,35 +3,32 @@
 
 #include "server.h"
 
-#include <fmt/core.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <stdexcept>
-#include <string_view>
+
+#include "common/log_line.h"
 
 namespace mlogserver {
 namespace {
 
 constexpr const char *kSocketPath = MLOG_IPC_PATH MLOG_SERVER_NAME;
+constexpr const char *kInboxPath = MLOG_IPC_PATH MLOG_SERVER_NAME ".inbox";
 constexpr size_t kMaxStatistics = 256;
+constexpr int kMaxBatches = 1000;
 
 [[noreturn]] void fail(const std::string &what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-// The text of a fixed-size field; false when it has no NUL.
-bool read_field(const char (&field)[256], std::string *text) {
-  const size_t length = ::strnlen(field, sizeof field);
-  text->assign(field, length);
-  return length < sizeof field;
-}
-
-}  // namespace
-
-Server::Server(Store *store) : store_(store) {
+// A non-blocking socket at the server's path, which no other server may be reading.
+servers::UniqueFd open_socket() {
   if (::mkdir(MLOG_IPC_PATH, 0770) != 0 && errno != EEXIST) fail(MLOG_IPC_PATH);
 
   sockaddr_un address{};
@@ -45,121 +42,153 @@ Server::Server(Store *store) : store_(store) {
     throw std::runtime_error(fmt::format("a server is already running on {}", kSocketPath));
   }
 
-  fd_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd_) fail("socket");
+  servers::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd) fail("socket");
   ::unlink(kSocketPath);
-  if (::bind(fd_.get(), generic, sizeof address) != 0 || ::chmod(kSocketPath, 0660) != 0) {
+  if (::bind(fd.get(), generic, sizeof address) != 0 || ::chmod(kSocketPath, 0660) != 0) {
     fail(kSocketPath);
   }
+  return fd;
+}
+
+// The text of a fixed-size field; false when it has no NUL.
+bool read_field(const char (&field)[256], std::string *text) {
+  const size_t length = ::strnlen(field, sizeof field);
+  text->assign(field, length);
+  return length < sizeof field;
+}
+
+// The payload of a message whose head agrees with its size; null otherwise.
+const char *payload_of(std::span<char> datagram, MlogMsg *head) {
+  if (datagram.size() < MLOG_HEAD_SIZE || datagram.size() > sizeof(MlogMsg)) return nullptr;
+  std::memcpy(head, datagram.data(), MLOG_HEAD_SIZE);
+  return head->length == datagram.size() - MLOG_HEAD_SIZE ? datagram.data() + MLOG_HEAD_SIZE
+                                                          : nullptr;
+}
+
+}  // namespace
+
+Server::Server(RingStore *store) : store_(store), fd_(open_socket()), inbox_(kInboxPath) {
+  take_over();
 }
 
 Server::~Server() {
   ::unlink(kSocketPath);
 }
 
+void Server::take_over() {
+  uint64_t lines = 0;
+  for (size_t slot = 0; slot < Inbox::kSlots; ++slot) {
+    const std::span<char> datagram = inbox_.datagram(slot);
+    MlogMsg head;
+    // Nobody waits for the answers to old requests.
+    if (payload_of(datagram, &head) != nullptr && head.type == MLOG_TYPE_LOG &&
+        keep_line(datagram.subspan(MLOG_HEAD_SIZE))) {
+      ++lines;
+    }
+    inbox_.mark_done(slot);
+  }
+  if (lines > 0) servers::log_line("{} lines of the server before are kept", lines);
+}
+
 void Server::drain() {
-  std::array<mmsghdr, kBatch> messages;
-  std::array<iovec, kBatch> parts;
-  std::array<sockaddr_un, kBatch> peers;
-  for (;;) {
-    for (size_t i = 0; i < kBatch; ++i) {
-      parts[i] = {.iov_base = datagrams_[i].data(), .iov_len = kDatagramSize};
-      messages[i] = {};
-      messages[i].msg_hdr.msg_iov = &parts[i];
-      messages[i].msg_hdr.msg_iovlen = 1;
-      messages[i].msg_hdr.msg_name = &peers[i];
-      messages[i].msg_hdr.msg_namelen = sizeof peers[i];
+  // More than the queue of a socket holds, but an end: clients that never pause must not keep the
+  // server from its signals.
+  for (int batches = 0; batches < kMaxBatches; ++batches) {
+    const size_t count = inbox_.receive(fd_.get());
+    for (size_t slot = 0; slot < count; ++slot) {
+      Sender sender{};
+      sender.address = &inbox_.sender(slot, &sender.size);
+      handle(inbox_.datagram(slot), sender);
+      inbox_.mark_done(slot);
     }
-    const int count = ::recvmmsg(fd_.get(), messages.data(), kBatch, MSG_DONTWAIT, nullptr);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return;
-
-    for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
-      handle({datagrams_[i].data(), messages[i].msg_len}, peers[i],
-             messages[i].msg_hdr.msg_namelen);
-    }
+    if (count < Inbox::kSlots) return;
   }
 }
 
-void Server::handle(std::span<const char> datagram, const sockaddr_un &peer, socklen_t peer_size) {
+void Server::handle(std::span<char> datagram, const Sender &sender) {
   MlogMsg head;
-  if (datagram.size() >= MLOG_HEAD_SIZE) std::memcpy(&head, datagram.data(), MLOG_HEAD_SIZE);
-  if (datagram.size() < MLOG_HEAD_SIZE || datagram.size() > sizeof(MlogMsg) ||
-      head.length != datagram.size() - MLOG_HEAD_SIZE) {
-    ++counters_.malformed;
-    return;
-  }
-
-  const std::span<const char> payload = datagram.subspan(MLOG_HEAD_SIZE);
-  switch (head.type) {
-    case MLOG_TYPE_LOG:
-      if (const size_t length = ::strnlen(payload.data(), payload.size()); length > 0) {
-        ++counters_.lines;
-        store_->append({payload.data(), length});
-        return;
-      }
-      break;
-    case MLOG_TYPE_SET_STAT:
-      if (payload.size() < offsetof(MlogStat, reserved)) break;
-      ++counters_.requests;
-      set_statistics(payload);
-      return;
-    case MLOG_TYPE_GET_STAT:
-      if (payload.size() < sizeof(MlogStat::module)) break;
-      ++counters_.requests;
-      get_statistics(payload, peer, peer_size);
-      return;
-    case MLOG_TYPE_FLUSH: {
-      ++counters_.requests;
-      MlogMsg answer{.type = MLOG_TYPE_FLUSH, .length = 0, .payload = {}};
-      // A length that disagrees with the datagram makes the client's call fail at once.
-      if (!store_->sync()) answer.length = UINT32_MAX;
-      reply(answer, 0, peer, peer_size);
-      return;
+  bool understood = false;
+  if (payload_of(datagram, &head) != nullptr) {
+    const std::span<char> payload = datagram.subspan(MLOG_HEAD_SIZE);
+    switch (head.type) {
+      case MLOG_TYPE_LOG:
+        understood = keep_line(payload);
+        break;
+      case MLOG_TYPE_SET_STAT:
+        understood = set_statistics(payload);
+        break;
+      case MLOG_TYPE_GET_STAT:
+        understood = get_statistics(payload, sender);
+        break;
+      case MLOG_TYPE_FLUSH:
+        understood = true;
+        flush(sender);
+        break;
+      default:
+        break;
     }
-    default:
-      break;
   }
-  ++counters_.malformed;
+  if (!understood) {
+    ++counters_.malformed;
+  } else if (head.type == MLOG_TYPE_LOG) {
+    ++counters_.lines;
+  } else {
+    ++counters_.requests;
+  }
 }
 
-void Server::set_statistics(std::span<const char> payload) {
+bool Server::keep_line(std::span<char> payload) {
+  size_t length = ::strnlen(payload.data(), payload.size());
+  if (length == 0) return false;
+  // The slot has a byte more than the payload, so there is always room.
+  if (payload[length - 1] != '\n') payload.data()[length++] = '\n';
+  store_->append({payload.data(), length});
+  return true;
+}
+
+bool Server::set_statistics(std::span<const char> payload) {
+  if (payload.size() < offsetof(MlogStat, reserved)) return false;
   MlogStat fields;
   std::memcpy(&fields, payload.data(), offsetof(MlogStat, reserved));
   std::string module;
   std::string info;
-  if (!read_field(fields.module, &module) || !read_field(fields.info, &info)) {
-    ++counters_.malformed;
-    return;
-  }
+  if (!read_field(fields.module, &module) || !read_field(fields.info, &info)) return false;
+
   if (statistics_.size() >= kMaxStatistics && statistics_.count(module) == 0) {
     ++counters_.stats_refused;
-    return;
+  } else {
+    statistics_[module] = info;
   }
-  statistics_[module] = info;
+  return true;
 }
 
-void Server::get_statistics(std::span<const char> payload, const sockaddr_un &peer,
-                            socklen_t peer_size) {
+bool Server::get_statistics(std::span<const char> payload, const Sender &sender) {
   MlogStat fields{};
+  if (payload.size() < sizeof fields.module) return false;
   std::memcpy(fields.module, payload.data(), sizeof fields.module);
   std::string module;
-  if (!read_field(fields.module, &module)) {
-    ++counters_.malformed;
-    return;
-  }
+  if (!read_field(fields.module, &module)) return false;
+
   if (const auto known = statistics_.find(module); known != statistics_.end()) {
     std::memcpy(fields.info, known->second.c_str(), known->second.size() + 1);
   }
   MlogMsg answer{.type = MLOG_TYPE_GET_STAT, .length = sizeof fields, .payload = {}};
   std::memcpy(answer.payload, &fields, sizeof fields);
-  reply(answer, sizeof fields, peer, peer_size);
+  reply(answer, sizeof fields, sender);
+  return true;
 }
 
-void Server::reply(const MlogMsg &message, size_t payload_size, const sockaddr_un &peer,
-                   socklen_t peer_size) {
+void Server::flush(const Sender &sender) {
+  MlogMsg answer{.type = MLOG_TYPE_FLUSH, .length = 0, .payload = {}};
+  // A length that disagrees with the datagram makes the client's call fail at once.
+  if (!store_->sync()) answer.length = UINT32_MAX;
+  reply(answer, 0, sender);
+}
+
+void Server::reply(const MlogMsg &message, size_t payload_size, const Sender &sender) {
   if (::sendto(fd_.get(), &message, MLOG_HEAD_SIZE + payload_size, MSG_DONTWAIT | MSG_NOSIGNAL,
-               reinterpret_cast<const sockaddr *>(&peer), peer_size) < 0) {
+               reinterpret_cast<const sockaddr *>(sender.address), sender.size) < 0) {
     ++counters_.unanswered;
   }
 }

@@ -1,10 +1,8 @@
 // The server's socket and the messages that come through it.
 #pragma once
 
-#include <sys/socket.h>
 #include <sys/un.h>
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <span>
@@ -12,8 +10,9 @@
 
 #include "common/event_loop.h"
 #include "common/unique_fd.h"
+#include "inbox.h"
 #include "msgapi/log.h"
-#include "store.h"
+#include "ring_store.h"
 
 namespace mlogserver {
 
@@ -27,8 +26,9 @@ struct Counters {
 
 class Server final : public servers::EventLoop::Watch {
  public:
-  // Throws std::runtime_error when the socket cannot be had, for instance from a running server.
-  explicit Server(Store *store);
+  // Takes over the lines that a killed server left behind. Throws std::runtime_error when the
+  // socket cannot be had, for instance from a running server.
+  explicit Server(RingStore *store);
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
   // Removes the socket's file.
@@ -37,26 +37,29 @@ class Server final : public servers::EventLoop::Watch {
   int fd() const { return fd_.get(); }
   const Counters &counters() const { return counters_; }
 
-  // Handles every message that is queued, in order.
+  // Handles the messages that are queued, in order.
   void drain();
   void ready(uint32_t) override { drain(); }
 
  private:
-  static constexpr size_t kBatch = 64;
-  // One byte more than a message may have: a datagram that fills it was too long.
-  static constexpr size_t kDatagramSize = sizeof(MlogMsg) + 1;
+  struct Sender {
+    const sockaddr_un *address;
+    socklen_t size;
+  };
 
-  void handle(std::span<const char> datagram, const sockaddr_un &peer, socklen_t peer_size);
-  void set_statistics(std::span<const char> payload);
-  void get_statistics(std::span<const char> payload, const sockaddr_un &peer, socklen_t peer_size);
-  void reply(const MlogMsg &message, size_t payload_size, const sockaddr_un &peer,
-             socklen_t peer_size);
+  void take_over();
+  void handle(std::span<char> datagram, const Sender &sender);
+  bool keep_line(std::span<char> payload);
+  bool set_statistics(std::span<const char> payload);
+  bool get_statistics(std::span<const char> payload, const Sender &sender);
+  void flush(const Sender &sender);
+  void reply(const MlogMsg &message, size_t payload_size, const Sender &sender);
 
-  Store *store_;
+  RingStore *store_;
   servers::UniqueFd fd_;
   Counters counters_;
   std::map<std::string, std::string> statistics_;
-  std::array<std::array<char, kDatagramSize>, kBatch> datagrams_;
+  Inbox inbox_;
 };
 
 }  // namespace mlogserver

@@ -75,7 +75,7 @@ class Writer {
   size_t offset() const { return offset_; }
   size_t left() const { return out_.size() - offset_; }
   // What has been written.
-  std::span<Unit> written() const { return out_.first(offset_); }
+  std::span<const Unit> written() const { return out_.first(offset_); }
 
   // What may still be written, for loops that know their own bound; advance() then takes it.
   std::span<Unit> rest() const { return out_.subspan(offset_); }

@@ -55,6 +55,11 @@ std::string_view field_text(std::span<const char> field) {
   return {field.data(), strnlen(field.data(), field.size())};
 }
 
+bool begins_with(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() &&
+         std::string_view::traits_type::compare(text.data(), prefix.data(), prefix.size()) == 0;
+}
+
 bool is_terminated(std::span<const char> field) {
   return field_text(field).size() < field.size();
 }

@@ -25,6 +25,9 @@ __attribute__((format(printf, 2, 0))) bool vformat_cut(std::span<char> out, cons
 // The text of a fixed-size field that foreign bytes may have left without a NUL.
 std::string_view field_text(std::span<const char> field);
 
+// string_view::starts_with() is no substitute: without optimisation it needs the C++ runtime.
+bool begins_with(std::string_view text, std::string_view prefix);
+
 // True when a NUL occurs within the field.
 bool is_terminated(std::span<const char> field);
 

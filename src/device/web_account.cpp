@@ -98,7 +98,7 @@ bool first_login_is_done() {
 bool is_guide_free_version() {
   char version[32] = "";
   return ORP_APPDATA_ReadEquip(kSoftwareVersion, version, sizeof version) == 0 &&
-         field_text(version).starts_with(kGuideFreeVersion);
+         begins_with(field_text(version), kGuideFreeVersion);
 }
 
 bool guide_is_forced() {

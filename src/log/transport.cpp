@@ -52,7 +52,7 @@ bool may_name_client(std::string_view name) {
 bool make_address(const char *name, sockaddr_un *out) {
   *out = {};
   out->sun_family = AF_UNIX;
-  if (std::string_view(name).starts_with(MLOG_IPC_PATH)) return copy_exact(out->sun_path, name);
+  if (begins_with(name, MLOG_IPC_PATH)) return copy_exact(out->sun_path, name);
   return format_exact(out->sun_path, "%s%s", MLOG_IPC_PATH, name);
 }
 

@@ -31,6 +31,13 @@ TEST(Format, ExactFailsWhereCutShortens) {
   EXPECT_STREQ("123", out);
 }
 
+TEST(BeginsWith, ComparesTheWholePrefix) {
+  EXPECT_TRUE(begins_with("abc", "abc"));
+  EXPECT_TRUE(begins_with({}, {}));
+  EXPECT_FALSE(begins_with("ab", "abc"));
+  EXPECT_FALSE(begins_with("abc", "abd"));
+}
+
 TEST(FieldText, EndsAtTheFieldWhenThereIsNoNul) {
   const char field[3] = {'a', 'b', 'c'};
 

@@ -10,7 +10,7 @@
 #include "msg/dm_message.h"
 #include "msgapi/msg.h"
 #include "support/allocation.h"
-#include "support/message_peer.h"
+#include "support/message_block.h"
 
 namespace {
 
@@ -27,24 +27,14 @@ std::string item(uint32_t type, const std::string &name, const std::string &valu
   return bytes_of(head) + name + value;
 }
 
-// A message as it arrives: exactly as long as its header says, so that a sanitizer sees any step
-// beyond it.
+// A message with that body, as it arrives.
 class Arrived {
  public:
-  explicit Arrived(const std::string &body)
-      : head_(static_cast<ORP_MSG_HEADER_ST *>(std::malloc(ORP_MSG_HEADER_SIZE + body.size()))) {
-    *head_ = {};
-    head_->ulDataLen = static_cast<uint32_t>(body.size());
-    std::memcpy(head_ + 1, body.data(), body.size());
-  }
-  Arrived(const Arrived &) = delete;
-  Arrived &operator=(const Arrived &) = delete;
-  ~Arrived() { std::free(head_); }
-
-  void *body() { return head_ + 1; }
+  explicit Arrived(const std::string &bytes) : block_(test::make_block({.body = bytes})) {}
+  void *body() { return block_.get() + 1; }
 
  private:
-  ORP_MSG_HEADER_ST *head_;
+  test::MessageBlock block_;
 };
 
 // A sealed body; `used` stands for its real size unless it lies.

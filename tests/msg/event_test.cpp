@@ -11,7 +11,7 @@
 #include "msg/dm_message.h"
 #include "msgapi/dmmsg.h"
 #include "support/allocation.h"
-#include "support/message_peer.h"
+#include "support/message_block.h"
 
 namespace {
 
@@ -20,12 +20,11 @@ using msgapi::msg::DmBody;
 constexpr uint32_t kWan = 0x2DA65;
 constexpr uint32_t kTessel = 0x2DA05;
 
-struct Free {
-  void operator()(void *block) const { std::free(block); }
+struct DeleteJson {
   void operator()(cJSON *json) const { cJSON_Delete(json); }
 };
-using Message = std::unique_ptr<ORP_MSG_HEADER_ST, Free>;
-using Json = std::unique_ptr<cJSON, Free>;
+using Message = test::MessageBlock;
+using Json = std::unique_ptr<cJSON, DeleteJson>;
 
 struct Item {
   const char *name;
@@ -294,9 +293,7 @@ TEST(Delivery, CallsThoseOfTheTypeInOrderAndThenTheDefault) {
   ORP_EVT_SubscribeSingelEventCallBack(0x2D9FF, callback<'y', 0>);
   ORP_EVT_SubscribeSingelEventCallBack(kTessel, nullptr);
   ORP_EVT_SubscribeAllEventCallBack(callback<'d', 2>);
-  const std::string bytes = test::make_frame({.type = kTessel, .body = "raw\n"}).bytes();
-  const Message event(static_cast<ORP_MSG_HEADER_ST *>(std::malloc(bytes.size())));
-  std::memcpy(event.get(), bytes.data(), bytes.size());
+  const Message event = test::make_block({.type = kTessel, .body = "raw\n"});
 
   testing::internal::CaptureStdout();
   ORP_Evt_SubMsgProc(event.get());
@@ -328,9 +325,7 @@ TEST(Delivery, ConvertsTheUpperTypes) {
 TEST(Delivery, RawTypesEndBelow0x2DA64) {
   ORP_EVT_SubscribeAllEventCallBack(callback<'d', 0>);
   for (uint32_t type : {0x2DA01u, 0x2DA63u, 0x2DA64u, 0x2DA00u, 0x2DAFFu}) {
-    const Message event(static_cast<ORP_MSG_HEADER_ST *>(std::calloc(1, ORP_MSG_HEADER_SIZE)));
-    event->ulMsgType = type;
-    ORP_Evt_SubMsgProc(event.get());
+    ORP_Evt_SubMsgProc(test::make_block({.type = type}).get());
   }
   EXPECT_EQ((std::vector<std::string>{"d1:", "d99:"}), g_seen);
 }
@@ -338,9 +333,7 @@ TEST(Delivery, RawTypesEndBelow0x2DA64) {
 TEST(Delivery, ForgetsACallbackThatThereIsNoMemoryFor) {
   msgapi::fail_allocation(1);
   ORP_EVT_SubscribeSingelEventCallBack(kTessel, callback<'a', 0>);
-  const Message event(static_cast<ORP_MSG_HEADER_ST *>(std::calloc(1, ORP_MSG_HEADER_SIZE)));
-  event->ulMsgType = kTessel;
-  ORP_Evt_SubMsgProc(event.get());
+  ORP_Evt_SubMsgProc(test::make_block({.type = kTessel}).get());
   EXPECT_TRUE(g_seen.empty());
 }
 

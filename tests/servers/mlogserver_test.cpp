@@ -1,16 +1,22 @@
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <set>
+#include <random>
 #include <sstream>
 #include <string>
 
 #include "msgapi/log.h"
+#include "msgapi/ringlog.h"
 #include "support/process.h"
+#include "support/soak.h"
 
 namespace {
 
@@ -23,6 +29,16 @@ std::string content_of(const std::string &path) {
   return content.str();
 }
 
+// The log data of a module whose file has not turned over.
+std::string log_of(const std::string &module, const std::string &directory = "/var/mlogfile") {
+  const std::string content = content_of(directory + "/" + module + ".log");
+  return content.substr(std::min<size_t>(content.size(), MLOG_FILE_HEADER_SIZE));
+}
+
+void write_config(const std::string &text) {
+  std::ofstream("/var/mlogserver.conf", std::ios::trunc) << text;
+}
+
 class LogServer : public testing::Test {
  protected:
   LogServer() { EXPECT_TRUE(server_.wait_for("ready")); }
@@ -30,18 +46,28 @@ class LogServer : public testing::Test {
   test::Process server_{"mlogserver"};
 };
 
-TEST_F(LogServer, KeepsTheLinesOfEveryModuleInAFileOfItsOwn) {
+TEST_F(LogServer, KeepsTheLinesOfEveryModuleInARingOfItsOwn) {
   MlogPrint("wan", MLOG_LEVEL_INFO, "one");
   MlogPrint("lan", MLOG_LEVEL_INFO, "two");
   MlogPrint("wan", MLOG_LEVEL_INFO, "three");
   ASSERT_EQ(0, MlogFlushLog());
 
-  EXPECT_THAT(content_of("/var/log/mlog/wan.log"),
-              testing::ContainsRegex("\\]:one\n\\[.*\\]:three\n"));
-  EXPECT_THAT(content_of("/var/log/mlog/lan.log"), EndsWith("[lan][INFO]:two\n"));
+  EXPECT_THAT(content_of("/var/mlogfile/wan.log"),
+              testing::MatchesRegex("\\[overturn=000\\]\\[offset=[0-9]+\\]\\[uploadoffset="
+                                    "000.0000001023\\]\n.*\\]:one\n\\[.*\\]:three\n"));
+  EXPECT_THAT(log_of("lan"), EndsWith("[lan][INFO]:two\n"));
   struct stat status {};
-  ASSERT_EQ(0, ::stat("/var/log/mlog/wan.log", &status));
+  ASSERT_EQ(0, ::stat("/var/mlogfile/wan.log", &status));
   EXPECT_EQ(mode_t{S_IFREG | 0640}, status.st_mode);
+}
+
+TEST_F(LogServer, MasksPersonalData) {
+  MlogPrint("wan", MLOG_LEVEL_INFO,
+            "host 192.168.1.10 at 00:11:22:33:44:55, 2001:db8::1, 4857544312AB34CD");
+  ASSERT_EQ(0, MlogFlushLog());
+
+  EXPECT_THAT(log_of("wan"), EndsWith(":host 192.***.*.10 at 00:**:**:33:**:55, ***********, "
+                                      "4*5*5*4*1*A*3*C*\n"));
 }
 
 TEST_F(LogServer, KeepsStatisticsOfEveryModule) {
@@ -71,7 +97,7 @@ TEST_F(LogServer, LosesNoLineOfABurstFromTenProcesses) {
   ASSERT_EQ(0, MlogFlushLog());
 
   for (int process = 0; process < kProcesses; ++process) {
-    std::ifstream file("/var/log/mlog/m" + std::to_string(process) + ".log");
+    std::istringstream file(log_of("m" + std::to_string(process)));
     std::string line;
     int count = 0;
     while (std::getline(file, line)) {
@@ -115,8 +141,7 @@ TEST_F(LogServer, KeepsLinesThatNameNoProperModule) {
   MlogSocketClose(fd, "stranger");
   ASSERT_EQ(0, MlogFlushLog());
 
-  EXPECT_THAT(content_of("/var/log/mlog/other.log"),
-              EndsWith("[1][../../x][INFO]:a\n[1][.x][INFO]:b\nfree text\n"));
+  EXPECT_EQ(log_of("other"), ("[1][../../x][INFO]:a\n[1][.x][INFO]:b\nfree text\n"));
 }
 
 TEST_F(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
@@ -127,10 +152,224 @@ TEST_F(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   MlogPrint("wan", MLOG_LEVEL_INFO, "last words");
   EXPECT_EQ(0, server_.stop(SIGTERM));
   EXPECT_NE(0, ::access("/var/mlog/mlogServer", F_OK));
-  EXPECT_THAT(content_of("/var/log/mlog/wan.log"), EndsWith(":last words\n"));
+  EXPECT_THAT(log_of("wan"), EndsWith(":last words\n"));
 
   test::Process third("mlogserver");
   EXPECT_TRUE(third.wait_for("ready"));
+}
+
+TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
+  write_config(
+      "# comment\n"
+      "directory = /var/a\n"
+      "level = WARN\n"
+      "modules = wan lan\n"
+      "[lan]\n"
+      "level = ERRO\n"
+      "max_size = 4096\n");
+  test::Process server("mlogserver", {"--config", "/var/mlogserver.conf"});
+  ASSERT_TRUE(server.wait_for("ready"));
+
+  for (const char *module : {"wan", "lan", "usb"}) {
+    for (const uint32_t level : {0u, 2u, 4u, 8u}) MlogPrint(module, level, "level %u", level);
+  }
+  ASSERT_EQ(0, MlogFlushLog());
+
+  EXPECT_THAT(log_of("wan", "/var/a"),
+              testing::MatchesRegex(".*:level 0\n.*:level 2\n.*:level 4\n"));
+  EXPECT_THAT(log_of("lan", "/var/a"), testing::MatchesRegex(".*:level 0\n.*:level 2\n"));
+  EXPECT_THAT(log_of("other", "/var/a"),
+              testing::MatchesRegex(".*\\[usb\\].*:level 0\n.*:level 2\n.*:level 4\n"));
+
+  for (int line = 0; line < 100; ++line) MlogPrint("lan", 2, "%080d", line);
+  ASSERT_EQ(0, MlogFlushLog());
+  EXPECT_EQ(std::filesystem::file_size("/var/a/lan.log") / 100, 40u);
+  EXPECT_THAT(content_of("/var/a/lan.log"), HasSubstr("[overturn=002]"));
+}
+
+TEST(LogServerConfig, IsReadAnewOnRequest) {
+  write_config("directory = /var/a\nshare_directory = /mnt/b\n");
+  test::Process server("mlogserver", {"--config", "/var/mlogserver.conf"});
+  ASSERT_TRUE(server.wait_for("ready"));
+  MlogPrint("wan", 8, "first");
+
+  // The share partition comes into use.
+  std::ofstream("/var/mlog/mlogcfg") << "[SHARE]=1\n";
+  ::kill(server.pid(), SIGHUP);
+  ASSERT_TRUE(server.wait_for("files are in /mnt/b"));
+  MlogPrint("wan", 8, "second");
+
+  // A mistake changes nothing.
+  write_config("directory = /var/c\nlevel = LOUD\n");
+  ::kill(server.pid(), SIGHUP);
+  ASSERT_TRUE(server.wait_for("level = LOUD: not one of FATL, ERRO, WARN, INFO; going on"));
+  MlogPrint("wan", 8, "third");
+  ASSERT_EQ(0, MlogFlushLog());
+
+  EXPECT_THAT(log_of("wan", "/var/a"), testing::MatchesRegex(".*:first\n"));
+  EXPECT_THAT(log_of("wan", "/mnt/b"), testing::MatchesRegex(".*:second\n.*:third\n"));
+}
+
+TEST(LogServerConfig, MistakesAreNamed) {
+  struct {
+    const char *text;
+    const char *complaint;
+  } const cases[] = {
+      {"size = 1\n", "unknown key size"},
+      {"max_size = 100\n", "max_size = 100: not a number from 4096 to 2097152"},
+      {"max_size = 10k\n", "max_size = 10k: not a number"},
+      {"directory = logs\n", "directory = logs: not an absolute path"},
+      {"directory = /a b\n", "directory needs one value"},
+      {"level =\n", "level needs one value"},
+      {"modules = a ../b\n", "../b: not a module's name"},
+      {"[wan]\nmodules = a\n", "unknown key modules in [wan]"},
+      {"[a/b]\nlevel = WARN\n", "a/b: not a module's name"},
+  };
+  for (const auto &c : cases) {
+    write_config(c.text);
+    test::Process server("mlogserver", {"--config", "/var/mlogserver.conf"});
+    EXPECT_EQ(1, server.wait());
+    EXPECT_THAT(server.output(), HasSubstr(c.complaint));
+  }
+  test::Process server("mlogserver", {"--config", "/var/absent.conf"});
+  EXPECT_EQ(1, server.wait());
+}
+
+TEST(LogServerConfig, LimitsTheNumberOfFiles) {
+  write_config("max_modules = 3\n");
+  test::Process server("mlogserver", {"--config", "/var/mlogserver.conf"});
+  ASSERT_TRUE(server.wait_for("ready"));
+
+  for (const char *module : {"a", "b", "c", "d", "e", "a"}) MlogPrint(module, 8, "line");
+  ASSERT_EQ(0, MlogFlushLog());
+
+  EXPECT_THAT(log_of("a"), testing::MatchesRegex("(.*:line\n){2}"));
+  EXPECT_THAT(log_of("other"), testing::MatchesRegex(".*\\[d\\].*\n.*\\[e\\].*\n"));
+}
+
+TEST(LogServerDisk, AFullDiskIsReportedOnceAndSurvived) {
+  ASSERT_EQ(0, ::mkdir("/mnt/disk", 0755));
+  ASSERT_EQ(0, ::mount("small", "/mnt/disk", "tmpfs", 0, "size=256k")) << std::strerror(errno);
+  test::Process server("mlogserver", {"--directory", "/mnt/disk"});
+  ASSERT_TRUE(server.wait_for("ready"));
+  MlogPrint("wan", 8, "before");
+  std::ofstream("/mnt/disk/ballast") << std::string(512 * 1024, 'x');
+
+  for (int line = 0; line < 300; ++line) MlogPrint("wan", 8, "%0200d", line);
+  EXPECT_EQ(-1, MlogFlushLog());
+  ASSERT_TRUE(server.wait_for("No space left on device: lines are lost"));
+
+  std::filesystem::remove("/mnt/disk/ballast");
+  do {
+    MlogPrint("wan", 8, "after");
+  } while (MlogFlushLog() != 0);
+  EXPECT_THAT(content_of("/mnt/disk/wan.log"), HasSubstr(" lines before this one are lost\n["));
+  EXPECT_THAT(content_of("/mnt/disk/wan.log"), EndsWith(":after\n"));
+
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_EQ(server.output().find("are lost from now"), server.output().rfind("are lost from now"));
+}
+
+TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {
+  std::filesystem::create_directories("/var/mlogfile/wan.log");
+  test::Process server("mlogserver");
+  ASSERT_TRUE(server.wait_for("ready"));
+
+  MlogPrint("wan", 8, "lost");
+  MlogPrint("lan", 8, "kept");
+  MlogFlushLog();
+
+  EXPECT_THAT(log_of("lan"), EndsWith(":kept\n"));
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 lost 1"));
+}
+
+// Sends lines and waits until the server has taken each out of the socket's queue.
+class Sender {
+ public:
+  Sender() { EXPECT_EQ(0, MlogSocketOpen("sender", &fd_)); }
+  Sender(const Sender &) = delete;
+  Sender &operator=(const Sender &) = delete;
+  ~Sender() { MlogSocketClose(fd_, "sender"); }
+
+  // False when nobody takes the line.
+  bool send(int number) {
+    MlogMsg message{.type = MLOG_TYPE_LOG, .length = 0, .payload = {}};
+    message.length =
+        1 + static_cast<uint32_t>(std::snprintf(message.payload, sizeof message.payload,
+                                                "[1][wan][INFO]:%d\n", number));
+    return MlogSendMsg(fd_, &message, MLOG_SERVER_NAME) == 0;
+  }
+
+  bool all_taken() {
+    int queued = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (::ioctl(fd_, kQueuedBytes, &queued) == 0 && queued > 0) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr unsigned long kQueuedBytes = TIOCOUTQ;
+  int32_t fd_ = -1;
+};
+
+TEST(LogServerKill, LosesNoLineThatItHasTaken) {
+  write_config("max_size = 2097152\n");  // all lines of a long run
+  const std::vector<std::string> arguments = {"--config", "/var/mlogserver.conf"};
+  std::mt19937 random(test::seed());
+  int number = 0;
+  const uint32_t rounds = 20 * test::soak_factor();
+  for (uint32_t round = 0; round < rounds; ++round) {
+    test::Process server("mlogserver", arguments);
+    ASSERT_TRUE(server.wait_for("ready"));
+    Sender sender;
+    for (auto count = random() % 40; count > 0; --count) ASSERT_TRUE(sender.send(number++));
+    ASSERT_TRUE(sender.all_taken());
+    // It may be anywhere between taking the last lines and writing them.
+    ASSERT_EQ(128 + SIGKILL, server.stop(SIGKILL));
+  }
+  test::Process server("mlogserver", arguments);
+  ASSERT_TRUE(server.wait_for("ready"));
+  ASSERT_EQ(0, server.stop(SIGTERM));
+
+  std::istringstream lines(log_of("wan"));
+  std::string line;
+  int expected = 0;
+  uint32_t twice = 0;
+  while (std::getline(lines, line)) {
+    if (line == "[1][wan][INFO]:" + std::to_string(expected)) {
+      ++expected;
+    } else {
+      // The line that was being written may come again.
+      EXPECT_EQ("[1][wan][INFO]:" + std::to_string(expected - 1), line);
+      ++twice;
+    }
+  }
+  EXPECT_EQ(number, expected);
+  EXPECT_LE(twice, rounds);
+}
+
+TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
+  test::Process first("mlogserver");
+  ASSERT_TRUE(first.wait_for("ready"));
+  first.stop(SIGKILL);
+  // The inbox of another version, and what could have been left in its place.
+  for (const std::string &junk : {std::string(200000, 'x'), std::string("short"), std::string()}) {
+    std::ofstream("/var/mlog/mlogServer.inbox", std::ios::trunc) << junk;
+    test::Process next("mlogserver");
+    ASSERT_TRUE(next.wait_for("ready"));
+    MlogPrint("wan", 8, "line");
+    EXPECT_EQ(0, MlogFlushLog());
+    EXPECT_EQ(0, next.stop(SIGTERM));
+    EXPECT_NE(0, ::access("/var/mlog/mlogServer.inbox", F_OK));
+  }
+  ::symlink("/var/target", "/var/mlog/mlogServer.inbox");
+  test::Process last("mlogserver");
+  EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
+  EXPECT_TRUE(last.wait_for("ready"));
+  EXPECT_NE(0, ::access("/var/target", F_OK));
 }
 
 }  // namespace

@@ -131,10 +131,10 @@ void build_root() {
   check(::mount(opened(real_tmp).c_str(), (root / "tmp").c_str(), nullptr, MS_BIND | MS_REC,
                 nullptr) == 0,
         "bind /tmp");
-  mirror(opened(real_var), root / "var", {"run", "mlog", "lock"});
+  mirror(opened(real_var), root / "var", {"run", "mlog", "lock", "log"});
   if (real_mnt >= 0) mirror(opened(real_mnt), root / "mnt", {});
-  for (const char *path : {"var/run/msg", "var/run/notify", "var/mlog", "var/lock", "mnt", "online",
-                           "app", "proc", "sys"}) {
+  for (const char *path : {"var/run/msg", "var/run/notify", "var/mlog", "var/lock", "var/log",
+                           "mnt", "online", "app", "proc", "sys"}) {
     fs::create_directories(root / path);
   }
 

@@ -26,51 +26,98 @@ constexpr size_t utf8_size(uint16_t unit) {
   return unit <= 0x7F ? 1 : unit <= 0x7FF ? 2 : 3;
 }
 
+// The continuation byte for the low six bits of `bits`.
+constexpr char continuation(uint32_t bits) {
+  return static_cast<char>(0x80 | (bits & 0x3F));
+}
+
 // Writes utf8_size(unit) bytes.
-inline size_t encode(uint16_t unit, char *out) {
-  const auto low_bits = [unit](int shift) {
-    return static_cast<char>(0x80 | (unit >> shift & 0x3F));
-  };
+inline size_t encode(uint32_t unit, char *out) {
   if (unit <= 0x7F) {
     out[0] = static_cast<char>(unit);
     return 1;
   }
   if (unit <= 0x7FF) {
     out[0] = static_cast<char>(0xC0 | unit >> 6);
-    out[1] = low_bits(0);
+    out[1] = continuation(unit);
     return 2;
   }
   out[0] = static_cast<char>(0xE0 | unit >> 12);
-  out[1] = low_bits(6);
-  out[2] = low_bits(0);
+  out[1] = continuation(unit >> 6);
+  out[2] = continuation(unit);
   return 3;
+}
+
+// The loops for many characters are for little-endian hosts and move ASCII in words of eight bytes
+// or four units.
+constexpr bool kLittleEndian = std::endian::native == std::endian::little;
+constexpr ptrdiff_t kWordBytes = 8;
+constexpr ptrdiff_t kWordUnits = 4;
+constexpr uint64_t kEveryByte = 0x0101010101010101;
+constexpr uint64_t kEveryUnit = 0x0001000100010001;
+
+// Whether each byte, or unit, is 1..0x7F: its top bits are clear, and it does not borrow for being
+// zero.
+constexpr bool has_ascii_bytes_only(uint64_t word) {
+  return ((word | (word - kEveryByte)) & (kEveryByte * 0x80)) == 0;
+}
+
+constexpr bool has_ascii_units_only(uint64_t word) {
+  return ((word | (word - kEveryUnit)) & (kEveryUnit * 0xFF80)) == 0;
+}
+
+// The low bytes of the units in `word`.
+constexpr uint32_t packed(uint64_t word) {
+  word = (word | word >> 8) & 0x0000FFFF0000FFFF;
+  return static_cast<uint32_t>(word | word >> 16);
+}
+
+// Converts units up to a zero one, as long as both sides have room for a character of any size.
+void ucs2_to_utf8_run(UnitReader *in, TextWriter *out) {
+  if constexpr (!kLittleEndian) return;
+  while (const size_t safe = std::min(in->left(), out->left() / kMaxUnitSize)) {
+    const uint16_t *const first = in->rest().data(), *from = first;
+    const uint16_t *const end = first + safe;
+    char *const start = out->rest().data(), *to = start;
+    while (from < end) {
+      const uint32_t unit = *from;
+      if (unit > 0x7FF) {
+        to[0] = static_cast<char>(0xE0 | unit >> 12);
+        to[1] = continuation(unit >> 6);
+        to[2] = continuation(unit);
+        from += 1;
+        to += 3;
+      } else if (unit > 0x7F) {
+        to[0] = static_cast<char>(0xC0 | unit >> 6);
+        to[1] = continuation(unit);
+        from += 1;
+        to += 2;
+      } else if (end - from >= kWordUnits && has_ascii_units_only(load<uint64_t>(from))) {
+        store<uint32_t>(to, packed(load<uint64_t>(from)));
+        from += kWordUnits;
+        to += kWordUnits;
+      } else {
+        if (unit == 0) break;
+        *to++ = static_cast<char>(unit);
+        from += 1;
+      }
+    }
+    in->take(static_cast<size_t>(from - first));
+    out->advance(static_cast<size_t>(to - start));
+    if (from < end) return;
+  }
 }
 
 // Converts up to a zero unit or the end of either side. False when a character did not fit.
 bool ucs2_to_utf8(UnitReader in, TextWriter *out) {
   for (;;) {
-    const std::span<const uint16_t> units = in.rest();
-    const std::span<char> room = out->rest();
-    const size_t count = std::min(units.size(), room.size() / kMaxUnitSize);
-    size_t taken = 0, written = 0;
-    while (taken < count && units[taken] != 0) written += encode(units[taken++], &room[written]);
-    in.take(taken);
-    out->advance(written);
-
+    ucs2_to_utf8_run(&in, out);
     const uint16_t unit = in.next();
     if (unit == 0) return true;
     if (utf8_size(unit) > out->left()) return false;
     char bytes[kMaxUnitSize];
     out->put_all({bytes, encode(unit, bytes)});
   }
-}
-
-constexpr uint64_t kEveryByte = 0x0101010101010101;
-
-// True when none of the eight bytes is zero or above 0x7F.
-constexpr bool is_plain_ascii(uint64_t bytes) {
-  // A byte's top bit appears where the byte has it, or borrows for being zero.
-  return ((bytes | (bytes - kEveryByte)) & (kEveryByte << 7)) == 0;
 }
 
 // Bytes of the sequence that `lead` begins, 0 if it begins none.
@@ -80,34 +127,40 @@ constexpr size_t sequence_size(uint8_t lead) {
   return static_cast<size_t>(std::countl_one(lead));
 }
 
-// Converts characters of up to three bytes as long as both sides have room for the longest.
+// Converts characters of up to three bytes up to a zero one, as long as both sides have room for
+// one of any size.
 void utf8_to_ucs2_run(ByteReader *in, UnitWriter *out) {
-  const std::span<const uint8_t> bytes = in->rest();
-  const std::span<uint16_t> units = out->rest();
-  size_t at = 0, written = 0;
-  while (at + 8 <= bytes.size() && written + 8 <= units.size()) {
-    if (is_plain_ascii(load<uint64_t>(&bytes[at]))) {
-      for (size_t i = 0; i < 8; ++i) units[written + i] = bytes[at + i];
-      at += 8;
-      written += 8;
-      continue;
+  if constexpr (!kLittleEndian) return;
+  while (const size_t safe = std::min(in->left() / kMaxUnitSize, out->left())) {
+    const uint8_t *const first = in->rest().data(), *from = first;
+    uint16_t *const start = out->rest().data(), *to = start;
+    uint16_t *const end = start + safe;
+    while (to < end) {
+      const uint32_t lead = *from;
+      if (lead < 0x80) {
+        if (end - to >= kWordBytes && has_ascii_bytes_only(load<uint64_t>(from))) {
+          for (ptrdiff_t i = 0; i < kWordBytes; ++i) to[i] = from[i];
+          from += kWordBytes;
+          to += kWordBytes;
+        } else {
+          if (lead == 0) break;
+          *to++ = static_cast<uint16_t>(lead);
+          from += 1;
+        }
+      } else if (lead >= 0xE0) {
+        if (lead >= 0xF0) break;
+        *to++ = static_cast<uint16_t>(lead << 12 | (from[1] & 0x3Fu) << 6 | (from[2] & 0x3Fu));
+        from += 3;
+      } else {
+        if (lead < 0xC0) break;
+        *to++ = static_cast<uint16_t>((lead & 0x1F) << 6 | (from[1] & 0x3Fu));
+        from += 2;
+      }
     }
-    const uint8_t lead = bytes[at];
-    if (lead >= 0xF0 || lead == 0 || (lead >= 0x80 && lead < 0xC0)) break;
-    if (lead < 0x80) {
-      units[written++] = lead;
-      at += 1;
-    } else if (lead < 0xE0) {
-      units[written++] = static_cast<uint16_t>((lead & 0x1F) << 6 | (bytes[at + 1] & 0x3F));
-      at += 2;
-    } else {
-      units[written++] = static_cast<uint16_t>((lead & 0x0F) << 12 | (bytes[at + 1] & 0x3F) << 6 |
-                                               (bytes[at + 2] & 0x3F));
-      at += 3;
-    }
+    in->take(static_cast<size_t>(from - first));
+    out->advance(static_cast<size_t>(to - start));
+    if (to < end) return;
   }
-  in->take(at);
-  out->advance(written);
 }
 
 uint32_t utf8_to_ucs2(ByteReader in, UnitWriter *out) {

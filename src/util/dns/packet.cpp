@@ -53,15 +53,17 @@ size_t name_length(std::span<const uint8_t> message, size_t offset) {
 
 // Appends a label and its dot, which must leave room for the NUL.
 bool put_label(TextWriter *out, std::span<const uint8_t> label) {
-  if (out->left() < label.size() + 2) return false;
+  const std::span<char> room = out->rest();
+  if (room.size() < label.size() + 2) return false;
   bool has_dot = false;
-  for (const uint8_t byte : label) {
-    has_dot |= byte == '.';
-    out->put(static_cast<char>(byte));
+  for (size_t i = 0; i < label.size(); ++i) {
+    has_dot |= label[i] == '.';
+    room[i] = static_cast<char>(label[i]);
   }
+  room[label.size()] = '.';
+  out->advance(label.size() + 1);
   // A dot inside a label would read as two labels.
-  if (has_dot) return false;
-  return out->put('.');
+  return !has_dot;
 }
 
 // Reads the name at `offset` into `text`; `*consumed` is written but for labels ending in a

@@ -7,6 +7,7 @@
 #include <span>
 #include <string_view>
 
+#include "base/cursor.h"
 #include "msgapi/dns.h"
 
 namespace msgapi::dns {
@@ -37,7 +38,7 @@ bool reverse_labels(std::string_view prefix, std::span<char> text) {
     const size_t length = std::min(prefix.find('.'), prefix.size());
     if (length == 0) return false;
     end -= length;
-    std::copy_n(prefix.data(), length, &text[end]);
+    TextWriter(text, end).put_text({prefix.data(), length});
     if (end == 0) return true;
     text[--end] = '.';
     prefix.remove_prefix(length + 1);
@@ -59,7 +60,7 @@ uint32_t address_of(std::string_view name, std::span<char> text, uint32_t *is_ip
   const bool ipv4 = ipv6_end == name.npos;
   const std::string_view prefix(name.data(), ipv4 ? ipv4_end : ipv6_end);
   if (!(ipv4 ? is_ipv4_prefix(prefix) : is_ipv6_prefix(prefix))) return ORP_DNS_ERR_ARGUMENT;
-  if (prefix.size() + 2 > text.size()) return ORP_DNS_ERR_ARGUMENT;
+  if (text.size() < 2 || prefix.size() > text.size() - 2) return ORP_DNS_ERR_ARGUMENT;
 
   if (!reverse_labels(prefix, text)) return kEmptyLabel;
   // One past the text: callers pass a zeroed buffer, and the byte between is theirs.

@@ -3,12 +3,10 @@
 #include "msgapi/bridge.h"
 
 #include <fcntl.h>
-#include <strings.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <optional>
 
 #include "base/text.h"
@@ -73,18 +71,6 @@ uint32_t write_mac_file(const char *caller, const char *bridge) {
   return count;
 }
 
-std::optional<MacLine> find_mac(int fd, const char *mac) {
-  os::LineReader lines(fd);
-  std::array<char, kListingLineSize> buffer;
-  while (lines.next(buffer)) {
-    MacLine line;
-    if (parse_mac_line(buffer.data(), &line) && ::strcasecmp(line.mac.data(), mac) == 0) {
-      return line;
-    }
-  }
-  return std::nullopt;
-}
-
 enum class Lookup { kFound, kNoBridge, kUnknown };
 
 // Looks `mac` up in the forwarding table of `bridge`, or of every bridge when it is null.
@@ -98,61 +84,6 @@ Lookup look_up_mac(const char *caller, const char *bridge, const char *mac, MacL
   if (!line) return Lookup::kUnknown;
   *out = *line;
   return Lookup::kFound;
-}
-
-// Writes the bridge of `interface` to `out`.
-bool find_bridge_of(int fd, std::string_view interface, std::span<char> out) {
-  os::LineReader lines(fd);
-  std::array<char, kListingLineSize> buffer, bridge{};
-  while (const auto text = lines.next(buffer)) {
-    const ShowLine line = parse_show_line(*text);
-    std::string_view candidate;
-    if (line.has_bridge_and_interface()) {
-      copy_cut(bridge, line.words[0]);
-      candidate = line.words[3];
-    } else if (line.count == 1) {
-      candidate = line.words[0];
-    }
-    if (candidate.empty() || candidate != interface) continue;
-
-    return bridge[0] != '\0' && copy_exact(out, bridge.data());
-  }
-  return false;
-}
-
-// Stores the interfaces of `bridge`; false when there is no such bridge or no room for its first
-// one, or when a name does not fit.
-bool list_interfaces(int fd, std::string_view bridge, std::span<char[ORP_IF_NAME_SIZE]> names) {
-  os::LineReader lines(fd);
-  std::array<char, kListingLineSize> buffer;
-  size_t count = 0;
-  while (const auto text = lines.next(buffer)) {
-    const ShowLine line = parse_show_line(*text);
-    if (line.count != 4 || line.words[0] != bridge) continue;
-    if (names.empty() || !copy_exact(names[count++], line.words[3])) return false;
-    break;
-  }
-  if (count == 0) return false;
-
-  while (count < names.size()) {
-    const auto text = lines.next(buffer);
-    if (!text) break;
-    const std::string_view word = parse_show_line(*text).words[0];
-    if (word.empty()) continue;
-    if (word.starts_with("br")) break;
-    if (!copy_exact(names[count++], word)) return false;
-  }
-  if (count < names.size()) names[count][0] = '\0';
-  return true;
-}
-
-// Appends ",name", without the comma to an empty text, when all of it fits.
-void append_name(std::span<char> out, size_t *length, std::string_view name) {
-  const size_t comma = *length == 0 ? 0 : 1;
-  if (out.size() - *length <= comma + name.size()) return;
-  if (comma != 0) out[(*length)++] = ',';
-  copy_cut(out.subspan(*length), name);
-  *length += name.size();
 }
 
 }  // namespace
@@ -170,17 +101,7 @@ extern "C" uint32_t ORP_UTIL_GetBridgeAllNames(char *out, uint32_t outSize) {
   const os::UniqueFd fd = show.open();
   if (!fd) return 0;
 
-  uint32_t count = 0;
-  size_t length = 0;
-  os::LineReader lines(fd.get());
-  std::array<char, kListingLineSize> buffer;
-  while (const auto text = lines.next(buffer)) {
-    const ShowLine line = parse_show_line(*text);
-    if (!line.is_bridge(true)) continue;
-    append_name(names, &length, line.words[0]);
-    ++count;
-  }
-  return count;
+  return list_bridges(fd.get(), names);
 }
 
 extern "C" uint32_t ORP_UTIL_GetBrByLanInterface(const char *ifName, char *out, uint32_t outSize,

@@ -1,9 +1,12 @@
 #include "util/net/bridge_listing.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstdio>
 
 #include "base/text.h"
+#include "os/line_reader.h"
 
 namespace msgapi {
 namespace {
@@ -14,6 +17,21 @@ bool is_digit(char c) {
 
 bool is_stp_flag(std::string_view word) {
   return word == "no" || word == "yes";
+}
+
+// Appends ",name", without the comma to an empty text, when all of it fits.
+void append_name(std::span<char> out, size_t *length, std::string_view name) {
+  const size_t comma = *length == 0 ? 0 : 1;
+  if (out.size() - *length <= comma + name.size()) return;
+  if (comma != 0) out[(*length)++] = ',';
+  copy_cut(out.subspan(*length), name);
+  *length += name.size();
+}
+
+// False when the NUL-terminated line has not all five words.
+bool parse_mac_line(const char *line, MacLine *out) {
+  return std::sscanf(line, "%d %127s %127s %127s %127s\n", &out->port, out->mac.data(),
+                     out->local.data(), out->ageing.data(), out->interface.data()) == 5;
 }
 
 }  // namespace
@@ -51,9 +69,75 @@ ShowLine parse_show_line(std::string_view line) {
   return result;
 }
 
-bool parse_mac_line(const char *line, MacLine *out) {
-  return std::sscanf(line, "%d %127s %127s %127s %127s\n", &out->port, out->mac.data(),
-                     out->local.data(), out->ageing.data(), out->interface.data()) == 5;
+uint32_t list_bridges(int fd, std::span<char> out) {
+  copy_cut(out, "");
+
+  uint32_t count = 0;
+  size_t length = 0;
+  os::LineReader lines(fd);
+  std::array<char, kListingLineSize> buffer;
+  while (const auto text = lines.next(buffer)) {
+    const ShowLine line = parse_show_line(*text);
+    if (!line.is_bridge(true)) continue;
+    append_name(out, &length, line.words[0]);
+    ++count;
+  }
+  return count;
+}
+
+bool find_bridge_of(int fd, std::string_view interface, std::span<char> out) {
+  os::LineReader lines(fd);
+  std::array<char, kListingLineSize> buffer, bridge{};
+  while (const auto text = lines.next(buffer)) {
+    const ShowLine line = parse_show_line(*text);
+    std::string_view candidate;
+    if (line.has_bridge_and_interface()) {
+      copy_cut(bridge, line.words[0]);
+      candidate = line.words[3];
+    } else if (line.count == 1) {
+      candidate = line.words[0];
+    }
+    if (candidate.empty() || candidate != interface) continue;
+
+    return bridge[0] != '\0' && copy_exact(out, bridge.data());
+  }
+  return false;
+}
+
+bool list_interfaces(int fd, std::string_view bridge, std::span<char[ORP_IF_NAME_SIZE]> names) {
+  os::LineReader lines(fd);
+  std::array<char, kListingLineSize> buffer;
+  size_t count = 0;
+  while (const auto text = lines.next(buffer)) {
+    const ShowLine line = parse_show_line(*text);
+    if (line.count != 4 || line.words[0] != bridge) continue;
+    if (names.empty() || !copy_exact(names[count++], line.words[3])) return false;
+    break;
+  }
+  if (count == 0) return false;
+
+  while (count < names.size()) {
+    const auto text = lines.next(buffer);
+    if (!text) break;
+    const std::string_view word = parse_show_line(*text).words[0];
+    if (word.empty()) continue;
+    if (begins_with(word, "br")) break;
+    if (!copy_exact(names[count++], word)) return false;
+  }
+  if (count < names.size()) names[count][0] = '\0';
+  return true;
+}
+
+std::optional<MacLine> find_mac(int fd, const char *mac) {
+  os::LineReader lines(fd);
+  std::array<char, kListingLineSize> buffer;
+  while (lines.next(buffer)) {
+    MacLine line;
+    if (parse_mac_line(buffer.data(), &line) && ::strcasecmp(line.mac.data(), mac) == 0) {
+      return line;
+    }
+  }
+  return std::nullopt;
 }
 
 }  // namespace msgapi

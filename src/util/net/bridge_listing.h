@@ -9,7 +9,12 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
 #include <string_view>
+
+#include "msgapi/bridge.h"
 
 namespace msgapi {
 
@@ -42,7 +47,21 @@ struct MacLine {
   std::array<char, kListingLineSize> ageing;
   std::array<char, kListingLineSize> interface;
 };
-// False when the NUL-terminated line, shorter than kListingLineSize, has not all five.
-bool parse_mac_line(const char *line, MacLine *out);
+
+// The following read a whole listing from a descriptor.
+
+// Writes the names of all bridges, separated by ",", to `out`; those that do not fit are left out.
+// Returns how many bridges there are.
+uint32_t list_bridges(int fd, std::span<char> out);
+
+// Writes the bridge of `interface` to `out`; false when there is none or it does not fit.
+bool find_bridge_of(int fd, std::string_view interface, std::span<char> out);
+
+// Stores the interfaces of `bridge` and, when there is room, an empty name behind them; false when
+// there is no such bridge or no room for its first one, or when a name does not fit.
+bool list_interfaces(int fd, std::string_view bridge, std::span<char[ORP_IF_NAME_SIZE]> names);
+
+// The line of "brctl showmacs" for `mac`, ignoring case.
+std::optional<MacLine> find_mac(int fd, const char *mac);
 
 }  // namespace msgapi

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/text.h"
 #include "msgapi/path.h"
 
 namespace msgapi::path {
@@ -18,7 +19,7 @@ bool too_long(const char *path) {
 }
 
 bool is_below(std::string_view path, std::string_view base) {
-  if (!path.starts_with(base)) return false;
+  if (!begins_with(path, base)) return false;
   path.remove_prefix(base.size());
   // The base /mnt/usb does not admit /mnt/usb1.
   return path.empty() || path[0] == '/';

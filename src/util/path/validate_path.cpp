@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/text.h"
 #include "msgapi/path.h"
 
 namespace msgapi::path {
@@ -54,9 +55,9 @@ static_assert(std::size(kRules) == kHandOverType + 1);
 constexpr std::string_view kSystemRoot = "/system";
 
 bool below_system(std::string_view canonical, std::string_view place) {
-  if (!canonical.starts_with(kSystemRoot)) return false;
+  if (!begins_with(canonical, kSystemRoot)) return false;
   canonical.remove_prefix(kSystemRoot.size());
-  return canonical.starts_with(place);
+  return begins_with(canonical, place);
 }
 
 bool allows(const Rule &rule, std::string_view canonical) {
@@ -64,12 +65,12 @@ bool allows(const Rule &rule, std::string_view canonical) {
     case Match::kNothing:
       return false;
     case Match::kPrefix:
-      return canonical.starts_with(rule.place);
+      return begins_with(canonical, rule.place);
     case Match::kFile:
       return canonical == rule.place;
     case Match::kApplication:
-      return canonical.starts_with("/app") ? canonical.starts_with(rule.place)
-                                           : below_system(canonical, rule.place);
+      return begins_with(canonical, "/app") ? begins_with(canonical, rule.place)
+                                            : below_system(canonical, rule.place);
   }
   return false;
 }

@@ -17,7 +17,7 @@ constexpr std::string_view kApiPrefix = "/api/";
 uint32_t put_without(TextWriter *out, std::string_view text, std::string_view part) {
   uint32_t count = 0;
   while (!text.empty()) {
-    if (text.starts_with(part)) {
+    if (begins_with(text, part)) {
       ++count;
       text.remove_prefix(part.size());
     } else {
@@ -51,7 +51,7 @@ extern "C" uint32_t ORP_UTIL_FindModuleAndFuncByUri(const char *uri, char *modul
                                                     uint32_t function_size) {
   if (uri == nullptr) return 1;
   std::string_view path = uri;
-  if (!path.starts_with(kApiPrefix)) return 1;
+  if (!begins_with(path, kApiPrefix)) return 1;
   path.remove_prefix(kApiPrefix.size());
   const size_t slash = path.find('/');
   if (slash == path.npos) return 1;

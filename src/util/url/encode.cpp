@@ -47,30 +47,57 @@ constexpr CodeTable make_form_table() {
   return table;
 }
 
+constexpr Code kPercentSign = {{'%'}, 1};
 constexpr CodeTable kFormCodes = make_form_table();
 constexpr CodeTable kUriCodes = make_table("!#$&'()*+,/:;=?@-._~", kLowerHexDigits);
 
-constexpr const Code &code_of(const CodeTable &table, char character) {
-  return table[static_cast<uint8_t>(character)];
-}
+// Texts up to this size are encoded on the stack and then copied.
+constexpr size_t kShortText = 256;
+constexpr size_t kLongestCode = 3;
 
 bool is_escape(std::string_view text) {
   return text.size() >= 3 && text[0] == '%' && hex_value(text[1]) >= 0 && hex_value(text[2]) >= 0;
 }
 
-void put_code(TextWriter *out, const Code &code) {
-  out->put_first(code.text, code.length);
+// Both write the encoded text and its NUL to the beginning of `room` and return what they wrote.
+std::span<const char> encode_form(std::string_view text, std::span<char> room) {
+  TextWriter out(room);
+  for (const char character : text) {
+    const Code &code = kFormCodes[static_cast<uint8_t>(character)];
+    out.put_first(code.text, code.length);
+  }
+  out.put('\0');
+  return out.written();
+}
+
+std::span<const char> encode_uri(std::string_view text, std::span<char> room) {
+  TextWriter out(room);
+  for (size_t at = 0; at < text.size(); ++at) {
+    // A "%" that begins an escape stays, and so do the digits behind it, like all of their kind.
+    const bool stays = text[at] == '%' && is_escape({&text[at], text.size() - at});
+    const Code &code = stays ? kPercentSign : kUriCodes[static_cast<uint8_t>(text[at])];
+    out.put_first(code.text, code.length);
+  }
+  out.put('\0');
+  return out.written();
+}
+
+Owned<char> copy_of(std::span<const char> text) {
+  Owned<char> copy(static_cast<char *>(guarded_alloc(text.size())));
+  if (copy) std::memcpy(copy.get(), text.data(), text.size());
+  return copy;
 }
 
 Owned<char> form_encode(std::string_view text) {
-  uint64_t length = 0;
-  for (const char character : text) length += code_of(kFormCodes, character).length;
-  Owned<char> encoded(static_cast<char *>(guarded_alloc(length + 1)));
-  if (!encoded) return nullptr;
+  if (text.size() <= kShortText) {
+    char work[kLongestCode * kShortText + 1];
+    return copy_of(encode_form(text, work));
+  }
 
-  TextWriter out({encoded.get(), static_cast<size_t>(length) + 1});
-  for (const char character : text) put_code(&out, code_of(kFormCodes, character));
-  out.put('\0');
+  uint64_t length = 0;
+  for (const char character : text) length += kFormCodes[static_cast<uint8_t>(character)].length;
+  Owned<char> encoded(static_cast<char *>(guarded_alloc(length + 1)));
+  if (encoded) encode_form(text, {encoded.get(), static_cast<size_t>(length) + 1});
   return encoded;
 }
 
@@ -78,26 +105,15 @@ Owned<char> form_encode(std::string_view text) {
 
 Owned<char> escape_uri(std::string_view path) {
   if (path.empty()) path = "/";
-  if (path.size() > kLongestUri) return nullptr;
-  const size_t work_size = 3 * path.size() + 1;
-  const Owned<char> work(static_cast<char *>(guarded_alloc(work_size)));
-  if (!work) return nullptr;
-
-  TextWriter out({work.get(), work_size});
-  while (!path.empty()) {
-    // A "%" that begins an escape stays, and so do the digits behind it, like all of their kind.
-    if (is_escape(path)) {
-      out.put('%');
-    } else {
-      put_code(&out, code_of(kUriCodes, path[0]));
-    }
-    path.remove_prefix(1);
+  if (path.size() <= kShortText) {
+    char work[kLongestCode * kShortText + 1];
+    return copy_of(encode_uri(path, work));
   }
-  out.put('\0');
 
-  Owned<char> escaped(static_cast<char *>(guarded_alloc(out.offset())));
-  if (escaped) std::memcpy(escaped.get(), work.get(), out.offset());
-  return escaped;
+  if (path.size() > kLongestUri) return nullptr;
+  const size_t work_size = kLongestCode * path.size() + 1;
+  const Owned<char> work(static_cast<char *>(guarded_alloc(work_size)));
+  return work ? copy_of(encode_uri(path, {work.get(), work_size})) : nullptr;
 }
 
 }  // namespace msgapi::url

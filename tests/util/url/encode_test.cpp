@@ -75,10 +75,25 @@ TEST(UrlEncoders, RefuseWhatTheAllocatorRefuses) {
 }
 
 TEST(UrlEncoders, LeaveNothingBehindWithoutMemory) {
-  EXPECT_EQ(
-      1u, test::fail_every_allocation([] { return take(ORP_UTIL_UrlEncode("a b")) != "(null)"; }));
-  EXPECT_EQ(2u, test::fail_every_allocation(
-                    [] { return take(ORP_UTIL_GetEscapedUri("a b")) != "(null)"; }));
+  const auto failures = [](char *(*encode)(const char *), const std::string &text) {
+    return test::fail_every_allocation([&] { return take(encode(text.c_str())) != "(null)"; });
+  };
+
+  EXPECT_EQ(1u, failures(ORP_UTIL_UrlEncode, "a b"));
+  EXPECT_EQ(1u, failures(ORP_UTIL_UrlEncode, std::string(300, ' ')));
+  EXPECT_EQ(1u, failures(ORP_UTIL_GetEscapedUri, "a b"));
+  EXPECT_EQ(2u, failures(ORP_UTIL_GetEscapedUri, std::string(300, ' ')));
+}
+
+TEST(UrlEncoders, TreatLongTextsAsShortOnes) {
+  // Around the size up to which texts are encoded on the stack.
+  for (size_t size = 250; size < 260; ++size) {
+    std::string form, uri;
+    for (size_t i = 0; i < size; ++i) form += "%FF", uri += "%ff";
+    const std::string text(size, '\xff');
+    EXPECT_EQ(form, take(ORP_UTIL_UrlEncode(text.c_str())));
+    EXPECT_EQ(uri, take(ORP_UTIL_GetEscapedUri(text.c_str())));
+  }
 }
 
 }  // namespace

@@ -1,0 +1,15 @@
+// What the demo's two daemons say to each other.
+#pragma once
+
+#include <cstdint>
+
+// Messages from the panel ("web") to the station ("cms").
+constexpr uint32_t kReadTemperature = 0x1001;  // answer: ulMsgData, hundredths of a degree
+constexpr uint32_t kReadHistory = 0x1002;      // answer: kHistorySize bytes, byte n is n % 251
+constexpr uint32_t kMeasure = 0x1003;          // answer: ulMsgData of the request, plus one
+
+constexpr uint32_t kTemperature = 2150;
+constexpr uint32_t kHistorySize = 1024 * 1024;
+
+// Notification from the station to the panel: how often the temperature was read, and its value.
+constexpr uint32_t kTemperatureRead = 5;

@@ -1,0 +1,125 @@
+#include "config.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+#include "line.h"
+#include "msgapi/ringlog.h"
+
+namespace mlogserver {
+namespace {
+
+// A file must hold a few lines of the longest kind.
+constexpr uint32_t kSmallestFile = 4096;
+
+using Item = CLI::ConfigItem;
+
+std::string one_value(const Item &item) {
+  if (item.inputs.size() != 1 || item.inputs[0].empty()) {
+    throw std::runtime_error(fmt::format("{} needs one value", item.name));
+  }
+  return item.inputs[0];
+}
+
+uint32_t number(const Item &item, uint32_t least, uint32_t most) {
+  const std::string text = one_value(item);
+  uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || value < least || value > most) {
+    throw std::runtime_error(
+        fmt::format("{} = {}: not a number from {} to {}", item.name, text, least, most));
+  }
+  return value;
+}
+
+std::string absolute_path(const Item &item) {
+  const std::string path = one_value(item);
+  if (path.front() != '/') {
+    throw std::runtime_error(fmt::format("{} = {}: not an absolute path", item.name, path));
+  }
+  return path;
+}
+
+uint32_t level(const Item &item) {
+  const std::string name = one_value(item);
+  const uint32_t value = MlogGetLogLevel(name.c_str());
+  if (value == MLOG_LEVEL_NONE) {
+    throw std::runtime_error(
+        fmt::format("{} = {}: not one of FATL, ERRO, WARN, INFO", item.name, name));
+  }
+  return value;
+}
+
+void check_module(const std::string &module) {
+  if (!is_module_name(module)) throw std::runtime_error(module + ": not a module's name");
+}
+
+// False for a key that is none of a module's.
+bool set_limit(const Item &item, ModuleLimits *limits) {
+  if (item.name == "max_size") {
+    limits->max_size = number(item, kSmallestFile, MLOG_FILE_MAX_SIZE);
+  } else if (item.name == "level") {
+    limits->level = level(item);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void set_key(const Item &item, Config *config) {
+  if (item.name == "directory") {
+    config->directory = absolute_path(item);
+  } else if (item.name == "share_directory") {
+    config->share_directory = absolute_path(item);
+  } else if (item.name == "max_modules") {
+    config->max_modules = number(item, 1, 1000);
+  } else if (item.name == "modules") {
+    for (const std::string &module : item.inputs) {
+      check_module(module);
+      config->modules.insert(module);
+    }
+  } else if (!set_limit(item, &config->defaults)) {
+    throw std::runtime_error("unknown key " + item.name);
+  }
+}
+
+}  // namespace
+
+const ModuleLimits &Config::limits_of(const std::string &module) const {
+  const auto own = limits.find(module);
+  return own == limits.end() ? defaults : own->second;
+}
+
+Config read_config(const std::string &path) {
+  std::ifstream file(path);
+  if (!file) throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(errno)));
+
+  Config config;
+  try {
+    const std::vector<Item> items = CLI::ConfigINI().from_config(file);
+    // What a section leaves out is as in the rest of the file, wherever that stands.
+    for (const Item &item : items) {
+      if (item.parents.empty()) set_key(item, &config);
+    }
+    for (const Item &item : items) {
+      if (item.parents.empty() || item.name == "--") continue;
+      const std::string module = CLI::detail::join(item.parents, ".");
+      if (item.name == "++") {
+        check_module(module);
+        config.limits.emplace(module, config.defaults);
+      } else if (!set_limit(item, &config.limits.at(module))) {
+        throw std::runtime_error(fmt::format("unknown key {} in [{}]", item.name, module));
+      }
+    }
+  } catch (const std::exception &error) {
+    throw std::runtime_error(fmt::format("{}: {}", path, error.what()));
+  }
+  return config;
+}
+
+}  // namespace mlogserver

@@ -1,0 +1,89 @@
+#include "inbox.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "common/log_line.h"
+#include "common/unique_fd.h"
+
+namespace mlogserver {
+
+struct Inbox::Layout {
+  // Says that the file was made by this version of the server.
+  static constexpr uint64_t kMagic = 0x314f464e494d4c58;
+
+  uint64_t magic;
+  // The kernel stores msg_len when a datagram is complete; 0 is an empty slot. The pointers are
+  // those of the process that receives.
+  std::array<mmsghdr, kSlots> messages;
+  std::array<iovec, kSlots> parts;
+  std::array<sockaddr_un, kSlots> senders;
+  std::array<std::array<char, kSlotSize>, kSlots> bytes;
+};
+
+Inbox::Inbox(const std::string &path) : path_(path) {
+  const servers::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  struct stat status {};
+  // The blocks are allocated now: a full disk must not be met inside the mapping.
+  const bool usable = fd && ::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                      ::posix_fallocate(fd.get(), 0, sizeof(Layout)) == 0 &&
+                      ::ftruncate(fd.get(), sizeof(Layout)) == 0;
+  void *memory =
+      ::mmap(nullptr, sizeof(Layout), PROT_READ | PROT_WRITE,
+             usable ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS, usable ? fd.get() : -1, 0);
+  if (memory == MAP_FAILED) throw std::runtime_error("no memory for the inbox");
+  if (!usable) {
+    servers::log_line("{} cannot be used: lines being handled are lost if the server is killed",
+                      path);
+  }
+  layout_ = static_cast<Layout *>(memory);
+  if (layout_->magic != Layout::kMagic) {
+    std::memset(memory, 0, sizeof(Layout));
+    layout_->magic = Layout::kMagic;
+  }
+}
+
+Inbox::~Inbox() {
+  ::munmap(layout_, sizeof(Layout));
+  ::unlink(path_.c_str());
+}
+
+size_t Inbox::receive(int fd) {
+  for (size_t i = 0; i < kSlots; ++i) {
+    layout_->parts[i] = {.iov_base = layout_->bytes[i].data(), .iov_len = kSlotSize};
+    layout_->messages[i] = {};
+    msghdr &header = layout_->messages[i].msg_hdr;
+    header.msg_iov = &layout_->parts[i];
+    header.msg_iovlen = 1;
+    header.msg_name = &layout_->senders[i];
+    header.msg_namelen = sizeof layout_->senders[i];
+  }
+  for (;;) {
+    const int count = ::recvmmsg(fd, layout_->messages.data(), kSlots, MSG_DONTWAIT, nullptr);
+    if (count >= 0) return static_cast<size_t>(count);
+    if (errno != EINTR) return 0;
+  }
+}
+
+std::span<char> Inbox::datagram(size_t slot) {
+  const size_t size = std::min<size_t>(layout_->messages[slot].msg_len, kSlotSize);
+  return {layout_->bytes[slot].data(), size};
+}
+
+const sockaddr_un &Inbox::sender(size_t slot, socklen_t *size) const {
+  *size = layout_->messages[slot].msg_hdr.msg_namelen;
+  return layout_->senders[slot];
+}
+
+void Inbox::mark_done(size_t slot) {
+  layout_->messages[slot].msg_len = 0;
+}
+
+}  // namespace mlogserver

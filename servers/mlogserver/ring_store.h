@@ -1,0 +1,75 @@
+// The modules' ring files.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "config.h"
+#include "msgapi/ringlog.h"
+
+namespace mlogserver {
+
+struct ModuleCounters {
+  uint64_t kept = 0;
+  uint64_t below_level = 0;  // dropped by the configuration
+  uint64_t lost = 0;         // could not be written
+};
+
+class RingStore {
+ public:
+  explicit RingStore(Config config);
+
+  // Closes the files and goes on with another configuration.
+  void reconfigure(Config config);
+
+  // Adds a line, which ends with a line feed, to the file of its module and blurs it on the way (in
+  // place). What is written has left the process when this returns. Lines that name no proper
+  // module, or one too many, go to the file "other".
+  void append(std::span<char> line);
+
+  // False unless every line since the last call is on the disk.
+  bool sync();
+
+  const std::string &directory() const { return directory_; }
+  const std::map<std::string, ModuleCounters> &counters() const { return counters_; }
+
+ private:
+  struct FileDeleter {
+    void operator()(MlogFile *file) const { MlogFileDestructor(file); }
+  };
+  // Nothing can be written since a failure, which was reported once; it is tried again at times.
+  struct Outage {
+    bool active = false;
+    std::chrono::steady_clock::time_point next_attempt;
+  };
+  struct Ring {
+    std::string path;
+    std::unique_ptr<MlogFile, FileDeleter> file;
+    uint32_t max_size = 0;
+    uint64_t lost = 0;  // lines since the last that was written
+    bool dirty = false;
+    Outage outage;
+  };
+
+  std::string file_name_of(std::string_view module);
+  bool open(const std::string &module, Ring *ring);
+  bool write(Ring *ring, std::span<char> line);
+  bool disk_has_room() const;
+  void report_failure(Ring *ring);
+  void report_success(Ring *ring);
+
+  Config config_;
+  std::string directory_;
+  std::map<std::string, Ring> rings_;
+  std::map<std::string, ModuleCounters> counters_;
+  bool new_files_ = false;
+  bool complete_ = true;  // no line was lost since the last sync()
+  Outage disk_full_;
+};
+
+}  // namespace mlogserver

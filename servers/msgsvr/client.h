@@ -1,0 +1,95 @@
+// One connection to the message server: what is known about it, and where it stands in both
+// directions. Server does the work.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "common/output_queue.h"
+#include "common/unique_fd.h"
+#include "msgsvr/wire.h"
+
+namespace msgsvr {
+
+using servers::EventLoop;
+using servers::OutputQueue;
+using servers::UniqueFd;
+
+class Server;
+struct Client;
+
+// The bytes of a client's connection, cut into frames.
+struct Inbound {
+  // The beginning of a frame that is kept until it is whole, and its full size once the header is
+  // there.
+  std::vector<char> partial;
+  size_t partial_size = 0;
+
+  // Bytes of the current frame that go straight into `stream`, or nowhere without one.
+  uint64_t left = 0;
+  OutputQueue::Stream *stream = nullptr;
+  Client *stream_to = nullptr;
+  OutputQueue::Tag stream_tag{};
+  uint64_t stream_size = 0;
+  uint64_t left_at_check = 0;
+  EventLoop::TimerId stream_timer = 0;
+
+  // Where the last message went (0: nowhere), which is where a descriptor that follows it goes.
+  uint32_t last_to = 0;
+  OutputQueue::Tag last_tag{};
+  // The second of a descriptor's two bytes is still to come.
+  bool owes_zero = false;
+
+  bool between_frames() const { return partial.empty() && left == 0; }
+};
+
+// Who waits until this client has read something, and for how long.
+struct Backlog {
+  std::vector<uint32_t> held;  // the clients whose input rests
+  EventLoop::TimerId timer = 0;
+  uint64_t bytes_at_check = 0;
+  uint64_t frames_at_check = 0;
+  bool slow = false;      // it has used up the patience: nobody waits for it until it is empty
+  uint64_t lost_now = 0;  // messages for it that were lost since it was last empty
+};
+
+struct Client final : EventLoop::Watch {
+  Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit);
+  void ready(uint32_t events) override;
+
+  // For log lines: "name[pid]", or the address instead of the process where there is none.
+  std::string label() const;
+
+  Server *const server;
+  const uint32_t id;  // never 0, never used twice
+  const UniqueFd fd;
+  const std::string address;  // empty for a Unix connection
+  const pid_t pid;
+  AppName name;
+  bool swapped = false;  // its headers travel in the other byte order
+  bool ended = false;
+
+  Inbound in;
+  OutputQueue out;
+  Backlog backlog;
+  // What the current turn sends to it, in order.
+  std::vector<OutputQueue::Frame> pending;
+  bool touched = false;
+  int holds = 0;  // backlogs that hold this client's input
+  uint32_t interest = 0;
+
+  EventLoop::Clock::time_point last_alive{};
+  bool watched = false;  // its keep-alives are expected
+  bool missing = false;  // and have not come
+  uint64_t event_mark = 0;
+
+  uint64_t frames_in = 0;
+  uint64_t bytes_in = 0;
+  uint64_t frames_lost = 0;  // messages for it
+};
+
+}  // namespace msgsvr

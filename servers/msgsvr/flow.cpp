@@ -1,0 +1,87 @@
+// Slow readers.
+//
+// Nobody waits for a reader for long. While its queue is more than half full, the input of those
+// who send to it rests, which lets a reader that is merely slower than its senders keep up without
+// loss. A reader that takes next to nothing for the length of the patience has used it up: from
+// then on, until its queue has been empty, nobody waits for it and what does not fit is lost.
+
+#include <algorithm>
+
+#include "common/log_line.h"
+#include "msgsvr/server.h"
+
+namespace msgsvr {
+namespace {
+
+using servers::log_line;
+
+// What a reader must take while senders wait for it.
+constexpr uint64_t kLeastBytes = 65536;
+constexpr uint64_t kLeastFrames = 1000;
+
+size_t high_mark(const OutputQueue &queue) {
+  return queue.limit() / 2;
+}
+size_t low_mark(const OutputQueue &queue) {
+  return queue.limit() / 4;
+}
+
+}  // namespace
+
+void Server::watch_backlog(Client &reader) {
+  if (reader.out.empty()) {
+    if (reader.backlog.lost_now > 0) {
+      log_line("{} reads again; {} messages for it were lost", reader.label(),
+               reader.backlog.lost_now);
+    }
+    reader.backlog.lost_now = 0;
+    reader.backlog.slow = false;
+  }
+  if (reader.out.weight() <= low_mark(reader.out)) {
+    release_held(reader);
+  } else if (reading_ != nullptr && !reading_->ended && !reader.backlog.slow &&
+             reader.out.weight() > high_mark(reader.out)) {
+    hold(*reading_, reader);
+  }
+}
+
+void Server::hold(Client &sender, Client &reader) {
+  Backlog &backlog = reader.backlog;
+  if (std::find(backlog.held.begin(), backlog.held.end(), sender.id) != backlog.held.end()) return;
+  backlog.held.push_back(sender.id);
+  ++sender.holds;
+  update_interest(sender);
+  if (backlog.held.size() == 1) check_patience(reader);
+}
+
+void Server::check_patience(Client &reader) {
+  reader.backlog.bytes_at_check = reader.out.bytes_written();
+  reader.backlog.frames_at_check = reader.out.frames_written();
+  reader.backlog.timer =
+      loop_->after(std::chrono::milliseconds(options_.patience_ms), [this, id = reader.id] {
+        Client *client = by_id(id);
+        if (client == nullptr || client->backlog.held.empty()) return;
+        const OutputQueue &out = client->out;
+        if (out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
+            out.frames_written() - client->backlog.frames_at_check >= kLeastFrames) {
+          check_patience(*client);
+          return;
+        }
+        client->backlog.slow = true;
+        release_held(*client);
+        flush();
+      });
+}
+
+void Server::release_held(Client &reader) {
+  if (reader.backlog.held.empty()) return;
+  loop_->cancel(reader.backlog.timer);
+  for (uint32_t id : std::exchange(reader.backlog.held, {})) {
+    Client *sender = by_id(id);
+    if (sender == nullptr) continue;
+    --sender->holds;
+    update_interest(*sender);
+  }
+}
+
+}  // namespace msgsvr

@@ -1,0 +1,78 @@
+#include "msgsvr/hand_over.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "common/unique_fd.h"
+
+namespace msgsvr {
+namespace {
+
+std::string path_of(uint32_t number) {
+  return ORP_MSG_HAND_OVER_PREFIX + std::to_string(number);
+}
+
+}  // namespace
+
+std::optional<std::string> hand_over_path(std::span<const char> body) {
+  const size_t size = std::min<size_t>(body.size(), ORP_MSG_HAND_OVER_PATH_SIZE);
+  const void *end = size == 0 ? nullptr : std::memchr(body.data(), 0, size);
+  if (end == nullptr) return std::nullopt;
+  const std::string_view path(body.data());
+  constexpr std::string_view kPrefix = ORP_MSG_HAND_OVER_PREFIX;
+  if (!path.starts_with(kPrefix) || path.size() == kPrefix.size()) return std::nullopt;
+  if (path.find('/', kPrefix.size()) != std::string_view::npos) return std::nullopt;
+  return std::string(path);
+}
+
+bool read_hand_over(std::span<const char> body, size_t limit, std::string *out) {
+  const std::optional<std::string> path = hand_over_path(body);
+  if (!path) return false;
+  const servers::UniqueFd file(
+      ::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  ::unlink(path->c_str());
+  if (static_cast<uint64_t>(status.st_size) > limit) return false;
+
+  out->resize(static_cast<size_t>(status.st_size));
+  size_t have = 0;
+  while (have < out->size()) {
+    const ssize_t count = ::read(file.get(), out->data() + have, out->size() - have);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    have += static_cast<size_t>(count);
+  }
+  return true;
+}
+
+uint32_t link_hand_over(const std::string &path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+  for (;;) {
+    uint32_t number = 0;
+    if (::getrandom(&number, sizeof number, 0) != sizeof number) return 0;
+    if (number == 0) continue;
+    if (::link(path.c_str(), path_of(number).c_str()) == 0) return number;
+    if (errno != EEXIST) return 0;
+  }
+}
+
+std::array<char, ORP_MSG_HAND_OVER_PATH_SIZE> hand_over_body(uint32_t number) {
+  std::array<char, ORP_MSG_HAND_OVER_PATH_SIZE> body{};
+  path_of(number).copy(body.data(), body.size() - 1);
+  return body;
+}
+
+void remove_hand_over(uint32_t number) {
+  ::unlink(path_of(number).c_str());
+}
+
+}  // namespace msgsvr

@@ -1,0 +1,30 @@
+// The files that carry bodies of more than 2048 bytes.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "msgapi/msg.h"
+
+namespace msgsvr {
+
+// The path in the body of a message whose real body is in a file; none unless it names a file
+// directly in the directory for such files.
+std::optional<std::string> hand_over_path(std::span<const char> body);
+
+// Reads the file that `body` names and removes it. False when the path is refused, the file is not
+// a regular one, is longer than `limit`, or cannot be read.
+bool read_hand_over(std::span<const char> body, size_t limit, std::string *out);
+
+// Gives a regular hand-over file one more name, which is reached without copying it. Returns the
+// new name's number, or 0 when that is not possible.
+uint32_t link_hand_over(const std::string &path);
+// The body of a message that hands over the file of that number.
+std::array<char, ORP_MSG_HAND_OVER_PATH_SIZE> hand_over_body(uint32_t number);
+void remove_hand_over(uint32_t number);
+
+}  // namespace msgsvr

@@ -1,0 +1,339 @@
+// What clients send: cutting it into frames and routing them.
+//
+// A frame that is not whole when its beginning arrives is kept if it is short. A longer one is
+// passed on as it arrives (cut-through): its header and what there is of its body open a stream in
+// the receiver's queue, which holds all later frames for that receiver back until the stream has
+// ended. Whatever happens to the sender, the receiver gets exactly the announced number of bytes.
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "common/log_line.h"
+#include "msgsvr/hand_over.h"
+#include "msgsvr/server.h"
+
+namespace msgsvr {
+namespace {
+
+using servers::log_line;
+
+// Longer bodies that are for the server itself are refused; no application would be given them,
+// either.
+constexpr size_t kLongestServerBody = ORP_MSG_MAX_DISPATCHED_BODY;
+
+// What a sender whose message is being passed on must bring between two looks at it.
+constexpr uint64_t kStreamProgress = 32768;
+
+// True if descriptors came with the bytes. All are taken over; only a single one is kept.
+bool take_descriptor(msghdr *message, UniqueFd *fd) {
+  bool came = (message->msg_flags & MSG_CTRUNC) != 0;
+  bool single = !came;
+  for (cmsghdr *header = CMSG_FIRSTHDR(message); header != nullptr;
+       header = CMSG_NXTHDR(message, header)) {
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    came = true;
+    for (size_t at = CMSG_LEN(0); at + sizeof(int) <= header->cmsg_len; at += sizeof(int)) {
+      int received;
+      std::memcpy(&received, reinterpret_cast<char *>(header) + at, sizeof received);
+      UniqueFd owner(received);
+      if (*fd) single = false;
+      if (single) *fd = std::move(owner);
+    }
+  }
+  if (!single) fd->reset();
+  return came;
+}
+
+}  // namespace
+
+void Server::readable(Client &from) {
+  iovec piece{read_buffer_.data(), read_buffer_.size()};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
+  msghdr message{};
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  const ssize_t result = ::recvmsg(from.fd.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  if (result <= 0) {
+    if (result < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    // A client that closes with unread messages shows as a reset.
+    end(from, result == 0 || errno == ECONNRESET ? "" : std::strerror(errno));
+    flush();
+    return;
+  }
+
+  const std::span<char> bytes(read_buffer_.data(), static_cast<size_t>(result));
+  statistics_.bytes_in += bytes.size();
+  from.bytes_in += bytes.size();
+  reading_ = &from;
+  UniqueFd fd;
+  if (take_descriptor(&message, &fd)) {
+    take_with_descriptor(from, bytes, bytes.size() == read_buffer_.size(), std::move(fd));
+  } else {
+    take(from, bytes);
+  }
+  flush();
+  reading_ = nullptr;
+}
+
+// A read ends with the write that carried a descriptor, so the transfer's two zero bytes are the
+// last of `bytes`, or the first of them is if the buffer is `full`.
+void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd) {
+  const size_t before = bytes.size() < 2 ? 0 : bytes.size() - 2;
+  take(from, bytes.first(before));
+  flush();
+  std::span<char> rest = bytes.subspan(before);
+  if (!from.ended && !from.in.between_frames() && full) {
+    take(from, rest.first(1));
+    flush();
+    rest = rest.subspan(1);
+  }
+  if (from.ended) return;
+  const bool zeros = std::all_of(rest.begin(), rest.end(), [](char c) { return c == 0; });
+  if (!from.in.between_frames() || !zeros || rest.empty() || (rest.size() == 1 && !full)) {
+    ++statistics_.descriptors_refused;
+    end_malformed(from, "it sent a descriptor inside a message");
+    return;
+  }
+  from.in.owes_zero = rest.size() == 1;
+  pass_descriptor(from, std::move(fd));
+}
+
+// The peers have agreed on a descriptor by a message, so it goes where the sender's last message
+// went.
+void Server::pass_descriptor(Client &from, UniqueFd fd) {
+  Client *to = from.in.last_to == 0 ? nullptr : by_id(from.in.last_to);
+  if (fd && to != nullptr && to->address.empty() &&
+      to->out.send_descriptor(std::move(fd), from.in.last_tag)) {
+    ++statistics_.descriptors_passed;
+    after_output(*to);
+    return;
+  }
+  ++statistics_.descriptors_refused;
+  log_line("a descriptor of {} is closed: {} cannot be given it", from.label(),
+           to == nullptr ? "nobody" : to->label());
+  notify_undeliverable(from, from.in.last_tag.type, from.in.last_tag.sequence);
+}
+
+void Server::take(Client &from, std::span<char> bytes) {
+  while (!bytes.empty() && !from.ended) {
+    if (from.in.owes_zero) {
+      from.in.owes_zero = false;
+      if (bytes[0] != 0) return end_malformed(from, "it sent a descriptor inside a message");
+      bytes = bytes.subspan(1);
+    } else if (from.in.left > 0) {
+      bytes = pass_on(from, bytes);
+    } else if (!from.in.partial.empty() || bytes.size() < kHeaderSize) {
+      bytes = assemble(from, bytes);
+    } else {
+      const Header header = load_header(bytes.data(), from.swapped);
+      if (!valid(from, header)) return;
+      const size_t size = kHeaderSize + header.ulDataLen;
+      if (bytes.size() < size) {
+        begin_frame(from, bytes, header);
+        return;
+      }
+      route(from, bytes.first(size), header);
+      bytes = bytes.subspan(size);
+    }
+  }
+}
+
+std::span<char> Server::pass_on(Client &from, std::span<char> bytes) {
+  Inbound &in = from.in;
+  const size_t count = static_cast<size_t>(std::min<uint64_t>(in.left, bytes.size()));
+  in.left -= count;
+  if (in.stream != nullptr) {
+    Client &to = *in.stream_to;
+    to.out.extend(in.stream, bytes.first(count));
+    if (in.left == 0) {
+      in.stream = nullptr;
+      in.stream_to = nullptr;
+      loop_->cancel(in.stream_timer);
+    } else if (to.backlog.slow && to.out.weight() > to.out.limit()) {
+      abandon_stream(from, "its reader does not read", true);
+    }
+    after_output(to);
+  }
+  return bytes.subspan(count);
+}
+
+// Adds to the frame that is being kept; returns what is left when it, or its header, is whole.
+std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
+  std::vector<char> &partial = from.in.partial;
+  const bool in_header = partial.size() < kHeaderSize;
+  const size_t wanted = (in_header ? kHeaderSize : from.in.partial_size) - partial.size();
+  const size_t count = std::min(wanted, bytes.size());
+  partial.insert(partial.end(), bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
+  bytes = bytes.subspan(count);
+  if (count < wanted) return bytes;
+
+  const Header header = load_header(partial.data(), from.swapped);
+  if (in_header && !valid(from, header)) return {};
+  // The bytes must outlive this call, and `partial` be free for the next beginning.
+  std::swap(partial, assembled_);
+  partial.clear();
+  if (in_header && header.ulDataLen > 0) {
+    begin_frame(from, assembled_, header);
+  } else {
+    route(from, assembled_, header);
+  }
+  return bytes;
+}
+
+// The header and perhaps a part of the body are there. Decides what becomes of the rest.
+void Server::begin_frame(Client &from, std::span<char> begin, const Header &header) {
+  const size_t size = kHeaderSize + header.ulDataLen;
+  const AppName name = *AppName::from_field(header.aucRecvApp);
+  const size_t kept = name.is_server() ? kHeaderSize + kLongestServerBody : options_.cut_through;
+  if (size <= kept) {
+    from.in.partial.assign(begin.begin(), begin.end());
+    from.in.partial_size = size;
+    return;
+  }
+
+  ++statistics_.frames_in;
+  ++from.frames_in;
+  from.in.left = size - begin.size();
+  from.in.last_to = 0;
+  from.in.last_tag = {from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum};
+  Client *to = name.is_server() ? nullptr : find(name);
+  if (to != nullptr) {
+    begin_stream(from, *to, begin, header);
+    return;
+  }
+  if (name.is_server()) {
+    ++statistics_.unserved;
+    log_line("{} sent the server a message of {} bytes, which is too long", from.label(), size);
+  } else {
+    ++statistics_.unknown_names;
+  }
+  notify_undeliverable(from, header.ulMsgType, header.ulSeqNum);
+}
+
+void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header) {
+  flush();  // what came before it
+  if (from.swapped != to.swapped) store_header(header, to.swapped, begin.data());
+  Inbound &in = from.in;
+  in.stream_tag = in.last_tag;
+  in.stream = to.out.open_stream(begin, in.left, in.stream_tag);
+  if (in.stream == nullptr) {
+    undelivered(to, in.stream_tag, Loss::kOverflow);
+  } else {
+    in.last_to = to.id;
+    in.stream_to = &to;
+    in.stream_size = begin.size() + in.left;
+    in.left_at_check = in.left;
+    watch_stream(from);
+  }
+  after_output(to);
+}
+
+void Server::watch_stream(Client &from) {
+  from.in.stream_timer =
+      loop_->after(std::chrono::milliseconds(options_.stall_ms), [this, id = from.id] {
+        Client *client = by_id(id);
+        if (client == nullptr || client->in.stream == nullptr) return;
+        const bool moves = client->in.left_at_check - client->in.left >= kStreamProgress;
+        client->in.left_at_check = client->in.left;
+        if (moves || client->holds > 0) {
+          watch_stream(*client);
+        } else {
+          abandon_stream(*client, "its sender has stopped sending", true);
+          flush();
+        }
+      });
+}
+
+// The rest of the message that is being passed on will be thrown away as it comes.
+void Server::abandon_stream(Client &from, std::string_view why, bool tell) {
+  Inbound &in = from.in;
+  Client &to = *in.stream_to;
+  OutputQueue::Stream *stream = std::exchange(in.stream, nullptr);
+  in.stream_to = nullptr;
+  loop_->cancel(in.stream_timer);
+  ++statistics_.cut_short;
+  ++to.frames_lost;
+  if (!to.out.broken()) {
+    const bool taken_back = to.out.give_up(stream);
+    log_line("a message 0x{:x} of {} bytes from {} to {} is cut short: {}; {}", in.stream_tag.type,
+             in.stream_size, from.label(), to.label(), why,
+             taken_back ? std::string("the receiver has seen nothing of it")
+                        : fmt::format("its last {} bytes are sent as zeros", in.left));
+    after_output(to);
+  }
+  if (tell) {
+    notify_undeliverable(from, in.stream_tag.type, in.stream_tag.sequence);
+  } else {
+    ++statistics_.untold;
+  }
+}
+
+bool Server::valid(Client &from, const Header &header) {
+  if (header.ulDataLen > ORP_MSG_MAX_BODY) {
+    end_malformed(from, fmt::format("it announced a body of {} bytes", header.ulDataLen));
+    return false;
+  }
+  if (!AppName::from_field(header.aucSendApp) || !AppName::from_field(header.aucRecvApp)) {
+    end_malformed(from, "it sent a header with an unterminated name");
+    return false;
+  }
+  return true;
+}
+
+void Server::route(Client &from, std::span<char> frame, const Header &header) {
+  ++statistics_.frames_in;
+  ++from.frames_in;
+  const OutputQueue::Tag tag{from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum};
+  from.in.last_to = 0;
+  from.in.last_tag = tag;
+
+  const AppName name = *AppName::from_field(header.aucRecvApp);
+  if (name.is_server()) {
+    dispatch(from, frame, header);
+    return;
+  }
+  Client *to = find(name);
+  if (to == nullptr) {
+    ++statistics_.unknown_names;
+    notify_undeliverable(from, tag.type, tag.sequence);
+    return;
+  }
+  from.in.last_to = to->id;
+  // The frame is ours, so that its header can be converted where it is.
+  if (from.swapped != to->swapped) store_header(header, to->swapped, frame.data());
+  post(*to, {frame.data(), frame.size(), tag});
+}
+
+void Server::dispatch(Client &from, std::span<char> frame, const Header &header) {
+  Message message{header, frame.subspan(kHeaderSize), frame};
+  if (const auto entry = handlers_.find(message.type()); entry != handlers_.end()) {
+    std::string body;
+    if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
+      if (!read_hand_over(message.body, kLongestServerBody, &body)) {
+        log_line("{} sent a message 0x{:x} whose body cannot be read from its file", from.label(),
+                 message.type());
+        ++statistics_.unserved;
+        notify_undeliverable(from, message.type(), header.ulSeqNum);
+        return;
+      }
+      message.body = body;
+      message.header.ulDataLen = static_cast<uint32_t>(body.size());
+    }
+    entry->second(from, message);
+    return;
+  }
+  for (const auto &handler : rest_handlers_) {
+    if (handler(from, message)) return;
+  }
+  ++statistics_.unserved;
+  notify_undeliverable(from, message.type(), header.ulSeqNum);
+}
+
+}  // namespace msgsvr

@@ -1,0 +1,31 @@
+// What the command line sets.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "msgapi/msg.h"
+
+namespace msgsvr {
+
+struct Options {
+  std::string socket_path = ORP_MSG_SERVER_PATH;
+  std::string socket_mode = "0666";
+  std::string tcp;  // ADDRESS:PORT, empty for none
+  uint32_t keep_alive_s = 0;
+  bool swap_all = false;
+  std::vector<std::string> swap_names;
+  // What may wait for one client, in bytes.
+  size_t queue_limit = 1 << 20;
+  // A longer frame is passed on while it arrives, a shorter one when it is whole.
+  size_t cut_through = 65536;
+  // A sender whose frame is being passed on must go on within this time. A reader of the library
+  // gives up a message that pauses for a second, and then is out of step for ever.
+  uint32_t stall_ms = 500;
+  // How long senders wait for a reader that takes next to nothing.
+  uint32_t patience_ms = 200;
+};
+
+}  // namespace msgsvr

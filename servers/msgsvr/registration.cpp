@@ -1,0 +1,97 @@
+// Names of processes (0x701), how many bear one (0x705), asking them to end (0x706), and whether
+// they are alive (0x708, 0x709).
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "common/log_line.h"
+#include "msgsvr/services.h"
+
+namespace msgsvr {
+namespace {
+
+using servers::log_line;
+
+// Stops the watch over the sender's keep-alives.
+constexpr uint32_t kStopKeepAlive = 0x709;
+constexpr int kMissedPeriods = 3;
+
+class Registration final : public Service {
+ public:
+  explicit Registration(Server *server) : server_(server), period_(server->options().keep_alive_s) {
+    server->serve(ORP_MSG_REGISTER, [this](Client &from, const Message &m) { enter(from, m); });
+    server->serve(ORP_MSG_COUNT_PROCESSES,
+                  [this](Client &from, const Message &m) { count(from, m); });
+    server->serve(ORP_MSG_EXIT, [this](Client &, const Message &m) { ask_to_exit(m); });
+    server->serve(ORP_MSG_KEEP_ALIVE, [this](Client &from, const Message &) {
+      if (std::exchange(from.missing, false)) log_line("{} is alive again", from.label());
+      from.last_alive = EventLoop::Clock::now();
+      from.watched = period_.count() > 0;
+    });
+    server->serve(kStopKeepAlive, [](Client &from, const Message &) { from.watched = false; });
+    if (period_.count() > 0) look_for_the_missing();
+  }
+
+ private:
+  void enter(Client &from, const Message &request) {
+    AppName name(std::string_view(request.header.aucSendApp));
+    if (name.text() == kServerName) {
+      log_line("{} may not have the server's own name", from.label());
+      name = {};
+    }
+    server_->rename(from, name);
+    const bool swap = server_->options().swap_all ||
+                      std::ranges::count(server_->options().swap_names, name.text()) > 0;
+    // Words for the client to read as they are: bodies are never converted.
+    const uint32_t keep_alive[] = {period_.count() > 0 ? 1u : 0u,
+                                   static_cast<uint32_t>(period_.count())};
+    char body[sizeof keep_alive];
+    std::memcpy(body, keep_alive, sizeof body);
+    server_->reply(from, request, swap ? 1 : 0, body);
+    // The reply itself still travels as the request did.
+    from.swapped = swap;
+    from.last_alive = EventLoop::Clock::now();
+    from.watched = period_.count() > 0;
+  }
+
+  void count(Client &from, const Message &request) {
+    const auto name = request.name_in_body();
+    const size_t found = name ? server_->named(*name).size() : 0;
+    server_->reply(from, request, static_cast<uint32_t>(found));
+  }
+
+  void ask_to_exit(const Message &request) {
+    const auto name = request.name_in_body();
+    if (!name) return;  // without a name it is an application's acknowledgement
+    Header ask{};
+    ask.ulMsgType = ORP_MSG_EXIT;
+    AppName(kServerName).store(ask.aucSendApp);
+    name->store(ask.aucRecvApp);
+    for (Client *client : server_->named(*name)) server_->send(*client, ask);
+  }
+
+  void look_for_the_missing() {
+    server_->loop().after(period_, [this] {
+      const auto limit = EventLoop::Clock::now() - kMissedPeriods * period_;
+      for (const auto &[id, client] : server_->clients()) {
+        if (!client->watched || client->missing || client->last_alive > limit) continue;
+        client->missing = true;
+        log_line("{} has sent no keep-alive for {} periods of {} s", client->label(),
+                 kMissedPeriods, period_.count());
+      }
+      look_for_the_missing();
+    });
+  }
+
+  Server *server_;
+  std::chrono::seconds period_;
+};
+
+}  // namespace
+
+std::unique_ptr<Service> make_registration(Server *server) {
+  return std::make_unique<Registration>(server);
+}
+
+}  // namespace msgsvr

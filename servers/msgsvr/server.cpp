@@ -1,0 +1,351 @@
+// Connections, names, and everything that is sent.
+
+#include "msgsvr/server.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "common/log_line.h"
+#include "msgsvr/hand_over.h"
+
+namespace msgsvr {
+namespace {
+
+using servers::log_line;
+
+constexpr size_t kScratchBlock = 65536;
+
+// What one read takes at most.
+constexpr size_t kReadSize = 131072;
+
+// A full queue still takes this much of what the server has to say itself.
+constexpr size_t kNoticeReserve = 65536;
+
+// A board that vanished is noticed after about a minute.
+void prepare_tcp(int fd) {
+  const auto set = [fd](int level, int option, int value) {
+    ::setsockopt(fd, level, option, &value, sizeof value);
+  };
+  set(IPPROTO_TCP, TCP_NODELAY, 1);
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, 30);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
+  set(IPPROTO_TCP, TCP_KEEPCNT, 3);
+}
+
+}  // namespace
+
+char *Scratch::take(size_t size) {
+  if (block_left_ < size) {
+    block_left_ = std::max(size, kScratchBlock);
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(block_left_));
+    next_ = blocks_.back().get();
+  }
+  block_left_ -= size;
+  return std::exchange(next_, next_ + size);
+}
+
+void Scratch::reset() {
+  if (blocks_.size() > 1) {
+    blocks_.clear();
+    block_left_ = 0;
+  } else if (!blocks_.empty()) {
+    // A first block that was made larger than usual is not known to be so any more.
+    next_ = blocks_.front().get();
+    block_left_ = kScratchBlock;
+  }
+}
+
+Client::Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit)
+    : server(server_in),
+      id(id_in),
+      fd(std::move(fd_in)),
+      address(servers::peer_address(fd.get())),
+      pid(address.empty() ? servers::peer_pid(fd.get()) : 0),
+      out(fd.get(), queue_limit) {}
+
+void Client::ready(uint32_t events) {
+  if ((events & EPOLLOUT) != 0) server->writable(*this);
+  // What a client leaves behind when it hangs up is read even if its input should rest: it is
+  // little, and the kernel would report the hang-up for ever.
+  const bool hung_up = (events & (EPOLLHUP | EPOLLERR)) != 0;
+  if (!ended && (hung_up || ((events & EPOLLIN) != 0 && holds == 0))) server->readable(*this);
+}
+
+std::string Client::label() const {
+  const std::string_view known = name.empty() ? std::string_view("(no name)") : name.text();
+  return address.empty() ? fmt::format("{}[{}]", known, pid)
+                         : fmt::format("{}[{}]", known, address);
+}
+
+struct Server::Listener final : EventLoop::Watch {
+  Listener(Server *server_in, UniqueFd fd) : server(server_in), acceptor(std::move(fd)) {}
+  void ready(uint32_t) override {
+    while (UniqueFd fd = acceptor.accept()) server->adopt(std::move(fd));
+  }
+
+  Server *server;
+  servers::Acceptor acceptor;
+};
+
+Server::Server(EventLoop *loop, const Options &options)
+    : loop_(loop), options_(options), read_buffer_(kReadSize) {}
+
+Server::~Server() {
+  shut_down();
+}
+
+void Server::listen(UniqueFd listener) {
+  Listener &added = *listeners_.emplace_back(std::make_unique<Listener>(this, std::move(listener)));
+  loop_->add(added.acceptor.fd(), EPOLLIN, &added);
+}
+
+Client &Server::adopt(UniqueFd fd) {
+  const uint32_t id = ++last_id_;
+  Client &client =
+      *clients_.emplace(id, std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit))
+           .first->second;
+  if (!client.address.empty()) prepare_tcp(client.fd.get());
+  client.interest = EPOLLIN;
+  loop_->add(client.fd.get(), EPOLLIN, &client);
+  ++statistics_.connections;
+  return client;
+}
+
+void Server::serve(uint32_t type, Handler handler) {
+  handlers_[type] = std::move(handler);
+}
+
+void Server::serve_rest(std::function<bool(Client &, const Message &)> handler) {
+  rest_handlers_.push_back(std::move(handler));
+}
+
+Client *Server::by_id(uint32_t id) {
+  const auto entry = clients_.find(id);
+  return entry == clients_.end() ? nullptr : entry->second.get();
+}
+
+std::span<Client *const> Server::named(const AppName &name) const {
+  const auto entry = names_.find(name);
+  if (entry == names_.end()) return {};
+  return entry->second;
+}
+
+Client *Server::find(const AppName &name) const {
+  const auto entry = names_.find(name);
+  return entry == names_.end() ? nullptr : entry->second.front();
+}
+
+void Server::rename(Client &client, const AppName &name) {
+  if (client.name == name) return;
+  unlist(client);
+  client.name = name;
+  if (!name.empty()) names_[name].push_back(&client);
+}
+
+// Nothing reaches the client by its name any more; log lines still show it.
+void Server::unlist(const Client &client) {
+  const auto entry = names_.find(client.name);
+  if (entry == names_.end()) return;
+  std::erase(entry->second, &client);
+  if (entry->second.empty()) names_.erase(entry);
+}
+
+void Server::send(Client &to, Header header, std::span<const char> body, uint32_t file) {
+  header.ulDataLen = static_cast<uint32_t>(body.size());
+  char *frame = scratch_.take(kHeaderSize + body.size());
+  store_header(header, to.swapped, frame);
+  std::copy(body.begin(), body.end(), frame + kHeaderSize);
+  post(to, {frame, kHeaderSize + body.size(), {0, header.ulMsgType, file}, kNoticeReserve});
+}
+
+void Server::reply(Client &to, const Message &request, uint32_t data, std::span<const char> body) {
+  Header header{};
+  header.ulMsgType = request.type();
+  header.ulSeqNum = request.header.ulSeqNum;
+  // A requester may insist that the answer comes from the name that it asked.
+  std::memcpy(header.aucSendApp, request.header.aucRecvApp, sizeof header.aucSendApp);
+  to.name.store(header.aucRecvApp);
+  header.ulMsgData = data;
+  send(to, header, body);
+}
+
+void Server::pass(Client &to, std::span<const char> frame, bool swapped, OutputQueue::Tag tag) {
+  if (swapped != to.swapped) {
+    char *copy = scratch_.take(frame.size());
+    std::copy(frame.begin(), frame.end(), copy);
+    store_header(load_header(copy, swapped), to.swapped, copy);
+    frame = {copy, frame.size()};
+  }
+  post(to, {frame.data(), frame.size(), tag});
+}
+
+void Server::notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) {
+  Header header{};
+  header.ulMsgType = ORP_MSG_UNDELIVERABLE;
+  header.ulSeqNum = sequence;
+  AppName(kServerName).store(header.aucSendApp);
+  to.name.store(header.aucRecvApp);
+  header.ulMsgData = type & ORP_MSG_TYPE_MASK;
+  ++statistics_.told;
+  send(to, header);
+}
+
+void Server::post(Client &to, const OutputQueue::Frame &frame) {
+  to.pending.push_back(frame);
+  if (to.touched) return;
+  to.touched = true;
+  touched_.push_back(&to);
+}
+
+void Server::flush() {
+  // Whoever is told of a loss is touched anew, so this goes on until nobody is.
+  while (!touched_.empty()) {
+    Client &to = *touched_.back();
+    touched_.pop_back();
+    to.touched = false;
+    std::swap(sending_, to.pending);
+    to.out.send(sending_, &refused_);
+    sending_.clear();
+    for (const OutputQueue::Tag &tag : refused_) undelivered(to, tag, Loss::kOverflow);
+    refused_.clear();
+    after_output(to);
+  }
+  scratch_.reset();
+}
+
+void Server::after_output(Client &to) {
+  if (to.ended) return;
+  if (to.out.broken()) {
+    silence(to);
+  } else {
+    watch_backlog(to);
+  }
+  update_interest(to);
+}
+
+void Server::update_interest(Client &client) {
+  if (client.ended) return;
+  const uint32_t interest =
+      (client.holds == 0 ? EPOLLIN : 0u) | (client.out.blocked() ? EPOLLOUT : 0u);
+  if (interest == client.interest) return;
+  client.interest = interest;
+  loop_->change(client.fd.get(), interest, &client);
+}
+
+void Server::writable(Client &to) {
+  to.out.flush();
+  after_output(to);
+  flush();
+}
+
+void Server::undelivered(Client &to, OutputQueue::Tag tag, Loss loss) {
+  ++to.frames_lost;
+  const bool gone = loss == Loss::kDied || to.out.broken();
+  ++(gone ? statistics_.died_with : statistics_.overflows);
+  if (!gone && to.backlog.lost_now++ == 0) {
+    log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
+             to.label(), to.out.limit());
+  }
+  Client *sender = tag.origin == 0 ? nullptr : by_id(tag.origin);
+  if (sender == nullptr || sender->out.broken()) {
+    if (tag.origin == 0 && tag.sequence != 0) remove_hand_over(tag.sequence);
+    ++statistics_.untold;
+    if (tag.type == ORP_MSG_UNDELIVERABLE) --statistics_.told;  // this was the notice
+    return;
+  }
+  notify_undeliverable(*sender, tag.type, tag.sequence);
+}
+
+void Server::lost_event(Client &to) {
+  ++to.frames_lost;
+  ++statistics_.untold;
+}
+
+// The client receives nothing any more. What it has sent is still read: it may have said its last
+// word and closed with unread messages.
+void Server::silence(Client &client) {
+  unlist(client);
+  client.out.close();
+  release_held(client);
+  for (const auto &[id, other] : clients_) {
+    if (other->in.stream_to == &client) abandon_stream(*other, "its reader is gone", true);
+  }
+  for (const OutputQueue::Tag &tag : client.out.take_unwritten()) {
+    undelivered(client, tag, Loss::kDied);
+  }
+}
+
+void Server::end(Client &client, std::string_view why) {
+  if (client.ended) return;
+  const std::string label = client.label();
+  const std::string lost = client.frames_lost == 0
+                               ? ""
+                               : fmt::format(", {} messages for it were lost", client.frames_lost);
+  if (!why.empty()) {
+    log_line("{} is disconnected: {}{}", label, why, lost);
+  } else if (!client.in.between_frames()) {
+    log_line("{} left in the middle of a message{}", label, lost);
+  } else if (!lost.empty()) {
+    log_line("{} left{}", label, lost);
+  }
+
+  loop_->remove(client.fd.get(), &client);
+  if (client.in.stream != nullptr) abandon_stream(client, "its sender is gone", false);
+  silence(client);
+  client.ended = true;
+  statistics_.frames_out += client.out.frames_written();
+  statistics_.bytes_out += client.out.bytes_written();
+  const auto entry = clients_.find(client.id);
+  std::unique_ptr<Client> owner = std::move(entry->second);
+  clients_.erase(entry);
+  for (const GoneHandler &handler : gone_) handler(client);
+  loop_->retire(std::move(owner));
+}
+
+void Server::end_malformed(Client &client, std::string_view why) {
+  ++statistics_.malformed;
+  end(client, why);
+}
+
+std::vector<std::string> Server::statistics() const {
+  uint64_t frames_out = statistics_.frames_out;
+  uint64_t bytes_out = statistics_.bytes_out;
+  std::vector<std::string> lines(1);
+  for (const auto &[id, client] : clients_) {
+    frames_out += client->out.frames_written();
+    bytes_out += client->out.bytes_written();
+    lines.push_back(fmt::format(
+        "client {}: in {} messages, {} bytes; out {} messages, {} bytes; queued {} bytes; lost {}",
+        client->label(), client->frames_in, client->bytes_in, client->out.frames_written(),
+        client->out.bytes_written(), client->out.weight(), client->frames_lost));
+  }
+  const Statistics &s = statistics_;
+  lines.front() = fmt::format(
+      "{} clients of {} connections; in {} messages, {} bytes; out {} messages, {} bytes; no such "
+      "name {}; queue full {}; receiver died {}; cut short {}; senders told {}; nobody told {}; "
+      "not served {}; descriptors passed {}, refused {}; malformed {}",
+      clients_.size(), s.connections, s.frames_in, s.bytes_in, frames_out, bytes_out,
+      s.unknown_names, s.overflows, s.died_with, s.cut_short, s.told, s.untold, s.unserved,
+      s.descriptors_passed, s.descriptors_refused, s.malformed);
+  return lines;
+}
+
+void Server::shut_down() {
+  for (const auto &listener : listeners_) loop_->remove(listener->acceptor.fd(), listener.get());
+  listeners_.clear();
+  flush();
+  for (const auto &[id, client] : clients_) {
+    client->out.flush();
+    loop_->remove(client->fd.get(), client.get());
+  }
+  // Nobody is told of anybody's end any more.
+  clients_.clear();
+  names_.clear();
+}
+
+}  // namespace msgsvr

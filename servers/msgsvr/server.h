@@ -1,0 +1,169 @@
+// The message server's core: connections, names, and the routing of frames between them.
+//
+// One turn of the loop reads what one client has sent, routes every whole frame in it and then
+// writes to each destination once. Between the two, frames are only referred to: they stay in the
+// read buffer, or in the scratch memory if the server made them, until flush().
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "common/listen.h"
+#include "msgsvr/client.h"
+#include "msgsvr/options.h"
+#include "msgsvr/wire.h"
+
+namespace msgsvr {
+
+// Memory for messages that the server makes; valid until reset.
+class Scratch {
+ public:
+  char *take(size_t size);
+  void reset();
+
+ private:
+  std::vector<std::unique_ptr<char[]>> blocks_;
+  size_t block_left_ = 0;
+  char *next_ = nullptr;
+};
+
+struct Statistics {
+  uint64_t frames_in = 0;  // whole messages received, for whomever
+  uint64_t bytes_in = 0;
+  uint64_t frames_out = 0;  // of clients that are gone; the living count their own
+  uint64_t bytes_out = 0;
+  uint64_t unknown_names = 0;  // no such destination
+  uint64_t overflows = 0;      // no room in the destination's queue
+  uint64_t died_with = 0;      // waited for a client that went away
+  uint64_t cut_short = 0;      // passed on in part, then filled up or taken back
+  uint64_t told = 0;           // notices to senders, for the four above and refused requests
+  uint64_t untold = 0;         // lost where nobody is told: events, and the server's own messages
+  uint64_t unserved = 0;       // messages for the server that it has no use for
+  uint64_t descriptors_passed = 0;
+  uint64_t descriptors_refused = 0;
+  uint64_t malformed = 0;
+  uint64_t connections = 0;
+};
+
+class Server {
+ public:
+  using Handler = std::function<void(Client &from, const Message &message)>;
+  using GoneHandler = std::function<void(Client &client)>;
+
+  Server(EventLoop *loop, const Options &options);
+  ~Server();
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
+
+  // Serves the connections that arrive at a listening socket.
+  void listen(UniqueFd listener);
+  // Serves a connected stream socket.
+  Client &adopt(UniqueFd fd);
+
+  // For the services.
+
+  // `handler` gets every message of this type that is for the server, with its body in place.
+  void serve(uint32_t type, Handler handler);
+  // `handler` gets what is for the server and has no handler of its own; it returns false for what
+  // it does not want, either.
+  void serve_rest(std::function<bool(Client &, const Message &)> handler);
+  // `handler` is told of every client that is gone. It may send, but not to that client.
+  void on_gone(GoneHandler handler) { gone_.push_back(std::move(handler)); }
+
+  EventLoop &loop() { return *loop_; }
+  const Options &options() const { return options_; }
+  const std::unordered_map<uint32_t, std::unique_ptr<Client>> &clients() const { return clients_; }
+  Client *by_id(uint32_t id);
+  // The clients of that name, oldest first.
+  std::span<Client *const> named(const AppName &name) const;
+  // The one that gets the messages for that name.
+  Client *find(const AppName &name) const;
+  // Gives `client` this name; an empty one takes its name away.
+  void rename(Client &client, const AppName &name);
+
+  // Sending only notes what is to be written: call flush() at the end of every callback that does
+  // not come from a handler above.
+
+  // A message of the server's own. ulDataLen is set from `body`. When it is lost, nobody is told;
+  // a `file` (its number) that travels with the message is then removed.
+  void send(Client &to, Header header, std::span<const char> body = {}, uint32_t file = 0);
+  // The answer to a request.
+  void reply(Client &to, const Message &request, uint32_t data, std::span<const char> body = {});
+  // A frame as it came from a client of byte order `swapped`; its bytes must stay until flush().
+  void pass(Client &to, std::span<const char> frame, bool swapped, OutputQueue::Tag tag);
+  // Tells `to` that its message cannot be delivered.
+  void notify_undeliverable(Client &to, uint32_t type, uint32_t sequence);
+  void flush();
+  // Counts an event that could not be given to `to`.
+  void lost_event(Client &to);
+
+  std::vector<std::string> statistics() const;
+  // Tries once more to write what waits, and ends every client.
+  void shut_down();
+
+ private:
+  friend struct Client;
+  struct Listener;
+  enum class Loss { kOverflow, kDied };
+
+  void update_interest(Client &client);
+  void readable(Client &from);
+  void writable(Client &to);
+  void take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd);
+  void pass_descriptor(Client &from, UniqueFd fd);
+
+  void take(Client &from, std::span<char> bytes);
+  std::span<char> pass_on(Client &from, std::span<char> bytes);
+  std::span<char> assemble(Client &from, std::span<char> bytes);
+  void begin_frame(Client &from, std::span<char> begin, const Header &header);
+  void begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header);
+  bool valid(Client &from, const Header &header);
+  void route(Client &from, std::span<char> frame, const Header &header);
+  void dispatch(Client &from, std::span<char> frame, const Header &header);
+
+  void post(Client &to, const OutputQueue::Frame &frame);
+  void after_output(Client &to);
+  void undelivered(Client &to, OutputQueue::Tag tag, Loss loss);
+  void watch_stream(Client &from);
+  void abandon_stream(Client &from, std::string_view why, bool tell);
+
+  void hold(Client &sender, Client &reader);
+  void release_held(Client &reader);
+  void check_patience(Client &reader);
+  void watch_backlog(Client &reader);
+
+  void unlist(const Client &client);
+  void silence(Client &client);
+  void end(Client &client, std::string_view why);
+  void end_malformed(Client &client, std::string_view why);
+
+  EventLoop *loop_;
+  const Options options_;
+  std::vector<std::unique_ptr<Listener>> listeners_;
+  std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
+  std::unordered_map<AppName, std::vector<Client *>> names_;
+  uint32_t last_id_ = 0;
+
+  std::unordered_map<uint32_t, Handler> handlers_;
+  std::vector<std::function<bool(Client &, const Message &)>> rest_handlers_;
+  std::vector<GoneHandler> gone_;
+
+  std::vector<char> read_buffer_;
+  std::vector<char> assembled_;  // the frame that the current input completed
+  Scratch scratch_;
+  Client *reading_ = nullptr;  // whose input is being routed
+  std::vector<Client *> touched_;
+  std::vector<OutputQueue::Frame> sending_;
+  std::vector<OutputQueue::Tag> refused_;
+  Statistics statistics_;
+};
+
+}  // namespace msgsvr

@@ -1,0 +1,264 @@
+#include "notifyserver/server.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "common/log_line.h"
+
+namespace notifyserver {
+namespace {
+
+using servers::log_line;
+using servers::OutputQueue;
+
+// Applications run under users of their own.
+constexpr mode_t kSocketMode = 0666;
+
+const char *name_of(uint32_t module) {
+  const char *name = ORP_NOTIFYCLT_GetNameByMID(module);
+  return name == nullptr ? "unnamed" : name;
+}
+
+}  // namespace
+
+class Server::Client final : public servers::EventLoop::Watch {
+ public:
+  Client(Server *server, servers::UniqueFd connection, size_t queue_limit)
+      : fd(std::move(connection)),
+        pid(servers::peer_pid(fd.get())),
+        output(fd.get(), queue_limit),
+        server_(server) {}
+
+  void ready(uint32_t events) override {
+    if ((events & EPOLLOUT) != 0) {
+      output.flush();
+      server_->after_writing(*this);
+      if (gone) return;
+    }
+    if ((events & ~uint32_t{EPOLLOUT}) != 0) server_->read_from(*this);
+  }
+
+  std::string label() const {
+    return module == 0 ? fmt::format("process {}", pid)
+                       : fmt::format("module {} ({}, process {})", module, name_of(module), pid);
+  }
+
+  servers::UniqueFd fd;
+  pid_t pid;
+  uint32_t module = 0;  // 0 before registration
+  FrameReader input;
+  OutputQueue output;
+  Route route;  // messages of this turn
+  uint64_t lost = 0;
+  uint64_t lost_before = 0;  // when it last read again
+  bool waits_to_write = false;
+  bool gone = false;
+
+ private:
+  Server *server_;
+};
+
+Server::Server(servers::EventLoop *loop, const std::string &path, size_t queue_limit)
+    : loop_(*loop),
+      path_(path),
+      acceptor_(servers::listen_unix(path, kSocketMode)),
+      queue_limit_(queue_limit) {
+  loop_.add(acceptor_.fd(), EPOLLIN, this);
+}
+
+Server::~Server() {
+  ::unlink(path_.c_str());
+  loop_.remove(acceptor_.fd(), this);
+}
+
+void Server::finish() {
+  while (!clients_.empty()) {
+    clients_.back()->output.flush();
+    disconnect(*clients_.back(), "is disconnected: the server ends");
+  }
+}
+
+void Server::ready(uint32_t) {
+  while (servers::UniqueFd fd = acceptor_.accept()) {
+    ++statistics_.connections;
+    auto client = std::make_unique<Client>(this, std::move(fd), queue_limit_);
+    loop_.add(client->fd.get(), EPOLLIN, client.get());
+    clients_.push_back(std::move(client));
+  }
+}
+
+void Server::read_from(Client &client) {
+  const std::span<char> room = client.input.room();
+  const ssize_t count = ::read(client.fd.get(), room.data(), room.size());
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (count <= 0) {
+    disconnect(client, client.input.inside_message() ? "left in the middle of a message" : "left");
+    return;
+  }
+
+  client.input.filled(static_cast<size_t>(count));
+  while (const auto frame = client.input.next()) {
+    ++statistics_.received;
+    if (frame->head.des_id == ORP_NOTIFYCLT_SERVER) {
+      serve(client, *frame);
+    } else {
+      route(client, *frame);
+    }
+  }
+  flush_routes();
+  if (client.input.malformed() && !client.gone) {
+    ++statistics_.malformed;
+    disconnect(client, "is disconnected: it announced more data than a message may have");
+  }
+}
+
+void Server::route(Client &from, const Frame &frame) {
+  const uint32_t module = frame.head.des_id;
+  if (module < modules_.size() && !modules_[module].empty()) {
+    queue(*modules_[module].front(), frame.bytes, frame.head.msg_type);
+    return;
+  }
+  ++statistics_.no_module;
+  const size_t index = module < modules_.size() ? module : 0;
+  if (missing_[index]) return;
+  missing_[index] = true;
+  log_line("a message 0x{:x} of {} is lost: there is no module {} ({})", frame.head.msg_type,
+           from.label(), module, name_of(module));
+}
+
+// Messages to the server itself.
+void Server::serve(Client &from, const Frame &frame) {
+  const NOTIFY_MSG &head = frame.head;
+  if (head.sync_tag == 0 && head.msg_type == ORP_NOTIFYCLT_REGISTER) {
+    register_module(from, frame);
+    return;
+  }
+  if (head.sync_tag == 0 || head.ack_tag != ORP_NOTIFYCLT_REQUEST) {
+    ++statistics_.unserved;
+    return;
+  }
+
+  // The server takes no requests. As a module without a procedure it answers without data, so that
+  // the requester does not wait for nothing.
+  ++statistics_.answered;
+  NOTIFY_MSG &answer = answers_.emplace_back();
+  answer = {};
+  answer.msg_type = head.msg_type;
+  answer.seq_num = head.seq_num;
+  answer.source_id = ORP_NOTIFYCLT_SERVER;
+  answer.des_id = head.source_id;
+  answer.sync_tag = 1;
+  answer.ack_tag = ORP_NOTIFYCLT_REPLY;
+  queue(from, {reinterpret_cast<const char *>(&answer), sizeof answer}, answer.msg_type);
+}
+
+void Server::register_module(Client &client, const Frame &frame) {
+  uint32_t module = 0;
+  if (frame.data().size() >= sizeof module) {
+    std::memcpy(&module, frame.data().data(), sizeof module);
+  }
+  if (module == 0 || module >= ORP_NOTIFYCLT_MODULES || module == ORP_NOTIFYCLT_SERVER) {
+    ++statistics_.unserved;
+    log_line("{} may not be registered as module {}", client.label(), module);
+    return;
+  }
+
+  ++statistics_.registered;
+  leave_module(client);
+  client.module = module;
+  missing_[module] = false;
+  modules_[module].push_back(&client);
+  log_line("{} is registered", client.label());
+}
+
+void Server::leave_module(Client &client) {
+  std::erase(modules_[client.module], &client);
+}
+
+void Server::queue(Client &to, std::span<const char> bytes, uint32_t msg_type) {
+  if (to.route.empty()) routed_.push_back(&to);
+  to.route.push_back({bytes.data(), bytes.size(), {to.module, msg_type}});
+}
+
+// Writes what read_from() routed, which lies in the sender's buffer until then.
+void Server::flush_routes() {
+  for (Client *client : std::exchange(routed_, {})) {
+    std::vector<OutputQueue::Tag> refused;
+    client->output.send(std::exchange(client->route, {}), &refused);
+    if (!client->output.broken() && !refused.empty()) {
+      if (client->lost == client->lost_before) {
+        log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
+                 client->label(), client->output.limit());
+      }
+      client->lost += refused.size();
+      statistics_.overflows += refused.size();
+    } else {
+      statistics_.died_with += refused.size();
+      client->lost += refused.size();
+    }
+    after_writing(*client);
+  }
+  answers_.clear();
+}
+
+void Server::after_writing(Client &client) {
+  if (client.output.broken()) {
+    // What it sent before it went is still read; the end of its stream disconnects it.
+    if (std::exchange(client.waits_to_write, false)) {
+      loop_.change(client.fd.get(), EPOLLIN, &client);
+    }
+    return;
+  }
+  if (client.output.blocked() != client.waits_to_write) {
+    client.waits_to_write = !client.waits_to_write;
+    loop_.change(client.fd.get(), client.waits_to_write ? EPOLLIN | EPOLLOUT : EPOLLIN, &client);
+  }
+  if (client.output.empty() && client.lost != client.lost_before) {
+    log_line("{} reads again; {} messages for it were lost", client.label(),
+             client.lost - client.lost_before);
+    client.lost_before = client.lost;
+  }
+}
+
+void Server::disconnect(Client &client, const char *why) {
+  const uint64_t unwritten = client.output.take_unwritten().size();
+  statistics_.died_with += unwritten;
+  statistics_.delivered += client.output.frames_written();
+  client.lost += unwritten;
+  if (client.lost == 0) {
+    log_line("{} {}", client.label(), why);
+  } else {
+    log_line("{} {}; {} messages for it were lost", client.label(), why, client.lost);
+  }
+
+  client.gone = true;
+  leave_module(client);
+  loop_.remove(client.fd.get(), &client);
+  const auto place = std::find_if(clients_.begin(), clients_.end(),
+                                  [&](const auto &each) { return each.get() == &client; });
+  loop_.retire(std::move(*place));
+  clients_.erase(place);
+}
+
+void Server::log_statistics() const {
+  uint64_t delivered = statistics_.delivered;
+  for (const auto &client : clients_) {
+    delivered += client->output.frames_written();
+    log_line("{}: {} messages delivered, {} lost, {} bytes waiting", client->label(),
+             client->output.frames_written(), client->lost, client->output.weight());
+  }
+  log_line(
+      "received {} delivered {} registered {} answered {} unserved {} no_module {} overflows {} "
+      "died_with {} malformed {} connections {} clients {}",
+      statistics_.received, delivered, statistics_.registered, statistics_.answered,
+      statistics_.unserved, statistics_.no_module, statistics_.overflows, statistics_.died_with,
+      statistics_.malformed, statistics_.connections, clients_.size());
+}
+
+}  // namespace notifyserver

@@ -1,0 +1,82 @@
+// The notify server's core: connections, module ids, and the routing of messages between them.
+//
+// One turn of the loop reads what one client has sent, routes every whole message in it and then
+// writes to each destination once. Messages travel untouched: only the head's destination decides.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "common/listen.h"
+#include "common/output_queue.h"
+#include "common/unique_fd.h"
+#include "msgapi/notify.h"
+#include "notifyserver/frame_reader.h"
+
+namespace notifyserver {
+
+struct Statistics {
+  uint64_t received = 0;    // whole messages, for whomever
+  uint64_t delivered = 0;   // written to clients that are gone; the living count their own
+  uint64_t registered = 0;  // registrations that were accepted
+  uint64_t answered = 0;    // synchronous requests to the server itself
+  uint64_t unserved = 0;    // messages for the server that it has no use for
+  uint64_t no_module = 0;   // lost: nobody has the destination's id
+  uint64_t overflows = 0;   // lost: no room in the destination's queue
+  uint64_t died_with = 0;   // lost: waited for a client that went away
+  uint64_t malformed = 0;   // clients that were disconnected
+  uint64_t connections = 0;
+};
+
+class Server final : servers::EventLoop::Watch {
+ public:
+  // Listens at once; throws std::exception when it cannot. `queue_limit` bounds what may wait for
+  // one client, in bytes.
+  Server(servers::EventLoop *loop, const std::string &path, size_t queue_limit);
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
+  ~Server() override;
+
+  void log_statistics() const;
+  // Writes what sockets still take and disconnects everybody.
+  void finish();
+
+ private:
+  class Client;
+  using Route = std::vector<servers::OutputQueue::Frame>;
+
+  void ready(uint32_t events) override;  // somebody connects
+  void read_from(Client &client);
+  void route(Client &from, const Frame &frame);
+  void serve(Client &from, const Frame &frame);
+  void register_module(Client &client, const Frame &frame);
+  void leave_module(Client &client);
+  void queue(Client &to, std::span<const char> bytes, uint32_t msg_type);
+  void flush_routes();
+  void after_writing(Client &client);
+  void disconnect(Client &client, const char *why);
+
+  servers::EventLoop &loop_;
+  std::string path_;
+  servers::Acceptor acceptor_;
+  size_t queue_limit_;
+  std::vector<std::unique_ptr<Client>> clients_;
+  // The clients of every module id, oldest registration first; the first gets the messages.
+  std::array<std::vector<Client *>, ORP_NOTIFYCLT_MODULES> modules_;
+  // Ids whose absence has been logged; 0 stands for all that are out of range.
+  std::bitset<ORP_NOTIFYCLT_MODULES> missing_;
+  // Destinations of the running turn.
+  std::vector<Client *> routed_;
+  std::list<NOTIFY_MSG> answers_;
+  Statistics statistics_;
+};
+
+}  // namespace notifyserver

@@ -1,0 +1,143 @@
+// The fixed requests to the configuration manager behind the message server.
+
+#include "msg/config_request.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "base/text.h"
+#include "cfmapi.h"
+#include "msg/exchange.h"
+#include "msgapi/dmmsg.h"
+#include "msgapi/msg.h"
+
+namespace msgapi::msg {
+namespace {
+
+constexpr uint32_t kSave = 0x5009;
+constexpr uint32_t kReboot = 0x500E;
+constexpr uint32_t kRestoreDefaults = 0x500F;
+constexpr uint32_t kExportFile = 0x5026;
+constexpr uint32_t kImportFile = 0x5027;
+constexpr uint32_t kCheckFile = 0x5028;
+constexpr uint32_t kSaveAppSync = 0x502A;
+constexpr uint32_t kSaveSync = 0x502B;
+constexpr uint32_t kDeleteAppData = 0x5033;
+constexpr uint32_t kExportUser = 0x5035;
+constexpr uint32_t kSaveToApp = 0x503F;
+constexpr uint32_t kSaveToAppSync = 0x5040;
+
+constexpr uint32_t kFileTimeoutMs = 15000;
+
+constexpr char kServer[] = "";
+
+struct FileRequest {
+  Header header;
+  char path[256];
+};
+
+struct RestoreRequest {
+  uint32_t mode;
+  uint32_t user;
+};
+
+uint32_t request_for_data(uint32_t type, uint32_t timeout_ms) {
+  Header request = build_header(kServer, type, 0);
+  return exchange_for_data(&request, timeout_ms);
+}
+
+// A path that does not fit is refused: cut, it would name another file.
+uint32_t file_request(uint32_t type, const char *path) {
+  FileRequest request;
+  request.header = build_header(kServer, type, 0);
+  if (path != nullptr) {
+    if (!copy_exact(request.path, path)) {
+      std::printf("copy payload error.");
+      return code(Status::kBadArgument);
+    }
+    request.header.ulDataLen = static_cast<uint32_t>(std::strlen(path) + 1);
+  }
+  return exchange_for_data(&request.header, kFileTimeoutMs);
+}
+
+}  // namespace
+
+uint32_t request_reboot(uint32_t mode) {
+  return ORP_MSG_SendSimpleMsg(kServer, kReboot, mode);
+}
+
+}  // namespace msgapi::msg
+
+using namespace msgapi;
+using namespace msgapi::msg;
+
+extern "C" uint32_t ORP_DB_SaveFunc() {
+  return ORP_MSG_SendSimpleMsg(kServer, kSave, ORP_CFM_GetCurrUser());
+}
+
+extern "C" uint32_t ORP_DB_SaveSyncFunc() {
+  return request_for_data(kSaveSync, 5000);
+}
+
+extern "C" uint32_t ORP_AppSaveSyncFunc() {
+  return request_for_data(kSaveAppSync, 1000);
+}
+
+extern "C" uint32_t ORP_DB_SaveToAppFunc() {
+  return ORP_MSG_SendSimpleMsg(kServer, kSaveToApp, ORP_CFM_GetCurrUser());
+}
+
+extern "C" uint32_t ORP_DB_SaveToAppSyncFunc() {
+  return request_for_data(kSaveToAppSync, 1000);
+}
+
+extern "C" uint32_t ORP_CFM_ExtExportEncryptedCfgFile(const char *path) {
+  return file_request(kExportFile, path);
+}
+
+extern "C" uint32_t ORP_CFM_ExtExportEncCfgFileByUser(const char *path, uint32_t user) {
+  (void)ORP_MSG_SendSimpleMsg(kServer, kExportUser, user);
+  return file_request(kExportFile, path);
+}
+
+extern "C" uint32_t ORP_CFM_ExtImportEncryptedCfgFile(const char *path) {
+  if (path != nullptr) std::printf("before send ORP_MSG_IMPORT_CFG_FILE, file=%s.\n", path);
+  return file_request(kImportFile, path);
+}
+
+extern "C" uint32_t ORP_DB_CheckFile(const char *path) {
+  return file_request(kCheckFile, path);
+}
+
+extern "C" uint32_t ORP_CFM_DelAppdata() {
+  return file_request(kDeleteAppData, nullptr);
+}
+
+extern "C" uint32_t ORP_CFM_ExtRestoreDft(uint32_t mode) {
+  const RestoreRequest request = {mode, ORP_CFM_GetCurrUser()};
+  return ORP_MSG_SendMsgData(kServer, kRestoreDefaults, &request, sizeof request);
+}
+
+extern "C" uint32_t ORP_CFM_ExtReboot(uint32_t mode) {
+  return request_reboot(mode);
+}
+
+extern "C" uint32_t ORP_DBSaveFunc() {
+  return ORP_DB_SaveFunc();
+}
+
+extern "C" uint32_t ORP_DBSaveSyncFunc() {
+  return ORP_DB_SaveSyncFunc();
+}
+
+extern "C" uint32_t ORP_DBSaveToAppFunc() {
+  return ORP_DB_SaveToAppFunc();
+}
+
+extern "C" uint32_t ORP_DBSaveToAppSyncFunc() {
+  return ORP_DB_SaveToAppSyncFunc();
+}
+
+extern "C" uint32_t ORP_DBCheckFile(const char *path) {
+  return ORP_DB_CheckFile(path);
+}

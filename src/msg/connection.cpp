@@ -1,0 +1,273 @@
+// The connection to the message server: connecting, registering, keep-alive, and what the event
+// loop needs to know to read messages from it.
+
+#include "msg/connection.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "base/bytes.h"
+#include "msg/context.h"
+#include "msg/drop_count.h"
+#include "msg/hand_over.h"
+#include "msg/header.h"
+#include "msg/queue.h"
+#include "msg/receive.h"
+#include "msgapi/notify.h"
+#include "msgapi/sockbase.h"
+#include "msgapi/time.h"
+#include "orputil.h"
+#include "os/fd.h"
+#include "uv/default_loop.h"
+#include "uv/io.h"
+#include "uv/trace_point.h"
+#include "uv/watcher.h"
+
+namespace msgapi::msg {
+namespace {
+
+constexpr timeval kSlaveSendTimeout = {.tv_sec = 1, .tv_usec = 0};
+
+// ---- Sockets ----
+
+os::UniqueFd open_socket(int family) {
+  os::UniqueFd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  if (socket) ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  return socket;
+}
+
+template <typename Address>
+bool connect_to(const os::UniqueFd &socket, const Address &address) {
+  int result;
+  do {
+    result = ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+os::UniqueFd connect_local() {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  copy_cut(address.sun_path, ORP_MSG_SERVER_PATH);
+
+  os::UniqueFd socket = open_socket(AF_UNIX);
+  if (socket && !connect_to(socket, address)) socket.reset();
+  return socket;
+}
+
+os::UniqueFd connect_remote(const char *host, uint16_t port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+
+  os::UniqueFd socket = open_socket(AF_INET);
+  if (!socket) return socket;
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kSlaveSendTimeout, sizeof kSlaveSendTimeout);
+  if (::inet_pton(AF_INET, host, &address.sin_addr) != 1 || !connect_to(socket, address)) {
+    socket.reset();
+  }
+  return socket;
+}
+
+// ---- The message watcher ----
+
+uint32_t read_length(Header *header, uint32_t *body_in_file) {
+  if (header == nullptr) return 0;
+  *body_in_file = prepare_header(header) ? 1 : 0;
+  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", uv::kTraceLevel,
+                      "recvd msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] "
+                      "on board %u with flags 0x%x ...",
+                      header->ulMsgType, g_stMsgCtx.aucAppName, header->ulMsgData,
+                      header->ulDataLen, header->aucRecvApp, header->aucSendApp,
+                      g_stMsgCtx.ulFlags >> ORP_MSG_CTX_RECV_BOARD_SHIFT, g_stMsgCtx.ulFlags);
+  return header->ulDataLen;
+}
+
+uint32_t answers(const Header *message, uint32_t type, uint32_t sequence) {
+  return type_proper(message->ulMsgType) == type_proper(type) && message->ulSeqNum == sequence;
+}
+
+uint32_t complete(Header **message) {
+  return code(complete_hand_over(message));
+}
+
+// Puts the context's socket on the default loop.
+bool start_watcher() {
+  Owned<OrpUvMsg> watcher = make<OrpUvMsg>();
+  if (!watcher) return false;
+  watcher->headerSize = ORP_MSG_HEADER_SIZE;
+  watcher->lengthProc = read_length;
+  watcher->matchProc = answers;
+  watcher->completeProc = complete;
+
+  g_stMsgCtx.pstWatcher = watcher.get();
+  (void)OrpUvMsgInit(nullptr, watcher.release(), g_stMsgCtx.slSocket, ORP_MSG_FilterProc);
+  (void)OrpUvMsgStart(g_stMsgCtx.pstWatcher);
+  return true;
+}
+
+// ---- What outlives a connection on the loop ----
+
+// The loop keeps idle procedure and timer of an earlier connection of this process.
+template <typename T, typename Matches>
+T *find_watcher(uint32_t type, Matches matches) {
+  for (OrpUvWatcher *watcher = uv::default_loop()->watchers; watcher != nullptr;
+       watcher = watcher->link) {
+    if (uv::has_type(watcher, type) && !uv::is_deleted(watcher) && matches(uv::as<T>(watcher))) {
+      return uv::as<T>(watcher);
+    }
+  }
+  return nullptr;
+}
+
+void drain_when_idle(OrpUvIdle * /*watcher*/) {
+  drain_pending_queue();
+}
+
+void start_drain() {
+  const auto is_drain = [](const OrpUvIdle *idle) { return idle->proc == drain_when_idle; };
+  if (find_watcher<OrpUvIdle>(ORP_UV_IDLE, is_drain) == nullptr) {
+    (void)ORP_UV_IdleStart(nullptr, drain_when_idle);
+  }
+}
+
+void send_keep_alive(ORP_WORD /*data*/) {
+  (void)ORP_MSG_SendSimpleMsg(nullptr, ORP_MSG_KEEP_ALIVE, 0);
+}
+
+void start_keep_alive(uint32_t period_s) {
+  const auto is_keep_alive = [](const OrpUvTimer *timer) {
+    return timer->callback == send_keep_alive;
+  };
+  while (OrpUvTimer *earlier = find_watcher<OrpUvTimer>(ORP_UV_TIMER, is_keep_alive)) {
+    OrpUtilTimerDel(earlier);
+  }
+  const uint64_t period_ms = uint64_t{period_s} * 1000;
+  (void)ORP_UTIL_TimerAdd(static_cast<uint32_t>(std::min<uint64_t>(period_ms, UINT32_MAX)), 0,
+                          send_keep_alive, 0);
+}
+
+// ---- The connection ----
+
+void destroy() {
+  if (OrpUvMsg *watcher = running_watcher()) uv::take_descriptor_away(&watcher->io);
+  if (g_stMsgCtx.slSocket > 0) ::close(g_stMsgCtx.slSocket);
+  g_dropped.queue += ORP_ListGetCount(g_stMsgCtx.pstQueue);
+  clear_context();
+}
+
+// Destroys a connection that never came into use. What the registration put aside goes with it:
+// nobody has seen it, and an application that keeps trying must not lose memory.
+void abandon() {
+  destroy_queue(&g_stMsgCtx.pstQueue);
+  destroy();
+}
+
+// Takes over what the server's reply to the registration says.
+Status apply_registration(const Header &reply) {
+  if (reply.ulMsgData != 0) {
+    g_stMsgCtx.ulFlags |= ORP_MSG_CTX_SWAP;
+  } else {
+    g_stMsgCtx.ulFlags &= ~ORP_MSG_CTX_SWAP;
+  }
+  set_own_name(destination(reply));
+
+  if (reply.ulDataLen < 2 * sizeof(uint32_t)) return Status::kBadArgument;
+  const auto keep_alive = load<uint32_t>(body(&reply));
+  const auto period_s = load<uint32_t>(body(&reply) + sizeof(uint32_t));
+  if (keep_alive != 0) start_keep_alive(period_s);
+  return own_name().empty() ? Status::kEmptyName : Status::kOk;
+}
+
+uint32_t register_process() {
+  Header request = {};
+  request.ulMsgType = ORP_MSG_REGISTER;
+  copy_cut(request.aucSendApp, own_name());
+
+  Header *reply;
+  const uint32_t status = ORP_MSG_SendAndRecv(&request, &reply, 0);
+  const Owned<Header> owner(reply);
+  if (status != ORP_OK) return status;
+  return reply == nullptr ? ORP_ERR_ARGUMENT : code(apply_registration(*reply));
+}
+
+enum class Loop { kUsed, kNotUsed };
+
+uint32_t connect_process(const char *name, Loop loop) {
+  if (g_stMsgCtx.slSocket >= 0) return ORP_OK;
+  ::signal(SIGPIPE, SIG_IGN);
+  set_own_name(text_or_empty(name));
+
+  g_stMsgCtx.slSocket = connect_local().release();
+  if (g_stMsgCtx.slSocket < 0) return ORP_ERR_SOCKET;
+  if (loop == Loop::kUsed && !start_watcher()) return ORP_ERR_MEMORY;
+
+  // A failed registration shows only as a destroyed context; the notify client's status is what the
+  // caller gets. Long-standing, and applications rely on it.
+  if (register_process() != ORP_OK) abandon();
+  const uint32_t status = ORP_NOTIFYCLT_InitByName(name);
+  if (status != ORP_OK) abandon();
+  if (loop == Loop::kUsed) start_drain();
+  return status;
+}
+
+uint32_t connect_slave(const char *name, const char *host, uint16_t port) {
+  set_own_name(text_or_empty(name));
+  os::UniqueFd socket = connect_remote(host, port);
+  if (!socket) return ORP_ERR_SOCKET;
+
+  g_stMsgCtx.slSocket = socket.release();
+  const uint32_t status = register_process();
+  if (status != ORP_OK) abandon();
+  return status;
+}
+
+}  // namespace
+
+OrpUvMsg *running_watcher() {
+  // The pointer alone could be stale: the application may have destroyed its loop.
+  OrpUvWatcher *watcher = uv::own_default_loop()->watchers;
+  while (watcher != nullptr && uv::as<OrpUvMsg>(watcher) != g_stMsgCtx.pstWatcher) {
+    watcher = watcher->link;
+  }
+  return watcher == nullptr || uv::is_deleted(watcher) ? nullptr : g_stMsgCtx.pstWatcher;
+}
+
+}  // namespace msgapi::msg
+
+using namespace msgapi::msg;
+
+extern "C" uint32_t ORP_MSG_Init(const char *appName) {
+  const uint32_t status = connect_process(appName, Loop::kUsed);
+  ORP_BASE_Init(appName);
+  return status;
+}
+
+extern "C" uint32_t ORP_MSG_InitWithoutHandle(const char *appName) {
+  const uint32_t status = connect_process(appName, Loop::kNotUsed);
+  ORP_BASE_Init(appName);
+  return status;
+}
+
+extern "C" uint32_t ORP_MSG_InitSlaveApp(const char *appName, const char *serverAddress,
+                                         uint16_t port) {
+  return serverAddress == nullptr ? ORP_ERR_ARGUMENT : connect_slave(appName, serverAddress, port);
+}
+
+extern "C" void ORP_MSG_Destroy(void) {
+  destroy();
+}
+
+extern "C" uint32_t ORP_MSG_GetAndDispatch(void) {
+  return ORP_UTIL_SockBaseStart(0);
+}

@@ -1,0 +1,123 @@
+// Requests about dynamic applications and synchronisation points, scripts for the web application,
+// and two queries of the system.
+
+#include "msg/dynamic_app.h"
+
+#include <sys/sysinfo.h>
+#include <sys/utsname.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "msg/context.h"
+#include "msg/exchange.h"
+#include "msgapi/dynapp.h"
+
+uint32_t g_ulSafeExitMsgTimeout = 5000;
+
+namespace msgapi::msg {
+namespace {
+
+constexpr uint32_t kPostScript = 0x490C;
+constexpr uint32_t kUpdate = 0x5001;
+constexpr uint32_t kSyncPost = 0x5019;
+constexpr uint32_t kStopAll = 0x504D;
+
+constexpr uint32_t kStopAllTimeoutMs = 20000;
+
+constexpr char kServer[] = "";
+
+// Asks the application to exit and waits for its answer. Whatever comes of it, the server decides.
+void stop(const char *name) {
+  // The first word is long-standing and looked for in consoles.
+  std::printf("ineted app %s should stop. we will safe exit process [%s] now.\n", name, name);
+  Header request = build_header(name, ORP_MSG_EXIT, 0);
+  const Result<Owned<Header>> reply = exchange(&request, g_ulSafeExitMsgTimeout);
+  if (!reply) {
+    std::printf("send msg to %s failed when safe exit process, ret = %d.\n", name,
+                static_cast<int>(code(reply.status())));
+  }
+}
+
+uint32_t update(const char *name, uint32_t action) {
+  if (action != ORP_DYNAPP_ON && own_name() != name) stop(name);
+  NameMessage message = build_name_message(kUpdate, action, name);
+  return ORP_MSG_Send(&message.header);
+}
+
+struct ScriptHead {
+  Header header;
+  char first[256];
+};
+static_assert(sizeof(ScriptHead) == 296);
+
+uint32_t post_script(std::string_view first, std::string_view script) {
+  constexpr uint32_t kFailed = 1;
+  if (script.size() >= 0xFFFFFED6) return kFailed;
+  const Owned<ScriptHead> message(
+      static_cast<ScriptHead *>(guarded_zalloc(sizeof(ScriptHead) + uint64_t{script.size()} + 1)));
+  if (!message) return kFailed;
+
+  message->header = build_header("web", kPostScript, 0);
+  message->header.ulDataLen = static_cast<uint32_t>(sizeof message->first + script.size() + 1);
+  if (!copy_exact(message->first, first)) return kFailed;
+  copy_cut({reinterpret_cast<char *>(message.get() + 1), script.size() + 1}, script);
+  return ORP_MSG_Send(&message->header);
+}
+
+}  // namespace
+
+uint32_t linux_version(std::string_view release) {
+  if (release.find("2.6.21") != std::string_view::npos) return 0;
+  return release.find("2.6.36") != std::string_view::npos ? 2 : 1;
+}
+
+}  // namespace msgapi::msg
+
+using namespace msgapi;
+using namespace msgapi::msg;
+
+extern "C" uint32_t ORP_UTIL_UpdateDynAppListenFd(const char *appName, uint32_t value) {
+  return appName == nullptr ? 1 : update(appName, value);
+}
+
+extern "C" uint32_t ORP_UTIL_UpdateDynAppStatus(const char *appName, uint32_t status) {
+  return ORP_UTIL_UpdateDynAppListenFd(appName, status != 0 ? ORP_DYNAPP_ON : ORP_DYNAPP_OFF);
+}
+
+extern "C" uint32_t ORP_UTIL_RestartDynApp(const char *appName) {
+  return ORP_UTIL_UpdateDynAppListenFd(appName, ORP_DYNAPP_RESTART);
+}
+
+extern "C" uint32_t ORP_UTIL_KillAllDynApp() {
+  Header request = build_header(kServer, kStopAll, 0);
+  return exchange_for_data(&request, kStopAllTimeoutMs);
+}
+
+// The exchange of this request has always been started without the request, so it fails at once and
+// callers treat the wait as unavailable. Only a name that does not fit is told apart.
+extern "C" uint32_t ORP_MSG_OrpSyncWait(const char *name, uint32_t /*timeoutMs*/) {
+  char field[ORP_APP_NAME_SIZE];
+  return code(copy_exact(field, text_or_empty(name)) ? Status::kBadArgument : Status::kSystem);
+}
+
+extern "C" uint32_t ORP_MSG_OrpSyncPost(const char *name) {
+  if (name == nullptr || *name == '\0') return 1;
+  const size_t size = std::strlen(name) + 1;
+  if (size > UINT32_MAX) return 1;
+  return ORP_MSG_SendMsgData(kServer, kSyncPost, name, static_cast<uint32_t>(size));
+}
+
+extern "C" uint32_t ORP_UTIL_PostLua(const char *first, const char *script) {
+  return script == nullptr ? 1 : post_script(text_or_empty(first), script);
+}
+
+extern "C" uint32_t ORP_UTIL_GetSysUpTime() {
+  struct sysinfo info;
+  return ::sysinfo(&info) == 0 ? static_cast<uint32_t>(info.uptime) : 0;
+}
+
+extern "C" uint32_t ORP_UTIL_GetLinuxVersion() {
+  utsname names;
+  return linux_version(::uname(&names) == 0 ? names.release : "");
+}

@@ -1,0 +1,256 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "msg/drop_count.h"
+#include "msg/header.h"
+#include "support/allocation.h"
+#include "support/message_peer.h"
+
+namespace msgapi::msg {
+namespace {
+
+using test::Connection;
+using test::make_frame;
+
+std::string g_calls;
+std::vector<ORP_MSG_REG_HANDLE> g_handles;
+
+template <char kName>
+void record(Header * /*message*/) {
+  g_calls += kName;
+}
+
+// A message as it reaches the gate.
+Owned<Header> arrived(uint32_t type, std::string_view from = "peer", std::string_view to = "self") {
+  Owned<Header> message = allocate_message(0);
+  message->ulMsgType = type;
+  message->ulSeqNum = 7;
+  copy_cut(message->aucSendApp, from);
+  copy_cut(message->aucRecvApp, to);
+  return message;
+}
+
+ORP_MSG_REG_HANDLE add(uint32_t type, ORP_MSG_PROC procedure, uint32_t priority) {
+  ORP_MSG_REG_HANDLE handle;
+  EXPECT_EQ(ORP_OK, ORP_MSG_RegMsgProc(type, procedure, priority, &handle));
+  g_handles.push_back(handle);
+  return handle;
+}
+
+// The procedures that a message of that type calls.
+std::string calls_for(uint32_t type) {
+  g_calls.clear();
+  ORP_MSG_DefaultMsgProc(arrived(type).get());
+  return g_calls;
+}
+
+class Registry : public testing::Test {
+ protected:
+  ~Registry() override {
+    for (ORP_MSG_REG_HANDLE handle : g_handles) ORP_MSG_UnRegisterMsgProc(handle);
+    g_handles.clear();
+  }
+};
+
+TEST(Gate, CallsTheProcedureAlsoWithNull) {
+  ORP_MSG_FilterProc(arrived(1).get());
+  static const Header *seen;
+  ORP_MSG_RegisterMsgProc([](Header *message) {
+    seen = message;
+    g_calls += 'x';
+  });
+  const Owned<Header> message = arrived(1);
+
+  ORP_MSG_FilterProc(message.get());
+  EXPECT_EQ(message.get(), seen);
+  ORP_MSG_FilterProc(nullptr);
+  EXPECT_EQ(nullptr, seen);
+  EXPECT_EQ("xx", g_calls);
+}
+
+TEST(Gate, RefusesNamesWithoutNul) {
+  ORP_MSG_RegisterMsgProc(record<'x'>);
+  const Owned<Header> sender = arrived(0x1234);
+  const Owned<Header> receiver = arrived(0x1234);
+  std::memset(sender->aucSendApp, 'a', 12);
+  std::memset(receiver->aucRecvApp, 'a', 12);
+
+  testing::internal::CaptureStdout();
+  ORP_MSG_FilterProc(sender.get());
+  ORP_MSG_FilterProc(receiver.get());
+
+  EXPECT_EQ("msgapi recv/send app error type=0x1234\nmsgapi recv/send app error type=0x1234\n",
+            testing::internal::GetCapturedStdout());
+  EXPECT_EQ("", g_calls);
+  EXPECT_EQ(2u, g_dropped.name);
+}
+
+TEST(Gate, DropsBodiesThatAreTooLong) {
+  ORP_MSG_RegisterMsgProc(record<'x'>);
+  const Owned<Header> message = arrived(1);  // nobody looks at the body
+
+  message->ulDataLen = 0x200000;
+  ORP_MSG_FilterProc(message.get());
+  message->ulDataLen = 0x200001;
+  ORP_MSG_FilterProc(message.get());
+
+  EXPECT_EQ("x", g_calls);
+  EXPECT_EQ(1u, g_dropped.oversize);
+}
+
+TEST_F(Registry, CallsByPriorityAndThenInOrderOfRegistration) {
+  add(0x1234, record<'a'>, 5);
+  add(0x9999, record<'z'>, 0);
+  add(0x1234, record<'b'>, 3);
+  add(0x1234, record<'c'>, 3);
+  add(0x1234, record<'d'>, 9);
+  add(0x1234, record<'e'>, 5);
+
+  EXPECT_EQ("bcaed", calls_for(0x1234));
+  EXPECT_EQ("z", calls_for(0x9999));
+  EXPECT_EQ("", calls_for(0x101234)) << "the whole type is compared";
+  ORP_MSG_DefaultMsgProcs(nullptr);
+}
+
+TEST_F(Registry, ForgetsWhatIsRemoved) {
+  const ORP_MSG_REG_HANDLE first = add(1, record<'a'>, 0);
+  add(1, record<'b'>, 0);
+
+  ORP_MSG_UnRegisterMsgProc(first);
+  ORP_MSG_UnRegisterMsgProc(nullptr);
+
+  EXPECT_EQ("b", calls_for(1));
+}
+
+TEST_F(Registry, MayBeChangedWhileItIsWalked) {
+  static ORP_MSG_REG_HANDLE own;
+  static ORP_MSG_REG_HANDLE next;
+  static bool nested;
+  own = add(
+      1,
+      [](Header *message) {
+        record<'a'>(message);
+        // Inside an inner walk, so that the outer one must notice too.
+        if (!nested) {
+          nested = true;
+          ORP_MSG_DefaultMsgProcs(message);
+          return;
+        }
+        ORP_MSG_UnRegisterMsgProc(own);
+        ORP_MSG_UnRegisterMsgProc(next);
+        add(1, record<'d'>, 9);
+      },
+      0);
+  next = add(1, record<'b'>, 1);
+  add(1, record<'c'>, 2);
+
+  EXPECT_EQ("aacdcd", calls_for(1));
+  EXPECT_EQ("cd", calls_for(1));
+}
+
+TEST_F(Registry, ReportsMissingMemory) {
+  EXPECT_EQ(1u, test::fail_every_allocation([] {
+              ORP_MSG_REG_HANDLE handle = reinterpret_cast<ORP_MSG_REG_HANDLE>(1);
+              const uint32_t status = ORP_MSG_RegMsgProc(1, record<'a'>, 0, &handle);
+              EXPECT_EQ(status == ORP_OK ? ORP_OK : ORP_ERR_MEMORY, status);
+              EXPECT_EQ(status == ORP_OK, handle != nullptr);
+              if (handle != nullptr) g_handles.push_back(handle);
+              return status == ORP_OK;
+            }));
+}
+
+TEST_F(Registry, SendsTheReplyOfASyncProcedure) {
+  Connection connection("self");
+  ORP_MSG_REG_HANDLE handle;
+  ORP_MSG_RegMsgProcEx(
+      0x1234, record<'a'>,
+      [](Header *message) -> Header * {
+        Header *reply = ORP_MSG_MsgRespBuilder(message, 55, "answer", 6);
+        reply->ulMsgType = 0x99;  // replaced by the type of the request
+        return reply;
+      },
+      0, &handle);
+  g_handles.push_back(handle);
+  ORP_MSG_RegisterSyncMsgProc(
+      0x1234, [](Header *) -> Header * { return nullptr; }, 1, &handle);
+  g_handles.push_back(handle);
+
+  EXPECT_EQ("a", calls_for(0x1234));
+
+  const test::Frame reply = connection.peer.read();
+  EXPECT_EQ(0x1234u, reply.type());
+  EXPECT_EQ(7u, reply.header.ulSeqNum);
+  EXPECT_EQ(55u, reply.header.ulMsgData);
+  EXPECT_EQ("peer", reply.to());
+  EXPECT_EQ("answer", reply.body);
+  EXPECT_TRUE(connection.peer.quiet());
+}
+
+TEST_F(Registry, DoesNotAskTheSyncProcedureOfARemovedRegistration) {
+  Connection connection("self");
+  static ORP_MSG_REG_HANDLE own;
+  ORP_MSG_RegMsgProcEx(
+      1, [](Header *) { ORP_MSG_UnRegisterMsgProc(own); },
+      [](Header *message) { return ORP_MSG_MsgRespBuilder(message, 0, nullptr, 0); }, 0, &own);
+
+  calls_for(1);
+
+  EXPECT_TRUE(connection.peer.quiet());
+}
+
+// Exit requests end the process, so they run in a child that says what it printed.
+void exit_request(const char *own_name) {
+  Connection connection(own_name);
+  ORP_MSG_DefaultMsgProc(arrived(ORP_MSG_EXIT, "asker", own_name).get());
+  std::exit(3);
+}
+
+TEST(ExitRequest, EndsTheListedDaemonsOnly) {
+  for (const char *name :
+       {"dhcps", "ssdpd", "ntwksync", "kobridge", "devmngr", "coapclient", "datacli"}) {
+    EXPECT_EXIT(exit_request(name), testing::ExitedWithCode(0), "") << name;
+  }
+  EXPECT_EXIT(exit_request("dhcp"), testing::ExitedWithCode(3), "");
+  EXPECT_EXIT(exit_request("dhcpsd"), testing::ExitedWithCode(3), "");
+}
+
+TEST(ExitRequest, IsAcknowledgedAndPrinted) {
+  Connection connection("dhcps");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(connection.peer.fd(), STDOUT_FILENO);
+    ORP_MSG_DefaultMsgProc(arrived(ORP_MSG_EXIT, "asker", "dhcps").get());
+    ::_exit(1);
+  }
+  int status;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  const test::Frame acknowledgement = connection.peer.read();
+  EXPECT_EQ(ORP_MSG_EXIT, acknowledgement.type());
+  EXPECT_EQ("asker", acknowledgement.to());
+  EXPECT_EQ(0u, acknowledgement.header.ulMsgData);
+  // Standard output was the peer's end of the connection, so it arrived at this one.
+  const std::string line =
+      "Fatal: App(dhcps:" + std::to_string(child) + ") exited.=================================\n";
+  std::string printed(line.size(), '\0');
+  ASSERT_EQ(static_cast<ssize_t>(line.size()),
+            ::recv(connection.fd(), printed.data(), printed.size(), MSG_DONTWAIT));
+  EXPECT_EQ(line, printed);
+}
+
+TEST_F(Registry, ARegisteredProcedureTakesTheExitRequest) {
+  add(ORP_MSG_EXIT, record<'x'>, 0);
+  g_calls.clear();
+  ORP_MSG_DefaultMsgProc(arrived(ORP_MSG_EXIT, "asker", "dhcps").get());
+  EXPECT_EQ("x", g_calls);
+}
+
+}  // namespace
+}  // namespace msgapi::msg

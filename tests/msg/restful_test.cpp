@@ -1,0 +1,227 @@
+#include "msgapi/restful.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "support/allocation.h"
+#include "support/message_block.h"
+
+namespace {
+
+using test::Connection;
+using test::Frame;
+
+// What the handlers saw.
+std::vector<std::string> g_seen;
+
+uint32_t echo(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
+  g_seen.push_back(ORP_MSG_RESTFUL_TEXT(request));
+  EXPECT_EQ(nullptr, *response);
+  *response = ::strdup(("echo " + g_seen.back()).c_str());
+  return 0;
+}
+
+uint32_t silent(const ORP_MSG_RESTFUL_REQ_ST *, char **) {
+  return 0;
+}
+
+uint32_t refusing(const ORP_MSG_RESTFUL_REQ_ST *, char **response) {
+  *response = ::strdup("is freed all the same");
+  return 5;
+}
+
+uint32_t other(const ORP_MSG_RESTFUL_REQ_ST *, char **response) {
+  *response = ::strdup("other");
+  return 0;
+}
+
+constexpr ORP_MSG_RESTFUL_ROW_ST kTable[] = {{"info", echo},    {"reset", silent},
+                                             {"bad", refusing}, {"info", other},
+                                             {"gone", nullptr}, {nullptr, nullptr}};
+
+std::string request_body(const std::string &path, const std::string &handler,
+                         const std::string &text) {
+  std::string body(8, '\7');
+  body += path + std::string(64 - path.size(), '\0');
+  body += handler + std::string(64 - handler.size(), '\0');
+  return body + text;
+}
+
+// Hands a request to the registered procedures, as the loop does.
+void dispatch(const std::string &body, uint32_t type = ORP_MSG_RESTFUL_REQUEST) {
+  const test::MessageBlock message = test::make_block(
+      {.type = type, .from = "asker", .to = "self", .data = 11, .seq = 12, .body = body});
+  ORP_MSG_DefaultMsgProcs(message.get());
+}
+
+TEST(RestfulRegistration, AnnouncesThePathOrItsRows) {
+  Connection connection("self");
+  constexpr ORP_MSG_RESTFUL_ROW_ST kRows[] = {{"info", echo}, {"reset", echo}, {nullptr, nullptr}};
+
+  EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/dev", kRows));
+  EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/dev", kRows, 1));
+  EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/none", kRows + 2, 1));
+
+  for (const std::string expected : {"/dev", "/dev/info|/dev/reset", ""}) {
+    const Frame frame = connection.peer.read();
+    EXPECT_EQ(ORP_MSG_RESTFUL_REGISTER, frame.type());
+    EXPECT_EQ("", frame.to());
+    EXPECT_EQ(expected + std::string(1, '\0'), frame.body);
+  }
+}
+
+TEST(RestfulRegistration, StopsTheListBeforeWhatNoLongerFits) {
+  Connection connection("self");
+  const std::string name(121, 'n');  // "/path/" and this: 127 characters
+  std::vector<ORP_MSG_RESTFUL_ROW_ST> rows(40, {name.c_str(), echo});
+  rows.push_back({nullptr, nullptr});
+
+  EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/path", rows.data(), 1));
+  // Too long for the socket: it comes by the name of a file.
+  const std::string file = connection.peer.read().body;
+  EXPECT_EQ(32u * 127 + 31 + 1, std::filesystem::file_size(file.c_str()));
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_RegRestfulProcEx("/paths", rows.data(), 1));
+  EXPECT_TRUE(connection.peer.quiet());
+}
+
+TEST(RestfulRegistration, ReportsFailuresAndLeavesNothing) {
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RegRestfulProc(nullptr, kTable));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RegRestfulProc("/dev", nullptr));
+  EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_RegRestfulProc("/dev", kTable));
+  Connection connection("self");
+
+  const uint32_t failures = test::fail_every_allocation([&connection] {
+    const uint32_t status = ORP_MSG_RegRestfulProc("/dev", kTable);
+    if (status != ORP_OK) {
+      EXPECT_EQ(ORP_ERR_MEMORY, status);
+      dispatch(request_body("/dev", "info", std::string("x\0", 2)));
+    }
+    return status == ORP_OK;
+  });
+
+  EXPECT_EQ(5u, failures);
+  EXPECT_TRUE(g_seen.empty());
+  dispatch(request_body("/dev", "info", std::string("x\0", 2)));
+  EXPECT_EQ(std::vector<std::string>{"x"}, g_seen) << "one dispatcher, one call";
+}
+
+// A process with two registrations of one path and one of another.
+class RestfulRequest : public testing::Test {
+ protected:
+  void SetUp() override {
+    static constexpr ORP_MSG_RESTFUL_ROW_ST kSecond[] = {{"only", other}, {nullptr, nullptr}};
+    for (const char *path : {"/dev", "/lan"}) {
+      EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc(path, kTable));
+      connection.peer.read();
+    }
+    EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/dev", kSecond));
+    connection.peer.read();
+  }
+
+  Connection connection{"self"};
+};
+
+TEST_F(RestfulRequest, IsAnsweredWithTheHandlersText) {
+  for (const uint32_t type : {0x10Au, 0x10Du, 0x10Eu}) {
+    dispatch(request_body("/dev", "info", std::string("hello\0", 6)), type);
+
+    const Frame response = connection.peer.read();
+    EXPECT_EQ(type, response.type());
+    EXPECT_EQ("asker", response.to());
+    EXPECT_EQ(11u, response.header.ulMsgData);
+    EXPECT_EQ(12u, response.header.ulSeqNum);
+    EXPECT_EQ(std::string("echo hello\0", 11), response.body);
+  }
+}
+
+TEST_F(RestfulRequest, WithoutAResponseTextIsAnsweredWithAHeader) {
+  dispatch(request_body("/lan", "reset", std::string(1, '\0')));
+  const Frame response = connection.peer.read();
+  EXPECT_EQ(0u, response.header.ulDataLen);
+  EXPECT_EQ(12u, response.header.ulSeqNum);
+}
+
+TEST_F(RestfulRequest, IsNotAnsweredWhenNothingFitsOrTheHandlerFails) {
+  dispatch(request_body("/dev", "bad", std::string(1, '\0')));
+  dispatch(request_body("/dev", "unknown", std::string(1, '\0')));
+  dispatch(request_body("/dev", "gone", std::string(1, '\0')));
+  dispatch(request_body("/dev", "only", std::string(1, '\0')));  // of the second registration
+  dispatch(request_body("/wan", "info", std::string(1, '\0')));
+  dispatch(request_body("/dev", "info", "").substr(0, 135));
+  dispatch(request_body("/dev", "info", std::string(1, '\0')), 0x10B);
+  EXPECT_TRUE(connection.peer.quiet());
+  EXPECT_TRUE(g_seen.empty());
+}
+
+TEST_F(RestfulRequest, TextThatIsMissingOrUnterminatedIsReadWithinTheMessage) {
+  dispatch(request_body("/dev", "info", ""));
+  dispatch(request_body("/dev", "info", "unterminated"));
+  EXPECT_EQ((std::vector<std::string>{"", "unterminated"}), g_seen);
+
+  msgapi::fail_allocation(1);
+  dispatch(request_body("/dev", "info", ""));
+  EXPECT_EQ(2u, g_seen.size()) << "dropped without memory";
+}
+
+TEST_F(RestfulRequest, FieldsWithoutANulAreReadWithinTheirSize) {
+  const std::string path(64, 'p'), name(64, 'h');
+  const ORP_MSG_RESTFUL_ROW_ST table[] = {{name.c_str(), silent}, {nullptr, nullptr}};
+  ORP_MSG_RegRestfulProc(path.c_str(), table);
+  connection.peer.read();
+
+  dispatch(request_body(path, name, std::string("text\0", 5)));
+
+  EXPECT_EQ(0x10Du, connection.peer.read().type());
+}
+
+TEST(RestfulBuilder, FillsTheWholeBlock) {
+  const test::MessageBlock message(
+      ORP_MSG_BuildRestfulReqMsg(1, 2, "/dev", "info", "text and more", 4));
+
+  ASSERT_TRUE(message);
+  EXPECT_EQ(0x10Du, message->ulMsgType);
+  EXPECT_EQ(0u, message->ulMsgData);
+  EXPECT_NE(0u, message->ulSeqNum);
+  EXPECT_STREQ("", message->aucRecvApp);
+  ASSERT_EQ(141u, message->ulDataLen);
+  std::string expected = request_body("/dev", "info", std::string("text\0", 5));
+  expected.replace(0, 8, std::string("\1\0\0\0\2\0\0\0", 8));
+  EXPECT_EQ(expected, std::string(reinterpret_cast<char *>(message.get() + 1), 141));
+
+  const test::MessageBlock padded(ORP_MSG_BuildRestfulReqMsg(0, 0, nullptr, nullptr, "ab", 4));
+  EXPECT_EQ(std::string(128, '\0') + std::string("ab\0\0\0", 5),
+            std::string(reinterpret_cast<char *>(padded.get() + 1) + 8, 133));
+  const test::MessageBlock empty(ORP_MSG_BuildRestfulReqMsg(0, 0, "", "", nullptr, 0));
+  EXPECT_EQ(137u, empty->ulDataLen);
+}
+
+TEST(RestfulBuilder, RefusesWhatDoesNotFit) {
+  const std::string long_name(64, 'x');
+  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, long_name.c_str(), "h", nullptr, 0));
+  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", long_name.c_str(), nullptr, 0));
+  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0xFFFFFF4F));
+  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0xFFFFFFFF));
+  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0xFFFFFF4E)) << "8 MiB";
+  msgapi::fail_allocation(1);
+  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0));
+}
+
+TEST(RestfulResponse, NeedsABody) {
+  Connection connection("self");
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendRestfulResponseMsg("a", 1, nullptr, 0, 0, 0));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendRestfulResponseMsg("a", 1, "b", 0xFFFFFFD7, 0, 0));
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendRestfulResponseMsg("asker", 0x10A, "body", 4, 8, 9));
+
+  const Frame frame = connection.peer.read();
+  EXPECT_EQ("asker", frame.to());
+  EXPECT_EQ(0x10Au, frame.type());
+  EXPECT_EQ(8u, frame.header.ulMsgData);
+  EXPECT_EQ(9u, frame.header.ulSeqNum);
+  EXPECT_EQ("body", frame.body);
+}
+
+}  // namespace

@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "cfmstore.h"
+#include "msgapi/login.h"
+#include "msgapi/status.h"
+#include "support/message_peer.h"
+
+namespace {
+
+using test::Connection;
+using test::Frame;
+
+// Puts the reply there before the request is sent: the first message of its type is the answer.
+void reply_with(Connection &connection, uint32_t type, const std::string &body) {
+  connection.peer.write(test::make_frame({.type = type, .body = body}));
+}
+
+std::string counted_bytes(size_t size) {
+  std::string bytes;
+  while (bytes.size() < size) bytes += static_cast<char>(bytes.size());
+  return bytes;
+}
+
+TEST(LoginControl, ExchangesWholeRecords) {
+  const struct {
+    uint32_t (*function)(const void *, void *);
+    uint32_t type;
+    size_t request, result;
+  } kCases[] = {{ORP_LCTRLAPI_Login, 0x2CF01, 200, 20},
+                {ORP_LCTRLAPI_Check, 0x2CF02, 200, 20},
+                {ORP_LCTRLAPI_GetForbiddenRound, 0x2CF05, 12, 8}};
+  Connection connection("self");
+  for (const auto &each : kCases) {
+    const std::string request = counted_bytes(each.request);
+    std::string result(each.result + 1, 'x');
+    reply_with(connection, each.type, counted_bytes(each.result + 5));
+    EXPECT_EQ(ORP_LCTRL_OK, each.function(request.data(), result.data()));
+    EXPECT_EQ(counted_bytes(each.result) + "x", result);
+
+    const Frame frame = connection.peer.read();
+    EXPECT_EQ(each.type, frame.type());
+    EXPECT_EQ("", frame.to());
+    EXPECT_EQ(0u, frame.header.ulMsgData);
+    EXPECT_EQ(request, frame.body);
+
+    result.assign(each.result, 'x');
+    reply_with(connection, each.type, counted_bytes(each.result - 1));
+    EXPECT_EQ(ORP_LCTRL_ERR_REPLY, each.function(request.data(), result.data()));
+    EXPECT_EQ(std::string(each.result, 'x'), result);
+    connection.peer.read();
+    EXPECT_EQ(ORP_LCTRL_ERR_ARGUMENT, each.function(nullptr, result.data()));
+    EXPECT_EQ(ORP_LCTRL_ERR_ARGUMENT, each.function(request.data(), nullptr));
+  }
+}
+
+TEST(LoginControl, SendsLimitsAndClearsWithoutWaiting) {
+  Connection connection("self");
+  EXPECT_EQ(ORP_OK, ORP_LCTRLAPI_SetMaxFailedTimes("12345678"));
+  EXPECT_EQ(ORP_LCTRL_ERR_ARGUMENT, ORP_LCTRLAPI_SetMaxFailedTimes(nullptr));
+  EXPECT_EQ(ORP_OK, ORP_LCTRLAPI_ClearForbiddenList(0x64636261));
+
+  const Frame limit = connection.peer.read();
+  EXPECT_EQ(0x2CF03u, limit.type());
+  EXPECT_EQ("12345678", limit.body);
+  const Frame clear = connection.peer.read();
+  EXPECT_EQ(0x2CF04u, clear.type());
+  EXPECT_EQ("abcd", clear.body);
+}
+
+TEST(LoginControl, TriesOnceMoreAfterATimeOut) {
+  Connection connection("self");
+  const std::string request(200, 'r');
+  std::string result(20, 'x');
+  // Answers the second request only.
+  std::thread service([&connection] {
+    connection.peer.read();
+    connection.peer.answer(connection.peer.read(), 0, counted_bytes(20));
+  });
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(ORP_LCTRL_OK, ORP_LCTRLAPI_Login(request.data(), result.data()));
+  EXPECT_EQ("msg timeout error : 65541 \n", testing::internal::GetCapturedStdout());
+  EXPECT_EQ(counted_bytes(20), result);
+  service.join();
+}
+
+TEST(LoginControl, GivesUpAfterOtherFailures) {
+  Connection connection("self");
+  connection.peer.close();
+  char request[200] = "", result[20] = "untouched";
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_LCTRLAPI_Check(request, result));
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  EXPECT_STREQ("untouched", result);
+}
+
+TEST(LoginWaitTime, IsTheStoredValueUpTo10) {
+  EXPECT_EQ(0u, ORP_LCTRLAPI_LoginWaitTime()) << "no store";
+  for (const uint32_t value : {0u, 10u, 11u, 0xFFFFFFFFu}) {
+    const CFM_VALUE stored = {CFM_AREA_PARAMETER, 0, 0,      CFM_PARA_LOGIN_WAIT,
+                              CFM_TYPE_NUMBER,    4, &value, 4};
+    ASSERT_EQ(CFM_OK, CFM_StoreDefine(&stored, 1, 0));
+    EXPECT_EQ(value == 10 ? 10u : 0u, ORP_LCTRLAPI_LoginWaitTime()) << value;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,308 @@
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "msgapi/loop.h"
+#include "msgapi/notify.h"
+#include "os/fd.h"
+#include "support/process.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+constexpr const char *kSocketPath = "/var/run/notify/notifyserver";
+constexpr uint32_t kCms = 8;
+constexpr uint32_t kWeb = 26;
+constexpr uint32_t kType = 0x77;
+
+// A client process of its own: registers as a module and exits with what `body` returns.
+class Module {
+ public:
+  Module(test::Process *server, uint32_t id, const std::function<int()> &body) : pid_(::fork()) {
+    if (pid_ == 0) {
+      ::alarm(30);
+      ::_exit(ORP_NOTIFYCLT_Init(id) == ORP_NOTIFYCLT_OK ? body() : 99);
+    }
+    EXPECT_TRUE(server->wait_for("process " + std::to_string(pid_) + ") is registered"));
+  }
+  Module(const Module &) = delete;
+  Module &operator=(const Module &) = delete;
+  ~Module() {
+    if (pid_ > 0) ::kill(pid_, SIGKILL), wait();
+  }
+
+  pid_t pid() const { return pid_; }
+  int wait() {
+    int status = 0;
+    ::waitpid(std::exchange(pid_, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  pid_t pid_;
+};
+
+// A client that says what it wants.
+class Stranger {
+ public:
+  Stranger() : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, kSocketPath);
+    EXPECT_EQ(0,
+              ::connect(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  }
+
+  void send(const std::string &bytes) {
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
+              ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  }
+  // The next bytes, empty at the end of the stream.
+  std::string receive(size_t size) {
+    std::string bytes(size, '\0');
+    const ssize_t count = ::recv(fd_.get(), bytes.data(), size, MSG_WAITALL);
+    bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return bytes;
+  }
+  int fd() const { return fd_.get(); }
+
+ private:
+  msgapi::os::UniqueFd fd_;
+};
+
+std::string message(uint32_t type, uint32_t destination, const std::string &data,
+                    uint32_t stated_size) {
+  NOTIFY_MSG head{};
+  head.msg_type = type;
+  head.des_id = destination;
+  head.ack_tag = ORP_NOTIFYCLT_REQUEST;
+  head.data_len = stated_size;
+  return std::string(reinterpret_cast<const char *>(&head), sizeof head) + data;
+}
+
+std::string message(uint32_t type, uint32_t destination, const std::string &data) {
+  return message(type, destination, data, static_cast<uint32_t>(data.size()));
+}
+
+std::string registration(uint32_t module) {
+  const uint32_t values[] = {module, 0};
+  return message(0, ORP_NOTIFYCLT_SERVER,
+                 std::string(reinterpret_cast<const char *>(values), sizeof values));
+}
+
+// Runs the loop of a module's process until a procedure stops it.
+int run_until_stopped() {
+  return OrpUvLoopRun(nullptr, 20000) == 0 ? 0 : 1;
+}
+
+// A module that echoes requests until it gets a notification.
+int echo() {
+  static size_t length;
+  ORP_NOTIFYCLT_RegSyncMsgProc(kType, [](void *data, uint32_t *reply_length, void **reply) {
+    length = std::strlen(static_cast<char *>(data));
+    *reply_length = static_cast<uint32_t>(length);
+    *reply = std::memcpy(std::malloc(length), data, length);
+  });
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, [](void *first, void *second) {
+    if (std::strcmp(static_cast<char *>(first), "stopplease") == 0 &&
+        std::strcmp(static_cast<char *>(second), "please") == 0) {
+      OrpUvLoopStop(OrpUvLoopGetDefault());
+    }
+  });
+  return run_until_stopped();
+}
+
+// What the module answers; "-" and the status when it does not.
+std::string ask(uint32_t module, const std::string &data) {
+  void *reply = nullptr;
+  uint32_t length = 0;
+  const uint32_t status = ORP_NOTIFYCLT_SendSynNotify(
+      module, kType, data.data(), static_cast<uint32_t>(data.size()), &reply, &length, nullptr);
+  std::string text = status == ORP_NOTIFYCLT_OK ? std::string(static_cast<char *>(reply), length)
+                                                : "-" + std::to_string(status);
+  std::free(reply);
+  return text;
+}
+
+class NotifyServer : public testing::Test {
+ protected:
+  NotifyServer() : NotifyServer(std::vector<std::string>()) {}
+  explicit NotifyServer(const std::vector<std::string> &arguments)
+      : server_("notifyserver", arguments) {
+    EXPECT_TRUE(server_.wait_for("ready"));
+    ::alarm(60);
+  }
+
+  std::string statistics_at_end() {
+    EXPECT_EQ(0, server_.stop(SIGTERM));
+    return server_.output().substr(server_.output().rfind("received "));
+  }
+
+  test::Process server_;
+};
+
+TEST_F(NotifyServer, PassesRequestsAndNotificationsBetweenProcesses) {
+  Module web(&server_, kWeb, echo);
+  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
+
+  EXPECT_EQ("question", ask(kWeb, "question"));
+  const std::string large(6000000, 'x');
+  EXPECT_EQ(large, ask(kWeb, large));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, "stop", 4, "please", 6));
+
+  EXPECT_EQ(0, web.wait());
+  EXPECT_THAT(statistics_at_end(), HasSubstr("received 7 delivered 5 registered 2 answered 0 "
+                                             "unserved 0 no_module 0 overflows 0 died_with 0"));
+}
+
+TEST_F(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
+  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
+
+  for (const uint32_t module : {99u, 99u, 0u, 110u, UINT32_MAX}) {
+    EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostSimpleAsynNotify(module, kType, 1, 2));
+  }
+  EXPECT_EQ("", ask(ORP_NOTIFYCLT_SERVER, "what"));
+
+  EXPECT_TRUE(server_.wait_for("there is no module 99"));
+  EXPECT_THAT(statistics_at_end(), HasSubstr("answered 1 unserved 0 no_module 5"));
+}
+
+TEST_F(NotifyServer, RefusesModulesThatCannotBe) {
+  Stranger stranger;
+
+  for (const uint32_t module : {0u, 30u, 110u, UINT32_MAX}) stranger.send(registration(module));
+  stranger.send(message(0, ORP_NOTIFYCLT_SERVER, "abc"));
+
+  EXPECT_TRUE(server_.wait_for("may not be registered as module 4294967295"));
+  EXPECT_THAT(statistics_at_end(), HasSubstr("registered 0 answered 0 unserved 5"));
+}
+
+TEST_F(NotifyServer, GivesAModulesMessagesToItsOldestProcess) {
+  Module first(&server_, kWeb, echo);
+  Module second(&server_, kWeb, echo);
+  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
+
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, "stop", 4, "please", 6));
+  EXPECT_EQ(0, first.wait());
+  EXPECT_TRUE(server_.wait_for(") left"));
+  EXPECT_EQ("still there", ask(kWeb, "still there"));
+}
+
+TEST_F(NotifyServer, PutsTogetherWhatArrivesByteByByte) {
+  Stranger web;
+  Stranger cms;
+  web.send(registration(kWeb));
+  EXPECT_TRUE(server_.wait_for("module 26"));
+
+  const std::string bytes = message(kType, kWeb, "data") + message(kType, kWeb, "");
+  for (const char byte : bytes) cms.send(std::string(1, byte));
+
+  EXPECT_EQ(bytes, web.receive(bytes.size()));
+}
+
+TEST_F(NotifyServer, EndsOnlyTheClientThatSendsNonsense) {
+  Stranger web;
+  Stranger cms;
+  web.send(registration(kWeb) + message(kType, kWeb, "whole").substr(0, 50));
+  cms.send(registration(kCms) + message(kType, kCms, "ok") + message(kType, kWeb, "", 0x800001));
+
+  EXPECT_EQ(message(kType, kCms, "ok"), cms.receive(1000));
+  EXPECT_TRUE(server_.wait_for("is disconnected: it announced more data"));
+  ::shutdown(web.fd(), SHUT_WR);
+  EXPECT_TRUE(server_.wait_for("left in the middle of a message"));
+  EXPECT_THAT(statistics_at_end(), HasSubstr("malformed 1"));
+}
+
+TEST_F(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
+  test::Process second("notifyserver");
+  EXPECT_EQ(1, second.wait());
+  EXPECT_THAT(second.output(), HasSubstr("a server is running there"));
+  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
+  EXPECT_TRUE(server_.wait_for("module 8 (cms, process"));
+  ::kill(server_.pid(), SIGUSR1);
+  EXPECT_TRUE(server_.wait_for("clients 1"));
+
+  EXPECT_EQ(0, server_.stop(SIGTERM));
+  EXPECT_NE(0, ::access(kSocketPath, F_OK));
+  ORP_NOTIFYCLT_Destroy();
+  test::Process third("notifyserver");
+  EXPECT_TRUE(third.wait_for("ready"));
+  EXPECT_EQ(0, ::kill(third.pid(), SIGKILL));
+  third.wait();
+
+  // What a server that was killed leaves is replaced.
+  test::Process fourth("notifyserver");
+  EXPECT_TRUE(fourth.wait_for("ready"));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
+}
+
+class NotifyServerWithShortQueues : public NotifyServer {
+ protected:
+  NotifyServerWithShortQueues() : NotifyServer({"--queue", "100000"}) {}
+};
+
+TEST_F(NotifyServerWithShortQueues, LosesAndCountsWhatAClientDoesNotRead) {
+  constexpr uint32_t kMessages = 2000;
+  Stranger web;
+  web.send(registration(kWeb));
+  EXPECT_TRUE(server_.wait_for("module 26"));
+  Module led(&server_, 35, echo);
+  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
+
+  const std::string data(1000, 'x');
+  for (uint32_t i = 0; i < kMessages; ++i) {
+    EXPECT_EQ(ORP_NOTIFYCLT_OK,
+              ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, &i, sizeof i, data.data(), 1000));
+  }
+  EXPECT_EQ("others are served", ask(35, "others are served"));
+  EXPECT_TRUE(server_.wait_for("does not read: its queue of 100000 bytes is full"));
+
+  // Whole messages in their order, up to a gap.
+  uint32_t delivered = 0;
+  ::shutdown(web.fd(), SHUT_WR);
+  for (;; ++delivered) {
+    const std::string bytes = web.receive(sizeof(NOTIFY_MSG) + sizeof delivered + data.size());
+    if (bytes.empty()) break;
+    ASSERT_EQ(sizeof(NOTIFY_MSG) + sizeof delivered + data.size(), bytes.size());
+    ASSERT_EQ(0, std::memcmp(bytes.data() + sizeof(NOTIFY_MSG), &delivered, sizeof delivered));
+  }
+  EXPECT_TRUE(server_.wait_for(" messages for it were lost"));
+  const std::string statistics = statistics_at_end();
+  uint32_t overflows = 0, died_with = 0;
+  ASSERT_EQ(2, std::sscanf(statistics.substr(statistics.find("overflows")).c_str(),
+                           "overflows %u died_with %u", &overflows, &died_with));
+  EXPECT_LT(0u, overflows);
+  EXPECT_EQ(kMessages, delivered + overflows + died_with);
+}
+
+TEST_F(NotifyServerWithShortQueues, SaysWhenAClientReadsAgain) {
+  Stranger web;
+  Stranger cms;
+  web.send(registration(kWeb));
+  EXPECT_TRUE(server_.wait_for("module 26"));
+  const std::string bytes = message(kType, kWeb, std::string(10000, 'x'));
+
+  for (int i = 0; i < 100; ++i) cms.send(bytes);
+  EXPECT_TRUE(server_.wait_for("does not read"));
+  std::thread reader([&] {
+    for (std::string got = bytes; got == bytes;) got = web.receive(bytes.size());
+  });
+  EXPECT_TRUE(server_.wait_for("reads again; "));
+  cms.send(message(kType, kWeb, "end"));
+  ::shutdown(web.fd(), SHUT_WR);
+  reader.join();
+}
+
+}  // namespace
