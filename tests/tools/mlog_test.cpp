@@ -1,0 +1,245 @@
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <fstream>
+#include <string>
+
+#include "msgapi/log.h"
+#include "msgapi/ringlog.h"
+#include "ring_reader.h"
+#include "support/process.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+std::string line(int64_t uptime_ms, const std::string &text, const std::string &level = "INFO",
+                 const std::string &module = "wan") {
+  char head[64];
+  std::snprintf(head, sizeof head, "[%011lld]", static_cast<long long>(uptime_ms));
+  return head + ("[" + module + "][" + level + "]:" + text + "\n");
+}
+
+// A ring file that the test writes.
+class RingWriter {
+ public:
+  explicit RingWriter(const std::string &module, uint32_t max_size = 100000) {
+    ::mkdir("/var/mlogfile", 0700);
+    target_ = {max_size,
+               MlogFileConstructor(("/var/mlogfile/" + module + ".log").c_str(), max_size)};
+    EXPECT_NE(nullptr, target_.file);
+  }
+  RingWriter(const RingWriter &) = delete;
+  RingWriter &operator=(const RingWriter &) = delete;
+  ~RingWriter() { MlogFileDestructor(target_.file); }
+
+  void write(std::string text) {
+    EXPECT_EQ(0, MlogFileWrite(&target_, text.data(), static_cast<uint32_t>(text.size())));
+  }
+
+ private:
+  MlogTarget target_{};
+};
+
+struct Output {
+  int status;
+  std::string text;
+};
+
+Output run(const std::vector<std::string> &arguments) {
+  test::Process process("mlog", arguments);
+  const int status = process.wait();
+  return {status, process.output()};
+}
+
+std::vector<std::string> messages(const mlog::Ring &ring) {
+  std::vector<std::string> texts;
+  for (const mlog::Entry &entry : ring.entries) texts.emplace_back(entry.message);
+  return texts;
+}
+
+std::string header(int overturn, int offset) {
+  char text[80];
+  std::snprintf(text, sizeof text, "[overturn=%03d][offset=%010d][uploadoffset=%03d^%010d]\n",
+                overturn, offset, overturn, 1023);
+  return text;
+}
+
+TEST(ReadRing, PutsBothTurnsInOrder) {
+  const std::string newer = line(30, "c") + line(40, "d");
+  const std::string older = line(10, "a") + line(20, "b");
+  const int offset = 63 + static_cast<int>(newer.size());
+
+  // The oldest line lost its beginning, its whole self, or nothing.
+  for (const std::string &remnant :
+       {std::string("alf a line\n"), std::string("\n"), std::string()}) {
+    const mlog::Ring ring = mlog::read_ring(header(1, offset) + newer + remnant + older);
+    EXPECT_THAT(messages(ring), ElementsAre("a", "b", "c", "d"));
+    EXPECT_TRUE(ring.problems.empty());
+  }
+}
+
+TEST(ReadRing, SavesWhatItCan) {
+  const std::string two = line(10, "a") + line(20, "b");
+  struct {
+    std::string bytes;
+    std::string problem;
+    std::vector<std::string> texts;
+  } const cases[] = {
+      {"", "the file is empty", {}},
+      {header(0, 63), "", {}},
+      {header(0, 63) + two, "54 bytes behind the last header were saved", {"a", "b"}},
+      {header(0, 200) + two, "the last 83 bytes are missing", {"a", "b"}},
+      {header(0, 63 + 54 + 9) + line(10, "a") + std::string(9, '\0') + line(20, "b"),
+       "9 bytes were never written",
+       {"a", "b"}},
+      {"[overturn=xxx" + header(0, 63).substr(13) + two, "the header is damaged", {"a", "b"}},
+      {two, "the header is damaged", {"a", "b"}},
+      {"[overturn=000", "the header is damaged", {}},
+      {header(1, 63) + "no end", "", {}},
+      {header(0, 63 + 56) + "text without a head\nand more\n" + line(1, "a"),
+       "",
+       {"text without a head\nand more", "a"}},
+  };
+  for (const auto &c : cases) {
+    const mlog::Ring ring = mlog::read_ring(c.bytes);
+    EXPECT_EQ(c.texts, messages(ring)) << c.bytes;
+    ASSERT_EQ(c.problem.empty() ? 0u : 1u, ring.problems.size()) << c.bytes;
+    if (!c.problem.empty()) {
+      EXPECT_THAT(ring.problems[0], HasSubstr(c.problem));
+    }
+  }
+}
+
+TEST(MlogCat, PrintsARealRingInOrder) {
+  RingWriter wan("wan", 400);
+  for (int i = 0; i < 25; ++i) wan.write(line(1000 + i, "number " + std::to_string(i)));
+
+  const Output output = run({"cat", "wan"});
+
+  EXPECT_EQ(0, output.status);
+  std::string expected;
+  for (int i = 25 - static_cast<int>(std::count(output.text.begin(), output.text.end(), '\n'));
+       i < 25; ++i) {
+    expected += line(1000 + i, "number " + std::to_string(i));
+  }
+  EXPECT_EQ(expected, output.text);
+  EXPECT_GT(expected.size(), 250u);
+}
+
+TEST(MlogCat, Filters) {
+  {
+    RingWriter wan("wan");
+    wan.write(line(1, "bad", "ERRO") + line(2, "odd", "WARN") + line(3, "fine"));
+    RingWriter other("other");
+    other.write(line(4, "usb", "WARN", "usb") + line(5, "raid", "FATL", "raid"));
+  }
+  EXPECT_EQ(line(4, "usb", "WARN", "usb") + line(5, "raid", "FATL", "raid") +
+                line(1, "bad", "ERRO") + line(2, "odd", "WARN"),
+            run({"cat", "--level", "warn"}).text);
+  EXPECT_EQ(line(5, "raid", "FATL", "raid"), run({"cat", "--module", "raid"}).text);
+  EXPECT_EQ("\x1b[31m" + line(1, "bad", "ERRO").substr(0, 28) + "\x1b[0m\n",
+            run({"cat", "/var/mlogfile/wan.log", "--level", "ERRO", "--colour", "always"}).text);
+  EXPECT_NE(0, run({"cat", "--level", "LOUD"}).status);
+}
+
+TEST(MlogCat, TurnsUptimeIntoTimeForTheRunningBootOnly) {
+  timespec uptime{};
+  ::clock_gettime(CLOCK_BOOTTIME, &uptime);
+  const int64_t now_ms = int64_t{uptime.tv_sec} * 1000;
+  {
+    RingWriter wan("wan");
+    wan.write(line(now_ms + 99999999, "before a reboot") + line(now_ms, "now"));
+  }
+  const time_t now = ::time(nullptr);
+  char day[16];
+  std::strftime(day, sizeof day, "%Y-%m-%dT%H:", ::gmtime(&now));
+
+  const Output output = run({"cat", "--time"});
+
+  EXPECT_THAT(output.text, MatchesRegex("\\[[0-9]{11}\\]\\[wan\\]\\[INFO\\]:before a reboot\n"
+                                        "\\[20.*Z\\]\\[wan\\]\\[INFO\\]:now\n"));
+  EXPECT_THAT(output.text, HasSubstr(std::string("[") + day));
+}
+
+TEST(MlogCat, Json) {
+  {
+    RingWriter wan("wan");
+    wan.write("free \xff text\n" + line(9999999999, "a \"b\"\nc", "WARN"));
+  }
+  EXPECT_EQ(
+      "{\"text\":\"free \xef\xbf\xbd text\"}\n"
+      "{\"uptime_ms\":9999999999,\"module\":\"wan\",\"level\":\"WARN\",\"text\":\"a "
+      "\\\"b\\\"\\nc\"}\n",
+      run({"cat", "--json"}).text);
+}
+
+TEST(MlogCat, NamesWhatIsWrong) {
+  ::mkdir("/var/mlogfile", 0700);
+  std::ofstream("/var/mlogfile/wan.log") << std::string(63, 'x') << "\n" << line(1, "saved");
+
+  Output output = run({"cat", "wan"});
+  EXPECT_EQ(1, output.status);
+  EXPECT_THAT(output.text, HasSubstr("mlog: /var/mlogfile/wan.log: the header is damaged"));
+  EXPECT_THAT(output.text, HasSubstr(line(1, "saved")));
+
+  output = run({"cat", "lan"});
+  EXPECT_EQ(1, output.status);
+  EXPECT_EQ("mlog: lan: No such file or directory\n", output.text);
+  output = run({"cat", "/var/mlogfile"});
+  EXPECT_EQ("mlog: /var/mlogfile: not a regular file\n", output.text);
+  output = run({"cat", "--directory", "/var/absent"});
+  EXPECT_EQ("mlog: /var/absent: No such file or directory\n", output.text);
+}
+
+TEST(MlogTail, FollowsARingThroughItsTurns) {
+  RingWriter wan("wan", 300);
+  for (int i = 0; i < 5; ++i) wan.write(line(i, "old " + std::to_string(i)));
+  test::Process tail("mlog", {"tail", "-f", "-n", "2"});
+  ASSERT_TRUE(tail.wait_for("old 3\n"));
+  ASSERT_TRUE(tail.wait_for("old 4\n"));
+  EXPECT_THAT(tail.output(), testing::Not(HasSubstr("old 2")));
+
+  for (int i = 0; i < 20; ++i) {
+    wan.write(line(10 + i, "new " + std::to_string(i)));
+    ASSERT_TRUE(tail.wait_for("new " + std::to_string(i) + "\n")) << tail.output();
+  }
+  RingWriter lan("lan");
+  lan.write(line(1, "from another module", "INFO", "lan"));
+  EXPECT_TRUE(tail.wait_for("from another module\n"));
+  EXPECT_EQ(128 + SIGTERM, tail.stop(SIGTERM));
+  EXPECT_EQ(23, std::count(tail.output().begin(), tail.output().end(), '\n')) << tail.output();
+}
+
+TEST(MlogStat, CountsLinesAndTurns) {
+  {
+    RingWriter wan("wan");
+    wan.write(line(1, "a", "WARN") + line(2, "b") + line(7, "c"));
+  }
+  EXPECT_EQ(
+      "{\"file\":\"/var/mlogfile/wan.log\",\"bytes\":144,\"overturns\":0,\"offset\":144,"
+      "\"entries\":3,\"levels\":{\"INFO\":2,\"WARN\":1},\"oldest_uptime_ms\":1,"
+      "\"newest_uptime_ms\":7,\"problems\":[]}\n",
+      run({"stat", "--json"}).text);
+  EXPECT_THAT(run({"stat"}).text, HasSubstr("wan.log: bytes 144 overturns 0 offset 144 entries 3"));
+}
+
+TEST(MlogRequests, GoToTheServer) {
+  Output output = run({"flush"});
+  EXPECT_EQ(1, output.status);
+  EXPECT_THAT(output.text, HasSubstr("mlog: the log server did not do it; is mlogserver running?"));
+
+  test::Process server("mlogserver");
+  ASSERT_TRUE(server.wait_for("ready"));
+  EXPECT_EQ(0, run({"flush"}).status);
+  EXPECT_EQ(0, run({"set", "wan", "rx=1 tx=2"}).status);
+  output = run({"get", "wan"});
+  EXPECT_EQ(0, output.status);
+  EXPECT_EQ("rx=1 tx=2\n", output.text);
+}
+
+}  // namespace
