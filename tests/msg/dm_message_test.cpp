@@ -103,7 +103,7 @@ TEST(DmMessage, WritesItemsWithoutGaps) {
 TEST(DmMessage, GrowsByTheItemAndAKilobyte) {
   void *body = nullptr;
   ORP_DMMSG_Builder(&body, "", 0);
-  const std::string value(2000, 'v');
+  const std::string value(2012, 'v');
 
   EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 0, nullptr, value.data(), 2000));
   EXPECT_EQ(4060u, head(body).capacity);
@@ -117,7 +117,7 @@ TEST(DmMessage, GrowsByTheItemAndAKilobyte) {
   const void *cursor = nullptr;
   ORP_DMMSG_GetItemEx(body, &first, &cursor);
   EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 0, "copy", first.pValue, first.ulValueLen));
-  EXPECT_EQ("0:copy=" + value, items_of(body).back());
+  EXPECT_EQ("0:copy=" + value.substr(0, 2000), items_of(body).back());
   ORP_DMMSG_Free(body);
 }
 

@@ -159,6 +159,12 @@ uint32_t restore_defaults(const char *statements) {
   return status_of(result == SQLITE_OK ? transaction.commit() : result);
 }
 
+// What SQLite hands over.
+struct SqliteFree {
+  void operator()(void *block) const { sqlite3_free(block); }
+};
+using SqliteBlock = std::unique_ptr<unsigned char, SqliteFree>;
+
 // A private database in memory.
 class Scratch {
  public:
@@ -278,13 +284,12 @@ uint32_t export_image(void **image, uint32_t *size) {
   }
   if (status_of(result) != CFM_OK) return status_of(result);
 
-  // Not copied by SQLite: what it keeps in memory is one block.
   sqlite3_int64 length = 0;
-  const unsigned char *bytes = sqlite3_serialize(scratch.db(), "main", &length, 0);
-  if (bytes == nullptr || length > UINT32_MAX) return CFM_ERR_MEMORY;
+  const SqliteBlock bytes(sqlite3_serialize(scratch.db(), "main", &length, 0));
+  if (!bytes || length > UINT32_MAX) return CFM_ERR_MEMORY;
   *image = std::malloc(static_cast<size_t>(length));
   if (*image == nullptr) return CFM_ERR_MEMORY;
-  std::memcpy(*image, bytes, static_cast<size_t>(length));
+  std::memcpy(*image, bytes.get(), static_cast<size_t>(length));
   *size = static_cast<uint32_t>(length);
   return CFM_OK;
 }

@@ -1,0 +1,28 @@
+// What can be imported into the configuration store: images and JSON files.
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "cfmstore.h"
+#include "store_json.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  if (size == 0) return 0;
+  if (data[0] != '{') {
+    CFM_StoreCheckImage(data, static_cast<uint32_t>(size));
+    return 0;
+  }
+
+  cfmctl::Contents contents;
+  try {
+    contents = cfmctl::from_json(nlohmann::json::parse(data, data + size));
+  } catch (const std::exception &) {
+    return 0;
+  }
+  // What was read is written in a form that reads the same.
+  const std::string text = cfmctl::to_json(contents).dump();
+  const cfmctl::Contents again = cfmctl::from_json(nlohmann::json::parse(text));
+  if (cfmctl::to_json(again).dump() != text) std::abort();
+  return 0;
+}
