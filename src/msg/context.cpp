@@ -8,7 +8,7 @@
 
 #include "base/app_name.h"
 
-static_assert(sizeof(void *) != 4 || sizeof(ORP_MSG_CTX_ST) == 14 * 4);
+static_assert(sizeof(void *) != 4 || sizeof(ORP_MSG_CTX_ST) == 14 * sizeof(uint32_t));
 
 namespace msgapi::msg {
 namespace {
