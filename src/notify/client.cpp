@@ -187,6 +187,7 @@ void close_connection() {
   if (watcher != nullptr &&
       OrpUvIoFindByFd(OrpUvLoopGetDefault(), g_client.watched_fd) == watcher) {
     ORP_UTIL_SocketBaseDelete(g_client.sock_base);  // closes the descriptor
+    g_client.sock_base = nullptr;
     if (fd == g_client.watched_fd) return;
   }
   if (fd > 0) ::close(fd);
@@ -276,6 +277,7 @@ uint32_t start_client(uint32_t module_id) {
   if (!is_module_id(module_id)) return ORP_NOTIFYCLT_ERR_MODULE;
   if (g_client.fd >= 0) return ORP_NOTIFYCLT_OK;
 
+  close_connection();  // the loop may still watch one that SwitchSock took the descriptor from
   g_client.module_id = module_id;
   g_client.fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (g_client.fd < 0) return ORP_NOTIFYCLT_ERR_SOCKET;
