@@ -189,7 +189,7 @@ TEST(DevStats, TryAgainAfterAFailedSetUp) {
     const test::FdCheck descriptors;
     const rlimit few{32, before.rlim_max};
     // No descriptor for the sockets at all, then one for the first of the two.
-    for (uint32_t spare : {0, 1}) {
+    for (uint32_t spare : {0u, 1u}) {
       testing::internal::CaptureStdout();
       ::setrlimit(RLIMIT_NOFILE, &few);
       std::vector<msgapi::os::UniqueFd> taken;
