@@ -23,6 +23,8 @@
 namespace msgapi {
 namespace {
 
+static_assert(sizeof(ORP_UTIL_IFC_STAT_ST) == 32);
+
 constexpr unsigned kTcpListen = 0x0A;
 constexpr int kDevHeadingLines = 2;
 constexpr size_t kDevWords = 17;  // the name and sixteen counters
