@@ -1,14 +1,17 @@
-#include "os/clock.h"
+// The C library makes the same system call, and answers without entering the kernel where the
+// kernel lets it: a tenth of the cost, once in every iteration of the loop.
 
-#include <sys/syscall.h>
-#include <unistd.h>
+#include "os/clock.h"
 
 #include <cstdio>
 
 namespace msgapi::os {
 
 bool read_clock(clockid_t clock, RawTime *out) {
-  return ::syscall(__NR_clock_gettime, clock, out) == 0;
+  timespec now;
+  if (::clock_gettime(clock, &now) != 0) return false;
+  *out = {static_cast<long>(now.tv_sec), static_cast<long>(now.tv_nsec)};
+  return true;
 }
 
 bool read_monotonic(ORP_TIME_ST *out) {

@@ -1,4 +1,4 @@
-// The clocks, read through the raw system call.
+// The kernel's clocks.
 #pragma once
 
 #include <ctime>
@@ -7,8 +7,7 @@
 
 namespace msgapi::os {
 
-// What the raw clock_gettime system call fills: two longs, whatever width the C library gives
-// time_t.
+// A clock's reading in two longs, whatever width the C library gives time_t.
 struct RawTime {
   long seconds;
   long nanoseconds;

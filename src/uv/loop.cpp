@@ -66,8 +66,10 @@ void copy_sets(OrpUvLoop *loop, Waiting *sets) {
 }
 
 int wait_for(OrpUvLoop *loop, Waiting *sets, timeval timeout) {
+  // Without a time-out select() does not read the clock.
+  const bool for_ever = timeout.tv_sec == kNoTimeout_s;
   return ::select(loop->maxFd + 1, sets->read.native(), sets->write.native(), sets->error.native(),
-                  &timeout);
+                  for_ever ? nullptr : &timeout);
 }
 
 // Queued events, before and instead of ready descriptors. True when one was delivered. What the

@@ -15,7 +15,7 @@ namespace {
 
 static_assert(sizeof(void *) != 4 || sizeof(OrpUvTimer) == 52);
 
-constexpr int32_t kFarFuture = 0x7fffffff;  // seconds
+constexpr int32_t kNever_s = 0x7fffffff;    // expiry of a sleeping timer
 constexpr int32_t kMicroseconds = 1000000;  // in a second
 constexpr uint32_t kShortestChange = 10;    // ms until the first expiry after a change of period
 
@@ -124,7 +124,7 @@ void change_period(OrpUvTimer *timer, uint32_t interval_ms) {
   // Only the first expiry is kept at least 10 ms away: the interval stays as it was given.
   timer->interval = interval_ms;
   if (interval_ms == 0) {
-    set_expiry(timer, {kFarFuture, 0});
+    set_expiry(timer, {kNever_s, 0});
   } else if (interval_ms < kShortestChange) {
     set_expiry(timer, add(now, kShortestChange));
   } else {
@@ -137,7 +137,7 @@ void change_period(OrpUvTimer *timer, uint32_t interval_ms) {
 Status run_timers(OrpUvLoop *loop, ORP_TIME_ST *timeout) {
   const uint32_t idle_ms = loop->idleTime;
   *timeout = span_of(idle_ms);
-  if (idle_ms == 0) timeout->seconds = kFarFuture;
+  if (idle_ms == 0) timeout->seconds = kNoTimeout_s;
 
   for (OrpUvWatcher *watcher = loop->watchers, *next; watcher != nullptr; watcher = next) {
     next = watcher->link;

@@ -6,6 +6,9 @@
 
 namespace msgapi::uv {
 
+// Seconds of a time-out that stand for none at all.
+constexpr int32_t kNoTimeout_s = 0x7fffffff;
+
 // Fires the due timers and stores in *timeout how long the loop may wait for the next one.
 Status run_timers(OrpUvLoop *loop, ORP_TIME_ST *timeout);
 
