@@ -7,6 +7,7 @@ namespace notifyserver {
 namespace {
 
 constexpr size_t kReadSize = 65536;
+constexpr size_t kLeastRoom = 16384;
 
 }  // namespace
 
@@ -16,13 +17,11 @@ std::span<char> FrameReader::room() {
     end_ -= begin_;
     begin_ = 0;
   }
-  // Memory grows with what has arrived, not with what a head promises, and is given back behind a
-  // long message.
-  const size_t missing = wanted_ > end_ ? wanted_ - end_ : 0;
-  const size_t size = end_ + std::max(kReadSize, std::min(missing, end_));
-  if (buffer_.size() < size || buffer_.size() > 2 * size) {
-    buffer_.resize(size);
-    buffer_.shrink_to_fit();
+  if (end_ == 0 && buffer_.size() > kReadSize) buffer_ = {};  // behind a long message
+  if (buffer_.size() - end_ < kLeastRoom) {
+    // Memory grows with what has arrived, not with what a head promises.
+    const size_t missing = wanted_ > end_ ? wanted_ - end_ : 0;
+    buffer_.resize(end_ + std::max(kReadSize, std::min(missing, end_)));
   }
   return std::span(buffer_).subspan(end_);
 }
