@@ -18,6 +18,8 @@
 namespace msgapi::msg {
 namespace {
 
+static_assert(sizeof(void *) != 4 || sizeof(ORP_DMMSG_ITEM_ST) == 20);
+
 constexpr uint32_t kFirstCapacity = 1024;
 constexpr uint32_t kGrowth = 1024;
 
@@ -137,7 +139,8 @@ uint32_t read_item(const DmBody &dm, ORP_DMMSG_ITEM_ST *out, const void **cursor
 
   const char *name = head.name_length == 0 ? nullptr : start + name_at;
   const uint64_t name_end = std::min(value_at, carried);
-  if (name != nullptr && std::memchr(name, '\0', name_end - name_at) == nullptr) {
+  if (name != nullptr &&
+      std::memchr(name, '\0', static_cast<size_t>(name_end - name_at)) == nullptr) {
     return ORP_DMMSG_ERR;
   }
   // Behind what the message carries there is nothing to hand out.

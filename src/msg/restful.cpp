@@ -17,6 +17,7 @@ using Request = ORP_MSG_RESTFUL_REQ_ST;
 using Row = ORP_MSG_RESTFUL_ROW_ST;
 
 static_assert(sizeof(Request) == 136);
+static_assert(sizeof(void *) != 4 || sizeof(Row) == 8);
 
 constexpr char kServer[] = "";
 constexpr size_t kListSize = 4096;

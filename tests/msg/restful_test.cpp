@@ -94,7 +94,7 @@ TEST(RestfulRegistration, ReportsFailuresAndLeavesNothing) {
   EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_RegRestfulProc("/dev", kTable));
   Connection connection("self");
 
-  const uint32_t failures = test::fail_every_allocation([&connection] {
+  const uint32_t failures = test::fail_every_allocation([] {
     const uint32_t status = ORP_MSG_RegRestfulProc("/dev", kTable);
     if (status != ORP_OK) {
       EXPECT_EQ(ORP_ERR_MEMORY, status);

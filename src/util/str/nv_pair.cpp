@@ -12,6 +12,8 @@ namespace {
 
 using Pair = ORP_UTIL_NV_PAIR_ST;
 
+static_assert(sizeof(void *) != 4 || sizeof(Pair) == 12);
+
 Pair *find_pair(Pair *head, const char *name) {
   for (Pair *pair = head; pair != nullptr; pair = pair->pstNext) {
     if (pair->pcName != nullptr && std::strcmp(pair->pcName, name) == 0) return pair;
