@@ -190,8 +190,8 @@ std::optional<uint32_t> seconds_of(const DateTime &at) {
   constexpr uint32_t kDaySeconds = 86400;
   const uint32_t day = day_number(at);
   if (day > UINT32_MAX / kDaySeconds) return std::nullopt;
-  const uint64_t seconds =
-      uint64_t{day} * kDaySeconds + at.ulHour * 3600 + at.ulMinute * 60 + at.ulSecond;
+  const uint64_t seconds = uint64_t{day} * kDaySeconds + uint64_t{at.ulHour} * 3600 +
+                           uint64_t{at.ulMinute} * 60 + at.ulSecond;
   if (seconds > UINT32_MAX) return std::nullopt;
   return static_cast<uint32_t>(seconds);
 }
