@@ -38,5 +38,8 @@ int main() {
       ORP_MSG_Init("cms") != ORP_OK) {
     return 1;
   }
+  mlog_print("cms", MLOG_LEVEL_INFO,
+             "sensor 00:11:22:33:44:55 at 192.168.1.10 and fe80::211:22ff:fe33:4455, serial "
+             "ABCDEFGHIJKLMNOP");
   return ORP_MSG_GetAndDispatch() == ORP_OK ? 0 : 1;
 }
