@@ -137,7 +137,7 @@ TEST(DnsReplies, SetFlagsAndCounts) {
 
   ASSERT_TRUE(error && mismatch);
   EXPECT_EQ(0x8103, field(error, 2));
-  for (const size_t count : {6, 8, 10}) EXPECT_EQ(0, field(error, count));
+  for (const size_t count : {6u, 8u, 10u}) EXPECT_EQ(0, field(error, count));
   EXPECT_EQ(Bytes(at(query, 12), at(query, query->ulLength)),
             Bytes(at(error, 12), at(error, error->ulLength)));
   EXPECT_EQ(0x8180, field(mismatch, 2));
