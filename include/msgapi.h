@@ -14,6 +14,7 @@
 #include "msgapi/fdpass.h"
 #include "msgapi/log.h"
 #include "msgapi/login.h"
+#include "msgapi/login_records.h"
 #include "msgapi/loop.h"
 #include "msgapi/mac.h"
 #include "msgapi/msg.h"

@@ -58,6 +58,26 @@ void add_options(CLI::App *app, Options *options) {
       ->capture_default_str();
 }
 
+void add_service_options(CLI::App *app, Options *options) {
+  app->add_option("--http", options->http,
+                  "ADDRESS:PORT for restful requests by HTTP; anybody who reaches it is served");
+  app->add_option("--http-timeout", options->http_timeout_ms,
+                  "Milliseconds that an application has to answer one")
+      ->check(CLI::Range(1, 600000))
+      ->capture_default_str();
+  app->add_option("--apps", options->applications, "File that lists the dynamic applications");
+  app->add_option("--login-state", options->login_state,
+                  "File in which login control keeps what it knows; empty: nowhere")
+      ->capture_default_str();
+  app->add_option("--export-key", options->export_key,
+                  "File with the key of exported configurations, made at first use")
+      ->capture_default_str();
+  app->add_option("--export-dir", options->export_directories,
+                  "Directory below which configurations are exported and imported; repeatable")
+      ->capture_default_str();
+  app->add_flag("--factory-mode", options->factory_mode, "The device is in the factory");
+}
+
 mode_t permissions(const std::string &octal) {
   char *end = nullptr;
   const unsigned long mode = std::strtoul(octal.c_str(), &end, 8);
@@ -89,6 +109,12 @@ void serve(const Options &options) {
   std::vector<std::unique_ptr<msgsvr::Service>> services;
   services.push_back(msgsvr::make_registration(&server));
   services.push_back(msgsvr::make_events(&server));
+  services.push_back(msgsvr::make_restful(&server));
+  services.push_back(msgsvr::make_dynamic_apps(&server));
+  services.push_back(msgsvr::make_sync_points(&server));
+  services.push_back(msgsvr::make_login_control(&server));
+  services.push_back(msgsvr::make_config_manager(&server));
+  services.push_back(msgsvr::make_device_requests(&server));
 
   server.listen(servers::listen_unix(options.socket_path, permissions(options.socket_mode)));
   if (!options.tcp.empty()) server.listen(servers::listen_tcp(options.tcp));
@@ -108,6 +134,7 @@ int main(int argc, char **argv) {
   Options options;
   CLI::App app("Passes messages between the application processes of the device.");
   add_options(&app, &options);
+  add_service_options(&app, &options);
   CLI11_PARSE(app, argc, argv);
   if (options.queue_limit < kQueuePerFrame * options.cut_through) {
     std::fprintf(stderr, "msgsvr: --queue must be at least %zu times --cut-through\n",
@@ -115,6 +142,9 @@ int main(int argc, char **argv) {
     return EXIT_FAILURE;
   }
 
+  for (std::string &directory : options.export_directories) {
+    if (!directory.ends_with('/')) directory += '/';
+  }
   raise_descriptor_limit();
   try {
     serve(options);

@@ -26,6 +26,15 @@ struct Options {
   uint32_t stall_ms = 500;
   // How long senders wait for a reader that takes next to nothing.
   uint32_t patience_ms = 200;
+
+  // Services.
+  std::string http;  // ADDRESS:PORT for restful requests, empty for none
+  uint32_t http_timeout_ms = 5000;
+  std::string applications;  // the file that lists the dynamic applications, empty for none
+  std::string login_state = "/var/msgsvr-login.json";
+  std::string export_key = "/var/cfm/export.key";
+  std::vector<std::string> export_directories = {"/var/", "/mnt/", "/tmp/"};
+  bool factory_mode = false;
 };
 
 }  // namespace msgsvr

@@ -20,4 +20,23 @@ std::unique_ptr<Service> make_registration(Server *server);
 // Event subscriptions, and events to whoever has subscribed.
 std::unique_ptr<Service> make_events(Server *server);
 
+// Paths that applications serve, for other applications and for HTTP clients.
+std::unique_ptr<Service> make_restful(Server *server);
+
+// Applications that are started when somebody connects to them. Throws std::runtime_error for a bad
+// configuration file.
+std::unique_ptr<Service> make_dynamic_apps(Server *server);
+
+// Named points at which processes wait for each other.
+std::unique_ptr<Service> make_sync_points(Server *server);
+
+// Failed logins, and who may not log in for a while.
+std::unique_ptr<Service> make_login_control(Server *server);
+
+// Saving, exporting, importing and resetting the configuration store.
+std::unique_ptr<Service> make_config_manager(Server *server);
+
+// The factory mode, and reboots.
+std::unique_ptr<Service> make_device_requests(Server *server);
+
 }  // namespace msgsvr

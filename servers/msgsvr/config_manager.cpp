@@ -1,0 +1,156 @@
+// The configuration manager: saves, checks, exports, imports and resets the configuration store on
+// behalf of the applications.
+//
+// The store may be busy for seconds, so the work is done on a thread of its own, one request after
+// the other, and answered when it is done. What nobody waits for gets no answer.
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cfmapi.h"
+#include "cfmstore.h"
+#include "common/log_line.h"
+#include "msgsvr/sealed_file.h"
+#include "msgsvr/services.h"
+#include "msgsvr/worker.h"
+
+namespace msgsvr {
+namespace {
+
+using servers::log_line;
+
+constexpr uint32_t kSave = 0x5009;
+constexpr uint32_t kRestoreDefaults = 0x500f;
+constexpr uint32_t kExport = 0x5026;
+constexpr uint32_t kImport = 0x5027;
+constexpr uint32_t kCheckFile = 0x5028;
+constexpr uint32_t kSaveAppSync = 0x502a;
+constexpr uint32_t kSaveSync = 0x502b;
+constexpr uint32_t kDeleteAppData = 0x5033;
+constexpr uint32_t kExportUser = 0x5035;
+constexpr uint32_t kSaveToApp = 0x503f;
+constexpr uint32_t kSaveToAppSync = 0x5040;
+
+constexpr size_t kLargestImage = 64 << 20;
+
+// What a failure of the file itself looks like to the requester, whose other results are those of
+// the store (0x30000 and up).
+uint32_t result_of(SealStatus status) {
+  return status == SealStatus::kOk ? CFM_OK : 0x31000u + static_cast<uint32_t>(status);
+}
+
+class ConfigManager final : public Service {
+ public:
+  explicit ConfigManager(Server *server)
+      : server_(server),
+        seal_{server->options().export_key, server->options().export_directories},
+        worker_(&server->loop()) {
+    for (const uint32_t type : {kSave, kSaveToApp}) {
+      server->serve(type, [this](Client &from, const Message &) {
+        run(from, "save", [] { return CFM_StoreSave(); });
+      });
+    }
+    for (const uint32_t type : {kSaveSync, kSaveAppSync, kSaveToAppSync}) {
+      server->serve(type, [this](Client &from, const Message &request) {
+        run_and_answer(from, request, "save", [] { return CFM_StoreSave(); });
+      });
+    }
+    server->serve(kRestoreDefaults, [this](Client &from, const Message &request) {
+      // Mode and user, of which this port needs neither.
+      if (request.body.size() < 8) return;
+      run(from, "restore the defaults of", [] { return CFM_StoreRestoreDefaults(); });
+    });
+    server->serve(kDeleteAppData, [this](Client &from, const Message &request) {
+      run_and_answer(from, request, "delete the application data of",
+                     [] { return CFM_StoreRestoreAppData(); });
+    });
+    server->serve(kExportUser, [this](Client &from, const Message &request) {
+      export_users_[from.id] = request.header.ulMsgData;
+    });
+    server->on_gone([this](Client &client) { export_users_.erase(client.id); });
+    server->serve(kExport, [this](Client &from, const Message &request) {
+      const uint32_t user = std::exchange(export_users_[from.id], 0);
+      run_and_answer(from, request, "export",
+                     [this, path = path_in(request), user] { return write_export(path, user); });
+    });
+    server->serve(kImport, [this](Client &from, const Message &request) {
+      run_and_answer(from, request, "import",
+                     [this, path = path_in(request)] { return with_image(path, CFM_StoreImport); });
+    });
+    server->serve(kCheckFile, [this](Client &from, const Message &request) {
+      run_and_answer(from, request, "check a file for", [this, path = path_in(request)] {
+        return with_image(path, CFM_StoreCheckImage);
+      });
+    });
+  }
+
+ private:
+  static std::string path_in(const Message &request) {
+    const std::string text(request.body.begin(), request.body.end());
+    return text.substr(0, text.find('\0'));
+  }
+
+  template <typename Job>
+  void run(Client &from, const char *what, Job job) {
+    start(from, what, std::move(job), [](uint32_t) {});
+  }
+
+  template <typename Job>
+  void run_and_answer(Client &from, const Message &request, const char *what, Job job) {
+    start(from, what, std::move(job),
+          [this, id = from.id, header = request.header](uint32_t result) {
+            Client *client = server_->by_id(id);
+            if (client == nullptr) return;
+            server_->reply(*client, Message{header, {}, {}}, result);
+            server_->flush();
+          });
+  }
+
+  template <typename Job, typename Done>
+  void start(Client &from, const char *what, Job job, Done done) {
+    const auto result = std::make_shared<uint32_t>(0);
+    worker_.run([result, job] { *result = job(); },
+                [result, done, what, label = from.label()] {
+                  if (*result != CFM_OK) {
+                    log_line("{} wanted to {} the configuration: failed with 0x{:x}", label, what,
+                             *result);
+                  }
+                  done(*result);
+                });
+  }
+
+  uint32_t write_export(const std::string &path, uint32_t user) const {
+    void *image = nullptr;
+    uint32_t size = 0;
+    const uint32_t status = CFM_StoreExport(&image, &size);
+    const std::unique_ptr<void, void (*)(void *)> owner(image, ::free);
+    if (status != CFM_OK) return status;
+    return result_of(write_sealed(seal_, path, {static_cast<const char *>(image), size}, user));
+  }
+
+  uint32_t with_image(const std::string &path, uint32_t (*use)(const void *, uint32_t)) const {
+    std::vector<char> image;
+    const SealStatus status = read_sealed(seal_, path, kLargestImage, &image);
+    if (status != SealStatus::kOk) return result_of(status);
+    return use(image.data(), static_cast<uint32_t>(image.size()));
+  }
+
+  Server *server_;
+  const SealOptions seal_;
+  std::unordered_map<uint32_t, uint32_t> export_users_;
+  Worker worker_;  // last: its jobs use the above
+};
+
+}  // namespace
+
+std::unique_ptr<Service> make_config_manager(Server *server) {
+  return std::make_unique<ConfigManager>(server);
+}
+
+}  // namespace msgsvr

@@ -1,0 +1,369 @@
+// Dynamic applications: the server listens in their place, and starts one when its listening
+// socket sees traffic. The application gets that socket as descriptor 3, with LISTEN_FDS=1 and
+// LISTEN_PID set, and accepts the connections itself.
+//
+// An application that ends well is started again by the next traffic; one that crashes is started
+// again after a delay that doubles with each crash. 0x5001 switches one on, off, or restarts it,
+// 0x504D stops them all.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/listen.h"
+#include "common/log_line.h"
+#include "msgapi/dynapp.h"
+#include "msgsvr/services.h"
+
+namespace msgsvr {
+namespace {
+
+using namespace std::chrono_literals;
+using servers::log_line;
+using Clock = EventLoop::Clock;
+
+constexpr uint32_t kUpdate = 0x5001;
+constexpr uint32_t kStopAll = 0x504d;
+
+constexpr int kPassedFd = 3;
+constexpr auto kFirstDelay = 1000ms;
+constexpr auto kLongestDelay = 60000ms;
+// Whoever has run for so long has not crashed at once.
+constexpr auto kSteady = 60s;
+// After this an application that was asked to stop is killed.
+constexpr auto kStopTime = 5000ms;
+
+struct Identity {
+  uid_t user;
+  gid_t group;
+  std::vector<gid_t> groups;
+};
+
+struct Config {
+  AppName name;
+  std::vector<std::string> command;
+  std::string listen;  // "tcp:ADDRESS:PORT" or "unix:PATH"
+  mode_t mode = 0666;
+  std::optional<Identity> identity;
+};
+
+Identity identity_of(const std::string &user) {
+  errno = 0;
+  const passwd *entry = ::getpwnam(user.c_str());
+  if (entry == nullptr) throw std::runtime_error("there is no user " + user);
+  Identity identity{entry->pw_uid, entry->pw_gid, std::vector<gid_t>(64)};
+  int count = static_cast<int>(identity.groups.size());
+  if (::getgrouplist(user.c_str(), entry->pw_gid, identity.groups.data(), &count) < 0) {
+    identity.groups.resize(static_cast<size_t>(count));
+    if (::getgrouplist(user.c_str(), entry->pw_gid, identity.groups.data(), &count) < 0) count = 0;
+  }
+  identity.groups.resize(static_cast<size_t>(count));
+  return identity;
+}
+
+Config read_config(const nlohmann::json &entry) {
+  Config config;
+  const std::string name = entry.at("name");
+  config.name = AppName(name);
+  if (config.name.is_server() || config.name.text() != name) {
+    throw std::runtime_error("\"" + name + "\" is no application name of 1 to 11 characters");
+  }
+  config.command.push_back(entry.at("executable"));
+  if (!config.command.front().starts_with('/')) {
+    throw std::runtime_error(name + ": the executable must be an absolute path");
+  }
+  for (const std::string argument : entry.value("arguments", nlohmann::json::array())) {
+    config.command.push_back(argument);
+  }
+  config.listen = entry.at("listen");
+  if (entry.contains("mode")) {
+    config.mode = static_cast<mode_t>(std::stoul(entry.at("mode").get<std::string>(), nullptr, 8));
+  }
+  if (entry.contains("user")) config.identity = identity_of(entry.at("user"));
+  return config;
+}
+
+UniqueFd listen_for(const Config &config) {
+  if (config.listen.starts_with("tcp:")) return servers::listen_tcp(config.listen.substr(4));
+  if (config.listen.starts_with("unix:")) {
+    return servers::listen_unix(config.listen.substr(5), config.mode);
+  }
+  throw std::runtime_error(std::string(config.name.text()) +
+                           ": \"listen\" is neither tcp:ADDRESS:PORT nor unix:PATH");
+}
+
+std::vector<char *> pointers(const std::vector<std::string> &texts) {
+  std::vector<char *> all;
+  for (const std::string &text : texts) all.push_back(const_cast<char *>(text.c_str()));
+  all.push_back(nullptr);
+  return all;
+}
+
+// In the child, after fork() in a process with another thread: async-signal-safe calls only.
+[[noreturn]] void become(const Config &config, int listener, char *const *arguments,
+                         char *const *environment, char *pid_text, size_t pid_size) {
+  const auto give_up = [](std::string_view what) {
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, what.data(), what.size());
+    ::_exit(127);
+  };
+  ::setpgid(0, 0);
+  if (config.identity) {
+    const Identity &who = *config.identity;
+    if (::setgroups(who.groups.size(), who.groups.data()) != 0 || ::setgid(who.group) != 0 ||
+        ::setuid(who.user) != 0) {
+      give_up("dynamic application: the user cannot be changed\n");
+    }
+  }
+  // The application expects a blocking socket, and one that survives exec.
+  const int flags = ::fcntl(listener, F_GETFL);
+  ::fcntl(listener, F_SETFL, flags & ~O_NONBLOCK);
+  if (listener == kPassedFd) {
+    ::fcntl(listener, F_SETFD, 0);
+  } else if (::dup2(listener, kPassedFd) < 0) {
+    give_up("dynamic application: no descriptor\n");
+  }
+  *std::to_chars(pid_text, pid_text + pid_size - 1, ::getpid()).ptr = '\0';
+  for (const int signal : {SIGPIPE, SIGTERM, SIGINT, SIGUSR1, SIGCHLD}) ::signal(signal, SIG_DFL);
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::execve(arguments[0], arguments, environment);
+  give_up("dynamic application: the executable cannot be started\n");
+  ::_exit(127);
+}
+
+class DynamicApps final : public Service {
+ public:
+  explicit DynamicApps(Server *server) : server_(server) {
+    server->serve(kUpdate, [this](Client &from, const Message &m) { update(from, m); });
+    server->serve(kStopAll, [this](Client &from, const Message &m) { stop_all(from, m); });
+    if (server->options().applications.empty()) return;
+
+    std::ifstream file(server->options().applications);
+    if (!file) throw std::runtime_error("cannot read " + server->options().applications);
+    try {
+      const nlohmann::json list = nlohmann::json::parse(file, nullptr, true, true);
+      for (const nlohmann::json &entry : list.at("applications")) {
+        apps_.push_back(std::make_unique<App>(this, read_config(entry)));
+        start_listening(*apps_.back());
+      }
+    } catch (const std::logic_error &error) {  // a bad number
+      throw std::runtime_error(server->options().applications + ": " + error.what());
+    } catch (const nlohmann::json::exception &error) {
+      throw std::runtime_error(server->options().applications + ": " + error.what());
+    }
+    server->loop().on_signal(SIGCHLD, [this] { reap(); });
+  }
+
+  ~DynamicApps() override {
+    for (const auto &app : apps_) {
+      if (app->pid > 0) ::kill(-app->pid, SIGTERM);
+      stop_listening(*app);
+    }
+  }
+
+ private:
+  struct App final : EventLoop::Watch {
+    App(DynamicApps *owner_in, Config config_in) : owner(owner_in), config(std::move(config_in)) {}
+    void ready(uint32_t) override { owner->start(*this); }
+
+    DynamicApps *owner;
+    const Config config;
+    UniqueFd listener;      // none while switched off
+    bool watched = false;   // traffic starts it
+    pid_t pid = 0;          // 0: not running
+    bool stopping = false;  // it was asked to end
+    bool restart = false;   // and is to be started again then
+    Clock::time_point started{};
+    std::chrono::milliseconds delay = kFirstDelay;
+    EventLoop::TimerId timer = 0;  // restart after a crash, or the kill
+  };
+
+  void watch(App &app, bool on) {
+    if (app.watched == on || !app.listener) return;
+    app.watched = on;
+    if (on) {
+      server_->loop().add(app.listener.get(), EPOLLIN, &app);
+    } else {
+      server_->loop().remove(app.listener.get(), &app);
+    }
+  }
+
+  void start_listening(App &app) {
+    if (!app.listener) app.listener = listen_for(app.config);
+    watch(app, app.pid == 0);
+  }
+
+  void stop_listening(App &app) {
+    watch(app, false);
+    if (app.listener && app.config.listen.starts_with("unix:")) {
+      ::unlink(app.config.listen.substr(5).c_str());
+    }
+    app.listener.reset();
+  }
+
+  void start(App &app) {
+    watch(app, false);
+    server_->loop().cancel(app.timer);
+    std::vector<char *> arguments = pointers(app.config.command);
+    std::vector<std::string> variables;
+    for (char **variable = environ; *variable != nullptr; ++variable) {
+      const std::string_view text(*variable);
+      if (!text.starts_with("LISTEN_")) variables.emplace_back(text);
+    }
+    variables.emplace_back("LISTEN_FDS=1");
+    variables.emplace_back("LISTEN_PID=0123456789");  // the child knows its number
+    std::vector<char *> environment = pointers(variables);
+    char *pid_text = variables.back().data() + std::strlen("LISTEN_PID=");
+
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      become(app.config, app.listener.get(), arguments.data(), environment.data(), pid_text, 11);
+    }
+    if (pid < 0) {
+      log_line("{} cannot be started: {}", app.config.name.text(), std::strerror(errno));
+      start_later(app);
+      return;
+    }
+    app.pid = pid;
+    app.started = Clock::now();
+    log_line("{} is started, process {}", app.config.name.text(), pid);
+  }
+
+  void start_later(App &app) {
+    app.timer = server_->loop().after(app.delay, [this, &app] {
+      if (app.listener && app.pid == 0) start(app);
+    });
+    app.delay = std::min<std::chrono::milliseconds>(app.delay * 2, kLongestDelay);
+  }
+
+  void stop(App &app) {
+    server_->loop().cancel(app.timer);
+    if (app.pid == 0) return;
+    app.stopping = true;
+    ::kill(-app.pid, SIGTERM);
+    app.timer = server_->loop().after(kStopTime, [&app] {
+      if (app.pid > 0) ::kill(-app.pid, SIGKILL);
+    });
+  }
+
+  void reap() {
+    for (const auto &app : apps_) {
+      int status = 0;
+      if (app->pid > 0 && ::waitpid(app->pid, &status, WNOHANG) == app->pid) ended(*app, status);
+    }
+    answer_stop_all();
+    server_->flush();
+  }
+
+  void ended(App &app, int status) {
+    const bool well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const bool asked = std::exchange(app.stopping, false);
+    const bool restart = std::exchange(app.restart, false);
+    server_->loop().cancel(app.timer);
+    // What it left running in its group goes with it.
+    ::kill(-app.pid, SIGKILL);
+    app.pid = 0;
+    log_line("{} has ended: {} {}", app.config.name.text(),
+             WIFEXITED(status) ? "exit status" : "signal",
+             WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status));
+    if (Clock::now() - app.started >= kSteady) app.delay = kFirstDelay;
+    if (!app.listener) return;
+    if (restart) {
+      start(app);
+    } else if (well || asked) {
+      app.delay = kFirstDelay;
+      watch(app, true);
+    } else {
+      log_line("{} is started again in {} ms", app.config.name.text(), app.delay.count());
+      start_later(app);
+    }
+  }
+
+  void update(Client &from, const Message &message) {
+    const auto name = message.name_in_body();
+    const auto entry = std::ranges::find_if(
+        apps_, [&](const auto &app) { return name && app->config.name == *name; });
+    if (entry == apps_.end()) {
+      log_line("{} speaks of {}, which is no dynamic application", from.label(),
+               name ? name->text() : "nobody");
+      server_->notify_undeliverable(from, kUpdate, message.header.ulSeqNum);
+      return;
+    }
+    App &app = **entry;
+    switch (message.header.ulMsgData) {
+      case ORP_DYNAPP_ON:
+        try {
+          start_listening(app);
+        } catch (const std::exception &error) {
+          log_line("{}", error.what());
+        }
+        break;
+      case ORP_DYNAPP_OFF:
+        stop_listening(app);
+        stop(app);
+        break;
+      case ORP_DYNAPP_RESTART:
+        if (!app.listener) break;
+        if (app.pid > 0) {
+          app.restart = true;
+          stop(app);
+        } else {
+          start(app);
+        }
+        break;
+      default:
+        log_line("{} asks for the unknown action {} of {}", from.label(), message.header.ulMsgData,
+                 app.config.name.text());
+    }
+  }
+
+  // Answered when all have ended.
+  void stop_all(Client &from, const Message &message) {
+    for (const auto &app : apps_) {
+      stop_listening(*app);
+      stop(*app);
+    }
+    waiting_.push_back({from.id, message.header});
+    answer_stop_all();
+  }
+
+  void answer_stop_all() {
+    if (std::ranges::any_of(apps_, [](const auto &app) { return app->pid > 0; })) return;
+    for (const auto &[client, header] : std::exchange(waiting_, {})) {
+      if (Client *to = server_->by_id(client)) server_->reply(*to, Message{header, {}, {}}, 0);
+    }
+  }
+
+  Server *server_;
+  std::vector<std::unique_ptr<App>> apps_;
+  std::vector<std::pair<uint32_t, Header>> waiting_;
+};
+
+}  // namespace
+
+std::unique_ptr<Service> make_dynamic_apps(Server *server) {
+  return std::make_unique<DynamicApps>(server);
+}
+
+}  // namespace msgsvr

@@ -1,0 +1,259 @@
+// Restful requests: applications register paths (0x109), and a request for one of them becomes a
+// message (0x10D) to the application, whose answer goes back to the requester.
+//
+// A request for PATH is for the longest registered text that matches it whole or, for a
+// registration that is a single text, that matches it up to its last "/". In the first case the
+// text was made of a path and a handler's name, and is taken apart at its last "/"; in the second
+// the handler's name is the rest of PATH. Texts may be patterns.
+//
+// Requests come from HTTP clients, or as messages for nobody in particular from other applications,
+// whose answers then go to them directly.
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/listen.h"
+#include "common/log_line.h"
+#include "msgapi/path.h"
+#include "msgapi/restful.h"
+#include "msgsvr/http_front.h"
+#include "msgsvr/services.h"
+
+namespace msgsvr {
+namespace {
+
+using servers::log_line;
+
+constexpr size_t kBodyHead = sizeof(ORP_MSG_RESTFUL_REQ_ST);
+static_assert(kBodyHead == 136);
+
+// The text travels with a NUL, and an application is given nothing longer.
+constexpr size_t kLongestText = ORP_MSG_MAX_DISPATCHED_BODY - kBodyHead - 1;
+
+// A path and a handler's name, of 63 characters each.
+constexpr size_t kLongestEntry = 127;
+constexpr size_t kMostRegistrations = 4096;
+
+// ulCode of a request that came by HTTP.
+constexpr std::pair<std::string_view, uint32_t> kMethods[] = {
+    {"GET", 0}, {"POST", 1}, {"PUT", 2}, {"DELETE", 3}, {"PATCH", 4}};
+
+struct Registration {
+  uint32_t client;
+  std::string text;
+  bool single;  // the registration has no other text
+};
+
+struct Target {
+  const Registration *registration;
+  std::string path;  // as the application registered it
+  std::string handler;
+};
+
+// An HTTP request that waits for an application.
+struct Pending {
+  uint64_t exchange;
+  uint32_t client;
+  EventLoop::TimerId timer;
+};
+
+bool matches(const std::string &pattern, std::string_view path) {
+  return ORP_UTIL_MatchPrefixPath(pattern.c_str(), std::string(path).c_str()) == 1;
+}
+
+std::pair<std::string, std::string> split(std::string_view text) {
+  const size_t slash = text.rfind('/');
+  if (slash == std::string_view::npos) return {"", std::string(text)};
+  return {std::string(text.substr(0, slash)), std::string(text.substr(slash + 1))};
+}
+
+const char *content_type_of(std::string_view text) {
+  const size_t start = text.find_first_not_of(" \t\r\n");
+  if (start == std::string_view::npos) return "text/plain; charset=utf-8";
+  const bool json = (text[start] == '{' || text[start] == '[') && nlohmann::json::accept(text);
+  return json ? "application/json" : "text/plain; charset=utf-8";
+}
+
+class Restful final : public Service {
+ public:
+  explicit Restful(Server *server) : server_(server) {
+    server->serve(ORP_MSG_RESTFUL_REGISTER,
+                  [this](Client &from, const Message &m) { enter(from, m); });
+    for (const uint32_t type :
+         {ORP_MSG_RESTFUL_REQUEST_A, ORP_MSG_RESTFUL_REQUEST, ORP_MSG_RESTFUL_REQUEST_E}) {
+      server->serve(type, [this](Client &from, const Message &m) { take(from, m); });
+    }
+    server->on_gone([this](Client &client) { forget(client); });
+    if (!server->options().http.empty()) {
+      front_ = std::make_unique<HttpFront>(
+          &server->loop(), servers::listen_tcp(server->options().http), kLongestText,
+          [this](uint64_t id, const HttpRequest &request) { request_by_http(id, request); },
+          [this](uint64_t id) {
+            std::erase_if(pending_, [&](const auto &entry) {
+              if (entry.second.exchange != id) return false;
+              server_->loop().cancel(entry.second.timer);
+              return true;
+            });
+          });
+    }
+  }
+
+ private:
+  void enter(Client &from, const Message &message) {
+    const std::string body(message.body.begin(), message.body.end());
+    const std::string texts = body.substr(0, body.find('\0'));
+    std::vector<Registration> entries;
+    for (size_t at = 0; at <= texts.size();) {
+      const size_t bar = std::min(texts.find('|', at), texts.size());
+      if (bar > at) entries.push_back({from.id, texts.substr(at, bar - at), false});
+      at = bar + 1;
+    }
+    if (entries.size() == 1) entries.front().single = true;
+    for (Registration &entry : entries) {
+      const bool known = std::ranges::any_of(registrations_, [&](const Registration &r) {
+        return r.client == entry.client && r.text == entry.text && r.single == entry.single;
+      });
+      if (known) continue;
+      if (entry.text.size() > kLongestEntry || registrations_.size() >= kMostRegistrations) {
+        log_line("{} registers a path that is too long, or one too many", from.label());
+        return;
+      }
+      registrations_.push_back(std::move(entry));
+    }
+  }
+
+  std::optional<Target> find(const std::string &path) const {
+    const auto [directory, name] = split(path);
+    std::optional<Target> best;
+    for (const Registration &entry : registrations_) {
+      if (best && entry.text.size() <= best->registration->text.size()) continue;
+      Target target{&entry, "", ""};
+      if (matches(entry.text, path)) {
+        std::tie(target.path, target.handler) = split(entry.text);
+      } else if (entry.single && matches(entry.text, directory)) {
+        target.path = entry.text;
+        target.handler = name;
+      }
+      if (target.path.empty() || target.path.size() >= ORP_MSG_RESTFUL_FIELD_SIZE ||
+          target.handler.empty() || target.handler.size() >= ORP_MSG_RESTFUL_FIELD_SIZE) {
+        continue;
+      }
+      best = target;
+    }
+    return best;
+  }
+
+  void request_by_http(uint64_t id, const HttpRequest &request) {
+    const auto method = std::ranges::find(kMethods, std::string_view(request.method),
+                                          [](const auto &entry) { return entry.first; });
+    if (method == std::end(kMethods)) {
+      front_->answer(id, 405, "method not allowed\n", "text/plain");
+      return;
+    }
+    const std::optional<Target> target = find(request.path);
+    Client *client = target ? server_->by_id(target->registration->client) : nullptr;
+    if (client == nullptr) {
+      front_->answer(id, 404, "no application serves this\n", "text/plain");
+      return;
+    }
+
+    const std::string &text = request.body.empty() ? request.query : request.body;
+    ORP_MSG_RESTFUL_REQ_ST head{};
+    head.ulCode = method->second;
+    target->path.copy(head.aucPath, sizeof head.aucPath - 1);
+    target->handler.copy(head.aucHandler, sizeof head.aucHandler - 1);
+    std::string body(reinterpret_cast<const char *>(&head), sizeof head);
+    body += text;
+    body += '\0';
+    Header header{};
+    header.ulMsgType = ORP_MSG_RESTFUL_REQUEST;
+    header.ulSeqNum = ++last_sequence_;
+    AppName(kServerName).store(header.aucSendApp);
+    client->name.store(header.aucRecvApp);
+
+    const uint32_t sequence = header.ulSeqNum;
+    const auto timer = server_->loop().after(
+        std::chrono::milliseconds(server_->options().http_timeout_ms), [this, sequence] {
+          finish(sequence, 504, "the application does not answer\n", "text/plain");
+        });
+    pending_[sequence] = {id, client->id, timer};
+    server_->send(*client, header, body);
+    server_->flush();
+  }
+
+  // An answer to one of ours, or a request of another application.
+  void take(Client &from, const Message &message) {
+    if (AppName(std::string_view(message.header.aucRecvApp)).empty()) {
+      pass_on(from, message);
+      return;
+    }
+    const auto entry = pending_.find(message.header.ulSeqNum);
+    if (entry == pending_.end() || entry->second.client != from.id) return;  // too late
+    const std::string body(message.body.begin(), message.body.end());
+    const std::string text = body.substr(0, body.find('\0'));
+    finish(entry->first, 200, text, content_type_of(text));
+  }
+
+  void pass_on(Client &from, const Message &message) {
+    ORP_MSG_RESTFUL_REQ_ST head{};
+    std::memcpy(&head, message.body.data(), std::min(message.body.size(), sizeof head));
+    const std::string path(head.aucPath, ::strnlen(head.aucPath, sizeof head.aucPath));
+    const std::string name(head.aucHandler, ::strnlen(head.aucHandler, sizeof head.aucHandler));
+    // The requester names the registration itself, as it stands.
+    const auto entry = std::ranges::find_if(registrations_, [&](const Registration &r) {
+      return (r.single && r.text == path) || r.text == path + "/" + name;
+    });
+    Client *to = entry == registrations_.end() ? nullptr : server_->by_id(entry->client);
+    if (to == nullptr) {
+      server_->notify_undeliverable(from, message.type(), message.header.ulSeqNum);
+      return;
+    }
+    // The sender's name stays, so that the answer finds its way.
+    Header header = message.header;
+    header.ulMsgType = message.type();
+    to->name.store(header.aucRecvApp);
+    server_->send(*to, header, message.body);
+  }
+
+  void finish(uint32_t sequence, unsigned status, std::string_view text, const char *type) {
+    const auto entry = pending_.find(sequence);
+    if (entry == pending_.end()) return;
+    const Pending pending = entry->second;
+    pending_.erase(entry);
+    server_->loop().cancel(pending.timer);
+    front_->answer(pending.exchange, status, text, type);
+  }
+
+  void forget(const Client &client) {
+    std::erase_if(registrations_, [&](const Registration &r) { return r.client == client.id; });
+    std::vector<uint32_t> lost;
+    for (const auto &[sequence, pending] : pending_) {
+      if (pending.client == client.id) lost.push_back(sequence);
+    }
+    for (uint32_t sequence : lost) {
+      finish(sequence, 502, "the application has gone\n", "text/plain");
+    }
+  }
+
+  Server *server_;
+  std::vector<Registration> registrations_;  // oldest first
+  std::map<uint32_t, Pending> pending_;      // by our sequence number
+  uint32_t last_sequence_ = 0;
+  std::unique_ptr<HttpFront> front_;
+};
+
+}  // namespace
+
+std::unique_ptr<Service> make_restful(Server *server) {
+  return std::make_unique<Restful>(server);
+}
+
+}  // namespace msgsvr

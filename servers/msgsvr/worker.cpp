@@ -1,0 +1,68 @@
+#include "msgsvr/worker.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <utility>
+
+namespace msgsvr {
+
+Worker::Worker(servers::EventLoop *loop)
+    : loop_(loop), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  loop_->add(wake_.get(), EPOLLIN, this);
+  // Signals are the loop's.
+  sigset_t all, before;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_BLOCK, &all, &before);
+  thread_ = std::thread([this] { work(); });
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+Worker::~Worker() {
+  {
+    const std::lock_guard lock(mutex_);
+    ends_ = true;
+  }
+  changed_.notify_one();
+  thread_.join();
+  loop_->remove(wake_.get(), this);
+}
+
+void Worker::run(Procedure job, Procedure done) {
+  {
+    const std::lock_guard lock(mutex_);
+    waiting_.push_back({std::move(job), std::move(done)});
+  }
+  changed_.notify_one();
+}
+
+void Worker::work() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return ends_ || !waiting_.empty(); });
+    if (ends_) return;
+    Task task = std::move(waiting_.front());
+    waiting_.pop_front();
+    lock.unlock();
+    task.job();
+    lock.lock();
+    finished_.push_back(std::move(task.done));
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
+  }
+}
+
+void Worker::ready(uint32_t) {
+  uint64_t count;
+  if (::read(wake_.get(), &count, sizeof count) < 0) return;
+  std::deque<Procedure> finished;
+  {
+    const std::lock_guard lock(mutex_);
+    finished.swap(finished_);
+  }
+  for (const Procedure &done : finished) done();
+}
+
+}  // namespace msgsvr

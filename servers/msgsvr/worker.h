@@ -1,0 +1,46 @@
+// A thread for work that may block, so that the loop does not.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "common/event_loop.h"
+#include "common/unique_fd.h"
+
+namespace msgsvr {
+
+// Does one job after the other, in the order in which they were given.
+class Worker final : private servers::EventLoop::Watch {
+ public:
+  using Procedure = std::function<void()>;
+
+  explicit Worker(servers::EventLoop *loop);
+  // Waits for the job that is running; those behind it are dropped.
+  ~Worker() override;
+
+  // Calls `job` on the thread and then `done` from the loop.
+  void run(Procedure job, Procedure done);
+
+ private:
+  struct Task {
+    Procedure job;
+    Procedure done;
+  };
+
+  void ready(uint32_t events) override;
+  void work();
+
+  servers::EventLoop *loop_;
+  servers::UniqueFd wake_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Task> waiting_;
+  std::deque<Procedure> finished_;
+  bool ends_ = false;
+  std::thread thread_;  // last: it uses all of the above
+};
+
+}  // namespace msgsvr
