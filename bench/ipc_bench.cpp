@@ -1,0 +1,476 @@
+// Messages between processes: the library through msgsvr, beside the raw limit of the same machine:
+// three processes that only read, forward and write the same bytes on Unix sockets, with one
+// select() before each read. Everything runs on one processor, because unpinned figures depend on
+// where the scheduler happens to put the processes; the two sides take turns within each series, so
+// that both see the same machine.
+//
+// Usage: ipc_bench [SCALE]; SCALE multiplies the number of measurements (default 1).
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "msgapi/loop.h"
+#include "msgapi/msg.h"
+
+namespace {
+
+constexpr uint32_t kEchoType = 0x100;
+constexpr uint32_t kOneWayType = 0x101;
+constexpr uint32_t kEventType = 0x2da05;
+constexpr int kRounds = 20;
+constexpr size_t kRawBuffer = 1 << 18;
+
+double g_scale = 1;
+
+using Clock = std::chrono::steady_clock;
+
+double microseconds_since(Clock::time_point start) {
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+[[noreturn]] void fail(const char *what) {
+  std::perror(what);
+  std::exit(1);
+}
+
+void check(bool fine, const char *what) {
+  if (!fine) fail(what);
+}
+
+int scaled(int count) {
+  return std::max(1, static_cast<int>(count * g_scale));
+}
+
+void pin_to_one_processor() {
+  cpu_set_t allowed;
+  check(::sched_getaffinity(0, sizeof allowed, &allowed) == 0, "sched_getaffinity");
+  int last = 0;
+  for (int i = 0; i < CPU_SETSIZE; ++i) {
+    if (CPU_ISSET(i, &allowed)) last = i;
+  }
+  CPU_ZERO(&allowed);
+  CPU_SET(last, &allowed);
+  check(::sched_setaffinity(0, sizeof allowed, &allowed) == 0, "sched_setaffinity");
+}
+
+// Processes that end with this one's measurement.
+class Processes {
+ public:
+  Processes() = default;
+  Processes(const Processes &) = delete;
+  Processes &operator=(const Processes &) = delete;
+  ~Processes() {
+    for (const pid_t child : children_) {
+      ::kill(child, SIGTERM);
+      ::waitpid(child, nullptr, 0);
+    }
+  }
+
+  void run(const std::function<void()> &procedure) {
+    const pid_t child = ::fork();
+    check(child >= 0, "fork");
+    if (child == 0) {
+      procedure();
+      ::_exit(0);
+    }
+    children_.push_back(child);
+  }
+
+ private:
+  std::vector<pid_t> children_;
+};
+
+// ---- Statistics ----
+
+struct Series {
+  std::vector<double> values;
+
+  double quantile(double q) {
+    std::sort(values.begin(), values.end());
+    return values[static_cast<size_t>(q * static_cast<double>(values.size() - 1))];
+  }
+  double median() { return quantile(0.5); }
+};
+
+// ---- The raw side ----
+
+void select_readable(std::initializer_list<int> fds, fd_set *ready) {
+  FD_ZERO(ready);
+  for (const int fd : fds) FD_SET(fd, ready);
+  check(::select(std::max(fds) + 1, ready, nullptr, nullptr, nullptr) > 0, "select");
+}
+
+void write_all(int fd, const char *data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = ::write(fd, data, size);
+    if (written <= 0) ::_exit(0);
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+}
+
+// One select() and one read.
+size_t read_some(int fd, char *data, size_t size) {
+  fd_set ready;
+  select_readable({fd}, &ready);
+  const ssize_t count = ::read(fd, data, size);
+  if (count <= 0) ::_exit(0);
+  return static_cast<size_t>(count);
+}
+
+void read_all(int fd, char *data, size_t size) {
+  while (size > 0) {
+    const size_t count = read_some(fd, data, size);
+    data += count;
+    size -= count;
+  }
+}
+
+struct Channel {
+  Channel() { check(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair"); }
+  int ends[2];
+};
+
+// Passes everything on between the two descriptors, in pieces as large as they come.
+void forward(int left, int right) {
+  std::vector<char> buffer(kRawBuffer);
+  for (;;) {
+    fd_set ready;
+    select_readable({left, right}, &ready);
+    for (const auto &[from, to] : {std::pair(left, right), std::pair(right, left)}) {
+      if (!FD_ISSET(from, &ready)) continue;
+      const ssize_t count = ::read(from, buffer.data(), buffer.size());
+      if (count <= 0) ::_exit(0);
+      write_all(to, buffer.data(), static_cast<size_t>(count));
+    }
+  }
+}
+
+class RawRoundTrip {
+ public:
+  explicit RawRoundTrip(size_t size) : message_(size, 'x') {
+    Channel near;
+    Channel far;
+    processes_.run([=] { forward(near.ends[1], far.ends[0]); });
+    processes_.run([=, this] {
+      for (;;) {
+        read_all(far.ends[1], message_.data(), message_.size());
+        write_all(far.ends[1], message_.data(), message_.size());
+      }
+    });
+    fd_ = near.ends[0];
+  }
+
+  double once() {
+    const auto start = Clock::now();
+    write_all(fd_, message_.data(), message_.size());
+    read_all(fd_, message_.data(), message_.size());
+    return microseconds_since(start);
+  }
+
+ private:
+  std::vector<char> message_;
+  int fd_;
+  Processes processes_;
+};
+
+// Messages of `size` bytes in one direction; the reader takes one at a time and confirms the last.
+class RawOneWay {
+ public:
+  RawOneWay(size_t size, int count) : message_(size, 'x'), count_(count) {
+    Channel near;
+    Channel far;
+    processes_.run([=] { forward(near.ends[1], far.ends[0]); });
+    processes_.run([=, this] {
+      for (int received = 0;; ++received) {
+        if (received == count_) {
+          write_all(far.ends[1], "", 1);
+          received = 0;
+        }
+        read_all(far.ends[1], message_.data(), message_.size());
+      }
+    });
+    fd_ = near.ends[0];
+  }
+
+  double messages_per_second() {
+    const auto start = Clock::now();
+    for (int i = 0; i < count_; ++i) write_all(fd_, message_.data(), message_.size());
+    char confirmation;
+    read_all(fd_, &confirmation, 1);
+    return count_ / microseconds_since(start) * 1e6;
+  }
+
+ private:
+  std::vector<char> message_;
+  int count_;
+  int fd_;
+  Processes processes_;
+};
+
+// The same to many readers; the forwarder repeats what it reads to each.
+class RawFanOut {
+ public:
+  RawFanOut(size_t size, int count, int readers) : message_(size, 'x'), count_(count) {
+    Channel near;
+    std::vector<Channel> far(static_cast<size_t>(readers));
+    Channel confirmations;
+    processes_.run([=] {
+      std::vector<char> buffer(kRawBuffer);
+      for (;;) {
+        const size_t got = read_some(near.ends[1], buffer.data(), buffer.size());
+        for (const Channel &channel : far) write_all(channel.ends[0], buffer.data(), got);
+      }
+    });
+    for (const Channel &channel : far) {
+      processes_.run([=, this] {
+        for (;;) {
+          for (int i = 0; i < count_; ++i) {
+            read_all(channel.ends[1], message_.data(), message_.size());
+          }
+          write_all(confirmations.ends[1], "", 1);
+        }
+      });
+    }
+    readers_ = static_cast<size_t>(readers);
+    fd_ = near.ends[0];
+    confirmations_ = confirmations.ends[0];
+  }
+
+  double events_per_second() {
+    const auto start = Clock::now();
+    for (int i = 0; i < count_; ++i) write_all(fd_, message_.data(), message_.size());
+    std::vector<char> all(readers_);
+    read_all(confirmations_, all.data(), all.size());
+    return count_ / microseconds_since(start) * 1e6;
+  }
+
+ private:
+  std::vector<char> message_;
+  int count_;
+  size_t readers_;
+  int fd_;
+  int confirmations_;
+  Processes processes_;
+};
+
+// ---- The library's side ----
+
+void start_server(Processes *processes) {
+  const char *bin = std::getenv("MSGAPI_BIN");
+  const std::string program = std::string(bin == nullptr ? "." : bin) + "/msgsvr";
+  processes->run([&] {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+    if (std::freopen("/dev/null", "w", stderr) == nullptr) ::_exit(1);
+    ::execl(program.c_str(), program.c_str(), "--queue", "8388608", static_cast<char *>(nullptr));
+    ::_exit(1);
+  });
+  for (int attempt = 0; ::access(ORP_MSG_SERVER_PATH, F_OK) != 0; ++attempt) {
+    check(attempt < 500, "msgsvr does not start (MSGAPI_BIN?)");
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+void connect_as(const char *name) {
+  if (ORP_MSG_Init(name) != ORP_OK || g_stMsgCtx.slSocket < 0) fail("ORP_MSG_Init");
+}
+
+// An application that answers on its event loop, once it is known to the server.
+void serve_as(const std::string &name, Processes *processes, const std::function<void()> &set_up) {
+  Channel ready;
+  processes->run([&] {
+    ORP_MSG_Destroy();  // the parent's connection
+    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+    connect_as(name.c_str());
+    set_up();
+    ORP_MSG_RegisterMsgProc(ORP_MSG_DefaultMsgProc);
+    write_all(ready.ends[1], "", 1);
+    ORP_MSG_GetAndDispatch();
+  });
+  char byte;
+  check(::read(ready.ends[0], &byte, 1) == 1, "an application does not start");
+  ::close(ready.ends[0]);
+  ::close(ready.ends[1]);
+}
+
+// Sends the request back as its own response: nothing is copied here, as on the raw side.
+void echo(ORP_MSG_HEADER_ST *message) {
+  std::memcpy(message->aucRecvApp, message->aucSendApp, sizeof message->aucRecvApp);
+  if (ORP_MSG_Send(message) != ORP_OK) fail("echo");
+}
+
+class Message {
+ public:
+  Message(const char *to, uint32_t type, size_t body_size)
+      : block_(ORP_MSG_GetMsgHead(ORP_MSG_GetMsgBlock(static_cast<uint32_t>(body_size)))) {
+    ORP_MSG_SimpleBuilder(block_, to, type, 0);
+    block_->ulDataLen = static_cast<uint32_t>(body_size);
+    std::memset(block_ + 1, 'x', body_size);
+  }
+  Message(const Message &) = delete;
+  Message &operator=(const Message &) = delete;
+  ~Message() { std::free(block_); }
+  ORP_MSG_HEADER_ST *get() { return block_; }
+
+ private:
+  ORP_MSG_HEADER_ST *block_;
+};
+
+double library_round_trip(Message *request) {
+  const auto start = Clock::now();
+  ORP_MSG_HEADER_ST *response;
+  if (ORP_MSG_SendAndRecv(request->get(), &response, 0) != ORP_OK) fail("ORP_MSG_SendAndRecv");
+  const double took = microseconds_since(start);
+  if (response->ulDataLen != request->get()->ulDataLen) fail("the answer is not the request");
+  std::free(response);
+  return took;
+}
+
+// Counts one-way messages and events; confirms whenever it has got as many as one burst holds.
+int g_burst;
+int g_confirmations;
+void count(ORP_MSG_HEADER_ST * /*message*/) {
+  static int received;
+  if (++received < g_burst) return;
+  received = 0;
+  write_all(g_confirmations, "", 1);
+}
+
+// Sends a burst and waits until `readers` applications have counted all of it.
+double library_burst(Message *message, int burst, size_t readers, int confirmations) {
+  const auto start = Clock::now();
+  for (int i = 0; i < burst; ++i) {
+    if (ORP_MSG_Send(message->get()) != ORP_OK) fail("ORP_MSG_Send");
+  }
+  std::vector<char> all(readers);
+  read_all(confirmations, all.data(), all.size());
+  return burst / microseconds_since(start) * 1e6;
+}
+
+// ---- The tables ----
+
+void print_round_trips() {
+  struct Size {
+    size_t body;
+    int per_round;
+    const char *aim;
+  };
+  constexpr Size kSizes[] = {
+      {0, 1000, "1.15"}, {256, 1000, "1.25"}, {2048, 500, ""}, {65536, 200, ""}, {1048576, 20, ""}};
+  Processes processes;
+  serve_as("echo", &processes, [] { ORP_MSG_RegMsgProc(kEchoType, echo, 0, nullptr); });
+
+  std::printf("\nRequest and response (us)\n");
+  std::printf("%10s %10s %10s %10s %10s %7s %5s\n", "body", "raw p50", "raw p99", "p50", "p99",
+              "ratio", "aim");
+  for (const Size &size : kSizes) {
+    RawRoundTrip raw(ORP_MSG_HEADER_SIZE + size.body);
+    Message request("echo", kEchoType, size.body);
+    Series raw_times;
+    Series times;
+    for (int i = 0; i < size.per_round; ++i) {
+      raw.once();
+      library_round_trip(&request);
+    }
+    for (int round = 0; round < kRounds; ++round) {
+      for (int i = 0; i < scaled(size.per_round); ++i) raw_times.values.push_back(raw.once());
+      for (int i = 0; i < scaled(size.per_round); ++i) {
+        times.values.push_back(library_round_trip(&request));
+      }
+    }
+    std::printf("%10zu %10.1f %10.1f %10.1f %10.1f %7.2f %5s\n", size.body, raw_times.median(),
+                raw_times.quantile(0.99), times.median(), times.quantile(0.99),
+                times.median() / raw_times.median(), size.aim);
+  }
+}
+
+void print_one_way() {
+  constexpr int kBurst = 20000;
+  std::printf("\nOne way (messages/s)\n");
+  std::printf("%10s %10s %10s %7s\n", "bytes", "raw", "library", "ratio");
+  for (const size_t size : {size_t{40}, size_t{256}}) {
+    Processes processes;
+    Channel confirmations;
+    g_burst = kBurst;
+    g_confirmations = confirmations.ends[1];
+    serve_as("sink", &processes, [] { ORP_MSG_RegMsgProc(kOneWayType, count, 0, nullptr); });
+    RawOneWay raw(size, kBurst);
+    Message message("sink", kOneWayType, size - ORP_MSG_HEADER_SIZE);
+    Series raw_rates;
+    Series rates;
+    for (int round = 0; round < scaled(kRounds); ++round) {
+      raw_rates.values.push_back(raw.messages_per_second());
+      rates.values.push_back(library_burst(&message, kBurst, 1, confirmations.ends[0]));
+    }
+    std::printf("%10zu %10.0f %10.0f %7.2f\n", size, raw_rates.median(), rates.median(),
+                rates.median() / raw_rates.median());
+  }
+}
+
+void print_fan_out() {
+  constexpr int kBurst = 2000;
+  constexpr size_t kBody = 256;
+  std::printf("\nEvents of %zu bytes to all subscribers (events/s)\n", kBody);
+  std::printf("%11s %10s %10s %7s\n", "subscribers", "raw", "library", "ratio");
+  for (const int subscribers : {1, 8}) {
+    Processes processes;
+    Channel confirmations;
+    g_burst = kBurst;
+    g_confirmations = confirmations.ends[1];
+    for (int i = 0; i < subscribers; ++i) {
+      serve_as("sub" + std::to_string(i), &processes, [] {
+        ORP_MSG_RegMsgProc(kEventType, count, 0, nullptr);
+        ORP_MSG_SendSimpleMsg(nullptr, ORP_MSG_SUBSCRIBE, kEventType);
+        uint32_t processes_of_that_name;  // an answer says that the server has got this far
+        processes_of_that_name = ORP_MSG_GetNumOfProcesses("sink");
+        (void)processes_of_that_name;
+      });
+    }
+    RawFanOut raw(ORP_MSG_HEADER_SIZE + kBody, kBurst, subscribers);
+    Message event("", kEventType, kBody);
+    Series raw_rates;
+    Series rates;
+    for (int round = 0; round < scaled(kRounds); ++round) {
+      raw_rates.values.push_back(raw.events_per_second());
+      rates.values.push_back(
+          library_burst(&event, kBurst, static_cast<size_t>(subscribers), confirmations.ends[0]));
+    }
+    std::printf("%11d %10.0f %10.0f %7.2f\n", subscribers, raw_rates.median(), rates.median(),
+                rates.median() / raw_rates.median());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc > 1) g_scale = std::atof(argv[1]);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  pin_to_one_processor();
+  std::signal(SIGPIPE, SIG_IGN);
+
+  Processes server;
+  start_server(&server);
+  connect_as("client");
+  print_round_trips();
+  print_one_way();
+  print_fan_out();
+  return 0;
+}
