@@ -145,13 +145,17 @@ void send_keep_alive(ORP_WORD /*data*/) {
   (void)ORP_MSG_SendSimpleMsg(nullptr, ORP_MSG_KEEP_ALIVE, 0);
 }
 
-void start_keep_alive(uint32_t period_s) {
+// A registration decides anew: what an earlier one asked for ends.
+void stop_keep_alive() {
   const auto is_keep_alive = [](const OrpUvTimer *timer) {
     return timer->callback == send_keep_alive;
   };
   while (OrpUvTimer *earlier = find_watcher<OrpUvTimer>(ORP_UV_TIMER, is_keep_alive)) {
     OrpUtilTimerDel(earlier);
   }
+}
+
+void start_keep_alive(uint32_t period_s) {
   const uint64_t period_ms = uint64_t{period_s} * 1000;
   (void)ORP_UTIL_TimerAdd(static_cast<uint32_t>(std::min<uint64_t>(period_ms, UINT32_MAX)), 0,
                           send_keep_alive, 0);
@@ -185,6 +189,7 @@ Status apply_registration(const Header &reply) {
   if (reply.ulDataLen < 2 * sizeof(uint32_t)) return Status::kBadArgument;
   const auto keep_alive = load<uint32_t>(body(&reply));
   const auto period_s = load<uint32_t>(body(&reply) + sizeof(uint32_t));
+  stop_keep_alive();
   if (keep_alive != 0) start_keep_alive(period_s);
   return own_name().empty() ? Status::kEmptyName : Status::kOk;
 }
