@@ -27,8 +27,12 @@ foreach(program ${programs})
   install(FILES packaging/systemd/${program}.service
     DESTINATION lib/systemd/system COMPONENT programs)
 endforeach()
-install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT programs
-  FILES_MATCHING PATTERN "*.[1578]")
+foreach(chapter 1 5 7 8)
+  file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${chapter})
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter} COMPONENT programs)
+endforeach()
+install(FILES servers/mlogserver/mlogserver.conf
+  DESTINATION ${CMAKE_INSTALL_SYSCONFDIR} COMPONENT programs)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libmsgapi)

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# packages_test.sh SOURCE BUILD: the Debian packages can be made, installed into a root of their
+# own, used there to compile and run the README's daemon, and removed without leaving anything.
+set -euo pipefail
+source=$(realpath "$1")
+build=$(realpath "$2")
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+root=$work/root
+mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info"
+: >"$root/var/lib/dpkg/status"
+packages() {
+  dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null "$@" >"$work/log" 2>&1 ||
+    { cat "$work/log"; exit 1; }
+}
+
+cpack --config "$build/CPackConfig.cmake" -B "$work/packages" >"$work/log" || { cat "$work/log"; exit 1; }
+packages --install "$work"/packages/*.deb
+
+awk '/^```c$/ { inside = 1; next } /^```$/ { inside = 0 } inside' "$source/README.md" >"$work/hello.c"
+export PKG_CONFIG_LIBDIR=$root/usr/lib/pkgconfig LD_LIBRARY_PATH=$root/usr/lib
+# shellcheck disable=SC2046 # the flags are words
+cc -std=c99 "$work/hello.c" $(pkg-config --cflags --libs libmsgapi) -Wl,-rpath-link,"$root/usr/lib" \
+  -o "$work/hello"
+
+cat >"$work/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(hello C)
+find_package(msgapi REQUIRED)
+add_executable(hello hello.c)
+target_link_libraries(hello PRIVATE msgapi::msgapi)
+CMAKE
+cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$root/usr" >"$work/log"
+cmake --build "$work/build" >"$work/log"
+
+cp "$source/tools/with_servers.sh" "$root/usr/sbin/"
+for hello in "$work/hello" "$work/build/hello"; do
+  output=$("$root/usr/sbin/with_servers.sh" "$hello" 2>"$work/log") || status=$?
+  [[ ${status:-0} == 5 && $output == *42* ]] ||
+    { cat "$work/log"; echo "hello ended with ${status:-0} and printed: $output"; exit 1; }
+done
+rm "$root/usr/sbin/with_servers.sh"
+
+packages --purge libmsgapi1 libmsgapi-dev msgapi-servers
+left=$(find "$root" -path "$root/var" -prune -o -type f -print)
+[[ -z $left ]] || { echo "left behind: $left"; exit 1; }
