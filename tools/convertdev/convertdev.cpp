@@ -131,9 +131,9 @@ int open_path(const char *path, int flags, mode_t mode) {
   return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
-mode_t mode_argument(int flags, va_list arguments) {
-  const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-  return has_mode ? va_arg(arguments, mode_t) : 0;
+// Whether open() has a third argument.
+bool has_mode(int flags) {
+  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
 }  // namespace
@@ -143,7 +143,7 @@ mode_t mode_argument(int flags, va_list arguments) {
 CONVERTDEV_EXPORT int open(const char *path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
-  const mode_t mode = mode_argument(flags, arguments);
+  const mode_t mode = has_mode(flags) ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   return open_path(path, flags, mode);
 }
@@ -151,7 +151,7 @@ CONVERTDEV_EXPORT int open(const char *path, int flags, ...) {
 CONVERTDEV_EXPORT int open64(const char *path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
-  const mode_t mode = mode_argument(flags, arguments);
+  const mode_t mode = has_mode(flags) ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   return open_path(path, flags | O_LARGEFILE, mode);
 }
