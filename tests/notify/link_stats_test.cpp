@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -11,8 +12,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,6 +23,7 @@
 #include "base/bytes.h"
 #include "os/fd.h"
 #include "support/fd_check.h"
+#include "support/network.h"
 
 namespace {
 
@@ -71,25 +75,11 @@ ORP_UTIL_DEV_STATS_ST stats_of(const char *name) {
   return stats;
 }
 
-// Sends `count` datagrams of `size` bytes to a closed port of this machine.
-void send_over_loopback(uint32_t count, size_t size) {
-  const msgapi::os::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(9);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const std::string data(size, 'x');
-  for (uint32_t i = 0; i < count; ++i) {
-    ::sendto(fd.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&address),
-             sizeof address);
-  }
-}
-
 TEST(DevStats, MoveWithTheTraffic) {
   const ORP_UTIL_DEV_STATS_ST before = stats_of("lo");
   ASSERT_FALSE(is_marked(before));
 
-  send_over_loopback(10, 1000);
+  test::send_over_loopback(10, 1000);
 
   const ORP_UTIL_DEV_STATS_ST after = stats_of("lo");
   // Each datagram goes out once and is answered by the report that nobody listens.
@@ -137,10 +127,8 @@ TEST(DevStats, KeepTheirSocketsAndNumberTheirRequests) {
     EXPECT_EQ(NLM_F_REQUEST, header.nlmsg_flags);
     EXPECT_EQ(i + 1, header.nlmsg_seq);
     EXPECT_EQ(static_cast<uint32_t>(::getpid()) | 0x98765421, header.nlmsg_pid);
-    const auto link = msgapi::load<ifinfomsg>(g_requests[i].data() + sizeof header);
-    EXPECT_EQ(static_cast<int>(::if_nametoindex("lo")), link.ifi_index);
-    EXPECT_EQ(0, link.ifi_family);
-    EXPECT_EQ(0u, link.ifi_change);
+    const auto interface = msgapi::load<ifinfomsg>(g_requests[i].data() + sizeof header);
+    EXPECT_EQ(static_cast<int>(::if_nametoindex("lo")), interface.ifi_index);
   }
 }
 
@@ -205,115 +193,96 @@ TEST(DevStats, TryAgainAfterAFailedSetUp) {
   EXPECT_FALSE(is_marked(stats_of("lo")));
 }
 
-// Builds replies of the kernel, and damaged ones.
-class Reply {
- public:
-  Reply &message(uint16_t type, uint16_t flags = 0, uint32_t port = kPort) {
-    start_ = bytes_.size();
-    append(nlmsghdr{sizeof(nlmsghdr), type, flags, 1, port});
-    return *this;
-  }
-  Reply &link(uint16_t flags = 0, uint32_t port = kPort) {
-    message(RTM_NEWLINK, flags, port).append(ifinfomsg{});
-    return grown();
-  }
-  Reply &attribute(uint16_t type, size_t size, uint8_t fill) {
-    append(rtattr{static_cast<uint16_t>(sizeof(rtattr) + size), type});
-    bytes_.resize((bytes_.size() + size + 3) & ~size_t{3}, fill);
-    return grown();
-  }
-  template <typename T>
-  Reply &body(const T &value) {
-    append(value);
-    return grown();
-  }
-  // Overwrites the length field of the last message.
-  Reply &claiming(uint32_t length) {
-    msgapi::store(bytes_.data() + start_, length);
-    return *this;
-  }
-  Reply &cut_to(size_t size) {
-    bytes_.resize(size);
-    return *this;
-  }
-
-  // On a block of exactly this size, so that reading past it is noticed.
-  std::optional<ORP_UTIL_DEV_STATS_ST> read() const {
-    const auto exact = std::make_unique<uint8_t[]>(bytes_.size());
-    std::memcpy(exact.get(), bytes_.data(), bytes_.size());
-    return msgapi::find_link_stats({exact.get(), bytes_.size()}, kPort);
-  }
-  size_t size() const { return bytes_.size(); }
-
- private:
-  template <typename T>
-  void append(const T &value) {
-    const auto *first = reinterpret_cast<const uint8_t *>(&value);
-    bytes_.insert(bytes_.end(), first, first + sizeof value);
-  }
-  Reply &grown() { return claiming(static_cast<uint32_t>(bytes_.size() - start_)); }
-
-  std::vector<uint8_t> bytes_;
-  size_t start_ = 0;
-};
-
-TEST(LinkStatsReply, TakesTheFirstCountersMeantForThisReader) {
-  const auto plain = Reply().link().attribute(3, 5, 1).attribute(7, 96, 2).read();
-  ASSERT_TRUE(plain);
-  EXPECT_EQ(0x02020202u, plain->rx_packets);
-  EXPECT_EQ(0x02020202u, plain->rx_nohandler);
-
-  const auto twice = Reply().link().attribute(7, 96, 3).attribute(7, 96, 4).read();
-  ASSERT_TRUE(twice);
-  EXPECT_EQ(0x03030303u, twice->tx_packets);
-
-  const auto shorter = Reply().link().attribute(7, 92, 5).read();
-  ASSERT_TRUE(shorter) << "an older kernel";
-  EXPECT_EQ(0x05050505u, shorter->tx_compressed);
-  EXPECT_EQ(0u, shorter->rx_nohandler);
-
-  const auto foreign = Reply().link(0, 1).attribute(7, 96, 6).link().attribute(7, 96, 7).read();
-  ASSERT_TRUE(foreign) << "somebody else's answer first";
-  EXPECT_EQ(0x07070707u, foreign->rx_bytes);
-
-  EXPECT_TRUE(
-      Reply().message(NLMSG_NOOP).link().attribute(1, 1, 1).link().attribute(7, 96, 1).read());
+// The counters in a reply of these records, whose lengths are the test's to choose. The reply ends
+// with its block, so that reading past it is noticed.
+template <typename... T>
+std::optional<ORP_UTIL_DEV_STATS_ST> read(const T &...records) {
+  std::string bytes;
+  (bytes.append(reinterpret_cast<const char *>(&records), sizeof records), ...);
+  const auto exact = std::make_unique<uint8_t[]>(bytes.size());
+  std::memcpy(exact.get(), bytes.data(), bytes.size());
+  return msgapi::find_link_stats({exact.get(), bytes.size()}, kPort);
 }
 
-TEST(LinkStatsReply, GivesNothingForDamagedOrOtherMessages) {
-  const Reply whole = Reply().link().attribute(3, 5, 1).attribute(7, 96, 2);
-  for (size_t size = 0; size < whole.size(); ++size) {
-    EXPECT_FALSE(Reply(whole).cut_to(size).read()) << size;
-  }
+nlmsghdr message(uint16_t type, uint32_t size, uint16_t flags = 0, uint32_t port = kPort) {
+  return {static_cast<uint32_t>(sizeof(nlmsghdr)) + size, type, flags, 1, port};
+}
 
-  EXPECT_FALSE(Reply(whole).claiming(15).read()) << "shorter than a header";
-  EXPECT_FALSE(Reply(whole).claiming(0xFFFFFFFF).read()) << "length whose rounding wraps";
-  EXPECT_FALSE(Reply().message(RTM_NEWLINK).attribute(7, 4, 1).read()) << "no interface record";
-  EXPECT_FALSE(Reply().link().body(rtattr{3, 7}).read()) << "attribute shorter than its head";
-  EXPECT_FALSE(Reply().link().body(rtattr{101, 7}).read()) << "attribute longer than its message";
-  EXPECT_FALSE(Reply().link().body(rtattr{0, 3}).attribute(7, 96, 1).read()) << "would not advance";
-  EXPECT_FALSE(Reply().link().attribute(50, 96, 1).read()) << "unknown attribute";
+nlmsghdr link(uint32_t attributes, uint16_t flags = 0, uint32_t port = kPort) {
+  return message(RTM_NEWLINK, static_cast<uint32_t>(sizeof(ifinfomsg)) + attributes, flags, port);
+}
+
+constexpr ifinfomsg kInterface{};
+constexpr rtattr kStats{100, IFLA_STATS};
+constexpr rtattr kOther{8, IFLA_MTU};
+
+std::array<uint32_t, 24> counters(uint32_t value) {
+  std::array<uint32_t, 24> all;
+  all.fill(value);
+  return all;
+}
+
+TEST(LinkStatsReply, TakesTheFirstCountersMeantForThisReader) {
+  const auto plain = read(link(108), kInterface, kOther, 1500, kStats, counters(2));
+  ASSERT_TRUE(plain);
+  EXPECT_EQ(2u, plain->rx_packets);
+  EXPECT_EQ(2u, plain->rx_nohandler);
+
+  const auto older = read(link(96), kInterface, rtattr{96, IFLA_STATS}, counters(3));
+  ASSERT_TRUE(older) << "an older kernel";
+  EXPECT_EQ(3u, older->tx_compressed);
+  EXPECT_EQ(0u, older->rx_nohandler);
+
+  EXPECT_EQ(4u, read(link(200), kInterface, kStats, counters(4), kStats, counters(5))->rx_bytes);
+  EXPECT_EQ(6u, read(link(100, 0, 1), kInterface, kStats, counters(5), link(100), kInterface,
+                     kStats, counters(6))
+                    ->rx_bytes)
+      << "somebody else's answer first";
+  EXPECT_EQ(7u, read(message(NLMSG_NOOP, 0), link(8), kInterface, kOther, 0, link(100), kInterface,
+                     kStats, counters(7))
+                    ->rx_bytes)
+      << "other messages first";
+}
+
+TEST(LinkStatsReply, GivesNothingForDamagedMessages) {
+  testing::internal::CaptureStdout();
+  const nlmsghdr shortest{15, RTM_NEWLINK, 0, 1, kPort};
+  const nlmsghdr longest{0xFFFFFFFF, RTM_NEWLINK, 0, 1, kPort};
+
+  EXPECT_FALSE(read());
+  EXPECT_FALSE(read(shortest, kInterface, kStats, counters(1)));
+  EXPECT_FALSE(read(longest, kInterface, kStats, counters(1))) << "rounding it up wraps";
+  EXPECT_FALSE(read(link(101), kInterface, kStats, counters(1))) << "longer than the reply";
+  EXPECT_FALSE(read(message(RTM_NEWLINK, 8), kStats, 0)) << "no interface record";
+  EXPECT_FALSE(read(link(3), kInterface, uint32_t{0})) << "no room for an attribute";
+  EXPECT_FALSE(read(link(99), kInterface, kStats, counters(1))) << "attribute beyond its message";
+  EXPECT_FALSE(read(link(104), kInterface, rtattr{3, IFLA_STATS}, kStats, counters(1)));
+  EXPECT_FALSE(read(link(104), kInterface, rtattr{0, IFLA_MTU}, kStats, counters(1)))
+      << "would not advance";
+  EXPECT_FALSE(read(link(100), kInterface, rtattr{100, 50}, counters(1))) << "unknown attribute";
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
 TEST(LinkStatsReply, ReportsErrorsAndAnswersThatAreTooLong) {
-  errno = 0;
-  EXPECT_FALSE(
-      Reply().message(NLMSG_ERROR).body(nlmsgerr{-ENODEV, {}}).link().attribute(7, 96, 1).read());
+  constexpr uint32_t kErrorSize = sizeof(nlmsgerr);
+  const auto behind_error = [](const nlmsghdr &header, int error) {
+    errno = 0;
+    return read(header, nlmsgerr{error, {}}, link(100), kInterface, kStats, counters(1));
+  };
+  EXPECT_FALSE(behind_error(message(NLMSG_ERROR, kErrorSize), -ENODEV));
   EXPECT_EQ(ENODEV, errno);
-
-  errno = 0;
-  EXPECT_FALSE(Reply().message(NLMSG_ERROR).body(int{-ENODEV}).link().attribute(7, 96, 1).read());
+  EXPECT_FALSE(behind_error(message(NLMSG_ERROR, kErrorSize - 1), -ENODEV));
   EXPECT_EQ(0, errno) << "too short to hold an error";
-  EXPECT_FALSE(Reply().message(NLMSG_ERROR).body(nlmsgerr{INT32_MIN, {}}).read());
-  EXPECT_TRUE(Reply().message(NLMSG_ERROR, 0, 5).link().attribute(7, 96, 1).read()) << "not ours";
+  EXPECT_FALSE(behind_error(message(NLMSG_ERROR, kErrorSize), INT32_MIN));
+  EXPECT_TRUE(behind_error(message(NLMSG_ERROR, kErrorSize, 0, 5), -ENODEV)) << "not ours";
 
   testing::internal::CaptureStdout();
-  EXPECT_FALSE(Reply().link(0x20).attribute(7, 96, 1).read());
-  EXPECT_EQ("kernel return too long message to save\r", testing::internal::GetCapturedStdout());
-
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(Reply().link().attribute(7, 100, 1).read());
-  EXPECT_EQ("NetlinkStatsMakeOutPut memcpy result error.", testing::internal::GetCapturedStdout());
+  EXPECT_FALSE(read(link(100, 0x20), kInterface, kStats, counters(1)));
+  EXPECT_FALSE(read(link(104), kInterface, rtattr{104, IFLA_STATS}, counters(1), 0));
+  EXPECT_EQ(
+      "kernel return too long message to save\r"
+      "NetlinkStatsMakeOutPut memcpy result error.",
+      testing::internal::GetCapturedStdout());
 }
 
 }  // namespace

@@ -58,6 +58,19 @@ void teach_bridge(const std::string &bridge, const std::string &peer, const std:
   });
 }
 
+void send_over_loopback(int count, size_t size) {
+  const msgapi::os::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(9);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const std::string data(size, 'x');
+  while (count-- > 0) {
+    ::sendto(fd.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&address),
+             sizeof address);
+  }
+}
+
 void wait_until(const std::function<bool()> &condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!condition()) {

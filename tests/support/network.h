@@ -1,6 +1,7 @@
 // Network objects of a test's own namespace, made with iproute2.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -18,6 +19,9 @@ void add_bridge_port(const std::string &bridge, const std::string &port, const s
 
 // Lets `bridge` learn `mac`, which comes in from the interface `peer` at the far end of a port.
 void teach_bridge(const std::string &bridge, const std::string &peer, const std::string &mac);
+
+// Sends `count` datagrams of `size` bytes to a closed port of this machine.
+void send_over_loopback(int count, size_t size);
 
 // Asks `condition` until it holds and fails the test when it does not within ten seconds.
 void wait_until(const std::function<bool()> &condition);

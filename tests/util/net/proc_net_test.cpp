@@ -52,8 +52,8 @@ uint16_t bind_tcp(const UniqueFd &fd, in_addr_t address) {
   return ntohs(place.sin_port);
 }
 
-UniqueFd tcp_socket(int family = AF_INET) {
-  return UniqueFd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+UniqueFd tcp_socket() {
+  return UniqueFd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
 TEST(TcpPortInUse, IsTrueFromListenToClose) {
@@ -87,12 +87,7 @@ TEST(TcpPortInUse, IsTrueFromListenToClose) {
 }
 
 TEST(TcpPortInUse, LooksAtIpv4Only) {
-  const UniqueFd server = tcp_socket(AF_INET6);
-  sockaddr_in6 place{};
-  place.sin6_family = AF_INET6;
-  place.sin6_addr = in6addr_loopback;
-  place.sin6_port = htons(4711);
-  ASSERT_EQ(0, ::bind(server.get(), reinterpret_cast<sockaddr *>(&place), sizeof place));
+  const UniqueFd server(static_cast<int>(ORP_UTIL_SocketCreateServer("::1", 4711, 0)));
   ASSERT_EQ(0, ::listen(server.get(), 1));
   EXPECT_EQ(0u, in_use(4711));
 }
@@ -118,16 +113,7 @@ TEST(InterfaceCounters, MoveWithTheTraffic) {
   ORP_UTIL_IFC_STAT_ST before{}, after{};
   ASSERT_EQ(0u, ORP_UTIL_GetIfcStatInfoEx("lo", &before));
 
-  const UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_in place{};
-  place.sin_family = AF_INET;
-  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  place.sin_port = htons(9);
-  const std::string data(1000, 'x');
-  for (int i = 0; i < 10; ++i) {
-    ::sendto(fd.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&place),
-             sizeof place);
-  }
+  test::send_over_loopback(10, 1000);
 
   ASSERT_EQ(0u, ORP_UTIL_GetIfcStatInfoEx("lo", &after));
   EXPECT_GE(after.ulTxPackets - before.ulTxPackets, 10u);
