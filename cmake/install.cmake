@@ -31,6 +31,8 @@ foreach(chapter 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${chapter})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter} COMPONENT programs)
 endforeach()
+install(FILES tools/cfmctl/defaults.json
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/cfmctl COMPONENT programs)
 install(FILES servers/mlogserver/mlogserver.conf
   DESTINATION ${CMAKE_INSTALL_SYSCONFDIR} COMPONENT programs)
 

@@ -1,19 +1,72 @@
 #!/usr/bin/env bash
-# The demo, to be run inside the sandbox with the servers running: starts the daemons and shows
-# what they say to each other. The exit status is 0 when everything went as it should.
+# The demo, to be run inside the sandbox: starts the servers and the daemons and shows what they say
+# to each other. The exit status is 0 when everything went as it should.
 set -euo pipefail
-bin=$(dirname "$0")
+bin=$(realpath "$(dirname "$0")")
+
+if [[ ${1:-} != scenes ]]; then
+  cat >/var/demo-apps.json <<JSON
+{"applications": [
+  {"name": "greeter", "executable": "$bin/demo_greeter", "listen": "tcp:127.0.0.1:7000"}
+]}
+JSON
+  exec "$bin/with_servers.sh" --http=127.0.0.1:8080 --apps=/var/demo-apps.json "$0" scenes
+fi
 
 title() { printf '\n== %s\n' "$*"; }
 
-title "two daemons, a station and a panel"
-"$bin/demo_station" &
-station=$!
-"$bin/demo_panel"
-kill "$station"
+daemons=()
+start() {
+  "$bin/demo_$1" &
+  daemons+=($!)
+}
 
-title "what they logged, with personal data masked"
+# Until it succeeds, for five seconds.
+eventually() {
+  local tries
+  for ((tries = 0; tries < 100; ++tries)); do
+    "$@" && return
+    sleep 0.05
+  done
+  echo "demo: gave up on: $*" >&2
+  exit 1
+}
+
+title "two daemons, a station and a panel: requests, large bodies, notices, notifications"
+start station
+"$bin/demo_panel"
+
+title "a network interface goes up; who subscribed is told; curl reads it from a restful handler"
+start status
+start wan
+status_says() { curl -s --max-time 2 http://127.0.0.1:8080/dev/info | tr -d '\n\t' | grep "$1"; }
+eventually status_says 'demo gateway' >/dev/null
+ip link add demo0 type veth peer name demo1
+ip link set demo1 up
+# Again until the publisher, which has only just started, has noticed.
+link_comes_up() {
+  ip link set demo0 down
+  ip link set demo0 up
+  sleep 0.05
+  status_says '"LinkUp"'
+}
+eventually link_comes_up
+ip link set demo0 down
+eventually status_says '"LinkDown"'
+
+title "a client with a wrong password is locked out"
+"$bin/demo_login"
+
+title "a dynamic application starts at the first connection to its port"
+exec 3<>/dev/tcp/127.0.0.1/7000
+read -r -t 5 greeting <&3
+exec 3>&-
+echo "$greeting"
+
+title "what was logged, with personal data masked"
+kill "${daemons[@]}"
+"$bin/mlog" flush
 "$bin/mlog" cat
 "$bin/mlog" cat cms | grep -qF '00:**:**:33:**:55 at 192.***.*.10 and *'
 
-title "every request was answered and every notification arrived"
+title "every step went as it should"

@@ -1,0 +1,60 @@
+// The demo's publisher: tells everybody who subscribed when a network interface goes up or down,
+// as the kernel reports it on its routing netlink socket.
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "msgapi.h"
+
+namespace {
+
+constexpr uint32_t kWanEvent = 0x2DA65;
+
+void publish(const ifinfomsg &link) {
+  char name[IF_NAMESIZE];
+  if (::if_indextoname(static_cast<unsigned>(link.ifi_index), name) == nullptr) return;
+  const bool up = (link.ifi_flags & IFF_RUNNING) != 0;
+  const uint32_t status =
+      ORP_EVT_PublishEvent(kWanEvent, up ? "LinkUp" : "LinkDown", "interface", name);
+  mlog_print("wan", MLOG_LEVEL_INFO, "%s is %s, published with status 0x%x", name,
+             up ? "up" : "down", status);
+}
+
+void read_changes(ORP_UTIL_SOCKBASE_ST *base, uint32_t /*event*/) {
+  alignas(nlmsghdr) char buffer[8192];
+  const ssize_t size = ::recv(base->io.fd, buffer, sizeof buffer, MSG_DONTWAIT);
+  if (size <= 0) return;
+
+  auto left = static_cast<size_t>(size);
+  for (auto *message = reinterpret_cast<nlmsghdr *>(buffer); NLMSG_OK(message, left);
+       message = NLMSG_NEXT(message, left)) {
+    if (message->nlmsg_type != RTM_NEWLINK) continue;
+    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) continue;
+    publish(*static_cast<const ifinfomsg *>(NLMSG_DATA(message)));
+  }
+}
+
+int watch_links() {
+  const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_groups = RTMGRP_LINK;
+  if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
+  std::perror("wan: netlink");
+  return -1;
+}
+
+}  // namespace
+
+int main() {
+  if (ORP_MSG_Init("wan") != ORP_OK) return 1;
+  const int fd = watch_links();
+  if (fd < 0) return 1;
+  if (ORP_UTIL_SockBaseRegNew(fd, 0, read_changes, ORP_UTIL_SOCKBASE_READ, 0) == nullptr) return 1;
+  return ORP_MSG_GetAndDispatch() == ORP_OK ? 0 : 1;
+}
