@@ -1,8 +1,8 @@
 // Messages between processes: the library through msgsvr, beside the raw limit of the same machine:
 // three processes that only read, forward and write the same bytes on Unix sockets, with one
-// select() before each read. Everything runs on one processor, because unpinned figures depend on
-// where the scheduler happens to put the processes; the two sides take turns within each series, so
-// that both see the same machine.
+// select() before each read; and, where it is installed, beside sd-bus over dbus-broker. Everything
+// runs on one processor, because unpinned figures depend on where the scheduler happens to put the
+// processes; the sides take turns within each series, so that all see the same machine.
 //
 // Usage: ipc_bench [SCALE]; SCALE multiplies the number of measurements (default 1).
 
@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "dbus_round_trip.h"
 #include "msgapi/loop.h"
 #include "msgapi/msg.h"
 
@@ -378,27 +379,40 @@ void print_round_trips() {
   Processes processes;
   serve_as("echo", &processes, [] { ORP_MSG_RegMsgProc(kEchoType, echo, 0, nullptr); });
 
+#ifdef HAVE_LIBSYSTEMD
+  const auto dbus = bench::DbusRoundTrip::start();
+#else
+  const std::unique_ptr<bench::DbusRoundTrip> dbus;
+#endif
+
   std::printf("\nRequest and response (us)\n");
-  std::printf("%10s %10s %10s %10s %10s %7s %5s\n", "body", "raw p50", "raw p99", "p50", "p99",
-              "ratio", "aim");
+  std::printf("%10s %10s %10s %10s %10s %7s %5s %10s\n", "body", "raw p50", "raw p99", "p50", "p99",
+              "ratio", "aim", "sd-bus p50");
   for (const Size &size : kSizes) {
     RawRoundTrip raw(ORP_MSG_HEADER_SIZE + size.body);
     Message request("echo", kEchoType, size.body);
     Series raw_times;
     Series times;
+    Series dbus_times;
     for (int i = 0; i < size.per_round; ++i) {
       raw.once();
       library_round_trip(&request);
+      if (dbus) dbus->once(size.body);
     }
     for (int round = 0; round < kRounds; ++round) {
       for (int i = 0; i < scaled(size.per_round); ++i) raw_times.values.push_back(raw.once());
       for (int i = 0; i < scaled(size.per_round); ++i) {
         times.values.push_back(library_round_trip(&request));
       }
+      for (int i = 0; dbus && i < scaled(size.per_round); ++i) {
+        dbus_times.values.push_back(dbus->once(size.body));
+      }
     }
-    std::printf("%10zu %10.1f %10.1f %10.1f %10.1f %7.2f %5s\n", size.body, raw_times.median(),
+    std::printf("%10zu %10.1f %10.1f %10.1f %10.1f %7.2f %5s", size.body, raw_times.median(),
                 raw_times.quantile(0.99), times.median(), times.quantile(0.99),
                 times.median() / raw_times.median(), size.aim);
+    if (dbus) std::printf(" %10.1f", dbus_times.median());
+    std::printf("\n");
   }
 }
 

@@ -8,13 +8,17 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <utility>
+#include <string_view>
 
 #include "orputil.h"
 #include "os/fd.h"
@@ -65,30 +69,59 @@ bool write_file(const Header &message, HandOverPath *path) {
   return false;
 }
 
-// The path that the body names, when it is one that hands over bodies.
-bool resolve_place(const Header &message, path::Resolved *place) {
-  const size_t size = std::min<size_t>(message.ulDataLen, ORP_MSG_HAND_OVER_PATH_SIZE);
-  char named[ORP_MSG_HAND_OVER_PATH_SIZE];
-  if (!copy_exact(named, field_text({body(&message), size})) ||
-      !path::validate(named, path::kHandOverType, place)) {
-    return false;
-  }
-  // No file is ever made further down, where a directory could be swapped for a link between the
-  // check and the use.
-  return std::strchr(place->text + sizeof ORP_MSG_HAND_OVER_PREFIX - 1, '/') == nullptr;
+constexpr std::string_view kDirectory = "/var/run/msg/";
+
+constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+// For a path below the directory: whether it is directly below. No file is ever made further down,
+// where a directory could be swapped for a link between the check and the use.
+bool is_direct(const char *path) {
+  return std::strchr(path + kDirectory.size(), '/') == nullptr;
 }
 
+// Opens a path as senders write it unless a part of it is a link, in one step where the kernel can
+// (5.6): such a path is its own resolved form. Nothing when that cannot be told.
+os::UniqueFd open_plain(const char *path) {
+#ifdef RESOLVE_NO_SYMLINKS
+  if (std::string_view(path).starts_with(ORP_MSG_HAND_OVER_PREFIX) && is_direct(path)) {
+    open_how how = {};
+    how.flags = kReadFlags;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    return os::UniqueFd(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
+  }
+#endif
+  (void)path;
+  return os::UniqueFd();
+}
+
+// The file with the body, open, and where it lies.
 struct BodyFile {
   os::UniqueFd fd;
   uint64_t size = 0;
+  path::Resolved place;
 };
 
-// Opens a regular file, not waiting for anything that may have taken its place.
-BodyFile open_regular(const char *place) {
-  os::UniqueFd fd(::open(place, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+Status open_body_file(const Header &message, BodyFile *file) {
+  const size_t size = std::min<size_t>(message.ulDataLen, ORP_MSG_HAND_OVER_PATH_SIZE);
+  char named[ORP_MSG_HAND_OVER_PATH_SIZE];
+  if (!copy_exact(named, field_text({body(&message), size}))) return Status::kBadArgument;
+
+  file->fd = open_plain(named);
+  if (file->fd) {
+    copy_cut(file->place.text, named);
+  } else {
+    if (!path::validate(named, path::kHandOverType, &file->place) || !is_direct(file->place.text)) {
+      return Status::kBadArgument;
+    }
+    file->fd = os::UniqueFd(::open(file->place.text, kReadFlags));
+  }
+
   struct stat info;
-  if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
-  return {std::move(fd), static_cast<uint64_t>(info.st_size)};
+  if (!file->fd || ::fstat(file->fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    return Status::kSystem;
+  }
+  file->size = static_cast<uint64_t>(info.st_size);
+  return Status::kOk;
 }
 
 // Reads up to `size` bytes; fewer when the file is shorter than it was. -1 on failure.
@@ -105,13 +138,11 @@ ssize_t read_up_to(int fd, char *out, size_t size) {
 }
 
 Status take_over(Header **message) {
-  path::Resolved place;
-  if (!resolve_place(**message, &place)) return Status::kBadArgument;
-
-  const BodyFile file = open_regular(place.text);
-  if (!file.fd) return Status::kSystem;
+  BodyFile file;
+  const Status opened = open_body_file(**message, &file);
+  if (opened != Status::kOk) return opened;
   if (file.size > ORP_MSG_MAX_BODY) {
-    ::unlink(place.text);
+    ::unlink(file.place.text);
     return Status::kBadArgument;
   }
 
@@ -119,7 +150,7 @@ Status take_over(Header **message) {
   void *grown = grow(*message, block_size(**message), ORP_MSG_HEADER_SIZE + file.size + kZeroTail,
                      __func__, __LINE__);
   if (grown == nullptr) {
-    ::unlink(place.text);
+    ::unlink(file.place.text);
     std::free(*message);
     *message = nullptr;
     return Status::kNoMemory;
@@ -128,7 +159,7 @@ Status take_over(Header **message) {
 
   const ssize_t count = read_up_to(file.fd.get(), body(*message), static_cast<size_t>(file.size));
   if (count < 0) return Status::kSystem;
-  ::unlink(place.text);
+  ::unlink(file.place.text);
 
   (*message)->ulDataLen = static_cast<uint32_t>(count);
   std::memset(body(*message) + count, 0, kZeroTail);

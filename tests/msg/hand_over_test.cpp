@@ -63,6 +63,10 @@ TEST(HandOver, ReplacesThePathByTheFileAndDeletesIt) {
   }
   write_file(kFile, "x");
   EXPECT_EQ("x", completed(kFile)) << "a body without NUL ends with its length";
+  write_file("/var/run/msg/msg_file", "least");
+  EXPECT_EQ("least", completed(path_field("/var/run/msg/msg_file")));
+  write_file(kFile, "round about");
+  EXPECT_EQ("round about", completed(path_field("/var/run/msg/../msg/./msg_file_1")));
 }
 
 TEST(HandOver, ArrivesAsItWasSent) {
