@@ -83,7 +83,7 @@ bool is_direct(const char *path) {
 // (5.6): such a path is its own resolved form. Nothing when that cannot be told.
 os::UniqueFd open_plain(const char *path) {
 #ifdef RESOLVE_NO_SYMLINKS
-  if (std::string_view(path).starts_with(ORP_MSG_HAND_OVER_PREFIX) && is_direct(path)) {
+  if (begins_with(path, ORP_MSG_HAND_OVER_PREFIX) && is_direct(path)) {
     open_how how = {};
     how.flags = kReadFlags;
     how.resolve = RESOLVE_NO_SYMLINKS;
