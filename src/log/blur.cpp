@@ -229,9 +229,11 @@ extern "C" const char *ORP_BLUR_Ipv4Byte(struct in_addr addr) {
 extern "C" const char *ORP_BLUR_UsbAccount(const char *name) {
   static char shown[10];
   if (name == nullptr || name[0] == '\0') return "";
+  // Read before writing: `name` may be the last result.
+  const char first = name[0];
   const size_t length = std::strlen(name);
-  format_cut(shown, "%c%s", name[0], "******");
-  if (length > 1) format_cut(shown, "%c%s%c", name[0], "******", name[length - 1]);
+  const char last = length > 1 ? name[length - 1] : '\0';
+  format_cut(shown, "%c%s%c", first, "******", last);
   return shown;
 }
 

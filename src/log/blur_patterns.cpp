@@ -13,8 +13,6 @@
 
 #include "log/blur_patterns.h"
 
-#include <algorithm>
-#include <array>
 #include <bit>
 #include <cstring>
 

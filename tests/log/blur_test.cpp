@@ -153,6 +153,12 @@ TEST(BlurValues, MaskForms) {
   }
 }
 
+TEST(BlurValues, OfTheLastResult) {
+  EXPECT_STREQ("a******n", ORP_BLUR_UsbAccount(ORP_BLUR_UsbAccount("admin")));
+  EXPECT_STREQ("h**e", ORP_BLUR_Ssid(ORP_BLUR_Ssid("home")));
+  EXPECT_STREQ("**.*.*.* ***", ORP_BLUR_Ipv6(ORP_BLUR_Ip("10.0.0.1 ::1")));
+}
+
 TEST(BlurValues, OfMoreThan259CharactersAreNotShown) {
   std::string text(251, ' ');
   text += "10.0.0.1";
