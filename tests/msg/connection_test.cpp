@@ -1,9 +1,7 @@
 #include "msg/connection.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -13,7 +11,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/app_name.h"
@@ -53,52 +50,27 @@ class Connect : public testing::Test {
   }
 };
 
-TEST_F(Connect, RegistersItsNameCutToElevenCharacters) {
-  FakeServer server([&](MessagePeer &peer) {
-    const Frame request = peer.read();
-    EXPECT_EQ(ORP_MSG_REGISTER, request.type());
+TEST_F(Connect, RegistersItsNameAndTakesWhatTheServerConfirms) {
+  FakeServer server([](MessagePeer &peer) {
+    const Frame request = peer.accept_registration("renamed", /*swap=*/true);
     EXPECT_EQ("longer-than", request.from());
     EXPECT_EQ("", request.to());
     EXPECT_EQ("", request.body);
     EXPECT_EQ(1u, request.header.ulSeqNum);
-    peer.answer(request, 0, std::string(8, '\0'));
+    peer.write(make_frame({.type = 0x1234, .data = 5}));
+    EXPECT_EQ("renamed", peer.read().from());
   });
 
   EXPECT_EQ(ORP_OK, ORP_MSG_InitWithoutHandle("longer-than-eleven"));
 
-  EXPECT_STREQ("longer-than", g_stMsgCtx.aucAppName);
-  EXPECT_STREQ("longer-than", g_appName);
-  EXPECT_EQ(nullptr, g_stMsgCtx.pstWatcher);
-}
-
-TEST_F(Connect, IsRenamedByTheServer) {
-  FakeServer server([](MessagePeer &peer) {
-    peer.accept_registration("renamed");
-    EXPECT_EQ("renamed", peer.read().from());
-  });
-
-  EXPECT_EQ(ORP_OK, ORP_MSG_InitWithoutHandle("wished"));
-
   EXPECT_STREQ("renamed", g_stMsgCtx.aucAppName);
   EXPECT_STREQ("renamed", g_appName);
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendSimpleMsg("peer", 2, 0));
-}
-
-TEST_F(Connect, SpeaksTheByteOrderThatTheServerAsksFor) {
-  FakeServer server([](MessagePeer &peer) {
-    peer.accept_registration("self", /*swap=*/true);
-    peer.write(make_frame({.type = 0x1234, .data = 5}));
-    EXPECT_EQ(0x77u, peer.read().type());
-  });
-
-  EXPECT_EQ(ORP_OK, ORP_MSG_InitWithoutHandle("self"));
-
   EXPECT_TRUE(headers_swapped());
+  EXPECT_EQ(nullptr, g_stMsgCtx.pstWatcher);
   Header *message;
   ASSERT_EQ(ORP_OK, ORP_MSG_ReceiveManual(&message, 0));
   const Owned<Header> owner(message);
   EXPECT_EQ(0x1234u, message->ulMsgType);
-  EXPECT_EQ(5u, message->ulMsgData);
   EXPECT_EQ(ORP_OK, ORP_MSG_SendSimpleMsg("peer", 0x77, 0));
 }
 
@@ -179,51 +151,32 @@ std::vector<BadRegistration> bad_registrations() {
 TEST_F(Connect, IsUndoneWhenTheRegistrationFails) {
   const test::FdCheck no_leak;
   for (const BadRegistration &c : bad_registrations()) {
-    FakeServer server(c.script);
-    testing::internal::CaptureStdout();
+    for (const bool remote : {false, true}) {
+      uint16_t port = 0;
+      FakeServer server(c.script, remote ? &port : nullptr);
+      testing::internal::CaptureStdout();
+      const uint32_t status = remote ? ORP_MSG_InitSlaveApp("self", "127.0.0.1", port)
+                                     : ORP_MSG_InitWithoutHandle("self");
+      testing::internal::GetCapturedStdout();
 
-    EXPECT_EQ(ORP_OK, ORP_MSG_InitWithoutHandle("self")) << c.what;
-
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(-1, g_stMsgCtx.slSocket) << c.what;
-    EXPECT_STREQ("", g_stMsgCtx.aucAppName);
-    EXPECT_STREQ("", g_appName);
+      EXPECT_EQ(remote ? c.slave_status : ORP_OK, status) << c.what;
+      EXPECT_EQ(-1, g_stMsgCtx.slSocket) << c.what;
+      EXPECT_STREQ("", g_stMsgCtx.aucAppName);
+      EXPECT_STREQ("", g_appName);
+    }
   }
 }
 
-// A server of a primary board, on TCP.
-class RemoteServer {
- public:
-  explicit RemoteServer(const std::function<void(MessagePeer &)> &script)
-      : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), size));
-    EXPECT_EQ(0, ::listen(listener_.get(), 1));
-    ::getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size);
-    port = ntohs(address.sin_port);
-    thread_ = std::thread([this, script] {
-      MessagePeer peer(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      script(peer);
-    });
-  }
-  ~RemoteServer() { thread_.join(); }
-  uint16_t port;
-
- private:
-  os::UniqueFd listener_;
-  std::thread thread_;
-};
-
 TEST_F(Connect, ReachesAServerOfAnotherBoard) {
-  RemoteServer server([](MessagePeer &peer) {
-    peer.accept_registration("self", /*swap=*/true);
-    EXPECT_EQ(0x1234u, peer.read().type());
-  });
+  uint16_t port;
+  FakeServer server(
+      [](MessagePeer &peer) {
+        peer.accept_registration("self", /*swap=*/true);
+        EXPECT_EQ(0x1234u, peer.read().type());
+      },
+      &port);
 
-  EXPECT_EQ(ORP_OK, ORP_MSG_InitSlaveApp("self", "127.0.0.1", server.port));
+  EXPECT_EQ(ORP_OK, ORP_MSG_InitSlaveApp("self", "127.0.0.1", port));
 
   EXPECT_EQ(nullptr, g_stMsgCtx.pstWatcher);
   timeval send_timeout;
@@ -232,17 +185,6 @@ TEST_F(Connect, ReachesAServerOfAnotherBoard) {
   EXPECT_EQ(1, send_timeout.tv_sec);
   EXPECT_EQ(FD_CLOEXEC, ::fcntl(g_stMsgCtx.slSocket, F_GETFD));
   EXPECT_EQ(ORP_OK, ORP_MSG_SendSimpleMsg("peer", 0x1234, 0));
-}
-
-TEST_F(Connect, ReturnsTheFailureOfARemoteRegistration) {
-  const test::FdCheck no_leak;
-  for (const BadRegistration &c : bad_registrations()) {
-    RemoteServer server(c.script);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(c.slave_status, ORP_MSG_InitSlaveApp("self", "127.0.0.1", server.port)) << c.what;
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(-1, g_stMsgCtx.slSocket);
-  }
 }
 
 TEST_F(Connect, SendsTheKeepAliveThatTheServerAskedFor) {
@@ -272,80 +214,47 @@ void hear(Header *message) {
   }
 }
 
-TEST_F(Connect, DeliversWhatArrivesOnTheLoop) {
-  FakeServer server([](MessagePeer &peer) {
-    peer.accept_registration("self");
-    peer.write(make_frame({.type = 0xaff00001}));
-    peer.write(make_frame({.type = 2, .body = std::string(2048, 'x')}));
-    peer.write(make_frame({.type = 0xa0000eee}));
-  });
-  EXPECT_EQ(ORP_OK, ORP_MSG_Init("self"));
-  ORP_MSG_RegisterMsgProc(hear);
-
-  run_loop();
-
-  EXPECT_EQ((std::vector<uint32_t>{1, 2}), g_heard);
-  EXPECT_EQ(5u, g_stMsgCtx.ulFlags >> ORP_MSG_CTX_RECV_BOARD_SHIFT);
-}
-
-TEST_F(Connect, FetchesLargeBodiesOnTheLoop) {
+TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
+  constexpr size_t kSent = 7;
   static std::string content;
   FakeServer server([](MessagePeer &peer) {
     peer.accept_registration("self");
-    Frame sent = peer.read();
-    EXPECT_EQ(260u, sent.body.size());
-    peer.write(sent);
-    sent.body[10] = 'X';  // not a path for bodies
-    peer.write(sent);
-    peer.write(make_frame({.type = 0xeee}));
-  });
-  EXPECT_EQ(ORP_OK, ORP_MSG_Init("self"));
-  ORP_MSG_RegisterMsgProc([](Header *message) {
-    if (message->ulDataLen > 0) content.assign(body(message), message->ulDataLen);
-    hear(message);
-  });
-  const std::string large(1 << 20, 'x');
-
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendMsgData("self", 0x1234, large.data(), 1 << 20));
-  run_loop();
-
-  EXPECT_TRUE(large == content);
-  EXPECT_EQ((std::vector<uint32_t>{0x1234}), g_heard);
-  EXPECT_EQ(1u, uv::g_message_drops.incomplete);
-  EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
-}
-
-TEST_F(Connect, DeliversOrCountsEveryMessage) {
-  constexpr uint32_t kSent = 5;
-  FakeServer server([](MessagePeer &peer) {
-    peer.accept_registration("self");
-    Frame unnamed = make_frame({.type = 1});
+    const Frame large = peer.read();
+    EXPECT_EQ(260u, large.body.size());
+    peer.write(large);
+    peer.write(large);  // its file is gone by then
+    peer.write(make_frame({.type = 0xaff00001}));
+    peer.write(make_frame({.type = 2, .body = std::string(2048, 'x')}));
+    Frame unnamed = make_frame({.type = 3});
     std::memset(unnamed.header.aucSendApp, 'x', 12);
     peer.write(unnamed);
-    peer.write(make_frame({.type = 2}));
-    peer.write(make_frame({.type = 3, .body = std::string(0x200001, 'x')}));
-    peer.write(make_frame({.type = 0x10000004, .body = "/var/run/msg/msg_file_lost"}));
-    peer.write(make_frame({.type = 0xeee}));
+    peer.write(make_frame({.type = 4, .body = std::string(0x200001, 'x')}));
+    peer.write(make_frame({.type = 0xa0000eee}));
     (void)peer.read();
     peer.write_bytes(make_frame({.type = 5, .body = "cut short"}).bytes().substr(0, 44));
   });
   testing::internal::CaptureStdout();
   EXPECT_EQ(ORP_OK, ORP_MSG_Init("self"));
-  ORP_MSG_RegisterMsgProc(hear);
+  ORP_MSG_RegisterMsgProc([](Header *message) {
+    if (content.empty()) content.assign(body(message), message->ulDataLen);
+    hear(message);
+  });
+  const std::string large(1 << 20, 'x');
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendMsgData("self", 0x1234, large.data(), 1 << 20));
   run_loop();
   (void)ORP_MSG_SendSimpleMsg("peer", 1, 0);
   EXPECT_EQ(ORP_ERR_TIMEOUT, ORP_UV_LoopRun(nullptr, 1));
   testing::internal::GetCapturedStdout();
 
-  EXPECT_EQ(std::vector<uint32_t>{2}, g_heard);
+  EXPECT_TRUE(large == content);
+  EXPECT_EQ((std::vector<uint32_t>{0x1234, 1, 2}), g_heard);
   EXPECT_EQ(1u, g_dropped.name);
   EXPECT_EQ(1u, g_dropped.oversize);
   EXPECT_EQ(1u, uv::g_message_drops.incomplete);
   EXPECT_EQ(1u, uv::g_message_drops.read_failed);
-  EXPECT_EQ(kSent, g_heard.size() + g_dropped.name + g_dropped.oversize + g_dropped.read +
-                       g_dropped.completion + g_dropped.queue + uv::g_message_drops.too_long +
-                       uv::g_message_drops.incomplete + uv::g_message_drops.no_memory +
-                       uv::g_message_drops.read_failed);
+  EXPECT_EQ(kSent, g_heard.size() + g_dropped.name + g_dropped.oversize +
+                       uv::g_message_drops.incomplete + uv::g_message_drops.read_failed);
+  EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 }
 
 TEST_F(Connect, DispatchesWhatASynchronousWaitPutAsideBeforeWhatFollows) {
@@ -424,22 +333,16 @@ TEST_F(Connect, WorksOnDescriptorsBeyondADescriptorSet) {
   ORP_MSG_Destroy();
 }
 
-TEST(Destroy, IsHarmlessWithoutAConnection) {
-  ORP_MSG_Destroy();
-  EXPECT_EQ(-1, g_stMsgCtx.slSocket);
-  EXPECT_GE(::fcntl(0, F_GETFD), 0);
-  g_stMsgCtx.slSocket = 0;
-  ORP_MSG_Destroy();
-  EXPECT_EQ(-1, g_stMsgCtx.slSocket);
-  EXPECT_GE(::fcntl(0, F_GETFD), 0) << "descriptor 0 is never closed";
-}
-
-TEST(Destroy, CountsTheMessagesItGivesUp) {
+TEST(Destroy, NeverClosesDescriptor0AndCountsTheMessagesItGivesUp) {
   ORP_MSG_AppendQueue(&g_stMsgCtx.pstQueue, allocate_message(0).release());
   ORP_MSG_QUEUE_NODE_ST *given_up = g_stMsgCtx.pstQueue;
 
-  ORP_MSG_Destroy();
-
+  for (const int socket : {-1, 0}) {
+    g_stMsgCtx.slSocket = socket;
+    ORP_MSG_Destroy();
+    EXPECT_EQ(-1, g_stMsgCtx.slSocket);
+    EXPECT_GE(::fcntl(0, F_GETFD), 0);
+  }
   EXPECT_EQ(1u, g_dropped.queue);
   EXPECT_EQ(nullptr, g_stMsgCtx.pstQueue);
   ORP_MSG_DestroyQueue(&given_up);
@@ -574,20 +477,11 @@ TEST_F(Connect, RefusesAsynchronousRequestsItCannotFollow) {
   EXPECT_EQ(ORP_ERR_ARGUMENT, request_async(1, 1, 'a')) << "no watcher";
   FakeServer server([](MessagePeer &peer) {
     peer.accept_registration("self");
-    EXPECT_TRUE(peer.closed());
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(0x1234u, peer.read().type()) << "sent all the same";
   });
   EXPECT_EQ(ORP_OK, ORP_MSG_Init("self"));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_AsyncSendAndReceive(nullptr, 1, 0, note_answer));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_AsyncSendAndReceive(&request, 1, 0, nullptr));
-  ORP_MSG_Destroy();
-}
-
-TEST_F(Connect, ReportsMissingMemoryOfAsynchronousRequests) {
-  FakeServer server([](MessagePeer &peer) {
-    peer.accept_registration("self");
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(0x1234u, peer.read().type()) << "sent all the same";
-  });
-  EXPECT_EQ(ORP_OK, ORP_MSG_Init("self"));
   EXPECT_EQ(2u, test::fail_every_allocation([] {
               const uint32_t status = request_async(0x1234, kIdle_ms, 'a');
               EXPECT_EQ(status == ORP_OK ? ORP_OK : ORP_ERR_MEMORY, status);

@@ -7,9 +7,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -46,41 +43,30 @@ struct Received {
   Owned<Header> message;
 };
 
-TEST(Receive, TakesOneMessageWithZeroBytesBehindIt) {
-  Connection connection;
-  connection.peer.write(make_frame({.type = 0x1234, .from = "a", .to = "b", .data = 5, .seq = 6}));
-  connection.peer.write(make_frame({.type = 0x1235, .body = "body"}));
-
-  const Received bare(connection.fd());
-  const Received full(connection.fd());
-
-  ASSERT_EQ(ORP_OK, bare.status);
-  EXPECT_EQ(0x1234u, bare.message->ulMsgType);
-  EXPECT_EQ(6u, bare.message->ulSeqNum);
-  EXPECT_STREQ("a", bare.message->aucSendApp);
-  EXPECT_STREQ("b", bare.message->aucRecvApp);
-  EXPECT_EQ(5u, bare.message->ulMsgData);
-  EXPECT_EQ(0u, bare.message->ulDataLen);
-  ASSERT_EQ(ORP_OK, full.status);
-  EXPECT_EQ("body", full.body());
-  EXPECT_EQ(std::string(16, '\0'), std::string(body(bare.message.get()), 16));
-  EXPECT_EQ(std::string(16, '\0'), std::string(body(full.message.get()) + 4, 16));
-}
-
-TEST(Receive, ReducesTheTypeAndRecordsTheBoard) {
+TEST(Receive, TakesOneMessageInHostOrderWithZeroBytesBehindIt) {
   for (const bool swap : {false, true}) {
     Connection connection("self", swap);
     g_stMsgCtx.ulFlags |= 7u << ORP_MSG_CTX_SEND_BOARD_SHIFT;
     const uint32_t flags = g_stMsgCtx.ulFlags;
-    connection.peer.write(make_frame({.type = 0xaff12345, .data = 5, .body = "body"}));
+    connection.peer.write(
+        make_frame({.type = 0xaff12345, .from = "a", .to = "b", .data = 5, .seq = 6}));
+    connection.peer.write(make_frame({.type = 0xa0001235, .body = "body"}));
 
-    const Received received(connection.fd());
+    const Received bare(connection.fd());
+    const Received full(connection.fd());
 
-    ASSERT_EQ(ORP_OK, received.status);
-    EXPECT_EQ(0x12345u, received.message->ulMsgType);
-    EXPECT_EQ(5u, received.message->ulMsgData);
-    EXPECT_EQ("body", received.body());
+    ASSERT_EQ(ORP_OK, bare.status);
+    EXPECT_EQ(0x12345u, bare.message->ulMsgType);
+    EXPECT_EQ(6u, bare.message->ulSeqNum);
+    EXPECT_STREQ("a", bare.message->aucSendApp);
+    EXPECT_STREQ("b", bare.message->aucRecvApp);
+    EXPECT_EQ(5u, bare.message->ulMsgData);
+    EXPECT_EQ(0u, bare.message->ulDataLen);
     EXPECT_EQ(flags | 5u << ORP_MSG_CTX_RECV_BOARD_SHIFT, g_stMsgCtx.ulFlags);
+    ASSERT_EQ(ORP_OK, full.status);
+    EXPECT_EQ("body", full.body());
+    EXPECT_EQ(std::string(16, '\0'), std::string(body(bare.message.get()), 16));
+    EXPECT_EQ(std::string(16, '\0'), std::string(body(full.message.get()) + 4, 16));
   }
 }
 
@@ -96,21 +82,6 @@ TEST(Receive, LeavesTheHeaderAloneWithoutConversion) {
   EXPECT_EQ(0xbff12345u, received.message->ulMsgType);
   EXPECT_EQ(frame.body, received.body()) << "the body stays a path";
   EXPECT_EQ(flags, g_stMsgCtx.ulFlags);
-}
-
-TEST(Receive, CollectsABodyThatComesByteByByte) {
-  Connection connection;
-  const std::string bytes = make_frame({.type = 1, .body = std::string(500, 'x')}).bytes();
-  connection.peer.write_bytes(bytes.substr(0, 40));
-  std::thread writer([&] {
-    for (const char &byte : bytes.substr(40)) connection.peer.write_bytes({&byte, 1});
-  });
-
-  const Received received(connection.fd());
-  writer.join();
-
-  ASSERT_EQ(ORP_OK, received.status);
-  EXPECT_EQ(std::string(500, 'x'), received.body());
 }
 
 TEST(Receive, TakesBodiesBeyondTheGuardedAllocator) {
@@ -142,20 +113,13 @@ TEST(Receive, GivesAMessageUpThatEndsAtAnyByte) {
       const uint32_t silent = closes ? ORP_ERR_PEER_GONE : ORP_ERR_TIMEOUT;
       EXPECT_EQ(size > 0 && size < 40 ? ORP_ERR_SYSTEM : silent, received.status) << size;
       EXPECT_EQ(dropped + (size > 0 ? 1 : 0), g_dropped.read) << size;
+      if (size == 0 || size >= 40) continue;
+      EXPECT_EQ("msgapi fail to read for not a head length, ret=" + std::to_string(size) +
+                    ", errno=0, fd=" + std::to_string(connection.fd()) +
+                    ", pid=" + std::to_string(::getpid()) + "\n",
+                received.console);
     }
   }
-}
-
-TEST(Receive, NeverCompletesAShortHeader) {
-  Connection connection;
-  connection.peer.write_bytes(std::string(39, '\0'));
-
-  const Received received(connection.fd());
-
-  EXPECT_EQ(ORP_ERR_SYSTEM, received.status);
-  EXPECT_EQ("msgapi fail to read for not a head length, ret=39, errno=0, fd=" +
-                std::to_string(connection.fd()) + ", pid=" + std::to_string(::getpid()) + "\n",
-            received.console);
 }
 
 TEST(Receive, RefusesABodyBeyondTheLimitUnread) {
@@ -173,16 +137,11 @@ TEST(Receive, RefusesABodyBeyondTheLimitUnread) {
   EXPECT_EQ("Too long msg:[0x1234] len:[134217729].\n", log.next());
   char rest[8];
   EXPECT_EQ(4, ::recv(connection.fd(), rest, sizeof rest, MSG_DONTWAIT));
-}
 
-TEST(Receive, AcceptsTheLargestAnnouncedBody) {
-  Connection connection;
-  test::Frame frame = make_frame({.type = 1});
   frame.header.ulDataLen = 0x8000000;
   connection.peer.write(frame);
   connection.peer.close();
-
-  EXPECT_EQ(ORP_ERR_PEER_GONE, Received(connection.fd()).status);
+  EXPECT_EQ(ORP_ERR_PEER_GONE, Received(connection.fd()).status) << "this one is waited for";
 }
 
 TEST(Receive, RefusesBadArguments) {
@@ -211,7 +170,7 @@ TEST(Receive, ReadsPipesAndHighDescriptors) {
   }
 }
 
-TEST(Receive, OutlastsSignals) {
+TEST(Receive, CollectsABodyThatComesByteByByteAmidSignals) {
   Connection connection;
   struct sigaction action = {};
   action.sa_handler = [](int) {};

@@ -1,6 +1,8 @@
 #include "support/message_peer.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -98,8 +100,8 @@ void MessagePeer::answer(const Frame &request, uint32_t data, const std::string 
                     .body = body}));
 }
 
-void MessagePeer::accept_registration(std::string_view name, bool swap, uint32_t keep_alive,
-                                      uint32_t period_s) {
+Frame MessagePeer::accept_registration(std::string_view name, bool swap, uint32_t keep_alive,
+                                       uint32_t period_s) {
   const Frame request = read();
   EXPECT_EQ(ORP_MSG_REGISTER, request.type());
   const uint32_t words[] = {keep_alive, period_s};
@@ -109,6 +111,7 @@ void MessagePeer::accept_registration(std::string_view name, bool swap, uint32_t
                     .seq = request.header.ulSeqNum,
                     .body = {reinterpret_cast<const char *>(words), sizeof words}}));
   swap_ = swap;
+  return request;
 }
 
 Connection::Connection(std::string_view name, bool swap) : peer(-1) {
@@ -127,13 +130,21 @@ Connection::~Connection() {
   msgapi::msg::set_own_name({});
 }
 
-FakeServer::FakeServer(std::function<void(MessagePeer &)> script, const char *path)
-    : path_(path), listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  msgapi::copy_cut(address.sun_path, path_);
-  EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
-  EXPECT_EQ(0, ::listen(listener_.get(), 4));
+FakeServer::FakeServer(std::function<void(MessagePeer &)> script, uint16_t *tcp_port)
+    : listener_(::socket(tcp_port == nullptr ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  if (tcp_port == nullptr) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    msgapi::copy_cut(address.sun_path, ORP_MSG_SERVER_PATH);
+    EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
+  }
+  EXPECT_EQ(0, ::listen(listener_.get(), 4));  // which also gives a TCP socket its port
+  if (tcp_port != nullptr) {
+    sockaddr_in address = {};
+    socklen_t size = sizeof address;
+    ::getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size);
+    *tcp_port = ntohs(address.sin_port);
+  }
 
   thread_ = std::thread([this, script = std::move(script)] {
     if (!readable(listener_.get())) return;
@@ -144,7 +155,7 @@ FakeServer::FakeServer(std::function<void(MessagePeer &)> script, const char *pa
 
 FakeServer::~FakeServer() {
   thread_.join();
-  ::unlink(path_.c_str());
+  ::unlink(ORP_MSG_SERVER_PATH);
 }
 
 }  // namespace test

@@ -55,9 +55,9 @@ class MessagePeer {
   // Sends back what answers `request`.
   void answer(const Frame &request, uint32_t data = 0, const std::string &body = {});
   // Reads the registration and confirms it under `name`. With `swap` the client is told that
-  // headers travel reversed from then on.
-  void accept_registration(std::string_view name, bool swap = false, uint32_t keep_alive = 0,
-                           uint32_t period_s = 0);
+  // headers travel reversed from then on. Returns the request.
+  Frame accept_registration(std::string_view name, bool swap = false, uint32_t keep_alive = 0,
+                            uint32_t period_s = 0);
 
   void close() { fd_.reset(); }
   int fd() const { return fd_.get(); }
@@ -80,18 +80,17 @@ class Connection {
   MessagePeer peer;
 };
 
-// A message server at its usual place that plays a script on the next connection, in a thread.
+// A message server at its usual place, or on a TCP port, that plays a script on the next
+// connection, in a thread.
 class FakeServer {
  public:
-  explicit FakeServer(std::function<void(MessagePeer &)> script,
-                      const char *path = ORP_MSG_SERVER_PATH);
+  explicit FakeServer(std::function<void(MessagePeer &)> script, uint16_t *tcp_port = nullptr);
   FakeServer(const FakeServer &) = delete;
   FakeServer &operator=(const FakeServer &) = delete;
   // Waits for the end of the script.
   ~FakeServer();
 
  private:
-  std::string path_;
   msgapi::os::UniqueFd listener_;
   std::thread thread_;
 };
