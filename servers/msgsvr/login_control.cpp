@@ -31,6 +31,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using servers::log_line;
+using servers::write_log_line;
 using Clock = EventLoop::Clock;
 using std::chrono::seconds;
 
@@ -94,7 +95,11 @@ class LoginControl final : public Service {
   }
 
   ~LoginControl() override {
-    if (save_timer_ != 0) save();
+    try {
+      if (save_timer_ != 0) save();
+    } catch (const std::exception &error) {
+      write_log_line(error.what());
+    }
   }
 
  private:

@@ -129,7 +129,7 @@ void serve(const Options &options) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   servers::set_log_name("msgsvr");
   Options options;
   CLI::App app("Passes messages between the application processes of the device.");
@@ -141,16 +141,14 @@ int main(int argc, char **argv) {
                  kQueuePerFrame);
     return EXIT_FAILURE;
   }
-
   for (std::string &directory : options.export_directories) {
     if (!directory.ends_with('/')) directory += '/';
   }
+
   raise_descriptor_limit();
-  try {
-    serve(options);
-  } catch (const std::exception &error) {
-    log_line("{}", error.what());
-    return EXIT_FAILURE;
-  }
+  serve(options);
   return EXIT_SUCCESS;
+} catch (const std::exception &error) {
+  servers::write_log_line(error.what());
+  return EXIT_FAILURE;
 }
