@@ -58,15 +58,20 @@ void teach_bridge(const std::string &bridge, const std::string &peer, const std:
   });
 }
 
-void send_over_loopback(int count, size_t size) {
-  const msgapi::os::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+sockaddr_in loopback(uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_port = htons(9);
+  address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+void send_over_loopback(int count, size_t size) {
+  const msgapi::os::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = loopback(9);
   const std::string data(size, 'x');
   while (count-- > 0) {
-    ::sendto(fd.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&address),
+    ::sendto(fd.get(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr *>(&address),
              sizeof address);
   }
 }

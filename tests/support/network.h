@@ -1,6 +1,8 @@
 // Network objects of a test's own namespace, made with iproute2.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -19,6 +21,9 @@ void add_bridge_port(const std::string &bridge, const std::string &port, const s
 
 // Lets `bridge` learn `mac`, which comes in from the interface `peer` at the far end of a port.
 void teach_bridge(const std::string &bridge, const std::string &peer, const std::string &mac);
+
+// A port of this machine.
+sockaddr_in loopback(uint16_t port);
 
 // Sends `count` datagrams of `size` bytes to a closed port of this machine.
 void send_over_loopback(int count, size_t size);

@@ -11,14 +11,35 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// The names of a packet's records, walked as the header tells.
+constexpr uint32_t kMalformed = ORP_DNS_ERR_MALFORMED;
+
+struct Read {
+  uint32_t status;
+  ORP_DNS_RR_ST record;
+  uint32_t consumed;
+};
+
+Read read_record(const PacketOwner &packet, const uint8_t *place) {
+  Read read{};
+  read.status = ORP_DNS_PacketGetValuesOfRR(packet.get(), place, &read.record, &read.consumed);
+  return read;
+}
+
+Read read_question(const PacketOwner &packet, size_t offset) {
+  Read read{};
+  read.status = ORP_DNS_PacketGetValuesOfQuestion(packet.get(), at(packet, offset), &read.record,
+                                                  &read.consumed);
+  return read;
+}
+
+// A packet's records, walked as the header tells.
 std::vector<ORP_DNS_RR_ST> walk(const PacketOwner &packet) {
   std::vector<ORP_DNS_RR_ST> records;
   for (const uint8_t *place = ORP_DNS_PacketGetFirstRR(packet.get()); place != nullptr;
        place = ORP_DNS_PacketGetNextRR(packet.get(), place)) {
-    ORP_DNS_RR_ST record;
-    if (ORP_DNS_PacketGetValuesOfRR(packet.get(), place, &record, nullptr) != ORP_DNS_OK) break;
-    records.push_back(record);
+    const Read read = read_record(packet, place);
+    if (read.status != ORP_DNS_OK) break;
+    records.push_back(read.record);
   }
   return records;
 }
@@ -38,8 +59,7 @@ TEST(DnsWalk, AgreesWithTheSystemResolverOnRealReplies) {
         ns_rr expected;
         ASSERT_EQ(0, ns_parserr(&peer, section, i, &expected));
         const ORP_DNS_RR_ST &record = records[next];
-        EXPECT_EQ(std::string(ns_rr_name(expected)),
-                  record.aucName[0] == '\0' ? "." : record.aucName);
+        EXPECT_STREQ(ns_rr_name(expected), record.aucName[0] == '\0' ? "." : record.aucName);
         EXPECT_EQ(ns_rr_type(expected), record.ulType);
         EXPECT_EQ(ns_rr_class(expected), record.ulClass);
         EXPECT_EQ(ns_rr_ttl(expected), record.ulTtl);
@@ -53,17 +73,12 @@ TEST(DnsWalk, AgreesWithTheSystemResolverOnRealReplies) {
 
 TEST(DnsWalk, FindsTheSections) {
   const PacketOwner reply = make_packet(captures::kMailReply);
-  ORP_DNS_RR_ST record;
 
-  ASSERT_EQ(ORP_DNS_OK,
-            ORP_DNS_PacketGetValuesOfRR(
-                reply.get(), ORP_DNS_PacketGetFirstAuthorityRecord(reply.get()), &record, nullptr));
-  EXPECT_EQ(uint32_t{ns_t_ns}, record.ulType);
-  ASSERT_EQ(ORP_DNS_OK,
-            ORP_DNS_PacketGetValuesOfRR(
-                reply.get(), ORP_DNS_PacketGetFirstAddtionalRecord(reply.get()), &record, nullptr));
-  EXPECT_STREQ("mail.example.com", record.aucName);
-  EXPECT_EQ(uint32_t{ns_t_a}, record.ulType);
+  EXPECT_EQ(uint32_t{ns_t_ns},
+            read_record(reply, ORP_DNS_PacketGetFirstAuthorityRecord(reply.get())).record.ulType);
+  EXPECT_STREQ(
+      "mail.example.com",
+      read_record(reply, ORP_DNS_PacketGetFirstAddtionalRecord(reply.get())).record.aucName);
   // The only authority record ends the packet, so there is nothing behind it.
   EXPECT_EQ(nullptr,
             ORP_DNS_PacketGetFirstAddtionalRecord(make_packet(captures::kNoSuchNameReply).get()));
@@ -72,16 +87,14 @@ TEST(DnsWalk, FindsTheSections) {
 TEST(DnsWalk, TakesTheQuestionThatEndsAPacketWithoutItsTypeAndClass) {
   const PacketOwner query = make_packet(captures::kPoolQuery);
   const uint32_t name_size = ORP_DNS_PacketGetNameLen(query.get(), at(query, 12));
-  ORP_DNS_RR_ST question;
-  uint32_t consumed;
 
-  ASSERT_EQ(ORP_DNS_OK,
-            ORP_DNS_PacketGetValuesOfQuestion(query.get(), at(query, 12), &question, &consumed));
+  const Read question = read_question(query, 12);
 
-  EXPECT_STREQ("pool.example.com", question.aucName);
-  EXPECT_EQ(uint32_t{ns_t_a}, question.ulType);
-  EXPECT_EQ(uint32_t{ns_c_in}, question.ulClass);
-  EXPECT_EQ(query->ulLength - 12, consumed);
+  EXPECT_EQ(ORP_DNS_OK, question.status);
+  EXPECT_STREQ("pool.example.com", question.record.aucName);
+  EXPECT_EQ(uint32_t{ns_t_a}, question.record.ulType);
+  EXPECT_EQ(uint32_t{ns_c_in}, question.record.ulClass);
+  EXPECT_EQ(query->ulLength - 12, question.consumed);
   EXPECT_EQ(name_size, ORP_DNS_PacketGetQuestionLen(query.get(), at(query, 12)));
   EXPECT_EQ(at(query, 12 + name_size), ORP_DNS_PacketGetFirstRR(query.get()));
   const PacketOwner with_edns = make_packet(captures::kTextQuery);
@@ -89,15 +102,12 @@ TEST(DnsWalk, TakesTheQuestionThatEndsAPacketWithoutItsTypeAndClass) {
             ORP_DNS_PacketGetQuestionLen(with_edns.get(), at(with_edns, 12)));
 }
 
-constexpr uint32_t kMalformed = ORP_DNS_ERR_MALFORMED;
-
 struct NameCase {
   const char *why;
   Bytes message;  // the name is what begins at `offset`
   size_t offset;
   uint32_t length;
-  uint32_t status;
-  const char *text;
+  const char *text;  // null: malformed
   uint32_t consumed;
 };
 
@@ -116,40 +126,34 @@ Bytes pointer_chain(uint8_t count) {
   return message + Bytes{1, 'a', 0, 0};
 }
 
+const std::string kFullText(63, 'x');
 const Bytes kFullLabel = Bytes{63} + Bytes(63, 'x');
 
 const NameCase kNames[] = {
-    {"plain", {3, 'w', 'w', 'w', 2, 'd', 'e', 0, 9}, 0, 8, ORP_DNS_OK, "www.de", 8},
-    {"root", {0, 9}, 0, 1, ORP_DNS_OK, "", 1},
-    {"a name needs a byte behind it", {1, 'a', 0}, 0, 0, kMalformed, "", 0},
-    {"so does the root", {0}, 0, 0, kMalformed, "", 0},
-    {"nothing at the position", {0, 9}, 2, 0, kMalformed, "", 0},
-    {"pointer only", {1, 'a', 0, 0xC0, 0, 9}, 3, 2, ORP_DNS_OK, "a", 2},
-    {"a pointer needs a byte behind it", {1, 'a', 0, 0xC0, 0}, 3, 0, kMalformed, "", 0},
-    {"labels and a pointer leave consumed at 0",
-     {1, 'a', 0, 1, 'b', 0xC0, 0, 9},
-     3,
-     4,
-     ORP_DNS_OK,
-     "b.a",
-     0},
-    {"labels and a pointer to the root", {0, 1, 'b', 0xC0, 0, 9}, 1, 4, ORP_DNS_OK, "b", 0},
-    {"labels and a pointer cut short", {1, 'a', 0, 1, 'b', 0xC0, 0}, 3, 0, kMalformed, "", 0},
-    {"pointer to a pointer", {1, 'a', 0xC0, 5, 9, 0xC0, 0, 9}, 0, 4, kMalformed, "", 0},
-    {"pointer to itself", {0xC0, 0, 9}, 0, 2, kMalformed, "", 2},
-    {"pointer loop", {1, 'a', 0xC0, 0, 9}, 0, 4, kMalformed, "", 0},
-    {"pointer to the packet's end", {1, 'a', 0xC0, 5, 9}, 0, 4, kMalformed, "", 0},
-    {"pointer beyond the packet", {0xC1, 0, 9}, 0, 2, kMalformed, "", 2},
-    {"9 pointers", pointer_chain(9), 0, 4, ORP_DNS_OK, "a.a.a.a.a.a.a.a.a.a", 0},
-    {"10 pointers", pointer_chain(10), 0, 4, kMalformed, "", 0},
-    {"dot in a label", {3, 'a', '.', 'b', 0, 9}, 0, 5, kMalformed, "", 0},
-    {"longest label", kFullLabel + Bytes{0, 9}, 0, 65, ORP_DNS_OK,
-     "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", 65},
-    {"longer label", Bytes{64} + Bytes(64, 'x') + Bytes{0, 9}, 0, 0, kMalformed, "", 0},
-    {"reserved label type", Bytes{0x80} + Bytes(200, 'x'), 0, 0, kMalformed, "", 0},
-    {"label beyond the packet", {5, 'a', 'b', 0, 9}, 0, 0, kMalformed, "", 0},
+    {"plain", {3, 'w', 'w', 'w', 2, 'd', 'e', 0, 9}, 0, 8, "www.de", 8},
+    {"root", {0, 9}, 0, 1, "", 1},
+    {"a name needs a byte behind it", {1, 'a', 0}, 0, 0, nullptr, 0},
+    {"so does the root", {0}, 0, 0, nullptr, 0},
+    {"nothing at the position", {0, 9}, 2, 0, nullptr, 0},
+    {"pointer only", {1, 'a', 0, 0xC0, 0, 9}, 3, 2, "a", 2},
+    {"a pointer needs a byte behind it", {1, 'a', 0, 0xC0, 0}, 3, 0, nullptr, 0},
+    {"labels and a pointer consume nothing", {1, 'a', 0, 1, 'b', 0xC0, 0, 9}, 3, 4, "b.a", 0},
+    {"labels and a pointer to the root", {0, 1, 'b', 0xC0, 0, 9}, 1, 4, "b", 0},
+    {"labels and a pointer cut short", {1, 'a', 0, 1, 'b', 0xC0, 0}, 3, 0, nullptr, 0},
+    {"pointer to a pointer", {1, 'a', 0xC0, 5, 9, 0xC0, 0, 9}, 0, 4, nullptr, 0},
+    {"pointer to itself", {0xC0, 0, 9}, 0, 2, nullptr, 2},
+    {"pointer loop", {1, 'a', 0xC0, 0, 9}, 0, 4, nullptr, 0},
+    {"pointer to the packet's end", {1, 'a', 0xC0, 5, 9}, 0, 4, nullptr, 0},
+    {"pointer beyond the packet", {0xC1, 0, 9}, 0, 2, nullptr, 2},
+    {"9 pointers", pointer_chain(9), 0, 4, "a.a.a.a.a.a.a.a.a.a", 0},
+    {"10 pointers", pointer_chain(10), 0, 4, nullptr, 0},
+    {"dot in a label", {3, 'a', '.', 'b', 0, 9}, 0, 5, nullptr, 0},
+    {"longest label", kFullLabel + Bytes{0, 9}, 0, 65, kFullText.c_str(), 65},
+    {"longer label", Bytes{64} + Bytes(64, 'x') + Bytes{0, 9}, 0, 0, nullptr, 0},
+    {"reserved label type", Bytes{0x80} + Bytes(200, 'x'), 0, 0, nullptr, 0},
+    {"label beyond the packet", {5, 'a', 'b', 0, 9}, 0, 0, nullptr, 0},
     {"text too long for the buffer",
-     kFullLabel + kFullLabel + kFullLabel + kFullLabel + Bytes{0, 9}, 0, 257, kMalformed, "", 0},
+     kFullLabel + kFullLabel + kFullLabel + kFullLabel + Bytes{0, 9}, 0, 257, nullptr, 0},
 };
 
 TEST(DnsName, IsMeasuredAndReadWithinItsBounds) {
@@ -161,44 +165,49 @@ TEST(DnsName, IsMeasuredAndReadWithinItsBounds) {
     uint32_t consumed = 99;
 
     EXPECT_EQ(expected.length, ORP_DNS_PacketGetNameLen(packet.get(), place));
-    EXPECT_EQ(expected.status,
+    EXPECT_EQ(expected.text != nullptr ? ORP_DNS_OK : kMalformed,
               ORP_DNS_PacketGetName(packet.get(), place, text, sizeof text, &consumed));
-    EXPECT_STREQ(expected.text, text);
+    EXPECT_STREQ(expected.text != nullptr ? expected.text : "", text);
     EXPECT_EQ(expected.consumed, consumed);
   }
 }
 
 TEST(DnsName, FillsTheBufferUpToTheByteBeforeItsNul) {
   const PacketOwner packet = make_packet(Bytes{2, 'a', 'b', 1, 'c', 0, 9});
+  const struct {
+    size_t offset;
+    uint32_t size, status;
+    const char *text;
+  } kCases[] = {
+      {0, 6, ORP_DNS_OK, "ab.c"},
+      {0, 5, kMalformed, ""},  // room for the last dot is needed although the NUL takes its place
+      {5, 1, ORP_DNS_OK, ""},
+  };
 
-  // Room for the last dot is needed although the NUL takes its place.
-  const std::unique_ptr<char[]> fits(new char[6]), small(new char[5]), one(new char[1]);
-  EXPECT_EQ(ORP_DNS_OK, ORP_DNS_PacketGetName(packet.get(), at(packet, 0), fits.get(), 6, nullptr));
-  EXPECT_STREQ("ab.c", fits.get());
-  EXPECT_EQ(kMalformed,
-            ORP_DNS_PacketGetName(packet.get(), at(packet, 0), small.get(), 5, nullptr));
-  EXPECT_STREQ("", small.get());
-  EXPECT_EQ(ORP_DNS_OK, ORP_DNS_PacketGetName(packet.get(), at(packet, 5), one.get(), 1, nullptr));
-  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
-            ORP_DNS_PacketGetName(packet.get(), at(packet, 5), one.get(), 0, nullptr));
+  for (const auto &[offset, size, status, text] : kCases) {
+    const std::unique_ptr<char[]> out(new char[size]);
+    EXPECT_EQ(status,
+              ORP_DNS_PacketGetName(packet.get(), at(packet, offset), out.get(), size, nullptr));
+    EXPECT_STREQ(text, out.get());
+  }
 }
 
 TEST(DnsName, RefusesMissingArgumentsAndPositionsBeforeThePacket) {
   const PacketOwner packet = make_packet(Bytes{1, 'a', 0, 9});
+  const uint8_t *place = at(packet, 0);
   char text[8];
   uint32_t consumed = 9;
 
-  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
-            ORP_DNS_PacketGetName(nullptr, at(packet, 0), text, 8, &consumed));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT, ORP_DNS_PacketGetName(nullptr, place, text, 8, &consumed));
   EXPECT_EQ(0u, consumed);
-  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT, ORP_DNS_PacketGetName(packet.get(), nullptr, text, 8, &consumed));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT, ORP_DNS_PacketGetName(packet.get(), nullptr, text, 8, nullptr));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT, ORP_DNS_PacketGetName(packet.get(), place, nullptr, 8, nullptr));
+  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT, ORP_DNS_PacketGetName(packet.get(), place, text, 0, nullptr));
+  EXPECT_EQ(kMalformed, ORP_DNS_PacketGetName(packet.get(), place - 1, text, 8, nullptr));
+  EXPECT_EQ(0u, ORP_DNS_PacketGetNameLen(packet.get(), place - 1));
+  EXPECT_EQ(0u, ORP_DNS_PacketGetNameLen(nullptr, place));
   EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
-            ORP_DNS_PacketGetName(packet.get(), at(packet, 0), nullptr, 8, &consumed));
-  EXPECT_EQ(kMalformed, ORP_DNS_PacketGetName(packet.get(), at(packet, 0) - 1, text, 8, &consumed));
-  EXPECT_EQ(0u, ORP_DNS_PacketGetNameLen(packet.get(), at(packet, 0) - 1));
-  EXPECT_EQ(0u, ORP_DNS_PacketGetNameLen(nullptr, at(packet, 0)));
-  EXPECT_EQ(ORP_DNS_ERR_ARGUMENT,
-            ORP_DNS_PacketGetValuesOfRR(packet.get(), at(packet, 0), nullptr, nullptr));
+            ORP_DNS_PacketGetValuesOfRR(packet.get(), place, nullptr, nullptr));
   EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstRR(nullptr));
   EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstAuthorityRecord(nullptr));
 }
@@ -207,11 +216,10 @@ const Bytes kRecord = {1, 'a', 0, 0, 1, 0, 2, 0, 0, 1, 0, 0, 2, 0xAB, 0xCD};
 
 TEST(DnsRecord, MayEndThePacketButThenHasNoLength) {
   const PacketOwner packet = make_packet(kRecord);
-  ORP_DNS_RR_ST record;
-  uint32_t consumed;
 
-  ASSERT_EQ(ORP_DNS_OK,
-            ORP_DNS_PacketGetValuesOfRR(packet.get(), at(packet, 0), &record, &consumed));
+  const auto [status, record, consumed] = read_record(packet, at(packet, 0));
+
+  EXPECT_EQ(ORP_DNS_OK, status);
   EXPECT_STREQ("a", record.aucName);
   EXPECT_EQ(1u, record.ulType);
   EXPECT_EQ(2u, record.ulClass);
@@ -229,17 +237,12 @@ TEST(DnsRecord, MayEndThePacketButThenHasNoLength) {
 
 TEST(DnsRecord, CutShortAnywhereIsMalformed) {
   for (size_t size = 1; size < kRecord.size(); ++size) {
-    const PacketOwner packet =
-        make_packet(Bytes(kRecord.begin(), kRecord.begin() + static_cast<long>(size)));
-    ORP_DNS_RR_ST record;
+    SCOPED_TRACE(size);
+    const PacketOwner packet = make_packet(Bytes(kRecord.data(), kRecord.data() + size));
 
-    EXPECT_EQ(kMalformed,
-              ORP_DNS_PacketGetValuesOfRR(packet.get(), at(packet, 0), &record, nullptr))
-        << size;
-    EXPECT_EQ(0u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0))) << size;
-    EXPECT_EQ(size > 6 ? ORP_DNS_OK : kMalformed,
-              ORP_DNS_PacketGetValuesOfQuestion(packet.get(), at(packet, 0), &record, nullptr))
-        << size;
+    EXPECT_EQ(kMalformed, read_record(packet, at(packet, 0)).status);
+    EXPECT_EQ(0u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0)));
+    EXPECT_EQ(size > 6 ? ORP_DNS_OK : kMalformed, read_question(packet, 0).status);
   }
 }
 
@@ -255,11 +258,10 @@ TEST(DnsRecord, CountsItsDataLengthIn16Bits) {
 // A name of labels and a pointer consumes nothing, so what follows is read from the name itself.
 TEST(DnsRecord, ReadsItsFieldsFromANameOfLabelsAndAPointer) {
   const PacketOwner packet = make_packet(Bytes{1, 'a', 0, 1, 'b', 0xC0, 0, 0, 1, 0, 1});
-  ORP_DNS_RR_ST question;
-  uint32_t consumed;
 
-  ASSERT_EQ(ORP_DNS_OK,
-            ORP_DNS_PacketGetValuesOfQuestion(packet.get(), at(packet, 3), &question, &consumed));
+  const auto [status, question, consumed] = read_question(packet, 3);
+
+  EXPECT_EQ(ORP_DNS_OK, status);
   EXPECT_STREQ("b.a", question.aucName);
   EXPECT_EQ(uint32_t{1 << 8 | 'b'}, question.ulType);
   EXPECT_EQ(0xC000u, question.ulClass);
@@ -280,11 +282,13 @@ TEST(DnsWalk, EndsOnPacketsWithoutAWholeHeaderOrQuestion) {
 
 TEST(DnsCopy, TakesAllOrTheBeginning) {
   const PacketOwner packet = make_packet(captures::kPoolReply);
+  const auto copy = [&](uint32_t size) {
+    return message_of(own(ORP_DNS_PacketCopy(packet.get(), size)));
+  };
 
-  EXPECT_EQ(message_of(packet), message_of(own(ORP_DNS_PacketCopy(packet.get(), 0))));
-  EXPECT_EQ(message_of(packet), message_of(own(ORP_DNS_PacketCopy(packet.get(), 100000))));
-  const Bytes beginning = message_of(own(ORP_DNS_PacketCopy(packet.get(), 12)));
-  EXPECT_EQ(Bytes(at(packet, 0), at(packet, 12)), beginning);
+  EXPECT_EQ(message_of(packet), copy(0));
+  EXPECT_EQ(message_of(packet), copy(100000));
+  EXPECT_EQ(Bytes(at(packet, 0), at(packet, 12)), copy(12));
   EXPECT_EQ(0u, own(ORP_DNS_PacketCopy(make_packet(Bytes{}).get(), 0))->ulLength);
   EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(nullptr, 0));
 }

@@ -188,9 +188,6 @@ class NameServer {
   explicit NameServer(int failures = 0) : failures_(failures) {
     std::ofstream("/var/resolv.conf") << "nameserver 127.0.0.1\noptions attempts:1 timeout:5\n";
     test::run("mount --bind /var/resolv.conf $(readlink -f /etc/resolv.conf)");
-    address_.sin_family = AF_INET;
-    address_.sin_port = htons(53);
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(0, ::bind(fd_.get(), reinterpret_cast<sockaddr *>(&address_), sizeof address_));
     thread_ = std::thread([this] { serve(); });
   }
@@ -202,50 +199,40 @@ class NameServer {
 
  private:
   void serve() {
-    unsigned char packet[512 + 28];
+    char packet[512];
     for (;;) {
       sockaddr_in client;
-      socklen_t client_size = sizeof client;
-      const ssize_t received = ::recvfrom(fd_.get(), packet, 512, 0,
-                                          reinterpret_cast<sockaddr *>(&client), &client_size);
+      socklen_t size = sizeof client;
+      auto *const place = reinterpret_cast<sockaddr *>(&client);
+      const ssize_t received = ::recvfrom(fd_.get(), packet, sizeof packet, 0, place, &size);
       if (received < 16) return;  // the empty datagram of the destructor
       ++queries_;
-      const size_t size = answer(packet, static_cast<size_t>(received));
-      ::sendto(fd_.get(), packet, size, 0, reinterpret_cast<sockaddr *>(&client), client_size);
+      const std::string reply = answer({packet, static_cast<size_t>(received)});
+      ::sendto(fd_.get(), reply.data(), reply.size(), 0, place, size);
     }
   }
 
-  // Turns the query into its answer.
-  size_t answer(unsigned char *packet, size_t size) {
-    static constexpr char kName[] = "\7printer\3lan";
-    packet[2] |= 0x80;
-    packet[3] = 0;
-    packet[11] = 0;  // no additional record
-    size_t end = 12 + std::strlen(reinterpret_cast<char *>(packet + 12)) + 1 + 4;
-    if (end > size) return size;
-    if (failures_ > 0) {
-      --failures_;
-      packet[3] = 2;  // SERVFAIL
-      return end;
-    }
-    if (std::memcmp(packet + 12, kName, sizeof kName) != 0) {
-      packet[3] = 3;  // no such name
-      return end;
-    }
+  std::string answer(const std::string &query) {
+    using namespace std::string_literals;
+    const size_t name_end = query.find('\0', 12);
+    const std::string question = query.substr(12, name_end + 5 - 12);
+    const auto reply = [&](const char *flags, const std::string &record) {
+      const char count[] = {'\0', record.empty() ? '\0' : '\1'};
+      return query.substr(0, 2) + std::string(flags, 2) + "\0\1"s + std::string(count, 2) +
+             "\0\0\0\0"s + question + record;
+    };
+    if (failures_ > 0) return --failures_, reply("\x81\2", "");  // SERVFAIL
+    if (question.compare(0, 13, "\7printer\3lan\0"s) != 0) return reply("\x81\3", "");
 
-    const bool ipv6 = packet[end - 3] == 28;
-    const unsigned char head[] = {0xc0, 12, 0, packet[end - 3], 0, 1, 0, 0, 0, 60, 0};
-    packet[7] = 1;  // one answer
-    std::memcpy(packet + end, head, sizeof head);
-    end += sizeof head;
-    const size_t length = ipv6 ? 16 : 4;
-    packet[end++] = static_cast<unsigned char>(length);
-    ::inet_pton(ipv6 ? AF_INET6 : AF_INET, ipv6 ? "2001:db8::7" : "192.0.2.7", packet + end);
-    return end + length;
+    const bool ipv6 = question[question.size() - 3] == 28;
+    std::string address(ipv6 ? 16 : 4, '\0');
+    ::inet_pton(ipv6 ? AF_INET6 : AF_INET, ipv6 ? "2001:db8::7" : "192.0.2.7", address.data());
+    return reply("\x81", "\xc0\x0c"s + question.substr(question.size() - 4) + "\0\0\0\x3c\0"s +
+                             static_cast<char>(address.size()) + address);
   }
 
   msgapi::os::UniqueFd fd_{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-  sockaddr_in address_{};
+  sockaddr_in address_ = test::loopback(53);
   int failures_;
   std::atomic<int> queries_{0};
   std::thread thread_;

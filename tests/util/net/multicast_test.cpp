@@ -4,25 +4,21 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <fstream>
-#include <iterator>
-#include <memory>
 #include <string>
 
 #include "msgapi/net.h"
 #include "msgapi/status.h"
 #include "os/fd.h"
 #include "support/fd_check.h"
+#include "support/file.h"
 #include "support/network.h"
+#include "util/net/address_info.h"
 
 namespace {
 
 using msgapi::os::UniqueFd;
 
-struct FreeList {
-  void operator()(ORP_UTIL_ADDRINFO_ST *list) const { ORP_UTIL_FreeAddrInfo(list); }
-};
-using List = std::unique_ptr<ORP_UTIL_ADDRINFO_ST, FreeList>;
+using List = msgapi::AddressList;
 
 List address(const char *text) {
   return List(ORP_UTIL_ParseIPAddress(ORP_SOCKET_DATAGRAM, text, 0));
@@ -37,11 +33,6 @@ int broadcasts(const UniqueFd &fd) {
   socklen_t size = sizeof value;
   EXPECT_EQ(0, ::getsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &value, &size));
   return value;
-}
-
-std::string table(const char *path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 TEST(Multicast, ReachesTheMembersOfAGroup) {
@@ -62,9 +53,7 @@ TEST(Multicast, ReachesTheMembersOfAGroup) {
   if (::setsockopt(udp_socket().get(), IPPROTO_IP, IP_MULTICAST_IF, &any, sizeof any) != 0) {
     test::run("ip route add 239.0.0.0/8 dev lo");
   }
-  sockaddr_in group{};
-  group.sin_family = AF_INET;
-  group.sin_port = htons(4711);
+  sockaddr_in group = test::loopback(4711);
   group.sin_addr.s_addr = ::inet_addr("239.1.2.3");
   char data[8] = "";
   EXPECT_EQ(2,
@@ -84,7 +73,7 @@ TEST(Multicast, JoinsIpv6GroupsAtTheInterface) {
   EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcastEx(fd.get(), "ff02::2:abcd", any.get(), "br1"));
   EXPECT_EQ(1, broadcasts(fd));
 
-  const std::string groups = table("/proc/net/igmp6");
+  const std::string groups = test::contents("/proc/net/igmp6");
   EXPECT_THAT(groups, testing::ContainsRegex("br0 +ff02000000000000000000000001abcd"));
   EXPECT_THAT(groups, testing::ContainsRegex("br1 +ff02000000000000000000000002abcd"));
 

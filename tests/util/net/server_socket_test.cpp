@@ -16,6 +16,7 @@
 #include "msgapi/net.h"
 #include "os/fd.h"
 #include "support/fd_check.h"
+#include "support/file.h"
 #include "support/network.h"
 
 namespace {
@@ -85,17 +86,13 @@ TEST(ServerSocket, HasTheStandardOptions) {
   EXPECT_EQ(1, option(tcp, IPPROTO_TCP, TCP_NODELAY));
   EXPECT_EQ(FD_CLOEXEC, ::fcntl(tcp.fd.get(), F_GETFD));
 
-  const Server udp = create("127.0.0.1", 0, ORP_SOCKET_DATAGRAM);
+  const Server udp = create(nullptr, 0, ORP_SOCKET_DATAGRAM);
   ASSERT_TRUE(udp.fd);
+  EXPECT_EQ("0.0.0.0", bound_address(udp.fd.get()));
   timeval timeout{};
   socklen_t size = sizeof timeout;
-  EXPECT_EQ(SOCK_DGRAM, option(udp, SOL_SOCKET, SO_TYPE));
   EXPECT_EQ(0, ::getsockopt(udp.fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, &size));
   EXPECT_EQ(2, timeout.tv_sec);
-
-  const Server all = create(nullptr, 0, 0);
-  ASSERT_TRUE(all.fd);
-  EXPECT_EQ("0.0.0.0", bound_address(all.fd.get()));
 }
 
 TEST(ServerSocket, IsIpv6OnlyAndReportsTheOptionOfThePlatformsKernel) {
@@ -181,9 +178,8 @@ TEST(UnixServerSocket, IsMadeForItsGroup) {
   EXPECT_TRUE(S_ISSOCK(info.st_mode));
   EXPECT_EQ(0660u, info.st_mode & 07777);
   // Without privileges the sandbox knows no group but the user's own.
-  std::ifstream groups("/proc/self/gid_map");
   uint64_t first = 0, outside = 0, count = 0;
-  groups >> first >> outside >> count;
+  std::ifstream("/proc/self/gid_map") >> first >> outside >> count;
   if (first <= 2591 && count > 2591 - first) {
     EXPECT_EQ(2591u, info.st_gid);
   }
@@ -203,23 +199,17 @@ TEST(UnixServerSocket, KeepsItsPathOutOfCommandsUnlessItIsSafe) {
   EXPECT_FALSE(std::filesystem::exists("/var/commands"));
 
   EXPECT_TRUE(create("/var/run/a_b", 0, ORP_SOCKET_UNIX).fd);
-  std::ifstream commands("/var/commands");
-  std::string line;
-  std::getline(commands, line);
-  EXPECT_EQ(":2591 /var/run/a_b", line);
+  EXPECT_EQ(":2591 /var/run/a_b\n", test::contents("/var/commands"));
 }
 
 TEST(UnixServerSocket, CutsALongPath) {
-  const std::string longest = "/var/run/" + std::string(98, 'x');
-  ASSERT_EQ(107u, longest.size());
+  const std::string longest = "/var/run/" + std::string(107 - 9, 'x');
 
   const Server cut = create((longest + "yz").c_str(), 0, ORP_SOCKET_UNIX);
 
   EXPECT_TRUE(cut.fd);
   EXPECT_EQ("UtilCreateUnixDomainSock getpath error .", cut.printed);
-  struct stat info;
-  ASSERT_EQ(0, ::stat(longest.c_str(), &info));
-  EXPECT_EQ(0660u, info.st_mode & 07777);
+  EXPECT_TRUE(std::filesystem::is_socket(longest));
 }
 
 TEST(UnixServerSocket, ReportsWhyItCannotBeBound) {
