@@ -59,10 +59,6 @@ void note(std::string call) {
   if (g_during_call) std::exchange(g_during_call, nullptr)();
 }
 
-void *allocated(const std::string &text) {
-  return ::memcpy(::malloc(text.size()), text.data(), text.size());
-}
-
 void take_notification(void *first, void *second) {
   note("async " + text_of(first) + " " + text_of(second));
 }
@@ -71,54 +67,55 @@ void take_any_notification(uint32_t type, void *first, void *second) {
   note("any async " + std::to_string(type) + " " + text_of(first) + " " + text_of(second));
 }
 
-void take_request(void *data, uint32_t *reply_length, void **reply) {
+// Notes a request and answers it where there is room for an answer.
+void serve(const char *who, const std::string &what, const std::string &answer,
+           uint32_t *reply_length, void **reply) {
   const bool answerable = reply_length != nullptr && reply != nullptr;
-  note((answerable ? "sync " : "stray ") + text_of(data));
+  note(who + std::string(answerable ? "sync " : "stray ") + what);
   if (!answerable) return;
-  *reply = allocated("answer");
-  *reply_length = 6;
+  *reply = ::memcpy(::malloc(answer.size()), answer.data(), answer.size());
+  *reply_length = static_cast<uint32_t>(answer.size());
+}
+
+void take_request(void *data, uint32_t *reply_length, void **reply) {
+  serve("", text_of(data), "answer", reply_length, reply);
 }
 
 void take_any_request(uint32_t type, void *data, void **reply, uint32_t *reply_length) {
-  const bool answerable = reply_length != nullptr && reply != nullptr;
-  note((answerable ? "any sync " : "any stray ") + std::to_string(type) + " " + text_of(data));
-  if (!answerable) return;
-  *reply = allocated("any");
-  *reply_length = 3;
+  serve("any ", std::to_string(type) + " " + text_of(data), "any", reply_length, reply);
 }
 
 void promise_a_reply(void *, uint32_t *reply_length, void **) {
   *reply_length = 5;
 }
 
-NotifyMessage notification(const std::string &data, uint32_t length1, uint32_t length2) {
-  NotifyMessage message;
-  message.head.msg_type = kType;
-  message.head.seq_num = 77;
-  message.head.source_id = kOther;
-  message.head.des_id = kOwnId;
-  message.head.ack_tag = ORP_NOTIFYCLT_REQUEST;
-  message.head.sub_data_len1 = length1;
-  message.head.sub_data_len2 = length2;
-  message.data = data;
-  return message;
+// From kOther to this client.
+NotifyMessage incoming(uint32_t sequence, uint32_t sync_tag, uint32_t ack_tag,
+                       const std::string &data, uint32_t length1 = 0, uint32_t length2 = 0) {
+  return {{kType, sequence, kOther, kOwnId, sync_tag, ack_tag, 0, length1, length2, 0, 0, 0}, data};
 }
 
 NotifyMessage notification(const std::string &data) {
-  return notification(data, static_cast<uint32_t>(data.size()), 0);
+  return incoming(77, 0, ORP_NOTIFYCLT_REQUEST, data, static_cast<uint32_t>(data.size()));
 }
 
 NotifyMessage request(const std::string &data) {
-  NotifyMessage message = notification(data, 0, 0);
-  message.head.sync_tag = 1;
-  return message;
+  return incoming(77, 1, ORP_NOTIFYCLT_REQUEST, data);
 }
 
 NotifyMessage reply(uint32_t sequence, const std::string &data) {
-  NotifyMessage message = request(data);
-  message.head.seq_num = sequence;
-  message.head.ack_tag = ORP_NOTIFYCLT_REPLY;
-  return message;
+  return incoming(sequence, 1, ORP_NOTIFYCLT_REPLY, data);
+}
+
+// The head of a message with one byte more than a client takes.
+std::string too_long_head(NotifyMessage message) {
+  message.head.data_len = 0x800001;
+  return {reinterpret_cast<const char *>(&message.head), sizeof message.head};
+}
+
+void expect_message(const uint32_t (&head)[12], const std::string &data, const NotifyMessage &got) {
+  EXPECT_EQ(0, std::memcmp(head, &got.head, sizeof head)) << data;
+  EXPECT_EQ(data, got.data);
 }
 
 // Everything that is ready, and the idle procedures behind it.
@@ -160,6 +157,17 @@ class NotifyClient : public testing::Test {
     EXPECT_EQ(30u, server_.receive().head.des_id);
   }
 
+  void deliver(const NotifyMessage &message) {
+    server_.send(message);
+    run_loop();
+  }
+
+  // The answer to a message, empty when there is none.
+  NotifyMessage answer_to(const NotifyMessage &message) {
+    deliver(message);
+    return server_.has_received() ? server_.receive() : NotifyMessage{};
+  }
+
   ~NotifyClient() override {
     ORP_NOTIFYCLT_Destroy();
     ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
@@ -174,12 +182,9 @@ class NotifyClient : public testing::Test {
 TEST_F(NotifyClient, RegistersItsModule) {
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kOwnId));
   server_.accept();
-  const NotifyMessage message = server_.receive();
-
-  const uint32_t expected[12] = {0, 1, kOwnId, 30, 0, 1, 8, 4, 4, 0, 0, 0};
   const uint32_t values[2] = {kOwnId, 0};
-  EXPECT_EQ(0, std::memcmp(expected, &message.head, sizeof expected));
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(values), 8), message.data);
+  expect_message({0, 1, kOwnId, 30, 0, 1, 8, 4, 4, 0, 0, 0},
+                 {reinterpret_cast<const char *>(values), 8}, server_.receive());
 
   char path[40];
   std::snprintf(path, sizeof path, "/var/run/notify/client%05d", ::getpid());
@@ -257,8 +262,7 @@ TEST_F(NotifyClient, ForgetsEverythingWhenDestroyed) {
   connect();  // its registration is number 1 again
   EXPECT_EQ(ORP_NOTIFYCLT_OK, post());
   EXPECT_EQ(2u, server_.receive().head.seq_num);
-  server_.send(notification("late"));
-  run_loop();
+  deliver(notification("late"));
   EXPECT_THAT(g_calls, IsEmpty());
 }
 
@@ -282,14 +286,8 @@ TEST_F(NotifyClient, PostsTwoItems) {
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, nullptr, 9, "x", 1));
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, "x", 0, nullptr, 0));
 
-  NotifyMessage message = server_.receive();
-  const uint32_t expected[12] = {kType, 2, kOwnId, kOther, 0, 1, 8, 5, 3, 0, 0, 1};
-  EXPECT_EQ(0, std::memcmp(expected, &message.head, sizeof expected));
-  EXPECT_EQ("first2nd", message.data);
-  message = server_.receive();
-  EXPECT_EQ(0u, message.head.sub_data_len1);
-  EXPECT_EQ(1u, message.head.sub_data_len2);
-  EXPECT_EQ("x", message.data);
+  expect_message({kType, 2, kOwnId, kOther, 0, 1, 8, 5, 3, 0, 0, 1}, "first2nd", server_.receive());
+  expect_message({kType, 3, kOwnId, kOther, 0, 1, 1, 0, 1, 0, 0, 1}, "x", server_.receive());
   EXPECT_EQ("", server_.receive().data);
 }
 
@@ -385,17 +383,14 @@ TEST_F(NotifyClient, HandsNotificationsToTheProcedureOfTheirType) {
   NotifyMessage other = notification("other");
   other.head.msg_type = 5;
 
-  server_.send(other);  // nobody takes it
-  run_loop();
+  deliver(other);  // nobody takes it
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification));
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegSyncMsgProc(5, take_request));
   ORP_NOTIYCLT_RegMsgProc(nullptr, take_any_notification);
   server_.send(notification("one"));
-  server_.send(other);
-  run_loop();
+  deliver(other);
   ORP_NOTIFYCLT_RegAsyncMsgProc(kType, nullptr);
-  server_.send(notification("two"));
-  run_loop();
+  deliver(notification("two"));
 
   EXPECT_THAT(g_calls, ElementsAre("async \"one\" null", "any async 5 \"other\" null",
                                    "any async 4660 \"two\" null"));
@@ -424,41 +419,32 @@ TEST_F(NotifyClient, HandsOverOnlyItemsThatLieInTheData) {
 
   for (const auto &[data, length1, length2, call] : kCases) {
     g_calls.clear();
-    server_.send(notification(data, length1, length2));
-    run_loop();
+    deliver(incoming(77, 0, ORP_NOTIFYCLT_REQUEST, data, length1, length2));
     EXPECT_THAT(g_calls, ElementsAre(call)) << data << " " << length1 << " " << length2;
   }
 }
 
 TEST_F(NotifyClient, AnswersRequests) {
   connect();
-  const auto deliver = [&](const NotifyMessage &message) {
-    server_.send(message);
-    run_loop();
-    return server_.has_received() ? server_.receive() : NotifyMessage{};
-  };
-
-  EXPECT_EQ("", deliver(request("nobody")).data);
+  EXPECT_EQ("", answer_to(request("nobody")).data);
   ORP_NOTIYCLT_RegMsgProc(take_any_request, nullptr);
-  EXPECT_EQ("any", deliver(request("who")).data);
+  EXPECT_EQ("any", answer_to(request("who")).data);
   ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
-  const NotifyMessage answer = deliver(request("you"));
-  EXPECT_EQ("answer", answer.data);
-  const uint32_t expected[12] = {kType, 77, kOwnId, kOther, 1, 2, 6, 0, 0, 0, 0, 0};
-  EXPECT_EQ(0, std::memcmp(expected, &answer.head, sizeof expected));
+  expect_message({kType, 77, kOwnId, kOther, 1, 2, 6, 0, 0, 0, 0, 0}, "answer",
+                 answer_to(request("you")));
 
   // The server itself gets no answer.
   NotifyMessage from_server = request("server");
   from_server.head.source_id = 30;
-  EXPECT_EQ(0u, deliver(from_server).head.msg_type);
+  EXPECT_EQ(0u, answer_to(from_server).head.msg_type);
   // Neither does a reply that nobody waits for.
-  EXPECT_EQ(0u, deliver(reply(3, "late")).head.msg_type);
+  EXPECT_EQ(0u, answer_to(reply(3, "late")).head.msg_type);
   EXPECT_THAT(g_calls, ElementsAre("any sync 4660 \"who\"", "sync \"you\"", "sync \"server\"",
                                    "stray \"late\""));
 
   Output output;
   ORP_NOTIFYCLT_RegSyncMsgProc(kType, promise_a_reply);
-  EXPECT_EQ(0u, deliver(request("")).head.msg_type);
+  EXPECT_EQ(0u, answer_to(request("")).head.msg_type);
   EXPECT_THAT(output.text(), HasSubstr("memcpy_s failed, err = 22\n"));
   EXPECT_EQ(ORP_NOTIFYCLT_ERR_ARGUMENT, ORP_NOTIFYCLT_MsgFilterProc(nullptr));
 }
@@ -488,13 +474,10 @@ TEST_F(NotifyClient, TakesEightMebibytesAndRefusesMore) {
   static size_t length;
   ORP_NOTIFYCLT_RegAsyncMsgProc(
       kType, [](void *first, void *) { length = std::strlen(static_cast<char *>(first)); });
-  NotifyMessage too_long = notification("");
-  too_long.head.data_len = 0x800001;
-  const std::string head(reinterpret_cast<const char *>(&too_long.head), sizeof too_long.head);
 
   std::thread sender([&] {
     server_.send(notification(std::string(0x800000, 'x')));
-    server_.send_bytes(head);
+    server_.send_bytes(too_long_head(notification("")));
   });
   Output output;
   while (length == 0) run_loop();
@@ -581,10 +564,8 @@ TEST_F(NotifyClient, GetsTheReplyToItsRequest) {
   EXPECT_EQ(9u, length);
   EXPECT_STREQ("the reply", static_cast<char *>(data));
   std::free(data);
-  const NotifyMessage message = server_.receive();
-  const uint32_t expected[12] = {kType, 2, kOwnId, kOther, 1, 1, 8, 0, 0, 99, 0, 0};
-  EXPECT_EQ(0, std::memcmp(expected, &message.head, sizeof expected));
-  EXPECT_EQ("question", message.data);
+  expect_message({kType, 2, kOwnId, kOther, 1, 1, 8, 0, 0, 99, 0, 0}, "question",
+                 server_.receive());
 
   // Nobody wants the data, and there is none.
   server_.send(reply(3, "unwanted"));
@@ -645,9 +626,7 @@ TEST_F(NotifyClient, ReportsWhyThereIsNoReply) {
   Output output;
 
   EXPECT_EQ(ORP_NOTIFYCLT_ERR_TIMEOUT, ask());
-  NotifyMessage too_long = reply(3, "");
-  too_long.head.data_len = 0x800001;
-  server_.send_bytes(std::string(reinterpret_cast<char *>(&too_long.head), sizeof too_long.head));
+  server_.send_bytes(too_long_head(reply(3, "")));
   EXPECT_EQ(ORP_NOTIFYCLT_ERR_MEMORY, ask());
   server_.send_bytes("short");
   EXPECT_EQ(ORP_NOTIFYCLT_ERR_IO, ask());

@@ -14,6 +14,7 @@
 
 #include "cfmapi.h"
 #include "cfmstore.h"
+#include "support/file.h"
 
 namespace {
 
@@ -63,9 +64,14 @@ std::vector<uint32_t> user_instances() {
   return numbers;
 }
 
-std::string file_bytes(const char *path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+// What CFM_StoreExport hands out.
+std::string exported() {
+  void *block = nullptr;
+  uint32_t size = 0;
+  EXPECT_EQ(CFM_OK, CFM_StoreExport(&block, &size));
+  const std::string image(static_cast<char *>(block), size);
+  std::free(block);
+  return image;
 }
 
 TEST(Store, IsUnavailableUntilSomethingIsDefined) {
@@ -221,15 +227,12 @@ TEST(Store, WalkShowsOneViewAndMayChangeTheStore) {
 
 TEST(Store, ExportsAndImportsImages) {
   seed();
-  void *block;
-  uint32_t size;
-  ASSERT_EQ(CFM_OK, CFM_StoreExport(&block, &size));
-  const std::string image(static_cast<char *>(block), size);
-  std::free(block);
+  const std::string image = exported();
   const uint32_t nine = 9;
   ASSERT_EQ(CFM_OK, ORP_DBSetPara(nullptr, kNumber, &nine, 4));
   ASSERT_EQ(CFM_OK, CFM_StoreRemove(CFM_AREA_PARAMETER, CFM_OBJ_WEB_USER, 1, 0));
 
+  const auto size = static_cast<uint32_t>(image.size());
   EXPECT_EQ(CFM_OK, CFM_StoreCheckImage(image.data(), size));
   EXPECT_EQ(9u, stored_number());
   EXPECT_EQ(CFM_OK, CFM_StoreImport(image.data(), size));
@@ -255,11 +258,7 @@ std::string image_of(const char *sql) {
 
 TEST(Store, RefusesDamagedAndForeignImagesAndStaysAsItWas) {
   seed();
-  void *block;
-  uint32_t size;
-  ASSERT_EQ(CFM_OK, CFM_StoreExport(&block, &size));
-  const std::string image(static_cast<char *>(block), size);
-  std::free(block);
+  const std::string image = exported();
   const std::string marked = "PRAGMA application_id=1128680753; PRAGMA user_version=1;";
   const auto import = [](const std::string &bytes) {
     const uint32_t status = CFM_StoreImport(bytes.data(), static_cast<uint32_t>(bytes.size()));
@@ -268,14 +267,15 @@ TEST(Store, RefusesDamagedAndForeignImagesAndStaysAsItWas) {
     return status;
   };
 
-  EXPECT_EQ(CFM_ERR_DAMAGED, import(""));
-  EXPECT_EQ(CFM_ERR_DAMAGED, import("no database at all, whatever it is, and quite a bit of it"));
-  EXPECT_EQ(CFM_ERR_DAMAGED, import(image.substr(0, image.size() / 2)));
-  EXPECT_EQ(CFM_ERR_DAMAGED, import(image_of("CREATE TABLE other(x)")));
-  EXPECT_EQ(CFM_ERR_DAMAGED, import(image_of(("CREATE TABLE value(x);" + marked).c_str())));
-  EXPECT_EQ(
-      CFM_ERR_DAMAGED,
-      import(image_of(("CREATE TABLE t(x); CREATE VIEW value AS SELECT 1;" + marked).c_str())));
+  const std::string damaged[] = {
+      "",
+      "no database at all, whatever it is, and quite a bit of it",
+      image.substr(0, image.size() / 2),
+      image_of("CREATE TABLE other(x)"),
+      image_of(("CREATE TABLE value(x);" + marked).c_str()),
+      image_of(("CREATE TABLE t(x); CREATE VIEW value AS SELECT 1;" + marked).c_str()),
+  };
+  for (const std::string &each : damaged) EXPECT_EQ(CFM_ERR_DAMAGED, import(each));
   EXPECT_EQ(CFM_ERR_VERSION,
             import(image_of("CREATE TABLE value(x); PRAGMA application_id=1128680753;"
                             "PRAGMA user_version=2")));
@@ -290,7 +290,7 @@ TEST(Store, RefusesDamagedAndForeignImagesAndStaysAsItWas) {
 TEST(Store, ReportsADamagedFileAndForeignOnes) {
   seed();
   ASSERT_EQ(CFM_OK, CFM_StoreSave());
-  std::string bytes = file_bytes(CFM_STORE_PATH);
+  std::string bytes = test::contents(CFM_STORE_PATH);
   ASSERT_GT(bytes.size(), 8192u);
   const auto child_reads = [](const std::string &content) {
     for (const char *suffix : {"", "-wal", "-shm"}) {
@@ -373,12 +373,6 @@ TEST(Store, SurvivesWritersThatAreKilled) {
     const uint32_t zero = 0;
     EXPECT_EQ(CFM_OK, ORP_DBSetPara(nullptr, 0x2001, &zero, 4)) << "no lock is left behind";
   }
-}
-
-TEST(Store, CurrentUserIsTheProcesss) {
-  EXPECT_EQ(0u, ORP_CFM_GetCurrUser());
-  CFM_SetCurrUser(3);
-  EXPECT_EQ(3u, ORP_CFM_GetCurrUser());
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "msgapi/str.h"
+#include "support/file.h"
 
 namespace {
 
@@ -89,11 +90,6 @@ TEST(FindModuleAndFunc, SplitsRequestPaths) {
   EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri(nullptr, module, 5, function, 8));
 }
 
-std::string content_of(const std::string &path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 TEST(CopyFile, CopiesWithoutLettingAShellSeeHostileNames) {
   std::ofstream("/var/source") << "content";
 
@@ -107,7 +103,7 @@ TEST(CopyFile, CopiesWithoutLettingAShellSeeHostileNames) {
   ORP_UTIL_CopyFile(nullptr, "/var/null");
   ORP_UTIL_CopyFile("/var/source", nullptr);
 
-  EXPECT_EQ("content", content_of("/var/target"));
+  EXPECT_EQ("content", test::contents("/var/target"));
   for (const char *path : {"/var/owned", "/var/x", "/var/a", "/var/hostile", "/var/null"}) {
     EXPECT_FALSE(std::filesystem::exists(path)) << path;
   }
