@@ -14,31 +14,28 @@
 
 namespace {
 
-constexpr char kGuideFreeVersion[] = "K7210-402-CUST 10.0.5.1(C233)";
+void define(uint32_t area, uint32_t id, uint32_t type, uint32_t size, const void *value,
+            size_t length, ORP_DB_KEY_ST key = {}) {
+  const CFM_VALUE each = {area, key.ulObject, key.ulInstance, id,
+                          type, size,         value,          static_cast<uint32_t>(length)};
+  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&each, 1, 0));
+}
 
 void define_number(uint32_t id, uint32_t value, ORP_DB_KEY_ST key = {}) {
-  const CFM_VALUE each = {
-      CFM_AREA_PARAMETER, key.ulObject, key.ulInstance, id, CFM_TYPE_NUMBER, 4, &value, 4};
-  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&each, 1, 0));
+  define(CFM_AREA_PARAMETER, id, CFM_TYPE_NUMBER, 4, &value, 4, key);
 }
 
 void define_text(uint32_t id, const char *value, ORP_DB_KEY_ST key = {}, uint32_t size = 68) {
-  const CFM_VALUE each = {
-      CFM_AREA_PARAMETER, key.ulObject, key.ulInstance, id,
-      CFM_TYPE_TEXT,      size,         value,          static_cast<uint32_t>(std::strlen(value))};
-  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&each, 1, 0));
+  define(CFM_AREA_PARAMETER, id, CFM_TYPE_TEXT, size, value, std::strlen(value), key);
 }
 
-void define_version(const char *value) {
-  const CFM_VALUE each = {CFM_AREA_EQUIPMENT, 0,  0,     CFM_EQUIP_SOFTWARE_VERSION,
-                          CFM_TYPE_TEXT,      32, value, static_cast<uint32_t>(std::strlen(value))};
-  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&each, 1, 0));
+void define_version(const std::string &value) {
+  define(CFM_AREA_EQUIPMENT, CFM_EQUIP_SOFTWARE_VERSION, CFM_TYPE_TEXT, 32, value.data(),
+         value.size());
 }
 
 void define_handled(char value) {
-  const CFM_VALUE each = {CFM_AREA_APP_DATA, 0, 0,      CFM_APPDATA_PRIVACY_HANDLED,
-                          CFM_TYPE_BYTES,    1, &value, 1};
-  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&each, 1, 0));
+  define(CFM_AREA_APP_DATA, CFM_APPDATA_PRIVACY_HANDLED, CFM_TYPE_BYTES, 1, &value, 1);
 }
 
 void define_account(uint32_t instance, const char *name, uint32_t level) {
@@ -112,7 +109,7 @@ TEST(Guide, IsSwitchedOffOnTheSpecifiedVersion) {
   EXPECT_EQ(0u, ORP_WEB_IsSpecifiedIniVersion()) << "item cannot be read";
   define_version("K7210-402-CUST 10.0.5.1(C233");
   EXPECT_EQ(0u, ORP_WEB_IsSpecifiedIniVersion());
-  define_version((std::string(kGuideFreeVersion) + "SP").c_str());
+  define_version("K7210-402-CUST 10.0.5.1(C233)SP");
   EXPECT_EQ(1u, ORP_WEB_IsSpecifiedIniVersion());
 
   EXPECT_EQ(0u, ORP_WEB_IsSkipCheckPwd());

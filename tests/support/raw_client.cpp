@@ -1,8 +1,6 @@
 #include "support/raw_client.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,12 +11,14 @@
 #include <cstring>
 #include <utility>
 
+#include "support/network.h"
+
 namespace test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-bool wait_until(int fd, short events, int timeout_ms) {
+bool ready(int fd, short events, int timeout_ms) {
   pollfd entry{.fd = fd, .events = events, .revents = 0};
   return ::poll(&entry, 1, timeout_ms) == 1;
 }
@@ -57,11 +57,8 @@ RawClient::RawClient(const std::string &name, Register how, const std::string &s
 
 RawClient::RawClient(const std::string &name, uint16_t port)
     : name_(name), fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(0, ::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address));
+  const sockaddr_in address = loopback(port);
+  EXPECT_EQ(0, ::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address));
   EXPECT_TRUE(enter());
 }
 
@@ -92,19 +89,8 @@ bool RawClient::send_bytes(std::string_view bytes) {
   return true;
 }
 
-size_t RawClient::send_some(std::string_view bytes) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
-    const ssize_t count =
-        ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count < 0) break;
-    sent += static_cast<size_t>(count);
-  }
-  return sent;
-}
-
 std::optional<RawFrame> RawClient::receive(int timeout_ms) {
-  if (!wait_until(fd_, POLLIN, timeout_ms)) return std::nullopt;
+  if (!ready(fd_, POLLIN, timeout_ms)) return std::nullopt;
   ORP_MSG_HEADER_ST header;
   const ssize_t count = ::read(fd_, &header, sizeof header);
   if (count <= 0) return std::nullopt;
@@ -125,7 +111,7 @@ std::optional<RawFrame> RawClient::receive(int timeout_ms) {
 std::string RawClient::receive_bytes(size_t count, int timeout_ms) {
   std::string bytes(count, '\0');
   size_t have = 0;
-  while (have < count && wait_until(fd_, POLLIN, timeout_ms)) {
+  while (have < count && ready(fd_, POLLIN, timeout_ms)) {
     const ssize_t got = ::read(fd_, bytes.data() + have, count - have);
     if (got <= 0) break;
     have += static_cast<size_t>(got);
@@ -148,7 +134,7 @@ bool RawClient::closed(int timeout_ms) {
   for (;;) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (!wait_until(fd_, POLLIN, static_cast<int>(std::max<int64_t>(left, 0)))) return false;
+    if (!ready(fd_, POLLIN, static_cast<int>(std::max<int64_t>(left, 0)))) return false;
     if (::read(fd_, dropped, sizeof dropped) <= 0) return true;
   }
 }

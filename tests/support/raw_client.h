@@ -38,7 +38,6 @@ class RawClient {
   int fd() const { return fd_; }
   const std::string &name() const { return name_; }
   bool swapped() const { return swapped_; }
-  void set_swapped(bool swapped) { swapped_ = swapped; }
 
   // Registers the name, takes the byte order from the reply and returns it.
   std::optional<RawFrame> enter();
@@ -46,8 +45,6 @@ class RawClient {
   // Blocks until everything is written; false when the server has closed.
   bool send(const RawFrame &frame) { return send_bytes(frame.bytes(name_, swapped_)); }
   bool send_bytes(std::string_view bytes);
-  // As many bytes as go without blocking.
-  size_t send_some(std::string_view bytes);
 
   // The next frame; none when nothing (more) comes for `timeout_ms`, or the server has closed.
   // The header is read with a single read, which must bring all of it.

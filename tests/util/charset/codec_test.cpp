@@ -25,15 +25,16 @@ struct Output {
 
 struct Encoded {
   uint32_t status;
-  uint32_t size;
   std::string text;
 };
 
-Encoded to_utf8(const Units &units, uint32_t capacity) {
+Encoded to_utf8(const Units &units, uint32_t capacity = 3000) {
   Output<char> out(capacity);
   const uint32_t status =
       CL_Ucs2ToUtf8(units.data(), static_cast<uint32_t>(units.size()), out.units.get(), &out.size);
-  return {status, out.size, std::string(out.units.get(), strnlen(out.units.get(), capacity))};
+  const std::string text(out.units.get(), strnlen(out.units.get(), capacity));
+  EXPECT_TRUE(out.size == text.size() || units.size() > capacity);
+  return {status, text};
 }
 
 struct Decoded {
@@ -50,28 +51,33 @@ Decoded to_ucs2(const std::string &text, uint32_t capacity) {
           out.size < capacity && out.units[out.size] == 0};
 }
 
-TEST(Ucs2ToUtf8, EncodesEachUnitByItself) {
-  EXPECT_EQ("A\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xe4\xb8\xad\xef\xbf\xbf",
-            to_utf8({'A', 0x7F, 0x80, 0x7FF, 0x800, 0x4E2D, 0xFFFF}, 100).text);
-  EXPECT_EQ("\xed\xa0\x81\xed\xb0\x80", to_utf8({0xD801, 0xDC00}, 100).text);
-  const Encoded stopped = to_utf8({'a', 0, 'b'}, 100);
-  EXPECT_EQ(CL_OK, stopped.status);
-  EXPECT_EQ(1u, stopped.size);
-}
+TEST(Ucs2ToUtf8, EncodesEachUnitAndKeepsRoomForTheNul) {
+  const struct {
+    const char *why;
+    Units units;
+    uint32_t capacity, status;
+    const char *text;
+  } kCases[] = {
+      {"boundaries",
+       {0x7F, 0x80, 0x7FF, 0x800, 0xFFFF},
+       100,
+       CL_OK,
+       "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf"},
+      {"surrogates by themselves", {0xD801, 0xDC00}, 100, CL_OK, "\xed\xa0\x81\xed\xb0\x80"},
+      {"stops at a zero", {'a', 0, 'b'}, 100, CL_OK, "a"},
+      {"exact room", {0x4E2D}, 4, CL_OK, "\xe4\xb8\xad"},
+      {"no room for the NUL", {0x4E2D}, 3, CL_ERR_ROOM, ""},
+      {"whole characters only", {'a', 0x4E2D, 0x4E2D}, 6, CL_ERR_ROOM, "a\xe4\xb8\xad"},
+      {"as many units as bytes", {'a', 'b', 'c'}, 3, CL_ERR_ROOM, "ab"},
+      {"more units than bytes are refused before", {'a', 0, 0, 0}, 3, CL_ERR_ROOM, "ooo"},
+  };
 
-TEST(Ucs2ToUtf8, AlwaysKeepsRoomForTheNul) {
-  EXPECT_EQ(CL_OK, to_utf8({0x4E2D}, 4).status);
-  const Encoded none = to_utf8({0x4E2D}, 3);
-  EXPECT_EQ(CL_ERR_ROOM, none.status);
-  EXPECT_EQ(0u, none.size);
-  EXPECT_EQ("", none.text);
-  const Encoded whole = to_utf8({'a', 0x4E2D, 0x4E2D}, 6);
-  EXPECT_EQ(CL_ERR_ROOM, whole.status);
-  EXPECT_EQ(4u, whole.size);
-  EXPECT_EQ("a\xe4\xb8\xad", whole.text);
-  EXPECT_EQ(CL_ERR_ROOM, to_utf8({'a', 'b', 'c'}, 3).status);
-  // More units than bytes are refused before anything is written.
-  EXPECT_EQ("ooo", to_utf8({'a', 0, 0, 0}, 3).text);
+  for (const auto &expected : kCases) {
+    SCOPED_TRACE(expected.why);
+    const Encoded encoded = to_utf8(expected.units, expected.capacity);
+    EXPECT_EQ(expected.status, encoded.status);
+    EXPECT_EQ(expected.text, encoded.text);
+  }
 }
 
 TEST(Ucs2ToUtf8, ByLengthConvertsWhatFits) {
@@ -84,10 +90,7 @@ TEST(Ucs2ToUtf8, ByLengthConvertsWhatFits) {
   }
   char text[8];
   EXPECT_EQ(CL_OK, cl_ucs2ToUTF8ByLen(units.data(), 5, text, 8));
-  EXPECT_STREQ(
-      "a\u4e2d"
-      "bcd",
-      text);
+  EXPECT_STREQ("a\xe4\xb8\xad\x62\x63\x64", text);
   EXPECT_EQ(CL_ERR_ROOM, CL_Ucs2ToUtf8ByLen(units.data(), 5, text, 0));
   EXPECT_EQ(CL_ERR_ARGUMENT, CL_Ucs2ToUtf8ByLen(units.data(), 0, text, 8));
 }
@@ -103,32 +106,15 @@ const Units kEight = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
 
 const DecodeCase kDecodes[] = {
     {"all lengths", "A\xc2\x80\xe4\xb8\xad", CL_OK, {'A', 0x80, 0x4E2D}},
-    {"longer sequences keep 16 bits",
-     "\xf0\x9f\x98\x80\xf8\x88\x80\x80\x81\xfc\x84\x80\x80\x80\x82",
-     CL_OK,
-     {0xF600, 1, 2}},
-    {"stops at a zero byte", std::string("a\0b", 3), CL_OK, {'a'}},
-    {"stops at a zero byte after many", std::string("abcdefgh\0bcdefghi", 17), CL_OK, kEight},
-    {"continuation bytes are not checked",
-     "\xe4"
-     "AB!",
-     CL_OK,
-     {0x4042, '!'}},
-    {"an overlong zero does not stop",
-     "\xc0\x80"
-     "a",
-     CL_OK,
-     {0, 'a'}},
+    {"longer sequences keep 16 bits", "\xf0\x9f\x98\x80\xf8\x88\x80\x80\x81", CL_OK, {0xF600, 1}},
+    {"six bytes", "\xfc\x84\x80\x80\x80\x82", CL_OK, {2}},
+    {"stops at a zero byte", {"a\0b", 3}, CL_OK, {'a'}},
+    {"stops at a zero byte after many", {"abcdefgh\0bcdefghi", 17}, CL_OK, kEight},
+    {"continuation bytes are not checked", "\xe4\x41\x42!", CL_OK, {0x4042, '!'}},
+    {"an overlong zero does not stop", "\xc0\x80!", CL_OK, {0, '!'}},
     {"continuation byte first", "\x80", CL_ERR_UTF8, {}},
-    {"continuation byte later",
-     "ab\xbf"
-     "c",
-     CL_ERR_UTF8,
-     {'a', 'b'}},
-    {"continuation byte after many",
-     "abcdefgh\xbf"
-     "cdefghijkl",
-     CL_ERR_UTF8, kEight},
+    {"continuation byte later", "ab\xbf!", CL_ERR_UTF8, {'a', 'b'}},
+    {"continuation byte after many", "abcdefgh\xbf, and more", CL_ERR_UTF8, kEight},
     {"0xFE", "a\xfe", CL_ERR_UTF8, {'a'}},
     {"cut short", "a\xe4\xb8", CL_ERR_UTF8, {'a'}},
 };
@@ -172,7 +158,7 @@ TEST(Utf8, AgreesWithIconvBothWays) {
 
   for (size_t round = 0; round < 500; ++round) {
     const Units units = random_units(&random, 1 + round);
-    const Encoded encoded = to_utf8(units, static_cast<uint32_t>(3 * units.size() + 1));
+    const Encoded encoded = to_utf8(units);
     ASSERT_EQ(CL_OK, encoded.status);
 
     Units expected(units.size());
@@ -299,17 +285,12 @@ template <typename In, typename Out>
 void expect_argument_rule(uint32_t (*codec)(const In *, uint32_t, Out *, uint32_t *)) {
   const In in[2] = {};
   Out out[8];
-  uint32_t size = 8;
-  EXPECT_EQ(CL_ERR_ARGUMENT, codec(nullptr, 1, out, &size));
-  EXPECT_EQ(0u, size);
-  size = 8;
-  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 1, nullptr, &size));
-  EXPECT_EQ(0u, size);
-  size = 8;
-  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 0, out, &size));
-  EXPECT_EQ(0u, size);
+  uint32_t sizes[] = {8, 8, 8}, size = 8;
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(nullptr, 1, out, &sizes[0]));
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 1, nullptr, &sizes[1]));
+  EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 0, out, &sizes[2]));
+  for (const uint32_t each : sizes) EXPECT_EQ(0u, each);
   EXPECT_EQ(CL_ERR_ARGUMENT, codec(in, 1, out, nullptr));
-  size = 8;
   EXPECT_EQ(CL_OK, codec(in, 1, out, &size));
 }
 

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "msgapi/status.h"
@@ -55,21 +56,11 @@ TEST(TimeFormat, ReadsDatesWithAndWithoutDashes) {
        {"2021-06-04T10:11:12", "20210604T10:11:12", "2021-06-04T10:11:12Z", "2021-06-04T10:11:12.Z",
         "2021-06-04T10:11:12.123Z", "2021-06-04T10:11:12.123+08:00", "2021-06-04T10:11:12-08:00",
         "2021-06-04T10:11:12.5-0:Z", "2021-06-04T10:11:12.5-08.30"}) {
+    const DateTime expected = {2021, 6, 4, 10, 11, 12};
     DateTime at{};
     EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck(text, &at)) << text;
-    EXPECT_EQ(2021u, at.ulYear);
-    EXPECT_EQ(6u, at.ulMonth);
-    EXPECT_EQ(4u, at.ulDay);
-    EXPECT_EQ(10u, at.ulHour);
-    EXPECT_EQ(11u, at.ulMinute);
-    EXPECT_EQ(12u, at.ulSecond);
+    EXPECT_EQ(0, std::memcmp(&expected, &at, sizeof at)) << text;
   }
-}
-
-TEST(TimeFormat, ChecksNoRanges) {
-  DateTime at{};
-  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("0000-99-99T99:99:99", &at));
-  EXPECT_EQ(99u, at.ulSecond);
 }
 
 TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
@@ -111,71 +102,73 @@ TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
   }
 }
 
-TEST(TimeFormat, AcceptsAnEmptyTextAndFillsNothing) {
+TEST(TimeFormat, ChecksNoRangesAndAcceptsAnEmptyText) {
   DateTime at = {7, 7, 7, 7, 7, 7};
   EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("", &at));
   EXPECT_EQ(7u, at.ulSecond);
+  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("0000-99-99T99:99:99", &at));
+  EXPECT_EQ(99u, at.ulSecond);
   EXPECT_EQ(1u, ORP_UTIL_UCTTimeFormatCheck(nullptr, &at));
   EXPECT_EQ(1u, ORP_UTIL_UCTTimeFormatCheck("2021-06-04T10:00:00", nullptr));
 }
 
-struct Difference {
-  uint32_t status;
-  uint32_t seconds = 12345;
-  uint32_t order = 9;
-};
+TEST(TimeDifference, IsInSecondsWithinItsBounds) {
+  constexpr uint32_t kUnwritten = 12345;
+  const struct {
+    const char *first, *second;
+    uint32_t seconds, order;
+    const char *why;
+  } kCases[] = {
+      {"2021-06-04T10:00:00", "2021-06-04T10:00:01", kUnwritten, 0, "years of our era"},
+      {"2021-06-04T10:00:01", "2021-06-04T10:00:00", kUnwritten, 1, "years of our era"},
+      {"2021-06-04T10:00:00", "2021-02-29T10:00:00", kUnwritten, 1, "the second is not checked"},
+      {"0100-02-28T00:00:00", "0100-03-01T01:01:01", 86400 + 3661, 0, "no leap year"},
+      {"0004-02-28T00:00:00", "0004-03-01T00:00:00", 2 * 86400, 0, "leap year"},
+      {"0002-01-01T00:00:00", "0001-12-31T23:59:59", 1, 1, "backwards"},
+      // Day 49710 of the calendar is 6 February of 137; 2^32 seconds end on it at 06:28:16.
+      {"0137-02-06T06:28:14", "0137-02-06T06:28:15", 1, 0, "the last second"},
+      {"0137-02-06T06:28:14", "0137-02-06T06:28:16", kUnwritten, 0, "behind it"},
+      {"0137-02-06T00:00:00", "0137-02-07T00:00:00", kUnwritten, 0, "the day behind it"},
+      {"0061-01-01T00:00:00", "0010-01-01T00:00:00", kUnwritten, 0, "51 years"},
+      {"0060-01-01T00:00:00", "0010-01-01T00:00:00", 50 * 365 * 86400 + 12 * 86400, 1, "50 years"},
+  };
 
-Difference difference(const char *first, const char *second) {
-  Difference result;
-  result.status = ORP_UTIL_GetDifTime(first, second, &result.seconds, &result.order);
-  return result;
-}
+  for (const auto &each : kCases) {
+    uint32_t seconds = kUnwritten, order = 9;
+    EXPECT_EQ(0u, ORP_UTIL_GetDifTime(each.first, each.second, &seconds, &order)) << each.why;
+    EXPECT_EQ(each.seconds, seconds) << each.why;
+    EXPECT_EQ(each.order, order) << each.why;
+  }
 
-TEST(TimeDifference, LeavesSecondsUnwrittenForYearsOfOurEra) {
-  const Difference result = difference("2021-06-04T10:00:00", "2021-06-04T10:00:01");
-
-  EXPECT_EQ(0u, result.status);
-  EXPECT_EQ(0u, result.order);
-  EXPECT_EQ(12345u, result.seconds);
-  EXPECT_EQ(1u, difference("2021-06-04T10:00:01", "2021-06-04T10:00:00").order);
-}
-
-TEST(TimeDifference, CountsSecondsWithinTheBound) {
-  EXPECT_EQ(86400u + 3661u, difference("0100-02-28T00:00:00", "0100-03-01T01:01:01").seconds);
-  EXPECT_EQ(2 * 86400u, difference("0004-02-28T00:00:00", "0004-03-01T00:00:00").seconds);
-  const Difference backwards = difference("0002-01-01T00:00:00", "0001-12-31T23:59:59");
-  EXPECT_EQ(1u, backwards.seconds);
-  EXPECT_EQ(1u, backwards.order);
-  // Day 49710 of the calendar is 6 February of 137; 2^32 seconds end on it at 06:28:16.
-  EXPECT_EQ(1u, difference("0137-02-06T06:28:14", "0137-02-06T06:28:15").seconds);
-  EXPECT_EQ(12345u, difference("0137-02-06T06:28:14", "0137-02-06T06:28:16").seconds);
-  EXPECT_EQ(12345u, difference("0137-02-06T00:00:00", "0137-02-07T00:00:00").seconds);
-}
-
-TEST(TimeDifference, ReportsEqualAndDistantTimesAsOrder0) {
-  testing::internal::CaptureStdout();
-  const Difference same = difference("0100-01-01T00:00:00", "0100-01-01T00:00:00");
-  EXPECT_EQ("\nThe two times are the same.", testing::internal::GetCapturedStdout());
-  EXPECT_EQ(0u, same.order);
-  EXPECT_EQ(12345u, same.seconds);
-
-  const Difference distant = difference("0061-01-01T00:00:00", "0010-01-01T00:00:00");
-  EXPECT_EQ(0u, distant.status);
-  EXPECT_EQ(0u, distant.order);
-  EXPECT_EQ(12345u, distant.seconds);
-  EXPECT_EQ(1u, difference("0060-01-01T00:00:00", "0010-01-01T00:00:00").order);
+  uint32_t seconds = kUnwritten, order = 9;
+  const char *const kSame = "0100-01-01T00:00:00";
+  EXPECT_EQ(std::pair(0u, std::string("\nThe two times are the same.")),
+            printed([&] { return ORP_UTIL_GetDifTime(kSame, kSame, &seconds, &order); }));
+  EXPECT_EQ(0u, order);
+  EXPECT_EQ(kUnwritten, seconds);
 }
 
 TEST(TimeDifference, WritesNothingForWhatItCannotRead) {
-  EXPECT_EQ(1u, difference("2021-06-04", "2021-06-04T10:00:00").status);
-  EXPECT_EQ(9u, difference("2021-06-04T10:00:00", "2021-06-04").order);
-  EXPECT_EQ(1u, difference("2021-02-29T10:00:00", "2021-06-04T10:00:00").status);
-  EXPECT_EQ(1u, difference("", "2021-06-04T10:00:00").status);
-  EXPECT_EQ(0u, difference("2021-06-04T10:00:00", "2021-02-29T10:00:00").status) << "not checked";
-  EXPECT_EQ(ORP_ERR_ARGUMENT, difference(std::string(44, 'x').c_str(), "").status);
+  const std::string too_long(44, 'x');
+  const struct {
+    const char *first, *second;
+    uint32_t status;
+  } kCases[] = {
+      {"2021-06-04", "2021-06-04T10:00:00", 1},
+      {"2021-06-04T10:00:00", "2021-06-04", 1},
+      {"2021-02-29T10:00:00", "2021-06-04T10:00:00", 1},
+      {"", "2021-06-04T10:00:00", 1},
+      {too_long.c_str(), "", ORP_ERR_ARGUMENT},
+      {nullptr, "", 1},
+      {"", nullptr, 1},
+  };
+  for (const auto &[first, second, status] : kCases) {
+    uint32_t seconds = 7, order = 9;
+    EXPECT_EQ(status, ORP_UTIL_GetDifTime(first, second, &seconds, &order));
+    EXPECT_EQ(7u, seconds);
+    EXPECT_EQ(9u, order);
+  }
   uint32_t word;
-  EXPECT_EQ(1u, ORP_UTIL_GetDifTime(nullptr, "", &word, &word));
-  EXPECT_EQ(1u, ORP_UTIL_GetDifTime("", nullptr, &word, &word));
   EXPECT_EQ(1u, ORP_UTIL_GetDifTime("", "", nullptr, &word));
   EXPECT_EQ(1u, ORP_UTIL_GetDifTime("", "", &word, nullptr));
 }
