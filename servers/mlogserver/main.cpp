@@ -81,7 +81,7 @@ void run(const Options &options) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   CLI::App app("The log server: keeps every module's lines in a ring file of its own.");
   Options options;
   app.add_option("--config", options.config_file,
@@ -92,11 +92,9 @@ int main(int argc, char **argv) {
 
   servers::set_log_name("mlogserver");
   ::umask(0027);
-  try {
-    run(options);
-    return EXIT_SUCCESS;
-  } catch (const std::exception &error) {
-    servers::log_line("{}", error.what());
-    return EXIT_FAILURE;
-  }
+  run(options);
+  return EXIT_SUCCESS;
+} catch (const std::exception &error) {
+  servers::log_line("{}", error.what());
+  return EXIT_FAILURE;
 }

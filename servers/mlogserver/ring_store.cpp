@@ -27,7 +27,7 @@ using std::chrono::steady_clock;
 constexpr const char *kOther = "other";
 constexpr std::chrono::seconds kRetryAfter(1);
 // What must be free before writing is tried again.
-constexpr uint64_t kRoom = 64 * 1024;
+constexpr uint64_t kRoom = 65536;
 
 std::string notice(const std::string &module, uint64_t lost) {
   timespec now{};

@@ -18,7 +18,7 @@
 namespace mlogserver {
 namespace {
 
-constexpr const char *kSocketPath = MLOG_IPC_PATH MLOG_SERVER_NAME;
+constexpr char kSocketPath[] = MLOG_IPC_PATH MLOG_SERVER_NAME;
 constexpr const char *kInboxPath = MLOG_IPC_PATH MLOG_SERVER_NAME ".inbox";
 constexpr size_t kMaxStatistics = 256;
 constexpr int kMaxBatches = 1000;
@@ -33,7 +33,7 @@ servers::UniqueFd open_socket() {
 
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, kSocketPath);
+  std::memcpy(address.sun_path, kSocketPath, sizeof kSocketPath);
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
 
   // Only a socket that somebody reads can be connected to.

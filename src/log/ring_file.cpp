@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/memory.h"
 #include "base/text.h"
@@ -111,15 +112,11 @@ bool create_fresh(MlogFile *file, const char *path) {
   } else {
     path = canonical;
   }
-  os::UniqueFile stream = open_stream(path, "w+e");
-  if (!stream) return false;
-  file->stream = stream.get();
-  if (!write_header(*file)) {
-    file->stream = nullptr;
-    return false;
-  }
-  stream.release();
-  return true;
+  file->stream = open_stream(path, "w+e").release();
+  if (file->stream == nullptr) return false;
+  if (write_header(*file)) return true;
+  os::UniqueFile(std::exchange(file->stream, nullptr)).reset();
+  return false;
 }
 
 bool open_existing(MlogFile *file, const char *path, uint32_t max_size) {

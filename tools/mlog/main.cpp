@@ -253,7 +253,7 @@ void add_filters(CLI::App *command, Options *options) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   CLI::App app("Reads the log files of mlogserver and talks to the server.");
   app.require_subcommand(1);
   Options options;
@@ -286,12 +286,9 @@ int main(int argc, char **argv) {
   command->callback(
       [&] { check_answer(MlogSetStatInfo(options.module.c_str(), options.text.c_str())); });
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error);
-  } catch (const std::exception &error) {
-    complain(error.what());
-  }
+  CLI11_PARSE(app, argc, argv);
   return g_complaints == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+} catch (const std::exception &error) {
+  std::fprintf(stderr, "mlog: %s\n", error.what());
+  return EXIT_FAILURE;
 }
