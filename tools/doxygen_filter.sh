@@ -1,14 +1,18 @@
 #!/bin/sh
 # doxygen_filter.sh HEADER: the header with its comments marked for Doxygen. The headers themselves
-# stay plain C: the comment at the top describes the file, one in front of a declaration describes
-# it and what follows it without an empty line, one behind a field or value what stands before it.
+# stay plain C: the comment at the top describes the file, one in front of a declaration or on a line
+# of its own in a record describes what follows it up to the next empty line, comment or brace, one
+# behind a field or value what stands before it. Section headings ("---- ") stay as they are.
 awk '
   function close_group() { if (grouped) print "///@}"; grouped = 0 }
+  function close_fields() { if (fields) print "///@}"; fields = 0 }
 
   NR == 1 && /^\/\*/ { sub(/^\/\*/, "/** @file\n"); print; next }
-  /^\/\* ---- / { close_group(); print ""; next }
+  /^\/\* ---- / { close_group(); print; next }
   /^#(if|ifn?def|else|endif|include)/ { close_group(); print; next }
-  /^$/ { close_group(); print; next }
+  /^$/ { close_fields(); if (!record) close_group(); print; next }
+  /^}/ { close_fields(); record = 0 }
+  /{$/ { record = 1 }
   /^\/\*/ {
     close_group()
     sub(/\/\*/, "/**")
@@ -18,7 +22,7 @@ awk '
     next
   }
   heading && /\*\/$/ { print; print "///@{"; grouped = 1; heading = 0; next }
-  /^ *\/\*/ { sub(/\/\*/, "/**"); print; next }
+  /^ *\/\*.*\*\/$/ { close_fields(); sub(/\/\*/, "/**"); print; print "///@{"; fields = 1; next }
   /\/\*/ { sub(/\/\*/, "/**<"); print; next }
   { print }
   END { close_group() }

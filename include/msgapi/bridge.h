@@ -26,18 +26,20 @@
 
 /* Where an address was learnt; 43 bytes. Texts are NUL-terminated. */
 typedef struct ORP_UTIL_BR_FDB_ST {
-  uint8_t ucPort; /* the low 8 bits of the port's number in its bridge */
-  char aucMac[18];
-  char aucIfName[ORP_IF_NAME_SIZE];
-  char aucLocal[8]; /* "yes" for the port's own address, else "no" */
+  uint8_t ucPort;                   /* the low 8 bits of the port's number in its bridge */
+  char aucMac[18];                  /* "00:11:22:33:44:55" */
+  char aucIfName[ORP_IF_NAME_SIZE]; /* the interface behind the port */
+  char aucLocal[8];                 /* "yes" for the port's own address, else "no" */
 } ORP_UTIL_BR_FDB_ST;
 
 /* The traffic counters of an interface; every counter wraps at 2^32. */
 typedef struct ORP_UTIL_IFC_STAT_ST {
+  /* What the interface received: bytes, packets, bad packets, packets it had no room for. */
   uint32_t ulRxBytes;
   uint32_t ulRxPackets;
   uint32_t ulRxErrors;
   uint32_t ulRxDrops;
+  /* What it sent, and what it failed to send, likewise. */
   uint32_t ulTxBytes;
   uint32_t ulTxPackets;
   uint32_t ulTxErrors;

@@ -16,6 +16,7 @@
  * beyond the capacity is written. Each codec has a second name with the same arguments.
  */
 
+/* Statuses of the codecs. */
 #define CL_OK 0u
 #define CL_ERR_ARGUMENT 1u /* a required argument is NULL or a length is 0 */
 #define CL_ERR_UTF8 4u     /* a byte that begins no sequence, or a sequence cut short */
@@ -117,25 +118,31 @@ MSGAPI_EXPORT uint32_t cl_stringToNumeric(const char *text, uint32_t count, uint
  * the like for outputEncoding).
  */
 
+/* The conversion device: its file and its one request, which names encodings in fields of
+ * ORP_NLS_NAME_SIZE bytes. */
 #define ORP_NLS_DEVICE "/proc/convert"
 #define ORP_NLS_DEVICE_REQUEST 0xC018470Au /* the ioctl number of an ORP_NLS_REQUEST_ST */
 #define ORP_NLS_NAME_SIZE 32
 
+/* ulOperation: convert, or only tell the length of the result. */
 #define ORP_NLS_CONVERT 0u
 #define ORP_NLS_MEASURE 1u
 
 /* What the device takes, in native byte order; 88 bytes on 32-bit targets. */
 typedef struct ORP_NLS_REQUEST_ST {
-  uint32_t ulOperation; /* ORP_NLS_CONVERT or ORP_NLS_MEASURE */
-  uint32_t ulUnclean;   /* set by the device: the input held what it could not convert cleanly */
-  const void *pvInput;
+  uint32_t ulOperation;   /* ORP_NLS_CONVERT or ORP_NLS_MEASURE */
+  uint32_t ulUnclean;     /* set by the device: the input held what it could not convert cleanly */
+  const void *pvInput;    /* the text to convert */
   uint32_t ulInputLength; /* bytes */
+  /* Names of the encodings, NUL-terminated. */
   char aucInputEncoding[ORP_NLS_NAME_SIZE];
   char aucOutputEncoding[ORP_NLS_NAME_SIZE];
+
   uint32_t ulOutputLength; /* bytes; returned by measure, given to convert */
   void *pvOutput;          /* convert only */
 } ORP_NLS_REQUEST_ST;
 
+/* What ORP_NLS_ConvertGetLength returns when the length cannot be told. */
 #define ORP_NLS_NO_LENGTH 0xFFFFFFFFu
 
 /*

@@ -18,6 +18,7 @@
 
 #include "msgapi/export.h"
 
+/* The message type of what ORP_DMMSG_Builder makes, and the first word of every DM body. */
 #define ORP_DMMSG_TYPE 0x209u
 #define ORP_DMMSG_MAGIC 0xFEBFu
 
@@ -28,7 +29,7 @@
 
 /* An item as the reader hands it out; its pointers point into the body. */
 typedef struct ORP_DMMSG_ITEM_ST {
-  uint32_t ulType;
+  uint32_t ulType;     /* the sender's word; the library gives it no meaning */
   uint32_t ulNameLen;  /* with the NUL; 0 without a name */
   uint32_t ulValueLen; /* bytes at pValue; texts are stored with their NUL, but need not be */
   const char *pcName;  /* null without a name */

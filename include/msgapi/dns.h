@@ -21,10 +21,12 @@
 
 #include "msgapi/export.h"
 
+/* Statuses of this family. */
 #define ORP_DNS_OK 0u
 #define ORP_DNS_ERR_ARGUMENT 0x360000u  /* bad argument or unusable input text */
 #define ORP_DNS_ERR_MALFORMED 0x360009u /* out of bounds, bad label or pointer, chain too long */
 
+/* Room for every name as dotted text with its NUL. */
 #define ORP_DNS_NAME_SIZE 256
 
 /* A DNS message with its length, in one block: ulLength bytes of message, the 12-byte header first,

@@ -13,6 +13,8 @@
 
 #include "msgapi/export.h"
 
+/* What the server is to do: listen in the application's place and start it when there is traffic,
+ * stop it and listen no more, or end it and start it at once. */
 #define ORP_DYNAPP_ON 0u
 #define ORP_DYNAPP_OFF 1u
 #define ORP_DYNAPP_RESTART 2u

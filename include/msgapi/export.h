@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+/* Linkage of C in C++, nothing in C. */
 #ifdef __cplusplus
 #define MSGAPI_EXTERN_C extern "C"
 #else
@@ -35,8 +36,8 @@ typedef uintptr_t ORP_WORD;
 
 /* A moment or span of the monotonic clock. */
 typedef struct ORP_TIME_ST {
-  int32_t seconds;
-  int32_t microseconds;
+  int32_t seconds;      /* since an unspecified start, or of the span */
+  int32_t microseconds; /* 0 to 999999 */
 } ORP_TIME_ST;
 
 #endif

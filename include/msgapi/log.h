@@ -31,6 +31,7 @@
 #define MLOG_TYPE_GET_STAT 4u /* payload: MlogStat; the reply is the same with its info filled */
 #define MLOG_TYPE_FLUSH 10u   /* no payload; the reply is a head without payload */
 
+/* Bytes of a datagram: payload at most, and the head (type and length). */
 #define MLOG_MAX_PAYLOAD 1016u
 #define MLOG_HEAD_SIZE 8u
 
@@ -41,15 +42,15 @@
 
 /* One datagram, 8 + length bytes of it; both numbers in host byte order. */
 typedef struct MlogMsg {
-  uint32_t type;
-  uint32_t length; /* payload bytes */
-  char payload[MLOG_MAX_PAYLOAD];
+  uint32_t type;                  /* MLOG_TYPE_* */
+  uint32_t length;                /* payload bytes */
+  char payload[MLOG_MAX_PAYLOAD]; /* what the type says, not terminated by itself */
 } MlogMsg;
 
 /* Payload of the statistics messages. Both texts are NUL-terminated. */
 typedef struct MlogStat {
-  char module[256];
-  char info[256];
+  char module[256];  /* whose statistics */
+  char info[256];    /* their text */
   uint32_t reserved; /* 0; counted by the length field, which is 516 */
 } MlogStat;
 

@@ -9,12 +9,15 @@
 
 #include "msgapi/export.h"
 
+/* Message types of the service. */
 #define ORP_LCTRL_MSG_LOGIN 0x2cf01u
 #define ORP_LCTRL_MSG_CHECK 0x2cf02u
 #define ORP_LCTRL_MSG_SET_MAX_FAILED 0x2cf03u
 #define ORP_LCTRL_MSG_CLEAR_FORBIDDEN 0x2cf04u
 #define ORP_LCTRL_MSG_GET_ROUND 0x2cf05u
 
+/* Bytes of the records that travel: a login or check and its result, a limit, a query and its
+ * answer. msgapi/login_records.h has those of the reference service. */
 #define ORP_LCTRL_REQUEST_SIZE 200u
 #define ORP_LCTRL_RESULT_SIZE 20u
 #define ORP_LCTRL_LIMIT_SIZE 8u

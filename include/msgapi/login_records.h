@@ -14,6 +14,7 @@
 
 #include <stdint.h>
 
+/* A text field: at most 63 characters and the NUL. */
 #define ORP_LCTRL_TEXT_SIZE 64
 
 /* ulOutcome of a login attempt. */
@@ -22,11 +23,11 @@
 
 /* ORP_LCTRLAPI_Login: how an attempt ended. ORP_LCTRLAPI_Check: who wants to try. */
 typedef struct ORP_LCTRL_REQUEST_ST {
-  uint32_t ulOutcome; /* ORP_LCTRL_FAILED or ORP_LCTRL_SUCCEEDED; a check ignores it */
-  uint32_t ulReserved;
+  uint32_t ulOutcome;  /* ORP_LCTRL_FAILED or ORP_LCTRL_SUCCEEDED; a check ignores it */
+  uint32_t ulReserved; /* 0 */
   char aucClient[ORP_LCTRL_TEXT_SIZE];  /* the client's address as text */
   char aucAccount[ORP_LCTRL_TEXT_SIZE]; /* the account's name */
-  uint8_t aucReserved[64];
+  uint8_t aucReserved[64];              /* 0 */
 } ORP_LCTRL_REQUEST_ST;
 
 /* ulVerdict. */
@@ -35,7 +36,7 @@ typedef struct ORP_LCTRL_REQUEST_ST {
 
 /* The answer to both: how things stand now. An attempt while forbidden is answered, not counted. */
 typedef struct ORP_LCTRL_RESULT_ST {
-  uint32_t ulVerdict;
+  uint32_t ulVerdict;       /* ORP_LCTRL_ALLOWED or ORP_LCTRL_FORBIDDEN */
   uint32_t ulFailedTimes;   /* since the last success or round */
   uint32_t ulTimesLeft;     /* failures until the client is forbidden */
   uint32_t ulForbiddenTime; /* seconds until it is allowed again; 0 when allowed */
@@ -54,14 +55,14 @@ typedef struct ORP_LCTRL_LIMIT_ST {
 
 /* ORP_LCTRLAPI_GetForbiddenRound: asks for one client, over all its accounts. */
 typedef struct ORP_LCTRL_QUERY_ST {
-  uint32_t ulClient; /* IPv4 address, network order; 0 for any client */
-  uint32_t ulReserved[2];
+  uint32_t ulClient;      /* IPv4 address, network order; 0 for any client */
+  uint32_t ulReserved[2]; /* 0 */
 } ORP_LCTRL_QUERY_ST;
 
 /* The highest round that is running, and the longest time that is left. */
 typedef struct ORP_LCTRL_ROUND_ST {
-  uint32_t ulRound; /* 0: not forbidden */
-  uint32_t ulForbiddenTime;
+  uint32_t ulRound;         /* 0: not forbidden */
+  uint32_t ulForbiddenTime; /* seconds */
 } ORP_LCTRL_ROUND_ST;
 
 #endif

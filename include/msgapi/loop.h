@@ -26,6 +26,8 @@
 #include "msgapi/status.h"
 
 struct ORP_MSG_HEADER_ST;
+
+/* The loop and the watchers, whose records are below. Forced events are the library's own. */
 typedef struct OrpUvLoop OrpUvLoop;
 typedef struct OrpUvWatcher OrpUvWatcher;
 typedef struct OrpUvTimer OrpUvTimer;
@@ -55,9 +57,9 @@ typedef struct OrpUvForced OrpUvForced;
 /* What every watcher record begins with. */
 struct OrpUvWatcher {
   OrpUvWatcher *link; /* next watcher of the loop */
-  OrpUvLoop *loop;
-  uint32_t status;
-  ORP_WORD data; /* the user's; a timer hands it to its procedure */
+  OrpUvLoop *loop;    /* whose watcher it is */
+  uint32_t status;    /* type and state, ORP_UV_* */
+  ORP_WORD data;      /* the user's; a timer hands it to its procedure */
 };
 
 /* Descriptors that fit a loop's sets; a descriptor is bit fd%32 of word fd/32. */
@@ -69,8 +71,9 @@ typedef uint32_t OrpUvDescriptorSet[ORP_UV_MAX_DESCRIPTORS / 32];
 #define ORP_UV_LOOP_STOP 0x2u
 #define ORP_UV_LOOP_SKIP 0x4u /* ends the current dispatch pass, see OrpUvIoSkipLoop */
 
+/* A loop. Programs may read it; its functions below change it. */
 struct OrpUvLoop {
-  uint32_t flags;
+  uint32_t flags;          /* ORP_UV_LOOP_* */
   ORP_TIME_ST now;         /* monotonic clock at the start of the iteration */
   uint32_t activeCount;    /* started watchers that are counted */
   uint32_t idleTime;       /* ms without event after which a run ends; 0: never */
@@ -78,6 +81,7 @@ struct OrpUvLoop {
   OrpUvIdle *deferredFree; /* its data word holds the list of OrpUvLoopSafeFree, or null */
   OrpUvIdle *reaper;       /* reaps child processes; null until the first spawn */
   OrpUvForced *forced;     /* forced events that wait for delivery */
+  /* What is armed for reading, exceptional conditions and writing; a wait takes copies. */
   OrpUvDescriptorSet readSet;
   OrpUvDescriptorSet errorSet;
   OrpUvDescriptorSet writeSet;
@@ -173,16 +177,20 @@ MSGAPI_EXPORT uint32_t OrpUvWatcherIterateItem(OrpUvLoop *loop, ORP_WORD argumen
 
 /* ---- Timers ------------------------------------------------------------------------------ */
 
+/* Called at each expiry with the timer's data word; may end, change or create any timer. */
 typedef void (*ORP_TIMER_PROC)(ORP_WORD data);
 
+/* A timer. */
 struct OrpUvTimer {
-  OrpUvWatcher head;
-  int32_t expirySec; /* monotonic time of the next expiry */
+  OrpUvWatcher head; /* type ORP_UV_TIMER */
+  /* Monotonic time of the next expiry. */
+  int32_t expirySec;
   int32_t expiryUsec;
+
   uint32_t interval;       /* ms; 0: never fires */
   uint32_t count;          /* times to fire; 0: for ever */
   ORP_TIMER_PROC callback; /* null: the timer ends with the next iteration */
-  char name[16];
+  char name[16];           /* NUL-terminated; "" without one */
 };
 
 /*
@@ -243,10 +251,12 @@ MSGAPI_EXPORT uint32_t OrpUvTimerDelete(OrpUvTimer *timer);
 
 /* ---- Idle procedures --------------------------------------------------------------------- */
 
+/* An idle procedure; it may stop its own watcher. */
 typedef void (*ORP_UV_IDLE_PROC)(OrpUvIdle *watcher);
 
+/* An idle watcher. */
 struct OrpUvIdle {
-  OrpUvWatcher head;
+  OrpUvWatcher head;     /* type ORP_UV_IDLE; the data word is the user's */
   ORP_UV_IDLE_PROC proc; /* called once in every iteration, before the loop waits; may be null */
 };
 
@@ -276,11 +286,12 @@ MSGAPI_EXPORT uint32_t OrpUvIdleStop(OrpUvIdle *watcher);
 /* Called once for each ready event; forced events are passed as they were queued. */
 typedef void (*ORP_UV_IO_PROC)(OrpUvIo *watcher, uint32_t event);
 
+/* A watcher of one descriptor. */
 struct OrpUvIo {
-  OrpUvWatcher head;
-  int32_t fd;     /* -1 once closed or found closed */
-  uint32_t armed; /* ORP_UV_READABLE ... */
-  ORP_UV_IO_PROC callback;
+  OrpUvWatcher head;       /* type ORP_UV_IO; the data word is the user's */
+  int32_t fd;              /* -1 once closed or found closed */
+  uint32_t armed;          /* ORP_UV_READABLE ... */
+  ORP_UV_IO_PROC callback; /* may be null */
 };
 
 /* Initialises an I/O watcher in a record of the caller (28 bytes or more, beginning with an
@@ -354,11 +365,12 @@ typedef uint32_t (*ORP_UV_MSG_COMPLETE_PROC)(struct ORP_MSG_HEADER_ST **message)
 typedef void (*ORP_UV_MSG_ANSWER_PROC)(struct ORP_MSG_HEADER_ST *message, uint32_t timedOut,
                                        ORP_WORD data);
 
+/* A message watcher. */
 struct OrpUvMsg {
-  OrpUvIo io;
-  uint32_t headerSize;
-  ORP_UV_MSG_LENGTH_PROC lengthProc;
-  ORP_UV_MSG_PROC msgProc;
+  OrpUvIo io;                            /* on the connection; type ORP_UV_IO | ORP_UV_MSG */
+  uint32_t headerSize;                   /* bytes read before lengthProc is asked */
+  ORP_UV_MSG_LENGTH_PROC lengthProc;     /* of the body behind a header */
+  ORP_UV_MSG_PROC msgProc;               /* may be null: messages are dropped */
   ORP_UV_MSG_MATCH_PROC matchProc;       /* null: pending entries are never answered */
   ORP_UV_MSG_COMPLETE_PROC completeProc; /* may be null */
   OrpUvMsgPending *pending;              /* requests that wait for their answer, oldest first */
@@ -372,13 +384,13 @@ struct OrpUvMsg {
  * is then timed out by its timer.
  */
 struct OrpUvMsgPending {
-  OrpUvMsgPending *link;
-  uint32_t key1; /* first word of the request's header: its type */
-  uint32_t key2; /* second word of the request's header: its sequence number */
-  ORP_WORD data;
-  ORP_UV_MSG_ANSWER_PROC answerProc;
-  OrpUvMsg *watcher; /* null once the watcher has been freed */
-  OrpUvTimer *timer; /* may be null: no time-out */
+  OrpUvMsgPending *link;             /* null: the last one */
+  uint32_t key1;                     /* first word of the request's header: its type */
+  uint32_t key2;                     /* second word of the request's header: its sequence number */
+  ORP_WORD data;                     /* the requester's */
+  ORP_UV_MSG_ANSWER_PROC answerProc; /* called once */
+  OrpUvMsg *watcher;                 /* null once the watcher has been freed */
+  OrpUvTimer *timer;                 /* may be null: no time-out */
 };
 
 /*

@@ -13,6 +13,7 @@
 
 #include "msgapi/export.h"
 
+/* Bytes of an address, and of its text "00:11:22:33:44:55" with the NUL. */
 #define ORP_MAC_SIZE 6
 #define ORP_MAC_TEXT_SIZE 18
 

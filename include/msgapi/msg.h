@@ -37,6 +37,7 @@ typedef struct ORP_MSG_HEADER_ST {
   uint32_t ulDataLen;                 /* body bytes that follow the header */
 } ORP_MSG_HEADER_ST;
 
+/* Bytes of the header; the body begins so far behind the message's address. */
 #define ORP_MSG_HEADER_SIZE 40u
 
 /* The type proper: the only bits of ulMsgType by which types are compared. */
@@ -81,31 +82,33 @@ typedef ORP_MSG_HEADER_ST *(*ORP_MSG_SYNC_PROC)(ORP_MSG_HEADER_ST *message);
 
 /* A message put aside, in a queue that owns both the node and the message. */
 typedef struct ORP_MSG_QUEUE_NODE_ST {
-  struct ORP_MSG_QUEUE_NODE_ST *pstNext;
-  ORP_MSG_HEADER_ST *pstMsg;
-  ORP_WORD ulExtra;
+  struct ORP_MSG_QUEUE_NODE_ST *pstNext; /* null: the last one */
+  ORP_MSG_HEADER_ST *pstMsg;             /* the queue's */
+  ORP_WORD ulExtra;                      /* from ORP_MSG_AppendQueueEx, otherwise 0 */
 } ORP_MSG_QUEUE_NODE_ST;
 
 /* The process's message context: fourteen words on a 32-bit target. Programs may read it. */
 typedef struct ORP_MSG_CTX_ST {
   char aucAppName[ORP_APP_NAME_SIZE]; /* as the server confirmed it; sender of every message */
   int32_t slSocket;                   /* connection to the message server; -1 without one */
-  uint32_t ulReserved1;
-  ORP_MSG_PROC pfMsgProc;          /* set by ORP_MSG_RegisterMsgProc */
-  uint32_t ulTraceEnabled;         /* non-zero: ORP_MSG_TraceProc keeps what it is handed */
-  FILE *pstTraceStream;            /* opened by ORP_MSG_TraceProc */
-  int32_t slTraceFd;               /* the descriptor under it; -1 without one */
-  ORP_MSG_QUEUE_NODE_ST *pstQueue; /* messages put aside by synchronous waits */
-  uint32_t ulReserved2;
-  uint32_t ulFlags;            /* ORP_MSG_CTX_* */
-  struct OrpUvMsg *pstWatcher; /* the loop's message watcher, made by ORP_MSG_Init */
-  uint32_t ulSeqNum;           /* the last sequence number handed out */
+  uint32_t ulReserved1;               /* 0 */
+  ORP_MSG_PROC pfMsgProc;             /* set by ORP_MSG_RegisterMsgProc */
+  uint32_t ulTraceEnabled;            /* non-zero: ORP_MSG_TraceProc keeps what it is handed */
+  FILE *pstTraceStream;               /* opened by ORP_MSG_TraceProc */
+  int32_t slTraceFd;                  /* the descriptor under it; -1 without one */
+  ORP_MSG_QUEUE_NODE_ST *pstQueue;    /* messages put aside by synchronous waits */
+  uint32_t ulReserved2;               /* 0 */
+  uint32_t ulFlags;                   /* ORP_MSG_CTX_* */
+  struct OrpUvMsg *pstWatcher;        /* the loop's message watcher, made by ORP_MSG_Init */
+  uint32_t ulSeqNum;                  /* the last sequence number handed out */
 } ORP_MSG_CTX_ST;
 
 #define ORP_MSG_CTX_SWAP 0x2u           /* headers travel byte-swapped */
 #define ORP_MSG_CTX_SEND_BOARD_SHIFT 26 /* bits 26 to 28: board number of what is sent */
 #define ORP_MSG_CTX_RECV_BOARD_SHIFT 29 /* bits 29 to 31: board of the last received message */
 
+/* The context of the process. The library keeps it; a program sets ulTraceEnabled and, on a
+ * secondary board, the board number of what it sends. */
 MSGAPI_EXPORT_DATA ORP_MSG_CTX_ST g_stMsgCtx;
 
 /*
@@ -297,12 +300,14 @@ MSGAPI_EXPORT uint32_t ORP_MSG_UnSubscribeEventForOtherApp(uint32_t event, const
  *
  * On failure *messageOut is null and the stream may be out of step: give the connection up.
  * Returns ORP_OK;
- *   ORP_ERR_ARGUMENT  negative descriptor, null messageOut, a body file whose path is not allowed
- * or that is longer than ORP_MSG_MAX_BODY (it is deleted) ORP_ERR_PEER_GONE the peer closed the
- * connection ORP_ERR_TIMEOUT   nothing came in time, or the descriptor is not open ORP_ERR_MEMORY
- * no memory, or a body longer than ORP_MSG_MAX_BODY (it is not read) ORP_ERR_SYSTEM    a read
- * failed, fewer than 40 bytes came as a header, or the body file cannot be read or is no regular
- * file
+ *
+ *   ORP_ERR_ARGUMENT   negative descriptor, null messageOut, or a body file that is not where body
+ *                      files are or is longer than ORP_MSG_MAX_BODY (it is deleted)
+ *   ORP_ERR_PEER_GONE  the peer closed the connection
+ *   ORP_ERR_TIMEOUT    nothing came in time, or the descriptor is not open
+ *   ORP_ERR_MEMORY     no memory, or a body longer than ORP_MSG_MAX_BODY (it is not read)
+ *   ORP_ERR_SYSTEM     a read failed, fewer than 40 bytes came as a header, or the body file cannot
+ *                      be read or is no regular file
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_ReceiveWithEndian(int32_t descriptor, ORP_MSG_HEADER_ST **messageOut,
                                                  uint32_t timeoutMs, uint32_t convert);

@@ -26,14 +26,14 @@
  * there is one. Lists are released with ORP_UTIL_FreeAddrInfo.
  */
 typedef struct ORP_UTIL_ADDRINFO_ST {
-  int32_t flags;    /* AI_* */
-  int32_t family;   /* AF_* */
-  int32_t socktype; /* SOCK_* */
-  int32_t protocol; /* IPPROTO_*, or 0 */
-  uint32_t addrlen; /* bytes at `addr` */
-  struct sockaddr *addr;
-  char *canonname; /* or null */
-  struct ORP_UTIL_ADDRINFO_ST *next;
+  int32_t flags;                     /* AI_* */
+  int32_t family;                    /* AF_* */
+  int32_t socktype;                  /* SOCK_* */
+  int32_t protocol;                  /* IPPROTO_*, or 0 */
+  uint32_t addrlen;                  /* bytes at `addr` */
+  struct sockaddr *addr;             /* port in network order, as the kernel takes it */
+  char *canonname;                   /* or null */
+  struct ORP_UTIL_ADDRINFO_ST *next; /* null: the last one */
 } ORP_UTIL_ADDRINFO_ST;
 
 /*

@@ -14,27 +14,33 @@
  * the attribute IFLA_STATS carries it. 96 bytes; every counter wraps at 2^32.
  */
 typedef struct ORP_UTIL_DEV_STATS_ST {
+  /* Good packets and their bytes. */
   uint32_t rx_packets;
   uint32_t tx_packets;
   uint32_t rx_bytes;
   uint32_t tx_bytes;
+  /* Bad packets and failures to send, in all; the kinds are told apart below. */
   uint32_t rx_errors;
   uint32_t tx_errors;
+  /* Packets for which there was no room or, received, no use. */
   uint32_t rx_dropped;
   uint32_t tx_dropped;
-  uint32_t multicast;
-  uint32_t collisions;
+  uint32_t multicast;  /* multicast packets received */
+  uint32_t collisions; /* met while sending */
+  /* The kinds of rx_errors. */
   uint32_t rx_length_errors;
   uint32_t rx_over_errors;
   uint32_t rx_crc_errors;
   uint32_t rx_frame_errors;
   uint32_t rx_fifo_errors;
   uint32_t rx_missed_errors;
+  /* The kinds of tx_errors. */
   uint32_t tx_aborted_errors;
   uint32_t tx_carrier_errors;
   uint32_t tx_fifo_errors;
   uint32_t tx_heartbeat_errors;
   uint32_t tx_window_errors;
+  /* Packets of a compressing line (SLIP, PPP). */
   uint32_t rx_compressed;
   uint32_t tx_compressed;
   uint32_t rx_nohandler; /* 0 from kernels before 4.6, which do not count it */

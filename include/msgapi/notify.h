@@ -50,13 +50,13 @@
  * bytes of data follow it.
  */
 typedef struct NOTIFY_MSG {
-  uint32_t msg_type;
-  uint32_t seq_num;   /* the sender's running number, from 1; a reply carries its request's */
-  uint32_t source_id; /* module id of the sender */
-  uint32_t des_id;    /* module id of the receiver */
-  uint32_t sync_tag;  /* 1: synchronous request or its reply; 0: notification */
-  uint32_t ack_tag;   /* ORP_NOTIFYCLT_REQUEST or ORP_NOTIFYCLT_REPLY */
-  uint32_t data_len;
+  uint32_t msg_type;      /* by which the receiver finds its procedure */
+  uint32_t seq_num;       /* the sender's running number, from 1; a reply carries its request's */
+  uint32_t source_id;     /* module id of the sender */
+  uint32_t des_id;        /* module id of the receiver */
+  uint32_t sync_tag;      /* 1: synchronous request or its reply; 0: notification */
+  uint32_t ack_tag;       /* ORP_NOTIFYCLT_REQUEST or ORP_NOTIFYCLT_REPLY */
+  uint32_t data_len;      /* bytes of data that follow the head */
   uint32_t sub_data_len1; /* length of a notification's first item, at the start of the data */
   uint32_t sub_data_len2; /* length of the second, which follows the first */
   uint32_t sync_arg;      /* a synchronous request's optional argument, else 0 */

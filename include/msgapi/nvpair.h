@@ -10,9 +10,9 @@
 
 /* One node. Chained by the platform's list functions, so the link comes first. */
 typedef struct ORP_UTIL_NV_PAIR_ST {
-  struct ORP_UTIL_NV_PAIR_ST *pstNext;
-  char *pcName;
-  char *pcValue;
+  struct ORP_UTIL_NV_PAIR_ST *pstNext; /* null: the last node */
+  char *pcName;                        /* never changes */
+  char *pcValue;                       /* replaced when the name is set anew */
 } ORP_UTIL_NV_PAIR_ST;
 
 /*

@@ -12,16 +12,19 @@
 #include "msgapi/export.h"
 #include "msgapi/msg.h"
 
+/* To the server: the application serves a path. */
 #define ORP_MSG_RESTFUL_REGISTER 0x109u
 /* Requests; the three are treated alike. ORP_MSG_BuildRestfulReqMsg makes the second. */
 #define ORP_MSG_RESTFUL_REQUEST_A 0x10au
 #define ORP_MSG_RESTFUL_REQUEST 0x10du
 #define ORP_MSG_RESTFUL_REQUEST_E 0x10eu
 
+/* A path or handler name in a request: at most 63 characters and the NUL. */
 #define ORP_MSG_RESTFUL_FIELD_SIZE 64
 
 /* The body of a request, in front of its NUL-terminated text. */
 typedef struct ORP_MSG_RESTFUL_REQ_ST {
+  /* The requester's words; handlers agree with it on their meaning. */
   uint32_t ulCode;
   uint32_t ulSecond;
   char aucPath[ORP_MSG_RESTFUL_FIELD_SIZE];    /* selects the registration */
@@ -42,8 +45,8 @@ typedef uint32_t (*ORP_MSG_RESTFUL_HANDLER)(const ORP_MSG_RESTFUL_REQ_ST *reques
 
 /* A row of a handler table. A row with a null name ends the table. */
 typedef struct ORP_MSG_RESTFUL_ROW_ST {
-  const char *pcName;
-  ORP_MSG_RESTFUL_HANDLER pfHandler;
+  const char *pcName;                /* the handler name that a request must have */
+  ORP_MSG_RESTFUL_HANDLER pfHandler; /* called for it */
 } ORP_MSG_RESTFUL_ROW_ST;
 
 /*

@@ -22,6 +22,7 @@
 
 #include "msgapi/export.h"
 
+/* Bytes of the header in front of the log data. */
 #define MLOG_FILE_HEADER_SIZE 63
 #define MLOG_FILE_MAX_SIZE 0x200000u /* the largest size limit */
 
@@ -39,7 +40,7 @@ typedef struct MlogFile {
 /* What MlogFileWrite() needs of a log server's target. */
 typedef struct MlogTarget {
   uint32_t maxFileSize; /* limit of the whole file in bytes, header included */
-  MlogFile *file;
+  MlogFile *file;       /* from MlogFileConstructor() */
 } MlogTarget;
 
 /*

@@ -10,6 +10,7 @@
 #include "msgapi/export.h"
 #include "msgapi/loop.h"
 
+/* A socket base; the record is below. */
 typedef struct ORP_UTIL_SOCKBASE_ST ORP_UTIL_SOCKBASE_ST;
 
 /* `event` is ORP_UV_READABLE, ORP_UV_WRITABLE or ORP_UV_EXCEPTION. */
@@ -17,8 +18,8 @@ typedef void (*ORP_UTIL_SOCKBASE_PROC)(ORP_UTIL_SOCKBASE_ST *sockBase, uint32_t 
 
 /* An I/O watcher whose data word (io.head.data) is the user's. Owned by the loop. */
 struct ORP_UTIL_SOCKBASE_ST {
-  OrpUvIo io;
-  ORP_UTIL_SOCKBASE_PROC proc;
+  OrpUvIo io;                  /* the watcher, which comes first */
+  ORP_UTIL_SOCKBASE_PROC proc; /* called for each ready or forced event; may be null */
 };
 
 /* Modes. Any other value watches for exceptional conditions. */
@@ -74,11 +75,11 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_SockBaseRegEvtProc(void);
 
 /* A wait for one response. The socket base's data word holds the record's address. */
 typedef struct ORP_UTIL_SOCK_RESP_ST {
-  ORP_UTIL_SOCKBASE_ST *sockBase;
-  OrpUvTimer *timer;
-  uint32_t timedOut; /* 1 when the procedure is called because of the time-out */
-  ORP_WORD userValue;
-  ORP_WORD reserved; /* 0 */
+  ORP_UTIL_SOCKBASE_ST *sockBase; /* on the descriptor that is waited for */
+  OrpUvTimer *timer;              /* of the time-out; null without one */
+  uint32_t timedOut;              /* 1 when the procedure is called because of the time-out */
+  ORP_WORD userValue;             /* as it was given */
+  ORP_WORD reserved;              /* 0 */
 } ORP_UTIL_SOCK_RESP_ST;
 
 /*

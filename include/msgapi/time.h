@@ -43,10 +43,12 @@ MSGAPI_EXPORT void ORP_UTIL_GetReleaseDate(char *buffer, uint32_t size);
 MSGAPI_EXPORT uint32_t ORP_UTIL_CheckTimeValid(uint32_t year, uint32_t month, uint32_t day,
                                                uint32_t hour, uint32_t minute, uint32_t second);
 
+/* The numbers of a date as a text gave them; none is checked against the calendar. */
 typedef struct ORP_UTIL_DATE_TIME_ST {
-  uint32_t ulYear;
+  uint32_t ulYear;  /* all four digits */
   uint32_t ulMonth; /* 1 to 12 */
-  uint32_t ulDay;
+  uint32_t ulDay;   /* of the month, from 1 */
+  /* Hour (0 to 23), minute and second of the day. */
   uint32_t ulHour;
   uint32_t ulMinute;
   uint32_t ulSecond;

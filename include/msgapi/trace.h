@@ -14,23 +14,23 @@
 
 /* A trace package with a level, in a table of ORP_TRACE_CTX_ST. */
 typedef struct ORP_TRACE_PACKAGE_ST {
-  struct ORP_TRACE_PACKAGE_ST *link;
-  char name[ORP_APP_NAME_SIZE];
-  uint32_t level; /* never 0 */
+  struct ORP_TRACE_PACKAGE_ST *link; /* null: the last one */
+  char name[ORP_APP_NAME_SIZE];      /* "all" stands for those that have no level of their own */
+  uint32_t level;                    /* never 0 */
 } ORP_TRACE_PACKAGE_ST;
 
 /* A registered trace module. */
 typedef struct ORP_TRACE_MODULE_ST {
-  struct ORP_TRACE_MODULE_ST *link;
-  char *name;
+  struct ORP_TRACE_MODULE_ST *link; /* null: the last one */
+  char *name;                       /* the record's own copy */
 } ORP_TRACE_MODULE_ST;
 
 /* Settings of trace control. A zeroed record with outputFd -1 is an empty one. */
 typedef struct ORP_TRACE_CTX_ST {
-  ORP_TRACE_PACKAGE_ST *packages;
-  ORP_TRACE_MODULE_ST *modules;
-  FILE *output;     /* null: not chosen yet */
-  int32_t outputFd; /* closed, when above 0, whenever the output changes */
+  ORP_TRACE_PACKAGE_ST *packages; /* those with a level */
+  ORP_TRACE_MODULE_ST *modules;   /* those registered */
+  FILE *output;                   /* null: not chosen yet */
+  int32_t outputFd;               /* closed, when above 0, whenever the output changes */
 } ORP_TRACE_CTX_ST;
 
 /*
@@ -80,7 +80,10 @@ MSGAPI_EXPORT int32_t ORP_UTIL_GetCurPid(void);
  * microseconds, in a buffer that the next call overwrites; "" on failure. */
 MSGAPI_EXPORT const char *ORP_UTIL_GetCurTimeStamp(void);
 
-/* The process's application name: ORP_APP_NAME_SIZE bytes, always NUL-terminated. */
+/* The process's application name, always NUL-terminated: the one it connects with, then the one
+ * that the message server confirmed; "" without a connection. The library keeps it. */
+MSGAPI_EXPORT_DATA char g_appName[ORP_APP_NAME_SIZE];
+/* The address of g_appName. */
 MSGAPI_EXPORT char *GetAucAppNamePointer(void);
 
 #endif

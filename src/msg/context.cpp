@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "base/app_name.h"
+#include "msgapi/trace.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(ORP_MSG_CTX_ST) == 14 * sizeof(uint32_t));
 

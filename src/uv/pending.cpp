@@ -1,11 +1,11 @@
 #include "uv/pending.h"
 
-#include "base/app_name.h"
 #include "base/bytes.h"
 #include "base/list.h"
 #include "base/memory.h"
 #include "base/text.h"
 #include "msgapi/msg.h"
+#include "msgapi/trace.h"
 #include "uv/default_loop.h"
 #include "uv/timer.h"
 #include "uv/trace_point.h"

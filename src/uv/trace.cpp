@@ -11,7 +11,6 @@
 
 #include <cstring>
 
-#include "base/app_name.h"
 #include "base/list.h"
 #include "base/memory.h"
 #include "base/status.h"

@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
-#include "base/app_name.h"
 #include "msg/context.h"
 #include "msg/drop_count.h"
 #include "msg/header.h"
 #include "msgapi/loop.h"
+#include "msgapi/trace.h"
 #include "support/allocation.h"
 #include "support/fd_check.h"
 #include "support/message_peer.h"

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "base/app_name.h"
+#include "msgapi/trace.h"
 #include "support/fd_check.h"
 
 namespace msgapi::msg {

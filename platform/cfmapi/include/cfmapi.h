@@ -24,12 +24,14 @@
 
 #include <stdint.h>
 
+/* Marks what leaves the library. */
 #ifdef __cplusplus
 #define CFMAPI_EXPORT extern "C" __attribute__((visibility("default")))
 #else
 #define CFMAPI_EXPORT __attribute__((visibility("default")))
 #endif
 
+/* Where the database is, and how long a writer waits for another one. */
 #define CFM_STORE_DIRECTORY "/var/cfm"
 #define CFM_STORE_PATH "/var/cfm/cfm.db"
 #define CFM_BUSY_TIMEOUT_MS 5000
@@ -43,9 +45,9 @@
 #define CFM_ERR_DAMAGED 0x30004u     /* the database, or an image of it, is damaged or foreign */
 #define CFM_ERR_BUSY 0x30005u        /* another writer did not finish in CFM_BUSY_TIMEOUT_MS */
 #define CFM_ERR_UNAVAILABLE 0x30006u /* no store, or no access to it */
-#define CFM_ERR_MEMORY 0x30007u
-#define CFM_ERR_TOO_LONG 0x30008u /* the value is longer than its identifier allows */
-#define CFM_ERR_VERSION 0x3000Au  /* the store was made by a newer release */
+#define CFM_ERR_MEMORY 0x30007u      /* no memory */
+#define CFM_ERR_TOO_LONG 0x30008u    /* the value is longer than its identifier allows */
+#define CFM_ERR_VERSION 0x3000Au     /* the store was made by a newer release */
 
 /* Identifiers that the library and the reference programs use. */
 #define CFM_PARA_CURRENT_USER_NAME 0x40A2230Bu  /* text, 68: the user who is logged in */
@@ -127,11 +129,11 @@ CFMAPI_EXPORT void ORP_CFM_FreeObj(void *record);
 
 /* The record of a CFM_OBJ_WEB_USER instance, as far as programs know it. */
 typedef struct ORP_WEB_USERINFO_ST {
-  char *pcUserName;      /* may be null */
-  uintptr_t ulReserved2; /* words that this port gives no meaning */
-  uintptr_t ulReserved3;
-  uintptr_t ulUserLevel; /* CFM_PARA_WEB_USER_LEVEL */
-  uintptr_t ulReserved5;
+  char *pcUserName;       /* may be null */
+  uintptr_t ulReserved2;  /* this port gives it no meaning */
+  uintptr_t ulReserved3;  /* nor this */
+  uintptr_t ulUserLevel;  /* CFM_PARA_WEB_USER_LEVEL */
+  uintptr_t ulReserved5;  /* nor this */
   uintptr_t ulFirstLogin; /* CFM_PARA_WEB_USER_FIRST_LOGIN */
 } ORP_WEB_USERINFO_ST;
 

@@ -10,10 +10,12 @@
 
 #include "cfmapi.h"
 
+/* What an identifier stands for: parameters, items of application data, items of equipment data. */
 #define CFM_AREA_PARAMETER 0u
 #define CFM_AREA_APP_DATA 1u
 #define CFM_AREA_EQUIPMENT 2u
 
+/* Types of values: a uint32_t, characters up to a NUL, bytes. */
 #define CFM_TYPE_NUMBER 0u
 #define CFM_TYPE_TEXT 1u
 #define CFM_TYPE_BYTES 2u
@@ -26,11 +28,11 @@ typedef struct CFM_VALUE {
   uint32_t area;     /* CFM_AREA_... */
   uint32_t object;   /* parameters of an instance: the object, otherwise 0 */
   uint32_t instance; /* parameters of an instance: its number from 1, otherwise 0 */
-  uint32_t id;
-  uint32_t type;    /* CFM_TYPE_... */
-  uint32_t size;    /* the most bytes a value may have; 4 for numbers; texts with their NUL */
-  const void *data; /* a number as uint32_t; a text's bytes, NUL-terminated */
-  uint32_t length;  /* bytes at `data`; a text's NUL is not counted */
+  uint32_t id;       /* within its area, and for parameters within the instance */
+  uint32_t type;     /* CFM_TYPE_... */
+  uint32_t size;     /* the most bytes a value may have; 4 for numbers; texts with their NUL */
+  const void *data;  /* a number as uint32_t; a text's bytes, NUL-terminated */
+  uint32_t length;   /* bytes at `data`; a text's NUL is not counted */
 } CFM_VALUE;
 
 /* Called for one value, which lives until the call returns. Non-zero ends the walk. */

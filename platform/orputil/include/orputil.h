@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* Marks what leaves the library. */
 #ifdef __cplusplus
 #define ORPUTIL_EXPORT extern "C" __attribute__((visibility("default")))
 #else
@@ -86,8 +87,8 @@ ORPUTIL_EXPORT const char *ORP_UTIL_GetStrFromIdx(uint32_t index, const char *co
 /* A row of a name and number table; the table ends with a null name, whose number stands for
  * "not found". */
 typedef struct ORP_STR_IDX {
-  const char *name;
-  uint32_t index;
+  const char *name; /* compared exactly; null in the row that ends the table */
+  uint32_t index;   /* any number */
 } ORP_STR_IDX;
 /* The number of the first row with exactly this name, or the number of the ending row. */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_StrIdxArrayGetIdxByStr(const ORP_STR_IDX *table, const char *name);
