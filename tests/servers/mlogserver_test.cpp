@@ -365,7 +365,7 @@ TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
     EXPECT_EQ(0, next.stop(SIGTERM));
     EXPECT_NE(0, ::access("/var/mlog/mlogServer.inbox", F_OK));
   }
-  ::symlink("/var/target", "/var/mlog/mlogServer.inbox");
+  ASSERT_EQ(0, ::symlink("/var/target", "/var/mlog/mlogServer.inbox"));
   test::Process last("mlogserver");
   EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
   EXPECT_TRUE(last.wait_for("ready"));
