@@ -49,6 +49,11 @@ void *plain_alloc(uint64_t size) {
   return std::malloc(static_cast<size_t>(size));
 }
 
+void *plain_zalloc_with_tail(uint64_t size, uint64_t tail_size, void **tail) {
+  if (size > SIZE_MAX || tail_size > SIZE_MAX || !take()) return nullptr;
+  return __ORP_UTIL_CallocVarg(static_cast<size_t>(size), static_cast<size_t>(tail_size), tail);
+}
+
 void *grow(void *block, uint64_t old_size, uint64_t new_size, const char *tag, uint32_t line) {
   if (new_size > SIZE_MAX || !take()) return nullptr;
   return OrpReallocInternal(block, static_cast<size_t>(old_size), static_cast<size_t>(new_size),

@@ -24,6 +24,9 @@ void *guarded_alloc(uint64_t size);
 // The same, cleared.
 void *guarded_zalloc(uint64_t size);
 
+// A cleared plain block of `size` bytes followed by a buffer of `tail_size`, at *tail.
+void *plain_zalloc_with_tail(uint64_t size, uint64_t tail_size, void **tail);
+
 // Grows `block` through the platform's tracked reallocation, which has no upper bound: this is how
 // bodies beyond kMaxGuardedSize come to be. Null leaves `block` as it is.
 void *grow(void *block, uint64_t old_size, uint64_t new_size, const char *tag, uint32_t line);

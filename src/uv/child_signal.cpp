@@ -7,8 +7,14 @@ bool g_enabled;
 
 }  // namespace
 
+volatile std::sig_atomic_t g_child_reaped;
+
 void enable_child_signal_block() {
   g_enabled = true;
+}
+
+bool child_signal_in_use() {
+  return g_enabled;
 }
 
 ChildSignalBlock::ChildSignalBlock() : blocked_(g_enabled) {

@@ -1,24 +1,31 @@
-// Keeping the SIGCHLD handler away from what it reads.
+// SIGCHLD: keeping its handler away from what it reads, and not sleeping through it.
 //
-// The handler looks for process watchers in the default loop's list, so lists, and the choice of
-// the default loop, change only with the signal blocked. That costs two system calls, and is done
-// only once a process has installed the handler.
+// The handler looks for process watchers in the lists of the default loops, so lists, and the
+// choice of the default loop, change only with the signal blocked. That costs two system calls, and
+// is done only once a process has installed the handler.
 #pragma once
 
 #include <csignal>
 
 namespace msgapi::uv {
 
-// From now on ChildSignalBlock blocks.
+// From now on ChildSignalBlock blocks, and child_signal_in_use() is true.
 void enable_child_signal_block();
+bool child_signal_in_use();
 
-// Blocks SIGCHLD in the calling thread for its scope; keeps errno. May be nested.
+// Not 0: a child has been reaped since the reaper last looked at the process watchers.
+extern volatile std::sig_atomic_t g_child_reaped;
+
+// Blocks SIGCHLD in the calling thread for its scope. May be nested.
 class ChildSignalBlock {
  public:
   ChildSignalBlock();
   ChildSignalBlock(const ChildSignalBlock &) = delete;
   ChildSignalBlock &operator=(const ChildSignalBlock &) = delete;
   ~ChildSignalBlock();
+
+  // The signals that were blocked before, or null when the handler is not in use.
+  const sigset_t *before() const { return blocked_ ? &saved_ : nullptr; }
 
  private:
   bool blocked_;

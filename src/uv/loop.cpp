@@ -16,6 +16,7 @@
 #include "base/list.h"
 #include "base/memory.h"
 #include "os/clock.h"
+#include "uv/child_signal.h"
 #include "uv/console.h"
 #include "uv/default_loop.h"
 #include "uv/descriptor_set.h"
@@ -65,11 +66,20 @@ void copy_sets(OrpUvLoop *loop, Waiting *sets) {
   if (!filtered) loop->flags &= ~kLoopFilterSets;
 }
 
-int wait_for(OrpUvLoop *loop, Waiting *sets, timeval timeout) {
-  // Without a time-out select() does not read the clock.
-  const bool for_ever = timeout.tv_sec == kNoTimeout_s;
-  return ::select(loop->maxFd + 1, sets->read.native(), sets->write.native(), sets->error.native(),
-                  for_ever ? nullptr : &timeout);
+int wait_for(OrpUvLoop *loop, Waiting *sets, timespec timeout) {
+  const int count = loop->maxFd + 1;
+  fd_set *read = sets->read.native(), *write = sets->write.native(), *error = sets->error.native();
+  // Without a time-out the kernel does not read the clock.
+  const timespec *limit = timeout.tv_sec == kNoTimeout_s ? nullptr : &timeout;
+  if (loop->reaper == nullptr) return ::pselect(count, read, write, error, limit, nullptr);
+
+  // A child that is reaped between the reaper's look and the wait must not be slept through.
+  const ChildSignalBlock block;
+  if (g_child_reaped != 0) {
+    timeout = {};
+    limit = &timeout;
+  }
+  return ::pselect(count, read, write, error, limit, block.before());
 }
 
 // Queued events, before and instead of ready descriptors. True when one was delivered. What the
@@ -202,12 +212,12 @@ Status select_step(OrpUvLoop *loop) {
   // Time that forced events cut short does not count as idle.
   const bool idle_due = !forced && loop->idleTime != 0 &&
                         static_cast<int32_t>(loop->idleTime / 1000) <= limit->seconds;
-  timeval timeout = {.tv_sec = 0, .tv_usec = 1};
+  timespec timeout = {.tv_sec = 0, .tv_nsec = 1000};
   if (!forced) {
     const int64_t seconds = int64_t{limit->seconds} + limit->microseconds / 1000000;
     limit->seconds = static_cast<int32_t>(std::min<int64_t>(seconds, INT32_MAX));
     limit->microseconds %= 1000000;
-    timeout = {.tv_sec = limit->seconds, .tv_usec = limit->microseconds};
+    timeout = {.tv_sec = limit->seconds, .tv_nsec = long{limit->microseconds} * 1000};
   }
 
   const int ready = wait_for(loop, &sets, timeout);
@@ -218,7 +228,7 @@ Status select_step(OrpUvLoop *loop) {
   if (ready == 0) {
     if (idle_due) {
       copy_sets(loop, &sets);
-      if (wait_for(loop, &sets, {.tv_sec = 0, .tv_usec = 100}) == 0) return Status::kTimeout;
+      if (wait_for(loop, &sets, {.tv_sec = 0, .tv_nsec = 100000}) == 0) return Status::kTimeout;
       // What this short wait saw is still there in the next iteration.
     }
     deliver_forced(loop);

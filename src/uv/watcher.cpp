@@ -5,6 +5,7 @@
 #include "uv/child_signal.h"
 #include "uv/default_loop.h"
 #include "uv/pending.h"
+#include "uv/redirect.h"
 #include "uv/trace_point.h"
 
 namespace msgapi::uv {
@@ -32,6 +33,8 @@ void drop_forced_events(OrpUvLoop *loop, const OrpUvWatcher *watcher) {
 void release_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, bool loop_gone) {
   drop_forced_events(loop, watcher);
   if (has_type(watcher, ORP_UV_MSG)) orphan_pending(as<OrpUvMsg>(watcher));
+  if (has_type(watcher, ORP_UV_REDIRECT)) disconnect(as<OrpUvIo>(watcher));
+  if (has_type(watcher, ORP_UV_PROCESS)) disconnect_all(as<OrpUvProcess>(watcher));
   if (has_type(watcher, ORP_UV_TIMER)) forget_pending_timer(as<OrpUvTimer>(watcher), loop_gone);
 
   OrpUvIdle *idle = as<OrpUvIdle>(watcher);

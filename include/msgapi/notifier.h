@@ -1,0 +1,104 @@
+/*
+ * Notifiers: ordered lists of procedures that different parts of an application register, and that
+ * are called one after another. For one thread.
+ */
+#ifndef MSGAPI_NOTIFIER_H
+#define MSGAPI_NOTIFIER_H
+
+#include <stdint.h>
+
+#include "msgapi/export.h"
+#include "msgapi/status.h"
+
+/* `context` is the notifier's, `data` the entry's. */
+typedef uint32_t (*ORP_UTIL_NOTIFIER_PROC)(ORP_WORD context, ORP_WORD data);
+
+/* A registered procedure; belongs to its notifier. */
+typedef struct ORP_UTIL_NOTIFIER_ENTRY_ST {
+  struct ORP_UTIL_NOTIFIER_ENTRY_ST *link;
+  ORP_UTIL_NOTIFIER_PROC proc;
+  uint32_t priority;
+  ORP_WORD data;
+  const char *name; /* "" for none */
+} ORP_UTIL_NOTIFIER_ENTRY_ST;
+
+typedef struct ORP_UTIL_NOTIFIER_ST {
+  ORP_WORD reserved; /* 0 when made; the library's */
+  ORP_WORD context;
+  ORP_UTIL_NOTIFIER_ENTRY_ST *entries;
+} ORP_UTIL_NOTIFIER_ST;
+
+/* A procedure with its name. The name is not copied: it must live as long as the entry. */
+typedef struct ORP_UTIL_NOTIFIER_PAIR_ST {
+  ORP_UTIL_NOTIFIER_PROC proc;
+  const char *name; /* may be null */
+} ORP_UTIL_NOTIFIER_PAIR_ST;
+
+/* What a notification does around each call; each may be null. */
+typedef struct ORP_UTIL_NOTIFIER_HOOKS_ST {
+  void (*pre)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry);
+  void (*post)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, uint32_t result);
+  /* 0: the entry is left out. */
+  uint32_t (*filter)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, ORP_WORD argument);
+  ORP_WORD filterArgument;
+} ORP_UTIL_NOTIFIER_HOOKS_ST;
+
+/*
+ * Makes an empty notifier whose procedures get `context`. No call frees a notifier: it is meant to
+ * live as long as the process. One without entries, outside a notification, may be freed with
+ * free(). *notifierOut is null on failure. ORP_OK, ORP_ERR_ARGUMENT for a null address, or
+ * ORP_ERR_MEMORY.
+ */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierInitEx(ORP_WORD context,
+                                               ORP_UTIL_NOTIFIER_ST **notifierOut);
+
+/*
+ * Registers a procedure in front of the first entry with a greater priority number: lower numbers
+ * are called first, equal ones in the order of registration. A procedure registered during a
+ * notification is called by it when its place is still ahead, behind the next entry.
+ *
+ * *entryOut (may be null) receives the entry, or null on failure. ORP_OK; ORP_ERR_ARGUMENT without
+ * notifier, pair or procedure; ORP_ERR_MEMORY.
+ */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierRegEx(ORP_UTIL_NOTIFIER_ST *notifier,
+                                              const ORP_UTIL_NOTIFIER_PAIR_ST *pair,
+                                              uint32_t priority, ORP_WORD data,
+                                              ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
+/* The same without a name. */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierReg(ORP_UTIL_NOTIFIER_ST *notifier,
+                                            ORP_UTIL_NOTIFIER_PROC proc, uint32_t priority,
+                                            ORP_WORD data, ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
+/* The same in front of the first entry with a lower or equal priority number: higher numbers
+ * first, of equal ones the newest first. Each registration looks at the list as it stands. */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierReverseReg(ORP_UTIL_NOTIFIER_ST *notifier,
+                                                   ORP_UTIL_NOTIFIER_PROC proc, uint32_t priority,
+                                                   ORP_WORD data,
+                                                   ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
+
+/*
+ * Removes an entry, which is not called any more. It is freed at once or, during a notification,
+ * when the outermost one ends: a procedure may remove any entry, its own included. Null arguments
+ * and entries of other notifiers are ignored.
+ */
+MSGAPI_EXPORT void ORP_UTIL_NotifierUnReg(ORP_UTIL_NOTIFIER_ST *notifier,
+                                          ORP_UTIL_NOTIFIER_ENTRY_ST *entry);
+
+/*
+ * Calls the procedures in order. With `stop` non-zero the first result that is not 0 ends the
+ * notification. Returns the last result, 0 when nothing was called, or ORP_ERR_ARGUMENT for a null
+ * notifier. `further` plays no part.
+ */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierDoNotifyWithCmsInit(ORP_UTIL_NOTIFIER_ST *notifier,
+                                                            uint32_t stop,
+                                                            const ORP_UTIL_NOTIFIER_HOOKS_ST *hooks,
+                                                            ORP_WORD further);
+/* The same. */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierDoNotifyExtend(ORP_UTIL_NOTIFIER_ST *notifier,
+                                                       uint32_t stop,
+                                                       const ORP_UTIL_NOTIFIER_HOOKS_ST *hooks);
+/* The same without hooks, between two trace records that show `caller` (may be null). */
+MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierDoNotifyWrapEx(const char *caller, ORP_WORD ignored,
+                                                       ORP_UTIL_NOTIFIER_ST *notifier,
+                                                       uint32_t stop);
+
+#endif

@@ -1,0 +1,36 @@
+/* Finding processes in /proc, and an interface's address. */
+#ifndef MSGAPI_PROC_H
+#define MSGAPI_PROC_H
+
+#include <stdint.h>
+
+#include "msgapi/export.h"
+
+struct sockaddr_in;
+
+/*
+ * The ids of the processes whose command line, its arguments joined without separators and cut to
+ * 237 characters, contains `name`, in the order of /proc. A new array that the caller frees with
+ * free(), ended by a 0.
+ *
+ * Mind the two arrays for no match: {1, 0} for the name "init", and for any other name an array of
+ * one element, 0xFFFFFFFF, WITHOUT a 0 behind it. Look at the first element before going on.
+ *
+ * Null for a null name, without memory, and when /proc cannot be read.
+ */
+MSGAPI_EXPORT uint32_t *ORP_UTIL_FindPidByName(const char *name);
+
+/* The first id of that array for `name` without its blanks; 0xFFFFFFFF when there is none (1 for
+ * "init"); 0 for null, a name of 240 characters or more, and on failure. */
+MSGAPI_EXPORT uint32_t ORP_UTIL_GetPid(const char *name);
+
+/* The id of the first process, kernel threads included, whose line "Name:" in /proc/<pid>/status
+ * contains `name`; 0xFFFFFFFF when there is none and on failure. */
+MSGAPI_EXPORT uint32_t ORP_UTIL_FindKernelPidByName(const char *name);
+
+/* Stores the IPv4 address of the interface `name` (at most 15 characters) in *address, with
+ * family and address filled in. 0; 1 for null arguments or without an address, *address is cleared
+ * then (untouched for null arguments). */
+MSGAPI_EXPORT uint32_t ORP_UTIL_GetIpByName(const char *name, struct sockaddr_in *address);
+
+#endif

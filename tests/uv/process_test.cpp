@@ -1,0 +1,439 @@
+#include "msgapi/process.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "base/memory.h"
+#include "support/fd_check.h"
+#include "support/soak.h"
+#include "uv/process_fixture.h"
+
+namespace msgapi {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::UnorderedElementsAre;
+
+TEST_F(ProcessTest, ReportsExitCodesAndSignalsInALaterIteration) {
+  Command exits = Command::shell("exit 3"), killed = Command::shell("kill -9 $$");
+  exits.options.data = 1;
+  killed.options.data = 2;
+  static std::vector<std::string> reaped;
+  reaped.clear();
+  exits.options.reapProc =
+      killed.options.reapProc = [](OrpUvProcess *process, int32_t, uint32_t signal, uint32_t code) {
+        EXPECT_GT(process->pid, 0);
+        reaped.push_back(std::to_string(process->head.data) + " " + std::to_string(signal) + " " +
+                         std::to_string(code));
+      };
+
+  EXPECT_STREQ("/bin/sh -c exit 3", spawn(exits)->name);
+  spawn(killed);
+  run_to_end();
+
+  EXPECT_THAT(calls, UnorderedElementsAre("1: exit 3 signal 0", "2: exit 0 signal 9"));
+  EXPECT_THAT(reaped, UnorderedElementsAre("1 0 3", "2 9 0"));
+}
+
+TEST_F(ProcessTest, ProgramThatCannotRunExitsWith127) {
+  Command missing({"/no/such/program"}), nowhere = Command::shell("exit 0");
+  nowhere.options.cwd = "/no/such/directory";
+
+  EXPECT_EQ("[ msglo]| DEBUG||2588|Execve process [/no/such/program] failed with 2\r\n",
+            printed(missing));
+  EXPECT_EQ("", printed(nowhere));
+
+  EXPECT_THAT(calls, ElementsAre("0: exit 127 signal 0", "0: exit 127 signal 0"));
+}
+
+TEST_F(ProcessTest, ReportsMissingArgumentsAndFailures) {
+  const test::FdCheck check;
+  Command command = Command::shell("exit 0");
+  OrpUvProcess *process = reinterpret_cast<OrpUvProcess *>(1);
+  char *no_args[] = {nullptr};
+  const auto status_with = [&](const std::function<void(OrpUvSpawnOptions *)> &change) {
+    OrpUvSpawnOptions options = command.options;
+    change(&options);
+    return OrpUvProcessSpawn(nullptr, &process, &options);
+  };
+
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvProcessSpawn(nullptr, &process, nullptr));
+  EXPECT_EQ(nullptr, process);
+  EXPECT_EQ(ORP_ERR_ARGUMENT, status_with([](auto *options) { options->file = nullptr; }));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, status_with([](auto *options) { options->args = nullptr; }));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, status_with([&](auto *options) { options->args = no_args; }));
+  fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, status_with([](auto *) {}));
+  for (const uint32_t nth : {2u, 2u, 3u}) {  // the reaper, then it is there, and the two pipes
+    fail_allocation(nth);
+    EXPECT_EQ(ORP_ERR_SYSTEM, status_with([](auto *options) {
+                options->outputProc = record_output;
+                options->flags = ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR;
+              }));
+    fail_allocation(0);
+  }
+  EXPECT_EQ(nullptr, process);
+  EXPECT_EQ(0u, OrpUvProcessKill(nullptr, SIGKILL));
+}
+
+TEST_F(ProcessTest, ServesAllThreePipesAndDrainsBeforeTheReport) {
+  const test::FdCheck check;
+  Command command = Command::shell("cat; echo error >&2; exec 1>&- 2>&-; exit 1");
+  command.options.data = 5;
+  static size_t written;
+  written = 0;
+  command.options.stdinProc = [](OrpUvProcess *process, OrpUvIo *io) {
+    if (written == 300000) return OrpUvProcessDeleteRedirectIo(process, io);
+    const std::string part(1000, 'x');
+    written += static_cast<size_t>(::write(io->fd, part.data(), part.size()));
+  };
+  on_exit = [](OrpUvProcess *) { recorded(std::to_string(output[5].size())); };
+
+  spawn(command, ORP_UV_SPAWN_STDIN | ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR);
+  run_to_end();
+
+  EXPECT_THAT(calls, ElementsAre("5: exit 1 signal 0", "300006"));
+  run_default_once();
+}
+
+TEST_F(ProcessTest, PipesMayTakeTheNumbersOfStandardDescriptors) {
+  Command command = Command::shell("echo out; echo error >&2");
+  const int saved[] = {::dup(0), ::dup(1)};
+  ::close(0);
+  ::close(1);
+  const std::string text = printed(command);
+  ::dup2(saved[0], 0);
+  ::dup2(saved[1], 1);
+  ::close(saved[0]);
+  ::close(saved[1]);
+
+  EXPECT_THAT(text, HasSubstr("out\n"));
+  EXPECT_THAT(text, HasSubstr("error\n"));
+}
+
+TEST_F(ProcessTest, OptionsShapeTheChild) {
+  char *env[] = {const_cast<char *>("PATH=/usr/bin:/bin"), const_cast<char *>("WHO=child"),
+                 nullptr};
+  Command command = Command::shell(
+      "pwd; echo $WHO $HOME; umask; ulimit -c; ulimit -Hc; "
+      "test $(cut -d' ' -f6 /proc/self/stat) = $(cut -d' ' -f1 /proc/$$/stat) && echo session");
+  command.options.file = "sh";
+  command.options.cwd = "/var";
+  command.options.env = env;
+  command.options.umask = 027;
+
+  EXPECT_EQ("/var\nchild\n0027\n0\n0\nsession\n",
+            printed(command, ORP_UV_SPAWN_SETSID | ORP_UV_SPAWN_UMASK | ORP_UV_SPAWN_NO_CORE));
+}
+
+TEST_F(ProcessTest, ClosesInheritedDescriptorsUpToTheLoopsHighest) {
+  // Not close-on-exec, as other libraries leave them.
+  for (const int fd : {20, 21, 60}) ASSERT_EQ(fd, ::fcntl(0, F_DUPFD, fd));
+  Command command = Command::shell(
+      "for fd in 20 21 60; do [ -e /proc/$$/fd/$fd ] && echo $fd; done > /var/open; :");
+  const auto kept = [&] {
+    spawn(command);
+    run_to_end();
+    std::stringstream text;
+    text << std::ifstream("/var/open").rdbuf();
+    return text.str();
+  };
+
+  EXPECT_EQ("60\n", kept()) << "without descriptors in the loop: up to 50";
+  command.options.keepFd = [](const OrpUvSpawnOptions *, int32_t fd) -> uint32_t {
+    return fd == 21;
+  };
+  EXPECT_EQ("21\n60\n", kept());
+  OrpUvLoopGetDefault()->maxFd = 20;
+  command.options.keepFd = nullptr;
+  EXPECT_EQ("21\n60\n", kept());
+  for (const int fd : {20, 21, 60}) ::close(fd);
+}
+
+TEST_F(ProcessTest, RunsAsAnotherUserWithItsGroups) {
+  const passwd *daemon = ::getpwnam("daemon");
+  ASSERT_NE(nullptr, daemon);
+  const uint32_t uid = daemon->pw_uid, gid = daemon->pw_gid;
+  const gid_t groups[] = {4, 20};
+  Command command =
+      Command::shell("id -u; id -g; id -G; grep Uid /proc/self/status | tr '\\t' ' '");
+  if (::setgroups(0, nullptr) != 0) GTEST_SKIP() << "not allowed to change groups here";
+  command.options.uid = uid;
+  command.options.gid = gid;
+  command.options.groups = groups;
+  command.options.groupCount = 2;
+
+  const std::string ids = std::to_string(uid);
+  const std::string real_effective = "Uid: " + ids + " " + ids + " " + ids + " " + ids + "\n";
+  EXPECT_EQ(ids + "\n0\n0 4 20\n" + real_effective, printed(command, ORP_UV_SPAWN_SETUID))
+      << "setgroups alone";
+  EXPECT_EQ(ids + "\n" + std::to_string(gid) + "\n" + std::to_string(gid) + "\n" + real_effective,
+            printed(command, ORP_UV_SPAWN_SETUID | ORP_UV_SPAWN_SETGID))
+      << "the user's groups instead";
+  Command effective({"/bin/grep", "Uid", "/proc/self/status"});
+  effective.options.uid = uid;
+  EXPECT_EQ("Uid:\t0\t" + ids + "\t" + ids + "\t" + ids + "\n",
+            printed(effective, ORP_UV_SPAWN_SETEUID));
+}
+
+TEST_F(ProcessTest, CommandsRunAsTheUserOfTheirName) {
+  if (::setgroups(0, nullptr) != 0) GTEST_SKIP() << "not allowed to change groups here";
+  ASSERT_NE(nullptr, ::getpwnam("games"));
+  const std::string uid = std::to_string(::getpwnam("games")->pw_uid);
+  std::filesystem::create_directory("/var/t");
+  ::chmod("/var/t", 0777);
+  std::filesystem::copy_file("/bin/sh", "/var/t/games");
+  ::setenv("PATH", "/var/t:/usr/bin:/bin", 1);
+  std::ofstream("/var/t/games.v2.sh") << "id -u > /var/t/script\n";
+  const auto content = [](const std::string &path) {
+    std::string text;
+    std::getline(std::ifstream(path), text);
+    return text;
+  };
+
+  const int32_t program = ORP_UTIL_ExecCmdWithPermissions("games -c 'id -u > /var/t/program'&");
+  ASSERT_GT(program, 0);
+  EXPECT_EQ(0, ORP_UTIL_WaitForPidEx(program, 0, 0, 0));
+  const int32_t script = ORP_UTIL_ExecCmdWithPermissions("/bin/sh /var/t/games.v2.sh");
+  ASSERT_GT(script, 0);
+  EXPECT_EQ(0, ORP_UTIL_WaitForPidEx(script, 0, 0, 0));
+  EXPECT_EQ(0,
+            ORP_UTIL_ExecCmdWithPermissionsFullEx("games -c \"id -u > /var/t/waited\"", 0, 0, 0));
+  EXPECT_EQ(7, ORP_UTIL_ExecCmdWithPermissionsFullEx("/bin/sh -c 'id -u > /var/t/shell; exit 7' &",
+                                                     0, 0, 0));
+
+  EXPECT_EQ(uid, content("/var/t/program"));
+  EXPECT_EQ(uid, content("/var/t/script"));
+  EXPECT_EQ(uid, content("/var/t/waited"));
+  EXPECT_EQ("0", content("/var/t/shell")) << "here the script plays no part";
+  EXPECT_EQ(-1, ORP_UTIL_ExecCmdWithPermissions(nullptr));
+  for (const char *bad : {"", "&", "'unfinished", "no-such-program"}) {
+    EXPECT_EQ(-1, ORP_UTIL_ExecCmdWithPermissions(bad)) << bad;
+    EXPECT_EQ(-1, ORP_UTIL_ExecCmdWithPermissionsFullEx(bad, 0, 0, 0)) << bad;
+  }
+  EXPECT_EQ(-1, ORP_UTIL_ExecCmdWithPermissionsFullEx(nullptr, 0, 0, 0));
+  EXPECT_EQ(-1, ORP_UTIL_ExecCmdWithPermissionsMorePara(nullptr, 0, 0, 0));
+  run_default_once();
+}
+
+TEST_F(ProcessTest, WaitForPidFindsTheStatusWhoeverCollectedIt) {
+  // Without a handler.
+  pid_t child = ::fork();
+  if (child == 0) ::_exit(5);
+  EXPECT_EQ(5, ORP_UTIL_WaitForPidEx(child, 0, 1, 0));
+  EXPECT_EQ(-1, ORP_UTIL_WaitForPidEx(child, 0, 1, 0)) << "collected once";
+
+  // Beside the handler, which reaps everything.
+  Command command = Command::shell("exit 6");
+  const int32_t watched = spawn(command)->pid;
+  EXPECT_EQ(6, ORP_UTIL_WaitForPidEx(watched, 0, 0, 0));
+  child = ::fork();
+  if (child == 0) ::raise(SIGTERM);
+  EXPECT_EQ(128 + SIGTERM, ORP_UTIL_WaitForPidEx(child, 0, 0, 0));
+  run_to_end();
+  EXPECT_THAT(calls, ElementsAre("0: exit 6 signal 0")) << "the watcher learns of it, too";
+
+  for (const int32_t bad : {0, -1, 1}) EXPECT_EQ(-1, ORP_UTIL_WaitForPidEx(bad, 0, 0, 0));
+}
+
+TEST_F(ProcessTest, WaitForPidEndsAfterItsTimeOut) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    for (;;) ::pause();
+  }
+
+  EXPECT_EQ(0x10005, ORP_UTIL_WaitForPidEx(child, 5, 1, 0));
+  EXPECT_EQ(0, ::kill(child, 0));
+  EXPECT_EQ(0x10005, ORP_UTIL_WaitForPidEx(child, 5, 1, 1));
+  EXPECT_EQ(-1, ::kill(child, 0)) << "killed and reaped";
+}
+
+TEST_F(ProcessTest, WaitpidHandsOutTheStatusOfAProcessWithoutWatcher) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(9);
+  ORP_UV_WAIT_ST record = {child, -1};
+
+  while (OrpUvProcessWaitpid(&record) == 0) continue;
+
+  EXPECT_EQ(9, WEXITSTATUS(record.status));
+  EXPECT_EQ(9, ORP_UTIL_WaitForPidEx(child, 0, 0, 0)) << "remembered";
+}
+
+TEST_F(ProcessTest, KillReachesTheChildButNoneThatWasReaped) {
+  Command command = Command::shell("exec sleep 1000");
+  OrpUvProcess *process = spawn(command);
+
+  EXPECT_EQ(0u, OrpUvProcessKill(process, SIGTERM)) << "at once, with the parent's handlers";
+  while (process->exited == 0) ::usleep(100);
+  EXPECT_EQ(0u, OrpUvProcessKill(process, SIGTERM));
+  on_exit = [](OrpUvProcess *self) { EXPECT_EQ(0u, OrpUvProcessKill(self, SIGTERM)); };
+  run_to_end();
+
+  EXPECT_THAT(calls, ElementsAre("0: exit 0 signal 15"));
+}
+
+TEST_F(ProcessTest, DeletedWatcherReportsNothingAndItsPipeClosesItself) {
+  const test::FdCheck check;
+  Command command = Command::shell("echo late; exit 1");
+  OrpUvProcess *process = spawn(command, ORP_UV_SPAWN_STDOUT);
+  const int32_t pid = process->pid;
+  OrpUvWatcherDelete(&process->head);
+  run_default_once();
+
+  EXPECT_EQ(1, ORP_UTIL_WaitForPidEx(pid, 0, 0, 0));
+  run_default_once();
+
+  EXPECT_THAT(calls, testing::IsEmpty());
+  EXPECT_TRUE(output.empty());
+}
+
+TEST_F(ProcessTest, AnotherLoopReportsItsChildren) {
+  Command command = Command::shell("exit 4");
+  command.options.exitProc = [](OrpUvProcess *process, int32_t, uint32_t code, uint32_t) {
+    recorded(std::to_string(code));
+    OrpUvLoopStop(process->head.loop);
+  };
+  ASSERT_EQ(ORP_OK, OrpUvProcessSpawn(&loop_, nullptr, &command.options));
+
+  EXPECT_EQ(ORP_OK, run(0));
+
+  EXPECT_THAT(calls, ElementsAre("4"));
+}
+
+TEST_F(ProcessTest, SignalHandlerKeepsErrno) {
+  Command command = Command::shell("exit 0");
+  spawn(command);
+  errno = 77;
+  const timespec second = {1, 0};
+  if (::nanosleep(&second, nullptr) == 0) GTEST_SKIP() << "the child was faster";
+  EXPECT_EQ(EINTR, errno);
+  run_to_end();
+}
+
+// ---- Synchronous spawn ----
+
+using SyncSpawnTest = ProcessTest;
+
+TEST_F(SyncSpawnTest, ReturnsTheExitCode) {
+  const test::FdCheck check;
+  Command exits = Command::shell("exit 42"), killed = Command::shell("kill -9 $$");
+  Command terminated = Command::shell("kill -15 $$"), missing({"/no/such/program"});
+  exits.options.data = 8;
+  exits.options.exitProc = [](OrpUvProcess *process, int32_t, uint32_t code, uint32_t) {
+    recorded(std::to_string(process->head.data) + " " + std::to_string(code));
+    Command inner = Command::shell("exit 0");
+    EXPECT_EQ(ORP_ERR_SPAWN_RUNNING, OrpUvProcessSpawnSync(&inner.options, 0));
+  };
+
+  EXPECT_EQ(42u, OrpUvProcessSpawnSync(&exits.options, 0));
+  EXPECT_EQ(ORP_ERR_TIMEOUT, OrpUvProcessSpawnSync(&killed.options, 0));
+  EXPECT_EQ(0u, OrpUvProcessSpawnSync(&terminated.options, 0));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(127u, OrpUvProcessSpawnSync(&missing.options, 0));
+  testing::internal::GetCapturedStdout();
+
+  EXPECT_THAT(calls, ElementsAre("8 42"));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvProcessSpawnSync(nullptr, 0));
+  fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, OrpUvProcessSpawnSync(&exits.options, 0));
+  fail_allocation(0);
+}
+
+TEST_F(SyncSpawnTest, CollectsOutputWithTheUsersDataWord) {
+  Command command = Command::shell("echo text; exit 2");
+  command.options.data = 6;
+  command.options.outputProc = record_output;
+  command.options.flags = ORP_UV_SPAWN_STDOUT;
+
+  EXPECT_EQ(2u, OrpUvProcessSpawnSync(&command.options, 60000));
+
+  EXPECT_EQ("text\n", output[6]);
+}
+
+TEST_F(SyncSpawnTest, TimeOutLeavesTheChildButNotItsPipes) {
+  const test::FdCheck check;
+  Command command = Command::shell("echo $$; exec sleep 1000");
+  command.options.outputProc = record_output;
+  command.options.flags = ORP_UV_SPAWN_STDOUT;
+
+  EXPECT_EQ(0u, OrpUvProcessSpawnSync(&command.options, 300));
+
+  const pid_t child = std::stoi(output[0]);
+  EXPECT_EQ(0, ::kill(child, SIGKILL)) << "still running";
+  EXPECT_EQ(128 + SIGKILL, ORP_UTIL_WaitForPidEx(child, 0, 0, 0));
+}
+
+TEST_F(SyncSpawnTest, ChildrenOfTheLoopPutAsideAreReportedAfterwards) {
+  Command outer = Command::shell("exit 1"), inner = Command::shell("sleep 0.1; exit 2");
+  outer.options.data = 1;
+  spawn(outer);
+
+  ORP_UV_IdleStart(nullptr, [](OrpUvIdle *self) {
+    OrpUvIdleStop(self);
+    if (self->head.data != 0) return;
+    self->head.data = 1;
+    Command command = Command::shell("sleep 0.1; exit 2");
+    recorded("sync " + std::to_string(OrpUvProcessSpawnSync(&command.options, 0)));
+  });
+  run_to_end();
+
+  EXPECT_THAT(calls, ElementsAre("sync 2", "1: exit 1 signal 0"));
+}
+
+// ---- Storm ----
+
+TEST_F(ProcessTest, StormOfChildrenLosesNothing) {
+  constexpr uint32_t kAtATime = 200;
+  const uint32_t total = 5000 * test::soak_factor();
+  const test::FdCheck check;
+  const std::string program = std::string(std::getenv("MSGAPI_BIN")) + "/storm_child";
+  struct Expected {
+    size_t output;
+    std::string exit;
+  };
+  std::map<ORP_WORD, Expected> expected;
+  std::mt19937 random(test::seed());
+  uint32_t started = 0, reported = 0;
+
+  const auto start_one = [&] {
+    const ORP_WORD id = ++started;
+    const auto random_size = [&] { return random() % 4 == 0 ? random() % 100000 : random() % 100; };
+    const size_t out = random_size(), error = random_size();
+    constexpr int kSignals[] = {SIGKILL, SIGTERM, SIGUSR1};
+    const int end = random() % 4 == 0 ? -kSignals[random() % 3] : static_cast<int>(random() % 256);
+    expected[id] = {out + error, std::to_string(id) + ": exit " + std::to_string(std::max(end, 0)) +
+                                     " signal " + std::to_string(std::max(-end, 0))};
+    Command command({program, std::to_string(out), std::to_string(error), std::to_string(end)});
+    command.options.data = id;
+    ASSERT_NE(nullptr, spawn(command, ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR));
+  };
+  on_exit = [&](OrpUvProcess *process) {
+    const ORP_WORD id = process->head.data;
+    ++reported;
+    ASSERT_EQ(1u, expected.count(id)) << "reported twice";
+    EXPECT_EQ(expected[id].exit, calls.back());
+    EXPECT_EQ(expected[id].output, output[id].size());
+    expected.erase(id);
+    output.erase(id);
+    calls.clear();
+    if (started < total) start_one();
+  };
+
+  while (started < kAtATime) start_one();
+  run_to_end();
+
+  EXPECT_EQ(total, reported);
+  EXPECT_TRUE(expected.empty());
+  run_default_once();
+}
+
+}  // namespace
+}  // namespace msgapi
