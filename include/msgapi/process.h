@@ -95,10 +95,10 @@ struct OrpUvProcess {
 /*
  * Starts a child. In it, in this order: a session; inherited descriptors from 3 to the loop's
  * highest (at least up to 50 on a loop without higher ones) are closed; working directory; groups,
- * user and group; environment; umask; core limit; pipes; exec. Signals are as after an exec:
- * caught ones have their default action. When the program cannot be executed, or the working
- * directory, user or group cannot be set, the child ends with exit code 127; that is not an error
- * of this call.
+ * user and group; environment; umask; core limit; pipes; exec. Signals are as after an exec: those
+ * that this process catches have their default action, blocked and ignored ones stay so. When the
+ * program cannot be executed, or the working directory, user or group cannot be set, the child ends
+ * with exit code 127; that is not an error of this call.
  *
  * The exit is reported when the default loop runs, or the one that is given.
  *

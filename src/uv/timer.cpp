@@ -3,6 +3,8 @@
 
 #include "uv/timer.h"
 
+#include <algorithm>
+
 #include "base/memory.h"
 #include "base/text.h"
 #include "os/clock.h"
@@ -15,9 +17,9 @@ namespace {
 
 static_assert(sizeof(void *) != 4 || sizeof(OrpUvTimer) == 52);
 
-constexpr int32_t kNever_s = 0x7fffffff;    // expiry of a sleeping timer
-constexpr int32_t kMicroseconds = 1000000;  // in a second
-constexpr uint32_t kShortestChange = 10;    // ms until the first expiry after a change of period
+constexpr int32_t kNever_s = 0x7fffffff;     // expiry of a sleeping timer
+constexpr int32_t kMicroseconds = 1000000;   // in a second
+constexpr uint32_t kShortestChange_ms = 10;  // until the first expiry after a change of period
 
 ORP_TIME_ST span_of(uint32_t ms) {
   return {static_cast<int32_t>(ms / 1000), static_cast<int32_t>(ms % 1000 * 1000)};
@@ -59,6 +61,15 @@ void set_expiry(OrpUvTimer *timer, const ORP_TIME_ST &expiry) {
   timer->expiryUsec = expiry.microseconds;
 }
 
+// Sets the next expiry from the moment of this call. A timer that is set behind the timer pass, by
+// an idle procedure say, must not wait for the next event, so the coming wait learns of it, too.
+void expire_in(OrpUvTimer *timer, uint32_t ms) {
+  ORP_TIME_ST now;
+  (void)os::read_monotonic(&now);
+  set_expiry(timer, add(now, ms));
+  if (timer->head.loop != nullptr) lower(&timer->head.loop->selectTimeout, span_of(ms));
+}
+
 // Calls a due timer and schedules its next expiry; *timeout learns of it.
 void fire(OrpUvLoop *loop, OrpUvTimer *timer, ORP_TIME_ST *timeout) {
   // The procedure may end the timer; the record itself stays until a safe point.
@@ -97,11 +108,7 @@ Status start_timer(OrpUvTimer *timer, uint32_t interval_ms, uint32_t count, ORP_
   timer->count = count;
   timer->callback = callback;
   timer->head.data = data;
-  if (interval_ms != 0) {
-    ORP_TIME_ST now;
-    (void)os::read_monotonic(&now);
-    set_expiry(timer, add(now, interval_ms));
-  }
+  if (interval_ms != 0) expire_in(timer, interval_ms);
   return start_watcher(&timer->head);
 }
 
@@ -118,17 +125,12 @@ OrpUvTimer *add_timer(uint32_t interval_ms, uint32_t count, ORP_TIMER_PROC callb
 }
 
 void change_period(OrpUvTimer *timer, uint32_t interval_ms) {
-  ORP_TIME_ST now;
-  (void)os::read_monotonic(&now);
-
   // Only the first expiry is kept at least 10 ms away: the interval stays as it was given.
   timer->interval = interval_ms;
   if (interval_ms == 0) {
     set_expiry(timer, {kNever_s, 0});
-  } else if (interval_ms < kShortestChange) {
-    set_expiry(timer, add(now, kShortestChange));
   } else {
-    set_expiry(timer, add(now, interval_ms > INT32_MAX ? INT32_MAX : interval_ms));
+    expire_in(timer, std::clamp<uint32_t>(interval_ms, kShortestChange_ms, INT32_MAX));
   }
 }
 

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include "base/memory.h"
+#include "msgapi/process.h"
 #include "uv/default_loop.h"
 #include "uv/loop_fixture.h"
 
@@ -365,8 +366,7 @@ TEST_F(LoopTest, SynchronousSpawnModeWaitsOnlyForPipes) {
   ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
     if (self->head.loop->iteration == 1000) OrpUvLoopStop(self->head.loop);
   });
-  auto *process = new_record<OrpUvWatcher>();
-  OrpUvWatcherInit(&loop_, process, ORP_UV_PROCESS);
+  OrpUvWatcherInit(&loop_, &new_record<OrpUvProcess>()->head, ORP_UV_PROCESS);
   EXPECT_EQ(Status::kOk, uv::run_loop(&loop_, 0, uv::RunMode::kSynchronousSpawn));
   EXPECT_EQ(1000u, loop_.iteration) << "turned without pause";
 

@@ -1,6 +1,7 @@
 #include "uv/timer.h"
 
 #include <ctime>
+#include <utility>
 
 #include "base/memory.h"
 #include "os/clock.h"
@@ -168,6 +169,20 @@ TEST_F(TimerTest, AddedTimersBelongToTheDefaultLoop) {
   };
   EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 0));
   EXPECT_THAT(g_fired, testing::ElementsAre(7u, 8u, 10u));
+}
+
+TEST_F(TimerTest, StartedBehindTheTimerPassItDoesNotWaitForTheNextEvent) {
+  ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
+    if (std::exchange(self->head.data, 1) != 0) return;
+    auto *late = new_record<OrpUvTimer>();
+    OrpUvTimerInit(self->head.loop, late);
+    OrpUvTimerStart(late, 1, 1, fired, 1);
+  });
+  g_on_fire = [&] { OrpUvLoopStop(&loop_); };
+
+  EXPECT_EQ(ORP_OK, run(0));
+
+  EXPECT_THAT(g_fired, testing::ElementsAre(1u));
 }
 
 TEST_F(TimerTest, ReportsMissingArguments) {

@@ -1,0 +1,111 @@
+// supervisor: keeps a few programs running and shows their output by lines.
+//
+//   supervisor 'web=httpd -f -p 8080' 'clock=while sleep 1; do date; done'
+//
+// SIGTERM and SIGINT end the programs, the ones that do not end within two seconds with SIGKILL,
+// and then the supervisor.
+
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "msgapi/loop.h"
+#include "service.h"
+
+namespace {
+
+using supervisor::Policy;
+using supervisor::Service;
+
+constexpr uint32_t kPatience_ms = 2000;
+
+std::vector<std::unique_ptr<Service>> g_services;
+
+void stop_all(int signal) {
+  for (const auto &service : g_services) service->stop(signal);
+}
+
+void end_when_all_are_gone() {
+  const auto is_gone = [](const auto &service) { return service->is_gone(); };
+  if (std::all_of(g_services.begin(), g_services.end(), is_gone)) {
+    OrpUvLoopStop(OrpUvLoopGetDefault());
+  }
+}
+
+int g_signal_event = -1;
+
+void on_signal(int /*signal*/) {
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t ignored = ::write(g_signal_event, &one, sizeof one);
+}
+
+// SIGTERM and SIGINT become an event of the loop. They are caught, not blocked: children inherit
+// what is blocked, while what is caught has its default action in them.
+void watch_signals() {
+  g_signal_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  auto *watcher = static_cast<OrpUvIo *>(std::calloc(1, sizeof(OrpUvIo)));
+  if (g_signal_event < 0 || watcher == nullptr) throw std::runtime_error("cannot watch signals");
+
+  OrpUvIoInit(nullptr, watcher, g_signal_event, [](OrpUvIo *self, uint32_t) {
+    uint64_t count;
+    if (::read(self->fd, &count, sizeof count) != sizeof count) return;
+    stop_all(SIGTERM);
+    ORP_UTIL_TimerAdd(
+        kPatience_ms, 1, [](ORP_WORD) { stop_all(SIGKILL); }, 0);
+  });
+  OrpUvIoStart(watcher, ORP_UV_READABLE);
+  struct sigaction action = {};
+  action.sa_handler = on_signal;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+int run(int argc, char **argv) {
+  CLI::App app("Keeps programs running and shows their output by lines.", "supervisor");
+  Policy policy;
+  std::vector<std::string> commands;
+  app.add_option("--delay", policy.first_delay_ms, "Milliseconds before the first restart")
+      ->capture_default_str()
+      ->check(CLI::Range(1u, 60000u));
+  app.add_option("--max-delay", policy.max_delay_ms, "The delay doubles up to this")
+      ->capture_default_str()
+      ->check(CLI::Range(1u, 3600000u));
+  app.add_option("--restarts", policy.max_restarts, "Restarts of each program; 0: no limit");
+  app.add_option("programs", commands, "NAME=COMMAND, run by /bin/sh")->required();
+  CLI11_PARSE(app, argc, argv);
+
+  for (const std::string &command : commands) {
+    const size_t equals = command.find('=');
+    if (equals == 0 || equals == std::string::npos) {
+      fmt::print(stderr, "supervisor: not of the form NAME=COMMAND: {}\n", command);
+      return 2;
+    }
+    g_services.push_back(std::make_unique<Service>(
+        command.substr(0, equals), command.substr(equals + 1), policy, end_when_all_are_gone));
+  }
+  watch_signals();
+  for (const auto &service : g_services) service->start();
+  return ORP_UV_LoopRun(nullptr, 0) == ORP_OK ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception &error) {
+    fmt::print(stderr, "supervisor: {}\n", error.what());
+    return 1;
+  }
+}
