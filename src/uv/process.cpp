@@ -297,6 +297,7 @@ Status spawn(OrpUvLoop *loop, OrpUvProcess **process_out, const OrpUvSpawnOption
   if (process == nullptr) return Status::kNoMemory;
   process->pid = -1;
   (void)init_watcher(loop, &process->head, ORP_UV_PROCESS);
+  process->head.status |= kSpawned;
   process->head.data = options->data;
   process->exitProc = options->exitProc;
   process->reapProc = options->reapProc;

@@ -34,8 +34,8 @@ void release_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, bool loop_gone) {
   drop_forced_events(loop, watcher);
   if (has_type(watcher, ORP_UV_MSG)) orphan_pending(as<OrpUvMsg>(watcher));
   if (has_type(watcher, ORP_UV_REDIRECT)) disconnect(as<OrpUvIo>(watcher));
-  if (has_type(watcher, ORP_UV_PROCESS)) disconnect_all(as<OrpUvProcess>(watcher));
-  if (has_type(watcher, ORP_UV_TIMER)) forget_pending_timer(as<OrpUvTimer>(watcher), loop_gone);
+  if (has_type(watcher, kSpawned)) disconnect_all(as<OrpUvProcess>(watcher));
+  if (has_type(watcher, kPendingTimer)) forget_pending_timer(as<OrpUvTimer>(watcher), loop_gone);
 
   OrpUvIdle *idle = as<OrpUvIdle>(watcher);
   if (loop->reaper == idle) loop->reaper = nullptr;

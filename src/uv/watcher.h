@@ -23,8 +23,10 @@ constexpr uint32_t kLoopFilterSets = 0x200;   // sets may hold descriptors not t
 constexpr uint32_t kWalkDepthUnit = 0x10000;  // the upper half counts walks under way
 
 // Bits of OrpUvWatcher.status that only the library knows.
-constexpr uint32_t kEndOfStream = 0x10000;  // the descriptor has reached the end of its stream
-constexpr uint32_t kFiring = 0x20000;       // the timer's procedure is being called
+constexpr uint32_t kEndOfStream = 0x10000;   // the descriptor has reached the end of its stream
+constexpr uint32_t kFiring = 0x20000;        // the timer's procedure is being called
+constexpr uint32_t kPendingTimer = 0x40000;  // the timer ends a pending entry of a message watcher
+constexpr uint32_t kSpawned = 0x80000;       // the process watcher was made by a spawn
 constexpr uint32_t kPublicStatus = 0xffff;
 
 constexpr uint32_t kWalkDepthMask = ~(kWalkDepthUnit - 1);

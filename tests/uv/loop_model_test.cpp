@@ -9,7 +9,7 @@
 #include <set>
 
 #include "support/soak.h"
-#include "uv/loop_fixture.h"
+#include "uv/process_fixture.h"
 
 namespace msgapi {
 namespace {
@@ -20,7 +20,7 @@ constexpr uint32_t kMaxAlive = 30;
 constexpr uint32_t kFar_ms = 1000000000;
 
 struct Item {
-  enum Kind { kIo, kTimer, kIdle } kind;
+  enum Kind { kIo, kTimer, kIdle, kProcess, kReaper } kind;
   OrpUvWatcher *watcher;
   bool active = true, deleted = false, freed = false;
   // I/O
@@ -31,6 +31,8 @@ struct Item {
   // Timer
   bool due = false, ended = false, firing = false;
   uint32_t count = 0;
+  // Process
+  bool exited = false;
 };
 
 // A callback by its watcher's number; kNothing: the run ends.
@@ -78,6 +80,7 @@ class ExpectedRun {
 
   Call next() {
     settle_timer();
+    settle_process();
     for (;;) {
       Call call = {kNothing, 0};
       switch (phase_) {
@@ -206,11 +209,36 @@ class ExpectedRun {
   }
 
   Call next_idle() {
-    uint32_t id;
-    while (const Item *item = visit(&id)) {
+    for (;;) {
+      const Call exit = next_exit();
+      if (exit.id != kNothing) return exit;
+      uint32_t id;
+      const Item *item = visit(&id);
+      if (item == nullptr) return {kNothing, 0};
       if (item->kind == Item::kIdle) return {id, 0};
+      if (item->kind == Item::kReaper) exit_position_ = model_.successor(kNothing);
+    }
+  }
+
+  // The reaper's walk, inside its turn as an idle procedure.
+  Call next_exit() {
+    while (exit_position_ != kNothing) {
+      const uint32_t id = exit_position_;
+      exit_position_ = model_.successor(id);
+      Item &item = model_.items[id];
+      if (item.deleted || !item.exited) continue;
+      item.exited = false;
+      reported_ = id;
+      return {id, 0};
     }
     return {kNothing, 0};
+  }
+
+  void settle_process() {
+    if (reported_ == kNothing) return;
+    model_.items[reported_].active = false;
+    model_.items[reported_].deleted = true;
+    reported_ = kNothing;
   }
 
   Call next_forced() {
@@ -240,7 +268,8 @@ class ExpectedRun {
   Model &model_;
   Phase phase_ = kTimers;
   uint32_t position_ = 0;  // item 0 is never freed
-  uint32_t fired_ = kNothing;
+  uint32_t fired_ = kNothing, reported_ = kNothing;
+  uint32_t exit_position_ = kNothing;
   bool second_ = false, delivered_ = false, in_pass_ = false;
   std::set<int> ready_read_, ready_write_;
   std::vector<Call> batch_;
@@ -252,7 +281,6 @@ class LoopModelTest : public testing::Test {
 
   // A loop from its first watcher to its destruction.
   void play(uint32_t rounds) {
-    OrpUvLoopInit(&loop_);
     add_idle();  // item 0, the controller
     for (uint32_t round = 0; round < rounds && !HasFailure(); ++round) {
       for (uint32_t n = pick(6); n > 0; --n) act(false);
@@ -261,9 +289,10 @@ class LoopModelTest : public testing::Test {
       run();
     }
 
-    for (const Item &item : model_.items) {
+    for (Item &item : model_.items) {
       if (item.fd >= 0) ::close(item.fd);
       if (item.peer >= 0) ::close(item.peer);
+      if (is_running(item)) end(&item);
     }
     model_ = {};
     ORP_UV_LoopDestroy(&loop_);
@@ -311,6 +340,43 @@ class LoopModelTest : public testing::Test {
     item.active = false;
     item.fd = pair[0];
     item.peer = pair[1];
+  }
+
+  void add_process() {
+    Command command({"/bin/sleep", "1000"});
+    command.options.exitProc = [](OrpUvProcess *self, int32_t, uint32_t, uint32_t signal) {
+      EXPECT_EQ(9u, signal);
+      test_->called({static_cast<uint32_t>(self->head.data), 0});
+    };
+    const bool is_first = loop_.reaper == nullptr;
+    OrpUvProcess *process = nullptr;
+    ASSERT_EQ(ORP_OK, OrpUvProcessSpawn(nullptr, &process, &command.options));
+    add(Item::kProcess, &process->head);
+    if (is_first) add(Item::kReaper, &loop_.reaper->head);
+  }
+
+  static bool is_running(const Item &item) {
+    return item.kind == Item::kProcess && !item.deleted && !item.exited &&
+           reinterpret_cast<const OrpUvProcess *>(item.watcher)->pid > 0;
+  }
+
+  // Ends the child of a process watcher and lets the signal handler reap it.
+  void end(Item *item) {
+    auto *process = reinterpret_cast<OrpUvProcess *>(item->watcher);
+    EXPECT_EQ(0u, OrpUvProcessKill(process, SIGKILL));
+    while (process->exited == 0) ::usleep(10);
+    item->exited = true;
+  }
+
+  void change_process(Item *item) {
+    if (!is_running(*item)) return;
+    if (pick(4) != 0) return end(item);
+    auto *process = reinterpret_cast<OrpUvProcess *>(item->watcher);
+    EXPECT_EQ(ORP_OK, OrpUvWatcherDelete(&process->head));
+    item->active = false;
+    item->deleted = true;
+    EXPECT_EQ(0u, OrpUvProcessKill(process, SIGKILL));
+    EXPECT_EQ(128 + SIGKILL, ORP_UTIL_WaitForPidEx(process->pid, 0, 1, 0));
   }
 
   void change_io(uint32_t id) {
@@ -373,7 +439,8 @@ class LoopModelTest : public testing::Test {
   void change_any(bool in_callback) {
     const uint32_t id = pick(static_cast<uint32_t>(model_.items.size()));
     Item &item = model_.items[id];
-    if (item.freed || id == 0) return;
+    if (item.freed || id == 0 || item.kind == Item::kReaper) return;
+    if (item.kind == Item::kProcess) return change_process(&item);
     if (pick(8) == 0) {
       EXPECT_EQ(ORP_OK, OrpUvWatcherStart(item.watcher));
       if (!item.active) item.deleted = false;
@@ -395,6 +462,10 @@ class LoopModelTest : public testing::Test {
         EXPECT_EQ(ORP_OK, OrpUvIdleStop(reinterpret_cast<OrpUvIdle *>(item.watcher)));
         item.active = false;
         item.deleted = true;
+        return;
+      case Item::kProcess:
+      case Item::kReaper:
+        return;
     }
   }
 
@@ -403,6 +474,7 @@ class LoopModelTest : public testing::Test {
     if (choice < 2) {
       if (std::ranges::count(model_.items, false, &Item::freed) >= kMaxAlive) return;
       if (choice == 0) return add_io();
+      if (pick(6) == 0) return add_process();
       return pick(2) != 0 ? add_timer() : add_idle();
     }
     if (choice == 2 && in_callback && model_.depth < kMaxDepth && calls_ < inner_limit_) {
@@ -479,7 +551,7 @@ class LoopModelTest : public testing::Test {
   }
 
   static inline LoopModelTest *test_;
-  OrpUvLoop loop_;
+  OrpUvLoop &loop_ = *OrpUvLoopGetDefault();
   Model model_;
   std::vector<ExpectedRun *> runs_;
   bool stopping_ = false;
