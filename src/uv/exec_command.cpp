@@ -103,7 +103,8 @@ int32_t remaining_ms(const ORP_TIME_ST &start, uint32_t timeout_ms) {
 
 // A SIGCHLD ends the sleep early.
 void sleep_ms(uint32_t ms) {
-  const timespec time = {.tv_sec = ms / 1000, .tv_nsec = long{ms % 1000} * 1000000};
+  const timespec time = {.tv_sec = static_cast<time_t>(ms / 1000),
+                         .tv_nsec = static_cast<long>(ms % 1000 * 1000000)};
   ::nanosleep(&time, nullptr);
 }
 

@@ -17,7 +17,7 @@ TEST(Supervisor, RestartsProgramsAndShowsTheirOutputByLines) {
   EXPECT_EQ(0, supervisor.wait());
 
   for (const char *line :
-       {"one: first\none: second\n", "one: ended with exit code 3\n", "one: not restarted\n",
+       {"one: first\n", "one: second\n", "one: ended with exit code 3\n", "one: not restarted\n",
         "two: problem\n", "two: ended by signal 9\n", "two: not restarted\n"}) {
     EXPECT_THAT(supervisor.output(), HasSubstr(line));
   }
