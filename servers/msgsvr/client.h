@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -22,8 +23,19 @@ using servers::UniqueFd;
 class Server;
 struct Client;
 
+// Where the names in a header lead. Most headers of a client bear the same two names as the one
+// before, so the last answer is kept; it is good until any name changes hands.
+struct Route {
+  std::array<char, 2 * ORP_APP_NAME_SIZE> names{};  // sender and receiver, as in the header
+  uint64_t epoch = 0;                               // of the server's names; 0: never
+  bool to_server = false;
+  Client *to = nullptr;  // null: the server, or nobody
+};
+
 // The bytes of a client's connection, cut into frames.
 struct Inbound {
+  Route route;
+
   // The beginning of a frame that is kept until it is whole, and its full size once the header is
   // there.
   std::vector<char> partial;

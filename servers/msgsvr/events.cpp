@@ -22,7 +22,7 @@ namespace {
 using servers::log_line;
 
 struct Subscribers {
-  std::vector<uint32_t> processes;  // ids of connections
+  std::vector<Client *> processes;
   std::vector<AppName> names;
 
   bool empty() const { return processes.empty() && names.empty(); }
@@ -41,7 +41,7 @@ class Events final : public Service {
       if (const auto name = m.name_in_body()) {
         add_once(&subscribers.names, *name);
       } else {
-        add_once(&subscribers.processes, from.id);
+        add_once(&subscribers.processes, &from);
       }
     });
     server->serve(ORP_MSG_UNSUBSCRIBE, [this](Client &from, const Message &m) {
@@ -50,13 +50,13 @@ class Events final : public Service {
       if (const auto name = m.name_in_body()) {
         std::erase(entry->second.names, *name);
       } else {
-        std::erase(entry->second.processes, from.id);
+        std::erase(entry->second.processes, &from);
       }
       if (entry->second.empty()) by_type_.erase(entry);
     });
     server->serve_rest([this](Client &from, const Message &m) { return publish(from, m); });
     server->on_gone([this](Client &client) {
-      for (auto &[type, subscribers] : by_type_) std::erase(subscribers.processes, client.id);
+      for (auto &[type, subscribers] : by_type_) std::erase(subscribers.processes, &client);
       std::erase_if(by_type_, [](const auto &entry) { return entry.second.empty(); });
     });
   }
@@ -111,7 +111,7 @@ class Events final : public Service {
   void add_receivers(uint32_t type) {
     const auto entry = by_type_.find(type);
     if (entry == by_type_.end()) return;
-    for (uint32_t id : entry->second.processes) add_receiver(server_->by_id(id));
+    for (Client *client : entry->second.processes) add_receiver(client);
     for (const AppName &name : entry->second.names) add_receiver(server_->find(name));
   }
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "common/log_line.h"
@@ -133,13 +134,14 @@ void Server::take(Client &from, std::span<char> bytes) {
       bytes = assemble(from, bytes);
     } else {
       const Header header = load_header(bytes.data(), from.swapped);
-      if (!valid(from, header)) return;
+      const Route *route = resolve(from, header);
+      if (route == nullptr) return;
       const size_t size = kHeaderSize + header.ulDataLen;
       if (bytes.size() < size) {
-        begin_frame(from, bytes, header);
+        begin_frame(from, bytes, header, *route);
         return;
       }
-      route(from, bytes.first(size), header);
+      deliver(from, bytes.first(size), header, *route);
       bytes = bytes.subspan(size);
     }
   }
@@ -175,23 +177,24 @@ std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   if (count < wanted) return bytes;
 
   const Header header = load_header(partial.data(), from.swapped);
-  if (in_header && !valid(from, header)) return {};
+  const Route *route = resolve(from, header);
+  if (route == nullptr) return {};
   // The bytes must outlive this call, and `partial` be free for the next beginning.
   std::swap(partial, assembled_);
   partial.clear();
   if (in_header && header.ulDataLen > 0) {
-    begin_frame(from, assembled_, header);
+    begin_frame(from, assembled_, header, *route);
   } else {
-    route(from, assembled_, header);
+    deliver(from, assembled_, header, *route);
   }
   return bytes;
 }
 
 // The header and perhaps a part of the body are there. Decides what becomes of the rest.
-void Server::begin_frame(Client &from, std::span<char> begin, const Header &header) {
+void Server::begin_frame(Client &from, std::span<char> begin, const Header &header,
+                         const Route &route) {
   const size_t size = kHeaderSize + header.ulDataLen;
-  const AppName name = *AppName::from_field(header.aucRecvApp);
-  const size_t kept = name.is_server() ? kHeaderSize + kLongestServerBody : options_.cut_through;
+  const size_t kept = route.to_server ? kHeaderSize + kLongestServerBody : options_.cut_through;
   if (size <= kept) {
     from.in.partial.assign(begin.begin(), begin.end());
     from.in.partial_size = size;
@@ -203,12 +206,11 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   from.in.left = size - begin.size();
   from.in.last_to = 0;
   from.in.last_tag = {from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum};
-  Client *to = name.is_server() ? nullptr : find(name);
-  if (to != nullptr) {
-    begin_stream(from, *to, begin, header);
+  if (route.to != nullptr) {
+    begin_stream(from, *route.to, begin, header);
     return;
   }
-  if (name.is_server()) {
+  if (route.to_server) {
     ++statistics_.unserved;
     log_line("{} sent the server a message of {} bytes, which is too long", from.label(), size);
   } else {
@@ -275,40 +277,55 @@ void Server::abandon_stream(Client &from, std::string_view why, bool tell) {
   }
 }
 
-bool Server::valid(Client &from, const Header &header) {
+// Null, after ending the client, for a malformed header.
+const Route *Server::resolve(Client &from, const Header &header) {
   if (header.ulDataLen > ORP_MSG_MAX_BODY) {
     end_malformed(from, fmt::format("it announced a body of {} bytes", header.ulDataLen));
-    return false;
+    return nullptr;
   }
-  if (!AppName::from_field(header.aucSendApp) || !AppName::from_field(header.aucRecvApp)) {
+  // The two names are neighbours.
+  Route &route = from.in.route;
+  static_assert(offsetof(Header, aucRecvApp) == offsetof(Header, aucSendApp) + ORP_APP_NAME_SIZE);
+  const char *names = reinterpret_cast<const char *>(&header) + offsetof(Header, aucSendApp);
+  if (route.epoch == names_epoch_ &&
+      std::memcmp(route.names.data(), names, route.names.size()) == 0) {
+    return &route;
+  }
+
+  const auto receiver = AppName::from_field(header.aucRecvApp);
+  if (!receiver || !AppName::from_field(header.aucSendApp)) {
     end_malformed(from, "it sent a header with an unterminated name");
-    return false;
+    return nullptr;
   }
-  return true;
+  std::memcpy(route.names.data(), names, route.names.size());
+  route.epoch = names_epoch_;
+  route.to_server = receiver->is_server();
+  route.to = route.to_server ? nullptr : find(*receiver);
+  return &route;
 }
 
-void Server::route(Client &from, std::span<char> frame, const Header &header) {
+void Server::deliver(Client &from, std::span<char> frame, const Header &header,
+                     const Route &route) {
   ++statistics_.frames_in;
   ++from.frames_in;
   const OutputQueue::Tag tag{from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum};
   from.in.last_to = 0;
   from.in.last_tag = tag;
-
-  const AppName name = *AppName::from_field(header.aucRecvApp);
-  if (name.is_server()) {
+  if (route.to_server) {
     dispatch(from, frame, header);
     return;
   }
-  Client *to = find(name);
-  if (to == nullptr) {
+  if (route.to == nullptr) {
     ++statistics_.unknown_names;
     notify_undeliverable(from, tag.type, tag.sequence);
     return;
   }
-  from.in.last_to = to->id;
+
+  Client &to = *route.to;
+  from.in.last_to = to.id;
   // The frame is ours, so that its header can be converted where it is.
-  if (from.swapped != to->swapped) store_header(header, to->swapped, frame.data());
-  post(*to, {frame.data(), frame.size(), tag});
+  if (from.swapped != to.swapped) store_header(header, to.swapped, frame.data());
+  post(to, {frame.data(), frame.size(), tag});
 }
 
 void Server::dispatch(Client &from, std::span<char> frame, const Header &header) {

@@ -144,6 +144,7 @@ void Server::rename(Client &client, const AppName &name) {
   if (client.name == name) return;
   unlist(client);
   client.name = name;
+  ++names_epoch_;
   if (!name.empty()) names_[name].push_back(&client);
 }
 
@@ -151,6 +152,7 @@ void Server::rename(Client &client, const AppName &name) {
 void Server::unlist(const Client &client) {
   const auto entry = names_.find(client.name);
   if (entry == names_.end()) return;
+  ++names_epoch_;
   std::erase(entry->second, &client);
   if (entry->second.empty()) names_.erase(entry);
 }

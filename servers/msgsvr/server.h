@@ -123,10 +123,10 @@ class Server {
   void take(Client &from, std::span<char> bytes);
   std::span<char> pass_on(Client &from, std::span<char> bytes);
   std::span<char> assemble(Client &from, std::span<char> bytes);
-  void begin_frame(Client &from, std::span<char> begin, const Header &header);
+  void begin_frame(Client &from, std::span<char> begin, const Header &header, const Route &route);
   void begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header);
-  bool valid(Client &from, const Header &header);
-  void route(Client &from, std::span<char> frame, const Header &header);
+  const Route *resolve(Client &from, const Header &header);
+  void deliver(Client &from, std::span<char> frame, const Header &header, const Route &route);
   void dispatch(Client &from, std::span<char> frame, const Header &header);
 
   void post(Client &to, const OutputQueue::Frame &frame);
@@ -150,6 +150,7 @@ class Server {
   std::vector<std::unique_ptr<Listener>> listeners_;
   std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
   std::unordered_map<AppName, std::vector<Client *>> names_;
+  uint64_t names_epoch_ = 1;  // raised whenever a name changes hands
   uint32_t last_id_ = 0;
 
   std::unordered_map<uint32_t, Handler> handlers_;
