@@ -306,8 +306,15 @@ uint32_t ORP_UTIL_DecodePath(const char *token, char *out, uint32_t size);
 uint32_t ORP_UTIL_DeleteSubStr(const char *text, const char *part, char *out, uint32_t size);
 void ORP_UTIL_DisguiseMacAddress(uint32_t maskAll, const char *text, char *out, uint32_t size);
 uint32_t ORP_UTIL_EncodePath(const char *path, char *out, uint32_t size);
+int32_t ORP_UTIL_ExecCmdWithPermissions(const char *command);
+int32_t ORP_UTIL_ExecCmdWithPermissionsFullEx(const char *command, uint32_t timeoutMs,
+                                              uint32_t pollMs, uint32_t killOnTimeout);
+int32_t ORP_UTIL_ExecCmdWithPermissionsMorePara(char *const *args, uint32_t timeoutMs,
+                                                uint32_t pollMs, uint32_t killOnTimeout);
+uint32_t ORP_UTIL_FindKernelPidByName(const char *name);
 uint32_t ORP_UTIL_FindModuleAndFuncByUri(const char *uri, char *module, uint32_t module_size,
                                          char *function, uint32_t function_size);
+uint32_t *ORP_UTIL_FindPidByName(const char *name);
 void ORP_UTIL_FreeAddrInfo(ORP_UTIL_ADDRINFO_ST *list);
 uint32_t ORP_UTIL_GetAllInterfaceOnBr(const char *bridge, uint32_t maxCount,
                                       char (*names)[ORP_IF_NAME_SIZE]);
@@ -337,11 +344,13 @@ uint32_t ORP_UTIL_GetIfcStatInfoEx(const char *ifName, ORP_UTIL_IFC_STAT_ST *cou
 uint32_t ORP_UTIL_GetInterfaceNameByMacAddr(const char *mac, char *out, uint32_t outSize);
 uint32_t ORP_UTIL_GetIpAddresses(const char *host, ORP_WORD argument, uint32_t port,
                                  ORP_UTIL_ADDRINFO_ST **out);
+uint32_t ORP_UTIL_GetIpByName(const char *name, struct sockaddr_in *address);
 uint32_t ORP_UTIL_GetIpv6LinkAddress(const char *ifName, char *out, uint32_t outSize);
 uint32_t ORP_UTIL_GetLinuxVersion(void);
 const char *ORP_UTIL_GetLocalTimeStamp(void);
 uint32_t ORP_UTIL_GetMacAddressByInterfaceName(const char *ifName, uint8_t *mac, uint32_t size);
 uint64_t ORP_UTIL_GetMsecondAfterStart(void);
+uint32_t ORP_UTIL_GetPid(const char *name);
 uint32_t ORP_UTIL_GetProtocolTypeIdxFromStr(const char *name);
 const char *ORP_UTIL_GetProtocolTypeStrFromIdx(uint32_t index);
 void ORP_UTIL_GetReleaseDate(char *buffer, uint32_t size);
@@ -361,6 +370,24 @@ char *ORP_UTIL_Macntoa(const uint8_t *mac, uint32_t count, char *out, uint32_t s
 ORP_UTIL_ADDRINFO_ST *ORP_UTIL_MakeAddrInfo(uint32_t flags, const struct sockaddr *address,
                                             uint32_t length);
 uint32_t ORP_UTIL_MatchPrefixPath(const char *patterns, const char *path);
+uint32_t ORP_UTIL_NotifierDoNotifyExtend(ORP_UTIL_NOTIFIER_ST *notifier, uint32_t stop,
+                                         const ORP_UTIL_NOTIFIER_HOOKS_ST *hooks);
+uint32_t ORP_UTIL_NotifierDoNotifyWithCmsInit(ORP_UTIL_NOTIFIER_ST *notifier, uint32_t stop,
+                                              const ORP_UTIL_NOTIFIER_HOOKS_ST *hooks,
+                                              ORP_WORD further);
+uint32_t ORP_UTIL_NotifierDoNotifyWrapEx(const char *caller, ORP_WORD ignored,
+                                         ORP_UTIL_NOTIFIER_ST *notifier, uint32_t stop);
+uint32_t ORP_UTIL_NotifierInitEx(ORP_WORD context, ORP_UTIL_NOTIFIER_ST **notifierOut);
+uint32_t ORP_UTIL_NotifierReg(ORP_UTIL_NOTIFIER_ST *notifier, ORP_UTIL_NOTIFIER_PROC proc,
+                              uint32_t priority, ORP_WORD data,
+                              ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
+uint32_t ORP_UTIL_NotifierRegEx(ORP_UTIL_NOTIFIER_ST *notifier,
+                                const ORP_UTIL_NOTIFIER_PAIR_ST *pair, uint32_t priority,
+                                ORP_WORD data, ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
+uint32_t ORP_UTIL_NotifierReverseReg(ORP_UTIL_NOTIFIER_ST *notifier, ORP_UTIL_NOTIFIER_PROC proc,
+                                     uint32_t priority, ORP_WORD data,
+                                     ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
+void ORP_UTIL_NotifierUnReg(ORP_UTIL_NOTIFIER_ST *notifier, ORP_UTIL_NOTIFIER_ENTRY_ST *entry);
 void ORP_UTIL_NvPairDelAll(ORP_UTIL_NV_PAIR_ST **head);
 void ORP_UTIL_NvPairDelByName(ORP_UTIL_NV_PAIR_ST **head, const char *name);
 ORP_UTIL_NV_PAIR_ST *ORP_UTIL_NvPairFindByName(ORP_UTIL_NV_PAIR_ST *head, const char *name);
@@ -418,6 +445,8 @@ uint32_t ORP_UTIL_ValidateMacAddress(const char *text);
 uint32_t ORP_UTIL_ValidateNumber(const char *text);
 uint32_t ORP_UTIL_ValidatePath(const char *path, uint32_t type);
 uint32_t ORP_UTIL_ValidatePort(uint32_t port);
+int32_t ORP_UTIL_WaitForPidEx(int32_t pid, uint32_t timeoutMs, uint32_t pollMs,
+                              uint32_t killOnTimeout);
 void ORP_UTIL_get_dev_stats(const char *ifName, ORP_UTIL_DEV_STATS_ST *stats);
 uint32_t ORP_UV_IdleInit(OrpUvLoop *loop, OrpUvIdle *watcher);
 OrpUvIdle *ORP_UV_IdleStart(OrpUvLoop *loop, ORP_UV_IDLE_PROC proc);
@@ -460,6 +489,12 @@ void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_ST *time);
 uint32_t OrpUvMsgDelete(OrpUvMsg *watcher);
 uint32_t OrpUvMsgInit(OrpUvLoop *loop, OrpUvMsg *watcher, int32_t fd, ORP_UV_MSG_PROC msgProc);
 uint32_t OrpUvMsgStart(OrpUvMsg *watcher);
+void OrpUvProcessDeleteRedirectIo(OrpUvProcess *process, OrpUvIo *io);
+uint32_t OrpUvProcessKill(OrpUvProcess *process, int32_t signal);
+uint32_t OrpUvProcessSpawn(OrpUvLoop *loop, OrpUvProcess **processOut,
+                           const OrpUvSpawnOptions *options);
+uint32_t OrpUvProcessSpawnSync(const OrpUvSpawnOptions *options, uint32_t timeoutMs);
+int32_t OrpUvProcessWaitpid(ORP_UV_WAIT_ST *record);
 uint32_t OrpUvTimerDelete(OrpUvTimer *timer);
 uint32_t OrpUvTimerInit(OrpUvLoop *loop, OrpUvTimer *timer);
 uint32_t OrpUvTimerStart(OrpUvTimer *timer, uint32_t intervalMs, uint32_t count,
