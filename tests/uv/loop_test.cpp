@@ -1,3 +1,5 @@
+// Single behaviours of the loop; loop_model_test.cpp covers how they combine.
+
 #include "uv/loop.h"
 
 #include <fcntl.h>
@@ -132,40 +134,6 @@ TEST_F(LoopTest, IdleTimeEndsTheRunUnlessATimerIsDueASecondBefore) {
   EXPECT_EQ(3u, calls.size());
 }
 
-TEST_F(LoopTest, CallbackMayDeleteAnyWatcherAndTheLoopFreesIt) {
-  OrpUvIo *first = watch(readable_socket(), ORP_UV_READABLE, 1);
-  OrpUvIo *second = watch(readable_socket(), ORP_UV_READABLE, 2);
-  OrpUvIo *third = watch(readable_socket(), ORP_UV_READABLE, 3);
-  on_call = [&](OrpUvIo *self) {
-    ASSERT_EQ(second, self);
-    OrpUvIoDelete(first);
-    OrpUvIoDelete(second);
-    OrpUvIoDelete(third);
-  };
-  OrpUvIoStop(first, ORP_UV_READABLE);
-
-  run();
-
-  EXPECT_THAT(calls, ElementsAre("2:1"));
-  EXPECT_EQ(0u, watcher_count());
-}
-
-TEST_F(LoopTest, SkipEndsThePassOnly) {
-  OrpUvIo *first = watch(readable_socket(), ORP_UV_READABLE | ORP_UV_WRITABLE, 1);
-  watch(readable_socket(), ORP_UV_READABLE | ORP_UV_WRITABLE, 2);
-  on_call = [&](OrpUvIo *self) {
-    EXPECT_EQ(ORP_OK, OrpUvIoSkipLoop(self, 1));
-    if (calls.size() == 2) OrpUvLoopStop(&loop_);
-  };
-
-  run(0);
-
-  EXPECT_THAT(calls, ElementsAre("1:1", "1:2"));
-  EXPECT_EQ(ORP_OK, OrpUvIoSkipLoop(first, 0));
-  EXPECT_EQ(0u, loop_.flags & ORP_UV_LOOP_SKIP);
-  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvIoSkipLoop(nullptr, 1));
-}
-
 TEST_F(LoopTest, DescriptorClosedByAnEarlierCallbackIsNotReady) {
   watch(readable_socket(), ORP_UV_READABLE, 1);
   OrpUvIo *closed = watch(readable_socket(), ORP_UV_READABLE, 2);
@@ -204,24 +172,6 @@ TEST_F(LoopTest, ForcedEventIsDeliveredThoughTheIdleTimeIsShort) {
   EXPECT_EQ(ORP_ERR_TIMEOUT, run(1));
 
   EXPECT_THAT(calls, ElementsAre("1:1"));
-}
-
-TEST_F(LoopTest, RealEventTakesThePlaceOfTheSameForcedOne) {
-  watch(readable_socket(), ORP_UV_READABLE, 1);
-  OrpUvIo *second = watch(readable_socket(), ORP_UV_READABLE, 2);
-  on_call = [&](OrpUvIo *self) {
-    char byte;
-    EXPECT_EQ(1, ::read(self->fd, &byte, 1));
-    if (self == second) return;
-    OrpUvIoForcedLoop(second, 1);
-    OrpUvIoForcedLoop(second, 2);
-  };
-
-  // The queued event 2 would end in a read that blocks, if event 1 had not been dropped first.
-  ASSERT_EQ(1, ::send(peer_, "y", 1, 0));
-  run();
-
-  EXPECT_THAT(calls, ElementsAre("1:1", "2:1", "2:2"));
 }
 
 TEST_F(LoopTest, ForcedEventDiesWithItsWatcher) {
@@ -415,6 +365,7 @@ TEST_F(LoopTest, ArmingKeepsTheSetsInStep) {
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvIoStart(nullptr, 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvIoStop(nullptr, 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvIoDelete(nullptr));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvIoSkipLoop(nullptr, 1));
 }
 
 }  // namespace
