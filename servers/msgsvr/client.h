@@ -26,8 +26,8 @@ struct Client;
 // Where the names in a header lead. Most headers of a client bear the same two names as the one
 // before, so the last answer is kept; it is good until any name changes hands.
 struct Route {
-  std::array<char, 2 * ORP_APP_NAME_SIZE> names{};  // sender and receiver, as in the header
-  uint64_t epoch = 0;                               // of the server's names; 0: never
+  std::array<char, size_t{2} * ORP_APP_NAME_SIZE> names{};  // sender and receiver, as in the header
+  uint64_t epoch = 0;                                       // of the server's names; 0: never
   bool to_server = false;
   Client *to = nullptr;  // null: the server, or nobody
 };
