@@ -1,5 +1,6 @@
-// The message server's router: three connections write what the input says and one only reads.
-// Whatever arrives, the reader's bytes must be whole frames, and the server must go on.
+// The message server's router and those of its services that look into bodies: three connections
+// write what the input says and one only reads. Whatever arrives, the reader's bytes must be whole
+// frames, and the server must go on.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -72,10 +73,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   options.patience_ms = 1;
   options.stall_ms = 1;
   options.swap_names = {"s"};
+  options.login_state.clear();
   servers::EventLoop loop;
   msgsvr::Server server(&loop, options);
   const auto registered = msgsvr::make_registration(&server);
   const auto events = msgsvr::make_events(&server);
+  const auto restful = msgsvr::make_restful(&server);
+  const auto points = msgsvr::make_sync_points(&server);
+  const auto logins = msgsvr::make_login_control(&server);
 
   const UniqueFd reader = connect_to(&server);
   const std::string entry = registration("reader");
