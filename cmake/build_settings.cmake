@@ -7,6 +7,10 @@ if(CCACHE)
 endif()
 
 add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wconversion -Werror -fstack-protector-strong)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # Reports "text" + std::to_string(number) when it optimizes (GCC bug 105651).
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
+endif()
 if(CMAKE_BUILD_TYPE MATCHES "Release|MinSizeRel")
   add_compile_definitions(_FORTIFY_SOURCE=2)
 endif()
