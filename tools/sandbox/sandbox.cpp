@@ -117,23 +117,22 @@ void build_root() {
   check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
 
   const std::string here = fs::current_path();
-  // Any directory serves as the place where the new root is built: nobody else sees it.
-  const fs::path root = "/tmp";
-  const int real_tmp = ::open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  // The place where the new root is built, removed again as soon as the root is entered.
+  char place[] = "/tmp/sandbox.XXXXXX";
+  check(::mkdtemp(place) != nullptr, "make a directory in /tmp");
+  const fs::path root = place;
   const int real_var = ::open("/var", O_PATH | O_DIRECTORY | O_CLOEXEC);
   const int real_mnt = ::open("/mnt", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  check(real_tmp >= 0 && real_var >= 0, "open /tmp and /var");
+  check(real_var >= 0, "open /var");
   // Large folios, where the kernel has them, make the files that carry large bodies cheap.
-  check(::mount("sandbox", "/tmp", "tmpfs", 0, "mode=0755,huge=within_size") == 0 ||
-            ::mount("sandbox", "/tmp", "tmpfs", 0, "mode=0755") == 0,
+  check(::mount("sandbox", place, "tmpfs", 0, "mode=0755,huge=within_size") == 0 ||
+            ::mount("sandbox", place, "tmpfs", 0, "mode=0755") == 0,
         "mount a root");
 
   const auto opened = [](int fd) { return fs::path("/proc/self/fd/" + std::to_string(fd)) / ""; };
   mirror("/", root, {"tmp", "var", "mnt", "online", "app", "proc", "sys"});
   fs::create_directories(root / "tmp");
-  check(::mount(opened(real_tmp).c_str(), (root / "tmp").c_str(), nullptr, MS_BIND | MS_REC,
-                nullptr) == 0,
-        "bind /tmp");
+  check(::mount("/tmp", (root / "tmp").c_str(), nullptr, MS_BIND, nullptr) == 0, "bind /tmp");
   mirror(opened(real_var), root / "var", {"run", "mlog", "lock", "log"});
   if (real_mnt >= 0) mirror(opened(real_mnt), root / "mnt", {});
   for (const char *path : {"var/run/msg", "var/run/notify", "var/mlog", "var/lock", "var/log",
@@ -144,6 +143,7 @@ void build_root() {
   mount_kernel_views(root);
   check(::chdir(root.c_str()) == 0 && ::syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");
   check(::umount2(".", MNT_DETACH) == 0, "detach the machine's root");
+  ::rmdir(place);
   if (::chdir(here.c_str()) != 0) check(::chdir("/") == 0, "chdir");
 }
 
