@@ -50,11 +50,12 @@ bool take_known(pid_t pid, int *status) {
   return true;
 }
 
-// The watcher of a child, by preference one whose child has not been reaped: a number may be in use
-// again before the exit of its last owner has been reported.
+// The watcher of a child that runs or of one that has been reaped: a number may be in use again
+// before the exit of its last owner has been reported. Deleted watchers get no status any more, but
+// keep theirs until they are freed.
 OrpUvProcess *find_process(const OrpUvLoop *loop, pid_t pid, bool exited) {
   for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
-    if (!has_type(watcher, ORP_UV_PROCESS) || is_deleted(watcher)) continue;
+    if (!has_type(watcher, ORP_UV_PROCESS) || (is_deleted(watcher) && !exited)) continue;
     auto *process = as<OrpUvProcess>(watcher);
     if (process->pid == pid && (process->exited != 0) == exited) return process;
   }
@@ -151,6 +152,11 @@ ChildState look_at_child(pid_t pid, int *status) {
 void forget_status(pid_t pid) {
   int unused;
   (void)take_known(pid, &unused);
+}
+
+void leave_status(const OrpUvProcess *process) {
+  if (process->exited == 0 || find_known(process->pid) != nullptr) return;
+  remember(process->pid, process->waitStatus);
 }
 
 void adopt_status(OrpUvProcess *process) {

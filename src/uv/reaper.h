@@ -33,6 +33,9 @@ ChildState look_at_child(pid_t pid, int *status);
 // an earlier one is void.
 void forget_status(pid_t pid);
 
+// A watcher goes, with SIGCHLD blocked: a status that it has not reported stays known.
+void leave_status(const OrpUvProcess *process);
+
 // Gives the watcher the status that the table holds for its child, if it does.
 void adopt_status(OrpUvProcess *process);
 

@@ -5,6 +5,7 @@
 #include "uv/child_signal.h"
 #include "uv/default_loop.h"
 #include "uv/pending.h"
+#include "uv/reaper.h"
 #include "uv/redirect.h"
 #include "uv/trace_point.h"
 
@@ -34,7 +35,10 @@ void release_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, bool loop_gone) {
   drop_forced_events(loop, watcher);
   if (has_type(watcher, ORP_UV_MSG)) orphan_pending(as<OrpUvMsg>(watcher));
   if (has_type(watcher, ORP_UV_REDIRECT)) disconnect(as<OrpUvIo>(watcher));
-  if (has_type(watcher, kSpawned)) disconnect_all(as<OrpUvProcess>(watcher));
+  if (has_type(watcher, kSpawned)) {
+    disconnect_all(as<OrpUvProcess>(watcher));
+    leave_status(as<OrpUvProcess>(watcher));
+  }
   if (has_type(watcher, kPendingTimer)) forget_pending_timer(as<OrpUvTimer>(watcher), loop_gone);
 
   OrpUvIdle *idle = as<OrpUvIdle>(watcher);

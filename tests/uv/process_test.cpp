@@ -297,6 +297,19 @@ TEST_F(ProcessTest, DeletedWatcherReportsNothingAndItsPipeClosesItself) {
   EXPECT_TRUE(output.empty());
 }
 
+TEST_F(ProcessTest, StatusOutlivesAWatcherThatNeverReportedIt) {
+  Command command = Command::shell("exit 6");
+  for (const bool freed : {false, true}) {
+    OrpUvProcess *process = spawn(command);
+    const int32_t pid = process->pid;
+    while (process->exited == 0) ::usleep(100);
+    OrpUvWatcherDelete(&process->head);
+    if (freed) run_default_once();
+
+    EXPECT_EQ(6, ORP_UTIL_WaitForPidEx(pid, 0, 0, 0));
+  }
+}
+
 TEST_F(ProcessTest, AnotherLoopReportsItsChildren) {
   Command command = Command::shell("exit 4");
   command.options.exitProc = [](OrpUvProcess *process, int32_t, uint32_t code, uint32_t) {
