@@ -121,10 +121,11 @@ MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
  * A callback may run its own loop again; such an inner run frees no watcher, ends on the next stop
  * and leaves its idle time and counter behind.
  *
- * Returns ORP_OK after OrpUvLoopStop; ORP_ERR_TIMEOUT when `idleMs` is not 0 and no event came
- * within the idle time (and no timer was due before); ORP_ERR_SYSTEM when select() failed, which is
- * printed. A watched descriptor that turns out to be closed does not end the run: its watcher
- * loses it (fd -1), with a console line.
+ * Returns ORP_OK after OrpUvLoopStop; ORP_ERR_SYSTEM when select() failed, which is printed;
+ * ORP_ERR_TIMEOUT when `idleMs` is not 0 and a wait of at least its whole seconds saw no event.
+ * That is a wait of the idle time or one up to the next timer, which does not fire then; below 1000
+ * ms any wait without event ends the run. A watched descriptor that turns out to be closed does not
+ * end the run: its watcher loses it (fd -1), with a console line.
  */
 MSGAPI_EXPORT uint32_t OrpUvLoopRun(OrpUvLoop *loop, uint32_t idleMs);
 /* The same. */

@@ -66,6 +66,11 @@ void copy_sets(OrpUvLoop *loop, Waiting *sets) {
   if (!filtered) loop->flags &= ~kLoopFilterSets;
 }
 
+// A child has been reaped and the loop's reaper has not reported it yet: the next iteration will.
+bool exit_waits(const OrpUvLoop *loop) {
+  return loop->reaper != nullptr && g_child_reaped != 0;
+}
+
 int wait_for(OrpUvLoop *loop, Waiting *sets, timespec timeout) {
   const int count = loop->maxFd + 1;
   fd_set *read = sets->read.native(), *write = sets->write.native(), *error = sets->error.native();
@@ -75,7 +80,7 @@ int wait_for(OrpUvLoop *loop, Waiting *sets, timespec timeout) {
 
   // A child that is reaped between the reaper's look and the wait must not be slept through.
   const ChildSignalBlock block;
-  if (g_child_reaped != 0) {
+  if (exit_waits(loop)) {
     timeout = {};
     limit = &timeout;
   }
@@ -226,7 +231,7 @@ Status select_step(OrpUvLoop *loop) {
     return Status::kOk;
   }
   if (ready == 0) {
-    if (idle_due) {
+    if (idle_due && !exit_waits(loop)) {
       copy_sets(loop, &sets);
       if (wait_for(loop, &sets, {.tv_sec = 0, .tv_nsec = 100000}) == 0) return Status::kTimeout;
       // What this short wait saw is still there in the next iteration.
