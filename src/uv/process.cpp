@@ -187,16 +187,15 @@ bool ensure_reaper(OrpUvLoop *loop) {
 
 // The arguments joined by blanks, in `name`, which has room for all of them.
 void join_arguments(char *const *args, char *name, size_t room) {
-  char *end = name;
-  for (; *args != nullptr; ++args) {
-    const size_t length = std::strlen(*args);
+  for (char *const *arg = args; *arg != nullptr; ++arg) {
+    const size_t length = std::strlen(*arg);
     if (length + 1 >= room) return;
-    if (end != name) {
-      *end++ = ' ';
+    if (arg != args) {
+      *name++ = ' ';
       --room;
     }
-    std::memcpy(end, *args, length + 1);
-    end += length;
+    std::memcpy(name, *arg, length + 1);
+    name += length;
     room -= length;
   }
 }
@@ -327,6 +326,7 @@ extern "C" uint32_t OrpUvProcessSpawnSync(const OrpUvSpawnOptions *options, uint
 
 extern "C" uint32_t OrpUvProcessKill(OrpUvProcess *process, int32_t signal) {
   // The number of a child that has been reaped may belong to somebody else.
+  const ChildSignalBlock block;
   if (process == nullptr || process->pid <= 0 || process->exited != 0) return 0;
 
   return static_cast<uint32_t>(::kill(process->pid, signal));
