@@ -24,7 +24,7 @@ class UniqueFd {
   int release() { return std::exchange(fd_, -1); }
 
   void reset(int fd = -1) {
-    if (fd_ >= 0 && fd_ != fd) ::close(fd_);
+    if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
 

@@ -245,6 +245,7 @@ class DynamicApps final : public Service {
       start_later(app);
       return;
     }
+    ::setpgid(pid, pid);  // as the child does: whoever is first
     app.pid = pid;
     app.started = Clock::now();
     log_line("{} is started, process {}", app.config.name.text(), pid);

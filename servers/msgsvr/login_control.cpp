@@ -3,28 +3,27 @@
 //
 // Times are kept as what is left of them, measured with the monotonic clock: the wall clock of a
 // device jumps when it first learns the time. The state is written to a file a moment after it
-// changed and when the server stops.
+// changed, on a thread of its own because the disk may take its time, and when the server stops.
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 
 #include "common/log_line.h"
-#include "common/unique_fd.h"
 #include "msgapi/login.h"
 #include "msgapi/login_records.h"
 #include "msgsvr/services.h"
+#include "msgsvr/whole_file.h"
+#include "msgsvr/worker.h"
 
 namespace msgsvr {
 namespace {
@@ -81,6 +80,7 @@ class LoginControl final : public Service {
  public:
   explicit LoginControl(Server *server) : server_(server), path_(server->options().login_state) {
     load();
+    if (!path_.empty()) worker_ = std::make_unique<Worker>(&server->loop());
     server->serve(ORP_LCTRL_MSG_LOGIN, [this](Client &from, const Message &m) {
       answer(from, m, [this](const ORP_LCTRL_REQUEST_ST &r) { return attempt(r); });
     });
@@ -96,7 +96,10 @@ class LoginControl final : public Service {
 
   ~LoginControl() override {
     try {
-      if (save_timer_ != 0) save();
+      worker_.reset();
+      // Without a change, too: what is left of the forbidden time has become less.
+      const bool known = save_timer_ != 0 || !records_.empty();
+      if (known && !path_.empty() && !replace_file(path_, state())) complain(errno);
     } catch (const std::exception &error) {
       write_log_line(error.what());
     }
@@ -232,6 +235,17 @@ class LoginControl final : public Service {
 
   void save() {
     save_timer_ = 0;
+    const auto error = std::make_shared<int>(0);
+    worker_->run(
+        [path = path_, text = state(), error] { *error = replace_file(path, text) ? 0 : errno; },
+        [this, error] { complain(*error); });
+  }
+
+  void complain(int error) const {
+    if (error != 0) log_line("login control cannot write {}: {}", path_, std::strerror(error));
+  }
+
+  std::string state() const {
     nlohmann::json state;
     state["max_failed_times"] = max_failed_;
     state["forbidden_time"] = first_round_.count();
@@ -247,17 +261,7 @@ class LoginControl final : public Service {
            {"quiet", std::chrono::duration_cast<seconds>(now - record.last_attempt).count()}});
     }
     // Texts from clients need not be UTF-8.
-    const std::string text =
-        state.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-
-    const std::string fresh = path_ + ".new";
-    const servers::UniqueFd file(
-        ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file ||
-        ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        ::rename(fresh.c_str(), path_.c_str()) != 0) {
-      log_line("login control cannot write {}: {}", path_, std::strerror(errno));
-    }
+    return state.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   }
 
   // A file that is not there or not whole means that nothing is known.
@@ -290,6 +294,7 @@ class LoginControl final : public Service {
   uint32_t max_failed_ = 5;
   seconds first_round_ = 60s;
   EventLoop::TimerId save_timer_ = 0;
+  std::unique_ptr<Worker> worker_;  // none without a file
 };
 
 }  // namespace

@@ -26,6 +26,7 @@
 #include <string_view>
 
 #include "common/unique_fd.h"
+#include "msgsvr/whole_file.h"
 
 namespace msgsvr {
 namespace {
@@ -43,18 +44,6 @@ struct Key {
   std::array<unsigned char, kKeySize> bytes{};
   ~Key() { ::sodium_memzero(bytes.data(), bytes.size()); }
 };
-
-bool write_all(int fd, const void *data, size_t size) {
-  const char *next = static_cast<const char *>(data);
-  while (size > 0) {
-    const ssize_t count = ::write(fd, next, size);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    next += count;
-    size -= static_cast<size_t>(count);
-  }
-  return true;
-}
 
 bool read_all(int fd, void *data, size_t size) {
   char *next = static_cast<char *>(data);
@@ -93,8 +82,9 @@ bool make_key(const std::string &path, Key *key) {
   std::string fresh = path + ".XXXXXX";
   const UniqueFd file(::mkostemp(fresh.data(), O_CLOEXEC));  // mode 0600
   if (!file) return false;
-  const bool made = write_all(file.get(), key->bytes.data(), kKeySize) &&
-                    ::fsync(file.get()) == 0 && ::link(fresh.c_str(), path.c_str()) == 0;
+  const bool made =
+      write_all(file.get(), {reinterpret_cast<const char *>(key->bytes.data()), kKeySize}) &&
+      ::fsync(file.get()) == 0 && ::link(fresh.c_str(), path.c_str()) == 0;
   ::unlink(fresh.c_str());
   return made;
 }
@@ -134,17 +124,9 @@ SealStatus write_sealed(const SealOptions &options, const std::string &path,
       head + kHeadSize, nullptr, reinterpret_cast<const unsigned char *>(content.data()),
       content.size(), head, kAuthenticated, nullptr, head + kAuthenticated, key.bytes.data());
 
-  std::string fresh = *target + ".XXXXXX";
-  const UniqueFd file(::mkostemp(fresh.data(), O_CLOEXEC));
-  if (!file) return SealStatus::kNotWritten;
-  if (write_all(file.get(), file_bytes.data(), file_bytes.size()) && ::fsync(file.get()) == 0 &&
-      ::rename(fresh.c_str(), target->c_str()) == 0) {
-    return SealStatus::kOk;
-  }
-  const int reason = errno;
-  ::unlink(fresh.c_str());
-  errno = reason;
-  return SealStatus::kNotWritten;
+  const bool written =
+      replace_file(*target, {reinterpret_cast<const char *>(file_bytes.data()), file_bytes.size()});
+  return written ? SealStatus::kOk : SealStatus::kNotWritten;
 }
 
 SealStatus read_sealed(const SealOptions &options, const std::string &path, size_t limit,
