@@ -6,7 +6,11 @@
 //
 // Usage: ipc_bench [SCALE]; SCALE multiplies the number of measurements (default 1).
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -24,12 +28,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "dbus_round_trip.h"
+#include "dbus.h"
 #include "msgapi/loop.h"
 #include "msgapi/msg.h"
+#include "msgapi/restful.h"
 
 namespace {
 
@@ -38,6 +45,9 @@ constexpr uint32_t kOneWayType = 0x101;
 constexpr uint32_t kEventType = 0x2da05;
 constexpr int kRounds = 20;
 constexpr size_t kRawBuffer = 1 << 18;
+constexpr uint16_t kHttpPort = 8080;
+constexpr uint16_t kBareHttpPort = 8081;
+constexpr char kHttpText[] = R"({"name": "gateway", "up": true})";
 
 double g_scale = 1;
 
@@ -227,49 +237,58 @@ class RawOneWay {
   Processes processes_;
 };
 
-// The same to many readers; the forwarder repeats what it reads to each.
+// The same to many readers: a forwarder repeats what it reads to each; or, `direct`, the sender
+// itself writes every message to each.
 class RawFanOut {
  public:
-  RawFanOut(size_t size, int count, int readers) : message_(size, 'x'), count_(count) {
-    Channel near;
-    std::vector<Channel> far(static_cast<size_t>(readers));
-    Channel confirmations;
-    processes_.run([=] {
-      std::vector<char> buffer(kRawBuffer);
-      for (;;) {
-        const size_t got = read_some(near.ends[1], buffer.data(), buffer.size());
-        for (const Channel &channel : far) write_all(channel.ends[0], buffer.data(), got);
-      }
-    });
-    for (const Channel &channel : far) {
-      processes_.run([=, this] {
+  RawFanOut(size_t size, int count, int readers, bool direct)
+      : message_(size, 'x'), count_(count), far_(static_cast<size_t>(readers)), direct_(direct) {
+    if (!direct) {
+      processes_.run([this] {
+        std::vector<char> buffer(kRawBuffer);
+        for (;;) {
+          const size_t got = read_some(near_.ends[1], buffer.data(), buffer.size());
+          write_to_all(buffer.data(), got);
+        }
+      });
+    }
+    for (const Channel &channel : far_) {
+      processes_.run([&, this] {
         for (;;) {
           for (int i = 0; i < count_; ++i) {
             read_all(channel.ends[1], message_.data(), message_.size());
           }
-          write_all(confirmations.ends[1], "", 1);
+          write_all(confirmations_.ends[1], "", 1);
         }
       });
     }
-    readers_ = static_cast<size_t>(readers);
-    fd_ = near.ends[0];
-    confirmations_ = confirmations.ends[0];
   }
 
   double events_per_second() {
     const auto start = Clock::now();
-    for (int i = 0; i < count_; ++i) write_all(fd_, message_.data(), message_.size());
-    std::vector<char> all(readers_);
-    read_all(confirmations_, all.data(), all.size());
+    for (int i = 0; i < count_; ++i) {
+      if (direct_) {
+        write_to_all(message_.data(), message_.size());
+      } else {
+        write_all(near_.ends[0], message_.data(), message_.size());
+      }
+    }
+    std::vector<char> all(far_.size());
+    read_all(confirmations_.ends[0], all.data(), all.size());
     return count_ / microseconds_since(start) * 1e6;
   }
 
  private:
+  void write_to_all(const char *data, size_t size) {
+    for (const Channel &channel : far_) write_all(channel.ends[0], data, size);
+  }
+
   std::vector<char> message_;
   int count_;
-  size_t readers_;
-  int fd_;
-  int confirmations_;
+  Channel near_;
+  std::vector<Channel> far_;
+  Channel confirmations_;
+  bool direct_;
   Processes processes_;
 };
 
@@ -281,7 +300,8 @@ void start_server(Processes *processes) {
   processes->run([&] {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     if (std::freopen("/dev/null", "w", stderr) == nullptr) ::_exit(1);
-    ::execl(program.c_str(), program.c_str(), "--queue", "8388608", static_cast<char *>(nullptr));
+    ::execl(program.c_str(), program.c_str(), "--queue", "8388608", "--http", "127.0.0.1:8080",
+            static_cast<char *>(nullptr));
     ::_exit(1);
   });
   for (int attempt = 0; ::access(ORP_MSG_SERVER_PATH, F_OK) != 0; ++attempt) {
@@ -442,9 +462,11 @@ void print_one_way() {
 void print_fan_out() {
   constexpr int kBurst = 2000;
   constexpr size_t kBody = 256;
+  constexpr size_t kSize = ORP_MSG_HEADER_SIZE + kBody;
   std::printf("\nEvents of %zu bytes to all subscribers (events/s)\n", kBody);
-  std::printf("%11s %10s %10s %7s\n", "subscribers", "raw", "library", "ratio");
-  for (const int subscribers : {1, 8}) {
+  std::printf("%11s %10s %10s %10s %7s %10s\n", "subscribers", "raw", "raw direct", "library",
+              "ratio", "sd-bus");
+  for (const int subscribers : {1, 10}) {
     Processes processes;
     Channel confirmations;
     g_burst = kBurst;
@@ -458,18 +480,119 @@ void print_fan_out() {
         (void)processes_of_that_name;
       });
     }
-    RawFanOut raw(ORP_MSG_HEADER_SIZE + kBody, kBurst, subscribers);
+    RawFanOut raw(kSize, kBurst, subscribers, false);
+    RawFanOut direct(kSize, kBurst, subscribers, true);
+#ifdef HAVE_LIBSYSTEMD
+    const auto dbus = bench::DbusFanOut::start(subscribers, kBurst, g_confirmations);
+#else
+    const std::unique_ptr<bench::DbusFanOut> dbus;
+#endif
     Message event("", kEventType, kBody);
+    std::vector<char> all(static_cast<size_t>(subscribers));
     Series raw_rates;
+    Series direct_rates;
     Series rates;
+    Series dbus_rates;
     for (int round = 0; round < scaled(kRounds); ++round) {
       raw_rates.values.push_back(raw.events_per_second());
-      rates.values.push_back(
-          library_burst(&event, kBurst, static_cast<size_t>(subscribers), confirmations.ends[0]));
+      direct_rates.values.push_back(direct.events_per_second());
+      rates.values.push_back(library_burst(&event, kBurst, all.size(), confirmations.ends[0]));
+      if (!dbus) continue;
+      const auto start = Clock::now();
+      dbus->send(kBurst, kBody);
+      read_all(confirmations.ends[0], all.data(), all.size());
+      dbus_rates.values.push_back(kBurst / microseconds_since(start) * 1e6);
     }
-    std::printf("%11d %10.0f %10.0f %7.2f\n", subscribers, raw_rates.median(), rates.median(),
-                rates.median() / raw_rates.median());
+    std::printf("%11d %10.0f %10.0f %10.0f %7.2f", subscribers, raw_rates.median(),
+                direct_rates.median(), rates.median(), rates.median() / direct_rates.median());
+    if (dbus) std::printf(" %10.0f", dbus_rates.median());
+    std::printf("\n");
   }
+}
+
+// A GET on a kept connection, until its whole answer is there.
+class HttpClient {
+ public:
+  explicit HttpClient(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int on = 1;
+    ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    check(::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0, "connect");
+  }
+  HttpClient(const HttpClient &) = delete;
+  HttpClient &operator=(const HttpClient &) = delete;
+  ~HttpClient() { ::close(fd_); }
+
+  double once() {
+    constexpr std::string_view kRequest = "GET /dev/info HTTP/1.1\r\nHost: gateway\r\n\r\n";
+    const auto start = Clock::now();
+    write_all(fd_, kRequest.data(), kRequest.size());
+    size_t have = 0;
+    while (std::string_view(answer_, have).find(kHttpText) == std::string_view::npos) {
+      check(have < sizeof answer_, "the answer is not what was asked for");
+      have += read_some(fd_, answer_ + have, sizeof answer_ - have);
+    }
+    return microseconds_since(start);
+  }
+
+ private:
+  int fd_;
+  char answer_[2048];
+};
+
+uint32_t tell_info(const ORP_MSG_RESTFUL_REQ_ST * /*request*/, char **response) {
+  *response = ::strdup(kHttpText);
+  return 0;
+}
+
+MHD_Result answer_at_once(void * /*data*/, MHD_Connection *connection, const char * /*url*/,
+                          const char * /*method*/, const char * /*version*/,
+                          const char * /*upload*/, size_t * /*upload_size*/, void **state) {
+  // An answer to the first call, before the request is read, would end the connection.
+  if (std::exchange(*state, connection) == nullptr) return MHD_YES;
+  MHD_Response *response = ::MHD_create_response_from_buffer(
+      std::strlen(kHttpText), const_cast<char *>(kHttpText), MHD_RESPMEM_PERSISTENT);
+  ::MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/json");
+  const MHD_Result result = ::MHD_queue_response(connection, MHD_HTTP_OK, response);
+  ::MHD_destroy_response(response);
+  return result;
+}
+
+// An application's answer by HTTP, beside the same HTTP library that answers by itself.
+void print_http() {
+  constexpr int kPerRound = 500;
+  Processes processes;
+  serve_as("status", &processes, [] {
+    static const ORP_MSG_RESTFUL_ROW_ST kHandlers[] = {{"info", tell_info}, {nullptr, nullptr}};
+    ORP_MSG_RegRestfulProc("/dev", kHandlers);
+    if (ORP_MSG_GetNumOfProcesses("status") != 1) fail("not registered");
+  });
+  Channel ready;
+  processes.run([&] {
+    check(::MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD, kBareHttpPort, nullptr, nullptr,
+                             answer_at_once, nullptr, MHD_OPTION_END) != nullptr,
+          "MHD_start_daemon");
+    write_all(ready.ends[1], "", 1);
+    for (;;) ::pause();
+  });
+  char byte;
+  read_all(ready.ends[0], &byte, 1);
+
+  HttpClient bare(kBareHttpPort);
+  HttpClient client(kHttpPort);
+  Series bare_times;
+  Series times;
+  for (int round = 0; round < kRounds; ++round) {
+    for (int i = 0; i < scaled(kPerRound); ++i) bare_times.values.push_back(bare.once());
+    for (int i = 0; i < scaled(kPerRound); ++i) times.values.push_back(client.once());
+  }
+  std::printf("\nA GET that an application answers (us)\n%21s %10s %7s\n", "HTTP library alone",
+              "p50", "ratio");
+  std::printf("%21.1f %10.1f %7.2f\n", bare_times.median(), times.median(),
+              times.median() / bare_times.median());
 }
 
 }  // namespace
@@ -486,5 +609,6 @@ int main(int argc, char **argv) {
   print_round_trips();
   print_one_way();
   print_fan_out();
+  print_http();
   return 0;
 }

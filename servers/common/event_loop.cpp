@@ -56,7 +56,11 @@ EventLoop::TimerId EventLoop::after(std::chrono::milliseconds delay, Procedure p
   const Clock::time_point due = Clock::now() + delay;
   due_.emplace(id, due);
   timers_.emplace(std::pair(due, id), std::move(procedure));
-  if (timers_.begin()->first.second == id) arm_timer();
+  if (delay.count() <= 0) {
+    due_now_ = true;
+  } else if (timers_.begin()->first.second == id) {
+    arm_timer();
+  }
   return id;
 }
 
@@ -120,8 +124,8 @@ void EventLoop::run() {
 }
 
 void EventLoop::turn(int timeout_ms) {
-  const int count =
-      ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout_ms);
+  const int count = ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()),
+                                 due_now_ ? 0 : timeout_ms);
   if (count < 0) {
     if (errno == EINTR) return;
     checked(count, "epoll_wait");
@@ -132,6 +136,7 @@ void EventLoop::turn(int timeout_ms) {
     if (event.data.ptr != nullptr) static_cast<Watch *>(event.data.ptr)->ready(event.events);
   }
   event_count_ = 0;
+  if (std::exchange(due_now_, false)) run_due_timers();
   retired_.clear();
 }
 

@@ -46,7 +46,8 @@ class EventLoop {
     retired_.push_back(std::shared_ptr<void>(std::move(object)));
   }
 
-  // Calls `procedure` once, `delay` from now. Cancelling a timer that has run does nothing.
+  // Calls `procedure` once, `delay` from now; without a delay at the end of the running turn, or of
+  // the next. Cancelling a timer that has run does nothing.
   TimerId after(std::chrono::milliseconds delay, Procedure procedure);
   void cancel(TimerId timer);
 
@@ -83,6 +84,7 @@ class EventLoop {
   std::map<std::pair<Clock::time_point, TimerId>, Procedure> timers_;
   std::map<TimerId, Clock::time_point> due_;
   TimerId last_timer_ = 0;
+  bool due_now_ = false;  // timers without a delay wait for the end of the turn
   std::array<epoll_event, 64> events_{};
   int event_count_ = 0;
   std::vector<std::shared_ptr<void>> retired_;

@@ -19,6 +19,9 @@ constexpr unsigned kMostConnections = 64;
 constexpr unsigned kIdleSeconds = 30;
 constexpr unsigned kTooLarge = 413;
 
+// Then the loop's other descriptors have their turn.
+constexpr int kMostRounds = 8;
+
 }  // namespace
 
 struct HttpFront::Exchange {
@@ -104,14 +107,17 @@ HttpFront::~HttpFront() {
 }
 
 void HttpFront::run() {
-  resumed_ = false;
-  ::MHD_run(daemon_);
+  // The library often has more to do right away.
+  MHD_UNSIGNED_LONG_LONG timeout_ms = 0;
+  bool waits = true;
+  for (int round = 0; round < kMostRounds && waits && timeout_ms == 0; ++round) {
+    resumed_ = false;
+    ::MHD_run(daemon_);
+    waits = ::MHD_get_timeout(daemon_, &timeout_ms) == MHD_YES;
+  }
   if (resumed_) return;
   loop_->cancel(timer_);
-  MHD_UNSIGNED_LONG_LONG timeout_ms = 0;
-  if (::MHD_get_timeout(daemon_, &timeout_ms) == MHD_YES) {
-    timer_ = loop_->after(std::chrono::milliseconds(timeout_ms), [this] { run(); });
-  }
+  if (waits) timer_ = loop_->after(std::chrono::milliseconds(timeout_ms), [this] { run(); });
 }
 
 int HttpFront::receive(MHD_Connection *connection, const char *method, const char *path,

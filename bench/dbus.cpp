@@ -1,13 +1,15 @@
-#include "dbus_round_trip.h"
+#include "dbus.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -116,6 +118,69 @@ sd_bus *connect() {
   return bus;
 }
 
+// A broker, the processes that are its clients, and this process's own connection.
+class Bus {
+ public:
+  Bus() {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
+      throw std::runtime_error("socketpair");
+    }
+    children_.push_back(run_broker(ends[1]));
+    ::close(ends[1]);
+    controller_ = control(ends[0]);
+    own_ = connect();
+  }
+  Bus(const Bus &) = delete;
+  Bus &operator=(const Bus &) = delete;
+  ~Bus() {
+    sd_bus_flush_close_unref(own_);
+    sd_bus_flush_close_unref(controller_);
+    for (const pid_t child : children_) {
+      ::kill(child, SIGTERM);
+      ::waitpid(child, nullptr, 0);
+    }
+  }
+
+  sd_bus *get() const { return own_; }
+
+  // Runs a client with a connection of its own, and returns when `set_up` has returned in it.
+  template <typename SetUp>
+  void run(SetUp set_up) {
+    int ready[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    const pid_t child = ::fork();
+    if (child == 0) serve(ready[1], set_up);
+    children_.push_back(child);
+    ::close(ready[1]);
+    char byte;
+    const bool serves = ::read(ready[0], &byte, 1) == 1;
+    ::close(ready[0]);
+    if (!serves) throw std::runtime_error("a client does not start");
+  }
+
+ private:
+  template <typename SetUp>
+  [[noreturn]] static void serve(int ready, SetUp set_up) {
+    try {
+      sd_bus *bus = connect();
+      set_up(bus);
+      if (::write(ready, "", 1) != 1) ::_exit(1);
+      for (;;) {
+        const int result = sd_bus_process(bus, nullptr);
+        if (result < 0) break;
+        if (result == 0) sd_bus_wait(bus, UINT64_MAX);
+      }
+    } catch (const std::exception &) {
+    }
+    ::_exit(1);
+  }
+
+  std::vector<pid_t> children_;
+  sd_bus *controller_;
+  sd_bus *own_;
+};
+
 int echo(sd_bus_message *request, void * /*data*/, sd_bus_error * /*error*/) {
   const void *bytes;
   size_t size;
@@ -134,54 +199,13 @@ const sd_bus_vtable kVtable[] = {
     SD_BUS_VTABLE_END,
 };
 
-pid_t run_echo(int ready) {
-  const pid_t child = ::fork();
-  if (child != 0) return child;
-  try {
-    sd_bus *bus = connect();
-    check(sd_bus_add_object_vtable(bus, nullptr, kPath, kName, kVtable, nullptr), "vtable");
-    check(sd_bus_request_name(bus, kName, 0), "request_name");
-    if (::write(ready, "", 1) != 1) ::_exit(1);
-    for (;;) {
-      const int result = sd_bus_process(bus, nullptr);
-      if (result < 0) break;
-      if (result == 0) sd_bus_wait(bus, UINT64_MAX);
-    }
-  } catch (const std::exception &) {
-  }
-  ::_exit(1);
-}
-
-class Session final : public DbusRoundTrip {
+class RoundTrip final : public DbusRoundTrip {
  public:
-  Session() {
-    int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
-      throw std::runtime_error("socketpair");
-    }
-    broker_ = run_broker(ends[1]);
-    ::close(ends[1]);
-    controller_ = control(ends[0]);
-
-    int ready[2];
-    if (::pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    echo_ = run_echo(ready[1]);
-    ::close(ready[1]);
-    char byte;
-    const bool answers = ::read(ready[0], &byte, 1) == 1;
-    ::close(ready[0]);
-    if (!answers) throw std::runtime_error("the answering process does not start");
-    bus_ = connect();
-  }
-  Session(const Session &) = delete;
-  Session &operator=(const Session &) = delete;
-  ~Session() override {
-    sd_bus_flush_close_unref(bus_);
-    sd_bus_flush_close_unref(controller_);
-    for (const pid_t child : {broker_, echo_}) {
-      ::kill(child, SIGTERM);
-      ::waitpid(child, nullptr, 0);
-    }
+  RoundTrip() {
+    bus_.run([](sd_bus *bus) {
+      check(sd_bus_add_object_vtable(bus, nullptr, kPath, kName, kVtable, nullptr), "vtable");
+      check(sd_bus_request_name(bus, kName, 0), "request_name");
+    });
   }
 
   double once(size_t size) override {
@@ -189,9 +213,10 @@ class Session final : public DbusRoundTrip {
     const auto start = std::chrono::steady_clock::now();
     sd_bus_message *request = nullptr;
     sd_bus_message *reply = nullptr;
-    check(sd_bus_message_new_method_call(bus_, &request, kName, kPath, kName, "Echo"), "request");
+    check(sd_bus_message_new_method_call(bus_.get(), &request, kName, kPath, kName, "Echo"),
+          "request");
     check(sd_bus_message_append_array(request, 'y', bytes_.data(), size), "request");
-    check(sd_bus_call(bus_, request, 0, nullptr, &reply), "sd_bus_call");
+    check(sd_bus_call(bus_.get(), request, 0, nullptr, &reply), "sd_bus_call");
     const void *answered;
     size_t answered_size;
     check(sd_bus_message_read_array(reply, 'y', &answered, &answered_size), "reply");
@@ -203,22 +228,70 @@ class Session final : public DbusRoundTrip {
   }
 
  private:
-  pid_t broker_;
-  pid_t echo_;
-  sd_bus *controller_;
-  sd_bus *bus_;
+  Bus bus_;
   std::vector<char> bytes_;
 };
 
-}  // namespace
+int g_burst;
+int g_confirmations;
 
-std::unique_ptr<DbusRoundTrip> DbusRoundTrip::start() {
+int count(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*/) {
+  static int received;
+  const void *bytes;
+  size_t size;
+  const int result = sd_bus_message_read_array(signal, 'y', &bytes, &size);
+  if (result < 0 || ++received < g_burst) return result;
+  received = 0;
+  return ::write(g_confirmations, "", 1) == 1 ? 0 : -errno;
+}
+
+class FanOut final : public DbusFanOut {
+ public:
+  explicit FanOut(int subscribers) {
+    for (int i = 0; i < subscribers; ++i) {
+      bus_.run([](sd_bus *bus) {
+        check(sd_bus_match_signal(bus, nullptr, nullptr, kPath, kName, "Event", count, nullptr),
+              "match");
+      });
+    }
+  }
+
+  void send(int count, size_t size) override {
+    const std::vector<char> bytes(size, 'x');
+    for (int i = 0; i < count; ++i) {
+      sd_bus_message *signal = nullptr;
+      check(sd_bus_message_new_signal(bus_.get(), &signal, kPath, kName, "Event"), "signal");
+      check(sd_bus_message_append_array(signal, 'y', bytes.data(), size), "signal");
+      check(sd_bus_send(bus_.get(), signal, nullptr), "sd_bus_send");
+      sd_bus_message_unref(signal);
+    }
+    check(sd_bus_flush(bus_.get()), "sd_bus_flush");
+  }
+
+ private:
+  Bus bus_;
+};
+
+template <typename Side, typename... Arguments>
+std::unique_ptr<Side> try_to_start(Arguments... arguments) {
   try {
-    return std::make_unique<Session>();
+    return std::make_unique<Side>(arguments...);
   } catch (const std::exception &error) {
     std::printf("no sd-bus figures: %s\n", error.what());
     return nullptr;
   }
+}
+
+}  // namespace
+
+std::unique_ptr<DbusRoundTrip> DbusRoundTrip::start() {
+  return try_to_start<RoundTrip>();
+}
+
+std::unique_ptr<DbusFanOut> DbusFanOut::start(int subscribers, int burst, int confirmations) {
+  g_burst = burst;
+  g_confirmations = confirmations;
+  return try_to_start<FanOut>(subscribers);
 }
 
 }  // namespace bench
