@@ -120,7 +120,7 @@ extern "C" ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildResponse(const ORP_DNS_PACKET_S
 extern "C" ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildErrorResponse(const ORP_DNS_PACKET_ST *query,
                                                                uint32_t response_code) {
   if (!has_header(query)) return nullptr;
-  Owned<ORP_DNS_PACKET_ST> packet = new_packet(query->ulLength, message_of(query));
+  Owned<ORP_DNS_PACKET_ST> packet(ORP_DNS_PacketCopy(query, 0));
   if (!packet) return nullptr;
 
   set_header_field(packet.get(), kFlagsAt, static_cast<uint16_t>(response_code + kResponse));
@@ -132,7 +132,7 @@ extern "C" ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildErrorResponse(const ORP_DNS_PAC
 
 extern "C" ORP_DNS_PACKET_ST *ORP_DNS_IpTypeMismatchResponse(const ORP_DNS_PACKET_ST *query) {
   if (!has_header(query) || query->ulLength > kMaxAnswerPart) return nullptr;
-  Owned<ORP_DNS_PACKET_ST> packet = new_packet(query->ulLength, message_of(query));
+  Owned<ORP_DNS_PACKET_ST> packet(ORP_DNS_PacketCopy(query, 0));
   if (!packet) return nullptr;
 
   set_header_field(packet.get(), kFlagsAt, kResponseWithRecursion);

@@ -91,8 +91,10 @@ bool read_name(std::span<const uint8_t> message, size_t offset, std::span<char> 
     }
 
     if (in.left() < 2) return false;
-    if (in.offset() - offset == 1) *consumed = 2;
+    const bool only_pointer = in.offset() - offset == 1;
     offset = static_cast<size_t>(length & ~kPointerMark) << 8 | in.next();
+    if (offset > message.size()) return false;
+    if (only_pointer) *consumed = 2;
   }
   return false;
 }

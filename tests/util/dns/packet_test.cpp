@@ -144,7 +144,7 @@ const NameCase kNames[] = {
     {"pointer to itself", {0xC0, 0, 9}, 0, 2, nullptr, 2},
     {"pointer loop", {1, 'a', 0xC0, 0, 9}, 0, 4, nullptr, 0},
     {"pointer to the packet's end", {1, 'a', 0xC0, 5, 9}, 0, 4, nullptr, 0},
-    {"pointer beyond the packet", {0xC1, 0, 9}, 0, 2, nullptr, 2},
+    {"pointer beyond the packet", {0xC1, 0, 9}, 0, 2, nullptr, 0},
     {"9 pointers", pointer_chain(9), 0, 4, "a.a.a.a.a.a.a.a.a.a", 0},
     {"10 pointers", pointer_chain(10), 0, 4, nullptr, 0},
     {"dot in a label", {3, 'a', '.', 'b', 0, 9}, 0, 5, nullptr, 0},
