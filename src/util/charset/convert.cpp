@@ -27,12 +27,9 @@ int g_device = -1;
 char *g_kept_text;
 
 bool send_request(ORP_NLS_REQUEST_ST *request) {
-  return ::ioctl(g_device, static_cast<unsigned long>(ORP_NLS_DEVICE_REQUEST), request) >= 0;
-}
-
-bool open_device() {
   if (g_device < 0) g_device = ::open(ORP_NLS_DEVICE, O_RDWR | O_CLOEXEC);
-  return g_device >= 0;
+  return g_device >= 0 &&
+         ::ioctl(g_device, static_cast<unsigned long>(ORP_NLS_DEVICE_REQUEST), request) >= 0;
 }
 
 struct Input {
@@ -62,7 +59,6 @@ bool fill_request(ORP_NLS_REQUEST_ST *request, const char *function, uint32_t op
 uint32_t measure(const Input &input, const char *output_encoding, bool accept_partial) {
   ORP_NLS_REQUEST_ST request;
   if (input.encoding == nullptr || input.bytes == nullptr || output_encoding == nullptr ||
-      !open_device() ||
       !fill_request(&request, "ORP_NLS_ConvertGetLength", ORP_NLS_MEASURE, input,
                     output_encoding) ||
       !send_request(&request)) {
