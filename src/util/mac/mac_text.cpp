@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/hex.h"
 #include "base/text.h"
 
 namespace msgapi {
@@ -14,10 +15,6 @@ namespace {
 
 constexpr size_t kTextLength = ORP_MAC_TEXT_SIZE - 1;
 constexpr size_t kOctetStride = 3;  // two digits and a separator
-
-bool is_hex_digit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
 
 bool has_mac_length(const char *text) {
   return strnlen(text, kTextLength + 1) == kTextLength;
@@ -28,7 +25,7 @@ bool is_valid_mac(const char *text) {
 
   for (size_t i = 0; i < kTextLength; ++i) {
     const bool separator_place = i % kOctetStride == 2;
-    if (separator_place ? text[i] != ':' : !is_hex_digit(text[i])) return false;
+    if (separator_place ? text[i] != ':' : hex_value(text[i]) < 0) return false;
   }
   return true;
 }
@@ -69,7 +66,7 @@ void hex_to_bytes(const char *text, std::span<uint8_t> out) {
 
 void format_mac(std::span<const uint8_t, ORP_MAC_SIZE> mac, HexCase hex_case,
                 std::span<char, ORP_MAC_TEXT_SIZE> out) {
-  const char *digits = hex_case == HexCase::kUpper ? "0123456789ABCDEF" : "0123456789abcdef";
+  const char *digits = hex_case == HexCase::kUpper ? kUpperHexDigits : kLowerHexDigits;
   for (size_t i = 0; i < ORP_MAC_SIZE; ++i) {
     out[i * kOctetStride] = digits[mac[i] >> 4];
     out[i * kOctetStride + 1] = digits[mac[i] & 0x0f];

@@ -30,8 +30,10 @@ std::string_view cut_piece(std::string_view *text, char separator) {
 Owned<char> encode_piece(std::string_view piece) {
   char *encoded = nullptr;
   if (piece.size() > UINT32_MAX) return nullptr;
-  ORP_UTIL_Base64Encode(piece.data(), static_cast<uint32_t>(piece.size()), &encoded);
-  return Owned<char>(encoded);
+  const uint32_t length =
+      ORP_UTIL_Base64Encode(piece.data(), static_cast<uint32_t>(piece.size()), &encoded);
+  Owned<char> text(encoded);
+  return text && length > 0 ? std::move(text) : nullptr;
 }
 
 // Also null for a piece with a NUL in it, which is no text.

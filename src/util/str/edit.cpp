@@ -70,6 +70,7 @@ extern "C" uint32_t ORP_UTIL_FindModuleAndFuncByUri(const char *uri, char *modul
 }
 
 extern "C" void ORP_UTIL_CopyFile(const char *source, const char *target) {
+  if (source == nullptr || target == nullptr) return;
   if (ORP_VALID_CmdArgs(source) == 0 || ORP_VALID_CmdArgs(target) == 0) return;
   ORP_UTIL_VExecCmdNoHang(__func__, __LINE__, "cp -pf %s %s", source, target);
 }
