@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "msgapi/charset.h"
 
 namespace {
@@ -14,6 +16,21 @@ TEST(NoDevice, MakesEveryConversionFail) {
   EXPECT_EQ(nullptr, ORP_NLS_TryConvertToUtf8("a"));
   const char *const text = "\xd6\xd0";
   EXPECT_EQ(text, ORP_NLS_TryConvertToUtf8NoFree(text));
+}
+
+TEST(NoDevice, IsNotNeededToSayWhichNameIsTooLong) {
+  const std::string longest(31, 'x'), longer(32, 'x');
+  testing::internal::CaptureStdout();
+
+  EXPECT_EQ(ORP_NLS_NO_LENGTH,
+            ORP_NLS_ConvertGetLength(longest.c_str(), "a", 1, longest.c_str(), 1));
+  EXPECT_EQ(ORP_NLS_NO_LENGTH, ORP_NLS_ConvertGetLength(longer.c_str(), "a", 1, "utf8", 1));
+  EXPECT_EQ(nullptr, ORP_NLS_ConvertString("utf8", "a", 1, longer.c_str(), nullptr));
+
+  EXPECT_EQ(
+      "ORP_NLS_ConvertGetLength copy inputEncoding error."
+      "ORP_NLS_ConvertGetLength copy outputEncoding error.",
+      testing::internal::GetCapturedStdout());
 }
 
 TEST(IsStringUtf8, AcceptsUpToThreeBytes) {

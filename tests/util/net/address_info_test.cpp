@@ -6,11 +6,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <atomic>
+#include <array>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "cfmstore.h"
@@ -19,6 +19,7 @@
 #include "support/allocation.h"
 #include "support/fd_check.h"
 #include "support/network.h"
+#include "support/process.h"
 
 namespace {
 
@@ -59,7 +60,6 @@ TEST(ParseIpAddress, TakesNumericTextOnly) {
     EXPECT_FALSE(parse(host)) << host;
   }
   EXPECT_FALSE(parse("192.0.2.7", 65536));
-  EXPECT_FALSE(parse("192.0.2.7", 0xFFFFFFFF));
 }
 
 TEST(AddrInfo, IsMadeFromASocketAddress) {
@@ -70,38 +70,26 @@ TEST(AddrInfo, IsMadeFromASocketAddress) {
 
   const AddressList list(
       ORP_UTIL_MakeAddrInfo(ORP_SOCKET_IPV6 | ORP_SOCKET_DATAGRAM, place, sizeof address));
-  ASSERT_TRUE(list);
-  EXPECT_EQ(0, list->flags);
-  EXPECT_EQ(AF_INET6, list->family);
-  EXPECT_EQ(SOCK_DGRAM, list->socktype);
-  EXPECT_EQ(0, list->protocol);
-  EXPECT_EQ(nullptr, list->canonname);
-  EXPECT_EQ(nullptr, list->next);
-  EXPECT_EQ(reinterpret_cast<const char *>(list.get() + 1),
-            reinterpret_cast<const char *>(list->addr))
-      << "one block";
+  const AddressList plain(ORP_UTIL_MakeAddrInfo(0, place, sizeof address));
+  ASSERT_TRUE(list && plain);
+  EXPECT_THAT((std::array{list->flags, list->family, list->socktype, list->protocol}),
+              ElementsAre(0, AF_INET6, SOCK_DGRAM, 0));
+  EXPECT_EQ(static_cast<void *>(list.get() + 1), list->addr) << "one block";
   ASSERT_EQ(sizeof address, list->addrlen);
   EXPECT_EQ(0, std::memcmp(&address, list->addr, sizeof address));
-
-  const AddressList plain(ORP_UTIL_MakeAddrInfo(0, place, sizeof address));
   EXPECT_EQ(AF_INET, plain->family) << "the flags say it, not the address";
-  EXPECT_EQ(SOCK_STREAM, plain->socktype);
 }
 
 TEST(AddrInfo, IsNotMadeFromNothingOrTooMuch) {
   const sockaddr address{};
-
   testing::internal::CaptureStdout();
   EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, &address, 0xFFFFFFDF));
-  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, nullptr, 16));
+  EXPECT_EQ("ORP_UTIL_MakeAddrInfo copy sockaddr error", testing::internal::GetCapturedStdout());
 
   testing::internal::CaptureStdout();
   EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, &address, 0xFFFFFFDE)) << "no memory for it";
   EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::StartsWith("error: not host tool"));
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, nullptr, 16));
-  EXPECT_EQ("ORP_UTIL_MakeAddrInfo copy sockaddr error", testing::internal::GetCapturedStdout());
 }
 
 TEST(AddrInfo, IsCopiedWholeOrInPart) {
@@ -116,20 +104,13 @@ TEST(AddrInfo, IsCopiedWholeOrInPart) {
   EXPECT_STREQ("a.name", whole->canonname);
   EXPECT_NE(name, whole->canonname);
   EXPECT_NE(list->addr, whole->addr);
-  EXPECT_EQ(list->flags, whole->flags);
-  EXPECT_EQ(list->protocol, whole->protocol);
 
   const AddressList first(ORP_UTIL_CopyAddrInfo(list.get(), 0));
   EXPECT_THAT(texts(first.get()), ElementsAre(expected[0]));
 
   ORP_UTIL_ADDRINFO_ST bare{};
   bare.addrlen = 16;
-  const AddressList without_address(ORP_UTIL_CopyAddrInfo(&bare, 1));
-  EXPECT_EQ(nullptr, without_address->addr);
-  EXPECT_EQ(0u, without_address->addrlen);
-
-  EXPECT_EQ(nullptr, ORP_UTIL_CopyAddrInfo(nullptr, 1));
-  ORP_UTIL_FreeAddrInfo(nullptr);
+  EXPECT_EQ(0u, AddressList(ORP_UTIL_CopyAddrInfo(&bare, 1))->addrlen) << "no address";
 }
 
 TEST(AddrInfo, LeavesNothingBehindWithoutMemory) {
@@ -162,7 +143,6 @@ TEST(AddrInfo, IsComparedWithoutPorts) {
   EXPECT_EQ(0u, ORP_UTIL_IsAddrInfoSame(left.get(), right.get()));
   left->addr = nullptr;
   EXPECT_EQ(0u, ORP_UTIL_IsAddrInfoSame(left.get(), left.get()));
-  EXPECT_EQ(0u, ORP_UTIL_IsAddrInfoSame(nullptr, right.get()));
 }
 
 TEST(AddrInfo, IsLoopbackForTwoAddressesOnly) {
@@ -171,71 +151,27 @@ TEST(AddrInfo, IsLoopbackForTwoAddressesOnly) {
   EXPECT_EQ(1u, loopback("::1"));
   EXPECT_EQ(0u, loopback("127.0.0.2"));
   EXPECT_EQ(0u, loopback("::ffff:127.0.0.1"));
-  EXPECT_EQ(0u, loopback("::"));
 
   const AddressList cut = parse("::1");
   cut->addrlen = 16;
   EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(cut.get()));
-  cut->addr = nullptr;
-  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(cut.get()));
-  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(nullptr));
 }
 
-// A name server for this test's resolver. It knows "printer.lan" (192.0.2.7 and 2001:db8::7) and
-// can be told to fail the first queries.
+// Lets this test's resolver ask the relay example, which knows three names.
 class NameServer {
  public:
-  explicit NameServer(int failures = 0) : failures_(failures) {
+  explicit NameServer(std::vector<std::string> options = {}) {
+    std::ofstream("/var/hosts") << "192.0.2.7 printer.lan\n2001:db8::7 printer.lan\n"
+                                   "2001:db8::8 camera.lan\n";
     std::ofstream("/var/resolv.conf") << "nameserver 127.0.0.1\noptions attempts:1 timeout:5\n";
     test::run("mount --bind /var/resolv.conf $(readlink -f /etc/resolv.conf)");
-    EXPECT_EQ(0, ::bind(fd_.get(), reinterpret_cast<sockaddr *>(&address_), sizeof address_));
-    thread_ = std::thread([this] { serve(); });
+    options.insert(options.end(), {"--hosts", "/var/hosts"});
+    relay_.emplace("dns_relay", options);
+    EXPECT_TRUE(relay_->wait_for("listening"));
   }
-  ~NameServer() {
-    ::sendto(fd_.get(), "", 0, 0, reinterpret_cast<sockaddr *>(&address_), sizeof address_);
-    thread_.join();
-  }
-  int queries() const { return queries_; }
 
  private:
-  void serve() {
-    char packet[512];
-    for (;;) {
-      sockaddr_in client;
-      socklen_t size = sizeof client;
-      auto *const place = reinterpret_cast<sockaddr *>(&client);
-      const ssize_t received = ::recvfrom(fd_.get(), packet, sizeof packet, 0, place, &size);
-      if (received < 16) return;  // the empty datagram of the destructor
-      ++queries_;
-      const std::string reply = answer({packet, static_cast<size_t>(received)});
-      ::sendto(fd_.get(), reply.data(), reply.size(), 0, place, size);
-    }
-  }
-
-  std::string answer(const std::string &query) {
-    using namespace std::string_literals;
-    const size_t name_end = query.find('\0', 12);
-    const std::string question = query.substr(12, name_end + 5 - 12);
-    const auto reply = [&](const char *flags, const std::string &record) {
-      const char count[] = {'\0', record.empty() ? '\0' : '\1'};
-      return query.substr(0, 2) + std::string(flags, 2) + "\0\1"s + std::string(count, 2) +
-             "\0\0\0\0"s + question + record;
-    };
-    if (failures_ > 0) return --failures_, reply("\x81\2", "");  // SERVFAIL
-    if (question.compare(0, 13, "\7printer\3lan\0"s) != 0) return reply("\x81\3", "");
-
-    const bool ipv6 = question[question.size() - 3] == 28;
-    std::string address(ipv6 ? 16 : 4, '\0');
-    ::inet_pton(ipv6 ? AF_INET6 : AF_INET, ipv6 ? "2001:db8::7" : "192.0.2.7", address.data());
-    return reply("\x81", "\xc0\x0c"s + question.substr(question.size() - 4) + "\0\0\0\x3c\0"s +
-                             static_cast<char>(address.size()) + address);
-  }
-
-  msgapi::os::UniqueFd fd_{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-  sockaddr_in address_ = test::loopback(53);
-  int failures_;
-  std::atomic<int> queries_{0};
-  std::thread thread_;
+  std::optional<test::Process> relay_;
 };
 
 struct Resolved {
@@ -260,56 +196,44 @@ TEST(GetIpAddresses, AsksForIpv4UnlessTheConfigurationSaysOtherwise) {
   const NameServer server;
   EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80")) << "no store";
 
-  set_any_family(0);
+  set_any_family(2);
   const test::FdCheck descriptors;
   EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80"));
-  set_any_family(2);
-  EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80"));
   EXPECT_EQ(ORP_ERR_SYSTEM, resolve("2001:db8::9").result) << "IPv6 text is no IPv4 address";
+  const Resolved unknown = resolve("camera.lan");
+  EXPECT_EQ(ORP_ERR_SYSTEM, unknown.result) << "no IPv4 address";
+  EXPECT_THAT(unknown.addresses, IsEmpty()) << "set to null first";
 
   set_any_family(1);
   EXPECT_THAT(resolve("printer.lan").addresses,
               UnorderedElementsAre("192.0.2.7 80", "2001:db8::7 80"));
   EXPECT_THAT(resolve("2001:db8::9").addresses, ElementsAre("2001:db8::9 80"));
-  const int queries = server.queries();
   EXPECT_THAT(resolve("192.0.2.9", 65535).addresses, ElementsAre("192.0.2.9 65535"));
-  EXPECT_EQ(queries, server.queries());
-}
-
-TEST(GetIpAddresses, TriesOnceMoreWhenTheResolverSaysSo) {
-  {
-    const NameServer server(1);
-    EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80"));
-    EXPECT_EQ(2, server.queries());
-  }
-  const NameServer server(2);
-  EXPECT_EQ(ORP_ERR_SYSTEM, resolve("printer.lan").result);
-  EXPECT_EQ(2, server.queries());
-}
-
-TEST(GetIpAddresses, FailsWithoutAName) {
-  const NameServer server;
-  const Resolved unknown = resolve("nobody.lan");
-  EXPECT_EQ(ORP_ERR_SYSTEM, unknown.result);
-  EXPECT_THAT(unknown.addresses, IsEmpty()) << "set to null first";
-  EXPECT_EQ(1, server.queries()) << "an answer is an answer";
-
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_GetIpAddresses("printer.lan", 0, 80, nullptr));
-  ORP_UTIL_ADDRINFO_ST *out = nullptr;
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_GetIpAddresses(nullptr, 0, 80, &out));
 
   testing::internal::CaptureStdout();
   EXPECT_EQ(ORP_ERR_ARGUMENT, resolve("127.0.0.1", 65536).result);
   EXPECT_EQ("ORP_UTIL_GetIpAddresses copy port error.", testing::internal::GetCapturedStdout());
 }
 
+TEST(GetIpAddresses, TriesOnceMoreWhenTheResolverSaysSo) {
+  // Counts what the relay passes on and never answers, so that the relay reports a failure.
+  const msgapi::os::UniqueFd upstream(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in place = test::loopback(5301);
+  ASSERT_EQ(0, ::bind(upstream.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place));
+  const NameServer server({"--upstream", "127.0.0.1#5301", "--timeout", "10"});
+
+  EXPECT_EQ(ORP_ERR_SYSTEM, resolve("nobody.lan").result);
+
+  int queries = 0;
+  for (char byte; ::recv(upstream.get(), &byte, 1, MSG_DONTWAIT) > 0;) ++queries;
+  EXPECT_EQ(2, queries);
+}
+
 TEST(GetIpAddresses, LeavesAllToAHook) {
-  static ORP_WORD seen_argument;
-  static std::string seen_host;
   ORP_UTIL_RegNameResolveFunc([](const char *host, ORP_WORD argument, uint32_t port,
                                  ORP_UTIL_ADDRINFO_ST **out) -> uint32_t {
-    seen_host = host;
-    seen_argument = argument;
+    EXPECT_STREQ("any host", host);
+    EXPECT_EQ(99u, argument);
     EXPECT_EQ(nullptr, *out);
     *out = ORP_UTIL_ParseIPAddress(0, "192.0.2.33", port);
     return 4711;
@@ -318,8 +242,6 @@ TEST(GetIpAddresses, LeavesAllToAHook) {
   auto *out = reinterpret_cast<ORP_UTIL_ADDRINFO_ST *>(1);
   EXPECT_EQ(4711u, ORP_UTIL_GetIpAddresses("any host", 99, 81, &out));
   EXPECT_THAT(texts(AddressList(out).get()), ElementsAre("192.0.2.33 81"));
-  EXPECT_EQ("any host", seen_host);
-  EXPECT_EQ(99u, seen_argument);
 
   ORP_UTIL_RegNameResolveFunc(nullptr);
   EXPECT_THAT(resolve("192.0.2.1").addresses, ElementsAre("192.0.2.1 80"));

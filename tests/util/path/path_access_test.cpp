@@ -10,19 +10,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class PathAccess : public testing::Test {
- protected:
-  PathAccess() {
-    fs::create_directories("/mnt/usb/dir");
-    fs::create_directories("/mnt/usb1");
-    std::ofstream("/mnt/usb/dir/file") << "x";
-    std::ofstream("/var/secret") << "x";
-    fs::create_symlink("/var/secret", "/mnt/usb/out");
-    fs::create_symlink("/mnt/usb/dir", "/var/in");
-    fs::create_symlink("/mnt/loop", "/mnt/loop");
-  }
-};
-
 struct AccessCase {
   const char *base;
   std::string path;
@@ -30,7 +17,14 @@ struct AccessCase {
   uint32_t may_be_missing;
 };
 
-TEST_F(PathAccess, IsJudgedByTheResolvedPath) {
+TEST(PathAccess, IsJudgedByTheResolvedPath) {
+  fs::create_directories("/mnt/usb/dir");
+  fs::create_directories("/mnt/usb1");
+  std::ofstream("/mnt/usb/dir/file") << "x";
+  std::ofstream("/var/secret") << "x";
+  fs::create_symlink("/var/secret", "/mnt/usb/out");
+  fs::create_symlink("/mnt/usb/dir", "/var/in");
+  fs::create_symlink("/mnt/loop", "/mnt/loop");
   const std::string long_name(4096, 'x');
   const AccessCase kCases[] = {
       {"/mnt/usb", "/mnt/usb/dir/file", ORP_PATH_ALLOWED, ORP_PATH_ALLOWED},
@@ -60,8 +54,6 @@ TEST_F(PathAccess, IsJudgedByTheResolvedPath) {
     EXPECT_EQ(expected.may_be_missing,
               ORP_UTIL_IsPathAllowAccessEx(expected.base, expected.path.c_str(), 0));
   }
-  EXPECT_EQ(ORP_PATH_ERR_ARGUMENT, ORP_UTIL_IsPathAllowAccess(nullptr, "/mnt"));
-  EXPECT_EQ(ORP_PATH_ERR_ARGUMENT, ORP_UTIL_IsPathAllowAccess("/mnt", nullptr));
 }
 
 }  // namespace
