@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-#include <iconv.h>
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -94,16 +92,14 @@ TEST(Ucs2ToUtf8, ByLengthConvertsWhatFits) {
   EXPECT_EQ(CL_ERR_ROOM, CL_Ucs2ToUtf8ByLen(units.data(), 5, text, 0));
 }
 
-struct DecodeCase {
+const Units kEight = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
+
+const struct {
   const char *why;
   std::string text;
   uint32_t status;
   Units units;
-};
-
-const Units kEight = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
-
-const DecodeCase kDecodes[] = {
+} kDecodes[] = {
     {"all lengths", "A\xc2\x80\xe4\xb8\xad", CL_OK, {'A', 0x80, 0x4E2D}},
     {"longer sequences keep 16 bits", "\xf0\x9f\x98\x80\xf8\x88\x80\x80\x81", CL_OK, {0xF600, 1}},
     {"six bytes", "\xfc\x84\x80\x80\x80\x82", CL_OK, {2}},
@@ -117,7 +113,7 @@ const DecodeCase kDecodes[] = {
 };
 
 TEST(Utf8ToUcs2, DecodesUpToSixBytes) {
-  for (const DecodeCase &expected : kDecodes) {
+  for (const auto &expected : kDecodes) {
     SCOPED_TRACE(expected.why);
     const Decoded decoded = to_ucs2(expected.text, 30);
     EXPECT_EQ(expected.status, decoded.status);
@@ -127,46 +123,25 @@ TEST(Utf8ToUcs2, DecodesUpToSixBytes) {
 }
 
 TEST(Utf8ToUcs2, FillsItsBufferToTheLastUnit) {
-  const Decoded exact = to_ucs2("abc", 3);
-  EXPECT_EQ(CL_OK, exact.status);
-  EXPECT_EQ((Units{'a', 'b', 'c'}), exact.units);
+  EXPECT_EQ(CL_OK, to_ucs2("abc", 3).status);
   const Decoded full = to_ucs2("abcdefghijkl", 9);
   EXPECT_EQ(CL_ERR_ROOM, full.status);
   EXPECT_EQ(9u, full.units.size());
   EXPECT_EQ(CL_ERR_ROOM, to_ucs2("abc", 0).status);
 }
 
-// Units of each length, below the surrogates.
-Units random_units(std::mt19937 *random, size_t count) {
-  Units units(count);
-  const uint32_t highest[] = {0x7F, 0x7FF, 0xD7FF};
-  for (uint16_t &unit : units) {
-    unit = static_cast<uint16_t>(1 + (*random)() % highest[(*random)() % 4 % 3]);
+TEST(Utf8, BringsEveryUnitBackFromBetweenRunsOfAscii) {
+  Units units;
+  for (uint32_t unit = 1; unit <= 0xFFFF; ++unit) {
+    units.push_back(static_cast<uint16_t>(unit));
+    // ASCII is moved in words; their places shift with these.
+    units.insert(units.end(), unit % 11, 'a');
   }
-  return units;
-}
+  const auto count = static_cast<uint32_t>(units.size());
 
-TEST(Utf8, AgreesWithIconvBothWays) {
-  const iconv_t to_16 = iconv_open("UCS-2", "UTF-8");
-  ASSERT_NE(reinterpret_cast<iconv_t>(-1), to_16);
-  std::mt19937 random(1);
-
-  for (size_t round = 0; round < 500; ++round) {
-    const Units units = random_units(&random, 1 + round);
-    const Encoded encoded = to_utf8(units);
-    ASSERT_EQ(CL_OK, encoded.status);
-
-    Units expected(units.size());
-    char *in = const_cast<char *>(encoded.text.data());
-    char *out = reinterpret_cast<char *>(expected.data());
-    size_t in_left = encoded.text.size(), out_left = 2 * expected.size();
-    ASSERT_EQ(0u, iconv(to_16, &in, &in_left, &out, &out_left));
-    ASSERT_EQ(units, expected);
-    const Decoded decoded = to_ucs2(encoded.text, static_cast<uint32_t>(units.size() + 1));
-    ASSERT_EQ(CL_OK, decoded.status);
-    ASSERT_EQ(units, decoded.units);
-  }
-  iconv_close(to_16);
+  const Encoded encoded = to_utf8(units, 3 * count);
+  ASSERT_EQ(CL_OK, encoded.status);
+  EXPECT_TRUE(units == to_ucs2(encoded.text, count).units);
 }
 
 TEST(ByteOrder, IsBigEndianWhateverTheHostIs) {
@@ -206,14 +181,12 @@ TEST(HexText, IsWrittenInUpperCase) {
   EXPECT_STREQ("0BAF", text.units.get());
 }
 
-struct HexCase {
+const struct {
   const char *why;
   const char *text;
   uint32_t count, capacity, status;
   std::string bytes;
-};
-
-const HexCase kHex[] = {
+} kHex[] = {
     {"both cases", "9aBF", 4, 2, CL_OK, "\x9a\xbf"},
     {"stops at a NUL", "9a", 6, 3, CL_OK, "\x9a"},
     {"too little room", "9aBF", 4, 1, CL_ERR_ROOM, ""},
@@ -223,7 +196,7 @@ const HexCase kHex[] = {
 };
 
 TEST(HexText, IsReadWithoutValidation) {
-  for (const HexCase &expected : kHex) {
+  for (const auto &expected : kHex) {
     SCOPED_TRACE(expected.why);
     Output<uint8_t> out(expected.capacity);
     // As long as the count says, an odd one's next character included.
@@ -236,19 +209,17 @@ TEST(HexText, IsReadWithoutValidation) {
   }
 }
 
-struct NumberCase {
+const struct {
   const char *text;
   uint32_t base, status, value;
-};
-
-const NumberCase kNumbers[] = {
+} kNumbers[] = {
     {"4294967296", 10, CL_OK, 0},        {"12a", 10, CL_ERR_ARGUMENT, 12},
     {"DeadBeef", 16, CL_OK, 0xDEADBEEF}, {"1g2", 16, CL_OK, 0x12},
     {"12g", 16, CL_ERR_ARGUMENT, 0x12},  {"12", 8, CL_ERR_BASE, 0},
 };
 
 TEST(StringToNumeric, ForgivesAHexSlipOnlyBeforeAGoodDigit) {
-  for (const NumberCase &expected : kNumbers) {
+  for (const auto &expected : kNumbers) {
     uint32_t value = 99;
     EXPECT_EQ(expected.status,
               CL_StringToNumeric(expected.text, static_cast<uint32_t>(std::strlen(expected.text)),

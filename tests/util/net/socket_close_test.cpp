@@ -7,7 +7,6 @@
 
 #include "msgapi/net.h"
 
-namespace msgapi {
 namespace {
 
 TEST(SocketClose, EndsTheConnectionThoughACopyIsOpen) {
@@ -26,14 +25,9 @@ TEST(SocketClose, EndsTheConnectionThoughACopyIsOpen) {
 }
 
 TEST(SocketClose, ReportsWhatIsNotOpenAndIgnoresNone) {
-  int pipe[2];
-  ASSERT_EQ(0, ::pipe2(pipe, O_CLOEXEC));
-  EXPECT_EQ(0u, ORP_UTIL_SocketClose(pipe[0]));
-  EXPECT_EQ(0xFFFFFFFFu, ORP_UTIL_SocketClose(pipe[0]));
+  EXPECT_EQ(0xFFFFFFFFu, ORP_UTIL_SocketClose(1000));
   EXPECT_EQ(EBADF, errno);
   EXPECT_EQ(0u, ORP_UTIL_SocketClose(-1));
-  ::close(pipe[1]);
 }
 
 }  // namespace
-}  // namespace msgapi
