@@ -18,6 +18,7 @@
 #include "base/bytes.h"
 #include "msg/context.h"
 #include "msg/drop_count.h"
+#include "msg/exchange.h"
 #include "msg/hand_over.h"
 #include "msg/header.h"
 #include "msg/queue.h"
@@ -199,11 +200,8 @@ uint32_t register_process() {
   request.ulMsgType = ORP_MSG_REGISTER;
   copy_cut(request.aucSendApp, own_name());
 
-  Header *reply;
-  const uint32_t status = ORP_MSG_SendAndRecv(&request, &reply, 0);
-  const Owned<Header> owner(reply);
-  if (status != ORP_OK) return status;
-  return reply == nullptr ? ORP_ERR_ARGUMENT : code(apply_registration(*reply));
+  const Result<Owned<Header>> reply = exchange(&request, 0);
+  return code(reply ? apply_registration(**reply) : reply.status());
 }
 
 enum class Loop { kUsed, kNotUsed };

@@ -149,8 +149,7 @@ extern "C" void ORP_EVT_SubscribeAllEventCallBack(ORP_EVT_CALLBACK callback) {
 extern "C" void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message) {
   if (message == nullptr) return;
   if (message->ulMsgType > ORP_MSG_ALL_EVENTS && message->ulMsgType < kFirstConverted) {
-    deliver(message->ulMsgType, message->ulDataLen == 0 ? nullptr : body(message),
-            message->ulDataLen);
+    deliver(message->ulMsgType, body(message), message->ulDataLen);
   } else {
     deliver_converted(*message);
   }

@@ -46,6 +46,7 @@ bool write_all(int fd, const char *data, size_t size) {
 // Creates a file under a fresh number.
 os::UniqueFd create_file(HandOverPath *path) {
   for (int collisions = 0; collisions < kMaxCollisions; ++collisions) {
+    *path = {};  // it travels zero-filled, whatever number was tried before
     uint32_t number;
     if (ORP_UTIL_GetRandomNumber(&number) != 0) break;
     format_cut(path->text, ORP_MSG_HAND_OVER_PREFIX "%u", number);
@@ -169,7 +170,7 @@ Status take_over(Header **message) {
 }  // namespace
 
 Result<HandOverPath> store_body(const Header &message) {
-  HandOverPath path = {};
+  HandOverPath path;
   if (write_file(message, &path)) return path;
 
   std::printf("\n----------------msg write file failed--------------------");

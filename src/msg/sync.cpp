@@ -8,6 +8,7 @@
 
 #include "msg/context.h"
 #include "msg/drop_count.h"
+#include "msg/exchange.h"
 #include "msg/queue.h"
 #include "msg/receive.h"
 #include "os/clock.h"
@@ -142,9 +143,7 @@ uint32_t send_request(Header *request, Hook hook) {
 
 uint32_t safe_exit(const char *application) {
   Header request = build_header(application, ORP_MSG_EXIT, 0);
-  Header *response;
-  const uint32_t asked = ORP_MSG_SendAndRecv(&request, &response, kServerWait_ms);
-  std::free(response);
+  const uint32_t asked = code(exchange(&request, kServerWait_ms).status());
 
   NameMessage notice = build_name_message(ORP_MSG_EXIT, 0, application);
   return asked | ORP_MSG_Send(&notice.header);
@@ -199,13 +198,10 @@ extern "C" uint32_t ORP_MSG_SendAndRecvMsgData(const char *dstApp, uint32_t type
   if (resultOut == nullptr) return ORP_ERR_ARGUMENT;
 
   Header request = build_header(text_or_empty(dstApp), type, data);
-  Header *response;
-  const uint32_t status = ORP_MSG_SendAndRecv(&request, &response, timeoutMs);
-  if (status != ORP_OK) return status;
-  if (response == nullptr) return ORP_ERR_ARGUMENT;
+  const Result<Owned<Header>> reply = exchange(&request, timeoutMs);
+  if (!reply) return code(reply.status());
 
-  *resultOut = response->ulMsgData;
-  std::free(response);
+  *resultOut = (*reply)->ulMsgData;
   return ORP_OK;
 }
 
@@ -213,10 +209,8 @@ extern "C" uint32_t ORP_MSG_GetNumOfProcesses(const char *appName) {
   if (appName == nullptr) return 0;
 
   NameMessage request = build_name_message(ORP_MSG_COUNT_PROCESSES, 0, appName);
-  Header *response;
-  (void)ORP_MSG_SendAndRecv(&request.header, &response, kServerWait_ms);
-  const Owned<Header> owner(response);
-  return response == nullptr ? 0 : response->ulMsgData;
+  const Result<Owned<Header>> reply = exchange(&request.header, kServerWait_ms);
+  return reply ? (*reply)->ulMsgData : 0;
 }
 
 extern "C" uint32_t ORP_MSG_SafeExitProcesses(const char *appName) {
