@@ -7,7 +7,6 @@
 namespace {
 
 using test::Connection;
-using test::Frame;
 
 TEST(Features, AnswerAsThisBuildIs) {
   uint32_t (*const kPresent[])() = {
@@ -31,11 +30,7 @@ TEST(SystemRequest, GoesToTheServerAsAHeader) {
 
   const uint32_t expected[][2] = {{0x708, 0}, {0x709, 0}, {0x500E, 3}};
   for (const auto &[type, data] : expected) {
-    const Frame frame = connection.peer.read();
-    EXPECT_EQ(type, frame.type());
-    EXPECT_EQ(data, frame.header.ulMsgData);
-    EXPECT_EQ("", frame.to());
-    EXPECT_EQ(0u, frame.header.ulDataLen);
+    connection.peer.expect({.type = type, .data = data});
   }
 }
 
@@ -44,9 +39,9 @@ TEST(SystemRequest, FactoryModeIsTheAnswerOr0) {
   EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_UTIL_Reboot(0));
 
   Connection connection("self");
-  connection.peer.write(test::make_frame({.type = 0x70A, .data = 4}));
+  connection.peer.send({.type = 0x70A, .data = 4});
   EXPECT_EQ(4u, ORP_APP_IsFactoryMode());
-  EXPECT_EQ(0x70Au, connection.peer.read().type());
+  connection.peer.expect({.type = 0x70A});
 }
 
 }  // namespace

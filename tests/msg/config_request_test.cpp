@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "cfmstore.h"
@@ -11,12 +10,6 @@
 namespace {
 
 using test::Connection;
-using test::Frame;
-
-// Puts the reply there before the request is sent: the first message of its type is the answer.
-void reply_with(Connection &connection, uint32_t type, uint32_t data) {
-  connection.peer.write(test::make_frame({.type = type, .data = data}));
-}
 
 TEST(ConfigRequest, SendsWithoutWaitingForTheCurrentUser) {
   Connection connection("self");
@@ -30,13 +23,18 @@ TEST(ConfigRequest, SendsWithoutWaitingForTheCurrentUser) {
                 {ORP_DBSaveToAppFunc, 0x503F}};
   for (const auto &each : kCases) {
     EXPECT_EQ(ORP_OK, each.function());
-    const Frame frame = connection.peer.read();
-    EXPECT_EQ(each.type, frame.type());
-    EXPECT_EQ("", frame.to());
-    EXPECT_EQ(6u, frame.header.ulMsgData);
-    EXPECT_EQ(0u, frame.header.ulDataLen);
+    connection.peer.expect({.type = each.type, .data = 6});
   }
+
+  EXPECT_EQ(ORP_OK, ORP_CFM_ExtRestoreDft(3));
+  EXPECT_EQ(ORP_OK, ORP_CFM_ExtReboot(8));
+  const uint32_t words[] = {3, 6};
+  connection.peer.expect(
+      {.type = 0x500F, .body = {reinterpret_cast<const char *>(words), sizeof words}});
+  connection.peer.expect({.type = 0x500E, .data = 8});
 }
+
+// The replies are there before the requests are sent: the first message of the type is the answer.
 
 TEST(ConfigRequest, ReturnsTheDataOfTheReply) {
   Connection connection("self");
@@ -48,12 +46,9 @@ TEST(ConfigRequest, ReturnsTheDataOfTheReply) {
                 {ORP_AppSaveSyncFunc, 0x502A},     {ORP_DB_SaveToAppSyncFunc, 0x5040},
                 {ORP_DBSaveToAppSyncFunc, 0x5040}, {ORP_CFM_DelAppdata, 0x5033}};
   for (const auto &each : kCases) {
-    reply_with(connection, each.type, 0x77);
+    connection.peer.send({.type = each.type, .data = 0x77});
     EXPECT_EQ(0x77u, each.function());
-    const Frame frame = connection.peer.read();
-    EXPECT_EQ(each.type, frame.type());
-    EXPECT_EQ(0u, frame.header.ulMsgData);
-    EXPECT_EQ(0u, frame.header.ulDataLen);
+    connection.peer.expect({.type = each.type});
   }
   connection.peer.close();
   EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_DB_SaveSyncFunc());
@@ -61,7 +56,6 @@ TEST(ConfigRequest, ReturnsTheDataOfTheReply) {
 
 TEST(ConfigRequest, SendsPathsWithTheirNul) {
   Connection connection("self");
-  const std::string longest(255, 'p');
   const struct {
     uint32_t (*function)(const char *);
     uint32_t type;
@@ -74,58 +68,28 @@ TEST(ConfigRequest, SendsPathsWithTheirNul) {
       {ORP_DBCheckFile, 0x5028, ""},
   };
   for (const auto &each : kCases) {
-    reply_with(connection, each.type, 0x31);
+    connection.peer.send({.type = each.type, .data = 0x31});
+    connection.peer.send({.type = each.type});
     testing::internal::CaptureStdout();
     EXPECT_EQ(0x31u, each.function("/var/cfg"));
-    EXPECT_EQ(each.printed, testing::internal::GetCapturedStdout());
-    const Frame frame = connection.peer.read();
-    EXPECT_EQ(each.type, frame.type());
-    EXPECT_EQ(0u, frame.header.ulMsgData);
-    EXPECT_EQ(std::string("/var/cfg\0", 9), frame.body);
-
-    reply_with(connection, each.type, 0);
-    testing::internal::CaptureStdout();
     EXPECT_EQ(0u, each.function(nullptr));
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    EXPECT_EQ("", connection.peer.read().body);
+    EXPECT_EQ(each.printed, testing::internal::GetCapturedStdout());
+    connection.peer.expect({.type = each.type, .body = std::string("/var/cfg\0", 9)});
+    connection.peer.expect({.type = each.type});
   }
 
-  reply_with(connection, 0x5028, 0);
+  const std::string longest(255, 'p');
+  connection.peer.send({.type = 0x5028});
   EXPECT_EQ(0u, ORP_DB_CheckFile(longest.c_str()));
-  EXPECT_EQ(256u, connection.peer.read().body.size());
+  connection.peer.expect({.type = 0x5028, .body = test::padded(longest, 256)});
   testing::internal::CaptureStdout();
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_DB_CheckFile((longest + "p").c_str()));
   EXPECT_EQ("copy payload error.", testing::internal::GetCapturedStdout());
-  EXPECT_TRUE(connection.peer.quiet());
-}
 
-TEST(ConfigRequest, ExportsForAUserAfterSayingWhom) {
-  Connection connection("self");
-  reply_with(connection, 0x5026, 4);
-
+  connection.peer.send({.type = 0x5026, .data = 4});
   EXPECT_EQ(4u, ORP_CFM_ExtExportEncCfgFileByUser("/f", 9));
-
-  const Frame user = connection.peer.read();
-  EXPECT_EQ(0x5035u, user.type());
-  EXPECT_EQ(9u, user.header.ulMsgData);
-  EXPECT_EQ(0u, user.header.ulDataLen);
-  EXPECT_EQ(0x5026u, connection.peer.read().type());
-}
-
-TEST(ConfigRequest, RestoresDefaultsAndReboots) {
-  Connection connection("self");
-  CFM_SetCurrUser(6);
-  EXPECT_EQ(ORP_OK, ORP_CFM_ExtRestoreDft(3));
-  EXPECT_EQ(ORP_OK, ORP_CFM_ExtReboot(8));
-
-  const Frame restore = connection.peer.read();
-  EXPECT_EQ(0x500Fu, restore.type());
-  EXPECT_EQ(0u, restore.header.ulMsgData);
-  const uint32_t words[] = {3, 6};
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(words), sizeof words), restore.body);
-  const Frame reboot = connection.peer.read();
-  EXPECT_EQ(0x500Eu, reboot.type());
-  EXPECT_EQ(8u, reboot.header.ulMsgData);
+  connection.peer.expect({.type = 0x5035, .data = 9});
+  connection.peer.expect({.type = 0x5026, .body = std::string("/f\0", 3)});
 }
 
 }  // namespace

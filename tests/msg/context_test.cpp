@@ -1,28 +1,14 @@
-#include "msg/context.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include "msgapi/trace.h"
+#include "msgapi/msg.h"
 #include "support/fd_check.h"
 
-namespace msgapi::msg {
 namespace {
-
-TEST(Context, StartsUnconnectedAndKeepsTheNameOfTheLayersBelowEqual) {
-  EXPECT_EQ(-1, g_stMsgCtx.slSocket);
-  EXPECT_EQ(-1, g_stMsgCtx.slTraceFd);
-
-  set_own_name("a-very-long-name");
-  EXPECT_STREQ("a-very-long", g_stMsgCtx.aucAppName);
-  EXPECT_STREQ("a-very-long", g_appName);
-  clear_context();
-  EXPECT_STREQ("", g_appName);
-}
 
 TEST(TraceStream, IsKeptOnlyWhenTracingIsEnabledAndItCanBeWritten) {
   const test::FdCheck no_leak;
+  EXPECT_EQ(-1, g_stMsgCtx.slTraceFd);
   ORP_MSG_TraceProc(::open("/dev/null", O_WRONLY | O_CLOEXEC));
   EXPECT_EQ(nullptr, g_stMsgCtx.pstTraceStream);
 
@@ -39,4 +25,3 @@ TEST(TraceStream, IsKeptOnlyWhenTracingIsEnabledAndItCanBeWritten) {
 }
 
 }  // namespace
-}  // namespace msgapi::msg

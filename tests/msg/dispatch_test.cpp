@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -16,7 +13,6 @@ namespace msgapi::msg {
 namespace {
 
 using test::Connection;
-using test::make_frame;
 
 std::string g_calls;
 std::vector<ORP_MSG_REG_HANDLE> g_handles;
@@ -27,13 +23,9 @@ void record(Header * /*message*/) {
 }
 
 // A message as it reaches the gate.
-Owned<Header> arrived(uint32_t type, std::string_view from = "peer", std::string_view to = "self") {
-  Owned<Header> message = allocate_message(0);
-  message->ulMsgType = type;
-  message->ulSeqNum = 7;
-  copy_cut(message->aucSendApp, from);
-  copy_cut(message->aucRecvApp, to);
-  return message;
+test::MessageBlock arrived(uint32_t type, const std::string &from = "peer",
+                           const std::string &to = "self") {
+  return test::make_block({.type = type, .to = to, .sequence = 7, .from = from});
 }
 
 ORP_MSG_REG_HANDLE add(uint32_t type, ORP_MSG_PROC procedure, uint32_t priority) {
@@ -65,7 +57,7 @@ TEST(Gate, CallsTheProcedureAlsoWithNull) {
     seen = message;
     g_calls += 'x';
   });
-  const Owned<Header> message = arrived(1);
+  const test::MessageBlock message = arrived(1);
 
   ORP_MSG_FilterProc(message.get());
   EXPECT_EQ(message.get(), seen);
@@ -76,15 +68,11 @@ TEST(Gate, CallsTheProcedureAlsoWithNull) {
 
 TEST(Gate, DropsAndCountsWhatMayNotPass) {
   ORP_MSG_RegisterMsgProc(record<'x'>);
-  const Owned<Header> sender = arrived(0x1234);
-  const Owned<Header> receiver = arrived(0x1234);
-  std::memset(sender->aucSendApp, 'a', 12);
-  std::memset(receiver->aucRecvApp, 'a', 12);
-  const Owned<Header> large = arrived(1);  // nobody looks at the body
+  const test::MessageBlock large = arrived(1);  // nobody looks at the body
 
   testing::internal::CaptureStdout();
-  ORP_MSG_FilterProc(sender.get());
-  ORP_MSG_FilterProc(receiver.get());
+  ORP_MSG_FilterProc(arrived(0x1234, "unterminated").get());
+  ORP_MSG_FilterProc(arrived(0x1234, "peer", "unterminated").get());
   large->ulDataLen = 0x200001;
   ORP_MSG_FilterProc(large.get());
   EXPECT_EQ("msgapi recv/send app error type=0x1234\nmsgapi recv/send app error type=0x1234\n",
@@ -142,8 +130,7 @@ TEST_F(Registry, ReportsMissingMemory) {
   EXPECT_EQ(1u, test::fail_every_allocation([] {
               ORP_MSG_REG_HANDLE handle = reinterpret_cast<ORP_MSG_REG_HANDLE>(1);
               const uint32_t status = ORP_MSG_RegMsgProc(1, record<'a'>, 0, &handle);
-              EXPECT_EQ(status == ORP_OK ? ORP_OK : ORP_ERR_MEMORY, status);
-              EXPECT_EQ(status == ORP_OK, handle != nullptr);
+              EXPECT_EQ(handle == nullptr ? ORP_ERR_MEMORY : ORP_OK, status);
               if (handle != nullptr) g_handles.push_back(handle);
               return status == ORP_OK;
             }));
@@ -167,51 +154,24 @@ TEST_F(Registry, SendsTheReplyOfASyncProcedure) {
 
   EXPECT_EQ("a", calls_for(0x1234));
 
-  const test::Frame reply = connection.peer.read();
-  EXPECT_EQ(0x1234u, reply.type());
-  EXPECT_EQ(7u, reply.header.ulSeqNum);
-  EXPECT_EQ(55u, reply.header.ulMsgData);
-  EXPECT_EQ("peer", reply.to());
-  EXPECT_EQ("answer", reply.body);
+  EXPECT_EQ((test::Frame{0x1234, "peer", "answer", 55, 7, "self"}), connection.peer.read());
   EXPECT_TRUE(connection.peer.quiet());
-}
-
-// Dispatches an exit request in a child whose standard output is the peer's end of the connection,
-// so that it can be read at this one. Returns the child's exit status.
-int exit_status_of(const char *name, Connection *connection, pid_t *child) {
-  *child = ::fork();
-  if (*child == 0) {
-    ::dup2(connection->peer.fd(), STDOUT_FILENO);
-    ORP_MSG_DefaultMsgProc(arrived(ORP_MSG_EXIT, "asker", name).get());
-    ::_exit(3);
-  }
-  int status;
-  EXPECT_EQ(*child, ::waitpid(*child, &status, 0));
-  return WEXITSTATUS(status);
 }
 
 TEST(ExitRequest, EndsTheListedDaemonsWithAnAcknowledgement) {
   for (const std::string name :
        {"dhcps", "ssdpd", "ntwksync", "kobridge", "devmngr", "coapclient", "datacli"}) {
     Connection connection(name);
-    pid_t child;
-    EXPECT_EQ(0, exit_status_of(name.c_str(), &connection, &child));
-
-    const test::Frame acknowledgement = connection.peer.read();
-    EXPECT_EQ(ORP_MSG_EXIT, acknowledgement.type());
-    EXPECT_EQ("asker", acknowledgement.to());
-    EXPECT_EQ(0u, acknowledgement.header.ulMsgData);
-    const std::string line = "Fatal: App(" + name + ":" + std::to_string(child) +
-                             ") exited.=================================\n";
-    std::string printed(line.size(), '\0');
-    ::recv(connection.fd(), printed.data(), printed.size(), MSG_DONTWAIT);
-    EXPECT_EQ(line, printed);
+    const auto ask = [&name] {
+      ::dup2(STDERR_FILENO, STDOUT_FILENO);
+      ORP_MSG_DefaultMsgProc(arrived(ORP_MSG_EXIT, "asker", name).get());
+    };
+    EXPECT_EXIT(ask(), testing::ExitedWithCode(0),
+                "^Fatal: App\\(" + name + ":[0-9]+\\) exited.=================================\n$");
+    connection.peer.expect({.type = ORP_MSG_EXIT, .to = "asker"});
   }
   for (const char *name : {"dhcp", "dhcpsd"}) {
-    Connection connection(name);
-    pid_t child;
-    EXPECT_EQ(3, exit_status_of(name, &connection, &child));
-    EXPECT_TRUE(connection.peer.quiet());
+    ORP_MSG_DefaultMsgProc(arrived(ORP_MSG_EXIT, "asker", name).get());
   }
 }
 

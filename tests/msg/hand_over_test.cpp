@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -23,35 +22,20 @@ void write_file(const std::string &path, const std::string &content) {
   std::ofstream(path) << content;
 }
 
-// A received message whose body is `field`.
-Owned<Header> message_with(const std::string &field) {
-  Owned<Header> message = allocate_message(static_cast<uint32_t>(field.size()));
-  std::memcpy(body(message.get()), field.data(), field.size());
-  return message;
-}
-
 // Completes a message whose body is `field`; its new body, or the status in words.
 std::string completed(const std::string &field) {
   const test::FdCheck no_leak;
-  Header *message = message_with(field).release();
+  Header *message = test::make_block({.body = field}).release();
   const Status status = complete_hand_over(&message);
   const Owned<Header> owner(message);
-
-  switch (code(status)) {
-    case ORP_OK:
-      EXPECT_EQ(std::string(16, '\0'), std::string(body(message) + message->ulDataLen, 16));
-      return {body(message), message->ulDataLen};
-    case ORP_ERR_ARGUMENT:
-      return "<bad argument>";
-    case ORP_ERR_SYSTEM:
-      return "<system>";
-    default:
-      return "<other>";
-  }
+  if (status == Status::kBadArgument) return "<bad argument>";
+  if (status != Status::kOk) return status == Status::kSystem ? "<system>" : "<other>";
+  EXPECT_EQ(std::string(16, '\0'), std::string(body(message) + message->ulDataLen, 16));
+  return test::frame_of(message).body;
 }
 
 std::string path_field(const std::string &path) {
-  return path + std::string(260 - path.size(), '\0');
+  return test::padded(path, 260);
 }
 
 TEST(HandOver, ReplacesThePathByTheFileAndDeletesIt) {
@@ -71,20 +55,15 @@ TEST(HandOver, ReplacesThePathByTheFileAndDeletesIt) {
 
 TEST(HandOver, ArrivesAsItWasSent) {
   test::Connection connection;
-  test::Connection *const other_end = &connection;
-  const std::string content(5000, 'x');
-  const std::string sent = test::make_frame({.type = 0x1234, .seq = 9, .body = content}).bytes();
-  Owned<Header> original(static_cast<Header *>(plain_alloc(sent.size())));
-  std::memcpy(original.get(), sent.data(), sent.size());
+  const test::Frame frame = {.type = 0x1234, .body = std::string(5000, 'x'), .sequence = 9};
 
-  ASSERT_EQ(ORP_OK, ORP_MSG_Send(original.get()));
+  ASSERT_EQ(ORP_OK, ORP_MSG_Send(test::make_block(frame).get()));
   Header *received = nullptr;
-  ASSERT_EQ(ORP_OK, ORP_MSG_Recv(other_end->peer.fd(), &received, 0));
+  ASSERT_EQ(ORP_OK, ORP_MSG_Recv(connection.peer.fd(), &received, 0));
   const Owned<Header> owner(received);
 
-  EXPECT_EQ(0x1234u, received->ulMsgType);
-  EXPECT_EQ(9u, received->ulSeqNum);
-  EXPECT_TRUE(content == std::string(body(received), received->ulDataLen));
+  received->aucSendApp[0] = '\0';
+  EXPECT_EQ(frame, test::frame_of(received));
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 }
 
@@ -132,7 +111,7 @@ TEST(HandOver, RefusesAndDeletesAFileBeyondTheLimit) {
 
 TEST(HandOver, GivesTheMessageUpWithoutMemory) {
   write_file(kFile, "x");
-  Header *message = message_with(path_field(kFile)).release();
+  Header *message = test::make_block({.body = path_field(kFile)}).release();
 
   fail_allocation(1);
   EXPECT_EQ(Status::kNoMemory, complete_hand_over(&message));

@@ -1,32 +1,20 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "msgapi/msg.h"
 #include "support/allocation.h"
+#include "support/message_peer.h"
 
 namespace {
 
-struct Free {
-  void operator()(void *block) const { std::free(block); }
-};
-using Message = std::unique_ptr<ORP_MSG_HEADER_ST, Free>;
-
-std::string body_text(ORP_MSG_HEADER_ST *message) {
-  return {static_cast<char *>(ORP_MSG_GetMsgByHeader(message)), message->ulDataLen};
-}
+using test::Frame;
+using test::frame_of;
+using Message = test::MessageBlock;
 
 // A request whose sender is a field without NUL.
-ORP_MSG_HEADER_ST unterminated_request() {
-  ORP_MSG_HEADER_ST request = {};
-  request.ulMsgType = 0xabcd1234;
-  request.ulSeqNum = 77;
-  std::memcpy(request.aucSendApp, "twelve-chars", sizeof request.aucSendApp);
-  return request;
-}
+const Frame kRequest = {.type = 0xabcd1234, .sequence = 77, .from = "twelve-chars"};
 
 TEST(SimpleBuilder, FillsAClearedHeaderWithTheNextSequenceNumber) {
   ORP_MSG_HEADER_ST header;
@@ -34,47 +22,33 @@ TEST(SimpleBuilder, FillsAClearedHeaderWithTheNextSequenceNumber) {
   g_stMsgCtx.ulSeqNum = 0xfffffffe;
 
   ORP_MSG_SimpleBuilder(&header, "longer-than-eleven", 0x1234, 5);
-  EXPECT_EQ(0x1234u, header.ulMsgType);
-  EXPECT_EQ(5u, header.ulMsgData);
-  EXPECT_EQ(0xffffffffu, header.ulSeqNum);
-  EXPECT_EQ(0u, header.ulDataLen);
-  EXPECT_STREQ("", header.aucSendApp);
-  EXPECT_STREQ("longer-than", header.aucRecvApp);
-
+  EXPECT_EQ((Frame{0x1234, "longer-than", "", 5, 0xffffffff, ""}), frame_of(&header));
   ORP_MSG_SimpleBuilder(&header, nullptr, 1, 0);
-  EXPECT_EQ(0u, header.ulSeqNum) << "the counter wraps";
-  EXPECT_STREQ("", header.aucRecvApp);
+  EXPECT_EQ((Frame{.type = 1}), frame_of(&header)) << "the counter wraps";
   ORP_MSG_SimpleBuilder(nullptr, "app", 1, 0);
 }
 
 TEST(ResponseBuilder, AnswersWithTypeAndNumberOfTheRequest) {
-  const ORP_MSG_HEADER_ST request = unterminated_request();
+  const Message request = test::make_block(kRequest);
 
-  const Message bare(ORP_MSG_MsgRespBuilder(&request, 9, nullptr, 100));
-  const Message full(ORP_MSG_MsgRespBuilder(&request, 9, "body", 4));
+  const Message bare(ORP_MSG_MsgRespBuilder(request.get(), 9, nullptr, 100));
+  const Message full(ORP_MSG_MsgRespBuilder(request.get(), 9, "body", 4));
 
-  for (const ORP_MSG_HEADER_ST *response : {bare.get(), full.get()}) {
-    EXPECT_EQ(0xabcd1234u, response->ulMsgType);
-    EXPECT_EQ(77u, response->ulSeqNum);
-    EXPECT_EQ(9u, response->ulMsgData);
-    EXPECT_STREQ("twelve-char", response->aucRecvApp);
-  }
-  EXPECT_EQ(0u, bare->ulDataLen);
-  EXPECT_EQ("body", body_text(full.get()));
+  EXPECT_EQ((Frame{0xabcd1234, "twelve-char", "", 9, 77, ""}), frame_of(bare.get()));
+  EXPECT_EQ((Frame{0xabcd1234, "twelve-char", "body", 9, 77, ""}), frame_of(full.get()));
   EXPECT_EQ(1u, g_stMsgCtx.ulSeqNum) << "only the form without a body takes a number";
 }
 
 TEST(ResponseBuilder, RefusesWhatItCannotBuild) {
-  const ORP_MSG_HEADER_ST request = unterminated_request();
-
+  const Message request = test::make_block(kRequest);
   EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(nullptr, 0, nullptr, 0));
-  EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(&request, 0, "x", 0x7fffffd7));
+  EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(request.get(), 0, "x", 0x7fffffd7));
   testing::internal::CaptureStdout();
-  EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(&request, 0, "x", 0x7fffffd6));
+  EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(request.get(), 0, "x", 0x7fffffd6));
   EXPECT_EQ("error: not host tool, but malloc 4M, return NULL, malloc len=2147483646\n",
             testing::internal::GetCapturedStdout());
   EXPECT_EQ(1u, test::fail_every_allocation([&] {
-              return Message(ORP_MSG_MsgRespBuilder(&request, 0, "x", 1)) != nullptr;
+              return Message(ORP_MSG_MsgRespBuilder(request.get(), 0, "x", 1)) != nullptr;
             }));
 }
 
@@ -112,13 +86,13 @@ TEST(MessageBlock, FormatsACallersBufferOfAtLeastAHeader) {
 }
 
 TEST(Duplicate, CopiesHeaderAndBody) {
-  const ORP_MSG_HEADER_ST request = unterminated_request();
-  const Message message(ORP_MSG_MsgRespBuilder(&request, 0, "abc", 3));
+  Frame frame = kRequest;
+  frame.body = "abc";
+  const Message message = test::make_block(frame);
 
   const Message copy(ORP_MSG_Duplicate(message.get()));
 
-  EXPECT_EQ(0xabcd1234u, copy->ulMsgType);
-  EXPECT_EQ("abc", body_text(copy.get()));
+  EXPECT_EQ(frame, frame_of(copy.get()));
   EXPECT_EQ(nullptr, ORP_MSG_Duplicate(nullptr));
   for (const uint32_t impossible : {0xffffffd6u, 0xffffffd7u}) {
     message->ulDataLen = impossible;
@@ -127,20 +101,14 @@ TEST(Duplicate, CopiesHeaderAndBody) {
 }
 
 TEST(EndianSwap, ReversesTheIntegersAndNothingElse) {
-  ORP_MSG_HEADER_ST header = unterminated_request();
-  header.ulMsgData = 0x01020304;
-  header.ulDataLen = 0x05060708;
-  const ORP_MSG_HEADER_ST original = header;
+  Frame frame = {0xabcd1234, "destination", std::string(0x102, '\0'), 0x01020304, 77, "sender"};
+  const Message message = test::make_block(frame);
 
-  ORP_MSG_HeadEndianSwap(&header);
-  EXPECT_EQ(0x3412cdabu, header.ulMsgType);
-  EXPECT_EQ(77u << 24, header.ulSeqNum);
-  EXPECT_EQ(0x04030201u, header.ulMsgData);
-  EXPECT_EQ(0x08070605u, header.ulDataLen);
-  EXPECT_EQ(0, std::memcmp(original.aucSendApp, header.aucSendApp, 24));
-
-  ORP_MSG_HeadEndianSwap(&header);
-  EXPECT_EQ(0, std::memcmp(&original, &header, sizeof header));
+  ORP_MSG_HeadEndianSwap(message.get());
+  EXPECT_EQ(frame.bytes({}, /*swapped=*/true),
+            std::string(reinterpret_cast<char *>(message.get()), 40) + frame.body);
+  ORP_MSG_HeadEndianSwap(message.get());
+  EXPECT_EQ(frame, frame_of(message.get()));
   ORP_MSG_HeadEndianSwap(nullptr);
 }
 

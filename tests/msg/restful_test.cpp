@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "support/allocation.h"
-#include "support/message_block.h"
+#include "support/message_peer.h"
 
 namespace {
 
 using test::Connection;
 using test::Frame;
+using test::padded;
 
 // What the handlers saw.
 std::vector<std::string> g_seen;
@@ -45,17 +46,12 @@ constexpr ORP_MSG_RESTFUL_ROW_ST kTable[] = {{"info", echo},    {"reset", silent
 
 std::string request_body(const std::string &path, const std::string &handler,
                          const std::string &text) {
-  std::string body(8, '\7');
-  body += path + std::string(64 - path.size(), '\0');
-  body += handler + std::string(64 - handler.size(), '\0');
-  return body + text;
+  return std::string(8, '\7') + padded(path, 64) + padded(handler, 64) + text;
 }
 
 // Hands a request to the registered procedures, as the loop does.
 void dispatch(const std::string &body, uint32_t type = ORP_MSG_RESTFUL_REQUEST) {
-  const test::MessageBlock message = test::make_block(
-      {.type = type, .from = "asker", .to = "self", .data = 11, .seq = 12, .body = body});
-  ORP_MSG_DefaultMsgProcs(message.get());
+  ORP_MSG_DefaultMsgProcs(test::make_block({type, "self", body, 11, 12, "asker"}).get());
 }
 
 TEST(RestfulRegistration, AnnouncesThePathOrItsRows) {
@@ -67,10 +63,7 @@ TEST(RestfulRegistration, AnnouncesThePathOrItsRows) {
   EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/none", kRows + 2, 1));
 
   for (const std::string expected : {"/dev", "/dev/info|/dev/reset", ""}) {
-    const Frame frame = connection.peer.read();
-    EXPECT_EQ(ORP_MSG_RESTFUL_REGISTER, frame.type());
-    EXPECT_EQ("", frame.to());
-    EXPECT_EQ(expected + std::string(1, '\0'), frame.body);
+    connection.peer.expect({.type = 0x109, .body = expected + std::string(1, '\0')});
   }
 }
 
@@ -128,21 +121,11 @@ class RestfulRequest : public testing::Test {
 TEST_F(RestfulRequest, IsAnsweredWithTheHandlersText) {
   for (const uint32_t type : {0x10Au, 0x10Du, 0x10Eu}) {
     dispatch(request_body("/dev", "info", std::string("hello\0", 6)), type);
-
-    const Frame response = connection.peer.read();
-    EXPECT_EQ(type, response.type());
-    EXPECT_EQ("asker", response.to());
-    EXPECT_EQ(11u, response.header.ulMsgData);
-    EXPECT_EQ(12u, response.header.ulSeqNum);
-    EXPECT_EQ(std::string("echo hello\0", 11), response.body);
+    EXPECT_EQ((Frame{type, "asker", std::string("echo hello\0", 11), 11, 12, "self"}),
+              connection.peer.read());
   }
-}
-
-TEST_F(RestfulRequest, WithoutAResponseTextIsAnsweredWithAHeader) {
   dispatch(request_body("/lan", "reset", std::string(1, '\0')));
-  const Frame response = connection.peer.read();
-  EXPECT_EQ(0u, response.header.ulDataLen);
-  EXPECT_EQ(12u, response.header.ulSeqNum);
+  EXPECT_EQ((Frame{0x10D, "asker", "", 11, 12, "self"}), connection.peer.read()) << "no text";
 }
 
 TEST_F(RestfulRequest, IsNotAnsweredWhenNothingFitsOrTheHandlerFails) {
@@ -175,28 +158,19 @@ TEST_F(RestfulRequest, FieldsWithoutANulAreReadWithinTheirSize) {
 
   dispatch(request_body(path, name, std::string("text\0", 5)));
 
-  EXPECT_EQ(0x10Du, connection.peer.read().type());
+  EXPECT_EQ(0x10Du, connection.peer.read().type);
 }
 
 TEST(RestfulBuilder, FillsTheWholeBlock) {
   const test::MessageBlock message(
       ORP_MSG_BuildRestfulReqMsg(1, 2, "/dev", "info", "text and more", 4));
 
-  ASSERT_TRUE(message);
-  EXPECT_EQ(0x10Du, message->ulMsgType);
-  EXPECT_EQ(0u, message->ulMsgData);
-  EXPECT_NE(0u, message->ulSeqNum);
-  EXPECT_STREQ("", message->aucRecvApp);
-  ASSERT_EQ(141u, message->ulDataLen);
   std::string expected = request_body("/dev", "info", std::string("text\0", 5));
   expected.replace(0, 8, std::string("\1\0\0\0\2\0\0\0", 8));
-  EXPECT_EQ(expected, std::string(reinterpret_cast<char *>(message.get() + 1), 141));
+  EXPECT_EQ((Frame{.type = 0x10D, .body = expected, .sequence = 1}), test::frame_of(message.get()));
 
-  const test::MessageBlock padded(ORP_MSG_BuildRestfulReqMsg(0, 0, nullptr, nullptr, "ab", 4));
-  EXPECT_EQ(std::string(128, '\0') + std::string("ab\0\0\0", 5),
-            std::string(reinterpret_cast<char *>(padded.get() + 1) + 8, 133));
-  const test::MessageBlock empty(ORP_MSG_BuildRestfulReqMsg(0, 0, "", "", nullptr, 0));
-  EXPECT_EQ(137u, empty->ulDataLen);
+  const test::MessageBlock bare(ORP_MSG_BuildRestfulReqMsg(0, 0, nullptr, nullptr, "ab", 4));
+  EXPECT_EQ(std::string(136, '\0') + padded("ab", 5), test::frame_of(bare.get()).body);
 }
 
 TEST(RestfulBuilder, RefusesWhatDoesNotFit) {
@@ -216,12 +190,7 @@ TEST(RestfulResponse, NeedsABody) {
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendRestfulResponseMsg("a", 1, "b", 0xFFFFFFD7, 0, 0));
   EXPECT_EQ(ORP_OK, ORP_MSG_SendRestfulResponseMsg("asker", 0x10A, "body", 4, 8, 9));
 
-  const Frame frame = connection.peer.read();
-  EXPECT_EQ("asker", frame.to());
-  EXPECT_EQ(0x10Au, frame.type());
-  EXPECT_EQ(8u, frame.header.ulMsgData);
-  EXPECT_EQ(9u, frame.header.ulSeqNum);
-  EXPECT_EQ("body", frame.body);
+  EXPECT_EQ((Frame{0x10A, "asker", "body", 8, 9, "self"}), connection.peer.read());
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,7 +12,6 @@
 #include "msg/drop_count.h"
 #include "msg/header.h"
 #include "msg/queue.h"
-#include "support/allocation.h"
 #include "support/message_peer.h"
 #include "support/system_calls.h"
 
@@ -22,22 +20,23 @@ namespace {
 
 using test::Connection;
 using test::Frame;
-using test::make_frame;
+using test::padded;
 
 constexpr uint32_t kLong_ms = 20000;
 
 // One exchange of the request `type` with "peer".
 struct Exchange {
-  explicit Exchange(uint32_t type, uint32_t timeout_ms = kLong_ms, const char *to = "peer") {
-    ORP_MSG_SimpleBuilder(&request, to, type, 0);
+  explicit Exchange(uint32_t type, uint32_t timeout_ms = kLong_ms, const char *to = "peer",
+                    decltype(ORP_MSG_SendAndRecv) *exchange = ORP_MSG_SendAndRecv) {
+    Header request = build_header(to, type, 0);
     Header *block = &request;
-    status = ORP_MSG_SendAndRecv(&request, &block, timeout_ms);
+    status = exchange(&request, &block, timeout_ms);
+    const Owned<Header> owner(block);
     EXPECT_EQ(status == ORP_OK, block != nullptr);
-    response.reset(block);
+    if (block != nullptr) data = block->ulMsgData;
   }
-  Header request;
   uint32_t status;
-  Owned<Header> response;
+  uint32_t data = 0;  // of the answer
 };
 
 // Dispatches the pending queue; the types of its messages.
@@ -53,24 +52,21 @@ std::vector<uint32_t> drained() {
 TEST(SendAndRecv, HandsOutTheAnswerAndKeepsTheRestInOrder) {
   Connection connection("self", /*swap=*/true);
   g_stMsgCtx.ulSeqNum = 40;
-  connection.peer.write(make_frame({.type = 0x1, .seq = 42}));
-  connection.peer.write(make_frame({.type = 0x2}));
-  connection.peer.write(make_frame({.type = 0xa001234, .from = "other", .data = 5, .seq = 99}));
-  connection.peer.write(make_frame({.type = 0x1234, .data = 6}));
+  connection.peer.send({.type = 0x1, .sequence = 42});
+  connection.peer.send({.type = 0x2});
+  connection.peer.send({.type = 0xa001234, .data = 5, .sequence = 99, .from = "other"});
+  connection.peer.send({.type = 0x1234, .data = 6});
 
-  const Exchange exchange(0x1234);
-
-  ASSERT_EQ(ORP_OK, exchange.status);
-  EXPECT_EQ(5u, exchange.response->ulMsgData) << "any sender, any sequence number";
-  EXPECT_EQ(42u, connection.peer.read().header.ulSeqNum);
+  EXPECT_EQ(5u, Exchange(0x1234).data) << "any sender, any sequence number";
+  connection.peer.expect({.type = 0x1234, .to = "peer", .sequence = 42});
   EXPECT_EQ((std::vector<uint32_t>{1, 2}), drained());
-  EXPECT_EQ(6u, Exchange(0x1234).response->ulMsgData);
+  EXPECT_EQ(6u, Exchange(0x1234).data);
 }
 
 TEST(SendAndRecv, EndsWhenTheServerCannotDeliverOrIsGone) {
   Connection connection;
-  connection.peer.write(make_frame({.type = 0x108, .data = 0x9999}));
-  connection.peer.write(make_frame({.type = 0x108, .data = 0xf01234}));
+  connection.peer.send({.type = 0x108, .data = 0x9999});
+  connection.peer.send({.type = 0x108, .data = 0xf01234});
 
   EXPECT_EQ(ORP_ERR_PEER_GONE, Exchange(0xf01234).status);
   EXPECT_EQ((std::vector<uint32_t>{0x108}), drained()) << "the notice about another request";
@@ -83,28 +79,23 @@ TEST(SendAndRecv, EndsAfterItsTimeWhateverArrives) {
   std::atomic<bool> done = false;
   std::thread chatter([&] {
     while (!done) {
-      connection.peer.write(make_frame({.type = 1}));
+      connection.peer.send({.type = 1});
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   });
 
-  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(ORP_ERR_TIMEOUT, Exchange(0x1234, 60).status);
-  const auto took = std::chrono::steady_clock::now() - start;
   done = true;
   chatter.join();
-
-  EXPECT_GE(took, std::chrono::milliseconds(50));
-  EXPECT_LT(took, std::chrono::seconds(10));
-  drained();
+  EXPECT_LT(drained().size(), 999u);
 }
 
 // `count` unrelated messages, then the answer.
 uint32_t exchange_behind(uint32_t count) {
   Connection connection;
   std::thread server([&] {
-    for (uint32_t i = 1; i <= count; ++i) connection.peer.write(make_frame({.type = i}));
-    connection.peer.write(make_frame({.type = 0x1234}));
+    for (uint32_t i = 1; i <= count; ++i) connection.peer.send({.type = i});
+    connection.peer.send({.type = 0x1234});
   });
   const Exchange exchange(0x1234);
   server.join();
@@ -124,14 +115,12 @@ TEST(SendAndRecv, SkipsAtMost999OtherMessages) {
 
 TEST(SendAndRecv, DropsAndCountsWhatItCannotQueue) {
   Connection connection;
-  connection.peer.write(make_frame({.type = 1}));
-  connection.peer.write(make_frame({.type = 2}));
-  connection.peer.write(make_frame({.type = 0x1234}));
+  connection.peer.send({.type = 1});
+  connection.peer.send({.type = 2});
+  connection.peer.send({.type = 0x1234});
 
   fail_allocation(2);  // the node of the first message; the first allocation is its block
-  const Exchange exchange(0x1234);
-
-  EXPECT_EQ(ORP_OK, exchange.status);
+  EXPECT_EQ(ORP_OK, Exchange(0x1234).status);
   EXPECT_EQ((std::vector<uint32_t>{2}), drained());
   EXPECT_EQ(1u, g_dropped.queue);
 }
@@ -139,11 +128,10 @@ TEST(SendAndRecv, DropsAndCountsWhatItCannotQueue) {
 TEST(SystemCalls, AnExchangeWaitsOnce) {
   if (!test::can_count_system_calls()) GTEST_SKIP() << "tracing is not possible here";
   Connection connection;
-  auto calls = test::system_calls(
-      [&] { connection.peer.write(make_frame({.type = 0x1234, .body = "body"})); },
-      [] {
-        if (Exchange(0x1234, 0).status != ORP_OK) ::_exit(1);
-      });
+  auto calls = test::system_calls([&] { connection.peer.send({.type = 0x1234, .body = "body"}); },
+                                  [] {
+                                    if (Exchange(0x1234, 0).status != ORP_OK) ::_exit(1);
+                                  });
 
   // Where the clock can be read without entering the kernel it is not among them.
   std::erase_if(calls, [](const auto &call) { return call.number == SYS_clock_gettime; });
@@ -155,31 +143,21 @@ TEST(SystemCalls, AnExchangeWaitsOnce) {
 TEST(SendAndRecv, RefusesBadArguments) {
   Header request = {};
   Header *response = &request;
-
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendAndRecv(nullptr, &response, 1));
   EXPECT_EQ(nullptr, response);
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendAndRecv(&request, nullptr, 1));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendAndReceiveWithAppName(nullptr, &response, 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RecvResp(nullptr, &response, 1));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RecvResWithAppName(&request, nullptr, 1));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_ReceiveWithType(1, nullptr, 1));
   EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_SendAndRecv(&request, &response, 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_ReceiveWithType(1, &response, 1)) << "no connection";
 }
 
 TEST(SendAndReceiveWithAppName, TakesTheAnswerOfTheAskedApplicationOnly) {
   Connection connection;
-  connection.peer.write(make_frame({.type = 0x1234, .from = "peer2", .data = 1}));
-  connection.peer.write(make_frame({.type = 0x1234, .from = "pee", .data = 2}));
-  connection.peer.write(make_frame({.type = 0x1234, .from = "peer", .data = 3}));
-  Header request;
-  ORP_MSG_SimpleBuilder(&request, "peer", 0x1234, 0);
+  connection.peer.send({.type = 0x1234, .data = 1, .from = "peer2"});
+  connection.peer.send({.type = 0x1234, .data = 2, .from = "pee"});
+  connection.peer.send({.type = 0x1234, .data = 3, .from = "peer"});
 
-  Header *response;
-  ASSERT_EQ(ORP_OK, ORP_MSG_SendAndReceiveWithAppName(&request, &response, kLong_ms));
-  const Owned<Header> owner(response);
-
-  EXPECT_EQ(3u, response->ulMsgData);
+  EXPECT_EQ(3u, Exchange(0x1234, kLong_ms, "peer", ORP_MSG_SendAndReceiveWithAppName).data);
   EXPECT_EQ(2u, drained().size());
 }
 
@@ -191,23 +169,22 @@ TEST(LoopBack, HandsTheRequestToTheGateAndReadsTheAnswerFromTheServer) {
   });
   std::thread server([&] {
     const Frame answer = connection.peer.read();
-    EXPECT_EQ("self", answer.to());
-    connection.peer.write(answer);
+    EXPECT_EQ("self", answer.to);
+    connection.peer.send(answer);
   });
 
   const Exchange exchange(0x1234, kLong_ms, "self");
   server.join();
 
-  ASSERT_EQ(ORP_OK, exchange.status);
-  EXPECT_EQ(77u, exchange.response->ulMsgData);
+  EXPECT_EQ(77u, exchange.data);
 }
 
 TEST(LoopBack, NeedsANameAndNeverTakesTheRegistration) {
   for (const char *name : {"", "self"}) {
     Connection connection(name);
-    connection.peer.write(make_frame({.type = ORP_MSG_REGISTER}));
+    connection.peer.send({.type = ORP_MSG_REGISTER});
     EXPECT_EQ(ORP_OK, Exchange(ORP_MSG_REGISTER, kLong_ms, name).status);
-    EXPECT_EQ(ORP_MSG_REGISTER, connection.peer.read().type());
+    connection.peer.expect({.type = ORP_MSG_REGISTER, .to = name});
   }
 }
 
@@ -227,7 +204,7 @@ TEST(SendHook, IsBypassedByRequestsOfUnnamedProcessesAndMic) {
                         Case{"", ORP_MSG_REGISTER, 1}, Case{"mic", ORP_MSG_REGISTER, 1}}) {
     asked = 0;
     Connection connection(c.name);
-    connection.peer.write(make_frame({.type = c.type}));
+    connection.peer.send({.type = c.type});
     EXPECT_EQ(ORP_OK, Exchange(c.type).status);
     EXPECT_EQ(c.asked, asked) << c.name << " " << c.type;
     EXPECT_TRUE(g_pfMsgSendHook == +hook) << "restored";
@@ -235,24 +212,20 @@ TEST(SendHook, IsBypassedByRequestsOfUnnamedProcessesAndMic) {
 
   asked = 0;
   Connection connection("mic");
-  connection.peer.write(make_frame({.type = 0x1234, .from = "peer"}));
-  Header request;
-  ORP_MSG_SimpleBuilder(&request, "peer", 0x1234, 0);
-  Header *response;
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendAndReceiveWithAppName(&request, &response, kLong_ms));
-  std::free(response);
+  connection.peer.send({.type = 0x1234, .from = "peer"});
+  EXPECT_EQ(ORP_OK, Exchange(0x1234, kLong_ms, "peer", ORP_MSG_SendAndReceiveWithAppName).status);
   EXPECT_EQ(1, asked);
   g_pfMsgSendHook = nullptr;
 }
 
 TEST(SendAndRecvMsgData, ReturnsTheDataWordOfTheAnswer) {
   Connection connection;
-  connection.peer.write(make_frame({.type = 0x1234, .data = 99}));
+  connection.peer.send({.type = 0x1234, .data = 99});
 
   uint32_t result = 1;
   EXPECT_EQ(ORP_OK, ORP_MSG_SendAndRecvMsgData("peer", 0x1234, 5, kLong_ms, &result));
   EXPECT_EQ(99u, result);
-  EXPECT_EQ(5u, connection.peer.read().header.ulMsgData);
+  connection.peer.expect({.type = 0x1234, .to = "peer", .data = 5});
 
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendAndRecvMsgData("peer", 0x1234, 5, 1, nullptr));
   connection.peer.close();
@@ -262,15 +235,11 @@ TEST(SendAndRecvMsgData, ReturnsTheDataWordOfTheAnswer) {
 
 TEST(ProcessCount, IsAskedFromTheServer) {
   Connection connection;
-  connection.peer.write(make_frame({.type = 0x705, .data = 3}));
+  connection.peer.send({.type = 0x705, .data = 3});
 
   EXPECT_EQ(3u, ORP_MSG_GetNumOfProcesses("app"));
 
-  const Frame request = connection.peer.read();
-  EXPECT_EQ(0x705u, request.type());
-  EXPECT_EQ("", request.to());
-  EXPECT_EQ(0u, request.header.ulMsgData);
-  EXPECT_EQ(std::string("app\0\0\0\0\0\0\0\0\0", 12), request.body);
+  connection.peer.expect({.type = 0x705, .body = padded("app")});
   EXPECT_EQ(0u, ORP_MSG_GetNumOfProcesses(nullptr));
   connection.peer.close();
   EXPECT_EQ(0u, ORP_MSG_GetNumOfProcesses("app"));
@@ -278,40 +247,30 @@ TEST(ProcessCount, IsAskedFromTheServer) {
 
 TEST(SafeExit, AsksTheApplicationAndTellsTheServer) {
   Connection connection;
-  connection.peer.write(make_frame({.type = 0x706, .from = "app"}));
-
-  EXPECT_EQ(ORP_OK, ORP_MSG_SafeExitProcesses("app"));
-
-  const Frame asked = connection.peer.read();
-  EXPECT_EQ(0x706u, asked.type());
-  EXPECT_EQ("app", asked.to());
-  EXPECT_EQ("", asked.body);
-  const Frame told = connection.peer.read();
-  EXPECT_EQ(0x706u, told.type());
-  EXPECT_EQ("", told.to());
-  EXPECT_EQ(std::string("app\0\0\0\0\0\0\0\0\0", 12), told.body);
-
   EXPECT_EQ(ORP_OK, ORP_MSG_SafeExitProcesses(nullptr));
-  connection.peer.write(make_frame({.type = 0x108, .data = 0x706}));
+  connection.peer.send({.type = 0x706, .from = "app"});
+  EXPECT_EQ(ORP_OK, ORP_MSG_SafeExitProcesses("app"));
+  connection.peer.send({.type = 0x108, .data = 0x706});
   EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_MSG_SafeExitProcesses("app")) << "the first of the two fails";
-  EXPECT_EQ(0x706u, connection.peer.read().type());
-  EXPECT_EQ(12u, connection.peer.read().body.size());
+
+  for (int i = 0; i < 2; ++i) {
+    connection.peer.expect({.type = 0x706, .to = "app"});
+    connection.peer.expect({.type = 0x706, .body = padded("app")});
+  }
 }
 
 TEST(Queue, OwnsNodesAndMessages) {
   QueueNode *head = nullptr;
-  Owned<Header> message = allocate_message(0);
-
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_AppendQueue(nullptr, message.get()));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_AppendQueue(&head, nullptr));
-  EXPECT_EQ(1u, test::fail_every_allocation(
-                    [&] { return ORP_MSG_AppendQueue(&head, message.get()) == ORP_OK; }));
-  Header *first = message.release();
+  Header *first = allocate_message(0).release();
   Header *second = allocate_message(0).release();
-  EXPECT_EQ(ORP_OK, ORP_MSG_AppendQueueEx(&head, second, 7));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_AppendQueue(nullptr, first));
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_AppendQueue(&head, nullptr));
+  fail_allocation(1);
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_AppendQueue(&head, first));
 
+  EXPECT_EQ(ORP_OK, ORP_MSG_AppendQueue(&head, first));
+  EXPECT_EQ(ORP_OK, ORP_MSG_AppendQueueEx(&head, second, 7));
   EXPECT_EQ(first, head->pstMsg);
-  EXPECT_EQ(0u, head->ulExtra);
   EXPECT_EQ(second, head->pstNext->pstMsg);
   EXPECT_EQ(7u, head->pstNext->ulExtra);
   ORP_MSG_DestroyQueue(&head);

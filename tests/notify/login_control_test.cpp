@@ -11,11 +11,10 @@
 namespace {
 
 using test::Connection;
-using test::Frame;
 
 // Puts the reply there before the request is sent: the first message of its type is the answer.
 void reply_with(Connection &connection, uint32_t type, const std::string &body) {
-  connection.peer.write(test::make_frame({.type = type, .body = body}));
+  connection.peer.send({.type = type, .body = body});
 }
 
 std::string counted_bytes(size_t size) {
@@ -40,11 +39,7 @@ TEST(LoginControl, ExchangesWholeRecords) {
     EXPECT_EQ(ORP_LCTRL_OK, each.function(request.data(), result.data()));
     EXPECT_EQ(counted_bytes(each.result) + "x", result);
 
-    const Frame frame = connection.peer.read();
-    EXPECT_EQ(each.type, frame.type());
-    EXPECT_EQ("", frame.to());
-    EXPECT_EQ(0u, frame.header.ulMsgData);
-    EXPECT_EQ(request, frame.body);
+    connection.peer.expect({.type = each.type, .body = request});
 
     result.assign(each.result, 'x');
     reply_with(connection, each.type, counted_bytes(each.result - 1));
@@ -62,12 +57,8 @@ TEST(LoginControl, SendsLimitsAndClearsWithoutWaiting) {
   EXPECT_EQ(ORP_LCTRL_ERR_ARGUMENT, ORP_LCTRLAPI_SetMaxFailedTimes(nullptr));
   EXPECT_EQ(ORP_OK, ORP_LCTRLAPI_ClearForbiddenList(0x64636261));
 
-  const Frame limit = connection.peer.read();
-  EXPECT_EQ(0x2CF03u, limit.type());
-  EXPECT_EQ("12345678", limit.body);
-  const Frame clear = connection.peer.read();
-  EXPECT_EQ(0x2CF04u, clear.type());
-  EXPECT_EQ("abcd", clear.body);
+  connection.peer.expect({.type = 0x2CF03, .body = "12345678"});
+  connection.peer.expect({.type = 0x2CF04, .body = "abcd"});
 }
 
 TEST(LoginControl, TriesOnceMoreAfterATimeOut) {

@@ -30,13 +30,13 @@
 #include "msgapi/login.h"
 #include "msgapi/login_records.h"
 #include "msgapi/restful.h"
+#include "support/message_peer.h"
 #include "support/process.h"
-#include "support/raw_client.h"
 
 namespace {
 
 using test::RawClient;
-using test::RawFrame;
+using RawFrame = test::Frame;
 using testing::HasSubstr;
 
 class Services : public testing::Test {

@@ -22,13 +22,13 @@
 #include <string>
 #include <vector>
 
+#include "support/message_peer.h"
 #include "support/process.h"
-#include "support/raw_client.h"
 
 namespace {
 
 using test::RawClient;
-using test::RawFrame;
+using RawFrame = test::Frame;
 
 constexpr uint32_t kType = 0x1234;
 constexpr uint32_t kWlanEvent = 0x2da67;

@@ -1,76 +1,139 @@
 #include "support/message_peer.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <ostream>
 
 #include "base/text.h"
 #include "msg/context.h"
-#include "os/wait.h"
+#include "support/network.h"
 
 namespace test {
 namespace {
 
-constexpr uint32_t kPatience_ms = 10000;
+bool readable(int fd, int timeout_ms = kPatience_ms) {
+  pollfd entry{.fd = fd, .events = POLLIN, .revents = 0};
+  return ::poll(&entry, 1, timeout_ms) == 1;
+}
 
-bool readable(int fd) {
-  return msgapi::os::wait_readable(fd, kPatience_ms) == msgapi::os::Readiness::kReady;
+void swap_words(ORP_MSG_HEADER_ST *header) {
+  for (uint32_t *word :
+       {&header->ulMsgType, &header->ulSeqNum, &header->ulMsgData, &header->ulDataLen}) {
+    *word = __builtin_bswap32(*word);
+  }
+}
+
+// bind() or connect().
+template <typename Call, typename Address>
+bool use(Call call, int fd, const Address &address) {
+  return call(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+sockaddr_un local(const std::string &path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
 }
 
 }  // namespace
 
-std::string Frame::from() const {
-  return std::string(msgapi::field_text(header.aucSendApp));
+std::string Frame::bytes(std::string_view sender, bool swapped) const {
+  ORP_MSG_HEADER_ST header = {};
+  header.ulMsgType = type;
+  header.ulSeqNum = sequence;
+  header.ulMsgData = data;
+  header.ulDataLen = static_cast<uint32_t>(body.size());
+  (sender.empty() ? std::string_view(from) : sender).copy(header.aucSendApp, ORP_APP_NAME_SIZE);
+  to.copy(header.aucRecvApp, ORP_APP_NAME_SIZE);
+  if (swapped) swap_words(&header);
+  return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
 }
 
-std::string Frame::to() const {
-  return std::string(msgapi::field_text(header.aucRecvApp));
+Frame frame_of(const ORP_MSG_HEADER_ST &header, std::string body) {
+  return {.type = header.ulMsgType,
+          .to = std::string(msgapi::field_text(header.aucRecvApp)),
+          .body = std::move(body),
+          .data = header.ulMsgData,
+          .sequence = header.ulSeqNum,
+          .from = std::string(msgapi::field_text(header.aucSendApp))};
 }
 
-std::string Frame::bytes(bool swap) const {
-  ORP_MSG_HEADER_ST sent = header;
-  if (swap) ORP_MSG_HeadEndianSwap(&sent);
-  return std::string(reinterpret_cast<const char *>(&sent), sizeof sent) + body;
+Frame frame_of(const ORP_MSG_HEADER_ST *message) {
+  return frame_of(*message, {reinterpret_cast<const char *>(message + 1), message->ulDataLen});
 }
 
-Frame make_frame(const FrameFields &fields) {
-  Frame frame;
-  frame.header.ulMsgType = fields.type;
-  frame.header.ulSeqNum = fields.seq;
-  msgapi::copy_cut(frame.header.aucSendApp, fields.from);
-  msgapi::copy_cut(frame.header.aucRecvApp, fields.to);
-  frame.header.ulMsgData = fields.data;
-  frame.header.ulDataLen = static_cast<uint32_t>(fields.body.size());
-  frame.body = fields.body;
-  return frame;
+std::ostream &operator<<(std::ostream &out, const Frame &frame) {
+  return out << std::hex << "type 0x" << frame.type << " from [" << frame.from << "] to ["
+             << frame.to << "] data 0x" << frame.data << " number " << std::dec << frame.sequence
+             << " body " << testing::PrintToString(frame.body);
 }
 
-std::string MessagePeer::read_bytes(size_t size) {
-  std::string bytes(size, '\0');
-  for (size_t done = 0; done < size;) {
-    const ssize_t count = readable(fd()) ? ::read(fd(), bytes.data() + done, size - done) : -1;
-    if (count <= 0) {
-      ADD_FAILURE() << "only " << done << " of " << size << " bytes came";
-      return bytes.substr(0, done);
-    }
-    done += static_cast<size_t>(count);
+MessageBlock make_block(const Frame &frame) {
+  const std::string bytes = frame.bytes();
+  MessageBlock block(static_cast<ORP_MSG_HEADER_ST *>(std::malloc(bytes.size())));
+  std::memcpy(block.get(), bytes.data(), bytes.size());
+  return block;
+}
+
+std::string padded(std::string name, size_t size) {
+  name.resize(size, '\0');
+  return name;
+}
+
+bool MessagePeer::send_bytes(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count < 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(count));
   }
-  return bytes;
+  return true;
+}
+
+std::optional<Frame> MessagePeer::receive(int timeout_ms) {
+  if (!readable(fd(), timeout_ms)) return std::nullopt;
+  ORP_MSG_HEADER_ST header;
+  const ssize_t count = ::read(fd(), &header, sizeof header);
+  if (count <= 0) return std::nullopt;
+  EXPECT_EQ(sizeof header, static_cast<size_t>(count)) << "a reader would lose its step here";
+  if (count != sizeof header) return std::nullopt;
+
+  if (swapped_) swap_words(&header);
+  Frame frame = frame_of(header, receive_bytes(header.ulDataLen, timeout_ms));
+  if (frame.body.size() != header.ulDataLen) return std::nullopt;
+  return frame;
 }
 
 Frame MessagePeer::read() {
-  Frame frame;
-  const std::string head = read_bytes(sizeof frame.header);
-  if (head.size() < sizeof frame.header) return {};
-  std::memcpy(&frame.header, head.data(), sizeof frame.header);
-  if (swap_) ORP_MSG_HeadEndianSwap(&frame.header);
-  frame.body = read_bytes(frame.header.ulDataLen);
-  return frame;
+  std::optional<Frame> frame = receive();
+  EXPECT_TRUE(frame) << "no message came";
+  return frame.value_or(Frame());
+}
+
+void MessagePeer::expect(const Frame &expected, const char *file, int line) {
+  Frame frame = read();
+  if (expected.from.empty()) frame.from.clear();
+  if (expected.sequence == 0) frame.sequence = 0;
+  if (frame != expected) {
+    ADD_FAILURE_AT(file, line) << "  expected " << expected << "\n  received " << frame;
+  }
+}
+
+std::string MessagePeer::receive_bytes(size_t count, int timeout_ms) {
+  std::string bytes(count, '\0');
+  size_t done = 0;
+  while (done < count && readable(fd(), timeout_ms)) {
+    const ssize_t got = ::read(fd(), bytes.data() + done, count - done);
+    if (got <= 0) break;
+    done += static_cast<size_t>(got);
+  }
+  bytes.resize(done);
+  return bytes;
 }
 
 bool MessagePeer::quiet() {
@@ -79,39 +142,63 @@ bool MessagePeer::quiet() {
 }
 
 bool MessagePeer::closed() {
-  char byte;
-  return readable(fd()) && ::recv(fd(), &byte, 1, MSG_PEEK) <= 0;
-}
-
-void MessagePeer::write_bytes(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (written < 0) return;  // the other end may be gone: what it then sees is the test's matter
-    bytes.remove_prefix(static_cast<size_t>(written));
+  char dropped[4096];
+  while (readable(fd())) {
+    if (::read(fd(), dropped, sizeof dropped) <= 0) return true;
   }
+  return false;
 }
 
 void MessagePeer::answer(const Frame &request, uint32_t data, const std::string &body) {
-  write(make_frame({.type = request.type(),
-                    .from = request.to(),
-                    .to = request.from(),
-                    .data = data,
-                    .seq = request.header.ulSeqNum,
-                    .body = body}));
+  send({.type = request.type,
+        .to = request.from,
+        .body = body,
+        .data = data,
+        .sequence = request.sequence,
+        .from = request.to});
 }
 
-Frame MessagePeer::accept_registration(std::string_view name, bool swap, uint32_t keep_alive,
+Frame MessagePeer::accept_registration(const std::string &name, bool swap, uint32_t keep_alive,
                                        uint32_t period_s) {
   const Frame request = read();
-  EXPECT_EQ(ORP_MSG_REGISTER, request.type());
+  EXPECT_EQ(ORP_MSG_REGISTER, request.type);
   const uint32_t words[] = {keep_alive, period_s};
-  write(make_frame({.type = ORP_MSG_REGISTER,
-                    .to = name,
-                    .data = swap ? 1u : 0u,
-                    .seq = request.header.ulSeqNum,
-                    .body = {reinterpret_cast<const char *>(words), sizeof words}}));
-  swap_ = swap;
+  send({.type = ORP_MSG_REGISTER,
+        .to = name,
+        .body = {reinterpret_cast<const char *>(words), sizeof words},
+        .data = swap ? 1u : 0u,
+        .sequence = request.sequence});
+  swapped_ = swap;
   return request;
+}
+
+RawClient::RawClient(const std::string &name, Register how, const std::string &socket_path)
+    : MessagePeer(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), false, name) {
+  EXPECT_TRUE(use(::connect, fd(), local(socket_path)));
+  if (how == Register::kYes) {
+    EXPECT_TRUE(enter());
+  }
+}
+
+RawClient::RawClient(const std::string &name, uint16_t port)
+    : MessagePeer(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), false, name) {
+  EXPECT_TRUE(use(::connect, fd(), loopback(port)));
+  EXPECT_TRUE(enter());
+}
+
+std::optional<Frame> RawClient::enter() {
+  send({.type = ORP_MSG_REGISTER, .sequence = 1});
+  std::optional<Frame> reply = receive();
+  if (reply) swapped_ = reply->data != 0;
+  return reply;
+}
+
+std::optional<Frame> RawClient::ask(const Frame &request, int timeout_ms) {
+  send(request);
+  for (;;) {
+    std::optional<Frame> frame = receive(timeout_ms);
+    if (!frame || frame->type == request.type) return frame;
+  }
 }
 
 Connection::Connection(std::string_view name, bool swap) : peer(-1) {
@@ -130,21 +217,13 @@ Connection::~Connection() {
   msgapi::msg::set_own_name({});
 }
 
-FakeServer::FakeServer(std::function<void(MessagePeer &)> script, uint16_t *tcp_port)
-    : listener_(::socket(tcp_port == nullptr ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  if (tcp_port == nullptr) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    msgapi::copy_cut(address.sun_path, ORP_MSG_SERVER_PATH);
-    EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
-  }
-  EXPECT_EQ(0, ::listen(listener_.get(), 4));  // which also gives a TCP socket its port
-  if (tcp_port != nullptr) {
-    sockaddr_in address = {};
-    socklen_t size = sizeof address;
-    ::getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size);
-    *tcp_port = ntohs(address.sin_port);
-  }
+FakeServer::FakeServer(std::function<void(MessagePeer &)> script, uint16_t tcp_port)
+    : listener_(::socket(tcp_port == 0 ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const int on = 1;
+  ::setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  EXPECT_TRUE(tcp_port == 0 ? use(::bind, listener_.get(), local(ORP_MSG_SERVER_PATH))
+                            : use(::bind, listener_.get(), loopback(tcp_port)));
+  EXPECT_EQ(0, ::listen(listener_.get(), 4));
 
   thread_ = std::thread([this, script = std::move(script)] {
     if (!readable(listener_.get())) return;

@@ -1,70 +1,119 @@
 // The far end of a message connection, played by the test: whole messages or single bytes, in
-// either byte order. Everything it waits for is bounded in time.
+// either byte order, without help from the library. Everything it waits for is bounded in time.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 
+#include "base/memory.h"
 #include "msgapi/msg.h"
 #include "os/fd.h"
 
 namespace test {
 
-// A message outside the library.
+constexpr int kPatience_ms = 10000;
+
+// A message outside the library. Twelve characters fill a name's field without a NUL.
 struct Frame {
-  ORP_MSG_HEADER_ST header = {};
-  std::string body;
-
-  uint32_t type() const { return header.ulMsgType; }
-  std::string from() const;
-  std::string to() const;
-
-  // As it travels; reversed as on a swapped connection when `swap` is set.
-  std::string bytes(bool swap = false) const;
-};
-
-struct FrameFields {
   uint32_t type = 0;
-  std::string_view from = {};
-  std::string_view to = {};
-  uint32_t data = 0;
-  uint32_t seq = 0;
+  std::string to = {};
   std::string body = {};
+  uint32_t data = 0;
+  uint32_t sequence = 0;
+  std::string from = {};
+
+  bool operator==(const Frame &) const = default;
+  // As it travels: from `sender` unless that is empty, `swapped` in the other byte order.
+  std::string bytes(std::string_view sender = {}, bool swapped = false) const;
 };
-Frame make_frame(const FrameFields &fields);
+Frame frame_of(const ORP_MSG_HEADER_ST &header, std::string body);
+Frame frame_of(const ORP_MSG_HEADER_ST *message);  // with the body behind it
+std::ostream &operator<<(std::ostream &out, const Frame &frame);
+
+// The message in a heap block that ends where the message ends, so that a sanitizer sees any step
+// beyond it.
+using MessageBlock = msgapi::Owned<ORP_MSG_HEADER_ST>;
+MessageBlock make_block(const Frame &frame);
+
+// An application's name as a body or in one: with zeros up to the size of its field.
+std::string padded(std::string name, size_t size = ORP_APP_NAME_SIZE);
 
 class MessagePeer {
  public:
-  explicit MessagePeer(int fd, bool swap = false) : fd_(fd), swap_(swap) {}
+  explicit MessagePeer(int fd, bool swapped = false, std::string name = {})
+      : fd_(fd), swapped_(swapped), name_(std::move(name)) {}
 
-  // The next message. A failed expectation and an empty frame when none comes or it is cut short.
+  int fd() const { return fd_.get(); }
+  const std::string &name() const { return name_; }
+  bool swapped() const { return swapped_; }
+  void close() { fd_.reset(); }
+
+  // Blocks until everything is written; false when the other end is gone. A frame goes out from
+  // this peer's name, when it has one.
+  bool send(const Frame &frame) { return send_bytes(frame.bytes(name_, swapped_)); }
+  bool send_bytes(std::string_view bytes);
+
+  // The next frame; none when nothing (more) comes for `timeout_ms`, or at the end of the stream.
+  // The header is read with a single read, which must bring all of it.
+  std::optional<Frame> receive(int timeout_ms = kPatience_ms);
+  // The same; a failed expectation and an empty frame when none comes.
   Frame read();
-  // Exactly `size` bytes, or fewer with a failed expectation.
-  std::string read_bytes(size_t size);
+  // Expects that frame next, from any sender and with any number where `expected` has none.
+  void expect(const Frame &expected, const char *file = __builtin_FILE(),
+              int line = __builtin_LINE());
+  // Exactly `count` bytes as they come, fewer when nothing more comes.
+  std::string receive_bytes(size_t count, int timeout_ms = kPatience_ms);
   // True when nothing more is there to read: no byte has arrived.
   bool quiet();
-  // Waits for the end of the stream.
+  // Waits for the end of the stream; what comes before is dropped.
   bool closed();
-
-  void write(const Frame &frame) { write_bytes(frame.bytes(swap_)); }
-  void write_bytes(std::string_view bytes);
 
   // Sends back what answers `request`.
   void answer(const Frame &request, uint32_t data = 0, const std::string &body = {});
   // Reads the registration and confirms it under `name`. With `swap` the client is told that
   // headers travel reversed from then on. Returns the request.
-  Frame accept_registration(std::string_view name, bool swap = false, uint32_t keep_alive = 0,
+  Frame accept_registration(const std::string &name, bool swap = false, uint32_t keep_alive = 0,
                             uint32_t period_s = 0);
 
-  void close() { fd_.reset(); }
-  int fd() const { return fd_.get(); }
-
- private:
+ protected:
   msgapi::os::UniqueFd fd_;
-  bool swap_;
+  bool swapped_;
+  std::string name_;
+};
+
+// A client of the message server that speaks the wire format itself, byte by byte if it has to.
+class RawClient : public MessagePeer {
+ public:
+  enum class Register { kYes, kNo };
+
+  // Connects, and registers `name` unless told otherwise.
+  explicit RawClient(const std::string &name, Register how = Register::kYes,
+                     const std::string &socket_path = ORP_MSG_SERVER_PATH);
+  // Over TCP to 127.0.0.1.
+  RawClient(const std::string &name, uint16_t port);
+
+  // Registers the name, takes the byte order from the reply and returns it.
+  std::optional<Frame> enter();
+
+  // Sends a request and waits for the frame of its type; others are dropped.
+  std::optional<Frame> ask(const Frame &request, int timeout_ms = kPatience_ms);
+  // Everything the server had for this client before now has arrived afterwards: asks it for
+  // something and collects what comes before the answer.
+  template <typename Each>
+  bool drain(Each each) {
+    send({.type = ORP_MSG_COUNT_PROCESSES, .sequence = 0xdeadbeef});
+    for (;;) {
+      const std::optional<Frame> frame = receive();
+      if (!frame) return false;
+      if (frame->sequence == 0xdeadbeef) return true;
+      each(*frame);
+    }
+  }
 };
 
 // Both ends of a connection: this process's, installed in its message context under a name, and
@@ -72,21 +121,17 @@ class MessagePeer {
 class Connection {
  public:
   explicit Connection(std::string_view name = "self", bool swap = false);
-  Connection(const Connection &) = delete;
-  Connection &operator=(const Connection &) = delete;
   ~Connection();
 
   int fd() const { return g_stMsgCtx.slSocket; }
   MessagePeer peer;
 };
 
-// A message server at its usual place, or on a TCP port, that plays a script on the next
-// connection, in a thread.
+// A message server at its usual place, or on a TCP port of this machine, that plays a script on the
+// next connection, in a thread.
 class FakeServer {
  public:
-  explicit FakeServer(std::function<void(MessagePeer &)> script, uint16_t *tcp_port = nullptr);
-  FakeServer(const FakeServer &) = delete;
-  FakeServer &operator=(const FakeServer &) = delete;
+  explicit FakeServer(std::function<void(MessagePeer &)> script, uint16_t tcp_port = 0);
   // Waits for the end of the script.
   ~FakeServer();
 

@@ -21,6 +21,19 @@
 #include "os/fd.h"
 
 namespace test {
+namespace {
+
+// Asks `condition` until it holds and fails the test when it does not within ten seconds.
+template <typename Condition>
+void wait_until(const Condition &condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!condition()) {
+    ASSERT_LT(std::chrono::steady_clock::now(), end) << "does not come true";
+    ::poll(nullptr, 0, 1);
+  }
+}
+
+}  // namespace
 
 void run(const std::string &command) {
   EXPECT_EQ(0, std::system(command.c_str())) << command;
@@ -73,14 +86,6 @@ void send_over_loopback(int count, size_t size) {
   while (count-- > 0) {
     ::sendto(fd.get(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr *>(&address),
              sizeof address);
-  }
-}
-
-void wait_until(const std::function<bool()> &condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!condition()) {
-    ASSERT_LT(std::chrono::steady_clock::now(), end) << "does not come true";
-    ::poll(nullptr, 0, 1);
   }
 }
 

@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 
 #include <cstddef>
-#include <functional>
 #include <string>
 
 namespace test {
@@ -27,9 +26,6 @@ sockaddr_in loopback(uint16_t port);
 
 // Sends `count` datagrams of `size` bytes to a closed port of this machine.
 void send_over_loopback(int count, size_t size);
-
-// Asks `condition` until it holds and fails the test when it does not within ten seconds.
-void wait_until(const std::function<bool()> &condition);
 
 // Makes `program` a shell script that comes before every other program of this name.
 void replace_program(const std::string &program, const std::string &script);

@@ -6,25 +6,25 @@
 #include <string>
 #include <vector>
 
+#include "os/fd.h"
+
 namespace test {
 
 class Process {
  public:
   // Starts the program `name` of the build with its output and errors captured.
   explicit Process(const std::string &name, const std::vector<std::string> &arguments = {});
-  Process(const Process &) = delete;
-  Process &operator=(const Process &) = delete;
   // Kills the program if it is still running.
   ~Process();
 
   pid_t pid() const { return pid_; }
 
   // Reads on until the output holds `text` somewhere behind the last text that was waited for;
-  // false when the program ends first or takes longer than 10 seconds.
+  // false when the program ends first or says nothing for 10 seconds.
   bool wait_for(const std::string &text);
 
   // Waits for the end of the program: its exit status, or 128 and the number of the signal that
-  // ended it; -1 when it takes longer than 10 seconds.
+  // ended it; -1 when it says nothing for 10 seconds.
   int wait();
 
   // Sends `signal` and waits for the end.
@@ -34,12 +34,13 @@ class Process {
   const std::string &output() const { return output_; }
 
  private:
-  bool read_more(int timeout_ms);
+  bool read_more();
 
   pid_t pid_ = -1;
-  int output_fd_ = -1;
+  msgapi::os::UniqueFd output_fd_;
   std::string output_;
   size_t seen_ = 0;
+  bool ended_ = false;
 };
 
 }  // namespace test

@@ -69,13 +69,6 @@ std::vector<SystemCall> system_calls(const std::function<void()> &prepare,
   return calls;
 }
 
-std::vector<long> system_call_numbers(const std::function<void()> &prepare,
-                                      const std::function<void()> &action) {
-  std::vector<long> numbers;
-  for (const SystemCall &call : system_calls(prepare, action)) numbers.push_back(call.number);
-  return numbers;
-}
-
 bool can_count_system_calls() {
   return !system_calls([] {}, [] { ::syscall(SYS_getpid); }).empty();
 }

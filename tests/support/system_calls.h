@@ -21,8 +21,4 @@ struct SystemCall {
 std::vector<SystemCall> system_calls(const std::function<void()> &prepare,
                                      const std::function<void()> &action);
 
-// Only their numbers.
-std::vector<long> system_call_numbers(const std::function<void()> &prepare,
-                                      const std::function<void()> &action);
-
 }  // namespace test
