@@ -108,6 +108,13 @@ int readable(const std::string &text) {
   return fd;
 }
 
+int socket_option(int fd, int level, int name) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  EXPECT_EQ(0, ::getsockopt(fd, level, name, &value, &size));
+  return value;
+}
+
 std::string bound_address(int fd) {
   sockaddr_storage address;
   socklen_t size = sizeof address;

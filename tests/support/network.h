@@ -33,6 +33,9 @@ void replace_program(const std::string &program, const std::string &script);
 // A descriptor to read `text` from, open for the whole test.
 int readable(const std::string &text);
 
+// A socket's option that is an int.
+int socket_option(int fd, int level, int name);
+
 // What the kernel says about an address that a socket is bound to.
 std::string bound_address(int fd);
 

@@ -22,23 +22,15 @@ uint32_t uptime_s() {
 }
 
 TEST(DnsBuildRequest, WritesAnAddressQueryWithTheCountInHostOrder) {
-  const PacketOwner packet = own(ORP_DNS_PacketBuildRequest("www.de"));
-
-  ASSERT_TRUE(packet);
   Bytes expected = {0, 0,   1,   0,   0, 0,   0,   0, 0, 0, 0, 0,
                     3, 'w', 'w', 'w', 2, 'd', 'e', 0, 0, 1, 0, 1};
   const uint16_t one = 1;
   std::memcpy(&expected[4], &one, sizeof one);
-  EXPECT_EQ(expected, message_of(packet));
-}
+  EXPECT_EQ(expected, message_of(own(ORP_DNS_PacketBuildRequest("www.de"))));
 
-TEST(DnsBuildRequest, SkipsEmptyLabelsButKeepsTheLength) {
-  const PacketOwner packet = own(ORP_DNS_PacketBuildRequest(".a..b."));
-
-  ASSERT_TRUE(packet);
-  EXPECT_EQ(6u + 18, packet->ulLength);
-  const Bytes expected = {1, 'a', 1, 'b', 0, 0, 1, 0, 1, 0, 0, 0};
-  EXPECT_EQ(expected, Bytes(at(packet, 12), at(packet, packet->ulLength)));
+  // Empty labels are skipped, but count for the length.
+  expected.insert(expected.end(), 3, 0);
+  EXPECT_EQ(expected, message_of(own(ORP_DNS_PacketBuildRequest(".www..de."))));
 }
 
 TEST(DnsBuildRequest, DoesNotCheckLabelsButTheWholeName) {
@@ -151,7 +143,7 @@ TEST(DnsReplies, AreErrorsByCodeOrWithoutAnyRecord) {
   };
   EXPECT_EQ(1u, is_error(captures::kNoSuchNameReply));
   EXPECT_EQ(1u, is_error(captures::kPoolQuery));
-  EXPECT_EQ(0u, is_error(captures::kNoDataReply));  // an authority record is one
+  EXPECT_EQ(0u, is_error("000081800000000000010000"));  // an authority record is one
   EXPECT_EQ(0u, is_error(captures::kPoolReply));
 }
 

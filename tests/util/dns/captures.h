@@ -1,11 +1,12 @@
 // Messages as they travelled between dig 9.18.49 and named 9.18.49 on one machine, in hex. The
-// server served a zone of its own for example.com (TTL 300, pool 60) and the reverse zone of
-// 192.0.2.0/24.
+// server served a zone of its own for example.com (TTL 300, pool 60).
 #pragma once
 
 #include <cstdint>
 #include <string_view>
 #include <vector>
+
+#include "base/hex.h"
 
 namespace captures {
 
@@ -37,12 +38,6 @@ constexpr std::string_view kNoSuchNameReply =
     "bce085030001000000010000076d697373696e67076578616d706c6503636f6d0000010001c014000600010000"
     "003c0027036e7331c0140a686f73746d6173746572c0140000000100000e1000000258000151800000003c";
 
-// dig +noedns -x 192.0.2.80: a reverse name.
-constexpr std::string_view kReverseReply =
-    "05e685000001000100010000023830013201300331393207696e2d61646472046172706100000c0001c00c000c"
-    "00010000012c0019037765620773657276657273076578616d706c6503636f6d00c00f000200010000012c0011"
-    "036e7331076578616d706c6503636f6d00";
-
 // dig example.com TXT: with EDNS in query and reply.
 constexpr std::string_view kTextReply =
     "d4b285000001000100020004076578616d706c6503636f6d0000100001c00c001000010000012c000c0b763d73"
@@ -56,19 +51,13 @@ constexpr std::string_view kTextQuery =
     "d4b201200001000000000001076578616d706c6503636f6d000010000100002904d000000000000c000a0008d6"
     "1b806603a2a6b3";
 
-// dig +noedns mail.example.com TXT: a name without such data.
-constexpr std::string_view kNoDataReply =
-    "57fa85000001000000010000046d61696c076578616d706c6503636f6d0000100001c011000600010000003c00"
-    "27036e7331c0110a686f73746d6173746572c0110000000100000e1000000258000151800000003c";
-
-constexpr std::string_view kReplies[] = {kPoolReply,    kMailReply, kNoSuchNameReply,
-                                         kReverseReply, kTextReply, kNoDataReply};
+constexpr std::string_view kReplies[] = {kPoolReply, kMailReply, kNoSuchNameReply, kTextReply};
 
 inline std::vector<uint8_t> bytes_of(std::string_view hex) {
-  const auto value = [](char digit) { return digit <= '9' ? digit - '0' : digit - 'a' + 10; };
   std::vector<uint8_t> bytes;
   for (size_t at = 0; at + 1 < hex.size(); at += 2) {
-    bytes.push_back(static_cast<uint8_t>(value(hex[at]) << 4 | value(hex[at + 1])));
+    bytes.push_back(
+        static_cast<uint8_t>(msgapi::hex_value(hex[at]) << 4 | msgapi::hex_value(hex[at + 1])));
   }
   return bytes;
 }

@@ -16,9 +16,8 @@
 
 namespace {
 
-using msgapi::os::UniqueFd;
-
 using List = msgapi::AddressList;
+using msgapi::os::UniqueFd;
 
 List address(const char *text) {
   return List(ORP_UTIL_ParseIPAddress(ORP_SOCKET_DATAGRAM, text, 0));
@@ -29,10 +28,7 @@ UniqueFd udp_socket(int family = AF_INET) {
 }
 
 int broadcasts(const UniqueFd &fd) {
-  int value = -1;
-  socklen_t size = sizeof value;
-  EXPECT_EQ(0, ::getsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &value, &size));
-  return value;
+  return test::socket_option(fd.get(), SOL_SOCKET, SO_BROADCAST);
 }
 
 TEST(Multicast, ReachesTheMembersOfAGroup) {
@@ -105,12 +101,8 @@ TEST(Multicast, RefusesWhatItCannotJoin) {
 
 TEST(Multicast, SetsTheTimeToLive) {
   const UniqueFd fd = udp_socket();
-  int ttl = 0;
-  socklen_t size = sizeof ttl;
-
   EXPECT_EQ(0u, ORP_UTIL_SocketSetTTL(fd.get(), 37));
-  EXPECT_EQ(0, ::getsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, &size));
-  EXPECT_EQ(37, ttl);
+  EXPECT_EQ(37, test::socket_option(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_SocketSetTTL(-1, 37));
   EXPECT_EQ(0xFFFFFFFFu, ORP_UTIL_SocketSetTTL(1000, 37)) << "not open";
   EXPECT_EQ(0u, ORP_UTIL_SocketSetMcastIf(-1, nullptr));

@@ -20,9 +20,6 @@ using msgapi::os::UniqueFd;
 using test::readable;
 using testing::ElementsAre;
 
-constexpr const char *kHeading =
-    "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt\n";
-
 std::string failed_lines(int count) {
   std::string text;
   while (count-- > 0) text += std::to_string(::getpid()) + " msgapi parse tcpfile failed!\n";
@@ -43,11 +40,11 @@ uint32_t in_use(uint32_t port) {
   return result;
 }
 
-TEST(TcpPortInUse, IsTrueFromListenToClose) {
+TEST(TcpPortInUse, IsTrueFromListenToCloseForIpv4) {
   const test::FdCheck descriptors;
-  const UniqueFd server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in place = test::loopback(4711);
-  ASSERT_EQ(0, ::bind(server.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place));
+  const UniqueFd ipv6(static_cast<int>(ORP_UTIL_SocketCreateServer("::1", 4711, 0)));
+  const UniqueFd server(static_cast<int>(ORP_UTIL_SocketCreateServer("127.0.0.1", 4711, 0)));
+  ASSERT_EQ(0, ::listen(ipv6.get(), 1));
   EXPECT_EQ(0u, in_use(4711)) << "bound only";
 
   ASSERT_EQ(0, ::listen(server.get(), 1));
@@ -58,18 +55,12 @@ TEST(TcpPortInUse, IsTrueFromListenToClose) {
   EXPECT_EQ(0u, in_use(4711));
 }
 
-TEST(TcpPortInUse, LooksAtIpv4Only) {
-  const UniqueFd server(static_cast<int>(ORP_UTIL_SocketCreateServer("::1", 4711, 0)));
-  ASSERT_EQ(0, ::listen(server.get(), 1));
-  EXPECT_EQ(0u, in_use(4711));
-}
-
 TEST(TcpPortTable, HasListeningLinesAmongOthers) {
   const auto line = [](const std::string &local, const char *state) {
     return "   0: " + local + " 0100007F:1F99 " + state + " 00000000:00000000 00:0 0\n";
   };
   const std::string listening = line("0100007F:1F90", "0A");
-  const std::string table = kHeading + line("0100007F:1F91", "01") + line("0100007F:1F92", "06");
+  const std::string table = "sl local\n" + line("0100007F:1F91", "01") + line("00:1F92", "06");
   const struct {
     const char *why;
     std::string table;
@@ -93,7 +84,7 @@ TEST(TcpPortTable, HasListeningLinesAmongOthers) {
   }
 }
 
-TEST(InterfaceCounters, MoveWithTheTraffic) {
+TEST(InterfaceCounters, MoveWithTheTrafficOfTheInterface) {
   const test::FdCheck descriptors;
   ORP_UTIL_IFC_STAT_ST before{}, after{};
 
@@ -103,16 +94,11 @@ TEST(InterfaceCounters, MoveWithTheTraffic) {
 
   EXPECT_GE(after.ulTxPackets - before.ulTxPackets, 10u);
   EXPECT_GE(after.ulTxBytes - before.ulTxBytes, 10u * 1028);
-}
-
-TEST(InterfaceCounters, AreUntouchedWithoutTheInterface) {
-  ORP_UTIL_IFC_STAT_ST counters;
-  std::memset(&counters, 0xA5, sizeof counters);
+  before = after;
   for (const char *name : {"nosuch0", "", "lo:"}) {
-    EXPECT_EQ(0u, ORP_UTIL_GetIfcStatInfoEx(name, &counters));
+    EXPECT_EQ(0u, ORP_UTIL_GetIfcStatInfoEx(name, &after));
   }
-  EXPECT_EQ(0xA5A5A5A5u, counters.ulRxBytes);
-  EXPECT_EQ(0xA5A5A5A5u, counters.ulTxDrops);
+  EXPECT_EQ(0, std::memcmp(&before, &after, sizeof after)) << "untouched";
 }
 
 std::optional<ORP_UTIL_IFC_STAT_ST> counters_in(const std::string &lines, const char *name) {

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,14 +9,6 @@
 namespace {
 
 using DateTime = ORP_UTIL_DATE_TIME_ST;
-
-// The console output of a call, and its result.
-template <typename Call>
-std::pair<uint32_t, std::string> printed(Call call) {
-  testing::internal::CaptureStdout();
-  const uint32_t result = call();
-  return {result, testing::internal::GetCapturedStdout()};
-}
 
 TEST(CheckTimeValid, SaysWhatIsWrong) {
   const struct {
@@ -42,10 +33,10 @@ TEST(CheckTimeValid, SaysWhatIsWrong) {
   };
   for (const auto &each : kCases) {
     const DateTime &at = each.at;
-    EXPECT_EQ(std::pair(each.result, std::string(each.text)), printed([&at] {
-                return ORP_UTIL_CheckTimeValid(at.ulYear, at.ulMonth, at.ulDay, at.ulHour,
-                                               at.ulMinute, at.ulSecond);
-              }));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(each.result, ORP_UTIL_CheckTimeValid(at.ulYear, at.ulMonth, at.ulDay, at.ulHour,
+                                                   at.ulMinute, at.ulSecond));
+    EXPECT_EQ(each.text, testing::internal::GetCapturedStdout());
   }
 }
 
@@ -132,8 +123,9 @@ TEST(TimeDifference, IsInSecondsWithinItsBounds) {
 
   uint32_t seconds = kUnwritten, order = 9;
   const char *const kSame = "0100-01-01T00:00:00";
-  EXPECT_EQ(std::pair(0u, std::string("\nThe two times are the same.")),
-            printed([&] { return ORP_UTIL_GetDifTime(kSame, kSame, &seconds, &order); }));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0u, ORP_UTIL_GetDifTime(kSame, kSame, &seconds, &order));
+  EXPECT_EQ("\nThe two times are the same.", testing::internal::GetCapturedStdout());
   EXPECT_EQ(0u, order);
   EXPECT_EQ(kUnwritten, seconds);
 }
@@ -157,16 +149,15 @@ TEST(TimeDifference, WritesNothingForWhatItCannotRead) {
 }
 
 TEST(DelayTime, WaitsForTheNextBoundary) {
-  const auto delay = [](uint32_t now, uint32_t period, uint32_t align) {
-    uint32_t result = 77;
-    ORP_UTIL_GetDelayTime(now, period, align, &result);
-    return result;
-  };
-  EXPECT_EQ(20u, delay(100, 30, 0));
-  EXPECT_EQ(10u, delay(100, 30, 1));
-  EXPECT_EQ(30u, delay(90, 30, 0));
-  EXPECT_EQ(30u, delay(90, 30, 1));
-  EXPECT_EQ(77u, delay(90, 0, 1));
+  const struct {
+    uint32_t now, period, align, delay;
+  } kCases[] = {
+      {100, 30, 0, 20}, {100, 30, 1, 10}, {90, 30, 0, 30}, {90, 30, 1, 30}, {9, 0, 1, 77}};
+  for (const auto &[now, period, align, expected] : kCases) {
+    uint32_t delay = 77;
+    ORP_UTIL_GetDelayTime(now, period, align, &delay);
+    EXPECT_EQ(expected, delay) << now << " of " << period;
+  }
 }
 
 }  // namespace
