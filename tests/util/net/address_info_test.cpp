@@ -9,7 +9,6 @@
 #include <array>
 #include <cstring>
 #include <fstream>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -45,10 +44,6 @@ std::vector<std::string> texts(const ORP_UTIL_ADDRINFO_ST *list) {
   return result;
 }
 
-bool same(const char *left, uint32_t left_port, const char *right, uint32_t right_port) {
-  return ORP_UTIL_IsAddrInfoSame(parse(left, left_port).get(), parse(right, right_port).get()) == 1;
-}
-
 TEST(ParseIpAddress, TakesNumericTextOnly) {
   EXPECT_THAT(texts(parse("192.0.2.7", 65535).get()), ElementsAre("192.0.2.7 65535"));
   EXPECT_THAT(texts(parse("2001:db8::7", 0).get()), ElementsAre("2001:db8::7 0"));
@@ -76,6 +71,8 @@ TEST(AddrInfo, IsMadeFromASocketAddress) {
   ASSERT_EQ(sizeof address, list->addrlen);
   EXPECT_EQ(0, std::memcmp(&address, list->addr, sizeof address));
   EXPECT_EQ(AF_INET, plain->family) << "the flags say it, not the address";
+  list->addrlen = 16;
+  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(list.get())) << "cut short";
 }
 
 TEST(AddrInfo, IsNotMadeFromNothingOrTooMuch) {
@@ -125,12 +122,14 @@ TEST(AddrInfo, LeavesNothingBehindWithoutMemory) {
 }
 
 TEST(AddrInfo, IsComparedWithoutPorts) {
-  EXPECT_TRUE(same("192.0.2.7", 80, "192.0.2.7", 81));
-  EXPECT_FALSE(same("192.0.2.7", 80, "192.0.2.8", 80));
-  EXPECT_TRUE(same("2001:db8::7", 80, "2001:db8::7", 81));
-  EXPECT_FALSE(same("2001:db8::7", 80, "2001:db8::8", 80));
-  EXPECT_FALSE(same("fe80::7%1", 80, "fe80::7%2", 80)) << "the scope counts";
-  EXPECT_FALSE(same("192.0.2.7", 80, "::ffff:192.0.2.7", 80)) << "lengths differ";
+  const auto same = [](const char *host, const char *other) {
+    return ORP_UTIL_IsAddrInfoSame(parse(host, 80).get(), parse(other, 81).get());
+  };
+  EXPECT_EQ(1u, same("192.0.2.7", "192.0.2.7"));
+  EXPECT_EQ(0u, same("192.0.2.7", "192.0.2.8"));
+  EXPECT_EQ(1u, same("2001:db8::7", "2001:db8::7"));
+  EXPECT_EQ(0u, same("fe80::7%1", "fe80::7%2")) << "the scope counts";
+  EXPECT_EQ(0u, same("192.0.2.7", "::ffff:192.0.2.7")) << "lengths differ";
 
   const AddressList left = parse("192.0.2.7"), right = parse("192.0.2.7");
   reinterpret_cast<sockaddr_in *>(right->addr)->sin_zero[0] = 1;
@@ -149,28 +148,17 @@ TEST(AddrInfo, IsLoopbackForTwoAddressesOnly) {
   EXPECT_EQ(1u, loopback("::1"));
   EXPECT_EQ(0u, loopback("127.0.0.2"));
   EXPECT_EQ(0u, loopback("::ffff:127.0.0.1"));
-
-  const AddressList cut = parse("::1");
-  cut->addrlen = 16;
-  EXPECT_EQ(0u, ORP_UTIL_IsAddrLoopback(cut.get()));
 }
 
-// Lets this test's resolver ask the relay example, which knows three names.
-class NameServer {
- public:
-  explicit NameServer(std::vector<std::string> options = {}) {
-    std::ofstream("/var/hosts") << "192.0.2.7 printer.lan\n2001:db8::7 printer.lan\n"
-                                   "2001:db8::8 camera.lan\n";
-    std::ofstream("/var/resolv.conf") << "nameserver 127.0.0.1\noptions attempts:1 timeout:5\n";
-    test::run("mount --bind /var/resolv.conf $(readlink -f /etc/resolv.conf)");
-    options.insert(options.end(), {"--hosts", "/var/hosts"});
-    relay_.emplace("dns_relay", options);
-    EXPECT_TRUE(relay_->wait_for("listening"));
-  }
-
- private:
-  std::optional<test::Process> relay_;
-};
+// The relay example, which knows two names, in the place of this test's name server.
+test::Process name_server(std::vector<std::string> options = {}) {
+  std::ofstream("/var/hosts") << "192.0.2.7 printer.lan\n2001:db8::7 printer.lan\n"
+                                 "2001:db8::8 camera.lan\n";
+  std::ofstream("/var/resolv.conf") << "nameserver 127.0.0.1\noptions attempts:1 timeout:5\n";
+  test::run("mount --bind /var/resolv.conf $(readlink -f /etc/resolv.conf)");
+  options.insert(options.end(), {"--hosts", "/var/hosts"});
+  return test::Process("dns_relay", options);
+}
 
 struct Resolved {
   uint32_t result;
@@ -191,7 +179,8 @@ void set_any_family(uint32_t value) {
 }
 
 TEST(GetIpAddresses, AsksForIpv4UnlessTheConfigurationSaysOtherwise) {
-  const NameServer server;
+  test::Process server = name_server();
+  ASSERT_TRUE(server.wait_for("listening"));
   EXPECT_THAT(resolve("printer.lan").addresses, ElementsAre("192.0.2.7 80")) << "no store";
 
   set_any_family(2);
@@ -218,7 +207,8 @@ TEST(GetIpAddresses, TriesOnceMoreWhenTheResolverSaysSo) {
   const msgapi::os::UniqueFd upstream(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const sockaddr_in place = test::loopback(5301);
   ASSERT_EQ(0, ::bind(upstream.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place));
-  const NameServer server({"--upstream", "127.0.0.1#5301", "--timeout", "10"});
+  test::Process server = name_server({"--upstream", "127.0.0.1#5301", "--timeout", "10"});
+  ASSERT_TRUE(server.wait_for("listening"));
 
   EXPECT_EQ(ORP_ERR_SYSTEM, resolve("nobody.lan").result);
 

