@@ -99,15 +99,6 @@ TEST(DnsWalk, TakesTheQuestionThatEndsAPacketWithoutItsTypeAndClass) {
             ORP_DNS_PacketGetQuestionLen(with_edns.get(), at(with_edns, 12)));
 }
 
-struct NameCase {
-  const char *why;
-  Bytes message;  // the name is what begins at `offset`
-  size_t offset;
-  uint32_t length;
-  const char *text;  // null: malformed
-  uint32_t consumed;
-};
-
 Bytes operator+(Bytes left, const Bytes &right) {
   left.insert(left.end(), right.begin(), right.end());
   return left;
@@ -126,7 +117,14 @@ Bytes pointer_chain(uint8_t count) {
 const std::string kFullText(63, 'x');
 const Bytes kFullLabel = Bytes{63} + Bytes(63, 'x');
 
-const NameCase kNames[] = {
+const struct {
+  const char *why;
+  Bytes message;  // the name is what begins at `offset`
+  size_t offset;
+  uint32_t length;
+  const char *text;  // null: malformed
+  uint32_t consumed;
+} kNames[] = {
     {"plain", {3, 'w', 'w', 'w', 2, 'd', 'e', 0, 9}, 0, 8, "www.de", 8},
     {"root", {0, 9}, 0, 1, "", 1},
     {"a name needs a byte behind it", {1, 'a', 0}, 0, 0, nullptr, 0},
@@ -152,7 +150,7 @@ const NameCase kNames[] = {
 };
 
 TEST(DnsName, IsMeasuredAndReadWithinItsBounds) {
-  for (const NameCase &expected : kNames) {
+  for (const auto &expected : kNames) {
     SCOPED_TRACE(expected.why);
     const PacketOwner packet = make_packet(expected.message);
     const uint8_t *place = at(packet, expected.offset);
@@ -268,12 +266,11 @@ TEST(DnsCopy, TakesAllOrTheBeginning) {
 }
 
 TEST(DnsCopy, RefusesWhatTheAllocatorRefuses) {
-  ORP_DNS_PACKET_ST huge = {0xFFFFFFFF};
-  EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(&huge, 0));
-
   testing::internal::CaptureStdout();
-  huge.ulLength = 0x800000;
-  EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(&huge, 0));
+  for (const uint32_t length : {0xFFFFFFFFu, 0x800000u}) {
+    ORP_DNS_PACKET_ST huge = {length};
+    EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(&huge, 0));
+  }
   EXPECT_EQ("error: not host tool, but malloc 4M, return NULL, malloc len=8388612\n",
             testing::internal::GetCapturedStdout());
 }

@@ -37,7 +37,6 @@ TEST(HardwareAddress, IsRefusedForWhatIsNoEthernetInterface) {
     char text[ORP_MAC_TEXT_SIZE] = "stale";
 
     EXPECT_EQ(1u, ORP_UTIL_GetBytesMacAddress(name, mac)) << name;
-    EXPECT_EQ(1u, ORP_UTIL_GetMacAddressByInterfaceName(name, mac, sizeof mac)) << name;
     ORP_UTIL_GetWanMacAddr(name, text, sizeof text);
 
     EXPECT_THAT(mac, ElementsAre(1, 2, 3, 4, 5, 6)) << name;

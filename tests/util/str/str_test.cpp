@@ -81,11 +81,10 @@ TEST(CopyFile, CopiesWithoutLettingAShellSeeHostileNames) {
     ORP_UTIL_CopyFile("/var/source", hostile);
     ORP_UTIL_CopyFile(hostile, "/var/hostile");
   }
-  ORP_UTIL_CopyFile(nullptr, "/var/null");
   ORP_UTIL_CopyFile("/var/source", nullptr);
 
   EXPECT_EQ("content", test::contents("/var/target"));
-  for (const char *path : {"/var/owned", "/var/x", "/var/a", "/var/hostile", "/var/null"}) {
+  for (const char *path : {"/var/owned", "/var/x", "/var/a", "/var/hostile"}) {
     EXPECT_FALSE(std::filesystem::exists(path)) << path;
   }
 }
