@@ -1,7 +1,6 @@
 #include <arpa/nameser.h>
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 
 #include "msgapi/dns.h"
@@ -220,11 +219,7 @@ TEST(DnsRecord, CutShortAnywhereIsMalformed) {
 }
 
 TEST(DnsRecord, CountsItsDataLengthIn16Bits) {
-  Bytes message = kRecord + Bytes(8, 0);
-  message[11] = 0xFF;
-  message[12] = 0xFE;
-  const PacketOwner packet = make_packet(message);
-
+  const PacketOwner packet = make_packet(Bytes{1, 'a', 0, 0, 1, 0, 2, 0, 0, 1, 0, 0xFF, 0xFE, 9});
   EXPECT_EQ(11u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0)));
 }
 

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "msgapi/dns.h"
@@ -11,14 +10,12 @@ constexpr uint32_t kBad = ORP_DNS_ERR_ARGUMENT;
 
 const std::string kNibbles = "1.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.B.D.0.1.0.0.2";
 
-struct Case {
+const struct {
   std::string name;
   uint32_t status;
   const char *address;
   uint32_t is_ipv4;
-};
-
-const Case kCases[] = {
+} kCases[] = {
     {"4.3.2.1.in-addr.arpa", ORP_DNS_OK, "1.2.3.4", 1},
     {"255.254.253.252.in-addr.arpa.and more", ORP_DNS_OK, "252.253.254.255", 1},
     {kNibbles + ".ip6.arpa", ORP_DNS_OK, "2001:0DB8:0000:0000:0000:0000:0000:0001", 0},
@@ -37,7 +34,7 @@ const Case kCases[] = {
 };
 
 TEST(DnsReverseName, BecomesItsAddress) {
-  for (const Case &expected : kCases) {
+  for (const auto &expected : kCases) {
     SCOPED_TRACE(expected.name);
     char address[80] = "";
     uint32_t is_ipv4 = 9;
@@ -53,21 +50,15 @@ TEST(DnsReverseName, BecomesItsAddress) {
 
 // The byte behind the text is the caller's; the NUL stands one further on.
 TEST(DnsReverseName, WritesTheNulOnePastTheText) {
-  const std::unique_ptr<char[]> address(new char[9]{});
-  address[8] = 'x';
-
-  EXPECT_EQ(ORP_DNS_OK,
-            ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.get(), 9, nullptr));
-  EXPECT_STREQ("1.2.3.4", address.get());
-  EXPECT_EQ('\0', address[8]);
-
-  address[7] = 'x';
-  EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.get(), 9, nullptr));
-  EXPECT_EQ('x', address[7]);
-  for (const uint32_t too_small : {0u, 1u, 8u}) {
-    EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.get(), too_small,
-                                               nullptr));
+  for (const uint32_t size : {9u, 8u, 1u, 0u}) {
+    std::string address(9, 'x');
+    address[7] = '\0';
+    EXPECT_EQ(size == 9 ? ORP_DNS_OK : kBad,
+              ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.data(), size, nullptr));
+    EXPECT_EQ(size == 9 ? std::string("1.2.3.4\0", 9) : std::string("xxxxxxx\0x", 9), address);
   }
+  std::string address(9, 'x');
+  EXPECT_EQ(kBad, ORP_DNS_PacketPTRName2Addr("4.3.2.1.in-addr.arpa", address.data(), 9, nullptr));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "util/net/address_info.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netdb.h>
 #include <netinet/in.h>

@@ -1,6 +1,5 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 

@@ -1,6 +1,5 @@
 #include "util/net/proc_net.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -62,12 +61,8 @@ TEST(ValidatePath, JudgesTheResolvedPathOfAnExistingFile) {
   EXPECT_FALSE(allowed("/mnt/missing", 0));
   EXPECT_TRUE(allowed("/var/way-in/file", 0));
   EXPECT_TRUE(allowed("/mnt/inside/../inside//./file", 0));
-}
 
-TEST(ValidatePath, RefusesOverlongPaths) {
-  make_file("/mnt/f");
-  const std::string longest = "/mnt/" + std::string(4095 - 6, '/') + "f";
-
+  const std::string longest = "/mnt/inside/" + std::string(4095 - 16, '/') + "file";
   EXPECT_TRUE(allowed(longest, 0));
   EXPECT_FALSE(allowed("/" + longest, 0));
 }

@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <string>
 
 #include "msgapi/str.h"
 #include "support/file.h"
