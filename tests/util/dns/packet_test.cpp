@@ -93,9 +93,6 @@ TEST(DnsWalk, TakesTheQuestionThatEndsAPacketWithoutItsTypeAndClass) {
   EXPECT_EQ(query->ulLength - 12, question.consumed);
   EXPECT_EQ(name_size, ORP_DNS_PacketGetQuestionLen(query.get(), at(query, 12)));
   EXPECT_EQ(at(query, 12 + name_size), ORP_DNS_PacketGetFirstRR(query.get()));
-  const PacketOwner with_edns = make_packet(captures::kTextQuery);
-  EXPECT_EQ(ORP_DNS_PacketGetNameLen(with_edns.get(), at(with_edns, 12)) + 4,
-            ORP_DNS_PacketGetQuestionLen(with_edns.get(), at(with_edns, 12)));
 }
 
 Bytes operator+(Bytes left, const Bytes &right) {
@@ -249,18 +246,15 @@ TEST(DnsWalk, EndsOnPacketsWithoutAWholeHeaderOrQuestion) {
   EXPECT_EQ(nullptr, ORP_DNS_PacketGetFirstRR(make_packet(header).get()));
 }
 
-TEST(DnsCopy, TakesAllOrTheBeginning) {
+TEST(DnsCopy, TakesAllOrTheBeginningUnlessTheAllocatorRefuses) {
   const PacketOwner packet = make_packet(captures::kPoolReply);
-  const auto copy = [&](uint32_t size) {
-    return message_of(own(ORP_DNS_PacketCopy(packet.get(), size)));
-  };
+  for (const uint32_t size : {0u, 12u, 100000u}) {
+    const PacketOwner copy = own(ORP_DNS_PacketCopy(packet.get(), size));
+    ASSERT_TRUE(copy);
+    EXPECT_EQ(Bytes(at(packet, 0), at(packet, size == 12 ? 12 : packet->ulLength)),
+              message_of(copy));
+  }
 
-  EXPECT_EQ(message_of(packet), copy(0));
-  EXPECT_EQ(message_of(packet), copy(100000));
-  EXPECT_EQ(Bytes(at(packet, 0), at(packet, 12)), copy(12));
-}
-
-TEST(DnsCopy, RefusesWhatTheAllocatorRefuses) {
   testing::internal::CaptureStdout();
   for (const uint32_t length : {0xFFFFFFFFu, 0x800000u}) {
     ORP_DNS_PACKET_ST huge = {length};

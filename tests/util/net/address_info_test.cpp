@@ -47,7 +47,6 @@ TEST(ParseIpAddress, TakesNumericTextOnly) {
   EXPECT_THAT(texts(parse("192.0.2.7", 65535).get()), ElementsAre("192.0.2.7 65535"));
   EXPECT_THAT(texts(parse("2001:db8::7", 0).get()), ElementsAre("2001:db8::7 0"));
   EXPECT_THAT(texts(parse(nullptr).get()), UnorderedElementsAre("0.0.0.0 80", ":: 80"));
-  EXPECT_EQ(SOCK_STREAM, parse("192.0.2.7")->socktype);
   EXPECT_EQ(SOCK_DGRAM, parse("192.0.2.7", 80, ORP_SOCKET_DATAGRAM)->socktype);
 
   for (const char *host : {"localhost", "192.0.2.256", ""}) EXPECT_FALSE(parse(host)) << host;
@@ -209,7 +208,7 @@ TEST(GetIpAddresses, TriesOnceMoreWhenTheResolverSaysSo) {
   test::Process server = name_server({"--upstream", "127.0.0.1#5301", "--timeout", "10"});
   ASSERT_TRUE(server.wait_for("listening"));
 
-  EXPECT_EQ(ORP_ERR_SYSTEM, resolve("nobody.lan").result);
+  EXPECT_EQ(ORP_ERR_SYSTEM, resolve("nobody.lan.").result);
 
   int queries = 0;
   for (char byte; ::recv(upstream.get(), &byte, 1, MSG_DONTWAIT) > 0;) ++queries;

