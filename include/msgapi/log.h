@@ -124,8 +124,8 @@ MSGAPI_EXPORT int32_t MlogSocketOpen(const char *name, int32_t *fdOut);
 /*
  * Closes `fd` when it is not negative and removes the socket file "/var/mlog/<name>".
  *
- * Returns 0, or MLOG_ERR_SOCKET when `name` is null, cannot name a client or does not fit; the
- * descriptor is closed all the same.
+ * Returns 0, also when there is no such file, or MLOG_ERR_SOCKET when `name` is null or longer than
+ * 117 characters; the descriptor is closed all the same.
  */
 MSGAPI_EXPORT int32_t MlogSocketClose(int32_t fd, const char *name);
 
@@ -153,10 +153,9 @@ MSGAPI_EXPORT int32_t MlogRecvMsg(int32_t fd, MlogMsg *msg, uint32_t timeoutSec,
                                   uint32_t peerNameSize);
 
 /*
- * MlogSendMsg() and then MlogRecvMsg(); the two messages may be one block. What the send had to
- * wait for a full queue counts towards the time-out.
+ * MlogSendMsg() and then MlogRecvMsg(); the two messages may be one block.
  *
- * Returns 0, or MLOG_ERR_SOCKET as those two do.
+ * Returns 0, or MLOG_ERR_SOCKET as those two do; for a capacity above 1016 before anything is sent.
  */
 MSGAPI_EXPORT int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMsg *recvMsg,
                                       uint32_t timeoutSec, const char *serverName);

@@ -23,7 +23,6 @@ namespace msgapi::log {
 namespace {
 
 constexpr size_t kTextSize = 256;
-constexpr uint32_t kReplyWait_s = 2;
 constexpr char kShareTag[] = "[SHARE]";
 
 struct LevelName {
@@ -170,7 +169,7 @@ int32_t get_statistics(const char *module, std::span<char> out) {
 
     if (!copy_exact(fields.module, module)) return MLOG_ERR;
     std::memcpy(message.payload, &fields, sizeof fields);
-    if (exchange_messages(socket.fd(), &message, &message, kReplyWait_s, MLOG_SERVER_NAME) != 0) {
+    if (exchange_in_time(socket.fd(), &message) != 0) {
       std::printf("[MLOG][ERROR][%d]: mlog send and receive message error\n", __LINE__);
       return MLOG_ERR;
     }
@@ -188,8 +187,7 @@ int32_t flush() {
   if (!socket) return MLOG_ERR_SOCKET;
 
   MlogMsg message{.type = MLOG_TYPE_FLUSH, .length = 0, .payload = {}};
-  const int32_t result =
-      exchange_messages(socket.fd(), &message, &message, kReplyWait_s, MLOG_SERVER_NAME);
+  const int32_t result = exchange_in_time(socket.fd(), &message);
   if (result != 0) {
     std::printf("[MLOG][ERROR][%d]: mlog send and receive message failed, ret: %d\n", __LINE__,
                 result);

@@ -88,11 +88,13 @@ void read_header(MlogFile *file, uint32_t max_size) {
     return;
   }
 
-  // The second overturn count replaces the first.
+  long first_overturn = 0;
   const int numbers =
       std::sscanf(header, "[overturn=%3ld][offset=%10ld][uploadoffset=%3ld^%10ld]\n",
-                  &file->overturn, &file->offset, &file->overturn, &file->uploadOffset);
-  if (numbers < 4 || file->overturn < 0 || file->uploadOffset < 0 ||
+                  &first_overturn, &file->offset, &file->overturn, &file->uploadOffset);
+  // The second overturn count replaces the first, if it is there.
+  if (numbers < 3) file->overturn = first_overturn;
+  if (numbers < 4 || first_overturn < 0 || file->overturn < 0 || file->uploadOffset < 0 ||
       file->offset < long{kHeaderSize} || int64_t{file->offset} > int64_t{max_size}) {
     std::printf("[MLOG][ERROR][%d]: parse file header failed\n", __LINE__);
     file->uploadOffset = 0;

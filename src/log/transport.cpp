@@ -28,7 +28,7 @@
 namespace msgapi::log {
 namespace {
 
-constexpr int64_t kMaxSendWait_ms = 2000;
+constexpr int64_t kMaxWait_ms = 2000;
 constexpr uint32_t kMaxReceiveWait_s = 30;
 constexpr int kNetlinkProtocol = 28;
 constexpr uint16_t kNetlinkType = 3;
@@ -70,9 +70,9 @@ os::UniqueFd open_client(const char *name) {
   }
 
   os::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address;
-  if (!fd || !format_exact((address = {}).sun_path, "%s%s", MLOG_IPC_PATH, name)) return {};
+  sockaddr_un address{};
   address.sun_family = AF_UNIX;
+  if (!fd || !format_exact(address.sun_path, "%s%s", MLOG_IPC_PATH, name)) return {};
 
   ::unlink(address.sun_path);
   if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
@@ -86,7 +86,7 @@ os::UniqueFd open_client(const char *name) {
 
 bool remove_client_file(const char *name) {
   char path[128];
-  if (!may_name_client(name) || !format_exact(path, "%s%s", MLOG_IPC_PATH, name)) return false;
+  if (!format_exact(path, "%s%s", MLOG_IPC_PATH, name)) return false;
   ::unlink(path);
   return true;
 }
@@ -221,7 +221,7 @@ int32_t send_message(int fd, const MlogMsg *message, const char *server) {
 
     const int64_t now = now_ms();
     if (deadline_ms == 0) {
-      deadline_ms = now + kMaxSendWait_ms;
+      deadline_ms = now + kMaxWait_ms;
     } else if (errno == EAGAIN && now < deadline_ms) {
       // The descriptor is non-blocking, so the limit below does not apply to it.
       ::poll(nullptr, 0, 5);
@@ -232,14 +232,12 @@ int32_t send_message(int fd, const MlogMsg *message, const char *server) {
   }
 }
 
-int32_t exchange_messages(int fd, const MlogMsg *request, MlogMsg *reply, uint32_t timeout_s,
-                          const char *server) {
-  const int64_t start_ms = now_ms();
-  if (const int32_t failure = send_message(fd, request, server); failure != 0) return failure;
-
-  int64_t wait_ms = receive_wait_ms(timeout_s);
-  if (wait_ms != 0) wait_ms = std::max<int64_t>(wait_ms - (now_ms() - start_ms), 1);
-  return receive_message(fd, reply, wait_ms, {});
+int32_t exchange_in_time(int fd, MlogMsg *message) {
+  const int64_t end_ms = now_ms() + kMaxWait_ms;
+  if (const int32_t failure = send_message(fd, message, MLOG_SERVER_NAME); failure != 0) {
+    return failure;
+  }
+  return receive_message(fd, message, std::max<int64_t>(end_ms - now_ms(), 1), {});
 }
 
 }  // namespace msgapi::log
@@ -279,7 +277,8 @@ extern "C" int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMsg *
       recvMsg->length > MLOG_MAX_PAYLOAD) {
     return MLOG_ERR_SOCKET;
   }
-  return log::exchange_messages(fd, sendMsg, recvMsg, timeoutSec, serverName);
+  if (log::send_message(fd, sendMsg, serverName) != 0) return MLOG_ERR_SOCKET;
+  return log::receive_message(fd, recvMsg, log::receive_wait_ms(timeoutSec), {});
 }
 
 extern "C" int32_t MlogNetlinkOpen(int32_t *fdOut) {

@@ -25,9 +25,10 @@ class ClientSocket {
   os::UniqueFd fd_;
 };
 
-// Both give 0 or MLOG_ERR_SOCKET and do what MlogSendMsg() and MlogSendRecvMsg() promise.
+// Both give 0 or MLOG_ERR_SOCKET. What MlogSendMsg() promises:
 int32_t send_message(int fd, const MlogMsg *message, const char *server);
-int32_t exchange_messages(int fd, const MlogMsg *request, MlogMsg *reply, uint32_t timeout_s,
-                          const char *server);
+// Sends a request to the log server and receives the reply into the same block, within 2 seconds in
+// all.
+int32_t exchange_in_time(int fd, MlogMsg *message);
 
 }  // namespace msgapi::log

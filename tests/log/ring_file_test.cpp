@@ -145,7 +145,7 @@ TEST(RingFile, ReplacesWhatItCannotGoOnWith) {
       {"[overturn=002][offset=0000000201][uploadoffset=002^0000001023]\n", "beyond the limit"},
       {"[overturn=002][offset=9999999999][uploadoffset=002^0000001023]\n", "beyond 32 bits"},
       {"[overturn=002][offset=-000000070][uploadoffset=002^0000001023]\n", "negative"},
-      {"[overturn=-02][offset=0000000070][uploadoffset=-02^0000001023]\n", "negative"},
+      {"[overturn=-02][offset=0000000070][uploadoffset=002^0000001023]\n", "negative"},
       {"[overturn=002][offset=0000000070][uploadoffset=-02^0000001023]\n", "negative"},
       {"[overturn=002][offset=0000000070][uploadoffset=002]0000001023]\n", "three numbers"},
       {"[overturn=xxx][offset=0000000070][uploadoffset=002^0000001023]\n", "no number"},
