@@ -120,10 +120,15 @@ bool RingStore::open(const std::string &module, Ring *ring) {
 }
 
 bool RingStore::write(Ring *ring, std::span<char> line) {
-  MlogTarget target{ring->max_size, ring->file.get()};
+  MlogFile &file = *ring->file;
+  MlogTarget target{ring->max_size, &file};
+  // The header has three digits for the count of overturns: behind 999 it goes on with 1.
+  if (file.overturn >= 999 && file.offset + static_cast<long>(line.size()) > long{ring->max_size}) {
+    file.overturn = 0;
+  }
   errno = 0;
   if (MlogFileWrite(&target, line.data(), static_cast<uint32_t>(line.size())) != 0 ||
-      std::ferror(ring->file->stream) != 0) {
+      std::ferror(file.stream) != 0) {
     report_failure(ring);
     // Opened anew, the file goes on behind what its header holds.
     ring->file.reset();

@@ -167,6 +167,10 @@ TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
       "[lan]\n"
       "level = ERRO\n"
       "max_size = 4096\n");
+  // A file whose next line begins the turn behind the 999th.
+  std::filesystem::create_directory("/var/a");
+  std::ofstream("/var/a/lan.log")
+      << "[overturn=999][offset=0000004096][uploadoffset=999^0000001023]\n";
   test::Process server("mlogserver", {"--config", "/var/mlogserver.conf"});
   ASSERT_TRUE(server.wait_for("ready"));
 
@@ -184,7 +188,7 @@ TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
   for (int line = 0; line < 100; ++line) MlogPrint("lan", 2, "%080d", line);
   ASSERT_EQ(0, MlogFlushLog());
   EXPECT_EQ(std::filesystem::file_size("/var/a/lan.log") / 100, 40u);
-  EXPECT_THAT(content_of("/var/a/lan.log"), HasSubstr("[overturn=002]"));
+  EXPECT_THAT(content_of("/var/a/lan.log"), HasSubstr("[overturn=003]"));
 }
 
 TEST(LogServerConfig, IsReadAnewOnRequest) {

@@ -210,7 +210,7 @@ std::vector<Entry> entries_since(const RingHeader &before, int64_t last_uptime_m
   };
   if (now->overturn == before.overturn && now->offset >= before.offset) {
     append_entries(part(before.offset, now->offset), &entries);
-  } else if (now->overturn == before.overturn + 1 && now->offset <= before.offset) {
+  } else if (now->overturn == before.overturn % 999 + 1 && now->offset <= before.offset) {
     // The end of the turn before; behind it may stand what is older still.
     std::vector<Entry> tail;
     append_entries(part(before.offset, MLOG_FILE_MAX_SIZE), &tail);
