@@ -153,8 +153,10 @@ void receive_ready(ORP_UTIL_SOCKBASE_ST *sock_base, uint32_t /*event*/) {
     ORP_UTIL_SocketBaseListen(sock_base, ORP_UTIL_SOCKBASE_NONE);
     return;
   }
-  // A synchronous request of another callback in this pass may have read what was there; waiting
-  // for more would hold the loop.
+  // A synchronous request of another callback in this pass may have put messages aside; they come
+  // first, in the next iteration. It may also have read what was there, and waiting for more would
+  // hold the loop.
+  if (g_client.put_aside != nullptr) return;
   if (fd == sock_base->io.fd && os::wait_readable(fd, 0) == os::Readiness::kTimeout) return;
 
   const Receipt receipt = receive_message(fd, kReceiveWait_ms);
