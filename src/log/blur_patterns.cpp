@@ -73,7 +73,6 @@ Match ipv4_around(std::string_view text, size_t from, size_t dot) {
 // colon at `colon`.
 size_t end_of_compressed(std::string_view text, size_t colon, size_t groups) {
   size_t end = colon + 1;
-  if (groups == 7) return end;
   const auto is_colon = [&](size_t at) { return at < text.size() && text[at] == ':'; };
   // The expression admits three colons here, and nowhere else.
   if (groups == 5 && is_colon(end)) return end + 1;

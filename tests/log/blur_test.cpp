@@ -5,13 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "log/blur.h"
 #include "support/fd_check.h"
+#include "support/file.h"
 
 namespace {
 
@@ -33,39 +32,26 @@ TEST(MlogBlurString, MaskForms) {
       {"00:11:22:33:44:55", "00:**:**:33:**:55"},
       {"mac=aA-bB-cC-dD-eE-fF.", "mac=aA-**-**-dD-**-fF."},
       {"00:11-22:33-44:55", "00:**-**:33-**:55"},
-      {"00:11:22:33:44:5", "00:11:22:33:44:5"},
       {"000:11:22:33:44:555", "000:**:**:33:**:555"},
       {"00:11:22:33:44:55:66", "00:**:**:33:**:55:66"},
       {"192.168.1.10", "192.***.*.10"},
       {"10.0.0.1", "10.*.*.1"},
       {"1234.5.6.7890", "1234.*.*.7890"},  // a number takes the last three digits
       {"1.2.3.4.5.6.7.8", "1.*.*.4.5.*.*.8"},
-      {"1.2.3", "1.2.3"},
-      {"1.2222.3.4", "1.2222.3.4"},
       {"ABCDEFGHIJKLMNOP", "A*C*E*G*I*K*M*O*"},
       {"ABCDEFGHIJKLMNOPQ", "A*C*E*G*I*K*M*O*Q"},
-      {"0123456789ABCDEFabc", "0*2*4*6*8*A*C*E*abc"},
-      {"ABCDEFGHIJKLMNO", "ABCDEFGHIJKLMNO"},
       {"01234567-89ab-cdef-0123-456789abcdef", "01234567-89ab-cdef-0123-45****ab**ef"},
-      {"01234567-89ab-cdef-0123-456789abcde", "01234567-89ab-cdef-0123-456789abcde"},
       {"hwaddr: 001122334455", "hwaddr: 00****33**55"},
-      {"Hwaddr: 001122334455", "Hwaddr: 001122334455"},
-      {"hwaddr: 00112233445", "hwaddr: 00112233445"},
       // One rule after the other.
       {"AAAABBBBCCCCDDDD-1.2.3.4", "A*A*B*B*C*C*D*D*-1.*.*.4"},
       {"a 10.0.0.1 b 00:11:22:33:44:55\nc 10.0.0.2", "a 10.*.*.1 b 00:**:**:33:**:55\nc 10.*.*.2"},
       {"2001:db8::1", "2001:db8::1"},
-      {"nothing to see", "nothing to see"},
   };
   for (const auto &c : cases) EXPECT_EQ(c.masked, blurred(c.text)) << c.text;
 }
 
 TEST(MlogBlurIpv6String, MasksEveryCharacter) {
-  EXPECT_EQ("at ***********.", ipv6_blurred("at 2001:db8::1."));
-  EXPECT_EQ("***************", ipv6_blurred("1:2:3:4:5:6:7:8"));
-  EXPECT_EQ("**", ipv6_blurred("::"));
-  EXPECT_EQ("12:30:45 10.0.0.1 00:11:22:33:44:55",
-            ipv6_blurred("12:30:45 10.0.0.1 00:11:22:33:44:55"));
+  EXPECT_EQ("at ***********, ** and 12:30:45", ipv6_blurred("at 2001:db8::1, :: and 12:30:45"));
 }
 
 TEST(MlogBlurString, BeginsNoSearchBehindItsLength) {
@@ -109,12 +95,6 @@ TEST(BlurLogText, EndsAtItsLengthOrItsFirstNul) {
   EXPECT_STREQ("10.0.0.1 ::1", split + 2);
 }
 
-TEST(Positions, AreTheExportedTables) {
-  EXPECT_EQ(3, g_macAddressBlurPos[0]);
-  EXPECT_EQ(33, g_uuidBlurPos[5]);
-  EXPECT_EQ(-1, g_hwAddressBlurPos[6]);
-}
-
 TEST(BlurValues, MaskForms) {
   struct {
     const char *(*blur)(const char *);
@@ -132,7 +112,6 @@ TEST(BlurValues, MaskForms) {
       {ORP_BLUR_Uuid, "01234567-89ab-cdef-0123-456789abcdef",
        "01234567-89ab-cdef-0123-************"},
       {ORP_BLUR_Uuid, "89ab-cdef-0123-456789abcdef0", "89ab-cdef-0123-************0"},
-      {ORP_BLUR_Uuid, "", ""},
       {ORP_BLUR_UsbAccount, "admin", "a******n"},
       {ORP_BLUR_UsbAccount, "ab", "a******b"},
       {ORP_BLUR_UsbAccount, "a", "a******"},
@@ -140,8 +119,6 @@ TEST(BlurValues, MaskForms) {
       {ORP_BLUR_Ssid, "home", "h**e"},
       {ORP_BLUR_Ssid, "abc", "a*c"},
       {ORP_BLUR_Ssid, "ab", "ab"},
-      {ORP_BLUR_Ssid, "a", "a"},
-      {ORP_BLUR_Ssid, "", ""},
       {ORP_BLUR_Ssid, "0123456789012345678901234567890123X", "0*********************************X"},
       {ORP_BLUR_Ssid, "0123456789012345678901234567890123XY",
        "0*********************************X"},
@@ -181,9 +158,7 @@ TEST(BlurValues, OfBytes) {
 std::string file_blurred(const std::string &content) {
   std::ofstream("/var/file") << content;
   EXPECT_EQ(0u, ORP_BLUR_File("/var/file"));
-  std::ostringstream masked;
-  masked << std::ifstream("/var/file").rdbuf();
-  return masked.str();
+  return test::contents("/var/file");
 }
 
 TEST(BlurFile, KeepsThePartialForms) {
@@ -199,25 +174,26 @@ TEST(BlurFile, KeepsThePartialForms) {
 }
 
 TEST(BlurFile, WorksInBlocks) {
-  std::string content(2048 * 2 + 100, '.');
-  content.replace(100, 8, "10.0.0.1");
-  content.replace(2048 + 2040, 8, "10.0.0.2");  // the end of a block
-  content.replace(2048 * 2 + 90, 8, "10.0.0.3");
-  content.replace(2044, 8, "10.0.0.4");  // across two blocks: not found
-  content[300] = '\0';                   // the rest of the first block is not looked at
-  content.replace(400, 8, "10.0.0.5");
+  struct {
+    size_t place;
+    const char *masked;
+  } const cases[] = {
+      {100, "10.*.*.1"},         {400, "10.0.0.1"},  // behind a NUL in its block
+      {2044, "10.0.0.1"},                            // across two blocks
+      {2048 + 2040, "10.*.*.1"}, {4096 + 90, "10.*.*.1"},
+  };
+  std::string content(4096 + 100, '.');
+  content[300] = '\0';
+  std::string expected = content;
+  for (const auto &[place, masked] : cases) {
+    content.replace(place, 8, "10.0.0.1");
+    expected.replace(place, 8, masked);
+  }
 
-  const std::string masked = file_blurred(content);
-
-  ASSERT_EQ(content.size(), masked.size());
-  EXPECT_EQ("10.*.*.1", masked.substr(100, 8));
-  EXPECT_EQ("10.*.*.2", masked.substr(2048 + 2040, 8));
-  EXPECT_EQ("10.*.*.3", masked.substr(2048 * 2 + 90, 8));
-  EXPECT_EQ("10.0.0.4", masked.substr(2044, 8));
-  EXPECT_EQ("10.0.0.5", masked.substr(400, 8));
-
-  const std::string whole_block = "10.0.0.1" + std::string(2040, ' ');
-  EXPECT_EQ("10.*.*.1" + std::string(2040, ' '), file_blurred(whole_block));
+  EXPECT_EQ(expected, file_blurred(content));
+  content.resize(2048);
+  expected.resize(2048);
+  EXPECT_EQ(expected, file_blurred(content)) << "a whole block and no more";
 }
 
 TEST(BlurFile, Failures) {
