@@ -8,50 +8,43 @@
 #include <fstream>
 #include <string>
 
-#include "log/blur.h"
 #include "support/fd_check.h"
 #include "support/file.h"
 
 namespace {
 
-std::string blurred(std::string text) {
-  EXPECT_EQ(0, MlogBlurString(text.data(), static_cast<uint32_t>(text.size())));
-  return text;
-}
-
-std::string ipv6_blurred(std::string text) {
-  EXPECT_EQ(0, MlogBlurIpv6String(text.data(), static_cast<uint32_t>(text.size())));
-  return text;
-}
-
 TEST(MlogBlurString, MaskForms) {
   struct {
+    int32_t (*blur)(char *, uint32_t);
     const char *text;
     const char *masked;
   } const cases[] = {
-      {"00:11:22:33:44:55", "00:**:**:33:**:55"},
-      {"mac=aA-bB-cC-dD-eE-fF.", "mac=aA-**-**-dD-**-fF."},
-      {"00:11-22:33-44:55", "00:**-**:33-**:55"},
-      {"000:11:22:33:44:555", "000:**:**:33:**:555"},
-      {"00:11:22:33:44:55:66", "00:**:**:33:**:55:66"},
-      {"192.168.1.10", "192.***.*.10"},
-      {"10.0.0.1", "10.*.*.1"},
-      {"1234.5.6.7890", "1234.*.*.7890"},  // a number takes the last three digits
-      {"1.2.3.4.5.6.7.8", "1.*.*.4.5.*.*.8"},
-      {"ABCDEFGHIJKLMNOP", "A*C*E*G*I*K*M*O*"},
-      {"ABCDEFGHIJKLMNOPQ", "A*C*E*G*I*K*M*O*Q"},
-      {"01234567-89ab-cdef-0123-456789abcdef", "01234567-89ab-cdef-0123-45****ab**ef"},
-      {"hwaddr: 001122334455", "hwaddr: 00****33**55"},
-      // One rule after the other.
-      {"AAAABBBBCCCCDDDD-1.2.3.4", "A*A*B*B*C*C*D*D*-1.*.*.4"},
-      {"a 10.0.0.1 b 00:11:22:33:44:55\nc 10.0.0.2", "a 10.*.*.1 b 00:**:**:33:**:55\nc 10.*.*.2"},
-      {"2001:db8::1", "2001:db8::1"},
+      {MlogBlurString, "00:11:22:33:44:55", "00:**:**:33:**:55"},
+      {MlogBlurString, "mac=aA-bB-cC:dD-eE-fF.", "mac=aA-**-**:dD-**-fF."},
+      {MlogBlurString, "000:11:22:33:44:55:66", "000:**:**:33:**:55:66"},
+      {MlogBlurString, "192.168.1.10", "192.***.*.10"},
+      {MlogBlurString, "1234.5.6.7890", "1234.*.*.7890"},  // a number takes the last three digits
+      {MlogBlurString, "1.2.3.4.5.6.7.8", "1.*.*.4.5.*.*.8"},
+      {MlogBlurString, "ABCDEFGHIJKLMNOPQ", "A*C*E*G*I*K*M*O*Q"},
+      {MlogBlurString, "01234567-89ab-cdef-0123-456789abcdef",
+       "01234567-89ab-cdef-0123-45****ab**ef"},
+      {MlogBlurString, "hwaddr: 001122334455", "hwaddr: 00****33**55"},
+      {MlogBlurString, "AAAABBBBCCCCDDDD-1.2.3.4 ::", "A*A*B*B*C*C*D*D*-1.*.*.4 ::"},
+      {MlogBlurString, "a 10.0.0.1 b 00:11:22:33:44:55\nc 10.0.0.2",
+       "a 10.*.*.1 b 00:**:**:33:**:55\nc 10.*.*.2"},
+      {MlogBlurIpv6String, "at 2001:db8::1, ::: and 12:30:45", "at ***********, **: and 12:30:45"},
+      {MlogBlurIpv6String, "12345::67890", "1**********0"},      // a group has four digits
+      {MlogBlurIpv6String, "1:2:3:4:5:6:7:", "************7:"},  // six groups need no more
+      {MlogBlurIpv6String, "1:2:3:4:5:6:7:8:9", "***************:9"},
+      {MlogBlurIpv6String, "1:2:3:4:5:::8", "************8"},  // three colons, after five only
+      {MlogBlurIpv6String, "1:2:3:4:::8", "*********:8"},
+      {MlogBlurIpv6String, "00:11:22:33:44:55", "00:11:22:33:44:55"},
   };
-  for (const auto &c : cases) EXPECT_EQ(c.masked, blurred(c.text)) << c.text;
-}
-
-TEST(MlogBlurIpv6String, MasksEveryCharacter) {
-  EXPECT_EQ("at ***********, ** and 12:30:45", ipv6_blurred("at 2001:db8::1, :: and 12:30:45"));
+  for (const auto &[blur, text, masked] : cases) {
+    std::string blurred(text);
+    EXPECT_EQ(0, blur(blurred.data(), static_cast<uint32_t>(blurred.size())));
+    EXPECT_EQ(masked, blurred);
+  }
 }
 
 TEST(MlogBlurString, BeginsNoSearchBehindItsLength) {
@@ -67,34 +60,6 @@ TEST(MlogBlurString, BeginsNoSearchBehindItsLength) {
   EXPECT_EQ(-1, MlogBlurIpv6String(nullptr, 1));
 }
 
-TEST(MlogBlurString, FindsValuesAnywhereInALongText) {
-  // Every place within the blocks in which the text is read.
-  for (size_t before = 0; before < 140; ++before) {
-    const std::string pad(before, ' ');
-    EXPECT_EQ(pad + "00:**:**:33:**:55 1.*.*.4", blurred(pad + "00:11:22:33:44:55 1.2.3.4"));
-    EXPECT_EQ(pad + "A*C*E*G*I*K*M*O*", blurred(pad + "ABCDEFGHIJKLMNOP"));
-    EXPECT_EQ(pad + "hwaddr: 00****33**55", blurred(pad + "hwaddr: 001122334455"));
-    EXPECT_EQ(pad + "01234567-89ab-cdef-0123-45****ab**ef",
-              blurred(pad + "01234567-89ab-cdef-0123-456789abcdef"));
-    EXPECT_EQ(pad + "***********", ipv6_blurred(pad + "2001:db8::1"));
-  }
-}
-
-TEST(BlurLogText, EndsAtItsLengthOrItsFirstNul) {
-  char text[] = "10.0.0.1 1.1.1.1";
-
-  msgapi::blur::blur_log_text({text, 7});
-  EXPECT_STREQ("10.0.0.1 1.1.1.1", text);
-  msgapi::blur::blur_log_text({text, 14});
-  EXPECT_STREQ("10.*.*.1 1.1.1.1", text);
-
-  char split[] =
-      "a\0"
-      "10.0.0.1 ::1";
-  msgapi::blur::blur_log_text(split);
-  EXPECT_STREQ("10.0.0.1 ::1", split + 2);
-}
-
 TEST(BlurValues, MaskForms) {
   struct {
     const char *(*blur)(const char *);
@@ -105,8 +70,6 @@ TEST(BlurValues, MaskForms) {
       {ORP_BLUR_Mac, "00-11-22-33-44-55", "*****************"},
       // Everything behind the address goes, too.
       {ORP_BLUR_Mac, "a 00:11:22:33:44:55 b:c", "a **:**:**:**:**:****:*"},
-      {ORP_BLUR_Mac, "no address: 10.0.0.1", "no address: 10.0.0.1"},
-      {ORP_BLUR_Ip, "10.0.0.1", "**.*.*.*"},
       {ORP_BLUR_Ip, "10.0.0.1 and fe80::1!", "**.*.*.* and *******!"},
       {ORP_BLUR_Ipv6, "10.0.0.1 and fe80::1!", "10.0.0.1 and *******!"},
       {ORP_BLUR_Uuid, "01234567-89ab-cdef-0123-456789abcdef",
@@ -124,10 +87,7 @@ TEST(BlurValues, MaskForms) {
        "0*********************************X"},
   };
   for (const auto &c : cases) EXPECT_STREQ(c.masked, c.blur(c.text)) << c.text;
-  for (const auto blur : {ORP_BLUR_Mac, ORP_BLUR_Ip, ORP_BLUR_Ipv6, ORP_BLUR_Uuid,
-                          ORP_BLUR_UsbAccount, ORP_BLUR_Ssid}) {
-    EXPECT_STREQ("", blur(nullptr));
-  }
+  for (const auto &c : cases) EXPECT_STREQ("", c.blur(nullptr));
 }
 
 TEST(BlurValues, OfTheLastResult) {

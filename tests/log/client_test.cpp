@@ -25,10 +25,7 @@ std::string output_of(Call call) {
 }
 
 TEST(LogLevel, NamesAndValues) {
-  struct {
-    const char *name;
-    uint32_t level;
-  } const cases[] = {
+  const std::pair<const char *, uint32_t> cases[] = {
       {"NONE", 0}, {"FATL", 1}, {"fatal", 1}, {"f", 1},      {"e", 2},  {"Err", 2},   {"warn", 4},
       {"INFO", 8}, {"", 0},     {"DEBUG", 0}, {"ERRORS", 0}, {"=x", 0}, {nullptr, 0},
   };
@@ -45,15 +42,12 @@ TEST(LogLevel, NamesAndValues) {
 TEST(MlogPrint, SendsOneLineAndEchoesTheLevelsBelowError) {
   FakeServer server;
   const test::FdCheck fds;
-  struct {
-    uint32_t level;
-    const char *text;
-    const char *line;
-  } const cases[] = {{2, "link down", "[ERRO]:link down\n"},
-                     {8, "one\n", "[INFO]:one\n"},
-                     {8, "", "[INFO]:\n"},
-                     {1, "over", "[FATL]:over\n"},
-                     {0, "bare", "[NONE]:bare\n"}};
+  const std::tuple<uint32_t, const char *, const char *> cases[] = {
+      {2, "link down", "[ERRO]:link down\n"},
+      {8, "one\n", "[INFO]:one\n"},
+      {8, "", "[INFO]:\n"},
+      {1, "over", "[FATL]:over\n"},
+      {0, "bare", "[NONE]:bare\n"}};
   for (const auto &[level, text, end] : cases) {
     const std::string output = output_of([&] { MlogPrint("wan", level, "%s", text); });
 
@@ -128,16 +122,18 @@ TEST(MlogPrintWithType, SendsTheTypes1And3Only) {
   EXPECT_EQ(4, std::count(output.begin(), output.end(), '\n')) << "two echoes";
 }
 
+std::string stat_message(uint32_t type, const std::string &module, const std::string &info) {
+  std::string payload(516, '\0');
+  payload.replace(0, module.size(), module).replace(256, info.size(), info);
+  return message_bytes(type, 516, payload);
+}
+
 TEST(SetStatInfo, SendsBothFieldsWithTheLengthOfTheWholeRecord) {
   FakeServer server;
 
   EXPECT_EQ(0, MlogSetStatInfo("wan", "rx=1"));
 
-  const std::string datagram = server.receive();
-  ASSERT_EQ(MLOG_HEAD_SIZE + 516, datagram.size());
-  EXPECT_EQ(message_bytes(MLOG_TYPE_SET_STAT, 516), datagram.substr(0, 8));
-  EXPECT_STREQ("wan", datagram.data() + 8);
-  EXPECT_STREQ("rx=1", datagram.data() + 8 + 256);
+  EXPECT_EQ(stat_message(2, "wan", "rx=1"), server.receive());
   EXPECT_EQ("/var/mlog/STAT_" + std::to_string(::getpid()), server.peer_path());
 }
 
@@ -145,7 +141,6 @@ TEST(StatInfo, Failures) {
   const std::string too_long(256, 'x');
   char text[8] = "old";
 
-  EXPECT_EQ(-1, MlogSetStatInfo(nullptr, "x"));
   EXPECT_EQ(-1, MlogSetStatInfo("wan", nullptr));
   EXPECT_EQ(-1, MlogSetStatInfo("wan", too_long.c_str()));
   EXPECT_EQ(-1, MlogSetStatInfo(too_long.c_str(), "x"));
@@ -172,12 +167,6 @@ std::thread answer_once(FakeServer *server, const std::string &answer) {
   });
 }
 
-std::string stat_answer(const std::string &info) {
-  std::string payload(516, '\0');
-  payload.replace(256, info.size(), info);
-  return message_bytes(MLOG_TYPE_GET_STAT, 516, payload);
-}
-
 TEST(GetStatInfo, CopiesTheAnswersText) {
   FakeServer server;
   struct {
@@ -186,9 +175,10 @@ TEST(GetStatInfo, CopiesTheAnswersText) {
     int32_t result;
     std::string text;
   } const cases[] = {
-      {stat_answer("rx=1"), 5, 0, "rx=1"},
-      {stat_answer("rx=1"), 4, -1, ""},
-      {stat_answer(std::string(256, 'x')), 257, 0, std::string(256, 'x')},  // no NUL in the field
+      {stat_message(4, "wan", "rx=1"), 5, 0, "rx=1"},
+      {stat_message(4, "wan", "rx=1"), 4, -1, ""},
+      // No NUL in the field.
+      {stat_message(4, "wan", std::string(256, 'x')), 257, 0, std::string(256, 'x')},
       {message_bytes(4, 0), 256, 0, ""},
       {message_bytes(4, 4), 256, -1, ""},  // disagrees with its size
       {"short", 256, -1, ""},
@@ -221,19 +211,14 @@ TEST(FlushLog, WaitsForAHeadWithoutPayload) {
 TEST(UseSharePartition, ReadsTheFirstShareLine) {
   EXPECT_EQ(0, MlogUseSharePartion());  // no file
 
-  struct {
-    const char *content;
-    int32_t uses;
-  } const cases[] = {
-      {"[share] x=0\n", 0},         {"[SHARE]=2", 1},
-      {"a=1\n[Share] on = 1\n", 1}, {"[SHARE]\n[SHARE]=1\n", 0},
-      {" [SHARE]=1\n", 0},          {"[SHARE]=-1\n", 1},
-      {"[SHARE]=yes\n", 0},         {"", 0},
-  };
+  const std::pair<const char *, int32_t> cases[] = {
+      {"[share] x=0\n", 0},        {"[SHARE]=2", 1},    {"a=1\n[Share] on = 1\n", 1},
+      {"[SHARE]\n[SHARE]=1\n", 0}, {" [SHARE]=1\n", 0}, {"[SHARE]=-1\n", 1},
+      {"[SHARE]=yes\n", 0}};
   ::mkdir(MLOG_IPC_PATH, 0770);
-  for (const auto &c : cases) {
-    std::ofstream("/var/mlog/mlogcfg") << c.content;
-    EXPECT_EQ(c.uses, MlogUseSharePartion()) << c.content;
+  for (const auto &[content, uses] : cases) {
+    std::ofstream("/var/mlog/mlogcfg") << content;
+    EXPECT_EQ(uses, MlogUseSharePartion()) << content;
   }
 }
 

@@ -21,21 +21,19 @@ inline sockaddr_un unix_address(const std::string &path) {
   return address;
 }
 
-// Binds "/var/mlog/<name>".
-inline msgapi::os::UniqueFd bind_in_ipc_path(const std::string &name) {
-  ::mkdir(MLOG_IPC_PATH, 0770);
-  const sockaddr_un address = unix_address(MLOG_IPC_PATH + name);
-  msgapi::os::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(0, ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address))
-      << std::strerror(errno);
-  return fd;
+// The bytes of a message with this head.
+inline std::string message_bytes(uint32_t type, uint32_t length, const std::string &payload = "") {
+  const uint32_t head[] = {type, length};
+  return std::string(reinterpret_cast<const char *>(head), sizeof head) + payload;
 }
 
 class FakeServer {
  public:
-  FakeServer() : fd_(bind_in_ipc_path(MLOG_SERVER_NAME)) {}
-
-  int fd() const { return fd_.get(); }
+  FakeServer() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    ::mkdir(MLOG_IPC_PATH, 0770);
+    const sockaddr_un address = unix_address(MLOG_IPC_PATH MLOG_SERVER_NAME);
+    EXPECT_EQ(0, ::bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  }
 
   // The next datagram, waited for when `wait`; empty when there is none.
   std::string receive(bool wait = false) {
@@ -52,12 +50,10 @@ class FakeServer {
   std::string line() {
     const std::string datagram = receive();
     if (datagram.size() < MLOG_HEAD_SIZE + 1) return "";
-    MlogMsg head{};
-    std::memcpy(&head, datagram.data(), MLOG_HEAD_SIZE);
-    EXPECT_EQ(MLOG_TYPE_LOG, head.type);
-    EXPECT_EQ(datagram.size(), MLOG_HEAD_SIZE + head.length);
-    EXPECT_EQ('\0', datagram.back());
-    return datagram.substr(MLOG_HEAD_SIZE, head.length - 1);
+    const std::string text = datagram.substr(MLOG_HEAD_SIZE).c_str();
+    const auto length = static_cast<uint32_t>(text.size() + 1);
+    EXPECT_EQ(message_bytes(MLOG_TYPE_LOG, length, text + '\0'), datagram);
+    return text;
   }
 
   std::string peer_path() const { return peer_.sun_path; }
@@ -72,12 +68,6 @@ class FakeServer {
   msgapi::os::UniqueFd fd_;
   sockaddr_un peer_{};
 };
-
-// The bytes of a message with this head.
-inline std::string message_bytes(uint32_t type, uint32_t length, const std::string &payload = "") {
-  const uint32_t head[] = {type, length};
-  return std::string(reinterpret_cast<const char *>(head), sizeof head) + payload;
-}
 
 // Sends to the server through `fd` until its queue is full.
 inline void fill_queue(int fd) {
