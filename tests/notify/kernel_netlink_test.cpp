@@ -18,7 +18,7 @@
 
 namespace {
 
-bool g_protocol_exists;
+bool g_protocol_exists = true;
 constexpr int kStandIn = NETLINK_KOBJECT_UEVENT;
 int g_send_error;  // what sending fails with; 0 succeeds
 std::vector<uint8_t> g_sent;
@@ -45,14 +45,8 @@ namespace {
 using testing::EndsWith;
 using testing::IsEmpty;
 
-class SendToKernel : public testing::Test {
- protected:
-  SendToKernel() { g_protocol_exists = true; }
-
-  test::FdCheck descriptors_;
-};
-
-TEST_F(SendToKernel, SendsOnePaddedDatagram) {
+TEST(SendToKernel, SendsOnePaddedDatagram) {
+  const test::FdCheck descriptors;
   EXPECT_EQ(0u, ORP_Netlink_SendToKernel("\1\2\3\4\5", 5, 0x1234));
 
   EXPECT_EQ(0u, g_destination.nl_pid);
@@ -65,9 +59,7 @@ TEST_F(SendToKernel, SendsOnePaddedDatagram) {
 
   EXPECT_EQ(0u, ORP_Netlink_SendToKernel("", 0, 7));
   EXPECT_EQ(16u, g_sent.size()) << "a header alone";
-}
 
-TEST_F(SendToKernel, SucceedsWhenTheKernelRefusesTheDatagram) {
   g_send_error = ECONNREFUSED;
   testing::internal::CaptureStderr();
   EXPECT_EQ(0u, ORP_Netlink_SendToKernel("x", 1, 7));
@@ -75,7 +67,7 @@ TEST_F(SendToKernel, SucceedsWhenTheKernelRefusesTheDatagram) {
             testing::internal::GetCapturedStderr());
 }
 
-TEST_F(SendToKernel, FailsWhenThePortIdIsTaken) {
+TEST(SendToKernel, FailsWhenThePortIdIsTaken) {
   const msgapi::os::UniqueFd other(::socket(AF_NETLINK, SOCK_RAW, kStandIn));
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
@@ -89,7 +81,7 @@ TEST_F(SendToKernel, FailsWhenThePortIdIsTaken) {
   EXPECT_THAT(g_sent, IsEmpty());
 }
 
-TEST_F(SendToKernel, FailsWithoutADatagram) {
+TEST(SendToKernel, FailsWithoutADatagram) {
   EXPECT_EQ(1u, ORP_Netlink_SendToKernel(nullptr, 1, 7));
   // From here on the padded size, or the length with its header, does not fit 32 bits.
   for (uint32_t length : {0xFFFFFFEDu, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
