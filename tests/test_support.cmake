@@ -3,6 +3,13 @@ set(MSGAPI_SANDBOX "$<TARGET_FILE:sandbox>" CACHE STRING
 set(MSGAPI_PROGRAMS ${CMAKE_BINARY_DIR}/bin CACHE PATH
   "Where tests find the project's programs, in a form that this machine can run")
 
+if(CMAKE_CROSSCOMPILING)
+  set(run_in_sandbox
+    ${CMAKE_CURRENT_LIST_DIR}/emulated.sh ${MSGAPI_SANDBOX} ${CMAKE_CROSSCOMPILING_EMULATOR})
+else()
+  set(run_in_sandbox ${MSGAPI_SANDBOX} --)
+endif()
+
 # msgapi_test(NAME sources... [LIBRARIES libs...]): one test program of GoogleTest cases.
 #
 # Every case runs as a process of its own inside the sandbox: the library keeps process-wide state
@@ -12,8 +19,7 @@ function(msgapi_test name)
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} msgapi_static GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  set_target_properties(${name} PROPERTIES
-    CROSSCOMPILING_EMULATOR "${MSGAPI_SANDBOX};--;${CMAKE_CROSSCOMPILING_EMULATOR}")
+  set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${run_in_sandbox}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "MSGAPI_BIN=${MSGAPI_PROGRAMS}")
+    PROPERTIES LABELS ${name} ENVIRONMENT "MSGAPI_BIN=${MSGAPI_PROGRAMS}")
 endfunction()

@@ -26,15 +26,22 @@ database=$sysroot/.apt
 mkdir -p "$database/lists/partial" "$database/archives/partial"
 : >"$database/status"
 options=(
-  -qq -y --no-install-recommends
+  -qq -y --no-install-recommends -o Acquire::Retries=3 -o Acquire::http::Timeout=30
   -o APT::Architecture=armhf -o APT::Architectures=armhf -o APT::Sandbox::User=
   -o "Dir::State::status=$database/status" -o "Dir::State::lists=$database/lists"
   -o "Dir::Cache=$database" -o "Dir::Cache::archives=$database/archives" -o Debug::NoLocking=true
 )
+fail() {
+  echo "armhf_sysroot: the armhf packages could not be fetched ($1); is a Debian mirror reachable?" >&2
+  exit 1
+}
+fetch() { timeout 600 apt-get "${options[@]}" "$@"; }
+
 # A mirror may lack the lists of one suite for a while; the others hold every package.
-apt-get "${options[@]}" update || echo "armhf_sysroot: some package lists are missing" >&2
-apt-get "${options[@]}" install --download-only "${runtime[@]}" >/dev/null
-(cd "$database/archives" && apt-get "${options[@]}" download "${development[@]}" >/dev/null)
+fetch update || echo "armhf_sysroot: some package lists are missing" >&2
+fetch install --download-only "${runtime[@]}" >/dev/null || fail "${runtime[*]}"
+(cd "$database/archives" && fetch download "${development[@]}" >/dev/null) ||
+  fail "${development[*]}"
 for package in "$database"/archives/*.deb; do
   dpkg-deb -x "$package" "$sysroot"
 done

@@ -15,32 +15,36 @@ typedef uint32_t (*ORP_UTIL_NOTIFIER_PROC)(ORP_WORD context, ORP_WORD data);
 
 /* A registered procedure; belongs to its notifier. */
 typedef struct ORP_UTIL_NOTIFIER_ENTRY_ST {
-  struct ORP_UTIL_NOTIFIER_ENTRY_ST *link;
-  ORP_UTIL_NOTIFIER_PROC proc;
-  uint32_t priority;
-  ORP_WORD data;
-  const char *name; /* "" for none */
+  struct ORP_UTIL_NOTIFIER_ENTRY_ST *link; /* the next one */
+  ORP_UTIL_NOTIFIER_PROC proc;             /* what is called */
+  uint32_t priority;                       /* the lowest number is called first */
+  ORP_WORD data;                           /* the second argument of proc */
+  const char *name;                        /* "" for none */
 } ORP_UTIL_NOTIFIER_ENTRY_ST;
 
+/* A list of procedures. */
 typedef struct ORP_UTIL_NOTIFIER_ST {
-  ORP_WORD reserved; /* 0 when made; the library's */
-  ORP_WORD context;
-  ORP_UTIL_NOTIFIER_ENTRY_ST *entries;
+  ORP_WORD reserved;                   /* 0 when made; the library's */
+  ORP_WORD context;                    /* the first argument of every procedure */
+  ORP_UTIL_NOTIFIER_ENTRY_ST *entries; /* in the order of their calls */
 } ORP_UTIL_NOTIFIER_ST;
 
 /* A procedure with its name. The name is not copied: it must live as long as the entry. */
 typedef struct ORP_UTIL_NOTIFIER_PAIR_ST {
-  ORP_UTIL_NOTIFIER_PROC proc;
-  const char *name; /* may be null */
+  ORP_UTIL_NOTIFIER_PROC proc; /* what is called */
+  const char *name;            /* may be null */
 } ORP_UTIL_NOTIFIER_PAIR_ST;
 
 /* What a notification does around each call; each may be null. */
 typedef struct ORP_UTIL_NOTIFIER_HOOKS_ST {
+  /* Before a call. */
   void (*pre)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry);
+  /* Behind a call, with its result. */
   void (*post)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, uint32_t result);
   /* 0: the entry is left out. */
   uint32_t (*filter)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, ORP_WORD argument);
-  ORP_WORD filterArgument;
+
+  ORP_WORD filterArgument; /* the last argument of filter */
 } ORP_UTIL_NOTIFIER_HOOKS_ST;
 
 /*

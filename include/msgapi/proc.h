@@ -24,7 +24,7 @@ MSGAPI_EXPORT uint32_t *ORP_UTIL_FindPidByName(const char *name);
  * "init"); 0 for null, a name of 240 characters or more, and on failure. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_GetPid(const char *name);
 
-/* The id of the first process, kernel threads included, whose line "Name:" in /proc/<pid>/status
+/* The id of the first process, kernel threads included, whose line "Name:" in /proc/PID/status
  * contains `name`; 0xFFFFFFFF when there is none and on failure. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_FindKernelPidByName(const char *name);
 

@@ -21,6 +21,7 @@
 #define ORP_ERR_SPAWN_RUNNING 0x10014u /* a synchronous spawn is running already */
 #define ORP_ERR_SPAWN_OPTIONS 0x10015u /* the options cannot be copied; does not occur */
 
+/* The two records of a spawn, below. */
 typedef struct OrpUvProcess OrpUvProcess;
 typedef struct OrpUvSpawnOptions OrpUvSpawnOptions;
 
@@ -60,8 +61,8 @@ typedef void (*ORP_UV_STDIN_PROC)(OrpUvProcess *process, OrpUvIo *io);
 
 /* What to start and how. Everything pointed to must be valid during the call only. */
 struct OrpUvSpawnOptions {
-  ORP_UV_REAP_PROC reapProc; /* may be null, as all procedures */
-  ORP_UV_EXIT_PROC exitProc;
+  ORP_UV_REAP_PROC reapProc;     /* may be null, as all procedures */
+  ORP_UV_EXIT_PROC exitProc;     /* learns of the exit from the loop */
   ORP_UV_KEEP_FD_PROC keepFd;    /* null: no inherited descriptor is kept */
   const char *file;              /* looked up in PATH when it has no "/" */
   ORP_UV_OUTPUT_PROC outputProc; /* null: no pipes for output */
@@ -71,21 +72,23 @@ struct OrpUvSpawnOptions {
   char *const *env;              /* null-terminated environment; null: inherited */
   const char *cwd;               /* working directory; null: inherited */
   uint32_t flags;                /* ORP_UV_SPAWN_... */
-  uint32_t uid;
-  uint32_t gid;
-  uint32_t groupCount; /* supplementary groups, set with SETUID or SETGID */
-  const gid_t *groups;
-  uint32_t umask;
+  uint32_t uid;                  /* with SETUID, SETEUID and SETGID */
+  uint32_t gid;                  /* with SETGID */
+  uint32_t groupCount;           /* supplementary groups, set with SETUID or SETGID */
+  const gid_t *groups;           /* so many of them */
+  uint32_t umask;                /* with UMASK */
 };
 
 /* A child process; a watcher that belongs to its loop. */
 struct OrpUvProcess {
-  OrpUvWatcher head;
-  int32_t pid; /* -1 once its exit has been reported */
+  OrpUvWatcher head; /* what all watchers have */
+  int32_t pid;       /* -1 once its exit has been reported */
+  /* Of the options. */
   ORP_UV_EXIT_PROC exitProc;
   ORP_UV_REAP_PROC reapProc;
   ORP_UV_OUTPUT_PROC outputProc;
   ORP_UV_STDIN_PROC stdinProc;
+
   int32_t waitStatus;    /* as waitpid() gave it, once it has been reaped */
   uint32_t exited;       /* reaped and not yet reported */
   OrpUvIo *redirects[3]; /* pipes to standard input, output, error; null where there is none */
@@ -126,9 +129,10 @@ MSGAPI_EXPORT uint32_t OrpUvProcessSpawnSync(const OrpUvSpawnOptions *options, u
  * 0xFFFFFFFF with errno set. */
 MSGAPI_EXPORT uint32_t OrpUvProcessKill(OrpUvProcess *process, int32_t signal);
 
+/* A child and how it ended. */
 typedef struct ORP_UV_WAIT_ST {
-  int32_t pid;
-  int32_t status;
+  int32_t pid;    /* which child is meant */
+  int32_t status; /* as waitpid() gives it */
 } ORP_UV_WAIT_ST;
 
 /*

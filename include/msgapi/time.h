@@ -15,7 +15,8 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetSysTime(ORP_TIME_ST *timeOut);
 /*
  * The current time as text. The UTC functions share one buffer and ORP_UTIL_GetLocalTimeStamp has
  * another: a text lives until the next call that uses the same buffer, on any thread. The text is
- * empty when there is none. Names of days and months are those of the process's locale.
+ * empty when there is none, as after 19 January 2038 with a C library whose time_t has 32 bits.
+ * Names of days and months are those of the process's locale.
  */
 MSGAPI_EXPORT const char *ORP_UTIL_GetCurrTime(void);          /* UTC, "%H:%M:%S" */
 MSGAPI_EXPORT const char *ORP_UTIL_GetCurrUTCTime(void);       /* UTC, "%Y-%m-%dT%H:%M:%S" */

@@ -5,6 +5,7 @@
 #include <link.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -15,6 +16,7 @@
 namespace {
 
 using Names = std::set<std::string>;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 std::string contents(const std::string &path) {
@@ -29,11 +31,12 @@ class SharedLibrary {
     sections_ = at<ElfW(Shdr)>(head.e_shoff, head.e_shnum);
   }
 
-  // Names that others can link with; those of versions, which are absolute, are not counted.
+  // Names that others can link with; those of versions, which are absolute, and sections, which
+  // have none, are not counted.
   Names exported() const {
     Names names;
     for (const auto &symbol : entries<ElfW(Sym)>(SHT_DYNSYM)) {
-      if (symbol.st_shndx != SHN_UNDEF && symbol.st_shndx != SHN_ABS) {
+      if (symbol.st_name != 0 && symbol.st_shndx != SHN_UNDEF && symbol.st_shndx != SHN_ABS) {
         names.insert(dynamic_text(symbol.st_name));
       }
     }
@@ -123,6 +126,26 @@ TEST(Abi, HasAStoredTypeForEveryName) {
 
   EXPECT_THAT(without(listed, stored), IsEmpty()) << "missing from prototypes.h";
   EXPECT_THAT(without(stored, listed), IsEmpty());
+}
+
+TEST(Abi, HasAStoredLayoutForEveryPublicRecord) {
+  const std::string stored = contents(MSGAPI_ABI_DIRECTORY "/layout32.txt");
+  static const std::regex declaration(R"((?:^|\n)(?:typedef )?struct (\w+) \{)");
+
+  size_t records = 0;
+  for (const char *directory :
+       {"/include/msgapi", "/platform/orputil/include", "/platform/cfmapi/include"}) {
+    for (const auto &header :
+         std::filesystem::directory_iterator(std::string(MSGAPI_SOURCE) + directory)) {
+      const std::string text = contents(header.path());
+      for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
+           ++match) {
+        ++records;
+        EXPECT_THAT(stored, HasSubstr("\n" + (*match)[1].str() + " ")) << header.path();
+      }
+    }
+  }
+  EXPECT_GT(records, 40u);
 }
 
 TEST(Abi, NeedsOnlyThePlatformsLibraries) {

@@ -13,10 +13,9 @@
 #include "base/memory.h"
 #include "msgapi/msg.h"
 #include "os/fd.h"
+#include "support/soak.h"
 
 namespace test {
-
-constexpr int kPatience_ms = 10000;
 
 // A message outside the library. Twelve characters fill a name's field without a NUL.
 struct Frame {

@@ -19,14 +19,15 @@
 #include <fstream>
 
 #include "os/fd.h"
+#include "support/soak.h"
 
 namespace test {
 namespace {
 
-// Asks `condition` until it holds and fails the test when it does not within ten seconds.
+// Asks `condition` until it holds and fails the test when it does not in kPatience_ms.
 template <typename Condition>
 void wait_until(const Condition &condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience_ms);
   while (!condition()) {
     ASSERT_LT(std::chrono::steady_clock::now(), end) << "does not come true";
     ::poll(nullptr, 0, 1);

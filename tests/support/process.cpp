@@ -9,6 +9,8 @@
 
 #include <cstdlib>
 
+#include "support/soak.h"
+
 namespace test {
 
 Process::Process(const std::string &name, const std::vector<std::string> &arguments) {
@@ -65,7 +67,7 @@ int Process::stop(int signal) {
 
 bool Process::read_more() {
   pollfd entry{.fd = output_fd_.get(), .events = POLLIN, .revents = 0};
-  if (::poll(&entry, 1, 10000) != 1) return false;
+  if (::poll(&entry, 1, kPatience_ms) != 1) return false;
   char bytes[4096];
   const ssize_t got = ::read(output_fd_.get(), bytes, sizeof bytes);
   ended_ = got <= 0;

@@ -20,11 +20,11 @@ class Process {
   pid_t pid() const { return pid_; }
 
   // Reads on until the output holds `text` somewhere behind the last text that was waited for;
-  // false when the program ends first or says nothing for 10 seconds.
+  // false when the program ends first or says nothing for kPatience_ms.
   bool wait_for(const std::string &text);
 
   // Waits for the end of the program: its exit status, or 128 and the number of the signal that
-  // ended it; -1 when it says nothing for 10 seconds.
+  // ended it; -1 when it says nothing for so long.
   int wait();
 
   // Sends `signal` and waits for the end.

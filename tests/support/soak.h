@@ -1,5 +1,5 @@
-// The length and the seed of random tests: short and fixed in the suite, long and fresh in
-// `./dev soak`.
+// The length and the seed of random tests, short and fixed in the suite, long and fresh in
+// `./dev soak`; and how much slower than usual this machine may be.
 #pragma once
 
 #include <cstdint>
@@ -21,5 +21,15 @@ inline uint32_t soak_factor() {
 inline uint32_t seed() {
   return from_environment("MSGAPI_SEED", 1);
 }
+
+// Limits of time are multiplied by this, amounts of work divided by it.
+#ifdef MSGAPI_EMULATED
+inline constexpr int kSlowness = 10;
+#else
+inline constexpr int kSlowness = 1;
+#endif
+
+// How long a test waits for what must come.
+inline constexpr int kPatience_ms = 10000 * kSlowness;
 
 }  // namespace test

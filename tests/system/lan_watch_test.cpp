@@ -56,6 +56,7 @@ TEST(LanWatch, EndsOnSignal) {
     ::execl(program.c_str(), "lan_watch", nullptr);
     ::_exit(127);
   }
+  ::close(output[1]);
 
   char drawn;
   ASSERT_EQ(1, ::read(output[0], &drawn, 1)) << "the first table: it runs";

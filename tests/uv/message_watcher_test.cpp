@@ -142,7 +142,7 @@ TEST_F(MessageWatcherTest, WaitsForTheMissingPieces) {
   receive_from(socket());
   const std::string bytes = frame(1, 1, "piece by piece");
   std::thread writer([&] {
-    for (const char byte : bytes) ::write(peer_, &byte, 1);
+    for (const char byte : bytes) EXPECT_EQ(1, ::write(peer_, &byte, 1));
   });
 
   on_message = [&] { OrpUvLoopStop(&loop_); };

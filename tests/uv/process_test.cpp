@@ -446,7 +446,7 @@ TEST_F(ProcessTest, StormOfChildrenLosesNothing) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   constexpr uint32_t kTotal = 500;  // a fork copies the sanitizer's memory map as well
 #else
-  constexpr uint32_t kTotal = 5000;
+  constexpr uint32_t kTotal = 5000 / test::kSlowness;
 #endif
   const uint32_t total = kTotal * test::soak_factor();
   const test::FdCheck check;

@@ -1,7 +1,8 @@
 // The current time as text, and two clocks.
 //
 // The texts stand in two process-wide buffers, one for UTC and one for local time, as the interface
-// has it: a text lives until the next call.
+// has it: a text lives until the next call. A C library whose time_t has 32 bits has no time after
+// 19 January 2038, and there is no text then.
 
 #include <ctime>
 #include <span>
@@ -21,13 +22,13 @@ char g_local_text[kTextSize];
 // gcc wants every strftime format at the call itself; these are the literals below.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-// Empty when the time cannot be broken down or the text does not fit.
+// Empty when there is no time, it cannot be broken down or the text does not fit.
 const char *format_now(std::span<char, kTextSize> out, tm *(*break_down)(const time_t *, tm *),
                        const char *format) {
   out[0] = '\0';
   const time_t now = ::time(nullptr);
   tm fields;
-  if (break_down(&now, &fields) == nullptr ||
+  if (now == -1 || break_down(&now, &fields) == nullptr ||
       std::strftime(out.data(), out.size(), format, &fields) == 0) {
     out[0] = '\0';
   }

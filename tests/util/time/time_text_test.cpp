@@ -3,10 +3,25 @@
 #include <cstdlib>
 #include <ctime>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 #include <string>
 
 #include "msgapi/time.h"
+
+namespace {
+
+std::optional<time_t> g_time;
+
+}  // namespace
+
+// Stands in for the C library's.
+extern "C" time_t time(time_t *) noexcept {
+  if (g_time) return *g_time;
+  timespec now;
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec;
+}
 
 namespace {
 
@@ -37,6 +52,23 @@ TEST(TimeText, FormatsUtcAndLocalTime) {
   expect_now("%a, %d %b %Y %H:%M:%S GMT", ::gmtime_r, ORP_UTIL_GetCurrGMTTime);
   expect_now("%m%d%H%M%S", ::localtime_r, ORP_UTIL_GetLocalTimeStamp);
   expect_now("%Y-%m-%dT%H:%M:%SZ", ::gmtime_r, ORP_UTIL_GetCurrUTCTimeStamp);
+}
+
+TEST(TimeText, GoesOnAfter2038WhereTheClockDoes) {
+  ::setenv("TZ", "XYZ-5:30", 1);
+  ::tzset();
+  if constexpr (sizeof(time_t) == 8) {
+    g_time = int64_t{0x80000000};
+    EXPECT_STREQ("2038-01-19 03:14:08", ORP_UTIL_GetCurrTimeWithSpace());
+    EXPECT_STREQ("0119084408", ORP_UTIL_GetLocalTimeStamp());
+    g_time = int64_t{0x100000000};
+    EXPECT_STREQ("Sun, 07 Feb 2106 06:28:16 GMT", ORP_UTIL_GetCurrGMTTime());
+    EXPECT_STREQ("2106-02-07T06:28:16Z", ORP_UTIL_GetCurrUTCTimeStamp());
+  }
+
+  g_time = -1;  // what a time_t of 32 bits gets then
+  EXPECT_STREQ("", ORP_UTIL_GetCurrTimeWithSpace());
+  EXPECT_STREQ("", ORP_UTIL_GetLocalTimeStamp());
 }
 
 TEST(TimeText, UtcFormatsShareABufferThatLocalTimeDoesNot) {
