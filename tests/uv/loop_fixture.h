@@ -106,12 +106,6 @@ class LoopTest : public testing::Test {
     if (on_call) on_call(io);
   }
 
-  uint32_t watcher_count() const {
-    uint32_t count = 0;
-    for (const OrpUvWatcher *watcher = loop_.watchers; watcher; watcher = watcher->link) ++count;
-    return count;
-  }
-
   OrpUvLoop loop_;
   int peer_ = -1;
   std::vector<int> sockets_;

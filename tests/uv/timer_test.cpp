@@ -1,6 +1,5 @@
 #include "uv/timer.h"
 
-#include <ctime>
 #include <utility>
 
 #include "base/memory.h"
@@ -50,42 +49,18 @@ MATCHER_P2(IsTime, seconds, microseconds, "") {
   return arg.seconds == seconds && arg.microseconds == microseconds;
 }
 
-TEST_F(TimerTest, FiresCountTimesThenEnds) {
-  OrpUvTimer *three = timer({1000, 100000}, 100, 3, 3);
-
-  EXPECT_THAT(pass_at(1000, 0), IsTime(0, 100000));
-  for (int tenth = 1; tenth <= 3; ++tenth) {
-    pass_at(1000, tenth * 100000 - 1);
-    EXPECT_EQ(static_cast<size_t>(tenth - 1), g_fired.size());
-    pass_at(1000, tenth * 100000);
-    EXPECT_EQ(static_cast<size_t>(tenth), g_fired.size());
-  }
-
-  EXPECT_EQ(nullptr, three->callback);
-  pass_at(1001, 0);
-  EXPECT_EQ(3u, g_fired.size());
-  EXPECT_NE(0u, three->head.status & ORP_UV_DELETED);
-}
-
 TEST_F(TimerTest, CountsFromTheStartOfTheIterationAndCatchesNothingUp) {
-  timer({1000, 500000}, 1500, 0, 1);
+  OrpUvTimer *three = timer({1000, 500000}, 1500, 3, 1);
 
-  EXPECT_THAT(pass_at(1010, 250000), IsTime(1, 500000));
+  EXPECT_THAT(pass_at(1000, 499999), IsTime(0, 1));
+  EXPECT_THAT(pass_at(1010, 250000), IsTime(1, 500000)) << "five periods late";
   EXPECT_EQ(1u, g_fired.size());
   EXPECT_THAT(pass_at(1010, 750000), IsTime(1, 0));
   EXPECT_EQ(1u, g_fired.size());
   pass_at(1011, 750000);
-  EXPECT_EQ(2u, g_fired.size());
-}
-
-TEST_F(TimerTest, FiresDueTimersInOrderOfCreation) {
-  timer({1003, 0}, 10, 1, 1);
-  timer({1001, 0}, 10, 1, 2);
-  timer({1004, 0}, 10, 1, 3);
-
-  pass_at(1003, 0);
-
-  EXPECT_THAT(g_fired, testing::ElementsAre(1u, 2u));
+  pass_at(1014, 0);
+  EXPECT_EQ(3u, g_fired.size());
+  EXPECT_EQ(nullptr, three->callback);
 }
 
 TEST_F(TimerTest, LimitsTheWaitToTheNearestExpiryOrTheIdleTime) {
@@ -101,74 +76,48 @@ TEST_F(TimerTest, LimitsTheWaitToTheNearestExpiryOrTheIdleTime) {
   EXPECT_TRUE(g_fired.empty());
 }
 
-TEST_F(TimerTest, MayEndItselfOrOthersInItsProcedure) {
-  OrpUvTimer *self = timer({1000, 0}, 10, 0, 1);
-  OrpUvTimer *other = timer({1000, 0}, 10, 0, 2);
-  OrpUvTimer *deleted = timer({1000, 0}, 10, 0, 3);
-  g_on_fire = [&] {
-    OrpUtilTimerDel(self);
-    OrpTimerSafeDel(&other);
-    OrpUvTimerDelete(deleted);
-  };
-
-  pass_at(1000, 0);
-  pass_at(1001, 0);
-
-  EXPECT_THAT(g_fired, testing::ElementsAre(1u));
-  EXPECT_EQ(nullptr, other);
-  EXPECT_NE(0u, self->head.status & ORP_UV_DELETED);
-}
-
-TEST_F(TimerTest, OneShotFiresOnceEvenWhenItsProcedureRunsTheLoop) {
-  timer({1000, 0}, 10, 1, 1);
-  g_on_fire = [&] { EXPECT_EQ(ORP_ERR_TIMEOUT, run()); };
-
-  pass_at(1000, 0);
-
-  EXPECT_EQ(1u, g_fired.size());
-}
-
 TEST_F(TimerTest, ChangeOfPeriodKeepsOnlyTheFirstExpiryTenMillisecondsAway) {
-  ORP_TIME_ST now;
   OrpUvTimer *changed = timer({1000, 0}, 500, 0, 1);
-  const auto first_expiry_ms = [&] {
-    return (changed->expirySec - now.seconds) * 1000 +
-           (changed->expiryUsec - now.microseconds) / 1000;
+  const auto us_of = [](const ORP_TIME_ST &time) {
+    return int64_t{time.seconds} * 1000000 + time.microseconds;
+  };
+  const auto expect_expiry_after = [&](uint32_t interval_ms, int64_t first_ms) {
+    ORP_TIME_ST before, after;
+    os::read_monotonic(&before);
+    OrpUtilTimerChgPeriod(changed, interval_ms);
+    os::read_monotonic(&after);
+    const int64_t expiry = us_of({changed->expirySec, changed->expiryUsec});
+    EXPECT_EQ(interval_ms, changed->interval);
+    EXPECT_GE(expiry, us_of(before) + first_ms * 1000);
+    EXPECT_LE(expiry, us_of(after) + first_ms * 1000);
   };
 
-  ASSERT_TRUE(os::read_monotonic(&now));
-  OrpUtilTimerChgPeriod(changed, 3);
-  EXPECT_EQ(3u, changed->interval);
-  EXPECT_GE(first_expiry_ms(), 10);
-  OrpUtilTimerChgPeriod(changed, 4000000000u);
-  EXPECT_EQ(4000000000u, changed->interval);
-  EXPECT_NEAR(0x7fffffff / 1000, changed->expirySec - now.seconds, 2);
+  expect_expiry_after(3, 10);
+  expect_expiry_after(4000000000u, 0x7fffffff);
 
   OrpUtilTimerChgPeriod(changed, 0);
   EXPECT_EQ(0x7fffffff, changed->expirySec);
   pass_at(0x7fffffff, 1);
   EXPECT_TRUE(g_fired.empty()) << "interval 0 sleeps";
-  OrpUtilTimerChgPeriod(nullptr, 1);
 }
 
 TEST_F(TimerTest, AddedTimersBelongToTheDefaultLoop) {
-  OrpUvTimer *named =
-      ORP_TIMER_AddWithName(5, 1, fired, "a name of twenty characters", ORP_WORD{7});
-  ASSERT_NE(nullptr, named);
-  EXPECT_STREQ("a name of twent", named->name);
-  ASSERT_NE(nullptr, OrpTimerAddWithName(5, 1, fired, nullptr, 8));
-  ASSERT_NE(nullptr, ORP_UTIL_TimerAdd(0, 1, fired, 9));
-  ASSERT_NE(nullptr, OrpUtilTimerAdd(20, 1, fired, 10));
+  OrpUvTimer *named = ORP_TIMER_AddWithName(5, 1, fired, "a name of twenty characters", 7);
+  OrpUvTimer *ended = OrpTimerAddWithName(5, 1, fired, nullptr, 8);
+  OrpTimerSafeDel(&ended);
+  ORP_UTIL_TimerAdd(0, 1, fired, 9);
+  OrpUtilTimerAdd(20, 1, fired, 10);
   EXPECT_EQ(nullptr, OrpUtilTimerAdd(5, 1, nullptr, 0));
   fail_allocation(1);
   EXPECT_EQ(nullptr, OrpUtilTimerAdd(5, 1, fired, 0));
 
-  EXPECT_EQ(OrpUvLoopGetDefault(), named->head.loop);
+  EXPECT_STREQ("a name of twent", named->name);
+  EXPECT_EQ(nullptr, ended);
   g_on_fire = [] {
-    if (g_fired.size() == 3) OrpUvLoopStop(OrpUvLoopGetDefault());
+    if (g_fired.size() == 2) OrpUvLoopStop(OrpUvLoopGetDefault());
   };
   EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 0));
-  EXPECT_THAT(g_fired, testing::ElementsAre(7u, 8u, 10u));
+  EXPECT_THAT(g_fired, testing::ElementsAre(7u, 10u));
 }
 
 TEST_F(TimerTest, StartedBehindTheTimerPassItDoesNotWaitForTheNextEvent) {
@@ -185,14 +134,6 @@ TEST_F(TimerTest, StartedBehindTheTimerPassItDoesNotWaitForTheNextEvent) {
   EXPECT_THAT(g_fired, testing::ElementsAre(1u));
 }
 
-TEST_F(TimerTest, ReportsMissingArguments) {
-  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvTimerInit(&loop_, nullptr));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvTimerStart(nullptr, 1, 1, fired, 0));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvTimerDelete(nullptr));
-  OrpUtilTimerDel(nullptr);
-  OrpTimerSafeDel(nullptr);
-}
-
 TEST(TimerGetIntv, IsNeverNegative) {
   const struct {
     ORP_TIME_ST later, earlier, expected;
@@ -205,8 +146,6 @@ TEST(TimerGetIntv, IsNeverNegative) {
     ORP_TIME_ST result = {-1, -1};
     OrpUtilTimerGetIntv(&c.later, &c.earlier, &result);
     EXPECT_THAT(result, IsTime(c.expected.seconds, c.expected.microseconds));
-    OrpUtilTimerGetIntv(nullptr, &c.earlier, &result);
-    OrpUtilTimerGetIntv(&c.later, &c.earlier, nullptr);
   }
 }
 

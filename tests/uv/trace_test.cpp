@@ -5,10 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <regex>
 
-#include "base/memory.h"
+#include "support/allocation.h"
 
 namespace msgapi {
 namespace {
@@ -20,7 +19,6 @@ TEST(TraceLevels, AllStandsForEveryPackageWithoutALevel) {
   EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled("x", 3));
   EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled("x", 4));
   EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled("msg", 5));
-  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled(nullptr, 3));
 
   ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel(nullptr, 2));
   EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled("msg", 5)) << "setting all removes every package first";
@@ -42,20 +40,16 @@ TEST(TraceLevels, KeepElevenCharactersOfAName) {
   EXPECT_EQ(nullptr, context.packages);
 }
 
-TEST(TraceLevels, ReportWhatIsMissing) {
-  EXPECT_EQ(ORP_ERR_ARGUMENT, TraceCtxSetPackageLevel(nullptr, "msg", 1));
-  EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_RegModule(nullptr));
-  for (const uint32_t nth : {1u, 2u}) {
-    fail_allocation(nth);
-    EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_RegModule("module"));
-  }
-  fail_allocation(1);
-  EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_SetPackageLevel("msg", 1));
-
-  EXPECT_EQ(ORP_OK, ORP_TRACE_RegModule("module"));
+TEST(TraceLevels, ReportMissingMemory) {
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_RegModule(nullptr)) << "kept";
+  EXPECT_EQ(2u, test::fail_every_allocation([] {
+              const uint32_t status = ORP_TRACE_RegModule("module");
+              EXPECT_TRUE(status == ORP_OK || status == ORP_ERR_MEMORY);
+              return status == ORP_OK;
+            }));
   fail_allocation(1);
   EXPECT_EQ(ORP_OK, ORP_TRACE_RegModule("module")) << "nothing is added for a known name";
-  fail_allocation(0);
+  EXPECT_EQ(ORP_ERR_MEMORY, ORP_TRACE_SetPackageLevel("msg", 1));
 }
 
 TEST(TraceOutput, GoesToTheLogFileOrStandardOutput) {
@@ -99,12 +93,6 @@ TEST(CurPid, StaysTheParentsInAChild) {
 TEST(CurTimeStamp, ShowsBothClocks) {
   EXPECT_TRUE(std::regex_match(ORP_UTIL_GetCurTimeStamp(),
                                std::regex("\\d{8,}\\.\\d{6} \\d{8,}\\.\\d{6}")));
-}
-
-TEST(AppName, IsThePointerOthersRead) {
-  std::strcpy(GetAucAppNamePointer(), "trace_test");
-
-  EXPECT_STREQ("trace_test", GetAucAppNamePointer());
 }
 
 }  // namespace
