@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <random>
-#include <set>
+#include <utility>
 
 #include "support/soak.h"
 #include "uv/process_fixture.h"
@@ -79,32 +79,12 @@ class ExpectedRun {
   bool is_second_iteration() const { return second_; }
 
   Call next() {
-    settle_timer();
-    settle_process();
-    for (;;) {
-      Call call = {kNothing, 0};
-      switch (phase_) {
-        case kTimers:
-          call = next_timer();
-          break;
-        case kIdle:
-          call = next_idle();
-          break;
-        case kForced:
-          call = next_forced();
-          break;
-        case kRead:
-          call = next_ready(ready_read_, ORP_UV_READABLE);
-          break;
-        case kWrite:
-          call = next_ready(ready_write_, ORP_UV_WRITABLE);
-          break;
-        case kEnd:
-          return call;
-      }
+    settle_last();
+    for (; phase_ != kEnd; advance()) {
+      const Call call = phase_ == kForced ? next_forced() : next_watcher();
       if (call.id != kNothing) return call;
-      advance();
     }
+    return {kNothing, 0};
   }
 
  private:
@@ -112,14 +92,12 @@ class ExpectedRun {
 
   void enter(Phase phase) {
     phase_ = phase;
-    position_ = model_.successor(kNothing);
+    in_pass_ = false;
     if (phase == kRead || phase == kWrite) {
-      // Every pass begins with a safe point; the exceptional pass between the two has no calls.
       model_.skip = false;
-      model_.sweep();
-      position_ = model_.successor(kNothing);
-      in_pass_ = false;
+      model_.sweep();  // every pass begins with a safe point
     }
+    position_ = model_.successor(kNothing);
   }
 
   void advance() {
@@ -129,95 +107,81 @@ class ExpectedRun {
       case kIdle:
         return second_ ? enter(kEnd) : select();
       case kForced:
-        if (!ready_read_.empty() || !ready_write_.empty()) {
-          return delivered_ ? finish_iteration() : enter(kRead);
-        }
-        model_.sweep();
-        return finish_iteration();
+        if (ready_.empty()) model_.sweep();
+        if (!ready_.empty() && !delivered_) return enter(kRead);
+        break;
       case kRead:
-        model_.sweep();
+        model_.sweep();  // the exceptional pass, which has no calls
         return enter(kWrite);
       case kWrite:
-        return finish_iteration();
       case kEnd:
-        return;
+        break;
     }
+    start_second();
   }
 
-  void finish_iteration() {
+  void start_second() {
     second_ = true;
     enter(kTimers);
   }
 
   void select() {
     bool bad = false;
-    ready_read_.clear();
-    ready_write_.clear();
     for (const Item &item : model_.items) {
       if (item.freed || item.fd < 0) continue;
       bad |= item.broken && item.armed != 0;
-      if ((item.armed & ORP_UV_READABLE) != 0 && item.readable) ready_read_.insert(item.fd);
-      if ((item.armed & ORP_UV_WRITABLE) != 0) ready_write_.insert(item.fd);
+      const uint32_t possible = ORP_UV_WRITABLE | (item.readable ? ORP_UV_READABLE : 0);
+      if ((item.armed & possible) != 0) ready_[item.fd] = item.armed & possible;
     }
     if (bad) {
       for (Item &item : model_.items) {
-        if (item.broken) item.fd = -1;
-        item.broken = false;
+        if (std::exchange(item.broken, false)) item.fd = -1;
       }
-      return finish_iteration();
+      return start_second();
     }
     batch_.swap(model_.forced);
-    model_.forced.clear();
-    delivered_ = false;
     phase_ = kForced;
   }
 
-  Item *visit(uint32_t *id) {
-    *id = position_;
-    if (*id == kNothing) return nullptr;
-    position_ = model_.successor(*id);
-    return &model_.items[*id];
-  }
-
-  Call next_timer() {
-    uint32_t id;
-    while (Item *item = visit(&id)) {
-      if (item->kind != Item::kTimer || item->deleted || item->firing) continue;
-      if (item->ended) {
-        item->active = false;
-        item->deleted = true;
-      } else if (item->due) {
-        item->firing = true;
-        fired_ = id;
-        return {id, 0};
-      }
-    }
-    return {kNothing, 0};
-  }
-
-  void settle_timer() {
-    if (fired_ == kNothing) return;
-    Item &item = model_.items[fired_];
-    fired_ = kNothing;
-    item.firing = false;
-    if (item.count == 1) {
-      item.ended = true;
-    } else {
-      item.due = false;
-      if (item.count != 0) --item.count;
-    }
-  }
-
-  Call next_idle() {
+  Call next_watcher() {
     for (;;) {
       const Call exit = next_exit();
       if (exit.id != kNothing) return exit;
-      uint32_t id;
-      const Item *item = visit(&id);
-      if (item == nullptr) return {kNothing, 0};
-      if (item->kind == Item::kIdle) return {id, 0};
-      if (item->kind == Item::kReaper) exit_position_ = model_.successor(kNothing);
+      const uint32_t id = position_;
+      if (id == kNothing || (in_pass_ && model_.skip)) return {kNothing, 0};
+      position_ = model_.successor(id);
+      const uint32_t event = event_for(id);
+      if (event != kNothing) return {id, event};
     }
+  }
+
+  // The event of the call that a watcher gets in this phase, or kNothing.
+  uint32_t event_for(uint32_t id) {
+    Item &item = model_.items[id];
+    if (phase_ == kTimers && item.kind == Item::kTimer && !item.deleted && !item.firing) {
+      if (item.ended) {
+        item.active = false;
+        item.deleted = true;
+      } else if (item.due) {
+        item.firing = true;
+        last_ = id;
+        return 0;
+      }
+    }
+    if (phase_ == kIdle) {
+      if (item.kind == Item::kReaper) exit_position_ = model_.successor(kNothing);
+      if (item.kind == Item::kIdle) return 0;
+    }
+    if ((phase_ == kRead || phase_ == kWrite) && item.kind == Item::kIo && !item.deleted) {
+      const uint32_t event = phase_ == kRead ? ORP_UV_READABLE : ORP_UV_WRITABLE;
+      const auto ready = ready_.find(item.fd);
+      if (ready == ready_.end() || (ready->second & event) == 0) return kNothing;
+      const auto same = std::ranges::find(model_.forced, Call{id, event});
+      if (same != model_.forced.end()) model_.forced.erase(same);
+      in_pass_ = true;
+      return event;
+    }
+    return kNothing;
   }
 
   // The reaper's walk, inside its turn as an idle procedure.
@@ -228,17 +192,10 @@ class ExpectedRun {
       Item &item = model_.items[id];
       if (item.deleted || !item.exited) continue;
       item.exited = false;
-      reported_ = id;
+      last_ = id;
       return {id, 0};
     }
     return {kNothing, 0};
-  }
-
-  void settle_process() {
-    if (reported_ == kNothing) return;
-    model_.items[reported_].active = false;
-    model_.items[reported_].deleted = true;
-    reported_ = kNothing;
   }
 
   Call next_forced() {
@@ -252,26 +209,28 @@ class ExpectedRun {
     return {kNothing, 0};
   }
 
-  Call next_ready(const std::set<int> &ready, uint32_t event) {
-    if (in_pass_ && model_.skip) return {kNothing, 0};
-    uint32_t id;
-    while (const Item *item = visit(&id)) {
-      if (item->kind != Item::kIo || item->deleted || !ready.contains(item->fd)) continue;
-      const auto same = std::find(model_.forced.begin(), model_.forced.end(), Call{id, event});
-      if (same != model_.forced.end()) model_.forced.erase(same);
-      in_pass_ = true;
-      return {id, event};
+  // What the loop does with a timer or a process watcher when its call has returned.
+  void settle_last() {
+    if (last_ == kNothing) return;
+    Item &item = model_.items[std::exchange(last_, kNothing)];
+    if (item.kind == Item::kProcess) {
+      item.active = false;
+      item.deleted = true;
+      return;
     }
-    return {kNothing, 0};
+    item.firing = false;
+    item.ended |= item.count == 1;
+    item.due = item.count == 1;
+    if (item.count > 1) --item.count;
   }
 
   Model &model_;
   Phase phase_ = kTimers;
   uint32_t position_ = 0;  // item 0 is never freed
-  uint32_t fired_ = kNothing, reported_ = kNothing;
   uint32_t exit_position_ = kNothing;
+  uint32_t last_ = kNothing;
   bool second_ = false, delivered_ = false, in_pass_ = false;
-  std::set<int> ready_read_, ready_write_;
+  std::map<int, uint32_t> ready_;
   std::vector<Call> batch_;
 };
 
