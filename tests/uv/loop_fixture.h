@@ -49,14 +49,14 @@ class LoopTest : public testing::Test {
   uint32_t run(uint32_t idle_ms = 1) { return ORP_UV_LoopRun(&loop_, idle_ms); }
 
   // One iteration that ends at a safe point, when no descriptor is ready.
-  void turn() {
+  static void turn(OrpUvLoop *loop) {
     auto *io = new_record<OrpUvIo>();
-    OrpUvIoInit(&loop_, io, -1, [](OrpUvIo *self, uint32_t) {
+    OrpUvIoInit(loop, io, -1, [](OrpUvIo *self, uint32_t) {
       OrpUvLoopStop(self->head.loop);
       OrpUvIoDelete(self);
     });
     OrpUvIoForcedLoop(io, ORP_UV_READABLE);
-    EXPECT_EQ(ORP_OK, run(0));
+    EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(loop, 0));
   }
 
   // One end of a new socket pair is returned and belongs to the caller, the other one is `peer_`.

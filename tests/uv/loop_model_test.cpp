@@ -33,6 +33,15 @@ struct Item {
   uint32_t count = 0;
   // Process
   bool exited = false;
+
+  void remove() {
+    active = false;
+    deleted = true;
+  }
+  template <typename T>
+  T *as() const {
+    return reinterpret_cast<T *>(watcher);
+  }
 };
 
 // A callback by its watcher's number; kNothing: the run ends.
@@ -160,8 +169,7 @@ class ExpectedRun {
     Item &item = model_.items[id];
     if (phase_ == kTimers && item.kind == Item::kTimer && !item.deleted && !item.firing) {
       if (item.ended) {
-        item.active = false;
-        item.deleted = true;
+        item.remove();
       } else if (item.due) {
         item.firing = true;
         last_ = id;
@@ -213,11 +221,7 @@ class ExpectedRun {
   void settle_last() {
     if (last_ == kNothing) return;
     Item &item = model_.items[std::exchange(last_, kNothing)];
-    if (item.kind == Item::kProcess) {
-      item.active = false;
-      item.deleted = true;
-      return;
-    }
+    if (item.kind == Item::kProcess) return item.remove();
     item.firing = false;
     item.ended |= item.count == 1;
     item.due = item.count == 1;
@@ -249,8 +253,7 @@ class LoopModelTest : public testing::Test {
     }
 
     for (Item &item : model_.items) {
-      if (item.fd >= 0) ::close(item.fd);
-      if (item.peer >= 0) ::close(item.peer);
+      for (const int fd : {item.fd, item.peer}) ::close(fd);
       if (is_running(item)) end(&item);
     }
     model_ = {};
@@ -316,31 +319,29 @@ class LoopModelTest : public testing::Test {
 
   static bool is_running(const Item &item) {
     return item.kind == Item::kProcess && !item.deleted && !item.exited &&
-           reinterpret_cast<const OrpUvProcess *>(item.watcher)->pid > 0;
+           item.as<OrpUvProcess>()->pid > 0;
   }
 
   // Ends the child of a process watcher and lets the signal handler reap it.
   void end(Item *item) {
-    auto *process = reinterpret_cast<OrpUvProcess *>(item->watcher);
-    EXPECT_EQ(0u, OrpUvProcessKill(process, SIGKILL));
-    while (process->exited == 0) ::usleep(10);
+    EXPECT_EQ(0u, OrpUvProcessKill(item->as<OrpUvProcess>(), SIGKILL));
+    while (item->as<OrpUvProcess>()->exited == 0) ::usleep(10);
     item->exited = true;
   }
 
   void change_process(Item *item) {
     if (!is_running(*item)) return;
     if (pick(4) != 0) return end(item);
-    auto *process = reinterpret_cast<OrpUvProcess *>(item->watcher);
+    auto *process = item->as<OrpUvProcess>();
     EXPECT_EQ(ORP_OK, OrpUvWatcherDelete(&process->head));
-    item->active = false;
-    item->deleted = true;
+    item->remove();
     EXPECT_EQ(0u, OrpUvProcessKill(process, SIGKILL));
     EXPECT_EQ(128 + SIGKILL, ORP_UTIL_WaitForPidEx(process->pid, 0, 1, 0));
   }
 
   void change_io(uint32_t id) {
     Item &item = model_.items[id];
-    auto *io = reinterpret_cast<OrpUvIo *>(item.watcher);
+    auto *io = item.as<OrpUvIo>();
     const uint32_t events = pick(8);
     switch (pick(6)) {
       case 0:
@@ -372,26 +373,22 @@ class LoopModelTest : public testing::Test {
         item.armed = 0;
         item.fd = -1;
         item.broken = false;
-        item.active = false;
-        item.deleted = true;
+        item.remove();
     }
   }
 
-  void change_timer(Item &item) {
-    auto *timer = reinterpret_cast<OrpUvTimer *>(item.watcher);
-    switch (pick(6)) {
-      case 0:
-        OrpUtilTimerDel(timer);
-        item.ended = true;
-        break;
-      case 1:
-        EXPECT_EQ(ORP_OK, OrpUvTimerDelete(timer));
-        item.active = false;
-        item.deleted = true;
-        break;
-      default:
-        timer->expirySec = 1;
-        item.due = true;
+  void change_timer(Item *item) {
+    auto *timer = item->as<OrpUvTimer>();
+    const uint32_t choice = pick(6);
+    if (choice == 0) {
+      OrpUtilTimerDel(timer);
+      item->ended = true;
+    } else if (choice == 1) {
+      EXPECT_EQ(ORP_OK, OrpUvTimerDelete(timer));
+      item->remove();
+    } else {
+      timer->expirySec = 1;
+      item->due = true;
     }
   }
 
@@ -404,27 +401,17 @@ class LoopModelTest : public testing::Test {
       EXPECT_EQ(ORP_OK, OrpUvWatcherStart(item.watcher));
       if (!item.active) item.deleted = false;
       item.active = true;
-      return;
-    }
-    switch (item.kind) {
-      case Item::kIo:
-        if (in_callback && pick(6) == 0) {
-          const bool on = pick(2) != 0;
-          OrpUvIoSkipLoop(reinterpret_cast<OrpUvIo *>(item.watcher), on);
-          model_.skip = on;
-        }
-        return change_io(id);
-      case Item::kTimer:
-        return change_timer(item);
-      case Item::kIdle:
-        if (pick(3) != 0) return;
-        EXPECT_EQ(ORP_OK, OrpUvIdleStop(reinterpret_cast<OrpUvIdle *>(item.watcher)));
-        item.active = false;
-        item.deleted = true;
-        return;
-      case Item::kProcess:
-      case Item::kReaper:
-        return;
+    } else if (item.kind == Item::kTimer) {
+      change_timer(&item);
+    } else if (item.kind == Item::kIo) {
+      if (in_callback && pick(6) == 0) {
+        model_.skip = pick(2) != 0;
+        OrpUvIoSkipLoop(item.as<OrpUvIo>(), model_.skip);
+      }
+      change_io(id);
+    } else if (pick(3) == 0) {
+      EXPECT_EQ(ORP_OK, OrpUvIdleStop(item.as<OrpUvIdle>()));
+      item.remove();
     }
   }
 
@@ -488,9 +475,8 @@ class LoopModelTest : public testing::Test {
       EXPECT_EQ(item.active, (watcher->status & ORP_UV_ACTIVE) != 0);
       EXPECT_EQ(item.deleted, (watcher->status & ORP_UV_DELETED) != 0);
       if (item.kind == Item::kIo) {
-        const auto *io = reinterpret_cast<const OrpUvIo *>(watcher);
-        EXPECT_EQ(item.fd, io->fd);
-        EXPECT_EQ(item.armed, io->armed);
+        EXPECT_EQ(item.fd, item.as<OrpUvIo>()->fd);
+        EXPECT_EQ(item.armed, item.as<OrpUvIo>()->armed);
       }
       active += item.active;
       watcher = watcher->link;

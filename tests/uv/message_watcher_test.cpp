@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/bytes.h"
+#include "base/list.h"
 #include "base/memory.h"
 #include "msgapi/msg.h"
 #include "os/clock.h"
@@ -64,8 +65,7 @@ class MessageWatcherTest : public LoopTest {
   }
 
   // A request that waits for its answer on `watcher`; 0: without a time-out.
-  OrpUvMsgPending *expect_answer(OrpUvMsg *watcher, uint32_t type, uint32_t seq,
-                                 uint32_t timeout_ms) {
+  void expect_answer(OrpUvMsg *watcher, uint32_t type, uint32_t seq, uint32_t timeout_ms) {
     auto *entry = new_record<OrpUvMsgPending>();
     entry->key1 = type;
     entry->key2 = seq;
@@ -76,10 +76,7 @@ class MessageWatcherTest : public LoopTest {
       entry->timer =
           OrpUtilTimerAdd(timeout_ms, 1, UvMsgWatcherTimeout, reinterpret_cast<ORP_WORD>(entry));
     }
-    OrpUvMsgPending **place = &watcher->pending;
-    while (*place != nullptr) place = &(*place)->link;
-    *place = entry;
-    return entry;
+    list_append(watcher->pending, entry);
   }
 
   static void took(ORP_MSG_HEADER_ST *message) {
@@ -126,30 +123,22 @@ TEST_F(MessageWatcherTest, CostsThreeSystemCallsWithABodyAndTwoWithout) {
   EXPECT_EQ(3u, count_calls("body"));
 }
 
-TEST_F(MessageWatcherTest, WaitsForTheMissingPieces) {
-  receive_from(socket());
-  const std::string bytes = frame(1, 1, "piece by piece");
-  std::thread writer([&] {
-    for (const char byte : bytes) EXPECT_EQ(1, ::write(peer_, &byte, 1));
-  });
-
-  on_message = [&] { OrpUvLoopStop(&loop_); };
-  EXPECT_EQ(ORP_OK, run(0));
-  writer.join();
-
-  EXPECT_THAT(calls, ElementsAre("1:piece by piece"));
-}
-
-TEST_F(MessageWatcherTest, ReadsFromPipesToo) {
+TEST_F(MessageWatcherTest, WaitsForTheMissingPiecesAlsoOnAPipe) {
   int pipe[2];
   ASSERT_EQ(0, ::pipe2(pipe, O_CLOEXEC));
-  peer_ = pipe[1];
-  receive_from(pipe[0]);
-  send(frame(1, 1, "one") + frame(2, 1, ""));
+  const struct { int reader, writer; } cases[] = {{socket(), peer_}, {pipe[0], pipe[1]}};
+  on_message = [&] { OrpUvLoopStop(&loop_); };
+  for (const auto &c : cases) {
+    receive_from(c.reader);
+    const std::string bytes = frame(1, 1, "piece by piece");
+    std::thread writer([&] {
+      for (const char byte : bytes) EXPECT_EQ(1, ::write(c.writer, &byte, 1));
+    });
+    EXPECT_EQ(ORP_OK, run(0));
+    writer.join();
+  }
 
-  run();
-
-  EXPECT_THAT(calls, ElementsAre("1:one", "2:"));
+  EXPECT_THAT(calls, ElementsAre("1:piece by piece", "1:piece by piece"));
   ::close(pipe[1]);
 }
 
@@ -298,7 +287,7 @@ TEST_F(MessageWatcherTest, RequestOutlivesItsWatcherUntilItsTimerEndsIt) {
   send(frame(1, 1, ""));
   on_message = [&] { EXPECT_EQ(ORP_OK, OrpUvMsgDelete(watcher)); };
   run();
-  turn();
+  turn(&loop_);
   ASSERT_EQ(nullptr, loop_.watchers);
 
   on_message = [] { OrpUvLoopStop(OrpUvLoopGetDefault()); };

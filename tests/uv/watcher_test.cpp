@@ -45,7 +45,7 @@ TEST_F(WatcherTest, IterationVisitsAllInOrderAndSurvivesDeletionAndARun) {
   EXPECT_EQ(ORP_OK, OrpUvWatcherIterateItem(&loop_, reinterpret_cast<ORP_WORD>(&visited), visit));
 
   EXPECT_EQ(watchers, visited);
-  turn();
+  turn(&loop_);
   EXPECT_EQ(nullptr, loop_.watchers);
   EXPECT_EQ(ORP_ERR_SYSTEM, OrpUvWatcherIterateItem(&loop_, 0, nullptr));
 }
