@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "base/memory.h"
-#include "support/allocation.h"
 
 namespace msgapi {
 namespace {
@@ -20,16 +19,9 @@ constexpr ORP_WORD kContext = 77;
 
 class NotifierTest : public testing::Test {
  protected:
-  NotifierTest() {
-    called.clear();
-    results.clear();
-    on_call = nullptr;
-    EXPECT_EQ(ORP_OK, ORP_UTIL_NotifierInitEx(kContext, &notifier_));
-  }
+  NotifierTest() { EXPECT_EQ(ORP_OK, ORP_UTIL_NotifierInitEx(kContext, &notifier_)); }
   ~NotifierTest() override {
-    while (notifier_->entries != nullptr) {
-      ORP_UTIL_NotifierUnReg(notifier_, notifier_->entries);
-    }
+    remove_all();
     std::free(notifier_);
   }
 
@@ -38,10 +30,13 @@ class NotifierTest : public testing::Test {
     EXPECT_EQ(ORP_OK, ORP_UTIL_NotifierReg(notifier_, call, priority, data, &entry));
     return entry;
   }
-  std::vector<ORP_WORD> notify(uint32_t stop = 0) {
+  std::vector<ORP_WORD> notify(uint32_t stop = 0, uint32_t expected = 0) {
     called.clear();
-    result_ = ORP_UTIL_NotifierDoNotifyExtend(notifier_, stop, nullptr);
+    EXPECT_EQ(expected, ORP_UTIL_NotifierDoNotifyExtend(notifier_, stop, nullptr));
     return called;
+  }
+  void remove_all() {
+    while (notifier_->entries != nullptr) ORP_UTIL_NotifierUnReg(notifier_, notifier_->entries);
   }
 
   static uint32_t call(ORP_WORD context, ORP_WORD data) {
@@ -52,7 +47,6 @@ class NotifierTest : public testing::Test {
   }
 
   ORP_UTIL_NOTIFIER_ST *notifier_ = nullptr;
-  uint32_t result_ = 0;
   static inline std::vector<ORP_WORD> called;
   static inline std::map<ORP_WORD, uint32_t> results;
   static inline std::function<void(ORP_WORD)> on_call;
@@ -63,7 +57,7 @@ TEST_F(NotifierTest, CallsInOrderOfPriority) {
   for (ORP_WORD i = 0; i < 4; ++i) add(priorities[i], i);
   EXPECT_THAT(notify(), ElementsAre(1, 3, 0, 2));
 
-  while (notifier_->entries != nullptr) ORP_UTIL_NotifierUnReg(notifier_, notifier_->entries);
+  remove_all();
   for (ORP_WORD i = 0; i < 4; ++i) {
     EXPECT_EQ(ORP_OK, ORP_UTIL_NotifierReverseReg(notifier_, call, priorities[i], i, nullptr));
   }
@@ -77,25 +71,19 @@ TEST_F(NotifierTest, StopsAtTheFirstFailureWhenAskedTo) {
   for (ORP_WORD i = 0; i < 3; ++i) add(1, i);
   results[1] = ORP_ERR_ARGUMENT;
 
-  EXPECT_THAT(notify(1), ElementsAre(0, 1));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, result_);
-  EXPECT_THAT(notify(0), ElementsAre(0, 1, 2));
-  EXPECT_EQ(0u, result_) << "the last result";
+  EXPECT_THAT(notify(1, ORP_ERR_ARGUMENT), ElementsAre(0, 1));
+  EXPECT_THAT(notify(0, 0), ElementsAre(0, 1, 2)) << "the last result";
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_NotifierDoNotifyWrapEx("dir/caller", 0, notifier_, 1));
-  EXPECT_EQ(0u, ORP_UTIL_NotifierDoNotifyWrapEx(nullptr, 0, notifier_, 0));
 }
 
 TEST_F(NotifierTest, HooksFilterAndSurroundEachCall) {
   static std::vector<std::string> record;
-  record.clear();
   ORP_UTIL_NOTIFIER_HOOKS_ST hooks = {};
-  hooks.pre = [](ORP_WORD, ORP_UTIL_NOTIFIER_ENTRY_ST *entry) {
-    record.push_back("pre " + std::string(entry->name));
-  };
-  hooks.post = [](ORP_WORD, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, uint32_t result) {
+  hooks.pre = [](ORP_WORD, auto *entry) { record.push_back("pre " + std::string(entry->name)); };
+  hooks.post = [](ORP_WORD, auto *entry, uint32_t result) {
     record.push_back("post " + std::string(entry->name) + std::to_string(result));
   };
-  hooks.filter = [](ORP_WORD, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, ORP_WORD argument) {
+  hooks.filter = [](ORP_WORD, auto *entry, ORP_WORD argument) {
     return static_cast<uint32_t>(entry->data != argument);
   };
   hooks.filterArgument = 1;
@@ -131,16 +119,14 @@ TEST_F(NotifierTest, EntriesMayGoAndComeDuringANotification) {
 }
 
 TEST_F(NotifierTest, ReportsMissingArgumentsAndMemory) {
-  auto *entry = reinterpret_cast<ORP_UTIL_NOTIFIER_ENTRY_ST *>(1);
+  ORP_UTIL_NOTIFIER_ENTRY_ST *entry = add(1, 1);
   const ORP_UTIL_NOTIFIER_PAIR_ST no_procedure = {nullptr, "name"};
-
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_NotifierRegEx(notifier_, &no_procedure, 1, 0, &entry));
   EXPECT_EQ(nullptr, entry);
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_NotifierRegEx(notifier_, nullptr, 1, 0, nullptr));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_NotifierDoNotifyExtend(nullptr, 0, nullptr));
+
+  ORP_UTIL_NOTIFIER_ST *other = notifier_;
   fail_allocation(1);
   EXPECT_EQ(ORP_ERR_MEMORY, ORP_UTIL_NotifierReg(notifier_, call, 1, 0, nullptr));
-  ORP_UTIL_NOTIFIER_ST *other = notifier_;
   fail_allocation(1);
   EXPECT_EQ(ORP_ERR_MEMORY, ORP_UTIL_NotifierInitEx(0, &other));
   EXPECT_EQ(nullptr, other);

@@ -32,11 +32,6 @@ class Command {
 
 class ProcessTest : public LoopTest {
  protected:
-  ProcessTest() {
-    output.clear();
-    left = 0;
-    on_exit = nullptr;
-  }
   ~ProcessTest() override {
     EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG)) << "a zombie or a running child is left";
   }

@@ -13,13 +13,10 @@ using testing::ElementsAre;
 
 class SocketBaseTest : public LoopTest {
  protected:
-  SocketBaseTest() {
-    on_event = [](ORP_UTIL_SOCKBASE_ST *) { OrpUvLoopStop(OrpUvLoopGetDefault()); };
-  }
-
   static void event(ORP_UTIL_SOCKBASE_ST *sock_base, uint32_t event) {
     recorded(std::to_string(sock_base->io.head.data) + ":" + std::to_string(event));
-    on_event(sock_base);
+    OrpUvLoopStop(OrpUvLoopGetDefault());
+    if (on_event) on_event(sock_base);
   }
 
   static inline std::function<void(ORP_UTIL_SOCKBASE_ST *)> on_event;
@@ -78,7 +75,6 @@ TEST_F(SocketBaseTest, DeletesByWatcherOrDescriptorInsideACallback) {
   auto *plain = new_record<OrpUvIo>();
   OrpUvIoInit(nullptr, plain, plain_fd, record_event);
   on_event = [&](ORP_UTIL_SOCKBASE_ST *self) {
-    OrpUvLoopStop(OrpUvLoopGetDefault());
     ORP_UTIL_SockBaseDeleteNew(plain_fd);
     ORP_UTIL_SockBaseDeleteNew(-1);
     ORP_UTIL_SockBaseDeleteNew(self->io.fd);
@@ -100,7 +96,6 @@ TEST_F(SocketBaseTest, ResponseWaitEndsByResponseOrTimeOut) {
     EXPECT_EQ(7u, response->userValue);
     recorded(response->timedOut ? "timeout" : "response");
     ORP_UTIL_SocketbaseAsyncEvtDestroy(response);
-    OrpUvLoopStop(OrpUvLoopGetDefault());
   };
 
   wait = ORP_UTIL_SockbaseWaitSockRespAsync(readable_socket(), 0, 60000, 7, event);

@@ -9,23 +9,14 @@
 namespace msgapi {
 namespace {
 
-// Fired timers by their data, and what a timer procedure does besides.
-std::vector<ORP_WORD> g_fired;
-std::function<void()> g_on_fire;
+using testing::ElementsAre;
 
 void fired(ORP_WORD data) {
-  g_fired.push_back(data);
-  if (g_on_fire) g_on_fire();
+  LoopTest::recorded(std::to_string(data));
 }
 
 class TimerTest : public LoopTest {
  protected:
-  TimerTest() {
-    g_fired.clear();
-    g_on_fire = nullptr;
-    loop_.now = {1000, 0};
-  }
-
   // A timer of the loop that expires `expiry`.
   OrpUvTimer *timer(ORP_TIME_ST expiry, uint32_t interval_ms, uint32_t count, ORP_WORD data) {
     auto *timer = new_record<OrpUvTimer>();
@@ -54,12 +45,12 @@ TEST_F(TimerTest, CountsFromTheStartOfTheIterationAndCatchesNothingUp) {
 
   EXPECT_THAT(pass_at(1000, 499999), IsTime(0, 1));
   EXPECT_THAT(pass_at(1010, 250000), IsTime(1, 500000)) << "five periods late";
-  EXPECT_EQ(1u, g_fired.size());
+  EXPECT_EQ(1u, calls.size());
   EXPECT_THAT(pass_at(1010, 750000), IsTime(1, 0));
-  EXPECT_EQ(1u, g_fired.size());
+  EXPECT_EQ(1u, calls.size());
   pass_at(1011, 750000);
   pass_at(1014, 0);
-  EXPECT_EQ(3u, g_fired.size());
+  EXPECT_EQ(3u, calls.size());
   EXPECT_EQ(nullptr, three->callback);
 }
 
@@ -73,7 +64,7 @@ TEST_F(TimerTest, LimitsTheWaitToTheNearestExpiryOrTheIdleTime) {
   timer({1002, 0}, 0, 1, 2);
   timer({0, 0}, 1, 1, 3);
   EXPECT_THAT(pass_at(1000, 200000), IsTime(1, 900000)) << "sleeping timers do not count";
-  EXPECT_TRUE(g_fired.empty());
+  EXPECT_TRUE(calls.empty());
 }
 
 TEST_F(TimerTest, ChangeOfPeriodKeepsOnlyTheFirstExpiryTenMillisecondsAway) {
@@ -98,7 +89,7 @@ TEST_F(TimerTest, ChangeOfPeriodKeepsOnlyTheFirstExpiryTenMillisecondsAway) {
   OrpUtilTimerChgPeriod(changed, 0);
   EXPECT_EQ(0x7fffffff, changed->expirySec);
   pass_at(0x7fffffff, 1);
-  EXPECT_TRUE(g_fired.empty()) << "interval 0 sleeps";
+  EXPECT_TRUE(calls.empty()) << "interval 0 sleeps";
 }
 
 TEST_F(TimerTest, AddedTimersBelongToTheDefaultLoop) {
@@ -113,11 +104,11 @@ TEST_F(TimerTest, AddedTimersBelongToTheDefaultLoop) {
 
   EXPECT_STREQ("a name of twent", named->name);
   EXPECT_EQ(nullptr, ended);
-  g_on_fire = [] {
-    if (g_fired.size() == 2) OrpUvLoopStop(OrpUvLoopGetDefault());
+  on_recorded = [] {
+    if (calls.size() == 2) OrpUvLoopStop(OrpUvLoopGetDefault());
   };
   EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 0));
-  EXPECT_THAT(g_fired, testing::ElementsAre(7u, 10u));
+  EXPECT_THAT(calls, ElementsAre("7", "10"));
 }
 
 TEST_F(TimerTest, StartedBehindTheTimerPassItDoesNotWaitForTheNextEvent) {
@@ -127,11 +118,11 @@ TEST_F(TimerTest, StartedBehindTheTimerPassItDoesNotWaitForTheNextEvent) {
     OrpUvTimerInit(self->head.loop, late);
     OrpUvTimerStart(late, 1, 1, fired, 1);
   });
-  g_on_fire = [&] { OrpUvLoopStop(&loop_); };
+  on_recorded = [&] { OrpUvLoopStop(&loop_); };
 
   EXPECT_EQ(ORP_OK, run(0));
 
-  EXPECT_THAT(g_fired, testing::ElementsAre(1u));
+  EXPECT_THAT(calls, ElementsAre("1"));
 }
 
 TEST(TimerGetIntv, IsNeverNegative) {
