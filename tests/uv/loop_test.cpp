@@ -103,14 +103,6 @@ TEST_F(LoopTest, DescriptorClosedByAnEarlierCallbackIsNotReady) {
   EXPECT_THAT(calls, ElementsAre("1:1"));
 }
 
-TEST_F(LoopTest, ForcedEventIsDeliveredThoughTheIdleTimeIsShort) {
-  OrpUvIoForcedLoop(watch(socket(), 0, 1), 1);
-
-  EXPECT_EQ(ORP_ERR_TIMEOUT, run(1));
-
-  EXPECT_THAT(calls, ElementsAre("1:1"));
-}
-
 TEST_F(LoopTest, LosesADescriptorThatWasClosedBehindItsBack) {
   OrpUvIo *bad = watch(socket(), 7, 1);
   watch(-1, ORP_UV_READABLE, 2);

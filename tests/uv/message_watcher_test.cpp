@@ -293,20 +293,5 @@ TEST_F(MessageWatcherTest, DestroyedLoopsLeaveNoRequestBehind) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
-TEST_F(MessageWatcherTest, DeletedWhileItsHeaderIsLookedAtItReadsNoFurther) {
-  static OrpUvMsg *watcher;
-  watcher = receive_from(socket());
-  watcher->lengthProc = [](ORP_MSG_HEADER_ST *, uint32_t *) {
-    OrpUvMsgDelete(watcher);
-    return 4u;
-  };
-  send(frame(1, 1, "body"));
-
-  run();
-
-  EXPECT_THAT(calls, IsEmpty());
-  EXPECT_EQ(1u, uv::g_message_drops.read_failed);
-}
-
 }  // namespace
 }  // namespace msgapi

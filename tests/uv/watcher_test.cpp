@@ -1,21 +1,12 @@
 #include "uv/watcher.h"
 
 #include "base/memory.h"
-#include "support/allocation.h"
 #include "uv/loop_fixture.h"
 
 namespace msgapi {
 namespace {
 
 using WatcherTest = LoopTest;
-
-TEST_F(WatcherTest, OperationsRefuseWhatHasNoLoop) {
-  OrpUvWatcher without_loop = {};
-
-  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvWatcherStart(&without_loop));
-  EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvWatcherDelete(&without_loop));
-  EXPECT_EQ(0u, without_loop.status);
-}
 
 TEST_F(WatcherTest, InitialisedTwiceStandsOnceAtTheEnd) {
   OrpUvWatcher *twice = &new_record<OrpUvIdle>()->head, *other = &new_record<OrpUvIdle>()->head;
@@ -64,18 +55,10 @@ TEST_F(WatcherTest, SafeFreeWorksOnlyWithItsWatcher) {
   run();
   EXPECT_EQ(0u, loop_.deferredFree->head.data);
 
-  // What waits goes with the watcher and with the loop; the leak checker watches.
+  // What waits goes with the loop; the leak checker watches.
   EXPECT_EQ(ORP_OK, OrpUvLoopSafeFree(&loop_, std::malloc(1)));
-  ORP_UV_LoopDestroy(&loop_);
-  EXPECT_EQ(nullptr, loop_.deferredFree);
-}
-
-TEST_F(WatcherTest, DestroyEmptiesTheLoop) {
   OrpUvIoForcedLoop(watch(socket(), 1), 1);
-  loop_.idleTime = 5;
-
   ORP_UV_LoopDestroy(&loop_);
-
   OrpUvLoop fresh;
   OrpUvLoopInit(&fresh);
   EXPECT_EQ(0, std::memcmp(&fresh, &loop_, sizeof fresh));
