@@ -248,57 +248,45 @@ class LoopModelTest : public testing::Test {
 
   uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
 
-  void add(Item::Kind kind, OrpUvWatcher *watcher) {
-    watcher->data = model_.items.size();
-    model_.items.push_back({.kind = kind, .watcher = watcher});
+  void add(const Item &item) {
+    item.watcher->data = model_.items.size();
+    model_.items.push_back(item);
   }
 
   void add_idle() {
-    OrpUvIdle *idle = ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
-      test_->called({static_cast<uint32_t>(self->head.data), 0});
-    });
-    add(Item::kIdle, &idle->head);
+    OrpUvIdle *idle = ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) { called(self->head.data); });
+    add({.kind = Item::kIdle, .watcher = &idle->head});
   }
 
   void add_timer() {
     auto *timer = new_record<OrpUvTimer>();
     OrpUvTimerInit(&loop_, timer);
     const uint32_t count = pick(3);
-    OrpUvTimerStart(
-        timer, kFar_ms, count,
-        [](ORP_WORD id) {
-          test_->called({static_cast<uint32_t>(id), 0});
-        },
-        model_.items.size());
-    add(Item::kTimer, &timer->head);
-    model_.items.back().count = count;
+    const ORP_TIMER_PROC call = [](ORP_WORD id) { called(id); };
+    OrpUvTimerStart(timer, kFar_ms, count, call, 0);
+    add({.kind = Item::kTimer, .watcher = &timer->head, .count = count});
   }
 
   void add_io() {
     int pair[2];
     ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
     auto *io = new_record<OrpUvIo>();
-    OrpUvIoInit(&loop_, io, pair[0], [](OrpUvIo *self, uint32_t event) {
-      test_->called({static_cast<uint32_t>(self->head.data), event});
-    });
-    add(Item::kIo, &io->head);
-    Item &item = model_.items.back();
-    item.active = false;
-    item.fd = pair[0];
-    item.peer = pair[1];
+    OrpUvIoInit(&loop_, io, pair[0],
+                [](OrpUvIo *self, uint32_t event) { called(self->head.data, event); });
+    add({.kind = Item::kIo, .watcher = &io->head, .active = false, .fd = pair[0], .peer = pair[1]});
   }
 
   void add_process() {
     Command command({"/bin/sleep", "1000"});
     command.options.exitProc = [](OrpUvProcess *self, int32_t, uint32_t, uint32_t signal) {
       EXPECT_EQ(9u, signal);
-      test_->called({static_cast<uint32_t>(self->head.data), 0});
+      called(self->head.data);
     };
     const bool is_first = loop_.reaper == nullptr;
     OrpUvProcess *process = nullptr;
     ASSERT_EQ(ORP_OK, OrpUvProcessSpawn(nullptr, &process, &command.options));
-    add(Item::kProcess, &process->head);
-    if (is_first) add(Item::kReaper, &loop_.reaper->head);
+    add({.kind = Item::kProcess, .watcher = &process->head});
+    if (is_first) add({.kind = Item::kReaper, .watcher = &loop_.reaper->head});
   }
 
   static bool is_running(const Item &item) {
@@ -431,7 +419,11 @@ class LoopModelTest : public testing::Test {
     compare_records();
   }
 
-  void called(Call call) {
+  static void called(ORP_WORD id, uint32_t event = 0) {
+    test_->check_call({static_cast<uint32_t>(id), event});
+  }
+
+  void check_call(Call call) {
     ++calls_;
     if (!HasFailure()) {
       EXPECT_EQ(runs_.back()->next(), call) << "call " << calls_;

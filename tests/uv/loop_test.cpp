@@ -24,11 +24,8 @@ void record_idle(OrpUvIdle *idle) {
 }
 
 TEST_F(LoopTest, IteratesTimersThenIdleProceduresThenDescriptorsByEvent) {
-  const int both = readable_socket();
-  ASSERT_EQ(1, ::send(peer_, "!", 1, 0));
-  watch(both, ORP_UV_READABLE | ORP_UV_WRITABLE, 1);
-  const int urgent = tcp_socket_with_urgent_data();
-  watch(urgent, ORP_UV_EXCEPTION, 2);
+  watch(readable_socket(), ORP_UV_READABLE | ORP_UV_WRITABLE, 1);
+  watch(tcp_socket_with_urgent_data(), ORP_UV_EXCEPTION, 2);
   watch(readable_socket(), ORP_UV_READABLE, 3);
   ORP_UV_IdleStart(&loop_, record_idle)->head.data = 1;
   auto *timer = new_record<OrpUvTimer>();
@@ -44,27 +41,19 @@ TEST_F(LoopTest, IteratesTimersThenIdleProceduresThenDescriptorsByEvent) {
   EXPECT_EQ(1u, OrpUvLoopGetCurIdx(&loop_));
 }
 
-TEST_F(LoopTest, NullMeansTheDefaultLoopExceptWhereItCouldHarm) {
-  OrpUvLoopStop(nullptr);
-  OrpUvLoopInit(nullptr);
-  OrpUvLoopSetIdleTime(nullptr, 7);
-
-  EXPECT_EQ(7u, OrpUvLoopGetDefault()->idleTime);
-  EXPECT_EQ(ORP_UV_LOOP_INITIALISED, OrpUvLoopGetDefault()->flags);
-  EXPECT_EQ(ORP_ERR_TIMEOUT, OrpUvLoopRun(nullptr, 1));
-}
-
 TEST_F(LoopTest, StopEndsTheRunBeforeTheWaitAndIsForgotten) {
-  ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
+  OrpUvLoop *loop = OrpUvLoopGetDefault();
+  ORP_UV_IdleStart(nullptr, [](OrpUvIdle *self) {
     record_idle(self);
     OrpUvLoopStop(self->head.loop);
   });
 
-  EXPECT_EQ(ORP_OK, run(0));
-  EXPECT_EQ(0u, loop_.iteration);
-  EXPECT_EQ(ORP_OK, run(0));
-  OrpUvLoopStop(&loop_);
-  EXPECT_EQ(ORP_OK, run(0)) << "stopped before it began";
+  OrpUvLoopStop(nullptr);  // which is not the default loop here
+  EXPECT_EQ(ORP_OK, OrpUvLoopRun(nullptr, 0));
+  EXPECT_EQ(0u, loop->iteration);
+  EXPECT_EQ(ORP_OK, OrpUvLoopRun(loop, 0));
+  OrpUvLoopStop(loop);
+  EXPECT_EQ(ORP_OK, OrpUvLoopRun(loop, 0)) << "stopped before it began";
 
   EXPECT_THAT(calls, ElementsAre("idle0", "idle0"));
 }
@@ -151,27 +140,20 @@ TEST_F(LoopTest, DescriptorsBeyondTheSetsAreKeptButNeverWaitedFor) {
   ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
   const int low = readable_socket();
   const OrpUvLoop before = loop_;
-  OrpUvIo *beyond = nullptr;
   for (const int number : {1024, 1100, 2047}) {
-    beyond = watch(::fcntl(low, F_DUPFD_CLOEXEC, number), 7, 1);
-    ASSERT_EQ(number, beyond->fd);
+    ASSERT_EQ(number, watch(::fcntl(low, F_DUPFD_CLOEXEC, number), 7, 1)->fd);
   }
   EXPECT_EQ(0, std::memcmp(before.readSet, loop_.readSet,
                            offsetof(OrpUvLoop, selectTimeout) - offsetof(OrpUvLoop, readSet)));
 
   EXPECT_EQ(ORP_ERR_TIMEOUT, run(1));
   EXPECT_THAT(calls, IsEmpty());
-  OrpUvIoForcedLoop(beyond, ORP_UV_READABLE);
-  run(1);
-  EXPECT_THAT(calls, ElementsAre("1:1"));
-  EXPECT_EQ(ORP_OK, OrpUvIoDelete(beyond));
-  EXPECT_EQ(-1, ::fcntl(2047, F_GETFD));
 
   watch(::fcntl(low, F_DUPFD_CLOEXEC, 1023), ORP_UV_READABLE, 1023);
   EXPECT_EQ(1023, OrpUvLoopGetMaxFd(&loop_));
   on_call = [&](OrpUvIo *) { OrpUvLoopStop(&loop_); };
   EXPECT_EQ(ORP_OK, run(0));
-  EXPECT_EQ("1023:1", calls.back());
+  EXPECT_THAT(calls, ElementsAre("1023:1"));
   ::close(low);
 }
 

@@ -75,12 +75,14 @@ class ProcessTest : public LoopTest {
     }
   }
 
-  // "<data>: exit <code> signal <signal>"
+  static std::string end_of(ORP_WORD data, uint32_t code, uint32_t signal) {
+    return std::to_string(data) + ": exit " + std::to_string(code) + " signal " +
+           std::to_string(signal);
+  }
   static void record_exit(OrpUvProcess *process, int32_t pid, uint32_t code, uint32_t signal) {
     EXPECT_GT(pid, 0);
     EXPECT_EQ(-1, process->pid);
-    recorded(std::to_string(process->head.data) + ": exit " + std::to_string(code) + " signal " +
-             std::to_string(signal));
+    recorded(end_of(process->head.data, code, signal));
     if (on_exit) on_exit(process);
     if (--left == 0) OrpUvLoopStop(OrpUvLoopGetDefault());
   }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <grp.h>
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -70,14 +69,13 @@ TEST_F(ProcessTest, ReportsMissingArgumentsAndFailures) {
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvProcessSpawn(nullptr, &process, &options));
   EXPECT_EQ(nullptr, process);
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvProcessSpawn(nullptr, nullptr, nullptr));
-  options = command.options;
+  options.args = command.options.args;
   options.outputProc = record_output;
   options.flags = ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR;
   for (const uint32_t nth : {1u, 2u, 2u, 3u}) {  // the watcher, the reaper (once) and the two pipes
     fail_allocation(nth);
-    EXPECT_EQ(nth == 1 ? ORP_ERR_MEMORY : ORP_ERR_SYSTEM,
-              OrpUvProcessSpawn(nullptr, &process, &options));
-    EXPECT_EQ(nullptr, process);
+    const uint32_t expected = nth == 1 ? ORP_ERR_MEMORY : ORP_ERR_SYSTEM;
+    EXPECT_EQ(expected, OrpUvProcessSpawn(nullptr, nullptr, &options));
   }
   fail_allocation(0);
 }
@@ -145,7 +143,6 @@ TEST_F(ProcessTest, ClosesInheritedDescriptorsUpToTheLoopsHighest) {
   OrpUvLoopGetDefault()->maxFd = 20;
   command.options.keepFd = nullptr;
   EXPECT_EQ("21\n60\n", kept());
-  for (const int fd : {20, 21, 60}) ::close(fd);
 }
 
 TEST_F(ProcessTest, RunsAsAnotherUserWithItsGroups) {
@@ -248,17 +245,19 @@ TEST_F(ProcessTest, DeletedWatcherReportsNothingButTheStatusStaysKnownAndThePipe
   EXPECT_TRUE(output.empty());
 }
 
-TEST_F(ProcessTest, AnotherLoopReportsItsChildren) {
+TEST_F(ProcessTest, AnotherLoopReportsItsChildrenAndTheHandlerKeepsErrno) {
   Command command = Command::shell("exit 4");
   command.options.exitProc = [](OrpUvProcess *process, int32_t, uint32_t code, uint32_t) {
     recorded(std::to_string(code));
     OrpUvLoopStop(process->head.loop);
   };
   ASSERT_EQ(ORP_OK, OrpUvProcessSpawn(&loop_, nullptr, &command.options));
-
   EXPECT_EQ(ORP_OK, run(0));
-
   EXPECT_THAT(calls, ElementsAre("4"));
+
+  errno = 77;
+  ::raise(SIGCHLD);  // no child is left: the handler's waitpid() fails
+  EXPECT_EQ(77, errno);
 }
 
 TEST_F(ProcessTest, SignalThatReachesAnotherThreadIsHandledByTheLoops) {
@@ -284,17 +283,6 @@ TEST_F(ProcessTest, SignalThatReachesAnotherThreadIsHandledByTheLoops) {
   run_to_end();
 }
 
-TEST_F(ProcessTest, SignalHandlerKeepsErrno) {
-  Command command = Command::shell("exit 0");
-  spawn(command);
-  run_to_end();
-
-  errno = 77;
-  ::raise(SIGCHLD);  // no child is left: the handler's waitpid() fails
-
-  EXPECT_EQ(77, errno);
-}
-
 TEST_F(ProcessTest, ChildReapedJustBeforeTheWaitIsReportedNotTakenForIdleTime) {
   Command command({"/bin/sleep", "1000"});
   static OrpUvProcess *process;
@@ -316,7 +304,7 @@ using SyncSpawnTest = ProcessTest;
 
 TEST_F(SyncSpawnTest, ReturnsTheExitCode) {
   const test::FdCheck check;
-  Command exits = Command::shell("echo text; exit 42"), missing({"/no/such/program"});
+  Command exits = Command::shell("echo text; exit 42");
   Command killed = Command::shell("kill -9 $$"), terminated = Command::shell("kill -15 $$");
   exits.options.data = 8;
   exits.options.outputProc = record_output;
@@ -331,10 +319,6 @@ TEST_F(SyncSpawnTest, ReturnsTheExitCode) {
   EXPECT_EQ("text\n", output[8]);
   EXPECT_EQ(ORP_ERR_TIMEOUT, OrpUvProcessSpawnSync(&killed.options, 0));
   EXPECT_EQ(0u, OrpUvProcessSpawnSync(&terminated.options, 0));
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(127u, OrpUvProcessSpawnSync(&missing.options, 0));
-  testing::internal::GetCapturedStdout();
-
   EXPECT_THAT(calls, ElementsAre("8 42"));
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvProcessSpawnSync(nullptr, 0));
   fail_allocation(1);
@@ -391,25 +375,23 @@ TEST_F(ProcessTest, StormOfChildrenLosesNothing) {
   std::mt19937 random(test::seed());
   uint32_t started = 0, reported = 0;
 
-  const auto summary = [](ORP_WORD id, int exit, int signal, size_t output_size) {
-    return std::to_string(id) + ": exit " + std::to_string(exit) + " signal " +
-           std::to_string(signal) + " output " + std::to_string(output_size);
-  };
   const auto start_one = [&] {
     const ORP_WORD id = ++started;
     const auto random_size = [&] { return random() % 4 == 0 ? random() % 100000 : random() % 100; };
     const size_t out = random_size(), error = random_size();
-    constexpr int kSignals[] = {SIGKILL, SIGTERM, SIGUSR1};
-    const int end = random() % 4 == 0 ? -kSignals[random() % 3] : static_cast<int>(random() % 256);
-    expected[id] = summary(id, std::max(end, 0), std::max(-end, 0), out + error);
-    Command command({program, std::to_string(out), std::to_string(error), std::to_string(end)});
+    constexpr uint32_t kSignals[] = {SIGKILL, SIGTERM, SIGUSR1};
+    const uint32_t signal = random() % 4 == 0 ? kSignals[random() % 3] : 0;
+    const uint32_t exit = signal == 0 ? random() % 256 : 0;
+    expected[id] = end_of(id, exit, signal) + std::to_string(out + error);
+    Command command({program, std::to_string(out), std::to_string(error), std::to_string(exit),
+                     std::to_string(signal)});
     command.options.data = id;
     ASSERT_NE(nullptr, spawn(command, ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR));
   };
   on_exit = [&](OrpUvProcess *process) {
     const ORP_WORD id = process->head.data;
     ++reported;
-    EXPECT_EQ(expected[id], calls.back() + " output " + std::to_string(output[id].size()));
+    EXPECT_EQ(expected[id], calls.back() + std::to_string(output[id].size()));
     expected.erase(id);
     output.erase(id);
     calls.clear();

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-#include "base/memory.h"
 #include "support/allocation.h"
 #include "uv/loop_fixture.h"
 
@@ -76,7 +75,6 @@ TEST_F(SocketBaseTest, DeletesByWatcherOrDescriptorInsideACallback) {
   OrpUvIoInit(nullptr, plain, plain_fd, record_event);
   on_event = [&](ORP_UTIL_SOCKBASE_ST *self) {
     ORP_UTIL_SockBaseDeleteNew(plain_fd);
-    ORP_UTIL_SockBaseDeleteNew(-1);
     ORP_UTIL_SockBaseDeleteNew(self->io.fd);
   };
 
@@ -111,10 +109,6 @@ TEST_F(SocketBaseTest, ResponseWaitEndsByResponseOrTimeOut) {
 
 TEST_F(SocketBaseTest, WithoutMemoryTheDescriptorStaysTheCallers) {
   const int fd = socket();
-  ORP_UTIL_SOCKBASE_ST *made;
-  fail_allocation(1);
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UTIL_SockBaseReg(fd, 0, event, 1, 0, &made));
-  EXPECT_EQ(nullptr, made);
 
   EXPECT_EQ(3u, test::fail_every_allocation([&] {
               ORP_UTIL_SOCK_RESP_ST *wait = ORP_UTIL_SockbaseWaitSockRespAsync(fd, 0, 5, 7, event);

@@ -1,6 +1,6 @@
 /*
- * storm_child OUT ERR END: writes so many bytes to standard output and error, then exits with END
- * or, when END is negative, ends by that signal. In C so that it starts fast.
+ * storm_child OUT ERR EXIT SIGNAL: writes so many bytes to standard output and error, then ends by
+ * SIGNAL or, when that is 0, exits with EXIT. In C so that it starts fast.
  */
 #include <signal.h>
 #include <stdlib.h>
@@ -18,10 +18,9 @@ static void write_bytes(int fd, int byte, size_t size) {
 }
 
 int main(int argc, char **argv) {
-  if (argc != 4) return 98;
+  if (argc != 5) return 98;
   write_bytes(1, 'o', strtoul(argv[1], NULL, 10));
   write_bytes(2, 'e', strtoul(argv[2], NULL, 10));
-  const int end = atoi(argv[3]);
-  if (end < 0) raise(-end);
-  _exit(end);
+  if (atoi(argv[4]) != 0) raise(atoi(argv[4]));
+  _exit(atoi(argv[3]));
 }
