@@ -109,10 +109,6 @@ int echo() {
   return OrpUvLoopRun(nullptr, 20000) == 0 ? 0 : 1;
 }
 
-uint32_t stop(uint32_t module) {
-  return ORP_NOTIFYCLT_PostAsynNotify(module, kType, "stop", 4, "please", 6);
-}
-
 // What the module answers; "-" and the status when it does not.
 std::string ask(uint32_t module, const std::string &data) {
   void *reply = nullptr;
@@ -125,38 +121,40 @@ std::string ask(uint32_t module, const std::string &data) {
   return text;
 }
 
-class NotifyServer : public testing::Test {
- protected:
-  NotifyServer() : NotifyServer(std::vector<std::string>()) {}
-  explicit NotifyServer(const std::vector<std::string> &arguments)
-      : server_("notifyserver", arguments) {
-    EXPECT_TRUE(server_.wait_for("ready"));
+struct Server : test::Process {
+  explicit Server(const std::vector<std::string> &arguments = {})
+      : test::Process("notifyserver", arguments) {
+    EXPECT_TRUE(wait_for("ready"));
     ::alarm(60);
   }
 
   std::string statistics_at_end() {
-    EXPECT_EQ(0, server_.stop(SIGTERM));
-    return server_.output().substr(server_.output().rfind("received "));
+    EXPECT_EQ(0, stop(SIGTERM));
+    return output().substr(output().rfind("received "));
   }
-
-  test::Process server_;
 };
 
-TEST_F(NotifyServer, PassesRequestsAndNotificationsBetweenProcesses) {
-  Module web(&server_, kWeb, echo);
+TEST(NotifyServer, PassesRequestsAndNotificationsToTheOldestProcessOfAModule) {
+  Server server;
+  Module first(&server, kWeb, echo);
+  Module second(&server, kWeb, echo);
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
 
   EXPECT_EQ("question", ask(kWeb, "question"));
   const std::string large(6000000, 'x');
   EXPECT_EQ(large, ask(kWeb, large));
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, stop(kWeb));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, "stop", 4, "please", 6));
+  EXPECT_EQ(0, first.wait());
+  EXPECT_TRUE(server.wait_for(") left"));
+  EXPECT_EQ("still there", ask(kWeb, "still there"));
 
-  EXPECT_EQ(0, web.wait());
-  EXPECT_THAT(statistics_at_end(), HasSubstr("received 7 delivered 5 registered 2 answered 0 "
-                                             "unserved 0 no_module 0 overflows 0 died_with 0"));
+  EXPECT_THAT(server.statistics_at_end(),
+              HasSubstr("received 10 delivered 7 registered 3 answered 0 unserved 0 no_module 0 "
+                        "overflows 0 died_with 0"));
 }
 
-TEST_F(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
+TEST(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
+  Server server;
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
   Stranger stranger;
 
@@ -164,82 +162,61 @@ TEST_F(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
     EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostSimpleAsynNotify(module, kType, 1, 2));
   }
   EXPECT_EQ("", ask(ORP_NOTIFYCLT_SERVER, "what"));
-  EXPECT_TRUE(server_.wait_for("there is no module 99"));
+  EXPECT_TRUE(server.wait_for("there is no module 99"));
 
   stranger.send(message(0, ORP_NOTIFYCLT_SERVER, "abc"));
   for (const uint32_t module : {0u, 30u, 110u, UINT32_MAX}) stranger.send(registration(module));
-  EXPECT_TRUE(server_.wait_for("may not be registered as module 4294967295"));
-  EXPECT_THAT(statistics_at_end(), HasSubstr("registered 1 answered 1 unserved 5 no_module 5"));
+  EXPECT_TRUE(server.wait_for("may not be registered as module 4294967295"));
+  EXPECT_THAT(server.statistics_at_end(),
+              HasSubstr("registered 1 answered 1 unserved 5 no_module 5"));
 }
 
-TEST_F(NotifyServer, GivesAModulesMessagesToItsOldestProcess) {
-  Module first(&server_, kWeb, echo);
-  Module second(&server_, kWeb, echo);
-  ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
-
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, stop(kWeb));
-  EXPECT_EQ(0, first.wait());
-  EXPECT_TRUE(server_.wait_for(") left"));
-  EXPECT_EQ("still there", ask(kWeb, "still there"));
-}
-
-TEST_F(NotifyServer, PutsTogetherWhatArrivesByteByByte) {
+TEST(NotifyServer, PutsPiecesTogetherAndEndsOnlyTheClientThatSendsNonsense) {
+  Server server;
   Stranger web;
   Stranger cms;
   web.send(registration(kWeb));
-  EXPECT_TRUE(server_.wait_for("module 26"));
-
+  EXPECT_TRUE(server.wait_for("module 26"));
   const std::string bytes = message(kType, kWeb, "data") + message(kType, kWeb, "");
   for (const char byte : bytes) cms.send(std::string(1, byte));
-
   EXPECT_EQ(bytes, web.receive(bytes.size()));
-}
 
-TEST_F(NotifyServer, EndsOnlyTheClientThatSendsNonsense) {
-  Stranger web;
-  Stranger cms;
-  web.send(registration(kWeb) + message(kType, kWeb, "whole").substr(0, 50));
+  web.send(message(kType, kWeb, "whole").substr(0, 50));
   cms.send(registration(kCms) + message(kType, kCms, "ok") + message(kType, kWeb, "", 0x800001));
-
   EXPECT_EQ(message(kType, kCms, "ok"), cms.receive(1000));
-  EXPECT_TRUE(server_.wait_for("is disconnected: it announced more data"));
+  EXPECT_TRUE(server.wait_for("is disconnected: it announced more data"));
   ::shutdown(web.fd(), SHUT_WR);
-  EXPECT_TRUE(server_.wait_for("left in the middle of a message"));
-  EXPECT_THAT(statistics_at_end(), HasSubstr("malformed 1"));
+  EXPECT_TRUE(server.wait_for("left in the middle of a message"));
+  EXPECT_THAT(server.statistics_at_end(), HasSubstr("malformed 1"));
 }
 
-TEST_F(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
+TEST(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
+  Server server;
   test::Process second("notifyserver");
   EXPECT_EQ(1, second.wait());
   EXPECT_THAT(second.output(), HasSubstr("a server is running there"));
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
-  EXPECT_TRUE(server_.wait_for("module 8 (cms, process"));
-  ::kill(server_.pid(), SIGUSR1);
-  EXPECT_TRUE(server_.wait_for("clients 1"));
+  EXPECT_TRUE(server.wait_for("module 8 (cms, process"));
+  ::kill(server.pid(), SIGUSR1);
+  EXPECT_TRUE(server.wait_for("clients 1"));
 
-  EXPECT_EQ(0, server_.stop(SIGTERM));
+  EXPECT_EQ(0, server.stop(SIGTERM));
   EXPECT_NE(0, ::access(kSocketPath, F_OK));
   ORP_NOTIFYCLT_Destroy();
-  test::Process third("notifyserver");
-  EXPECT_TRUE(third.wait_for("ready"));
+  Server third;
   // What a server that was killed leaves is replaced.
   third.stop(SIGKILL);
-  test::Process fourth("notifyserver");
-  EXPECT_TRUE(fourth.wait_for("ready"));
+  Server fourth;
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
 }
 
-class NotifyServerWithShortQueues : public NotifyServer {
- protected:
-  NotifyServerWithShortQueues() : NotifyServer({"--queue", "100000"}) {}
-};
-
-TEST_F(NotifyServerWithShortQueues, LosesAndCountsWhatAClientDoesNotRead) {
+TEST(NotifyServer, LosesAndCountsWhatAClientDoesNotRead) {
+  Server server({"--queue", "100000"});
   constexpr uint32_t kMessages = 2000;
   Stranger web;
   web.send(registration(kWeb));
-  EXPECT_TRUE(server_.wait_for("module 26"));
-  Module led(&server_, 35, echo);
+  EXPECT_TRUE(server.wait_for("module 26"));
+  Module led(&server, 35, echo);
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
 
   const std::string data(1000, 'x');
@@ -248,10 +225,10 @@ TEST_F(NotifyServerWithShortQueues, LosesAndCountsWhatAClientDoesNotRead) {
               ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, &i, sizeof i, data.data(), 1000));
   }
   EXPECT_EQ("others are served", ask(35, "others are served"));
-  EXPECT_TRUE(server_.wait_for("does not read: its queue of 100000 bytes is full"));
-  ::kill(server_.pid(), SIGUSR1);
-  EXPECT_TRUE(server_.wait_for(" died_with 0 "));
-  const std::string output = server_.output();
+  EXPECT_TRUE(server.wait_for("does not read: its queue of 100000 bytes is full"));
+  ::kill(server.pid(), SIGUSR1);
+  EXPECT_TRUE(server.wait_for(" died_with 0 "));
+  const std::string output = server.output();
   uint32_t lost = 0;
   std::sscanf(output.c_str() + output.rfind("overflows"), "overflows %u", &lost);
   EXPECT_LT(0u, lost);
@@ -262,7 +239,7 @@ TEST_F(NotifyServerWithShortQueues, LosesAndCountsWhatAClientDoesNotRead) {
     ASSERT_EQ(sizeof(NOTIFY_MSG) + sizeof i + data.size(), bytes.size());
     ASSERT_EQ(0, std::memcmp(bytes.data() + sizeof(NOTIFY_MSG), &i, sizeof i));
   }
-  EXPECT_TRUE(server_.wait_for("reads again; " + std::to_string(lost) + " messages for it"));
+  EXPECT_TRUE(server.wait_for("reads again; " + std::to_string(lost) + " messages for it"));
 }
 
 }  // namespace
