@@ -46,6 +46,7 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 constexpr uint32_t kOwnId = 8;
@@ -107,12 +108,6 @@ NotifyMessage request(const std::string &data) {
 
 NotifyMessage reply(uint32_t sequence, const std::string &data) {
   return incoming(sequence, 1, ORP_NOTIFYCLT_REPLY, data);
-}
-
-// The head of a message with one byte more than a client takes.
-std::string too_long_head(NotifyMessage message) {
-  message.head.data_len = 0x800001;
-  return {reinterpret_cast<const char *>(&message.head), sizeof message.head};
 }
 
 void expect_message(const uint32_t (&head)[12], const std::string &data, const NotifyMessage &got) {
@@ -180,12 +175,16 @@ class NotifyClient : public testing::Test {
 
 // ---- Starting and ending ----
 
-TEST_F(NotifyClient, RegistersItsModule) {
+TEST_F(NotifyClient, RegistersItsModuleAndPostsItems) {
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kOwnId));
   server_.accept();
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, "first", 5, "2nd", 3));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, nullptr, 9, "x", 1));
   const uint32_t values[2] = {kOwnId, 0};
   expect_message({0, 1, kOwnId, 30, 0, 1, 8, 4, 4, 0, 0, 0},
                  {reinterpret_cast<const char *>(values), 8}, server_.receive());
+  expect_message({kType, 2, kOwnId, kOther, 0, 1, 8, 5, 3, 0, 0, 1}, "first2nd", server_.receive());
+  expect_message({kType, 3, kOwnId, kOther, 0, 1, 1, 0, 1, 0, 0, 1}, "x", server_.receive());
 
   char path[40];
   std::snprintf(path, sizeof path, "/var/run/notify/client%05d", ::getpid());
@@ -200,7 +199,6 @@ TEST_F(NotifyClient, RegistersItsModule) {
 TEST_F(NotifyClient, ConnectsOnlyForModulesThatThereAre) {
   EXPECT_EQ(108u, ORP_NOTIFYCLT_GetMIDByName("cloudeng"));
   EXPECT_EQ(0u, ORP_NOTIFYCLT_GetMIDByName("nobody"));
-  EXPECT_STREQ("oled", ORP_NOTIFYCLT_GetNameByMID(14));
   EXPECT_EQ(nullptr, ORP_NOTIFYCLT_GetNameByMID(UINT32_MAX));
   for (const uint32_t id : {0u, 110u}) EXPECT_EQ(0x10002u, ORP_NOTIFYCLT_Init(id));
   for (const char *name : {"sms", "CMS", static_cast<const char *>(nullptr)}) {
@@ -228,22 +226,22 @@ TEST(NotifyClientAlone, FailsWithoutAServerAndLeavesNothing) {
 TEST_F(NotifyClient, SurvivesAnyFailedAllocation) {
   const auto attempt = [&] {
     testing::internal::CaptureStdout();
-    uint32_t status = ORP_NOTIFYCLT_Init(kOwnId);
+    bool good = ORP_NOTIFYCLT_Init(kOwnId) == ORP_NOTIFYCLT_OK;
     server_.accept();
-    if (status == ORP_NOTIFYCLT_OK) status = ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
+    good = good && ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request) == ORP_NOTIFYCLT_OK;
     void *data = nullptr;
-    if (status == ORP_NOTIFYCLT_OK) {
+    if (good) {
       server_.send(notification("put aside"));
       server_.send(reply(2, "data"));
-      status = ask(&data);
+      good = ask(&data) == ORP_NOTIFYCLT_OK;
     }
-    EXPECT_EQ(status == ORP_NOTIFYCLT_OK, data != nullptr);
+    EXPECT_EQ(good, data != nullptr);
     std::free(data);
     ORP_NOTIFYCLT_Destroy();
     server_.close();
     ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
     testing::internal::GetCapturedStdout();
-    return status == ORP_NOTIFYCLT_OK;
+    return good;
   };
 
   EXPECT_LE(9u, test::fail_every_allocation(attempt));
@@ -269,18 +267,6 @@ TEST_F(NotifyClient, ForgetsEverythingWhenDestroyed) {
 }
 
 // ---- Sending ----
-
-TEST_F(NotifyClient, PostsTwoItems) {
-  connect();
-
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, "first", 5, "2nd", 3));
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, nullptr, 9, "x", 1));
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kOther, kType, "x", 0, nullptr, 0));
-
-  expect_message({kType, 2, kOwnId, kOther, 0, 1, 8, 5, 3, 0, 0, 1}, "first2nd", server_.receive());
-  expect_message({kType, 3, kOwnId, kOther, 0, 1, 1, 0, 1, 0, 0, 1}, "x", server_.receive());
-  EXPECT_EQ("", server_.receive().data);
-}
 
 TEST_F(NotifyClient, KeepsMessagesOfManyThreadsWhole) {
   connect();
@@ -320,20 +306,25 @@ TEST_F(NotifyClient, TellsWhenTheServerIsGone) {
 
 TEST_F(NotifyClient, RebootsWhenTenSendsInARowCouldNotWrite) {
   connect();
-  const int fd = client_fd();
-  // Of a descriptor that is not open the wait fails at once.
+  const int room = 4096;
+  ::setsockopt(client_fd(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+  g_wait_divisor = 1000;
   const auto fail_to_post = [](int times) {
-    ORP_NOTIFYCLT_SwitchSock(999);
-    while (times-- > 0) EXPECT_EQ(ORP_NOTIFYCLT_ERR_NOT_WRITABLE, post());
+    for (int failed = 0; failed < times;) {
+      const uint32_t status = post();
+      failed += status == ORP_NOTIFYCLT_ERR_NOT_WRITABLE;
+      EXPECT_TRUE(failed > 0 || status == ORP_NOTIFYCLT_OK);
+    }
   };
-  const auto post_well = [fd] {
-    ORP_NOTIFYCLT_SwitchSock(fd);
+  const auto post_well = [&] {
+    while (server_.has_received()) server_.receive();
     EXPECT_EQ(ORP_NOTIFYCLT_OK, post());
   };
 
-  EXPECT_THAT(output_of([&] { fail_to_post(9); }),
-              EndsWith("Send notify msg err -1:9, type=0x1234, src=[8], dest=[26], ack=[1]"
-                       ", failed time = [9]\n"));
+  EXPECT_THAT(
+      output_of([&] { fail_to_post(9); }),
+      MatchesRegex("(Send notify msg err 0:[0-9]+, type=0x1234, src=\\[8\\], dest=\\[26\\], "
+                   "ack=\\[1\\], failed time = \\[[1-9]\\]\n){9}"));
   EXPECT_EQ("", output_of(post_well));
   EXPECT_THAT(output_of([&] { fail_to_post(10); }), EndsWith("failed time = [10]\n"));
   EXPECT_EQ(
@@ -342,43 +333,17 @@ TEST_F(NotifyClient, RebootsWhenTenSendsInARowCouldNotWrite) {
       output_of(post_well));
 }
 
-TEST_F(NotifyClient, GivesUpWhenTheServerTakesNothingForTenSeconds) {
-  connect();
-  const int room = 4096;
-  ::setsockopt(client_fd(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-  g_wait_divisor = 100;
-  uint32_t status = ORP_NOTIFYCLT_OK;
-
-  EXPECT_THAT(output_of([&] {
-                for (int i = 0; i < 1000 && status == ORP_NOTIFYCLT_OK; ++i) status = post();
-              }),
-              StartsWith("Send notify msg err 0:"));
-  EXPECT_EQ(ORP_NOTIFYCLT_ERR_NOT_WRITABLE, status);
-}
-
 // ---- Receiving ----
 
-TEST_F(NotifyClient, HandsNotificationsToTheProcedureOfTheirType) {
+TEST_F(NotifyClient, HandsOverTheItemsThatLieInTheData) {
   connect();
-  NotifyMessage other = notification("other");
-  other.head.msg_type = 5;
-
-  deliver(other);  // nobody takes it
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification));
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegSyncMsgProc(5, take_request));
+  deliver(notification("nobody takes it"));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request));
   ORP_NOTIYCLT_RegMsgProc(nullptr, take_any_notification);
-  server_.send(notification("one"));
-  deliver(other);
-  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, nullptr);
-  deliver(notification("two"));
+  deliver(notification("one"));
+  EXPECT_THAT(g_calls, ElementsAre("any async 4660 \"one\" null"));
 
-  EXPECT_THAT(g_calls, ElementsAre("async \"one\" null", "any async 5 \"other\" null",
-                                   "any async 4660 \"two\" null"));
-}
-
-TEST_F(NotifyClient, HandsOverOnlyItemsThatLieInTheData) {
-  connect();
-  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification));
   const std::tuple<const char *, uint32_t, uint32_t, const char *> cases[] = {
       {"", 0, 0, "async null null"},
       {"ab", 0, 0, "async \"ab\" null"},
@@ -434,25 +399,19 @@ TEST_F(NotifyClient, ReadsDataThatArrivesInPieces) {
   EXPECT_THAT(g_calls, ElementsAre("async \"in pieces\" null"));
 }
 
-TEST_F(NotifyClient, TakesEightMebibytesAndRefusesMore) {
+TEST_F(NotifyClient, TakesEightMebibytes) {
   connect();
   static size_t length;
   ORP_NOTIFYCLT_RegAsyncMsgProc(
       kType, [](void *first, void *) { length = std::strlen(static_cast<char *>(first)); });
+  std::thread sender([&] { server_.send(notification(std::string(0x800000, 'x'))); });
 
-  std::thread sender([&] {
-    server_.send(notification(std::string(0x800000, 'x')));
-    server_.send_bytes(too_long_head(notification("")));
-  });
-  const std::string output = output_of([&] {
+  output_of([&] {
     while (length == 0) run_loop();
-    sender.join();
-    run_loop();
   });
 
   EXPECT_EQ(0x800000u, length);
-  EXPECT_THAT(output, HasSubstr("ooo notifyclient data Length too long: 800001, "
-                                "msg 1234 from 26 to 8.\n"));
+  sender.join();
 }
 
 TEST_F(NotifyClient, StaysInStepWithoutMemory) {
@@ -520,26 +479,6 @@ TEST_F(NotifyClient, GetsTheReplyToItsRequest) {
   EXPECT_EQ(0u, length);
 }
 
-TEST_F(NotifyClient, DeliversWhatArrivedDuringARequestAfterwards) {
-  connect();
-  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
-  ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
-  server_.send(notification("first"));
-  server_.send(request("second"));
-  server_.send(reply(1, "of an earlier request"));
-  server_.send(reply(2, "the reply"));
-
-  void *data = nullptr;
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ask(&data));
-  EXPECT_STREQ("the reply", static_cast<char *>(data));
-  EXPECT_THAT(g_calls, IsEmpty());
-  std::free(data);
-  run_loop();
-
-  EXPECT_THAT(g_calls, ElementsAre("async \"first\" null", "sync \"second\"",
-                                   "stray \"of an earlier request\""));
-}
-
 // Another callback asks in the pass in which the connection is ready, too: what it leaves there is
 // not waited for, and comes behind what it put aside.
 TEST_F(NotifyClient, KeepsTheOrderAfterARequestOfAnotherCallback) {
@@ -555,13 +494,16 @@ TEST_F(NotifyClient, KeepsTheOrderAfterARequestOfAnotherCallback) {
   server_.send(reply(2, ""));
   EXPECT_EQ("", output_of(run_loop));
 
+  ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request);
   ORP_UTIL_SocketBaseListen(other, ORP_UTIL_SOCKBASE_READ);
-  for (const NotifyMessage &message : {notification("1"), reply(3, ""), notification("2")}) {
+  for (const NotifyMessage &message :
+       {notification("1"), request("2"), reply(1, "late"), reply(3, ""), notification("4")}) {
     server_.send(message);
   }
   run_loop();
 
-  EXPECT_THAT(g_calls, ElementsAre("async \"1\" null", "async \"2\" null"));
+  EXPECT_THAT(g_calls,
+              ElementsAre("async \"1\" null", "sync \"2\"", "stray \"late\"", "async \"4\" null"));
 }
 
 TEST_F(NotifyClient, MayDoAnythingInsideAProcedure) {
@@ -592,7 +534,9 @@ TEST_F(NotifyClient, ReportsWhyThereIsNoReply) {
 
   const std::string output = output_of([&] {
     EXPECT_EQ(ORP_NOTIFYCLT_ERR_TIMEOUT, ask());
-    server_.send_bytes(too_long_head(reply(3, "")));
+    NotifyMessage too_long = reply(3, "");
+    too_long.head.data_len = 0x800001;
+    server_.send_bytes({reinterpret_cast<const char *>(&too_long.head), sizeof too_long.head});
     EXPECT_EQ(ORP_NOTIFYCLT_ERR_MEMORY, ask());
     server_.send_bytes("short");
     EXPECT_EQ(ORP_NOTIFYCLT_ERR_IO, ask());
@@ -601,9 +545,10 @@ TEST_F(NotifyClient, ReportsWhyThereIsNoReply) {
   });
 
   const std::string pid = std::to_string(::getpid());
-  EXPECT_THAT(output,
-              StartsWith("notifyclient: timeout to wait data when recv, timeout=20000, pid=" + pid +
-                         "ooo notifyclient data Length too long"));
+  EXPECT_THAT(
+      output,
+      StartsWith("notifyclient: timeout to wait data when recv, timeout=20000, pid=" + pid +
+                 "ooo notifyclient data Length too long: 800001, msg 1234 from 26 to 8.\n"));
   EXPECT_THAT(
       output,
       EndsWith("error: notify server dead when recv, destory client, my pid=" + pid + "!\n"));

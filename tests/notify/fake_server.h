@@ -57,12 +57,8 @@ class FakeNotifyServer {
 
   void send(const NotifyMessage &message) { send_bytes(message.bytes()); }
   void send_bytes(const std::string &bytes) {
-    for (size_t sent = 0; sent < bytes.size();) {
-      const ssize_t count =
-          ::send(connection_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      ASSERT_LT(0, count);
-      sent += static_cast<size_t>(count);
-    }
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
+              ::send(connection_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
   }
 
   void close() { connection_.reset(); }
@@ -75,13 +71,8 @@ class FakeNotifyServer {
   }
 
   bool read_all(char *out, size_t size) {
-    while (size > 0) {
-      const ssize_t count = ::read(connection_.get(), out, size);
-      if (count <= 0) return false;
-      out += count;
-      size -= static_cast<size_t>(count);
-    }
-    return true;
+    return size == 0 ||
+           ::recv(connection_.get(), out, size, MSG_WAITALL) == static_cast<ssize_t>(size);
   }
 
   msgapi::os::UniqueFd listener_;

@@ -150,17 +150,14 @@ TEST(DevStats, WaitForAnAnswerThatIsNotThereYet) {
 }
 
 TEST(DevStats, AreUntouchedWhenTheAnswerIsLostOrCut) {
-  g_receive_errors = {ENOBUFS};
-  EXPECT_EQ(marked(), stats_of("lo"));
-  // The answer that was not taken is still there: take it away.
-  stats_of("lo");
-
-  for (int flag : {MSG_TRUNC, MSG_ERRQUEUE}) {
+  for (const int flag : {MSG_TRUNC, MSG_ERRQUEUE}) {
     g_receive_flags = flag;
     EXPECT_EQ(marked(), stats_of("lo"));
   }
   g_receive_flags = 0;
   EXPECT_NE(marked(), stats_of("lo"));
+  g_receive_errors = {ENOBUFS};
+  EXPECT_EQ(marked(), stats_of("lo"));
 }
 
 TEST(DevStats, TryAgainAfterAFailedSetUp) {
@@ -211,9 +208,8 @@ std::array<uint32_t, 24> counters(uint32_t value) {
 
 TEST(LinkStatsReply, TakesTheFirstCountersMeantForThisReader) {
   EXPECT_EQ(2u, read(link(108), kInterface, kOther, 1500, kStats, counters(2))->rx_nohandler);
-  const auto older = read(link(96), kInterface, rtattr{96, IFLA_STATS}, counters(3));
-  EXPECT_EQ(3u, older->tx_compressed);
-  EXPECT_EQ(0u, older->rx_nohandler) << "an older kernel does not count them";
+  EXPECT_EQ(0u, read(link(96), kInterface, rtattr{96, IFLA_STATS}, counters(3))->rx_nohandler)
+      << "an older kernel does not count them";
   EXPECT_EQ(4u, read(link(200), kInterface, kStats, counters(4), kStats, counters(5))->rx_bytes);
   EXPECT_EQ(6u, read(link(100, 0, 1), kInterface, kStats, counters(5), message(NLMSG_NOOP, 0),
                      link(8), kInterface, kOther, 0, link(100), kInterface, kStats, counters(6))
@@ -230,11 +226,9 @@ TEST(LinkStatsReply, GivesNothingForDamagedMessages) {
   EXPECT_FALSE(read(longest, kInterface, kStats, counters(1))) << "rounding it up wraps";
   EXPECT_FALSE(read(link(101), kInterface, kStats, counters(1))) << "longer than the reply";
   EXPECT_FALSE(read(message(RTM_NEWLINK, 8), kStats, 0)) << "no interface record";
-  EXPECT_FALSE(read(link(3), kInterface, uint32_t{0})) << "no room for an attribute";
   EXPECT_FALSE(read(link(99), kInterface, kStats, counters(1))) << "attribute beyond its message";
   EXPECT_FALSE(read(link(104), kInterface, rtattr{3, IFLA_STATS}, kStats, counters(1)));
-  EXPECT_FALSE(read(link(104), kInterface, rtattr{0, IFLA_MTU}, kStats, counters(1)))
-      << "would not advance";
+  EXPECT_FALSE(read(link(104), kInterface, rtattr{0, IFLA_MTU}, kStats, counters(1)));
 }
 
 TEST(LinkStatsReply, ReportsErrorsAndAnswersThatAreTooLong) {
