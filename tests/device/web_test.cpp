@@ -4,38 +4,23 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <fstream>
 #include <string>
 
 #include "cfmapi.h"
-#include "cfmstore.h"
 #include "msgapi/status.h"
+#include "support/store.h"
 
 namespace {
 
-void define(uint32_t area, uint32_t id, uint32_t type, uint32_t size, const void *value,
-            size_t length, ORP_DB_KEY_ST key = {}) {
-  const CFM_VALUE each = {area, key.ulObject, key.ulInstance, id,
-                          type, size,         value,          static_cast<uint32_t>(length)};
-  ASSERT_EQ(CFM_OK, CFM_StoreDefine(&each, 1, 0));
-}
-
-void define_number(uint32_t id, uint32_t value, ORP_DB_KEY_ST key = {}) {
-  define(CFM_AREA_PARAMETER, id, CFM_TYPE_NUMBER, 4, &value, 4, key);
-}
-
-void define_text(uint32_t id, const char *value, ORP_DB_KEY_ST key = {}, uint32_t size = 68) {
-  define(CFM_AREA_PARAMETER, id, CFM_TYPE_TEXT, size, value, std::strlen(value), key);
-}
+using test::define_number;
+using test::define_text;
 
 void define_version(const std::string &value) {
-  define(CFM_AREA_EQUIPMENT, CFM_EQUIP_SOFTWARE_VERSION, CFM_TYPE_TEXT, 32, value.data(),
-         value.size());
+  test::define(CFM_AREA_EQUIPMENT, CFM_EQUIP_SOFTWARE_VERSION, CFM_TYPE_TEXT, 32, value);
 }
 
 void define_handled(char value) {
-  define(CFM_AREA_APP_DATA, CFM_APPDATA_PRIVACY_HANDLED, CFM_TYPE_BYTES, 1, &value, 1);
+  test::define(CFM_AREA_APP_DATA, CFM_APPDATA_PRIVACY_HANDLED, CFM_TYPE_BYTES, 1, {&value, 1});
 }
 
 void define_account(uint32_t instance, const char *name, uint32_t level) {

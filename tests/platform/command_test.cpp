@@ -5,9 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "orputil.h"
@@ -16,14 +17,17 @@
 
 namespace {
 
+using std::filesystem::exists;
 using test::contents;
 
 uint32_t run(const std::string &command) {
   return ORP_UTIL_ExecCmdNoHang(__func__, __LINE__, command.c_str());
 }
 
-bool exists(const char *path) {
-  return ::access(path, F_OK) == 0;
+// What it writes to /var/out.
+std::string result_of(const std::string &command) {
+  EXPECT_EQ(0u, run(command));
+  return contents("/var/out");
 }
 
 void make_script(const char *path, const char *text) {
@@ -33,32 +37,28 @@ void make_script(const char *path, const char *text) {
 
 // Waits for what a command in the background writes.
 bool appears(const char *path, const std::string &text) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (contents(path) != text) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    ::usleep(1000);
-  }
-  return true;
+  for (int i = 0; i < 20000 && contents(path) != text; ++i) ::usleep(1000);
+  return contents(path) == text;
 }
 
 TEST(Command, WritesItsResultBeforeItReturns) {
   const test::FdCheck check;
 
-  EXPECT_EQ(0u, run("echo one 'two  three' > /var/out"));
-  EXPECT_EQ("one two  three\n", contents("/var/out"));
-  EXPECT_EQ(0u, run("echo four >>/var/out"));
-  EXPECT_EQ("one two  three\nfour\n", contents("/var/out"));
-  EXPECT_EQ(0u, run("echo five>/var/out"));
-  EXPECT_EQ("five\n", contents("/var/out"));
-  EXPECT_EQ(0u, ORP_UTIL_VExecCmdNoHang("test", 1, "echo %s %d >%s", "six", 6, "/var/out"));
-  EXPECT_EQ("six 6\n", contents("/var/out"));
+  EXPECT_EQ("one two  three\n", result_of("echo one 'two  three' > /var/out"));
+  EXPECT_EQ("one two  three\nfour\n", result_of("echo four >>/var/out"));
+  EXPECT_EQ(0u, ORP_UTIL_VExecCmdNoHang("test", 1, "echo %d %s>%s", 6, "six", "/var/out"));
+  EXPECT_EQ("6 six\n", contents("/var/out"));
+
+  const std::string fits(1023 - std::string("true ").size(), 'x');
+  EXPECT_EQ(0u, ORP_UTIL_VExecCmdNoHang("test", 1, "true %s", fits.c_str()));
+  EXPECT_EQ(1u, ORP_UTIL_VExecCmdNoHang("test", 1, "true %sx", fits.c_str()));
 }
 
 TEST(Command, HasNoShell) {
-  EXPECT_EQ(0u, run("echo $HOME * `id` ~ > /var/out"));
-  EXPECT_EQ("$HOME * `id` ~\n", contents("/var/out"));
-
+  EXPECT_EQ("$HOME * `id` ~\n", result_of("echo $HOME * `id` ~ > /var/out"));
   ::unlink("/var/out");
+  EXPECT_EQ(0u, run("true #brctl showmacs result: >/var/out"));
+  EXPECT_FALSE(exists("/var/out")) << "a comment hides it";
   for (const char *command :
        {"echo a; touch /var/out", "echo a | tee /var/out", "echo a\ntouch /var/out",
         "(touch /var/out)", "true && touch /var/out", "touch /var/out < /dev/null",
@@ -66,11 +66,6 @@ TEST(Command, HasNoShell) {
     EXPECT_EQ(1u, run(command)) << command;
     EXPECT_FALSE(exists("/var/out")) << command;
   }
-}
-
-TEST(Command, IgnoresWhatACommentHides) {
-  EXPECT_EQ(0u, run("true #brctl showmacs result: >/var/out"));
-  EXPECT_FALSE(exists("/var/out"));
 }
 
 TEST(Command, CreatesResultFilesAfreshAndFollowsNoLink) {
@@ -91,9 +86,7 @@ TEST(Command, CreatesResultFilesAfreshAndFollowsNoLink) {
     EXPECT_EQ(1u, run(std::string("echo x >> ") + path)) << path;
   }
   EXPECT_EQ(0u, run("echo x > /dev/null"));
-  struct stat info;
-  ASSERT_EQ(0, ::stat("/dev/null", &info));
-  EXPECT_TRUE(S_ISCHR(info.st_mode));
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
 
   EXPECT_EQ(1u, run("/var/no-such-program > /var/old"));
   EXPECT_EQ("", contents("/var/old")) << "an old result would pass for the new one";
@@ -108,26 +101,17 @@ TEST(Command, FailsOnlyWhenItCannotBeStarted) {
     EXPECT_EQ(1u, run(command)) << command;
     EXPECT_EQ(1u, run(std::string(command) + " &")) << command;
   }
-  EXPECT_EQ(1u, ORP_UTIL_ExecCmdNoHang("test", 1, nullptr));
-}
-
-TEST(Command, RefusesAFormattedTextThatIsTooLong) {
-  const std::string fits(1023 - std::string("true ").size(), 'x');
-
-  EXPECT_EQ(0u, ORP_UTIL_VExecCmdNoHang("test", 1, "true %s", fits.c_str()));
-  EXPECT_EQ(1u, ORP_UTIL_VExecCmdNoHang("test", 1, "true %sx", fits.c_str()));
 }
 
 TEST(Command, NeverRebootsThisHost) {
-  make_script("/var/busybox", "#!/bin/sh\ntouch /var/rebooted\n");
-  make_script("/var/reboot", "#!/bin/sh\ntouch /var/rebooted\n");
+  for (const char *path : {"/var/busybox", "/var/reboot"}) {
+    make_script(path, "#!/bin/sh\ntouch /var/rebooted\n");
+  }
   ::setenv("PATH", "/var:/usr/bin:/bin", 1);
   testing::internal::CaptureStdout();
 
   EXPECT_EQ(0u, run("busybox reboot -f"));
   EXPECT_EQ(0u, run("/var/reboot &"));
-  ::fflush(stdout);
-
   EXPECT_EQ(
       "orputil: not run on this host: busybox reboot -f\n"
       "orputil: not run on this host: /var/reboot &\n",
@@ -144,28 +128,20 @@ TEST(Command, InTheBackgroundIsNotWaitedForAndLeavesNoZombie) {
   EXPECT_EQ(0u, run("/var/waiter &"));
 
   EXPECT_FALSE(exists("/var/done"));
-  EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
-  EXPECT_EQ(ECHILD, errno);
+  EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG)) << "no child is left";
   std::ofstream("/var/go") << "went\n";
   EXPECT_TRUE(appears("/var/done", "went\n"));
 }
 
-volatile sig_atomic_t g_reaped;
-
 void reap_all(int) {
-  while (::waitpid(-1, nullptr, WNOHANG) > 0) g_reaped = g_reaped + 1;
+  while (::waitpid(-1, nullptr, WNOHANG) > 0) continue;
 }
 
 TEST(Command, SharesTheProcessWithAHandlerThatReapsEverything) {
   for (const auto handler : {reap_all, SIG_IGN}) {
-    struct sigaction action {};
-    action.sa_handler = handler;
-    ASSERT_EQ(0, ::sigaction(SIGCHLD, &action, nullptr));
-
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(0u, run("echo x > /var/out"));
+    ::signal(SIGCHLD, handler);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ("x\n", result_of("echo x > /var/out"));
     EXPECT_EQ(0u, run("echo x > /var/background &"));
-
-    EXPECT_EQ("x\n", contents("/var/out"));
     EXPECT_TRUE(appears("/var/background", "x\n"));
     ::unlink("/var/background");
   }
@@ -173,15 +149,13 @@ TEST(Command, SharesTheProcessWithAHandlerThatReapsEverything) {
 
 TEST(Command, LeavesTheCallersOtherChildrenAlone) {
   const pid_t other = ::fork();
-  if (other == 0) ::_exit(3);
+  if (other == 0) ::_exit(0);
   siginfo_t ended;
   ASSERT_EQ(0, ::waitid(P_PID, static_cast<id_t>(other), &ended, WEXITED | WNOWAIT));
 
   EXPECT_EQ(0u, run("true"));
 
-  int status = 0;
-  EXPECT_EQ(other, ::waitpid(other, &status, 0));
-  EXPECT_EQ(3, WEXITSTATUS(status));
+  EXPECT_EQ(other, ::waitpid(other, nullptr, 0));
 }
 
 TEST(Command, StartsWithDefaultSignalsAndNoForeignDescriptor) {
@@ -191,39 +165,32 @@ TEST(Command, StartsWithDefaultSignalsAndNoForeignDescriptor) {
   ::sigaddset(&blocked, SIGTERM);
   ::sigprocmask(SIG_BLOCK, &blocked, nullptr);
   const int inherited = ::open("/dev/null", O_RDONLY);
-  ASSERT_LE(3, inherited);
 
-  EXPECT_EQ(0u, run("grep -E 'SigBlk|SigIgn' /proc/self/status > /var/signals"));
-  EXPECT_EQ(0u, run("ls /proc/self/fd > /var/fds"));
+  // 3 is the directory that ls itself reads.
+  EXPECT_EQ("0\n1\n2\n3\n", result_of("ls /proc/self/fd > /var/out"));
+  ::close(inherited);
 
-  std::ifstream signals("/var/signals");
+  std::istringstream signals(result_of("grep -E 'SigBlk|SigIgn' /proc/self/status > /var/out"));
   std::string name;
   uint64_t blocked_mask = ~0ull, ignored_mask = ~0ull;
   signals >> name >> std::hex >> blocked_mask >> name >> ignored_mask;
   EXPECT_EQ(0u, blocked_mask);
   // The C library keeps the first two real-time signals to itself.
   EXPECT_EQ(0u, ignored_mask & ~uint64_t{0x180000000});
-  // 3 is the directory that ls itself reads.
-  EXPECT_EQ("0\n1\n2\n3\n", contents("/var/fds"));
-  ::close(inherited);
 }
 
 TEST(CommandArgument, IsSafeOnlyWithoutShellSyntax) {
-  for (const char *text : {"eth0", "/var/a_b-c.d", "a@b:1,2+3%=", "0"}) {
-    EXPECT_EQ(1u, ORP_VALID_CmdArgs(text)) << text;
-  }
+  EXPECT_EQ(1u, ORP_VALID_CmdArgs("/var/eth0.1_b-c@d:1,2+3%="));
   for (const char *text : {"", "-rf", "a b", "a;b", "$a", "a'b", "a\nb", "*", "a\xc3\xa4"}) {
     EXPECT_EQ(0u, ORP_VALID_CmdArgs(text)) << text;
   }
-  EXPECT_EQ(0u, ORP_VALID_CmdArgs(nullptr));
 }
 
 TEST(ProgramPath, IsTheFirstExecutableInAnAbsoluteDirectory) {
   ASSERT_EQ(0, ::chdir("/app"));
-  ASSERT_EQ(0, ::mkdir("/app/relative", 0755));
-  ASSERT_EQ(0, ::mkdir("/var/first", 0755));
-  ASSERT_EQ(0, ::mkdir("/var/first/tool", 0755));
-  ASSERT_EQ(0, ::mkdir("/var/second", 0755));
+  for (const char *path : {"/app/relative", "/var/first/tool", "/var/second"}) {
+    std::filesystem::create_directories(path);
+  }
   for (const char *path : {"/app/tool", "/app/relative/tool", "/var/second/tool"}) {
     make_script(path, "#!/bin/sh\n");
   }
@@ -231,9 +198,8 @@ TEST(ProgramPath, IsTheFirstExecutableInAnAbsoluteDirectory) {
   ::setenv("PATH", ":.:relative:/var/first:/var/second:", 1);
   char path[256];
 
-  EXPECT_EQ(0u, ORP_UTIL_GetExeFullPath("tool", path, sizeof path));
-  EXPECT_STREQ("/var/second/tool", path);
   EXPECT_EQ(0u, ORP_UTIL_GetExeFullPath("tool", path, sizeof "/var/second/tool"));
+  EXPECT_STREQ("/var/second/tool", path);
   EXPECT_EQ(1u, ORP_UTIL_GetExeFullPath("tool", path, sizeof "/var/second/tool" - 1));
   EXPECT_EQ(0u, ORP_UTIL_GetExeFullPath("./absent", path, sizeof path));
   EXPECT_STREQ("./absent", path);
