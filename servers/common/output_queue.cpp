@@ -173,8 +173,8 @@ void OutputQueue::append(std::span<const char> bytes, Tag tag) {
   weight_ += bytes.size() + kFrameWeight;
 }
 
-bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag) {
-  if (broken_ || weight_ + kDescriptorWeight > limit_) return false;
+bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag, size_t reserve) {
+  if (broken_ || weight_ + kDescriptorWeight > limit_ + reserve) return false;
   Chunk &chunk = add_chunk(chunks_.end(), 2);
   chunk.put({kZeros.data(), 2});
   chunk.descriptor = std::move(fd);
@@ -185,8 +185,8 @@ bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag) {
 }
 
 OutputQueue::Stream *OutputQueue::open_stream(std::span<const char> begin, uint64_t to_come,
-                                              Tag tag) {
-  if (broken_ || !fits(begin.size(), 0)) return nullptr;
+                                              Tag tag, size_t reserve) {
+  if (broken_ || !fits(begin.size(), reserve)) return nullptr;
   Chunk &chunk = *chunks_.emplace(chunks_.end());
   chunk.frames.push_back({0, tag});
   chunk.open = true;

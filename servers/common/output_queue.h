@@ -50,12 +50,12 @@ class OutputQueue {
   void send(std::span<const Frame> frames, std::vector<Tag> *refused);
 
   // Queues a descriptor that travels with two zero bytes in a write of its own. False when refused.
-  bool send_descriptor(UniqueFd fd, Tag tag);
+  bool send_descriptor(UniqueFd fd, Tag tag, size_t reserve = 0);
 
   // Begins a frame of which `begin` is there and `to_come` (not 0) more bytes will follow. Null
   // when refused. The queue owns the stream; the handle is valid until the last byte has been
   // given to extend(), give_up() is called, or the queue is gone.
-  Stream *open_stream(std::span<const char> begin, uint64_t to_come, Tag tag);
+  Stream *open_stream(std::span<const char> begin, uint64_t to_come, Tag tag, size_t reserve = 0);
   // At most as many bytes as are still to come.
   void extend(Stream *stream, std::span<const char> bytes);
   // The rest will not come. A frame of which nothing has been written is taken back (true);

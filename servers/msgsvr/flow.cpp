@@ -2,8 +2,9 @@
 //
 // Nobody waits for a reader for long. While its queue is more than half full, the input of those
 // who send to it rests, which lets a reader that is merely slower than its senders keep up without
-// loss. A reader that takes next to nothing for the length of the patience has used it up: from
-// then on, until its queue has been empty, nobody waits for it and what does not fit is lost.
+// loss. Each of them has brought what one read takes until then, for which the queue may hold as
+// much again. A reader that takes next to nothing for the length of the patience has used it up:
+// from then on, until its queue has been empty, nobody waits for it and what does not fit is lost.
 
 #include <algorithm>
 
@@ -43,6 +44,10 @@ void Server::watch_backlog(Client &reader) {
              reader.out.weight() > high_mark(reader.out)) {
     hold(*reading_, reader);
   }
+}
+
+size_t Server::reserve_of(const Client &reader) {
+  return reader.backlog.slow ? 0 : reader.out.limit();
 }
 
 void Server::hold(Client &sender, Client &reader) {

@@ -111,7 +111,7 @@ void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full
 void Server::pass_descriptor(Client &from, UniqueFd fd) {
   Client *to = from.in.last_to == 0 ? nullptr : by_id(from.in.last_to);
   if (fd && to != nullptr && to->address.empty() &&
-      to->out.send_descriptor(std::move(fd), from.in.last_tag)) {
+      to->out.send_descriptor(std::move(fd), from.in.last_tag, reserve_of(*to))) {
     ++statistics_.descriptors_passed;
     after_output(*to);
     return;
@@ -224,7 +224,7 @@ void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const
   if (from.swapped != to.swapped) store_header(header, to.swapped, begin.data());
   Inbound &in = from.in;
   in.stream_tag = in.last_tag;
-  in.stream = to.out.open_stream(begin, in.left, in.stream_tag);
+  in.stream = to.out.open_stream(begin, in.left, in.stream_tag, reserve_of(to));
   if (in.stream == nullptr) {
     undelivered(to, in.stream_tag, Loss::kOverflow);
   } else {
@@ -325,7 +325,7 @@ void Server::deliver(Client &from, std::span<char> frame, const Header &header,
   from.in.last_to = to.id;
   // The frame is ours, so that its header can be converted where it is.
   if (from.swapped != to.swapped) store_header(header, to.swapped, frame.data());
-  post(to, {frame.data(), frame.size(), tag});
+  post(to, {frame.data(), frame.size(), tag, reserve_of(to)});
 }
 
 void Server::dispatch(Client &from, std::span<char> frame, const Header &header) {

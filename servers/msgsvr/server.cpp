@@ -19,8 +19,11 @@ using servers::log_line;
 
 constexpr size_t kScratchBlock = 65536;
 
-// What one read takes at most.
+// What one read takes at most, also as a part of a queue: a message weighs up to 2.6 times its
+// bytes there, and what one read brings must fit into what is left of a queue when its senders are
+// held, with its reserve.
 constexpr size_t kReadSize = 131072;
+constexpr size_t kReadsInQueue = 3;
 
 // A full queue still takes this much of what the server has to say itself.
 constexpr size_t kNoticeReserve = 65536;
@@ -93,7 +96,9 @@ struct Server::Listener final : EventLoop::Watch {
 };
 
 Server::Server(EventLoop *loop, const Options &options)
-    : loop_(loop), options_(options), read_buffer_(kReadSize) {}
+    : loop_(loop),
+      options_(options),
+      read_buffer_(std::min(kReadSize, options.queue_limit / kReadsInQueue)) {}
 
 Server::~Server() {
   shut_down();
@@ -162,7 +167,10 @@ void Server::send(Client &to, Header header, std::span<const char> body, uint32_
   char *frame = scratch_.take(kHeaderSize + body.size());
   store_header(header, to.swapped, frame);
   std::copy(body.begin(), body.end(), frame + kHeaderSize);
-  post(to, {frame, kHeaderSize + body.size(), {0, header.ulMsgType, file}, kNoticeReserve});
+  post(to, {frame,
+            kHeaderSize + body.size(),
+            {0, header.ulMsgType, file},
+            reserve_of(to) + kNoticeReserve});
 }
 
 void Server::reply(Client &to, const Message &request, uint32_t data, std::span<const char> body) {
@@ -183,7 +191,7 @@ void Server::pass(Client &to, std::span<const char> frame, bool swapped, OutputQ
     store_header(load_header(copy, swapped), to.swapped, copy);
     frame = {copy, frame.size()};
   }
-  post(to, {frame.data(), frame.size(), tag});
+  post(to, {frame.data(), frame.size(), tag, reserve_of(to)});
 }
 
 void Server::notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) {

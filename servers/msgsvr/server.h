@@ -135,6 +135,7 @@ class Server {
   void watch_stream(Client &from);
   void abandon_stream(Client &from, std::string_view why, bool tell);
 
+  static size_t reserve_of(const Client &reader);
   void hold(Client &sender, Client &reader);
   void release_held(Client &reader);
   void check_patience(Client &reader);
