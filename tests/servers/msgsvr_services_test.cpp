@@ -5,14 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -22,22 +20,25 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "cfmapi.h"
-#include "cfmstore.h"
 #include "msgapi/login.h"
 #include "msgapi/login_records.h"
 #include "msgapi/restful.h"
+#include "support/file.h"
 #include "support/message_peer.h"
+#include "support/network.h"
 #include "support/process.h"
+#include "support/store.h"
 
 namespace {
 
+using test::Frame;
 using test::RawClient;
-using RawFrame = test::Frame;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Optional;
 
 class Services : public testing::Test {
  protected:
@@ -46,25 +47,11 @@ class Services : public testing::Test {
     ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
   }
 
-  // Everything that `client` has sent is dealt with.
-  static void settle(RawClient *client) {
-    EXPECT_TRUE(client->drain([](const RawFrame &) {}));
-  }
-
-  static std::string content_of(const std::string &path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-  }
-
   // A connection to a port of 127.0.0.1, or -1.
   static int connect_to(uint16_t port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
+    const sockaddr_in address = test::loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return fd;
     ::close(fd);
     return -1;
   }
@@ -79,16 +66,13 @@ class Services : public testing::Test {
 
 TEST_F(Services, TellTheFactoryModeAndRebootNothing) {
   start();
-  RawClient client("web");
-
-  EXPECT_EQ(0u, client.ask({.type = 0x70a})->data);
-  client.send({.type = 0x500e, .data = 3});
+  EXPECT_EQ(0u, RawClient("web").ask({.type = 0x70a}).data);
+  RawClient("web").send({.type = 0x500e, .data = 3});
   EXPECT_TRUE(server_->wait_for("asks for a reboot, mode 3; not executed"));
 
   server_->stop(SIGTERM);
   start({"--factory-mode"});
-  RawClient again("web");
-  EXPECT_EQ(1u, again.ask({.type = 0x70a})->data);
+  EXPECT_EQ(1u, RawClient("web").ask({.type = 0x70a}).data);
 }
 
 TEST_F(Services, LetProcessesWaitForEachOther) {
@@ -96,151 +80,149 @@ TEST_F(Services, LetProcessesWaitForEachOther) {
   RawClient one("one");
   RawClient two("two");
   RawClient poster("poster");
-  const std::string name("boot\0", 5);
+  const auto wait_at = [](const std::string &name, uint32_t sequence) {
+    return Frame{.type = 0x5018, .body = name + '\0', .sequence = sequence};
+  };
 
-  one.send({.type = 0x5018, .body = name, .sequence = 4});
-  two.send({.type = 0x5018, .body = name, .sequence = 5});
-  settle(&one);
-  settle(&two);
+  one.send(wait_at("boot", 4));
+  two.send(wait_at("boot", 5));
+  EXPECT_THAT(two.drain(), IsEmpty());
   poster.send({.type = 0x5019, .body = std::string("other\0", 6)});
-  settle(&poster);
-  EXPECT_FALSE(one.receive(0));
-  poster.send({.type = 0x5019, .body = name});
-  EXPECT_EQ(4u, one.receive()->sequence);
-  EXPECT_EQ(5u, two.receive()->sequence);
+  poster.drain();
+  EXPECT_THAT(one.drain(), IsEmpty());
+  poster.send({.type = 0x5019, .body = std::string("boot\0", 5)});
+  EXPECT_EQ(4u, one.read().sequence);
+  EXPECT_EQ(5u, two.read().sequence);
 
   // What nobody waited for is there for the next one, once.
-  EXPECT_EQ(6u,
-            one.ask({.type = 0x5018, .body = std::string("other\0", 6), .sequence = 6})->sequence);
-  one.send({.type = 0x5018, .body = std::string("other\0", 6)});
-  settle(&one);
-  EXPECT_FALSE(one.receive(0));
-  // A point without a name is none.
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, (one.send({.type = 0x5018}), one.receive()->type));
+  EXPECT_EQ(6u, one.ask(wait_at("other", 6)).sequence);
+  one.send(wait_at("other", 7));
+  EXPECT_THAT(one.drain(), IsEmpty());
+  one.send(wait_at("", 8));
+  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, one.read().type) << "a point without a name is none";
 }
 
 // Login control.
 
 class Login : public Services {
  protected:
-  static ORP_LCTRL_RESULT_ST ask(RawClient *client, uint32_t type, const std::string &address,
-                                 const std::string &account, uint32_t outcome = ORP_LCTRL_FAILED) {
+  Login() { restart(); }
+
+  void restart(int signal = SIGTERM) {
+    if (server_) server_->stop(signal);
+    start();
+    web_ = std::make_unique<RawClient>("web");
+  }
+
+  template <typename Result, typename Record>
+  Result exchange(uint32_t type, const Record &record) {
+    const Frame reply = web_->ask({.type = type, .body = bytes_of(record)});
+    Result result{};
+    EXPECT_EQ(sizeof result, reply.body.size());
+    reply.body.copy(reinterpret_cast<char *>(&result), sizeof result);
+    return result;
+  }
+
+  ORP_LCTRL_RESULT_ST attempt(const std::string &address, uint32_t outcome = ORP_LCTRL_FAILED,
+                              const std::string &account = "admin",
+                              uint32_t type = ORP_LCTRL_MSG_LOGIN) {
     ORP_LCTRL_REQUEST_ST request{};
     request.ulOutcome = outcome;
     address.copy(request.aucClient, sizeof request.aucClient - 1);
     account.copy(request.aucAccount, sizeof request.aucAccount - 1);
-    const auto reply = client->ask({.type = type, .body = bytes_of(request)});
-    ORP_LCTRL_RESULT_ST result{};
-    EXPECT_TRUE(reply && reply->body.size() == sizeof result);
-    if (reply)
-      std::memcpy(&result, reply->body.data(), std::min(reply->body.size(), sizeof result));
-    return result;
+    return exchange<ORP_LCTRL_RESULT_ST>(type, request);
   }
 
-  static ORP_LCTRL_ROUND_ST round(RawClient *client, const char *address) {
-    ORP_LCTRL_QUERY_ST query{};
-    ::inet_pton(AF_INET, address, &query.ulClient);
-    const auto reply = client->ask({.type = ORP_LCTRL_MSG_GET_ROUND, .body = bytes_of(query)});
-    ORP_LCTRL_ROUND_ST record{};
-    EXPECT_TRUE(reply && reply->body.size() == sizeof record);
-    if (reply)
-      std::memcpy(&record, reply->body.data(), std::min(reply->body.size(), sizeof record));
-    return record;
+  ORP_LCTRL_RESULT_ST check(const std::string &address, const std::string &account = "admin") {
+    return attempt(address, ORP_LCTRL_SUCCEEDED, account, ORP_LCTRL_MSG_CHECK);
   }
+
+  static uint32_t number_of(const char *address) {
+    uint32_t number = 0;
+    ::inet_pton(AF_INET, address, &number);
+    return number;
+  }
+
+  uint32_t round_of(const char *address) {
+    const ORP_LCTRL_QUERY_ST query{number_of(address), {}};
+    return exchange<ORP_LCTRL_ROUND_ST>(ORP_LCTRL_MSG_GET_ROUND, query).ulRound;
+  }
+
+  void clear(const char *address) {
+    web_->send({.type = ORP_LCTRL_MSG_CLEAR_FORBIDDEN, .body = bytes_of(number_of(address))});
+  }
+
+  void set_limit(ORP_LCTRL_LIMIT_ST limit) {
+    web_->send({.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = bytes_of(limit)});
+  }
+
+  static constexpr const char *kState = "/var/msgsvr-login.json";
+  std::unique_ptr<RawClient> web_;
 };
 
 TEST_F(Login, ForbidsAClientAnAccountAfterTooManyFailures) {
-  start();
-  RawClient web("web");
-  const ORP_LCTRL_LIMIT_ST limit{3, 1000};
-  web.send({.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = bytes_of(limit)});
+  set_limit({3, 1000});
 
   for (uint32_t failed = 1; failed < 3; ++failed) {
-    const auto result = ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin");
+    const auto result = attempt("10.0.0.2");
     EXPECT_EQ(ORP_LCTRL_ALLOWED, result.ulVerdict);
     EXPECT_EQ(failed, result.ulFailedTimes);
     EXPECT_EQ(3 - failed, result.ulTimesLeft);
   }
-  // A success starts the count anew.
-  EXPECT_EQ(3u,
-            ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin", ORP_LCTRL_SUCCEEDED).ulTimesLeft);
-  for (int i = 0; i < 2; ++i) ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin");
-  const auto last = ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin");
+  EXPECT_EQ(3u, attempt("10.0.0.2", ORP_LCTRL_SUCCEEDED).ulTimesLeft) << "the count starts anew";
+  for (int i = 0; i < 2; ++i) attempt("10.0.0.2");
+  const auto last = attempt("10.0.0.2");
   EXPECT_EQ(ORP_LCTRL_FORBIDDEN, last.ulVerdict);
   EXPECT_EQ(1u, last.ulRound);
-  EXPECT_THAT(last.ulForbiddenTime, testing::AllOf(testing::Gt(990u), testing::Le(1000u)));
+  EXPECT_THAT(last.ulForbiddenTime, testing::AllOf(testing::Gt(900u), testing::Le(1000u)));
 
   // Not even with the right password; others and other accounts may.
-  EXPECT_EQ(ORP_LCTRL_FORBIDDEN,
-            ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin", ORP_LCTRL_SUCCEEDED).ulVerdict);
-  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, ask(&web, ORP_LCTRL_MSG_CHECK, "10.0.0.2", "admin").ulVerdict);
-  EXPECT_EQ(ORP_LCTRL_ALLOWED, ask(&web, ORP_LCTRL_MSG_CHECK, "10.0.0.2", "user").ulVerdict);
-  EXPECT_EQ(ORP_LCTRL_ALLOWED, ask(&web, ORP_LCTRL_MSG_CHECK, "10.0.0.3", "admin").ulVerdict);
-  EXPECT_EQ(1u, round(&web, "10.0.0.2").ulRound);
-  EXPECT_EQ(1u, round(&web, "0.0.0.0").ulRound);
-  EXPECT_EQ(0u, round(&web, "10.0.0.3").ulRound);
+  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, attempt("10.0.0.2", ORP_LCTRL_SUCCEEDED).ulVerdict);
+  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, check("10.0.0.2").ulVerdict);
+  EXPECT_EQ(ORP_LCTRL_ALLOWED, check("10.0.0.2", "user").ulVerdict);
+  EXPECT_EQ(ORP_LCTRL_ALLOWED, check("10.0.0.3").ulVerdict);
+  EXPECT_EQ(1u, round_of("10.0.0.2"));
+  EXPECT_EQ(1u, round_of("0.0.0.0"));
+  EXPECT_EQ(0u, round_of("10.0.0.3"));
   // A short record gets an answer that says so.
-  EXPECT_EQ("", web.ask({.type = ORP_LCTRL_MSG_LOGIN, .body = std::string(199, 'x')})->body);
+  EXPECT_EQ("", web_->ask({.type = ORP_LCTRL_MSG_LOGIN, .body = std::string(199, 'x')}).body);
 }
 
 TEST_F(Login, RemembersAcrossRestartsAndForgetsWhenTold) {
-  start();
-  auto web = std::make_unique<RawClient>("web");
-  const ORP_LCTRL_LIMIT_ST limit{1, 500};
-  web->send({.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = bytes_of(limit)});
-  for (const char *client : {"10.0.0.2", "10.0.0.3"}) {
-    EXPECT_EQ(1u, ask(web.get(), ORP_LCTRL_MSG_LOGIN, client, "admin").ulRound);
-  }
-  EXPECT_EQ(0, server_->stop(SIGTERM));
-  struct stat status {};
-  ASSERT_EQ(0, ::stat("/var/msgsvr-login.json", &status));
-  EXPECT_EQ(mode_t{S_IFREG | 0600}, status.st_mode);
+  set_limit({1, 500});
+  for (const char *client : {"10.0.0.2", "10.0.0.3"}) EXPECT_EQ(1u, attempt(client).ulRound);
+  restart();
+  EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status(kState).permissions());
 
-  start();
-  web = std::make_unique<RawClient>("web");
-  const auto kept = ask(web.get(), ORP_LCTRL_MSG_CHECK, "10.0.0.2", "admin");
+  const auto kept = check("10.0.0.2");
   EXPECT_EQ(ORP_LCTRL_FORBIDDEN, kept.ulVerdict);
   EXPECT_GT(kept.ulForbiddenTime, 400u);
   EXPECT_EQ(1u, kept.ulTimesLeft);
-  uint32_t address = 0;
-  ::inet_pton(AF_INET, "10.0.0.2", &address);
-  web->send({.type = ORP_LCTRL_MSG_CLEAR_FORBIDDEN, .body = bytes_of(address)});
-  EXPECT_EQ(0u, round(web.get(), "10.0.0.2").ulRound);
-  EXPECT_EQ(1u, round(web.get(), "10.0.0.3").ulRound);
-  address = 0;
-  web->send({.type = ORP_LCTRL_MSG_CLEAR_FORBIDDEN, .body = bytes_of(address)});
-  EXPECT_EQ(0u, round(web.get(), "0.0.0.0").ulRound);
+  clear("10.0.0.2");
+  EXPECT_EQ(0u, round_of("10.0.0.2"));
+  EXPECT_EQ(1u, round_of("10.0.0.3"));
+  clear("0.0.0.0");
+  EXPECT_EQ(0u, round_of("0.0.0.0"));
 
   // Kept a moment after the change, so that a server that is killed loses next to nothing.
-  ask(web.get(), ORP_LCTRL_MSG_LOGIN, "10.9.9.9", "admin");
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (content_of("/var/msgsvr-login.json").find("10.9.9.9") == std::string::npos) {
-    settle(web.get());
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-  }
-  server_->stop(SIGKILL);
-  start();
-  RawClient late("web");
-  EXPECT_EQ(1u, round(&late, "10.9.9.9").ulRound);
-  server_->stop(SIGTERM);
+  attempt("10.9.9.9");
+  while (test::contents(kState).find("10.9.9.9") == std::string::npos) web_->drain();
+  restart(SIGKILL);
+  EXPECT_EQ(1u, round_of("10.9.9.9"));
 
-  std::ofstream("/var/msgsvr-login.json") << "{\"clients\": [{";
-  start();
+  server_->stop(SIGKILL);
+  std::ofstream(kState) << "{\"clients\": [{";
+  restart();
   EXPECT_THAT(server_->output(), HasSubstr("is damaged"));
-  RawClient fresh("web");
-  EXPECT_EQ(0u, round(&fresh, "10.9.9.9").ulRound);
+  EXPECT_EQ(0u, round_of("10.9.9.9"));
 }
 
 TEST_F(Login, ForbidsForLongerWithEveryRound) {
-  start();
-  RawClient web("web");
-  const ORP_LCTRL_LIMIT_ST limit{1, 1};
-  web.send({.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = bytes_of(limit)});
+  set_limit({1, 1});
 
-  EXPECT_EQ(1u, ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin").ulForbiddenTime);
-  while (ask(&web, ORP_LCTRL_MSG_CHECK, "10.0.0.2", "admin").ulVerdict == ORP_LCTRL_FORBIDDEN) {
-  }
-  const auto second = ask(&web, ORP_LCTRL_MSG_LOGIN, "10.0.0.2", "admin");
+  EXPECT_EQ(1u, attempt("10.0.0.2").ulForbiddenTime);
+  while (check("10.0.0.2").ulVerdict == ORP_LCTRL_FORBIDDEN) continue;
+  const auto second = attempt("10.0.0.2");
   EXPECT_EQ(2u, second.ulRound);
   EXPECT_EQ(2u, second.ulForbiddenTime);
 }
@@ -258,58 +240,48 @@ class Restful : public Services {
   // Runs curl next to the test, which plays the application meanwhile.
   class Curl {
    public:
-    explicit Curl(const std::string &arguments)
-        : pipe_(::popen(("curl -s -g --max-time 10 -w '\\n%{http_code} %{content_type}' " +
-                         arguments + " 2>/dev/null </dev/null")
+    explicit Curl(const std::string &path, const std::string &options = "")
+        : pipe_(::popen(("curl -sg --max-time 20 -o /var/http -w '%{http_code} %{content_type}' " +
+                         options + " 'http://127.0.0.1:8080" + path + "' </dev/null")
                             .c_str(),
-                        "re")) {}
-    Curl(const Curl &) = delete;
-    Curl &operator=(const Curl &) = delete;
-    ~Curl() {
-      if (pipe_ != nullptr) ::pclose(pipe_);
-    }
+                        "re"),
+                ::pclose) {}
+
+    int fd() const { return ::fileno(pipe_.get()); }
 
     HttpAnswer answer() {
-      std::string text;
-      char buffer[4096];
-      size_t count;
-      while ((count = ::fread(buffer, 1, sizeof buffer, pipe_)) > 0) text.append(buffer, count);
-      HttpAnswer answer;
-      const size_t line = text.rfind('\n');
-      answer.body = text.substr(0, line);
-      std::istringstream rest(text.substr(line + 1));
-      rest >> answer.status;
-      std::getline(rest >> std::ws, answer.type);
-      return answer;
+      char status[4] = "";
+      char type[100] = "";
+      EXPECT_LT(0, ::fscanf(pipe_.get(), "%3s %99[^\n]", status, type));
+      return {status, type, test::contents("/var/http")};
     }
 
    private:
-    FILE *pipe_;
+    std::unique_ptr<FILE, int (*)(FILE *)> pipe_;
   };
-
-  static constexpr const char *kUrl = "http://127.0.0.1:8080";
 
   Restful() {
     start({"--http", "127.0.0.1:8080", "--http-timeout", "2000"});
     app_ = std::make_unique<RawClient>("status");
+    enter("/dev");
   }
 
-  static void enter(RawClient *client, const std::string &texts) {
-    client->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
-    settle(client);
+  void enter(const std::string &texts) {
+    app_->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
+    app_->drain();
   }
 
-  static ORP_MSG_RESTFUL_REQ_ST head_of(const RawFrame &frame) {
+  static ORP_MSG_RESTFUL_REQ_ST head_of(const Frame &frame) {
     ORP_MSG_RESTFUL_REQ_ST head{};
     EXPECT_GE(frame.body.size(), sizeof head + 1);
-    std::memcpy(&head, frame.body.data(), std::min(frame.body.size(), sizeof head));
+    frame.body.copy(reinterpret_cast<char *>(&head), sizeof head);
     return head;
   }
-  static std::string text_of(const RawFrame &frame) {
+  static std::string text_of(const Frame &frame) {
     return frame.body.substr(sizeof(ORP_MSG_RESTFUL_REQ_ST)).c_str();
   }
   // As the library's dispatcher answers.
-  static void answer(RawClient *client, const RawFrame &request, const std::string &text) {
+  static void answer(RawClient *client, const Frame &request, const std::string &text) {
     client->send({.type = request.type,
                   .to = request.from,
                   .body = text + '\0',
@@ -317,113 +289,101 @@ class Restful : public Services {
                   .sequence = request.sequence});
   }
 
+  static std::string status_of(const std::string &path, const std::string &options = "") {
+    return Curl(path, options).answer().status;
+  }
+
   // The request that a GET of `path` becomes, as "PATH HANDLER", or the HTTP status without one.
   std::string target_of(const std::string &path) {
-    Curl curl("'" + std::string(kUrl) + path + "'");
-    if (const auto request = app_->receive(1000)) {
-      answer(app_.get(), *request, "");
-      EXPECT_EQ("200", curl.answer().status);
-      const auto head = head_of(*request);
-      return std::string(head.aucPath) + " " + head.aucHandler;
-    }
-    return curl.answer().status;
+    Curl curl(path);
+    pollfd either[] = {{app_->fd(), POLLIN, 0}, {curl.fd(), POLLIN, 0}};
+    if (::poll(either, 2, 15000) <= 0 || either[0].revents == 0) return curl.answer().status;
+    const Frame request = app_->read();
+    answer(app_.get(), request, "");
+    EXPECT_EQ("200", curl.answer().status);
+    return std::string(head_of(request).aucPath) + " " + head_of(request).aucHandler;
   }
 
   std::unique_ptr<RawClient> app_;
 };
 
-TEST_F(Restful, AnswersARequestThroughTheApplication) {
-  enter(app_.get(), "/dev");
-  Curl get("'" + std::string(kUrl) + "/dev/info?x=1&y=a%20b'");
+TEST_F(Restful, AnswersThroughTheApplication) {
+  const struct {
+    const char *options;
+    uint32_t code;
+    std::string text;
+    const char *answer, *type;
+  } kCases[] = {
+      {"", 0, "q=1&y=a%20b", " {\"up\": true}", "application/json"},
+      {"-X POST --data-binary @/var/body", 1, std::string(100000, 'b'), "{no json",
+       "text/plain; charset=utf-8"},
+      {"-X PUT -d a", 2, "a", "[]", "application/json"},
+      {"-X DELETE", 3, "q=1&y=a%20b", "1", "text/plain; charset=utf-8"},
+      {"-X PATCH -d b", 4, "b", "x", "text/plain; charset=utf-8"},
+  };
+  std::ofstream("/var/body") << std::string(100000, 'b');
 
-  const auto request = app_->receive();
-  ASSERT_TRUE(request);
-  EXPECT_EQ(ORP_MSG_RESTFUL_REQUEST, request->type);
-  EXPECT_EQ("status", request->to);
-  const auto head = head_of(*request);
-  EXPECT_EQ(0u, head.ulCode);
-  EXPECT_STREQ("/dev", head.aucPath);
-  EXPECT_STREQ("info", head.aucHandler);
-  EXPECT_EQ("x=1&y=a%20b", text_of(*request));
-  answer(app_.get(), *request, " {\"up\": true}");
+  for (const auto &each : kCases) {
+    Curl curl("/dev/info?q=1&y=a%20b", each.options);
+    const Frame request = app_->read();
+    EXPECT_EQ(ORP_MSG_RESTFUL_REQUEST, request.type);
+    EXPECT_EQ("status", request.to);
+    EXPECT_EQ(each.code, head_of(request).ulCode);
+    EXPECT_STREQ("/dev", head_of(request).aucPath);
+    EXPECT_STREQ("info", head_of(request).aucHandler);
+    EXPECT_TRUE(each.text == text_of(request)) << each.options;
+    answer(app_.get(), request, each.answer);
 
-  const HttpAnswer got = get.answer();
-  EXPECT_EQ("200", got.status);
-  EXPECT_EQ("application/json", got.type);
-  EXPECT_EQ(" {\"up\": true}", got.body);
-}
-
-TEST_F(Restful, TellsMethodsApartAndPassesBodiesOn) {
-  enter(app_.get(), "/dev");
-  const std::vector<std::pair<std::string, uint32_t>> methods = {
-      {"-X POST", 1}, {"-X PUT", 2}, {"-X DELETE", 3}, {"-X PATCH", 4}};
-  const std::string body(100000, 'b');
-  std::ofstream("/var/body") << body;
-
-  for (const auto &[option, code] : methods) {
-    Curl curl(option + " --data-binary @/var/body " + kUrl + "/dev/set?q=1");
-    const auto request = app_->receive();
-    ASSERT_TRUE(request);
-    EXPECT_EQ(code, head_of(*request).ulCode);
-    EXPECT_TRUE(body == text_of(*request));
-    answer(app_.get(), *request, "{no json");
     const HttpAnswer got = curl.answer();
-    EXPECT_EQ("text/plain; charset=utf-8", got.type);
-    EXPECT_EQ("{no json", got.body);
+    EXPECT_EQ("200", got.status);
+    EXPECT_EQ(each.type, got.type);
+    EXPECT_EQ(each.answer, got.body);
   }
-  EXPECT_EQ("405", Curl(std::string("-X OPTIONS ") + kUrl + "/dev/set").answer().status);
 }
 
 TEST_F(Restful, SaysWhyThereIsNoAnswer) {
-  enter(app_.get(), "/dev");
-
-  EXPECT_EQ("404", Curl(std::string(kUrl) + "/other/info").answer().status);
-  EXPECT_EQ("404", Curl(std::string(kUrl) + "/dev").answer().status);
-  EXPECT_EQ("404", Curl(std::string(kUrl) + "/dev/" + std::string(64, 'h')).answer().status);
+  EXPECT_EQ("405", status_of("/dev/set", "-X OPTIONS"));
+  for (const std::string path : {"/other/info", "/dev", "/dev/", "/dev/a/b"}) {
+    EXPECT_EQ("404", status_of(path)) << path;
+  }
+  EXPECT_EQ("404", status_of("/dev/" + std::string(64, 'h')));
 
   // An answer that comes too late goes nowhere.
-  Curl slow(std::string(kUrl) + "/dev/info");
-  const auto request = app_->receive();
-  ASSERT_TRUE(request);
+  Curl slow("/dev/info");
+  const Frame request = app_->read();
   EXPECT_EQ("504", slow.answer().status);
-  answer(app_.get(), *request, "late");
-  settle(app_.get());
+  answer(app_.get(), request, "late");
+  app_->drain();
 
-  Curl gone(std::string(kUrl) + "/dev/info");
-  ASSERT_TRUE(app_->receive());
+  Curl gone("/dev/info");
+  app_->read();
   app_->close();
   EXPECT_EQ("502", gone.answer().status);
-  EXPECT_EQ("404", Curl(std::string(kUrl) + "/dev/info").answer().status);
+  EXPECT_EQ("404", status_of("/dev/info"));
 }
 
 TEST_F(Restful, RefusesBodiesThatNoApplicationWouldBeGiven) {
-  enter(app_.get(), "/dev");
   const size_t longest = ORP_MSG_MAX_DISPATCHED_BODY - sizeof(ORP_MSG_RESTFUL_REQ_ST) - 1;
   std::ofstream("/var/longest") << std::string(longest, 'b');
   std::ofstream("/var/longer") << std::string(longest + 1, 'b');
 
   for (const char *how : {"", "-H 'Transfer-Encoding: chunked' ", "-H 'Expect:' "}) {
     const std::string options = std::string(how) + "-X POST --data-binary @/var/";
-    EXPECT_EQ("413", Curl(options + "longer " + kUrl + "/dev/set").answer().status) << how;
-    Curl fits(options + "longest " + kUrl + "/dev/set");
-    const auto request = app_->receive();
-    ASSERT_TRUE(request) << how;
-    EXPECT_EQ(longest, text_of(*request).size());
-    answer(app_.get(), *request, "ok");
+    EXPECT_EQ("413", status_of("/dev/set", options + "longer")) << how;
+    Curl fits("/dev/set", options + "longest");
+    const Frame request = app_->read();
+    EXPECT_EQ(longest, text_of(request).size());
+    answer(app_.get(), request, "ok");
     EXPECT_EQ("200", fits.answer().status);
   }
 }
 
 TEST_F(Restful, FindsTheLongestMatchingRegistration) {
-  RawClient other("other");
-  enter(&other, "/");
-  enter(app_.get(), "/dev");
-  enter(app_.get(), "/net/wan|/net/lan/up");
-  enter(app_.get(), "/api/*");
-  enter(app_.get(), "/api/?an/*/state|/api/**/deep");
+  for (const char *texts : {"/net/wan|/net/lan/up", "/api/*", "/api/?an/*/state|/api/**/deep"}) {
+    enter(texts);
+  }
 
   EXPECT_EQ("/dev info", target_of("/dev/info"));
-  EXPECT_EQ("404", target_of("/dev/info/more"));
   EXPECT_EQ("/net wan", target_of("/net/wan"));
   EXPECT_EQ("/net/lan up", target_of("/net/lan/up"));
   // Without a list the registration would stand for what is below it.
@@ -434,77 +394,57 @@ TEST_F(Restful, FindsTheLongestMatchingRegistration) {
   EXPECT_EQ("404", target_of("/api/x/y/z/shallow"));
 }
 
-TEST_F(Restful, IsNotFooledByAnswersOfOthers) {
-  enter(app_.get(), "/dev");
+TEST_F(Restful, TakesTheApplicationsAnswerAloneAlsoFromAFile) {
   RawClient impostor("impostor");
-  Curl curl(std::string(kUrl) + "/dev/info");
-  const auto request = app_->receive();
-  ASSERT_TRUE(request);
-
-  answer(&impostor, *request, "forged");
-  settle(&impostor);
-  RawFrame wrong = *request;
+  Curl curl("/dev/info");
+  const Frame request = app_->read();
+  answer(&impostor, request, "forged");
+  impostor.drain();
+  Frame wrong = request;
   ++wrong.sequence;
   answer(app_.get(), wrong, "wrong");
-  answer(app_.get(), *request, "right");
 
-  EXPECT_EQ("right", curl.answer().body);
-}
-
-TEST_F(Restful, TakesLargeAnswersFromFiles) {
-  enter(app_.get(), "/dev");
-  Curl curl(std::string(kUrl) + "/dev/list");
-  const auto request = app_->receive();
-  ASSERT_TRUE(request);
   const std::string file = std::string(ORP_MSG_HAND_OVER_PREFIX) + "5";
   const std::string text(70000, 't');
   std::ofstream(file) << text << '\0';
   std::string path = file;
   path.resize(ORP_MSG_HAND_OVER_PATH_SIZE);
-
-  app_->send({.type = request->type | ORP_MSG_TYPE_BODY_IN_FILE,
+  app_->send({.type = request.type | ORP_MSG_TYPE_BODY_IN_FILE,
               .to = "mic",
               .body = path,
-              .sequence = request->sequence});
+              .sequence = request.sequence});
 
   EXPECT_TRUE(text == curl.answer().body);
   EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 TEST_F(Restful, PassesRequestsOfOtherApplicationsOn) {
-  enter(app_.get(), "/dev");
   RawClient front("front");
-  ORP_MSG_RESTFUL_REQ_ST head{};
-  std::strcpy(head.aucPath, "/dev");
-  std::strcpy(head.aucHandler, "info");
+  const ORP_MSG_RESTFUL_REQ_ST head{0, 0, "/dev", "info"};
   const std::string body = bytes_of(head) + "text" + '\0';
 
   front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = body, .sequence = 21});
-  const auto request = app_->receive();
-  ASSERT_TRUE(request);
-  EXPECT_EQ("front", request->from);
-  EXPECT_EQ(body, request->body);
-  answer(app_.get(), *request, "direct");
-  const auto reply = front.receive();
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(21u, reply->sequence);
-  EXPECT_STREQ("direct", reply->body.c_str());
+  const Frame request = app_->read();
+  EXPECT_EQ("front", request.from);
+  EXPECT_EQ(body, request.body);
+  answer(app_.get(), request, "direct");
+  const Frame reply = front.read();
+  EXPECT_EQ(21u, reply.sequence);
+  EXPECT_STREQ("direct", reply.body.c_str());
 
-  std::strcpy(head.aucPath, "/none");
-  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(head) + '\0'});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, front.receive()->type);
+  const ORP_MSG_RESTFUL_REQ_ST none{0, 0, "/none", "info"};
+  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(none) + '\0'});
+  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, front.read().type);
 }
 
 TEST_F(Restful, SurvivesHttpClientsThatLeave) {
-  enter(app_.get(), "/dev");
   for (int i = 0; i < 10; ++i) {
     const int fd = connect_to(8080);
     const std::string get = "GET /dev/info HTTP/1.1\r\nHost: x\r\n\r\n";
     ASSERT_EQ(static_cast<ssize_t>(get.size()), ::send(fd, get.data(), get.size(), MSG_NOSIGNAL));
-    const auto request = app_->receive();
-    ASSERT_TRUE(request);
+    const Frame request = app_->read();
     ::close(fd);
-    answer(app_.get(), *request, "nobody reads this");
+    answer(app_.get(), request, "nobody reads this");
   }
   EXPECT_EQ("/dev info", target_of("/dev/info"));
 }
@@ -516,15 +456,11 @@ class DynamicApps : public Services {
   // Starts the server with one application: a Python program that finds its socket as `s`.
   void start_with(const std::string &program, const std::string &listen,
                   const std::string &more = "") {
-    std::string quoted;
-    for (const char c : "import os, socket, sys, time\ns = socket.socket(fileno=3)\n" + program) {
-      if (c == '"' || c == '\\') quoted += '\\';
-      quoted += c == '\n' ? std::string("\\n") : std::string(1, c);
-    }
+    std::ofstream("/var/dyn.py") << "import os, socket, sys\ns = socket.socket(fileno=3)\n"
+                                 << program;
     std::ofstream("/var/apps.json")
-        << "{\"applications\": [{\"name\": \"dyn\", \"executable\": \"/usr/bin/python3\","
-        << "\"arguments\": [\"-c\", \"" << quoted << "\"], \"listen\": \"" << listen << "\"" << more
-        << "}]}";
+        << R"({"applications": [{"name": "dyn", "executable": "/usr/bin/python3",)"
+        << R"("arguments": ["/var/dyn.py"], "listen": ")" << listen << "\"" << more << "}]}";
     start({"--apps", "/var/apps.json"});
   }
 
@@ -532,48 +468,33 @@ class DynamicApps : public Services {
   static std::optional<std::string> visit() {
     const int fd = connect_to(7001);
     if (fd < 0) return std::nullopt;
-    std::string text;
-    char buffer[256];
-    ssize_t count;
-    while ((count = ::read(fd, buffer, sizeof buffer)) > 0) {
-      text.append(buffer, static_cast<size_t>(count));
-    }
+    char text[256] = "";
+    [[maybe_unused]] const ssize_t count = ::recv(fd, text, sizeof text - 1, MSG_WAITALL);
     ::close(fd);
     return text;
   }
 
-  static std::string name_field() { return std::string("dyn\0\0\0\0\0\0\0\0\0", 12); }
   static constexpr const char *kTcp = "tcp:127.0.0.1:7001";
   static constexpr const char *kServeForEver =
       "n = 0\n"
       "while True:\n"
       "  c, _ = s.accept(); n += 1\n"
-      "  c.send(b'%d %d' % (os.getpid(), n)); c.close()\n";
+      "  c.send(b'%d' % n); c.close()\n";
 };
 
 TEST_F(DynamicApps, StartAtTheFirstConnection) {
   start_with(
       "c, _ = s.accept()\n"
-      "c.send(b'%d %s %s' % (os.getpid(), os.environ['LISTEN_PID'].encode(),"
-      " os.environ['LISTEN_FDS'].encode()))\n",
+      "right = os.environ['LISTEN_PID'] == str(os.getpid()) and os.environ['LISTEN_FDS'] == '1'\n"
+      "c.send(b'%d %d' % (right, os.getpid()))\n",
       kTcp);
   EXPECT_THAT(server_->output(), testing::Not(HasSubstr("is started")));
 
   const auto first = visit();
-  ASSERT_TRUE(first);
-  std::istringstream words(*first);
-  int pid = 0;
-  int announced = 0;
-  int count = 0;
-  words >> pid >> announced >> count;
-  EXPECT_GT(pid, 0);
-  EXPECT_EQ(pid, announced);
-  EXPECT_EQ(1, count);
+  EXPECT_THAT(first, Optional(testing::StartsWith("1 ")));
   // It ended well; the next connection starts it anew.
   ASSERT_TRUE(server_->wait_for("dyn has ended: exit status 0"));
-  const auto second = visit();
-  ASSERT_TRUE(second);
-  EXPECT_NE(first, second);
+  EXPECT_THAT(visit(), testing::AllOf(Optional(testing::StartsWith("1 ")), testing::Ne(first)));
 }
 
 TEST_F(DynamicApps, AreRestartedMoreAndMoreSlowlyWhenTheyCrash) {
@@ -592,57 +513,35 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   start_with(kServeForEver, kTcp);
   RawClient client("web");
   const auto update = [&](uint32_t action) {
-    client.send({.type = 0x5001, .body = name_field(), .data = action});
-    settle(&client);
+    client.send({.type = 0x5001, .body = test::padded("dyn"), .data = action});
+    client.drain();
   };
 
-  const auto first = visit();
-  ASSERT_TRUE(first);
+  EXPECT_EQ("1", visit());
+  EXPECT_EQ("2", visit());
   update(2);
   ASSERT_TRUE(server_->wait_for("dyn has ended: signal 15"));
   ASSERT_TRUE(server_->wait_for("dyn is started"));
-  const auto second = visit();
-  ASSERT_TRUE(second);
-  EXPECT_NE(*first, *second);
-  EXPECT_THAT(*second, testing::EndsWith(" 1"));
+  EXPECT_EQ("1", visit());
 
   update(1);
   ASSERT_TRUE(server_->wait_for("dyn has ended"));
   EXPECT_FALSE(visit());
   update(0);
-  EXPECT_TRUE(visit());
-
-  client.send({.type = 0x5001, .body = std::string("unknown\0\0\0\0\0", 12), .data = 0});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.receive()->type);
-}
-
-TEST_F(DynamicApps, AllStopAtOnce) {
-  start_with(kServeForEver, kTcp);
-  RawClient client("web");
-  ASSERT_TRUE(visit());
-
-  const auto reply = client.ask({.type = 0x504d});
-
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(0u, reply->data);
-  EXPECT_TRUE(server_->wait_for("dyn has ended"));
+  EXPECT_EQ("1", visit());
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(0u, client.ask({.type = 0x504d}).data) << "all stop";
   EXPECT_FALSE(visit());
-  EXPECT_TRUE(client.ask({.type = 0x504d}));
+
+  client.send({.type = 0x5001, .body = test::padded("unknown"), .data = 0});
+  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type);
 }
 
 TEST_F(DynamicApps, RunAsTheirUserOnAUnixSocket) {
-  std::ifstream map("/proc/self/uid_map");
-  unsigned long inside = 0;
-  unsigned long outside = 0;
-  unsigned long count = 0;
-  map >> inside >> outside >> count;
-  if (count == 1) GTEST_SKIP() << "this sandbox knows no other users";
-
+  if (::seteuid(65534) != 0) GTEST_SKIP() << "this sandbox knows no other users";
+  ASSERT_EQ(0, ::seteuid(0));
   start_with("c, _ = s.accept()\nc.send(b'%d %d' % (os.getuid(), len(os.getgroups())))\n",
              "unix:/var/dyn.sock", ", \"user\": \"nobody\", \"mode\": \"0600\"");
-  struct stat status {};
-  ASSERT_EQ(0, ::stat("/var/dyn.sock", &status));
-  EXPECT_EQ(0600u, status.st_mode & 0777);
+  EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status("/var/dyn.sock").permissions());
   RawClient visitor("x", RawClient::Register::kNo, "/var/dyn.sock");
   EXPECT_EQ("65534 1", visitor.receive_bytes(7));
 
@@ -652,17 +551,14 @@ TEST_F(DynamicApps, RunAsTheirUserOnAUnixSocket) {
 
 TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
   for (const char *bad :
-       {"{", "{}",
-        R"({"applications": [{"name": "mic", "executable": "/x", "listen": "unix:/x"}]})",
-        R"({"applications": [{"name": "much-too-long", "executable": "/x", "listen": "unix:/x"}]})",
-        R"({"applications": [{"name": "a", "executable": "x", "listen": "unix:/x"}]})",
-        R"({"applications": [{"name": "a", "executable": "/x", "listen": "7001"}]})",
-        R"({"applications": [{"name": "a", "executable": "/x", "listen": "tcp:nowhere:1"}]})",
-        R"({"applications": [{"name": "a", "executable": "/x", "listen": "unix:/var/x",)"
-        R"( "user": "nobody at all"}]})",
-        R"({"applications": [{"name": "a", "executable": "/x", "listen": "unix:/var/x",)"
-        R"( "mode": "rw"}]})"}) {
-    std::ofstream("/var/apps.json") << bad;
+       {"{", "", R"("name": "mic", "executable": "/x", "listen": "unix:/x")",
+        R"("name": "much-too-long", "executable": "/x", "listen": "unix:/x")",
+        R"("name": "a", "executable": "x", "listen": "unix:/x")",
+        R"("name": "a", "executable": "/x", "listen": "7001")",
+        R"("name": "a", "executable": "/x", "listen": "tcp:nowhere:1")",
+        R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "user": "nobody at all")",
+        R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "mode": "rw")"}) {
+    std::ofstream("/var/apps.json") << R"({"applications": [{)" << bad << "}]}";
     test::Process server("msgsvr", {"--apps", "/var/apps.json"});
     EXPECT_EQ(1, server.wait()) << bad;
   }
@@ -680,11 +576,7 @@ class ConfigManager : public Services {
 
   ConfigManager() {
     std::filesystem::create_directories(CFM_STORE_DIRECTORY);
-    const uint32_t number = 3;
-    const CFM_VALUE values[] = {
-        {CFM_AREA_PARAMETER, 0, 0, CFM_PARA_LOGIN_WAIT, CFM_TYPE_NUMBER, 4, &number, 4},
-        {CFM_AREA_APP_DATA, 0, 0, CFM_APPDATA_PRIVACY_HANDLED, CFM_TYPE_BYTES, 1, "\0", 1}};
-    EXPECT_EQ(CFM_OK, CFM_StoreDefine(values, 2, CFM_DEFINE_DEFAULT));
+    test::define_number(CFM_PARA_LOGIN_WAIT, 3);
     start();
     client_ = std::make_unique<RawClient>("web");
   }
@@ -700,8 +592,7 @@ class ConfigManager : public Services {
 
   uint32_t ask(uint32_t type, const std::string &path = "") {
     const std::string body = path.empty() ? "" : path + '\0';
-    const auto reply = client_->ask({.type = type, .body = body}, 15000);
-    return reply ? reply->data : 0xffffffff;
+    return client_->ask({.type = type, .body = body}).data;
   }
 
   std::unique_ptr<RawClient> client_;
@@ -709,18 +600,13 @@ class ConfigManager : public Services {
 
 TEST_F(ConfigManager, SavesAndBringsBackDefaults) {
   set(7);
-  for (const uint32_t type : {0x502bu, 0x502au, 0x5040u}) EXPECT_EQ(0u, ask(type)) << type;
   for (const uint32_t type : {0x5009u, 0x503fu}) client_->send({.type = type});
-  EXPECT_EQ(0u, ask(kSaveSync));
+  for (const uint32_t type : {0x502bu, 0x502au, 0x5040u, 0x5033u}) EXPECT_EQ(0u, ask(type));
   EXPECT_EQ(7u, get());
 
   client_->send({.type = 0x500f, .body = std::string(8, '\0')});
   EXPECT_EQ(0u, ask(kSaveSync));  // done one after the other
   EXPECT_EQ(3u, get());
-
-  set(7);
-  EXPECT_EQ(0u, ask(0x5033));
-  EXPECT_EQ(7u, get());
 }
 
 TEST_F(ConfigManager, ExportsAndImportsTheWholeStore) {
@@ -735,25 +621,22 @@ TEST_F(ConfigManager, ExportsAndImportsTheWholeStore) {
   EXPECT_EQ(7u, get());
 
   for (const char *secret : {"/var/cfm/export.key", kFile}) {
-    struct stat status {};
-    ASSERT_EQ(0, ::stat(secret, &status)) << secret;
-    EXPECT_EQ(mode_t{S_IFREG | 0600}, status.st_mode) << secret;
+    EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status(secret).permissions());
   }
   EXPECT_EQ(32u, std::filesystem::file_size("/var/cfm/export.key"));
-  EXPECT_EQ(2, content_of(kFile)[8]);
-  EXPECT_THAT(content_of(kFile), testing::Not(HasSubstr("SQLite")));
+  EXPECT_EQ(2, test::contents(kFile)[8]);
+  EXPECT_THAT(test::contents(kFile), testing::Not(HasSubstr("SQLite")));
 }
 
 TEST_F(ConfigManager, RefusesWhatItDidNotWriteItself) {
   set(7);
   ASSERT_EQ(0u, ask(kExport, kFile));
-  const std::string whole = content_of(kFile);
+  const std::string whole = test::contents(kFile);
   set(9);
   const auto refused = [&](const std::string &content) {
     std::ofstream(kFile) << content;
-    const bool not_good = ask(kCheck, kFile) != 0;
     const bool not_taken = ask(kImport, kFile) != 0;
-    EXPECT_EQ(not_good, not_taken);
+    EXPECT_EQ(not_taken, ask(kCheck, kFile) != 0);
     EXPECT_EQ(not_taken, get() == 9);
     return not_taken;
   };
@@ -765,7 +648,7 @@ TEST_F(ConfigManager, RefusesWhatItDidNotWriteItself) {
     ASSERT_TRUE(refused(damaged)) << at;
   }
   for (const size_t cut : {size_t{0}, size_t{1}, size_t{39}, size_t{55}, whole.size() - 1}) {
-    ASSERT_TRUE(refused(whole.substr(0, cut))) << cut;
+    EXPECT_TRUE(refused(whole.substr(0, cut))) << cut;
   }
   EXPECT_TRUE(refused(whole + "x"));
   EXPECT_FALSE(refused(whole));  // the test itself would notice

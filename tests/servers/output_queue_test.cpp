@@ -1,12 +1,9 @@
 #include "common/output_queue.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <cstring>
 #include <string>
 
 #include "support/fd_check.h"
@@ -85,6 +82,7 @@ TEST_F(OutputQueueTest, RefusesWhatWouldExceedTheLimitAndNamesWhatWasNotWritten)
   const size_t held = send_until(&queue, 85000).size() / 10000;
 
   EXPECT_EQ(1u, send(&queue, std::string(20000, 'x')));
+  EXPECT_EQ(nullptr, queue.open_stream(std::string(20000, 'x'), 1, {7, 2}));
   EXPECT_EQ(0u, send(&queue, "small"));
 
   theirs_.reset();
@@ -138,42 +136,6 @@ TEST_F(OutputQueueTest, FillsUpAFrameWhoseBeginningIsWritten) {
             receive(&queue));
   EXPECT_EQ(1u, queue.frames_written());
   EXPECT_EQ(0u, queue.weight());
-}
-
-TEST_F(OutputQueueTest, SendsADescriptorInAWriteOfItsOwn) {
-  OutputQueue queue(ours_.get(), kLimit);
-  const std::string before = send_until(&queue, 1000);
-  UniqueFd file(::open("/dev/zero", O_RDONLY | O_CLOEXEC));
-  EXPECT_TRUE(queue.send_descriptor(std::move(file), {7, 3}));
-  EXPECT_EQ(0u, send(&queue, "after"));
-
-  std::string got;
-  while (got.size() < before.size()) {
-    char buffer[5000];
-    const ssize_t count =
-        ::read(theirs_.get(), buffer, std::min(sizeof buffer, before.size() - got.size()));
-    if (count > 0) got.append(buffer, static_cast<size_t>(count));
-    if (count < 0) queue.flush();
-  }
-  queue.flush();
-  char bytes[100];
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-  iovec piece{bytes, sizeof bytes};
-  msghdr message{};
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-
-  ASSERT_EQ(2, ::recvmsg(theirs_.get(), &message, MSG_CMSG_CLOEXEC));
-  const cmsghdr *header = CMSG_FIRSTHDR(&message);
-  ASSERT_NE(nullptr, header);
-  ASSERT_EQ(SCM_RIGHTS, header->cmsg_type);
-  int received;
-  std::memcpy(&received, CMSG_DATA(header), sizeof received);
-  UniqueFd owner(received);
-  EXPECT_EQ(1, ::read(received, bytes, 1));
-  EXPECT_EQ("after", receive(&queue));
 }
 
 }  // namespace

@@ -193,12 +193,23 @@ std::optional<Frame> RawClient::enter() {
   return reply;
 }
 
-std::optional<Frame> RawClient::ask(const Frame &request, int timeout_ms) {
+Frame RawClient::ask(const Frame &request) {
   send(request);
-  for (;;) {
-    std::optional<Frame> frame = receive(timeout_ms);
-    if (!frame || frame->type == request.type) return frame;
+  Frame frame;
+  do {
+    frame = read();
+  } while (frame.type != request.type && frame.type != 0);
+  return frame;
+}
+
+std::vector<Frame> RawClient::drain() {
+  constexpr uint32_t kMark = 0xdeadbeef;
+  send({.type = ORP_MSG_COUNT_PROCESSES, .sequence = kMark});
+  std::vector<Frame> frames;
+  for (Frame frame = read(); frame.sequence != kMark && frame.type != 0; frame = read()) {
+    frames.push_back(std::move(frame));
   }
+  return frames;
 }
 
 Connection::Connection(std::string_view name, bool swap) : peer(-1) {

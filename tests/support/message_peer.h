@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "base/memory.h"
 #include "msgapi/msg.h"
@@ -100,19 +101,10 @@ class RawClient : public MessagePeer {
   std::optional<Frame> enter();
 
   // Sends a request and waits for the frame of its type; others are dropped.
-  std::optional<Frame> ask(const Frame &request, int timeout_ms = kPatience_ms);
+  Frame ask(const Frame &request);
   // Everything the server had for this client before now has arrived afterwards: asks it for
-  // something and collects what comes before the answer.
-  template <typename Each>
-  bool drain(Each each) {
-    send({.type = ORP_MSG_COUNT_PROCESSES, .sequence = 0xdeadbeef});
-    for (;;) {
-      const std::optional<Frame> frame = receive();
-      if (!frame) return false;
-      if (frame->sequence == 0xdeadbeef) return true;
-      each(*frame);
-    }
-  }
+  // something and returns what comes before the answer.
+  std::vector<Frame> drain();
 };
 
 // Both ends of a connection: this process's, installed in its message context under a name, and
