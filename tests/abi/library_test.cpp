@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <link.h>
 
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -49,6 +50,21 @@ class SharedLibrary {
       if (entry.d_tag == DT_NEEDED) names.insert(dynamic_text(entry.d_un.d_val));
     }
     return names;
+  }
+
+  struct Size {
+    size_t file = 0;      // all that is loaded
+    size_t writable = 0;  // in memory
+  };
+  Size size() const {
+    const auto head = at<ElfW(Ehdr)>(0, 1).at(0);
+    Size size;
+    for (const auto &segment : at<ElfW(Phdr)>(head.e_phoff, head.e_phnum)) {
+      if (segment.p_type != PT_LOAD) continue;
+      size.file += segment.p_filesz;
+      if ((segment.p_flags & PF_W) != 0) size.writable += segment.p_memsz;
+    }
+    return size;
   }
 
   size_t constructors() const { return entries<ElfW(Addr)>(SHT_INIT_ARRAY).size(); }
@@ -163,5 +179,14 @@ TEST(Abi, RunsNoConstructor) {
   // The one is the compiler's own, in every shared library.
   EXPECT_GE(1u, SharedLibrary(MSGAPI_LIBRARY).constructors());
 }
+
+#if UINTPTR_MAX == UINT32_MAX && defined(NDEBUG)
+TEST(Abi, IsSmallOnTheDevice) {
+  const SharedLibrary::Size size = SharedLibrary(MSGAPI_LIBRARY).size();
+
+  EXPECT_GT(160u * 1024 - 2048, size.file) << "room for the section headers of a stripped file";
+  EXPECT_GT(16u * 1024, size.writable);
+}
+#endif
 
 }  // namespace

@@ -15,10 +15,11 @@ namespace {
 
 constexpr size_t kLongestUri = 0x55555553;
 
-// What one byte becomes.
+// What one byte becomes: up to three characters, and behind them how many they are.
 struct Code {
   char text[4];
-  uint32_t length;
+
+  constexpr uint32_t length() const { return static_cast<uint8_t>(text[3]); }
 };
 
 using CodeTable = std::array<Code, 256>;
@@ -33,9 +34,9 @@ constexpr CodeTable make_table(std::string_view unreserved, const char *digits) 
   for (size_t byte = 0; byte < table.size(); ++byte) {
     const char character = static_cast<char>(byte);
     if (is_alphanumeric(byte) || unreserved.find(character) != unreserved.npos) {
-      table[byte] = {{character}, 1};
+      table[byte] = {{character, 0, 0, 1}};
     } else {
-      table[byte] = {{'%', digits[byte >> 4], digits[byte & 15]}, 3};
+      table[byte] = {{'%', digits[byte >> 4], digits[byte & 15], 3}};
     }
   }
   return table;
@@ -43,11 +44,11 @@ constexpr CodeTable make_table(std::string_view unreserved, const char *digits) 
 
 constexpr CodeTable make_form_table() {
   CodeTable table = make_table("-_.~*'()", kUpperHexDigits);
-  table[' '] = {{'+'}, 1};
+  table[' '] = {{'+', 0, 0, 1}};
   return table;
 }
 
-constexpr Code kPercentSign = {{'%'}, 1};
+constexpr Code kPercentSign = {{'%', 0, 0, 1}};
 constexpr CodeTable kFormCodes = make_form_table();
 constexpr CodeTable kUriCodes = make_table("!#$&'()*+,/:;=?@-._~", kLowerHexDigits);
 
@@ -64,7 +65,7 @@ std::span<const char> encode_form(std::string_view text, std::span<char> room) {
   TextWriter out(room);
   for (const char character : text) {
     const Code &code = kFormCodes[static_cast<uint8_t>(character)];
-    out.put_first(code.text, code.length);
+    out.put_first(code.text, code.length());
   }
   out.put('\0');
   return out.written();
@@ -76,7 +77,7 @@ std::span<const char> encode_uri(std::string_view text, std::span<char> room) {
     // A "%" that begins an escape stays, and so do the digits behind it, like all of their kind.
     const bool stays = text[at] == '%' && is_escape({&text[at], text.size() - at});
     const Code &code = stays ? kPercentSign : kUriCodes[static_cast<uint8_t>(text[at])];
-    out.put_first(code.text, code.length);
+    out.put_first(code.text, code.length());
   }
   out.put('\0');
   return out.written();
@@ -95,7 +96,7 @@ Owned<char> form_encode(std::string_view text) {
   }
 
   uint64_t length = 0;
-  for (const char character : text) length += kFormCodes[static_cast<uint8_t>(character)].length;
+  for (const char character : text) length += kFormCodes[static_cast<uint8_t>(character)].length();
   Owned<char> encoded(static_cast<char *>(guarded_alloc(length + 1)));
   if (encoded) encode_form(text, {encoded.get(), static_cast<size_t>(length) + 1});
   return encoded;
