@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace msgapi {
 
@@ -71,6 +72,14 @@ std::string_view cut_word(std::string_view *text) {
                               std::min(text->find_first_of(kWhiteSpace), text->size()));
   text->remove_prefix(word.size());
   return word;
+}
+
+std::string_view cut_piece(std::string_view *text, char separator) {
+  const size_t end = text->find(separator);
+  if (end == text->npos) return std::exchange(*text, std::string_view());
+  const std::string_view piece(text->data(), end);
+  text->remove_prefix(end + 1);
+  return piece;
 }
 
 }  // namespace msgapi

@@ -16,16 +16,6 @@ namespace {
 
 constexpr std::string_view kStorageRoot = "/mnt";
 
-// The piece of `*text` up to `separator` or the end, cut off it with the separator. Sets *text to
-// null data behind the last piece.
-std::string_view cut_piece(std::string_view *text, char separator) {
-  const size_t end = text->find(separator);
-  if (end == text->npos) return std::exchange(*text, std::string_view());
-  const std::string_view piece(text->data(), end);
-  text->remove_prefix(end + 1);
-  return piece;
-}
-
 // Base64 of a platform that counts in 32 bits; null on failure and for an empty result.
 Owned<char> encode_piece(std::string_view piece) {
   char *encoded = nullptr;

@@ -63,20 +63,6 @@ bool check_date_time(const DateTime &at) {
   return true;
 }
 
-// Cuts the text up to `separator`, or all of it, off the front of `rest`. Nothing is left when
-// there was no separator.
-std::string_view cut_piece(std::string_view *rest, char separator) {
-  const size_t end = rest->find(separator);
-  std::string_view piece = *rest;
-  if (end == std::string_view::npos) {
-    *rest = {};
-  } else {
-    piece.remove_suffix(piece.size() - end);
-    rest->remove_prefix(end + 1);
-  }
-  return piece;
-}
-
 // Exactly `count` digits.
 bool read_digits(std::string_view text, size_t count, uint32_t *out) {
   if (text.size() != count) return false;
