@@ -1,7 +1,7 @@
 // A stock kernel has no netlink protocol 25; these tests put one in its place that it has, and look
 // at what is sent.
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -42,8 +42,6 @@ extern "C" ssize_t sendmsg(int, const msghdr *message, int) {
 
 namespace {
 
-using testing::IsEmpty;
-
 TEST(SendToKernel, SendsOnePaddedDatagram) {
   const test::FdCheck descriptors;
   EXPECT_EQ(0u, ORP_Netlink_SendToKernel("\1\2\3\4\5", 5, 0x1234));
@@ -77,7 +75,7 @@ TEST(SendToKernel, FailsWhenThePortIdIsTaken) {
   EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 1, 77));
 
   EXPECT_EQ("bind error\n: Address already in use\n", testing::internal::GetCapturedStderr());
-  EXPECT_THAT(g_sent, IsEmpty());
+  EXPECT_TRUE(g_sent.empty());
 }
 
 TEST(SendToKernel, FailsWithoutADatagram) {
@@ -90,7 +88,7 @@ TEST(SendToKernel, FailsWithoutADatagram) {
   EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 1, 7));
   g_protocol_exists = false;
   EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", 1, 7)) << "the kernel does not know the protocol";
-  EXPECT_THAT(g_sent, IsEmpty());
+  EXPECT_TRUE(g_sent.empty());
 }
 
 }  // namespace

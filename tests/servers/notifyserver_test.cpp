@@ -1,6 +1,4 @@
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,14 +12,15 @@
 
 #include "msgapi/loop.h"
 #include "msgapi/notify.h"
-#include "os/fd.h"
+#include "support/notify_peer.h"
 #include "support/process.h"
 
 namespace {
 
+using test::NotifyMessage;
+using test::NotifyPeer;
 using testing::HasSubstr;
 
-constexpr const char *kSocketPath = "/var/run/notify/notifyserver";
 constexpr uint32_t kCms = 8;
 constexpr uint32_t kWeb = 26;
 constexpr uint32_t kType = 0x77;
@@ -52,48 +51,17 @@ class Module {
   pid_t pid_;
 };
 
-// A client that says what it wants.
-class Stranger {
- public:
-  Stranger() : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, kSocketPath);
-    EXPECT_EQ(0,
-              ::connect(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-  }
-
-  void send(const std::string &bytes) {
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
-              ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
-  }
-  // The next bytes, empty at the end of the stream.
-  std::string receive(size_t size) {
-    std::string bytes(size, '\0');
-    const ssize_t count = ::recv(fd_.get(), bytes.data(), size, MSG_WAITALL);
-    bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
-    return bytes;
-  }
-  int fd() const { return fd_.get(); }
-
- private:
-  msgapi::os::UniqueFd fd_;
-};
-
-std::string message(uint32_t type, uint32_t destination, const std::string &data,
-                    uint32_t missing = 0) {
-  NOTIFY_MSG head{};
-  head.msg_type = type;
-  head.des_id = destination;
-  head.ack_tag = ORP_NOTIFYCLT_REQUEST;
-  head.data_len = static_cast<uint32_t>(data.size()) + missing;
-  return std::string(reinterpret_cast<const char *>(&head), sizeof head) + data;
+NotifyMessage message(uint32_t type, uint32_t destination, const std::string &data) {
+  NotifyMessage message{{}, data};
+  message.head.msg_type = type;
+  message.head.des_id = destination;
+  message.head.ack_tag = ORP_NOTIFYCLT_REQUEST;
+  return message;
 }
 
-std::string registration(uint32_t module) {
+NotifyMessage registration(uint32_t module) {
   const uint32_t values[] = {module, 0};
-  return message(0, ORP_NOTIFYCLT_SERVER,
-                 std::string(reinterpret_cast<const char *>(values), sizeof values));
+  return message(0, ORP_NOTIFYCLT_SERVER, {reinterpret_cast<const char *>(values), sizeof values});
 }
 
 // A module that echoes requests until it gets a notification of two items.
@@ -156,7 +124,7 @@ TEST(NotifyServer, PassesRequestsAndNotificationsToTheOldestProcessOfAModule) {
 TEST(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
   Server server;
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
-  Stranger stranger;
+  NotifyPeer stranger;
 
   for (const uint32_t module : {99u, 99u, 0u, 110u, UINT32_MAX}) {
     EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostSimpleAsynNotify(module, kType, 1, 2));
@@ -173,19 +141,23 @@ TEST(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
 
 TEST(NotifyServer, PutsPiecesTogetherAndEndsOnlyTheClientThatSendsNonsense) {
   Server server;
-  Stranger web;
-  Stranger cms;
+  NotifyPeer web;
+  NotifyPeer cms;
   web.send(registration(kWeb));
   EXPECT_TRUE(server.wait_for("module 26"));
-  const std::string bytes = message(kType, kWeb, "data") + message(kType, kWeb, "");
-  for (const char byte : bytes) cms.send(std::string(1, byte));
-  EXPECT_EQ(bytes, web.receive(bytes.size()));
+  for (const char byte : message(kType, kWeb, "data").bytes()) cms.send(std::string(1, byte));
+  EXPECT_EQ("data", web.receive().data);
 
-  web.send(message(kType, kWeb, "whole").substr(0, 50));
-  cms.send(registration(kCms) + message(kType, kCms, "ok") + message(kType, kWeb, "", 0x800001));
-  EXPECT_EQ(message(kType, kCms, "ok"), cms.receive(1000));
+  web.send(message(kType, kWeb, "whole").bytes().substr(0, 50));
+  NotifyMessage too_long = message(kType, kWeb, "");
+  too_long.head.data_len = 0x800001;
+  cms.send(registration(kCms));
+  cms.send(message(kType, kCms, "ok"));
+  cms.send(std::string(reinterpret_cast<const char *>(&too_long.head), sizeof too_long.head));
+  EXPECT_EQ("ok", cms.receive().data);
+  EXPECT_EQ(UINT32_MAX, cms.receive().head.msg_type);
   EXPECT_TRUE(server.wait_for("is disconnected: it announced more data"));
-  ::shutdown(web.fd(), SHUT_WR);
+  web.stop_sending();
   EXPECT_TRUE(server.wait_for("left in the middle of a message"));
   EXPECT_THAT(server.statistics_at_end(), HasSubstr("malformed 1"));
 }
@@ -201,7 +173,7 @@ TEST(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   EXPECT_TRUE(server.wait_for("clients 1"));
 
   EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_NE(0, ::access(kSocketPath, F_OK));
+  EXPECT_NE(0, ::access("/var/run/notify/notifyserver", F_OK));
   ORP_NOTIFYCLT_Destroy();
   Server third;
   // What a server that was killed leaves is replaced.
@@ -213,7 +185,7 @@ TEST(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
 TEST(NotifyServer, LosesAndCountsWhatAClientDoesNotRead) {
   Server server({"--queue", "100000"});
   constexpr uint32_t kMessages = 2000;
-  Stranger web;
+  NotifyPeer web;
   web.send(registration(kWeb));
   EXPECT_TRUE(server.wait_for("module 26"));
   Module led(&server, 35, echo);
@@ -235,9 +207,8 @@ TEST(NotifyServer, LosesAndCountsWhatAClientDoesNotRead) {
 
   // What was not lost comes whole and in its order.
   for (uint32_t i = 0; i < kMessages - lost; ++i) {
-    const std::string bytes = web.receive(sizeof(NOTIFY_MSG) + sizeof i + data.size());
-    ASSERT_EQ(sizeof(NOTIFY_MSG) + sizeof i + data.size(), bytes.size());
-    ASSERT_EQ(0, std::memcmp(bytes.data() + sizeof(NOTIFY_MSG), &i, sizeof i));
+    const std::string got = web.receive().data;
+    ASSERT_EQ(std::string(reinterpret_cast<const char *>(&i), sizeof i) + data, got);
   }
   EXPECT_TRUE(server.wait_for("reads again; " + std::to_string(lost) + " messages for it"));
 }
