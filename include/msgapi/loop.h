@@ -244,7 +244,8 @@ MSGAPI_EXPORT void OrpUtilTimerGetIntv(const ORP_TIME_ST *later, const ORP_TIME_
 /* For timers in records of the caller: initialises one (no callback, interval 0, not started).
  * ORP_ERR_ARGUMENT for a null timer. */
 MSGAPI_EXPORT uint32_t OrpUvTimerInit(OrpUvLoop *loop, OrpUvTimer *timer);
-/* Starts it as ORP_TIMER_AddWithName describes. ORP_ERR_ARGUMENT for a null timer. */
+/* Starts it as ORP_TIMER_AddWithName describes. ORP_ERR_ARGUMENT for null or a timer without loop.
+ */
 MSGAPI_EXPORT uint32_t OrpUvTimerStart(OrpUvTimer *timer, uint32_t intervalMs, uint32_t count,
                                        ORP_TIMER_PROC callback, ORP_WORD data);
 /* OrpUvWatcherDelete. A deleted timer does not fire. */

@@ -151,7 +151,8 @@ MSGAPI_EXPORT void OrpUvProcessDeleteRedirectIo(OrpUvProcess *process, OrpUvIo *
  * does (quotes and backslash, nothing is expanded, no shell is involved), cut to 511 characters,
  * without one trailing "&". If a system user has the program's name as it stands in the command,
  * the child runs with that user's id and groups; for "/bin/sh" the name is that of the script in
- * the first argument, without directory and from its first "." on. Returns the child's pid, or -1.
+ * the first argument, without its directory and up to its first ".". Returns the child's pid, or
+ * -1.
  */
 MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissions(const char *command);
 
@@ -170,7 +171,7 @@ MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissionsFullEx(const char *command,
  * Waits for the end of the child `pid`, looking every `pollMs` milliseconds (0: 10) and at every
  * SIGCHLD, for at most `timeoutMs` (0: without limit). Works beside the SIGCHLD handler: the status
  * is found whoever collected it, as long as it is among the last 64 of processes that have no
- * watcher. A process watcher of the child still reports its exit.
+ * watcher. A process watcher of the child on the default loop still reports its exit.
  *
  * Returns the exit code, 128 + the number of the signal that ended the child, 0x10005 after the
  * time-out (with `killOnTimeout` non-zero the child has been killed and reaped then), or -1 when
