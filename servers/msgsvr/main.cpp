@@ -59,8 +59,10 @@ void add_options(CLI::App *app, Options *options) {
 }
 
 void add_service_options(CLI::App *app, Options *options) {
-  app->add_option("--http", options->http,
-                  "ADDRESS:PORT for restful requests by HTTP; anybody who reaches it is served");
+  app->add_option(
+      "--http", options->http,
+      "[ADDRESS:]PORT for restful requests by HTTP, the address 127.0.0.1 unless one is "
+      "given; anybody who reaches it is served");
   app->add_option("--http-timeout", options->http_timeout_ms,
                   "Milliseconds that an application has to answer one")
       ->check(CLI::Range(1, 600000))
@@ -141,6 +143,8 @@ int main(int argc, char **argv) try {
                  kQueuePerFrame);
     return EXIT_FAILURE;
   }
+  const bool port_alone = !options.http.empty() && options.http.find(':') == std::string::npos;
+  if (port_alone) options.http.insert(0, "127.0.0.1:");
   for (std::string &directory : options.export_directories) {
     if (!directory.ends_with('/')) directory += '/';
   }

@@ -261,7 +261,7 @@ class Restful : public Services {
   };
 
   Restful() {
-    start({"--http", "127.0.0.1:8080", "--http-timeout", "2000"});
+    start({"--http", "8080", "--http-timeout", "2000"});
     app_ = std::make_unique<RawClient>("status");
     enter("/dev");
   }

@@ -208,6 +208,9 @@ Contents from_json(const json &root) {
       for (const auto &[object, instances] : members.items()) {
         for (const auto &[instance, values] : instances.items()) {
           const Place place{CFM_AREA_PARAMETER, parse_number(object), parse_number(instance), 0};
+          if (place.object == 0 || place.instance == 0) {
+            throw Error("objects/" + object + "/" + instance + ": both are numbered from 1");
+          }
           contents.instances.push_back({place.object, place.instance});
           add_values(values, place, section + "/" + object + "/" + instance, &contents);
         }
