@@ -128,14 +128,17 @@ int HttpFront::receive(MHD_Connection *connection, const char *method, const cha
     exchange->connection = connection;
     exchange->request.method = method;
     exchange->request.path = path;
-    // What is announced to be too large need not be sent at all.
-    const char *length =
-        ::MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    // What is announced to be too large need not be sent by a client that waits to be told. Another
+    // is already sending it, and would see a broken connection instead of an early answer.
+    const auto header = [connection](const char *name) {
+      return ::MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    };
+    const char *length = header(MHD_HTTP_HEADER_CONTENT_LENGTH);
     const std::string_view digits(length == nullptr ? "" : length);
     uint64_t announced = 0;
     std::from_chars(digits.data(), digits.data() + digits.size(), announced);
-    if (announced > longest_body_) {
-      exchange->too_large = true;
+    exchange->too_large = announced > longest_body_;
+    if (exchange->too_large && header(MHD_HTTP_HEADER_EXPECT) != nullptr) {
       exchange->status = kTooLarge;
       return respond(connection, *exchange);
     }
