@@ -27,7 +27,6 @@ TEST(Validators, JudgeTheirTexts) {
   }
   EXPECT_EQ(1u, ORP_UTIL_CheckStringTerminated("ab", 3));
   EXPECT_EQ(0u, ORP_UTIL_CheckStringTerminated("ab", 2));
-  EXPECT_EQ(0u, ORP_UTIL_CheckStringTerminated("", 0));
 }
 
 const struct {

@@ -54,7 +54,6 @@ const struct {
     {nullptr, 0, 0, "(null)", 0, "(null)"},
     {"https:/a", 0, 0, "(null)", 0, "(null)"},
     {"gopher://a", 0, 0, "(null)", 0, "(null)"},
-    {"https ://a", 0, 0, "(null)", 0, "(null)"},
     {"https://[::1/x", 0, 1, "(null)", 0, "(null)"},
     {"https://a:0", 0, 1, "(null)", 0, "(null)"},
     {"https://a:65536", 0, 1, "(null)", 0, "(null)"},
