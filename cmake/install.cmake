@@ -23,9 +23,11 @@ write_basic_package_version_file(msgapi-config-version.cmake COMPATIBILITY SameM
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/msgapi-config-version.cmake
   DESTINATION ${package_dir} COMPONENT development)
 
+set(MSGAPI_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING
+  "Where systemd's units go; below the prefix, or an absolute path")
 foreach(program ${programs})
   install(FILES packaging/systemd/${program}.service
-    DESTINATION lib/systemd/system COMPONENT programs)
+    DESTINATION ${MSGAPI_SYSTEMD_UNIT_DIR} COMPONENT programs)
 endforeach()
 foreach(chapter 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${chapter})
@@ -33,8 +35,9 @@ foreach(chapter 1 5 7 8)
 endforeach()
 install(FILES tools/cfmctl/defaults.json
   DESTINATION ${CMAKE_INSTALL_DATADIR}/cfmctl COMPONENT programs)
+# A sample: the server reads it from /etc, wherever all this goes.
 install(FILES servers/mlogserver/mlogserver.conf
-  DESTINATION ${CMAKE_INSTALL_SYSCONFDIR} COMPONENT programs)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/mlogserver COMPONENT programs)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libmsgapi)

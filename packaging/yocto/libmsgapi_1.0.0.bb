@@ -2,13 +2,16 @@ SUMMARY = "Runtime library of home gateway daemons"
 SECTION = "libs"
 LICENSE = "CLOSED"
 
-DEPENDS = "cjson sqlite3 libmicrohttpd libsodium cli11 nlohmann-json fmt"
+# All but sqlite3 are in meta-openembedded/meta-oe.
+DEPENDS = "cjson cli11 fmt libmicrohttpd libsodium nlohmann-json sqlite3"
 # Point EXTERNALSRC at the checkout, or replace this with the archive of a release.
 inherit externalsrc cmake pkgconfig systemd
 
-EXTRA_OECMAKE = "-DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF"
+EXTRA_OECMAKE = "-DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF \
+    -DMSGAPI_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
 PACKAGES =+ "${PN}-servers"
-FILES:${PN}-servers = "${sbindir}/* ${bindir}/* ${systemd_system_unitdir}/*"
+FILES:${PN}-servers = "${sbindir}/* ${bindir}/* ${datadir}/cfmctl ${datadir}/mlogserver \
+    ${systemd_system_unitdir}/*"
 SYSTEMD_PACKAGES = "${PN}-servers"
 SYSTEMD_SERVICE:${PN}-servers = "mlogserver.service msgsvr.service notifyserver.service"

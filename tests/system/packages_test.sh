@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # packages_test.sh SOURCE BUILD: the Debian packages can be made, installed into a root of their
-# own, used there to compile and run the README's daemon, and removed without leaving anything.
+# own, used there to compile and run the README's daemon, and removed without leaving anything. What
+# the recipes for other systems name is there.
 set -euo pipefail
 source=$(realpath "$1")
 build=$(realpath "$2")
@@ -41,6 +42,21 @@ for hello in "$work/hello" "$work/build/hello"; do
     { cat "$work/log"; echo "hello ended with ${status:-0} and printed: $output"; exit 1; }
 done
 rm "$root/usr/sbin/with_servers.sh"
+
+there() {
+  local name
+  while read -r name; do
+    [[ -e $1$name ]] || { echo "named in packaging/ but not there: $name"; exit 1; }
+  done
+}
+cd "$source"
+grep -hoP '\$\(PKG_BUILD_DIR\)/\K\S+' packaging/openwrt/Makefile | there ./
+grep -hoE '[a-z]+\.service' packaging/yocto/*.bb | there "$root/usr/lib/systemd/system/"
+grep -hoP '\$\{datadir\}/\K\w+' packaging/yocto/*.bb | there "$root/usr/share/"
+grep -hoE '/usr/sbin/[a-z]+' packaging/systemd/* packaging/procd/* | there "$root"
+grep -rhoP -- '-D\KMSGAPI_[A-Z_]+' packaging docs/packaging.md | while read -r option; do
+  grep -q "^$option:" "$build/CMakeCache.txt" || { echo "no such option: $option"; exit 1; }
+done
 
 packages --purge libmsgapi1 libmsgapi-dev msgapi-servers
 left=$(find "$root" -path "$root/var" -prune -o -type f -print)
