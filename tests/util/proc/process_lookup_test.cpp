@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,9 @@ class Sleeper {
     char unused;
     EXPECT_EQ(0, ::read(ready[0], &unused, 1)) << "closed by exec";
     ::close(ready[0]);
+    // Which closes descriptors before it sets the command line.
+    const std::string path = "/proc/" + std::to_string(pid_) + "/cmdline";
+    while (std::ifstream(path).get() == EOF) ::usleep(100);
   }
   Sleeper(const Sleeper &) = delete;
   Sleeper &operator=(const Sleeper &) = delete;
