@@ -97,8 +97,8 @@ struct OrpUvProcess {
 
 /*
  * Starts a child. In it, in this order: a session; inherited descriptors from 3 to the loop's
- * highest (at least up to 50 on a loop without higher ones) are closed; working directory; groups,
- * user and group; environment; umask; core limit; pipes; exec. Signals are as after an exec: those
+ * highest (to 50 on a loop that has watched none above 3) are closed; working directory; groups,
+ * group and user; environment; umask; core limit; pipes; exec. Signals are as after an exec: those
  * that this process catches have their default action, blocked and ignored ones stay so. When the
  * program cannot be executed, or the working directory, user or group cannot be set, the child ends
  * with exit code 127; that is not an error of this call.
