@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "cfmstore.h"
 #include "msgapi/dmmsg.h"
+#include "msgapi/dynapp.h"
 #include "msgapi/status.h"
 #include "support/message_peer.h"
 
@@ -14,16 +17,13 @@ using test::Connection;
 TEST(ConfigRequest, SendsWithoutWaitingForTheCurrentUser) {
   Connection connection("self");
   CFM_SetCurrUser(6);
-  const struct {
-    uint32_t (*function)();
-    uint32_t type;
-  } kCases[] = {{ORP_DB_SaveFunc, 0x5009},
-                {ORP_DBSaveFunc, 0x5009},
-                {ORP_DB_SaveToAppFunc, 0x503F},
-                {ORP_DBSaveToAppFunc, 0x503F}};
-  for (const auto &each : kCases) {
-    EXPECT_EQ(ORP_OK, each.function());
-    connection.peer.expect({.type = each.type, .data = 6});
+  const std::pair<uint32_t (*)(), uint32_t> kCases[] = {{ORP_DB_SaveFunc, 0x5009},
+                                                        {ORP_DBSaveFunc, 0x5009},
+                                                        {ORP_DB_SaveToAppFunc, 0x503F},
+                                                        {ORP_DBSaveToAppFunc, 0x503F}};
+  for (const auto &[function, type] : kCases) {
+    EXPECT_EQ(ORP_OK, function());
+    connection.peer.expect({.type = type, .data = 6});
   }
 
   EXPECT_EQ(ORP_OK, ORP_CFM_ExtRestoreDft(3));
@@ -39,16 +39,15 @@ TEST(ConfigRequest, SendsWithoutWaitingForTheCurrentUser) {
 TEST(ConfigRequest, ReturnsTheDataOfTheReply) {
   Connection connection("self");
   CFM_SetCurrUser(6);
-  const struct {
-    uint32_t (*function)();
-    uint32_t type;
-  } kCases[] = {{ORP_DB_SaveSyncFunc, 0x502B},     {ORP_DBSaveSyncFunc, 0x502B},
-                {ORP_AppSaveSyncFunc, 0x502A},     {ORP_DB_SaveToAppSyncFunc, 0x5040},
-                {ORP_DBSaveToAppSyncFunc, 0x5040}, {ORP_CFM_DelAppdata, 0x5033}};
-  for (const auto &each : kCases) {
-    connection.peer.send({.type = each.type, .data = 0x77});
-    EXPECT_EQ(0x77u, each.function());
-    connection.peer.expect({.type = each.type});
+  const std::pair<uint32_t (*)(), uint32_t> kCases[] = {
+      {ORP_DB_SaveSyncFunc, 0x502B},     {ORP_DBSaveSyncFunc, 0x502B},
+      {ORP_AppSaveSyncFunc, 0x502A},     {ORP_DB_SaveToAppSyncFunc, 0x5040},
+      {ORP_DBSaveToAppSyncFunc, 0x5040}, {ORP_CFM_DelAppdata, 0x5033},
+      {ORP_UTIL_KillAllDynApp, 0x504D}};
+  for (const auto &[function, type] : kCases) {
+    connection.peer.send({.type = type, .data = 0x77});
+    EXPECT_EQ(0x77u, function());
+    connection.peer.expect({.type = type});
   }
   connection.peer.close();
   EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_DB_SaveSyncFunc());
@@ -56,26 +55,22 @@ TEST(ConfigRequest, ReturnsTheDataOfTheReply) {
 
 TEST(ConfigRequest, SendsPathsWithTheirNul) {
   Connection connection("self");
-  const struct {
-    uint32_t (*function)(const char *);
-    uint32_t type;
-    const char *printed;
-  } kCases[] = {
+  const std::tuple<uint32_t (*)(const char *), uint32_t, const char *> kCases[] = {
       {ORP_CFM_ExtExportEncryptedCfgFile, 0x5026, ""},
       {ORP_CFM_ExtImportEncryptedCfgFile, 0x5027,
        "before send ORP_MSG_IMPORT_CFG_FILE, file=/var/cfg.\n"},
       {ORP_DB_CheckFile, 0x5028, ""},
       {ORP_DBCheckFile, 0x5028, ""},
   };
-  for (const auto &each : kCases) {
-    connection.peer.send({.type = each.type, .data = 0x31});
-    connection.peer.send({.type = each.type});
+  for (const auto &[function, type, printed] : kCases) {
+    connection.peer.send({.type = type, .data = 0x31});
+    connection.peer.send({.type = type});
     testing::internal::CaptureStdout();
-    EXPECT_EQ(0x31u, each.function("/var/cfg"));
-    EXPECT_EQ(0u, each.function(nullptr));
-    EXPECT_EQ(each.printed, testing::internal::GetCapturedStdout());
-    connection.peer.expect({.type = each.type, .body = std::string("/var/cfg\0", 9)});
-    connection.peer.expect({.type = each.type});
+    EXPECT_EQ(0x31u, function("/var/cfg"));
+    EXPECT_EQ(0u, function(nullptr));
+    EXPECT_EQ(printed, testing::internal::GetCapturedStdout());
+    connection.peer.expect({.type = type, .body = std::string("/var/cfg\0", 9)});
+    connection.peer.expect({.type = type});
   }
 
   const std::string longest(255, 'p');

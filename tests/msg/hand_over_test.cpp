@@ -1,15 +1,13 @@
 #include "msg/hand_over.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
-#include "support/allocation.h"
 #include "support/fd_check.h"
 #include "support/message_peer.h"
 
@@ -74,14 +72,9 @@ TEST(HandOver, RefusesPathsThatAreNotForBodies) {
   write_file("/var/run/msg/msg_file_d/x", "deeper");
   std::filesystem::create_symlink("/var/secret", "/var/run/msg/msg_file_link");
 
-  const std::string refused[] = {"",
-                                 "/var/secret",
-                                 "/var/run/msg/other",
-                                 "/var/run/msg/msg_file_9",
-                                 "/var/run/msg/msg_file_link",
-                                 "/var/run/msg/msg_file_d/x",
-                                 "/var/run/msg/msg_file_d/../../../secret"};
-  for (const std::string &path : refused) {
+  for (const std::string path : {"", "/var/secret", "/var/run/msg/other", "/var/run/msg/msg_file_9",
+                                 "/var/run/msg/msg_file_link", "/var/run/msg/msg_file_d/x",
+                                 "/var/run/msg/msg_file_d/../../../secret"}) {
     EXPECT_EQ("<bad argument>", completed(path_field(path))) << path;
   }
   write_file(kFile, "x");
@@ -99,14 +92,13 @@ TEST(HandOver, ReadsNothingButRegularFiles) {
 }
 
 TEST(HandOver, RefusesAndDeletesAFileBeyondTheLimit) {
-  write_file(kFile, "");
-  std::filesystem::resize_file(kFile, 0x8000001);
-  EXPECT_EQ("<bad argument>", completed(path_field(kFile)));
-  EXPECT_FALSE(std::filesystem::exists(kFile));
-
-  write_file(kFile, "");
-  std::filesystem::resize_file(kFile, 0x8000000);
-  EXPECT_EQ(0x8000000u, completed(path_field(kFile)).size());
+  for (const uint32_t size : {0x8000000u, 0x8000001u}) {
+    write_file(kFile, "");
+    std::filesystem::resize_file(kFile, size);
+    EXPECT_EQ(size == 0x8000000 ? size : std::strlen("<bad argument>"),
+              completed(path_field(kFile)).size());
+    EXPECT_FALSE(std::filesystem::exists(kFile));
+  }
 }
 
 TEST(HandOver, GivesTheMessageUpWithoutMemory) {
@@ -119,7 +111,6 @@ TEST(HandOver, GivesTheMessageUpWithoutMemory) {
   EXPECT_EQ(nullptr, message);
   EXPECT_FALSE(std::filesystem::exists(kFile));
   EXPECT_EQ(Status::kBadArgument, complete_hand_over(&message));
-  EXPECT_EQ(Status::kBadArgument, complete_hand_over(nullptr));
 }
 
 }  // namespace

@@ -35,14 +35,11 @@ uint32_t refusing(const ORP_MSG_RESTFUL_REQ_ST *, char **response) {
   return 5;
 }
 
-uint32_t other(const ORP_MSG_RESTFUL_REQ_ST *, char **response) {
-  *response = ::strdup("other");
-  return 0;
-}
-
 constexpr ORP_MSG_RESTFUL_ROW_ST kTable[] = {{"info", echo},    {"reset", silent},
-                                             {"bad", refusing}, {"info", other},
+                                             {"bad", refusing}, {"info", silent},
                                              {"gone", nullptr}, {nullptr, nullptr}};
+
+const std::string kNoText(1, '\0');
 
 std::string request_body(const std::string &path, const std::string &handler,
                          const std::string &text) {
@@ -63,7 +60,7 @@ TEST(RestfulRegistration, AnnouncesThePathOrItsRows) {
   EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/none", kRows + 2, 1));
 
   for (const std::string expected : {"/dev", "/dev/info|/dev/reset", ""}) {
-    connection.peer.expect({.type = 0x109, .body = expected + std::string(1, '\0')});
+    connection.peer.expect({.type = 0x109, .body = expected + kNoText});
   }
 }
 
@@ -82,22 +79,17 @@ TEST(RestfulRegistration, StopsTheListBeforeWhatNoLongerFits) {
 }
 
 TEST(RestfulRegistration, ReportsFailuresAndLeavesNothing) {
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RegRestfulProc(nullptr, kTable));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_RegRestfulProc("/dev", nullptr));
   EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_RegRestfulProc("/dev", kTable));
   Connection connection("self");
 
-  const uint32_t failures = test::fail_every_allocation([] {
-    const uint32_t status = ORP_MSG_RegRestfulProc("/dev", kTable);
-    if (status != ORP_OK) {
-      EXPECT_EQ(ORP_ERR_MEMORY, status);
-      dispatch(request_body("/dev", "info", std::string("x\0", 2)));
-    }
-    return status == ORP_OK;
-  });
-
-  EXPECT_EQ(5u, failures);
-  EXPECT_TRUE(g_seen.empty());
+  for (uint32_t nth = 1; nth <= 5; ++nth) {
+    msgapi::fail_allocation(nth);
+    EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_RegRestfulProc("/dev", kTable));
+    dispatch(request_body("/dev", "info", std::string("x\0", 2)));
+    EXPECT_TRUE(g_seen.empty());
+  }
+  EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/dev", kTable));
   dispatch(request_body("/dev", "info", std::string("x\0", 2)));
   EXPECT_EQ(std::vector<std::string>{"x"}, g_seen) << "one dispatcher, one call";
 }
@@ -105,14 +97,12 @@ TEST(RestfulRegistration, ReportsFailuresAndLeavesNothing) {
 // A process with two registrations of one path and one of another.
 class RestfulRequest : public testing::Test {
  protected:
-  void SetUp() override {
-    static constexpr ORP_MSG_RESTFUL_ROW_ST kSecond[] = {{"only", other}, {nullptr, nullptr}};
-    for (const char *path : {"/dev", "/lan"}) {
-      EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc(path, kTable));
-      connection.peer.read();
-    }
+  RestfulRequest() {
+    static constexpr ORP_MSG_RESTFUL_ROW_ST kSecond[] = {{"only", silent}, {nullptr, nullptr}};
+    EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/dev", kTable));
+    EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/lan", kTable));
     EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/dev", kSecond));
-    connection.peer.read();
+    for (int i = 0; i < 3; ++i) connection.peer.read();
   }
 
   Connection connection{"self"};
@@ -124,18 +114,18 @@ TEST_F(RestfulRequest, IsAnsweredWithTheHandlersText) {
     EXPECT_EQ((Frame{type, "asker", std::string("echo hello\0", 11), 11, 12, "self"}),
               connection.peer.read());
   }
-  dispatch(request_body("/lan", "reset", std::string(1, '\0')));
+  dispatch(request_body("/lan", "reset", kNoText));
   EXPECT_EQ((Frame{0x10D, "asker", "", 11, 12, "self"}), connection.peer.read()) << "no text";
 }
 
 TEST_F(RestfulRequest, IsNotAnsweredWhenNothingFitsOrTheHandlerFails) {
-  dispatch(request_body("/dev", "bad", std::string(1, '\0')));
-  dispatch(request_body("/dev", "unknown", std::string(1, '\0')));
-  dispatch(request_body("/dev", "gone", std::string(1, '\0')));
-  dispatch(request_body("/dev", "only", std::string(1, '\0')));  // of the second registration
-  dispatch(request_body("/wan", "info", std::string(1, '\0')));
+  // "only" is of the second registration.
+  for (const char *name : {"bad", "unknown", "gone", "only"}) {
+    dispatch(request_body("/dev", name, kNoText));
+  }
+  dispatch(request_body("/wan", "info", kNoText));
   dispatch(request_body("/dev", "info", "").substr(0, 135));
-  dispatch(request_body("/dev", "info", std::string(1, '\0')), 0x10B);
+  dispatch(request_body("/dev", "info", kNoText), 0x10B);
   EXPECT_TRUE(connection.peer.quiet());
   EXPECT_TRUE(g_seen.empty());
 }
@@ -155,9 +145,7 @@ TEST_F(RestfulRequest, FieldsWithoutANulAreReadWithinTheirSize) {
   const ORP_MSG_RESTFUL_ROW_ST table[] = {{name.c_str(), silent}, {nullptr, nullptr}};
   ORP_MSG_RegRestfulProc(path.c_str(), table);
   connection.peer.read();
-
-  dispatch(request_body(path, name, std::string("text\0", 5)));
-
+  dispatch(request_body(path, name, "text"));
   EXPECT_EQ(0x10Du, connection.peer.read().type);
 }
 
@@ -177,9 +165,9 @@ TEST(RestfulBuilder, RefusesWhatDoesNotFit) {
   const std::string long_name(64, 'x');
   EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, long_name.c_str(), "h", nullptr, 0));
   EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", long_name.c_str(), nullptr, 0));
-  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0xFFFFFF4F));
-  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0xFFFFFFFF));
-  EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0xFFFFFF4E)) << "8 MiB";
+  for (const uint32_t length : {0xFFFFFF4Eu, 0xFFFFFF4Fu, 0xFFFFFFFFu}) {
+    EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, length));
+  }
   msgapi::fail_allocation(1);
   EXPECT_EQ(nullptr, ORP_MSG_BuildRestfulReqMsg(0, 0, "/p", "h", nullptr, 0));
 }

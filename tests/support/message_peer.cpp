@@ -35,8 +35,7 @@ bool use(Call call, int fd, const Address &address) {
 }
 
 sockaddr_un local(const std::string &path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
+  sockaddr_un address = {AF_UNIX, {}};
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   return address;
 }
@@ -55,17 +54,13 @@ std::string Frame::bytes(std::string_view sender, bool swapped) const {
   return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
 }
 
-Frame frame_of(const ORP_MSG_HEADER_ST &header, std::string body) {
-  return {.type = header.ulMsgType,
-          .to = std::string(msgapi::field_text(header.aucRecvApp)),
-          .body = std::move(body),
-          .data = header.ulMsgData,
-          .sequence = header.ulSeqNum,
-          .from = std::string(msgapi::field_text(header.aucSendApp))};
-}
-
 Frame frame_of(const ORP_MSG_HEADER_ST *message) {
-  return frame_of(*message, {reinterpret_cast<const char *>(message + 1), message->ulDataLen});
+  return {.type = message->ulMsgType,
+          .to = std::string(msgapi::field_text(message->aucRecvApp)),
+          .body = {reinterpret_cast<const char *>(message + 1), message->ulDataLen},
+          .data = message->ulMsgData,
+          .sequence = message->ulSeqNum,
+          .from = std::string(msgapi::field_text(message->aucSendApp))};
 }
 
 std::ostream &operator<<(std::ostream &out, const Frame &frame) {
@@ -97,16 +92,18 @@ bool MessagePeer::send_bytes(std::string_view bytes) {
 
 std::optional<Frame> MessagePeer::receive(int timeout_ms) {
   if (!readable(fd(), timeout_ms)) return std::nullopt;
-  ORP_MSG_HEADER_ST header;
-  const ssize_t count = ::read(fd(), &header, sizeof header);
+  std::string bytes(ORP_MSG_HEADER_SIZE, '\0');
+  const ssize_t count = ::read(fd(), bytes.data(), bytes.size());
   if (count <= 0) return std::nullopt;
-  EXPECT_EQ(sizeof header, static_cast<size_t>(count)) << "a reader would lose its step here";
-  if (count != sizeof header) return std::nullopt;
+  EXPECT_EQ(ssize_t{ORP_MSG_HEADER_SIZE}, count) << "a reader would lose its step here";
+  if (count != ORP_MSG_HEADER_SIZE) return std::nullopt;
 
-  if (swapped_) swap_words(&header);
-  Frame frame = frame_of(header, receive_bytes(header.ulDataLen, timeout_ms));
-  if (frame.body.size() != header.ulDataLen) return std::nullopt;
-  return frame;
+  auto *header = reinterpret_cast<ORP_MSG_HEADER_ST *>(bytes.data());
+  if (swapped_) swap_words(header);
+  const size_t size = ORP_MSG_HEADER_SIZE + header->ulDataLen;
+  bytes += receive_bytes(header->ulDataLen, timeout_ms);
+  if (bytes.size() != size) return std::nullopt;
+  return frame_of(reinterpret_cast<const ORP_MSG_HEADER_ST *>(bytes.data()));
 }
 
 Frame MessagePeer::read() {
@@ -119,9 +116,7 @@ void MessagePeer::expect(const Frame &expected, const char *file, int line) {
   Frame frame = read();
   if (expected.from.empty()) frame.from.clear();
   if (expected.sequence == 0) frame.sequence = 0;
-  if (frame != expected) {
-    ADD_FAILURE_AT(file, line) << "  expected " << expected << "\n  received " << frame;
-  }
+  EXPECT_EQ(expected, frame) << file << ":" << line;
 }
 
 std::string MessagePeer::receive_bytes(size_t count, int timeout_ms) {
@@ -150,12 +145,7 @@ bool MessagePeer::closed() {
 }
 
 void MessagePeer::answer(const Frame &request, uint32_t data, const std::string &body) {
-  send({.type = request.type,
-        .to = request.from,
-        .body = body,
-        .data = data,
-        .sequence = request.sequence,
-        .from = request.to});
+  send({request.type, request.from, body, data, request.sequence, request.to});
 }
 
 Frame MessagePeer::accept_registration(const std::string &name, bool swap, uint32_t keep_alive,
@@ -163,11 +153,8 @@ Frame MessagePeer::accept_registration(const std::string &name, bool swap, uint3
   const Frame request = read();
   EXPECT_EQ(ORP_MSG_REGISTER, request.type);
   const uint32_t words[] = {keep_alive, period_s};
-  send({.type = ORP_MSG_REGISTER,
-        .to = name,
-        .body = {reinterpret_cast<const char *>(words), sizeof words},
-        .data = swap ? 1u : 0u,
-        .sequence = request.sequence});
+  const std::string body(reinterpret_cast<const char *>(words), sizeof words);
+  send({ORP_MSG_REGISTER, name, body, swap ? 1u : 0u, request.sequence});
   swapped_ = swap;
   return request;
 }

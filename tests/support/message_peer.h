@@ -31,8 +31,7 @@ struct Frame {
   // As it travels: from `sender` unless that is empty, `swapped` in the other byte order.
   std::string bytes(std::string_view sender = {}, bool swapped = false) const;
 };
-Frame frame_of(const ORP_MSG_HEADER_ST &header, std::string body);
-Frame frame_of(const ORP_MSG_HEADER_ST *message);  // with the body behind it
+Frame frame_of(const ORP_MSG_HEADER_ST *message);
 std::ostream &operator<<(std::ostream &out, const Frame &frame);
 
 // The message in a heap block that ends where the message ends, so that a sanitizer sees any step

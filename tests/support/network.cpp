@@ -56,12 +56,11 @@ void teach_bridge(const std::string &bridge, const std::string &peer, const std:
   place.sll_family = AF_PACKET;
   place.sll_ifindex = static_cast<int>(::if_nametoindex(peer.c_str()));
 
-  unsigned char frame[60] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+  // To everybody, of the type kept for experiments.
+  unsigned char frame[60] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0x88, 0xb5};
   unsigned char *source = frame + 6;
   ASSERT_EQ(6, std::sscanf(mac.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &source[0], &source[1],
                            &source[2], &source[3], &source[4], &source[5]));
-  frame[12] = 0x88;  // the type kept for experiments
-  frame[13] = 0xb5;
 
   const std::string known = "bridge fdb show br " + bridge + " | grep -qi ^" + mac;
   wait_until([&] {
