@@ -8,8 +8,9 @@
  * The first free byte is at capacity - free. Sending seals the body: capacity becomes the bytes in
  * use and free 0. docs/events.md shows a message byte by byte.
  *
- * The functions work on body pointers; the block that is freed starts 40 bytes before. One thread
- * at a time works on a message.
+ * The functions work on body pointers; the block that is freed starts 40 bytes before, with the
+ * header, whose ulDataLen bounds what they believe of a body; while it is 0 the capacity does. One
+ * thread at a time works on a message.
  */
 #ifndef MSGAPI_DMMSG_H
 #define MSGAPI_DMMSG_H

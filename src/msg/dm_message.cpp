@@ -39,8 +39,11 @@ Header *head_of(DmBody *dm) {
   return reinterpret_cast<Header *>(dm) - 1;
 }
 
+// The bytes that the message has for its body. Behind a received message without any stand zeros,
+// no magic: a header without a length is one that the application has not filled in.
 uint32_t carried_bytes(const DmBody &dm) {
-  return (reinterpret_cast<const Header *>(&dm) - 1)->ulDataLen;
+  const uint32_t length = (reinterpret_cast<const Header *>(&dm) - 1)->ulDataLen;
+  return length == 0 ? dm.capacity : length;
 }
 
 // A body that can be added to or sent.

