@@ -749,7 +749,7 @@ TEST_F(Msgsvr, RefusesConnectionsItHasNoDescriptorsForAndGoesOn) {
   EXPECT_TRUE(server_->wait_for("a connection is refused"));
   expect_delivery(&a, &a);
   many.clear();
-  for (int i = 0; i < 2; ++i) a.drain();
+  while (open_descriptors() > idle_descriptors_ + 1) a.drain();
   RawClient late("late");
   expect_delivery(&a, &late);
 }
