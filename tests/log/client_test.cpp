@@ -49,7 +49,9 @@ TEST(MlogPrint, SendsOneLineAndEchoesTheLevelsBelowError) {
       {1, "over", "[FATL]:over\n"},
       {0, "bare", "[NONE]:bare\n"}};
   for (const auto &[level, text, end] : cases) {
-    const std::string output = output_of([&] { MlogPrint("wan", level, "%s", text); });
+    testing::internal::CaptureStdout();
+    MlogPrint("wan", level, "%s", text);
+    const std::string output = testing::internal::GetCapturedStdout();
 
     const std::string line = server.line();
     EXPECT_THAT(line, MatchesRegex("\\[[0-9]{11}\\]\\[wan\\]\\[.*\\]:.*\n"));
