@@ -123,7 +123,8 @@ bool RingStore::write(Ring *ring, std::span<char> line) {
   MlogFile &file = *ring->file;
   MlogTarget target{ring->max_size, &file};
   // The header has three digits for the count of overturns: behind 999 it goes on with 1.
-  if (file.overturn >= 999 && file.offset + static_cast<long>(line.size()) > long{ring->max_size}) {
+  const size_t end = static_cast<size_t>(file.offset) + line.size();
+  if (file.overturn >= 999 && end > ring->max_size) {
     file.overturn = 0;
   }
   errno = 0;
