@@ -35,7 +35,7 @@ fail() {
   echo "armhf_sysroot: the armhf packages could not be fetched ($1); is a Debian mirror reachable?" >&2
   exit 1
 }
-fetch() { timeout 600 apt-get "${options[@]}" "$@"; }
+fetch() { timeout 240 apt-get "${options[@]}" "$@"; }
 
 # A mirror may lack the lists of one suite for a while; the others hold every package.
 fetch update || echo "armhf_sysroot: some package lists are missing" >&2
