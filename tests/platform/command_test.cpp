@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -134,7 +135,9 @@ TEST(Command, InTheBackgroundIsNotWaitedForAndLeavesNoZombie) {
 }
 
 void reap_all(int) {
+  const int saved_errno = errno;
   while (::waitpid(-1, nullptr, WNOHANG) > 0) continue;
+  errno = saved_errno;
 }
 
 TEST(Command, SharesTheProcessWithAHandlerThatReapsEverything) {
