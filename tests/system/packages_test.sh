@@ -11,8 +11,11 @@ trap 'rm -rf "$work"' EXIT
 root=$work/root
 mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info"
 : >"$root/var/lib/dpkg/status"
+# The packages' scripts would renew the machine's own cache of libraries.
+mkdir "$work/bin"
+ln -s /bin/true "$work/bin/ldconfig"
 packages() {
-  dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null "$@" >"$work/log" 2>&1 ||
+  PATH=$work/bin:$PATH dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null "$@" >"$work/log" 2>&1 ||
     { cat "$work/log"; exit 1; }
 }
 
