@@ -171,7 +171,8 @@ MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissionsFullEx(const char *command,
  * Waits for the end of the child `pid`, looking every `pollMs` milliseconds (0: 10) and at every
  * SIGCHLD, for at most `timeoutMs` (0: without limit). Works beside the SIGCHLD handler: the status
  * is found whoever collected it, as long as it is among the last 64 of processes that have no
- * watcher. A process watcher of the child on the default loop still reports its exit.
+ * watcher or whose watcher went without reporting it. A process watcher of the child on the default
+ * loop still reports its exit.
  *
  * Returns the exit code, 128 + the number of the signal that ended the child, 0x10005 after the
  * time-out (with `killOnTimeout` non-zero the child has been killed and reaped then), or -1 when

@@ -124,9 +124,7 @@ bool RingStore::write(Ring *ring, std::span<char> line) {
   MlogTarget target{ring->max_size, &file};
   // The header has three digits for the count of overturns: behind 999 it goes on with 1.
   const size_t end = static_cast<size_t>(file.offset) + line.size();
-  if (file.overturn >= 999 && end > ring->max_size) {
-    file.overturn = 0;
-  }
+  if (file.overturn >= 999 && end > ring->max_size) file.overturn = 0;
   errno = 0;
   if (MlogFileWrite(&target, line.data(), static_cast<uint32_t>(line.size())) != 0 ||
       std::ferror(file.stream) != 0) {
