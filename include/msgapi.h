@@ -17,6 +17,7 @@
 #include "msgapi/login_records.h"
 #include "msgapi/loop.h"
 #include "msgapi/mac.h"
+#include "msgapi/messages.h"
 #include "msgapi/msg.h"
 #include "msgapi/net.h"
 #include "msgapi/netlink.h"

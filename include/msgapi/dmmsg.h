@@ -18,9 +18,9 @@
 #include <stdint.h>
 
 #include "msgapi/export.h"
+#include "msgapi/messages.h"
 
-/* The message type of what ORP_DMMSG_Builder makes, and the first word of every DM body. */
-#define ORP_DMMSG_TYPE 0x209u
+/* The first word of every DM body. */
 #define ORP_DMMSG_MAGIC 0xFEBFu
 
 /* Statuses of the functions on DM messages. */

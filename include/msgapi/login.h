@@ -8,13 +8,7 @@
 #include <stdint.h>
 
 #include "msgapi/export.h"
-
-/* Message types of the service. */
-#define ORP_LCTRL_MSG_LOGIN 0x2cf01u
-#define ORP_LCTRL_MSG_CHECK 0x2cf02u
-#define ORP_LCTRL_MSG_SET_MAX_FAILED 0x2cf03u
-#define ORP_LCTRL_MSG_CLEAR_FORBIDDEN 0x2cf04u
-#define ORP_LCTRL_MSG_GET_ROUND 0x2cf05u
+#include "msgapi/messages.h"
 
 /* Bytes of the records that travel: a login or check and its result, a limit, a query and its
  * answer. msgapi/login_records.h has those of the reference service. */

@@ -19,6 +19,7 @@
 #include <stdio.h>
 
 #include "msgapi/export.h"
+#include "msgapi/messages.h"
 #include "msgapi/status.h"
 
 struct OrpUvMsg;
@@ -59,18 +60,6 @@ typedef struct ORP_MSG_HEADER_ST {
 #define ORP_MSG_HAND_OVER_PATH_SIZE 260u
 #define ORP_MSG_HAND_OVER_PREFIX "/var/run/msg/msg_file_"
 #define ORP_MSG_SERVER_PATH "/var/run/msgsvr"
-
-/* Types of the library's own exchange with the message server. Names in bodies are fields of
- * ORP_APP_NAME_SIZE bytes. */
-#define ORP_MSG_UNDELIVERABLE 0x108u   /* from the server; ulMsgData: the undeliverable type */
-#define ORP_MSG_REGISTER 0x701u        /* registration and its reply */
-#define ORP_MSG_SUBSCRIBE 0x702u       /* ulMsgData: event; body: another application's name */
-#define ORP_MSG_UNSUBSCRIBE 0x703u     /* the same */
-#define ORP_MSG_COUNT_PROCESSES 0x705u /* body: name; the reply's ulMsgData is the count */
-#define ORP_MSG_EXIT 0x706u            /* orderly exit of an application */
-#define ORP_MSG_KEEP_ALIVE 0x708u      /* to the server, periodically when it asked for it */
-#define ORP_MSG_EVENT_PAGE 0x2dau      /* types 0x2DA00 to 0x2DAFF: events */
-#define ORP_MSG_ALL_EVENTS 0x2da00u    /* in a subscription: every event */
 
 /* ---- The message context ----------------------------------------------------------------- */
 

@@ -12,13 +12,6 @@
 #include "msgapi/export.h"
 #include "msgapi/msg.h"
 
-/* To the server: the application serves a path. */
-#define ORP_MSG_RESTFUL_REGISTER 0x109u
-/* Requests; the three are treated alike. ORP_MSG_BuildRestfulReqMsg makes the second. */
-#define ORP_MSG_RESTFUL_REQUEST_A 0x10au
-#define ORP_MSG_RESTFUL_REQUEST 0x10du
-#define ORP_MSG_RESTFUL_REQUEST_E 0x10eu
-
 /* A path or handler name in a request: at most 63 characters and the NUL. */
 #define ORP_MSG_RESTFUL_FIELD_SIZE 64
 

@@ -1,0 +1,174 @@
+// doc_tables [--check] FILE...: the tables of message types in the documents, from the catalogue.
+//
+// A table stands between the lines "<!-- message types: GROUP... -->" and "<!-- end -->"; with
+// "<!-- message types, served: GROUP... -->" it says what the server does and not what travels.
+// Files are rewritten in place. With --check nothing is written, and a file that would change is
+// named.
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "catalogue/message_types.h"
+
+namespace {
+
+using catalogue::Body;
+using catalogue::Content;
+using catalogue::Group;
+using catalogue::MessageType;
+
+constexpr std::string_view kTravels = "<!-- message types: ";
+constexpr std::string_view kServed = "<!-- message types, served: ";
+constexpr std::string_view kEnd = "<!-- end -->";
+
+const std::map<std::string, Group, std::less<>> kGroups = {
+    {"delivery", Group::kDelivery},
+    {"processes", Group::kProcesses},
+    {"restful", Group::kRestful},
+    {"items", Group::kItems},
+    {"applications", Group::kApplications},
+    {"login", Group::kLogin},
+    {"configuration", Group::kConfiguration},
+    {"events", Group::kEvents},
+};
+
+std::string escaped(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '|') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+std::string body_text(const Content &content) {
+  switch (content.body) {
+    case Body::kNone:
+      return "";
+    case Body::kName:
+      return "name";
+    case Body::kText:
+      return "text";
+    case Body::kItems:
+      return "DM items";
+    case Body::kEvent:
+      return "DM items or JSON";
+    case Body::kRestful:
+      return "request and text";
+    case Body::kRecord:
+      return content.record.starts_with("ORP_") ? "`" + std::string(content.record) + "`"
+                                                : std::string(content.record);
+    case Body::kPath:
+      return "path";
+  }
+  return "";
+}
+
+std::string or_dash(std::string_view text) {
+  return text.empty() ? "-" : escaped(text);
+}
+
+// "status", "0; body: text".
+std::string answer_text(const std::optional<Content> &answer) {
+  if (!answer) return "-";
+  const std::string body = body_text(*answer);
+  std::string text(answer->data);
+  if (!text.empty() && !body.empty()) text += "; ";
+  if (!body.empty()) text += "body: " + body;
+  return or_dash(text);
+}
+
+std::string number_text(const MessageType &type) {
+  char text[40];
+  if (type.last == type.number) {
+    std::snprintf(text, sizeof text, "`0x%X`", type.number);
+  } else {
+    std::snprintf(text, sizeof text, "`0x%X`-`0x%X`", type.number, type.last);
+  }
+  return text;
+}
+
+std::string row(const MessageType &type, bool served) {
+  std::string line = "| " + number_text(type) + " | `" + std::string(type.name) + "` | ";
+  if (!served) {
+    line += std::string(type.from) + " | " + std::string(type.to) + " | ";
+    line += or_dash(type.request.data) + " | " + or_dash(body_text(type.request)) + " | ";
+  }
+  line += answer_text(type.answer) + " | ";
+  if (!served) {
+    line += (type.timeout_ms == 0 ? "-" : std::to_string(type.timeout_ms / 1000) + " s") + " | ";
+  }
+  return line + escaped(type.meaning) + " |\n";
+}
+
+// The table for a marker's groups, which end in " -->".
+std::string table(const std::string &groups, bool served) {
+  std::string text =
+      served ? "| Type | Name | Answer | What it asks for |\n|---|---|---|---|\n"
+             : "| Type | Name | From | To | `ulMsgData` | Body | Answer | Wait | Meaning |\n"
+               "|---|---|---|---|---|---|---|---|---|\n";
+  std::istringstream words(groups);
+  for (std::string word; words >> word && word != "-->";) {
+    const auto group = kGroups.find(word);
+    if (group == kGroups.end()) throw std::runtime_error("there is no group '" + word + "'");
+    for (const MessageType &type : catalogue::message_types()) {
+      if (type.group == group->second) text += row(type, served);
+    }
+  }
+  return text;
+}
+
+std::string with_tables(const std::string &document) {
+  std::istringstream lines(document);
+  std::string out;
+  bool inside = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line == kEnd) inside = false;
+    if (!inside) out += line + "\n";
+    for (const std::string_view marker : {kTravels, kServed}) {
+      if (!line.starts_with(marker)) continue;
+      inside = true;
+      out += table(line.substr(marker.size()), marker == kServed);
+    }
+  }
+  if (inside) throw std::runtime_error("a table without its end");
+  return out;
+}
+
+// Whether the document holds the right tables, now.
+bool update(const std::string &path, bool check) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot be read");
+  const std::string before{std::istreambuf_iterator<char>(file), {}};
+  const std::string after = with_tables(before);
+  if (after == before) return true;
+  if (check) return false;
+  std::ofstream out(path, std::ios::binary);
+  if (!(out << after).flush()) throw std::runtime_error("cannot be written");
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const bool check = argc > 1 && std::string_view(argv[1]) == "--check";
+  int status = 0;
+  for (int i = check ? 2 : 1; i < argc; ++i) {
+    try {
+      if (update(argv[i], check)) continue;
+      std::fprintf(stderr, "doc_tables: %s differs from the catalogue; ./dev tables renews it\n",
+                   argv[i]);
+    } catch (const std::exception &error) {
+      std::fprintf(stderr, "doc_tables: %s: %s\n", argv[i], error.what());
+    }
+    status = 1;
+  }
+  return status;
+}

@@ -1,0 +1,169 @@
+#include "catalogue/message_types.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "msgapi/event.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using catalogue::describe;
+using catalogue::Group;
+using catalogue::message_types;
+using catalogue::MessageType;
+using catalogue::number_of;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const fs::path kSource = MSGAPI_SOURCE;
+
+std::string contents(const fs::path &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+using Constants = std::map<std::string, uint32_t>;
+
+Constants constants_in(const fs::path &header) {
+  const std::string text = contents(header);
+  static const std::regex definition(R"(#define (\w+) (0x[0-9a-fA-F]+)u\b)");
+  Constants constants;
+  for (std::sregex_iterator match(text.begin(), text.end(), definition), end; match != end;
+       ++match) {
+    constants[(*match)[1]] = static_cast<uint32_t>(std::stoul((*match)[2], nullptr, 16));
+  }
+  return constants;
+}
+
+TEST(MessageTypes, AreThoseOfThePublicHeader) {
+  Constants in_header = constants_in(kSource / "include/msgapi/messages.h");
+  EXPECT_EQ(1u, in_header.erase("ORP_MSG_EVENT_PAGE"));
+  EXPECT_EQ(1u, in_header.erase("ORP_MSG_FIRST_JSON_EVENT"));
+
+  Constants in_table;
+  for (const MessageType &type : message_types())
+    in_table[std::string(type.constant)] = type.number;
+
+  EXPECT_EQ(in_header, in_table);
+}
+
+TEST(MessageTypes, HaveNamesThatTellThemApart) {
+  std::set<std::string_view> names;
+  static const std::regex words("[a-z]+(-[a-z]+)*");
+  for (const MessageType &type : message_types()) {
+    EXPECT_TRUE(names.insert(type.name).second) << type.name;
+    EXPECT_TRUE(std::regex_match(std::string(type.name), words)) << type.name;
+    EXPECT_FALSE(type.meaning.empty()) << type.name;
+  }
+}
+
+TEST(MessageTypes, NameTheModulesOfTheLibrary) {
+  size_t modules = 0;
+  for (uint32_t number = ORP_MSG_ALL_EVENTS; number >> 8 == ORP_MSG_EVENT_PAGE; ++number) {
+    const char *module = ORP_EVT_GetEventModuleNameByEventType(number);
+    const MessageType *type = catalogue::find(number);
+    ASSERT_NE(nullptr, type);
+    EXPECT_EQ(module != nullptr, type->last == type->number) << number;
+    if (module == nullptr) continue;
+    EXPECT_EQ("module \"" + std::string(module) + "\"", type->meaning);
+    ++modules;
+  }
+  EXPECT_LT(0u, modules);
+}
+
+TEST(MessageTypes, AreDescribedByTheirLowBits) {
+  EXPECT_EQ("register (0x701)", describe(ORP_MSG_REGISTER));
+  EXPECT_EQ("register (0x701)", describe(0xfff00000u | ORP_MSG_REGISTER));
+  EXPECT_EQ("event-wan (0x2da65)", describe(ORP_MSG_EVENT_WAN));
+  EXPECT_EQ("event (0x2dafe)", describe(0x2dafe));
+  EXPECT_EQ("0x2db00", describe(0x2db00));
+  EXPECT_EQ("0x0", describe(0));
+}
+
+TEST(MessageTypes, AreFoundByNameConstantAndNumber) {
+  for (const MessageType &type : message_types()) {
+    EXPECT_EQ(type.number, number_of(type.name));
+    EXPECT_EQ(type.number, number_of(type.constant));
+  }
+  EXPECT_EQ(0x1234u, number_of("0x1234"));
+  EXPECT_EQ(0xfffffu, number_of("1048575"));
+  for (const char *text :
+       {"", "0x", "0x100000", "1048576", "-1", "0x12g", "Register", "register "}) {
+    EXPECT_EQ(std::nullopt, number_of(text)) << text;
+  }
+}
+
+// The source without comments and texts, line by line as before.
+std::string code_of(std::string_view source) {
+  // What opens and closes them; a backslash in a text takes the next character with it.
+  static constexpr struct {
+    std::string_view begin, end;
+    bool escapes;
+  } kOthers[] = {{"//", "\n", false},
+                 {"/*", "*/", false},
+                 {"R\"(", ")\"", false},
+                 {"'\"'", "", false},
+                 {"\"", "\"", true}};
+  std::string code;
+  for (size_t i = 0; i < source.size();) {
+    const auto *other = std::ranges::find_if(
+        kOthers, [&](const auto &known) { return source.substr(i).starts_with(known.begin); });
+    if (other == std::end(kOthers)) {
+      code += source[i++];
+      continue;
+    }
+    i += other->begin.size();
+    while (i < source.size() && !source.substr(i).starts_with(other->end)) {
+      if (other->escapes && source[i] == '\\') ++i;
+      if (i < source.size() && source[i++] == '\n') code += '\n';
+    }
+    if (other->end != "\n") i += other->end.size();
+  }
+  return code;
+}
+
+// "FILE:LINE: 0x701" for each place where the number of a known type stands in the code.
+std::vector<std::string> raw_numbers(const fs::path &file) {
+  static const std::regex number(R"(\b0x[0-9a-fA-F]+)");
+  const std::string code = code_of(contents(file));
+  std::vector<std::string> found;
+  for (std::sregex_iterator match(code.begin(), code.end(), number), end; match != end; ++match) {
+    const std::string text = match->str();
+    if (text.size() > 7) continue;
+    const MessageType *type = catalogue::find(static_cast<uint32_t>(std::stoul(text, nullptr, 16)));
+    if (type == nullptr || type->number != std::stoul(text, nullptr, 16)) continue;
+    const auto line = 1 + std::count(code.begin(), code.begin() + match->position(), '\n');
+    found.push_back(fs::relative(file, kSource).string() + ":" + std::to_string(line) + ": " +
+                    text + " is " + std::string(type->constant));
+  }
+  return found;
+}
+
+TEST(MessageTypes, AreNumberedInOnePlace) {
+  const fs::path header = kSource / "include/msgapi/messages.h";
+  std::vector<std::string> found;
+  for (const char *folder : {"include"}) {
+    for (const auto &entry : fs::recursive_directory_iterator(kSource / folder)) {
+      static const std::set<std::string> kCode = {".h", ".cpp", ".c"};
+      if (!kCode.contains(entry.path().extension()) || entry.path() == header) continue;
+      std::ranges::move(raw_numbers(entry.path()), std::back_inserter(found));
+    }
+  }
+
+  EXPECT_THAT(found, IsEmpty()) << "use the constant of msgapi/messages.h";
+  EXPECT_EQ(message_types().size(), raw_numbers(header).size());
+}
+
+}  // namespace
