@@ -1,0 +1,292 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <new>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "flight/reader.h"
+#include "flight/recorder.h"
+#include "support/soak.h"
+
+namespace {
+
+using flight::Entry;
+using flight::Kind;
+using flight::Loss;
+using flight::Reader;
+using flight::Recorder;
+
+const std::string kPath = "/var/run/flight_test";
+
+using Header = std::array<char, flight::kHeaderSize>;
+
+Header header_of(uint32_t value) {
+  Header header;
+  for (size_t i = 0; i < header.size(); i += sizeof value) {
+    std::memcpy(header.data() + i, &value, sizeof value);
+  }
+  return header;
+}
+
+// A message whose every byte follows from `value`.
+void record_message(Recorder *recorder, uint32_t value) {
+  recorder->tick();
+  const Header header = header_of(value);
+  const std::string body(value % 301, static_cast<char>(value));
+  recorder->accepted(value, value + 1, header.data(), static_cast<uint32_t>(body.size()), body);
+}
+
+// The message's value; fails the test when a byte of it is not what it was.
+uint32_t check_message(const Entry &entry, uint32_t body_limit) {
+  const uint32_t value = entry.record.from;
+  const Header header = header_of(value);
+  EXPECT_EQ(entry.record.to, value + 1);
+  EXPECT_EQ(entry.record.a, value % 301);
+  EXPECT_EQ(0, std::memcmp(entry.header.data(), header.data(), header.size()));
+  EXPECT_EQ(entry.text(), std::string(std::min(value % 301, body_limit), static_cast<char>(value)));
+  return value;
+}
+
+std::vector<char> file_bytes(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// What two processes share.
+struct Shared {
+  std::atomic<uint64_t> count = 0;
+  std::atomic<bool> done = false;
+};
+
+Shared *share() {
+  void *memory =
+      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (memory) Shared;
+}
+
+TEST(FlightRecorder, KeepsEachKindOfRecordAsItWasGiven) {
+  Recorder recorder(kPath, flight::kLeastRing, 5);
+  const Header header = header_of(7);
+  const uint64_t message = recorder.accepted(1, 2, header.data(), 9, {"123456789", 9});
+  recorder.delivered(message, 1, 2, 0x1234, 99);
+  recorder.lost(Loss::kQueueFull, message, 1, 3, 0x1234, 99);
+  flight::Record named;
+  named.from = 1;
+  recorder.note(Kind::kNamed, named, "wifi");
+
+  Reader reader = Reader::follow(kPath);
+  Entry entry;
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(Kind::kClock, entry.kind());
+  EXPECT_NEAR(static_cast<double>(::time(nullptr)),
+              static_cast<double>(reader.wall_ns(entry.record.time_ns) / 1'000'000'000u), 2);
+
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(Kind::kAccepted, entry.kind());
+  EXPECT_EQ(entry.record.number, message);
+  EXPECT_EQ(entry.record.from, 1u);
+  EXPECT_EQ(entry.record.to, 2u);
+  EXPECT_EQ(entry.record.a, 9u);
+  EXPECT_EQ(entry.text(), "12345");
+  EXPECT_EQ(0, std::memcmp(entry.header.data(), header.data(), header.size()));
+
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(Kind::kDelivered, entry.kind());
+  EXPECT_EQ(entry.record.about, message);
+  EXPECT_EQ(entry.record.a, 0x1234u);
+  EXPECT_EQ(entry.record.b, 99u);
+
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(Loss::kQueueFull, entry.loss());
+  EXPECT_EQ(entry.record.to, 3u);
+
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(entry.text(), "wifi");
+  EXPECT_EQ(Reader::Next::kNothing, reader.next(&entry));
+}
+
+TEST(FlightRecorder, MovesTheOldFileAsideAndNobodyElseMayReadTheNewOne) {
+  struct stat status {};
+  {
+    Recorder first(kPath, flight::kLeastRing, 0);
+    record_message(&first, 1);
+  }
+  Reader follower = Reader::follow(kPath);
+  EXPECT_FALSE(follower.replaced());
+
+  Recorder second(kPath, flight::kLeastRing, 0);
+
+  EXPECT_TRUE(follower.replaced());
+  ASSERT_EQ(0, ::stat(kPath.c_str(), &status));
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  EXPECT_EQ(status.st_blocks * 512, status.st_size);  // a full file system cannot harm the writer
+  Entry entry;
+  Reader old = Reader::load(kPath + ".1");
+  EXPECT_EQ(Reader::Next::kEntry, old.next(&entry));
+  EXPECT_EQ(Reader::Next::kEntry, old.next(&entry));
+  EXPECT_EQ(check_message(entry, 0), 1u);
+}
+
+TEST(FlightRecorder, OverwritesTheOldestWhateverTheLengths) {
+  constexpr uint32_t kMessages = 20000;
+  Recorder recorder(kPath, flight::kLeastRing, 200);
+  std::minstd_rand random(test::seed());
+  Entry entry;
+  uint32_t next = 0;
+  while (next < kMessages) {
+    for (uint32_t i = 1 + static_cast<uint32_t>(random() % 900); i > 0; --i) {
+      record_message(&recorder, ++next);
+    }
+
+    Reader reader = Reader::follow(kPath);
+    uint32_t last = 0;
+    while (reader.next(&entry) == Reader::Next::kEntry) {
+      if (entry.kind() != Kind::kAccepted) continue;
+      const uint32_t value = check_message(entry, 200);
+      ASSERT_EQ(value, last == 0 ? value : last + 1);
+      last = value;
+    }
+
+    ASSERT_EQ(last, next);
+    ASSERT_EQ(reader.before_first() + reader.seen(), recorder.count());
+    ASSERT_EQ(reader.missed(), 0u);
+  }
+}
+
+TEST(FlightRecorder, AFollowerKnowsWhatItMissed) {
+  const uint32_t messages = 300000 * test::soak_factor() / test::kSlowness;
+  Shared *shared = share();
+  Recorder recorder(kPath, flight::kLeastRing, 200);
+  Reader reader = Reader::follow(kPath);
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    for (uint32_t value = 1; value <= messages; ++value) record_message(&recorder, value);
+    shared->count = recorder.count();
+    shared->done = true;
+    ::_exit(0);
+  }
+
+  Entry entry;
+  uint32_t last = 0;
+  for (bool done = false;;) {
+    const Reader::Next next = reader.next(&entry);
+    ASSERT_NE(Reader::Next::kDamaged, next);
+    if (next == Reader::Next::kNothing) {
+      if (done) break;
+      done = shared->done;
+    } else if (entry.kind() == Kind::kAccepted) {
+      const uint32_t value = check_message(entry, 200);
+      ASSERT_GT(value, last);
+      last = value;
+      if (value % 5000 == 0) ::usleep(1000);  // and is overtaken
+    }
+  }
+  ::waitpid(writer, nullptr, 0);
+
+  EXPECT_EQ(last, messages);
+  EXPECT_GT(reader.missed(), 0u);
+  EXPECT_EQ(reader.before_first() + reader.seen() + reader.missed(), shared->count);
+}
+
+TEST(FlightRecorder, IsWholeAfterItsWriterWasKilled) {
+  Shared *shared = share();
+  std::minstd_rand random(test::seed());
+  for (uint32_t round = 0; round < 20 * test::soak_factor(); ++round) {
+    const pid_t writer = ::fork();
+    if (writer == 0) {
+      Recorder recorder(kPath, flight::kLeastRing, 200);
+      for (uint32_t value = 1;; ++value) {
+        record_message(&recorder, value);
+        shared->count.store(recorder.count(), std::memory_order_relaxed);
+      }
+    }
+    shared->count = 0;
+    while (shared->count < 1000) ::usleep(100);
+    ::usleep(static_cast<useconds_t>(random() % 3000));
+    ::kill(writer, SIGKILL);
+    ::waitpid(writer, nullptr, 0);
+
+    Reader reader = Reader::load(kPath);
+    Entry entry;
+    uint64_t last = 0;
+    Reader::Next next;
+    while ((next = reader.next(&entry)) == Reader::Next::kEntry) {
+      last = entry.record.number;
+      if (entry.kind() == Kind::kAccepted) check_message(entry, 200);
+    }
+    ASSERT_EQ(Reader::Next::kNothing, next);
+    ASSERT_GE(last, shared->count);
+    // One record was being written, perhaps with a clock record before it.
+    ASSERT_LE(last, shared->count + 2);
+  }
+}
+
+TEST(FlightReader, RefusesWhatIsNoFileOfTheRecorder) {
+  { Recorder recorder(kPath, flight::kLeastRing, 0); }
+  const std::vector<char> good = file_bytes(kPath);
+  const auto refusal = [](std::vector<char> bytes) -> std::string {
+    try {
+      Reader reader(std::move(bytes));
+    } catch (const std::runtime_error &error) {
+      return error.what();
+    }
+    return "";
+  };
+  const auto changed = [&good](size_t offset, uint64_t value, size_t size) {
+    std::vector<char> bytes = good;
+    std::memcpy(bytes.data() + offset, &value, size);
+    return bytes;
+  };
+
+  EXPECT_EQ(refusal(good), "");
+  EXPECT_THAT(refusal({}), testing::HasSubstr("too short"));
+  EXPECT_THAT(refusal({good.begin(), good.begin() + 5000}), testing::HasSubstr("its size"));
+  EXPECT_THAT(refusal(changed(0, 0, 8)), testing::HasSubstr("no file of the flight recorder"));
+  EXPECT_THAT(refusal(changed(8, 2, 4)), testing::HasSubstr("another version"));
+  EXPECT_THAT(refusal(changed(16, flight::kLeastRing - 8, 8)), testing::HasSubstr("its size"));
+  EXPECT_THROW(Reader::follow("/nonexistent"), std::runtime_error);
+  EXPECT_THROW(Reader::follow("/dev/zero"), std::runtime_error);
+}
+
+TEST(FlightReader, NamesADamagedRing) {
+  {
+    Recorder recorder(kPath, flight::kLeastRing, 0);
+    for (uint32_t value = 1; value < 2000; ++value) record_message(&recorder, value);
+  }
+  const std::vector<char> good = file_bytes(kPath);
+  const auto ends_with = [](std::vector<char> bytes) {
+    Reader reader(std::move(bytes));
+    Entry entry;
+    for (;;) {
+      const Reader::Next next = reader.next(&entry);
+      if (next != Reader::Next::kEntry) return next;
+    }
+  };
+  ASSERT_EQ(Reader::Next::kNothing, ends_with(good));
+
+  // Every byte of the positions and of some records, with values that matter.
+  std::minstd_rand random(test::seed());
+  for (int i = 0; i < 3000; ++i) {
+    std::vector<char> bytes = good;
+    for (int flips = 0; flips < 3; ++flips) {
+      const size_t at = i % 2 == 0 ? 48 + random() % 16 : 4096 + random() % flight::kLeastRing;
+      bytes[at] = static_cast<char>(random());
+    }
+    ends_with(std::move(bytes));  // returns, whatever it says
+  }
+  std::vector<char> bytes = good;
+  std::memset(bytes.data() + 4096, 0xff, flight::kLeastRing);
+  EXPECT_EQ(Reader::Next::kDamaged, ends_with(bytes));
+}
+
+}  // namespace
