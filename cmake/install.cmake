@@ -35,6 +35,9 @@ foreach(chapter 1 5 7 8)
 endforeach()
 install(FILES tools/cfmctl/defaults.json
   DESTINATION ${CMAKE_INSTALL_DATADIR}/cfmctl COMPONENT programs)
+# An example: tools read what is in share/msgapi/messages.d.
+install(FILES examples/demo/demo_types.json
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/msgapi/examples COMPONENT programs)
 # A sample: the server reads it from /etc, wherever all this goes.
 install(FILES servers/mlogserver/mlogserver.conf
   DESTINATION ${CMAKE_INSTALL_DATADIR}/mlogserver COMPONENT programs)

@@ -1,7 +1,8 @@
 /*
  * Numbers of the message types that the library and the servers use: each stands here and nowhere
  * else. docs/message-protocol.md lists what such a message carries; a name in a body is a field of
- * ORP_APP_NAME_SIZE bytes. Types are 20 bits wide; applications take theirs from what is free here.
+ * ORP_APP_NAME_SIZE bytes. Types are 20 bits wide; applications take theirs from what is free here
+ * and describe them to tools as docs/message-types.md says.
  */
 #ifndef MSGAPI_MESSAGES_H
 #define MSGAPI_MESSAGES_H

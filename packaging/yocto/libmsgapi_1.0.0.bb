@@ -12,6 +12,6 @@ EXTRA_OECMAKE = "-DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF \
 
 PACKAGES =+ "${PN}-servers"
 FILES:${PN}-servers = "${sbindir}/* ${bindir}/* ${datadir}/cfmctl ${datadir}/mlogserver \
-    ${systemd_system_unitdir}/*"
+    ${datadir}/msgapi ${systemd_system_unitdir}/*"
 SYSTEMD_PACKAGES = "${PN}-servers"
 SYSTEMD_SERVICE:${PN}-servers = "mlogserver.service msgsvr.service notifyserver.service"

@@ -1,0 +1,37 @@
+// JSON whose values know the line on which they stand, so that a mistake can be pointed at.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace catalogue {
+
+// What is wrong, and on which line (from 1).
+struct JsonError : std::runtime_error {
+  JsonError(size_t where, const std::string &what) : std::runtime_error(what), line(where) {}
+  size_t line;
+};
+
+struct JsonValue {
+  enum class Kind : uint8_t { kOther, kNumber, kText, kList, kObject };
+
+  Kind kind = Kind::kOther;  // kOther: null, true, false, fractions, negative numbers
+  size_t line = 1;
+  uint64_t number = 0;
+  std::string text;
+  std::vector<JsonValue> items;    // of a list, or the values of an object's members
+  std::vector<std::string> names;  // of an object's members
+
+  // An object's; null when there is none.
+  const JsonValue *member(std::string_view name) const;
+};
+
+// Throws a JsonError, also for a name that an object has twice, for more than 16 levels and for
+// more than 64 members of one object.
+JsonValue read_json(std::string_view text);
+
+}  // namespace catalogue
