@@ -1,9 +1,11 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -301,6 +303,44 @@ TEST(Store, SurvivesWritersThatAreKilled) {
     EXPECT_EQ(stored_number(0x2001), stored_number(0x2002));
     EXPECT_EQ(CFM_OK, set_number(0x2001, 0)) << "no lock is left behind";
   }
+}
+
+// Each of these writes once made the log 4 kB longer, for ever.
+TEST(Store, LogIsEmptiedFromTimeToTime) {
+  seed();
+  constexpr uint32_t kWrites = 3000;
+  for (uint32_t i = 0; i < kWrites; ++i) ASSERT_EQ(CFM_OK, set_number(kNumber, i));
+
+  EXPECT_EQ(kWrites - 1, stored_number());
+  EXPECT_LT(std::filesystem::file_size(CFM_STORE_PATH "-wal"), 5242880u);
+}
+
+int g_opens_until_failure;
+
+int open_or_fail(const char *path, int flags, int mode) {
+  if (--g_opens_until_failure == 0) return errno = EMFILE, -1;
+  return ::open(path, flags, mode);
+}
+
+// A missing descriptor, at whichever of the files it happens, costs one call at most. SQLite opens
+// for reading what it could not open for writing, and keeps that.
+TEST(Store, StaysWritableAfterADescriptorWasMissingOnce) {
+  seed();
+  sqlite3_vfs *vfs = sqlite3_vfs_find(nullptr);
+  constexpr int kAllOpened = 3;
+  int nth = 0, result = 0;
+  while (result == 0) {
+    ++nth;
+    result = WEXITSTATUS(status_of(start_child([&] {
+      vfs->xSetSystemCall(vfs, "open", reinterpret_cast<sqlite3_syscall_ptr>(open_or_fail));
+      g_opens_until_failure = nth;
+      set_number(kNumber, 8);
+      if (g_opens_until_failure > 0) return kAllOpened;
+      return set_number(kNumber, 9) == CFM_OK ? 0 : 1;
+    })));
+  }
+  EXPECT_EQ(kAllOpened, result) << "after the failure of open number " << nth;
+  EXPECT_LT(3, nth) << "the database, its log and the log's index are opened";
 }
 
 }  // namespace

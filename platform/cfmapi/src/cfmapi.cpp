@@ -70,6 +70,8 @@ uint32_t write_value(const Place &place, std::span<const char> value) {
   if (found != SQLITE_ROW) return status_of(found);
   const uint32_t type = row.number(0);
   const size_t room = row.number(1);
+  // A reader that is still open at COMMIT keeps SQLite from emptying its log, which then grows.
+  row.again();
 
   // Nothing is written for a value that stays: flash wears.
   Statement update(session.db(),

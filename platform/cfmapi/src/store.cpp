@@ -24,6 +24,10 @@ namespace {
 constexpr mode_t kDirectoryMode = 0770;
 constexpr mode_t kFileMode = 0660;
 
+// SQLite copies the log into the database every 1000 pages, about 4 MB, and then begins it anew.
+// What one large transaction or a long reader made of it beyond this is cut off then.
+#define CFM_LOG_LIMIT "5242880"
+
 pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_once_t g_fork_handlers = PTHREAD_ONCE_INIT;
 sqlite3 *g_db;
@@ -75,6 +79,13 @@ void create_file() {
   ::close(fd);
 }
 
+// A file that cannot be opened for writing at the moment (too many open files, say) SQLite opens
+// for reading, and stays with that. Whoever may write does not.
+bool is_needlessly_read_only(sqlite3 *db) {
+  return sqlite3_db_readonly(db, "main") == 1 &&
+         ::faccessat(AT_FDCWD, CFM_STORE_PATH, W_OK, AT_EACCESS) == 0;
+}
+
 uint32_t open_connection(sqlite3 **out) {
   sqlite3 *db = nullptr;
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
@@ -83,9 +94,15 @@ uint32_t open_connection(sqlite3 **out) {
     harden(db);
     sqlite3_busy_timeout(db, CFM_BUSY_TIMEOUT_MS);
     sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    result = execute(db, "PRAGMA synchronous=NORMAL; PRAGMA temp_store=MEMORY;");
+    result = execute(db,
+                     "PRAGMA synchronous=NORMAL; PRAGMA temp_store=MEMORY;"
+                     "PRAGMA journal_size_limit=" CFM_LOG_LIMIT ";");
   }
-  const uint32_t status = result == SQLITE_OK ? check_identity(db, "main") : status_of(result);
+  uint32_t status = result == SQLITE_OK ? check_identity(db, "main") : status_of(result);
+  if (result == SQLITE_OK && is_needlessly_read_only(db)) {
+    result = SQLITE_CANTOPEN;
+    status = CFM_ERR_UNAVAILABLE;
+  }
   if (result == SQLITE_OK && (status == CFM_OK || status == CFM_ERR_UNAVAILABLE)) {
     *out = db;
   } else {
@@ -225,6 +242,9 @@ Session::Session(Open open) {
 }
 
 Session::~Session() {
+  // The log files, too, are opened for reading where opening them for writing failed. The next call
+  // tries again; for a process that may only read, that is what it finds again.
+  if (g_db != nullptr && (sqlite3_errcode(g_db) & 0xFF) == SQLITE_READONLY) close_connection();
   pthread_mutex_unlock(&g_mutex);
 }
 
