@@ -1,8 +1,26 @@
 #!/usr/bin/env bash
-# The demo, to be run inside the sandbox: starts the servers and the daemons and shows what they say
-# to each other. The exit status is 0 when everything went as it should.
+# The demo, to be run inside the sandbox: `--help` says what it does.
 set -euo pipefail
 bin=$(realpath "$(dirname "$0")")
+
+usage() {
+  cat <<'HELP'
+usage: demo.sh
+Starts the servers and the demo's daemons and shows what they say to each other. It runs in the
+sandbox only: `sandbox -- demo.sh`, or `./dev demo` in the sources.
+The exit status is 0 when everything went as it should.
+HELP
+}
+case "${1:-} $#" in
+  "--help 1") usage && exit ;;
+  " 0" | "scenes 1") ;;
+  *) usage >&2 && exit 2 ;;
+esac
+if ! grep -q '^sandbox / tmpfs ' /proc/self/mounts; then
+  echo "demo: this is not the sandbox, and the demo would work on this machine's own /var and" \
+    "network: run 'sandbox -- $0'" >&2
+  exit 2
+fi
 
 if [[ ${1:-} != scenes ]]; then
   cat >/var/demo-apps.json <<JSON
@@ -16,6 +34,8 @@ fi
 title() { printf '\n== %s\n' "$*"; }
 
 daemons=()
+# Whatever fails, no daemon stays.
+trap '((!${#daemons[@]})) || kill "${daemons[@]}" 2>/dev/null || true' EXIT
 start() {
   "$bin/demo_$1" &
   daemons+=($!)
@@ -65,6 +85,7 @@ echo "$greeting"
 
 title "what was logged, with personal data masked"
 kill "${daemons[@]}"
+daemons=()
 "$bin/mlog" flush
 "$bin/mlog" cat
 "$bin/mlog" cat cms | grep -qF '00:**:**:33:**:55 at 192.***.*.10 and *'

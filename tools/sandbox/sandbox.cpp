@@ -2,9 +2,11 @@
 // fixed paths of the library exist and can be written.
 //
 // The command sees the machine's files on a root of its own: every directory of the machine is
-// bound into a fresh tmpfs, and the directories that the library writes to (/var, /var/run, /mnt,
-// ...) are real directories of that tmpfs. What the machine holds directly below /var and /mnt
-// stays visible there. When the command ends, its namespaces and everything in them are gone.
+// bound into a fresh tmpfs, but for the trees in which the library's fixed paths lie (/var, /mnt,
+// ...), which are empty directories of that tmpfs. Of the machine's own trees of these names only
+// what the command cannot do without is there: /var/lib and /var/cache, which cannot be written,
+// and the part in which the command, this program or the working directory lies. When the command
+// ends, its namespaces and everything in them are gone.
 //
 // Three processes: the launcher (forwards signals and the exit status), the init of the process
 // namespace (reaps orphans), and the command.
@@ -30,13 +32,20 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 
+// Each holds a fixed path of the library or a place that it takes files from. /tmp is the
+// machine's: by it files pass in and out.
+constexpr const char *kPrivateTrees[] = {"app", "data", "html", "mnt", "online", "system", "var"};
+
+constexpr int kUsage = 2;
 constexpr int kSetupFailed = 125;
 constexpr int kCommandNotFound = 127;
 
@@ -63,6 +72,7 @@ void enter_namespaces() {
   if (::unshare(kSpaces | CLONE_NEWUSER) != 0) {
     std::fprintf(stderr,
                  "sandbox: this system does not let this user create namespaces (%s).\n"
+                 "In a chroot only root may create them; user_namespaces(7) says why.\n"
                  "Run the command as root, or allow it once, as root, with whichever of these the "
                  "system has:\n"
                  "  sysctl -w kernel.unprivileged_userns_clone=1\n"
@@ -74,6 +84,28 @@ void enter_namespaces() {
   write_file("/proc/self/setgroups", "deny");
   write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1\n");
   write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n");
+}
+
+// Keeps what is mounted here out of the machine's sight. In a chroot the root is no mount, which
+// this and pivot_root need: joining the mount namespace that the process is in already leads to its
+// real root, and the chroot's directory, bound to itself, becomes a mount there.
+void make_mounts_private() {
+  constexpr unsigned long kPrivate = MS_REC | MS_PRIVATE;
+  if (::mount(nullptr, "/", nullptr, kPrivate, nullptr) == 0) return;
+
+  const fs::path here = fs::current_path();
+  const int root = ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  const int self = static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0));
+  check(root >= 0 && self >= 0 && ::setns(self, CLONE_NEWNS) == 0, "leave the chroot");
+  check(::mount(nullptr, "/", nullptr, kPrivate, nullptr) == 0, "make mounts private");
+  check(::fchdir(root) == 0, "find the chroot");
+  const std::string place = fs::current_path();
+  check(::mount(".", ".", nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
+            ::chroot(place.c_str()) == 0 && ::chdir("/") == 0,
+        "enter the chroot " + place);
+  ::close(root);
+  ::close(self);
+  if (::chdir(here.c_str()) != 0) check(::chdir("/") == 0, "chdir");
 }
 
 // Shows `source` at `target`, which gets the same kind of entry.
@@ -113,31 +145,64 @@ void mount_kernel_views(const fs::path &root) {
   ::mount("sysfs", (root / "sys").c_str(), "sysfs", kFlags, nullptr);
 }
 
-void build_root() {
-  check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
+// Shows the entry right below /var, /mnt or /data that `path` leads through, unless it is one that
+// the library's paths name.
+void show_what_holds(const fs::path &path, const fs::path &root) {
+  static const std::set<std::string> kTrees = {"var", "mnt", "data"};
+  static const std::set<std::string> kOwn = {"var/cfm", "var/mlogfile", "var/policy_custom",
+                                             "mnt/mlog", "data/userdata"};
+  auto part = path.begin();
+  if (std::distance(part, path.end()) < 3 || !kTrees.contains(*++part)) return;
+  fs::path entry = *part;
+  entry /= *++part;
+  if (kOwn.contains(entry) || !fs::exists("/" / entry) || fs::exists(root / entry)) return;
+  fs::create_directories((root / entry).parent_path());
+  show("/" / entry, root / entry);
+}
 
-  const std::string here = fs::current_path();
+// Packages' data bases and caches, which programs of the machine read.
+void show_read_only(const fs::path &directory, const fs::path &root) {
+  const fs::path target = root / directory;
+  if (!fs::is_directory("/" / directory) || fs::exists(target)) return;
+  show("/" / directory, target);
+  mount_attr attributes{};
+  attributes.attr_set = MOUNT_ATTR_RDONLY;
+  if (fs::exists(target)) {
+    check(::mount_setattr(AT_FDCWD, target.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) ==
+              0,
+          "make /" + directory.string() + " read-only");
+  }
+}
+
+// `used` are the paths that must be visible.
+void build_root(const std::vector<fs::path> &used) {
+  make_mounts_private();
+
+  const fs::path here = fs::current_path();
   // The place where the new root is built, removed again as soon as the root is entered.
   char place[] = "/tmp/sandbox.XXXXXX";
   check(::mkdtemp(place) != nullptr, "make a directory in /tmp");
   const fs::path root = place;
-  const int real_var = ::open("/var", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  const int real_mnt = ::open("/mnt", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  check(real_var >= 0, "open /var");
-  // Large folios, where the kernel has them, make the files that carry large bodies cheap.
+  // Large folios, where the kernel has them, make the files that carry large bodies cheap. The
+  // source's name is what scripts know the sandbox by.
   check(::mount("sandbox", place, "tmpfs", 0, "mode=0755,huge=within_size") == 0 ||
             ::mount("sandbox", place, "tmpfs", 0, "mode=0755") == 0,
         "mount a root");
 
-  const auto opened = [](int fd) { return fs::path("/proc/self/fd/" + std::to_string(fd)) / ""; };
-  mirror("/", root, {"tmp", "var", "mnt", "online", "app", "proc", "sys"});
-  fs::create_directories(root / "tmp");
-  check(::mount("/tmp", (root / "tmp").c_str(), nullptr, MS_BIND, nullptr) == 0, "bind /tmp");
-  mirror(opened(real_var), root / "var", {"run", "mlog", "lock", "log"});
-  if (real_mnt >= 0) mirror(opened(real_mnt), root / "mnt", {});
-  for (const char *path : {"var/run/msg", "var/run/notify", "var/mlog", "var/lock", "var/log",
-                           "mnt", "online", "app", "proc", "sys"}) {
+  std::set<std::string> hidden = {"tmp", "proc", "sys"};
+  hidden.insert(std::begin(kPrivateTrees), std::end(kPrivateTrees));
+  mirror("/", root, hidden);
+  for (const char *path : {"tmp", "proc", "sys", "var/run/msg", "var/run/notify", "var/mlog",
+                           "var/lock", "var/log", "var/tmp", "mnt", "online", "app"}) {
     fs::create_directories(root / path);
+  }
+  fs::permissions(root / "var/tmp", fs::perms(01777));
+  check(::mount("/tmp", (root / "tmp").c_str(), nullptr, MS_BIND, nullptr) == 0, "bind /tmp");
+  show_what_holds(here, root);
+  for (const fs::path &path : used) show_what_holds(path, root);
+  for (const char *path : {"var/lib", "var/cache"}) show_read_only(path, root);
+  if (fs::exists(root / "etc/api")) {
+    check(::mount("sandbox", (root / "etc/api").c_str(), "tmpfs", 0, nullptr) == 0, "/etc/api");
   }
 
   mount_kernel_views(root);
@@ -157,10 +222,16 @@ void bring_up_loopback() {
   ::close(fd);
 }
 
+// Where this program stands. It has to be asked before the namespaces are entered: the link cannot
+// be read any more from those when the machine is a chroot.
+fs::path own_directory() {
+  return fs::read_symlink("/proc/self/exe").parent_path();
+}
+
 // The host's forms of the platform's programs stand beside this one and come before the machine's.
-void put_programs_first() {
+void put_programs_first(const fs::path &directory) {
   const char *rest = std::getenv("PATH");
-  std::string path = fs::read_symlink("/proc/self/exe").parent_path();
+  std::string path = directory;
   if (rest != nullptr) path += std::string(":") + rest;
   check(::setenv("PATH", path.c_str(), 1) == 0, "set PATH");
 }
@@ -214,9 +285,9 @@ int wait_for(pid_t child) {
   std::_Exit(kCommandNotFound);
 }
 
-[[noreturn]] void be_init(char **command) {
+[[noreturn]] void be_init(char **command, const std::vector<fs::path> &used) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  build_root();
+  build_root(used);
   bring_up_loopback();
 
   const pid_t child = fork_with_signals_held();
@@ -227,27 +298,32 @@ int wait_for(pid_t child) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   char **command = argv + 1;
+  const bool help = argc > 1 && std::strcmp(command[0], "--help") == 0;
   if (argc > 1 && std::strcmp(command[0], "--") == 0) ++command;
-  if (*command == nullptr) {
-    std::fprintf(stderr,
-                 "usage: sandbox [--] COMMAND [ARGUMENT...]\n"
-                 "Runs COMMAND with private /var, /var/run, /var/mlog, /mnt, /online and /app, a\n"
-                 "network of its own with lo up, and a /proc that shows only its own processes.\n"
-                 "The exit status is COMMAND's (128 + signal when one ended it), or 125 when the\n"
-                 "sandbox could not be set up.\n");
-    return kSetupFailed;
+  if (help || *command == nullptr) {
+    std::fprintf(
+        help ? stdout : stderr,
+        "usage: sandbox [--] COMMAND [ARGUMENT...]\n"
+        "Runs COMMAND with private /var, /mnt, /online, /app, /data, /html and /system, a\n"
+        "network of its own with lo up, and a /proc that shows only its own processes.\n"
+        "Below these directories the machine's own entry is there only where COMMAND, this\n"
+        "program or the working directory lies; /var/lib and /var/cache can be read.\n"
+        "The exit status is COMMAND's (128 + signal when one ended it), or 125 when the\n"
+        "sandbox could not be set up.\n");
+    return help ? EXIT_SUCCESS : kUsage;
   }
 
+  const fs::path directory = own_directory();
+  std::vector<fs::path> used = {directory};
+  if (std::strchr(*command, '/') != nullptr) used.push_back(fs::weakly_canonical(*command));
+  put_programs_first(directory);
   enter_namespaces();
-  try {
-    put_programs_first();
-    const pid_t init = fork_with_signals_held();
-    if (init == 0) be_init(command);
-    return wait_for(init);
-  } catch (const std::exception &error) {
-    std::fprintf(stderr, "sandbox: %s\n", error.what());
-    return kSetupFailed;
-  }
+  const pid_t init = fork_with_signals_held();
+  if (init == 0) be_init(command, used);
+  return wait_for(init);
+} catch (const std::exception &error) {
+  std::fprintf(stderr, "sandbox: %s\n", error.what());
+  return kSetupFailed;
 }

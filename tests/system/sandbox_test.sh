@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# sandbox_test.sh BIN: what runs in the sandbox changes nothing outside, wherever the library's fixed
+# paths lead, also when the machine is a chroot; and the scripts that start servers on fixed paths
+# refuse to do so elsewhere. A sandbox plays the machine, so that the real one is not at risk.
+set -euo pipefail
+bin=$(realpath "$1")
+
+fail() {
+  echo "sandbox_test: $*"
+  exit 1
+}
+
+# Files of every kind at the fixed paths, and in the trees around them.
+paths=(/var/{cfm/cfm.db,mlogfile/log,mlog/mlogcfg,run/msgsvr,run/msg/msg_file_1} /var/policy_custom/a
+  /var/{msgsvr-login.json,image.bin,other/file} /mnt/{file,mlog/log,usb/file} /online/log/webapp.log
+  /app/{config/a,webroot/a} /data/userdata/a /html/a /system/a)
+# Nothing here may be real.
+for path in "${paths[@]}"; do [[ ! -e $path ]] || fail "$path is there already"; done
+mkdir -p /var/{cfm,mlogfile,mlog,run/msg,run/notify,policy_custom,other,work} /mnt/{mlog,usb} \
+  /online/log /app/{config,webroot} /data/userdata /html /system
+for path in "${paths[@]}"; do echo "of the machine" >"$path"; done
+state() { find "${paths[@]}" "${paths[@]%/*}" -maxdepth 1 -printf '%p %y %m %s %T@ %i\n' | sort -u; }
+before=$(state)
+
+# shellcheck disable=SC2016 # the inner shell's own
+overwrite='for path; do mkdir -p "${path%/*}" && echo changed >"$path" || exit 1; done
+  for path; do rm "$path" || exit 1; done; chmod 700 /var /var/cfm && ! test -w /var/lib'
+"$bin/sandbox" -- sh -c "$overwrite" sh "${paths[@]}" || fail "the fixed paths cannot be written"
+(cd /var/cfm && "$bin/sandbox" -- sh -c "$overwrite" sh "${paths[@]}") || fail "not from /var/cfm"
+after=$(state)
+[[ $after == "$before" ]] || fail "the machine changed: $(diff <(echo "$before") <(echo "$after"))"
+
+# A checkout below /var is there when work is done in it.
+cd /var/work
+"$bin/sandbox" -- touch /var/work/made
+[[ -f made ]] || fail "the working directory is not there"
+cd /
+
+# The same in a chroot whose root is no mount.
+root=/var/chroot
+mkdir -p "$root"/{proc,tmp,var/cfm,mnt}
+for directory in bin etc lib lib32 lib64 sbin usr "${bin#/}"; do
+  if [[ -L /$directory ]]; then
+    cp -P "/$directory" "$root/$directory"
+  elif [[ -d /$directory ]]; then
+    mkdir -p "$root/$directory"
+    mount --rbind "/$directory" "$root/$directory"
+  fi
+done
+mount -t proc proc "$root/proc"
+echo "of the machine" >"$root/var/cfm/cfm.db"
+# shellcheck disable=SC2016 # the inner shell's own
+chroot "$root" "$bin/sandbox" -- sh -c '
+  [ ! -e /var/cfm ] && mkdir /var/cfm && echo changed >/var/cfm/cfm.db && [ -e /proc/self/exe ] &&
+  case $PATH in "$1":*) ;; *) exit 1 ;; esac' sh "$bin" || fail "no sandbox in a chroot"
+[[ $(<"$root/var/cfm/cfm.db") == "of the machine" && -z $(ls "$root/tmp") ]] ||
+  fail "the chroot changed"
+
+# Nor do the scripts that start servers run where the fixed paths are the machine's.
+for command in "with_servers.sh true" demo.sh; do
+  status=0
+  # shellcheck disable=SC2086 # words
+  output=$(chroot "$root" "$bin"/$command 2>&1) || status=$?
+  [[ $status == 2 && $output == *"not the sandbox"* ]] || fail "$command: $status, $output"
+done
