@@ -20,7 +20,7 @@
 #include "msgsvr/services.h"
 
 // Instead of the log.
-void servers::write_log_line(std::string_view) {}
+void servers::write_log_line(std::string_view) noexcept {}
 
 namespace {
 

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "common/log_line.h"
+
 namespace servers {
 namespace {
 
@@ -15,6 +17,11 @@ int checked(int result, const char *what) {
 }
 
 }  // namespace
+
+void EventLoop::Watch::failed(const char *why) noexcept {
+  write_log_line("a callback of the event loop has failed; the server goes on");
+  write_log_line(why);
+}
 
 EventLoop::EventLoop()
     : epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
@@ -26,6 +33,10 @@ EventLoop::EventLoop()
   timer_watch_.loop = this;
   add(signal_fd_.get(), EPOLLIN, &signal_watch_);
   add(timer_fd_.get(), EPOLLIN, &timer_watch_);
+}
+
+EventLoop::~EventLoop() {
+  free_retired();
 }
 
 void EventLoop::add(int fd, uint32_t events, Watch *watch) {
@@ -42,7 +53,7 @@ void EventLoop::change(int fd, uint32_t events, Watch *watch) {
   checked(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event), "epoll_ctl");
 }
 
-void EventLoop::remove(int fd, Watch *watch) {
+void EventLoop::remove(int fd, Watch *watch) noexcept {
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   for (int i = 0; i < event_count_; ++i) {
     if (events_[static_cast<size_t>(i)].data.ptr == watch) {
@@ -51,11 +62,37 @@ void EventLoop::remove(int fd, Watch *watch) {
   }
 }
 
+void EventLoop::retire(std::unique_ptr<Watch> watch) noexcept {
+  watch->next_retired_ = retired_;
+  retired_ = watch.release();
+}
+
+void EventLoop::free_retired() noexcept {
+  while (retired_ != nullptr) {
+    const std::unique_ptr<Watch> first(retired_);
+    retired_ = first->next_retired_;
+  }
+}
+
+void EventLoop::report(const char *what, const char *why) noexcept {
+  ++failures_;
+  try {
+    log_line("{}: {}", what, why);
+  } catch (const std::exception &) {
+    write_log_line(what);
+  }
+}
+
 EventLoop::TimerId EventLoop::after(std::chrono::milliseconds delay, Procedure procedure) {
   const TimerId id = ++last_timer_;
   const Clock::time_point due = Clock::now() + delay;
-  due_.emplace(id, due);
-  timers_.emplace(std::pair(due, id), std::move(procedure));
+  const auto timer = timers_.emplace(std::pair(due, id), std::move(procedure)).first;
+  try {
+    due_.emplace(id, due);
+  } catch (...) {
+    timers_.erase(timer);
+    throw;
+  }
   if (delay.count() <= 0) {
     due_now_ = true;
   } else if (timers_.begin()->first.second == id) {
@@ -93,7 +130,7 @@ void EventLoop::run_due_timers() {
     const Procedure procedure = std::move(first->second);
     due_.erase(first->first.second);
     timers_.erase(first);
-    procedure();
+    attempt("something timed has failed", procedure);
   }
   arm_timer();
 }
@@ -107,7 +144,8 @@ void EventLoop::SignalWatch::ready(uint32_t) {
   signalfd_siginfo info;
   while (::read(loop->signal_fd_.get(), &info, sizeof info) == sizeof info) {
     const auto entry = loop->signal_procedures_.find(static_cast<int>(info.ssi_signo));
-    if (entry != loop->signal_procedures_.end()) entry->second();
+    if (entry == loop->signal_procedures_.end()) continue;
+    loop->attempt("what a signal asked for has failed", entry->second);
   }
 }
 
@@ -131,13 +169,27 @@ void EventLoop::turn(int timeout_ms) {
     checked(count, "epoll_wait");
   }
   event_count_ = count;
-  for (int i = 0; i < event_count_; ++i) {
-    const epoll_event &event = events_[static_cast<size_t>(i)];
-    if (event.data.ptr != nullptr) static_cast<Watch *>(event.data.ptr)->ready(event.events);
-  }
+  for (int i = 0; i < event_count_; ++i) call(i);
   event_count_ = 0;
   if (std::exchange(due_now_, false)) run_due_timers();
-  retired_.clear();
+  free_retired();
+}
+
+void EventLoop::call(int event) noexcept {
+  const epoll_event &entry = events_[static_cast<size_t>(event)];
+  auto *watch = static_cast<Watch *>(entry.data.ptr);
+  if (watch == nullptr) return;
+  try {
+    watch->ready(entry.events);
+  } catch (const std::exception &error) {
+    if (entry.data.ptr == nullptr) {
+      // It has removed itself, so nothing of it is left to end.
+      report("what a descriptor brought is not done", error.what());
+    } else {
+      ++failures_;
+      watch->failed(error.what());
+    }
+  }
 }
 
 }  // namespace servers

@@ -1,5 +1,8 @@
 // The servers' event loop: descriptors through epoll, signals through a signalfd, timers through
 // one timerfd. One thread; every callback may add and remove anything, itself included.
+//
+// What a callback throws never leaves the loop: it is counted, and the watch whose ready() threw is
+// told by failed(), so that one client's trouble ends that client and not the server.
 #pragma once
 
 #include <signal.h>
@@ -8,11 +11,11 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "common/unique_fd.h"
 
@@ -26,6 +29,14 @@ class EventLoop {
     virtual ~Watch() = default;
     // `events` are those of epoll: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
     virtual void ready(uint32_t events) = 0;
+    // ready() has thrown, and the watch is still registered: ends what it serves, of which
+    // something may be half done. May remove and retire the watch. Unless overridden, it is logged
+    // and the watch stays.
+    virtual void failed(const char *why) noexcept;
+
+   private:
+    friend EventLoop;
+    Watch *next_retired_ = nullptr;
   };
   using Clock = std::chrono::steady_clock;
   using Procedure = std::function<void()>;
@@ -33,18 +44,36 @@ class EventLoop {
   using TimerId = uint64_t;
 
   EventLoop();  // throws std::system_error
+  ~EventLoop();
+  EventLoop(const EventLoop &) = delete;
+  EventLoop &operator=(const EventLoop &) = delete;
 
-  // `watch` must outlive its registration. Level-triggered.
+  // `watch` must outlive its registration. Level-triggered. Throws std::system_error, and has then
+  // changed nothing.
   void add(int fd, uint32_t events, Watch *watch);
   void change(int fd, uint32_t events, Watch *watch);
   // After this `watch` is not called again, not even for events of the running turn.
-  void remove(int fd, Watch *watch);
+  void remove(int fd, Watch *watch) noexcept;
 
-  // Keeps `object` until the callbacks of the running turn have returned.
-  template <typename T>
-  void retire(std::unique_ptr<T> object) {
-    retired_.push_back(std::shared_ptr<void>(std::move(object)));
+  // Keeps `watch` until the callbacks of the running turn have returned.
+  void retire(std::unique_ptr<Watch> watch) noexcept;
+
+  // Calls `procedure` and returns whether it returned. What it throws is counted and logged, with
+  // the words `what` for what has failed.
+  template <typename Function>
+  bool attempt(const char *what, Function procedure) noexcept {
+    try {
+      procedure();
+      return true;
+    } catch (const std::exception &error) {
+      report(what, error.what());
+      return false;
+    }
   }
+  // Counts and logs that something has failed.
+  void report(const char *what, const char *why) noexcept;
+  // How often something has been thrown.
+  uint64_t failures() const { return failures_; }
 
   // Calls `procedure` once, `delay` from now; without a delay at the end of the running turn, or of
   // the next. Cancelling a timer that has run does nothing.
@@ -71,6 +100,8 @@ class EventLoop {
     void ready(uint32_t events) override;
   };
 
+  void call(int event) noexcept;
+  void free_retired() noexcept;
   void arm_timer();
   void run_due_timers();
 
@@ -87,7 +118,8 @@ class EventLoop {
   bool due_now_ = false;  // timers without a delay wait for the end of the turn
   std::array<epoll_event, 64> events_{};
   int event_count_ = 0;
-  std::vector<std::shared_ptr<void>> retired_;
+  Watch *retired_ = nullptr;
+  uint64_t failures_ = 0;
   bool stopped_ = false;
 };
 

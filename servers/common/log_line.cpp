@@ -4,6 +4,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 
 namespace servers {
@@ -20,14 +22,50 @@ bool takes_a_line() {
   return ::poll(&error, 1, 0) == 1 && (error.revents & POLLOUT) != 0;
 }
 
-std::string time_stamp() {
+// The length of the UTF-8 character at the beginning of `text`; 0 for bytes that are none, and for
+// a control character.
+size_t printable_length(std::string_view text) {
+  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
+  if (byte(0) < 0x80) return byte(0) < 0x20 || byte(0) == 0x7f ? 0 : 1;
+  const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
+  if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+  }
+  const bool c1 = byte(0) == 0xc2 && byte(1) < 0xa0;
+  return c1 ? 0 : length;
+}
+
+// A line without memory of its own, so that it can say that there is none.
+class Line {
+ public:
+  template <typename... Arguments>
+  void add(fmt::format_string<Arguments...> format, Arguments &&...arguments) {
+    const size_t room = kRoom - size_;
+    const auto result =
+        fmt::format_to_n(text_.data() + size_, room, format, std::forward<Arguments>(arguments)...);
+    size_ += std::min(result.size, room);
+  }
+
+  std::string_view finish() {
+    hide_controls({text_.data(), size_});
+    text_[size_++] = '\n';
+    return {text_.data(), size_};
+  }
+
+ private:
+  static constexpr size_t kRoom = kLongestLine - 1;
+  std::array<char, kLongestLine> text_;
+  size_t size_ = 0;
+};
+
+void add_time_stamp(Line *line) {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   tm utc{};
   ::gmtime_r(&now.tv_sec, &utc);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", utc.tm_year + 1900,
-                     utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                     now.tv_nsec / 1000000);
+  line->add("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", utc.tm_year + 1900, utc.tm_mon + 1,
+            utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000000);
 }
 
 }  // namespace
@@ -36,20 +74,26 @@ void set_log_name(std::string_view name) {
   g_name = name;
 }
 
-void write_log_line(std::string_view text) {
+void hide_controls(std::span<char> text) noexcept {
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = printable_length({text.data() + at, text.size() - at});
+    if (length == 0) text[at] = '?';
+    at += std::max<size_t>(length, 1);
+  }
+}
+
+void write_log_line(std::string_view text) noexcept {
   if (!takes_a_line()) {
     ++g_dropped;
     return;
   }
-  std::string line = fmt::format("{} {}[{}]: ", time_stamp(), g_name, ::getpid());
-  if (g_dropped > 0) line += fmt::format("({} lines dropped) ", std::exchange(g_dropped, 0));
-  line += text;
-  if (line.size() > kLongestLine - 1) line.resize(kLongestLine - 1);
-  for (char &c : line) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  }
-  line += '\n';
-  if (::write(STDERR_FILENO, line.data(), line.size()) < 0) ++g_dropped;
+  Line line;
+  add_time_stamp(&line);
+  line.add(" {}[{}]: ", g_name, ::getpid());
+  if (g_dropped > 0) line.add("({} lines dropped) ", std::exchange(g_dropped, 0));
+  line.add("{}", text);
+  const std::string_view whole = line.finish();
+  if (::write(STDERR_FILENO, whole.data(), whole.size()) < 0) ++g_dropped;
 }
 
 }  // namespace servers

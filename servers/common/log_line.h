@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,10 +13,14 @@ namespace servers {
 // The program's name, which begins every line behind the time stamp.
 void set_log_name(std::string_view name);
 
-// Writes one line. Control characters in it (names come from clients) are shown as "?". Never
-// blocks: a line that standard error does not take at once is dropped and counted, and the next
-// line that gets through says how many were.
-void write_log_line(std::string_view text);
+// Writes one line. Control characters in it (names come from clients) are shown as "?". Needs no
+// memory, and never blocks: a line that standard error does not take at once is dropped and
+// counted, and the next line that gets through says how many were.
+void write_log_line(std::string_view text) noexcept;
+
+// Replaces by "?" what a terminal may obey: control characters, those of C1 (U+0080 to U+009F) and
+// bytes that are no UTF-8 included.
+void hide_controls(std::span<char> text) noexcept;
 
 template <typename... Arguments>
 void log_line(fmt::format_string<Arguments...> format, Arguments &&...arguments) {
