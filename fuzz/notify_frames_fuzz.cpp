@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -15,26 +14,28 @@
 namespace {
 
 std::vector<std::string> read_in_pieces(const uint8_t *data, size_t size, size_t piece) {
-  notifyserver::FrameReader reader;
+  notifyserver::Budget budget(notifyserver::FrameReader::kFree + ORP_NOTIFYCLT_MAX_DATA);
+  notifyserver::FrameReader reader(&budget);
   std::vector<std::string> frames;
   for (size_t at = 0; at < size && !reader.malformed();) {
-    const std::span<char> room = reader.room();
-    const size_t count = std::min({piece, size - at, room.size()});
-    if (count == 0) std::abort();
-    std::memcpy(room.data(), data + at, count);
-    reader.filled(count);
-    at += count;
+    // A block of its own, so that nothing is read behind its end or after its life.
+    const std::vector<char> bytes(data + at, data + at + std::min(piece, size - at));
+    reader.feed(bytes);
+    at += bytes.size();
     while (const auto frame = reader.next()) {
       frames.emplace_back(frame->bytes.begin(), frame->bytes.end());
     }
+    reader.release();
   }
+  reader.reset();
+  if (budget.used() != 0 || reader.refused() != 0) std::abort();
   return frames;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size == 0 || size > 4096) return 0;
+  if (size == 0 || size > 16384) return 0;
   const size_t piece = 1 + size_t{data[0]} * 3;
   if (read_in_pieces(data + 1, size - 1, piece) != read_in_pieces(data + 1, size - 1, SIZE_MAX)) {
     std::abort();

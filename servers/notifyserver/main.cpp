@@ -14,12 +14,9 @@
 
 namespace {
 
-// Room for the longest message and as much again.
-constexpr size_t kDefaultQueue = size_t{2} * (ORP_NOTIFYCLT_MAX_DATA + 4096);
-
-void run(const std::string &path, size_t queue_limit) {
+void run(const std::string &path, const notifyserver::Limits &limits) {
   servers::EventLoop loop;
-  notifyserver::Server server(&loop, path, queue_limit);
+  notifyserver::Server server(&loop, path, limits);
 
   loop.on_signal(SIGUSR1, [&] { server.log_statistics(); });
   for (const int signal : {SIGTERM, SIGINT}) loop.on_signal(signal, [&] { loop.stop(); });
@@ -38,16 +35,21 @@ int main(int argc, char **argv) try {
   CLI::App app("The notify server: passes notifications between the modules of the device.");
   std::string path = ORP_NOTIFYCLT_DIRECTORY "/" ORP_NOTIFYCLT_SERVER_NAME;
   app.add_option("--socket", path, "Where clients connect")->capture_default_str();
-  size_t queue_limit = kDefaultQueue;
-  app.add_option("--queue", queue_limit,
+  notifyserver::Limits limits;
+  app.add_option("--queue", limits.queue,
                  "Bytes that may wait for a client that does not read; more is lost and counted")
+      ->capture_default_str();
+  app.add_option(
+         "--unfinished", limits.unfinished,
+         "Bytes that messages of one user's clients may take before they have arrived whole, "
+         "and half of what all may; more is lost and counted")
       ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
 
   servers::set_log_name("notifyserver");
   // Every application puts its own socket there, too.
   ::mkdir(ORP_NOTIFYCLT_DIRECTORY, 0775);
-  run(path, queue_limit);
+  run(path, limits);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {
   servers::log_line("{}", error.what());

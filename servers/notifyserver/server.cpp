@@ -20,6 +20,16 @@ using servers::OutputQueue;
 // Applications run under users of their own.
 constexpr mode_t kSocketMode = 0666;
 
+constexpr size_t kReadSize = 131072;
+
+uid_t user_of(int fd) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  // Who cannot be told shares with all of these.
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return UINT32_MAX;
+  return credentials.uid;
+}
+
 const char *name_of(uint32_t module) {
   const char *name = ORP_NOTIFYCLT_GetNameByMID(module);
   return name == nullptr ? "unnamed" : name;
@@ -29,10 +39,12 @@ const char *name_of(uint32_t module) {
 
 class Server::Client final : public servers::EventLoop::Watch {
  public:
-  Client(Server *server, servers::UniqueFd connection, size_t queue_limit)
+  Client(Server *server, servers::UniqueFd connection)
       : fd(std::move(connection)),
         pid(servers::peer_pid(fd.get())),
-        output(fd.get(), queue_limit),
+        budget(server->budget_of(user_of(fd.get()))),
+        input(budget.get()),
+        output(fd.get(), server->limits_.queue),
         server_(server) {}
 
   void ready(uint32_t events) override {
@@ -44,6 +56,8 @@ class Server::Client final : public servers::EventLoop::Watch {
     if ((events & ~uint32_t{EPOLLOUT}) != 0) server_->read_from(*this);
   }
 
+  void failed(const char *why) noexcept override { server_->give_up(*this, why); }
+
   std::string label() const {
     return module == 0 ? fmt::format("process {}", pid)
                        : fmt::format("module {} ({}, process {})", module, name_of(module), pid);
@@ -52,23 +66,28 @@ class Server::Client final : public servers::EventLoop::Watch {
   servers::UniqueFd fd;
   pid_t pid;
   uint32_t module = 0;  // 0 before registration
+  std::shared_ptr<Budget> budget;
   FrameReader input;
   OutputQueue output;
-  Route route;  // messages of this turn
+  Route route;           // messages of this turn
+  uint64_t refused = 0;  // messages of its own, as far as they are counted
   uint64_t lost = 0;
   uint64_t lost_before = 0;  // when it last read again
   bool waits_to_write = false;
   bool gone = false;
+  Client *next_failed = nullptr;  // in flush_routes()
 
  private:
   Server *server_;
 };
 
-Server::Server(servers::EventLoop *loop, const std::string &path, size_t queue_limit)
+Server::Server(servers::EventLoop *loop, const std::string &path, const Limits &limits)
     : loop_(*loop),
       path_(path),
       acceptor_(servers::listen_unix(path, kSocketMode)),
-      queue_limit_(queue_limit) {
+      limits_(limits),
+      unfinished_(2 * limits.unfinished),
+      input_(kReadSize) {
   loop_.add(acceptor_.fd(), EPOLLIN, this);
 }
 
@@ -87,22 +106,40 @@ void Server::finish() {
 void Server::ready(uint32_t) {
   while (servers::UniqueFd fd = acceptor_.accept()) {
     ++statistics_.connections;
-    auto client = std::make_unique<Client>(this, std::move(fd), queue_limit_);
-    loop_.add(client->fd.get(), EPOLLIN, client.get());
-    clients_.push_back(std::move(client));
+    loop_.attempt("a connection is refused", [&] { adopt(std::move(fd)); });
   }
 }
 
+void Server::adopt(servers::UniqueFd fd) {
+  clients_.push_back(std::make_unique<Client>(this, std::move(fd)));
+  Client *const client = clients_.back().get();
+  try {
+    loop_.add(client->fd.get(), EPOLLIN, client);
+  } catch (...) {
+    clients_.pop_back();
+    throw;
+  }
+}
+
+std::shared_ptr<Budget> Server::budget_of(uid_t user) {
+  std::weak_ptr<Budget> &entry = budgets_[user];
+  std::shared_ptr<Budget> budget = entry.lock();
+  if (budget) return budget;
+  budget = std::make_shared<Budget>(limits_.unfinished, &unfinished_);
+  entry = budget;
+  std::erase_if(budgets_, [](const auto &each) { return each.second.expired(); });
+  return budget;
+}
+
 void Server::read_from(Client &client) {
-  const std::span<char> room = client.input.room();
-  const ssize_t count = ::read(client.fd.get(), room.data(), room.size());
+  const ssize_t count = ::read(client.fd.get(), input_.data(), input_.size());
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count <= 0) {
     disconnect(client, client.input.inside_message() ? "left in the middle of a message" : "left");
     return;
   }
 
-  client.input.filled(static_cast<size_t>(count));
+  client.input.feed(std::span(input_).first(static_cast<size_t>(count)));
   while (const auto frame = client.input.next()) {
     ++statistics_.received;
     if (frame->head.des_id == ORP_NOTIFYCLT_SERVER) {
@@ -112,10 +149,27 @@ void Server::read_from(Client &client) {
     }
   }
   flush_routes();
-  if (client.input.malformed() && !client.gone) {
+  if (client.gone) return;
+  client.input.release();
+  count_refused(client);
+  if (client.input.malformed()) {
     ++statistics_.malformed;
     disconnect(client, "is disconnected: it announced more data than a message may have");
   }
+}
+
+void Server::count_refused(Client &client) {
+  const uint64_t refused = client.input.refused() - client.refused;
+  if (refused == 0) return;
+  statistics_.received += refused;
+  statistics_.refused += refused;
+  if (client.refused == 0) {
+    log_line(
+        "a message of {} is lost: there is no room for it until it is whole ({} bytes of its "
+        "user's {} are taken, {} in all)",
+        client.label(), client.budget->used(), limits_.unfinished, unfinished_.used());
+  }
+  client.refused += refused;
 }
 
 void Server::route(Client &from, const Frame &frame) {
@@ -188,23 +242,37 @@ void Server::queue(Client &to, std::span<const char> bytes, uint32_t msg_type) {
 
 // Writes what read_from() routed, which lies in the sender's buffer until then.
 void Server::flush_routes() {
-  for (Client *client : std::exchange(routed_, {})) {
-    std::vector<OutputQueue::Tag> refused;
-    client->output.send(std::exchange(client->route, {}), &refused);
-    if (!client->output.broken() && !refused.empty()) {
-      if (client->lost == client->lost_before) {
-        log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
-                 client->label(), client->output.limit());
-      }
-      client->lost += refused.size();
-      statistics_.overflows += refused.size();
-    } else {
-      statistics_.died_with += refused.size();
-      client->lost += refused.size();
-    }
-    after_writing(*client);
+  Client *failed = nullptr;
+  while (!routed_.empty()) {
+    Client *const client = routed_.back();
+    routed_.pop_back();
+    if (loop_.attempt("a client cannot be written to", [&] { write_route(*client); })) continue;
+    // Part of a message may have been written. The client may be the sender.
+    client->output.close();
+    client->next_failed = std::exchange(failed, client);
   }
   answers_.clear();
+  while (failed != nullptr) {
+    disconnect(*std::exchange(failed, failed->next_failed),
+               "is disconnected: the server could not go on with it");
+  }
+}
+
+void Server::write_route(Client &client) {
+  std::vector<OutputQueue::Tag> refused;
+  client.output.send(std::exchange(client.route, {}), &refused);
+  if (!client.output.broken() && !refused.empty()) {
+    if (client.lost == client.lost_before) {
+      log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
+               client.label(), client.output.limit());
+    }
+    client.lost += refused.size();
+    statistics_.overflows += refused.size();
+  } else {
+    statistics_.died_with += refused.size();
+    client.lost += refused.size();
+  }
+  after_writing(client);
 }
 
 void Server::after_writing(Client &client) {
@@ -226,24 +294,38 @@ void Server::after_writing(Client &client) {
   }
 }
 
-void Server::disconnect(Client &client, const char *why) {
-  const uint64_t unwritten = client.output.take_unwritten().size();
-  statistics_.died_with += unwritten;
-  statistics_.delivered += client.output.frames_written();
-  client.lost += unwritten;
-  if (client.lost == 0) {
-    log_line("{} {}", client.label(), why);
-  } else {
-    log_line("{} {}; {} messages for it were lost", client.label(), why, client.lost);
+// After a failure in reading from `client`: what it sent last may be routed in part, and is lost.
+void Server::give_up(Client &client, const char *why) noexcept {
+  loop_.report("a client is given up", why);
+  for (Client *const each : routed_) {
+    statistics_.refused += std::exchange(each->route, {}).size();
   }
+  routed_.clear();
+  answers_.clear();
+  disconnect(client, "is disconnected: the server could not go on with it");
+}
 
+void Server::disconnect(Client &client, const char *why) noexcept {
+  loop_.attempt("the end of a client is not counted", [&] { report_end(client, why); });
   client.gone = true;
+  client.input.reset();
   leave_module(client);
   loop_.remove(client.fd.get(), &client);
   const auto place = std::find_if(clients_.begin(), clients_.end(),
                                   [&](const auto &each) { return each.get() == &client; });
   loop_.retire(std::move(*place));
   clients_.erase(place);
+}
+
+void Server::report_end(Client &client, const char *why) {
+  statistics_.delivered += client.output.frames_written();
+  const uint64_t unwritten = client.output.take_unwritten().size();
+  statistics_.died_with += unwritten;
+  client.lost += unwritten;
+  std::string losses;
+  if (client.lost != 0) losses += fmt::format("; {} messages for it were lost", client.lost);
+  if (client.refused != 0) losses += fmt::format("; {} of its messages were lost", client.refused);
+  log_line("{} {}{}", client.label(), why, losses);
 }
 
 void Server::log_statistics() const {
@@ -255,10 +337,10 @@ void Server::log_statistics() const {
   }
   log_line(
       "received {} delivered {} registered {} answered {} unserved {} no_module {} overflows {} "
-      "died_with {} malformed {} connections {} clients {}",
+      "died_with {} refused {} malformed {} connections {} clients {}",
       statistics_.received, delivered, statistics_.registered, statistics_.answered,
       statistics_.unserved, statistics_.no_module, statistics_.overflows, statistics_.died_with,
-      statistics_.malformed, statistics_.connections, clients_.size());
+      statistics_.refused, statistics_.malformed, statistics_.connections, clients_.size());
 }
 
 }  // namespace notifyserver

@@ -2,6 +2,9 @@
 //
 // One turn of the loop reads what one client has sent, routes every whole message in it and then
 // writes to each destination once. Messages travel untouched: only the head's destination decides.
+//
+// What one client brings about ends at most that client: a failed allocation, or a connection that
+// epoll does not take. Messages that have not arrived whole are bounded for each user and in all.
 #pragma once
 
 #include <sys/types.h>
@@ -10,6 +13,7 @@
 #include <bitset>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,15 +36,24 @@ struct Statistics {
   uint64_t no_module = 0;   // lost: nobody has the destination's id
   uint64_t overflows = 0;   // lost: no room in the destination's queue
   uint64_t died_with = 0;   // lost: waited for a client that went away
+  uint64_t refused = 0;     // lost: no room for them before they had arrived whole
   uint64_t malformed = 0;   // clients that were disconnected
   uint64_t connections = 0;
 };
 
+struct Limits {
+  // Room for the longest message and as much again, and for the clients of one user.
+  static constexpr size_t kDefault = size_t{2} * (ORP_NOTIFYCLT_MAX_DATA + 4096);
+
+  size_t queue = kDefault;       // bytes that may wait for one client
+  size_t unfinished = kDefault;  // bytes of messages of one user's clients that are not whole yet;
+                                 // twice as many in all
+};
+
 class Server final : servers::EventLoop::Watch {
  public:
-  // Listens at once; throws std::exception when it cannot. `queue_limit` bounds what may wait for
-  // one client, in bytes.
-  Server(servers::EventLoop *loop, const std::string &path, size_t queue_limit);
+  // Listens at once; throws std::exception when it cannot.
+  Server(servers::EventLoop *loop, const std::string &path, const Limits &limits);
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
   ~Server() override;
@@ -54,6 +67,8 @@ class Server final : servers::EventLoop::Watch {
   using Route = std::vector<servers::OutputQueue::Frame>;
 
   void ready(uint32_t events) override;  // somebody connects
+  void adopt(servers::UniqueFd fd);
+  std::shared_ptr<Budget> budget_of(uid_t user);
   void read_from(Client &client);
   void route(Client &from, const Frame &frame);
   void serve(Client &from, const Frame &frame);
@@ -61,13 +76,20 @@ class Server final : servers::EventLoop::Watch {
   void leave_module(Client &client);
   void queue(Client &to, std::span<const char> bytes, uint32_t msg_type);
   void flush_routes();
+  void write_route(Client &client);
   void after_writing(Client &client);
-  void disconnect(Client &client, const char *why);
+  void count_refused(Client &client);
+  void give_up(Client &client, const char *why) noexcept;
+  void disconnect(Client &client, const char *why) noexcept;
+  void report_end(Client &client, const char *why);
 
   servers::EventLoop &loop_;
   std::string path_;
   servers::Acceptor acceptor_;
-  size_t queue_limit_;
+  const Limits limits_;
+  Budget unfinished_;                               // of all users
+  std::map<uid_t, std::weak_ptr<Budget>> budgets_;  // of those who have clients
+  std::vector<char> input_;                         // what is read of one client in one turn
   std::vector<std::unique_ptr<Client>> clients_;
   // The clients of every module id, oldest registration first; the first gets the messages.
   std::array<std::vector<Client *>, ORP_NOTIFYCLT_MODULES> modules_;

@@ -1,11 +1,20 @@
 #include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +28,7 @@ namespace {
 
 using test::NotifyMessage;
 using test::NotifyPeer;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 
 constexpr uint32_t kCms = 8;
@@ -212,5 +222,103 @@ TEST(NotifyServer, LosesAndCountsWhatAClientDoesNotRead) {
   }
   EXPECT_TRUE(server.wait_for("reads again; " + std::to_string(lost) + " messages for it"));
 }
+
+size_t resident_bytes(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
+  size_t size = 0, resident = 0;
+  file >> size >> resident;
+  return resident * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+// A message whose last byte is missing, as far as the server reads it at once.
+void send_unfinished(NotifyPeer &peer, size_t size) {
+  NotifyMessage begun = message(kType, kWeb, std::string(size, 'x'));
+  std::string bytes = begun.bytes();
+  bytes.pop_back();
+  peer.send(bytes);
+}
+
+TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
+  Server server({"--unfinished", "4000000"});
+  NotifyPeer web;
+  web.send(registration(kWeb));
+  EXPECT_TRUE(server.wait_for("module 26"));
+  const size_t before = resident_bytes(server.pid());
+
+  {
+    std::list<NotifyPeer> hostile(40);
+    for (NotifyPeer &peer : hostile) send_unfinished(peer, 3000000);
+    EXPECT_TRUE(server.wait_for("there is no room for it until it is whole"));
+    EXPECT_LT(resident_bytes(server.pid()), before + 30000000);
+
+    // Short messages pass, in pieces too, and so do long ones of another user.
+    NotifyPeer cms;
+    for (const char byte : message(kType, kWeb, "pieces").bytes()) cms.send(std::string(1, byte));
+    EXPECT_EQ("pieces", web.receive().data);
+    if (::seteuid(65534) == 0) {
+      NotifyPeer other;
+      other.send(message(kType, kWeb, std::string(3000000, 'o')));
+      EXPECT_TRUE(std::string(3000000, 'o') == web.receive().data);
+      EXPECT_EQ(0, ::seteuid(0));
+    }
+
+    // A refused message is read to its end; what follows it is whole again.
+    cms.send(message(kType, kWeb, std::string(3000000, 'c')));
+    cms.send(message(kType, kWeb, "in step"));
+    EXPECT_EQ("in step", web.receive().data);
+  }
+  for (int i = 0; i < 40; ++i) EXPECT_TRUE(server.wait_for("left"));
+  NotifyPeer cms;
+  cms.send(message(kType, kWeb, std::string(3000000, 'x')));
+  EXPECT_TRUE(std::string(3000000, 'x') == web.receive().data);
+  EXPECT_THAT(server.statistics_at_end(), ContainsRegex("no_module 0 overflows 0 died_with 0 "
+                                                        "refused (39|40) malformed 0"));
+}
+
+#if !defined(MSGAPI_EMULATED) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// From now on the kernel refuses, to this process and those it starts, `call` when its argument
+// number `argument` is `value` or more, in its lower half.
+void refuse_system_call(uint32_t call, uint32_t argument, uint32_t value, uint32_t error) {
+  sock_filter rules[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
+               static_cast<uint32_t>(offsetof(seccomp_data, args)) + argument * 8),
+      BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, value, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{std::size(rules), rules};
+  ASSERT_EQ(0, ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+  ASSERT_EQ(0, ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program));
+}
+
+TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
+  // Its own descriptors and those of the first clients are below this.
+  constexpr uint32_t kFirstRefused = 20;
+  constexpr uint32_t kTooLarge = 4000000;  // the largest library is smaller
+  const std::string large = message(kType, kWeb, std::string(8000000, 'x')).bytes();
+  refuse_system_call(SYS_epoll_ctl, 2, kFirstRefused, ENOSPC);
+  refuse_system_call(SYS_mmap, 1, kTooLarge, ENOMEM);
+  refuse_system_call(SYS_mremap, 2, kTooLarge, ENOMEM);
+  refuse_system_call(SYS_brk, 0, 1, 0);  // which fails by what it returns
+  Server server;
+  NotifyPeer web;
+  NotifyPeer cms;
+  web.send(registration(kWeb));
+  EXPECT_TRUE(server.wait_for("module 26"));
+
+  {
+    std::list<NotifyPeer> many(kFirstRefused);
+    EXPECT_TRUE(server.wait_for("a connection is refused: epoll_ctl: No space left on device"));
+    EXPECT_EQ(UINT32_MAX, many.back().receive().head.msg_type);
+  }
+  // No memory for the whole message.
+  cms.send(large);
+  cms.send(message(kType, kWeb, "still there"));
+  EXPECT_EQ("still there", web.receive().data);
+  EXPECT_THAT(server.statistics_at_end(), HasSubstr("refused 1"));
+}
+#endif
 
 }  // namespace
