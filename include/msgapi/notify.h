@@ -104,7 +104,8 @@ MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_Init(uint32_t moduleId);
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_InitByName(const char *name);
 
 /* Closes the connection and forgets everything: module id, sequence number, procedures, messages
- * that were put aside. Only the count of sends that failed in a row lives on. */
+ * that were put aside. Only the count of sends that failed in a row lives on. The client's own
+ * socket is removed from the file system by the process that made it, here or in exit(). */
 MSGAPI_EXPORT void ORP_NOTIFYCLT_Destroy(void);
 
 /*

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -58,6 +59,8 @@ struct Client {
 };
 
 constinit Client g_client;
+// The process that bound a client socket; its path is removed by no other, such as a child of it.
+constinit pid_t g_bound_by = 0;
 constinit std::atomic<uint32_t> g_sequence{0};
 
 uint32_t next_sequence() {
@@ -183,6 +186,19 @@ void deliver_put_aside(OrpUvIdle *idle) {
 
 // ---- The connection ----
 
+// False when the path does not fit, which is then empty.
+bool make_client_path(pid_t pid, char (&path)[sizeof(sockaddr_un::sun_path)]) {
+  return format_exact(path, ORP_NOTIFYCLT_CLIENT_PATH, static_cast<int>(pid));
+}
+
+void remove_client_path() {
+  const int saved_errno = errno;
+  char path[sizeof(sockaddr_un::sun_path)];
+  if (g_bound_by == ::getpid() && make_client_path(g_bound_by, path)) ::unlink(path);
+  g_bound_by = 0;
+  errno = saved_errno;
+}
+
 void close_connection() {
   const int fd = std::exchange(g_client.fd, -1);
   auto *watcher = reinterpret_cast<OrpUvIo *>(g_client.sock_base);
@@ -197,6 +213,7 @@ void close_connection() {
 
 void destroy_client() {
   close_connection();
+  remove_client_path();
   list_delete_all(g_client.entries);
   list_delete_all(g_client.put_aside);
   g_client = Client{};  // the idle watcher notices and stops
@@ -226,7 +243,7 @@ uint32_t post_values(uint32_t des_id, uint32_t msg_type, uint32_t value1, uint32
 uint32_t bind_client_socket(int fd) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (!format_exact(address.sun_path, ORP_NOTIFYCLT_CLIENT_PATH, static_cast<int>(::getpid()))) {
+  if (!make_client_path(::getpid(), address.sun_path)) {
     std::printf("file %s, line %d: snprintf_s failed, err = %d\n", "ORP_NOTIFYCLT_Init", __LINE__,
                 -1);
     return UINT32_MAX;
@@ -236,6 +253,10 @@ uint32_t bind_client_socket(int fd) {
   if (::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     return ORP_NOTIFYCLT_ERR_SOCKET;
   }
+  // Also for a process that ends without ORP_NOTIFYCLT_Destroy.
+  static constinit bool removed_at_exit = false;
+  if (!removed_at_exit) removed_at_exit = std::atexit(remove_client_path) == 0;
+  g_bound_by = ::getpid();
   (void)ORP_UTIL_RemoveAndroidWPerm(address.sun_path, kSocketMode, kSocketMode);
   return ORP_NOTIFYCLT_OK;
 }

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -143,6 +145,16 @@ std::string output_of(Call call) {
   return testing::internal::GetCapturedStdout();
 }
 
+std::string path_of(pid_t process) {
+  char path[40];
+  std::snprintf(path, sizeof path, "/var/run/notify/client%05d", process);
+  return path;
+}
+
+bool exists(const std::string &path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
 class NotifyClient : public testing::Test {
  protected:
   void connect() {
@@ -186,14 +198,33 @@ TEST_F(NotifyClient, RegistersItsModuleAndPostsItems) {
                  server_.receive());
   expect_message({{kType, 3, kOwnId, kOther, 0, 1, 1, 0, 1, 0, 0, 1}, "x"}, server_.receive());
 
-  char path[40];
-  std::snprintf(path, sizeof path, "/var/run/notify/client%05d", ::getpid());
   struct stat info {};
-  ASSERT_EQ(0, ::stat(path, &info));
+  ASSERT_EQ(0, ::stat(path_of(::getpid()).c_str(), &info));
   EXPECT_EQ(mode_t{S_IFSOCK | 0775}, info.st_mode);
 
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(9));
   EXPECT_FALSE(server_.somebody_connects());
+}
+
+TEST_F(NotifyClient, RemovesItsSocketWhenItDisconnectsOrExits) {
+  connect();
+  // A child has the parent's connection, too, but not its socket's name.
+  for (const bool destroys : {true, false}) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (destroys) ORP_NOTIFYCLT_Destroy();
+      if (destroys) ORP_NOTIFYCLT_Init(kOwnId);
+      std::exit(exists(path_of(::getpid())) == destroys ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, ::waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_FALSE(exists(path_of(child)));
+    EXPECT_TRUE(exists(path_of(::getpid())));
+  }
+
+  ORP_NOTIFYCLT_Destroy();
+  EXPECT_FALSE(exists(path_of(::getpid())));
 }
 
 TEST_F(NotifyClient, ConnectsOnlyForModulesThatThereAre) {
