@@ -6,6 +6,10 @@
  * client name (one module, or the statistics requests of one process) share one socket path and may
  * unlink each other's socket. No call of the log client blocks for longer than 2 seconds. Failures
  * are also reported on standard output in lines that begin with "[MLOG][ERROR][<source line>]: ".
+ *
+ * A line that the log server does not get goes to standard error instead,
+ * "mlog: [<uptime in ms>][<module>][<level name>]:<text>" with control characters shown as "?". Why
+ * is said there at most once a minute.
  */
 #ifndef MSGAPI_LOG_H
 #define MSGAPI_LOG_H
@@ -69,8 +73,9 @@ MSGAPI_EXPORT uint32_t MlogGetLogLevel(const char *name);
  * levels 0 and 1 are also printed on standard output. Does nothing for a null `module` or `format`.
  * errno is kept.
  *
- * The client's socket is named after the module: a name that holds "/", that is the server's own or
- * that does not fit a socket address cannot be logged under.
+ * The client's socket is named after the module: a name that holds "/", that is or begins like one
+ * of the server's own files ("mlogServer", "mlogcfg") or that does not fit a socket address cannot
+ * be logged under.
  */
 MSGAPI_EXPORT void MlogPrint(const char *module, uint32_t level, const char *format, ...)
     MSGAPI_PRINTF(3, 4);
@@ -113,28 +118,32 @@ MSGAPI_EXPORT int32_t MlogUseSharePartion(void);
 
 /*
  * Opens the client socket "/var/mlog/<name>", replacing a file of that name; creates the directory
- * with mode 0770 when it is missing and gives the socket file mode 0660. The descriptor in *fdOut
- * is closed with MlogSocketClose().
+ * with mode 0770, whatever the umask, when it is missing and gives the socket file mode 0660. The
+ * descriptor in *fdOut is closed with MlogSocketClose().
  *
- * Returns 0, or MLOG_ERR_SOCKET with *fdOut -1: null argument, a name that holds "/" or is the
- * server's own or does not fit, or a system call that failed.
+ * Returns 0, or MLOG_ERR_SOCKET with *fdOut -1: null argument, a name that holds "/", that is or
+ * begins like one of the server's own files ("mlogServer", "mlogcfg") or that does not fit, or a
+ * system call that failed.
  */
 MSGAPI_EXPORT int32_t MlogSocketOpen(const char *name, int32_t *fdOut);
 
 /*
  * Closes `fd` when it is not negative and removes the socket file "/var/mlog/<name>".
  *
- * Returns 0, also when there is no such file, or MLOG_ERR_SOCKET when `name` is null or longer than
- * 117 characters; the descriptor is closed all the same.
+ * Returns 0, also when there is no such file, or MLOG_ERR_SOCKET when `name` is null, longer than
+ * 117 characters or one that MlogSocketOpen() refuses by its text; the descriptor is closed all the
+ * same.
  */
 MSGAPI_EXPORT int32_t MlogSocketClose(int32_t fd, const char *name);
 
 /*
  * Sends 8 + length bytes of `msg` to the socket `serverName`, a name in "/var/mlog/" or a path that
- * begins with it. While the receiver's queue is full the call waits, up to 2 seconds in all.
+ * begins with it. While the receiver's queue is full the call waits, up to 2 seconds in all. The
+ * length has no limit of its own: above 1016 the caller's block is larger than an MlogMsg, and no
+ * receiver of this library takes it.
  *
- * Returns 0, or MLOG_ERR_SOCKET: negative `fd`, null argument, a length above 1016, a name that
- * does not fit, or a send that failed.
+ * Returns 0, or MLOG_ERR_SOCKET: negative `fd`, null argument, a name that does not fit, or a send
+ * that failed.
  */
 MSGAPI_EXPORT int32_t MlogSendMsg(int32_t fd, const MlogMsg *msg, const char *serverName);
 

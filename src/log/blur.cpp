@@ -12,6 +12,7 @@
 
 #include "base/text.h"
 #include "log/blur_patterns.h"
+#include "log/copy_failure.h"
 #include "msgapi/blur.h"
 #include "os/file.h"
 #include "util/mac/mac_text.h"
@@ -144,7 +145,11 @@ char g_value[260];
 
 const char *blur_value(const char *text, uint32_t rows) {
   // What does not fit is not shown at all rather than shown in part.
-  if (text == nullptr || !copy_exact(g_value, text)) return "";
+  if (text == nullptr) return "";
+  if (!copy_exact(g_value, text)) {
+    log::print_copy_failure("snprintf_s", -1);
+    return "";
+  }
   apply_rows(rows, {g_value, std::strlen(g_value)});
   return g_value;
 }

@@ -1,11 +1,13 @@
 // Module log client: formats log lines and requests and exchanges them with the log server.
 //
-// A socket is opened for every line and closed behind it. There is no connection to lose, no queue
-// to overflow and no state between calls, so a log call works in any thread at any time.
+// A socket is opened for every line and closed after it. There is no connection to lose, no queue
+// to overflow and no state between calls but the time of the last complaint, so a log call works in
+// any thread at any time. A line that cannot be sent goes to standard error.
 
 #include <strings.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -14,6 +16,7 @@
 #include <cstring>
 
 #include "base/text.h"
+#include "log/copy_failure.h"
 #include "log/transport.h"
 #include "msgapi/log.h"
 #include "os/clock.h"
@@ -24,6 +27,7 @@ namespace {
 
 constexpr size_t kTextSize = 256;
 constexpr char kShareTag[] = "[SHARE]";
+constexpr uint32_t kComplaintEvery_s = 60;
 
 struct LevelName {
   const char *name;
@@ -60,10 +64,52 @@ int64_t uptime_ms() {
   return int64_t{now.seconds} * 1000 + now.nanoseconds / 1000000;
 }
 
+// Writes one line to standard error. The text may come from anywhere and must neither begin
+// another line nor drive a terminal.
+void print_error_line(std::span<char> line) {
+  const size_t length = std::strlen(line.data());
+  for (char &c : line.first(length)) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  }
+  std::fprintf(stderr, "%s\n", line.data());
+}
+
+// Prints a line that the log server does not get, and at most once a minute the reason with it:
+// what it is about (null: the module's name as a whole) and errno.
+void print_lost_line(const char *module, uint32_t level, const char *text, const char *path) {
+  // Of the boot-time clock, so 0 only in a process that has never complained.
+  static std::atomic<uint32_t> last_complaint_s{0};
+  const int reason = errno;
+  const int64_t now_ms = uptime_ms();
+
+  char line[512];
+  const auto now_s = static_cast<uint32_t>(now_ms / 1000) + 1;
+  uint32_t last_s = last_complaint_s.load(std::memory_order_relaxed);
+  if ((last_s == 0 || now_s - last_s >= kComplaintEvery_s) &&
+      last_complaint_s.compare_exchange_strong(last_s, now_s, std::memory_order_relaxed)) {
+    errno = reason;
+    if (path != nullptr) {
+      format_cut(line, "mlog: %s: %m; log lines are printed here until the log server takes them",
+                 path);
+    } else {
+      format_cut(line, "mlog: nothing can be logged as module %s: %m; its lines are printed here",
+                 module);
+    }
+    print_error_line(line);
+  }
+
+  const size_t length = std::strlen(text);
+  const bool ends_line = length > 0 && text[length - 1] == '\n';
+  format_cut(line, "mlog: [%011lld][%s][%s]:%.*s", static_cast<long long>(now_ms), module,
+             level_name(level), static_cast<int>(length - (ends_line ? 1 : 0)), text);
+  print_error_line(line);
+}
+
 // Fills the message with one line of `text`, its line feed and its NUL.
 bool build_line(MlogMsg *message, const char *module, uint32_t level, const char *text) {
   if (!format_exact(message->payload, "[%011lld][%s][%s]:%s", static_cast<long long>(uptime_ms()),
                     module, level_name(level), text)) {
+    print_copy_failure("snprintf_s", -1);
     std::printf("[MLOG][ERROR][%d]: generate log buffer failed\n", __LINE__);
     return false;
   }
@@ -78,29 +124,57 @@ bool build_line(MlogMsg *message, const char *module, uint32_t level, const char
   return true;
 }
 
+// A text that does not fit comes back cut, and as false.
+__attribute__((format(printf, 2, 0))) bool format_text(std::span<char> out, const char *format,
+                                                       va_list arguments) {
+  const int callers_errno = errno;  // for %m
+  va_list again;
+  va_copy(again, arguments);
+  const bool fits = vformat_exact(out, format, arguments);
+  if (!fits) {
+    print_copy_failure("vsnprintf_s", -1);
+    errno = callers_errno;
+    vformat_cut(out, format, again);
+    errno = EMSGSIZE;
+  }
+  va_end(again);
+  return fits;
+}
+
 __attribute__((format(printf, 3, 0))) void print_line(const char *module, uint32_t level,
                                                       const char *format, va_list arguments) {
   const int callers_errno = errno;
   const ClientSocket socket(module);
+  const int socket_errno = errno;
   if (!socket) {
     std::printf("[MLOG][ERROR][%d]: open socket for module %s failed\n", __LINE__, module);
-    return;
   }
 
   char text[kTextSize];
-  errno = callers_errno;  // for %m
-  if (!vformat_exact(text, format, arguments)) {
+  errno = callers_errno;
+  const bool fits = format_text(text, format, arguments);
+  if (!socket) {
+    errno = socket_errno;
+    print_lost_line(module, level, text, nullptr);
+    return;
+  }
+  if (!fits) {
     std::printf("[MLOG][ERROR][%d]: get print log buffer for module %s failed\n", __LINE__, module);
+    print_lost_line(module, level, text, "text of a log call");
     return;
   }
 
   MlogMsg message{};
   if (!build_line(&message, module, level, text)) {
     std::printf("[MLOG][ERROR][%d]: build message buffer of module %s failed\n", __LINE__, module);
+    print_lost_line(module, level, text, "text of a log call");
     return;
   }
   if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != 0) {
+    const int reason = errno;
     std::printf("[MLOG][ERROR][%d]: mlog send message failed\n", __LINE__);
+    errno = reason;
+    print_lost_line(module, level, text, MLOG_IPC_PATH MLOG_SERVER_NAME);
   }
   if (level < MLOG_LEVEL_ERROR) {
     std::printf("[MLOG][INFO][%d]: mlog message buffer: %s\n", __LINE__, message.payload);
@@ -135,10 +209,17 @@ __attribute__((format(printf, 4, 0))) void print_cut_line(bool wanted, const cha
 struct RequestName {
   explicit RequestName(const char *word) {
     valid = format_exact(text, "%s_%d", word, static_cast<int>(::getpid()));
+    if (!valid) print_copy_failure("snprintf_s", -1);
   }
   char text[16];
   bool valid;
 };
+
+bool copy_field(std::span<char> out, std::string_view text) {
+  const bool fits = copy_exact(out, text);
+  if (!fits) print_copy_failure("memcpy_s", ERANGE);
+  return fits;
+}
 
 int32_t set_statistics(const char *module, const char *info) {
   const RequestName name("STAT");
@@ -148,7 +229,7 @@ int32_t set_statistics(const char *module, const char *info) {
 
   MlogMsg message{.type = MLOG_TYPE_SET_STAT, .length = sizeof(MlogStat), .payload = {}};
   MlogStat fields{};
-  if (!copy_exact(fields.module, module) || !copy_exact(fields.info, info)) return MLOG_ERR;
+  if (!copy_field(fields.module, module) || !copy_field(fields.info, info)) return MLOG_ERR;
   std::memcpy(message.payload, &fields, sizeof fields);
 
   if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != 0) {
@@ -167,7 +248,7 @@ int32_t get_statistics(const char *module, std::span<char> out) {
     const ClientSocket socket(name.text);
     if (!socket) return MLOG_ERR_SOCKET;
 
-    if (!copy_exact(fields.module, module)) return MLOG_ERR;
+    if (!copy_field(fields.module, module)) return MLOG_ERR;
     std::memcpy(message.payload, &fields, sizeof fields);
     if (exchange_in_time(socket.fd(), &message) != 0) {
       std::printf("[MLOG][ERROR][%d]: mlog send and receive message error\n", __LINE__);
@@ -177,7 +258,7 @@ int32_t get_statistics(const char *module, std::span<char> out) {
 
   // A shorter answer leaves the zeroes of the request in place.
   std::memcpy(&fields, message.payload, sizeof fields);
-  return copy_exact(out, field_text(fields.info)) ? 0 : MLOG_ERR;
+  return copy_field(out, field_text(fields.info)) ? 0 : MLOG_ERR;
 }
 
 int32_t flush() {
@@ -205,7 +286,8 @@ bool uses_share_partition() {
   while (std::fgets(line, sizeof line, file.get()) != nullptr) {
     if (::strncasecmp(line, kShareTag, kTagLength) != 0) continue;
     const char *value = std::strchr(line + kTagLength, '=');
-    return value != nullptr && std::strtol(value + 1, nullptr, 10) != 0;
+    // As atoi() reads: only what fits an int counts.
+    return value != nullptr && static_cast<int>(std::strtol(value + 1, nullptr, 10)) != 0;
   }
   return false;
 }

@@ -23,13 +23,16 @@
 #include "base/bytes.h"
 #include "base/memory.h"
 #include "base/text.h"
+#include "log/copy_failure.h"
 #include "os/clock.h"
 
 namespace msgapi::log {
 namespace {
 
+constexpr char kConfigName[] = "mlogcfg";
 constexpr int64_t kMaxWait_ms = 2000;
 constexpr uint32_t kMaxReceiveWait_s = 30;
+constexpr mode_t kDirectoryMode = 0770;
 constexpr int kNetlinkProtocol = 28;
 constexpr uint16_t kNetlinkType = 3;
 
@@ -44,16 +47,20 @@ int64_t now_ms() {
   return int64_t{now.seconds} * 1000 + now.nanoseconds / 1000000;
 }
 
-// A client's name is one file in the IPC directory, and never the server's.
+// A client's name is one file in the IPC directory, and never one of the server's: its socket, what
+// it keeps beside it ("mlogServer.inbox" and the like) or the configuration.
 bool may_name_client(std::string_view name) {
-  return name.find('/') == std::string_view::npos && name != MLOG_SERVER_NAME;
+  return name.find('/') == std::string_view::npos && !begins_with(name, MLOG_SERVER_NAME) &&
+         !begins_with(name, kConfigName);
 }
 
 bool make_address(const char *name, sockaddr_un *out) {
   *out = {};
   out->sun_family = AF_UNIX;
-  if (begins_with(name, MLOG_IPC_PATH)) return copy_exact(out->sun_path, name);
-  return format_exact(out->sun_path, "%s%s", MLOG_IPC_PATH, name);
+  const char *directory = begins_with(name, MLOG_IPC_PATH) ? "" : MLOG_IPC_PATH;
+  if (format_exact(out->sun_path, "%s%s", directory, name)) return true;
+  print_copy_failure("snprintf_s", -1);
+  return false;
 }
 
 void set_time_limit(int fd, int option, int64_t limit_ms) {
@@ -63,16 +70,27 @@ void set_time_limit(int fd, int option, int64_t limit_ms) {
 }
 
 os::UniqueFd open_client(const char *name) {
-  if (!may_name_client(name)) return {};
-  if (::mkdir(MLOG_IPC_PATH, 0770) != 0 && errno != EEXIST) {
+  if (!may_name_client(name)) {
+    errno = EINVAL;
+    return {};
+  }
+  if (::mkdir(MLOG_IPC_PATH, kDirectoryMode) == 0) {
+    // Not less than that by the caller's umask: other users' programs log, too.
+    ::chmod(MLOG_IPC_PATH, kDirectoryMode);
+  } else if (errno != EEXIST) {
     std::printf("[MLOG][ERROR][%d]: create mlog ipc path failed\n", __LINE__);
     return {};
   }
 
   os::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd) return {};
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (!fd || !format_exact(address.sun_path, "%s%s", MLOG_IPC_PATH, name)) return {};
+  if (!format_exact(address.sun_path, "%s%s", MLOG_IPC_PATH, name)) {
+    print_copy_failure("snprintf_s", -1);
+    errno = ENAMETOOLONG;
+    return {};
+  }
 
   ::unlink(address.sun_path);
   if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
@@ -85,8 +103,12 @@ os::UniqueFd open_client(const char *name) {
 }
 
 bool remove_client_file(const char *name) {
+  if (!may_name_client(name)) return false;
   char path[128];
-  if (!format_exact(path, "%s%s", MLOG_IPC_PATH, name)) return false;
+  if (!format_exact(path, "%s%s", MLOG_IPC_PATH, name)) {
+    print_copy_failure("snprintf_s", -1);
+    return false;
+  }
   ::unlink(path);
   return true;
 }
@@ -120,7 +142,10 @@ int32_t receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<
     // The path may fill sun_path to its last byte and then has no NUL.
     constexpr size_t kPathStart = offsetof(sockaddr_un, sun_path);
     const size_t path_size = std::clamp<size_t>(peer_size, kPathStart, sizeof peer) - kPathStart;
-    if (!copy_exact(peer_name, field_text({peer.sun_path, path_size}))) return MLOG_ERR_SOCKET;
+    if (!copy_exact(peer_name, field_text({peer.sun_path, path_size}))) {
+      print_copy_failure("memcpy_s", ERANGE);
+      return MLOG_ERR_SOCKET;
+    }
   }
   return size >= ssize_t{MLOG_HEAD_SIZE} &&
                  message->length == static_cast<size_t>(size) - MLOG_HEAD_SIZE
@@ -185,6 +210,7 @@ int32_t receive_netlink(int fd, void *out, uint32_t out_size) {
   if (head.nlmsg_len <= sizeof head) return MLOG_ERR_NETLINK;
   const size_t payload_size = head.nlmsg_len - sizeof head;
   if (head.nlmsg_len > static_cast<size_t>(size) || payload_size > out_size) {
+    print_copy_failure("memcpy_s", ERANGE);
     std::printf("[MLOG][ERROR][%d]: copy receive netlink message failed\n", __LINE__);
     return MLOG_ERR_NETLINK;
   }
@@ -205,16 +231,23 @@ ClientSocket::~ClientSocket() {
 }
 
 int32_t send_message(int fd, const MlogMsg *message, const char *server) {
+  // The block is the caller's, so its length is, too; the socket's buffer is the only limit.
   sockaddr_un address;
-  if (message->length > MLOG_MAX_PAYLOAD || !make_address(server, &address)) {
+  size_t size;
+  if (__builtin_add_overflow(message->length, size_t{MLOG_HEAD_SIZE}, &size)) {
+    errno = EMSGSIZE;
+    return MLOG_ERR_SOCKET;
+  }
+  if (!make_address(server, &address)) {
+    errno = ENAMETOOLONG;
     return MLOG_ERR_SOCKET;
   }
 
   int64_t deadline_ms = 0;
   int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
   for (;;) {
-    if (::sendto(fd, message, MLOG_HEAD_SIZE + message->length, flags,
-                 reinterpret_cast<const sockaddr *>(&address), sizeof address) >= 0) {
+    if (::sendto(fd, message, size, flags, reinterpret_cast<const sockaddr *>(&address),
+                 sizeof address) >= 0) {
       return 0;
     }
     if (errno != EINTR && errno != EAGAIN) return MLOG_ERR_SOCKET;
@@ -226,7 +259,10 @@ int32_t send_message(int fd, const MlogMsg *message, const char *server) {
       // The descriptor is non-blocking, so the limit below does not apply to it.
       ::poll(nullptr, 0, 5);
     }
-    if (now >= deadline_ms) return MLOG_ERR_SOCKET;
+    if (now >= deadline_ms) {
+      errno = EAGAIN;
+      return MLOG_ERR_SOCKET;
+    }
     set_time_limit(fd, SO_SNDTIMEO, deadline_ms - now);
     flags = MSG_NOSIGNAL;
   }

@@ -9,7 +9,8 @@
 
 namespace msgapi::log {
 
-// A client socket bound in the IPC directory, which removes its file when it goes. errno is kept.
+// A client socket bound in the IPC directory, which removes its file when it goes, without touching
+// errno. errno says why there is none.
 class ClientSocket {
  public:
   explicit ClientSocket(const char *name);
@@ -25,7 +26,7 @@ class ClientSocket {
   os::UniqueFd fd_;
 };
 
-// Both give 0 or MLOG_ERR_SOCKET. What MlogSendMsg() promises:
+// Both give 0 or MLOG_ERR_SOCKET. What MlogSendMsg() promises, with errno after a failure:
 int32_t send_message(int fd, const MlogMsg *message, const char *server);
 // Sends a request to the log server and receives the reply into the same block, within 2 seconds in
 // all.

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "log/fake_server.h"
+#include "msgapi/blur.h"
 #include "msgapi/log.h"
 #include "support/fd_check.h"
 
@@ -98,6 +99,71 @@ TEST(MlogPrint, SaysWhatFailed) {
               MlogPrint(nullptr, 8, "x");
               MlogPrint("wan", 8, nullptr);
             }));
+}
+
+// What `call` prints as errors.
+template <typename Call>
+std::string errors_of(Call call) {
+  testing::internal::CaptureStderr();
+  output_of(call);
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(MlogPrint, PrintsWhatTheServerDoesNotGetAndTheReasonOnceAMinute) {
+  EXPECT_THAT(errors_of([] {
+                MlogPrint("wan", 8, "one\n");
+                mlog_print("wan", 2, "two\n[1][x][FATL]:\x1b[2J");
+                MlogPrint("a/b", 8, "three");
+              }),
+              MatchesRegex("mlog: /var/mlog/mlogServer: No such file or directory; log lines are "
+                           "printed here until the log server takes them\n"
+                           "mlog: \\[[0-9]{11}\\]\\[wan\\]\\[INFO\\]:one\n"
+                           "mlog: .*\\[ERRO\\]:two\\?\\[1\\]\\[x\\]\\[FATL\\]:\\?\\[2J\n"
+                           "mlog: .*\\[a/b\\]\\[INFO\\]:three\n"));
+}
+
+TEST(MlogPrint, PrintsTheBeginningOfATextThatIsTooLong) {
+  FakeServer server;
+  const std::string errors =
+      errors_of([] { MlogPrint("wan", 8, "%s", std::string(300, 'x').c_str()); });
+
+  EXPECT_THAT(errors, MatchesRegex("mlog: text of a log call: Message too long; .*\n"
+                                   "mlog: .*\\[wan\\]\\[INFO\\]:x+\n"));
+  EXPECT_EQ(255, std::count(errors.end() - 260, errors.end(), 'x'));
+  EXPECT_EQ("", errors_of([] { MlogPrint("wan", 8, "taken"); }));
+}
+
+TEST(MlogPrint, LeavesTheServersOwnFilesAlone) {
+  FakeServer server;
+  const char *const names[] = {"mlogServer", "mlogServer.inbox", "mlogcfg", "mlogcfg.new"};
+  for (const char *name : names) std::ofstream(std::string(MLOG_IPC_PATH) + name) << "kept";
+
+  for (const char *name : names) {
+    mlog_print(name, 8, "x");
+    int32_t fd = -1;
+    EXPECT_EQ(-2, MlogSocketOpen(name, &fd));
+    EXPECT_EQ(-2, MlogSocketClose(-1, name));
+    EXPECT_EQ(0, ::access((std::string(MLOG_IPC_PATH) + name).c_str(), F_OK)) << name;
+  }
+  mlog_print("mlogs", 8, "x");
+  EXPECT_THAT(server.line(), EndsWith("[mlogs][INFO]:x\n"));
+}
+
+TEST(BoundedCopies, SayWhereTheyFailed) {
+  const std::string too_long(300, 'x');
+  char text[8];
+  const std::string report = "file .*log/[a-z]+\\.cpp, line [0-9]+: ";
+  EXPECT_THAT(output_of([&] { MlogSetStatInfo(too_long.c_str(), "x"); }),
+              MatchesRegex(report + "memcpy_s failed, err = 34\n"));
+  EXPECT_THAT(output_of([&] { MlogGetStatInfo(too_long.c_str(), text, sizeof text); }),
+              MatchesRegex(report + "memcpy_s failed, err = 34\n"));
+  EXPECT_THAT(output_of([&] { MlogSocketClose(-1, too_long.c_str()); }),
+              MatchesRegex(report + "snprintf_s failed, err = -1\n"));
+  EXPECT_THAT(output_of([&] { ORP_BLUR_Ip(too_long.c_str()); }),
+              MatchesRegex(report + "snprintf_s failed, err = -1\n"));
+  FakeServer server;
+  EXPECT_THAT(output_of([&] { MlogPrint("wan", 8, "%s", too_long.c_str()); }),
+              MatchesRegex(report + "vsnprintf_s failed, err = -1\n.*wan failed\n"));
 }
 
 TEST(MlogPrint, ShowsAndKeepsTheCallersErrno) {
@@ -213,9 +279,11 @@ TEST(UseSharePartition, ReadsTheFirstShareLine) {
   EXPECT_EQ(0, MlogUseSharePartion());  // no file
 
   const std::pair<const char *, int32_t> cases[] = {
-      {"[share] x=0\n", 0},        {"[SHARE]=2", 1},    {"a=1\n[Share] on = 1\n", 1},
-      {"[SHARE]\n[SHARE]=1\n", 0}, {" [SHARE]=1\n", 0}, {"[SHARE]=-1\n", 1},
-      {"[SHARE]=yes\n", 0}};
+      {"[share] x=0\n", 0},         {"[SHARE]=2", 1},
+      {"a=1\n[Share] on = 1\n", 1}, {"[SHARE]\n[SHARE]=1\n", 0},
+      {" [SHARE]=1\n", 0},          {"[SHARE]=-1\n", 1},
+      {"[SHARE]=yes\n", 0},         {"[SHARE]=4294967296\n", 0},
+      {"[SHARE]=4294967297\n", 1}};
   ::mkdir(MLOG_IPC_PATH, 0770);
   for (const auto &[content, uses] : cases) {
     std::ofstream("/var/mlog/mlogcfg") << content;
