@@ -21,8 +21,7 @@ namespace mlogserver {
 class Inbox {
  public:
   static constexpr size_t kSlots = 64;
-  // Room for the longest message and for the line feed that a line may lack. A datagram that fills
-  // it was too long.
+  // Room for the longest message and one byte more: a datagram that fills it was too long.
   static constexpr size_t kSlotSize = sizeof(MlogMsg) + 1;
 
   // Without the file (no room, no right) the inbox is private memory, and says so.
@@ -36,7 +35,7 @@ class Inbox {
   // are none.
   size_t receive(int fd);
 
-  // The datagram in a slot, empty when there is none or it is done. Its slot may be written to.
+  // The datagram in a slot, empty when there is none or it is done.
   std::span<char> datagram(size_t slot);
   const sockaddr_un &sender(size_t slot, socklen_t *size) const;
   void mark_done(size_t slot);

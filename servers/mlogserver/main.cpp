@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "common/log_line.h"
 #include "config.h"
 #include "ring_store.h"
+#include "say.h"
 #include "server.h"
 
 namespace {
@@ -38,20 +40,26 @@ Config load_config(const Options &options) {
   return config;
 }
 
-void reload(const Options &options, RingStore *store) {
+// Does what a signal asks for; when that fails, the server says so and goes on.
+template <typename Function>
+void attempt(Function function) noexcept {
   try {
-    store->reconfigure(load_config(options));
-    servers::log_line("configuration read, files are in {}", store->directory());
+    function();
   } catch (const std::exception &error) {
-    servers::log_line("{}; going on as before", error.what());
+    say("{}; going on as before", error.what());
   }
+}
+
+void reload(const Options &options, RingStore *store) {
+  store->reconfigure(load_config(options));
+  servers::log_line("configuration read, files are in {}", store->directory());
 }
 
 void print_counters(const Server &server, const RingStore &store) {
   const Counters &counters = server.counters();
-  servers::log_line("lines {} requests {} malformed {} unanswered {} refused {}", counters.lines,
-                    counters.requests, counters.malformed, counters.unanswered,
-                    counters.stats_refused);
+  servers::log_line("lines {} requests {} malformed {} unanswered {} refused {} given up {}",
+                    counters.lines, counters.requests, counters.malformed, counters.unanswered,
+                    counters.stats_refused, counters.given_up + store.given_up());
   for (const auto &[module, count] : store.counters()) {
     servers::log_line("module {}: kept {} below level {} lost {}", module, count.kept,
                       count.below_level, count.lost);
@@ -66,9 +74,9 @@ void run(const Options &options) {
   loop.add(server.fd(), EPOLLIN, &server);
   loop.on_signal(SIGHUP, [&] {
     server.drain();  // what was sent before the signal is kept as it was then
-    reload(options, &store);
+    attempt([&] { reload(options, &store); });
   });
-  loop.on_signal(SIGUSR1, [&] { print_counters(server, store); });
+  loop.on_signal(SIGUSR1, [&] { attempt([&] { print_counters(server, store); }); });
   for (const int signal : {SIGTERM, SIGINT}) loop.on_signal(signal, [&] { loop.stop(); });
   servers::log_line("ready, files are in {}", store.directory());
   loop.run();
@@ -76,7 +84,7 @@ void run(const Options &options) {
   // What the socket has accepted is kept.
   server.drain();
   store.sync();
-  print_counters(server, store);
+  attempt([&] { print_counters(server, store); });
 }
 
 }  // namespace
@@ -92,6 +100,7 @@ int main(int argc, char **argv) try {
 
   servers::set_log_name("mlogserver");
   ::umask(0027);
+  std::signal(SIGPIPE, SIG_IGN);  // whoever read standard error may be gone
   run(options);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {

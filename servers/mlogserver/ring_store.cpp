@@ -1,6 +1,7 @@
 // A failure to write is reported once, a full disk once for all files. Nothing is tried for a
 // second then, and on a full disk not before there is room again. What is lost meanwhile is
-// counted, and each module's file gets a line that says how many of its lines are missing.
+// counted, and each module's file gets a line that says how many of its lines are missing. What a
+// failed write has changed in the file is put back, so that no torn line and no hole stays.
 
 #include "ring_store.h"
 
@@ -11,13 +12,16 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <utility>
 
-#include "common/log_line.h"
 #include "common/unique_fd.h"
 #include "line.h"
+#include "say.h"
 
 namespace mlogserver {
 namespace {
@@ -43,9 +47,18 @@ RingStore::RingStore(Config config) {
 }
 
 void RingStore::reconfigure(Config config) {
-  rings_.clear();
+  std::string directory = MlogUseSharePartion() != 0 ? config.share_directory : config.directory;
+  std::map<std::string, Ring> rings;
+  for (const auto &[module, ring] : rings_) {
+    if (ring.lost == 0) continue;
+    const bool has_file = config.modules.empty() || config.modules.count(module) > 0;
+    rings[has_file ? module : kOther].lost += ring.lost;
+  }
+
+  complete_ = sync_files() && complete_;
+  rings_ = std::move(rings);
   config_ = std::move(config);
-  directory_ = MlogUseSharePartion() != 0 ? config_.share_directory : config_.directory;
+  directory_ = std::move(directory);
   disk_full_ = {};
 }
 
@@ -56,17 +69,30 @@ std::string RingStore::file_name_of(std::string_view module) {
   return fits ? name : kOther;
 }
 
-void RingStore::append(std::span<char> line) {
+void RingStore::append(std::span<char> line) noexcept {
+  try {
+    append_line(line);
+    giving_up_ = false;
+  } catch (const std::exception &error) {
+    ++given_up_;
+    complete_ = false;
+    if (!std::exchange(giving_up_, true)) say("lines are given up: no memory");
+  }
+}
+
+void RingStore::append_line(std::span<char> line) {
   LineHead head{};
   const bool parsed = parse_line_head({line.data(), line.size()}, &head);
-  const std::string module = parsed ? file_name_of(head.module) : kOther;
-  ModuleCounters &counters = counters_[module];
   // The levels are bits, the more important the lower; "NONE" is 0.
   if (parsed && head.level > config_.limits_of(std::string(head.module)).level) {
-    ++counters.below_level;
+    // Only what has a file is counted by its name: names are anybody's to invent.
+    std::string module(head.module);
+    ++counters_[rings_.count(module) > 0 ? module : kOther].below_level;
     return;
   }
 
+  const std::string module = parsed ? file_name_of(head.module) : kOther;
+  ModuleCounters &counters = counters_[module];
   Ring &ring = rings_[module];
   const auto may_try = [](const Outage &outage) {
     return !outage.active || steady_clock::now() >= outage.next_attempt;
@@ -87,9 +113,13 @@ void RingStore::append(std::span<char> line) {
   }
 }
 
-bool RingStore::sync() {
-  bool synced = complete_;
-  complete_ = true;
+bool RingStore::sync() noexcept {
+  const bool complete = std::exchange(complete_, true);
+  return sync_files() && complete;
+}
+
+bool RingStore::sync_files() noexcept {
+  bool synced = true;
   for (auto &[module, ring] : rings_) {
     if (!ring.dirty || ring.file == nullptr) continue;
     synced = ::fsync(::fileno(ring.file->stream)) == 0 && synced;
@@ -114,28 +144,75 @@ bool RingStore::open(const std::string &module, Ring *ring) {
     report_failure(ring);
     return false;
   }
-  ::fchmod(::fileno(ring->file->stream), 0640);
+  const int fd = ::fileno(ring->file->stream);
+  struct stat status {};
+  if (::fstat(fd, &status) != 0) {
+    report_failure(ring);
+    ring->file.reset();
+    return false;
+  }
+  ring->size = static_cast<size_t>(status.st_size);
+  ::fchmod(fd, 0640);
   new_files_ = true;
   return true;
 }
 
 bool RingStore::write(Ring *ring, std::span<char> line) {
+  const Before before = remember(*ring, line.size());
   MlogFile &file = *ring->file;
   MlogTarget target{ring->max_size, &file};
-  // The header has three digits for the count of overturns: behind 999 it goes on with 1.
+  // The header has three digits for the count of overturns: after 999 it goes on with 1.
   const size_t end = static_cast<size_t>(file.offset) + line.size();
   if (file.overturn >= 999 && end > ring->max_size) file.overturn = 0;
   errno = 0;
   if (MlogFileWrite(&target, line.data(), static_cast<uint32_t>(line.size())) != 0 ||
       std::ferror(file.stream) != 0) {
     report_failure(ring);
-    // Opened anew, the file goes on behind what its header holds.
+    take_back(*ring, before);
+    // What is dirty is put on the disk now: after the file is closed nobody would.
+    complete_ = (!ring->dirty || ::fsync(::fileno(file.stream)) == 0) && complete_;
+    ring->dirty = false;
+    // Opened anew, the file goes on where its header says.
     ring->file.reset();
     return false;
   }
+  ring->size = std::max(ring->size, static_cast<size_t>(file.offset));
   ring->dirty = true;
   if (ring->outage.active || disk_full_.active) report_success(ring);
   return true;
+}
+
+RingStore::Before RingStore::remember(const Ring &ring, size_t line_size) {
+  const MlogFile &file = *ring.file;
+  const auto offset = static_cast<size_t>(file.offset);
+  const size_t begin = offset + line_size > ring.max_size ? MLOG_FILE_HEADER_SIZE : offset;
+  size_t overwritten = 0;
+  // In the first turn there is nothing yet where the line goes.
+  if (begin < ring.size) {
+    const size_t size = std::min({line_size, ring.size - begin, overwritten_.size()});
+    const ssize_t got =
+        ::pread(::fileno(file.stream), overwritten_.data(), size, static_cast<off_t>(begin));
+    if (got > 0) overwritten = static_cast<size_t>(got);
+  }
+  return {file.overturn, file.offset, ring.size, begin, overwritten};
+}
+
+void RingStore::take_back(const Ring &ring, const Before &before) {
+  const int fd = ::fileno(ring.file->stream);
+  std::array<char, MLOG_FILE_HEADER_SIZE> header;
+  fmt::format_to_n(header.data(), header.size(),
+                   "[overturn={0:03}][offset={1:010}][uploadoffset={0:03}^{2:010}]\n",
+                   before.overturn, before.offset, ring.file->uploadOffset);
+  const auto put = [&](const char *bytes, size_t size, size_t at) {
+    return ::pwrite(fd, bytes, size, static_cast<off_t>(at)) == static_cast<ssize_t>(size);
+  };
+  struct stat status {};
+  const auto size = static_cast<off_t>(before.size);
+  if (!put(header.data(), header.size(), 0) ||
+      !put(overwritten_.data(), before.overwritten, before.begin) || ::fstat(fd, &status) != 0 ||
+      (status.st_size > size && ::ftruncate(fd, size) != 0)) {
+    say("{}: {}: the file may hold a part of a line", ring.path, std::strerror(errno));
+  }
 }
 
 bool RingStore::disk_has_room() const {
@@ -149,14 +226,14 @@ void RingStore::report_failure(Ring *ring) {
   const int reason = errno;
   Outage &outage = reason == ENOSPC || reason == EDQUOT ? disk_full_ : ring->outage;
   if (!outage.active) {
-    servers::log_line("{}: {}: lines are lost from now on", ring->path,
-                      reason != 0 ? std::strerror(reason) : "cannot be used as a log file");
+    say("{}: {}: lines are lost from now on", ring->path,
+        reason != 0 ? std::strerror(reason) : "cannot be used as a log file");
   }
   outage = {true, steady_clock::now() + kRetryAfter};
 }
 
 void RingStore::report_success(Ring *ring) {
-  servers::log_line("{}: lines are written again", ring->path);
+  say("{}: lines are written again", ring->path);
   ring->outage = {};
   disk_full_ = {};
 }

@@ -1,6 +1,7 @@
 // The modules' ring files.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -24,19 +25,27 @@ class RingStore {
  public:
   explicit RingStore(Config config);
 
-  // Closes the files and goes on with another configuration.
+  // Closes the files and goes on with another configuration. What sync() still has to tell, and the
+  // notices of lost lines that still have to be written, are kept. When it throws, nothing has
+  // changed.
   void reconfigure(Config config);
 
   // Adds a line, which ends with a line feed, to the file of its module and blurs it on the way (in
   // place). What is written has left the process when this returns. Lines that name no proper
-  // module, or one too many, go to the file "other".
-  void append(std::span<char> line);
+  // module, or one too many, go to the file "other". A line that there is no memory for is lost and
+  // counted.
+  void append(std::span<char> line) noexcept;
 
   // False unless every line since the last call is on the disk.
-  bool sync();
+  bool sync() noexcept;
 
   const std::string &directory() const { return directory_; }
   const std::map<std::string, ModuleCounters> &counters() const { return counters_; }
+  // Lines that were given up because something else than writing them failed.
+  uint64_t given_up() const { return given_up_; }
+
+  // No line may be longer.
+  static constexpr size_t kLongestLine = 4096 - MLOG_FILE_HEADER_SIZE;
 
  private:
   struct FileDeleter {
@@ -51,14 +60,28 @@ class RingStore {
     std::string path;
     std::unique_ptr<MlogFile, FileDeleter> file;
     uint32_t max_size = 0;
+    size_t size = 0;    // of the file
     uint64_t lost = 0;  // lines since the last that was written
     bool dirty = false;
     Outage outage;
   };
 
+  // What a failed write is taken back with.
+  struct Before {
+    long overturn;
+    long offset;
+    size_t size;         // of the file
+    size_t begin;        // where the line goes
+    size_t overwritten;  // bytes there, which overwritten_ holds
+  };
+
+  void append_line(std::span<char> line);
+  bool sync_files() noexcept;
   std::string file_name_of(std::string_view module);
   bool open(const std::string &module, Ring *ring);
   bool write(Ring *ring, std::span<char> line);
+  Before remember(const Ring &ring, size_t line_size);
+  void take_back(const Ring &ring, const Before &before);
   bool disk_has_room() const;
   void report_failure(Ring *ring);
   void report_success(Ring *ring);
@@ -70,6 +93,9 @@ class RingStore {
   bool new_files_ = false;
   bool complete_ = true;  // no line was lost since the last sync()
   Outage disk_full_;
+  std::array<char, kLongestLine> overwritten_;
+  uint64_t given_up_ = 0;
+  bool giving_up_ = false;  // the last line was given up, which was reported
 };
 
 }  // namespace mlogserver

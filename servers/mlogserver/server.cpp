@@ -13,7 +13,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "common/log_line.h"
+#include "line.h"
+#include "say.h"
 
 namespace mlogserver {
 namespace {
@@ -22,6 +23,10 @@ constexpr char kSocketPath[] = MLOG_IPC_PATH MLOG_SERVER_NAME;
 constexpr const char *kInboxPath = MLOG_IPC_PATH MLOG_SERVER_NAME ".inbox";
 constexpr size_t kMaxStatistics = 256;
 constexpr int kMaxBatches = 1000;
+constexpr mode_t kDirectoryMode = 0770;
+// Every byte may be a line feed, which gets a tab; and the line feed at the end.
+constexpr size_t kRoomForLine = 2 * size_t{MLOG_MAX_PAYLOAD} + 1;
+static_assert(kRoomForLine <= RingStore::kLongestLine);
 
 [[noreturn]] void fail(const std::string &what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -29,7 +34,12 @@ constexpr int kMaxBatches = 1000;
 
 // A non-blocking socket at the server's path, which no other server may be reading.
 servers::UniqueFd open_socket() {
-  if (::mkdir(MLOG_IPC_PATH, 0770) != 0 && errno != EEXIST) fail(MLOG_IPC_PATH);
+  if (::mkdir(MLOG_IPC_PATH, kDirectoryMode) == 0) {
+    // Whatever the umask: other users' programs put their sockets there.
+    if (::chmod(MLOG_IPC_PATH, kDirectoryMode) != 0) fail(MLOG_IPC_PATH);
+  } else if (errno != EEXIST) {
+    fail(MLOG_IPC_PATH);
+  }
 
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -38,6 +48,7 @@ servers::UniqueFd open_socket() {
 
   // Only a socket that somebody reads can be connected to.
   const servers::UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!probe) fail("socket");
   if (::connect(probe.get(), generic, sizeof address) == 0) {
     throw std::runtime_error(fmt::format("a server is already running on {}", kSocketPath));
   }
@@ -49,6 +60,12 @@ servers::UniqueFd open_socket() {
     fail(kSocketPath);
   }
   return fd;
+}
+
+// The inode of the socket's file, 0 when there is none.
+ino_t socket_inode() {
+  struct stat status {};
+  return ::lstat(kSocketPath, &status) == 0 ? status.st_ino : 0;
 }
 
 // The text of a fixed-size field; false when it has no NUL.
@@ -68,12 +85,15 @@ const char *payload_of(std::span<char> datagram, MlogMsg *head) {
 
 }  // namespace
 
-Server::Server(RingStore *store) : store_(store), fd_(open_socket()), inbox_(kInboxPath) {
+Server::Server(RingStore *store)
+    : store_(store), fd_(open_socket()), socket_inode_(socket_inode()), inbox_(kInboxPath) {
+  line_.reserve(kRoomForLine);
   take_over();
 }
 
 Server::~Server() {
-  ::unlink(kSocketPath);
+  // Not another server's, should it have taken the path.
+  if (socket_inode() == socket_inode_) ::unlink(kSocketPath);
 }
 
 void Server::take_over() {
@@ -88,7 +108,7 @@ void Server::take_over() {
     }
     inbox_.mark_done(slot);
   }
-  if (lines > 0) servers::log_line("{} lines of the server before are kept", lines);
+  if (lines > 0) say("{} lines of the server before are kept", lines);
 }
 
 void Server::drain() {
@@ -106,28 +126,15 @@ void Server::drain() {
   }
 }
 
-void Server::handle(std::span<char> datagram, const Sender &sender) {
+void Server::handle(std::span<char> datagram, const Sender &sender) noexcept {
   MlogMsg head;
+  const char *payload = payload_of(datagram, &head);
   bool understood = false;
-  if (payload_of(datagram, &head) != nullptr) {
-    const std::span<char> payload = datagram.subspan(MLOG_HEAD_SIZE);
-    switch (head.type) {
-      case MLOG_TYPE_LOG:
-        understood = keep_line(payload);
-        break;
-      case MLOG_TYPE_SET_STAT:
-        understood = set_statistics(payload);
-        break;
-      case MLOG_TYPE_GET_STAT:
-        understood = get_statistics(payload, sender);
-        break;
-      case MLOG_TYPE_FLUSH:
-        understood = true;
-        flush(sender);
-        break;
-      default:
-        break;
-    }
+  try {
+    understood = payload != nullptr && dispatch(head, datagram.subspan(MLOG_HEAD_SIZE), sender);
+  } catch (const std::exception &) {
+    if (++counters_.given_up == 1) say("requests are given up: no memory");
+    return;
   }
   if (!understood) {
     ++counters_.malformed;
@@ -138,12 +145,29 @@ void Server::handle(std::span<char> datagram, const Sender &sender) {
   }
 }
 
-bool Server::keep_line(std::span<char> payload) {
-  size_t length = ::strnlen(payload.data(), payload.size());
+bool Server::dispatch(const MlogMsg &head, std::span<char> payload, const Sender &sender) {
+  switch (head.type) {
+    case MLOG_TYPE_LOG:
+      return keep_line(payload);
+    case MLOG_TYPE_SET_STAT:
+      return set_statistics(payload);
+    case MLOG_TYPE_GET_STAT:
+      return get_statistics(payload, sender);
+    case MLOG_TYPE_FLUSH:
+      flush(sender);
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool Server::keep_line(std::span<const char> payload) {
+  const size_t length = ::strnlen(payload.data(), payload.size());
   if (length == 0) return false;
-  // The slot has a byte more than the payload, so there is always room.
-  if (payload[length - 1] != '\n') payload.data()[length++] = '\n';
-  store_->append({payload.data(), length});
+  line_.clear();
+  add_clean_text({payload.data(), length}, &line_);
+  line_ += '\n';
+  store_->append(line_);
   return true;
 }
 

@@ -22,6 +22,7 @@ struct Counters {
   uint64_t malformed = 0;      // datagrams that no client sends
   uint64_t unanswered = 0;     // replies that their client could not take
   uint64_t stats_refused = 0;  // statistics of modules beyond the limit
+  uint64_t given_up = 0;       // requests for which a call of the server's failed
 };
 
 class Server final : public servers::EventLoop::Watch {
@@ -48,8 +49,9 @@ class Server final : public servers::EventLoop::Watch {
   };
 
   void take_over();
-  void handle(std::span<char> datagram, const Sender &sender);
-  bool keep_line(std::span<char> payload);
+  void handle(std::span<char> datagram, const Sender &sender) noexcept;
+  bool dispatch(const MlogMsg &head, std::span<char> payload, const Sender &sender);
+  bool keep_line(std::span<const char> payload);
   bool set_statistics(std::span<const char> payload);
   bool get_statistics(std::span<const char> payload, const Sender &sender);
   void flush(const Sender &sender);
@@ -57,6 +59,8 @@ class Server final : public servers::EventLoop::Watch {
 
   RingStore *store_;
   servers::UniqueFd fd_;
+  ino_t socket_inode_ = 0;  // of the socket's file
+  std::string line_;        // the line that is being kept; never grows
   Counters counters_;
   std::map<std::string, std::string> statistics_;
   Inbox inbox_;

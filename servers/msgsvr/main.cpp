@@ -100,6 +100,7 @@ void raise_descriptor_limit() {
 void serve(const Options &options) {
   servers::EventLoop loop;
   std::signal(SIGPIPE, SIG_IGN);
+  loop.on_signal(SIGHUP, [] { log_line("SIGHUP: there is no file to read anew"); });
   loop.on_signal(SIGTERM, [&loop] { loop.stop(); });
   loop.on_signal(SIGINT, [&loop] { loop.stop(); });
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -18,6 +19,8 @@ void run(const std::string &path, const notifyserver::Limits &limits) {
   servers::EventLoop loop;
   notifyserver::Server server(&loop, path, limits);
 
+  std::signal(SIGPIPE, SIG_IGN);
+  loop.on_signal(SIGHUP, [] { servers::log_line("SIGHUP: there is no file to read anew"); });
   loop.on_signal(SIGUSR1, [&] { server.log_statistics(); });
   for (const int signal : {SIGTERM, SIGINT}) loop.on_signal(signal, [&] { loop.stop(); });
   servers::log_line("ready");

@@ -69,6 +69,17 @@ class Sender {
   int32_t fd_ = -1;
 };
 
+// A small disk, and what fills it.
+class SmallDisk {
+ public:
+  SmallDisk() {
+    EXPECT_EQ(0, ::mkdir("/mnt/disk", 0755));
+    EXPECT_EQ(0, ::mount("small", "/mnt/disk", "tmpfs", 0, "size=256k")) << std::strerror(errno);
+  }
+  void fill() { std::ofstream("/mnt/disk/ballast") << std::string(512 * 1024, 'x'); }
+  void make_room() { std::filesystem::remove("/mnt/disk/ballast"); }
+};
+
 TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
   Server server;
   MlogPrint("wan", MLOG_LEVEL_INFO, "one");
@@ -89,6 +100,47 @@ TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
   struct stat status {};
   ASSERT_EQ(0, ::stat("/var/mlogfile/wan.log", &status));
   EXPECT_EQ(mode_t{S_IFREG | 0640}, status.st_mode);
+}
+
+TEST(LogServer, LetsNoTextForgeALineOrDriveATerminal) {
+  Server server;
+  Sender sender;
+  const std::pair<std::string, std::string> cases[] = {
+      {"x\n[00000000001][lan][FATL]:forged\n\n", "x\n\t[00000000001][lan][FATL]:forged"},
+      {"a\tb\r\x1b[2J\x7f", "a\tb??[2J?"},
+      {"\xc2\x9b and \x9b, \xe0\x80\x9b, \xc2", "? and ?, \xe0??, \xc2"},
+      {"\xc2\xa0\xc3\x9b\xe2\x82\x9b\xf0\x9f\x98\x80 caf\xe9",
+       "\xc2\xa0\xc3\x9b\xe2\x82\x9b\xf0\x9f\x98\x80 caf\xe9"},
+      {std::string(1000, '\n') + "y",
+       [] {
+         std::string lines;
+         for (int i = 0; i < 1000; ++i) lines += "\n\t";
+         return lines + "y";
+       }()},
+  };
+  std::string expected;
+  for (const auto &[text, kept] : cases) {
+    sender.send(MLOG_TYPE_LOG, "[1][wan][INFO]:" + text);
+    expected += "[1][wan][INFO]:" + kept + "\n";
+  }
+  // Neither does a name.
+  sender.send(MLOG_TYPE_LOG, "[1][mlogServer.inbox][INFO]:a\n");
+  sender.send(MLOG_TYPE_LOG, "[1][a\n[1][lan][INFO]:b][INFO]:c\n");
+  ASSERT_EQ(0, MlogFlushLog());
+
+  EXPECT_EQ(expected, log_of("wan"));
+  EXPECT_EQ("[1][mlogServer.inbox][INFO]:a\n[1][a\n\t[1][lan][INFO]:b][INFO]:c\n", log_of("other"));
+  EXPECT_EQ("", log_of("lan"));
+}
+
+TEST(LogServer, SharesItsDirectoryWhateverTheUmask) {
+  ::rmdir("/var/mlog");
+  ::umask(077);
+  Server server;
+
+  struct stat status {};
+  ASSERT_EQ(0, ::stat("/var/mlog", &status));
+  EXPECT_EQ(mode_t{S_IFDIR | 0770}, status.st_mode);
 }
 
 TEST(LogServer, KeepsStatisticsOfEveryModule) {
@@ -204,6 +256,39 @@ TEST(LogServerConfig, IsReadAnewOnRequest) {
   EXPECT_THAT(log_of("wan", "/mnt/b"), MatchesRegex(".*:second\n.*:third\n"));
 }
 
+TEST(LogServerConfig, ANewOneForgetsNothingThatIsStillToBeTold) {
+  SmallDisk disk;
+  Server server(with_config("directory = /mnt/disk\n"));
+  disk.fill();
+  MlogPrint("wan", 8, "lost");
+  ASSERT_TRUE(server.wait_for("lines are lost"));
+
+  ::kill(server.pid(), SIGHUP);
+  ASSERT_TRUE(server.wait_for("configuration read"));
+  EXPECT_EQ(-1, MlogFlushLog()) << "a line was lost before the signal";
+
+  disk.make_room();
+  MlogPrint("wan", 8, "after");
+  EXPECT_EQ(0, MlogFlushLog());
+  EXPECT_THAT(log_of("wan", "/mnt/disk"),
+              MatchesRegex(".*mlogserver: 1 lines before this one are lost\n.*:after\n"));
+}
+
+TEST(LogServerConfig, LinesThatAreDroppedCostNoMemoryForTheirNames) {
+  Server server(with_config("level = WARN\n"));
+  MlogPrint("wan", MLOG_LEVEL_WARN, "has a file");
+  Sender sender;
+  for (int i = 0; i < 1000; ++i) {
+    sender.send(MLOG_TYPE_LOG, "[1][m" + std::to_string(i) + "][INFO]:x\n");
+  }
+  MlogPrint("wan", MLOG_LEVEL_INFO, "dropped");
+
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_THAT(server.output(), HasSubstr("module other: kept 0 below level 1000 lost 0"));
+  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 1 below level 1 lost 0"));
+  EXPECT_THAT(server.output(), testing::Not(HasSubstr("module m")));
+}
+
 TEST(LogServerConfig, MistakesAreNamed) {
   const std::pair<const char *, const char *> cases[] = {
       {"size = 1\n", "unknown key size"},
@@ -230,25 +315,55 @@ TEST(LogServerConfig, LimitsTheNumberOfFiles) {
   EXPECT_THAT(log_of("other"), MatchesRegex(".*\\[d\\].*\n.*\\[e\\].*\n"));
 }
 
-TEST(LogServerDisk, AFullDiskIsReportedOnceAndSurvived) {
-  ASSERT_EQ(0, ::mkdir("/mnt/disk", 0755));
-  ASSERT_EQ(0, ::mount("small", "/mnt/disk", "tmpfs", 0, "size=256k")) << std::strerror(errno);
+TEST(LogServerDisk, AFullDiskIsReportedOnceAndLeavesNoTornLine) {
+  SmallDisk disk;
   Server server({"--directory", "/mnt/disk"});
   MlogPrint("wan", 8, "before");
-  std::ofstream("/mnt/disk/ballast") << std::string(512 * 1024, 'x');
+  ASSERT_EQ(0, MlogFlushLog());
+  disk.fill();
 
   for (int line = 0; line < 300; ++line) MlogPrint("wan", 8, "%0200d", line);
   EXPECT_EQ(-1, MlogFlushLog());
   ASSERT_TRUE(server.wait_for("No space left on device: lines are lost"));
+  std::string log = log_of("wan", "/mnt/disk");
+  EXPECT_THAT(log, EndsWith("\n"));
 
-  std::filesystem::remove("/mnt/disk/ballast");
+  disk.make_room();
   do {
     MlogPrint("wan", 8, "after");
   } while (MlogFlushLog() != 0);
-  EXPECT_THAT(log_of("wan", "/mnt/disk"), HasSubstr(" lines before this one are lost\n["));
+  log = log_of("wan", "/mnt/disk");
+  EXPECT_THAT(log, HasSubstr(" lines before this one are lost\n["));
+  EXPECT_THAT(log, MatchesRegex("(\\[[0-9]{11}\\]\\[wan\\]\\[[A-Z]{4}\\]:"
+                                "(before|[0-9*]{200}|mlogserver: [0-9]+ lines [a-z ]+|after)\n)+"));
 
   EXPECT_EQ(0, server.stop(SIGTERM));
   EXPECT_EQ(server.output().find("are lost from now"), server.output().rfind("are lost from now"));
+}
+
+TEST(LogServerDisk, ALineThatDoesNotFitAFullDiskGivesBackWhatItOverwrote) {
+  // A ring in its second turn, on a disk where the next line crosses into a block that is a hole.
+  SmallDisk disk;
+  const std::string old = "[00000000001][wan][INFO]:" + std::string(74, 'o') + "\n";
+  char header[MLOG_FILE_HEADER_SIZE + 1];
+  std::snprintf(header, sizeof header,
+                "[overturn=001][offset=0000004063][uploadoffset=001^0000001023]\n");
+  std::string ring = header;
+  for (int i = 0; i < 40; ++i) ring += old;
+  {
+    std::ofstream file("/mnt/disk/wan.log");
+    file << ring;
+    file.seekp(3 * 4096);
+    file << old;
+  }
+  disk.fill();
+  const std::string before = test::contents("/mnt/disk/wan.log");
+  Server server({"--directory", "/mnt/disk"});
+
+  MlogPrint("wan", 8, "%s", std::string(200, 'n').c_str());
+  EXPECT_EQ(-1, MlogFlushLog());
+
+  EXPECT_EQ(before, test::contents("/mnt/disk/wan.log"));
 }
 
 TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {

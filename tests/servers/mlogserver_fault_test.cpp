@@ -1,0 +1,160 @@
+// The log server with its allocations failing: each costs a line or a request, never the server.
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <string>
+
+#include "mlogserver/server.h"
+#include "msgapi/log.h"
+#include "support/file.h"
+
+namespace {
+
+// Allocations until one fails; 0: none does.
+thread_local unsigned t_allocations_left = 0;
+// The failing one and all after it fail.
+thread_local bool t_fails = false;
+
+bool fails() {
+  if (t_allocations_left > 0 && --t_allocations_left == 0) t_fails = true;
+  return t_fails;
+}
+
+// From the `nth` allocation of this thread on all fail, until the guard is gone.
+class NoMemory {
+ public:
+  explicit NoMemory(unsigned nth) { t_allocations_left = nth; }
+  NoMemory(const NoMemory &) = delete;
+  NoMemory &operator=(const NoMemory &) = delete;
+  ~NoMemory() {
+    t_allocations_left = 0;
+    t_fails = false;
+  }
+  bool happened() const { return t_fails; }
+};
+
+}  // namespace
+
+void *operator new(size_t size) {
+  void *memory = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+void operator delete(void *memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void *memory, size_t) noexcept {
+  std::free(memory);
+}
+
+namespace {
+
+class Client {
+ public:
+  Client() { EXPECT_EQ(0, MlogSocketOpen("client", &fd_)); }
+  Client(const Client &) = delete;
+  Client &operator=(const Client &) = delete;
+  ~Client() { MlogSocketClose(fd_, "client"); }
+
+  void send(uint32_t type, const std::string &payload) {
+    MlogMsg message{.type = type, .length = static_cast<uint32_t>(payload.size()), .payload = {}};
+    std::memcpy(message.payload, payload.data(), payload.size());
+    EXPECT_EQ(0, MlogSendMsg(fd_, &message, MLOG_SERVER_NAME));
+  }
+  // The length field of the next answer; nothing when there is none yet.
+  std::optional<uint32_t> answer() {
+    MlogMsg message;
+    if (::recv(fd_, &message, sizeof message, MSG_DONTWAIT) < 0) return std::nullopt;
+    return message.length;
+  }
+
+ private:
+  int32_t fd_ = -1;
+};
+
+std::string statistics(const std::string &module, const std::string &text) {
+  std::string record(516, '\0');
+  return record.replace(0, module.size(), module).replace(256, text.size(), text);
+}
+
+TEST(LogServerMemory, GivesUpOneRequestAndGoesOn) {
+  mlogserver::RingStore store(mlogserver::Config{});
+  mlogserver::Server server(&store);
+  Client client;
+  const std::string name(90, 'm');  // too long for a string without memory of its own
+
+  bool happened = true;
+  unsigned nth = 0;
+  for (nth = 1; happened; ++nth) {
+    const std::string module = name + std::to_string(nth);
+    client.send(MLOG_TYPE_LOG, "[1][" + module + "][INFO]:text\n");
+    client.send(MLOG_TYPE_SET_STAT, statistics(module, std::string(200, 's')));
+    client.send(MLOG_TYPE_GET_STAT, statistics(module, ""));
+    {
+      const NoMemory guard(nth);
+      server.drain();
+      happened = guard.happened();
+    }
+    // Whatever was given up, the server knows whether a line was lost and serves the next request.
+    const bool written = !test::contents("/var/mlogfile/" + module + ".log").empty() &&
+                         test::contents("/var/mlogfile/" + module + ".log").ends_with(":text\n");
+    client.answer();  // to the request for statistics, if it was served
+    client.send(MLOG_TYPE_FLUSH, "");
+    server.drain();
+    EXPECT_EQ(written ? 0 : UINT32_MAX, client.answer()) << nth;
+  }
+  EXPECT_GT(nth, 5u) << "some allocations did fail";
+  EXPECT_GT(server.counters().given_up + store.given_up(), 3u);
+}
+
+TEST(LogServerMemory, AConfigurationThatThereIsNoMemoryForChangesNothing) {
+  mlogserver::RingStore store(mlogserver::Config{});
+  std::string line = "[1][wan][INFO]:text\n";
+  store.append(line);
+
+  for (unsigned nth = 1;; ++nth) {
+    mlogserver::Config config;
+    config.directory = "/var/a-directory-whose-name-needs-memory";
+    const NoMemory guard(nth);
+    try {
+      store.reconfigure(std::move(config));
+      break;
+    } catch (const std::bad_alloc &) {
+      EXPECT_EQ("/var/mlogfile", store.directory());
+    }
+  }
+  EXPECT_EQ("/var/a-directory-whose-name-needs-memory", store.directory());
+  EXPECT_TRUE(store.sync());
+}
+
+TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
+  mlogserver::RingStore store(mlogserver::Config{});
+  mlogserver::Server server(&store);
+  Client client;
+  rlimit limit{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
+  rlimit none = limit;
+  none.rlim_cur = 0;
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+
+  client.send(MLOG_TYPE_LOG, "[1][wan][INFO]:lost\n");
+  client.send(MLOG_TYPE_FLUSH, "");
+  server.drain();
+  EXPECT_EQ(UINT32_MAX, client.answer());
+  // Without a descriptor to look with, a second server does not take the first one's place.
+  EXPECT_THROW(mlogserver::Server second(&store), std::runtime_error);
+
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
+  EXPECT_EQ(0, ::access("/var/mlog/mlogServer", F_OK));
+  EXPECT_EQ(1u, store.counters().at("wan").lost);
+}
+
+}  // namespace
