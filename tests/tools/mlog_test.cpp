@@ -155,6 +155,13 @@ TEST(MlogCat, PrintsJson) {
       run({"cat", "--json"}).text);
 }
 
+TEST(MlogCat, GivesALineTheSameTimeEveryTime) {
+  write_ring("wan", line(1234, "x"));
+  const std::string first = run({"cat", "--json"}).text;
+  EXPECT_THAT(first, HasSubstr("\"time\":"));
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(first, run({"cat", "--json"}).text);
+}
+
 TEST(MlogCat, NamesWhatIsWrong) {
   ::mkdir("/var/mlogfile", 0700);
   std::ofstream("/var/mlogfile/wan.log") << std::string(63, 'x') << "\n" << line(1, "saved");
@@ -187,6 +194,23 @@ TEST(MlogTail, FollowsARingThroughItsTurns) {
   EXPECT_EQ(23, std::count(tail.output().begin(), tail.output().end(), '\n')) << tail.output();
 }
 
+TEST(MlogTail, WaitsQuietlyForTheFirstLine) {
+  for (const std::vector<std::string> &arguments :
+       {std::vector<std::string>{"tail", "-f"}, {"tail", "-f", "wan"}}) {
+    ::unlink("/var/mlogfile/wan.log");
+    ::rmdir("/var/mlogfile");
+    test::Process tail("mlog", arguments);
+    ::usleep(300000);  // several looks
+    write_ring("wan", line(1, "first"));
+    EXPECT_TRUE(tail.wait_for("first\n"));
+    EXPECT_EQ(line(1, "first"), tail.output());
+  }
+  EXPECT_EQ(1, run({"tail", "lan"}).status);
+  const Output output = run({"tail", "-n", "-1"});
+  EXPECT_NE(0, output.status);
+  EXPECT_THAT(output.text, HasSubstr("--lines"));
+}
+
 TEST(MlogStat, CountsLinesAndTurns) {
   write_ring("wan", line(1, "a", "WARN") + line(2, "b") + line(7, "c"));
   EXPECT_EQ(
@@ -209,6 +233,9 @@ TEST(MlogRequests, GoToTheServer) {
   output = run({"get", "wan"});
   EXPECT_EQ(0, output.status);
   EXPECT_EQ("rx=1 tx=2\n", output.text);
+  output = run({"get", "nosuch"});
+  EXPECT_EQ(4, output.status);
+  EXPECT_EQ("mlog: nosuch: the log server has no statistics of this module\n", output.text);
 }
 
 }  // namespace

@@ -44,11 +44,13 @@ struct Options {
   std::string text;
 };
 
-// Counts complaints, which make the exit status 1.
-int g_complaints = 0;
+constexpr int kNoSuchModule = 4;
+
+// The exit status. 1 after any complaint that has none of its own.
+int g_status = EXIT_SUCCESS;
 
 void complain(const std::string &text) {
-  ++g_complaints;
+  if (g_status == EXIT_SUCCESS) g_status = EXIT_FAILURE;
   fmt::print(stderr, "mlog: {}\n", text);
 }
 
@@ -60,14 +62,16 @@ std::string log_directory(const Options &options) {
   return MlogUseSharePartion() != 0 ? config.share_directory : config.directory;
 }
 
-// The named files, or all of the directory in the order of their names.
+// The named files, or all of the directory in the order of their names. While they are followed,
+// what is not there yet is waited for and no mistake.
 std::vector<std::string> ring_files(const Options &options) {
   const std::string directory = log_directory(options);
   std::vector<std::string> paths;
   for (const std::string &name : options.files) {
     const std::string in_directory = directory + "/" + name + ".log";
-    paths.push_back(name.find('/') == std::string::npos && fs::exists(in_directory) ? in_directory
-                                                                                    : name);
+    const bool is_module = name.find('/') == std::string::npos &&
+                           (fs::exists(in_directory) || (options.follow && !fs::exists(name)));
+    paths.push_back(is_module ? in_directory : name);
   }
   if (!options.files.empty()) return paths;
 
@@ -75,7 +79,8 @@ std::vector<std::string> ring_files(const Options &options) {
   for (const auto &entry : fs::directory_iterator(directory, error)) {
     if (entry.path().extension() == ".log") paths.push_back(entry.path());
   }
-  if (error) complain(fmt::format("{}: {}", directory, error.message()));
+  const bool awaited = options.follow && error == std::errc::no_such_file_or_directory;
+  if (error && !awaited) complain(fmt::format("{}: {}", directory, error.message()));
   std::sort(paths.begin(), paths.end());
   return paths;
 }
@@ -165,7 +170,7 @@ void tail(const Options &options) {
   const Printer printer = make_printer(options);
   std::map<std::string, Follower> followers;
   for (const std::string &path : ring_files(options)) {
-    followers[path].start(path, printer, options.last);
+    if (!options.follow || fs::exists(path)) followers[path].start(path, printer, options.last);
   }
   while (options.follow) {
     std::fflush(stdout);
@@ -228,8 +233,14 @@ void get(const Options &options) {
   std::array<char, sizeof(MlogStat::info)> text{};
   const int32_t result =
       MlogGetStatInfo(options.module.c_str(), text.data(), static_cast<uint32_t>(text.size()));
-  if (result == 0) fmt::print("{}\n", text.data());
   check_answer(result);
+  if (result != 0) return;
+  if (text[0] == '\0') {
+    complain(options.module + ": the log server has no statistics of this module");
+    g_status = kNoSuchModule;
+    return;
+  }
+  fmt::print("{}\n", text.data());
 }
 
 void add_files(CLI::App *command, Options *options) {
@@ -266,6 +277,7 @@ int main(int argc, char **argv) try {
   add_filters(command, &options);
   command->add_flag("-f,--follow", options.follow, "Go on with the lines that are added");
   command->add_option("-n,--lines", options.last, "How many lines of each file")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   command->callback([&] { tail(options); });
 
@@ -287,7 +299,7 @@ int main(int argc, char **argv) try {
       [&] { check_answer(MlogSetStatInfo(options.module.c_str(), options.text.c_str())); });
 
   CLI11_PARSE(app, argc, argv);
-  return g_complaints == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+  return g_status;
 } catch (const std::exception &error) {
   std::fprintf(stderr, "mlog: %s\n", error.what());
   return EXIT_FAILURE;

@@ -21,7 +21,8 @@ struct PrintOptions {
   int64_t uptime_ms = 0;          // of the running system
 };
 
-// Fills in the clocks of the running system.
+// Fills in the clocks of the running system. The time of the boot is the same in every call until
+// somebody sets the time, so a line always has the same time of day.
 void read_clocks(PrintOptions *options);
 
 // The first entry of the running boot: behind the last place where the uptime went back, and not
