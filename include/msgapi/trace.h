@@ -34,9 +34,12 @@ typedef struct ORP_TRACE_CTX_ST {
 } ORP_TRACE_CTX_ST;
 
 /*
- * Sets the level of a package (null: "all"), or with level 0 removes it. Names are cut to 11
- * characters. Setting "all" first removes every package. ORP_ERR_ARGUMENT for a null context,
- * ORP_ERR_MEMORY.
+ * Sets the level of a package (null: "all"), or with level 0 removes it. Setting "all" first
+ * removes every package. ORP_ERR_ARGUMENT for a null context, ORP_ERR_MEMORY.
+ *
+ * Names are compared as they are given with what is stored, which is cut to 11 characters. So a
+ * longer name never matches its own entry: it adds another one each time, cannot be removed by
+ * name, and has no level of its own.
  */
 MSGAPI_EXPORT uint32_t TraceCtxSetPackageLevel(ORP_TRACE_CTX_ST *context, const char *package,
                                                uint32_t level);

@@ -30,22 +30,20 @@ uint64_t m_fSize = kSmallestFileSize;
 int32_t g_curPid = -1;
 char g_time_stamp[40];
 
-// A package's name as the table holds it; null stands for all packages.
-struct PackageName {
-  explicit PackageName(const char *name) { copy_cut(text, name == nullptr ? kAllPackages : name); }
+const char *name_or_all(const char *package) {
+  return package == nullptr ? kAllPackages : package;
+}
 
-  char text[ORP_APP_NAME_SIZE];
-};
-
+// Compares the whole name, so one that the table had to cut is never found.
 ORP_TRACE_PACKAGE_ST *find_package(ORP_TRACE_PACKAGE_ST *first, const char *name) {
   while (first != nullptr && std::strcmp(first->name, name) != 0) first = first->link;
   return first;
 }
 
-Status set_level(ORP_TRACE_CTX_ST *context, const PackageName &name, uint32_t level) {
-  if (std::strcmp(name.text, kAllPackages) == 0) list_delete_all(context->packages);
+Status set_level(ORP_TRACE_CTX_ST *context, const char *name, uint32_t level) {
+  if (std::strcmp(name, kAllPackages) == 0) list_delete_all(context->packages);
 
-  ORP_TRACE_PACKAGE_ST *package = find_package(context->packages, name.text);
+  ORP_TRACE_PACKAGE_ST *package = find_package(context->packages, name);
   if (level == 0) {
     if (package != nullptr) list_delete(context->packages, package);
     return Status::kOk;
@@ -54,7 +52,7 @@ Status set_level(ORP_TRACE_CTX_ST *context, const PackageName &name, uint32_t le
   if (package == nullptr) {
     Owned<ORP_TRACE_PACKAGE_ST> created = make<ORP_TRACE_PACKAGE_ST>();
     if (!created) return Status::kNoMemory;
-    copy_cut(created->name, name.text);
+    copy_cut(created->name, name);
     package = created.release();
     list_append(context->packages, package);
   }
@@ -93,15 +91,15 @@ extern "C" uint32_t TraceCtxSetPackageLevel(ORP_TRACE_CTX_ST *context, const cha
                                             uint32_t level) {
   if (context == nullptr) return code(Status::kBadArgument);
 
-  return code(set_level(context, PackageName(package), level));
+  return code(set_level(context, name_or_all(package), level));
 }
 
 extern "C" uint32_t ORP_TRACE_SetPackageLevel(const char *package, uint32_t level) {
-  return code(set_level(&g_context, PackageName(package), level));
+  return code(set_level(&g_context, name_or_all(package), level));
 }
 
 extern "C" uint32_t ORP_TRACE_IsModuleEnabled(const char *package, uint32_t level) {
-  const ORP_TRACE_PACKAGE_ST *found = find_package(g_context.packages, PackageName(package).text);
+  const ORP_TRACE_PACKAGE_ST *found = find_package(g_context.packages, name_or_all(package));
   if (found == nullptr) found = find_package(g_context.packages, kAllPackages);
   return found != nullptr && found->level >= level ? 1 : 0;
 }

@@ -24,16 +24,25 @@ TEST(TraceLevels, AllStandsForEveryPackageWithoutALevel) {
   EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled("msg", 5)) << "setting all removes every package first";
 }
 
-TEST(TraceLevels, KeepElevenCharactersOfAName) {
-  ORP_TRACE_CTX_ST context = {nullptr, nullptr, nullptr, -1};
+TEST(TraceLevels, NamesAboveElevenCharactersAreStoredCutAndNeverMatch) {
+  constexpr char kLong[] = "abcdefghijklmno", kStored[] = "abcdefghijk";
+  ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel("all", 1));
+  ASSERT_EQ(ORP_OK, ORP_TRACE_SetPackageLevel(kLong, 5));
 
-  for (const uint32_t level : {1u, 2u}) {
-    ASSERT_EQ(ORP_OK, TraceCtxSetPackageLevel(&context, "abcdefghijklmno", level));
-    EXPECT_STREQ("abcdefghijk", context.packages->name);
-    EXPECT_EQ(level, context.packages->level);
-  }
-  TraceCtxSetPackageLevel(&context, "abcdefghijklmno", 0);
-  EXPECT_EQ(nullptr, context.packages) << "there was one entry";
+  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled(kStored, 5));
+  EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled(kLong, 5)) << "what counts is all";
+  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled(kLong, 1));
+  ORP_TRACE_SetPackageLevel(kLong, 0);
+  EXPECT_EQ(1u, ORP_TRACE_IsModuleEnabled(kStored, 5)) << "not removed";
+  ORP_TRACE_SetPackageLevel(kStored, 0);
+  EXPECT_EQ(0u, ORP_TRACE_IsModuleEnabled(kStored, 5));
+
+  ORP_TRACE_CTX_ST context = {nullptr, nullptr, nullptr, -1};
+  for (const uint32_t level : {1u, 2u}) TraceCtxSetPackageLevel(&context, kLong, level);
+  ASSERT_NE(nullptr, context.packages->link) << "each time another one";
+  EXPECT_STREQ(kStored, context.packages->link->name);
+  TraceCtxSetPackageLevel(&context, "all", 0);
+  EXPECT_EQ(nullptr, context.packages);
 }
 
 TEST(TraceModules, AreKnownByName) {
