@@ -7,9 +7,10 @@
  * Watchers. Every watcher record begins with an OrpUvWatcher. Records come from the library's
  * constructors or from the caller's malloc(), never from static storage or the stack: from
  * initialisation on the record belongs to its loop. Deleting a watcher only marks it; the loop
- * unlinks and frees it with free() at its next safe point, which is never inside a callback. A
- * callback may therefore start, stop or delete any watcher, its own included, stop the loop, or
- * run it again. docs/loop.md tells the order of an iteration and when things are freed.
+ * unlinks and frees it with free() at the next safe point of a run. A callback may therefore start,
+ * stop or delete any watcher, its own included, stop the loop, or run it again: what is deleted is
+ * freed inside that callback only by such an inner run, which spares the callback's own watcher.
+ * docs/loop.md tells the order of an iteration and when things are freed.
  *
  * Descriptors. A loop watches descriptors 0 to 1023. A watcher on any other descriptor is kept
  * but never waited for, as if it had none.
@@ -104,7 +105,7 @@ MSGAPI_EXPORT OrpUvLoop *OrpUvLoopGetDefault(void);
 /*
  * Lowers the time-out of the coming wait to `time` when that is smaller. The time-out is set anew
  * by the timer pass at the start of every iteration, so this is for idle procedures, which run
- * between that and the wait. A null time is ignored.
+ * between that and the wait. Starting a timer lowers it by itself. A null time is ignored.
  */
 MSGAPI_EXPORT void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_ST *time);
 
@@ -112,20 +113,28 @@ MSGAPI_EXPORT void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_
 MSGAPI_EXPORT void OrpUvLoopSetIdleTime(OrpUvLoop *loop, uint32_t idleMs);
 MSGAPI_EXPORT uint32_t OrpUvLoopGetIdleTime(OrpUvLoop *loop);
 
-/* Ends the current run after the step that is under way. Null is ignored: it does not stand for
- * the default loop here. */
+/* Ends a run after the step that is under way: the innermost one or, when none is under way, the
+ * next one at once. Null is ignored: it does not stand for the default loop here. */
 MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
 
 /*
  * Runs the loop until it is stopped: sets the idle time, resets the iteration counter and iterates.
- * A callback may run its own loop again; such an inner run frees no watcher, ends on the next stop
- * and leaves its idle time and counter behind.
+ * A callback may run its own loop again. Such an inner run
+ * - ends on the next stop, or at once when the loop has been stopped already, and clears the stop
+ * on its way out, as every run does: the run around it goes on;
+ * - ends the pass over ready descriptors that called it: what is still ready is served in the next
+ *   iteration;
+ * - frees deleted watchers, except those that the runs around it are calling or call next;
+ * - does not fire the timer whose procedure it is in, unless that has been armed anew
+ *   (OrpUvTimerStart, OrpUtilTimerChgPeriod);
+ * - leaves its idle time and counter behind.
  *
  * Returns ORP_OK after OrpUvLoopStop; ORP_ERR_SYSTEM when select() failed, which is printed;
  * ORP_ERR_TIMEOUT when `idleMs` is not 0 and a wait of at least its whole seconds saw no event.
  * That is a wait of the idle time or one up to the next timer, which does not fire then; below 1000
- * ms any wait without event ends the run. A watched descriptor that turns out to be closed does not
- * end the run: its watcher loses it (fd -1), with a console line.
+ * ms any wait without event ends the run. A forced event is an event: while one is queued no idle
+ * time passes. A watched descriptor that turns out to be closed does not end the run: its watcher
+ * loses it (fd -1), with a console line.
  */
 MSGAPI_EXPORT uint32_t OrpUvLoopRun(OrpUvLoop *loop, uint32_t idleMs);
 /* The same. */
@@ -201,7 +210,8 @@ struct OrpUvTimer {
  * in the record.
  *
  * A timer that fires late is not caught up: its next expiry is one interval after the start of the
- * iteration that fired it. Timers due together fire in the order of their creation.
+ * iteration that fired it. Timers due together fire in the order of their creation. A timer that is
+ * started after the timer pass of an iteration shortens that iteration's wait.
  *
  * Returns the timer, or null for a null callback or without memory. The loop owns the timer, and
  * ends it by itself after `count` calls: the handle is valid until OrpUtilTimerDel or until the
@@ -248,7 +258,7 @@ MSGAPI_EXPORT uint32_t OrpUvTimerInit(OrpUvLoop *loop, OrpUvTimer *timer);
  */
 MSGAPI_EXPORT uint32_t OrpUvTimerStart(OrpUvTimer *timer, uint32_t intervalMs, uint32_t count,
                                        ORP_TIMER_PROC callback, ORP_WORD data);
-/* OrpUvWatcherDelete. A deleted timer does not fire. */
+/* OrpUvWatcherDelete. A deleted timer does not fire, also when it is due and not yet freed. */
 MSGAPI_EXPORT uint32_t OrpUvTimerDelete(OrpUvTimer *timer);
 
 /* ---- Idle procedures --------------------------------------------------------------------- */

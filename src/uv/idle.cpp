@@ -35,7 +35,9 @@ void run_idle_procedures(OrpUvLoop *loop) {
     // Stopped watchers are called until they are freed, on purpose.
     if (!has_type(watcher, ORP_UV_IDLE)) continue;
     auto *idle = as<OrpUvIdle>(watcher);
-    if (idle->proc != nullptr) idle->proc(idle);
+    if (idle->proc == nullptr) continue;
+    const HoldScope held(watcher, next);
+    idle->proc(idle);
   }
 }
 

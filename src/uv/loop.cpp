@@ -1,7 +1,7 @@
 // The loop: timers, idle procedures, one select(), callbacks.
 //
 // The order of an iteration is fixed and documented in docs/loop.md. Watchers are freed between the
-// passes of the outermost run only, so every walk here may hold pointers across callbacks.
+// passes only; walks hold what they need across callbacks (uv/watcher.h).
 
 #include "uv/loop.h"
 
@@ -87,23 +87,32 @@ int wait_for(OrpUvLoop *loop, Waiting *sets, timespec timeout) {
   return ::pselect(count, read, write, error, limit, block.before());
 }
 
+// False for an event that has lost its watcher.
+bool call_forced(const OrpUvForced *entry) {
+  OrpUvIo *io = entry->watcher;
+  if (!has_type(&io->head, ORP_UV_IO) || is_deleted(&io->head)) return false;
+
+  ORP_TRACE_PrintInfo("UVLoopForcedHandleLoop", __LINE__, 0, "sockbase", kTraceLevel,
+                      "Do sockbase %p evt for fd %d proc %p now ...", static_cast<void *>(io),
+                      io->fd, address(io->callback));
+  if (io->callback != nullptr) io->callback(io, entry->events);
+  return true;
+}
+
 // Queued events, before and instead of ready descriptors. True when one was delivered. What the
 // callbacks queue waits for the next iteration.
 bool deliver_forced(OrpUvLoop *loop) {
-  if (loop->forced == nullptr) return false;
-
   OrpUvForced *batch = loop->forced;
   loop->forced = nullptr;
+  for (const OrpUvForced *entry = batch; entry != nullptr; entry = entry->link) {
+    hold(&entry->watcher->head);
+  }
+
   bool delivered = false;
   while (batch != nullptr) {
     const Owned<OrpUvForced> entry(list_unlink_at(&batch));
-    OrpUvIo *io = entry->watcher;
-    if (!has_type(&io->head, ORP_UV_IO) || is_deleted(&io->head)) continue;
-    ORP_TRACE_PrintInfo("UVLoopForcedHandleLoop", __LINE__, 0, "sockbase", kTraceLevel,
-                        "Do sockbase %p evt for fd %d proc %p now ...", static_cast<void *>(io),
-                        io->fd, address(io->callback));
-    if (io->callback != nullptr) io->callback(io, entry->events);
-    delivered = true;
+    delivered |= call_forced(entry.get());
+    let_go(&entry->watcher->head);
   }
   return delivered;
 }
@@ -157,6 +166,7 @@ void dispatch(OrpUvLoop *loop, const WorkingSet &ready, uint32_t event, bool *ca
 
     drop_forced(loop, io, event);
     *called = true;
+    const HoldScope held(watcher, next);
     call_io(loop, io, event);
     if ((loop->flags & ORP_UV_LOOP_SKIP) != 0) return;
   }
@@ -271,8 +281,6 @@ bool is_stopped(const OrpUvLoop *loop) {
 
 Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
   const WalkScope walk(loop);
-  // A stop that an outer run has not seen yet ends this one as well, and stays.
-  const bool outer_stop = walk.is_inner() && is_stopped(loop);
   loop->idleTime = idle_ms;
   loop->iteration = 0;
   Status result = Status::kOk;
@@ -288,7 +296,9 @@ Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
     }
     ++loop->iteration;
   }
-  if (!outer_stop) loop->flags &= ~ORP_UV_LOOP_STOP;
+  // The one stop bit belongs to the run that ends by it, even where a run around this one was
+  // meant.
+  loop->flags &= ~ORP_UV_LOOP_STOP;
 
   // What the pass around an inner run still holds as ready, this run may have served.
   if (walk.is_inner()) skip_pass(loop, true);

@@ -152,7 +152,9 @@ void report_exits(OrpUvLoop *loop) {
     next = watcher->link;
     if (!has_type(watcher, ORP_UV_PROCESS) || is_deleted(watcher)) continue;
     auto *process = as<OrpUvProcess>(watcher);
-    if (process->exited != 0) report_exit(process);
+    if (process->exited == 0) continue;
+    const HoldScope held(watcher, next);
+    report_exit(process);
   }
 }
 

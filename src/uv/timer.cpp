@@ -61,18 +61,20 @@ void set_expiry(OrpUvTimer *timer, const ORP_TIME_ST &expiry) {
   timer->expiryUsec = expiry.microseconds;
 }
 
-// Sets the next expiry from the moment of this call. A timer that is set behind the timer pass, by
-// an idle procedure say, must not wait for the next event, so the coming wait learns of it, too.
+// Arms the timer, from the moment of this call: also for an inner run of its own procedure. A timer
+// that is set after the timer pass, by an idle procedure say, must not wait for the next event, so
+// the coming wait learns of it, too.
 void expire_in(OrpUvTimer *timer, uint32_t ms) {
   ORP_TIME_ST now;
   (void)os::read_monotonic(&now);
   set_expiry(timer, add(now, ms));
+  timer->head.status &= ~kFiring;
   if (timer->head.loop != nullptr) lower(&timer->head.loop->selectTimeout, span_of(ms));
 }
 
 // Calls a due timer and schedules its next expiry; *timeout learns of it.
 void fire(OrpUvLoop *loop, OrpUvTimer *timer, ORP_TIME_ST *timeout) {
-  // The procedure may end the timer; the record itself stays until a safe point.
+  // The procedure may end the timer; the caller holds the record.
   const ORP_TIMER_PROC callback = timer->callback;
   ORP_TRACE_PrintInfo("UVTimerLoop", __LINE__, 0, "track", kTraceLevel, "[start timer %lld:%p:%p]",
                       static_cast<long long>(loop->iteration),
@@ -161,6 +163,7 @@ Status run_timers(OrpUvLoop *loop, ORP_TIME_ST *timeout) {
     if (is_later(expiry, loop->now)) {
       lower(timeout, difference(expiry, loop->now));
     } else {
+      const HoldScope held(watcher, next);
       fire(loop, timer, timeout);
     }
   }

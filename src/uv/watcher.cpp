@@ -49,6 +49,15 @@ void release_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, bool loop_gone) {
   }
 }
 
+// A record that is initialised twice must not tie a knot into the list, and walks that hold it go
+// on doing so. Returns the count of those; what a record outside the list contains means nothing.
+uint32_t unlink_if_chained(OrpUvLoop *loop, const OrpUvWatcher *watcher) {
+  for (OrpUvWatcher **place = &loop->watchers; *place != nullptr; place = &(*place)->link) {
+    if (*place == watcher) return list_unlink_at(place)->status & kHeldMask;
+  }
+  return 0;
+}
+
 Status defer_free(OrpUvLoop *loop, void *data) {
   // The watcher would be created behind this check, so never is. Callers rely on keeping the block.
   if (loop->deferredFree == nullptr) return Status::kBadArgument;
@@ -71,9 +80,8 @@ Status init_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, uint32_t type) {
   if (watcher == nullptr) return Status::kBadArgument;
 
   const ChildSignalBlock block;
-  // A record that is initialised twice must not tie a knot into the list.
-  list_unlink(loop->watchers, watcher);
-  *watcher = {.link = nullptr, .loop = loop, .status = type | ORP_UV_COUNTED, .data = 0};
+  const uint32_t held = unlink_if_chained(loop, watcher);
+  *watcher = {.link = nullptr, .loop = loop, .status = type | ORP_UV_COUNTED | held, .data = 0};
   list_append(loop->watchers, watcher);
   return Status::kOk;
 }
@@ -101,12 +109,15 @@ Status delete_watcher(OrpUvWatcher *watcher) {
 }
 
 void sweep_deleted(OrpUvLoop *loop) {
-  if ((loop->flags & kLoopHasDeleted) == 0 || walk_depth(loop) > 1) return;
+  if ((loop->flags & kLoopHasDeleted) == 0) return;
 
   const ChildSignalBlock block;
+  const bool is_inner = walk_depth(loop) > 1;
   loop->flags &= ~kLoopHasDeleted;
   for (OrpUvWatcher **place = &loop->watchers; *place != nullptr;) {
-    if (!is_deleted(*place)) {
+    const bool spared = is_inner && is_held(*place);
+    if (!is_deleted(*place) || spared) {
+      if (is_deleted(*place)) loop->flags |= kLoopHasDeleted;
       place = &(*place)->link;
       continue;
     }
@@ -137,7 +148,7 @@ void destroy_loop(OrpUvLoop *loop) {
   const ChildSignalBlock block;
   for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
     release_watcher(loop, watcher, true);
-    watcher->status = ORP_UV_DELETED;
+    watcher->status = ORP_UV_DELETED | (watcher->status & kHeldMask);
   }
   list_delete_all(loop->forced);
 
@@ -187,6 +198,7 @@ extern "C" uint32_t OrpUvWatcherIterateItem(OrpUvLoop *loop, ORP_WORD argument,
   const WalkScope walk(loop);
   for (OrpUvWatcher *watcher = loop->watchers, *next; watcher != nullptr; watcher = next) {
     next = watcher->link;
+    const HoldScope held(watcher, next);
     procedure(watcher, argument);
   }
   return code(Status::kOk);

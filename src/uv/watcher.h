@@ -1,8 +1,8 @@
 // The watchers of a loop: their list, deletion, and the freeing of what was deleted.
 //
-// Nothing is freed inside a callback or while anything walks the list: walks raise the loop's walk
-// depth, and sweep_deleted() does nothing below another walk. A walk therefore may hold pointers to
-// watchers across callbacks; it takes the successor before it calls.
+// A walk over the list takes the successor before it calls, and holds both across the callback: a
+// run of the loop inside that callback frees what is deleted, but nothing that is held. Below the
+// outermost run nobody holds anything, so what was spared goes at its next safe point.
 #pragma once
 
 #include "base/status.h"
@@ -24,12 +24,14 @@ constexpr uint32_t kWalkDepthUnit = 0x10000;  // the upper half counts walks und
 
 // Bits of OrpUvWatcher.status that only the library knows.
 constexpr uint32_t kEndOfStream = 0x10000;   // the descriptor has reached the end of its stream
-constexpr uint32_t kFiring = 0x20000;        // the timer's procedure is being called
+constexpr uint32_t kFiring = 0x20000;        // the timer's procedure runs and has not armed it
 constexpr uint32_t kPendingTimer = 0x40000;  // the timer ends a pending entry of a message watcher
 constexpr uint32_t kSpawned = 0x80000;       // the process watcher was made by a spawn
+constexpr uint32_t kHeldUnit = 0x400000;     // the upper bits count who holds the watcher
 constexpr uint32_t kPublicStatus = 0xffff;
 
 constexpr uint32_t kWalkDepthMask = ~(kWalkDepthUnit - 1);
+constexpr uint32_t kHeldMask = ~(kHeldUnit - 1);
 
 inline uint32_t walk_depth(const OrpUvLoop *loop) {
   return loop->flags / kWalkDepthUnit;
@@ -53,6 +55,42 @@ class WalkScope {
   uint32_t outer_;
 };
 
+// Keeps a watcher (or null) from being freed by an inner run. A count that has reached its end
+// stays there: such a watcher waits for the outermost run.
+inline void hold(OrpUvWatcher *watcher) {
+  if (watcher != nullptr && (watcher->status & kHeldMask) != kHeldMask) {
+    watcher->status += kHeldUnit;
+  }
+}
+
+inline void let_go(OrpUvWatcher *watcher) {
+  if (watcher != nullptr && (watcher->status & kHeldMask) != kHeldMask) {
+    watcher->status -= kHeldUnit;
+  }
+}
+
+inline bool is_held(const OrpUvWatcher *watcher) {
+  return (watcher->status & kHeldMask) != 0;
+}
+
+// What a walk holds during a callback.
+class HoldScope {
+ public:
+  HoldScope(OrpUvWatcher *current, OrpUvWatcher *next) : current_(current), next_(next) {
+    hold(current_);
+    hold(next_);
+  }
+  HoldScope(const HoldScope &) = delete;
+  HoldScope &operator=(const HoldScope &) = delete;
+  ~HoldScope() {
+    let_go(next_);
+    let_go(current_);
+  }
+
+ private:
+  OrpUvWatcher *current_, *next_;
+};
+
 inline bool has_type(const OrpUvWatcher *watcher, uint32_t type) {
   return (watcher->status & type) != 0;
 }
@@ -71,7 +109,7 @@ Status init_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, uint32_t type);
 Status start_watcher(OrpUvWatcher *watcher);
 Status delete_watcher(OrpUvWatcher *watcher);
 
-// A safe point: frees the deleted watchers, unless an outer walk is under way.
+// A safe point of a run: frees the deleted watchers that no walk around the run holds.
 void sweep_deleted(OrpUvLoop *loop);
 
 // Procedure of the idle watcher in OrpUvLoop.deferredFree: frees the data that waits.

@@ -53,12 +53,14 @@ std::ostream &operator<<(std::ostream &out, const Call &call) {
   return out << "watcher " << static_cast<int>(call.id) << " event " << call.event;
 }
 
+class ExpectedRun;
+
 // What the loop's record holds. Items stand in list order; freed ones are passed over.
 struct Model {
   std::vector<Item> items;
   std::vector<Call> forced;
-  bool skip = false;
-  uint32_t depth = 0;
+  bool skip = false, stop = false;
+  std::vector<ExpectedRun *> runs;  // those under way, the innermost last
 
   uint32_t successor(uint32_t id) const {
     while (++id < items.size() && items[id].freed) {
@@ -66,33 +68,40 @@ struct Model {
     return id < items.size() ? id : kNothing;
   }
 
-  void sweep() {
-    if (depth > 1) return;
-    for (uint32_t id = 0; id < items.size(); ++id) {
-      Item &item = items[id];
-      if (item.freed || !item.deleted) continue;
-      item.freed = true;
-      std::erase_if(forced, [&](const Call &entry) { return entry.id == id; });
-    }
-  }
+  // Frees what is deleted and not held by a run around the innermost one.
+  void sweep();
 };
 
-// The calls of one run: an iteration and, because item 0 stops the loop in the second one, its
-// timers and idle procedures.
+// The calls of one run: an iteration and, because item 0 stops the loop in each later one, timers
+// and idle procedures. An inner run that begins after that stop takes it: then further iterations
+// follow.
 class ExpectedRun {
  public:
-  explicit ExpectedRun(Model *model) : model_(*model) { ++model_.depth; }
-  ~ExpectedRun() { --model_.depth; }
+  explicit ExpectedRun(Model *model) : model_(*model) { model_.runs.push_back(this); }
+  ~ExpectedRun() { model_.runs.pop_back(); }
 
-  bool is_second_iteration() const { return second_; }
+  bool is_first_iteration() const { return first_; }
 
   Call next() {
     settle_last();
+    current_ = kNothing;
     for (; phase_ != kEnd; advance()) {
       const Call call = phase_ == kForced ? next_forced() : next_watcher();
+      current_ = call.id;
       if (call.id != kNothing) return call;
     }
     return {kNothing, 0};
+  }
+
+  // Inside a call, a walk needs the watcher that is called and the one that comes next; the
+  // reaper's walk takes place inside the call of the reaper. Queued events need their watchers,
+  // too.
+  bool holds(uint32_t id) const {
+    if (id == current_) return true;
+    if (phase_ == kForced) {
+      return std::ranges::any_of(batch_, [id](const Call &call) { return call.id == id; });
+    }
+    return id == position_ || (reporting_ && (id == reaper_ || id == exit_position_));
   }
 
  private:
@@ -113,7 +122,7 @@ class ExpectedRun {
       case kTimers:
         return enter(kIdle);
       case kIdle:
-        return second_ ? enter(kEnd) : select();
+        return model_.stop ? enter(kEnd) : select();
       case kForced:
         if (ready_.empty()) model_.sweep();
         if (!ready_.empty() && !delivered_) return enter(kRead);
@@ -125,11 +134,13 @@ class ExpectedRun {
       case kEnd:
         break;
     }
-    second_ = true;
+    first_ = false;
     enter(kTimers);
   }
 
   void select() {
+    ready_.clear();
+    delivered_ = false;
     for (const Item &item : model_.items) {
       if (item.freed || item.fd < 0) continue;
       const uint32_t possible = ORP_UV_WRITABLE | (item.readable ? ORP_UV_READABLE : 0);
@@ -142,7 +153,8 @@ class ExpectedRun {
   Call next_watcher() {
     for (;;) {
       const Call exit = next_exit();
-      if (exit.id != kNothing) return exit;
+      reporting_ = exit.id != kNothing;
+      if (reporting_) return exit;
       const uint32_t id = position_;
       if (id == kNothing || (in_pass_ && model_.skip)) return {kNothing, 0};
       position_ = model_.successor(id);
@@ -164,7 +176,10 @@ class ExpectedRun {
       }
     }
     if (phase_ == kIdle) {
-      if (item.kind == Item::kReaper) exit_position_ = model_.successor(kNothing);
+      if (item.kind == Item::kReaper) {
+        reaper_ = id;
+        exit_position_ = model_.successor(kNothing);
+      }
       if (item.kind == Item::kIdle) return 0;
     }
     if ((phase_ == kRead || phase_ == kWrite) && item.kind == Item::kIo && !item.deleted) {
@@ -210,20 +225,35 @@ class ExpectedRun {
     Item &item = model_.items[std::exchange(last_, kNothing)];
     if (item.kind == Item::kProcess) return item.remove();
     item.firing = false;
-    item.ended |= item.count == 1;
-    item.due = item.count == 1;
+    if (item.count == 1) {
+      item.ended = true;
+      return;
+    }
+    item.due = false;
     if (item.count > 1) --item.count;
   }
 
   Model &model_;
   Phase phase_ = kTimers;
   uint32_t position_ = 0;  // item 0 is never freed
-  uint32_t exit_position_ = kNothing;
+  uint32_t exit_position_ = kNothing, reaper_ = kNothing;
+  uint32_t current_ = kNothing;
   uint32_t last_ = kNothing;
-  bool second_ = false, delivered_ = false, in_pass_ = false;
+  bool first_ = true, delivered_ = false, in_pass_ = false, reporting_ = false;
   std::map<int, uint32_t> ready_;
   std::vector<Call> batch_;
 };
+
+void Model::sweep() {
+  const auto is_held = [&](uint32_t id) {
+    return std::any_of(runs.begin(), runs.end() - 1, [&](auto *run) { return run->holds(id); });
+  };
+  for (uint32_t id = 0; id < items.size(); ++id) {
+    if (items[id].freed || !items[id].deleted || is_held(id)) continue;
+    items[id].freed = true;
+    std::erase_if(forced, [&](const Call &entry) { return entry.id == id; });
+  }
+}
 
 class LoopModelTest : public testing::Test {
  protected:
@@ -258,13 +288,18 @@ class LoopModelTest : public testing::Test {
     add({.kind = Item::kIdle, .watcher = &idle->head});
   }
 
+  void start_timer(Item *item) {
+    item->count = pick(3);
+    const ORP_TIMER_PROC call = [](ORP_WORD id) { called(id); };
+    OrpUvTimerStart(item->as<OrpUvTimer>(), kFar_ms, item->count, call, item->watcher->data);
+  }
+
   void add_timer() {
     auto *timer = new_record<OrpUvTimer>();
     OrpUvTimerInit(&loop_, timer);
-    const uint32_t count = pick(3);
-    const ORP_TIMER_PROC call = [](ORP_WORD id) { called(id); };
-    OrpUvTimerStart(timer, kFar_ms, count, call, 0);
-    add({.kind = Item::kTimer, .watcher = &timer->head, .count = count});
+    Item item = {.kind = Item::kTimer, .watcher = &timer->head};
+    start_timer(&item);
+    add(item);
   }
 
   void add_io() {
@@ -350,16 +385,27 @@ class LoopModelTest : public testing::Test {
 
   void change_timer(Item *item) {
     auto *timer = item->as<OrpUvTimer>();
-    const uint32_t choice = pick(6);
-    if (choice == 0) {
-      OrpUtilTimerDel(timer);
-      item->ended = true;
-    } else if (choice == 1) {
-      EXPECT_EQ(ORP_OK, OrpUvTimerDelete(timer));
-      item->remove();
-    } else {
-      timer->expirySec = 1;
-      item->due = true;
+    switch (pick(8)) {
+      case 0:
+        OrpUtilTimerDel(timer);
+        item->ended = true;
+        break;
+      case 1:
+        EXPECT_EQ(ORP_OK, OrpUvTimerDelete(timer));
+        item->remove();
+        break;
+      case 2:
+        OrpUtilTimerChgPeriod(timer, kFar_ms);
+        item->due = item->firing = false;
+        break;
+      case 3:
+        start_timer(item);
+        item->firing = item->ended = item->deleted = false;
+        item->active = true;
+        [[fallthrough]];
+      default:
+        timer->expirySec = 1;
+        item->due = true;
     }
   }
 
@@ -394,7 +440,7 @@ class LoopModelTest : public testing::Test {
       if (pick(6) == 0) return add_process();
       return pick(2) != 0 ? add_timer() : add_idle();
     }
-    if (choice == 2 && in_callback && model_.depth < kMaxDepth && calls_ < inner_limit_) {
+    if (choice == 2 && in_callback && model_.runs.size() < kMaxDepth && calls_ < inner_limit_) {
       run();
       model_.skip = true;
       return;
@@ -403,19 +449,18 @@ class LoopModelTest : public testing::Test {
   }
 
   void run() {
-    if (stopping_) {
-      // The stop of the run around this one ends this one, too.
+    if (model_.stop) {
+      // Ends at once and takes the stop, which the run around this one then never sees.
       EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(&loop_, 0));
+      model_.stop = false;
       return;
     }
     ExpectedRun expected(&model_);
-    runs_.push_back(&expected);
     EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(&loop_, 0));
     if (!HasFailure()) {
       EXPECT_EQ((Call{kNothing, 0}), expected.next());
     }
-    runs_.pop_back();
-    stopping_ = false;
+    model_.stop = false;
     compare_records();
   }
 
@@ -426,7 +471,7 @@ class LoopModelTest : public testing::Test {
   void check_call(Call call) {
     ++calls_;
     if (!HasFailure()) {
-      EXPECT_EQ(runs_.back()->next(), call) << "call " << calls_;
+      EXPECT_EQ(model_.runs.back()->next(), call) << "call " << calls_;
     }
     if (HasFailure()) return OrpUvLoopStop(&loop_);
 
@@ -436,9 +481,9 @@ class LoopModelTest : public testing::Test {
     }
     const ORP_TIME_ST none = {0, 0};
     OrpUvLoopUpdateSelectTimeout(&loop_, &none);
-    if (!runs_.back()->is_second_iteration()) return;
+    if (model_.runs.back()->is_first_iteration()) return;
     OrpUvLoopStop(&loop_);
-    stopping_ = true;
+    model_.stop = true;
   }
 
   void compare_records() {
@@ -463,8 +508,6 @@ class LoopModelTest : public testing::Test {
   static inline LoopModelTest *test_;
   OrpUvLoop &loop_ = *OrpUvLoopGetDefault();
   Model model_;
-  std::vector<ExpectedRun *> runs_;
-  bool stopping_ = false;
   std::mt19937 random_{test::seed()};
   uint64_t calls_ = 0, inner_limit_ = 0;
 };
