@@ -2,8 +2,10 @@
 
 find_program(CCACHE ccache)
 if(CCACHE)
-  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  # What it has to overlook so that files with precompiled headers are cached.
+  set(ccache_launcher env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${ccache_launcher})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${ccache_launcher})
 endif()
 
 add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wconversion -Werror -fstack-protector-strong)

@@ -8,11 +8,12 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 
+#include "common/command_line.h"
 #include "relay.h"
 
 namespace {
@@ -53,19 +54,18 @@ void run(const dns_relay::Settings &settings) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app(
+  servers::CommandLine line(
+      "dns_relay",
       "A caching DNS relay. SIGHUP reads the hosts file again, SIGINT and SIGTERM end it.");
   dns_relay::Settings settings;
-  app.add_option("--listen", settings.listen, "Address and port to serve")->capture_default_str();
-  app.add_option("--upstream", settings.upstreams, "Server (ADDRESS or ADDRESS#PORT), repeatable");
-  app.add_option("--hosts", settings.hosts, "File of names and addresses, as /etc/hosts");
-  app.add_option("--hosts-ttl", settings.hosts_ttl_s, "TTL of answers from it, in seconds")
-      ->capture_default_str();
-  app.add_option("--timeout", settings.timeout_ms, "Milliseconds for each server to answer")
-      ->capture_default_str()
-      ->check(CLI::Range(10, 60000));
-  app.add_option("--cache", settings.cache_size, "Names to remember")->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
+  line.option("--listen", &settings.listen, "Address and port to serve");
+  line.option("--upstream", &settings.upstreams, "Server (ADDRESS or ADDRESS#PORT), repeatable");
+  line.option("--hosts", &settings.hosts, "File of names and addresses, as /etc/hosts");
+  line.number("--hosts-ttl", &settings.hosts_ttl_s, "TTL of answers from it, in seconds");
+  line.number("--timeout", &settings.timeout_ms, "Milliseconds for each server to answer",
+              {10, 60000});
+  line.number("--cache", &settings.cache_size, "Names to remember");
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   try {
     run(settings);

@@ -8,17 +8,18 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "msgapi/bridge.h"
 #include "msgapi/loop.h"
 #include "msgapi/mac.h"
@@ -186,14 +187,13 @@ void run(const Settings &settings) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app("Shows who is on which port of this machine's bridges.");
+  servers::CommandLine line("lan_watch", "Shows who is on which port of this machine's bridges.");
   Settings settings;
-  app.add_option("--interval", settings.interval_ms, "Milliseconds between two tables")
-      ->capture_default_str()
-      ->check(CLI::Range(10, 3600000));
-  app.add_option("--count", settings.count, "Tables to print (0: until SIGINT or SIGTERM)");
-  app.add_flag("--mask", settings.mask, "Mask MAC addresses");
-  CLI11_PARSE(app, argc, argv);
+  line.number("--interval", &settings.interval_ms, "Milliseconds between two tables",
+              {10, 3600000});
+  line.number("--count", &settings.count, "Tables to print (0: until SIGINT or SIGTERM)");
+  line.flag("--mask", &settings.mask, "Mask MAC addresses");
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   try {
     run(settings);

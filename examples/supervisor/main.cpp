@@ -9,17 +9,18 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "msgapi/loop.h"
 #include "service.h"
 
@@ -72,24 +73,22 @@ void watch_signals() {
 }
 
 int run(int argc, char **argv) {
-  CLI::App app("Keeps programs running and shows their output by lines.", "supervisor");
+  servers::CommandLine line("supervisor",
+                            "Keeps programs running and shows their output by lines.");
   Policy policy;
   std::vector<std::string> commands;
-  app.add_option("--delay", policy.first_delay_ms, "Milliseconds before the first restart")
-      ->capture_default_str()
-      ->check(CLI::Range(1u, 60000u));
-  app.add_option("--max-delay", policy.max_delay_ms, "The delay doubles up to this")
-      ->capture_default_str()
-      ->check(CLI::Range(1u, 3600000u));
-  app.add_option("--restarts", policy.max_restarts, "Restarts of each program; 0: no limit");
-  app.add_option("programs", commands, "NAME=COMMAND, run by /bin/sh")->required();
-  CLI11_PARSE(app, argc, argv);
+  line.number("--delay", &policy.first_delay_ms, "Milliseconds before the first restart",
+              {1, 60000});
+  line.number("--max-delay", &policy.max_delay_ms, "The delay doubles up to this", {1, 3600000});
+  line.number("--restarts", &policy.max_restarts, "Restarts of each program; 0: no limit");
+  line.arguments("programs", &commands, "NAME=COMMAND, run by /bin/sh",
+                 servers::Presence::kRequired);
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   for (const std::string &command : commands) {
     const size_t equals = command.find('=');
     if (equals == 0 || equals == std::string::npos) {
-      fmt::print(stderr, "supervisor: not of the form NAME=COMMAND: {}\n", command);
-      return 2;
+      return line.usage_error("not of the form NAME=COMMAND: " + command);
     }
     g_services.push_back(std::make_unique<Service>(
         command.substr(0, equals), command.substr(equals + 1), policy, end_when_all_are_gone));

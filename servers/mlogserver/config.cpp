@@ -2,12 +2,12 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <charconv>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
 
+#include "common/ini_file.h"
 #include "line.h"
 #include "msgapi/ringlog.h"
 
@@ -17,13 +17,13 @@ namespace {
 // A file must hold a few lines of the longest kind.
 constexpr uint32_t kSmallestFile = 4096;
 
-using Item = CLI::ConfigItem;
+using Item = servers::IniItem;
 
 std::string one_value(const Item &item) {
-  if (item.inputs.size() != 1 || item.inputs[0].empty()) {
+  if (item.values.size() != 1 || item.values[0].empty()) {
     throw std::runtime_error(fmt::format("{} needs one value", item.name));
   }
-  return item.inputs[0];
+  return item.values[0];
 }
 
 uint32_t number(const Item &item, uint32_t least, uint32_t most) {
@@ -79,7 +79,7 @@ void set_key(const Item &item, Config *config) {
   } else if (item.name == "max_modules") {
     config->max_modules = number(item, 1, 1000);
   } else if (item.name == "modules") {
-    for (const std::string &module : item.inputs) {
+    for (const std::string &module : item.values) {
       check_module(module);
       config->modules.insert(module);
     }
@@ -101,19 +101,18 @@ Config read_config(const std::string &path) {
 
   Config config;
   try {
-    const std::vector<Item> items = CLI::ConfigINI().from_config(file);
+    const std::vector<Item> items = servers::read_ini(file);
     // What a section leaves out is as in the rest of the file, wherever that stands.
     for (const Item &item : items) {
-      if (item.parents.empty()) set_key(item, &config);
+      if (item.section.empty()) set_key(item, &config);
     }
     for (const Item &item : items) {
-      if (item.parents.empty() || item.name == "--") continue;
-      const std::string module = CLI::detail::join(item.parents, ".");
-      if (item.name == "++") {
-        check_module(module);
-        config.limits.emplace(module, config.defaults);
-      } else if (!set_limit(item, &config.limits.at(module))) {
-        throw std::runtime_error(fmt::format("unknown key {} in [{}]", item.name, module));
+      if (item.section.empty()) continue;
+      if (item.name.empty()) {
+        check_module(item.section);
+        config.limits.emplace(item.section, config.defaults);
+      } else if (!set_limit(item, &config.limits.at(item.section))) {
+        throw std::runtime_error(fmt::format("unknown key {} in [{}]", item.name, item.section));
       }
     }
   } catch (const std::exception &error) {

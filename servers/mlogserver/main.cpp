@@ -3,13 +3,14 @@
 
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <string>
 
+#include "common/command_line.h"
 #include "common/event_loop.h"
 #include "common/log_line.h"
 #include "config.h"
@@ -90,13 +91,14 @@ void run(const Options &options) {
 }  // namespace
 
 int main(int argc, char **argv) try {
-  CLI::App app("The log server: keeps every module's lines in a ring file of its own.");
+  servers::CommandLine line(
+      "mlogserver", "The log server: keeps every module's lines in a ring file of its own.");
   Options options;
-  app.add_option("--config", options.config_file,
-                 std::string("Configuration file (") + kConfigFile + " if it is there)");
-  app.add_option("--directory", options.directory,
-                 "Where the log files are kept, whatever the configuration says");
-  CLI11_PARSE(app, argc, argv);
+  line.option("--config", &options.config_file,
+              "Configuration file (/etc/mlogserver.conf if it is there)");
+  line.option("--directory", &options.directory,
+              "Where the log files are kept, whatever the configuration says");
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   servers::set_log_name("mlogserver");
   ::umask(0027);

@@ -3,12 +3,13 @@
 
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 
+#include "common/command_line.h"
 #include "common/event_loop.h"
 #include "common/log_line.h"
 #include "notifyserver/server.h"
@@ -35,19 +36,17 @@ void run(const std::string &path, const notifyserver::Limits &limits) {
 }  // namespace
 
 int main(int argc, char **argv) try {
-  CLI::App app("The notify server: passes notifications between the modules of the device.");
+  servers::CommandLine line(
+      "notifyserver", "The notify server: passes notifications between the modules of the device.");
   std::string path = ORP_NOTIFYCLT_DIRECTORY "/" ORP_NOTIFYCLT_SERVER_NAME;
-  app.add_option("--socket", path, "Where clients connect")->capture_default_str();
+  line.option("--socket", &path, "Where clients connect");
   notifyserver::Limits limits;
-  app.add_option("--queue", limits.queue,
-                 "Bytes that may wait for a client that does not read; more is lost and counted")
-      ->capture_default_str();
-  app.add_option(
-         "--unfinished", limits.unfinished,
-         "Bytes that messages of one user's clients may take before they have arrived whole, "
-         "and half of what all may; more is lost and counted")
-      ->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
+  line.number("--queue", &limits.queue,
+              "Bytes that may wait for a client that does not read; more is lost and counted");
+  line.number("--unfinished", &limits.unfinished,
+              "Bytes that messages of one user's clients may take before they have arrived whole, "
+              "and half of what all may; more is lost and counted");
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   servers::set_log_name("notifyserver");
   // Every application puts its own socket there, too.

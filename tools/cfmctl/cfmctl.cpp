@@ -1,6 +1,5 @@
 // cfmctl: shows and changes the configuration store from the command line.
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -8,6 +7,7 @@
 #include <iterator>
 #include <optional>
 
+#include "common/command_line.h"
 #include "store_json.h"
 
 namespace cfmctl {
@@ -17,7 +17,12 @@ constexpr char kPlaceHelp[] =
     "ID, OBJECT/INSTANCE/ID, app/ITEM or equip/ITEM; numbers decimal or with 0x";
 
 Place parse_place(const std::string &text) {
-  std::vector<std::string> pieces = CLI::detail::split(text, '/');
+  std::vector<std::string> pieces;
+  for (size_t begin = 0, end; begin != std::string::npos; begin = end) {
+    end = text.find('/', begin);
+    pieces.push_back(text.substr(begin, end - begin));
+    if (end != std::string::npos) ++end;
+  }
   if (pieces.size() == 1) return {CFM_AREA_PARAMETER, 0, 0, parse_number(pieces[0])};
   if (pieces.size() == 2 && pieces[0] == "app") {
     return {CFM_AREA_APP_DATA, 0, 0, parse_number(pieces[1])};
@@ -165,55 +170,51 @@ void import_from(const std::string &path, bool as_defaults) {
 }
 
 int run(int argc, char **argv) {
-  CLI::App app{"Shows and changes the configuration store in " CFM_STORE_PATH "."};
-  app.require_subcommand(1);
-
+  using servers::Command;
+  constexpr servers::Presence kOptional = servers::Presence::kOptional;
+  constexpr servers::Presence kRequired = servers::Presence::kRequired;
+  servers::CommandLine line("cfmctl",
+                            "Shows and changes the configuration store in " CFM_STORE_PATH ".");
   std::string place, value, type, file, defaults;
   uint32_t size = 0;
 
-  CLI::App *command = app.add_subcommand("get", "Print one value");
-  command->add_option("PLACE", place, kPlaceHelp)->required();
-  command->callback([&] { get(place); });
+  Command command = line.command("get", "Print one value", [&] { get(place); });
+  command.argument("PLACE", &place, kPlaceHelp, kRequired);
 
-  command = app.add_subcommand("set", "Store one value");
-  command->add_option("PLACE", place, kPlaceHelp)->required();
-  command->add_option("VALUE", value, "a number, a text, or bytes in hexadecimal digits")
-      ->required();
-  command->add_option("--type", type, "Define the value anew with this type")
-      ->check(CLI::IsMember({"number", "text", "bytes"}));
-  command->add_option("--size", size, "The most bytes it may have, a text's NUL included")
-      ->check(CLI::Range(1u, CFM_MAX_VALUE_SIZE));
-  command->callback([&] { set(place, value, type, size); });
+  command = line.command("set", "Store one value", [&] { set(place, value, type, size); });
+  command.argument("PLACE", &place, kPlaceHelp, kRequired);
+  command.argument("VALUE", &value, "a number, a text, or bytes in hexadecimal digits", kRequired);
+  command.choice("--type", &type, {"number", "text", "bytes"},
+                 "Define the value anew with this type");
+  command.number("--size", &size, "The most bytes it may have, a text's NUL included",
+                 {1, CFM_MAX_VALUE_SIZE});
 
-  command = app.add_subcommand("remove", "Remove one value, or with OBJECT/INSTANCE/0 an instance");
-  command->add_option("PLACE", place, kPlaceHelp)->required();
-  command->callback([&] { remove(place); });
+  command = line.command("remove", "Remove one value, or with OBJECT/INSTANCE/0 an instance",
+                         [&] { remove(place); });
+  command.argument("PLACE", &place, kPlaceHelp, kRequired);
 
-  app.add_subcommand("list", "Print all values: place, type, size, value")->callback(list);
-  app.add_subcommand("objects", "Print the instances of all objects")->callback(objects);
+  line.command("list", "Print all values: place, type, size, value", list);
+  line.command("objects", "Print the instances of all objects", objects);
 
-  command = app.add_subcommand("export", "Write the store as JSON");
-  command->add_option("FILE", file, "standard output when it is missing or -");
-  command->callback([&] { export_to(file); });
+  command = line.command("export", "Write the store as JSON", [&] { export_to(file); });
+  command.argument("FILE", &file, "standard output when it is missing or -", kOptional);
 
-  command = app.add_subcommand("import", "Store all values of a JSON file, or none; others stay");
-  CLI::Option *plain = command->add_option("FILE", file, "a file as 'export' writes it");
-  command->add_option("--defaults", defaults, "Make its values the defaults too")->excludes(plain);
-  command->callback([&] {
-    if (file.empty() && defaults.empty()) throw CLI::RequiredError("FILE");
+  command = line.command("import", "Store all values of a JSON file, or none; others stay", [&] {
+    if (file.empty() == defaults.empty()) {
+      throw servers::UsageError("import needs FILE or --defaults FILE, and not both");
+    }
     import_from(defaults.empty() ? file : defaults, !defaults.empty());
   });
+  command.argument("FILE", &file, "a file as 'export' writes it", kOptional);
+  command.option("--defaults", &defaults, "Make the values of this file the defaults too");
 
-  app.add_subcommand("reset", "Bring back the defaults")->callback([] {
-    check(CFM_StoreRestoreDefaults());
-  });
-  app.add_subcommand("check", "Verify the whole database")->callback([] {
+  line.command("reset", "Bring back the defaults", [] { check(CFM_StoreRestoreDefaults()); });
+  line.command("check", "Verify the whole database", [] {
     check(CFM_StoreCheck());
     std::puts("the store is sound");
   });
 
-  CLI11_PARSE(app, argc, argv);
-  return 0;
+  return line.parse(argc, argv).value_or(0);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -13,10 +12,12 @@
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/command_line.h"
 #include "mlogserver/config.h"
 #include "msgapi/log.h"
 #include "msgapi/ringlog.h"
@@ -243,62 +244,58 @@ void get(const Options &options) {
   fmt::print("{}\n", text.data());
 }
 
-void add_files(CLI::App *command, Options *options) {
-  command->add_option("files", options->files, "Modules or files; all modules when left out");
-  command->add_option("--directory", options->directory, "Where mlogserver keeps its files");
-  command->add_flag("--json", options->json, "One JSON object for each line");
+void add_files(servers::Command *command, Options *options) {
+  command->arguments("files", &options->files, "Modules or files; all modules when left out",
+                     servers::Presence::kOptional);
+  command->option("--directory", &options->directory, "Where mlogserver keeps its files");
+  command->flag("--json", &options->json, "One JSON object for each line");
 }
 
-void add_filters(CLI::App *command, Options *options) {
+void add_filters(servers::Command *command, Options *options) {
   add_files(command, options);
-  command->add_option("--level", options->level, "Leave out what is less important")
-      ->check(CLI::IsMember({"FATL", "ERRO", "WARN", "INFO"}, CLI::ignore_case))
-      ->capture_default_str();
-  command->add_option("--module", options->modules, "Only the lines of this module (repeatable)");
-  command->add_flag("--time", options->wall_time,
-                    "Time of day (UTC) instead of uptime, for lines of the running boot");
-  command->add_option("--colour,--color", options->colour, "auto, always or never")
-      ->check(CLI::IsMember({"auto", "always", "never"}))
-      ->capture_default_str();
+  command->choice("--level", &options->level, {"FATL", "ERRO", "WARN", "INFO"},
+                  "Leave out what is less important");
+  command->option("--module", &options->modules, "Only the lines of this module (repeatable)");
+  command->flag("--time", &options->wall_time,
+                "Time of day (UTC) instead of uptime, for lines of the running boot");
+  command->choice("--colour,--color", &options->colour, {"auto", "always", "never"},
+                  "Whether levels are coloured; auto: on a terminal");
 }
 
 }  // namespace
 
 int main(int argc, char **argv) try {
-  CLI::App app("Reads the log files of mlogserver and talks to the server.");
-  app.require_subcommand(1);
+  servers::CommandLine line("mlog", "Reads the log files of mlogserver and talks to the server.");
   Options options;
 
-  CLI::App *command = app.add_subcommand("cat", "Print log files, the oldest lines first");
-  add_filters(command, &options);
-  command->callback([&] { cat(options); });
+  servers::Command command =
+      line.command("cat", "Print log files, the oldest lines first", [&options] { cat(options); });
+  add_filters(&command, &options);
 
-  command = app.add_subcommand("tail", "Print the last lines of log files");
-  add_filters(command, &options);
-  command->add_flag("-f,--follow", options.follow, "Go on with the lines that are added");
-  command->add_option("-n,--lines", options.last, "How many lines of each file")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
-  command->callback([&] { tail(options); });
+  command =
+      line.command("tail", "Print the last lines of log files", [&options] { tail(options); });
+  add_filters(&command, &options);
+  command.flag("-f,--follow", &options.follow, "Go on with the lines that are added");
+  command.number("-n,--lines", &options.last, "How many lines of each file");
 
-  command = app.add_subcommand("stat", "Size, turns and contents of log files");
-  add_files(command, &options);
-  command->callback([&] { stat(options); });
+  command =
+      line.command("stat", "Size, turns and contents of log files", [&options] { stat(options); });
+  add_files(&command, &options);
 
-  command = app.add_subcommand("flush", "Have the server write everything to disk");
-  command->callback([] { check_answer(MlogFlushLog()); });
+  line.command("flush", "Have the server write everything to disk",
+               [] { check_answer(MlogFlushLog()); });
 
-  command = app.add_subcommand("get", "Print the statistics text of a module");
-  command->add_option("module", options.module)->required();
-  command->callback([&] { get(options); });
+  command =
+      line.command("get", "Print the statistics text of a module", [&options] { get(options); });
+  command.argument("module", &options.module, "its name", servers::Presence::kRequired);
 
-  command = app.add_subcommand("set", "Set the statistics text of a module");
-  command->add_option("module", options.module)->required();
-  command->add_option("text", options.text)->required();
-  command->callback(
-      [&] { check_answer(MlogSetStatInfo(options.module.c_str(), options.text.c_str())); });
+  command = line.command("set", "Set the statistics text of a module", [&options] {
+    check_answer(MlogSetStatInfo(options.module.c_str(), options.text.c_str()));
+  });
+  command.argument("module", &options.module, "its name", servers::Presence::kRequired);
+  command.argument("text", &options.text, "the new text", servers::Presence::kRequired);
 
-  CLI11_PARSE(app, argc, argv);
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
   return g_status;
 } catch (const std::exception &error) {
   std::fprintf(stderr, "mlog: %s\n", error.what());

@@ -1,0 +1,113 @@
+// All that uses CLI11, which takes seconds to compile: command lines and files of sections.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "common/command_line.h"
+#include "common/ini_file.h"
+
+namespace servers {
+namespace {
+
+// What the user typed is quoted in messages, and must not command the terminal.
+std::string printable(std::string text) {
+  for (char &c : text) {
+    if ((static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7f) c = '?';
+  }
+  return text;
+}
+
+bool required(Presence presence) {
+  return presence == Presence::kRequired;
+}
+
+}  // namespace
+
+void Command::option(const char *names, std::string *value, const char *help) {
+  CLI::Option *option = app_->add_option(names, *value, help);
+  if (!value->empty()) option->capture_default_str();
+}
+
+void Command::option(const char *names, std::vector<std::string> *values, const char *help) {
+  CLI::Option *option = app_->add_option(names, *values, help)->allow_extra_args(false);
+  if (!values->empty()) option->capture_default_str();
+}
+
+void Command::choice(const char *names, std::string *value,
+                     std::initializer_list<const char *> choices, const char *help) {
+  CLI::Option *option = app_->add_option(names, *value, help);
+  option->transform(
+      CLI::IsMember(std::vector<std::string>(choices.begin(), choices.end()), CLI::ignore_case));
+  if (!value->empty()) option->capture_default_str();
+}
+
+void Command::flag(const char *names, bool *value, const char *help) {
+  app_->add_flag(names, *value, help);
+}
+
+void Command::add_number(const char *names, int64_t value, std::function<void(int64_t)> store,
+                         const char *help, Range range) {
+  CLI::Option *option = app_->add_option_function<int64_t>(names, std::move(store), help);
+  option->check(CLI::Range(range.least, range.most));
+  if (value >= range.least && value <= range.most) option->default_str(std::to_string(value));
+}
+
+void Command::argument(const char *label, std::string *value, const char *help, Presence presence) {
+  app_->add_option(label, *value, help)->required(required(presence));
+}
+
+void Command::arguments(const char *label, std::vector<std::string> *values, const char *help,
+                        Presence presence) {
+  app_->add_option(label, *values, help)->required(required(presence));
+}
+
+CommandLine::CommandLine(const char *program, const char *about)
+    : Command(nullptr), owned_(std::make_unique<CLI::App>(about, program)) {
+  app_ = owned_.get();
+  app_->set_version_flag("--version", std::string(program) + " " MSGAPI_VERSION);
+}
+
+CommandLine::~CommandLine() = default;
+
+Command CommandLine::command(const char *name, const char *help, std::function<void()> action) {
+  CLI::App *command = app_->add_subcommand(name, help);
+  command->callback(std::move(action));
+  app_->require_subcommand(1);
+  return Command(command);
+}
+
+std::optional<int> CommandLine::parse(int argc, char **argv) {
+  try {
+    app_->parse(argc, argv);
+    return std::nullopt;
+  } catch (const CLI::Success &done) {
+    return app_->exit(done);
+  } catch (const CLI::ParseError &mistake) {
+    return usage_error(mistake.what());
+  } catch (const UsageError &mistake) {
+    return usage_error(mistake.what());
+  }
+}
+
+int CommandLine::usage_error(const std::string &mistake) const {
+  const char *program = app_->get_name().c_str();
+  std::fprintf(stderr, "%s: %s\nRun '%s --help' for what it takes.\n", program,
+               printable(mistake).c_str(), program);
+  return kUsageStatus;
+}
+
+std::vector<IniItem> read_ini(std::istream &file) {
+  // Names of items at which a section begins and ends.
+  constexpr const char *kBegin = "++", *kEnd = "--";
+
+  std::vector<IniItem> items;
+  for (CLI::ConfigItem &item : CLI::ConfigINI().from_config(file)) {
+    if (item.name == kEnd) continue;
+    items.push_back({CLI::detail::join(item.parents, "."),
+                     item.name == kBegin ? std::string() : std::move(item.name),
+                     std::move(item.inputs)});
+  }
+  return items;
+}
+
+}  // namespace servers
