@@ -1,9 +1,10 @@
-// doc_tables [--check] FILE...: the tables of message types in the documents, from the catalogue.
+// doc_tables [--check] FILE...: the tables of message types and statuses in the documents, from the
+// catalogue.
 //
 // A table stands between the lines "<!-- message types: GROUP... -->" and "<!-- end -->"; with
 // "<!-- message types, served: GROUP... -->" it says what the server does and not what travels.
-// Files are rewritten in place. With --check nothing is written, and a file that would change is
-// named.
+// "<!-- statuses: FAMILY... -->" begins one of statuses. Files are rewritten in place. With --check
+// nothing is written, and a file that would change is named.
 
 #include <cstdio>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include <string_view>
 
 #include "catalogue/message_types.h"
+#include "catalogue/statuses.h"
 
 namespace {
 
@@ -23,9 +25,8 @@ using catalogue::Body;
 using catalogue::Content;
 using catalogue::Group;
 using catalogue::MessageType;
+using catalogue::StatusNumber;
 
-constexpr std::string_view kTravels = "<!-- message types: ";
-constexpr std::string_view kServed = "<!-- message types, served: ";
 constexpr std::string_view kEnd = "<!-- end -->";
 
 const std::map<std::string, Group, std::less<>> kGroups = {
@@ -108,20 +109,51 @@ std::string row(const MessageType &type, bool served) {
   return line + escaped(type.meaning) + " |\n";
 }
 
-// The table for a marker's groups, which end in " -->".
-std::string table(const std::string &groups, bool served) {
-  std::string text =
-      served ? "| Type | Name | Answer | What it asks for |\n|---|---|---|---|\n"
-             : "| Type | Name | From | To | `ulMsgData` | Body | Answer | Wait | Meaning |\n"
-               "|---|---|---|---|---|---|---|---|---|\n";
-  std::istringstream words(groups);
-  for (std::string word; words >> word && word != "-->";) {
-    const auto group = kGroups.find(word);
-    if (group == kGroups.end()) throw std::runtime_error("there is no group '" + word + "'");
-    for (const MessageType &type : catalogue::message_types()) {
-      if (type.group == group->second) text += row(type, served);
-    }
+std::string type_rows(const std::string &group, bool served) {
+  const auto known = kGroups.find(group);
+  if (known == kGroups.end()) throw std::runtime_error("there is no group '" + group + "'");
+  std::string rows;
+  for (const MessageType &type : catalogue::message_types()) {
+    if (type.group == known->second) rows += row(type, served);
   }
+  return rows;
+}
+
+std::string status_rows(const std::string &family) {
+  std::string rows;
+  for (const StatusNumber &status : catalogue::statuses()) {
+    if (catalogue::family_word(status.family) != family) continue;
+    const std::string name = status.name.empty() ? "-" : "`" + std::string(status.name) + "`";
+    rows += "| " + catalogue::status_text(status.number) + " | " + name + " | " +
+            escaped(status.sentence) + " |\n";
+  }
+  if (rows.empty()) throw std::runtime_error("there is no family '" + family + "'");
+  return rows;
+}
+
+// A kind of table: the line that begins it, up to its words, and how it is made.
+struct Table {
+  std::string_view marker;
+  std::string_view head;
+  std::string (*rows)(const std::string &word);
+};
+
+constexpr Table kTables[] = {
+    {"<!-- message types: ",
+     "| Type | Name | From | To | `ulMsgData` | Body | Answer | Wait | Meaning |\n"
+     "|---|---|---|---|---|---|---|---|---|\n",
+     [](const std::string &group) { return type_rows(group, false); }},
+    {"<!-- message types, served: ",
+     "| Type | Name | Answer | What it asks for |\n|---|---|---|---|\n",
+     [](const std::string &group) { return type_rows(group, true); }},
+    {"<!-- statuses: ", "| Number | Name | Meaning |\n|---|---|---|\n", status_rows},
+};
+
+// `words` end in " -->".
+std::string rendered(const Table &table, const std::string &words) {
+  std::string text(table.head);
+  std::istringstream in(words);
+  for (std::string word; in >> word && word != "-->";) text += table.rows(word);
   return text;
 }
 
@@ -132,10 +164,10 @@ std::string with_tables(const std::string &document) {
   for (std::string line; std::getline(lines, line);) {
     if (line == kEnd) inside = false;
     if (!inside) out += line + "\n";
-    for (const std::string_view marker : {kTravels, kServed}) {
-      if (!line.starts_with(marker)) continue;
+    for (const Table &table : kTables) {
+      if (!line.starts_with(table.marker)) continue;
       inside = true;
-      out += table(line.substr(marker.size()), marker == kServed);
+      out += rendered(table, line.substr(table.marker.size()));
     }
   }
   if (inside) throw std::runtime_error("a table without its end");

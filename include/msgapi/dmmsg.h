@@ -103,6 +103,13 @@ MSGAPI_EXPORT uint32_t ORP_DB_SaveToAppSyncFunc(void);
  * characters is refused with a console line and ORP_ERR_ARGUMENT.
  */
 
+/* Replies of the file requests about the file itself; the others are the store's (cfmapi.h). */
+#define ORP_CFM_ERR_FILE_PLACE 0x31001u   /* configuration files may not lie there */
+#define ORP_CFM_ERR_FILE_KEY 0x31002u     /* the key cannot be read or made */
+#define ORP_CFM_ERR_FILE_WRITE 0x31003u   /* not written */
+#define ORP_CFM_ERR_FILE_READ 0x31004u    /* not read */
+#define ORP_CFM_ERR_FILE_FOREIGN 0x31005u /* damaged, cut off or not written by this device */
+
 /* Writes the store to an encrypted file. */
 MSGAPI_EXPORT uint32_t ORP_CFM_ExtExportEncryptedCfgFile(const char *path);
 /* The same after telling the manager, without looking at the outcome, which user's part to

@@ -39,10 +39,9 @@ constexpr uint32_t kSaveToAppSync = 0x5040;
 
 constexpr size_t kLargestImage = 64 << 20;
 
-// What a failure of the file itself looks like to the requester, whose other results are those of
-// the store (0x30000 and up).
+// The requester's other results are those of the store.
 uint32_t result_of(SealStatus status) {
-  return status == SealStatus::kOk ? CFM_OK : 0x31000u + static_cast<uint32_t>(status);
+  return static_cast<uint32_t>(status);
 }
 
 class ConfigManager final : public Service {

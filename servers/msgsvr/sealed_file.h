@@ -7,15 +7,19 @@
 #include <string>
 #include <vector>
 
+#include "msgapi/dmmsg.h"
+
 namespace msgsvr {
 
+// As requesters see them.
 enum class SealStatus : uint32_t {
   kOk = 0,
-  kBadPath = 1,     // not an absolute path to where such files may be
-  kNoKey = 2,       // the key file cannot be read or made
-  kNotWritten = 3,  // errno says why
-  kNotRead = 4,
-  kForeign = 5,  // not such a file, damaged, cut off, or made with another key
+  kBadPath = ORP_CFM_ERR_FILE_PLACE,     // not an absolute path to where such files may be
+  kNoKey = ORP_CFM_ERR_FILE_KEY,         // the key file cannot be read or made
+  kNotWritten = ORP_CFM_ERR_FILE_WRITE,  // errno says why
+  kNotRead = ORP_CFM_ERR_FILE_READ,
+  kForeign =
+      ORP_CFM_ERR_FILE_FOREIGN,  // not such a file, damaged, cut off, or made with another key
 };
 
 // Where the key is and where sealed files may be.
