@@ -21,6 +21,7 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -81,25 +82,54 @@ Identity identity_of(const std::string &user) {
   return identity;
 }
 
+// The member `key`, a text; throws with its name when there is none.
+std::string text_member(const nlohmann::json &entry, const char *key) {
+  const auto member = entry.find(key);
+  if (member == entry.end()) throw std::runtime_error(fmt::format("\"{}\" is missing", key));
+  if (!member->is_string()) throw std::runtime_error(fmt::format("\"{}\" is not a text", key));
+  return *member;
+}
+
+void refuse_other_members(const nlohmann::json &object, std::initializer_list<const char *> known) {
+  if (!object.is_object()) throw std::runtime_error("it is not an object");
+  for (const auto &[key, value] : object.items()) {
+    if (std::ranges::find(known, key) == known.end()) {
+      throw std::runtime_error(fmt::format("\"{}\" is unknown", key));
+    }
+  }
+}
+
+mode_t mode_of(const std::string &text) {
+  mode_t mode = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
+  if (error != std::errc() || end != text.data() + text.size() || mode > 0777) {
+    throw std::runtime_error("\"mode\" is not an octal number up to 0777");
+  }
+  return mode;
+}
+
 Config read_config(const nlohmann::json &entry) {
+  refuse_other_members(entry, {"name", "executable", "arguments", "listen", "mode", "user"});
   Config config;
-  const std::string name = entry.at("name");
+  const std::string name = text_member(entry, "name");
   config.name = AppName(name);
   if (config.name.is_server() || config.name.text() != name) {
-    throw std::runtime_error("\"" + name + "\" is no application name of 1 to 11 characters");
+    throw std::runtime_error("\"name\" is no application name of 1 to 11 characters");
   }
-  config.command.push_back(entry.at("executable"));
+  config.command.push_back(text_member(entry, "executable"));
   if (!config.command.front().starts_with('/')) {
-    throw std::runtime_error(name + ": the executable must be an absolute path");
+    throw std::runtime_error(config.command.front() + ": \"executable\" is no absolute path");
   }
-  for (const std::string argument : entry.value("arguments", nlohmann::json::array())) {
+  const nlohmann::json arguments = entry.value("arguments", nlohmann::json::array());
+  for (const nlohmann::json &argument : arguments) {
+    if (!arguments.is_array() || !argument.is_string()) {
+      throw std::runtime_error("\"arguments\" is not a list of texts");
+    }
     config.command.push_back(argument);
   }
-  config.listen = entry.at("listen");
-  if (entry.contains("mode")) {
-    config.mode = static_cast<mode_t>(std::stoul(entry.at("mode").get<std::string>(), nullptr, 8));
-  }
-  if (entry.contains("user")) config.identity = identity_of(entry.at("user"));
+  config.listen = text_member(entry, "listen");
+  if (entry.contains("mode")) config.mode = mode_of(text_member(entry, "mode"));
+  if (entry.contains("user")) config.identity = identity_of(text_member(entry, "user"));
   return config;
 }
 
@@ -108,8 +138,7 @@ UniqueFd listen_for(const Config &config) {
   if (config.listen.starts_with("unix:")) {
     return servers::listen_unix(config.listen.substr(5), config.mode);
   }
-  throw std::runtime_error(std::string(config.name.text()) +
-                           ": \"listen\" is neither tcp:ADDRESS:PORT nor unix:PATH");
+  throw std::runtime_error("\"listen\" is neither tcp:ADDRESS:PORT nor unix:PATH");
 }
 
 std::vector<char *> pointers(const std::vector<std::string> &texts) {
@@ -119,11 +148,21 @@ std::vector<char *> pointers(const std::vector<std::string> &texts) {
   return all;
 }
 
+enum class Step { kUser, kDescriptor, kExecutable };
+
+// Why a child could not become its application.
+struct StartFailure {
+  Step step;
+  int error;
+};
+
 // In the child, after fork() in a process with another thread: async-signal-safe calls only.
-[[noreturn]] void become(const Config &config, int listener, char *const *arguments,
+// What fails is written to `failure`, which a successful exec closes.
+[[noreturn]] void become(const Config &config, int listener, int failure, char *const *arguments,
                          char *const *environment, char *pid_text, size_t pid_size) {
-  const auto give_up = [](std::string_view what) {
-    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, what.data(), what.size());
+  const auto give_up = [&](Step step) {
+    const StartFailure what{step, errno};
+    [[maybe_unused]] const ssize_t written = ::write(failure, &what, sizeof what);
     ::_exit(127);
   };
   ::setpgid(0, 0);
@@ -131,7 +170,7 @@ std::vector<char *> pointers(const std::vector<std::string> &texts) {
     const Identity &who = *config.identity;
     if (::setgroups(who.groups.size(), who.groups.data()) != 0 || ::setgid(who.group) != 0 ||
         ::setuid(who.user) != 0) {
-      give_up("dynamic application: the user cannot be changed\n");
+      give_up(Step::kUser);
     }
   }
   // The application expects a blocking socket, and one that survives exec.
@@ -140,7 +179,7 @@ std::vector<char *> pointers(const std::vector<std::string> &texts) {
   if (listener == kPassedFd) {
     ::fcntl(listener, F_SETFD, 0);
   } else if (::dup2(listener, kPassedFd) < 0) {
-    give_up("dynamic application: no descriptor\n");
+    give_up(Step::kDescriptor);
   }
   *std::to_chars(pid_text, pid_text + pid_size - 1, ::getpid()).ptr = '\0';
   for (const int signal : {SIGPIPE, SIGTERM, SIGINT, SIGUSR1, SIGCHLD}) ::signal(signal, SIG_DFL);
@@ -148,7 +187,7 @@ std::vector<char *> pointers(const std::vector<std::string> &texts) {
   ::sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
   ::execve(arguments[0], arguments, environment);
-  give_up("dynamic application: the executable cannot be started\n");
+  give_up(Step::kExecutable);
   ::_exit(127);
 }
 
@@ -161,17 +200,17 @@ class DynamicApps final : public Service {
 
     std::ifstream file(server->options().applications);
     if (!file) throw std::runtime_error("cannot read " + server->options().applications);
+    nlohmann::json list;
     try {
-      const nlohmann::json list = nlohmann::json::parse(file, nullptr, true, true);
-      for (const nlohmann::json &entry : list.at("applications")) {
-        apps_.push_back(std::make_unique<App>(this, read_config(entry)));
-        start_listening(*apps_.back());
+      list = nlohmann::json::parse(file, nullptr, true, true);
+      refuse_other_members(list, {"applications"});
+      if (!list.contains("applications") || !list["applications"].is_array()) {
+        throw std::runtime_error("there is no list \"applications\"");
       }
-    } catch (const std::logic_error &error) {  // a bad number
-      throw std::runtime_error(server->options().applications + ": " + error.what());
-    } catch (const nlohmann::json::exception &error) {
+    } catch (const std::exception &error) {
       throw std::runtime_error(server->options().applications + ": " + error.what());
     }
+    for (const nlohmann::json &entry : list["applications"]) add(entry);
     server->loop().on_signal(SIGCHLD, [this] { reap(); });
   }
 
@@ -192,12 +231,35 @@ class DynamicApps final : public Service {
     UniqueFd listener;      // none while switched off
     bool watched = false;   // traffic starts it
     pid_t pid = 0;          // 0: not running
+    UniqueFd failure;       // where the child says why it could not start
     bool stopping = false;  // it was asked to end
     bool restart = false;   // and is to be started again then
     Clock::time_point started{};
     std::chrono::milliseconds delay = kFirstDelay;
     EventLoop::TimerId timer = 0;  // restart after a crash, or the kill
   };
+
+  // Throws with the file, the application and the reason.
+  void add(const nlohmann::json &entry) try {
+    Config config = read_config(entry);
+    if (std::ranges::any_of(apps_,
+                            [&](const auto &app) { return app->config.name == config.name; })) {
+      throw std::runtime_error("there is another one of this name");
+    }
+    // It may be installed later.
+    if (::access(config.command.front().c_str(), X_OK) != 0) {
+      log_line("{} cannot be started at present: {}: {}", config.name.text(),
+               config.command.front(), std::strerror(errno));
+    }
+    apps_.push_back(std::make_unique<App>(this, std::move(config)));
+    start_listening(*apps_.back());
+  } catch (const std::exception &error) {
+    const bool named = entry.is_object() && entry.contains("name") && entry["name"].is_string();
+    throw std::runtime_error(fmt::format(
+        "{}: application {}: {}", server_->options().applications,
+        named ? entry["name"].get<std::string>() : "number " + std::to_string(apps_.size() + 1),
+        error.what()));
+  }
 
   void watch(App &app, bool on) {
     if (app.watched == on || !app.listener) return;
@@ -236,15 +298,22 @@ class DynamicApps final : public Service {
     std::vector<char *> environment = pointers(variables);
     char *pid_text = variables.back().data() + std::strlen("LISTEN_PID=");
 
-    const pid_t pid = ::fork();
+    int ends[2] = {-1, -1};
+    const bool has_pipe = ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0;
+    UniqueFd failure(ends[0]);
+    const UniqueFd failure_in(ends[1]);
+    const pid_t pid = has_pipe ? ::fork() : -1;
     if (pid == 0) {
-      become(app.config, app.listener.get(), arguments.data(), environment.data(), pid_text, 11);
+      become(app.config, app.listener.get(), failure_in.get(), arguments.data(), environment.data(),
+             pid_text, 11);
     }
     if (pid < 0) {
-      log_line("{} cannot be started: {}", app.config.name.text(), std::strerror(errno));
+      log_line("{} cannot be started: {}: {}", app.config.name.text(), app.config.command.front(),
+               std::strerror(errno));
       start_later(app);
       return;
     }
+    app.failure = std::move(failure);
     ::setpgid(pid, pid);  // as the child does: whoever is first
     app.pid = pid;
     app.started = Clock::now();
@@ -285,9 +354,7 @@ class DynamicApps final : public Service {
     // What it left running in its group goes with it.
     ::kill(-app.pid, SIGKILL);
     app.pid = 0;
-    log_line("{} has ended: {} {}", app.config.name.text(),
-             WIFEXITED(status) ? "exit status" : "signal",
-             WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status));
+    log_end(app, status);
     if (Clock::now() - app.started >= kSteady) app.delay = kFirstDelay;
     if (!app.listener) return;
     if (restart) {
@@ -299,6 +366,22 @@ class DynamicApps final : public Service {
       log_line("{} is started again in {} ms", app.config.name.text(), app.delay.count());
       start_later(app);
     }
+  }
+
+  static void log_end(App &app, int status) {
+    StartFailure failure{};
+    const ssize_t got = ::read(app.failure.get(), &failure, sizeof failure);
+    app.failure.reset();
+    if (got != sizeof failure) {
+      log_line("{} has ended: {} {}", app.config.name.text(),
+               WIFEXITED(status) ? "exit status" : "signal",
+               WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status));
+      return;
+    }
+    constexpr const char *kSteps[] = {"its user cannot be taken on", "its socket cannot be passed",
+                                      "it cannot be executed"};
+    log_line("{} cannot be started: {}: {}: {}", app.config.name.text(), app.config.command.front(),
+             kSteps[static_cast<size_t>(failure.step)], std::strerror(failure.error));
   }
 
   void update(Client &from, const Message &message) {

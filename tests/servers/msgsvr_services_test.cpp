@@ -529,18 +529,55 @@ TEST_F(DynamicApps, RunAsTheirUserOnAUnixSocket) {
 }
 
 TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
-  for (const char *bad :
-       {"{", "", R"("name": "mic", "executable": "/x", "listen": "unix:/x")",
-        R"("name": "much-too-long", "executable": "/x", "listen": "unix:/x")",
-        R"("name": "a", "executable": "x", "listen": "unix:/x")",
-        R"("name": "a", "executable": "/x", "listen": "7001")",
-        R"("name": "a", "executable": "/x", "listen": "tcp:nowhere:1")",
-        R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "user": "nobody at all")",
-        R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "mode": "rw")"}) {
-    std::ofstream("/var/apps.json") << R"({"applications": [{)" << bad << "}]}";
+  const struct {
+    const char *entry;
+    const char *complaint;
+  } kBad[] = {
+      {"{", "parse error"},
+      {"", "application number 1: \"name\" is missing"},
+      {R"("name": "a", "listen": "unix:/x")", "application a: \"executable\" is missing"},
+      {R"("name": "a", "executable": "/x")", "application a: \"listen\" is missing"},
+      {R"("name": 7, "executable": "/x", "listen": "unix:/x")", "\"name\" is not a text"},
+      {R"("name": "a", "executable": "/x", "listen": "unix:/x", "uesr": "nobody")",
+       "application a: \"uesr\" is unknown"},
+      {R"("name": "mic", "executable": "/x", "listen": "unix:/x")", "no application name"},
+      {R"("name": "much-too-long", "executable": "/x", "listen": "unix:/x")",
+       "no application name"},
+      {R"("name": "a", "executable": "x", "listen": "unix:/x")",
+       "x: \"executable\" is no absolute"},
+      {R"("name": "a", "executable": "/x", "listen": "unix:/x", "arguments": "-v")",
+       "\"arguments\" is not a list of texts"},
+      {R"("name": "a", "executable": "/x", "listen": "7001")", "\"listen\" is neither"},
+      {R"("name": "a", "executable": "/x", "listen": "tcp:nowhere:1")", "application a: cannot"},
+      {R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "user": "nobody at all")",
+       "there is no user nobody at all"},
+      {R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "mode": "0o7")", "octal"},
+      {R"("name": "a", "executable": "/x", "listen": "unix:/var/x"},
+          {"name": "a", "executable": "/x", "listen": "unix:/var/y")",
+       "application a: there is another one of this name"}};
+  for (const auto &[entry, complaint] : kBad) {
+    std::ofstream("/var/apps.json") << R"({"applications": [{)" << entry << "}]}";
     test::Process server("msgsvr", {"--apps", "/var/apps.json"});
-    EXPECT_EQ(1, server.wait()) << bad;
+    EXPECT_EQ(1, server.wait()) << entry;
+    EXPECT_THAT(server.output(),
+                testing::AllOf(HasSubstr("/var/apps.json: "), HasSubstr(complaint)));
   }
+}
+
+TEST_F(DynamicApps, AreNamedWithTheReasonWhenTheyCannotBeStarted) {
+  std::ofstream("/var/apps.json")
+      << R"({"applications": [{"name": "dyn", "executable": "/var/no-such-program",)"
+      << R"("listen": "tcp:127.0.0.1:7001"}]})";
+  test::Process server("msgsvr", {"--apps", "/var/apps.json"});
+  EXPECT_TRUE(server.wait_for("dyn cannot be started at present: /var/no-such-program: No such"));
+  EXPECT_TRUE(server.wait_for("ready"));
+
+  const auto visitor = std::async(std::launch::async, visit);
+  EXPECT_TRUE(
+      server.wait_for("dyn cannot be started: /var/no-such-program: it cannot be executed: "
+                      "No such file or directory"));
+  EXPECT_TRUE(server.wait_for("started again in 1000 ms"));
+  server.stop(SIGTERM);
 }
 
 // The configuration manager.
