@@ -1,7 +1,7 @@
 // dns_relay: a small caching DNS relay on the event loop, with the library's packet functions.
 //
-// It answers from a hosts file, then from addresses that it has seen, aged by the time since, and
-// passes everything else on to upstream servers. UDP only, and without EDNS: a reply that does not
+// It answers from a hosts file, then from what it has been answered before, aged by the time since,
+// and passes everything else on to upstream servers. UDP only, and without EDNS: a reply that does not
 // fit comes marked as cut short.
 
 #include <fmt/format.h>

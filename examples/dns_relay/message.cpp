@@ -8,20 +8,22 @@ namespace {
 
 constexpr uint16_t kReplyFlag = 0x8000;
 constexpr uint16_t kOperationMask = 0x7800;
+constexpr uint16_t kCutShortFlag = 0x0200;
+constexpr uint16_t kRecursionFlag = 0x0080;
+constexpr uint16_t kCodeMask = 0x000F;
 constexpr size_t kTypeAndClassSize = 4;
 
 uint8_t *bytes_of(const Packet &packet) {
   return ORP_DNS_PACKET_MESSAGE(packet.get());
 }
 
-// Behind the first question, or 0 when it is malformed.
+}  // namespace
+
 size_t question_end(const Packet &packet) {
   const uint32_t name_size = ORP_DNS_PacketGetNameLen(packet.get(), bytes_of(packet) + kHeaderSize);
   const size_t end = kHeaderSize + name_size + kTypeAndClassSize;
   return name_size == 0 || end > packet->ulLength ? 0 : end;
 }
-
-}  // namespace
 
 Packet make_packet(std::span<const uint8_t> message) {
   Packet packet(
@@ -49,6 +51,19 @@ void set_field(const Packet &packet, Field field, uint16_t value) {
 
 bool is_reply(const Packet &packet) {
   return (field(packet, Field::kFlags) & kReplyFlag) != 0;
+}
+
+bool is_cut_short(const Packet &packet) {
+  return (field(packet, Field::kFlags) & kCutShortFlag) != 0;
+}
+
+ResponseCode response_code(const Packet &packet) {
+  return static_cast<ResponseCode>(field(packet, Field::kFlags) & kCodeMask);
+}
+
+void set_recursion_available(const Packet &packet) {
+  set_field(packet, Field::kFlags,
+            static_cast<uint16_t>(field(packet, Field::kFlags) | kRecursionFlag));
 }
 
 uint16_t operation_of(const Packet &packet) {

@@ -238,7 +238,7 @@ void Relay::handle_reply(const Packet &packet, int fd) {
   if (std::find(upstreams_.begin(), asked, fd) == asked) return;
   if (question_of(packet) != pending.question) return;
 
-  if (ORP_DNS_PacketCheckIfErrorRely(packet.get()) == 0) cache_.store(pending.question, packet);
+  cache_.store(pending.question, packet);
   set_field(packet, Field::kIdentifier, pending.client_id);
   reply(packet, pending.client);
   OrpUtilTimerDel(pending.timer);
@@ -247,6 +247,7 @@ void Relay::handle_reply(const Packet &packet, int fd) {
 
 void Relay::reply(const Packet &packet, const Address &client) {
   if (!packet) return;  // out of memory: the client asks again
+  set_recursion_available(packet);
   const std::span<const uint8_t> message = message_of(packet);
   (void)::sendto(server_, message.data(), message.size(), 0, client.get(), client.size);
 }
