@@ -1,8 +1,9 @@
 // dns_relay: a small caching DNS relay on the event loop, with the library's packet functions.
 //
 // It answers from a hosts file, then from what it has been answered before, aged by the time since,
-// and passes everything else on to upstream servers. UDP only, and without EDNS: a reply that does not
-// fit comes marked as cut short.
+// and passes everything else on to upstream servers, by UDP and, for who asked over TCP and when
+// the reply did not fit, over TCP. Without EDNS: a reply that does not fit comes marked as cut
+// short.
 
 #include <fmt/format.h>
 #include <sys/signalfd.h>

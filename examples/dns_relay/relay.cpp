@@ -22,8 +22,13 @@ constexpr size_t kMaxPending = 256;
 constexpr int kMaxBatch = 32;
 constexpr uint16_t kDnsPort = 53;
 
-int open_socket(const Address &address) {
-  const int fd = ::socket(address.storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+// Connections of clients; each of them, and each of its queries, may take a descriptor.
+constexpr size_t kMaxStreams = 64;
+// RFC 7766 section 6.2.3: a few seconds.
+constexpr uint32_t kIdle_ms = 10000;
+
+int open_socket(const Address &address, int type = SOCK_DGRAM) {
+  const int fd = ::socket(address.storage.ss_family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) throw std::system_error(errno, std::generic_category(), "socket");
   return fd;
 }
@@ -102,8 +107,22 @@ Relay::Relay(const Settings &settings) : settings_(settings), cache_(settings.ca
       },
       this);
 
+  listener_ = open_socket(listen, SOCK_STREAM);
+  const int on = 1;
+  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (::bind(listener_, listen.get(), listen.size) != 0 || ::listen(listener_, SOMAXCONN) != 0) {
+    throw std::system_error(errno, std::generic_category(), "listen on " + settings_.listen);
+  }
+  watch(
+      listener_,
+      [](OrpUvIo *watcher, uint32_t) {
+        reinterpret_cast<Relay *>(watcher->head.data)->accept_clients();
+      },
+      this);
+
   for (const std::string &text : settings_.upstreams) {
     const Address upstream = Address::parse(text, kDnsPort);
+    upstream_addresses_.push_back(upstream);
     const int fd = open_socket(upstream);
     // Connected, the socket takes messages from this server only.
     if (::connect(fd, upstream.get(), upstream.size) != 0) {
@@ -123,10 +142,50 @@ void Relay::reload_hosts() {
   if (!settings_.hosts.empty()) hosts_ = Hosts(settings_.hosts);
 }
 
+void Relay::accept_clients() {
+  const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  if (fd < 0) return;
+  if (streams_.size() >= kMaxStreams) {
+    ::close(fd);
+    return;
+  }
+  streams_.emplace(++last_stream_, std::make_unique<Stream>(fd, kIdle_ms, this));
+}
+
+void Relay::received(Stream *stream, Packet message) {
+  for (const auto &[id, client] : streams_) {
+    if (client.get() == stream) {
+      handle_query(std::move(message), {{}, id});
+      return;
+    }
+  }
+  Pending *const pending = asked_over(stream);
+  if (pending != nullptr && message->ulLength >= kHeaderSize && is_reply(message) &&
+      field(message, Field::kIdentifier) == pending->id &&
+      question_of(message) == pending->question) {
+    answer(pending, message);
+  }
+}
+
+// Of an upstream's connection: the time-out goes on to the next server.
+void Relay::ended(Stream *stream) {
+  if (std::erase_if(streams_, [&](const auto &each) { return each.second.get() == stream; }) > 0) {
+    return;
+  }
+  if (Pending *const pending = asked_over(stream)) pending->connection.reset();
+}
+
+Relay::Pending *Relay::asked_over(const Stream *stream) {
+  for (const auto &[id, pending] : pending_) {
+    if (pending->connection.get() == stream) return pending.get();
+  }
+  return nullptr;
+}
+
 void Relay::receive_queries() {
   for (int i = 0; i < kMaxBatch; ++i) {
-    Address client;
-    Packet query = receive(server_, &client);
+    Client client;
+    Packet query = receive(server_, &client.address);
     if (!query) return;
     handle_query(std::move(query), client);
   }
@@ -142,7 +201,7 @@ void Relay::receive_replies(int fd) {
   }
 }
 
-void Relay::handle_query(Packet query, const Address &client) {
+void Relay::handle_query(Packet query, const Client &client) {
   // Without a header there is nothing to answer, and answering replies would make loops.
   if (query->ulLength < kHeaderSize || is_reply(query)) return;
   if (operation_of(query) != 0) {
@@ -192,12 +251,12 @@ uint16_t Relay::unused_id() const {
   }
 }
 
-void Relay::pass_on(const Question &question, Packet query, const Address &client) {
+void Relay::pass_on(const Question &question, Packet query, const Client &client) {
   const uint16_t id = unused_id();
   const uint16_t client_id = field(query, Field::kIdentifier);
   set_field(query, Field::kIdentifier, id);
   auto pending = std::make_unique<Pending>(
-      Pending{client, client_id, question, std::move(query), 0, nullptr, this, id});
+      Pending{client, client_id, question, std::move(query), 0, nullptr, this, id, nullptr});
   // One time-out for each server that may be asked.
   pending->timer = ORP_TIMER_AddWithName(
       settings_.timeout_ms, static_cast<uint32_t>(upstreams_.size()),
@@ -217,8 +276,22 @@ void Relay::send_upstream(Pending *pending) {
   (void)::send(upstreams_[pending->upstream], message.data(), message.size(), 0);
 }
 
+// To the server that the query went to last. Without success the time-out goes on to the next.
+void Relay::connect_upstream(Pending *pending) {
+  const Address &address = upstream_addresses_[pending->upstream];
+  const int fd = ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return;
+  if (::connect(fd, address.get(), address.size) != 0 && errno != EINPROGRESS) {
+    ::close(fd);
+    return;
+  }
+  pending->connection = std::make_unique<Stream>(fd, kIdle_ms, this);
+  pending->connection->send(pending->query);
+}
+
 // Called by the timer, which ends by itself when every server has been asked.
 void Relay::try_next_upstream(Pending *pending) {
+  pending->connection.reset();
   if (++pending->upstream < upstreams_.size()) {
     send_upstream(pending);
     return;
@@ -232,24 +305,40 @@ void Relay::handle_reply(const Packet &packet, int fd) {
   if (packet->ulLength < kHeaderSize || !is_reply(packet)) return;
   const auto found = pending_.find(field(packet, Field::kIdentifier));
   if (found == pending_.end()) return;
-  const Pending &pending = *found->second;
+  Pending &pending = *found->second;
   // A reply counts only from a server that was asked, and to the question it was asked.
   const auto asked = upstreams_.begin() + static_cast<ptrdiff_t>(pending.upstream) + 1;
   if (std::find(upstreams_.begin(), asked, fd) == asked) return;
   if (question_of(packet) != pending.question) return;
 
-  cache_.store(pending.question, packet);
-  set_field(packet, Field::kIdentifier, pending.client_id);
-  reply(packet, pending.client);
-  OrpUtilTimerDel(pending.timer);
-  pending_.erase(found);
+  // Who asked over a connection has room for all of it.
+  if (is_cut_short(packet) && pending.client.stream != 0) {
+    if (!pending.connection) connect_upstream(&pending);
+    return;
+  }
+  answer(&pending, packet);
 }
 
-void Relay::reply(const Packet &packet, const Address &client) {
+void Relay::answer(Pending *pending, const Packet &packet) {
+  cache_.store(pending->question, packet);
+  set_field(packet, Field::kIdentifier, pending->client_id);
+  reply(packet, pending->client);
+  OrpUtilTimerDel(pending->timer);
+  const uint16_t id = pending->id;
+  pending_.erase(id);
+}
+
+void Relay::reply(const Packet &packet, const Client &client) {
   if (!packet) return;  // out of memory: the client asks again
   set_recursion_available(packet);
+  if (client.stream != 0) {
+    const auto stream = streams_.find(client.stream);
+    if (stream != streams_.end()) stream->second->send(packet);
+    return;
+  }
   const std::span<const uint8_t> message = message_of(packet);
-  (void)::sendto(server_, message.data(), message.size(), 0, client.get(), client.size);
+  (void)::sendto(server_, message.data(), message.size(), 0, client.address.get(),
+                 client.address.size);
 }
 
 }  // namespace dns_relay

@@ -12,6 +12,7 @@
 #include "hosts.h"
 #include "message.h"
 #include "msgapi/loop.h"
+#include "stream.h"
 
 namespace dns_relay {
 
@@ -36,7 +37,7 @@ struct Settings {
 };
 
 // Lives as long as the default loop runs.
-class Relay {
+class Relay final : public Stream::Owner {
  public:
   explicit Relay(const Settings &settings);
   Relay(const Relay &) = delete;
@@ -45,9 +46,14 @@ class Relay {
   void reload_hosts();
 
  private:
+  // Who asked: by UDP from an address, or over a connection (0: by UDP).
+  struct Client {
+    Address address;
+    uint64_t stream = 0;
+  };
   // A query that an upstream server has not answered yet.
   struct Pending {
-    Address client;
+    Client client;
     uint16_t client_id;
     Question question;
     Packet query;  // as passed on
@@ -55,24 +61,37 @@ class Relay {
     OrpUvTimer *timer;
     Relay *relay;
     uint16_t id;
+    // The question once more over TCP, after a reply that was cut short.
+    std::unique_ptr<Stream> connection;
   };
+
+  void received(Stream *stream, Packet message) override;
+  void ended(Stream *stream) override;
+  void accept_clients();
+  Pending *asked_over(const Stream *stream);
 
   void receive_queries();
   void receive_replies(int fd);
-  void handle_query(Packet query, const Address &client);
+  void handle_query(Packet query, const Client &client);
   void handle_reply(const Packet &reply, int fd);
   Packet local_answer(const Question &question, const Packet &query);
-  void pass_on(const Question &question, Packet query, const Address &client);
+  void pass_on(const Question &question, Packet query, const Client &client);
   void send_upstream(Pending *pending);
+  void connect_upstream(Pending *pending);
+  void answer(Pending *pending, const Packet &packet);
   void try_next_upstream(Pending *pending);
-  void reply(const Packet &packet, const Address &client);
+  void reply(const Packet &packet, const Client &client);
   uint16_t unused_id() const;
 
   const Settings settings_;
   Hosts hosts_;
   Cache cache_;
   int server_;
-  std::vector<int> upstreams_;  // connected sockets, owned by the loop
+  int listener_;
+  uint64_t last_stream_ = 0;
+  std::map<uint64_t, std::unique_ptr<Stream>> streams_;  // of clients
+  std::vector<int> upstreams_;                           // connected sockets, owned by the loop
+  std::vector<Address> upstream_addresses_;
   std::map<uint16_t, std::unique_ptr<Pending>> pending_;
 };
 

@@ -212,6 +212,41 @@ TEST_F(DnsRelayBehindAServer, RemembersWhatThereIsNot) {
   EXPECT_EQ(2, times_asked("fail"));
 }
 
+TEST_F(DnsRelayBehindAServer, AnswersOverTcp) {
+  EXPECT_THAT(dig("+tcp box.lan"), HasSubstr("192.0.2.10"));
+  EXPECT_THAT(dig("+tcp nx-2.test"), HasSubstr("status: NXDOMAIN"));
+  EXPECT_THAT(dig("+ignore long-1.test TXT"), HasSubstr("flags: qr tc rd ra"));
+  // What does not fit is asked for over TCP only when there is room for it; dig repeats so by
+  // itself.
+  EXPECT_EQ(0, times_asked("over TCP"));
+  const std::string whole = dig("long-2.test TXT");
+  EXPECT_THAT(whole, HasSubstr("ANSWER: 20,"));
+  EXPECT_THAT(whole, HasSubstr("SERVER: 127.0.0.1#53(127.0.0.1) (TCP)"));
+  EXPECT_EQ(1, times_asked("over TCP"));
+
+  // Several queries on one connection, in pieces, and a client that only connects.
+  EXPECT_EQ("b'192.0.2.10' 2 True", run(R"(python3 - <<'END'
+import socket, struct, time
+idle = [socket.create_connection(('127.0.0.1', 53)) for i in range(100)]
+for c in idle: c.close()
+while True:  # the closed ones have to be noticed first
+    s = socket.create_connection(('127.0.0.1', 53))
+    query = struct.pack('!HHHHHH', 7, 0x100, 1, 0, 0, 0) + b'\3box\3lan\0\0\1\0\1'
+    framed = struct.pack('!H', len(query)) + query
+    try:
+        for byte in framed + framed[:9]: s.send(bytes([byte])); time.sleep(0.001)
+        s.sendall(framed[9:])
+        got = b''
+        while len(got) < 2 * (len(framed) + 16):
+            more = s.recv(4096)
+            if not more: raise OSError
+            got += more
+        break
+    except OSError: pass
+print(str(b'.'.join(b'%d' % c for c in got[-4:])), got.count(b'\3box'), got[:2] == struct.pack('!H', len(query) + 16), end='')
+END)"));
+}
+
 TEST_F(DnsRelay, ServesTheSystemsResolver) {
   write_file("/var/resolv.conf", "nameserver 127.0.0.1\n");
   ASSERT_EQ(0, ::mount("/var/resolv.conf", "/etc/resolv.conf", nullptr, MS_BIND, nullptr));
