@@ -8,6 +8,8 @@
 #include <array>
 #include <cstdint>
 
+#include "common/printable.h"
+
 namespace servers {
 namespace {
 
@@ -20,20 +22,6 @@ constexpr size_t kLongestLine = 4096;
 bool takes_a_line() {
   pollfd error{STDERR_FILENO, POLLOUT, 0};
   return ::poll(&error, 1, 0) == 1 && (error.revents & POLLOUT) != 0;
-}
-
-// The length of the UTF-8 character at the beginning of `text`; 0 for bytes that are none, and for
-// a control character.
-size_t printable_length(std::string_view text) {
-  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
-  if (byte(0) < 0x80) return byte(0) < 0x20 || byte(0) == 0x7f ? 0 : 1;
-  const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-  if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length) return 0;
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-  }
-  const bool c1 = byte(0) == 0xc2 && byte(1) < 0xa0;
-  return c1 ? 0 : length;
 }
 
 // A line without memory of its own, so that it can say that there is none.

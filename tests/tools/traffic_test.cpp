@@ -1,0 +1,343 @@
+#include <gmock/gmock.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/printable.h"
+#include "flight/reader.h"
+#include "flight/recorder.h"
+#include "msgapi/dmmsg.h"
+#include "msgapi/messages.h"
+#include "traffic/decode.h"
+#include "traffic/filter.h"
+#include "traffic/mask.h"
+#include "traffic/model.h"
+#include "traffic/pcapng.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using traffic::Event;
+using traffic::Filter;
+using traffic::Model;
+
+constexpr uint32_t kPanel = 1, kStation = 2, kThird = 3;
+constexpr uint32_t kAsk = 0x1234;
+
+// A recorder and what is read from it.
+class Traffic : public testing::Test {
+ protected:
+  void SetUp() override {
+    connect(kPanel, "panel");
+    connect(kStation, "station");
+  }
+
+  void connect(uint32_t id, const char *name) {
+    flight::Record facts;
+    facts.from = id;
+    facts.a = 100 + id;
+    recorder_.note(flight::Kind::kConnected, facts, "/usr/bin/program");
+    recorder_.note(flight::Kind::kNamed, facts, name);
+  }
+
+  uint64_t message(uint32_t from, uint32_t to, uint32_t type, uint32_t sequence,
+                   const std::string &body = "", uint32_t data = 0) {
+    ORP_MSG_HEADER_ST header{};
+    header.ulMsgType = type;
+    header.ulSeqNum = sequence;
+    header.ulMsgData = data;
+    recorder_.tick();
+    return recorder_.accepted(from, to, &header, static_cast<uint32_t>(body.size()), body);
+  }
+
+  // Reads everything that has been recorded since; returns the last event.
+  Event read() {
+    if (!reader_) reader_.emplace(flight::Reader::follow(kPath));
+    flight::Entry entry;
+    Event last;
+    while (reader_->next(&entry) == flight::Reader::Next::kEntry) {
+      last = model_.take(entry, reader_->wall_ns(entry.record.time_ns));
+    }
+    return last;
+  }
+
+  bool matches(const std::string &filter, const Event &event) {
+    return Filter(filter, catalogue_, event.wall_ns).matches(event, model_);
+  }
+
+  std::vector<std::string> waiting() {
+    read();
+    std::vector<std::string> found;
+    for (const traffic::Wait &wait : model_.waits([](uint32_t type) -> std::optional<bool> {
+           if (type == ORP_MSG_KEEP_ALIVE) return false;
+           return std::nullopt;
+         })) {
+      found.push_back(model_.label(wait.request->from) + ">" + model_.label(wait.request->to));
+    }
+    return found;
+  }
+
+  static constexpr const char *kPath = "/var/run/traffic_test";
+  flight::Recorder recorder_{kPath, flight::kLeastRing, 64};
+  std::optional<flight::Reader> reader_;
+  Model model_;
+  catalogue::Catalogue catalogue_;
+};
+
+TEST_F(Traffic, LinksAnAnswerWithItsRequest) {
+  const uint64_t request = message(kPanel, kStation, kAsk | 0x20000000, 7, "how warm?", 3);
+  recorder_.delivered(request, kPanel, kStation, kAsk, 7);
+  message(kThird, kStation, kAsk, 7);  // the same numbers, but another pair
+  const uint64_t answer = message(kStation, kPanel, kAsk, 7);
+  const Event event = read();
+
+  ASSERT_NE(nullptr, event.message);
+  EXPECT_EQ(event.message->number, answer);
+  ASSERT_NE(nullptr, event.request);
+  EXPECT_EQ(event.request->number, request);
+  EXPECT_EQ(event.request->answered_by, answer);
+  EXPECT_EQ(event.request->type(), kAsk);
+  EXPECT_EQ(event.request->board, 1u);
+  EXPECT_GE(event.request->delivered_ns, event.request->accepted_ns);
+  EXPECT_EQ(model_.label(kPanel), "panel");
+  EXPECT_EQ(model_.label(0), "server");
+  EXPECT_EQ(model_.label(99), "#99");
+}
+
+TEST_F(Traffic, KnowsWhoWaits) {
+  message(kPanel, kStation, kAsk, 1);
+  EXPECT_THAT(waiting(), ElementsAre("panel>station"));
+
+  message(kStation, kPanel, kAsk, 1);
+  EXPECT_THAT(waiting(), ElementsAre());
+
+  // A sender that goes on does not wait, unless such messages are known to be answered.
+  message(kPanel, kStation, 0x5555, 2);
+  message(kPanel, 0, ORP_MSG_KEEP_ALIVE, 3);
+  EXPECT_THAT(waiting(), ElementsAre());
+  message(kPanel, kStation, kAsk, 4);
+  message(kPanel, 0, ORP_MSG_KEEP_ALIVE, 5);
+  EXPECT_THAT(waiting(), ElementsAre("panel>station"));
+
+  flight::Record gone;
+  gone.from = kStation;
+  recorder_.note(flight::Kind::kEnded, gone);
+  EXPECT_THAT(waiting(), ElementsAre());
+}
+
+TEST_F(Traffic, NamesACircleOfWaits) {
+  connect(kThird, "third");
+  message(kPanel, kStation, kAsk, 1);
+  message(kStation, kThird, kAsk, 2);
+  read();
+  const auto answered = [](uint32_t) -> std::optional<bool> { return true; };
+  EXPECT_THAT(Model::circles(model_.waits(answered)), ElementsAre());
+
+  message(kThird, kPanel, kAsk, 3);
+  read();
+  EXPECT_THAT(Model::circles(model_.waits(answered)),
+              ElementsAre(ElementsAre(kPanel, kStation, kThird)));
+}
+
+TEST_F(Traffic, FiltersByWhatARecordTells) {
+  const uint64_t number = message(kPanel, kStation, kAsk, 1, "hello world", 42);
+  const Event event = read();
+
+  for (const char *filter : {"",
+                             "type=0x1234",
+                             "type=0x1000-0x1fff",
+                             "type=1,0x1234",
+                             "type!=0x1235",
+                             "from=panel",
+                             "from=pan*",
+                             "to=station",
+                             "app=station",
+                             "app=panel app=station",
+                             "from=nobody or to=station",
+                             "not (from=station or lost)",
+                             "not not from=panel",
+                             "data=42",
+                             "data>41 and data<=42",
+                             "length=11",
+                             "length=1-20",
+                             "body=\"hello world\"",
+                             "kind=accepted",
+                             "kind=lost,accepted",
+                             "since=-5s until=-0s",
+                             "not event",
+                             "not answer",
+                             "from=station or from=panel and data=42",
+                             "(from=panel)(data=42)"}) {
+    EXPECT_TRUE(matches(filter, event)) << filter;
+  }
+  for (const char *filter :
+       {"type=0x1235", "type=register", "type=*", "from=station", "from!=panel", "lost", "event",
+        "data<42", "data!=42", "length>11", "body=HELLO", "kind=delivered", "until=-1s", "answer",
+        "loss=queue-full", "from=panel and data=41", "since=2038-01-19T03:14:08"}) {
+    EXPECT_FALSE(matches(filter, event)) << filter;
+  }
+
+  recorder_.lost(flight::Loss::kQueueFull, number, kPanel, kStation, kAsk, 1);
+  const Event loss = read();
+  EXPECT_TRUE(matches("lost", loss));
+  EXPECT_TRUE(matches("loss=queue-full and type=0x1234", loss));
+  EXPECT_FALSE(matches("loss=receiver-gone", loss));
+
+  message(kPanel, 0, ORP_MSG_KEEP_ALIVE, 1);
+  const Event known = read();
+  EXPECT_TRUE(matches("type=keep-alive to=server", known));
+  EXPECT_TRUE(matches("type=keep-*", known));
+}
+
+// What a body looks like when it is shown masked.
+std::string shown_masked(std::string body, bool cut = false) {
+  traffic::mask_body(body, cut);
+  return body;
+}
+
+std::string dm_body(const std::vector<std::pair<std::string, std::string>> &items) {
+  std::string body(24, '\0');
+  const uint32_t magic = ORP_DMMSG_MAGIC;
+  std::memcpy(body.data(), &magic, sizeof magic);
+  for (const auto &[name, value] : items) {
+    const uint32_t words[3] = {0, static_cast<uint32_t>(name.size() + 1),
+                               static_cast<uint32_t>(value.size() + 1)};
+    body.append(reinterpret_cast<const char *>(words), sizeof words);
+    body.append(name.c_str(), name.size() + 1);
+    body.append(value.c_str(), value.size() + 1);
+  }
+  return body;
+}
+
+TEST(Mask, LeavesNoPersonalDataWhereverItStands) {
+  const std::vector<std::string> values = {
+      "AA:BB:CC:DD:EE:FF", "192.168.100.24",
+      "A1B2C3D4E5F6G7H8",  "01234567-89ab-cdef-0123-456789abcdef",
+      "2001:db8::1:2:3",   "hwaddr: 0123456789ab"};
+  for (const std::string &value : values) {
+    for (const std::string &body :
+         {value, "lease " + value + " renewed", dm_body({{"address", value}}),
+          "{\"peer\": \"" + value + "\"}", std::string("a\0b", 3) + value}) {
+      const std::string shown = shown_masked(body);
+      EXPECT_EQ(shown.size(), body.size());
+      EXPECT_EQ(shown.find(value), std::string::npos) << value;
+    }
+    // The body goes on, and what was kept ends within the value.
+    const std::string bare = value.substr(value.rfind(' ') + 1);
+    for (size_t kept = 3; kept < bare.size(); ++kept) {
+      const std::string shown = shown_masked("peer=" + bare.substr(0, kept), true);
+      EXPECT_EQ(shown.find(bare.substr(0, kept)), std::string::npos) << shown;
+    }
+  }
+}
+
+TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
+  EXPECT_EQ(shown_masked(dm_body({{"SSID", "home-net"}, {"WifiPassword", "hunter22"}, {"n", "5"}})),
+            dm_body({{"SSID", "h******t"}, {"WifiPassword", "********"}, {"n", "5"}}));
+  EXPECT_EQ(shown_masked(R"({"ssid": "home \"net", "psk":"abc", "imei": 490154203237518, "n": 5})"),
+            R"({"ssid": "h********t", "psk":"***", "imei": 000000000000000, "n": 5})");
+  // Damaged bodies are masked as far as they go.
+  shown_masked(dm_body({{"SSID", "home"}}).substr(0, 40));
+  shown_masked("{\"ssid\": \"home");
+  std::string lies = dm_body({{"SSID", "home"}});
+  lies[28] = '\xff';
+  shown_masked(lies);
+}
+
+TEST_F(Traffic, ACaptureIsReadBackAsItWasWritten) {
+  std::string capture;
+  traffic::PcapngWriter writer([&capture](std::string_view bytes) { capture += bytes; }, "test 1.0",
+                               "msgsvr");
+  message(kPanel, kStation, kAsk, 7, "from 192.168.100.24");
+  const Event request = read();
+  writer.add(request, model_, false);
+  message(kStation, kPanel, kAsk, 7, "yes", 9);
+  const Event answer = read();
+  writer.add(answer, model_, true);
+
+  traffic::PcapngReader reader(capture);
+  std::optional<traffic::Packet> packet = reader.next();
+  ASSERT_TRUE(packet && packet->header);
+  EXPECT_EQ(packet->from, "panel");
+  EXPECT_EQ(packet->to, "station");
+  EXPECT_EQ(packet->wall_ns, request.wall_ns);
+  EXPECT_EQ(packet->record.number, request.record.number);
+  EXPECT_EQ(packet->header->ulMsgType, kAsk);
+  EXPECT_EQ(packet->kept, "from 192.168.100.24");
+  EXPECT_FALSE(packet->masked);
+  packet = reader.next();
+  ASSERT_TRUE(packet && packet->header);
+  EXPECT_EQ(packet->answers, request.record.number);
+  EXPECT_EQ(packet->header->ulMsgData, 9u);
+  EXPECT_TRUE(packet->masked);
+  EXPECT_EQ(reader.next(), std::nullopt);
+
+  for (size_t size = 1; size < capture.size(); ++size) {
+    traffic::PcapngReader cut(std::string_view(capture).substr(0, size));
+    try {
+      while (cut.next()) continue;
+    } catch (const std::runtime_error &) {
+    }
+  }
+  capture[8] = 'x';
+  EXPECT_THROW(traffic::PcapngReader(capture).next(), std::runtime_error);
+}
+
+TEST_F(Traffic, ShowsBodiesByTheirContent) {
+  const auto line = [this](const std::string &body, uint32_t type = kAsk) {
+    message(kPanel, kStation, type, 1, body);
+    const Event event = read();
+    return traffic::body_line(*event.message, catalogue_);
+  };
+  EXPECT_EQ(line(""), "");
+  EXPECT_EQ(line(std::string("text\0", 5)), "text");
+  EXPECT_EQ(line("{\"a\": [1, 2]}"), "{\"a\":[1,2]}");
+  EXPECT_EQ(line("{\"a\": \"\x1b[31m\"}"), "hex 7b2261223a20221b5b33316d227d");
+  EXPECT_EQ(line(dm_body({{"if", "eth0"}, {"up", "1"}})), "if=eth0 up=1");
+  EXPECT_EQ(line(std::string("\1\2\3", 3)), "hex 010203");
+  EXPECT_EQ(line(std::string(100, 'x')), std::string(64, 'x') + "...");
+  EXPECT_EQ(line(std::string("wifi\0\0\0\0\0\0\0\0", 12), ORP_MSG_COUNT_PROCESSES), "wifi");
+}
+
+TEST(Filter, SaysWhatIsWrongAndWhere) {
+  const catalogue::Catalogue catalogue;
+  const auto mistake = [&catalogue](const std::string &text) -> std::string {
+    try {
+      Filter filter(text, catalogue, 0);
+    } catch (const traffic::FilterError &error) {
+      return error.what();
+    }
+    return "";
+  };
+
+  EXPECT_THAT(mistake("from=a and"), HasSubstr("column 11: a term is missing"));
+  EXPECT_THAT(mistake("(from=a"), HasSubstr("not closed"));
+  EXPECT_THAT(mistake("from=a)"), HasSubstr("column 7"));
+  EXPECT_THAT(mistake("panel"), HasSubstr("no term"));
+  EXPECT_THAT(mistake("form=panel"), HasSubstr("no such key"));
+  EXPECT_THAT(mistake("type=no-such-type"), HasSubstr("no such type"));
+  EXPECT_THAT(mistake("type<5"), HasSubstr("only be compared"));
+  EXPECT_THAT(mistake("data=5-2"), HasSubstr("no range"));
+  EXPECT_THAT(mistake("data=99999999999999999999"), HasSubstr("no number"));
+  EXPECT_THAT(mistake("from=a,,b"), HasSubstr("value of the list"));
+  EXPECT_THAT(mistake("from="), HasSubstr("value is missing"));
+  EXPECT_THAT(mistake("kind=nothing"), HasSubstr("no such kind"));
+  EXPECT_THAT(mistake("since=yesterday"), HasSubstr("no time"));
+  EXPECT_THAT(mistake("since=-5"), HasSubstr("no time"));
+  EXPECT_THAT(mistake("bad\x1b[31m"), HasSubstr("bad\\x1b[31m"));
+  EXPECT_THAT(mistake(std::string(1000, '(')), HasSubstr("too many"));
+}
+
+TEST(Printable, ShowsWhatCouldCommandATerminal) {
+  EXPECT_EQ(servers::printable("plain \xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82"),
+            "plain \xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82");
+  EXPECT_EQ(servers::printable(std::string_view("\x1b[2J\n\0\x7f", 7)), "\\x1b[2J\\x0a\\x00\\x7f");
+  EXPECT_EQ(servers::printable("\xc2\x9b\x9b\xff\xc3"), "\\xc2\\x9b\\x9b\\xff\\xc3");
+  // Overlong, a surrogate, beyond the last code point.
+  EXPECT_EQ(servers::printable("\xc0\xaf\xe0\x80\xaf\xed\xa0\x80\xf4\x90\x80\x80"),
+            "\\xc0\\xaf\\xe0\\x80\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
+}
+
+}  // namespace

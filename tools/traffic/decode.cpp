@@ -1,0 +1,137 @@
+#include "traffic/decode.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/printable.h"
+#include "msgapi/dmmsg.h"
+
+namespace traffic {
+namespace {
+
+uint32_t word_at(std::string_view bytes, size_t at) {
+  uint32_t word;
+  std::memcpy(&word, bytes.data() + at, sizeof word);
+  return word;
+}
+
+std::string hex(std::string_view bytes) {
+  std::string text;
+  for (const char c : bytes) text += fmt::format("{:02x}", static_cast<unsigned char>(c));
+  return text;
+}
+
+// Characters and perhaps one NUL at the end.
+bool is_text(std::string_view bytes) {
+  if (bytes.ends_with('\0')) bytes.remove_suffix(1);
+  while (!bytes.empty()) {
+    const bool space = std::strchr("\t\r\n", bytes[0]) != nullptr && bytes[0] != '\0';
+    const size_t length = space ? 1 : servers::printable_length(bytes);
+    if (length == 0) return false;
+    bytes.remove_prefix(length);
+  }
+  return true;
+}
+
+std::string_view without_nul(std::string_view bytes) {
+  return bytes.substr(0, bytes.find('\0'));
+}
+
+Json value_json(std::string_view bytes) {
+  if (is_text(bytes)) return std::string(without_nul(bytes));
+  return Json{{"hex", hex(bytes)}};
+}
+
+// docs/events.md has the layout; nothing is believed that the bytes do not have.
+Json items_json(std::string_view body) {
+  constexpr size_t kHead = 24, kItemHead = 12;
+  Json items = Json::array();
+  size_t at = kHead;
+  while (body.size() - at >= kItemHead) {
+    const size_t name_size = word_at(body, at + 4);
+    const size_t value_size = word_at(body, at + 8);
+    if (name_size > body.size() - at - kItemHead) break;
+    at += kItemHead;
+    const std::string name = servers::printable(without_nul(body.substr(at, name_size)));
+    at += name_size;
+    const std::string_view value = body.substr(at, value_size);
+    items.push_back(Json{{"name", name}, {"value", value_json(value)}});
+    at += value.size();
+  }
+  return Json{{"sub_type", word_at(body, 20)}, {"error", word_at(body, 12)}, {"items", items}};
+}
+
+bool is_dm(std::string_view body) {
+  return body.size() >= 24 && word_at(body, 0) == ORP_DMMSG_MAGIC;
+}
+
+// Whether texts in it are to be shown as the JSON that they are.
+Json text_json(std::string_view body) {
+  const std::string_view text = without_nul(body);
+  if (text.starts_with('{') || text.starts_with('[')) {
+    Json json = Json::parse(text, nullptr, false);
+    if (!json.is_discarded()) return json;
+  }
+  return servers::printable(text);
+}
+
+}  // namespace
+
+Json body_json(const Message &message, const catalogue::Catalogue &catalogue) {
+  if (message.length == 0) return nullptr;
+  const std::string_view body = message.body;
+  const size_t missing = message.length - std::min<size_t>(body.size(), message.length);
+  if (body.empty()) return Json{{"missing", missing}};
+
+  if (message.body_in_file) return Json{{"file", servers::printable(without_nul(body))}};
+  const catalogue::MessageType *type = catalogue.find(message.type());
+  const catalogue::Content *content = nullptr;
+  if (type != nullptr) {
+    content = message.answers != 0 && type->answer ? &*type->answer : &type->request;
+  }
+  Json json;
+  if (is_dm(body)) {
+    json = items_json(body);
+  } else if (content != nullptr && content->body == catalogue::Body::kName) {
+    json = servers::printable(without_nul(body.substr(0, ORP_APP_NAME_SIZE)));
+  } else if (is_text(body) ||
+             (missing > 0 &&
+              is_text(body.substr(0, body.size() - std::min<size_t>(body.size(), 3))))) {
+    json = text_json(body);
+  } else {
+    json = Json{{"hex", hex(body)}};
+  }
+  if (missing == 0) return json;
+  if (json.is_object()) {
+    json["missing"] = missing;
+  } else if (json.is_string()) {
+    json = json.get<std::string>() + "...";
+  }
+  return json;
+}
+
+std::string body_line(const Message &message, const catalogue::Catalogue &catalogue) {
+  const Json json = body_json(message, catalogue);
+  if (json.is_null()) return "";
+  if (json.is_string()) return servers::printable(json.get<std::string>());
+  if (json.is_object() && json.contains("items")) {
+    std::string line;
+    for (const Json &item : json["items"]) {
+      const Json &value = item["value"];
+      line += fmt::format("{}{}={}", line.empty() ? "" : " ", item["name"].get<std::string>(),
+                          value.is_string() ? servers::printable(value.get<std::string>())
+                                            : value["hex"].get<std::string>());
+    }
+    if (json.contains("missing")) line += line.empty() ? "..." : " ...";
+    return line;
+  }
+  if (json.is_object() && json.size() == 1 && json.contains("missing")) {
+    return fmt::format("({} bytes)", json["missing"].get<size_t>());
+  }
+  if (json.is_object() && json.contains("hex")) return "hex " + json["hex"].get<std::string>();
+  return servers::printable(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+}  // namespace traffic

@@ -1,0 +1,114 @@
+// Makes sense of the flight recorder's records: who the clients are, what became of each message,
+// and which message answers which.
+//
+// An answer has its request's type and sequence number and goes the other way. Nothing in a message
+// says whether its sender expects one; requests() decides that by what has been seen.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+#include "flight/reader.h"
+#include "msgapi/msg.h"
+
+namespace traffic {
+
+using ClientId = uint32_t;  // the server's number of a client; 0 is the server
+
+struct Client {
+  std::string name;  // empty without one
+  uint32_t pid = 0;
+  uint32_t uid = 0;
+  std::string program;  // or the address of another board
+  bool ended = false;
+  std::string last_words;  // why it ended
+};
+
+// One message on its way to one receiver. An event that several get has one for each.
+struct Message {
+  uint64_t number = 0;  // of the record that accepted it
+  ClientId from = 0;
+  ClientId to = 0;
+  ORP_MSG_HEADER_ST header{};  // its type without the flags
+  bool body_in_file = false;
+  uint32_t board = 0;
+  uint32_t length = 0;  // of the body
+  std::string body;     // as much of it as was kept
+  uint64_t accepted_ns = 0;
+  uint64_t delivered_ns = 0;  // to the first receiver; 0: not yet
+  flight::Loss loss = flight::Loss::kNone;
+  uint64_t answers = 0;      // number of the request that this one answers
+  uint64_t answered_by = 0;  // number of its answer
+  uint64_t answered_ns = 0;  // when that was accepted
+
+  uint32_t type() const { return header.ulMsgType; }
+};
+
+// A record with what is known about it.
+struct Event {
+  flight::Record record;
+  uint64_t wall_ns = 0;              // since 1970
+  std::string text;                  // of records that have one
+  const Message *message = nullptr;  // of what it tells; null when that is not known any more
+  const Message *request = nullptr;  // that the message answers
+
+  flight::Kind kind() const { return static_cast<flight::Kind>(record.kind); }
+  flight::Loss loss() const { return static_cast<flight::Loss>(record.loss); }
+};
+
+// A request without an answer.
+struct Wait {
+  const Message *request;
+  // Its sender has sent nothing since, or messages of that type are known to be answered.
+  bool certain;
+};
+
+class Model {
+ public:
+  // How many messages are remembered.
+  explicit Model(size_t most_messages = 65536) : most_messages_(most_messages) {}
+
+  // What the event points to is valid until the next call.
+  Event take(const flight::Entry &entry, uint64_t wall_ns);
+
+  // What is known about a client; an empty one if that is nothing.
+  const Client &client(ClientId id) const;
+  const std::map<ClientId, Client> &clients() const { return clients_; }
+  // "wifi", "wifi[123]" while several have the name, "#7" for a client without one, "server".
+  std::string label(ClientId id) const;
+  const Message *message(uint64_t number) const;
+  const std::deque<uint64_t> &messages() const { return order_; }
+
+  // Requests whose answer is expected and has not come, the oldest first. `answered` tells of a
+  // type whether the catalogue knows it to be answered (true), or not to be (false).
+  using Known = std::optional<bool> (*)(uint32_t type);
+  std::vector<Wait> waits(Known answered) const;
+
+  // Who waits for himself in the end: clients in the order in which they wait for each other.
+  static std::vector<std::vector<ClientId>> circles(const std::vector<Wait> &waits);
+
+ private:
+  using Key = std::tuple<ClientId, ClientId, uint32_t, uint32_t>;  // from, to, type, sequence
+
+  void accept(const flight::Entry &entry);
+  void link(Message *message);
+  void forget_oldest();
+  Message *find(uint64_t number);
+
+  size_t most_messages_;
+  std::map<ClientId, Client> clients_;
+  std::unordered_map<uint64_t, Message> messages_;
+  std::deque<uint64_t> order_;
+  std::map<Key, uint64_t> open_;                            // requests without an answer
+  std::unordered_map<ClientId, uint64_t> last_sent_;        // number of each client's last message
+  std::unordered_map<uint32_t, uint64_t> answers_by_type_;  // how many answers have been seen
+};
+
+}  // namespace traffic
