@@ -1,0 +1,31 @@
+// What every command of msgctl knows.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "catalogue/type_files.h"
+#include "common/command_line.h"
+#include "common/exit_status.h"
+
+namespace msgctl {
+
+using servers::ExitStatus;
+using servers::Failure;
+
+struct Context {
+  bool json = false;
+  uint32_t timeout_ms = 5000;
+  std::string as;  // the name under which msgctl registers; empty: "msgctl" and its process
+  catalogue::Catalogue catalogue;
+  // What the process ends with when the command returns.
+  ExitStatus status = ExitStatus::kDone;
+};
+
+// Each adds the commands of one file. `context` outlives the command line.
+void add_catalogue_commands(servers::CommandLine *line, Context *context);
+
+// The options that every command has.
+void add_common_options(servers::Command *command, Context *context);
+
+}  // namespace msgctl
