@@ -31,27 +31,47 @@ void start_listening(int fd, const std::string &where) {
   if (::listen(fd, SOMAXCONN) != 0) refuse(where, std::strerror(errno));
 }
 
-bool somebody_listens(const sockaddr_un &address) {
+sockaddr_un unix_address(const std::string &path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path) refuse(path, "the path is too long");
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  return address;
+}
+
+// Nobody listens at that socket. Only a refused connection tells: without a descriptor to ask with,
+// for example, a living server must be assumed. False with errno set otherwise, which is 0 when
+// somebody has answered.
+bool is_dead(const sockaddr_un &address) {
   const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!probe) return false;
-  // A full backlog (EAGAIN) is a living server, too.
-  return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) ==
-             0 ||
-         errno == EAGAIN;
+  const auto *generic = reinterpret_cast<const sockaddr *>(&address);
+  if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
+    errno = 0;  // a full backlog is a living server's
+    return false;
+  }
+  return errno == ECONNREFUSED;
+}
+
+// The port of "ADDRESS:PORT", checked: the resolver takes longer numbers modulo 65536.
+bool is_port(const std::string &text) {
+  const bool digits = !text.empty() && text.size() <= 5 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+  return digits && std::stoul(text) >= 1 && std::stoul(text) <= 65535;
 }
 
 }  // namespace
 
 UniqueFd listen_unix(const std::string &path, mode_t mode) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof address.sun_path) refuse(path, "the path is too long");
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-
+  const sockaddr_un address = unix_address(path);
   struct stat found {};
   if (::lstat(path.c_str(), &found) == 0) {
     if (!S_ISSOCK(found.st_mode)) refuse(path, "there is a file that is no socket");
-    if (somebody_listens(address)) refuse(path, "a server is running there");
+    if (!is_dead(address)) {
+      refuse(path, errno == 0 ? "a server is running there"
+                              : fmt::format("cannot find out whether a server is running there: {}",
+                                            std::strerror(errno)));
+    }
     ::unlink(path.c_str());
   }
 
@@ -65,11 +85,16 @@ UniqueFd listen_unix(const std::string &path, mode_t mode) {
   return fd;
 }
 
+void remove_unix(const std::string &path) {
+  if (is_dead(unix_address(path))) ::unlink(path.c_str());
+}
+
 UniqueFd listen_tcp(const std::string &address_and_port) {
   const size_t colon = address_and_port.rfind(':');
   if (colon == std::string::npos) refuse(address_and_port, "it is not ADDRESS:PORT");
   std::string address = address_and_port.substr(0, colon);
   const std::string port = address_and_port.substr(colon + 1);
+  if (!is_port(port)) refuse(address_and_port, "the port is not a number from 1 to 65535");
   if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
     address = address.substr(1, address.size() - 2);
   }
@@ -111,11 +136,17 @@ UniqueFd Acceptor::accept() {
   }
 }
 
-pid_t peer_pid(int fd) {
+std::optional<ucred> peer_credentials(int fd) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return 0;
-  return credentials.pid;
+  const bool known = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
+  if (!known || credentials.pid == 0) return std::nullopt;
+  return credentials;
+}
+
+pid_t peer_pid(int fd) {
+  const auto credentials = peer_credentials(fd);
+  return credentials ? credentials->pid : 0;
 }
 
 std::string peer_address(int fd) {

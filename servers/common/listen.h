@@ -1,8 +1,10 @@
 // Listening sockets, and who is at the other end of a connection.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 #include "common/unique_fd.h"
@@ -13,8 +15,12 @@ namespace servers {
 // moment it exists. A socket that a dead server left is replaced; a living server's is not. Throws
 // std::runtime_error with a text for the user.
 UniqueFd listen_unix(const std::string &path, mode_t mode);
+// Removes the socket once nobody listens there any more: another server may have taken the path
+// over.
+void remove_unix(const std::string &path);
 
-// The same on "ADDRESS:PORT" (a numeric IPv4 address, or "[ADDRESS]:PORT" for IPv6).
+// The same on "ADDRESS:PORT" (a numeric IPv4 address, or "[ADDRESS]:PORT" for IPv6), the
+// port being 1 to 65535.
 UniqueFd listen_tcp(const std::string &address_and_port);
 
 // Accepts connections from a listening socket; never leaves one pending for want of descriptors.
@@ -32,6 +38,8 @@ class Acceptor {
   UniqueFd spare_;  // given up for a moment to close a connection that cannot be served
 };
 
+// Who is at the other end of a Unix connection, as it was when it connected.
+std::optional<ucred> peer_credentials(int fd);
 // The process at the other end of a Unix connection, as it was when it connected; 0 if unknown.
 pid_t peer_pid(int fd);
 // "ADDRESS:PORT" of the other end of a TCP connection, empty for another kind.

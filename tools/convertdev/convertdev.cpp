@@ -17,8 +17,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
+#include <new>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -115,10 +118,19 @@ int answer(ORP_NLS_REQUEST_ST *request) {
   return 0;
 }
 
+// Callers do not expect an exception from what they take for a system call.
+int answer_without_exceptions(ORP_NLS_REQUEST_ST *request) try {
+  return answer(request);
+} catch (const std::bad_alloc &) {
+  return fail(ENOMEM);
+} catch (const std::length_error &) {
+  return fail(ENOMEM);
+}
+
 bool is_device(int fd) {
-  char link[64];
-  const std::string path = "/proc/self/fd/" + std::to_string(fd);
-  const ssize_t length = ::readlink(path.c_str(), link, sizeof link);
+  char path[32], link[64];
+  std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+  const ssize_t length = ::readlink(path, link, sizeof link);
   return length > 0 &&
          std::string_view(link, static_cast<size_t>(length)).substr(0, kDescriptorLink.size()) ==
              kDescriptorLink;
@@ -171,7 +183,7 @@ CONVERTDEV_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
   void *const argument = va_arg(arguments, void *);
   va_end(arguments);
   if (static_cast<uint32_t>(request) == ORP_NLS_DEVICE_REQUEST && is_device(fd)) {
-    return answer(static_cast<ORP_NLS_REQUEST_ST *>(argument));
+    return answer_without_exceptions(static_cast<ORP_NLS_REQUEST_ST *>(argument));
   }
   return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
 }
