@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 
 #include "common/printable.h"
@@ -14,7 +15,7 @@ namespace servers {
 namespace {
 
 std::string g_name = "server";
-uint64_t g_dropped;
+std::atomic<uint64_t> g_dropped;  // threads write lines, too
 
 // A pipe that polls writable takes PIPE_BUF bytes without blocking; a longer line is cut to that.
 constexpr size_t kLongestLine = 4096;
@@ -78,7 +79,7 @@ void write_log_line(std::string_view text) noexcept {
   Line line;
   add_time_stamp(&line);
   line.add(" {}[{}]: ", g_name, ::getpid());
-  if (g_dropped > 0) line.add("({} lines dropped) ", std::exchange(g_dropped, 0));
+  if (const uint64_t dropped = g_dropped.exchange(0)) line.add("({} lines dropped) ", dropped);
   line.add("{}", text);
   const std::string_view whole = line.finish();
   if (::write(STDERR_FILENO, whole.data(), whole.size()) < 0) ++g_dropped;

@@ -19,6 +19,18 @@ std::string path_of(uint32_t number) {
   return ORP_MSG_HAND_OVER_PREFIX + std::to_string(number);
 }
 
+// Receivers run as other users and read by the bit for others; the mode is the library's.
+constexpr mode_t kFileMode = 01204;
+
+// Random, and not 0; 0 when there is no randomness.
+uint32_t fresh_number() {
+  uint32_t number = 0;
+  while (number == 0) {
+    if (::getrandom(&number, sizeof number, 0) != sizeof number) return 0;
+  }
+  return number;
+}
+
 }  // namespace
 
 std::optional<std::string> hand_over_path(std::span<const char> body) {
@@ -56,13 +68,29 @@ bool read_hand_over(std::span<const char> body, size_t limit, std::string *out) 
 uint32_t link_hand_over(const std::string &path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
-  for (;;) {
-    uint32_t number = 0;
-    if (::getrandom(&number, sizeof number, 0) != sizeof number) return 0;
-    if (number == 0) continue;
+  while (const uint32_t number = fresh_number()) {
     if (::link(path.c_str(), path_of(number).c_str()) == 0) return number;
     if (errno != EEXIST) return 0;
   }
+  return 0;
+}
+
+servers::UniqueFd create_hand_over(uint32_t *number) {
+  while (const uint32_t fresh = fresh_number()) {
+    servers::UniqueFd file(
+        ::open(path_of(fresh).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file && ::fchmod(file.get(), kFileMode) == 0) {
+      *number = fresh;
+      return file;
+    }
+    const int reason = errno;
+    if (file) ::unlink(path_of(fresh).c_str());
+    if (reason != EEXIST) {
+      errno = reason;
+      break;
+    }
+  }
+  return {};
 }
 
 std::array<char, ORP_MSG_HAND_OVER_PATH_SIZE> hand_over_body(uint32_t number) {

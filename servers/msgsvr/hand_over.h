@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "common/unique_fd.h"
 #include "msgapi/msg.h"
 
 namespace msgsvr {
@@ -23,6 +24,9 @@ bool read_hand_over(std::span<const char> body, size_t limit, std::string *out);
 // Gives a regular hand-over file one more name, which is reached without copying it. Returns the
 // new name's number, or 0 when that is not possible.
 uint32_t link_hand_over(const std::string &path);
+// A new, empty file under a fresh number, open for writing, as the library makes them. None with
+// errno set and *number untouched when that is not possible.
+servers::UniqueFd create_hand_over(uint32_t *number);
 // The body of a message that hands over the file of that number.
 std::array<char, ORP_MSG_HAND_OVER_PATH_SIZE> hand_over_body(uint32_t number);
 void remove_hand_over(uint32_t number);

@@ -213,6 +213,7 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   if (route.to_server) {
     ++statistics_.unserved;
     log_line("{} sent the server a message of {} bytes, which is too long", from.label(), size);
+    for (const RefusedHandler &handler : refused_messages_) handler(from, header);
   } else {
     ++statistics_.unknown_names;
   }
@@ -337,6 +338,7 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header)
         log_line("{} sent a message 0x{:x} whose body cannot be read from its file", from.label(),
                  message.type());
         ++statistics_.unserved;
+        for (const RefusedHandler &handler : refused_messages_) handler(from, header);
         notify_undeliverable(from, message.type(), header.ulSeqNum);
         return;
       }

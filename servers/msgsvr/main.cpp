@@ -1,7 +1,6 @@
 // msgsvr: the message server through which all application processes talk to each other.
 
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -105,12 +104,14 @@ void serve(const Options &options, mode_t socket_mode) {
 
   server.listen(servers::listen_unix(options.socket_path, socket_mode));
   if (!options.tcp.empty()) server.listen(servers::listen_tcp(options.tcp));
-  log_line("ready on {}", options.socket_path);
+  log_line("ready on {}{}{}", options.socket_path,
+           options.tcp.empty() ? "" : ", TCP " + options.tcp,
+           options.http.empty() ? "" : ", HTTP " + options.http);
 
   loop.run();
-  ::unlink(options.socket_path.c_str());
   log_statistics();
   server.shut_down();
+  servers::remove_unix(options.socket_path);
   log_line("stopped");
 }
 

@@ -6,10 +6,16 @@
 // text was made of a path and a handler's name, and is taken apart at its last "/"; in the second
 // the handler's name is the rest of PATH. Texts may be patterns.
 //
+// A request that comes by HTTP and does not fit the application's queue is held until it does, for
+// the time that an answer may take. One that is given up is withdrawn if its body lies in a file
+// that the application has not taken yet, so that an application that reads nothing does not fill
+// the device.
+//
 // Requests come from HTTP clients, or as messages for nobody in particular from other applications,
 // whose answers then go to them directly.
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <map>
@@ -18,12 +24,14 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/listen.h"
 #include "common/log_line.h"
 #include "msgapi/path.h"
 #include "msgapi/restful.h"
+#include "msgsvr/hand_over.h"
 #include "msgsvr/http_front.h"
 #include "msgsvr/services.h"
 
@@ -44,7 +52,7 @@ constexpr size_t kMostRegistrations = 4096;
 
 // ulCode of a request that came by HTTP.
 constexpr std::pair<std::string_view, uint32_t> kMethods[] = {
-    {"GET", 0}, {"POST", 1}, {"PUT", 2}, {"DELETE", 3}, {"PATCH", 4}};
+    {"GET", 0}, {"HEAD", 0}, {"POST", 1}, {"PUT", 2}, {"DELETE", 3}, {"PATCH", 4}};
 
 struct Registration {
   uint32_t client;
@@ -58,12 +66,18 @@ struct Target {
   std::string handler;
 };
 
-// An HTTP request that waits for an application.
+// An HTTP request that waits for an application, or for room in its queue.
 struct Pending {
-  uint64_t exchange;
-  uint32_t client;
-  EventLoop::TimerId timer;
+  uint64_t exchange = 0;
+  uint32_t client = 0;
+  std::string what = {};  // for log lines
+  EventLoop::TimerId timer = 0;
+  std::optional<SpooledBody> unsent = {};
+  uint32_t file = 0;  // the sent body's
 };
+
+constexpr std::string_view kAllowed = "GET, HEAD, POST, PUT, DELETE, PATCH";
+constexpr std::chrono::milliseconds kRetryPeriod{20};
 
 bool matches(const std::string &pattern, std::string_view path) {
   return ORP_UTIL_MatchPrefixPath(pattern.c_str(), std::string(path).c_str()) == 1;
@@ -73,6 +87,13 @@ std::pair<std::string, std::string> split(std::string_view text) {
   const size_t slash = text.rfind('/');
   if (slash == std::string_view::npos) return {"", std::string(text)};
   return {std::string(text.substr(0, slash)), std::string(text.substr(slash + 1))};
+}
+
+HttpAnswer failure(unsigned status, const char *why) {
+  return {status, std::string(why) + '\n'};
+}
+HttpAnswer try_again(const char *why) {
+  return {503, std::string(why) + '\n', "text/plain", true};
 }
 
 const char *content_type_of(std::string_view text) {
@@ -92,16 +113,16 @@ class Restful final : public Service {
       server->serve(type, [this](Client &from, const Message &m) { take(from, m); });
     }
     server->on_gone([this](Client &client) { forget(client); });
+    server->on_refused([this](Client &from, const Header &header) { refused(from, header); });
     if (!server->options().http.empty()) {
       front_ = std::make_unique<HttpFront>(
-          &server->loop(), servers::listen_tcp(server->options().http), kLongestText,
-          [this](uint64_t id, const HttpRequest &request) { request_by_http(id, request); },
+          &server->loop(), servers::listen_tcp(server->options().http),
+          HttpLimits{kLongestText, kBodyHead, time_limit()},
+          [this](uint64_t id, HttpRequest request) { request_by_http(id, std::move(request)); },
           [this](uint64_t id) {
-            std::erase_if(pending_, [&](const auto &entry) {
-              if (entry.second.exchange != id) return false;
-              server_->loop().cancel(entry.second.timer);
-              return true;
-            });
+            const auto entry = std::ranges::find(
+                pending_, id, [](const auto &each) { return each.second.exchange; });
+            if (entry != pending_.end()) give_up(entry);
           });
     }
   }
@@ -151,42 +172,120 @@ class Restful final : public Service {
     return best;
   }
 
-  void request_by_http(uint64_t id, const HttpRequest &request) {
+  std::chrono::milliseconds time_limit() const {
+    return std::chrono::milliseconds(server_->options().http_timeout_ms);
+  }
+
+  void request_by_http(uint64_t id, HttpRequest request) {
     const auto method = std::ranges::find(kMethods, std::string_view(request.method),
                                           [](const auto &entry) { return entry.first; });
     if (method == std::end(kMethods)) {
-      front_->answer(id, 405, "method not allowed\n", "text/plain");
+      HttpAnswer answer = failure(405, "method not allowed");
+      answer.allow = kAllowed;
+      front_->answer(id, std::move(answer));
       return;
     }
     const std::optional<Target> target = find(request.path);
     Client *client = target ? server_->by_id(target->registration->client) : nullptr;
     if (client == nullptr) {
-      front_->answer(id, 404, "no application serves this\n", "text/plain");
+      front_->answer(id, failure(404, "no application serves this"));
       return;
     }
 
-    const std::string &text = request.body.empty() ? request.query : request.body;
     ORP_MSG_RESTFUL_REQ_ST head{};
     head.ulCode = method->second;
     target->path.copy(head.aucPath, sizeof head.aucPath - 1);
     target->handler.copy(head.aucHandler, sizeof head.aucHandler - 1);
-    std::string body(reinterpret_cast<const char *>(&head), sizeof head);
-    body += text;
-    body += '\0';
+    SpooledBody &body = request.body;
+    if ((body.text_size() == 0 && !body.append(request.query)) ||
+        !body.finish({reinterpret_cast<const char *>(&head), sizeof head})) {
+      log_line("the body of {} {} cannot be kept: {}", request.method, request.path,
+               std::strerror(errno));
+      front_->answer(id, try_again("no room for the body"));
+      return;
+    }
+
+    const uint32_t sequence = ++last_sequence_;
+    Pending &pending = pending_[sequence];
+    pending.exchange = id;
+    pending.client = client->id;
+    pending.what = request.method + ' ' + request.path;
+    pending.unsent.emplace(std::move(body));
+    pending.timer = server_->loop().after(time_limit(), [this, sequence] { time_out(sequence); });
+    const uint64_t lost = client->frames_lost;
+    if (try_to_send(sequence, pending)) {
+      server_->flush();
+      if (client->frames_lost != lost) finish(sequence, try_again("the application is busy"));
+    } else if (client->backlog.slow) {
+      log_line("{} does not read: {} is refused", client->label(), pending.what);
+      finish(sequence, try_again("the application is busy"));
+    } else if (retry_timer_ == 0) {
+      plan_retry();
+    }
+  }
+
+  // False when there is no room for it in the application's queue, and while others wait for that.
+  bool try_to_send(uint32_t sequence, Pending &pending) {
+    Client *client = server_->by_id(pending.client);
+    if (client == nullptr) return false;
+    const bool here = client->address.empty();  // and shares our files
+    SpooledBody &body = *pending.unsent;
+    const size_t size = kHeaderSize + (body.file() == 0 ? body.memory().size()
+                                       : here           ? size_t{ORP_MSG_HAND_OVER_PATH_SIZE}
+                                                        : kBodyHead + body.text_size() + 1);
+    // A message of any size finds room in an empty queue.
+    if (!client->out.empty() && client->out.weight() + size > client->out.limit()) return false;
+
     Header header{};
     header.ulMsgType = ORP_MSG_RESTFUL_REQUEST;
-    header.ulSeqNum = ++last_sequence_;
+    header.ulSeqNum = sequence;
     AppName(kServerName).store(header.aucSendApp);
     client->name.store(header.aucRecvApp);
+    if (body.file() == 0) {
+      server_->send(*client, header, body.memory());
+    } else if (here) {
+      header.ulMsgType |= ORP_MSG_TYPE_BODY_IN_FILE;
+      pending.file = body.give_away();
+      server_->send(*client, header, hand_over_body(pending.file), pending.file);
+    } else {
+      std::string bytes;
+      if (!body.read(&bytes)) {
+        log_line("the body of {} is lost: {}", pending.what, std::strerror(errno));
+        return false;
+      }
+      server_->send(*client, header, bytes);
+    }
+    pending.unsent.reset();
+    return true;
+  }
 
-    const uint32_t sequence = header.ulSeqNum;
-    const auto timer = server_->loop().after(
-        std::chrono::milliseconds(server_->options().http_timeout_ms), [this, sequence] {
-          finish(sequence, 504, "the application does not answer\n", "text/plain");
-        });
-    pending_[sequence] = {id, client->id, timer};
-    server_->send(*client, header, body);
-    server_->flush();
+  // Those that are held, in the order of their coming.
+  void plan_retry() {
+    retry_timer_ = server_->loop().after(kRetryPeriod, [this] {
+      retry_timer_ = 0;
+      bool held = false;
+      for (auto &[sequence, pending] : pending_) {
+        if (pending.unsent && !try_to_send(sequence, pending)) held = true;
+      }
+      server_->flush();
+      if (held) plan_retry();
+    });
+  }
+
+  void time_out(uint32_t sequence) {
+    const auto entry = pending_.find(sequence);
+    if (entry == pending_.end()) return;
+    const Pending &pending = entry->second;
+    Client *client = server_->by_id(pending.client);
+    const std::string label = client == nullptr ? "" : client->label();
+    if (pending.unsent) {
+      log_line("{} has no room in {}'s queue and is refused", pending.what, label);
+      finish(sequence, try_again("the application is busy"));
+      return;
+    }
+    log_line("{} has not answered {}: it is busy, or has no such handler, or that has failed",
+             label, pending.what);
+    finish(sequence, failure(504, "the application does not answer"));
   }
 
   // An answer to one of ours, or a request of another application.
@@ -199,7 +298,7 @@ class Restful final : public Service {
     if (entry == pending_.end() || entry->second.client != from.id) return;  // too late
     const std::string body(message.body.begin(), message.body.end());
     const std::string text = body.substr(0, body.find('\0'));
-    finish(entry->first, 200, text, content_type_of(text));
+    finish(entry->first, {200, text, content_type_of(text)});
   }
 
   void pass_on(Client &from, const Message &message) {
@@ -223,13 +322,31 @@ class Restful final : public Service {
     server_->send(*to, header, message.body);
   }
 
-  void finish(uint32_t sequence, unsigned status, std::string_view text, const char *type) {
+  // A message of `from` for the server that could not be taken.
+  void refused(Client &from, const Header &header) {
+    const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
+    if (type != ORP_MSG_RESTFUL_REQUEST || AppName(std::string_view(header.aucRecvApp)).empty()) {
+      return;
+    }
+    const auto entry = pending_.find(header.ulSeqNum);
+    if (entry == pending_.end() || entry->second.client != from.id) return;
+    log_line("the answer of {} to {} cannot be passed on: too long, or its file cannot be read",
+             from.label(), entry->second.what);
+    finish(entry->first, failure(502, "the application's answer is too long or cannot be read"));
+  }
+
+  void finish(uint32_t sequence, HttpAnswer answer) {
     const auto entry = pending_.find(sequence);
     if (entry == pending_.end()) return;
-    const Pending pending = entry->second;
+    const uint64_t exchange = entry->second.exchange;
+    give_up(entry);
+    front_->answer(exchange, std::move(answer));
+  }
+
+  void give_up(std::map<uint32_t, Pending>::iterator entry) {
+    server_->loop().cancel(entry->second.timer);
+    if (entry->second.file != 0) remove_hand_over(entry->second.file);
     pending_.erase(entry);
-    server_->loop().cancel(pending.timer);
-    front_->answer(pending.exchange, status, text, type);
   }
 
   void forget(const Client &client) {
@@ -239,7 +356,8 @@ class Restful final : public Service {
       if (pending.client == client.id) lost.push_back(sequence);
     }
     for (uint32_t sequence : lost) {
-      finish(sequence, 502, "the application has gone\n", "text/plain");
+      log_line("{} left without an answer to {}", client.label(), pending_[sequence].what);
+      finish(sequence, failure(502, "the application has gone"));
     }
   }
 
@@ -247,6 +365,7 @@ class Restful final : public Service {
   std::vector<Registration> registrations_;  // oldest first
   std::map<uint32_t, Pending> pending_;      // by our sequence number
   uint32_t last_sequence_ = 0;
+  EventLoop::TimerId retry_timer_ = 0;
   std::unique_ptr<HttpFront> front_;
 };
 

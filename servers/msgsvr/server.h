@@ -57,6 +57,7 @@ class Server {
  public:
   using Handler = std::function<void(Client &from, const Message &message)>;
   using GoneHandler = std::function<void(Client &client)>;
+  using RefusedHandler = std::function<void(Client &from, const Header &header)>;
 
   Server(EventLoop *loop, const Options &options);
   ~Server();
@@ -77,6 +78,9 @@ class Server {
   void serve_rest(std::function<bool(Client &, const Message &)> handler);
   // `handler` is told of every client that is gone. It may send, but not to that client.
   void on_gone(GoneHandler handler) { gone_.push_back(std::move(handler)); }
+  // `handler` is told of every message for the server that is too long for it, or whose body cannot
+  // be read from its file.
+  void on_refused(RefusedHandler handler) { refused_messages_.push_back(std::move(handler)); }
 
   EventLoop &loop() { return *loop_; }
   const Options &options() const { return options_; }
@@ -157,6 +161,7 @@ class Server {
   std::unordered_map<uint32_t, Handler> handlers_;
   std::vector<std::function<bool(Client &, const Message &)>> rest_handlers_;
   std::vector<GoneHandler> gone_;
+  std::vector<RefusedHandler> refused_messages_;
 
   std::vector<char> read_buffer_;
   std::vector<char> assembled_;  // the frame that the current input completed
