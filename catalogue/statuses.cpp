@@ -53,6 +53,8 @@ constexpr StatusNumber kStatuses[] = {
     {ORP_CFM_ERR_FILE_READ, "ORP_CFM_ERR_FILE_READ", kConfiguration, "the file cannot be read"},
     {ORP_CFM_ERR_FILE_FOREIGN, "ORP_CFM_ERR_FILE_FOREIGN", kConfiguration,
      "the file is damaged, cut off or not written by this device"},
+    {ORP_CFM_ERR_FILE_TAKEN, "ORP_CFM_ERR_FILE_TAKEN", kConfiguration,
+     "something else than a configuration file has that name"},
 
     {ORP_DMMSG_ERR, "ORP_DMMSG_ERR", kItems,
      "a bad argument, wrong magic, a damaged body, or no further item"},

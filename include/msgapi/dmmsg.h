@@ -109,6 +109,7 @@ MSGAPI_EXPORT uint32_t ORP_DB_SaveToAppSyncFunc(void);
 #define ORP_CFM_ERR_FILE_WRITE 0x31003u   /* not written */
 #define ORP_CFM_ERR_FILE_READ 0x31004u    /* not read */
 #define ORP_CFM_ERR_FILE_FOREIGN 0x31005u /* damaged, cut off or not written by this device */
+#define ORP_CFM_ERR_FILE_TAKEN 0x31006u   /* something else has that name */
 
 /* Writes the store to an encrypted file. */
 MSGAPI_EXPORT uint32_t ORP_CFM_ExtExportEncryptedCfgFile(const char *path);

@@ -15,6 +15,7 @@
 
 #include "cfmapi.h"
 #include "cfmstore.h"
+#include "common/listen.h"
 #include "common/log_line.h"
 #include "msgsvr/sealed_file.h"
 #include "msgsvr/services.h"
@@ -52,21 +53,21 @@ class ConfigManager final : public Service {
         worker_(&server->loop()) {
     for (const uint32_t type : {kSave, kSaveToApp}) {
       server->serve(type, [this](Client &from, const Message &) {
-        run(from, "save", [] { return CFM_StoreSave(); });
+        run(from, "saving", [] { return CFM_StoreSave(); });
       });
     }
     for (const uint32_t type : {kSaveSync, kSaveAppSync, kSaveToAppSync}) {
       server->serve(type, [this](Client &from, const Message &request) {
-        run_and_answer(from, request, "save", [] { return CFM_StoreSave(); });
+        run_and_answer(from, request, "saving", [] { return CFM_StoreSave(); });
       });
     }
     server->serve(kRestoreDefaults, [this](Client &from, const Message &request) {
       // Mode and user, of which this port needs neither.
       if (request.body.size() < 8) return;
-      run(from, "restore the defaults of", [] { return CFM_StoreRestoreDefaults(); });
+      run(from, "bringing back the defaults of", [] { return CFM_StoreRestoreDefaults(); });
     });
     server->serve(kDeleteAppData, [this](Client &from, const Message &request) {
-      run_and_answer(from, request, "delete the application data of",
+      run_and_answer(from, request, "deleting the application data of",
                      [] { return CFM_StoreRestoreAppData(); });
     });
     server->serve(kExportUser, [this](Client &from, const Message &request) {
@@ -75,17 +76,16 @@ class ConfigManager final : public Service {
     server->on_gone([this](Client &client) { export_users_.erase(client.id); });
     server->serve(kExport, [this](Client &from, const Message &request) {
       const uint32_t user = std::exchange(export_users_[from.id], 0);
-      run_and_answer(from, request, "export",
-                     [this, path = path_in(request), user] { return write_export(path, user); });
+      transfer(from, request, "export to",
+               [this, user](const std::string &path) { return write_export(path, user); });
     });
     server->serve(kImport, [this](Client &from, const Message &request) {
-      run_and_answer(from, request, "import",
-                     [this, path = path_in(request)] { return with_image(path, CFM_StoreImport); });
+      transfer(from, request, "import from",
+               [this](const std::string &path) { return with_image(path, CFM_StoreImport); });
     });
     server->serve(kCheckFile, [this](Client &from, const Message &request) {
-      run_and_answer(from, request, "check a file for", [this, path = path_in(request)] {
-        return with_image(path, CFM_StoreCheckImage);
-      });
+      transfer(from, request, "check of",
+               [this](const std::string &path) { return with_image(path, CFM_StoreCheckImage); });
     });
   }
 
@@ -95,33 +95,64 @@ class ConfigManager final : public Service {
     return text.substr(0, text.find('\0'));
   }
 
+  // Name and process, and whose process it is.
+  static std::string who(const Client &client) {
+    const auto credentials = servers::peer_credentials(client.fd.get());
+    return credentials ? fmt::format("{}, uid {}", client.label(), credentials->uid)
+                       : client.label();
+  }
+
+  static std::string text_of(uint32_t result) {
+    if (result == CFM_OK) return "done";
+    if (result > kFileResults &&
+        result <= kFileResults + static_cast<uint32_t>(SealStatus::kTaken)) {
+      return seal_text(static_cast<SealStatus>(result - kFileResults));
+    }
+    return fmt::format("failed with 0x{:x}", result);
+  }
+
   template <typename Job>
   void run(Client &from, const char *what, Job job) {
-    start(from, what, std::move(job), [](uint32_t) {});
+    start(std::move(job),
+          [label = from.label(), what](uint32_t result) { log_failure(label, what, result); });
   }
 
   template <typename Job>
   void run_and_answer(Client &from, const Message &request, const char *what, Job job) {
-    start(from, what, std::move(job),
-          [this, id = from.id, header = request.header](uint32_t result) {
-            Client *client = server_->by_id(id);
-            if (client == nullptr) return;
-            server_->reply(*client, Message{header, {}, {}}, result);
-            server_->flush();
+    start(std::move(job), [this, id = from.id, header = request.header, label = from.label(),
+                           what](uint32_t result) {
+      log_failure(label, what, result);
+      answer(id, header, result);
+    });
+  }
+
+  // What leaves the device or comes to it is always logged.
+  template <typename Job>
+  void transfer(Client &from, const Message &request, const char *what, Job job) {
+    const std::string path = path_in(request);
+    start([job, path] { return job(path); },
+          [this, id = from.id, header = request.header, who = who(from), what,
+           path](uint32_t result) {
+            log_line("{}: {} {}: {}", who, what, path, text_of(result));
+            answer(id, header, result);
           });
   }
 
+  static void log_failure(const std::string &label, const char *what, uint32_t result) {
+    if (result != CFM_OK) log_line("{}: {} the configuration: {}", label, what, text_of(result));
+  }
+
+  void answer(uint32_t id, const Header &header, uint32_t result) {
+    Client *client = server_->by_id(id);
+    if (client == nullptr) return;
+    server_->reply(*client, Message{header, {}, {}}, result);
+    server_->flush();
+  }
+
   template <typename Job, typename Done>
-  void start(Client &from, const char *what, Job job, Done done) {
+  void start(Job job, Done done) {
     const auto result = std::make_shared<uint32_t>(0);
-    worker_.run([result, job] { *result = job(); },
-                [result, done, what, label = from.label()] {
-                  if (*result != CFM_OK) {
-                    log_line("{} wanted to {} the configuration: failed with 0x{:x}", label, what,
-                             *result);
-                  }
-                  done(*result);
-                });
+    worker_.run([result, job] { *result = job(); }, [result, done] { done(*result); });
   }
 
   uint32_t write_export(const std::string &path, uint32_t user) const {

@@ -33,7 +33,7 @@ struct Options {
   std::string applications;  // the file that lists the dynamic applications, empty for none
   std::string login_state = "/var/msgsvr-login.json";
   std::string export_key = "/var/cfm/export.key";
-  std::vector<std::string> export_directories = {"/var/", "/mnt/", "/tmp/"};
+  std::vector<std::string> export_directories = {"/mnt/", "/tmp/"};
   bool factory_mode = false;
 };
 

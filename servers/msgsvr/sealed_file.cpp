@@ -12,18 +12,16 @@
 
 #include <fcntl.h>
 #include <sodium.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "common/unique_fd.h"
 #include "msgsvr/whole_file.h"
@@ -57,23 +55,70 @@ bool read_all(int fd, void *data, size_t size) {
   return true;
 }
 
-// The path with its directory's links resolved, if that is where sealed files may be.
-std::optional<std::string> permitted(const SealOptions &options, const std::string &path) {
-  const size_t slash = path.rfind('/');
-  if (path.empty() || path[0] != '/' || slash + 1 == path.size()) return std::nullopt;
-  const std::string name = path.substr(slash + 1);
-  if (name == "." || name == "..") return std::nullopt;
-  const std::unique_ptr<char, void (*)(void *)> directory(
-      ::realpath(path.substr(0, slash + 1).c_str(), nullptr), ::free);
-  if (!directory) return std::nullopt;
-  std::string resolved = directory.get();
-  if (resolved.back() != '/') resolved += '/';
-  // The key's directory holds the store as well.
-  if (options.key_path.substr(0, options.key_path.rfind('/') + 1) == resolved) return std::nullopt;
-  for (const std::string &allowed : options.directories) {
-    if (resolved.starts_with(allowed)) return resolved + name;
+// Where a sealed file is or will be. The directory stays the same one, whatever becomes of its
+// path meanwhile.
+struct Place {
+  UniqueFd directory;
+  std::string name;
+};
+
+// A name in a directory, and no way out of it.
+bool is_plain(std::string_view name) {
+  return !name.empty() && name != "." && name != "..";
+}
+
+bool same_file(int one, const struct stat &other) {
+  struct stat status {};
+  return ::fstat(one, &status) == 0 && status.st_dev == other.st_dev &&
+         status.st_ino == other.st_ino;
+}
+
+// The place that `path` names, if sealed files may be there. One directory after the other is
+// opened, links being refused, so that nobody can lead us elsewhere: not by a link that is there,
+// nor by one that takes a directory's place at the right moment.
+std::optional<Place> place_of(const SealOptions &options, const std::string &path) {
+  std::string base;
+  for (const std::string &each : options.directories) {
+    if (path.starts_with(each) && each.size() > base.size()) base = each;
   }
-  return std::nullopt;
+  if (base.empty()) return std::nullopt;
+  UniqueFd directory(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  std::string_view rest = std::string_view(path).substr(base.size());
+  for (size_t slash; directory && (slash = rest.find('/')) != std::string_view::npos;) {
+    const std::string name(rest.substr(0, slash));
+    rest.remove_prefix(slash + 1);
+    if (name.empty() || name == ".") continue;
+    if (!is_plain(name)) return std::nullopt;
+    directory = UniqueFd(
+        ::openat(directory.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  }
+  if (!directory || !is_plain(rest)) return std::nullopt;
+  // The key's directory holds the store as well.
+  struct stat store {};
+  const std::string store_path = options.key_path.substr(0, options.key_path.rfind('/') + 1);
+  if (::stat(store_path.c_str(), &store) == 0 && same_file(directory.get(), store)) {
+    return std::nullopt;
+  }
+  return Place{std::move(directory), std::string(rest)};
+}
+
+// Opens what is there for reading, without following a link or waiting.
+UniqueFd open_file(const Place &place) {
+  return UniqueFd(::openat(place.directory.get(), place.name.c_str(),
+                           O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+}
+
+// Nothing is there, or a regular file that begins as a sealed one does.
+bool may_be_replaced(const Place &place) {
+  struct stat status {};
+  if (::fstatat(place.directory.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT;
+  }
+  if (!S_ISREG(status.st_mode)) return false;
+  const UniqueFd file = open_file(place);
+  char begin[kMagic.size()];
+  return file && same_file(file.get(), status) && read_all(file.get(), begin, sizeof begin) &&
+         std::string_view(begin, sizeof begin) == kMagic;
 }
 
 // A new key appears whole under its name, or not at all.
@@ -104,10 +149,31 @@ bool read_key(const std::string &path, Key *key) {
 
 }  // namespace
 
+const char *seal_text(SealStatus status) {
+  switch (status) {
+    case SealStatus::kOk:
+      return "done";
+    case SealStatus::kBadPath:
+      return "files may not be there, or a link is on the way";
+    case SealStatus::kNoKey:
+      return "the key cannot be read or made";
+    case SealStatus::kNotWritten:
+      return "the file cannot be written";
+    case SealStatus::kNotRead:
+      return "the file cannot be read";
+    case SealStatus::kForeign:
+      return "the file is damaged or not from this device";
+    case SealStatus::kTaken:
+      return "there is something else, which is not replaced";
+  }
+  return "failed";
+}
+
 SealStatus write_sealed(const SealOptions &options, const std::string &path,
                         std::span<const char> content, uint32_t user) {
-  const auto target = permitted(options, path);
+  const auto target = place_of(options, path);
   if (!target) return SealStatus::kBadPath;
+  if (!may_be_replaced(*target)) return SealStatus::kTaken;
   Key key;
   if (::sodium_init() < 0) return SealStatus::kNoKey;
   if (!read_key(options.key_path, &key)) {
@@ -125,18 +191,19 @@ SealStatus write_sealed(const SealOptions &options, const std::string &path,
       content.size(), head, kAuthenticated, nullptr, head + kAuthenticated, key.bytes.data());
 
   const bool written =
-      replace_file(*target, {reinterpret_cast<const char *>(file_bytes.data()), file_bytes.size()});
+      replace_file_in(target->directory.get(), target->name,
+                      {reinterpret_cast<const char *>(file_bytes.data()), file_bytes.size()});
   return written ? SealStatus::kOk : SealStatus::kNotWritten;
 }
 
 SealStatus read_sealed(const SealOptions &options, const std::string &path, size_t limit,
                        std::vector<char> *content) {
-  const auto source = permitted(options, path);
+  const auto source = place_of(options, path);
   if (!source) return SealStatus::kBadPath;
   Key key;
   if (::sodium_init() < 0 || !read_key(options.key_path, &key)) return SealStatus::kNoKey;
 
-  const UniqueFd file(::open(source->c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const UniqueFd file = open_file(*source);
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return SealStatus::kNotRead;
   const uint64_t size = static_cast<uint64_t>(status.st_size);

@@ -1,9 +1,12 @@
 #include "msgsvr/whole_file.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 
 #include "common/unique_fd.h"
@@ -22,26 +25,44 @@ bool write_all(int fd, std::span<const char> bytes) {
   return true;
 }
 
-bool replace_file(const std::string &path, std::span<const char> content) {
-  // What a killed process left behind, or somebody else put there, is not written into.
-  const std::string fresh = path + ".new";
-  ::unlink(fresh.c_str());
-  const UniqueFd file(
-      ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+namespace {
+
+// `fresh` must not exist.
+bool replace(int directory, const std::string &fresh, const std::string &name,
+             std::span<const char> content) {
+  const UniqueFd file(::openat(directory, fresh.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file) return false;
   // The content must be on the disk before the name is, or a loss of power leaves an empty file.
   if (!write_all(file.get(), content) || ::fsync(file.get()) != 0 ||
-      ::rename(fresh.c_str(), path.c_str()) != 0) {
+      ::renameat(directory, fresh.c_str(), directory, name.c_str()) != 0) {
     const int reason = errno;
-    ::unlink(fresh.c_str());
+    ::unlinkat(directory, fresh.c_str(), 0);
     errno = reason;
     return false;
   }
   // The new name, too, is to be on the disk when this returns.
-  const UniqueFd directory(
-      ::open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory) ::fsync(directory.get());
+  ::fsync(directory);
   return true;
+}
+
+}  // namespace
+
+bool replace_file(const std::string &path, std::span<const char> content) {
+  const size_t slash = path.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  const UniqueFd directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) return false;
+  // What a killed process left behind, or somebody else put there, is not written into.
+  ::unlinkat(directory.get(), (name + ".new").c_str(), 0);
+  return replace(directory.get(), name + ".new", name, content);
+}
+
+bool replace_file_in(int directory, const std::string &name, std::span<const char> content) {
+  uint64_t number;
+  if (::getrandom(&number, sizeof number, 0) != sizeof number) return false;
+  return replace(directory, fmt::format(".{:016x}.new", number), name, content);
 }
 
 }  // namespace msgsvr

@@ -14,4 +14,8 @@ bool write_all(int fd, std::span<const char> bytes);
 // it was, on failure. Waits for the disk.
 bool replace_file(const std::string &path, std::span<const char> content);
 
+// The same for `name` in an open directory, whose other files are left alone: the content is first
+// written to a new file with a random name.
+bool replace_file_in(int directory, const std::string &name, std::span<const char> content);
+
 }  // namespace msgsvr

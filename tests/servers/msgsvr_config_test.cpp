@@ -1,0 +1,200 @@
+// The configuration manager behind the message server.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "cfmapi.h"
+#include "servers/services.h"
+#include "support/file.h"
+#include "support/message_peer.h"
+#include "support/store.h"
+
+namespace {
+
+using test::RawClient;
+using testing::HasSubstr;
+
+class ConfigManager : public test::Services {
+ protected:
+  static constexpr uint32_t kSaveSync = 0x502b;
+  static constexpr uint32_t kExport = 0x5026;
+  static constexpr uint32_t kImport = 0x5027;
+  static constexpr uint32_t kCheck = 0x5028;
+  static constexpr const char *kFile = "/mnt/exported.cfg";
+
+  ConfigManager() {
+    std::filesystem::create_directories(CFM_STORE_DIRECTORY);
+    test::define_number(CFM_PARA_LOGIN_WAIT, 3);
+    start();
+    client_ = std::make_unique<RawClient>("web");
+  }
+
+  static void set(uint32_t value) {
+    EXPECT_EQ(CFM_OK, ORP_DBSetPara(nullptr, CFM_PARA_LOGIN_WAIT, &value, sizeof value));
+  }
+  static uint32_t get() {
+    uint32_t value = 0;
+    EXPECT_EQ(CFM_OK, ORP_DBGetPara(nullptr, CFM_PARA_LOGIN_WAIT, &value, sizeof value));
+    return value;
+  }
+
+  uint32_t ask(uint32_t type, const std::string &path = "") {
+    const std::string body = path.empty() ? "" : path + '\0';
+    return client_->ask({.type = type, .body = body}).data;
+  }
+
+  std::unique_ptr<RawClient> client_;
+};
+
+TEST_F(ConfigManager, SavesAndBringsBackDefaults) {
+  set(7);
+  for (const uint32_t type : {0x5009u, 0x503fu}) client_->send({.type = type});
+  for (const uint32_t type : {0x502bu, 0x502au, 0x5040u, 0x5033u}) EXPECT_EQ(0u, ask(type));
+  EXPECT_EQ(7u, get());
+
+  client_->send({.type = 0x500f, .body = std::string(8, '\0')});
+  EXPECT_EQ(0u, ask(kSaveSync));  // done one after the other
+  EXPECT_EQ(3u, get());
+}
+
+TEST_F(ConfigManager, ExportsAndImportsTheWholeStore) {
+  set(7);
+  client_->send({.type = 0x5035, .data = 2});
+  ASSERT_EQ(0u, ask(kExport, kFile));
+  set(9);
+
+  EXPECT_EQ(0u, ask(kCheck, kFile));
+  EXPECT_EQ(9u, get());
+  EXPECT_EQ(0u, ask(kImport, kFile));
+  EXPECT_EQ(7u, get());
+
+  for (const char *secret : {"/var/cfm/export.key", kFile}) {
+    EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status(secret).permissions());
+  }
+  EXPECT_EQ(32u, std::filesystem::file_size("/var/cfm/export.key"));
+  EXPECT_EQ(2, test::contents(kFile)[8]);
+  EXPECT_THAT(test::contents(kFile), testing::Not(HasSubstr("SQLite")));
+}
+
+TEST_F(ConfigManager, RefusesWhatItDidNotWriteItself) {
+  set(7);
+  ASSERT_EQ(0u, ask(kExport, kFile));
+  const std::string whole = test::contents(kFile);
+  set(9);
+  const auto refused = [&](const std::string &content) {
+    std::ofstream(kFile) << content;
+    const bool not_taken = ask(kImport, kFile) != 0;
+    EXPECT_EQ(not_taken, ask(kCheck, kFile) != 0);
+    EXPECT_EQ(not_taken, get() == 9);
+    return not_taken;
+  };
+
+  const size_t step = std::max<size_t>(whole.size() / 200, 1);
+  for (size_t at = 0; at < whole.size(); at += at < 100 ? 1 : step) {
+    std::string damaged = whole;
+    damaged[at] = static_cast<char>(damaged[at] ^ 0x10);
+    ASSERT_TRUE(refused(damaged)) << at;
+  }
+  for (const size_t cut : {size_t{0}, size_t{1}, size_t{39}, size_t{55}, whole.size() - 1}) {
+    EXPECT_TRUE(refused(whole.substr(0, cut))) << cut;
+  }
+  EXPECT_TRUE(refused(whole + "x"));
+  EXPECT_FALSE(refused(whole));  // the test itself would notice
+  EXPECT_EQ(7u, get());
+
+  // A file of another device.
+  set(9);
+  std::filesystem::rename("/var/cfm/export.key", "/var/cfm/old.key");
+  ASSERT_EQ(0u, ask(kExport, "/mnt/other.cfg"));
+  EXPECT_TRUE(refused(whole));
+  // A key that others can read is not used.
+  std::filesystem::permissions("/var/cfm/export.key", std::filesystem::perms{0644});
+  EXPECT_NE(0u, ask(kImport, "/mnt/other.cfg"));
+  EXPECT_NE(0u, ask(kExport, "/mnt/third.cfg"));
+}
+
+TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
+  std::filesystem::create_directory("/app/elsewhere");
+  std::filesystem::create_symlink("/app/elsewhere", "/mnt/link");
+  std::filesystem::create_directory("/mnt/usb");
+
+  for (const char *path : {"", "relative", "/app/x.cfg", "/mnt/../app/x.cfg",
+                           "/mnt/usb/../../app/x.cfg", "/mnt/link/x.cfg", "/var/x.cfg",
+                           "/var/cfm/cfm.db", "/mnt/", "/mnt/..", "/mnt/none/x.cfg"}) {
+    EXPECT_NE(0u, ask(kExport, path)) << path;
+    EXPECT_NE(0u, ask(kImport, path)) << path;
+  }
+  EXPECT_EQ(0u, ask(kExport, "/mnt/usb//./x.cfg"));
+  EXPECT_EQ(0u, ask(kImport, "/mnt/usb/x.cfg"));
+  EXPECT_TRUE(std::filesystem::is_empty("/app/elsewhere"));
+}
+
+TEST_F(ConfigManager, ReplacesOnlyEarlierExports) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{AF_UNIX, "/mnt/socket"};
+  ASSERT_EQ(0, ::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  ::close(fd);
+  ASSERT_EQ(0, ::mkfifo("/mnt/fifo", 0600));
+  std::filesystem::create_directory("/mnt/directory");
+  std::ofstream("/mnt/text") << "somebody's file";
+  std::ofstream("/mnt/empty");
+  std::ofstream("/mnt/x.cfg.new") << "somebody's file";
+  ASSERT_EQ(0u, ask(kExport, kFile));
+  std::filesystem::create_symlink(kFile, "/mnt/link");
+
+  for (const std::string name : {"socket", "fifo", "directory", "text", "empty", "link"}) {
+    EXPECT_EQ(0x31006u, ask(kExport, "/mnt/" + name)) << name;
+  }
+  EXPECT_TRUE(std::filesystem::is_socket("/mnt/socket"));
+  EXPECT_EQ("somebody's file", test::contents("/mnt/text"));
+  EXPECT_TRUE(std::filesystem::is_symlink("/mnt/link"));
+  EXPECT_EQ(0u, ask(kExport, "/mnt/x.cfg"));
+  EXPECT_EQ("somebody's file", test::contents("/mnt/x.cfg.new"));
+  EXPECT_EQ(0u, ask(kExport, kFile)) << "an earlier export";
+  for (const auto &entry : std::filesystem::directory_iterator("/mnt")) {
+    EXPECT_NE('.', entry.path().filename().string()[0]) << "left behind";
+  }
+}
+
+TEST_F(ConfigManager, IsNotLedElsewhereByASwappedDirectory) {
+  std::filesystem::create_directory("/app/elsewhere");
+  std::filesystem::create_directory("/mnt/real");
+  std::filesystem::create_symlink("/app/elsewhere", "/mnt/trap");
+  std::atomic<bool> ends = false;
+  std::thread swapper([&ends] {
+    while (!ends) {
+      ::renameat2(AT_FDCWD, "/mnt/real", AT_FDCWD, "/mnt/trap", RENAME_EXCHANGE);
+    }
+  });
+  for (int i = 0; i < 200; ++i) ask(kExport, "/mnt/real/x.cfg");
+  ends = true;
+  swapper.join();
+  EXPECT_TRUE(std::filesystem::is_empty("/app/elsewhere"));
+}
+
+TEST_F(ConfigManager, LogsWhoTransfersWhat) {
+  const std::string who =
+      "web[" + std::to_string(::getpid()) + "], uid " + std::to_string(::getuid());
+  ask(kExport, kFile);
+  EXPECT_TRUE(server_->wait_for(who + ": export to " + kFile + ": done"));
+  ask(kImport, kFile);
+  EXPECT_TRUE(server_->wait_for(who + ": import from " + kFile + ": done"));
+  ask(kExport, "/var/run/msgsvr");
+  EXPECT_TRUE(server_->wait_for(who + ": export to /var/run/msgsvr: files may not be there"));
+}
+
+}  // namespace
