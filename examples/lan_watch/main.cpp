@@ -8,6 +8,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +26,7 @@
 #include "msgapi/mac.h"
 #include "msgapi/netlink.h"
 #include "neighbours.h"
+#include "orputil.h"
 
 namespace {
 
@@ -162,7 +164,16 @@ int signal_descriptor(std::initializer_list<int> signals) {
   return ::signalfd(-1, &set, SFD_CLOEXEC);
 }
 
+// The library asks the program brctl about bridges, and tells its absence as "no bridges".
+void require_brctl() {
+  char path[PATH_MAX];
+  if (ORP_UTIL_GetExeFullPath("brctl", path, sizeof path) == 0) return;
+  throw std::runtime_error(
+      "bridges cannot be listed: the program brctl is not in PATH; install bridge-utils");
+}
+
 void run(const Settings &settings) {
+  require_brctl();
   LanWatch lan(settings);
   const auto data = reinterpret_cast<ORP_WORD>(&lan);
 

@@ -104,9 +104,8 @@ class ConfigManager final : public Service {
 
   static std::string text_of(uint32_t result) {
     if (result == CFM_OK) return "done";
-    if (result > kFileResults &&
-        result <= kFileResults + static_cast<uint32_t>(SealStatus::kTaken)) {
-      return seal_text(static_cast<SealStatus>(result - kFileResults));
+    if (result >= result_of(SealStatus::kBadPath) && result <= result_of(SealStatus::kTaken)) {
+      return seal_text(static_cast<SealStatus>(result));
     }
     return fmt::format("failed with 0x{:x}", result);
   }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/network.h"
+#include "support/process.h"
 
 namespace {
 
@@ -44,6 +45,15 @@ TEST(LanWatch, ShowsHostsOnTheirPorts) {
   EXPECT_THAT(table, ContainsRegex("\n +02:00:00:ab:cd:02  \n")) << "the second host of the port";
   EXPECT_THAT(table, Not(HasSubstr("ab:cd:03"))) << "on no port";
   EXPECT_THAT(lan_watch("--count 1 --mask"), HasSubstr("02:**:**:ab:**:01  192.168.1.20\n"));
+}
+
+TEST(LanWatch, SaysThatBrctlIsMissing) {
+  ASSERT_EQ(0, ::setenv("PATH", "/var", 1));
+  test::Process program("lan_watch", {"--count", "1"});
+
+  EXPECT_EQ(1, program.wait());
+  EXPECT_THAT(program.output(), HasSubstr("the program brctl is not in PATH"));
+  EXPECT_THAT(program.output(), Not(HasSubstr("no bridges")));
 }
 
 TEST(LanWatch, EndsOnSignal) {
