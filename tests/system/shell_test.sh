@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# shell_test.sh SHELL: what a command in the developers' shell finds, and what comes back from it.
+set -euo pipefail
+shell=$1
+
+fail() {
+  echo "$*"
+  exit 1
+}
+
+output=$("$shell" --http 8099 bash -c '
+  curl -s -o /dev/null -w "%{http_code} " http://127.0.0.1:8099/dev/info
+  cfmctl get 0x61A11703
+  echo of the command >&2
+  exit 7' 2>&1) && status=0 || status=$?
+# No handler is registered, the store holds its defaults, and the servers are not heard.
+expected=$'404 3\nof the command'
+[[ $status == 7 && $output == "$expected" ]] || fail "status $status, output: $output"
+grep -q 'msgsvr.* ready' /var/log/servers.log || fail "the servers' own lines are lost"
+
+# shellcheck disable=SC2016 # the shell under test expands it
+output=$(echo 'echo "in $PS1"; cfmctl objects | wc -l' | "$shell" 2>/dev/null)
+[[ $output == *"in (msgapi sandbox)"*2* ]] || fail "the interactive shell said: $output"
+
+for port in 0 65536 http ''; do
+  status=0
+  "$shell" --http "$port" true 2>/dev/null || status=$?
+  [[ $status == 2 ]] || fail "port '$port': status $status"
+done

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# shell.sh [--http PORT] [COMMAND [ARGUMENT...]]: fills the configuration store with its defaults,
+# starts the servers, with HTTP on port 8080 or PORT, and runs COMMAND, or else an interactive shell.
+# For use inside the sandbox, with the programs in PATH. What the servers say goes to a file. The
+# exit status is the command's.
+set -euo pipefail
+readonly server_lines=/var/log/servers.log
+
+# The shell that stands between the servers: with the terminal as its standard error again.
+if [[ ${1:-} == --within ]]; then
+  exec 2>&3 3>&-
+  exec "${@:2}"
+fi
+
+port=8080
+case ${1:-} in
+  --http)
+    port=${2:-}
+    shift "$(($# < 2 ? 1 : 2))"
+    ;;
+  --http=*)
+    port=${1#*=}
+    shift
+    ;;
+esac
+if [[ ! $port =~ ^[0-9]{1,5}$ ]] || ((10#$port < 1 || 10#$port > 65535)); then
+  echo "shell: --http takes a port from 1 to 65535, not '$port'" >&2
+  exit 2
+fi
+
+if (($# == 0)); then
+  cat >&2 <<TEXT
+Servers for messages, notifications and logs run here; what they say is in $server_lines.
+Restful requests by HTTP: curl http://127.0.0.1:$port/...
+'cfmctl list' shows the configuration store, 'mlog tail -f' the logs. 'exit' ends all.
+TEXT
+  readonly start_file=/var/shellrc
+  cat >"$start_file" <<'START'
+[[ -f ~/.bashrc ]] && . ~/.bashrc
+PS1='(msgapi sandbox) \w\$ '
+START
+  set -- bash --rcfile "$start_file" -i
+fi
+
+cfmctl import --defaults "$(dirname "$0")/cfmctl/defaults.json"
+
+status=0
+with_servers.sh "--http=127.0.0.1:$port" "$(realpath "$0")" --within "$@" 3>&2 2>"$server_lines" || status=$?
+# A server that did not start or did not end well is news; its own lines say why.
+if grep -q '^with_servers: ' "$server_lines"; then tail -n 5 "$server_lines" >&2; fi
+exit "$status"
