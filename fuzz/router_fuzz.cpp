@@ -1,6 +1,8 @@
 // The message server's router and those of its services that look into bodies: three connections
-// write what the input says and one only reads. Whatever arrives, the reader's bytes must be whole
-// frames, and the server must go on.
+// write what the input says, with descriptors if it says so, end in either way, and read or not;
+// one only reads. They have names from the start, so that each may be its own or another's
+// receiver. Whatever arrives, the reader's bytes must be whole frames, and the server must go on
+// without an exception that reached its loop.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -24,6 +27,7 @@ void servers::write_log_line(std::string_view) noexcept {}
 
 namespace {
 
+using namespace std::string_literals;
 using servers::UniqueFd;
 
 UniqueFd connect_to(msgsvr::Server *server) {
@@ -43,6 +47,24 @@ std::string registration(std::string_view name) {
   std::string bytes(msgsvr::kHeaderSize, '\0');
   msgsvr::store_header(header, false, bytes.data());
   return bytes;
+}
+
+// One write with descriptors.
+void send_descriptors(const UniqueFd &fd, std::string bytes, size_t count) {
+  const std::vector<int> fds(count, STDERR_FILENO);
+  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
+  iovec piece{bytes.data(), bytes.size()};
+  msghdr message{};
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  cmsghdr *header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int) * count);
+  std::memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * count);
+  ::sendmsg(fd.get(), &message, MSG_NOSIGNAL);
 }
 
 // Reads what is there.
@@ -73,6 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   options.patience_ms = 1;
   options.stall_ms = 1;
   options.swap_names = {"s"};
+  options.limits = {8, 4096, 16, 16, 16, 16};
   options.login_state.clear();
   servers::EventLoop loop;
   msgsvr::Server server(&loop, options);
@@ -92,14 +115,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // Each step: which writer, what to do, how many bytes.
   std::span<const uint8_t> input(data, size);
   while (input.size() >= 3) {
-    UniqueFd &writer = writers[input[0] % writers.size()];
+    const size_t which = input[0] % writers.size();
+    UniqueFd &writer = writers[which];
     const uint8_t action = input[1] % 16;
     const size_t count = std::min<size_t>(input[2], input.size() - 3);
     const auto bytes = input.subspan(3, count);
     input = input.subspan(3 + count);
-    if (!writer) writer = connect_to(&server);
-    if (::send(writer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) writer.reset();
+    if (!writer) {
+      writer = connect_to(&server);
+      // Of the writers one has no name.
+      const std::string name = registration(std::array{"", "self", "other"}[which]);
+      if (which > 0 && ::write(writer.get(), name.data(), name.size()) < 0) std::abort();
+    }
+    if (action == 5 || action == 6) {
+      send_descriptors(writer, std::string(bytes.begin(), bytes.end()) + "\0"s, action - 4);
+    } else if (action == 7) {
+      // As often as the socket takes it.
+      for (int i = 0; i < 64; ++i) {
+        if (::send(writer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) break;
+        if (i % 8 == 7) loop.turn(0);
+      }
+    } else if (::send(writer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) {
+      writer.reset();
+    }
     if (action == 1) writer.reset();
+    if (action == 8 && writer) ::shutdown(writer.get(), SHUT_WR);
     if (action == 2) read_all(reader, &received);
     if (action == 3) loop.turn(2);
     if (action == 4 && writer) read_all(writer, nullptr);
@@ -115,5 +155,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     quiet = received.size() == before ? quiet + 1 : 0;
   }
   check_frames(received);
+  if (loop.failures() != 0) std::abort();
   return 0;
 }

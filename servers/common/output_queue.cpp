@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "common/log_line.h"
 
@@ -70,7 +71,9 @@ struct OutputQueue::Chunk {
   std::vector<End> frames;
   Stream *stream = nullptr;  // which this chunk belongs to
   bool open = false;         // the stream goes on behind this chunk's bytes
+  bool headless = false;     // the first frame's beginning is not, or may not be, here
   UniqueFd descriptor;
+  std::shared_ptr<void> descriptor_owner;
 
   void put(std::span<const char> bytes) {
     std::memcpy(data.get() + size, bytes.data(), bytes.size());
@@ -82,6 +85,7 @@ struct OutputQueue::Stream {
   Chunks::iterator last;  // the open chunk, which holds the frame's tag
   uint64_t to_come;
   bool begun = false;  // bytes of it are written
+  Chunks filler;       // one chunk, so that giving up needs no memory
 };
 
 OutputQueue::OutputQueue(int fd, size_t limit)
@@ -90,18 +94,35 @@ OutputQueue::OutputQueue(int fd, size_t limit)
 OutputQueue::~OutputQueue() = default;
 
 void OutputQueue::send(std::span<const Frame> frames, std::vector<Tag> *refused) {
-  size_t next = 0;
+  refused->reserve(refused->size() + frames.size());  // the only step that may fail
   size_t offset = 0;
-  if (chunks_.empty() && !broken_) next = write_directly(frames, &offset);
-
+  size_t next = chunks_.empty() && !broken_ ? write_directly(frames, &offset) : 0;
   for (; next < frames.size(); ++next, offset = 0) {
-    const Frame &frame = frames[next];
-    // What has begun must be finished, whatever the limit says.
-    if (broken_ || (offset == 0 && !fits(frame.size, frame.reserve))) {
-      refused->push_back(frame.tag);
-    } else {
-      append({frame.data + offset, frame.size - offset}, frame.tag);
-    }
+    if (!keep(frames[next], offset)) refused->push_back(frames[next].tag);
+  }
+}
+
+size_t OutputQueue::send(std::span<Frame> frames) noexcept {
+  size_t refused = 0;
+  size_t offset = 0;
+  size_t next = chunks_.empty() && !broken_ ? write_directly(frames, &offset) : 0;
+  for (; next < frames.size(); ++next, offset = 0) {
+    if (!keep(frames[next], offset)) frames[refused++] = frames[next];
+  }
+  return refused;
+}
+
+// Keeps what of the frame is not written, from `offset`. What has begun must be finished, whatever
+// the limit says, or the reader is out of step.
+bool OutputQueue::keep(const Frame &frame, size_t offset) noexcept {
+  if (broken_ || (offset == 0 && !fits(frame.size, frame.reserve))) return false;
+  try {
+    append({frame.data + offset, frame.size - offset}, frame.tag, offset > 0);
+    return true;
+  } catch (const std::bad_alloc &) {
+    write_log_line("a message is lost: there is no memory for it");
+    broken_ = offset > 0;
+    return false;
   }
 }
 
@@ -155,54 +176,86 @@ size_t OutputQueue::write_directly(std::span<const Frame> frames, size_t *offset
   return next;
 }
 
-OutputQueue::Chunk &OutputQueue::add_chunk(Chunks::const_iterator before, size_t capacity) {
-  Chunk &chunk = *chunks_.emplace(before);
-  chunk.data = std::make_unique_for_overwrite<char[]>(capacity);
-  chunk.capacity = capacity;
-  return chunk;
+// One chunk, to be put in its place when nothing can fail any more.
+OutputQueue::Chunks OutputQueue::make_chunk(size_t capacity) {
+  Chunks chunks(1);
+  chunks.front().data = std::make_unique_for_overwrite<char[]>(capacity);
+  chunks.front().capacity = capacity;
+  return chunks;
 }
 
-void OutputQueue::append(std::span<const char> bytes, Tag tag) {
+void OutputQueue::append(std::span<const char> bytes, Tag tag, bool headless) {
   const bool into_last = !chunks_.empty() && chunks_.back().stream == nullptr &&
                          chunks_.back().data != nullptr && !chunks_.back().descriptor &&
+                         chunks_.back().size + bytes.size() <= chunks_.back().capacity &&
                          chunks_.back().size + bytes.size() <= chunk_size_;
-  Chunk &chunk =
-      into_last ? chunks_.back() : add_chunk(chunks_.end(), std::max(bytes.size(), chunk_size_));
+  Chunks fresh;
+  if (!into_last) fresh = make_chunk(std::max(bytes.size(), chunk_size_));
+  Chunk &chunk = into_last ? chunks_.back() : fresh.front();
+  chunk.frames.push_back({chunk.size + bytes.size(), tag});
   chunk.put(bytes);
-  chunk.frames.push_back({chunk.size, tag});
+  chunk.headless = chunk.headless || headless;
+  chunks_.splice(chunks_.end(), fresh);
   weight_ += bytes.size() + kFrameWeight;
 }
 
-bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag, size_t reserve) {
+bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag, size_t reserve,
+                                  std::shared_ptr<void> owner) {
   if (broken_ || weight_ + kDescriptorWeight > limit_ + reserve) return false;
-  Chunk &chunk = add_chunk(chunks_.end(), 2);
-  chunk.put({kZeros.data(), 2});
-  chunk.descriptor = std::move(fd);
+  Chunks fresh = make_chunk(2);
+  Chunk &chunk = fresh.front();
   chunk.frames.push_back({2, tag});
+  chunk.put({kZeros.data(), 2});
+  chunk.headless = true;  // it is no frame
+  chunk.descriptor = std::move(fd);
+  chunk.descriptor_owner = std::move(owner);
+  chunks_.splice(chunks_.end(), fresh);
   weight_ += 2 + kFrameWeight + kDescriptorWeight;
+  ++descriptors_;
   flush();
   return true;
+}
+
+void OutputQueue::release_descriptor(Chunk &chunk) {
+  if (!chunk.descriptor) return;
+  chunk.descriptor.reset();
+  chunk.descriptor_owner.reset();
+  weight_ -= kDescriptorWeight;
+  --descriptors_;
 }
 
 OutputQueue::Stream *OutputQueue::open_stream(std::span<const char> begin, uint64_t to_come,
                                               Tag tag, size_t reserve) {
   if (broken_ || !fits(begin.size(), reserve)) return nullptr;
-  Chunk &chunk = *chunks_.emplace(chunks_.end());
+  Chunks fresh(1);
+  Chunk &chunk = fresh.front();
   chunk.frames.push_back({0, tag});
   chunk.open = true;
-  Stream &stream = streams_.emplace_back(Stream{std::prev(chunks_.end()), to_come});
+  chunk.headless = true;
+  Chunks filler(1);
+  Stream &stream = streams_.emplace_back();
+  stream.last = fresh.begin();
+  stream.to_come = begin.size() + to_come;
+  stream.filler.splice(stream.filler.end(), filler);
   chunk.stream = &stream;
+  chunks_.splice(chunks_.end(), fresh);
   weight_ += kFrameWeight;
-  add_to(&stream, begin);
+  try {
+    add_to(&stream, begin);
+  } catch (const std::bad_alloc &) {
+    write_log_line("a message is lost: there is no memory for it");
+    give_up(&stream);
+    return nullptr;
+  }
   return &stream;
 }
 
 void OutputQueue::extend(Stream *stream, std::span<const char> bytes) {
-  stream->to_come -= bytes.size();
   add_to(stream, bytes);
   if (stream->to_come == 0) finish(stream);
 }
 
+// What is taken is no longer to come, whether or not the rest finds memory.
 void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   // If nothing waits before these bytes, they need no copy as far as the socket takes them.
   const Chunk &front = chunks_.front();
@@ -216,6 +269,7 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
       }
       stream->begun = true;
       bytes_written_ += static_cast<size_t>(written);
+      stream->to_come -= static_cast<size_t>(written);
       bytes = bytes.subspan(static_cast<size_t>(written));
     }
   }
@@ -224,21 +278,28 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   Chunk *last = &*stream->last;
   if (last == &front && last->written == last->size) last->written = last->size = 0;
   if (last->capacity - last->size < bytes.size()) {
-    Chunk &next = add_chunk(std::next(stream->last), std::max(bytes.size(), chunk_size_));
+    Chunks fresh = make_chunk(std::max(bytes.size(), chunk_size_));
+    const auto before = stream->last;
+    stream->last = fresh.begin();
+    chunks_.splice(std::next(before), fresh);
+    Chunk &next = *stream->last;
     next.stream = stream;
     next.open = true;
+    next.headless = true;
     next.frames = std::move(last->frames);
     last->frames.clear();
     last->open = false;
-    stream->last = std::next(stream->last);
+    // One without bytes would hide from blocked() that there are some behind it.
+    if (last->written == last->size) chunks_.erase(before);
     last = &next;
   }
   last->put(bytes);
   weight_ += bytes.size();
+  stream->to_come -= bytes.size();
 }
 
 // Nothing more is added to the stream: forgets it, and lets what waits behind it out.
-void OutputQueue::finish(Stream *stream) {
+void OutputQueue::finish(Stream *stream) noexcept {
   stream->last->open = false;
   for (Chunk::End &frame : stream->last->frames) frame.offset = stream->last->size;
   for (Chunk &chunk : chunks_) {
@@ -248,14 +309,14 @@ void OutputQueue::finish(Stream *stream) {
   flush();
 }
 
-bool OutputQueue::give_up(Stream *stream) {
+bool OutputQueue::give_up(Stream *stream) noexcept {
   const bool begun = stream->begun;
   if (begun) {
     // The frame counts as lost, not as written.
     stream->last->frames.clear();
     weight_ -= kFrameWeight;
-    Chunk &zeros = *chunks_.emplace(std::next(stream->last));
-    zeros.size = static_cast<size_t>(stream->to_come);
+    stream->filler.front().size = static_cast<size_t>(stream->to_come);
+    chunks_.splice(std::next(stream->last), stream->filler);
     finish(stream);
   } else {
     for (auto chunk = chunks_.begin(); chunk != chunks_.end();) {
@@ -273,7 +334,7 @@ bool OutputQueue::give_up(Stream *stream) {
   return !begun;
 }
 
-void OutputQueue::flush() {
+void OutputQueue::flush() noexcept {
   while (!chunks_.empty() && !broken_) {
     Chunk &chunk = chunks_.front();
     while (chunk.written < chunk.size) {
@@ -281,17 +342,17 @@ void OutputQueue::flush() {
       iovec piece{const_cast<char *>(data), std::min(chunk.size - chunk.written, chunk_size_)};
       const ssize_t written = write_pieces(fd_, &piece, 1, chunk.descriptor.get());
       if (written < 0 && errno == ETOOMANYREFS) {
-        log_line("a descriptor is dropped: too many of them are on their way");
+        write_log_line("a descriptor is dropped: too many of them are on their way");
         chunk.frames.clear();
-        weight_ -= chunk.size + kFrameWeight + kDescriptorWeight;
+        weight_ -= chunk.size + kFrameWeight;
+        release_descriptor(chunk);
         break;
       }
       if (written < 0) {
         broken_ = !try_later();
         return;
       }
-      if (chunk.descriptor) weight_ -= kDescriptorWeight;
-      chunk.descriptor.reset();
+      release_descriptor(chunk);
       chunk.written += static_cast<size_t>(written);
       bytes_written_ += static_cast<size_t>(written);
       if (chunk.data) weight_ -= static_cast<size_t>(written);
@@ -305,21 +366,45 @@ void OutputQueue::flush() {
 }
 
 bool OutputQueue::blocked() const {
-  return !broken_ && !chunks_.empty() && chunks_.front().written < chunks_.front().size;
+  if (broken_) return false;
+  for (const Chunk &chunk : chunks_) {
+    if (chunk.written < chunk.size) return true;
+    if (chunk.open) return false;
+  }
+  return false;
+}
+
+const OutputQueue::Tag *OutputQueue::awaited() const {
+  if (broken_) return nullptr;
+  for (const Chunk &chunk : chunks_) {
+    if (chunk.written < chunk.size) return nullptr;
+    if (chunk.open) return &chunk.frames.back().tag;
+  }
+  return nullptr;
 }
 
 std::vector<OutputQueue::Tag> OutputQueue::take_unwritten() {
   std::vector<Tag> tags;
-  for (const Chunk &chunk : chunks_) {
-    if (chunk.open) continue;
-    for (const Chunk::End &frame : chunk.frames) {
-      if (frame.offset > chunk.written) tags.push_back(frame.tag);
-    }
-  }
+  take_unwritten([&tags](const Tag &tag, std::span<const char>) { tags.push_back(tag); });
+  return tags;
+}
+
+void OutputQueue::take_unwritten(const Lost &lost) {
+  const Chunks chunks = std::move(chunks_);
   chunks_.clear();
   streams_.clear();
   weight_ = 0;
-  return tags;
+  descriptors_ = 0;
+  for (const Chunk &chunk : chunks) {
+    if (chunk.open) continue;
+    size_t begin = 0;
+    for (const Chunk::End &frame : chunk.frames) {
+      const bool whole = chunk.data != nullptr && !(chunk.headless && begin == 0);
+      const std::span<const char> bytes(chunk.data.get() + begin, whole ? frame.offset - begin : 0);
+      if (frame.offset > chunk.written) lost(frame.tag, bytes);
+      begin = frame.offset;
+    }
+  }
 }
 
 }  // namespace servers

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <span>
@@ -26,6 +27,7 @@ class OutputQueue {
     uint32_t origin = 0;
     uint32_t type = 0;
     uint32_t sequence = 0;
+    uint32_t user = 0;
   };
   struct Frame {
     const char *data;
@@ -46,27 +48,35 @@ class OutputQueue {
   ~OutputQueue();
 
   // Writes what the socket takes now and keeps the rest. The tags of frames that were refused,
-  // for lack of room or because the connection is broken, are appended to *refused.
+  // for lack of room or memory or because the connection is broken, are appended to *refused.
   void send(std::span<const Frame> frames, std::vector<Tag> *refused);
+  // The same; the frames that were refused become the first of `frames`. Returns their number.
+  size_t send(std::span<Frame> frames) noexcept;
 
-  // Queues a descriptor that travels with two zero bytes in a write of its own. False when refused.
-  bool send_descriptor(UniqueFd fd, Tag tag, size_t reserve = 0);
+  // Queues a descriptor that travels with two zero bytes in a write of its own. `owner` is kept
+  // until the descriptor has left the queue. False when refused.
+  bool send_descriptor(UniqueFd fd, Tag tag, size_t reserve = 0,
+                       std::shared_ptr<void> owner = nullptr);
 
   // Begins a frame of which `begin` is there and `to_come` (not 0) more bytes will follow. Null
   // when refused. The queue owns the stream; the handle is valid until the last byte has been
   // given to extend(), give_up() is called, or the queue is gone.
   Stream *open_stream(std::span<const char> begin, uint64_t to_come, Tag tag, size_t reserve = 0);
-  // At most as many bytes as are still to come.
+  // At most as many bytes as are still to come. When memory is short it throws std::bad_alloc; the
+  // stream must then be given up.
   void extend(Stream *stream, std::span<const char> bytes);
   // The rest will not come. A frame of which nothing has been written is taken back (true);
   // otherwise its rest is filled with zero bytes, so that the reader stays in step (false).
-  bool give_up(Stream *stream);
+  bool give_up(Stream *stream) noexcept;
 
   // Writes what the socket takes; called when it has become writable.
-  void flush();
+  void flush() noexcept;
 
   // Bytes are there that the socket did not take: wait until it is writable, then flush().
   bool blocked() const;
+  // The tag of the stream for whose next bytes everything waits that is queued, though the socket
+  // would take it; null when there is none.
+  const Tag *awaited() const;
   // The reader is gone; nothing more will be written.
   bool broken() const { return broken_; }
   // From now on as if the reader were gone; the socket is not touched again.
@@ -74,6 +84,8 @@ class OutputQueue {
   bool empty() const { return chunks_.empty(); }
   size_t weight() const { return weight_; }
   size_t limit() const { return limit_; }
+  // How many descriptors wait.
+  size_t descriptors() const { return descriptors_; }
   // Since the beginning, as the socket took them.
   uint64_t frames_written() const { return frames_written_; }
   uint64_t bytes_written() const { return bytes_written_; }
@@ -81,20 +93,25 @@ class OutputQueue {
   // Empties the queue: the tags of all frames that have not been written to their end. Open
   // streams are gone without a tag.
   std::vector<Tag> take_unwritten();
+  // The same, one after the other with their bytes; no bytes where the queue has not got them from
+  // the frame's beginning to its end. Anything but this queue may be used meanwhile.
+  using Lost = std::function<void(const Tag &tag, std::span<const char> frame)>;
+  void take_unwritten(const Lost &lost);
 
  private:
   struct Chunk;
   using Chunks = std::list<Chunk>;
 
   size_t write_directly(std::span<const Frame> frames, size_t *offset);
-  void append(std::span<const char> bytes, Tag tag);
-  Chunk &add_chunk(Chunks::const_iterator before, size_t capacity);
-  size_t front_piece(Chunk &chunk);
+  bool keep(const Frame &frame, size_t offset) noexcept;
+  void append(std::span<const char> bytes, Tag tag, bool headless);
+  static Chunks make_chunk(size_t capacity);
+  void release_descriptor(Chunk &chunk);
   bool fits(size_t size, size_t reserve) const {
     return weight_ + size + kFrameWeight <= limit_ + reserve;
   }
   void add_to(Stream *stream, std::span<const char> bytes);
-  void finish(Stream *stream);
+  void finish(Stream *stream) noexcept;
 
   int fd_;
   size_t limit_;
@@ -102,6 +119,7 @@ class OutputQueue {
   Chunks chunks_;
   std::list<Stream> streams_;
   size_t weight_ = 0;
+  size_t descriptors_ = 0;
   uint64_t frames_written_ = 0;
   uint64_t bytes_written_ = 0;
   bool broken_ = false;

@@ -2,6 +2,7 @@
 // directions. Server does the work.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <array>
@@ -12,6 +13,7 @@
 #include "common/event_loop.h"
 #include "common/output_queue.h"
 #include "common/unique_fd.h"
+#include "msgsvr/account.h"
 #include "msgsvr/wire.h"
 
 namespace msgsvr {
@@ -40,6 +42,7 @@ struct Inbound {
   // there.
   std::vector<char> partial;
   size_t partial_size = 0;
+  Share partial_share;
 
   // Bytes of the current frame that go straight into `stream`, or nowhere without one.
   uint64_t left = 0;
@@ -70,8 +73,12 @@ struct Backlog {
 };
 
 struct Client final : EventLoop::Watch {
+  // Where the user is not known, over TCP.
+  static constexpr uid_t kNobody = static_cast<uid_t>(-1);
+
   Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit);
   void ready(uint32_t events) override;
+  void failed(const char *why) noexcept override;
 
   // For log lines: "name[pid]", or the address instead of the process where there is none.
   std::string label() const;
@@ -80,7 +87,9 @@ struct Client final : EventLoop::Watch {
   const uint32_t id;  // never 0, never used twice
   const UniqueFd fd;
   const std::string address;  // empty for a Unix connection
-  const pid_t pid;
+  const ucred peer;           // as it was when it connected
+  std::shared_ptr<Account> account;
+  Share connection;
   AppName name;
   bool swapped = false;  // its headers travel in the other byte order
   bool ended = false;

@@ -428,6 +428,8 @@ class DynamicApps final : public Service {
       stop_listening(*app);
       stop(*app);
     }
+    // A process waits once: another request of it takes the first one's place.
+    std::erase_if(waiting_, [&](const auto &each) { return each.first == from.id; });
     waiting_.push_back({from.id, message.header});
     answer_stop_all();
   }

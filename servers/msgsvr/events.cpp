@@ -21,48 +21,112 @@ namespace {
 
 using servers::log_line;
 
+struct Process {
+  Client *client;
+  Share share;
+};
+
+struct Named {
+  AppName name;
+  uint32_t owner;  // the client that made the subscription, 0 when it has gone
+  uint64_t gone;   // when that was, in the order of such ends
+  Share share;
+};
+
 struct Subscribers {
-  std::vector<Client *> processes;
-  std::vector<AppName> names;
+  std::vector<Process> processes;
+  std::vector<Named> names;
 
   bool empty() const { return processes.empty() && names.empty(); }
 };
 
-template <typename T>
-void add_once(std::vector<T> *all, const T &one) {
-  if (std::find(all->begin(), all->end(), one) == all->end()) all->push_back(one);
-}
-
 class Events final : public Service {
  public:
   explicit Events(Server *server) : server_(server) {
-    server->serve(ORP_MSG_SUBSCRIBE, [this](Client &from, const Message &m) {
-      Subscribers &subscribers = by_type_[m.header.ulMsgData];
-      if (const auto name = m.name_in_body()) {
-        add_once(&subscribers.names, *name);
-      } else {
-        add_once(&subscribers.processes, &from);
-      }
-    });
+    server->serve(ORP_MSG_SUBSCRIBE,
+                  [this](Client &from, const Message &m) { subscribe(from, m); });
     server->serve(ORP_MSG_UNSUBSCRIBE, [this](Client &from, const Message &m) {
       const auto entry = by_type_.find(m.header.ulMsgData);
       if (entry == by_type_.end()) return;
       if (const auto name = m.name_in_body()) {
-        std::erase(entry->second.names, *name);
+        std::erase_if(entry->second.names, [&](const Named &each) { return each.name == *name; });
       } else {
-        std::erase(entry->second.processes, &from);
+        std::erase_if(entry->second.processes,
+                      [&](const Process &each) { return each.client == &from; });
       }
       if (entry->second.empty()) by_type_.erase(entry);
     });
     server->serve_rest([this](Client &from, const Message &m) { return publish(from, m); });
-    server->on_gone([this](Client &client) {
-      for (auto &[type, subscribers] : by_type_) std::erase(subscribers.processes, &client);
-      std::erase_if(by_type_, [](const auto &entry) { return entry.second.empty(); });
-    });
+    server->on_gone([this](Client &client) { forget(client); });
   }
 
  private:
   static bool is_event(uint32_t type) { return type >> 8 == ORP_MSG_EVENT_PAGE; }
+
+  void subscribe(Client &from, const Message &message) {
+    const uint32_t type = message.header.ulMsgData;
+    const auto name = message.name_in_body();
+    if (const auto entry = by_type_.find(type); entry != by_type_.end()) {
+      Subscribers &known = entry->second;
+      const auto same = std::ranges::find_if(
+          known.names, [&](const Named &each) { return name && each.name == *name; });
+      // One whose maker has gone gets a new owner.
+      if (same != known.names.end() && same->owner == 0) {
+        known.names.erase(same);
+      } else if (same != known.names.end() ||
+                 (!name && std::ranges::any_of(known.processes, [&](const Process &each) {
+                   return each.client == &from;
+                 }))) {
+        return;
+      }
+    }
+    Share share = server_->share(from, Kept::kSubscriptions,
+                                 [this](const Account &user) { return make_room(user); });
+    if (!share) {
+      server_->refuse(from, message, "event subscriptions");
+      return;
+    }
+    Subscribers &subscribers = by_type_[type];
+    if (name) {
+      subscribers.names.push_back({*name, from.id, 0, std::move(share)});
+    } else {
+      subscribers.processes.push_back({&from, std::move(share)});
+    }
+  }
+
+  // Of the user's subscriptions by name whose makers have gone, gives up the one that has been
+  // without one the longest.
+  bool make_room(const Account &user) {
+    std::vector<Named> *oldest_in = nullptr;
+    size_t oldest = 0;
+    for (auto &[type, subscribers] : by_type_) {
+      std::vector<Named> &names = subscribers.names;
+      for (size_t i = 0; i < names.size(); ++i) {
+        if (names[i].owner != 0 || names[i].share.user() != &user) continue;
+        if (oldest_in != nullptr && names[i].gone > (*oldest_in)[oldest].gone) continue;
+        oldest_in = &names;
+        oldest = i;
+      }
+    }
+    if (oldest_in == nullptr) return false;
+    oldest_in->erase(oldest_in->begin() + static_cast<ptrdiff_t>(oldest));
+    return true;
+  }
+
+  void forget(const Client &client) {
+    if (client.account->of(Kept::kSubscriptions) == 0) return;
+    ++ends_;
+    for (auto &[type, subscribers] : by_type_) {
+      std::erase_if(subscribers.processes,
+                    [&](const Process &each) { return each.client == &client; });
+      for (Named &each : subscribers.names) {
+        if (each.owner != client.id) continue;
+        each.owner = 0;
+        each.gone = ends_;
+      }
+    }
+    std::erase_if(by_type_, [](const auto &entry) { return entry.second.empty(); });
+  }
 
   // Types outside the events' range are passed on if somebody has subscribed to them.
   bool publish(Client &from, const Message &message) {
@@ -79,7 +143,7 @@ class Events final : public Service {
       return true;
     }
     // A publisher has no use for news of each subscriber that is too slow: nobody is told.
-    const OutputQueue::Tag tag{0, message.type(), 0};
+    const OutputQueue::Tag tag{0, message.type(), 0, Client::kNobody};
     for (Client *to : receivers_) server_->pass(*to, message.frame, from.swapped, tag);
     return true;
   }
@@ -88,9 +152,9 @@ class Events final : public Service {
   // it, and the publisher's name goes.
   void publish_file(Client &from, const Message &message) {
     const auto original = hand_over_path(message.body);
-    if (!original) {
-      log_line("{} published an event 0x{:x} whose body is no hand-over file", from.label(),
-               message.type());
+    if (!original || !may_hand_over(*original, from.peer.uid)) {
+      log_line("{} published an event 0x{:x} whose body is no hand-over file of its own",
+               from.label(), message.type());
       return;
     }
     for (Client *to : receivers_) {
@@ -111,8 +175,8 @@ class Events final : public Service {
   void add_receivers(uint32_t type) {
     const auto entry = by_type_.find(type);
     if (entry == by_type_.end()) return;
-    for (Client *client : entry->second.processes) add_receiver(client);
-    for (const AppName &name : entry->second.names) add_receiver(server_->find(name));
+    for (const Process &each : entry->second.processes) add_receiver(each.client);
+    for (const Named &each : entry->second.names) add_receiver(server_->find(each.name));
   }
 
   void add_receiver(Client *client) {
@@ -125,6 +189,7 @@ class Events final : public Service {
   std::unordered_map<uint32_t, Subscribers> by_type_;
   std::vector<Client *> receivers_;
   uint64_t mark_ = 0;
+  uint64_t ends_ = 0;
 };
 
 }  // namespace

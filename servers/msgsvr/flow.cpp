@@ -40,10 +40,21 @@ void Server::watch_backlog(Client &reader) {
   }
   if (reader.out.weight() <= low_mark(reader.out)) {
     release_held(reader);
-  } else if (reading_ != nullptr && !reading_->ended && !reader.backlog.slow &&
-             reader.out.weight() > high_mark(reader.out)) {
+    return;
+  }
+  // What the reader waits for must come, or the queue stays as full as it is.
+  if (const OutputQueue::Tag *awaited = reader.out.awaited()) release(reader, awaited->origin);
+  if (reading_ != nullptr && !reading_->ended && !reader.backlog.slow &&
+      reader.out.weight() > high_mark(reader.out) && !keeps_waiting(reader, *reading_)) {
     hold(*reading_, reader);
   }
+}
+
+// Whether `reader` has read everything up to a long message of which the sender owes the next
+// bytes.
+bool Server::keeps_waiting(const Client &reader, const Client &sender) const {
+  const OutputQueue::Tag *awaited = reader.out.awaited();
+  return awaited != nullptr && awaited->origin == sender.id;
 }
 
 size_t Server::reserve_of(const Client &reader) {
@@ -53,10 +64,10 @@ size_t Server::reserve_of(const Client &reader) {
 void Server::hold(Client &sender, Client &reader) {
   Backlog &backlog = reader.backlog;
   if (std::find(backlog.held.begin(), backlog.held.end(), sender.id) != backlog.held.end()) return;
+  if (backlog.timer == 0) check_patience(reader);
   backlog.held.push_back(sender.id);
   ++sender.holds;
   update_interest(sender);
-  if (backlog.held.size() == 1) check_patience(reader);
 }
 
 void Server::check_patience(Client &reader) {
@@ -65,11 +76,16 @@ void Server::check_patience(Client &reader) {
   reader.backlog.timer =
       loop_->after(std::chrono::milliseconds(options_.patience_ms), [this, id = reader.id] {
         Client *client = by_id(id);
-        if (client == nullptr || client->backlog.held.empty()) return;
+        if (client == nullptr) return;
+        client->backlog.timer = 0;
+        if (client->backlog.held.empty()) return;
         const OutputQueue &out = client->out;
-        if (out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
-            out.frames_written() - client->backlog.frames_at_check >= kLeastFrames) {
-          check_patience(*client);
+        // A queue that waits for the rest of a long message is not its reader's fault, and the
+        // sender of that has a time of its own.
+        const bool reads = out.awaited() != nullptr ||
+                           out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
+                           out.frames_written() - client->backlog.frames_at_check >= kLeastFrames;
+        if (reads && loop_->attempt("a reader is not watched", [&] { check_patience(*client); })) {
           return;
         }
         client->backlog.slow = true;
@@ -78,9 +94,17 @@ void Server::check_patience(Client &reader) {
       });
 }
 
-void Server::release_held(Client &reader) {
+void Server::release(Client &reader, uint32_t sender) noexcept {
+  if (std::erase(reader.backlog.held, sender) == 0) return;
+  Client *client = by_id(sender);
+  if (client == nullptr) return;
+  --client->holds;
+  update_interest(*client);
+}
+
+void Server::release_held(Client &reader) noexcept {
   if (reader.backlog.held.empty()) return;
-  loop_->cancel(reader.backlog.timer);
+  loop_->cancel(std::exchange(reader.backlog.timer, 0));
   for (uint32_t id : std::exchange(reader.backlog.held, {})) {
     Client *sender = by_id(id);
     if (sender == nullptr) continue;

@@ -1,6 +1,8 @@
 // The files that carry bodies of more than 2048 bytes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -18,8 +20,17 @@ namespace msgsvr {
 std::optional<std::string> hand_over_path(std::span<const char> body);
 
 // Reads the file that `body` names and removes it. False when the path is refused, the file is not
-// a regular one, is longer than `limit`, or cannot be read.
-bool read_hand_over(std::span<const char> body, size_t limit, std::string *out);
+// a regular one, is not its `sender`'s, is longer than `limit`, or cannot be read.
+bool read_hand_over(std::span<const char> body, size_t limit, uid_t sender, std::string *out);
+
+// Whether `path` is a regular file that a sender of that user may hand over: its own, root's may be
+// any. Of a sender on another board the user is not known (-1), and every file is taken for its
+// own.
+bool may_hand_over(const std::string &path, uid_t sender);
+
+// A message that nobody gets, with its header `swapped` or not: if its body is in a file, and that
+// is its sender's, the file goes, too. One of a sender whose user is not known stays.
+void remove_sent_file(std::span<const char> frame, bool swapped, uid_t sender) noexcept;
 
 // Gives a regular hand-over file one more name, which is reached without copying it. Returns the
 // new name's number, or 0 when that is not possible.

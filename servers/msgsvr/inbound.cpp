@@ -27,6 +27,16 @@ using servers::log_line;
 // either.
 constexpr size_t kLongestServerBody = ORP_MSG_MAX_DISPATCHED_BODY;
 
+// Of a message whose rest is still to come everybody may have so much kept, beyond that it counts.
+// A message that merely was read in two pieces is never refused.
+constexpr size_t kUncounted = 4096;
+
+// Nobody registers with a longer message, and what has no name has nothing else to say.
+constexpr size_t kLongestOfNobody = 65536;
+
+// Frames that wait to be written before the rest of a read is routed. One event may be for many.
+constexpr size_t kMostPosted = 8192;
+
 // What a sender whose message is being passed on must bring between two looks at it.
 constexpr uint64_t kStreamProgress = 32768;
 
@@ -48,6 +58,10 @@ bool take_descriptor(msghdr *message, UniqueFd *fd) {
   }
   if (!single) fd->reset();
   return came;
+}
+
+OutputQueue::Tag tag_of(const Client &from, const Header &header) {
+  return {from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum, from.peer.uid};
 }
 
 }  // namespace
@@ -111,10 +125,16 @@ void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full
 void Server::pass_descriptor(Client &from, UniqueFd fd) {
   Client *to = from.in.last_to == 0 ? nullptr : by_id(from.in.last_to);
   if (fd && to != nullptr && to->address.empty() &&
-      to->out.send_descriptor(std::move(fd), from.in.last_tag, reserve_of(*to))) {
-    ++statistics_.descriptors_passed;
-    after_output(*to);
-    return;
+      to->out.descriptors() < options_.limits[static_cast<size_t>(Kept::kDescriptors)] / 4) {
+    Share place = share(from, Kept::kDescriptors);
+    if (!place) {
+      note_refusal(*from.account->user, "descriptors on their way");
+    } else if (to->out.send_descriptor(std::move(fd), from.in.last_tag, reserve_of(*to),
+                                       std::make_shared<Share>(std::move(place)))) {
+      ++statistics_.descriptors_passed;
+      after_output(*to);
+      return;
+    }
   }
   ++statistics_.descriptors_refused;
   log_line("a descriptor of {} is closed: {} cannot be given it", from.label(),
@@ -143,6 +163,7 @@ void Server::take(Client &from, std::span<char> bytes) {
       }
       deliver(from, bytes.first(size), header, *route);
       bytes = bytes.subspan(size);
+      if (posted_ > kMostPosted) flush();
     }
   }
 }
@@ -158,7 +179,7 @@ std::span<char> Server::pass_on(Client &from, std::span<char> bytes) {
       in.stream = nullptr;
       in.stream_to = nullptr;
       loop_->cancel(in.stream_timer);
-    } else if (to.backlog.slow && to.out.weight() > to.out.limit()) {
+    } else if (to.backlog.slow && to.out.weight() > to.out.limit() && !keeps_waiting(to, from)) {
       abandon_stream(from, "its reader does not read", true);
     }
     after_output(to);
@@ -172,6 +193,12 @@ std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   const bool in_header = partial.size() < kHeaderSize;
   const size_t wanted = (in_header ? kHeaderSize : from.in.partial_size) - partial.size();
   const size_t count = std::min(wanted, bytes.size());
+  if (!in_header && !admit_unfinished(from, partial.size() + count)) {
+    const std::vector<char> begin = std::exchange(partial, {});
+    from.in.left = from.in.partial_size - begin.size();
+    discard_rest(from, begin, load_header(begin.data(), from.swapped));
+    return bytes;
+  }
   partial.insert(partial.end(), bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
   bytes = bytes.subspan(count);
   if (count < wanted) return bytes;
@@ -182,6 +209,8 @@ std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   // The bytes must outlive this call, and `partial` be free for the next beginning.
   std::swap(partial, assembled_);
   partial.clear();
+  if (partial.capacity() > kUncounted) partial = {};
+  from.in.partial_share = Share(from.account, Kept::kUnfinished);
   if (in_header && header.ulDataLen > 0) {
     begin_frame(from, assembled_, header, *route);
   } else {
@@ -196,6 +225,12 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   const size_t size = kHeaderSize + header.ulDataLen;
   const size_t kept = route.to_server ? kHeaderSize + kLongestServerBody : options_.cut_through;
   if (size <= kept) {
+    const bool too_long = route.to_server && from.name.empty() && size > kLongestOfNobody;
+    if (too_long || !admit_unfinished(from, begin.size())) {
+      from.in.left = size - begin.size();
+      discard_rest(from, begin, header);
+      return;
+    }
     from.in.partial.assign(begin.begin(), begin.end());
     from.in.partial_size = size;
     return;
@@ -205,7 +240,7 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   ++from.frames_in;
   from.in.left = size - begin.size();
   from.in.last_to = 0;
-  from.in.last_tag = {from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum};
+  from.in.last_tag = tag_of(from, header);
   if (route.to != nullptr) {
     begin_stream(from, *route.to, begin, header);
     return;
@@ -217,6 +252,26 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   } else {
     ++statistics_.unknown_names;
   }
+  remove_sent_file(begin, from.swapped, from.peer.uid);
+  notify_undeliverable(from, header.ulMsgType, header.ulSeqNum);
+}
+
+// Whether `from` may have so much of a message kept whose rest is still to come.
+bool Server::admit_unfinished(Client &from, size_t size) {
+  Share &share = from.in.partial_share;
+  const size_t counted = size > kUncounted ? size - kUncounted : 0;
+  return counted <= share.amount() || share.grow(options_.limits, counted - share.amount());
+}
+
+// The message is too much: what is still to come of it is read and thrown away.
+void Server::discard_rest(Client &from, std::span<const char> begin, const Header &header) {
+  ++statistics_.frames_in;
+  ++from.frames_in;
+  from.in.last_to = 0;
+  from.in.last_tag = tag_of(from, header);
+  from.in.partial_share = Share(from.account, Kept::kUnfinished);
+  remove_sent_file(begin, from.swapped, from.peer.uid);
+  note_refusal(*from.account->user, "bytes of unfinished messages");
   notify_undeliverable(from, header.ulMsgType, header.ulSeqNum);
 }
 
@@ -227,7 +282,7 @@ void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const
   in.stream_tag = in.last_tag;
   in.stream = to.out.open_stream(begin, in.left, in.stream_tag, reserve_of(to));
   if (in.stream == nullptr) {
-    undelivered(to, in.stream_tag, Loss::kOverflow);
+    undelivered(to, in.stream_tag, begin, Loss::kOverflow);
   } else {
     in.last_to = to.id;
     in.stream_to = &to;
@@ -245,17 +300,18 @@ void Server::watch_stream(Client &from) {
         if (client == nullptr || client->in.stream == nullptr) return;
         const bool moves = client->in.left_at_check - client->in.left >= kStreamProgress;
         client->in.left_at_check = client->in.left;
-        if (moves || client->holds > 0) {
-          watch_stream(*client);
-        } else {
-          abandon_stream(*client, "its sender has stopped sending", true);
-          flush();
+        const bool goes_on = moves || client->holds > 0;
+        if (goes_on &&
+            loop_->attempt("a long message is not watched", [&] { watch_stream(*client); })) {
+          return;
         }
+        abandon_stream(*client, "its sender has stopped sending", true);
+        flush();
       });
 }
 
 // The rest of the message that is being passed on will be thrown away as it comes.
-void Server::abandon_stream(Client &from, std::string_view why, bool tell) {
+void Server::abandon_stream(Client &from, std::string_view why, bool tell) noexcept {
   Inbound &in = from.in;
   Client &to = *in.stream_to;
   OutputQueue::Stream *stream = std::exchange(in.stream, nullptr);
@@ -265,10 +321,12 @@ void Server::abandon_stream(Client &from, std::string_view why, bool tell) {
   ++to.frames_lost;
   if (!to.out.broken()) {
     const bool taken_back = to.out.give_up(stream);
-    log_line("a message 0x{:x} of {} bytes from {} to {} is cut short: {}; {}", in.stream_tag.type,
-             in.stream_size, from.label(), to.label(), why,
-             taken_back ? std::string("the receiver has seen nothing of it")
-                        : fmt::format("its last {} bytes are sent as zeros", in.left));
+    loop_->attempt("a message is cut short", [&] {
+      log_line("a message 0x{:x} of {} bytes from {} to {} is cut short: {}; {}",
+               in.stream_tag.type, in.stream_size, from.label(), to.label(), why,
+               taken_back ? std::string("the receiver has seen nothing of it")
+                          : fmt::format("its last {} bytes are sent as zeros", in.left));
+    });
     after_output(to);
   }
   if (tell) {
@@ -309,7 +367,7 @@ void Server::deliver(Client &from, std::span<char> frame, const Header &header,
                      const Route &route) {
   ++statistics_.frames_in;
   ++from.frames_in;
-  const OutputQueue::Tag tag{from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum};
+  const OutputQueue::Tag tag = tag_of(from, header);
   from.in.last_to = 0;
   from.in.last_tag = tag;
   if (route.to_server) {
@@ -318,6 +376,7 @@ void Server::deliver(Client &from, std::span<char> frame, const Header &header,
   }
   if (route.to == nullptr) {
     ++statistics_.unknown_names;
+    remove_sent_file(frame, from.swapped, tag.user);
     notify_undeliverable(from, tag.type, tag.sequence);
     return;
   }
@@ -334,7 +393,7 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header)
   if (const auto entry = handlers_.find(message.type()); entry != handlers_.end()) {
     std::string body;
     if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
-      if (!read_hand_over(message.body, kLongestServerBody, &body)) {
+      if (!read_hand_over(message.body, kLongestServerBody, from.peer.uid, &body)) {
         log_line("{} sent a message 0x{:x} whose body cannot be read from its file", from.label(),
                  message.type());
         ++statistics_.unserved;
@@ -351,6 +410,7 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header)
   for (const auto &handler : rest_handlers_) {
     if (handler(from, message)) return;
   }
+  remove_sent_file(frame, from.swapped, from.peer.uid);
   ++statistics_.unserved;
   notify_undeliverable(from, message.type(), header.ulSeqNum);
 }

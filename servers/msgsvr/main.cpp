@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -48,6 +49,22 @@ void add_options(servers::Command *command, Options *options) {
                   {1, 60000});
 }
 
+// What the clients of one user may make the server keep; see docs/message-server.md.
+void add_limit_options(servers::Command *command, Options *options) {
+  const auto add = [&](const char *name, msgsvr::Kept kind, int64_t least, const char *help) {
+    command->number(name, &options->limits[static_cast<size_t>(kind)], help, {least, 1 << 30});
+  };
+  using msgsvr::Kept;
+  add("--user-connections", Kept::kConnections, 1, "Connections that one user may have");
+  add("--user-unfinished", Kept::kUnfinished, 1 << 20,
+      "Bytes that one user's messages may occupy before they are whole");
+  add("--user-subscriptions", Kept::kSubscriptions, 4, "Event subscriptions of one user");
+  add("--user-points", Kept::kPoints, 4, "Synchronisation points of one user");
+  add("--user-paths", Kept::kPaths, 4, "Restful paths of one user");
+  add("--user-descriptors", Kept::kDescriptors, 4,
+      "Descriptors of one user that wait for their receivers");
+}
+
 void add_service_options(servers::Command *command, Options *options) {
   command->option(
       "--http", &options->http,
@@ -73,11 +90,26 @@ std::optional<mode_t> permissions(const std::string &octal) {
 }
 
 // Every client needs a descriptor.
-void raise_descriptor_limit() {
+size_t raise_descriptor_limit() {
   rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
   limit.rlim_cur = limit.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_max;
+}
+
+// No user gets all of the server's descriptors, and everybody may send what is kept until it is
+// whole.
+void fit_limits(size_t descriptors, Options *options) {
+  const auto limit = [&](msgsvr::Kept kind) -> size_t & {
+    return options->limits[static_cast<size_t>(kind)];
+  };
+  size_t &connections = limit(msgsvr::Kept::kConnections);
+  connections = std::min(connections, descriptors / 2);
+  size_t &waiting = limit(msgsvr::Kept::kDescriptors);
+  waiting = std::max<size_t>(std::min(waiting, descriptors / 4), 4);
+  size_t &unfinished = limit(msgsvr::Kept::kUnfinished);
+  unfinished = std::max(unfinished, 8 * options->cut_through);
 }
 
 void serve(const Options &options, mode_t socket_mode) {
@@ -123,6 +155,7 @@ int main(int argc, char **argv) try {
   servers::CommandLine line("msgsvr",
                             "Passes messages between the application processes of the device.");
   add_options(&line, &options);
+  add_limit_options(&line, &options);
   add_service_options(&line, &options);
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;
   if (options.queue_limit < kQueuePerFrame * options.cut_through) {
@@ -139,7 +172,7 @@ int main(int argc, char **argv) try {
     if (!directory.ends_with('/')) directory += '/';
   }
 
-  raise_descriptor_limit();
+  fit_limits(raise_descriptor_limit(), &options);
   serve(options, *mode);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {

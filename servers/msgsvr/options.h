@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "msgapi/msg.h"
+#include "msgsvr/account.h"
 
 namespace msgsvr {
 
@@ -26,6 +27,8 @@ struct Options {
   uint32_t stall_ms = 500;
   // How long senders wait for a reader that takes next to nothing.
   uint32_t patience_ms = 200;
+  // In the order of Kept.
+  Limits limits = {4096, 16 << 20, 4096, 1024, 4096, 256};
 
   // Services.
   std::string http;  // ADDRESS:PORT for restful requests, empty for none

@@ -48,7 +48,9 @@ constexpr size_t kLongestText = ORP_MSG_MAX_DISPATCHED_BODY - kBodyHead - 1;
 
 // A path and a handler's name, of 63 characters each.
 constexpr size_t kLongestEntry = 127;
-constexpr size_t kMostRegistrations = 4096;
+
+// The library makes lists of at most 4096 bytes.
+constexpr size_t kLongestList = 4096;
 
 // ulCode of a request that came by HTTP.
 constexpr std::pair<std::string_view, uint32_t> kMethods[] = {
@@ -58,6 +60,7 @@ struct Registration {
   uint32_t client;
   std::string text;
   bool single;  // the registration has no other text
+  Share share;
 };
 
 struct Target {
@@ -131,24 +134,39 @@ class Restful final : public Service {
   void enter(Client &from, const Message &message) {
     const std::string body(message.body.begin(), message.body.end());
     const std::string texts = body.substr(0, body.find('\0'));
-    std::vector<Registration> entries;
-    for (size_t at = 0; at <= texts.size();) {
+    std::vector<std::string> list;
+    for (size_t at = 0; at <= texts.size() && list.size() <= kLongestList;) {
       const size_t bar = std::min(texts.find('|', at), texts.size());
-      if (bar > at) entries.push_back({from.id, texts.substr(at, bar - at), false});
+      if (bar > at) list.push_back(texts.substr(at, bar - at));
       at = bar + 1;
     }
-    if (entries.size() == 1) entries.front().single = true;
-    for (Registration &entry : entries) {
-      const bool known = std::ranges::any_of(registrations_, [&](const Registration &r) {
-        return r.client == entry.client && r.text == entry.text && r.single == entry.single;
-      });
-      if (known) continue;
-      if (entry.text.size() > kLongestEntry || registrations_.size() >= kMostRegistrations) {
-        log_line("{} registers a path that is too long, or one too many", from.label());
-        return;
-      }
-      registrations_.push_back(std::move(entry));
+    if (list.size() > kLongestList) {
+      server_->refuse(from, message, "restful paths");
+      return;
     }
+    const bool single = list.size() == 1;
+    for (std::string &text : list) {
+      if (!enter(from, message, std::move(text), single)) return;
+    }
+  }
+
+  bool enter(Client &from, const Message &message, std::string text, bool single) {
+    const bool known = std::ranges::any_of(registrations_, [&](const Registration &r) {
+      return r.client == from.id && r.text == text && r.single == single;
+    });
+    if (known) return true;
+    if (text.size() > kLongestEntry) {
+      log_line("{} registers a path of more than {} characters", from.label(), kLongestEntry);
+      server_->notify_undeliverable(from, message.type(), message.header.ulSeqNum);
+      return false;
+    }
+    Share share = server_->share(from, Kept::kPaths);
+    if (!share) {
+      server_->refuse(from, message, "restful paths");
+      return false;
+    }
+    registrations_.push_back({from.id, std::move(text), single, std::move(share)});
+    return true;
   }
 
   std::optional<Target> find(const std::string &path) const {

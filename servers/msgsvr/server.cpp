@@ -28,6 +28,12 @@ constexpr size_t kReadsInQueue = 3;
 // A full queue still takes this much of what the server has to say itself.
 constexpr size_t kNoticeReserve = 65536;
 
+// A burst of connections does not keep the connected waiting.
+constexpr int kMostAccepted = 64;
+
+// What a client's memory for frames of one turn may keep for the next.
+constexpr size_t kFramesKept = 64;
+
 // A board that vanished is noticed after about a minute.
 void prepare_tcp(int fd) {
   const auto set = [fd](int level, int option, int value) {
@@ -40,12 +46,28 @@ void prepare_tcp(int fd) {
   set(IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
+ucred peer_of(int fd) {
+  ucred peer{0, Client::kNobody, 0};
+  socklen_t size = sizeof peer;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {0, Client::kNobody, 0};
+  return peer;
+}
+
+std::string user_name(const Client &client) {
+  // Behind one address are all the processes of one board.
+  if (!client.address.empty()) {
+    return "board " + client.address.substr(0, client.address.rfind(':'));
+  }
+  return fmt::format("user {}", static_cast<int64_t>(static_cast<int32_t>(client.peer.uid)));
+}
+
 }  // namespace
 
 char *Scratch::take(size_t size) {
   if (block_left_ < size) {
-    block_left_ = std::max(size, kScratchBlock);
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(block_left_));
+    const size_t fresh = std::max(size, kScratchBlock);
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(fresh));
+    block_left_ = fresh;
     next_ = blocks_.back().get();
   }
   block_left_ -= size;
@@ -68,7 +90,7 @@ Client::Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_l
       id(id_in),
       fd(std::move(fd_in)),
       address(servers::peer_address(fd.get())),
-      pid(address.empty() ? servers::peer_pid(fd.get()) : 0),
+      peer(address.empty() ? peer_of(fd.get()) : ucred{0, kNobody, 0}),
       out(fd.get(), queue_limit) {}
 
 void Client::ready(uint32_t events) {
@@ -79,16 +101,24 @@ void Client::ready(uint32_t events) {
   if (!ended && (hung_up || ((events & EPOLLIN) != 0 && holds == 0))) server->readable(*this);
 }
 
+void Client::failed(const char *why) noexcept {
+  server->fail(*this, why);
+}
+
 std::string Client::label() const {
   const std::string_view known = name.empty() ? std::string_view("(no name)") : name.text();
-  return address.empty() ? fmt::format("{}[{}]", known, pid)
+  return address.empty() ? fmt::format("{}[{}]", known, peer.pid)
                          : fmt::format("{}[{}]", known, address);
 }
 
 struct Server::Listener final : EventLoop::Watch {
   Listener(Server *server_in, UniqueFd fd) : server(server_in), acceptor(std::move(fd)) {}
   void ready(uint32_t) override {
-    while (UniqueFd fd = acceptor.accept()) server->adopt(std::move(fd));
+    for (int i = 0; i < kMostAccepted; ++i) {
+      UniqueFd fd = acceptor.accept();
+      if (!fd) return;
+      server->adopt(std::move(fd));
+    }
   }
 
   Server *server;
@@ -109,16 +139,69 @@ void Server::listen(UniqueFd listener) {
   loop_->add(added.acceptor.fd(), EPOLLIN, &added);
 }
 
-Client &Server::adopt(UniqueFd fd) {
+Client *Server::adopt(UniqueFd fd) noexcept {
+  const uint32_t id = last_id_ + 1;
+  if (!loop_->attempt("a connection is given up", [&] { take_in(std::move(fd)); })) {
+    ++statistics_.failures;
+    clients_.erase(id);
+  }
+  return by_id(id);
+}
+
+void Server::take_in(UniqueFd fd) {
   const uint32_t id = ++last_id_;
-  Client &client =
-      *clients_.emplace(id, std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit))
-           .first->second;
+  auto owner = std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit);
+  Client &client = *owner;
+  client.account = account_of(client);
+  client.connection = Share(client.account, Kept::kConnections);
+  client.in.partial_share = Share(client.account, Kept::kUnfinished);
+  if (!client.connection.grow(options_.limits)) {
+    note_refusal(*client.account->user, "connections");
+    return;
+  }
   if (!client.address.empty()) prepare_tcp(client.fd.get());
   client.interest = EPOLLIN;
+  clients_.emplace(id, std::move(owner));
   loop_->add(client.fd.get(), EPOLLIN, &client);
   ++statistics_.connections;
-  return client;
+}
+
+std::shared_ptr<Account> Server::account_of(const Client &client) {
+  std::erase_if(users_, [](const auto &entry) { return entry.second.expired(); });
+  std::string name = user_name(client);
+  std::weak_ptr<Account> &known = users_[name];
+  std::shared_ptr<Account> user = known.lock();
+  if (user == nullptr) {
+    user = std::make_shared<Account>(Account{std::move(name), nullptr, {}, 0});
+    known = user;
+  }
+  return std::make_shared<Account>(Account{{}, std::move(user), {}, 0});
+}
+
+Share Server::share(const Client &client, Kept kind, const MakeRoom &make_room) {
+  Share share(client.account, kind);
+  while (!share.grow(options_.limits)) {
+    if (make_room == nullptr || share.own_part_is_full(options_.limits) ||
+        !make_room(*client.account->user)) {
+      return Share();
+    }
+    ++statistics_.over_limit;
+  }
+  return share;
+}
+
+// Each doubling of the number is worth a line, not each refusal.
+void Server::note_refusal(Account &user, std::string_view what) {
+  ++statistics_.over_limit;
+  const uint64_t times = ++user.refusals;
+  if ((times & (times - 1)) != 0) return;
+  log_line("{} has as many {} as it may: one more is refused ({} refusals so far)", user.name, what,
+           times);
+}
+
+void Server::refuse(Client &client, const Message &request, std::string_view what) {
+  note_refusal(*client.account->user, fmt::format("{} (now {})", what, client.label()));
+  notify_undeliverable(client, request.type(), request.header.ulSeqNum);
 }
 
 void Server::serve(uint32_t type, Handler handler) {
@@ -154,7 +237,7 @@ void Server::rename(Client &client, const AppName &name) {
 }
 
 // Nothing reaches the client by its name any more; log lines still show it.
-void Server::unlist(const Client &client) {
+void Server::unlist(const Client &client) noexcept {
   const auto entry = names_.find(client.name);
   if (entry == names_.end()) return;
   ++names_epoch_;
@@ -169,7 +252,7 @@ void Server::send(Client &to, Header header, std::span<const char> body, uint32_
   std::copy(body.begin(), body.end(), frame + kHeaderSize);
   post(to, {frame,
             kHeaderSize + body.size(),
-            {0, header.ulMsgType, file},
+            {0, header.ulMsgType, file, Client::kNobody},
             reserve_of(to) + kNoticeReserve});
 }
 
@@ -194,57 +277,71 @@ void Server::pass(Client &to, std::span<const char> frame, bool swapped, OutputQ
   post(to, {frame.data(), frame.size(), tag, reserve_of(to)});
 }
 
-void Server::notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) {
+void Server::notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) noexcept {
   Header header{};
   header.ulMsgType = ORP_MSG_UNDELIVERABLE;
   header.ulSeqNum = sequence;
   AppName(kServerName).store(header.aucSendApp);
   to.name.store(header.aucRecvApp);
   header.ulMsgData = type & ORP_MSG_TYPE_MASK;
-  ++statistics_.told;
-  send(to, header);
+  const bool sent = loop_->attempt("a sender is not told of its loss", [&] { send(to, header); });
+  ++(sent ? statistics_.told : statistics_.untold);
 }
 
 void Server::post(Client &to, const OutputQueue::Frame &frame) {
+  if (!to.touched) {
+    touched_.push_back(&to);
+    to.touched = true;
+  }
   to.pending.push_back(frame);
-  if (to.touched) return;
-  to.touched = true;
-  touched_.push_back(&to);
+  ++posted_;
 }
 
-void Server::flush() {
+void Server::flush() noexcept {
   // Whoever is told of a loss is touched anew, so this goes on until nobody is.
   while (!touched_.empty()) {
     Client &to = *touched_.back();
     touched_.pop_back();
     to.touched = false;
-    std::swap(sending_, to.pending);
-    to.out.send(sending_, &refused_);
-    sending_.clear();
-    for (const OutputQueue::Tag &tag : refused_) undelivered(to, tag, Loss::kOverflow);
-    refused_.clear();
+    std::vector<OutputQueue::Frame> sending = std::move(to.pending);
+    to.pending.clear();
+    const size_t refused = to.out.send(sending);
+    for (const OutputQueue::Frame &frame : std::span(sending).first(refused)) {
+      undelivered(to, frame.tag, {frame.data, frame.size}, Loss::kOverflow);
+    }
+    if (to.pending.empty() && sending.capacity() <= kFramesKept) {
+      sending.clear();
+      to.pending = std::move(sending);
+    }
     after_output(to);
   }
+  posted_ = 0;
   scratch_.reset();
 }
 
-void Server::after_output(Client &to) {
+void Server::after_output(Client &to) noexcept {
   if (to.ended) return;
   if (to.out.broken()) {
     silence(to);
   } else {
-    watch_backlog(to);
+    loop_->attempt("a client's queue is not looked after", [&] { watch_backlog(to); });
   }
   update_interest(to);
 }
 
-void Server::update_interest(Client &client) {
+void Server::update_interest(Client &client) noexcept {
   if (client.ended) return;
   const uint32_t interest =
       (client.holds == 0 ? EPOLLIN : 0u) | (client.out.blocked() ? EPOLLOUT : 0u);
   if (interest == client.interest) return;
-  client.interest = interest;
-  loop_->change(client.fd.get(), interest, &client);
+  const bool changed = loop_->attempt("a connection cannot be watched",
+                                      [&] { loop_->change(client.fd.get(), interest, &client); });
+  if (changed) {
+    client.interest = interest;
+  } else {
+    ++statistics_.failures;
+    end(client, "it cannot be watched");
+  }
 }
 
 void Server::writable(Client &to) {
@@ -253,17 +350,24 @@ void Server::writable(Client &to) {
   flush();
 }
 
-void Server::undelivered(Client &to, OutputQueue::Tag tag, Loss loss) {
+void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<const char> frame,
+                         Loss loss) noexcept {
   ++to.frames_lost;
   const bool gone = loss == Loss::kDied || to.out.broken();
   ++(gone ? statistics_.died_with : statistics_.overflows);
   if (!gone && to.backlog.lost_now++ == 0) {
-    log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
-             to.label(), to.out.limit());
+    loop_->attempt("a loss is not logged", [&] {
+      log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
+               to.label(), to.out.limit());
+    });
+  }
+  if (tag.origin == 0) {
+    if (tag.sequence != 0) remove_hand_over(tag.sequence);
+  } else {
+    remove_sent_file(frame, to.swapped, tag.user);
   }
   Client *sender = tag.origin == 0 ? nullptr : by_id(tag.origin);
   if (sender == nullptr || sender->out.broken()) {
-    if (tag.origin == 0 && tag.sequence != 0) remove_hand_over(tag.sequence);
     ++statistics_.untold;
     if (tag.type == ORP_MSG_UNDELIVERABLE) --statistics_.told;  // this was the notice
     return;
@@ -278,20 +382,39 @@ void Server::lost_event(Client &to) {
 
 // The client receives nothing any more. What it has sent is still read: it may have said its last
 // word and closed with unread messages.
-void Server::silence(Client &client) {
+void Server::silence(Client &client) noexcept {
   unlist(client);
   client.out.close();
   release_held(client);
   for (const auto &[id, other] : clients_) {
     if (other->in.stream_to == &client) abandon_stream(*other, "its reader is gone", true);
   }
-  for (const OutputQueue::Tag &tag : client.out.take_unwritten()) {
-    undelivered(client, tag, Loss::kDied);
-  }
+  client.out.take_unwritten([&](const OutputQueue::Tag &tag, std::span<const char> frame) {
+    undelivered(client, tag, frame, Loss::kDied);
+  });
 }
 
-void Server::end(Client &client, std::string_view why) {
+void Server::end(Client &client, std::string_view why) noexcept {
   if (client.ended) return;
+  // From here on nothing that its end brings about, for itself as a receiver, too, asks epoll for
+  // the descriptor or ends it once more.
+  client.ended = true;
+  loop_->remove(client.fd.get(), &client);
+  loop_->attempt("the end of a client is not logged", [&] { log_end(client, why); });
+  if (client.in.stream != nullptr) abandon_stream(client, "its sender is gone", false);
+  silence(client);
+  statistics_.frames_out += client.out.frames_written();
+  statistics_.bytes_out += client.out.bytes_written();
+  const auto entry = clients_.find(client.id);
+  std::unique_ptr<Client> owner = std::move(entry->second);
+  clients_.erase(entry);
+  for (const GoneHandler &handler : gone_) {
+    loop_->attempt("a service keeps what a client that is gone had", [&] { handler(client); });
+  }
+  loop_->retire(std::move(owner));
+}
+
+void Server::log_end(const Client &client, std::string_view why) const {
   const std::string label = client.label();
   const std::string lost = client.frames_lost == 0
                                ? ""
@@ -303,18 +426,15 @@ void Server::end(Client &client, std::string_view why) {
   } else if (!lost.empty()) {
     log_line("{} left{}", label, lost);
   }
+}
 
-  loop_->remove(client.fd.get(), &client);
-  if (client.in.stream != nullptr) abandon_stream(client, "its sender is gone", false);
-  silence(client);
-  client.ended = true;
-  statistics_.frames_out += client.out.frames_written();
-  statistics_.bytes_out += client.out.bytes_written();
-  const auto entry = clients_.find(client.id);
-  std::unique_ptr<Client> owner = std::move(entry->second);
-  clients_.erase(entry);
-  for (const GoneHandler &handler : gone_) handler(client);
-  loop_->retire(std::move(owner));
+// Its handling has thrown. What it had the server send before is sent, and it is ended.
+void Server::fail(Client &client, const char *why) noexcept {
+  ++statistics_.failures;
+  reading_ = nullptr;
+  flush();
+  end(client, why);
+  flush();
 }
 
 void Server::end_malformed(Client &client, std::string_view why) {
@@ -338,10 +458,11 @@ std::vector<std::string> Server::statistics() const {
   lines.front() = fmt::format(
       "{} clients of {} connections; in {} messages, {} bytes; out {} messages, {} bytes; no such "
       "name {}; queue full {}; receiver died {}; cut short {}; senders told {}; nobody told {}; "
-      "not served {}; descriptors passed {}, refused {}; malformed {}",
+      "not served {}; descriptors passed {}, refused {}; malformed {}; over a limit {}; given up "
+      "{}",
       clients_.size(), s.connections, s.frames_in, s.bytes_in, frames_out, bytes_out,
       s.unknown_names, s.overflows, s.died_with, s.cut_short, s.told, s.untold, s.unserved,
-      s.descriptors_passed, s.descriptors_refused, s.malformed);
+      s.descriptors_passed, s.descriptors_refused, s.malformed, s.over_limit, s.failures);
   return lines;
 }
 

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -50,6 +51,8 @@ struct Statistics {
   uint64_t descriptors_passed = 0;
   uint64_t descriptors_refused = 0;
   uint64_t malformed = 0;
+  uint64_t over_limit = 0;  // what clients may not have any more of
+  uint64_t failures = 0;  // clients and requests that were given up for want of memory and the like
   uint64_t connections = 0;
 };
 
@@ -66,8 +69,9 @@ class Server {
 
   // Serves the connections that arrive at a listening socket.
   void listen(UniqueFd listener);
-  // Serves a connected stream socket.
-  Client &adopt(UniqueFd fd);
+  // Serves a connected stream socket. Null, with the socket closed, when its user has as many as
+  // may be, or when that fails.
+  Client *adopt(UniqueFd fd) noexcept;
 
   // For the services.
 
@@ -90,6 +94,13 @@ class Server {
   std::span<Client *const> named(const AppName &name) const;
   // The one that gets the messages for that name.
   Client *find(const AppName &name) const;
+  // One more of that kind for `client`; an empty share if that is one too many. If only its user
+  // has too many, `make_room` may give up something that nobody owns any more, and says whether it
+  // did.
+  using MakeRoom = std::function<bool(const Account &user)>;
+  Share share(const Client &client, Kept kind, const MakeRoom &make_room = nullptr);
+  // Notes that `client` is refused more of what is limited, and tells it.
+  void refuse(Client &client, const Message &request, std::string_view what);
   // Gives `client` this name; an empty one takes its name away.
   void rename(Client &client, const AppName &name);
 
@@ -104,8 +115,8 @@ class Server {
   // A frame as it came from a client of byte order `swapped`; its bytes must stay until flush().
   void pass(Client &to, std::span<const char> frame, bool swapped, OutputQueue::Tag tag);
   // Tells `to` that its message cannot be delivered.
-  void notify_undeliverable(Client &to, uint32_t type, uint32_t sequence);
-  void flush();
+  void notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) noexcept;
+  void flush() noexcept;
   // Counts an event that could not be given to `to`.
   void lost_event(Client &to);
 
@@ -118,7 +129,11 @@ class Server {
   struct Listener;
   enum class Loss { kOverflow, kDied };
 
-  void update_interest(Client &client);
+  void take_in(UniqueFd fd);
+  std::shared_ptr<Account> account_of(const Client &client);
+  void note_refusal(Account &user, std::string_view what);
+  void fail(Client &client, const char *why) noexcept;
+  void update_interest(Client &client) noexcept;
   void readable(Client &from);
   void writable(Client &to);
   void take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd);
@@ -127,6 +142,8 @@ class Server {
   void take(Client &from, std::span<char> bytes);
   std::span<char> pass_on(Client &from, std::span<char> bytes);
   std::span<char> assemble(Client &from, std::span<char> bytes);
+  bool admit_unfinished(Client &from, size_t size);
+  void discard_rest(Client &from, std::span<const char> begin, const Header &header);
   void begin_frame(Client &from, std::span<char> begin, const Header &header, const Route &route);
   void begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header);
   const Route *resolve(Client &from, const Header &header);
@@ -134,20 +151,24 @@ class Server {
   void dispatch(Client &from, std::span<char> frame, const Header &header);
 
   void post(Client &to, const OutputQueue::Frame &frame);
-  void after_output(Client &to);
-  void undelivered(Client &to, OutputQueue::Tag tag, Loss loss);
+  void after_output(Client &to) noexcept;
+  void undelivered(Client &to, const OutputQueue::Tag &tag, std::span<const char> frame,
+                   Loss loss) noexcept;
   void watch_stream(Client &from);
-  void abandon_stream(Client &from, std::string_view why, bool tell);
+  void abandon_stream(Client &from, std::string_view why, bool tell) noexcept;
+  bool keeps_waiting(const Client &reader, const Client &sender) const;
 
   static size_t reserve_of(const Client &reader);
   void hold(Client &sender, Client &reader);
-  void release_held(Client &reader);
+  void release(Client &reader, uint32_t sender) noexcept;
+  void release_held(Client &reader) noexcept;
   void check_patience(Client &reader);
   void watch_backlog(Client &reader);
 
-  void unlist(const Client &client);
-  void silence(Client &client);
-  void end(Client &client, std::string_view why);
+  void unlist(const Client &client) noexcept;
+  void silence(Client &client) noexcept;
+  void end(Client &client, std::string_view why) noexcept;
+  void log_end(const Client &client, std::string_view why) const;
   void end_malformed(Client &client, std::string_view why);
 
   EventLoop *loop_;
@@ -168,8 +189,8 @@ class Server {
   Scratch scratch_;
   Client *reading_ = nullptr;  // whose input is being routed
   std::vector<Client *> touched_;
-  std::vector<OutputQueue::Frame> sending_;
-  std::vector<OutputQueue::Tag> refused_;
+  size_t posted_ = 0;  // frames that wait for flush()
+  std::map<std::string, std::weak_ptr<Account>> users_;
   Statistics statistics_;
 };
 

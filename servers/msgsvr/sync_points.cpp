@@ -19,79 +19,127 @@ using servers::log_line;
 constexpr uint32_t kWait = 0x5018;
 constexpr uint32_t kRelease = 0x5019;
 
-// Names come from clients; more points at a time are nobody's intention.
-constexpr size_t kMostPoints = 1024;
+// Names come from clients.
+constexpr size_t kLongestName = 255;
 
 class SyncPoints final : public Service {
  public:
   explicit SyncPoints(Server *server) : server_(server) {
     server->serve(kWait, [this](Client &from, const Message &m) { wait(from, m); });
     server->serve(kRelease, [this](Client &from, const Message &m) { release(from, m); });
-    server->on_gone([this](Client &client) {
-      for (auto &[name, point] : points_) {
-        std::erase_if(point.waiting, [&](const Waiter &w) { return w.client == client.id; });
-      }
-      std::erase_if(points_, [](const auto &entry) { return entry.second.idle(); });
-    });
+    server->on_gone([this](Client &client) { forget(client); });
   }
 
  private:
   struct Waiter {
     uint32_t client;
     Header request;
+    Share share;
   };
   struct Point {
     std::vector<Waiter> waiting;
-    bool released = false;
+    Share released;      // none: it is not
+    uint32_t owner = 0;  // who released it, 0 when it has gone
+    uint64_t gone = 0;   // when that was, in the order of such ends
     bool idle() const { return waiting.empty() && !released; }
   };
+
+  void forget(const Client &client) {
+    if (client.account->of(Kept::kPoints) == 0) return;
+    ++ends_;
+    for (auto &[name, point] : points_) {
+      std::erase_if(point.waiting, [&](const Waiter &w) { return w.client == client.id; });
+      if (point.owner != client.id) continue;
+      point.owner = 0;
+      point.gone = ends_;
+    }
+    std::erase_if(points_, [](const auto &entry) { return entry.second.idle(); });
+  }
+
+  // Gives up the release that has been without its client the longest.
+  bool make_room(const Account &user) {
+    auto oldest = points_.end();
+    for (auto entry = points_.begin(); entry != points_.end(); ++entry) {
+      const Point &point = entry->second;
+      if (!point.released || point.owner != 0 || point.released.user() != &user) continue;
+      if (oldest == points_.end() || point.gone < oldest->second.gone) oldest = entry;
+    }
+    if (oldest == points_.end()) return false;
+    points_.erase(oldest);
+    return true;
+  }
+
+  Share share(const Client &client) {
+    return server_->share(client, Kept::kPoints,
+                          [this](const Account &user) { return make_room(user); });
+  }
 
   static std::string name_of(const Message &message) {
     const std::string text(message.body.begin(), message.body.end());
     return text.substr(0, text.find('\0'));
   }
 
-  bool usable(const Client &from, const std::string &name) const {
-    if (!name.empty() && (points_.contains(name) || points_.size() < kMostPoints)) return true;
-    log_line("{} names no synchronisation point, or one too many", from.label());
+  bool usable(Client &from, const Message &message, const std::string &name) {
+    if (!name.empty() && name.size() <= kLongestName) return true;
+    log_line("{} names no synchronisation point of 1 to {} characters", from.label(), kLongestName);
+    server_->notify_undeliverable(from, message.type(), message.header.ulSeqNum);
     return false;
   }
 
   void wait(Client &from, const Message &message) {
     const std::string name = name_of(message);
-    if (!usable(from, name)) {
-      server_->notify_undeliverable(from, kWait, message.header.ulSeqNum);
+    if (!usable(from, message, name)) return;
+    auto entry = points_.find(name);
+    if (entry != points_.end() && entry->second.released) {
+      points_.erase(entry);
+      server_->reply(from, message, 0);
       return;
     }
-    Point &point = points_[name];
-    if (!point.released) {
-      // A process waits once: another request of it takes the first one's place.
-      std::erase_if(point.waiting, [&](const Waiter &w) { return w.client == from.id; });
-      point.waiting.push_back({from.id, message.header});
+    // A process waits once: another request of it takes the first one's place.
+    if (entry != points_.end()) {
+      for (Waiter &waiter : entry->second.waiting) {
+        if (waiter.client != from.id) continue;
+        waiter.request = message.header;
+        return;
+      }
+    }
+    Share place = share(from);
+    if (!place) {
+      server_->refuse(from, message, "synchronisation points");
       return;
     }
-    points_.erase(name);
-    server_->reply(from, message, 0);
+    points_[name].waiting.push_back({from.id, message.header, std::move(place)});
   }
 
   void release(Client &from, const Message &message) {
     const std::string name = name_of(message);
-    if (!usable(from, name)) return;
-    Point &point = points_[name];
-    if (point.waiting.empty()) {
-      point.released = true;
+    if (!usable(from, message, name)) return;
+    const auto entry = points_.find(name);
+    if (entry != points_.end() && !entry->second.released) {
+      for (const Waiter &waiter : entry->second.waiting) {
+        if (Client *client = server_->by_id(waiter.client)) {
+          server_->reply(*client, Message{waiter.request, {}, {}}, 0);
+        }
+      }
+      points_.erase(entry);
       return;
     }
-    for (const Waiter &waiter : point.waiting) {
-      if (Client *client = server_->by_id(waiter.client)) {
-        server_->reply(*client, Message{waiter.request, {}, {}}, 0);
-      }
+    if (entry != points_.end() && entry->second.owner != 0) return;
+    // What a client that has gone has released becomes this one's.
+    if (entry != points_.end()) points_.erase(entry);
+    Share place = share(from);
+    if (!place) {
+      server_->refuse(from, message, "synchronisation points");
+      return;
     }
-    points_.erase(name);
+    Point &point = points_[name];
+    point.released = std::move(place);
+    point.owner = from.id;
   }
 
   Server *server_;
   std::unordered_map<std::string, Point> points_;
+  uint64_t ends_ = 0;
 };
 
 }  // namespace

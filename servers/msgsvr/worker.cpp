@@ -4,13 +4,19 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <exception>
+#include <system_error>
 #include <utility>
+
+#include "common/log_line.h"
 
 namespace msgsvr {
 
 Worker::Worker(servers::EventLoop *loop)
     : loop_(loop), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
   loop_->add(wake_.get(), EPOLLIN, this);
   // Signals are the loop's.
   sigset_t all, before;
@@ -43,12 +49,18 @@ void Worker::work() {
   for (;;) {
     changed_.wait(lock, [this] { return ends_ || !waiting_.empty(); });
     if (ends_) return;
-    Task task = std::move(waiting_.front());
-    waiting_.pop_front();
+    std::list<Task> task;  // moved as it is, so that its end needs no memory
+    task.splice(task.begin(), waiting_, waiting_.begin());
     lock.unlock();
-    task.job();
+    try {
+      task.front().job();
+    } catch (const std::exception &error) {
+      task.front().done = nullptr;
+      servers::write_log_line("a job of the server has failed");
+      servers::write_log_line(error.what());
+    }
     lock.lock();
-    finished_.push_back(std::move(task.done));
+    finished_.splice(finished_.end(), task);
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
   }
@@ -57,12 +69,14 @@ void Worker::work() {
 void Worker::ready(uint32_t) {
   uint64_t count;
   if (::read(wake_.get(), &count, sizeof count) < 0) return;
-  std::deque<Procedure> finished;
+  std::list<Task> finished;
   {
     const std::lock_guard lock(mutex_);
     finished.swap(finished_);
   }
-  for (const Procedure &done : finished) done();
+  for (const Task &task : finished) {
+    if (task.done) loop_->attempt("a job's result is lost", task.done);
+  }
 }
 
 }  // namespace msgsvr

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <thread>
 
@@ -17,11 +17,11 @@ class Worker final : private servers::EventLoop::Watch {
  public:
   using Procedure = std::function<void()>;
 
-  explicit Worker(servers::EventLoop *loop);
+  explicit Worker(servers::EventLoop *loop);  // throws std::system_error
   // Waits for the job that is running; those behind it are dropped.
   ~Worker() override;
 
-  // Calls `job` on the thread and then `done` from the loop.
+  // Calls `job` on the thread and then `done` from the loop, unless the job has thrown.
   void run(Procedure job, Procedure done);
 
  private:
@@ -37,8 +37,8 @@ class Worker final : private servers::EventLoop::Watch {
   servers::UniqueFd wake_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Task> waiting_;
-  std::deque<Procedure> finished_;
+  std::list<Task> waiting_;
+  std::list<Task> finished_;
   bool ends_ = false;
   std::thread thread_;  // last: it uses all of the above
 };

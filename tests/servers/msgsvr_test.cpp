@@ -570,24 +570,9 @@ class Descriptors : public Msgsvr {
  protected:
   Descriptors() : Msgsvr({"--queue", "196608"}) {}  // of which one read takes a third
 
-  // Sends `bytes` with descriptors of /dev/zero.
-  static void send_with_descriptors(const RawClient &client, std::string bytes, size_t count = 1) {
-    std::vector<int> fds(count);
-    for (int &fd : fds) fd = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
-    std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
-    iovec piece{bytes.data(), bytes.size()};
-    msghdr message{};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr *header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int) * count);
-    std::memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * count);
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), ::sendmsg(client.fd(), &message, MSG_NOSIGNAL));
-    for (const int fd : fds) ::close(fd);
+  static void send_with_descriptors(const RawClient &client, const std::string &bytes,
+                                    size_t count = 1) {
+    EXPECT_TRUE(test::send_with_descriptors(client.fd(), bytes, count));
   }
 
   // One read as ORP_MSG_RecvFd does it; whether it brought a descriptor and its two bytes alone.

@@ -1,5 +1,6 @@
 #include "support/message_peer.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -157,6 +158,24 @@ Frame MessagePeer::accept_registration(const std::string &name, bool swap, uint3
   send({ORP_MSG_REGISTER, name, body, swap ? 1u : 0u, request.sequence});
   swapped_ = swap;
   return request;
+}
+
+bool send_with_descriptors(int fd, std::string bytes, size_t count) {
+  const msgapi::os::UniqueFd zero(::open("/dev/zero", O_RDONLY | O_CLOEXEC));
+  const std::vector<int> fds(count, zero.get());
+  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
+  iovec piece{bytes.data(), bytes.size()};
+  msghdr message{};
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  cmsghdr *header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int) * count);
+  std::memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * count);
+  return ::sendmsg(fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 RawClient::RawClient(const std::string &name, Register how, const std::string &socket_path)

@@ -85,6 +85,9 @@ class MessagePeer {
   std::string name_;
 };
 
+// Sends `bytes` with `count` descriptors of /dev/zero in one write; false when that fails.
+bool send_with_descriptors(int fd, std::string bytes, size_t count = 1);
+
 // A client of the message server that speaks the wire format itself, byte by byte if it has to.
 class RawClient : public MessagePeer {
  public:

@@ -1,0 +1,325 @@
+// The message server inside the test, with every allocation and every epoll_ctl that it makes
+// failing in turn: a client or a request is given up, the server and the other clients go on.
+//
+// A program of its own, because it replaces operator new and epoll_ctl.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "msgapi/restful.h"
+#include "msgsvr/server.h"
+#include "msgsvr/services.h"
+#include "msgsvr/worker.h"
+#include "support/fd_check.h"
+#include "support/message_peer.h"
+
+namespace {
+
+// The calls that are still to succeed; after that one fails, or all do.
+struct Fault {
+  bool armed = false;
+  bool lasting = false;
+  long left = 0;
+  uint32_t failed = 0;
+
+  bool strikes() {
+    if (!armed || left < 0) return false;
+    if (left-- > 0) return false;
+    if (lasting) left = 0;
+    ++failed;
+    return true;
+  }
+};
+Fault g_allocation;
+Fault g_epoll_ctl;
+
+void *allocate(size_t size) {
+  void *memory = g_allocation.strikes() ? nullptr : std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace
+
+void *operator new(size_t size) {
+  return allocate(size);
+}
+void *operator new[](size_t size) {
+  return allocate(size);
+}
+void operator delete(void *memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void *memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void *memory, size_t) noexcept {
+  std::free(memory);
+}
+
+extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event *event) noexcept {
+  if (operation != EPOLL_CTL_DEL && g_epoll_ctl.strikes()) {
+    errno = ENOMEM;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_epoll_ctl, epoll, operation, fd, event));
+}
+
+namespace {
+
+using servers::UniqueFd;
+using test::Frame;
+using test::MessagePeer;
+using test::padded;
+
+constexpr uint32_t kType = 0x1234;
+constexpr uint32_t kWlanEvent = 0x2da67;
+
+// A server with its services, one turn at a time.
+class World {
+ public:
+  World() {
+    options_.queue_limit = 65536;
+    options_.cut_through = 4096;
+    options_.login_state.clear();
+    server_ = std::make_unique<msgsvr::Server>(&loop_, options_);
+    for (const auto make : {msgsvr::make_registration, msgsvr::make_events, msgsvr::make_restful,
+                            msgsvr::make_sync_points, msgsvr::make_login_control}) {
+      services_.push_back(make(server_.get()));
+    }
+  }
+
+  // None of these waits; a client that the server has given up reads the end of its stream.
+  MessagePeer connect(const std::string &name) {
+    int ends[2];
+    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends));
+    const int small = 4096;
+    ::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    MessagePeer client(ends[1], false, name);
+    UniqueFd server_end(ends[0]);
+    arm(true);
+    server_->adopt(std::move(server_end));
+    arm(false);
+    client.send({.type = ORP_MSG_REGISTER, .sequence = 1});
+    turn();
+    return client;
+  }
+
+  void turn() {
+    for (int i = 0; i < 4; ++i) {
+      arm(true);
+      loop_.turn(0);
+      arm(false);
+    }
+  }
+
+  void send(MessagePeer *client, const Frame &frame) {
+    client->send(frame);
+    turn();
+  }
+
+  uint64_t failures() const { return loop_.failures(); }
+
+ private:
+  static void arm(bool on) { g_allocation.armed = g_epoll_ctl.armed = on; }
+
+  servers::EventLoop loop_;
+  msgsvr::Options options_;
+  std::unique_ptr<msgsvr::Server> server_;
+  std::vector<std::unique_ptr<msgsvr::Service>> services_;
+};
+
+// Whole frames only, or as many bytes as came before the end of the connection.
+void expect_frames(MessagePeer *client) {
+  std::string bytes;
+  char buffer[4096];
+  ssize_t count;
+  while ((count = ::read(client->fd(), buffer, sizeof buffer)) > 0) {
+    bytes.append(buffer, static_cast<size_t>(count));
+  }
+  if (count == 0) return;
+  for (std::string_view rest = bytes; !rest.empty();) {
+    ASSERT_GE(rest.size(), msgsvr::kHeaderSize);
+    const msgsvr::Header header = msgsvr::load_header(rest.data(), false);
+    const size_t size = msgsvr::kHeaderSize + header.ulDataLen;
+    ASSERT_LE(size, rest.size());
+    rest.remove_prefix(size);
+  }
+}
+
+// What clients do; what they find in the end must be whole frames.
+void act(World *world) {
+  MessagePeer a = world->connect("a");
+  MessagePeer b = world->connect("b");
+  world->send(&b, {.type = ORP_MSG_SUBSCRIBE, .data = kWlanEvent});
+  world->send(&a, {.type = ORP_MSG_SUBSCRIBE, .body = padded("b"), .data = kWlanEvent + 1});
+  world->send(&a, {.type = kType, .to = "b", .body = "short"});
+  world->send(&a, {.type = kWlanEvent, .body = "event"});
+  world->send(&a, {.type = kType, .to = "nobody"});
+  world->send(&a, {.type = 0x5018, .body = padded("point", 6)});
+  world->send(&b, {.type = 0x5019, .body = padded("point", 6)});
+  world->send(&b, {.type = 0x5019, .body = padded("later", 6)});
+  world->send(&b, {.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/a|/b/c", 8)});
+  world->send(&a, {.type = ORP_MSG_COUNT_PROCESSES, .body = padded("b")});
+  // In two pieces.
+  const std::string half =
+      Frame{.type = kType, .to = "b", .body = std::string(900, 'k')}.bytes("a");
+  for (const auto &piece : {half.substr(0, 100), half.substr(100)}) {
+    a.send_bytes(piece);
+    world->turn();
+  }
+  // Passed on as it arrives, to a reader that is behind, with a descriptor after it.
+  const std::string stream =
+      Frame{.type = kType, .to = "b", .body = std::string(20000, 's')}.bytes("a");
+  for (size_t at = 0; at < stream.size(); at += 7000) {
+    a.send_bytes(std::string_view(stream).substr(at, 7000));
+    world->turn();
+  }
+  test::send_with_descriptors(a.fd(), std::string(2, '\0'));
+  world->turn();
+  // More than the queue takes.
+  for (int i = 0; i < 12; ++i) {
+    world->send(&a, {.type = kType, .to = "b", .body = std::string(3000, 'f')});
+  }
+  MessagePeer c = world->connect("c");
+  c.send_bytes(std::string_view(stream).substr(0, 9000));
+  world->turn();
+  c.close();
+  world->turn();
+  a.close();
+  world->turn();
+  for (int i = 0; i < 30; ++i) {
+    char buffer[1];
+    if (::recv(b.fd(), buffer, 1, MSG_PEEK) <= 0) break;
+    world->turn();
+    if (i == 20) b.close();
+    if (i == 20) break;
+  }
+  world->turn();
+}
+
+void expect_service(World *world) {
+  MessagePeer x = world->connect("x");
+  MessagePeer y = world->connect("y");
+  world->send(&x, {.type = kType, .to = "y", .body = "ok"});
+  EXPECT_EQ(ORP_MSG_REGISTER, y.receive(0).value_or(Frame()).type);
+  EXPECT_EQ("ok", y.receive(0).value_or(Frame()).body);
+}
+
+class Faults : public testing::TestWithParam<bool> {
+ protected:
+  Faults() {
+    // A line for each of thousands of faults.
+    const UniqueFd quiet(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    ::dup2(quiet.get(), STDERR_FILENO);
+  }
+
+  void fail_each(Fault *fault) {
+    act_once(nullptr);  // what the first run alone opens or allocates
+    const test::FdCheck fd_check;
+    long nth = 0;
+    for (bool struck = true; struck; ++nth) {
+      World world;
+      *fault = Fault{.armed = false, .lasting = GetParam(), .left = nth, .failed = 0};
+      act(&world);
+      struck = fault->failed > 0;
+      fault->left = -1;
+      EXPECT_TRUE(!struck || world.failures() > 0 || fault == &g_allocation) << nth;
+      expect_service(&world);
+      if (HasFailure()) FAIL() << "with call " << nth << " failing";
+    }
+    RecordProperty("faults", std::to_string(nth));
+    EXPECT_GT(nth, 4);
+  }
+
+ private:
+  static void act_once(Fault *) {
+    g_allocation.left = g_epoll_ctl.left = -1;
+    World world;
+    act(&world);
+  }
+};
+
+TEST_P(Faults, OfMemoryGiveUpAClientOrARequest) {
+  fail_each(&g_allocation);
+}
+TEST_P(Faults, OfEpollGiveUpAClientOrARequest) {
+  fail_each(&g_epoll_ctl);
+}
+INSTANTIATE_TEST_SUITE_P(OnceAndForGood, Faults, testing::Bool());
+
+// A reader of a stream is not left out of step by a fault.
+TEST(StreamFaults, LeaveTheReaderInStep) {
+  for (long nth = 0; nth < 60; ++nth) {
+    g_allocation.left = g_epoll_ctl.left = -1;
+    World world;
+    MessagePeer a = world.connect("a");
+    MessagePeer b = world.connect("b");
+    const std::string stream =
+        Frame{.type = kType, .to = "b", .body = std::string(40000, 's')}.bytes("a");
+    g_allocation = Fault{.armed = false, .lasting = false, .left = nth, .failed = 0};
+    for (size_t at = 0; at < stream.size(); at += 5000) {
+      ::send(a.fd(), stream.data() + at, std::min<size_t>(5000, stream.size() - at), MSG_NOSIGNAL);
+      world.turn();
+    }
+    g_allocation.left = -1;
+    a.close();
+    std::string bytes;
+    char buffer[4096];
+    for (int quiet = 0; quiet < 3;) {
+      world.turn();
+      const ssize_t count = ::read(b.fd(), buffer, sizeof buffer);
+      if (count > 0) bytes.append(buffer, static_cast<size_t>(count));
+      quiet = count > 0 ? 0 : quiet + 1;
+    }
+    MessagePeer c = world.connect("c");
+    world.send(&c, {.type = kType, .to = "b", .body = "after"});
+    for (std::string_view rest = bytes; !rest.empty();) {
+      ASSERT_GE(rest.size(), msgsvr::kHeaderSize) << nth;
+      const size_t size = msgsvr::kHeaderSize + msgsvr::load_header(rest.data(), false).ulDataLen;
+      ASSERT_LE(size, rest.size()) << nth;
+      rest.remove_prefix(size);
+    }
+    expect_frames(&b);
+  }
+}
+
+TEST(WorkerFaults, AreNotTakenForResults) {
+  g_allocation.left = g_epoll_ctl.left = -1;
+  servers::EventLoop loop;
+  msgsvr::Worker worker(&loop);
+  int done = 0;
+  worker.run([] { throw std::bad_alloc(); }, [&] { done += 100; });
+  worker.run([] {}, [&] { ++done; });
+  while (done == 0) loop.turn(1000);
+  EXPECT_EQ(1, done);
+
+  // Without descriptors there is no worker, and it says so.
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{0, before.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  EXPECT_THROW(msgsvr::Worker another(&loop), std::system_error);
+  ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+}  // namespace

@@ -1,0 +1,340 @@
+// The message server as a process and clients that mean it no good: it stays, what it keeps for
+// them stays bounded, and the others are served.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "msgapi/restful.h"
+#include "support/message_peer.h"
+#include "support/process.h"
+
+namespace {
+
+using test::Frame;
+using test::padded;
+using test::RawClient;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr uint32_t kType = 0x1234;
+constexpr uint32_t kWait = 0x5018;
+constexpr uint32_t kRelease = 0x5019;
+
+class HostileClients : public testing::Test {
+ protected:
+  void start(const std::vector<std::string> &arguments = {}) {
+    server_ = std::make_unique<test::Process>("msgsvr", arguments);
+    ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
+  }
+
+  // All that was done before, ends of connections included, has reached the server.
+  static void settle() { RawClient("settle").drain(); }
+
+  static void expect_service() {
+    RawClient a("fine");
+    ASSERT_TRUE(a.send({.type = kType, .to = "fine", .body = "ok"}));
+    EXPECT_EQ("ok", a.read().body);
+  }
+
+  // What the server occupies, in bytes.
+  size_t memory() const {
+    std::ifstream file("/proc/" + std::to_string(server_->pid()) + "/statm");
+    size_t pages = 0;
+    file >> pages >> pages;
+    return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  }
+
+  static bool is_refusal(const Frame &frame, uint32_t type) {
+    return frame.type == ORP_MSG_UNDELIVERABLE && frame.data == type;
+  }
+
+  // Sends all requests and returns how many of them were refused.
+  static size_t refusals(RawClient *client, uint32_t type, const std::vector<Frame> &requests) {
+    size_t refused = 0;
+    for (size_t i = 0; i < requests.size(); ++i) {
+      client->send(requests[i]);
+      if (i % 100 != 99 && i + 1 != requests.size()) continue;
+      for (const Frame &frame : client->drain()) refused += is_refusal(frame, type) ? 1 : 0;
+    }
+    return refused;
+  }
+
+  std::unique_ptr<test::Process> server_;
+};
+
+// Each is its own receiver when it ends.
+TEST_F(HostileClients, MayBeTheirOwnReceiversWhenTheyEnd) {
+  start();
+  const std::string half =
+      Frame{.type = kType, .to = "self", .body = std::string(1000000, 'h')}.bytes("self");
+  {  // in the middle of a long message to itself
+    RawClient client("self");
+    client.send_bytes(std::string_view(half).substr(0, 70040));
+    ::shutdown(client.fd(), SHUT_WR);
+    client.closed();
+  }
+  expect_service();
+  {  // held by itself
+    RawClient client("self");
+    const std::string frame =
+        Frame{.type = kType, .to = "self", .body = std::string(30000, 'f')}.bytes("self");
+    timeval quick{0, 50000};
+    ::setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &quick, sizeof quick);
+    for (int i = 0; i < 60; ++i) {
+      if (!client.send_bytes(frame)) break;
+    }
+    test::send_with_descriptors(client.fd(), "ab");
+  }
+  expect_service();
+  {  // somebody else in the middle of a long message to it, too
+    RawClient client("self");
+    RawClient other("other");
+    other.send_bytes(std::string_view(half).substr(0, 70040));
+    settle();
+    timeval quick{0, 20000};
+    ::setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &quick, sizeof quick);
+    const std::string frame =
+        Frame{.type = kType, .to = "self", .body = std::string(30000, 'f')}.bytes("self");
+    for (int i = 0; i < 60; ++i) {
+      if (!client.send_bytes(frame)) break;
+    }
+  }
+  expect_service();
+  EXPECT_EQ(0, server_->stop(SIGTERM));
+}
+
+// A long message is not cut while its reader reads, be it in small steps or beside another sender.
+TEST_F(HostileClients, LongMessagesArriveWholeWhileTheirReaderReads) {
+  start({"--queue", "262144", "--patience", "300"});
+  for (const size_t size : {size_t{8} << 20, size_t{1} << 20}) {
+    const bool beside = size < size_t{8} << 20;
+    for (int round = 0; round < 3; ++round) {
+      RawClient reader("reader");
+      RawClient a("a");
+      RawClient b("b");
+      const std::string frame =
+          Frame{.type = kType, .to = "reader", .body = std::string(size, 'l')}.bytes("a");
+      constexpr int kOthers = 300;
+      std::vector<std::thread> threads;
+      threads.emplace_back([&] { a.send_bytes(frame); });
+      if (beside) {
+        threads.emplace_back([&] {
+          for (int i = 0; i < kOthers; ++i) {
+            b.send({.type = kType + 1, .to = "reader", .body = std::string(1000, 'o')});
+          }
+        });
+      }
+      std::string got;
+      const size_t all = frame.size() + (beside ? kOthers * size_t{1040} : 0);
+      while (got.size() < all) {
+        const std::string piece = reader.receive_bytes(std::min<size_t>(65536, all - got.size()));
+        if (piece.empty()) break;
+        got += piece;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      for (std::thread &thread : threads) thread.join();
+      ASSERT_EQ(all, got.size());
+      ASSERT_EQ(size, static_cast<size_t>(std::ranges::count(got, 'l'))) << round;
+      ASSERT_THAT(a.drain(), IsEmpty());
+    }
+  }
+  EXPECT_THAT(server_->output(), Not(HasSubstr("cut short")));
+}
+
+TEST_F(HostileClients, OccupyLittleWithMessagesThatNeverEnd) {
+  start();
+  settle();
+  const size_t before = memory();
+  const std::string half =
+      Frame{.type = ORP_MSG_RESTFUL_REGISTER, .body = std::string(2000000, 'h')}.bytes("x");
+  std::vector<RawClient> many;
+  for (int i = 0; i < 120; ++i) {
+    // Some with a name of their own, some without.
+    const auto how = i % 2 == 0 ? RawClient::Register::kYes : RawClient::Register::kNo;
+    many.emplace_back("x" + std::to_string(i), how);
+    many.back().send_bytes(std::string_view(half).substr(0, half.size() - 1));
+  }
+  settle();
+  const size_t grown = memory() - before;
+#ifndef __SANITIZE_ADDRESS__
+  EXPECT_LT(grown, size_t{48} << 20);
+#endif
+  // A message in two pieces still finds its place, and the share comes back.
+  RawClient fine("fine");
+  const std::string frame = Frame{.type = kType, .to = "fine", .body = "two"}.bytes("fine");
+  fine.send_bytes(std::string_view(frame).substr(0, 41));
+  settle();
+  fine.send_bytes(std::string_view(frame).substr(41));
+  EXPECT_EQ("two", fine.read().body);
+  EXPECT_TRUE(is_refusal(many[1].read(), ORP_MSG_RESTFUL_REGISTER));
+  many.clear();
+  settle();
+  RawClient late("late");
+  const std::string wait = Frame{.type = kWait, .body = std::string(2000000, 'w')}.bytes("late");
+  late.send_bytes(std::string_view(wait).substr(0, 1500000));
+  settle();
+  EXPECT_TRUE(late.quiet());
+}
+
+TEST_F(HostileClients, FillOnlyTheirOwnPartOfWhatIsKeptForEverybody) {
+  start({"--user-subscriptions", "400", "--user-points", "400", "--user-paths", "400"});
+  std::vector<Frame> subscriptions;
+  std::vector<Frame> points;
+  std::vector<Frame> paths;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string number = std::to_string(i);
+    subscriptions.push_back(
+        {.type = ORP_MSG_SUBSCRIBE, .body = padded("n" + number), .data = 0x2da67});
+    points.push_back({.type = kRelease, .body = "p" + number + '\0'});
+    paths.push_back({.type = ORP_MSG_RESTFUL_REGISTER, .body = "/path/" + number + '\0'});
+  }
+  {
+    RawClient hostile("hostile");
+    EXPECT_EQ(900u, refusals(&hostile, ORP_MSG_SUBSCRIBE, subscriptions));
+    EXPECT_EQ(900u, refusals(&hostile, kRelease, points));
+    EXPECT_EQ(900u, refusals(&hostile, ORP_MSG_RESTFUL_REGISTER, paths));
+    EXPECT_TRUE(server_->wait_for("has as many event subscriptions"));
+    EXPECT_TRUE(server_->wait_for("has as many synchronisation points"));
+    EXPECT_TRUE(server_->wait_for("has as many restful paths"));
+
+    // Others of the same user still have theirs.
+    RawClient fine("fine");
+    fine.send({.type = ORP_MSG_SUBSCRIBE, .data = 0x2da67});
+    fine.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/mine", 6)});
+    fine.send({.type = kRelease, .body = padded("mine", 5)});
+    EXPECT_THAT(fine.drain(), IsEmpty());
+    fine.send({.type = 0x2da67, .body = "event"});
+    EXPECT_EQ("event", fine.read().body);
+    EXPECT_EQ(0u, fine.ask({.type = kWait, .body = padded("mine", 5), .data = 9}).data);
+  }
+
+  // What clients that have gone left behind makes room, the oldest first.
+  for (int round = 0; round < 12; ++round) {
+    RawClient next("next");
+    for (Frame &frame : points) frame.body = "r" + std::to_string(round) + frame.body;
+    EXPECT_EQ(900u, refusals(&next, kRelease, points));
+    for (Frame &frame : subscriptions) frame.data += 0x10000;
+    EXPECT_EQ(900u, refusals(&next, ORP_MSG_SUBSCRIBE, subscriptions));
+  }
+  RawClient late("late");
+  EXPECT_EQ(0u, late.ask({.type = kWait, .body = points[50].body}).data)
+      << "kept for those who come";
+  expect_service();
+}
+
+TEST_F(HostileClients, CannotUseUpTheDescriptors) {
+  start();
+  std::vector<RawClient> readers;
+  for (int i = 0; i < 6; ++i) readers.emplace_back("r" + std::to_string(i));
+  // The readers' sockets are full, so that all that follows waits in the server.
+  for (const RawClient &reader : readers) {
+    RawClient filler("filler");
+    for (int i = 0; i < 300; ++i) {
+      filler.send({.type = kType, .to = reader.name(), .body = std::string(1000, 'f')});
+    }
+    filler.drain();
+  }
+  RawClient hostile("hostile");
+  size_t refused = 0;
+  for (const RawClient &reader : readers) {
+    for (int i = 0; i < 200; ++i) {
+      hostile.send({.type = kType, .to = reader.name()});
+      test::send_with_descriptors(hostile.fd(), std::string(2, '\0'));
+    }
+    for (const Frame &frame : hostile.drain()) refused += is_refusal(frame, kType) ? 1 : 0;
+  }
+  EXPECT_GE(refused, 6u * 200 - 64);
+  const auto open = std::distance(
+      std::filesystem::directory_iterator("/proc/" + std::to_string(server_->pid()) + "/fd"), {});
+  EXPECT_LT(open, 130);
+  readers.clear();
+  settle();
+  hostile.drain();  // what its readers had not read
+  hostile.send({.type = kType, .to = "hostile"});
+  test::send_with_descriptors(hostile.fd(), std::string(2, '\0'));
+  EXPECT_EQ(kType, hostile.read().type);
+  EXPECT_EQ(std::string(2, '\0'), hostile.receive_bytes(2));
+}
+
+TEST_F(HostileClients, HaveNoMoreConnectionsThanTheirUserMay) {
+  start({"--user-connections", "20"});
+  std::vector<RawClient> many;
+  for (int i = 0; i < 20; ++i) many.emplace_back("many");
+  RawClient refused("late", RawClient::Register::kNo);
+  EXPECT_TRUE(refused.closed());
+  EXPECT_TRUE(server_->wait_for("has as many connections as it may"));
+  many.pop_back();
+  many.front().drain();
+  expect_service();
+}
+
+// Files of messages that nobody gets go, if they are their sender's.
+TEST_F(HostileClients, LeaveNoFilesOfMessagesThatAreLost) {
+  start({"--queue", "131072", "--patience", "20"});
+  int made = 0;
+  const auto in_file = [&](const std::string &to, uint32_t type = kType) {
+    const std::string path = ORP_MSG_HAND_OVER_PREFIX + std::to_string(++made);
+    std::ofstream(path) << "body";
+    return Frame{.type = type | ORP_MSG_TYPE_BODY_IN_FILE,
+                 .to = to,
+                 .body = padded(path, ORP_MSG_HAND_OVER_PATH_SIZE)};
+  };
+  const auto files = [] {
+    return std::distance(std::filesystem::directory_iterator("/var/run/msg"), {});
+  };
+  RawClient a("a");
+  a.send(in_file("nobody"));
+  a.send(in_file("mic", 0x7777));
+  a.drain();
+  EXPECT_EQ(0, files());
+
+  // More than the queue takes, then the death of the reader.
+  RawClient reader("reader");
+  size_t lost = 0;
+  for (int i = 0; i < 4000; ++i) {
+    a.send(in_file("reader"));
+    while (a.receive(0)) ++lost;
+  }
+  // Notices may follow the answer to what was asked after their cause.
+  for (int i = 0; i < 2; ++i) lost += a.drain().size();
+  EXPECT_GT(lost, 0u);
+  EXPECT_EQ(4000, files() + static_cast<ptrdiff_t>(lost));
+  reader.close();
+  settle();
+  for (int i = 0; i < 2; ++i) lost += a.drain().size();
+  EXPECT_EQ(4000, files() + static_cast<ptrdiff_t>(lost));
+
+  // Nothing else is removed.
+  for (const char *path : {"/var/run/msg/other", "/tmp/msg_file_1", "/var/run/msg/msg_file_../x"}) {
+    std::ofstream(path) << "x";
+    a.send({.type = kType | ORP_MSG_TYPE_BODY_IN_FILE, .to = "nobody", .body = padded(path, 128)});
+  }
+  a.drain();
+  EXPECT_TRUE(std::filesystem::exists("/var/run/msg/other"));
+  EXPECT_TRUE(std::filesystem::exists("/tmp/msg_file_1"));
+}
+
+TEST_F(HostileClients, CannotColourTheLog) {
+  start();
+  RawClient client("x\x1b[2J\xc2\x9b", RawClient::Register::kYes);
+  std::string bad = Frame{.type = kType}.bytes("x");
+  bad.replace(20, 12, 12, 'n');
+  client.send_bytes(bad);
+  EXPECT_TRUE(server_->wait_for("x?[2J??[" + std::to_string(::getpid()) + "] is disconnected"));
+}
+
+}  // namespace

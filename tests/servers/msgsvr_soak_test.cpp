@@ -1,0 +1,243 @@
+// The message server as a process, with random clients that keep no rule beside pairs of clients
+// that do: whatever the former send, the latter lose nothing.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "msgapi/restful.h"
+#include "support/message_peer.h"
+#include "support/process.h"
+#include "support/soak.h"
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using test::Frame;
+using test::padded;
+using test::RawClient;
+
+constexpr uint32_t kPing = 0x4321;
+constexpr seconds kUsual{30};
+constexpr seconds kLongest{600};
+
+constexpr int kPairs = 2;
+constexpr uint32_t kHostile = 3;
+constexpr size_t kConnections = 8;
+
+// One thread's connections, and what they do.
+class Vandal {
+ public:
+  Vandal(uint32_t number, uint32_t seed) : number_(number), random_(seed) {}
+
+  void act() {
+    if (clients_.size() < kConnections) return connect();
+    const size_t which = below(static_cast<uint32_t>(clients_.size()));
+    RawClient &client = clients_[which];
+    switch (below(12)) {
+      case 0:
+        clients_.erase(clients_.begin() + static_cast<ptrdiff_t>(which));
+        break;
+      case 1:
+        ::shutdown(client.fd(), SHUT_WR);
+        break;
+      case 2:
+        flood(client);
+        break;
+      case 3:
+        send(client, noise(below(200)));
+        break;
+      case 4: {  // half a message
+        const std::string whole = message(below(200000)).bytes(client.name());
+        send(client, whole.substr(0, below(static_cast<uint32_t>(whole.size()))));
+        break;
+      }
+      case 5:
+        test::send_with_descriptors(client.fd(), below(3) == 0 ? "ab" : std::string(2, '\0'),
+                                    1 + below(3));
+        break;
+      case 6:
+        send(client, request().bytes(client.name()));
+        break;
+      case 7: {  // a damaged one
+        std::string bytes = message(below(100)).bytes(client.name());
+        bytes[below(static_cast<uint32_t>(bytes.size()))] ^= static_cast<char>(1 + below(255));
+        if (!names_a_pair(bytes)) send(client, bytes);
+        break;
+      }
+      case 8:
+      case 9:
+        drop(client);
+        break;
+      default:
+        send(client, message(below(3000)).bytes(client.name()));
+    }
+  }
+
+ private:
+  uint32_t below(uint32_t limit) {
+    return limit == 0 ? 0 : static_cast<uint32_t>(random_() % limit);
+  }
+
+  void connect() {
+    const std::string name = "v" + std::to_string(number_) + std::to_string(below(6));
+    clients_.emplace_back(name, RawClient::Register::kNo);
+    if (below(4) != 0) send(clients_.back(), Frame{.type = ORP_MSG_REGISTER}.bytes(name));
+  }
+
+  // Never waits for the server: what it does not take now is not sent.
+  static void send(const RawClient &client, const std::string &bytes) {
+    ::send(client.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  }
+
+  static void drop(const RawClient &client) {
+    char bytes[65536];
+    ::recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT);
+  }
+
+  std::string noise(size_t size) {
+    std::string bytes(size, '\0');
+    for (char &byte : bytes) byte = static_cast<char>(below(256));
+    return bytes;
+  }
+
+  static bool names_a_pair(const std::string &bytes) {
+    return bytes.find("ping") != std::string::npos || bytes.find("pong") != std::string::npos;
+  }
+
+  std::string target() {
+    switch (below(6)) {
+      case 0:
+        return "";
+      case 1:
+        return "nobody";
+      default:
+        return "v" + std::to_string(below(kHostile)) + std::to_string(below(6));
+    }
+  }
+
+  Frame message(size_t size) {
+    return {.type = 0x1000 + below(16), .to = target(), .body = std::string(size, 'm')};
+  }
+
+  void flood(const RawClient &client) {
+    const std::string frame = message(below(8000)).bytes(client.name());
+    for (size_t sent = 0; sent < 300000; sent += frame.size()) send(client, frame);
+  }
+
+  // What makes the server keep something, or give it up.
+  Frame request() {
+    const std::string name = "k" + std::to_string(below(2000));
+    switch (below(9)) {
+      case 0:
+        return {.type = ORP_MSG_SUBSCRIBE, .data = 0x2da00 + below(300)};
+      case 1:
+        return {.type = ORP_MSG_SUBSCRIBE, .body = padded(name), .data = 0x2da00 + below(300)};
+      case 2:
+        return {.type = ORP_MSG_UNSUBSCRIBE, .body = padded(name), .data = 0x2da00 + below(300)};
+      case 3:
+        return {.type = 0x5018, .body = name + '\0'};
+      case 4:
+        return {.type = 0x5019, .body = name + '\0'};
+      case 5:
+        return {.type = ORP_MSG_RESTFUL_REGISTER, .body = "/" + name + "|/x/" + name + '\0'};
+      case 6:
+        return {.type = ORP_MSG_RESTFUL_REQUEST, .body = noise(136)};
+      case 7:
+        return {.type = 0x2cf01 + below(5), .body = noise(below(300))};
+      default:
+        return {.type = 0x2da00 + below(300), .body = noise(below(500))};
+    }
+  }
+
+  const uint32_t number_;
+  std::mt19937 random_;
+  std::vector<RawClient> clients_;
+};
+
+// The next message of the other of the pair; the server's notices of losses are none of its.
+bool expect_ping(RawClient *client, uint32_t sequence, size_t size) {
+  const Frame frame = client->read();
+  return frame.type == kPing && frame.sequence == sequence && frame.body.size() == size;
+}
+
+TEST(MsgsvrSoak, HostileClientsCostOthersNothing) {
+  test::Process server("msgsvr", {"--patience", "10000"});
+  ASSERT_TRUE(server.wait_for("ready"));
+  const std::string directory = "/proc/" + std::to_string(server.pid());
+  const auto descriptors = [&] {
+    return std::distance(std::filesystem::directory_iterator(directory + "/fd"), {});
+  };
+  const auto idle = descriptors();
+  const auto end =
+      steady_clock::now() + std::min(kUsual * static_cast<int>(test::soak_factor()), kLongest);
+
+  std::atomic<uint64_t> exchanged = 0;
+  std::atomic<bool> lost = false;
+  std::atomic<uint64_t> acts = 0;
+  std::vector<std::thread> threads;
+  for (uint32_t i = 0; i < kHostile; ++i) {
+    threads.emplace_back([&, i] {
+      Vandal vandal(i, test::seed() * 1000 + i);
+      for (; steady_clock::now() < end && !lost; ++acts) vandal.act();
+    });
+  }
+  for (int i = 0; i < kPairs; ++i) {
+    threads.emplace_back([&, i] {
+      RawClient ping("ping" + std::to_string(i));
+      RawClient pong("pong" + std::to_string(i));
+      std::mt19937 random(test::seed() + static_cast<uint32_t>(i));
+      for (uint32_t sequence = 1; steady_clock::now() < end && !lost;) {
+        // Some on their way at a time, now and then a long one.
+        std::vector<size_t> sizes;
+        for (uint32_t n = 1 + random() % 8; n > 0; --n) sizes.push_back(random() % 4000);
+        if (random() % 50 == 0) sizes.push_back(150000);
+        std::thread sender([&] {
+          for (size_t k = 0; k < sizes.size(); ++k) {
+            ping.send({.type = kPing,
+                       .to = pong.name(),
+                       .body = std::string(sizes[k], 'p'),
+                       .sequence = sequence + static_cast<uint32_t>(k)});
+          }
+        });
+        for (size_t k = 0; k < sizes.size() && !lost; ++k) {
+          if (!expect_ping(&pong, sequence + static_cast<uint32_t>(k), sizes[k])) lost = true;
+        }
+        sender.join();
+        sequence += static_cast<uint32_t>(sizes.size());
+        exchanged += sizes.size();
+        if (!ping.quiet()) lost = true;
+      }
+    });
+  }
+  for (std::thread &thread : threads) thread.join();
+
+  EXPECT_FALSE(lost);
+  EXPECT_GT(exchanged, 100u);
+  RecordProperty("exchanged", std::to_string(exchanged));
+  RecordProperty("hostile_acts", std::to_string(acts));
+  // All that they held is given back.
+  for (int i = 0; i < 1000 && descriptors() != idle; ++i) RawClient("settle").drain();
+  EXPECT_EQ(idle, descriptors());
+  std::ifstream statm(directory + "/statm");
+  size_t pages = 0;
+  statm >> pages >> pages;
+#ifndef __SANITIZE_ADDRESS__
+  EXPECT_LT(pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE)), size_t{100} << 20);
+#endif
+  EXPECT_EQ(0, server.stop(SIGTERM)) << server.output();
+}
+
+}  // namespace
