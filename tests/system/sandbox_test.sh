@@ -47,7 +47,6 @@ for directory in bin etc lib lib32 lib64 sbin usr "${bin#/}"; do
     mount --rbind "/$directory" "$root/$directory"
   fi
 done
-mount -t proc proc "$root/proc"
 echo "of the machine" >"$root/var/cfm/cfm.db"
 # shellcheck disable=SC2016 # the inner shell's own
 chroot "$root" "$bin/sandbox" -- sh -c '
@@ -55,6 +54,9 @@ chroot "$root" "$bin/sandbox" -- sh -c '
   case $PATH in "$1":*) ;; *) exit 1 ;; esac' sh "$bin" || fail "no sandbox in a chroot"
 [[ $(<"$root/var/cfm/cfm.db") == "of the machine" && -z $(ls "$root/tmp") ]] ||
   fail "the chroot changed"
+
+mount -t proc proc "$root/proc"
+chroot "$root" "$bin/sandbox" -- test ! -e /var/cfm || fail "no sandbox in a chroot with /proc"
 
 # Nor do the scripts that start servers run where the fixed paths are the machine's.
 for command in "with_servers.sh true" demo.sh; do

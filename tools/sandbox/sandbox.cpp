@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
+#include <sys/auxv.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -35,6 +36,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -222,10 +224,13 @@ void bring_up_loopback() {
   ::close(fd);
 }
 
-// Where this program stands. It has to be asked before the namespaces are entered: the link cannot
-// be read any more from those when the machine is a chroot.
+// Where this program stands. To be asked before the namespaces are entered, from which the link
+// cannot be read when the machine is a chroot; a bare one may have no /proc at all.
 fs::path own_directory() {
-  return fs::read_symlink("/proc/self/exe").parent_path();
+  std::error_code failure;
+  const fs::path link = fs::read_symlink("/proc/self/exe", failure);
+  if (!failure) return link.parent_path();
+  return fs::canonical(reinterpret_cast<const char *>(::getauxval(AT_EXECFN))).parent_path();
 }
 
 // The host's forms of the platform's programs stand beside this one and come before the machine's.
