@@ -60,7 +60,9 @@ class Restful : public test::Services {
     if ((request.type & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
       const std::string path = request.body.c_str();
       request.type &= ORP_MSG_TYPE_MASK;
-      request.body = test::contents(path);
+      request.body.resize(std::filesystem::file_size(path));
+      std::ifstream(path).read(request.body.data(),
+                               static_cast<std::streamsize>(request.body.size()));
       std::filesystem::remove(path);
     }
     return request;
