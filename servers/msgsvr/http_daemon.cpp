@@ -56,6 +56,8 @@ constexpr size_t kShortBody = 16384;
 constexpr int kLostAnswer = 4;
 constexpr MHD_UNSIGNED_LONG_LONG kNever_ms = 3600000;
 
+constexpr ptrdiff_t kMostArguments = 100;
+
 // Then the loop's other descriptors have their turn.
 constexpr int kMostRounds = 8;
 constexpr int kMostAccepted = 32;
@@ -135,7 +137,7 @@ struct HttpCallbacks {
 
   // The first call for a connection's next request. What it returned would never be seen again if
   // the library did not like the request, so it returns nothing.
-  static void *log_uri(void *, const char *uri, MHD_Connection *library) {
+  static void *log_uri(void *daemon, const char *uri, MHD_Connection *library) {
     Connection *connection = context_of(library);
     if (connection == nullptr) return nullptr;
     connection->stage = HttpDaemon::Stage::kReceiving;
@@ -147,6 +149,9 @@ struct HttpCallbacks {
       if (question != std::string_view::npos) connection->query = text.substr(question + 1);
     } catch (const std::bad_alloc &) {
       connection->out_of_memory = true;
+    }
+    if (std::ranges::count(connection->query, '&') > kMostArguments) {
+      static_cast<HttpDaemon *>(daemon)->refuse_uri(*connection);
     }
     return nullptr;
   }
@@ -319,6 +324,16 @@ void HttpDaemon::condemn(Connection &connection) {
   if (connection.exchange != nullptr && std::erase(waiting_, connection.exchange) > 0) {
     refuse_waiting(*connection.exchange);
   }
+}
+
+// The library takes a query apart, though nobody asks for the parts, and does not answer when they
+// do not fit its memory. Nothing else has been sent for this request yet.
+void HttpDaemon::refuse_uri(Connection &connection) {
+  constexpr std::string_view kTooLong =
+      "HTTP/1.1 414 URI Too Long\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+  [[maybe_unused]] const ssize_t sent =
+      ::send(connection.fd, kTooLong.data(), kTooLong.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  condemn(connection);
 }
 
 void HttpDaemon::run() {

@@ -107,6 +107,7 @@ class HttpDaemon {
   void sweep();
   bool make_room();
   void condemn(Connection &connection);
+  void refuse_uri(Connection &connection);
 
   int begin(Connection &connection, Exchange &exchange, const char *method, const char *path);
   int receive(Exchange &exchange, const char *upload, size_t *upload_size);
