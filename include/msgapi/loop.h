@@ -393,7 +393,8 @@ struct OrpUvMsg {
  * `pending`, with a timer of count 1 on UvMsgWatcherTimeout whose data is the entry. The entry
  * belongs to the watcher then: it is taken out of the list and its timer is ended before answerProc
  * is called, and it is freed when that returns. An entry outlives a watcher that is freed first and
- * is then timed out by its timer.
+ * is then timed out by its timer; without a timer, or with one that sleeps, it is freed with the
+ * watcher, without a call.
  */
 struct OrpUvMsgPending {
   OrpUvMsgPending *link;             /* null: the last one */
@@ -415,8 +416,8 @@ MSGAPI_EXPORT uint32_t OrpUvMsgInit(OrpUvLoop *loop, OrpUvMsg *watcher, int32_t 
                                     ORP_UV_MSG_PROC msgProc);
 /* OrpUvIoStart for reading. */
 MSGAPI_EXPORT uint32_t OrpUvMsgStart(OrpUvMsg *watcher);
-/* OrpUvIoDelete: closes the socket. Entries that are still pending are timed out by their timers.
- */
+/* OrpUvIoDelete: closes the socket. Entries that are still pending are timed out by their timers;
+ * those without a time-out end without a call. */
 MSGAPI_EXPORT uint32_t OrpUvMsgDelete(OrpUvMsg *watcher);
 
 /* The timer procedure of a pending entry, whose address is `entry`: takes it out of its watcher's

@@ -117,7 +117,9 @@ MSGAPI_EXPORT uint32_t OrpUvProcessSpawn(OrpUvLoop *loop, OrpUvProcess **process
  * Starts a child and returns when it has ended, running a loop of its own that is the default loop
  * meanwhile. Without redirects that loop turns without pause until the child has ended, and the
  * time-out plays no part. With redirects the call also ends after `timeoutMs` (0: never) without
- * any event; its pipes are closed then and the child is left running.
+ * any event; its pipes are closed then and the child is left running. A callback may run the
+ * default loop, which is the spawn's: that run ends at the latest when the child's exit is
+ * reported.
  *
  * Returns the child's exit code, 0 also after the time-out and when a signal other than 9 ended
  * it; ORP_ERR_TIMEOUT when signal 9 did; ORP_ERR_SPAWN_RUNNING inside another synchronous spawn;
@@ -136,10 +138,10 @@ typedef struct ORP_UV_WAIT_ST {
 } ORP_UV_WAIT_ST;
 
 /*
- * Reaps every child that has ended: process watchers of the default loop (and of the loop that a
- * synchronous spawn puts aside) learn of it, and reapProc is called. When the child record->pid is
- * among the others, its status is stored in `record` (may be null). Returns the last result of
- * waitpid(): 0 while children are running, else -1.
+ * Reaps every child that has ended: its process watcher learns of it, whatever its loop, and
+ * reapProc is called. When the child record->pid is among the others, its status is stored in
+ * `record` (may be null). Returns the last result of waitpid(): 0 while children are running, else
+ * -1.
  */
 MSGAPI_EXPORT int32_t OrpUvProcessWaitpid(ORP_UV_WAIT_ST *record);
 
@@ -148,21 +150,22 @@ MSGAPI_EXPORT void OrpUvProcessDeleteRedirectIo(OrpUvProcess *process, OrpUvIo *
 
 /*
  * Runs a command line without waiting for it, on the default loop: split into words as a shell
- * does (quotes and backslash, nothing is expanded, no shell is involved), cut to 511 characters,
- * without one trailing "&". If a system user has the program's name as it stands in the command,
- * the child runs with that user's id and groups; for "/bin/sh" the name is that of the script in
- * the first argument, without its directory and up to its first ".". Returns the child's pid, or
- * -1.
+ * does (quotes and backslash, nothing is expanded, no shell is involved), without one trailing "&".
+ * If a system user has the program's name as it stands in the command, the child runs with that
+ * user's id and groups; for "/bin/sh" the name is that of the script in the first argument, without
+ * its directory and up to its first ".". Where there is no such user it runs with this process's
+ * rights. Returns the child's pid, or -1: for a command line above 511 characters, an unknown
+ * program, and when the user cannot be looked up; nothing runs then.
  */
 MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissions(const char *command);
 
 /* Runs the null-terminated argument vector as the system user named args[0], if there is one, and
- * waits for it as ORP_UTIL_WaitForPidEx does, whose result it returns; -1 for a bad argument or an
- * unknown program, 0x10007 when the process cannot be made. */
+ * waits for it as ORP_UTIL_WaitForPidEx does, whose result it returns; -1 for a bad argument, an
+ * unknown program or when the user cannot be looked up, 0x10007 when the process cannot be made. */
 MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissionsMorePara(char *const *args, uint32_t timeoutMs,
                                                               uint32_t pollMs,
                                                               uint32_t killOnTimeout);
-/* The same for a command line, split as ORP_UTIL_ExecCmdWithPermissions does. */
+/* The same for a command line, which is split and bounded as by ORP_UTIL_ExecCmdWithPermissions. */
 MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissionsFullEx(const char *command, uint32_t timeoutMs,
                                                             uint32_t pollMs,
                                                             uint32_t killOnTimeout);
@@ -171,8 +174,8 @@ MSGAPI_EXPORT int32_t ORP_UTIL_ExecCmdWithPermissionsFullEx(const char *command,
  * Waits for the end of the child `pid`, looking every `pollMs` milliseconds (0: 10) and at every
  * SIGCHLD, for at most `timeoutMs` (0: without limit). Works beside the SIGCHLD handler: the status
  * is found whoever collected it, as long as it is among the last 64 of processes that have no
- * watcher or whose watcher went without reporting it. A process watcher of the child on the default
- * loop still reports its exit.
+ * watcher or whose watcher went without reporting it. A process watcher of the child still reports
+ * its exit.
  *
  * Returns the exit code, 128 + the number of the signal that ended the child, 0x10005 after the
  * time-out (with `killOnTimeout` non-zero the child has been killed and reaped then), or -1 when

@@ -73,10 +73,10 @@ MSGAPI_EXPORT void ORP_UTIL_SockBaseDestroy(ORP_UTIL_SOCKBASE_ST *sockBase);
 /* Kept for old callers: ORP_OK. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_SockBaseRegEvtProc(void);
 
-/* A wait for one response. The socket base's data word holds the record's address. */
+/* A wait for one response. The socket base's data word holds the record's address, and has to. */
 typedef struct ORP_UTIL_SOCK_RESP_ST {
-  ORP_UTIL_SOCKBASE_ST *sockBase; /* on the descriptor that is waited for */
-  OrpUvTimer *timer;              /* of the time-out; null without one */
+  ORP_UTIL_SOCKBASE_ST *sockBase; /* on the descriptor that is waited for; null once it was freed */
+  OrpUvTimer *timer;              /* of the time-out; null after that, or when it was freed */
   uint32_t timedOut;              /* 1 when the procedure is called because of the time-out */
   ORP_WORD userValue;             /* as it was given */
   ORP_WORD reserved;              /* 0 */
@@ -87,6 +87,9 @@ typedef struct ORP_UTIL_SOCK_RESP_ST {
  * event argument that means nothing; with 0 there is no time-out. The procedure is expected to end
  * the wait. The descriptor belongs to the wait. Returns null without memory; the descriptor stays
  * the caller's then.
+ *
+ * When the socket base is deleted in another way, or the loop destroyed, the procedure is not
+ * called any more, also not by the time-out. The record stays the caller's until it ends the wait.
  */
 MSGAPI_EXPORT ORP_UTIL_SOCK_RESP_ST *ORP_UTIL_SockbaseWaitSockRespAsync(
     int32_t fd, ORP_WORD ignored, uint32_t timeoutMs, ORP_WORD userValue,

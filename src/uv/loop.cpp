@@ -274,7 +274,7 @@ bool has_to_wait(const OrpUvLoop *loop) {
 }
 
 bool is_stopped(const OrpUvLoop *loop) {
-  return (loop->flags & ORP_UV_LOOP_STOP) != 0;
+  return (loop->flags & (ORP_UV_LOOP_STOP | kLoopEnded)) != 0;
 }
 
 }  // namespace

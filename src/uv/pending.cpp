@@ -59,7 +59,13 @@ void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST
 }
 
 void orphan_pending(OrpUvMsg *watcher) {
-  while (watcher->pending != nullptr) list_unlink_at(&watcher->pending)->watcher = nullptr;
+  while (watcher->pending != nullptr) {
+    OrpUvMsgPending *entry = list_unlink_at(&watcher->pending);
+    entry->watcher = nullptr;
+    if (entry->timer != nullptr && entry->timer->interval != 0) continue;
+    end_timer(entry->timer);
+    std::free(entry);
+  }
 }
 
 void forget_pending_timer(OrpUvTimer *timer, bool loop_gone) {
@@ -67,7 +73,7 @@ void forget_pending_timer(OrpUvTimer *timer, bool loop_gone) {
 
   auto *entry = reinterpret_cast<OrpUvMsgPending *>(timer->head.data);
   entry->timer = nullptr;
-  if (!loop_gone) return;
+  if (!loop_gone && entry->watcher != nullptr) return;
   if (entry->watcher != nullptr) list_unlink(entry->watcher->pending, entry);
   std::free(entry);
 }

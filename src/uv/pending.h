@@ -13,11 +13,12 @@ namespace msgapi::uv {
 // Ends the entry with `message`, or by time-out with null.
 void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message);
 
-// The watcher is about to be freed: its entries are left to their timers.
+// The watcher is about to be freed: its entries are left to their timers, and those without a
+// time-out (no timer, or one that sleeps) are freed without a call.
 void orphan_pending(OrpUvMsg *watcher);
 
-// The timer is about to be freed: an entry that waits for it goes on without a time-out or, with
-// its loop gone, is freed without a call.
+// The timer is about to be freed: the entry that waits for it goes on without a time-out or, with
+// its watcher or its loop gone, is freed without a call.
 void forget_pending_timer(OrpUvTimer *timer, bool loop_gone);
 
 }  // namespace msgapi::uv

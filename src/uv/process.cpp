@@ -100,6 +100,19 @@ Status make_redirects(OrpUvProcess *process, const OrpUvSpawnOptions &options, C
 
 // ---- Reporting the exit ----
 
+// The private loop of a synchronous spawn, and what its exit procedure needs.
+struct SyncSpawn {
+  OrpUvLoop loop;  // first: the process watcher leads here
+  ORP_UV_EXIT_PROC user_exit;
+  uint32_t result;
+};
+
+void sync_exit(OrpUvProcess *process, int32_t pid, uint32_t exit_code, uint32_t term_signal) {
+  auto *sync = reinterpret_cast<SyncSpawn *>(process->head.loop);
+  sync->result = term_signal == SIGKILL ? code(Status::kTimeout) : exit_code;
+  if (sync->user_exit != nullptr) sync->user_exit(process, pid, exit_code, term_signal);
+}
+
 void drain(OrpUvProcess *process, int target) {
   // A pipe that its procedure removed in its own way, with OrpUvIoDelete, is gone as well.
   while (OrpUvIo *redirect = process->redirects[target]) {
@@ -131,6 +144,8 @@ void report_exit(OrpUvProcess *process) {
     process->exited = 0;
   }
 
+  // A run that a callback of the report begins would wait for what the report has already taken.
+  if (process->exitProc == sync_exit) process->head.loop->flags |= kLoopEnded;
   drain(process, STDOUT_FILENO);
   drain(process, STDERR_FILENO);
   delete_redirects(process);
@@ -158,23 +173,13 @@ void report_exits(OrpUvLoop *loop) {
   }
 }
 
-void adopt_statuses(OrpUvLoop *loop) {
-  for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
-    if (has_type(watcher, ORP_UV_PROCESS)) adopt_status(as<OrpUvProcess>(watcher));
-  }
-}
-
 // The reaper of a loop, an idle procedure.
 void reap_and_report(OrpUvIdle *reaper) {
   OrpUvLoop *loop = reaper->head.loop;
   (void)reap_children(nullptr);
   g_child_reaped = 0;
   report_exits(default_loop());
-  // Statuses are recorded for watchers of the default loops only; others fetch theirs.
-  if (loop != default_loop()) {
-    adopt_statuses(loop);
-    report_exits(loop);
-  }
+  if (loop != default_loop()) report_exits(loop);
 }
 
 bool ensure_reaper(OrpUvLoop *loop) {
@@ -202,17 +207,17 @@ void join_arguments(char *const *args, char *name, size_t room) {
   }
 }
 
-OrpUvProcess *make_watcher(const OrpUvSpawnOptions &options) {
+SpawnedProcess *make_watcher(const OrpUvSpawnOptions &options) {
   uint64_t name_size = 3;
   for (char *const *arg = options.args; *arg != nullptr; ++arg) name_size += std::strlen(*arg) + 1;
   void *name = nullptr;
-  auto *process =
-      static_cast<OrpUvProcess *>(plain_zalloc_with_tail(sizeof(OrpUvProcess), name_size, &name));
-  if (process == nullptr) return nullptr;
+  auto *spawned = static_cast<SpawnedProcess *>(
+      plain_zalloc_with_tail(sizeof(SpawnedProcess), name_size, &name));
+  if (spawned == nullptr) return nullptr;
 
-  process->name = static_cast<char *>(name);
-  join_arguments(options.args, process->name, static_cast<size_t>(name_size));
-  return process;
+  spawned->process.name = static_cast<char *>(name);
+  join_arguments(options.args, spawned->process.name, static_cast<size_t>(name_size));
+  return spawned;
 }
 
 // Everything of a spawn that fails with kSystem.
@@ -239,20 +244,6 @@ Status start_child(OrpUvProcess *process, const OrpUvSpawnOptions &options,
 }
 
 // ---- Synchronous spawn ----
-
-// The private loop of a synchronous spawn, and what its exit procedure needs.
-struct SyncSpawn {
-  OrpUvLoop loop;  // first: the process watcher leads here
-  ORP_UV_EXIT_PROC user_exit;
-  uint32_t result;
-};
-
-void sync_exit(OrpUvProcess *process, int32_t pid, uint32_t exit_code, uint32_t term_signal) {
-  auto *sync = reinterpret_cast<SyncSpawn *>(process->head.loop);
-  sync->result = term_signal == SIGKILL ? code(Status::kTimeout) : exit_code;
-  if (sync->user_exit != nullptr) sync->user_exit(process, pid, exit_code, term_signal);
-  sync->loop.flags |= ORP_UV_LOOP_STOP;
-}
 
 // Takes down what the run has left: after a time-out the child may go on, its pipes do not.
 void end_sync(SyncSpawn *sync) {
@@ -294,8 +285,9 @@ Status spawn(OrpUvLoop *loop, OrpUvProcess **process_out, const OrpUvSpawnOption
     return Status::kBadArgument;
   }
 
-  OrpUvProcess *process = make_watcher(*options);
-  if (process == nullptr) return Status::kNoMemory;
+  SpawnedProcess *spawned = make_watcher(*options);
+  if (spawned == nullptr) return Status::kNoMemory;
+  OrpUvProcess *process = &spawned->process;
   process->pid = -1;
   (void)init_watcher(loop, &process->head, ORP_UV_PROCESS);
   process->head.status |= kSpawned;
@@ -304,6 +296,7 @@ Status spawn(OrpUvLoop *loop, OrpUvProcess **process_out, const OrpUvSpawnOption
   process->reapProc = options->reapProc;
   process->outputProc = options->outputProc;
   process->stdinProc = options->stdinProc;
+  enlist(spawned);
   const Status status = start_child(process, *options, process_out);
   if (status != Status::kOk) (void)delete_watcher(&process->head);
   return status;

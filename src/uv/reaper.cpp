@@ -22,6 +22,9 @@ constexpr uint32_t kKnownStatuses = 64;
 KnownStatus g_known[kKnownStatuses];
 uint32_t g_next_known;
 
+// All process watchers that spawns have made. Changed with SIGCHLD blocked.
+SpawnedProcess *g_spawned;
+
 // The thread that runs the loops: the handler acts on it alone.
 pid_t g_owner;
 
@@ -50,20 +53,28 @@ bool take_known(pid_t pid, int *status) {
   return true;
 }
 
-// The watcher of a child that runs or of one that has been reaped: a number may be in use again
-// before the exit of its last owner has been reported. Deleted watchers get no status any more, but
-// keep theirs until they are freed.
+// Whether this is the watcher of the child that runs or, with `exited`, of the one that was reaped:
+// a number may be in use again before the exit of its last owner has been reported. Deleted
+// watchers get no status any more, but keep theirs until they are freed.
+bool is_of_child(const OrpUvProcess *process, pid_t pid, bool exited) {
+  return process->pid == pid && (process->exited != 0) == exited &&
+         (exited || !is_deleted(&process->head));
+}
+
 OrpUvProcess *find_process(const OrpUvLoop *loop, pid_t pid, bool exited) {
   for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
-    if (!has_type(watcher, ORP_UV_PROCESS) || (is_deleted(watcher) && !exited)) continue;
-    auto *process = as<OrpUvProcess>(watcher);
-    if (process->pid == pid && (process->exited != 0) == exited) return process;
+    if (!has_type(watcher, ORP_UV_PROCESS)) continue;
+    if (is_of_child(as<OrpUvProcess>(watcher), pid, exited)) return as<OrpUvProcess>(watcher);
   }
   return nullptr;
 }
 
-// A synchronous spawn puts the process's own default loop aside, but not its children.
 OrpUvProcess *find_process(pid_t pid, bool exited) {
+  for (SpawnedProcess *spawned = g_spawned; spawned != nullptr; spawned = spawned->link) {
+    if (is_of_child(&spawned->process, pid, exited)) return &spawned->process;
+  }
+  // Watchers that the application has made in records of its own. A synchronous spawn puts the
+  // process's own default loop aside, but not its children.
   const OrpUvLoop *override_loop = default_loop_override();
   OrpUvProcess *found = nullptr;
   if (override_loop != nullptr) found = find_process(override_loop, pid, exited);
@@ -154,17 +165,21 @@ void forget_status(pid_t pid) {
   (void)take_known(pid, &unused);
 }
 
-void leave_status(const OrpUvProcess *process) {
-  if (process->exited == 0 || find_known(process->pid) != nullptr) return;
-  remember(process->pid, process->waitStatus);
+void enlist(SpawnedProcess *spawned) {
+  const ChildSignalBlock block;
+  spawned->link = g_spawned;
+  g_spawned = spawned;
 }
 
-void adopt_status(OrpUvProcess *process) {
-  const ChildSignalBlock block;
-  int status;
-  if (process->pid > 0 && process->exited == 0 && take_known(process->pid, &status)) {
-    record_in_watcher(process, status);
+void delist(SpawnedProcess *spawned) {
+  const OrpUvProcess &process = spawned->process;
+  if (process.exited != 0 && find_known(process.pid) == nullptr) {
+    remember(process.pid, process.waitStatus);
   }
+
+  SpawnedProcess **place = &g_spawned;
+  while (*place != nullptr && *place != spawned) place = &(*place)->link;
+  if (*place != nullptr) *place = spawned->link;
 }
 
 }  // namespace msgapi::uv

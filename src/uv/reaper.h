@@ -1,7 +1,7 @@
 // Reaping children: the SIGCHLD handler, and who learns of an exit status.
 //
-// A status is recorded in the child's process watcher or, for children without one, in a table of
-// the last 64. Both happen in the handler as well as on the loop's thread.
+// A status is recorded in the child's process watcher, whatever its loop, or, for children without
+// one, in a table of the last 64. Both happen in the handler as well as on the loop's thread.
 #pragma once
 
 #include <sys/types.h>
@@ -33,10 +33,17 @@ ChildState look_at_child(pid_t pid, int *status);
 // an earlier one is void.
 void forget_status(pid_t pid);
 
-// A watcher goes, with SIGCHLD blocked: a status that it has not reported stays known.
-void leave_status(const OrpUvProcess *process);
+// A process watcher that a spawn has made. The handler finds those in a list of their own: it knows
+// no loops but the default ones. Nothing else sees the link behind the public record.
+struct SpawnedProcess {
+  OrpUvProcess process;
+  SpawnedProcess *link;
+};
 
-// Gives the watcher the status that the table holds for its child, if it does.
-void adopt_status(OrpUvProcess *process);
+// From now on the watcher gets the status of the child whose number it holds.
+void enlist(SpawnedProcess *spawned);
+
+// The watcher goes, with SIGCHLD blocked: a status that it has not reported stays known.
+void delist(SpawnedProcess *spawned);
 
 }  // namespace msgapi::uv

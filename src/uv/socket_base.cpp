@@ -1,12 +1,14 @@
 // Socket bases: the descriptor-oriented face of I/O watchers on the default loop.
 
+#include "uv/socket_base.h"
+
 #include "base/memory.h"
 #include "base/status.h"
-#include "msgapi/sockbase.h"
 #include "uv/default_loop.h"
 #include "uv/io.h"
 #include "uv/loop.h"
 #include "uv/timer.h"
+#include "uv/watcher.h"
 
 namespace msgapi::uv {
 namespace {
@@ -68,12 +70,32 @@ void delete_socket_base(ORP_UTIL_SOCKBASE_ST *sock_base) {
   (void)delete_io(&sock_base->io);
 }
 
+// Cuts the connection from both sides.
+void disconnect_timer(ORP_UTIL_SOCK_RESP_ST *response) {
+  end_timer(response->timer);
+  response->timer = nullptr;
+}
+
+void disconnect_socket_base(ORP_UTIL_SOCK_RESP_ST *response) {
+  if (response->sockBase != nullptr) response->sockBase->io.head.status &= ~kResponseWait;
+  response->sockBase = nullptr;
+}
+
 void response_timed_out(ORP_WORD data) {
   auto *response = reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(data);
+  disconnect_timer(response);
   response->timedOut = 1;
-  response->timer = nullptr;
+  ORP_UTIL_SOCKBASE_ST *sock_base = response->sockBase;
+  if (sock_base == nullptr || is_deleted(&sock_base->io.head)) return;
   // The procedure tells a time-out by timedOut; the event means nothing.
-  if (response->sockBase != nullptr) call_procedure(&response->sockBase->io, 0);
+  call_procedure(&sock_base->io, 0);
+}
+
+// Undoes a registration; the descriptor stays the caller's.
+void give_back(ORP_UTIL_SOCKBASE_ST *sock_base) {
+  (void)stop_io(&sock_base->io, kAllEvents);
+  sock_base->io.fd = -1;
+  (void)delete_watcher(&sock_base->io.head);
 }
 
 ORP_UTIL_SOCK_RESP_ST *wait_for_response(int fd, uint32_t timeout_ms, ORP_WORD user_value,
@@ -82,17 +104,38 @@ ORP_UTIL_SOCK_RESP_ST *wait_for_response(int fd, uint32_t timeout_ms, ORP_WORD u
   if (!created) return nullptr;
   const auto data = reinterpret_cast<ORP_WORD>(created.get());
   created->userValue = user_value;
-  created->timer = OrpUtilTimerAdd(timeout_ms, 1, response_timed_out, data);
-  if (created->timer == nullptr) return nullptr;
   created->sockBase = register_socket(fd, proc, ORP_UTIL_SOCKBASE_READ, data);
-  if (created->sockBase == nullptr) {
-    end_timer(created->timer);
+  if (created->sockBase == nullptr) return nullptr;
+  created->timer = OrpUtilTimerAdd(timeout_ms, 1, response_timed_out, data);
+  if (created->timer == nullptr) {
+    give_back(created->sockBase);
     return nullptr;
   }
+  created->sockBase->io.head.status |= kResponseWait;
   return created.release();
 }
 
+void end_response(ORP_UTIL_SOCK_RESP_ST *response) {
+  ORP_UTIL_SOCKBASE_ST *sock_base = response->sockBase;
+  disconnect_timer(response);
+  disconnect_socket_base(response);
+  delete_socket_base(sock_base);
+  std::free(response);
+}
+
 }  // namespace
+
+void leave_response(OrpUvIo *sock_base) {
+  if ((sock_base->head.status & kResponseWait) == 0) return;
+  disconnect_socket_base(reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(sock_base->head.data));
+}
+
+// A timer that has been ended has left its wait.
+void leave_response(OrpUvTimer *timer) {
+  if (timer->callback != response_timed_out) return;
+  reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(timer->head.data)->timer = nullptr;
+}
+
 }  // namespace msgapi::uv
 
 using namespace msgapi;
@@ -166,9 +209,5 @@ extern "C" ORP_UTIL_SOCK_RESP_ST *ORP_UTIL_SockbaseWaitSockRespAsync(int32_t fd,
 }
 
 extern "C" void ORP_UTIL_SocketbaseAsyncEvtDestroy(ORP_UTIL_SOCK_RESP_ST *response) {
-  if (response == nullptr) return;
-
-  end_timer(response->timer);
-  delete_socket_base(response->sockBase);
-  std::free(response);
+  if (response != nullptr) end_response(response);
 }

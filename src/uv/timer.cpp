@@ -110,7 +110,6 @@ Status start_timer(OrpUvTimer *timer, uint32_t interval_ms, uint32_t count, ORP_
   timer->count = count;
   timer->callback = callback;
   timer->head.data = data;
-  if (callback == UvMsgWatcherTimeout) timer->head.status |= kPendingTimer;
   if (interval_ms != 0) expire_in(timer, interval_ms);
   return start_watcher(&timer->head);
 }

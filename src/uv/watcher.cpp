@@ -7,6 +7,7 @@
 #include "uv/pending.h"
 #include "uv/reaper.h"
 #include "uv/redirect.h"
+#include "uv/socket_base.h"
 #include "uv/trace_point.h"
 
 namespace msgapi::uv {
@@ -37,9 +38,13 @@ void release_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, bool loop_gone) {
   if (has_type(watcher, ORP_UV_REDIRECT)) disconnect(as<OrpUvIo>(watcher));
   if (has_type(watcher, kSpawned)) {
     disconnect_all(as<OrpUvProcess>(watcher));
-    leave_status(as<OrpUvProcess>(watcher));
+    delist(as<SpawnedProcess>(watcher));
   }
-  if (has_type(watcher, kPendingTimer)) forget_pending_timer(as<OrpUvTimer>(watcher), loop_gone);
+  if (has_type(watcher, ORP_UV_SOCKBASE)) leave_response(as<OrpUvIo>(watcher));
+  if (has_type(watcher, ORP_UV_TIMER)) {
+    forget_pending_timer(as<OrpUvTimer>(watcher), loop_gone);
+    leave_response(as<OrpUvTimer>(watcher));
+  }
 
   OrpUvIdle *idle = as<OrpUvIdle>(watcher);
   if (loop->reaper == idle) loop->reaper = nullptr;

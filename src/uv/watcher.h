@@ -18,16 +18,17 @@ struct OrpUvForced {
 namespace msgapi::uv {
 
 // Bits of OrpUvLoop.flags that only the library knows.
-constexpr uint32_t kLoopHasDeleted = 0x100;   // a watcher may be waiting to be freed
-constexpr uint32_t kLoopFilterSets = 0x200;   // sets may hold descriptors not to be waited for
+constexpr uint32_t kLoopHasDeleted = 0x100;  // a watcher may be waiting to be freed
+constexpr uint32_t kLoopFilterSets = 0x200;  // sets may hold descriptors not to be waited for
+constexpr uint32_t kLoopEnded = 0x400;  // what the loop was run for has happened: no run goes on
 constexpr uint32_t kWalkDepthUnit = 0x10000;  // the upper half counts walks under way
 
 // Bits of OrpUvWatcher.status that only the library knows.
-constexpr uint32_t kEndOfStream = 0x10000;   // the descriptor has reached the end of its stream
-constexpr uint32_t kFiring = 0x20000;        // the timer's procedure runs and has not armed it
-constexpr uint32_t kPendingTimer = 0x40000;  // the timer ends a pending entry of a message watcher
-constexpr uint32_t kSpawned = 0x80000;       // the process watcher was made by a spawn
-constexpr uint32_t kHeldUnit = 0x400000;     // the upper bits count who holds the watcher
+constexpr uint32_t kEndOfStream = 0x10000;    // the descriptor has reached the end of its stream
+constexpr uint32_t kFiring = 0x20000;         // the timer's procedure runs and has not armed it
+constexpr uint32_t kSpawned = 0x80000;        // the process watcher was made by a spawn
+constexpr uint32_t kResponseWait = 0x100000;  // the socket base's data word is a response wait
+constexpr uint32_t kHeldUnit = 0x400000;      // the upper bits count who holds the watcher
 constexpr uint32_t kPublicStatus = 0xffff;
 
 constexpr uint32_t kWalkDepthMask = ~(kWalkDepthUnit - 1);

@@ -272,6 +272,23 @@ TEST_F(MessageWatcherTest, RequestOutlivesItsWatcherUntilItsTimerEndsIt) {
   EXPECT_THAT(calls, ElementsAre("answer1", "timeout2"));
 }
 
+TEST_F(MessageWatcherTest, RequestWithoutATimeOutGoesWithItsWatcherOrItsTimer) {
+  OrpUvMsg *watcher = receive_from(socket());
+  expect_answer(watcher, 1, 1, 0);
+  expect_answer(watcher, 1, 2, 60000);
+  expect_answer(watcher, 1, 3, 60000);
+  OrpUvMsgPending *sleeping = watcher->pending->link, *timer_freed = sleeping->link;
+  OrpUtilTimerChgPeriod(sleeping->timer, 0);
+  OrpUvMsgDelete(watcher);
+  turn(&loop_);
+  OrpUvTimerDelete(timer_freed->timer);
+  turn(OrpUvLoopGetDefault());
+  turn(OrpUvLoopGetDefault());
+
+  EXPECT_EQ(nullptr, OrpUvLoopGetDefault()->watchers);
+  EXPECT_THAT(calls, IsEmpty()) << "the leak checker tells the rest";
+}
+
 TEST_F(MessageWatcherTest, DestroyedLoopsLeaveNoRequestBehind) {
   OrpUvLoop *loops[] = {&loop_, OrpUvLoopGetDefault()};
   for (const int first : {0, 1}) {

@@ -4,14 +4,12 @@
 #include <grp.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "base/memory.h"
 #include "support/fd_check.h"
+#include "support/file.h"
 #include "support/soak.h"
 #include "uv/process_fixture.h"
 
@@ -20,12 +18,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
-
-std::string content(const char *path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 TEST_F(ProcessTest, ReportsExitCodesAndSignals) {
   static std::atomic<uint32_t> reaped[3];  // written by the signal handler
@@ -132,7 +124,7 @@ TEST_F(ProcessTest, ClosesInheritedDescriptorsUpToTheLoopsHighest) {
   const auto kept = [&] {
     spawn(command);
     run_to_end();
-    return content("/var/open");
+    return test::contents("/var/open");
   };
 
   EXPECT_EQ("60\n", kept()) << "without descriptors in the loop: up to 50";
@@ -160,70 +152,6 @@ TEST_F(ProcessTest, RunsAsAnotherUserWithItsGroups) {
   Command effective({"/bin/grep", "Uid", "/proc/self/status"});
   effective.options.uid = 1;
   EXPECT_EQ("Uid:\t0\t1\t1\t1\n", printed(effective, ORP_UV_SPAWN_SETEUID));
-}
-
-TEST_F(ProcessTest, CommandsRunAsTheUserOfTheirName) {
-  if (::setgroups(0, nullptr) != 0) GTEST_SKIP() << "not allowed to change groups here";
-  std::filesystem::create_directory("/var/t");
-  ::chmod("/var/t", 0777);
-  std::filesystem::copy_file("/bin/sh", "/var/t/games");  // the user with id 5
-  ::setenv("PATH", "/var/t:/usr/bin:/bin", 1);
-  std::ofstream("/var/t/games.v2.sh") << "id -u > /var/t/id\n";
-  const auto user = [](int32_t exit_code, int32_t expected) {
-    EXPECT_EQ(expected, exit_code);
-    return content("/var/t/id");
-  };
-  const auto start = [](const char *command) {
-    return ORP_UTIL_WaitForPidEx(ORP_UTIL_ExecCmdWithPermissions(command), 0, 0, 0);
-  };
-  const auto run = [](const char *command) {
-    return ORP_UTIL_ExecCmdWithPermissionsFullEx(command, 0, 0, 0);
-  };
-
-  EXPECT_EQ("5\n", user(start("games -c 'id -u > /var/t/id; exit 7'&"), 7));
-  EXPECT_EQ("0\n", user(run("/bin/sh -c 'id -u > /var/t/id; exit 7'&"), 7));
-  EXPECT_EQ("5\n", user(start("/bin/sh /var/t/games.v2.sh"), 0));
-  EXPECT_EQ("0\n", user(run("/bin/sh /var/t/games.v2.sh"), 0)) << "here the script is no user";
-  EXPECT_EQ("5\n", user(run("games -c \"id -u > /var/t/id\""), 0));
-  for (const char *bad : {"", "&", "'unfinished", "no-such-program", "/bin/sh .no-name"}) {
-    EXPECT_EQ(-1, ORP_UTIL_ExecCmdWithPermissions(bad)) << bad;
-  }
-  EXPECT_EQ(-1, run("no-such-program"));
-  run_default_once();
-}
-
-TEST_F(ProcessTest, WaitForPidFindsTheStatusWhoeverCollectedIt) {
-  const auto child_that = [](const std::function<void()> &act) {
-    const pid_t child = ::fork();
-    if (child == 0) act();
-    return child;
-  };
-
-  // Without a handler.
-  pid_t child = child_that([] { ::_exit(5); });
-  EXPECT_EQ(5, ORP_UTIL_WaitForPidEx(child, 0, 1, 0));
-  EXPECT_EQ(-1, ORP_UTIL_WaitForPidEx(child, 0, 1, 0)) << "collected once";
-  ORP_UV_WAIT_ST record = {child_that([] { ::_exit(9); }), -1};
-  while (OrpUvProcessWaitpid(&record) == 0) continue;
-  EXPECT_EQ(9, WEXITSTATUS(record.status));
-  EXPECT_EQ(9, ORP_UTIL_WaitForPidEx(record.pid, 0, 0, 0)) << "remembered";
-
-  // Beside the handler, which reaps everything.
-  Command command = Command::shell("exit 6");
-  EXPECT_EQ(6, ORP_UTIL_WaitForPidEx(spawn(command)->pid, 0, 0, 0));
-  child = child_that([] { ::raise(SIGTERM); });
-  EXPECT_EQ(128 + SIGTERM, ORP_UTIL_WaitForPidEx(child, 0, 0, 0));
-  run_to_end();
-  EXPECT_THAT(calls, ElementsAre("0: exit 6 signal 0")) << "the watcher learns of it, too";
-
-  child = child_that([] {
-    for (;;) ::pause();
-  });
-  EXPECT_EQ(0x10005, ORP_UTIL_WaitForPidEx(child, 5, 1, 0));
-  EXPECT_EQ(0, ::kill(child, 0));
-  EXPECT_EQ(0x10005, ORP_UTIL_WaitForPidEx(child, 5, 1, 1));
-  EXPECT_EQ(-1, ::kill(child, 0)) << "killed and reaped";
-  for (const int32_t bad : {0, -1, 1}) EXPECT_EQ(-1, ORP_UTIL_WaitForPidEx(bad, 0, 0, 0));
 }
 
 TEST_F(ProcessTest, DeletedWatcherReportsNothingButTheStatusStaysKnownAndThePipeCloses) {
@@ -258,6 +186,28 @@ TEST_F(ProcessTest, AnotherLoopReportsItsChildrenAndTheHandlerKeepsErrno) {
   errno = 77;
   ::raise(SIGCHLD);  // no child is left: the handler's waitpid() fails
   EXPECT_EQ(77, errno);
+}
+
+TEST_F(ProcessTest, AnotherLoopReportsAllThatEndedBeforeItRan) {
+  constexpr uint32_t kChildren = 100;
+  Command command = Command::shell("exit 4");
+  command.options.exitProc = [](OrpUvProcess *process, int32_t, uint32_t code, uint32_t) {
+    EXPECT_EQ(4u, code);
+    if (--left == 0) OrpUvLoopStop(process->head.loop);
+  };
+  left = kChildren;
+  int32_t pid = 0;
+  for (uint32_t n = 0; n < kChildren; ++n) {
+    OrpUvProcess *process = nullptr;
+    ASSERT_EQ(ORP_OK, OrpUvProcessSpawn(&loop_, &process, &command.options));
+    pid = process->pid;
+  }
+  while (OrpUvProcessWaitpid(nullptr) == 0) ::usleep(1000);
+  EXPECT_EQ(4, ORP_UTIL_WaitForPidEx(pid, 0, 0, 0)) << "that tells the watcher's status as well";
+
+  EXPECT_EQ(ORP_OK, run(1000));
+
+  EXPECT_EQ(0u, left);
 }
 
 TEST_F(ProcessTest, SignalThatReachesAnotherThreadIsHandledByTheLoops) {
@@ -323,6 +273,20 @@ TEST_F(SyncSpawnTest, ReturnsTheExitCode) {
   EXPECT_EQ(ORP_ERR_ARGUMENT, OrpUvProcessSpawnSync(nullptr, 0));
   fail_allocation(1);
   EXPECT_EQ(ORP_ERR_MEMORY, OrpUvProcessSpawnSync(&exits.options, 0));
+}
+
+TEST_F(SyncSpawnTest, EndsAlsoWhenACallbackRunsTheLoopThatReportsTheChild) {
+  Command command = Command::shell("echo text; exit 42");
+  command.options.outputProc = [](OrpUvProcess *process, OrpUvIo *io, uint32_t which) {
+    record_output(process, io, which);
+    if (calls.empty()) ORP_UV_LoopRun(nullptr, 0);
+  };
+  command.options.exitProc = [](OrpUvProcess *, int32_t, uint32_t, uint32_t) { recorded("exit"); };
+  command.options.flags = ORP_UV_SPAWN_STDOUT;
+
+  EXPECT_EQ(42u, OrpUvProcessSpawnSync(&command.options, 0));
+
+  EXPECT_THAT(calls, ElementsAre("exit"));
 }
 
 TEST_F(SyncSpawnTest, TimeOutLeavesTheChildButNotItsPipes) {

@@ -107,6 +107,66 @@ TEST_F(SocketBaseTest, ResponseWaitEndsByResponseOrTimeOut) {
   EXPECT_EQ(4u, calls.size()) << "neither the timer nor the socket calls again";
 }
 
+TEST_F(SocketBaseTest, ResponseWaitOutlivesItsSocketBaseHoweverThatGoes) {
+  enum Way {
+    kByDescriptor,
+    kInItsProcedure,
+    kAsIoWatcher,
+    kWithTheLoop,
+    kWithTheLoopInItsProcedure
+  };
+  OrpUvLoop *loop = OrpUvLoopGetDefault();
+  for (const Way way :
+       {kByDescriptor, kInItsProcedure, kAsIoWatcher, kWithTheLoop, kWithTheLoopInItsProcedure}) {
+    calls.clear();
+    on_event = [&](ORP_UTIL_SOCKBASE_ST *self) {
+      if (way == kInItsProcedure) ORP_UTIL_SocketBaseDelete(self);
+      if (way == kWithTheLoopInItsProcedure) ORP_UV_LoopDestroy(loop);
+      OrpUvLoopStop(loop);
+    };
+    const bool in_procedure = way == kInItsProcedure || way == kWithTheLoopInItsProcedure;
+    ORP_UTIL_SOCK_RESP_ST *wait = ORP_UTIL_SockbaseWaitSockRespAsync(
+        in_procedure ? readable_socket() : socket(), 0, 5, 7, event);
+    if (way == kByDescriptor) ORP_UTIL_SockBaseDeleteNew(wait->sockBase->io.fd);
+    if (way == kAsIoWatcher) OrpUvIoDelete(&wait->sockBase->io);
+    if (way == kWithTheLoop) ORP_UV_LoopDestroy(loop);
+    if (in_procedure) ORP_UTIL_SockBaseStart(0);
+    turn(loop);
+    EXPECT_EQ(nullptr, wait->sockBase) << way;
+
+    if (wait->timer != nullptr) wait->timer->expirySec = 1;
+    turn(loop);
+    EXPECT_EQ(in_procedure ? 1u : 0u, calls.size()) << way << ": the time-out calls nobody";
+    EXPECT_EQ(nullptr, wait->timer) << way;
+    ORP_UTIL_SocketbaseAsyncEvtDestroy(wait);
+    turn(loop);
+  }
+}
+
+TEST_F(SocketBaseTest, ResponseWaitThatTimesOutMayEndInAnyWay) {
+  on_event = [&](ORP_UTIL_SOCKBASE_ST *self) {
+    auto *response = reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(self->io.head.data);
+    EXPECT_EQ(1u, response->timedOut);
+    ORP_UTIL_SocketBaseDelete(self);
+    ORP_UTIL_SocketbaseAsyncEvtDestroy(response);
+    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+    OrpUvLoopStop(OrpUvLoopGetDefault());
+  };
+  ASSERT_NE(nullptr, ORP_UTIL_SockbaseWaitSockRespAsync(socket(), 0, 5, 7, event));
+
+  EXPECT_EQ(ORP_OK, ORP_UTIL_SockBaseStart(0));
+
+  EXPECT_EQ(1u, calls.size());
+}
+
+TEST_F(SocketBaseTest, ResponseWaitMakesItsSocketBaseBeforeItsTimer) {
+  ORP_UTIL_SOCK_RESP_ST *wait = ORP_UTIL_SockbaseWaitSockRespAsync(socket(), 0, 0, 7, event);
+
+  EXPECT_EQ(&wait->sockBase->io.head, OrpUvLoopGetDefault()->watchers);
+  EXPECT_EQ(&wait->timer->head, wait->sockBase->io.head.link);
+  ORP_UTIL_SocketbaseAsyncEvtDestroy(wait);
+}
+
 TEST_F(SocketBaseTest, WithoutMemoryTheDescriptorStaysTheCallers) {
   const int fd = socket();
 
