@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -29,12 +30,13 @@ constexpr size_t kAppNameSize = 256;
 constexpr size_t kUserBuffer = 1 << 14;
 constexpr uint32_t kDefaultPoll_ms = 10;
 
-// The words of a command line.
+// The words of a command line. There are none when it is too long: a command that was cut is
+// another command.
 class CommandWords {
  public:
   explicit CommandWords(const char *command) {
     char text[kCommandSize];
-    copy_cut(text, command);
+    if (!copy_exact(text, command)) return;
     const size_t length = std::strlen(text);
     if (length > 0 && text[length - 1] == '&') text[length - 1] = '\0';
     if (ORP_UTIL_ParseArgsEx(text, &args_, &count_, &symbols_) != 0) args_ = nullptr;
@@ -53,17 +55,24 @@ class CommandWords {
   void *symbols_ = nullptr;
 };
 
-// Makes the options run as the system user `name`, if there is one.
-void use_user(const char *name, OrpUvSpawnOptions *options) {
+// Makes the options run as the system user `name`. Only where the look-up tells that there is no
+// such user are they left alone: after a failure nobody knows whose rights the command should have.
+Status use_user(const char *name, OrpUvSpawnOptions *options) {
   const Owned<char> buffer(static_cast<char *>(plain_alloc(kUserBuffer)));
-  if (!buffer) return;
+  if (!buffer) return Status::kNoMemory;
   passwd record;
   passwd *user = nullptr;
-  ::getpwnam_r(name, &record, buffer.get(), kUserBuffer, &user);
-  if (user == nullptr) return;
+  int result;
+  do {
+    result = ::getpwnam_r(name, &record, buffer.get(), kUserBuffer, &user);
+  } while (result == EINTR);
+  if (result != 0) return Status::kSystem;
+  if (user == nullptr) return Status::kOk;
+
   options->flags |= ORP_UV_SPAWN_SETUID | ORP_UV_SPAWN_SETGID;
   options->uid = user->pw_uid;
   options->gid = user->pw_gid;
+  return Status::kOk;
 }
 
 // The application that an argument vector starts: for a shell script the script's name up to its
@@ -88,7 +97,7 @@ int32_t run_as_its_user(char *const *args) {
   OrpUvSpawnOptions options = {};
   options.file = path;
   options.args = args;
-  use_user(app_name, &options);
+  if (use_user(app_name, &options) != Status::kOk) return -1;
   OrpUvProcess *process;
   return spawn(nullptr, &process, &options) == Status::kOk ? process->pid : -1;
 }
@@ -161,7 +170,7 @@ int32_t run_and_wait(char *const *args, uint32_t timeout_ms, uint32_t poll_ms,
   options.file = path;
   options.args = args;
   // By the program's name as it stands, on purpose: a shell's script plays no part here.
-  use_user(args[0], &options);
+  if (use_user(args[0], &options) != Status::kOk) return -1;
   Child child(options);
   int32_t pid;
   if (child.prepare() != Status::kOk || child.make(default_loop()->maxFd, &pid) != Status::kOk) {
