@@ -16,6 +16,18 @@ endif()
 if(CMAKE_BUILD_TYPE MATCHES "Release|MinSizeRel")
   add_compile_definitions(_FORTIFY_SOURCE=2)
 endif()
+# What a program prints of its sources is relative to the tree, wherever that was built: also when
+# the compiler cache has made the paths relative to the build.
+cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY ${CMAKE_BINARY_DIR}
+  OUTPUT_VARIABLE source_from_build)
+set(prefix_map -fmacro-prefix-map)
+if(CMAKE_BUILD_TYPE MATCHES "Release|MinSizeRel")
+  set(prefix_map -ffile-prefix-map)  # in debug information, too; a debugger here wants the files
+endif()
+add_compile_options(
+  ${prefix_map}=${source_from_build}/= ${prefix_map}=${PROJECT_SOURCE_DIR}/=
+  ${prefix_map}=${CMAKE_BINARY_DIR}/=)
+
 # A device library that needs a name from nowhere must not link; the sanitizers' names come from
 # the program.
 set(NO_UNDEFINED -Wl,-z,defs)

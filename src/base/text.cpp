@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -22,6 +23,13 @@ void copy_cut(std::span<char> out, std::string_view text) {
   const size_t length = text.size() < out.size() ? text.size() : out.size() - 1;
   if (length > 0) std::memmove(out.data(), text.data(), length);
   out[length] = '\0';
+}
+
+void copy_printable(std::span<char> out, std::string_view text) {
+  copy_cut(out, text);
+  for (char &byte : out.first(std::min(out.size(), text.size()))) {
+    if (byte != '\0' && (byte < ' ' || byte > '~')) byte = '?';
+  }
 }
 
 bool format_exact(std::span<char> out, const char *format, ...) {

@@ -12,6 +12,10 @@ namespace msgapi {
 bool copy_exact(std::span<char> out, std::string_view text);
 void copy_cut(std::span<char> out, std::string_view text);
 
+// The same with "?" for every byte that is no printable ASCII: for text from outside in lines for a
+// person.
+void copy_printable(std::span<char> out, std::string_view text);
+
 __attribute__((format(printf, 2, 3))) bool format_exact(std::span<char> out, const char *format,
                                                         ...);
 __attribute__((format(printf, 2, 3))) void format_cut(std::span<char> out, const char *format, ...);

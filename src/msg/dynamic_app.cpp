@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/copy_failure.h"
 #include "msg/context.h"
 #include "msg/exchange.h"
 #include "msgapi/dynapp.h"
@@ -60,7 +61,7 @@ uint32_t post_script(std::string_view first, std::string_view script) {
 
   message->header = build_header("web", kPostScript, 0);
   message->header.ulDataLen = static_cast<uint32_t>(sizeof message->first + script.size() + 1);
-  if (!copy_exact(message->first, first)) return kFailed;
+  if (!copy_or_report(message->first, first)) return kFailed;
   copy_cut({reinterpret_cast<char *>(message.get() + 1), script.size() + 1}, script);
   return ORP_MSG_Send(&message->header);
 }
@@ -98,7 +99,7 @@ extern "C" uint32_t ORP_UTIL_KillAllDynApp() {
 // callers treat the wait as unavailable. Only a name that does not fit is told apart.
 extern "C" uint32_t ORP_MSG_OrpSyncWait(const char *name, uint32_t /*timeoutMs*/) {
   char field[ORP_APP_NAME_SIZE];
-  return code(copy_exact(field, text_or_empty(name)) ? Status::kBadArgument : Status::kSystem);
+  return code(copy_or_report(field, text_or_empty(name)) ? Status::kBadArgument : Status::kSystem);
 }
 
 extern "C" uint32_t ORP_MSG_OrpSyncPost(const char *name) {

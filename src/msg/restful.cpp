@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/copy_failure.h"
 #include "base/list.h"
 #include "base/result.h"
 #include "msg/header.h"
@@ -122,6 +123,7 @@ bool expand_rows(std::string_view path, const Row *table, std::span<char, kListS
     char entry[kEntrySize];
     if (path.size() + 1 + std::strlen(row->pcName) >= sizeof entry ||
         !format_exact(entry, "%s/%s", path.data(), row->pcName)) {
+      print_copy_failure("snprintf_s", -1);
       return false;
     }
     const std::string_view separator = length == 0 ? "" : "|";
@@ -174,7 +176,7 @@ Owned<Header> build_request(uint32_t code_word, uint32_t second, std::string_vie
   request->ulCode = code_word;
   request->ulSecond = second;
   // Cut, they would select another handler.
-  if (!copy_exact(request->aucPath, path) || !copy_exact(request->aucHandler, handler)) {
+  if (!copy_or_report(request->aucPath, path) || !copy_or_report(request->aucHandler, handler)) {
     return nullptr;
   }
   if (text != nullptr) {

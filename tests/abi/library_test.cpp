@@ -19,6 +19,7 @@ namespace {
 using Names = std::set<std::string>;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 std::string contents(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
@@ -65,6 +66,17 @@ class SharedLibrary {
       if ((segment.p_flags & PF_W) != 0) size.writable += segment.p_memsz;
     }
     return size;
+  }
+
+  // The code and the constants.
+  std::string program() const {
+    std::string bytes;
+    for (const auto &section : sections_) {
+      if (section.sh_type == SHT_PROGBITS && (section.sh_flags & SHF_ALLOC) != 0) {
+        bytes += bytes_.substr(section.sh_offset, section.sh_size);
+      }
+    }
+    return bytes;
   }
 
   size_t constructors() const { return entries<ElfW(Addr)>(SHT_INIT_ARRAY).size(); }
@@ -171,6 +183,15 @@ TEST(Abi, NeedsOnlyThePlatformsLibraries) {
   std::erase_if(needed, [](const std::string &name) { return name.starts_with("ld-linux"); });
 
   EXPECT_EQ((Names{"libc.so.6", "libcfmapi.so.1", "libcjson.so.1", "liborputil.so.1"}), needed);
+}
+
+TEST(Abi, NamesItsSourcesAsTheyStandInTheTree) {
+  if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers name them in their own way";
+  const std::string program = SharedLibrary(MSGAPI_LIBRARY).program();
+
+  EXPECT_THAT(program, HasSubstr("src/notify/client.cpp"));
+  EXPECT_THAT(program, Not(HasSubstr(MSGAPI_SOURCE))) << "a path of the machine that built it";
+  EXPECT_THAT(program, Not(HasSubstr("../src/")));
 }
 
 TEST(Abi, RunsNoConstructor) {

@@ -22,6 +22,14 @@ TEST(CopyCut, ShortensToTheField) {
   EXPECT_STREQ("abc", out);
 }
 
+TEST(CopyPrintable, ShowsWhatIsNoPrintableTextAsQuestionMarks) {
+  char out[6] = "";
+
+  copy_printable(out, "a\n\x7f\xc3~longer");
+
+  EXPECT_STREQ("a???~", out);
+}
+
 TEST(Format, ExactFailsWhereCutShortens) {
   char out[4] = "old";
 

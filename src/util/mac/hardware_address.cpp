@@ -9,7 +9,7 @@
 #include <cstring>
 #include <optional>
 
-#include "base/text.h"
+#include "base/copy_failure.h"
 #include "os/fd.h"
 #include "util/mac/mac_text.h"
 
@@ -20,7 +20,7 @@ using MacBytes = std::array<uint8_t, ORP_MAC_SIZE>;
 
 std::optional<MacBytes> hardware_address(const char *name) {
   ifreq request{};
-  if (name[0] == '\0' || !copy_exact(request.ifr_name, name)) return std::nullopt;
+  if (name[0] == '\0' || !copy_or_report(request.ifr_name, name)) return std::nullopt;
 
   const os::UniqueFd fd(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!fd || ::ioctl(fd.get(), SIOCGIFHWADDR, &request) != 0) return std::nullopt;

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/copy_failure.h"
 #include "base/hex.h"
-#include "base/text.h"
 
 namespace msgapi {
 namespace {
@@ -130,7 +130,7 @@ extern "C" void ORP_UTIL_MacStrToByte(const char *text, char separator, uint8_t 
   std::array<char, ORP_MAC_TEXT_SIZE> digits;
   if (separator != '\0') {
     strip_cut(text, separator, digits);
-  } else if (!copy_exact(digits, text)) {
+  } else if (!copy_or_report(digits, text)) {
     return;
   }
   hex_to_bytes(digits.data(), {mac, ORP_MAC_SIZE});

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <utility>
 
-#include "base/text.h"
+#include "base/copy_failure.h"
 #include "msgapi/net.h"
 #include "orputil.h"
 #include "os/fd.h"
@@ -75,7 +75,7 @@ void set_scope(sockaddr_in6 *address, bool datagram, const char *device) {
 // no interface's is a failure.
 bool bind_to_device(int fd, const char *name) {
   ifreq request{};
-  return copy_exact(request.ifr_name, name) &&
+  return copy_or_report(request.ifr_name, name) &&
          ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, request.ifr_name, sizeof request.ifr_name) ==
              0;
 }

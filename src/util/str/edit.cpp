@@ -3,8 +3,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/copy_failure.h"
 #include "base/cursor.h"
-#include "base/text.h"
 #include "msgapi/str.h"
 #include "orputil.h"
 
@@ -66,7 +66,7 @@ extern "C" uint32_t ORP_UTIL_FindModuleAndFuncByUri(const char *uri, char *modul
     copy_cut({function, function_size}, "");
     return 0;
   }
-  return copy_exact({function, function_size}, path) && !path.empty() ? 0 : 1;
+  return copy_or_report({function, function_size}, path) && !path.empty() ? 0 : 1;
 }
 
 extern "C" void ORP_UTIL_CopyFile(const char *source, const char *target) {

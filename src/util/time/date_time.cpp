@@ -12,8 +12,8 @@
 #include <optional>
 #include <string_view>
 
+#include "base/copy_failure.h"
 #include "base/result.h"
-#include "base/text.h"
 #include "msgapi/time.h"
 
 namespace msgapi {
@@ -135,7 +135,7 @@ uint32_t parse(const char *text, DateTime *out) {
   if (*text == '\0') return 0;
   char copy[kTextSize];
   const size_t length = ::strnlen(text, sizeof copy);
-  if (!copy_exact(copy, {text, length})) return code(Status::kBadArgument);
+  if (!copy_or_report(copy, {text, length})) return code(Status::kBadArgument);
 
   const std::optional<DateTime> at = read_date_time({copy, length});
   if (!at) return kInvalid;
