@@ -2,7 +2,8 @@
 //
 // The directory may be shared by applications that do not trust each other. A file is therefore
 // created exclusively, and on receipt opened once, at the resolved path that was checked, without
-// following a link; everything else is done on that descriptor.
+// following a link; everything else is done on that descriptor. A path may also be a link from
+// anywhere to a file in the directory, whose removal takes the link.
 
 #include "msg/hand_over.h"
 
@@ -16,10 +17,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
+#include "base/copy_failure.h"
+#include "msgapi/log.h"
 #include "orputil.h"
 #include "os/fd.h"
 #include "util/path/validate_path.h"
@@ -73,18 +78,14 @@ bool write_file(const Header &message, HandOverPath *path) {
 constexpr std::string_view kDirectory = "/var/run/msg/";
 
 constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-
-// For a path below the directory: whether it is directly below. No file is ever made further down,
-// where a directory could be swapped for a link between the check and the use.
-bool is_direct(const char *path) {
-  return std::strchr(path + kDirectory.size(), '/') == nullptr;
-}
+constexpr int kDirectoryFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 // Opens a path as senders write it unless a part of it is a link, in one step where the kernel can
 // (5.6): such a path is its own resolved form. Nothing when that cannot be told.
 os::UniqueFd open_plain(const char *path) {
 #ifdef RESOLVE_NO_SYMLINKS
-  if (begins_with(path, ORP_MSG_HAND_OVER_PREFIX) && is_direct(path)) {
+  if (begins_with(path, ORP_MSG_HAND_OVER_PREFIX) &&
+      std::strchr(path + kDirectory.size(), '/') == nullptr) {
     open_how how = {};
     how.flags = kReadFlags;
     how.resolve = RESOLVE_NO_SYMLINKS;
@@ -95,34 +96,102 @@ os::UniqueFd open_plain(const char *path) {
   return os::UniqueFd();
 }
 
-// The file with the body, open, and where it lies.
+// Opens a resolved path below the directory, where a part of it may have been swapped for a link
+// since it was resolved: one part after another, following none.
+os::UniqueFd open_resolved(std::string_view path) {
+  os::UniqueFd place(::open(kDirectory.data(), kDirectoryFlags));
+  path.remove_prefix(kDirectory.size());
+  while (place && path.data() != nullptr) {
+    char part[NAME_MAX + 1];
+    copy_cut(part, cut_piece(&path, '/'));
+    const int flags = path.data() == nullptr ? kReadFlags : kDirectoryFlags | O_NOFOLLOW;
+    place = os::UniqueFd(::openat(place.get(), part, flags));
+  }
+  return place;
+}
+
+// The name that a message gives of its file, in the directory where it stands. Held open, because
+// the path to it may change.
+struct Named {
+  os::UniqueFd directory;
+  const char *name = nullptr;
+};
+
+Named open_parent(char *path) {
+  char *slash = std::strrchr(path, '/');
+  if (slash == nullptr) return {os::UniqueFd(::open(".", kDirectoryFlags)), path};
+
+  // With its slash: the parent may be the root.
+  const char kept = std::exchange(slash[1], '\0');
+  Named named{os::UniqueFd(::open(path, kDirectoryFlags)), slash + 1};
+  slash[1] = kept;
+  return named;
+}
+
+// The file with the body, open, and the name under which it goes.
 struct BodyFile {
+  char path[ORP_MSG_HAND_OVER_PATH_SIZE];
   os::UniqueFd fd;
-  uint64_t size = 0;
-  path::Resolved place;
+  struct stat info;
+  Named named;
+  const char *refusal = nullptr;  // why it is not taken, where errno does not say it
 };
 
 Status open_body_file(const Header &message, BodyFile *file) {
-  const size_t size = std::min<size_t>(message.ulDataLen, ORP_MSG_HAND_OVER_PATH_SIZE);
-  char named[ORP_MSG_HAND_OVER_PATH_SIZE];
-  if (!copy_exact(named, field_text({body(&message), size}))) return Status::kBadArgument;
+  const size_t size = std::min<size_t>(message.ulDataLen, sizeof file->path);
+  if (!copy_or_report(file->path, field_text({body(&message), size}))) {
+    file->refusal = "path without an end";
+    return Status::kBadArgument;
+  }
 
-  file->fd = open_plain(named);
-  if (file->fd) {
-    copy_cut(file->place.text, named);
-  } else {
-    if (!path::validate(named, path::kHandOverType, &file->place) || !is_direct(file->place.text)) {
+  file->fd = open_plain(file->path);
+  if (!file->fd) {
+    path::Resolved place;
+    if (!path::validate(file->path, path::kHandOverType, &place)) {
+      if (::access(file->path, F_OK) == 0) file->refusal = "not a place of body files";
       return Status::kBadArgument;
     }
-    file->fd = os::UniqueFd(::open(file->place.text, kReadFlags));
+    file->named = open_parent(file->path);
+    file->fd = open_resolved(place.text);
   }
 
-  struct stat info;
-  if (!file->fd || ::fstat(file->fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+  if (!file->fd || ::fstat(file->fd.get(), &file->info) != 0) return Status::kSystem;
+  if (!S_ISREG(file->info.st_mode)) {
+    file->refusal = "not a regular file";
     return Status::kSystem;
   }
-  file->size = static_cast<uint64_t>(info.st_size);
   return Status::kOk;
+}
+
+// Removes what the message names: of a link the link. Only while it leads to the file that was
+// opened, so that nobody can have another file removed.
+int remove_named(const BodyFile &file) {
+  const int directory = file.named.directory.get();
+  if (file.named.name == nullptr) return ::unlink(file.path);
+  struct stat now;
+  if (::fstatat(directory, file.named.name, &now, 0) != 0) return -1;
+  if (now.st_dev != file.info.st_dev || now.st_ino != file.info.st_ino) {
+    errno = ESTALE;
+    return -1;
+  }
+  return ::unlinkat(directory, file.named.name, 0);
+}
+
+// Path and sender come from outside: what could be taken for more than text is shown as "?". The
+// path stands last because the log cuts long lines.
+void log_failure(const char *what, int error, const Header &message, const BodyFile &file) {
+  char path[sizeof file.path];
+  char from[ORP_APP_NAME_SIZE];
+  copy_printable(path, file.path);
+  copy_printable(from, sender(message));
+  mlog_print("msg", MLOG_LEVEL_ERROR, "Body file of msg:[0x%x] src:[%s] %s: %s (errno %d): %s\n",
+             message.ulMsgType, from, what,
+             file.refusal != nullptr ? file.refusal : std::strerror(error), error, path);
+}
+
+void remove_body_file(const Header &message, const BodyFile &file) {
+  if (remove_named(file) == 0 || errno == ENOENT) return;
+  log_failure("cannot be removed and stays", errno, message, file);
 }
 
 // Reads up to `size` bytes; fewer when the file is shorter than it was. -1 on failure.
@@ -138,29 +207,29 @@ ssize_t read_up_to(int fd, char *out, size_t size) {
   return static_cast<ssize_t>(done);
 }
 
-Status take_over(Header **message) {
-  BodyFile file;
-  const Status opened = open_body_file(**message, &file);
+Status take_over(Header **message, BodyFile *file) {
+  const Status opened = open_body_file(**message, file);
   if (opened != Status::kOk) return opened;
-  if (file.size > ORP_MSG_MAX_BODY) {
-    ::unlink(file.place.text);
+  const auto size = static_cast<uint64_t>(file->info.st_size);
+  if (size > ORP_MSG_MAX_BODY) {
+    remove_body_file(**message, *file);
+    file->refusal = "too long";
     return Status::kBadArgument;
   }
 
   // The file is read into its place at once: a second buffer would double what a large body costs.
-  void *grown = grow(*message, block_size(**message), ORP_MSG_HEADER_SIZE + file.size + kZeroTail,
+  void *grown = grow(*message, block_size(**message), ORP_MSG_HEADER_SIZE + size + kZeroTail,
                      __func__, __LINE__);
   if (grown == nullptr) {
-    ::unlink(file.place.text);
-    std::free(*message);
-    *message = nullptr;
+    remove_body_file(**message, *file);
+    file->refusal = "no memory";
     return Status::kNoMemory;
   }
   *message = static_cast<Header *>(grown);
 
-  const ssize_t count = read_up_to(file.fd.get(), body(*message), static_cast<size_t>(file.size));
+  const ssize_t count = read_up_to(file->fd.get(), body(*message), static_cast<size_t>(size));
   if (count < 0) return Status::kSystem;
-  ::unlink(file.place.text);
+  remove_body_file(**message, *file);
 
   (*message)->ulDataLen = static_cast<uint32_t>(count);
   std::memset(body(*message) + count, 0, kZeroTail);
@@ -178,7 +247,18 @@ Result<HandOverPath> store_body(const Header &message) {
 }
 
 Status complete_hand_over(Header **message) {
-  return message == nullptr || *message == nullptr ? Status::kBadArgument : take_over(message);
+  if (message == nullptr || *message == nullptr) return Status::kBadArgument;
+  BodyFile file;
+  const Status status = take_over(message, &file);
+  if (status != Status::kOk) {
+    log_failure("cannot be read, the message is dropped", file.refusal == nullptr ? errno : 0,
+                **message, file);
+  }
+  if (status == Status::kNoMemory) {
+    std::free(*message);
+    *message = nullptr;
+  }
+  return status;
 }
 
 }  // namespace msgapi::msg

@@ -1,14 +1,17 @@
 #include "msg/hand_over.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "support/fd_check.h"
+#include "support/log_lines.h"
 #include "support/message_peer.h"
 
 namespace msgapi::msg {
@@ -69,7 +72,6 @@ TEST(HandOver, RefusesPathsThatAreNotForBodies) {
   write_file("/var/secret", "secret");
   write_file("/var/run/msg/other", "other");
   std::filesystem::create_directory("/var/run/msg/msg_file_d");
-  write_file("/var/run/msg/msg_file_d/x", "deeper");
   std::filesystem::create_symlink("/var/secret", "/var/run/msg/msg_file_link");
 
   for (const std::string path : {"", "/var/secret", "/var/run/msg/other", "/var/run/msg/msg_file_9",
@@ -81,6 +83,68 @@ TEST(HandOver, RefusesPathsThatAreNotForBodies) {
   EXPECT_EQ("<bad argument>", completed(std::string(300, '/') + kFile)) << "no NUL in 260 bytes";
   EXPECT_TRUE(std::filesystem::exists("/var/secret"));
   EXPECT_TRUE(std::filesystem::exists(kFile));
+}
+
+TEST(HandOver, TakesEveryPathThatLeadsToABodyFileAndRemovesWhatIsNamed) {
+  namespace fs = std::filesystem;
+  fs::create_directories("/var/run/msg/msg_file_d/e");
+  const std::string deep = "/var/run/msg/msg_file_d/e/x";
+  for (const std::string &path :
+       {deep, std::string("/var/run/msg/./msg_file_d/../msg_file_d/e/x")}) {
+    write_file(deep, "deeper");
+    EXPECT_EQ("deeper", completed(path_field(path))) << path;
+    EXPECT_FALSE(fs::exists(deep));
+  }
+
+  // A link goes and its target stays, wherever the link stands.
+  write_file(kFile, "target");
+  fs::current_path("/var");
+  for (const std::string link :
+       {"/var/run/msg/msg_file_link", "/var/run/msg/link", "/link", "relative_link"}) {
+    fs::create_symlink(kFile, link);
+    EXPECT_EQ("target", completed(path_field(link))) << link;
+    EXPECT_FALSE(fs::is_symlink(link));
+    EXPECT_TRUE(fs::exists(kFile));
+  }
+  // Of a link to the directory nothing goes but the file.
+  fs::create_symlink("/var/run/msg", "/var/by_link");
+  EXPECT_EQ("target", completed(path_field("/var/by_link/msg_file_1")));
+  EXPECT_TRUE(fs::is_symlink("/var/by_link"));
+  EXPECT_FALSE(fs::exists(kFile));
+}
+
+TEST(HandOver, SaysWhichFileIsNotTakenOrStaysAndWhy) {
+  test::LogLines log;
+  const std::string prefix = "Body file of msg:[0x1234] src:[app?] ";
+  const auto logged = [&](const std::string &field) {
+    Header *message = test::make_block({.type = 0x1234, .body = field, .from = "app\n"}).release();
+    testing::internal::CaptureStdout();
+    (void)complete_hand_over(&message);
+    testing::internal::GetCapturedStdout();
+    std::free(message);
+    return log.next();
+  };
+  EXPECT_EQ(prefix +
+                "cannot be read, the message is dropped: No such file or directory (errno 2): " +
+                kFile + "\n",
+            logged(path_field(kFile)));
+  write_file("/var/run/other\n", "");
+  EXPECT_EQ(prefix +
+                "cannot be read, the message is dropped: not a place of body files (errno 0): "
+                "/var/run/other?\n",
+            logged(path_field("/var/run/other\n")));
+  EXPECT_EQ(prefix + "cannot be read, the message is dropped: path without an end (errno 0): \n",
+            logged(std::string(300, 'x')));
+
+  // A receiver that may read the file, but not write to the directory.
+  write_file(kFile, "x");
+  ASSERT_EQ(0, ::mount("/var/run/msg", "/var/run/msg", nullptr, MS_BIND, nullptr));
+  ASSERT_EQ(0,
+            ::mount(nullptr, "/var/run/msg", nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr));
+  EXPECT_EQ(
+      prefix + "cannot be removed and stays: Read-only file system (errno 30): " + kFile + "\n",
+      logged(path_field(kFile)));
+  ::umount("/var/run/msg");
 }
 
 TEST(HandOver, ReadsNothingButRegularFiles) {
