@@ -20,7 +20,7 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendFd(int32_t descriptor);
 
 /*
  * Waits up to `timeoutMs` (0: 20 s) for a descriptor and stores it, close-on-exec, in
- * *descriptorOut; the caller closes it. *descriptorOut is untouched on failure.
+ * *descriptorOut; the caller closes it. On failure *descriptorOut is 0, which is nothing to close.
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for null; ORP_ERR_NOT_CONNECTED; ORP_ERR_TIMEOUT;
  * ORP_ERR_MEMORY; ORP_ERR_PEER_GONE at the end of the stream; ORP_ERR_SYSTEM when something else

@@ -110,6 +110,7 @@ extern "C" uint32_t ORP_MSG_SendFd(int32_t descriptor) {
 
 extern "C" uint32_t ORP_MSG_RecvFd(int32_t *descriptorOut, uint32_t timeoutMs) {
   if (descriptorOut == nullptr) return code(Status::kBadArgument);
+  *descriptorOut = 0;
   if (g_stMsgCtx.slSocket < 0) return code(Status::kNotConnected);
   Result<os::UniqueFd> descriptor = receive_descriptor(g_stMsgCtx.slSocket, timeoutMs);
   if (!descriptor) return code(descriptor.status());

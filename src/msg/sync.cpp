@@ -176,6 +176,7 @@ extern "C" uint32_t ORP_MSG_SendAndReceiveWithAppName(ORP_MSG_HEADER_ST *request
 
 extern "C" uint32_t ORP_MSG_RecvResp(const ORP_MSG_HEADER_ST *request,
                                      ORP_MSG_HEADER_ST **responseOut, uint32_t timeoutMs) {
+  if (responseOut != nullptr) *responseOut = nullptr;
   if (request == nullptr || responseOut == nullptr) return ORP_ERR_ARGUMENT;
   return receive_expected({request->ulMsgType, request->ulSeqNum, nullptr}, responseOut, timeoutMs);
 }
@@ -183,6 +184,7 @@ extern "C" uint32_t ORP_MSG_RecvResp(const ORP_MSG_HEADER_ST *request,
 extern "C" uint32_t ORP_MSG_RecvResWithAppName(const ORP_MSG_HEADER_ST *request,
                                                ORP_MSG_HEADER_ST **responseOut,
                                                uint32_t timeoutMs) {
+  if (responseOut != nullptr) *responseOut = nullptr;
   if (request == nullptr || responseOut == nullptr) return ORP_ERR_ARGUMENT;
   return receive_expected({request->ulMsgType, request->ulSeqNum, request}, responseOut, timeoutMs);
 }
@@ -196,6 +198,7 @@ extern "C" uint32_t ORP_MSG_ReceiveWithType(uint32_t type, ORP_MSG_HEADER_ST **m
 extern "C" uint32_t ORP_MSG_SendAndRecvMsgData(const char *dstApp, uint32_t type, uint32_t data,
                                                uint32_t timeoutMs, uint32_t *resultOut) {
   if (resultOut == nullptr) return ORP_ERR_ARGUMENT;
+  *resultOut = 0;
 
   Header request = build_header(text_or_empty(dstApp), type, data);
   const Result<Owned<Header>> reply = exchange(&request, timeoutMs);
