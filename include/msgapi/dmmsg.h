@@ -8,9 +8,13 @@
  * The first free byte is at capacity - free. Sending seals the body: capacity becomes the bytes in
  * use and free 0. docs/events.md shows a message byte by byte.
  *
- * The functions work on body pointers; the block that is freed starts 40 bytes before, with the
- * header, whose ulDataLen bounds what they believe of a body; while it is 0 the capacity does. One
- * thread at a time works on a message.
+ * The functions work on body pointers and go by what the body says of itself. Only
+ * ORP_DMMSG_AppendItem, ORP_DMMSG_Send and ORP_DMMSG_Free need the message that it belongs to: its
+ * block starts 40 bytes before, with the header. The other functions also read a copy of a body.
+ *
+ * A message of type 0x209 or of an event is held to its length when it is received: a body that
+ * says it uses more than arrived loses its magic, and one that says it has free room beyond is
+ * sealed. One thread at a time works on a message.
  */
 #ifndef MSGAPI_DMMSG_H
 #define MSGAPI_DMMSG_H
@@ -61,8 +65,8 @@ MSGAPI_EXPORT uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType,
  * Reads the item at *cursorInOut, null for the first, and moves the cursor behind it. Take any
  * status but 0 as the end; *itemOut and the cursor are untouched then.
  *
- * A last item may end up to 12 bytes behind the used area. Its ulValueLen is then the bytes that
- * the message really has, so an item never reaches outside the message (header ulDataLen).
+ * A last item may end up to 12 bytes behind the used area; in a message that was received these are
+ * zeros.
  *
  * Returns 0, or ORP_DMMSG_ERR for a null argument, a wrong magic, a cursor that is not in the body,
  * at the end, for an item that ends further behind and for a name without a NUL.

@@ -85,10 +85,9 @@ MSGAPI_EXPORT void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message);
  * free() first, so it must be null or an earlier text; the new text belongs to the caller, who
  * frees it with free(). *lengthOut, which may be null, receives its length.
  *
- * Returns ORP_EVT_OK. ORP_EVT_ERR for null arguments (nothing is touched), a type without a module,
- * a body that is not a whole DM body, an item without a name or value, an event without an
- * EventType or without anything else, and without memory; *textOut is null then and *lengthOut
- * untouched.
+ * Returns ORP_EVT_OK. ORP_EVT_ERR for null arguments, a type without a module, a body that is not a
+ * whole DM body, an item without a name or value, an event without an EventType or without anything
+ * else, and without memory; *textOut is null then and *lengthOut 0.
  */
 MSGAPI_EXPORT uint32_t ORP_EVT_GetEventContent(const ORP_MSG_HEADER_ST *message, char **textOut,
                                                uint32_t *lengthOut);

@@ -1,8 +1,9 @@
 // DM messages.
 //
-// A body says itself how long it is, and bodies come from other processes. What is believed is
-// bounded by the length in the message's header, which the transport vouches for and which the
-// builder keeps equal to the capacity.
+// A body says itself how long it is, and that is what the functions on bodies go by: a body may be
+// a copy without a header in front of it, and the length in a header is the application's to set. A
+// body that comes from another process is therefore held to the length of its message once, when it
+// has been received.
 
 #include "msg/dm_message.h"
 
@@ -39,17 +40,9 @@ Header *head_of(DmBody *dm) {
   return reinterpret_cast<Header *>(dm) - 1;
 }
 
-// The bytes that the message has for its body. Behind a received message without any stand zeros,
-// no magic: a header without a length is one that the application has not filled in.
-uint32_t carried_bytes(const DmBody &dm) {
-  const uint32_t length = (reinterpret_cast<const Header *>(&dm) - 1)->ulDataLen;
-  return length == 0 ? dm.capacity : length;
-}
-
 // A body that can be added to or sent.
 bool is_sound(const DmBody &dm) {
-  return dm.free <= dm.capacity && dm.capacity - dm.free >= sizeof dm &&
-         dm.capacity <= carried_bytes(dm);
+  return dm.free <= dm.capacity && dm.capacity - dm.free >= sizeof dm;
 }
 
 // Makes room for an item of `size` bytes. Null, with the message freed, when that is not possible.
@@ -65,9 +58,7 @@ DmBody *reserve(DmBody *dm, uint64_t size) {
   if (grown == nullptr) return nullptr;
   // The block has become the grown one already.
   (void)block.release();
-  auto *head = static_cast<Header *>(grown);
-  head->ulDataLen = static_cast<uint32_t>(capacity);
-  dm = reinterpret_cast<DmBody *>(head + 1);
+  dm = reinterpret_cast<DmBody *>(static_cast<Header *>(grown) + 1);
   dm->capacity = static_cast<uint32_t>(capacity);
   dm->free += static_cast<uint32_t>(raise);
   return dm;
@@ -118,18 +109,20 @@ uint32_t append_item(DmBody **in_out, uint32_t type, const char *name, const voi
   return 0;
 }
 
-// Reads the item at `cursor` and moves it on. Offsets are from the start of the body; 64 bits hold
-// every sum of the item's lengths.
-uint32_t read_item(const DmBody &dm, ORP_DMMSG_ITEM_ST *out, const void **cursor) {
-  const char *start = reinterpret_cast<const char *>(&dm);
-  const uint64_t carried = carried_bytes(dm);
-  if (dm.free > dm.capacity) return ORP_DMMSG_ERR;
-  const uint64_t used = std::min<uint64_t>(dm.capacity - dm.free, carried);
+}  // namespace
 
-  uint64_t offset = sizeof dm;
+// Offsets are from the start of the body; 64 bits hold every sum of the item's lengths.
+uint32_t read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out,
+                   const void **cursor) {
+  const DmBody *dm = as_dm(body);
+  if (dm == nullptr || dm->free > dm->capacity) return ORP_DMMSG_ERR;
+  const char *start = static_cast<const char *>(body);
+  const uint64_t used = dm->capacity - dm->free;
+
+  uint64_t offset = sizeof *dm;
   if (*cursor != nullptr) {
     const uintptr_t place = reinterpret_cast<uintptr_t>(*cursor);
-    if (place < reinterpret_cast<uintptr_t>(start) + sizeof dm) return ORP_DMMSG_ERR;
+    if (place < reinterpret_cast<uintptr_t>(start) + sizeof *dm) return ORP_DMMSG_ERR;
     offset = place - reinterpret_cast<uintptr_t>(start);
   }
   if (offset + sizeof(DmItemHead) >= used) return ORP_DMMSG_ERR;
@@ -141,12 +134,11 @@ uint32_t read_item(const DmBody &dm, ORP_DMMSG_ITEM_ST *out, const void **cursor
   if (end > used + kTolerance) return ORP_DMMSG_ERR;
 
   const char *name = head.name_length == 0 ? nullptr : start + name_at;
-  const uint64_t name_end = std::min(value_at, carried);
+  const uint64_t name_end = std::min(value_at, used);
   if (name != nullptr &&
       std::memchr(name, '\0', static_cast<size_t>(name_end - name_at)) == nullptr) {
     return ORP_DMMSG_ERR;
   }
-  // Behind what the message carries there is nothing to hand out.
   const uint64_t value_length = std::min(end, carried) - std::min(value_at, carried);
   *out = {head.type, head.name_length, static_cast<uint32_t>(value_length), name,
           value_length == 0 ? nullptr : start + value_at};
@@ -154,15 +146,28 @@ uint32_t read_item(const DmBody &dm, ORP_DMMSG_ITEM_ST *out, const void **cursor
   return 0;
 }
 
-}  // namespace
+void hold_to_length(Header *message) {
+  if (message->ulDataLen < sizeof(uint32_t)) return;
+  auto *dm = reinterpret_cast<DmBody *>(body(message));
+  if (as_dm(static_cast<void *>(dm)) == nullptr) return;
+
+  if (message->ulDataLen < sizeof *dm || dm->free > dm->capacity ||
+      dm->capacity - dm->free > message->ulDataLen) {
+    dm->magic = 0;
+  } else if (dm->capacity > message->ulDataLen) {
+    dm->capacity -= dm->free;
+    dm->free = 0;
+  }
+}
+
 }  // namespace msgapi::msg
 
 using namespace msgapi;
 using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_DMMSG_Builder(void **bodyOut, const char *dstApp, uint32_t subType) {
+  if (bodyOut != nullptr) *bodyOut = nullptr;
   if (bodyOut == nullptr || dstApp == nullptr) return ORP_DMMSG_ERR;
-  *bodyOut = nullptr;
   Owned<Header> block = allocate_message(kFirstCapacity);
   if (!block) return ORP_DMMSG_ERR_MEMORY;
 
@@ -188,9 +193,8 @@ extern "C" uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType, co
 
 extern "C" uint32_t ORP_DMMSG_GetItemEx(const void *body, ORP_DMMSG_ITEM_ST *itemOut,
                                         const void **cursorInOut) {
-  const DmBody *dm = as_dm(body);
-  if (dm == nullptr || itemOut == nullptr || cursorInOut == nullptr) return ORP_DMMSG_ERR;
-  return read_item(*dm, itemOut, cursorInOut);
+  if (itemOut == nullptr || cursorInOut == nullptr) return ORP_DMMSG_ERR;
+  return read_item(body, UINT64_MAX, itemOut, cursorInOut);
 }
 
 extern "C" uint32_t ORP_DMMSG_GetErrCode(const void *body) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "msg/header.h"
 #include "msgapi/dmmsg.h"
 
 namespace msgapi::msg {
@@ -24,5 +25,19 @@ struct DmItemHead {
   uint32_t value_length;
 };
 static_assert(sizeof(DmItemHead) == 12);
+
+// ORP_DMMSG_GetItemEx for a body of `carried` bytes: of an item that ends behind them the value
+// is what is there. `carried` is at least what the body says that it uses.
+uint32_t read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out, const void **cursor);
+
+// Whether messages of the type may have a DM body.
+inline bool may_carry_dm(uint32_t type) {
+  return type == ORP_DMMSG_TYPE || type >> 8 == ORP_MSG_EVENT_PAGE;
+}
+
+// Makes the DM body of such a message, as it was received, fit what the message carries: one that
+// claims to use more is no DM body any longer, and one that claims free room behind the message is
+// sealed. Other bodies stay as they are.
+void hold_to_length(Header *message);
 
 }  // namespace msgapi::msg

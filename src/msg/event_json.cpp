@@ -78,6 +78,7 @@ bool add_item(const ORP_DMMSG_ITEM_ST &item, const char *module, Conversion *con
   return conversion->payload && add_text(conversion->payload.get(), item.pcName, value.c_str());
 }
 
+// Its own words are believed from here on: they say no more than what is there.
 bool is_whole_dm_body(const Header &message) {
   if (message.ulDataLen < sizeof(DmBody)) return false;
   const auto *dm = reinterpret_cast<const DmBody *>(body(&message));
@@ -92,7 +93,7 @@ Owned<char> convert(const Header &message) {
   Conversion conversion;
   ORP_DMMSG_ITEM_ST item;
   const void *cursor = nullptr;
-  while (ORP_DMMSG_GetItemEx(body(&message), &item, &cursor) == 0) {
+  while (read_item(body(&message), message.ulDataLen, &item, &cursor) == 0) {
     if (!add_item(item, module, &conversion)) return nullptr;
   }
   if (!conversion.event || !conversion.payload ||
@@ -146,9 +147,11 @@ using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_EVT_GetEventContent(const ORP_MSG_HEADER_ST *message, char **textOut,
                                             uint32_t *lengthOut) {
-  if (message == nullptr || textOut == nullptr) return ORP_EVT_ERR;
+  if (lengthOut != nullptr) *lengthOut = 0;
+  if (textOut == nullptr) return ORP_EVT_ERR;
   std::free(*textOut);
   *textOut = nullptr;
+  if (message == nullptr) return ORP_EVT_ERR;
 
   Owned<char> text = convert(*message);
   if (!text) return ORP_EVT_ERR;

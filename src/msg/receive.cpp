@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "msg/context.h"
+#include "msg/dm_message.h"
 #include "msg/drop_count.h"
 #include "msg/hand_over.h"
 #include "msgapi/log.h"
@@ -120,6 +121,7 @@ Result<Owned<Header>> receive_message(int fd, uint32_t timeout_ms, bool convert)
   if (body_in_file) {
     if (const Status status = complete(&message); status != Status::kOk) return status;
   }
+  if (convert && may_carry_dm(message->ulMsgType)) hold_to_length(message.get());
   return message;
 }
 

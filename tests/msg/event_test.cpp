@@ -131,9 +131,13 @@ TEST(EventContent, RefusesWhatIsNoWholeEvent) {
   reinterpret_cast<char *>(event.get() + 1)[0] = 0;
   EXPECT_EQ("", content_of(event)) << "no magic";
   EXPECT_EQ(1u, ORP_EVT_GetEventContent(event.get(), nullptr, nullptr));
-  char untouched[] = "text", *in_out = untouched;
-  EXPECT_EQ(1u, ORP_EVT_GetEventContent(nullptr, &in_out, nullptr));
-  EXPECT_EQ(untouched, in_out);
+  for (const Message &refused : {std::move(event), Message()}) {
+    char *in_out = ::strdup("earlier");
+    uint32_t length = 77;
+    EXPECT_EQ(1u, ORP_EVT_GetEventContent(refused.get(), &in_out, &length));
+    EXPECT_EQ(nullptr, in_out);
+    EXPECT_EQ(0u, length);
+  }
 }
 
 // cJSON's own allocations are failed too.
