@@ -109,10 +109,11 @@ MSGAPI_EXPORT_DATA ORP_MSG_CTX_ST g_stMsgCtx;
  *
  * When already connected nothing happens and the first name stays.
  *
- * Returns ORP_OK; ORP_ERR_SOCKET when the socket cannot be made or no server listens (no
- * connection); ORP_ERR_MEMORY without memory for the watcher (the socket stays open); otherwise
- * the status of ORP_NOTIFYCLT_InitByName, after whose failure the context is destroyed. A failed
- * registration is not returned: it shows as a destroyed context, `g_stMsgCtx.slSocket` -1.
+ * Returns ORP_OK; ORP_ERR_SOCKET when the socket cannot be made or connected (no connection; a log
+ * line of the module "msg" says why); ORP_ERR_MEMORY without memory for the watcher (the socket
+ * stays open); otherwise the status of ORP_NOTIFYCLT_InitByName, after whose failure the context is
+ * destroyed. A failed registration is not returned: it shows as a destroyed context,
+ * `g_stMsgCtx.slSocket` -1.
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_Init(const char *appName);
 
@@ -230,8 +231,8 @@ MSGAPI_EXPORT_DATA ORP_MSG_SEND_HOOK g_pfMsgSendHook;
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_Send(ORP_MSG_HEADER_ST *message);
 
-/* Sends on a given descriptor: offers the message to the send hook, then ORP_MSG_SendTo. Leaves
- * aucSendApp as it is. Statuses of ORP_MSG_SendTo or of the hook. */
+/* Sends on a given descriptor: offers the message, also a null one, to the send hook, then
+ * ORP_MSG_SendTo. Leaves aucSendApp as it is. Statuses of ORP_MSG_SendTo or of the hook. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendEx(int32_t descriptor, ORP_MSG_HEADER_ST *message);
 
 /*
@@ -337,7 +338,8 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendAndReceiveWithAppName(ORP_MSG_HEADER_ST *requ
                                                          ORP_MSG_HEADER_ST **responseOut,
                                                          uint32_t timeoutMs);
 
-/* The waiting half of ORP_MSG_SendAndRecv: `request` has been sent already. */
+/* The waiting half of ORP_MSG_SendAndRecv: `request` has been sent already. *responseOut is null on
+ * failure, here and below. */
 MSGAPI_EXPORT uint32_t ORP_MSG_RecvResp(const ORP_MSG_HEADER_ST *request,
                                         ORP_MSG_HEADER_ST **responseOut, uint32_t timeoutMs);
 
@@ -350,8 +352,8 @@ MSGAPI_EXPORT uint32_t ORP_MSG_RecvResWithAppName(const ORP_MSG_HEADER_ST *reque
 MSGAPI_EXPORT uint32_t ORP_MSG_ReceiveWithType(uint32_t type, ORP_MSG_HEADER_ST **messageOut,
                                                uint32_t timeoutMs);
 
-/* A header-only request; stores the answer's ulMsgData in *resultOut, which is untouched on
- * failure. Statuses of ORP_MSG_SendAndRecv. */
+/* A header-only request; stores the answer's ulMsgData in *resultOut, which is 0 on failure.
+ * Statuses of ORP_MSG_SendAndRecv. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendAndRecvMsgData(const char *dstApp, uint32_t type, uint32_t data,
                                                   uint32_t timeoutMs, uint32_t *resultOut);
 
@@ -366,7 +368,8 @@ typedef void (*ORP_MSG_ANSWER_PROC)(ORP_MSG_HEADER_ST *message, uint32_t timedOu
 /*
  * Sends `request` with a fresh sequence number and returns; the event loop calls `callback` with
  * the message that has the same type (20 bits) and sequence number, or after `timeoutMs`. With a
- * `timeoutMs` of 0 the request waits for its answer without end.
+ * `timeoutMs` of 0 the request waits for its answer without end. An answer that a synchronous wait
+ * puts aside counts from then on, and reaches the callback when the loop goes on.
  *
  * Needs ORP_MSG_Init. Returns ORP_OK; ORP_ERR_ARGUMENT for a null argument or without a message
  * watcher; ORP_ERR_MEMORY (the request has been sent, the callback will not be called); or the

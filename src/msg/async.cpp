@@ -3,7 +3,6 @@
 #include "base/list.h"
 #include "base/memory.h"
 #include "base/status.h"
-#include "msg/connection.h"
 #include "msg/context.h"
 #include "msg/header.h"
 #include "msgapi/loop.h"

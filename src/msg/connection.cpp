@@ -1,8 +1,6 @@
 // The connection to the message server: connecting, registering, keep-alive, and what the event
 // loop needs to know to read messages from it.
 
-#include "msg/connection.h"
-
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -14,15 +12,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "base/bytes.h"
 #include "msg/context.h"
+#include "msg/dm_message.h"
 #include "msg/drop_count.h"
 #include "msg/exchange.h"
 #include "msg/hand_over.h"
 #include "msg/header.h"
 #include "msg/queue.h"
 #include "msg/receive.h"
+#include "msgapi/log.h"
 #include "msgapi/notify.h"
 #include "msgapi/sockbase.h"
 #include "msgapi/time.h"
@@ -30,6 +31,7 @@
 #include "os/fd.h"
 #include "uv/default_loop.h"
 #include "uv/io.h"
+#include "uv/pending.h"
 #include "uv/trace_point.h"
 #include "uv/watcher.h"
 
@@ -74,17 +76,35 @@ os::UniqueFd connect_remote(const char *host, uint16_t port) {
   os::UniqueFd socket = open_socket(AF_INET);
   if (!socket) return socket;
   ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kSlaveSendTimeout, sizeof kSlaveSendTimeout);
-  if (::inet_pton(AF_INET, host, &address.sin_addr) != 1 || !connect_to(socket, address)) {
+  if (::inet_pton(AF_INET, host, &address.sin_addr) != 1) {
+    errno = EINVAL;
+    socket.reset();
+  } else if (!connect_to(socket, address)) {
     socket.reset();
   }
   return socket;
 }
 
+// A daemon that only passes the status on would leave nobody a hint.
+void log_unreachable(const char *where, int error) {
+  const char *meaning = error == EACCES || error == EPERM ? "this user may not use it"
+                        : error == ENOENT                 ? "no message server runs here"
+                        : error == ECONNREFUSED           ? "the message server has ended"
+                                                          : "no connection";
+  mlog_print("msg", MLOG_LEVEL_ERROR,
+             "Cannot connect to the message server %s: %s (errno %d): %s.\n", where,
+             std::strerror(error), error, meaning);
+}
+
 // ---- The message watcher ----
 
-uint32_t read_length(Header *header, uint32_t *body_in_file) {
+// Of the message that the watcher is reading. It reads one at a time, and nothing runs in between.
+bool g_body_in_file;
+
+uint32_t read_length(Header *header, uint32_t *wants_completion) {
   if (header == nullptr) return 0;
-  *body_in_file = prepare_header(header) ? 1 : 0;
+  g_body_in_file = prepare_header(header);
+  *wants_completion = g_body_in_file || may_carry_dm(header->ulMsgType) ? 1 : 0;
   ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", uv::kTraceLevel,
                       "recvd msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] "
                       "on board %u with flags 0x%x ...",
@@ -99,7 +119,9 @@ uint32_t answers(const Header *message, uint32_t type, uint32_t sequence) {
 }
 
 uint32_t complete(Header **message) {
-  return code(complete_hand_over(message));
+  const Status status = g_body_in_file ? complete_hand_over(message) : Status::kOk;
+  if (status == Status::kOk && may_carry_dm((*message)->ulMsgType)) hold_to_length(*message);
+  return code(status);
 }
 
 // Puts the context's socket on the default loop.
@@ -111,6 +133,7 @@ bool start_watcher() {
   watcher->matchProc = answers;
   watcher->completeProc = complete;
 
+  uv::set_take_answer(take_answer_from_queue);
   g_stMsgCtx.pstWatcher = watcher.get();
   (void)OrpUvMsgInit(nullptr, watcher.release(), g_stMsgCtx.slSocket, ORP_MSG_FilterProc);
   (void)OrpUvMsgStart(g_stMsgCtx.pstWatcher);
@@ -212,7 +235,10 @@ uint32_t connect_process(const char *name, Loop loop) {
   set_own_name(text_or_empty(name));
 
   g_stMsgCtx.slSocket = connect_local().release();
-  if (g_stMsgCtx.slSocket < 0) return ORP_ERR_SOCKET;
+  if (g_stMsgCtx.slSocket < 0) {
+    log_unreachable(ORP_MSG_SERVER_PATH, errno);
+    return ORP_ERR_SOCKET;
+  }
   if (loop == Loop::kUsed && !start_watcher()) return ORP_ERR_MEMORY;
 
   // A failed registration shows only as a destroyed context; the notify client's status is what the
@@ -227,24 +253,19 @@ uint32_t connect_process(const char *name, Loop loop) {
 uint32_t connect_slave(const char *name, const char *host, uint16_t port) {
   set_own_name(text_or_empty(name));
   os::UniqueFd socket = connect_remote(host, port);
-  if (!socket) return ORP_ERR_SOCKET;
+  if (!socket) {
+    log_unreachable(host, errno);
+    return ORP_ERR_SOCKET;
+  }
 
   g_stMsgCtx.slSocket = socket.release();
+  set_remote_connection();
   const uint32_t status = register_process();
   if (status != ORP_OK) abandon();
   return status;
 }
 
 }  // namespace
-
-OrpUvMsg *running_watcher() {
-  // The pointer alone could be stale: the application may have destroyed its loop.
-  OrpUvWatcher *watcher = uv::own_default_loop()->watchers;
-  while (watcher != nullptr && uv::as<OrpUvMsg>(watcher) != g_stMsgCtx.pstWatcher) {
-    watcher = watcher->link;
-  }
-  return watcher == nullptr || uv::is_deleted(watcher) ? nullptr : g_stMsgCtx.pstWatcher;
-}
 
 }  // namespace msgapi::msg
 

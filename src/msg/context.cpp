@@ -7,6 +7,8 @@
 #include <cstdio>
 
 #include "msgapi/trace.h"
+#include "uv/default_loop.h"
+#include "uv/watcher.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(ORP_MSG_CTX_ST) == 14 * sizeof(uint32_t));
 
@@ -19,6 +21,8 @@ constexpr ORP_MSG_CTX_ST unconnected(int32_t trace_fd) {
   context.slTraceFd = trace_fd;
   return context;
 }
+
+bool g_is_remote;
 
 void close_trace() {
   if (g_stMsgCtx.pstTraceStream != nullptr) std::fclose(g_stMsgCtx.pstTraceStream);
@@ -37,8 +41,26 @@ void set_own_name(std::string_view name) {
   copy_cut(g_appName, own_name());
 }
 
+bool is_local_connection(int fd) {
+  return fd == g_stMsgCtx.slSocket && !g_is_remote;
+}
+
+void set_remote_connection() {
+  g_is_remote = true;
+}
+
+OrpUvMsg *running_watcher() {
+  // The pointer alone could be stale: the application may have destroyed its loop.
+  OrpUvWatcher *watcher = uv::own_default_loop()->watchers;
+  while (watcher != nullptr && uv::as<OrpUvMsg>(watcher) != g_stMsgCtx.pstWatcher) {
+    watcher = watcher->link;
+  }
+  return watcher == nullptr || uv::is_deleted(watcher) ? nullptr : g_stMsgCtx.pstWatcher;
+}
+
 void clear_context() {
   close_trace();
+  g_is_remote = false;
   g_stMsgCtx = unconnected(0);
   set_own_name({});
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "base/text.h"
+#include "msgapi/loop.h"
 #include "msgapi/msg.h"
 
 namespace msgapi::msg {
@@ -30,6 +31,15 @@ inline bool headers_swapped() {
 inline uint32_t send_board() {
   return g_stMsgCtx.ulFlags >> ORP_MSG_CTX_SEND_BOARD_SHIFT & 7;
 }
+
+// Whether `fd` is the connection to the server on this machine, a Unix socket, and not the one to
+// another board.
+bool is_local_connection(int fd);
+// Tells that the context's socket, until it is cleared, leads to another board.
+void set_remote_connection();
+
+// The context's message watcher, or null when there is none or its loop has let it go.
+OrpUvMsg *running_watcher();
 
 // Clears everything but the socket, which becomes -1. Closes nothing but the trace stream.
 void clear_context();

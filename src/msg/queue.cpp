@@ -1,10 +1,14 @@
 // The pending queue: messages that arrived while a synchronous wait looked for another one.
+//
+// The wait takes them past the message watcher, answers to asynchronous requests among them. These
+// still reach their requests: when the queue is drained, or before, when a request's time is over.
 
 #include "msg/queue.h"
 
 #include "base/list.h"
 #include "msg/context.h"
 #include "msg/drop_count.h"
+#include "uv/pending.h"
 #include "uv/trace_point.h"
 
 namespace msgapi::msg {
@@ -29,6 +33,22 @@ void destroy_queue(QueueNode **head) {
   list_delete_all(*head, release_node);
 }
 
+Header *take_answer_from_queue(const OrpUvMsgPending *entry) {
+  const OrpUvMsg *watcher = running_watcher();
+  if (watcher == nullptr || entry->watcher != watcher || watcher->matchProc == nullptr) {
+    return nullptr;
+  }
+  QueueNode *node = g_stMsgCtx.pstQueue;
+  while (node != nullptr && watcher->matchProc(node->pstMsg, entry->key1, entry->key2) == 0) {
+    node = node->pstNext;
+  }
+  if (node == nullptr) return nullptr;
+
+  list_unlink(g_stMsgCtx.pstQueue, node);
+  const Owned<QueueNode> owner(node);
+  return node->pstMsg;
+}
+
 void drain_pending_queue() {
   if (g_stMsgCtx.pstQueue == nullptr) return;
   ORP_TRACE_PrintInfo("MsgQueueClearIdleProc", __LINE__, 0, "msg", uv::kTraceLevel,
@@ -39,9 +59,12 @@ void drain_pending_queue() {
   uint32_t count = 0;
   while (QueueNode *node = g_stMsgCtx.pstQueue) {
     list_unlink(g_stMsgCtx.pstQueue, node);
-    ORP_MSG_FilterProc(node->pstMsg);
-    std::free(node->pstMsg);
-    std::free(node);
+    const Owned<QueueNode> node_owner(node);
+    const Owned<Header> message(node->pstMsg);
+    OrpUvMsg *watcher = running_watcher();
+    if (watcher == nullptr || !uv::answer_pending(watcher, message.get())) {
+      ORP_MSG_FilterProc(message.get());
+    }
     ++count;
   }
   ORP_TRACE_PrintInfo("MsgQueueClearIdleProc", __LINE__, 0, "msg", uv::kTraceLevel,

@@ -3,6 +3,7 @@
 
 #include "base/status.h"
 #include "msg/header.h"
+#include "msgapi/loop.h"
 
 namespace msgapi::msg {
 
@@ -14,7 +15,12 @@ Status append_to_queue(QueueNode **head, Header *message, ORP_WORD extra);
 // Frees the nodes with their messages, and counts these as dropped.
 void destroy_queue(QueueNode **head);
 
-// Dispatches what is in the context's pending queue, and what is added meanwhile.
+// Takes the message that answers the entry of the connection's watcher out of the context's pending
+// queue; null when there is none.
+Header *take_answer_from_queue(const OrpUvMsgPending *entry);
+
+// Empties the context's pending queue, of what is added meanwhile, too: what answers an
+// asynchronous request goes to it, all else is dispatched.
 void drain_pending_queue();
 
 }  // namespace msgapi::msg

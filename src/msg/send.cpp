@@ -3,8 +3,11 @@
 // A message is written straight from the caller's block: its header is stamped with the board
 // number and put into the connection's byte order in place, and restored afterwards.
 //
-// A write is first tried without blocking, which is all it takes when the socket has room. Only
-// where that leaves open what a wait would have said is the wait done and the write begun anew.
+// On the process's connection within this machine a write is first tried without blocking, which is
+// all it takes when the socket has room. Only where that leaves open what a wait would have said is
+// the wait done and the write begun anew. Such a socket takes a message whole or not at all. TCP
+// would take the part for which there is room, although it does not count as writable then, and the
+// rest might never go: on any other descriptor the wait comes first.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -129,10 +132,15 @@ Status hand_over_and_write(const Target &target, const Header &message) {
   return status;
 }
 
+Status wait_and_write(const Target &target, Header *message) {
+  return await_writable(target.fd, *message) ? write_message(target, message, /*waited=*/true)
+                                             : Status::kNotWritable;
+}
+
 Status send_to(const Target &target, Header *message) {
-  return message->ulDataLen > ORP_MSG_MAX_INLINE_BODY
-             ? hand_over_and_write(target, *message)
-             : write_message(target, message, /*waited=*/false);
+  if (message->ulDataLen > ORP_MSG_MAX_INLINE_BODY) return hand_over_and_write(target, *message);
+  return is_local_connection(target.fd) ? write_message(target, message, /*waited=*/false)
+                                        : wait_and_write(target, message);
 }
 
 uint32_t send_built(Header header) {
@@ -181,7 +189,6 @@ extern "C" uint32_t ORP_MSG_Send(ORP_MSG_HEADER_ST *message) {
 }
 
 extern "C" uint32_t ORP_MSG_SendEx(int32_t descriptor, ORP_MSG_HEADER_ST *message) {
-  if (message == nullptr) return ORP_ERR_ARGUMENT;
   if (g_pfMsgSendHook != nullptr) {
     uint32_t handled = 0;
     const uint32_t status = g_pfMsgSendHook(message, &handled, &descriptor);

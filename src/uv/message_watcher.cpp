@@ -177,15 +177,6 @@ void note_end_of_stream(OrpUvIo *io) {
   io->head.loop->flags |= kLoopFilterSets;
 }
 
-OrpUvMsgPending *find_pending(const OrpUvMsg *watcher, const ORP_MSG_HEADER_ST *message) {
-  if (watcher->matchProc == nullptr) return nullptr;
-  OrpUvMsgPending *entry = watcher->pending;
-  while (entry != nullptr && watcher->matchProc(message, entry->key1, entry->key2) == 0) {
-    entry = entry->link;
-  }
-  return entry;
-}
-
 // The I/O callback: one message, or none and nobody is told.
 void receive(OrpUvIo *io, uint32_t /*event*/) {
   auto *watcher = reinterpret_cast<OrpUvMsg *>(io);
@@ -195,9 +186,7 @@ void receive(OrpUvIo *io, uint32_t /*event*/) {
   if (status == Status::kPeerGone) note_end_of_stream(io);
   if (status != Status::kOk) return;
 
-  if (OrpUvMsgPending *entry = find_pending(watcher, message.get())) {
-    finish_pending(entry, watcher, message.get());
-  } else if (watcher->msgProc != nullptr) {
+  if (!answer_pending(watcher, message.get()) && watcher->msgProc != nullptr) {
     watcher->msgProc(message.get());
   }
 }

@@ -45,9 +45,10 @@ void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool 
       header.ulMsgData, header.ulDataLen, to, from);
 }
 
-}  // namespace
+TakeAnswer g_take_answer;
 
-void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message) {
+// Ends the entry with `message`, or by time-out with null.
+void finish(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message) {
   end_timer(entry->timer);
   entry->timer = nullptr;
   if (watcher != nullptr) list_unlink(watcher->pending, entry);
@@ -56,6 +57,22 @@ void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST
                       watcher->headerSize >= sizeof(ORP_MSG_HEADER_ST);
   const Owned<OrpUvMsgPending> owner(entry);
   call_traced(entry, message, traced);
+}
+
+}  // namespace
+
+bool answer_pending(OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message) {
+  if (watcher->matchProc == nullptr) return false;
+  OrpUvMsgPending *entry = watcher->pending;
+  while (entry != nullptr && watcher->matchProc(message, entry->key1, entry->key2) == 0) {
+    entry = entry->link;
+  }
+  if (entry != nullptr) finish(entry, watcher, message);
+  return entry != nullptr;
+}
+
+void set_take_answer(TakeAnswer procedure) {
+  g_take_answer = procedure;
 }
 
 void orphan_pending(OrpUvMsg *watcher) {
@@ -86,5 +103,7 @@ extern "C" void UvMsgWatcherTimeout(ORP_WORD entry) {
   if (entry == 0) return;
 
   auto *expired = reinterpret_cast<OrpUvMsgPending *>(entry);
-  finish_pending(expired, expired->watcher, nullptr);
+  const msgapi::Owned<ORP_MSG_HEADER_ST> answer(g_take_answer == nullptr ? nullptr
+                                                                         : g_take_answer(expired));
+  finish(expired, expired->watcher, answer.get());
 }

@@ -10,8 +10,14 @@
 
 namespace msgapi::uv {
 
-// Ends the entry with `message`, or by time-out with null.
-void finish_pending(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message);
+// Ends the first of the watcher's entries that `message` answers; false when there is none.
+bool answer_pending(OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message);
+
+// Whoever reads messages past their watcher, and keeps them to deliver them later, sets this: an
+// entry whose time is over is asked about first. The procedure hands over the message that answers
+// the entry, which is freed after its procedure, or null.
+using TakeAnswer = ORP_MSG_HEADER_ST *(*)(const OrpUvMsgPending *entry);
+void set_take_answer(TakeAnswer procedure);
 
 // The watcher is about to be freed: its entries are left to their timers, and those without a
 // time-out (no timer, or one that sleeps) are freed without a call.

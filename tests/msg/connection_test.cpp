@@ -1,4 +1,4 @@
-#include "msg/connection.h"
+#include "msg/context.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,18 +7,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "msg/context.h"
 #include "msg/drop_count.h"
 #include "msg/header.h"
 #include "msgapi/loop.h"
 #include "msgapi/trace.h"
 #include "support/allocation.h"
 #include "support/fd_check.h"
+#include "support/log_lines.h"
 #include "support/message_peer.h"
 #include "uv/message_watcher.h"
 
@@ -123,13 +125,24 @@ TEST_F(Connect, HappensOnce) {
   EXPECT_EQ(SIG_IGN, ::signal(SIGPIPE, SIG_IGN));
 }
 
-TEST_F(Connect, FailsWithoutAServer) {
+TEST_F(Connect, FailsWithoutAServerAndSaysWhy) {
+  test::LogLines log;
   const test::FdCheck no_leak;
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_Init("self"));
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_InitSlaveApp("self", "127.0.0.1", 1));
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_InitSlaveApp("self", "localhost", 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_InitSlaveApp("self", nullptr, 1));
   EXPECT_EQ(-1, g_stMsgCtx.slSocket);
+
+  const std::string prefix = "Cannot connect to the message server ";
+  EXPECT_EQ(prefix +
+                "/var/run/msgsvr: No such file or directory (errno 2): no message server runs "
+                "here.\n",
+            log.next());
+  EXPECT_EQ(prefix + "127.0.0.1: Connection refused (errno 111): the message server has ended.\n",
+            log.next());
+  EXPECT_EQ(prefix + "localhost: Invalid argument (errno 22): no connection.\n", log.next());
+  EXPECT_EQ("", log.next());
 }
 
 // It shows as a destroyed context only.
@@ -373,6 +386,37 @@ TEST_F(Connect, AnswersAsynchronousRequestsByTypeAndNumberOrTimesThemOut) {
   });
   run_loop();
   EXPECT_EQ("2b1atc", g_answers);
+}
+
+TEST_F(Connect, KeepsTheAnswerOfAnAsynchronousRequestThatASynchronousWaitReads) {
+  connect([](MessagePeer &peer) {
+    const Frame first = peer.read();
+    const Frame second = peer.read();
+    const Frame wait = peer.read();
+    peer.send({.type = 1});
+    peer.answer(second, '2');
+    peer.answer(first, '1');
+    peer.answer(first, 'l');  // late: the request is done
+    peer.send({.type = 2});
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    peer.answer(wait);
+    peer.send({.type = 0xeee});
+  });
+  ORP_MSG_RegisterMsgProc([](Header *message) {
+    g_answers += message->ulMsgType == 0x34 ? 's' : '-';
+    hear(message);
+  });
+
+  // The second has its answer in time and is timed out all the same when that is not looked for:
+  // its timer is due before the loop is idle.
+  EXPECT_EQ(ORP_OK, request_async(0x34, kIdle_ms, 'a'));
+  EXPECT_EQ(ORP_OK, request_async(0x34, 20, 'b'));
+  uint32_t result;
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendAndRecvMsgData("peer", 0x35, 0, 0, &result));
+  EXPECT_EQ("", g_answers) << "no procedure runs within a wait";
+  run_loop();
+  EXPECT_EQ("2b-1as--", g_answers) << "the second by its timer, the rest as it came";
+  EXPECT_EQ((Types{1, 0x34, 2}), g_heard);
 }
 
 TEST_F(Connect, LetsAnAnswerProcedureStartTheNextRequestAndDestroyTheContext) {

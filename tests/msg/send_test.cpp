@@ -1,16 +1,21 @@
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "msgapi/msg.h"
+#include "os/wait.h"
 #include "support/fd_check.h"
 #include "support/file.h"
 #include "support/log_lines.h"
@@ -133,6 +138,48 @@ TEST(Send, WaitsForRoomWhateverInterruptsIt) {
   EXPECT_TRUE(sent == received);
 }
 
+// TCP has room for a part of a message while it does not count as writable.
+TEST(Send, LeavesNoPartOfAMessageOnAConnectionToAnotherBoardThatIsFull) {
+  constexpr uint16_t kPort = 7000;
+  std::atomic<bool> read_on = false;
+  const MessageBlock block = message(0x1234, std::string(2048, 'b'));
+  std::optional<test::FakeServer> server;
+  server.emplace(
+      [&](test::MessagePeer &peer) {
+        peer.accept_registration("self");
+        while (!read_on) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_TRUE(peer.closed());
+      },
+      kPort);
+  ASSERT_EQ(ORP_OK, ORP_MSG_InitSlaveApp("self", "127.0.0.1", kPort));
+  const int socket = g_stMsgCtx.slSocket;
+  const auto writable = [socket] {
+    return msgapi::os::wait_writable(socket, 50) == msgapi::os::Readiness::kReady;
+  };
+  const auto unsent = [socket] {
+    int count = 0;
+    ::ioctl(socket, SIOCOUTQ, &count);
+    return count;
+  };
+  const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(200)); };
+  const std::string filler(4096, 'f');
+  int before;
+  do {  // the kernel moves bytes to the peer for a while
+    while (writable()) ::send(socket, filler.data(), filler.size(), MSG_DONTWAIT);
+    before = unsent();
+    pause();
+  } while (writable() || unsent() != before);
+  ASSERT_LT(0, ::send(socket, "f", 1, MSG_DONTWAIT)) << "there is room";
+
+  std::thread sender([&] { EXPECT_EQ(ORP_OK, ORP_MSG_Send(block.get())); });
+  pause();
+  EXPECT_EQ(before + 1, unsent());
+  read_on = true;
+  sender.join();
+  ORP_MSG_Destroy();
+  server.reset();
+}
+
 TEST(SendHook, ClaimsAMessageOrDivertsIt) {
   Connection connection;
   int ends[2];
@@ -153,8 +200,11 @@ TEST(SendHook, ClaimsAMessageOrDivertsIt) {
   EXPECT_EQ(0x1234u, other.read().type);
   claims = 1;
   EXPECT_EQ(5u, ORP_MSG_Send(message(0x1234).get()));
+  EXPECT_EQ(5u, ORP_MSG_SendEx(g_stMsgCtx.slSocket, nullptr)) << "asked before anything is checked";
   EXPECT_TRUE(other.quiet());
   EXPECT_TRUE(connection.peer.quiet());
+  claims = 0;
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendEx(g_stMsgCtx.slSocket, nullptr));
   g_pfMsgSendHook = nullptr;
   ::close(ends[0]);
 }
