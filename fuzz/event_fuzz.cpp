@@ -25,9 +25,10 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// In a block that ends where the message ends.
-Message make_message(const uint8_t *data, size_t size, uint8_t choice) {
-  Message message(static_cast<ORP_MSG_HEADER_ST *>(std::malloc(ORP_MSG_HEADER_SIZE + size)));
+// In a block that ends `tail` zeros behind the message.
+Message make_message(const uint8_t *data, size_t size, uint8_t choice, size_t tail = 0) {
+  Message message(
+      static_cast<ORP_MSG_HEADER_ST *>(std::calloc(1, ORP_MSG_HEADER_SIZE + size + tail)));
   *message = {};
   message->ulMsgType = ORP_MSG_ALL_EVENTS + (choice & 0x7F);
   message->ulDataLen = static_cast<uint32_t>(size);
@@ -41,20 +42,38 @@ Message make_message(const uint8_t *data, size_t size, uint8_t choice) {
   return message;
 }
 
-// Touches every byte that is handed out.
+// As the library hands it to the application.
+Message receive(const uint8_t *data, size_t size, uint8_t choice) {
+  Message message = make_message(data, size, choice, msgapi::kZeroTail);
+  msgapi::msg::hold_to_length(message.get());
+  return message;
+}
+
+// Touches every byte.
+uint32_t take(uint32_t, const void *data, uint32_t length) {
+  const auto *bytes = static_cast<const char *>(data);
+  uint32_t sum = 0;
+  for (uint32_t i = 0; i < length; ++i) sum += static_cast<unsigned char>(bytes[i]);
+  return sum == 0xFFFFFFFF ? 1 : 0;
+}
+
 void walk(const ORP_MSG_HEADER_ST *message) {
-  const char *start = reinterpret_cast<const char *>(message + 1);
-  const char *end = start + message->ulDataLen;
+  const auto *dm = reinterpret_cast<const msgapi::msg::DmBody *>(message + 1);
+  const char *start = reinterpret_cast<const char *>(dm);
+  const uint64_t used = dm->capacity - dm->free;
+  const char *end = start + used + 12;
   ORP_DMMSG_ITEM_ST item;
   const void *cursor = nullptr;
   uint32_t count = 0;
   while (ORP_DMMSG_GetItemEx(start, &item, &cursor) == 0) {
     ++count;
-    require(count * 12 <= message->ulDataLen);
+    require(count * 12 <= used);
     require((item.pValue == nullptr) == (item.ulValueLen == 0));
     if (item.pcName != nullptr) require(std::strlen(item.pcName) < item.ulNameLen);
     const auto *value = static_cast<const char *>(item.pValue);
-    if (value != nullptr) require(value >= start && value + item.ulValueLen <= end);
+    if (value == nullptr) continue;
+    require(value >= start && value + item.ulValueLen <= end);
+    (void)take(0, value, item.ulValueLen);
   }
 }
 
@@ -74,13 +93,6 @@ void convert(ORP_MSG_HEADER_ST *message) {
   std::free(text);
 }
 
-uint32_t take(uint32_t, const void *data, uint32_t length) {
-  const auto *bytes = static_cast<const char *>(data);
-  uint32_t sum = 0;
-  for (uint32_t i = 0; i < length; ++i) sum += static_cast<unsigned char>(bytes[i]);
-  return sum == 0xFFFFFFFF ? 1 : 0;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -93,10 +105,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   ORP_Evt_SubMsgProc(message.get());
   convert(message.get());
-  walk(message.get());
+  const Message received = receive(data + 1, size - 1, data[0]);
+  walk(received.get());
 
   // Bytes behind the last item may become items when one is added; they are bounded all the same.
-  void *body = make_message(data + 1, size - 1, data[0]).release() + 1;
+  void *body = receive(data + 1, size - 1, data[0]).release() + 1;
   if (ORP_DMMSG_AppendItem(&body, 7, "added", data, static_cast<uint32_t>(size)) == 0) {
     walk(ORP_MSG_GetMsgHead(body));
   }
