@@ -3,6 +3,14 @@
 set(programs msgsvr notifyserver mlogserver)
 set(tools mlog cfmctl)
 
+# What is installed finds its libraries wherever it is put. An image whose libraries are all in a
+# place that its loader knows does without: CMAKE_SKIP_INSTALL_RPATH.
+file(RELATIVE_PATH libraries_from_programs
+  ${CMAKE_INSTALL_FULL_SBINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+set_target_properties(msgapi orputil cfmapi PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(${programs} ${tools} PROPERTIES
+  INSTALL_RPATH "$ORIGIN/${libraries_from_programs}")
+
 install(TARGETS msgapi orputil cfmapi EXPORT msgapi-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -11,9 +19,21 @@ install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT p
 
 install(DIRECTORY include/ platform/orputil/include/ platform/cfmapi/include/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN "*.h")
-configure_file(cmake/libmsgapi.pc.in libmsgapi.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libmsgapi.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+# Below /usr the loader finds the library by itself; elsewhere a program is told where it is.
+file(RELATIVE_PATH library_directory ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH prefix_from_pc /${library_directory}/pkgconfig /)
+set(run_path)
+configure_file(cmake/libmsgapi.pc.in pkgconfig/system/libmsgapi.pc @ONLY)
+set(run_path "-Wl,-rpath,\${libdir} ")
+configure_file(cmake/libmsgapi.pc.in pkgconfig/elsewhere/libmsgapi.pc @ONLY)
+install(CODE "
+  set(kind elsewhere)
+  if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr/?$|/_CPack_Packages/\")
+    set(kind system)
+  endif()
+  file(INSTALL \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/\${kind}/libmsgapi.pc\"
+    DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${library_directory}/pkgconfig\")
+" COMPONENT development)
 
 include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/msgapi)
