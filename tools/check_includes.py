@@ -1,0 +1,94 @@
+#!/usr/bin/env python3
+"""check_includes.py [SOURCES]: fails when files include each other in a circle, or when a folder of
+src/ includes one above it.
+
+A source file and its header count as one. What is known and still to be mended stands in
+check_includes.known beside this script, one line each; a line that is no longer true fails, too."""
+
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[1]).resolve()
+PLACES = ["src", "servers", "catalogue", "tools", "examples", "platform"]
+# The public headers are one interface: they are looked at for circles of their own only.
+SEARCHED = [ROOT / "src", ROOT / "servers", ROOT / "include", ROOT]
+ORDER = ["base", "os", "util", "uv", "log", "notify", "msg", "device"]
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
+
+
+def sources():
+    for place in PLACES + ["include"]:
+        for path in sorted((ROOT / place).rglob("*")):
+            if path.suffix in (".h", ".hpp", ".c", ".cpp"):
+                yield path
+
+
+def unit(path):
+    return str(path.relative_to(ROOT).with_suffix(""))
+
+
+def included(path):
+    for name in INCLUDE.findall(path.read_text()):
+        for folder in [path.parent, *SEARCHED]:
+            if (folder / name).is_file():
+                yield (folder / name).resolve()
+                break
+
+
+def folder_of(name):
+    parts = name.split("/")
+    return parts[1] if parts[0] == "src" and len(parts) > 2 else None
+
+
+def circles(graph):
+    """Tarjan's strongly connected components of more than one unit."""
+    index, low, stack, found = {}, {}, [], []
+
+    def visit(node):
+        index[node] = low[node] = len(index)
+        stack.append(node)
+        for other in sorted(graph[node]):
+            if other not in index:
+                visit(other)
+                low[node] = min(low[node], low[other])
+            elif other in stack:
+                low[node] = min(low[node], index[other])
+        if low[node] == index[node]:
+            members = stack[stack.index(node):]
+            del stack[stack.index(node):]
+            if len(members) > 1:
+                found.append(sorted(members))
+
+    for node in sorted(graph):
+        if node not in index:
+            visit(node)
+    return found
+
+
+def main():
+    sys.setrecursionlimit(10000)
+    graph, faults = {}, set()
+    for path in sources():
+        name = unit(path)
+        targets = graph.setdefault(name, set())
+        for target in map(unit, included(path)):
+            graph.setdefault(target, set())
+            if target != name:
+                targets.add(target)
+            lower, upper = folder_of(name), folder_of(target)
+            if lower in ORDER and upper in ORDER and ORDER.index(lower) < ORDER.index(upper):
+                faults.add(f"upwards: {name} includes {target}")
+    for members in circles(graph):
+        faults.add("circle: " + " ".join(members))
+
+    listed = pathlib.Path(__file__).with_suffix(".known")
+    known = set(listed.read_text().splitlines()) if listed.exists() else set()
+    for fault in sorted(faults - known):
+        print(fault, file=sys.stderr)
+    for fault in sorted(known - faults):
+        print(f"no longer so, remove it from {listed.name}: {fault}", file=sys.stderr)
+    return 1 if faults != known else 0
+
+
+sys.exit(main())
