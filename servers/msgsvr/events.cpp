@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "catalogue/message_types.h"
 #include "common/log_line.h"
 #include "msgsvr/hand_over.h"
 #include "msgsvr/services.h"
@@ -153,15 +154,15 @@ class Events final : public Service {
   void publish_file(Client &from, const Message &message) {
     const auto original = hand_over_path(message.body);
     if (!original || !may_hand_over(*original, from.peer.uid)) {
-      log_line("{} published an event 0x{:x} whose body is no hand-over file of its own",
-               from.label(), message.type());
+      log_line("{} published an event {} whose body is no hand-over file of its own", from.label(),
+               catalogue::describe(message.type()));
       return;
     }
     for (Client *to : receivers_) {
       const uint32_t number = link_hand_over(*original);
       if (number == 0) {
-        log_line("an event 0x{:x} of {} does not reach {}: {}: {}", message.type(), from.label(),
-                 to->label(), *original, std::strerror(errno));
+        log_line("an event {} of {} does not reach {}: {}: {}", catalogue::describe(message.type()),
+                 from.label(), to->label(), *original, std::strerror(errno));
         server_->lost_event(*to);
         continue;
       }

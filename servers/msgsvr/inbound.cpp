@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "catalogue/message_types.h"
 #include "common/log_line.h"
 #include "msgsvr/hand_over.h"
 #include "msgsvr/server.h"
@@ -322,8 +323,9 @@ void Server::abandon_stream(Client &from, std::string_view why, bool tell) noexc
   if (!to.out.broken()) {
     const bool taken_back = to.out.give_up(stream);
     loop_->attempt("a message is cut short", [&] {
-      log_line("a message 0x{:x} of {} bytes from {} to {} is cut short: {}; {}",
-               in.stream_tag.type, in.stream_size, from.label(), to.label(), why,
+      log_line("a message {} of {} bytes from {} to {} is cut short: {}; {}",
+               catalogue::describe(in.stream_tag.type), in.stream_size, from.label(), to.label(),
+               why,
                taken_back ? std::string("the receiver has seen nothing of it")
                           : fmt::format("its last {} bytes are sent as zeros", in.left));
     });
@@ -394,8 +396,8 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header)
     std::string body;
     if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
       if (!read_hand_over(message.body, kLongestServerBody, from.peer.uid, &body)) {
-        log_line("{} sent a message 0x{:x} whose body cannot be read from its file", from.label(),
-                 message.type());
+        log_line("{} sent a message {} whose body cannot be read from its file", from.label(),
+                 catalogue::describe(message.type()));
         ++statistics_.unserved;
         for (const RefusedHandler &handler : refused_messages_) handler(from, header);
         notify_undeliverable(from, message.type(), header.ulSeqNum);
