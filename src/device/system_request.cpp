@@ -7,14 +7,12 @@
 namespace msgapi {
 namespace {
 
-constexpr uint32_t kStopWatchdog = 0x709;
-constexpr uint32_t kFactoryMode = 0x70A;
 constexpr uint32_t kFactoryModeTimeoutMs = 2000;
 
 constexpr char kServer[] = "";
 
 uint32_t ask_factory_mode() {
-  msg::Header request = msg::build_header(kServer, kFactoryMode, 0);
+  msg::Header request = msg::build_header(kServer, ORP_MSG_FACTORY_MODE, 0);
   const Result<Owned<msg::Header>> reply = msg::exchange(&request, kFactoryModeTimeoutMs);
   return reply ? (*reply)->ulMsgData : 0;
 }
@@ -29,7 +27,7 @@ extern "C" uint32_t ORP_APP_SendSysguardHeartBeat() {
 }
 
 extern "C" uint32_t ORP_APP_StopSysguard() {
-  return ORP_MSG_SendSimpleMsg(kServer, kStopWatchdog, 0);
+  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_STOP_WATCHDOG, 0);
 }
 
 extern "C" uint32_t ORP_UTIL_Reboot(uint32_t mode) {

@@ -14,19 +14,6 @@
 namespace msgapi::msg {
 namespace {
 
-constexpr uint32_t kSave = 0x5009;
-constexpr uint32_t kReboot = 0x500E;
-constexpr uint32_t kRestoreDefaults = 0x500F;
-constexpr uint32_t kExportFile = 0x5026;
-constexpr uint32_t kImportFile = 0x5027;
-constexpr uint32_t kCheckFile = 0x5028;
-constexpr uint32_t kSaveAppSync = 0x502A;
-constexpr uint32_t kSaveSync = 0x502B;
-constexpr uint32_t kDeleteAppData = 0x5033;
-constexpr uint32_t kExportUser = 0x5035;
-constexpr uint32_t kSaveToApp = 0x503F;
-constexpr uint32_t kSaveToAppSync = 0x5040;
-
 constexpr uint32_t kFileTimeoutMs = 15000;
 
 constexpr char kServer[] = "";
@@ -63,7 +50,7 @@ uint32_t file_request(uint32_t type, const char *path) {
 }  // namespace
 
 uint32_t request_reboot(uint32_t mode) {
-  return ORP_MSG_SendSimpleMsg(kServer, kReboot, mode);
+  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_REBOOT, mode);
 }
 
 }  // namespace msgapi::msg
@@ -72,50 +59,50 @@ using namespace msgapi;
 using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_DB_SaveFunc() {
-  return ORP_MSG_SendSimpleMsg(kServer, kSave, ORP_CFM_GetCurrUser());
+  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_SAVE_CFG, ORP_CFM_GetCurrUser());
 }
 
 extern "C" uint32_t ORP_DB_SaveSyncFunc() {
-  return request_for_data(kSaveSync, 5000);
+  return request_for_data(ORP_MSG_SAVE_CFG_SYNC, 5000);
 }
 
 extern "C" uint32_t ORP_AppSaveSyncFunc() {
-  return request_for_data(kSaveAppSync, 1000);
+  return request_for_data(ORP_MSG_SAVE_APPDATA_SYNC, 1000);
 }
 
 extern "C" uint32_t ORP_DB_SaveToAppFunc() {
-  return ORP_MSG_SendSimpleMsg(kServer, kSaveToApp, ORP_CFM_GetCurrUser());
+  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_SAVE_CFG_TO_APP, ORP_CFM_GetCurrUser());
 }
 
 extern "C" uint32_t ORP_DB_SaveToAppSyncFunc() {
-  return request_for_data(kSaveToAppSync, 1000);
+  return request_for_data(ORP_MSG_SAVE_CFG_TO_APP_SYNC, 1000);
 }
 
 extern "C" uint32_t ORP_CFM_ExtExportEncryptedCfgFile(const char *path) {
-  return file_request(kExportFile, path);
+  return file_request(ORP_MSG_EXPORT_CFG_FILE, path);
 }
 
 extern "C" uint32_t ORP_CFM_ExtExportEncCfgFileByUser(const char *path, uint32_t user) {
-  (void)ORP_MSG_SendSimpleMsg(kServer, kExportUser, user);
-  return file_request(kExportFile, path);
+  (void)ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_EXPORT_USER, user);
+  return file_request(ORP_MSG_EXPORT_CFG_FILE, path);
 }
 
 extern "C" uint32_t ORP_CFM_ExtImportEncryptedCfgFile(const char *path) {
   if (path != nullptr) std::printf("before send ORP_MSG_IMPORT_CFG_FILE, file=%s.\n", path);
-  return file_request(kImportFile, path);
+  return file_request(ORP_MSG_IMPORT_CFG_FILE, path);
 }
 
 extern "C" uint32_t ORP_DB_CheckFile(const char *path) {
-  return file_request(kCheckFile, path);
+  return file_request(ORP_MSG_CHECK_CFG_FILE, path);
 }
 
 extern "C" uint32_t ORP_CFM_DelAppdata() {
-  return file_request(kDeleteAppData, nullptr);
+  return file_request(ORP_MSG_DELETE_APPDATA, nullptr);
 }
 
 extern "C" uint32_t ORP_CFM_ExtRestoreDft(uint32_t mode) {
   const RestoreRequest request = {mode, ORP_CFM_GetCurrUser()};
-  return ORP_MSG_SendMsgData(kServer, kRestoreDefaults, &request, sizeof request);
+  return ORP_MSG_SendMsgData(kServer, ORP_MSG_RESTORE_DEFAULTS, &request, sizeof request);
 }
 
 extern "C" uint32_t ORP_CFM_ExtReboot(uint32_t mode) {

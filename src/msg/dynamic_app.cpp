@@ -19,11 +19,6 @@ uint32_t g_ulSafeExitMsgTimeout = 5000;
 namespace msgapi::msg {
 namespace {
 
-constexpr uint32_t kPostScript = 0x490C;
-constexpr uint32_t kUpdate = 0x5001;
-constexpr uint32_t kSyncPost = 0x5019;
-constexpr uint32_t kStopAll = 0x504D;
-
 constexpr uint32_t kStopAllTimeoutMs = 20000;
 
 constexpr char kServer[] = "";
@@ -42,7 +37,7 @@ void stop(const char *name) {
 
 uint32_t update(const char *name, uint32_t action) {
   if (action != ORP_DYNAPP_ON && own_name() != name) stop(name);
-  NameMessage message = build_name_message(kUpdate, action, name);
+  NameMessage message = build_name_message(ORP_MSG_DYNAPP_UPDATE, action, name);
   return ORP_MSG_Send(&message.header);
 }
 
@@ -59,7 +54,7 @@ uint32_t post_script(std::string_view first, std::string_view script) {
       static_cast<ScriptHead *>(guarded_zalloc(sizeof(ScriptHead) + uint64_t{script.size()} + 1)));
   if (!message) return kFailed;
 
-  message->header = build_header("web", kPostScript, 0);
+  message->header = build_header("web", ORP_MSG_POST_SCRIPT, 0);
   message->header.ulDataLen = static_cast<uint32_t>(sizeof message->first + script.size() + 1);
   if (!copy_or_report(message->first, first)) return kFailed;
   copy_cut({reinterpret_cast<char *>(message.get() + 1), script.size() + 1}, script);
@@ -91,7 +86,7 @@ extern "C" uint32_t ORP_UTIL_RestartDynApp(const char *appName) {
 }
 
 extern "C" uint32_t ORP_UTIL_KillAllDynApp() {
-  Header request = build_header(kServer, kStopAll, 0);
+  Header request = build_header(kServer, ORP_MSG_DYNAPP_STOP_ALL, 0);
   return exchange_for_data(&request, kStopAllTimeoutMs);
 }
 
@@ -106,7 +101,7 @@ extern "C" uint32_t ORP_MSG_OrpSyncPost(const char *name) {
   if (name == nullptr || *name == '\0') return 1;
   const size_t size = std::strlen(name) + 1;
   if (size > UINT32_MAX) return 1;
-  return ORP_MSG_SendMsgData(kServer, kSyncPost, name, static_cast<uint32_t>(size));
+  return ORP_MSG_SendMsgData(kServer, ORP_MSG_SYNC_POST, name, static_cast<uint32_t>(size));
 }
 
 extern "C" uint32_t ORP_UTIL_PostLua(const char *first, const char *script) {

@@ -19,9 +19,6 @@ constexpr char kPublishTo[] = "mic";
 constexpr char kServer[] = "";
 constexpr char kEventType[] = "EventType";
 
-// Above ORP_MSG_ALL_EVENTS and below this, subscribers receive the bytes as they were published.
-constexpr uint32_t kFirstConverted = 0x2DA64;
-
 // Never removed, so callbacks may add more while the list is walked.
 struct Callback {
   Callback *next;
@@ -148,7 +145,7 @@ extern "C" void ORP_EVT_SubscribeAllEventCallBack(ORP_EVT_CALLBACK callback) {
 
 extern "C" void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message) {
   if (message == nullptr) return;
-  if (message->ulMsgType > ORP_MSG_ALL_EVENTS && message->ulMsgType < kFirstConverted) {
+  if (message->ulMsgType > ORP_MSG_ALL_EVENTS && message->ulMsgType < ORP_MSG_FIRST_JSON_EVENT) {
     deliver(message->ulMsgType, body(message), message->ulDataLen);
   } else {
     deliver_converted(*message);

@@ -22,13 +22,25 @@ struct Module {
 };
 
 constexpr Module kModules[] = {
-    {0x2DA65, "wan"},        {0x2DA66, "lan"},           {0x2DA67, "wlan"},
-    {0x2DA68, "dhcp"},       {0x2DA69, "web"},           {0x2DA01, "device"},
-    {0x2DA02, "monitor"},    {0x2DA03, "plugin_queues"}, {0x2DA04, "event_tracking"},
-    {0x2DA6A, "webconsole"}, {0x2DA6B, "online_update"}, {0x2DA6C, "usb"},
-    {0x2DA05, "tessel"},     {0x2DA6D, "behavior"},      {0x2DA06, "autoUpdate"},
-    {0x2DA07, "network"},    {0x2DA08, "tesselproxy"},   {0x2DA09, "feed"},
-    {0x2DA0A, "signal"},
+    {ORP_MSG_EVENT_WAN, "wan"},
+    {ORP_MSG_EVENT_LAN, "lan"},
+    {ORP_MSG_EVENT_WLAN, "wlan"},
+    {ORP_MSG_EVENT_DHCP, "dhcp"},
+    {ORP_MSG_EVENT_WEB, "web"},
+    {ORP_MSG_EVENT_DEVICE, "device"},
+    {ORP_MSG_EVENT_MONITOR, "monitor"},
+    {ORP_MSG_EVENT_PLUGIN_QUEUES, "plugin_queues"},
+    {ORP_MSG_EVENT_TRACKING, "event_tracking"},
+    {ORP_MSG_EVENT_WEBCONSOLE, "webconsole"},
+    {ORP_MSG_EVENT_ONLINE_UPDATE, "online_update"},
+    {ORP_MSG_EVENT_USB, "usb"},
+    {ORP_MSG_EVENT_TESSEL, "tessel"},
+    {ORP_MSG_EVENT_BEHAVIOR, "behavior"},
+    {ORP_MSG_EVENT_AUTO_UPDATE, "autoUpdate"},
+    {ORP_MSG_EVENT_NETWORK, "network"},
+    {ORP_MSG_EVENT_TESSEL_PROXY, "tesselproxy"},
+    {ORP_MSG_EVENT_FEED, "feed"},
+    {ORP_MSG_EVENT_SIGNAL, "signal"},
 };
 
 uint32_t module_type(std::string_view name) {
