@@ -26,18 +26,6 @@ namespace {
 
 using servers::log_line;
 
-constexpr uint32_t kSave = 0x5009;
-constexpr uint32_t kRestoreDefaults = 0x500f;
-constexpr uint32_t kExport = 0x5026;
-constexpr uint32_t kImport = 0x5027;
-constexpr uint32_t kCheckFile = 0x5028;
-constexpr uint32_t kSaveAppSync = 0x502a;
-constexpr uint32_t kSaveSync = 0x502b;
-constexpr uint32_t kDeleteAppData = 0x5033;
-constexpr uint32_t kExportUser = 0x5035;
-constexpr uint32_t kSaveToApp = 0x503f;
-constexpr uint32_t kSaveToAppSync = 0x5040;
-
 constexpr size_t kLargestImage = 64 << 20;
 
 // The requester's other results are those of the store.
@@ -51,39 +39,40 @@ class ConfigManager final : public Service {
       : server_(server),
         seal_{server->options().export_key, server->options().export_directories},
         worker_(&server->loop()) {
-    for (const uint32_t type : {kSave, kSaveToApp}) {
+    for (const uint32_t type : {ORP_MSG_SAVE_CFG, ORP_MSG_SAVE_CFG_TO_APP}) {
       server->serve(type, [this](Client &from, const Message &) {
         run(from, "saving", [] { return CFM_StoreSave(); });
       });
     }
-    for (const uint32_t type : {kSaveSync, kSaveAppSync, kSaveToAppSync}) {
+    for (const uint32_t type :
+         {ORP_MSG_SAVE_CFG_SYNC, ORP_MSG_SAVE_APPDATA_SYNC, ORP_MSG_SAVE_CFG_TO_APP_SYNC}) {
       server->serve(type, [this](Client &from, const Message &request) {
         run_and_answer(from, request, "saving", [] { return CFM_StoreSave(); });
       });
     }
-    server->serve(kRestoreDefaults, [this](Client &from, const Message &request) {
+    server->serve(ORP_MSG_RESTORE_DEFAULTS, [this](Client &from, const Message &request) {
       // Mode and user, of which this port needs neither.
       if (request.body.size() < 8) return;
       run(from, "bringing back the defaults of", [] { return CFM_StoreRestoreDefaults(); });
     });
-    server->serve(kDeleteAppData, [this](Client &from, const Message &request) {
+    server->serve(ORP_MSG_DELETE_APPDATA, [this](Client &from, const Message &request) {
       run_and_answer(from, request, "deleting the application data of",
                      [] { return CFM_StoreRestoreAppData(); });
     });
-    server->serve(kExportUser, [this](Client &from, const Message &request) {
+    server->serve(ORP_MSG_EXPORT_USER, [this](Client &from, const Message &request) {
       export_users_[from.id] = request.header.ulMsgData;
     });
     server->on_gone([this](Client &client) { export_users_.erase(client.id); });
-    server->serve(kExport, [this](Client &from, const Message &request) {
+    server->serve(ORP_MSG_EXPORT_CFG_FILE, [this](Client &from, const Message &request) {
       const uint32_t user = std::exchange(export_users_[from.id], 0);
       transfer(from, request, "export to",
                [this, user](const std::string &path) { return write_export(path, user); });
     });
-    server->serve(kImport, [this](Client &from, const Message &request) {
+    server->serve(ORP_MSG_IMPORT_CFG_FILE, [this](Client &from, const Message &request) {
       transfer(from, request, "import from",
                [this](const std::string &path) { return with_image(path, CFM_StoreImport); });
     });
-    server->serve(kCheckFile, [this](Client &from, const Message &request) {
+    server->serve(ORP_MSG_CHECK_CFG_FILE, [this](Client &from, const Message &request) {
       transfer(from, request, "check of",
                [this](const std::string &path) { return with_image(path, CFM_StoreCheckImage); });
     });

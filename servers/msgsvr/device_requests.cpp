@@ -7,16 +7,13 @@
 namespace msgsvr {
 namespace {
 
-constexpr uint32_t kFactoryMode = 0x70a;
-constexpr uint32_t kReboot = 0x500e;
-
 class DeviceRequests final : public Service {
  public:
   explicit DeviceRequests(Server *server) {
-    server->serve(kFactoryMode, [server](Client &from, const Message &request) {
+    server->serve(ORP_MSG_FACTORY_MODE, [server](Client &from, const Message &request) {
       server->reply(from, request, server->options().factory_mode ? 1 : 0);
     });
-    server->serve(kReboot, [](Client &from, const Message &request) {
+    server->serve(ORP_MSG_REBOOT, [](Client &from, const Message &request) {
       // This server runs on development machines: it only says what a device would do.
       servers::log_line("{} asks for a reboot, mode {}; not executed", from.label(),
                         request.header.ulMsgData);

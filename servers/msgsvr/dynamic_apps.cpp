@@ -43,9 +43,6 @@ using namespace std::chrono_literals;
 using servers::log_line;
 using Clock = EventLoop::Clock;
 
-constexpr uint32_t kUpdate = 0x5001;
-constexpr uint32_t kStopAll = 0x504d;
-
 constexpr int kPassedFd = 3;
 constexpr auto kFirstDelay = 1000ms;
 constexpr auto kLongestDelay = 60000ms;
@@ -194,8 +191,10 @@ struct StartFailure {
 class DynamicApps final : public Service {
  public:
   explicit DynamicApps(Server *server) : server_(server) {
-    server->serve(kUpdate, [this](Client &from, const Message &m) { update(from, m); });
-    server->serve(kStopAll, [this](Client &from, const Message &m) { stop_all(from, m); });
+    server->serve(ORP_MSG_DYNAPP_UPDATE,
+                  [this](Client &from, const Message &m) { update(from, m); });
+    server->serve(ORP_MSG_DYNAPP_STOP_ALL,
+                  [this](Client &from, const Message &m) { stop_all(from, m); });
     if (server->options().applications.empty()) return;
 
     std::ifstream file(server->options().applications);
@@ -391,7 +390,7 @@ class DynamicApps final : public Service {
     if (entry == apps_.end()) {
       log_line("{} speaks of {}, which is no dynamic application", from.label(),
                name ? name->text() : "nobody");
-      server_->notify_undeliverable(from, kUpdate, message.header.ulSeqNum);
+      server_->notify_undeliverable(from, ORP_MSG_DYNAPP_UPDATE, message.header.ulSeqNum);
       return;
     }
     App &app = **entry;

@@ -13,8 +13,6 @@ namespace {
 
 using servers::log_line;
 
-// Stops the watch over the sender's keep-alives.
-constexpr uint32_t kStopKeepAlive = 0x709;
 constexpr int kMissedPeriods = 3;
 
 class Registration final : public Service {
@@ -29,7 +27,8 @@ class Registration final : public Service {
       from.last_alive = EventLoop::Clock::now();
       from.watched = period_.count() > 0;
     });
-    server->serve(kStopKeepAlive, [](Client &from, const Message &) { from.watched = false; });
+    server->serve(ORP_MSG_STOP_WATCHDOG,
+                  [](Client &from, const Message &) { from.watched = false; });
     if (period_.count() > 0) look_for_the_missing();
   }
 

@@ -16,17 +16,14 @@ namespace {
 
 using servers::log_line;
 
-constexpr uint32_t kWait = 0x5018;
-constexpr uint32_t kRelease = 0x5019;
-
 // Names come from clients.
 constexpr size_t kLongestName = 255;
 
 class SyncPoints final : public Service {
  public:
   explicit SyncPoints(Server *server) : server_(server) {
-    server->serve(kWait, [this](Client &from, const Message &m) { wait(from, m); });
-    server->serve(kRelease, [this](Client &from, const Message &m) { release(from, m); });
+    server->serve(ORP_MSG_SYNC_WAIT, [this](Client &from, const Message &m) { wait(from, m); });
+    server->serve(ORP_MSG_SYNC_POST, [this](Client &from, const Message &m) { release(from, m); });
     server->on_gone([this](Client &client) { forget(client); });
   }
 
