@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr uint32_t kWan = 0x2DA65;
-
 struct Item {
   std::string name;
   std::string value;
@@ -100,7 +98,7 @@ ORP_MSG_HEADER_ST *make_event(const std::vector<Item> &items) {
   }
   (void)ORP_DMMSG_Send(body);  // seals it; there is no connection
   ORP_MSG_HEADER_ST *message = ORP_MSG_GetMsgHead(body);
-  message->ulMsgType = kWan;
+  message->ulMsgType = ORP_MSG_EVENT_WAN;
   return message;
 }
 

@@ -42,7 +42,6 @@ namespace {
 
 constexpr uint32_t kEchoType = 0x100;
 constexpr uint32_t kOneWayType = 0x101;
-constexpr uint32_t kEventType = 0x2da05;
 constexpr int kRounds = 20;
 constexpr size_t kRawBuffer = 1 << 18;
 constexpr uint16_t kHttpPort = 8080;
@@ -473,8 +472,8 @@ void print_fan_out() {
     g_confirmations = confirmations.ends[1];
     for (int i = 0; i < subscribers; ++i) {
       serve_as("sub" + std::to_string(i), &processes, [] {
-        ORP_MSG_RegMsgProc(kEventType, count, 0, nullptr);
-        ORP_MSG_SendSimpleMsg(nullptr, ORP_MSG_SUBSCRIBE, kEventType);
+        ORP_MSG_RegMsgProc(ORP_MSG_EVENT_TESSEL, count, 0, nullptr);
+        ORP_MSG_SendSimpleMsg(nullptr, ORP_MSG_SUBSCRIBE, ORP_MSG_EVENT_TESSEL);
         uint32_t processes_of_that_name;  // an answer says that the server has got this far
         processes_of_that_name = ORP_MSG_GetNumOfProcesses("sink");
         (void)processes_of_that_name;
@@ -487,7 +486,7 @@ void print_fan_out() {
 #else
     const std::unique_ptr<bench::DbusFanOut> dbus;
 #endif
-    Message event("", kEventType, kBody);
+    Message event("", ORP_MSG_EVENT_TESSEL, kBody);
     std::vector<char> all(static_cast<size_t>(subscribers));
     Series raw_rates;
     Series direct_rates;

@@ -13,14 +13,12 @@
 
 namespace {
 
-constexpr uint32_t kWanEvent = 0x2DA65;
-
 void publish(const ifinfomsg &link) {
   char name[IF_NAMESIZE];
   if (::if_indextoname(static_cast<unsigned>(link.ifi_index), name) == nullptr) return;
   const bool up = (link.ifi_flags & IFF_RUNNING) != 0;
   const uint32_t status =
-      ORP_EVT_PublishEvent(kWanEvent, up ? "LinkUp" : "LinkDown", "interface", name);
+      ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, up ? "LinkUp" : "LinkDown", "interface", name);
   mlog_print("wan", MLOG_LEVEL_INFO, "%s is %s, published with status 0x%x", name,
              up ? "up" : "down", status);
 }
