@@ -156,7 +156,7 @@ TEST_F(Connect, IsUndoneWhenTheRegistrationFails) {
       {short_one.bytes(), ORP_ERR_ARGUMENT},
       {Frame{.type = 1, .body = "put aside, and not leaked"}.bytes() + unnamed.bytes(),
        ORP_ERR_EMPTY_NAME},
-      {Frame{.type = 0x108, .data = ORP_MSG_REGISTER}.bytes(), ORP_ERR_PEER_GONE},
+      {Frame{.type = ORP_MSG_UNDELIVERABLE, .data = ORP_MSG_REGISTER}.bytes(), ORP_ERR_PEER_GONE},
   };
   // A server that dies in the middle of its reply.
   for (size_t size = 0; size < reply.bytes().size(); ++size) {

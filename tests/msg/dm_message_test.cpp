@@ -98,7 +98,7 @@ TEST(DmMessage, StartsEmptyAndSendsOnlyWhatIsInUse) {
   EXPECT_EQ("", items_of(body));
   ORP_DMMSG_Free(body);
 
-  connection.peer.expect({.type = 0x209,
+  connection.peer.expect({.type = ORP_DMMSG_TYPE,
                           .to = "destination",
                           .body = bytes_of(DmBody{ORP_DMMSG_MAGIC, 24, 0, 0, 5, 77})});
   const test::MessageBlock message = arrived(bytes_of(DmBody{ORP_DMMSG_MAGIC, 24, 0, 9, 1, 8}));
@@ -230,7 +230,7 @@ TEST(DmMessage, IsHeldToItsMessageWhenItIsReceived) {
       {start(16, 0xFFFFFFFF - 7) + good, "", 16, "lengths that wrap"},
       {start(8, 0).substr(0, 8), "", 8, "less than a head"},
   };
-  for (const uint32_t type : {ORP_DMMSG_TYPE, 0x2da05u, 0x2da65u}) {
+  for (const uint32_t type : {ORP_DMMSG_TYPE, ORP_MSG_EVENT_TESSEL, ORP_MSG_EVENT_WAN}) {
     for (const auto &[bytes, items, capacity, what] : kCases) {
       const test::MessageBlock message = arrived(bytes, type);
       EXPECT_EQ(items, items_of(message.get() + 1)) << what;

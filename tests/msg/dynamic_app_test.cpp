@@ -23,9 +23,9 @@ TEST(DynamicApp, IsSwitchedOnAndSwitchesItselfWithoutBeingStopped) {
   EXPECT_EQ(1u, ORP_UTIL_UpdateDynAppListenFd(nullptr, 0));
   EXPECT_EQ("", testing::internal::GetCapturedStdout());
 
-  connection.peer.expect({.type = 0x5001, .body = padded("name-longer")});
-  connection.peer.expect({.type = 0x5001, .body = padded("telnet")});
-  connection.peer.expect({.type = 0x5001, .body = padded("self"), .data = 1});
+  connection.peer.expect({.type = ORP_MSG_DYNAPP_UPDATE, .body = padded("name-longer")});
+  connection.peer.expect({.type = ORP_MSG_DYNAPP_UPDATE, .body = padded("telnet")});
+  connection.peer.expect({.type = ORP_MSG_DYNAPP_UPDATE, .body = padded("self"), .data = 1});
 }
 
 TEST(DynamicApp, IsAskedToExitBeforeItIsSwitchedOffOrRestarted) {
@@ -35,7 +35,7 @@ TEST(DynamicApp, IsAskedToExitBeforeItIsSwitchedOffOrRestarted) {
   const std::string asked =
       "ineted app telnet should stop. we will safe exit process [telnet] now.\n";
 
-  connection.peer.send({.type = 0x706, .from = "telnet"});
+  connection.peer.send({.type = ORP_MSG_EXIT, .from = "telnet"});
   testing::internal::CaptureStdout();
   EXPECT_EQ(ORP_OK, ORP_UTIL_UpdateDynAppStatus("telnet", 0));
   EXPECT_EQ(ORP_OK, ORP_UTIL_RestartDynApp("telnet")) << "although it does not answer";
@@ -43,8 +43,9 @@ TEST(DynamicApp, IsAskedToExitBeforeItIsSwitchedOffOrRestarted) {
             testing::internal::GetCapturedStdout());
 
   for (const uint32_t action : {1u, 2u}) {
-    connection.peer.expect({.type = 0x706, .to = "telnet"});
-    connection.peer.expect({.type = 0x5001, .body = padded("telnet"), .data = action});
+    connection.peer.expect({.type = ORP_MSG_EXIT, .to = "telnet"});
+    connection.peer.expect(
+        {.type = ORP_MSG_DYNAPP_UPDATE, .body = padded("telnet"), .data = action});
   }
 }
 
@@ -56,7 +57,7 @@ TEST(SyncPoint, CanOnlyBeReleased) {
   EXPECT_EQ(1u, ORP_MSG_OrpSyncPost(nullptr));
   EXPECT_EQ(1u, ORP_MSG_OrpSyncPost(""));
   EXPECT_EQ(ORP_OK, ORP_MSG_OrpSyncPost("start"));
-  connection.peer.expect({.type = 0x5019, .body = std::string("start\0", 6)});
+  connection.peer.expect({.type = ORP_MSG_SYNC_POST, .body = std::string("start\0", 6)});
 }
 
 TEST(PostScript, SendsArgumentAndScript) {
@@ -69,9 +70,10 @@ TEST(PostScript, SendsArgumentAndScript) {
   EXPECT_EQ(ORP_OK, ORP_UTIL_PostLua("first", "print(1)"));
   EXPECT_EQ(ORP_OK, ORP_UTIL_PostLua(nullptr, ""));
 
-  connection.peer.expect(
-      {.type = 0x490C, .to = "web", .body = padded("first", 256) + padded("print(1)", 9)});
-  connection.peer.expect({.type = 0x490C, .to = "web", .body = padded("", 257)});
+  connection.peer.expect({.type = ORP_MSG_POST_SCRIPT,
+                          .to = "web",
+                          .body = padded("first", 256) + padded("print(1)", 9)});
+  connection.peer.expect({.type = ORP_MSG_POST_SCRIPT, .to = "web", .body = padded("", 257)});
 }
 
 TEST(SystemQueries, TellUptimeAndKernel) {

@@ -16,9 +16,6 @@ namespace {
 
 using msgapi::msg::DmBody;
 
-constexpr uint32_t kWan = 0x2DA65;
-constexpr uint32_t kTessel = 0x2DA05;
-
 using Message = test::MessageBlock;
 using msgapi::msg::Json;
 
@@ -80,10 +77,10 @@ std::string normal(const std::string &json_text) {
 
 TEST(EventModules, MapTypesAndNames) {
   std::string modules;
-  for (uint32_t type = 0x2DA00; type <= 0x2DAFF; ++type) {
+  for (uint32_t type = ORP_MSG_ALL_EVENTS; type <= 0x2DAFF; ++type) {
     const char *name = ORP_EVT_GetEventModuleNameByEventType(type);
     if (name == nullptr) continue;
-    modules += std::to_string(type - 0x2DA00) + name + " ";
+    modules += std::to_string(type - ORP_MSG_ALL_EVENTS) + name + " ";
     EXPECT_EQ(type, ORP_EVT_GetMsgTypeByEventModuleName(name));
   }
   EXPECT_EQ(
@@ -91,8 +88,8 @@ TEST(EventModules, MapTypesAndNames) {
       "9feed 10signal 101wan 102lan 103wlan 104dhcp 105web 106webconsole 107online_update 108usb "
       "109behavior ",
       modules);
-  EXPECT_EQ(0x2DA00u, ORP_EVT_GetMsgTypeByEventModuleName("WLAN"));
-  EXPECT_EQ(0x2DA00u, ORP_EVT_GetMsgTypeByEventModuleName(nullptr));
+  EXPECT_EQ(ORP_MSG_ALL_EVENTS, ORP_EVT_GetMsgTypeByEventModuleName("WLAN"));
+  EXPECT_EQ(ORP_MSG_ALL_EVENTS, ORP_EVT_GetMsgTypeByEventModuleName(nullptr));
 }
 
 TEST(EventContent, IsTheWholeEventAsIndentedJson) {
@@ -103,7 +100,7 @@ TEST(EventContent, IsTheWholeEventAsIndentedJson) {
                                    {"q", std::string("a\"b\0c", 5)},
                                    {"EventType", text("B")},
                                    {"number", text("12345678901234567890.10")}};
-  const std::string content = content_of(dm_event(kWan, items));
+  const std::string content = content_of(dm_event(ORP_MSG_EVENT_WAN, items));
 
   EXPECT_EQ(
       "{\"Method\":\"notify\",\"Module\":\"wan\",\"EventType\":\"B\",\"Timestamp\":\"T\","
@@ -114,20 +111,21 @@ TEST(EventContent, IsTheWholeEventAsIndentedJson) {
 }
 
 TEST(EventContent, RefusesWhatIsNoWholeEvent) {
-  EXPECT_EQ("", content_of(dm_event(kWan, {kType}))) << "nothing but the type";
-  EXPECT_EQ("", content_of(dm_event(kWan, {kItem}))) << "no type";
-  EXPECT_EQ("", content_of(dm_event(kWan, {})));
-  EXPECT_EQ("", content_of(dm_event(0x2DA64, {kType, kItem}))) << "no module";
-  EXPECT_EQ("", content_of(dm_event(kWan, {kType, kItem, {"x", ""}}))) << "no value";
-  EXPECT_EQ("", content_of(dm_event(kWan, {kType, kItem, {nullptr, "x"}}))) << "no name";
-  EXPECT_EQ("", content_of(dm_event(kWan, {{"EventType", ""}, kItem})));
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_EVENT_WAN, {kType}))) << "nothing but the type";
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_EVENT_WAN, {kItem}))) << "no type";
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_EVENT_WAN, {})));
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_FIRST_JSON_EVENT, {kType, kItem}))) << "no module";
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_EVENT_WAN, {kType, kItem, {"x", ""}}))) << "no value";
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_EVENT_WAN, {kType, kItem, {nullptr, "x"}})))
+      << "no name";
+  EXPECT_EQ("", content_of(dm_event(ORP_MSG_EVENT_WAN, {{"EventType", ""}, kItem})));
 
-  Message event = dm_event(kWan, {kType, kItem});
+  Message event = dm_event(ORP_MSG_EVENT_WAN, {kType, kItem});
   --event->ulDataLen;
   EXPECT_EQ("", content_of(event)) << "not all of it";
   event->ulDataLen = 23;
   EXPECT_EQ("", content_of(event)) << "no head";
-  event = dm_event(kWan, {kType, kItem});
+  event = dm_event(ORP_MSG_EVENT_WAN, {kType, kItem});
   reinterpret_cast<char *>(event.get() + 1)[0] = 0;
   EXPECT_EQ("", content_of(event)) << "no magic";
   EXPECT_EQ(1u, ORP_EVT_GetEventContent(event.get(), nullptr, nullptr));
@@ -146,7 +144,7 @@ void *tested_malloc(size_t size) {
 }
 
 TEST(EventContent, LeavesNothingBehindWithoutMemory) {
-  const Message event = dm_event(kWan, {kType, {"N", "V"}});
+  const Message event = dm_event(ORP_MSG_EVENT_WAN, {kType, {"N", "V"}});
   cJSON_Hooks hooks = {tested_malloc, std::free};
   cJSON_InitHooks(&hooks);
 
@@ -180,37 +178,37 @@ TEST(Publish, SendsDmEventsTowardMic) {
   ORP_UTIL_NV_PAIR_ST second = {&third, const_cast<char *>("b"), nullptr};
   ORP_UTIL_NV_PAIR_ST first = {&second, const_cast<char *>("a"), const_cast<char *>("1")};
 
-  EXPECT_EQ(0u, ORP_EVT_PublishEvent(kWan, "Up", "name", "value"));
-  EXPECT_EQ(0u, ORP_EVT_PublishEvent(kWan, "Up", "name", nullptr));
-  EXPECT_EQ(0u, ORP_EVT_PublishEventWithNVPair(kWan, "Up", &first));
-  EXPECT_EQ(0u, ORP_EVT_PublishEventWithNVPair(kWan, "Up", nullptr));
-  EXPECT_EQ(1u, ORP_EVT_PublishEventWithNVPair(kWan, nullptr, &first));
+  EXPECT_EQ(0u, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "Up", "name", "value"));
+  EXPECT_EQ(0u, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "Up", "name", nullptr));
+  EXPECT_EQ(0u, ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, "Up", &first));
+  EXPECT_EQ(0u, ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, "Up", nullptr));
+  EXPECT_EQ(1u, ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, nullptr, &first));
 
   const Item type = {"EventType", text("Up")};
   for (const std::vector<Item> &items : {std::vector<Item>{type, {"name", text("value")}},
                                          {type},
                                          {type, {"a", text("1")}, {"c", text("3")}},
                                          {type}}) {
-    connection.peer.expect({.type = kWan, .to = "mic", .body = dm_body(items)});
+    connection.peer.expect({.type = ORP_MSG_EVENT_WAN, .to = "mic", .body = dm_body(items)});
   }
 }
 
 TEST(Publish, ReportsWhatFailed) {
-  EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_EVT_PublishEvent(kWan, "Up", "n", "v"));
+  EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "Up", "n", "v"));
   msgapi::fail_allocation(1);
-  EXPECT_EQ(ORP_DMMSG_ERR_MEMORY, ORP_EVT_PublishEvent(kWan, "Up", "n", "v"));
+  EXPECT_EQ(ORP_DMMSG_ERR_MEMORY, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "Up", "n", "v"));
   msgapi::fail_allocation(2);
   EXPECT_EQ(ORP_DMMSG_ERR_GROW,
-            ORP_EVT_PublishEvent(kWan, "Up", "n", std::string(2000, 'v').c_str()));
+            ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "Up", "n", std::string(2000, 'v').c_str()));
 }
 
 TEST(Publish, SendsJsonOnOneLineToTheServer) {
   test::Connection connection("self");
   const Json payload(cJSON_Parse("{\"list\": [1.50, {\"deep\": null}]}"));
 
-  EXPECT_EQ(0u, ORP_EVT_PublishEventWithJson("usb", "Plug", 0x2DA6C, payload.get()));
-  EXPECT_EQ(1u, ORP_EVT_PublishEventWithJson(nullptr, "Plug", 0x2DA6C, payload.get()));
-  EXPECT_EQ(1u, ORP_EVT_PublishEventWithJson("usb", "Plug", 0x2DA6C, nullptr));
+  EXPECT_EQ(0u, ORP_EVT_PublishEventWithJson("usb", "Plug", ORP_MSG_EVENT_USB, payload.get()));
+  EXPECT_EQ(1u, ORP_EVT_PublishEventWithJson(nullptr, "Plug", ORP_MSG_EVENT_USB, payload.get()));
+  EXPECT_EQ(1u, ORP_EVT_PublishEventWithJson("usb", "Plug", ORP_MSG_EVENT_USB, nullptr));
   EXPECT_EQ(0u, ORP_EVT_SubscribeAllEvent());
 
   test::Frame event = connection.peer.read();
@@ -221,8 +219,8 @@ TEST(Publish, SendsJsonOnOneLineToTheServer) {
       "\"Payload\":{\"list\":[1.5,{\"deep\":null}]}}",
       normal(event.body.c_str()));
   event.body.clear();
-  EXPECT_EQ((test::Frame{.type = 0x2DA6C, .from = "self"}), event);
-  connection.peer.expect({.type = ORP_MSG_SUBSCRIBE, .data = 0x2DA00});
+  EXPECT_EQ((test::Frame{.type = ORP_MSG_EVENT_USB, .from = "self"}), event);
+  connection.peer.expect({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS});
 }
 
 // What the callbacks saw, in order.
@@ -237,13 +235,13 @@ uint32_t callback(uint32_t type, const void *data, uint32_t length) {
 
 TEST(Delivery, CallsThoseOfTheTypeInOrderAndThenTheDefault) {
   msgapi::fail_allocation(1);
-  ORP_EVT_SubscribeSingelEventCallBack(kTessel, callback<'m', 0>);  // is forgotten
-  ORP_EVT_SubscribeSingelEventCallBack(kTessel, callback<'a', 0>);
-  ORP_EVT_SubscribeSingelEventCallBack(kTessel, callback<'b', 0x1F>);
+  ORP_EVT_SubscribeSingelEventCallBack(ORP_MSG_EVENT_TESSEL, callback<'m', 0>);  // is forgotten
+  ORP_EVT_SubscribeSingelEventCallBack(ORP_MSG_EVENT_TESSEL, callback<'a', 0>);
+  ORP_EVT_SubscribeSingelEventCallBack(ORP_MSG_EVENT_TESSEL, callback<'b', 0x1F>);
   ORP_EVT_SubscribeSingelEventCallBack(0x2D9FF, callback<'y', 0>);
-  ORP_EVT_SubscribeSingelEventCallBack(kTessel, nullptr);
+  ORP_EVT_SubscribeSingelEventCallBack(ORP_MSG_EVENT_TESSEL, nullptr);
   ORP_EVT_SubscribeAllEventCallBack(callback<'d', 2>);
-  const Message event = test::make_block({.type = kTessel, .body = "raw\n"});
+  const Message event = test::make_block({.type = ORP_MSG_EVENT_TESSEL, .body = "raw\n"});
 
   testing::internal::CaptureStdout();
   ORP_Evt_SubMsgProc(event.get());
@@ -255,10 +253,11 @@ TEST(Delivery, CallsThoseOfTheTypeInOrderAndThenTheDefault) {
 
 TEST(Delivery, ConvertsTheUpperTypes) {
   ORP_EVT_SubscribeAllEventCallBack(callback<'d', 0>);
-  for (uint32_t type : {0x2DA01u, 0x2DA63u, 0x2DA64u, 0x2DA00u, 0x2DAFFu, kWan}) {
+  for (uint32_t type : {ORP_MSG_EVENT_DEVICE, 0x2DA63u, ORP_MSG_FIRST_JSON_EVENT,
+                        ORP_MSG_ALL_EVENTS, 0x2DAFFu, ORP_MSG_EVENT_WAN}) {
     ORP_Evt_SubMsgProc(dm_event(type, {kType, kItem}).get());
   }
-  ORP_Evt_SubMsgProc(dm_event(kWan, {kType}).get());
+  ORP_Evt_SubMsgProc(dm_event(ORP_MSG_EVENT_WAN, {kType}).get());
 
   ASSERT_EQ(3u, g_seen.size());
   EXPECT_EQ("d1:" + dm_body({kType, kItem}), g_seen[0]);

@@ -60,7 +60,7 @@ TEST(RestfulRegistration, AnnouncesThePathOrItsRows) {
   EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/none", kRows + 2, 1));
 
   for (const std::string expected : {"/dev", "/dev/info|/dev/reset", ""}) {
-    connection.peer.expect({.type = 0x109, .body = expected + kNoText});
+    connection.peer.expect({.type = ORP_MSG_RESTFUL_REGISTER, .body = expected + kNoText});
   }
 }
 
@@ -109,13 +109,15 @@ class RestfulRequest : public testing::Test {
 };
 
 TEST_F(RestfulRequest, IsAnsweredWithTheHandlersText) {
-  for (const uint32_t type : {0x10Au, 0x10Du, 0x10Eu}) {
+  for (const uint32_t type :
+       {ORP_MSG_RESTFUL_REQUEST_A, ORP_MSG_RESTFUL_REQUEST, ORP_MSG_RESTFUL_REQUEST_E}) {
     dispatch(request_body("/dev", "info", std::string("hello\0", 6)), type);
     EXPECT_EQ((Frame{type, "asker", std::string("echo hello\0", 11), 11, 12, "self"}),
               connection.peer.read());
   }
   dispatch(request_body("/lan", "reset", kNoText));
-  EXPECT_EQ((Frame{0x10D, "asker", "", 11, 12, "self"}), connection.peer.read()) << "no text";
+  EXPECT_EQ((Frame{ORP_MSG_RESTFUL_REQUEST, "asker", "", 11, 12, "self"}), connection.peer.read())
+      << "no text";
 }
 
 TEST_F(RestfulRequest, IsNotAnsweredWhenNothingFitsOrTheHandlerFails) {
@@ -146,7 +148,7 @@ TEST_F(RestfulRequest, FieldsWithoutANulAreReadWithinTheirSize) {
   ORP_MSG_RegRestfulProc(path.c_str(), table);
   connection.peer.read();
   dispatch(request_body(path, name, "text"));
-  EXPECT_EQ(0x10Du, connection.peer.read().type);
+  EXPECT_EQ(ORP_MSG_RESTFUL_REQUEST, connection.peer.read().type);
 }
 
 TEST(RestfulBuilder, FillsTheWholeBlock) {
@@ -155,7 +157,8 @@ TEST(RestfulBuilder, FillsTheWholeBlock) {
 
   std::string expected = request_body("/dev", "info", std::string("text\0", 5));
   expected.replace(0, 8, std::string("\1\0\0\0\2\0\0\0", 8));
-  EXPECT_EQ((Frame{.type = 0x10D, .body = expected, .sequence = 1}), test::frame_of(message.get()));
+  EXPECT_EQ((Frame{.type = ORP_MSG_RESTFUL_REQUEST, .body = expected, .sequence = 1}),
+            test::frame_of(message.get()));
 
   const test::MessageBlock bare(ORP_MSG_BuildRestfulReqMsg(0, 0, nullptr, nullptr, "ab", 4));
   EXPECT_EQ(std::string(136, '\0') + padded("ab", 5), test::frame_of(bare.get()).body);
@@ -176,9 +179,11 @@ TEST(RestfulResponse, NeedsABody) {
   Connection connection("self");
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendRestfulResponseMsg("a", 1, nullptr, 0, 0, 0));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendRestfulResponseMsg("a", 1, "b", 0xFFFFFFD7, 0, 0));
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendRestfulResponseMsg("asker", 0x10A, "body", 4, 8, 9));
+  EXPECT_EQ(ORP_OK,
+            ORP_MSG_SendRestfulResponseMsg("asker", ORP_MSG_RESTFUL_REQUEST_A, "body", 4, 8, 9));
 
-  EXPECT_EQ((Frame{0x10A, "asker", "body", 8, 9, "self"}), connection.peer.read());
+  EXPECT_EQ((Frame{ORP_MSG_RESTFUL_REQUEST_A, "asker", "body", 8, 9, "self"}),
+            connection.peer.read());
 }
 
 }  // namespace

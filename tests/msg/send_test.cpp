@@ -239,13 +239,16 @@ TEST(SendData, DiffersInTheSequenceNumberWithAndWithoutABody) {
 
 TEST(Subscription, NamesTheApplicationToTheServer) {
   Connection connection;
-  EXPECT_EQ(ORP_OK, ORP_MSG_SubscribeEventForOtherApp(0x2da05, nullptr));
-  EXPECT_EQ(ORP_OK, ORP_MSG_UnSubscribeEventForOtherApp(0x2da05, nullptr));
-  EXPECT_EQ(ORP_OK, ORP_MSG_SubscribeEventForOtherApp(0x2da05, "elevenchars-and-more"));
-  EXPECT_EQ(ORP_OK, ORP_MSG_UnSubscribeEventForOtherApp(0x2da05, "app"));
+  EXPECT_EQ(ORP_OK, ORP_MSG_SubscribeEventForOtherApp(ORP_MSG_EVENT_TESSEL, nullptr));
+  EXPECT_EQ(ORP_OK, ORP_MSG_UnSubscribeEventForOtherApp(ORP_MSG_EVENT_TESSEL, nullptr));
+  EXPECT_EQ(ORP_OK,
+            ORP_MSG_SubscribeEventForOtherApp(ORP_MSG_EVENT_TESSEL, "elevenchars-and-more"));
+  EXPECT_EQ(ORP_OK, ORP_MSG_UnSubscribeEventForOtherApp(ORP_MSG_EVENT_TESSEL, "app"));
 
-  connection.peer.expect({.type = 0x702, .body = padded("elevenchars"), .data = 0x2da05});
-  connection.peer.expect({.type = 0x703, .body = padded("app"), .data = 0x2da05});
+  connection.peer.expect(
+      {.type = ORP_MSG_SUBSCRIBE, .body = padded("elevenchars"), .data = ORP_MSG_EVENT_TESSEL});
+  connection.peer.expect(
+      {.type = ORP_MSG_UNSUBSCRIBE, .body = padded("app"), .data = ORP_MSG_EVENT_TESSEL});
 }
 
 TEST(LargeBody, TravelsInAFileOfItsOwnFrom2049Bytes) {

@@ -67,11 +67,12 @@ TEST(SendAndRecv, HandsOutTheAnswerAndKeepsTheRestInOrder) {
 
 TEST(SendAndRecv, EndsWhenTheServerCannotDeliverOrIsGone) {
   Connection connection;
-  connection.peer.send({.type = 0x108, .data = 0x9999});
-  connection.peer.send({.type = 0x108, .data = 0xf01234});
+  connection.peer.send({.type = ORP_MSG_UNDELIVERABLE, .data = 0x9999});
+  connection.peer.send({.type = ORP_MSG_UNDELIVERABLE, .data = 0xf01234});
 
   EXPECT_EQ(ORP_ERR_PEER_GONE, Exchange(0xf01234).status);
-  EXPECT_EQ((std::vector<uint32_t>{0x108}), drained()) << "the notice about another request";
+  EXPECT_EQ((std::vector<uint32_t>{ORP_MSG_UNDELIVERABLE}), drained())
+      << "the notice about another request";
   ::shutdown(connection.peer.fd(), SHUT_WR);
   EXPECT_EQ(ORP_ERR_PEER_GONE, Exchange(0x1234).status);
 }
@@ -219,11 +220,11 @@ TEST(SendAndRecvMsgData, ReturnsTheDataWordOfTheAnswer) {
 
 TEST(ProcessCount, IsAskedFromTheServer) {
   Connection connection;
-  connection.peer.send({.type = 0x705, .data = 3});
+  connection.peer.send({.type = ORP_MSG_COUNT_PROCESSES, .data = 3});
 
   EXPECT_EQ(3u, ORP_MSG_GetNumOfProcesses("app"));
 
-  connection.peer.expect({.type = 0x705, .body = padded("app")});
+  connection.peer.expect({.type = ORP_MSG_COUNT_PROCESSES, .body = padded("app")});
   EXPECT_EQ(0u, ORP_MSG_GetNumOfProcesses(nullptr));
   connection.peer.close();
   EXPECT_EQ(0u, ORP_MSG_GetNumOfProcesses("app"));
@@ -232,14 +233,14 @@ TEST(ProcessCount, IsAskedFromTheServer) {
 TEST(SafeExit, AsksTheApplicationAndTellsTheServer) {
   Connection connection;
   EXPECT_EQ(ORP_OK, ORP_MSG_SafeExitProcesses(nullptr));
-  connection.peer.send({.type = 0x706, .from = "app"});
+  connection.peer.send({.type = ORP_MSG_EXIT, .from = "app"});
   EXPECT_EQ(ORP_OK, ORP_MSG_SafeExitProcesses("app"));
-  connection.peer.send({.type = 0x108, .data = 0x706});
+  connection.peer.send({.type = ORP_MSG_UNDELIVERABLE, .data = ORP_MSG_EXIT});
   EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_MSG_SafeExitProcesses("app")) << "the first of the two fails";
 
   for (int i = 0; i < 2; ++i) {
-    connection.peer.expect({.type = 0x706, .to = "app"});
-    connection.peer.expect({.type = 0x706, .body = padded("app")});
+    connection.peer.expect({.type = ORP_MSG_EXIT, .to = "app"});
+    connection.peer.expect({.type = ORP_MSG_EXIT, .body = padded("app")});
   }
 }
 

@@ -24,9 +24,9 @@ TEST(LoginControl, ExchangesWholeRecords) {
     uint32_t (*function)(const void *, void *);
     uint32_t type;
     size_t request, result;
-  } kCases[] = {{ORP_LCTRLAPI_Login, 0x2CF01, 200, 20},
-                {ORP_LCTRLAPI_Check, 0x2CF02, 200, 20},
-                {ORP_LCTRLAPI_GetForbiddenRound, 0x2CF05, 12, 8}};
+  } kCases[] = {{ORP_LCTRLAPI_Login, ORP_LCTRL_MSG_LOGIN, 200, 20},
+                {ORP_LCTRLAPI_Check, ORP_LCTRL_MSG_CHECK, 200, 20},
+                {ORP_LCTRLAPI_GetForbiddenRound, ORP_LCTRL_MSG_GET_ROUND, 12, 8}};
   Connection connection("self");
   for (const auto &each : kCases) {
     const std::string request = counted_bytes(each.request);
@@ -56,8 +56,8 @@ TEST(LoginControl, SendsLimitsAndClearsWithoutWaiting) {
   EXPECT_EQ(ORP_LCTRL_ERR_ARGUMENT, ORP_LCTRLAPI_SetMaxFailedTimes(nullptr));
   EXPECT_EQ(ORP_OK, ORP_LCTRLAPI_ClearForbiddenList(0x64636261));
 
-  connection.peer.expect({.type = 0x2CF03, .body = "12345678"});
-  connection.peer.expect({.type = 0x2CF04, .body = "abcd"});
+  connection.peer.expect({.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = "12345678"});
+  connection.peer.expect({.type = ORP_LCTRL_MSG_CLEAR_FORBIDDEN, .body = "abcd"});
 }
 
 TEST(LoginControl, TriesOnceMoreAfterATimeOut) {

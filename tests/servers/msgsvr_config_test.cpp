@@ -30,10 +30,6 @@ using testing::HasSubstr;
 
 class ConfigManager : public test::Services {
  protected:
-  static constexpr uint32_t kSaveSync = 0x502b;
-  static constexpr uint32_t kExport = 0x5026;
-  static constexpr uint32_t kImport = 0x5027;
-  static constexpr uint32_t kCheck = 0x5028;
   static constexpr const char *kFile = "/mnt/exported.cfg";
 
   ConfigManager() {
@@ -62,24 +58,27 @@ class ConfigManager : public test::Services {
 
 TEST_F(ConfigManager, SavesAndBringsBackDefaults) {
   set(7);
-  for (const uint32_t type : {0x5009u, 0x503fu}) client_->send({.type = type});
-  for (const uint32_t type : {0x502bu, 0x502au, 0x5040u, 0x5033u}) EXPECT_EQ(0u, ask(type));
+  for (const uint32_t type : {ORP_MSG_SAVE_CFG, ORP_MSG_SAVE_CFG_TO_APP})
+    client_->send({.type = type});
+  for (const uint32_t type : {ORP_MSG_SAVE_CFG_SYNC, ORP_MSG_SAVE_APPDATA_SYNC,
+                              ORP_MSG_SAVE_CFG_TO_APP_SYNC, ORP_MSG_DELETE_APPDATA})
+    EXPECT_EQ(0u, ask(type));
   EXPECT_EQ(7u, get());
 
-  client_->send({.type = 0x500f, .body = std::string(8, '\0')});
-  EXPECT_EQ(0u, ask(kSaveSync));  // done one after the other
+  client_->send({.type = ORP_MSG_RESTORE_DEFAULTS, .body = std::string(8, '\0')});
+  EXPECT_EQ(0u, ask(ORP_MSG_SAVE_CFG_SYNC));  // done one after the other
   EXPECT_EQ(3u, get());
 }
 
 TEST_F(ConfigManager, ExportsAndImportsTheWholeStore) {
   set(7);
-  client_->send({.type = 0x5035, .data = 2});
-  ASSERT_EQ(0u, ask(kExport, kFile));
+  client_->send({.type = ORP_MSG_EXPORT_USER, .data = 2});
+  ASSERT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, kFile));
   set(9);
 
-  EXPECT_EQ(0u, ask(kCheck, kFile));
+  EXPECT_EQ(0u, ask(ORP_MSG_CHECK_CFG_FILE, kFile));
   EXPECT_EQ(9u, get());
-  EXPECT_EQ(0u, ask(kImport, kFile));
+  EXPECT_EQ(0u, ask(ORP_MSG_IMPORT_CFG_FILE, kFile));
   EXPECT_EQ(7u, get());
 
   for (const char *secret : {"/var/cfm/export.key", kFile}) {
@@ -92,13 +91,13 @@ TEST_F(ConfigManager, ExportsAndImportsTheWholeStore) {
 
 TEST_F(ConfigManager, RefusesWhatItDidNotWriteItself) {
   set(7);
-  ASSERT_EQ(0u, ask(kExport, kFile));
+  ASSERT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, kFile));
   const std::string whole = test::contents(kFile);
   set(9);
   const auto refused = [&](const std::string &content) {
     std::ofstream(kFile) << content;
-    const bool not_taken = ask(kImport, kFile) != 0;
-    EXPECT_EQ(not_taken, ask(kCheck, kFile) != 0);
+    const bool not_taken = ask(ORP_MSG_IMPORT_CFG_FILE, kFile) != 0;
+    EXPECT_EQ(not_taken, ask(ORP_MSG_CHECK_CFG_FILE, kFile) != 0);
     EXPECT_EQ(not_taken, get() == 9);
     return not_taken;
   };
@@ -119,12 +118,12 @@ TEST_F(ConfigManager, RefusesWhatItDidNotWriteItself) {
   // A file of another device.
   set(9);
   std::filesystem::rename("/var/cfm/export.key", "/var/cfm/old.key");
-  ASSERT_EQ(0u, ask(kExport, "/mnt/other.cfg"));
+  ASSERT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/other.cfg"));
   EXPECT_TRUE(refused(whole));
   // A key that others can read is not used.
   std::filesystem::permissions("/var/cfm/export.key", std::filesystem::perms{0644});
-  EXPECT_NE(0u, ask(kImport, "/mnt/other.cfg"));
-  EXPECT_NE(0u, ask(kExport, "/mnt/third.cfg"));
+  EXPECT_NE(0u, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/other.cfg"));
+  EXPECT_NE(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/third.cfg"));
 }
 
 TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
@@ -135,11 +134,11 @@ TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
   for (const char *path : {"", "relative", "/app/x.cfg", "/mnt/../app/x.cfg",
                            "/mnt/usb/../../app/x.cfg", "/mnt/link/x.cfg", "/var/x.cfg",
                            "/var/cfm/cfm.db", "/mnt/", "/mnt/..", "/mnt/none/x.cfg"}) {
-    EXPECT_NE(0u, ask(kExport, path)) << path;
-    EXPECT_NE(0u, ask(kImport, path)) << path;
+    EXPECT_NE(0u, ask(ORP_MSG_EXPORT_CFG_FILE, path)) << path;
+    EXPECT_NE(0u, ask(ORP_MSG_IMPORT_CFG_FILE, path)) << path;
   }
-  EXPECT_EQ(0u, ask(kExport, "/mnt/usb//./x.cfg"));
-  EXPECT_EQ(0u, ask(kImport, "/mnt/usb/x.cfg"));
+  EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/usb//./x.cfg"));
+  EXPECT_EQ(0u, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/usb/x.cfg"));
   EXPECT_TRUE(std::filesystem::is_empty("/app/elsewhere"));
 }
 
@@ -153,18 +152,18 @@ TEST_F(ConfigManager, ReplacesOnlyEarlierExports) {
   std::ofstream("/mnt/text") << "somebody's file";
   std::ofstream("/mnt/empty");
   std::ofstream("/mnt/x.cfg.new") << "somebody's file";
-  ASSERT_EQ(0u, ask(kExport, kFile));
+  ASSERT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, kFile));
   std::filesystem::create_symlink(kFile, "/mnt/link");
 
   for (const std::string name : {"socket", "fifo", "directory", "text", "empty", "link"}) {
-    EXPECT_EQ(0x31006u, ask(kExport, "/mnt/" + name)) << name;
+    EXPECT_EQ(0x31006u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/" + name)) << name;
   }
   EXPECT_TRUE(std::filesystem::is_socket("/mnt/socket"));
   EXPECT_EQ("somebody's file", test::contents("/mnt/text"));
   EXPECT_TRUE(std::filesystem::is_symlink("/mnt/link"));
-  EXPECT_EQ(0u, ask(kExport, "/mnt/x.cfg"));
+  EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/x.cfg"));
   EXPECT_EQ("somebody's file", test::contents("/mnt/x.cfg.new"));
-  EXPECT_EQ(0u, ask(kExport, kFile)) << "an earlier export";
+  EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, kFile)) << "an earlier export";
   for (const auto &entry : std::filesystem::directory_iterator("/mnt")) {
     EXPECT_NE('.', entry.path().filename().string()[0]) << "left behind";
   }
@@ -180,7 +179,7 @@ TEST_F(ConfigManager, IsNotLedElsewhereByASwappedDirectory) {
       ::renameat2(AT_FDCWD, "/mnt/real", AT_FDCWD, "/mnt/trap", RENAME_EXCHANGE);
     }
   });
-  for (int i = 0; i < 200; ++i) ask(kExport, "/mnt/real/x.cfg");
+  for (int i = 0; i < 200; ++i) ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/real/x.cfg");
   ends = true;
   swapper.join();
   EXPECT_TRUE(std::filesystem::is_empty("/app/elsewhere"));
@@ -189,11 +188,11 @@ TEST_F(ConfigManager, IsNotLedElsewhereByASwappedDirectory) {
 TEST_F(ConfigManager, LogsWhoTransfersWhat) {
   const std::string who =
       "web[" + std::to_string(::getpid()) + "], uid " + std::to_string(::getuid());
-  ask(kExport, kFile);
+  ask(ORP_MSG_EXPORT_CFG_FILE, kFile);
   EXPECT_TRUE(server_->wait_for(who + ": export to " + kFile + ": done"));
-  ask(kImport, kFile);
+  ask(ORP_MSG_IMPORT_CFG_FILE, kFile);
   EXPECT_TRUE(server_->wait_for(who + ": import from " + kFile + ": done"));
-  ask(kExport, "/var/run/msgsvr");
+  ask(ORP_MSG_EXPORT_CFG_FILE, "/var/run/msgsvr");
   EXPECT_TRUE(server_->wait_for(who + ": export to /var/run/msgsvr: files may not be there"));
 }
 

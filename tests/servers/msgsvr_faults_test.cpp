@@ -92,7 +92,6 @@ using test::MessagePeer;
 using test::padded;
 
 constexpr uint32_t kType = 0x1234;
-constexpr uint32_t kWlanEvent = 0x2da67;
 
 // A server with its services, one turn at a time.
 class World {
@@ -170,14 +169,14 @@ void expect_frames(MessagePeer *client) {
 void act(World *world) {
   MessagePeer a = world->connect("a");
   MessagePeer b = world->connect("b");
-  world->send(&b, {.type = ORP_MSG_SUBSCRIBE, .data = kWlanEvent});
-  world->send(&a, {.type = ORP_MSG_SUBSCRIBE, .body = padded("b"), .data = kWlanEvent + 1});
+  world->send(&b, {.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
+  world->send(&a, {.type = ORP_MSG_SUBSCRIBE, .body = padded("b"), .data = ORP_MSG_EVENT_WLAN + 1});
   world->send(&a, {.type = kType, .to = "b", .body = "short"});
-  world->send(&a, {.type = kWlanEvent, .body = "event"});
+  world->send(&a, {.type = ORP_MSG_EVENT_WLAN, .body = "event"});
   world->send(&a, {.type = kType, .to = "nobody"});
-  world->send(&a, {.type = 0x5018, .body = padded("point", 6)});
-  world->send(&b, {.type = 0x5019, .body = padded("point", 6)});
-  world->send(&b, {.type = 0x5019, .body = padded("later", 6)});
+  world->send(&a, {.type = ORP_MSG_SYNC_WAIT, .body = padded("point", 6)});
+  world->send(&b, {.type = ORP_MSG_SYNC_POST, .body = padded("point", 6)});
+  world->send(&b, {.type = ORP_MSG_SYNC_POST, .body = padded("later", 6)});
   world->send(&b, {.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/a|/b/c", 8)});
   world->send(&a, {.type = ORP_MSG_COUNT_PROCESSES, .body = padded("b")});
   // In two pieces.

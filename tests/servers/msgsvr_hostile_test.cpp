@@ -31,8 +31,6 @@ using testing::IsEmpty;
 using testing::Not;
 
 constexpr uint32_t kType = 0x1234;
-constexpr uint32_t kWait = 0x5018;
-constexpr uint32_t kRelease = 0x5019;
 
 class HostileClients : public testing::Test {
  protected:
@@ -184,7 +182,8 @@ TEST_F(HostileClients, OccupyLittleWithMessagesThatNeverEnd) {
   many.clear();
   settle();
   RawClient late("late");
-  const std::string wait = Frame{.type = kWait, .body = std::string(2000000, 'w')}.bytes("late");
+  const std::string wait =
+      Frame{.type = ORP_MSG_SYNC_WAIT, .body = std::string(2000000, 'w')}.bytes("late");
   late.send_bytes(std::string_view(wait).substr(0, 1500000));
   settle();
   EXPECT_TRUE(late.quiet());
@@ -198,14 +197,14 @@ TEST_F(HostileClients, FillOnlyTheirOwnPartOfWhatIsKeptForEverybody) {
   for (int i = 0; i < 1000; ++i) {
     const std::string number = std::to_string(i);
     subscriptions.push_back(
-        {.type = ORP_MSG_SUBSCRIBE, .body = padded("n" + number), .data = 0x2da67});
-    points.push_back({.type = kRelease, .body = "p" + number + '\0'});
+        {.type = ORP_MSG_SUBSCRIBE, .body = padded("n" + number), .data = ORP_MSG_EVENT_WLAN});
+    points.push_back({.type = ORP_MSG_SYNC_POST, .body = "p" + number + '\0'});
     paths.push_back({.type = ORP_MSG_RESTFUL_REGISTER, .body = "/path/" + number + '\0'});
   }
   {
     RawClient hostile("hostile");
     EXPECT_EQ(900u, refusals(&hostile, ORP_MSG_SUBSCRIBE, subscriptions));
-    EXPECT_EQ(900u, refusals(&hostile, kRelease, points));
+    EXPECT_EQ(900u, refusals(&hostile, ORP_MSG_SYNC_POST, points));
     EXPECT_EQ(900u, refusals(&hostile, ORP_MSG_RESTFUL_REGISTER, paths));
     EXPECT_TRUE(server_->wait_for("has as many event subscriptions"));
     EXPECT_TRUE(server_->wait_for("has as many synchronisation points"));
@@ -213,25 +212,25 @@ TEST_F(HostileClients, FillOnlyTheirOwnPartOfWhatIsKeptForEverybody) {
 
     // Others of the same user still have theirs.
     RawClient fine("fine");
-    fine.send({.type = ORP_MSG_SUBSCRIBE, .data = 0x2da67});
+    fine.send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
     fine.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/mine", 6)});
-    fine.send({.type = kRelease, .body = padded("mine", 5)});
+    fine.send({.type = ORP_MSG_SYNC_POST, .body = padded("mine", 5)});
     EXPECT_THAT(fine.drain(), IsEmpty());
-    fine.send({.type = 0x2da67, .body = "event"});
+    fine.send({.type = ORP_MSG_EVENT_WLAN, .body = "event"});
     EXPECT_EQ("event", fine.read().body);
-    EXPECT_EQ(0u, fine.ask({.type = kWait, .body = padded("mine", 5), .data = 9}).data);
+    EXPECT_EQ(0u, fine.ask({.type = ORP_MSG_SYNC_WAIT, .body = padded("mine", 5), .data = 9}).data);
   }
 
   // What clients that have gone left behind makes room, the oldest first.
   for (int round = 0; round < 12; ++round) {
     RawClient next("next");
     for (Frame &frame : points) frame.body = "r" + std::to_string(round) + frame.body;
-    EXPECT_EQ(900u, refusals(&next, kRelease, points));
+    EXPECT_EQ(900u, refusals(&next, ORP_MSG_SYNC_POST, points));
     for (Frame &frame : subscriptions) frame.data += 0x10000;
     EXPECT_EQ(900u, refusals(&next, ORP_MSG_SUBSCRIBE, subscriptions));
   }
   RawClient late("late");
-  EXPECT_EQ(0u, late.ask({.type = kWait, .body = points[50].body}).data)
+  EXPECT_EQ(0u, late.ask({.type = ORP_MSG_SYNC_WAIT, .body = points[50].body}).data)
       << "kept for those who come";
   expect_service();
 }

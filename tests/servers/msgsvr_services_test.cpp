@@ -43,13 +43,13 @@ using testing::Optional;
 
 TEST_F(Services, TellTheFactoryModeAndRebootNothing) {
   start();
-  EXPECT_EQ(0u, RawClient("web").ask({.type = 0x70a}).data);
-  RawClient("web").send({.type = 0x500e, .data = 3});
+  EXPECT_EQ(0u, RawClient("web").ask({.type = ORP_MSG_FACTORY_MODE}).data);
+  RawClient("web").send({.type = ORP_MSG_REBOOT, .data = 3});
   EXPECT_TRUE(server_->wait_for("asks for a reboot, mode 3; not executed"));
 
   server_->stop(SIGTERM);
   start({"--factory-mode"});
-  EXPECT_EQ(1u, RawClient("web").ask({.type = 0x70a}).data);
+  EXPECT_EQ(1u, RawClient("web").ask({.type = ORP_MSG_FACTORY_MODE}).data);
 }
 
 TEST_F(Services, LetProcessesWaitForEachOther) {
@@ -58,16 +58,16 @@ TEST_F(Services, LetProcessesWaitForEachOther) {
   RawClient two("two");
   RawClient poster("poster");
   const auto wait_at = [](const std::string &name, uint32_t sequence) {
-    return Frame{.type = 0x5018, .body = name + '\0', .sequence = sequence};
+    return Frame{.type = ORP_MSG_SYNC_WAIT, .body = name + '\0', .sequence = sequence};
   };
 
   one.send(wait_at("boot", 4));
   two.send(wait_at("boot", 5));
   EXPECT_THAT(two.drain(), IsEmpty());
-  poster.send({.type = 0x5019, .body = std::string("other\0", 6)});
+  poster.send({.type = ORP_MSG_SYNC_POST, .body = std::string("other\0", 6)});
   poster.drain();
   EXPECT_THAT(one.drain(), IsEmpty());
-  poster.send({.type = 0x5019, .body = std::string("boot\0", 5)});
+  poster.send({.type = ORP_MSG_SYNC_POST, .body = std::string("boot\0", 5)});
   EXPECT_EQ(4u, one.read().sequence);
   EXPECT_EQ(5u, two.read().sequence);
 
@@ -267,7 +267,7 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   start_with(kServeForEver, kTcp);
   RawClient client("web");
   const auto update = [&](uint32_t action) {
-    client.send({.type = 0x5001, .body = test::padded("dyn"), .data = action});
+    client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("dyn"), .data = action});
     client.drain();
   };
 
@@ -283,10 +283,11 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   EXPECT_FALSE(visit());
   update(0);
   EXPECT_EQ("1", visit());
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(0u, client.ask({.type = 0x504d}).data) << "all stop";
+  for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(0u, client.ask({.type = ORP_MSG_DYNAPP_STOP_ALL}).data) << "all stop";
   EXPECT_FALSE(visit());
 
-  client.send({.type = 0x5001, .body = test::padded("unknown"), .data = 0});
+  client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("unknown"), .data = 0});
   EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type);
 }
 

@@ -142,23 +142,27 @@ class Vandal {
     const std::string name = "k" + std::to_string(below(2000));
     switch (below(9)) {
       case 0:
-        return {.type = ORP_MSG_SUBSCRIBE, .data = 0x2da00 + below(300)};
+        return {.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS + below(300)};
       case 1:
-        return {.type = ORP_MSG_SUBSCRIBE, .body = padded(name), .data = 0x2da00 + below(300)};
+        return {.type = ORP_MSG_SUBSCRIBE,
+                .body = padded(name),
+                .data = ORP_MSG_ALL_EVENTS + below(300)};
       case 2:
-        return {.type = ORP_MSG_UNSUBSCRIBE, .body = padded(name), .data = 0x2da00 + below(300)};
+        return {.type = ORP_MSG_UNSUBSCRIBE,
+                .body = padded(name),
+                .data = ORP_MSG_ALL_EVENTS + below(300)};
       case 3:
-        return {.type = 0x5018, .body = name + '\0'};
+        return {.type = ORP_MSG_SYNC_WAIT, .body = name + '\0'};
       case 4:
-        return {.type = 0x5019, .body = name + '\0'};
+        return {.type = ORP_MSG_SYNC_POST, .body = name + '\0'};
       case 5:
         return {.type = ORP_MSG_RESTFUL_REGISTER, .body = "/" + name + "|/x/" + name + '\0'};
       case 6:
         return {.type = ORP_MSG_RESTFUL_REQUEST, .body = noise(136)};
       case 7:
-        return {.type = 0x2cf01 + below(5), .body = noise(below(300))};
+        return {.type = ORP_LCTRL_MSG_LOGIN + below(5), .body = noise(below(300))};
       default:
-        return {.type = 0x2da00 + below(300), .body = noise(below(500))};
+        return {.type = ORP_MSG_ALL_EVENTS + below(300), .body = noise(below(500))};
     }
   }
 

@@ -32,8 +32,6 @@ using testing::IsEmpty;
 using testing::Not;
 
 constexpr uint32_t kType = 0x1234;
-constexpr uint32_t kWlanEvent = 0x2da67;
-constexpr uint32_t kWanEvent = 0x2da65;
 
 class Msgsvr : public testing::Test {
  protected:
@@ -61,7 +59,7 @@ class Msgsvr : public testing::Test {
   // end of their connections: a client that has been served just now may overtake those.
   static void settle() { RawClient("settle").drain(); }
 
-  static void subscribe(RawClient *client, uint32_t type = kWlanEvent) {
+  static void subscribe(RawClient *client, uint32_t type = ORP_MSG_EVENT_WLAN) {
     client->send({.type = ORP_MSG_SUBSCRIBE, .data = type});
     client->drain();
   }
@@ -181,10 +179,10 @@ TEST_F(Msgsvr, ConvertsHeadersBetweenByteOrders) {
   expect_delivery(&b, &b);
   // Several receivers of one message, a long one that is passed on as it arrives, and a notice.
   for (RawClient *client : {&a, &b}) subscribe(client);
-  b.send({.type = kWlanEvent, .body = "event", .data = 3});
+  b.send({.type = ORP_MSG_EVENT_WLAN, .body = "event", .data = 3});
   for (RawClient *client : {&a, &b}) {
     const Frame got = client->read();
-    EXPECT_EQ(kWlanEvent, got.type);
+    EXPECT_EQ(ORP_MSG_EVENT_WLAN, got.type);
     EXPECT_EQ(3u, got.data);
   }
   a.send({.type = kType, .to = "b", .body = std::string(100000, 'l'), .data = 4});
@@ -221,7 +219,7 @@ TEST_F(Msgsvr, LogsAClientThatMissesThreeKeepAlives) {
   start({"--keepalive", "1"});
   RawClient silent("silent");
   RawClient excused("excused");
-  excused.send({.type = 0x709});
+  excused.send({.type = ORP_MSG_STOP_WATCHDOG});
 
   ASSERT_TRUE(server_->wait_for("silent[" + std::to_string(::getpid()) +
                                 "] has sent no keep-alive for 3 periods"));
@@ -240,7 +238,7 @@ TEST_F(Msgsvr, PassesEventsToWhoeverSubscribed) {
   subscribe(&clients.at("both"), ORP_MSG_ALL_EVENTS);
   subscribe(&clients.at("both"));
   for (const char *name : {"byother", "both"}) {
-    publisher.send({.type = ORP_MSG_SUBSCRIBE, .body = padded(name), .data = kWlanEvent});
+    publisher.send({.type = ORP_MSG_SUBSCRIBE, .body = padded(name), .data = ORP_MSG_EVENT_WLAN});
   }
   const auto received = [&](const char *name) {
     publisher.drain();
@@ -249,24 +247,25 @@ TEST_F(Msgsvr, PassesEventsToWhoeverSubscribed) {
     return bodies;
   };
 
-  publisher.send({.type = kWlanEvent, .to = "mic", .body = "1"});
-  publisher.send({.type = kWlanEvent, .body = "2"});
-  publisher.send({.type = kWanEvent, .body = "3"});
+  publisher.send({.type = ORP_MSG_EVENT_WLAN, .to = "mic", .body = "1"});
+  publisher.send({.type = ORP_MSG_EVENT_WLAN, .body = "2"});
+  publisher.send({.type = ORP_MSG_EVENT_WAN, .body = "3"});
   EXPECT_EQ("12", received("itself"));
   EXPECT_EQ("12", received("byother"));
   EXPECT_EQ("123", received("all"));
   EXPECT_EQ("123", received("both"));
   EXPECT_EQ("", received("none"));
 
-  clients.at("itself").send({.type = ORP_MSG_UNSUBSCRIBE, .data = kWlanEvent});
-  publisher.send({.type = ORP_MSG_UNSUBSCRIBE, .body = padded("byother"), .data = kWlanEvent});
+  clients.at("itself").send({.type = ORP_MSG_UNSUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
+  publisher.send(
+      {.type = ORP_MSG_UNSUBSCRIBE, .body = padded("byother"), .data = ORP_MSG_EVENT_WLAN});
   // A subscription by name outlives the process; one of a process does not.
   clients.erase("both");
   settle();
   clients.emplace("both", "both");
   clients.at("itself").drain();
-  publisher.send({.type = kWlanEvent, .body = "4"});
-  publisher.send({.type = kWanEvent, .body = "5"});
+  publisher.send({.type = ORP_MSG_EVENT_WLAN, .body = "4"});
+  publisher.send({.type = ORP_MSG_EVENT_WAN, .body = "5"});
   // An event that nobody wants is no failure.
   EXPECT_THAT(publisher.drain(), IsEmpty());
   EXPECT_EQ("", received("itself"));
@@ -283,7 +282,8 @@ TEST_F(Msgsvr, GivesEverySubscriberItsOwnFileOfALargeEvent) {
   for (RawClient *client : {&one, &two}) subscribe(client);
   const auto publish = [&](std::string path) {
     path.resize(ORP_MSG_HAND_OVER_PATH_SIZE);
-    publisher.send({.type = kWlanEvent | ORP_MSG_TYPE_BODY_IN_FILE, .to = "mic", .body = path});
+    publisher.send(
+        {.type = ORP_MSG_EVENT_WLAN | ORP_MSG_TYPE_BODY_IN_FILE, .to = "mic", .body = path});
   };
   const std::string original = std::string(ORP_MSG_HAND_OVER_PREFIX) + "77";
   std::ofstream(original) << std::string(5000, 'e');
@@ -292,7 +292,7 @@ TEST_F(Msgsvr, GivesEverySubscriberItsOwnFileOfALargeEvent) {
 
   for (RawClient *client : {&one, &two}) {
     const Frame got = client->read();
-    EXPECT_EQ(kWlanEvent | ORP_MSG_TYPE_BODY_IN_FILE, got.type);
+    EXPECT_EQ(ORP_MSG_EVENT_WLAN | ORP_MSG_TYPE_BODY_IN_FILE, got.type);
     ASSERT_EQ(ORP_MSG_HAND_OVER_PATH_SIZE, got.body.size());
     EXPECT_STRNE(original.c_str(), got.body.c_str());
     EXPECT_EQ(5000u, std::filesystem::file_size(got.body.c_str()));
@@ -421,7 +421,7 @@ TEST_F(Msgsvr, DelaysNobodyForASubscriberThatDoesNotRead) {
 
   in_child([&] {
     for (uint32_t i = 0; i < kCount; ++i) {
-      publisher.send({.type = kWlanEvent, .body = std::string(300, 'e'), .sequence = i});
+      publisher.send({.type = ORP_MSG_EVENT_WLAN, .body = std::string(300, 'e'), .sequence = i});
     }
     return true;
   });
@@ -441,7 +441,7 @@ TEST_F(Msgsvr, LosesNoneOfManyEventsForTenSubscribersThatKeepReading) {
   const auto row_from = [](uint32_t first) {
     std::string row;
     for (uint32_t i = first; i < first + kRow; ++i) {
-      row += Frame{.type = kWlanEvent, .body = "0123456789", .sequence = i}.bytes("pub");
+      row += Frame{.type = ORP_MSG_EVENT_WLAN, .body = "0123456789", .sequence = i}.bytes("pub");
     }
     return row;
   };
@@ -621,7 +621,7 @@ TEST_F(Descriptors, AreClosedWhenNobodyCanTakeThem) {
   RawClient a("a");
 
   send_with_descriptors(a, zeros_);  // no message went before
-  expect_undeliverable(&a, 0x701, 1);
+  expect_undeliverable(&a, ORP_MSG_REGISTER, 1);
   a.send({.type = kType, .to = "nobody", .sequence = 2});
   expect_undeliverable(&a, kType, 2);
   send_with_descriptors(a, zeros_);
