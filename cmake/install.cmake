@@ -49,6 +49,12 @@ foreach(program ${programs})
   install(FILES packaging/systemd/${program}.service
     DESTINATION ${MSGAPI_SYSTEMD_UNIT_DIR} COMPONENT programs)
 endforeach()
+install(FILES packaging/systemd/var-run.mount
+  DESTINATION ${MSGAPI_SYSTEMD_UNIT_DIR} COMPONENT programs)
+foreach(kind sysusers tmpfiles)
+  install(FILES packaging/systemd/msgapi.${kind} RENAME msgapi.conf
+    DESTINATION lib/${kind}.d COMPONENT programs)
+endforeach()
 foreach(chapter 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${chapter})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter} COMPONENT programs)
@@ -82,4 +88,5 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libmsgapi1 (= ${PROJECT_VERSION}),
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME msgapi-servers)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS "libmsgapi1 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/postinst)
 include(CPack)

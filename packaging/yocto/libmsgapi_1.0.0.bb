@@ -1,5 +1,6 @@
 SUMMARY = "Runtime library of home gateway daemons"
 SECTION = "libs"
+# The owner has chosen no licence yet.
 LICENSE = "CLOSED"
 
 # All but sqlite3 are in meta-openembedded/meta-oe.
@@ -12,6 +13,7 @@ EXTRA_OECMAKE = "-DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF \
 
 PACKAGES =+ "${PN}-servers"
 FILES:${PN}-servers = "${sbindir}/* ${bindir}/* ${datadir}/cfmctl ${datadir}/mlogserver \
-    ${datadir}/msgapi ${systemd_system_unitdir}/*"
+    ${datadir}/msgapi ${systemd_system_unitdir}/* \
+    ${prefix}/lib/sysusers.d ${prefix}/lib/tmpfiles.d"
 SYSTEMD_PACKAGES = "${PN}-servers"
 SYSTEMD_SERVICE:${PN}-servers = "mlogserver.service msgsvr.service notifyserver.service"

@@ -14,6 +14,7 @@
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "common/log_line.h"
+#include "msgsvr/directories.h"
 #include "msgsvr/options.h"
 #include "msgsvr/server.h"
 #include "msgsvr/services.h"
@@ -134,6 +135,7 @@ void serve(const Options &options, mode_t socket_mode) {
   services.push_back(msgsvr::make_config_manager(&server));
   services.push_back(msgsvr::make_device_requests(&server));
 
+  msgsvr::prepare_body_directory();
   server.listen(servers::listen_unix(options.socket_path, socket_mode));
   if (!options.tcp.empty()) server.listen(servers::listen_tcp(options.tcp));
   log_line("ready on {}{}{}", options.socket_path,
