@@ -3,7 +3,8 @@
 src/ includes one above it.
 
 A source file and its header count as one. What is known and still to be mended stands in
-check_includes.known beside this script, one line each; a line that is no longer true fails, too."""
+check_includes.known beside this script, one line each, a circle by its folders; a line that is no
+longer true fails, too."""
 
 import pathlib
 import re
@@ -68,7 +69,7 @@ def circles(graph):
 
 def main():
     sys.setrecursionlimit(10000)
-    graph, faults = {}, set()
+    graph, faults = {}, {}  # faults: the line of the list, and what is printed
     for path in sources():
         name = unit(path)
         targets = graph.setdefault(name, set())
@@ -78,17 +79,20 @@ def main():
                 targets.add(target)
             lower, upper = folder_of(name), folder_of(target)
             if lower in ORDER and upper in ORDER and ORDER.index(lower) < ORDER.index(upper):
-                faults.add(f"upwards: {name} includes {target}")
+                line = f"upwards: {name} includes {target}"
+                faults[line] = line
     for members in circles(graph):
-        faults.add("circle: " + " ".join(members))
+        folders = sorted({member.rpartition("/")[0] for member in members})
+        line = "circle in " + " ".join(folders)
+        faults[line] = line + ": " + " ".join(members)
 
     listed = pathlib.Path(__file__).with_suffix(".known")
     known = set(listed.read_text().splitlines()) if listed.exists() else set()
-    for fault in sorted(faults - known):
-        print(fault, file=sys.stderr)
-    for fault in sorted(known - faults):
-        print(f"no longer so, remove it from {listed.name}: {fault}", file=sys.stderr)
-    return 1 if faults != known else 0
+    for line in sorted(faults.keys() - known):
+        print(faults[line], file=sys.stderr)
+    for line in sorted(known - faults.keys()):
+        print(f"no longer so, remove it from {listed.name}: {line}", file=sys.stderr)
+    return 1 if faults.keys() != known else 0
 
 
 sys.exit(main())
