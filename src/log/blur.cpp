@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/copy_failure.h"
 #include "base/text.h"
 #include "log/blur_patterns.h"
-#include "log/copy_failure.h"
 #include "msgapi/blur.h"
 #include "os/file.h"
 #include "util/mac/mac_text.h"
@@ -147,7 +147,7 @@ const char *blur_value(const char *text, uint32_t rows) {
   // What does not fit is not shown at all rather than shown in part.
   if (text == nullptr) return "";
   if (!copy_exact(g_value, text)) {
-    log::print_copy_failure("snprintf_s", -1);
+    print_copy_failure("snprintf_s", -1);
     return "";
   }
   apply_rows(rows, {g_value, std::strlen(g_value)});

@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/copy_failure.h"
 #include "base/text.h"
-#include "log/copy_failure.h"
 #include "log/transport.h"
 #include "msgapi/log.h"
 #include "os/clock.h"

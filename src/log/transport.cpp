@@ -21,9 +21,9 @@
 #include <cstring>
 
 #include "base/bytes.h"
+#include "base/copy_failure.h"
 #include "base/memory.h"
 #include "base/text.h"
-#include "log/copy_failure.h"
 #include "os/clock.h"
 
 namespace msgapi::log {
