@@ -34,8 +34,14 @@ fi
 title() { printf '\n== %s\n' "$*"; }
 
 daemons=()
+end_daemons() {
+  ((${#daemons[@]})) || return 0
+  kill "${daemons[@]}" 2>/dev/null || true
+  wait "${daemons[@]}" 2>/dev/null || true
+  daemons=()
+}
 # Whatever fails, no daemon stays.
-trap '((!${#daemons[@]})) || kill "${daemons[@]}" 2>/dev/null || true' EXIT
+trap end_daemons EXIT
 start() {
   "$bin/demo_$1" &
   daemons+=($!)
@@ -84,8 +90,7 @@ exec 3>&-
 echo "$greeting"
 
 title "what was logged, with personal data masked"
-kill "${daemons[@]}"
-daemons=()
+end_daemons
 "$bin/mlog" flush
 "$bin/mlog" cat
 "$bin/mlog" cat cms | grep -qF '00:**:**:33:**:55 at 192.***.*.10 and *'
