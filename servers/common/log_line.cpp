@@ -1,6 +1,8 @@
 #include "common/log_line.h"
 
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -8,13 +10,17 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 #include "common/printable.h"
+#include "common/unique_fd.h"
 
 namespace servers {
 namespace {
 
 std::string g_name = "server";
+std::string g_module;  // empty: the log server gets no lines
+UniqueFd g_log_socket;
 std::atomic<uint64_t> g_dropped;  // threads write lines, too
 
 // A pipe that polls writable takes PIPE_BUF bytes without blocking; a longer line is cut to that.
@@ -57,10 +63,43 @@ void add_time_stamp(Line *line) {
             utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, now.tv_nsec / 1000000);
 }
 
+// Sends a line to the log server: a head of type and length, then the text with its NUL. Never
+// waits for room in its queue, and is false when it does not take the line.
+bool send_line(std::string_view text) {
+  constexpr size_t kHeadSize = 8;
+  constexpr size_t kLongestPayload = 1016;
+  constexpr char kServer[] = "/var/mlog/mlogServer";
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  std::array<char, kHeadSize + kLongestPayload> datagram;
+  char *payload = datagram.data() + kHeadSize;
+  const auto result =
+      fmt::format_to_n(payload, kLongestPayload - 2, "[{:011}][{}][INFO]:{}",
+                       int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000, g_module, text);
+  size_t size = std::min(result.size, kLongestPayload - 2);
+  hide_controls({payload, size});
+  payload[size++] = '\n';
+  payload[size++] = '\0';
+  const std::array<uint32_t, 2> head = {1, static_cast<uint32_t>(size)};
+  std::memcpy(datagram.data(), head.data(), kHeadSize);
+
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, kServer, sizeof kServer);
+  return ::sendto(g_log_socket.get(), datagram.data(), kHeadSize + size,
+                  MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
+                  sizeof address) >= 0;
+}
+
 }  // namespace
 
 void set_log_name(std::string_view name) {
   g_name = name;
+}
+
+void send_log_as(std::string_view module) {
+  g_module = module;
+  g_log_socket.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 void hide_controls(std::span<char> text) noexcept {
@@ -72,6 +111,7 @@ void hide_controls(std::span<char> text) noexcept {
 }
 
 void write_log_line(std::string_view text) noexcept {
+  if (!g_module.empty() && send_line(text)) return;
   if (!takes_a_line()) {
     ++g_dropped;
     return;

@@ -13,6 +13,10 @@ namespace servers {
 // The program's name, which begins every line behind the time stamp.
 void set_log_name(std::string_view name);
 
+// Has the lines go to the log server, as lines of module `module`, and to standard error only while
+// it does not take them.
+void send_log_as(std::string_view module);
+
 // Writes one line. Control characters in it (names come from clients) are shown as "?". Needs no
 // memory, and never blocks: a line that standard error does not take at once is dropped and
 // counted, and the next line that gets through says how many were.

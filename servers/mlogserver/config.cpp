@@ -65,6 +65,10 @@ bool set_limit(const Item &item, ModuleLimits *limits) {
     limits->max_size = number(item, kSmallestFile, MLOG_FILE_MAX_SIZE);
   } else if (item.name == "level") {
     limits->level = level(item);
+  } else if (item.name == "rate_limit") {
+    limits->rate_limit = number(item, 0, 1000000);
+  } else if (item.name == "rate_interval") {
+    limits->rate_interval_s = number(item, 1, 3600);
   } else {
     return false;
   }

@@ -14,6 +14,9 @@ namespace mlogserver {
 struct ModuleLimits {
   uint32_t max_size = 256 * 1024;    // of the module's file, in bytes
   uint32_t level = MLOG_LEVEL_INFO;  // less important lines are dropped
+  // Of more lines than rate_limit in rate_interval_s seconds the rest is dropped; 0: no limit.
+  uint32_t rate_limit = 0;
+  uint32_t rate_interval_s = 30;
 };
 
 struct Config {

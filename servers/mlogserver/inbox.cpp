@@ -17,7 +17,7 @@ namespace mlogserver {
 
 struct Inbox::Layout {
   // Says that the file was made by this version of the server.
-  static constexpr uint64_t kMagic = 0x314f464e494d4c58;
+  static constexpr uint64_t kMagic = 0x324f464e494d4c58;
 
   uint64_t magic;
   // The kernel stores msg_len when a datagram is complete; 0 is an empty slot. The pointers are
@@ -25,6 +25,11 @@ struct Inbox::Layout {
   std::array<mmsghdr, kSlots> messages;
   std::array<iovec, kSlots> parts;
   std::array<sockaddr_un, kSlots> senders;
+  // Who has sent it. Room for nothing else, so that descriptors that a client passes are closed.
+  struct alignas(cmsghdr) Control {
+    char bytes[CMSG_SPACE(sizeof(ucred))];
+  };
+  std::array<Control, kSlots> controls;
   std::array<std::array<char, kSlotSize>, kSlots> bytes;
 };
 
@@ -64,6 +69,8 @@ size_t Inbox::receive(int fd) {
     header.msg_iovlen = 1;
     header.msg_name = &layout_->senders[i];
     header.msg_namelen = sizeof layout_->senders[i];
+    header.msg_control = layout_->controls[i].bytes;
+    header.msg_controllen = sizeof layout_->controls[i].bytes;
   }
   for (;;) {
     const int count = ::recvmmsg(fd, layout_->messages.data(), kSlots, MSG_DONTWAIT, nullptr);
@@ -80,6 +87,18 @@ std::span<char> Inbox::datagram(size_t slot) {
 const sockaddr_un &Inbox::sender(size_t slot, socklen_t *size) const {
   *size = layout_->messages[slot].msg_hdr.msg_namelen;
   return layout_->senders[slot];
+}
+
+uid_t Inbox::user(size_t slot) const {
+  msghdr header = layout_->messages[slot].msg_hdr;
+  const cmsghdr *control = CMSG_FIRSTHDR(&header);
+  if (control == nullptr || control->cmsg_level != SOL_SOCKET ||
+      control->cmsg_type != SCM_CREDENTIALS || control->cmsg_len < CMSG_LEN(sizeof(ucred))) {
+    return static_cast<uid_t>(-1);
+  }
+  ucred credentials;
+  std::memcpy(&credentials, CMSG_DATA(control), sizeof credentials);
+  return credentials.uid;
 }
 
 void Inbox::mark_done(size_t slot) {

@@ -62,15 +62,15 @@ void print_counters(const Server &server, const RingStore &store) {
                     counters.lines, counters.requests, counters.malformed, counters.unanswered,
                     counters.stats_refused, counters.given_up + store.given_up());
   for (const auto &[module, count] : store.counters()) {
-    servers::log_line("module {}: kept {} below level {} lost {}", module, count.kept,
-                      count.below_level, count.lost);
+    servers::log_line("module {}: kept {} below level {} dropped {} lost {}", module, count.kept,
+                      count.below_level, count.dropped, count.lost);
   }
 }
 
 void run(const Options &options) {
   servers::EventLoop loop;
   RingStore store(load_config(options));
-  Server server(&store);
+  Server server(&loop, &store);
 
   loop.add(server.fd(), EPOLLIN, &server);
   loop.on_signal(SIGHUP, [&] {
@@ -84,6 +84,7 @@ void run(const Options &options) {
 
   // What the socket has accepted is kept.
   server.drain();
+  store.tell_dropped(true);
   store.sync();
   attempt([&] { print_counters(server, store); });
 }

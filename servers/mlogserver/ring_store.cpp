@@ -33,11 +33,18 @@ constexpr std::chrono::seconds kRetryAfter(1);
 // What must be free before writing is tried again.
 constexpr uint64_t kRoom = 65536;
 
-std::string notice(const std::string &module, uint64_t lost) {
+constexpr size_t kMaxLevels = 256;
+
+// A line of the server's own in a module's file.
+std::string notice(const std::string &module, const std::string &text) {
   timespec now{};
   ::clock_gettime(CLOCK_BOOTTIME, &now);
-  return fmt::format("[{:011}][{}][WARN]:mlogserver: {} lines before this one are lost\n",
-                     int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000, module, lost);
+  return fmt::format("[{:011}][{}][WARN]:mlogserver: {}\n",
+                     int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000, module, text);
+}
+
+const char *describe(int reason) {
+  return reason != 0 ? std::strerror(reason) : "cannot be used as a log file";
 }
 
 }  // namespace
@@ -47,6 +54,7 @@ RingStore::RingStore(Config config) {
 }
 
 void RingStore::reconfigure(Config config) {
+  tell_dropped(true);
   std::string directory = MlogUseSharePartion() != 0 ? config.share_directory : config.directory;
   std::map<std::string, Ring> rings;
   for (const auto &[module, ring] : rings_) {
@@ -84,7 +92,7 @@ void RingStore::append_line(std::span<char> line) {
   LineHead head{};
   const bool parsed = parse_line_head({line.data(), line.size()}, &head);
   // The levels are bits, the more important the lower; "NONE" is 0.
-  if (parsed && head.level > config_.limits_of(std::string(head.module)).level) {
+  if (parsed && head.level > level_of(head.module)) {
     // Only what has a file is counted by its name: names are anybody's to invent.
     std::string module(head.module);
     ++counters_[rings_.count(module) > 0 ? module : kOther].below_level;
@@ -94,13 +102,15 @@ void RingStore::append_line(std::span<char> line) {
   const std::string module = parsed ? file_name_of(head.module) : kOther;
   ModuleCounters &counters = counters_[module];
   Ring &ring = rings_[module];
-  const auto may_try = [](const Outage &outage) {
-    return !outage.active || steady_clock::now() >= outage.next_attempt;
-  };
-  bool written = may_try(disk_full_) && may_try(ring.outage) && disk_has_room() &&
-                 (ring.file != nullptr || open(module, &ring));
+  const ModuleLimits &limits = config_.limits_of(parsed ? std::string(head.module) : kOther);
+  if (!is_within_limit(limits, module, &ring)) {
+    ++counters.dropped;
+    ++ring.dropped;
+    return;
+  }
+  bool written = ready(module, &ring);
   if (written && ring.lost > 0) {
-    std::string text = notice(module, ring.lost);
+    std::string text = notice(module, fmt::format("{} lines before this one are lost", ring.lost));
     written = write(&ring, text);
     if (written) ring.lost = 0;
   }
@@ -111,6 +121,93 @@ void RingStore::append_line(std::span<char> line) {
     ++ring.lost;
     complete_ = false;
   }
+}
+
+bool RingStore::is_within_limit(const ModuleLimits &limits, const std::string &module, Ring *ring) {
+  if (limits.rate_limit == 0) return true;
+  const steady_clock::time_point now = steady_clock::now();
+  if (now >= ring->interval_end) {
+    tell_dropped(module, ring);
+    ring->interval_end = now + std::chrono::seconds(limits.rate_interval_s);
+    ring->interval_lines = 0;
+  }
+  return ring->interval_lines++ < limits.rate_limit;
+}
+
+bool RingStore::tell_dropped(const std::string &module, Ring *ring) {
+  if (ring->dropped == 0) return true;
+  std::string text = notice(module, fmt::format("{} lines dropped from {}", ring->dropped, module));
+  if (!ready(module, ring) || !write(ring, text)) return false;
+  ring->dropped = 0;
+  return true;
+}
+
+void RingStore::tell_dropped(bool all) noexcept {
+  const steady_clock::time_point now = steady_clock::now();
+  for (auto &[module, ring] : rings_) {
+    if (ring.dropped == 0 || (!all && now < ring.interval_end)) continue;
+    try {
+      if (tell_dropped(module, &ring)) continue;
+    } catch (const std::exception &) {
+      // It is told later.
+    }
+    ring.interval_end = now + kRetryAfter;
+  }
+}
+
+std::optional<steady_clock::time_point> RingStore::next_notice() const {
+  std::optional<steady_clock::time_point> next;
+  for (const auto &[module, ring] : rings_) {
+    if (ring.dropped > 0 && (!next || ring.interval_end < *next)) next = ring.interval_end;
+  }
+  return next;
+}
+
+bool RingStore::set_level(std::string_view module, std::optional<uint32_t> level) {
+  const auto known = levels_.find(module);
+  if (!level) {
+    if (known != levels_.end()) levels_.erase(known);
+    return true;
+  }
+  if (known != levels_.end()) {
+    known->second = *level;
+    return true;
+  }
+  if (levels_.size() >= kMaxLevels) return false;
+  levels_.emplace(module, *level);
+  return true;
+}
+
+uint32_t RingStore::level_of(std::string_view module) const {
+  const auto set = levels_.find(module);
+  return set != levels_.end() ? set->second : config_.limits_of(std::string(module)).level;
+}
+
+std::string RingStore::state() const {
+  if (disk_full_.active) {
+    return fmt::format("{}: {}: lines are lost until there is room again", directory_,
+                       describe(disk_full_.reason));
+  }
+  for (const auto &[module, ring] : rings_) {
+    if (!ring.outage.active) continue;
+    return fmt::format("{}: {}: its lines are lost", ring.path, describe(ring.outage.reason));
+  }
+  return {};
+}
+
+bool RingStore::ready(const std::string &module, Ring *ring) {
+  const auto may_try = [](const Outage &outage) {
+    return !outage.active || steady_clock::now() >= outage.next_attempt;
+  };
+  if (!may_try(disk_full_) || !may_try(ring->outage) || !disk_has_room()) return false;
+  if (ring->file != nullptr) {
+    // A file that somebody removed would take lines that nobody finds.
+    struct stat status {};
+    if (::fstat(::fileno(ring->file->stream), &status) == 0 && status.st_nlink > 0) return true;
+    ring->file.reset();
+    ring->dirty = false;
+  }
+  return open(module, ring);
 }
 
 bool RingStore::sync() noexcept {
@@ -226,10 +323,9 @@ void RingStore::report_failure(Ring *ring) {
   const int reason = errno;
   Outage &outage = reason == ENOSPC || reason == EDQUOT ? disk_full_ : ring->outage;
   if (!outage.active) {
-    say("{}: {}: lines are lost from now on", ring->path,
-        reason != 0 ? std::strerror(reason) : "cannot be used as a log file");
+    say("{}: {}: lines are lost from now on", ring->path, describe(reason));
   }
-  outage = {true, steady_clock::now() + kRetryAfter};
+  outage = {true, reason, steady_clock::now() + kRetryAfter};
 }
 
 void RingStore::report_success(Ring *ring) {

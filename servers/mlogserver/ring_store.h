@@ -7,8 +7,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "config.h"
 #include "msgapi/ringlog.h"
@@ -18,6 +20,7 @@ namespace mlogserver {
 struct ModuleCounters {
   uint64_t kept = 0;
   uint64_t below_level = 0;  // dropped by the configuration
+  uint64_t dropped = 0;      // beyond the module's limit
   uint64_t lost = 0;         // could not be written
 };
 
@@ -39,6 +42,19 @@ class RingStore {
   // False unless every line since the last call is on the disk.
   bool sync() noexcept;
 
+  // The level of a module from now on, whatever the configuration says; nothing takes that back.
+  // False when too many modules have one.
+  bool set_level(std::string_view module, std::optional<uint32_t> level);
+  uint32_t level_of(std::string_view module) const;
+
+  // Tells in their files of the lines that were dropped in intervals that are over, or in all.
+  void tell_dropped(bool all) noexcept;
+  // When the next interval with dropped lines is over, if there is one.
+  std::optional<std::chrono::steady_clock::time_point> next_notice() const;
+
+  // What keeps lines from being written now, for the user; empty when nothing does.
+  std::string state() const;
+
   const std::string &directory() const { return directory_; }
   const std::map<std::string, ModuleCounters> &counters() const { return counters_; }
   // Lines that were given up because something else than writing them failed.
@@ -54,6 +70,7 @@ class RingStore {
   // Nothing can be written since a failure, which was reported once; it is tried again at times.
   struct Outage {
     bool active = false;
+    int reason = 0;  // an errno, 0 for a file that is no log file
     std::chrono::steady_clock::time_point next_attempt;
   };
   struct Ring {
@@ -63,6 +80,10 @@ class RingStore {
     size_t size = 0;    // of the file
     uint64_t lost = 0;  // lines since the last that was written
     bool dirty = false;
+    // The running interval of the limit.
+    std::chrono::steady_clock::time_point interval_end;
+    uint32_t interval_lines = 0;
+    uint64_t dropped = 0;
     Outage outage;
   };
 
@@ -78,6 +99,10 @@ class RingStore {
   void append_line(std::span<char> line);
   bool sync_files() noexcept;
   std::string file_name_of(std::string_view module);
+  bool is_within_limit(const ModuleLimits &limits, const std::string &module, Ring *ring);
+  bool tell_dropped(const std::string &module, Ring *ring);
+  // Whether a line can be tried to be written.
+  bool ready(const std::string &module, Ring *ring);
   bool open(const std::string &module, Ring *ring);
   bool write(Ring *ring, std::span<char> line);
   Before remember(const Ring &ring, size_t line_size);
@@ -90,6 +115,7 @@ class RingStore {
   std::string directory_;
   std::map<std::string, Ring> rings_;
   std::map<std::string, ModuleCounters> counters_;
+  std::map<std::string, uint32_t, std::less<>> levels_;  // set at run time
   bool new_files_ = false;
   bool complete_ = true;  // no line was lost since the last sync()
   Outage disk_full_;

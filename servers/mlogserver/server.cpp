@@ -8,12 +8,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <optional>
 #include <stdexcept>
 
 #include "line.h"
+#include "questions.h"
 #include "say.h"
 
 namespace mlogserver {
@@ -55,6 +61,9 @@ servers::UniqueFd open_socket() {
 
   servers::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) fail("socket");
+  // Says who sends what, for what not everybody may ask.
+  const int on = 1;
+  if (::setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) fail("SO_PASSCRED");
   ::unlink(kSocketPath);
   if (::bind(fd.get(), generic, sizeof address) != 0 || ::chmod(kSocketPath, 0660) != 0) {
     fail(kSocketPath);
@@ -85,8 +94,12 @@ const char *payload_of(std::span<char> datagram, MlogMsg *head) {
 
 }  // namespace
 
-Server::Server(RingStore *store)
-    : store_(store), fd_(open_socket()), socket_inode_(socket_inode()), inbox_(kInboxPath) {
+Server::Server(servers::EventLoop *loop, RingStore *store)
+    : loop_(loop),
+      store_(store),
+      fd_(open_socket()),
+      socket_inode_(socket_inode()),
+      inbox_(kInboxPath) {
   line_.reserve(kRoomForLine);
   take_over();
 }
@@ -119,11 +132,28 @@ void Server::drain() {
     for (size_t slot = 0; slot < count; ++slot) {
       Sender sender{};
       sender.address = &inbox_.sender(slot, &sender.size);
+      sender.user = inbox_.user(slot);
       handle(inbox_.datagram(slot), sender);
       inbox_.mark_done(slot);
     }
-    if (count < Inbox::kSlots) return;
+    if (count < Inbox::kSlots) break;
   }
+  await_notice();
+}
+
+void Server::await_notice() {
+  const auto next = store_->next_notice();
+  if (!next || awaits_notice_) return;
+  const auto delay = std::max(
+      std::chrono::ceil<std::chrono::milliseconds>(*next - std::chrono::steady_clock::now()),
+      std::chrono::milliseconds(1));
+  awaits_notice_ = loop_->attempt("telling of dropped lines has failed", [&] {
+    loop_->after(delay, [this] {
+      awaits_notice_ = false;
+      store_->tell_dropped(false);
+      await_notice();
+    });
+  });
 }
 
 void Server::handle(std::span<char> datagram, const Sender &sender) noexcept {
@@ -150,7 +180,7 @@ bool Server::dispatch(const MlogMsg &head, std::span<char> payload, const Sender
     case MLOG_TYPE_LOG:
       return keep_line(payload);
     case MLOG_TYPE_SET_STAT:
-      return set_statistics(payload);
+      return set_statistics(payload, sender);
     case MLOG_TYPE_GET_STAT:
       return get_statistics(payload, sender);
     case MLOG_TYPE_FLUSH:
@@ -171,7 +201,7 @@ bool Server::keep_line(std::span<const char> payload) {
   return true;
 }
 
-bool Server::set_statistics(std::span<const char> payload) {
+bool Server::set_statistics(std::span<const char> payload, const Sender &sender) {
   if (payload.size() < offsetof(MlogStat, reserved)) return false;
   MlogStat fields;
   std::memcpy(&fields, payload.data(), offsetof(MlogStat, reserved));
@@ -179,6 +209,7 @@ bool Server::set_statistics(std::span<const char> payload) {
   std::string info;
   if (!read_field(fields.module, &module) || !read_field(fields.info, &info)) return false;
 
+  if (module.starts_with(MLOG_SERVER_NAME)) return set_own(module, info, sender);
   if (statistics_.size() >= kMaxStatistics && statistics_.count(module) == 0) {
     ++counters_.stats_refused;
   } else {
@@ -194,13 +225,46 @@ bool Server::get_statistics(std::span<const char> payload, const Sender &sender)
   std::string module;
   if (!read_field(fields.module, &module)) return false;
 
-  if (const auto known = statistics_.find(module); known != statistics_.end()) {
+  if (module.starts_with(MLOG_SERVER_NAME)) {
+    const std::string text = answer_own(module);
+    std::memcpy(fields.info, text.data(), std::min(text.size(), sizeof fields.info - 1));
+  } else if (const auto known = statistics_.find(module); known != statistics_.end()) {
     std::memcpy(fields.info, known->second.c_str(), known->second.size() + 1);
   }
   MlogMsg answer{.type = MLOG_TYPE_GET_STAT, .length = sizeof fields, .payload = {}};
   std::memcpy(answer.payload, &fields, sizeof fields);
   reply(answer, sizeof fields, sender);
   return true;
+}
+
+bool Server::set_own(const std::string &question, const std::string &text, const Sender &sender) {
+  const std::string module = question.substr(std::min(kLevelQuestion.size(), question.size()));
+  if (!question.starts_with(kLevelQuestion) || !is_module_name(module)) return false;
+  std::optional<uint32_t> level;
+  if (text != kConfiguredLevel) {
+    level = MlogGetLogLevel(text.c_str());
+    if (text != MlogGetLogLevelString(*level)) return false;
+  }
+  if ((sender.user != 0 && sender.user != ::geteuid()) || !store_->set_level(module, level)) {
+    ++counters_.stats_refused;
+  }
+  return true;
+}
+
+std::string Server::answer_own(const std::string &question) const {
+  if (question == kStateQuestion) return store_->state();
+  if (question.starts_with(kLevelQuestion)) {
+    return MlogGetLogLevelString(store_->level_of(question.substr(kLevelQuestion.size())));
+  }
+  if (question.starts_with(kModuleQuestion)) {
+    const size_t index = std::strtoul(question.c_str() + kModuleQuestion.size(), nullptr, 10);
+    if (index >= store_->counters().size()) return {};
+    const auto &[module, count] =
+        *std::next(store_->counters().begin(), static_cast<ptrdiff_t>(index));
+    return format_module_line({module, MlogGetLogLevelString(store_->level_of(module)), count.kept,
+                               count.below_level, count.dropped, count.lost});
+  }
+  return {};
 }
 
 void Server::flush(const Sender &sender) {

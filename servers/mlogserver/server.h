@@ -21,7 +21,7 @@ struct Counters {
   uint64_t requests = 0;
   uint64_t malformed = 0;      // datagrams that no client sends
   uint64_t unanswered = 0;     // replies that their client could not take
-  uint64_t stats_refused = 0;  // statistics of modules beyond the limit
+  uint64_t stats_refused = 0;  // statistics of modules beyond the limit, levels from others
   uint64_t given_up = 0;       // requests for which a call of the server's failed
 };
 
@@ -29,7 +29,7 @@ class Server final : public servers::EventLoop::Watch {
  public:
   // Takes over the lines that a killed server left behind. Throws std::runtime_error when the
   // socket cannot be had, for instance from a running server.
-  explicit Server(RingStore *store);
+  Server(servers::EventLoop *loop, RingStore *store);
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
   // Removes the socket's file.
@@ -46,18 +46,25 @@ class Server final : public servers::EventLoop::Watch {
   struct Sender {
     const sockaddr_un *address;
     socklen_t size;
+    uid_t user;
   };
 
   void take_over();
   void handle(std::span<char> datagram, const Sender &sender) noexcept;
   bool dispatch(const MlogMsg &head, std::span<char> payload, const Sender &sender);
   bool keep_line(std::span<const char> payload);
-  bool set_statistics(std::span<const char> payload);
+  bool set_statistics(std::span<const char> payload, const Sender &sender);
+  // What is asked about the server itself: questions.h.
+  bool set_own(const std::string &question, const std::string &text, const Sender &sender);
+  std::string answer_own(const std::string &question) const;
   bool get_statistics(std::span<const char> payload, const Sender &sender);
   void flush(const Sender &sender);
+  void await_notice();
   void reply(const MlogMsg &message, size_t payload_size, const Sender &sender);
 
+  servers::EventLoop *loop_;
   RingStore *store_;
+  bool awaits_notice_ = false;
   servers::UniqueFd fd_;
   ino_t socket_inode_ = 0;  // of the socket's file
   std::string line_;        // the line that is being kept; never grows

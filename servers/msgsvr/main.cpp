@@ -35,6 +35,8 @@ void add_options(servers::Command *command, Options *options) {
                   "is served");
   command->number("--keepalive", &options->keep_alive_s,
                   "Ask clients for a sign of life every so many seconds; 0: do not", {0, 86400});
+  command->flag("--log-server", &options->log_server,
+                "Log to the log server as module msgsvr, to standard error while it is not there");
   command->flag("--swap", &options->swap_all, "Register clients in the other byte order");
   command->option("--swap-app", &options->swap_names,
                   "Only the application of this name; repeatable");
@@ -175,6 +177,7 @@ int main(int argc, char **argv) try {
   }
 
   fit_limits(raise_descriptor_limit(), &options);
+  if (options.log_server) servers::send_log_as("msgsvr");
   serve(options, *mode);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {

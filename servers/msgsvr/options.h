@@ -17,6 +17,7 @@ struct Options {
   std::string tcp;  // ADDRESS:PORT, empty for none
   uint32_t keep_alive_s = 0;
   bool swap_all = false;
+  bool log_server = false;  // own log lines go there
   std::vector<std::string> swap_names;
   // What may wait for one client, in bytes.
   size_t queue_limit = 1 << 20;

@@ -46,9 +46,14 @@ int main(int argc, char **argv) try {
   line.number("--unfinished", &limits.unfinished,
               "Bytes that messages of one user's clients may take before they have arrived whole, "
               "and half of what all may; more is lost and counted");
+  bool log_server = false;
+  line.flag(
+      "--log-server", &log_server,
+      "Log to the log server as module notifyserver, to standard error while it is not there");
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   servers::set_log_name("notifyserver");
+  if (log_server) servers::send_log_as("notifyserver");
   // Every application puts its own socket there, too.
   ::mkdir(ORP_NOTIFYCLT_DIRECTORY, 0775);
   run(path, limits);

@@ -87,7 +87,8 @@ std::string statistics(const std::string &module, const std::string &text) {
 
 TEST(LogServerMemory, GivesUpOneRequestAndGoesOn) {
   mlogserver::RingStore store(mlogserver::Config{});
-  mlogserver::Server server(&store);
+  servers::EventLoop loop;
+  mlogserver::Server server(&loop, &store);
   Client client;
   const std::string name(90, 'm');  // too long for a string without memory of its own
 
@@ -137,7 +138,8 @@ TEST(LogServerMemory, AConfigurationThatThereIsNoMemoryForChangesNothing) {
 
 TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
   mlogserver::RingStore store(mlogserver::Config{});
-  mlogserver::Server server(&store);
+  servers::EventLoop loop;
+  mlogserver::Server server(&loop, &store);
   Client client;
   rlimit limit{};
   ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
@@ -150,7 +152,7 @@ TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
   server.drain();
   EXPECT_EQ(UINT32_MAX, client.answer());
   // Without a descriptor to look with, a second server does not take the first one's place.
-  EXPECT_THROW(mlogserver::Server second(&store), std::runtime_error);
+  EXPECT_THROW(mlogserver::Server second(&loop, &store), std::runtime_error);
 
   ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
   EXPECT_EQ(0, ::access("/var/mlog/mlogServer", F_OK));

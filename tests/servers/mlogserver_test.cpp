@@ -284,8 +284,8 @@ TEST(LogServerConfig, LinesThatAreDroppedCostNoMemoryForTheirNames) {
   MlogPrint("wan", MLOG_LEVEL_INFO, "dropped");
 
   EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_THAT(server.output(), HasSubstr("module other: kept 0 below level 1000 lost 0"));
-  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 1 below level 1 lost 0"));
+  EXPECT_THAT(server.output(), HasSubstr("module other: kept 0 below level 1000 dropped 0 lost 0"));
+  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 1 below level 1 dropped 0 lost 0"));
   EXPECT_THAT(server.output(), testing::Not(HasSubstr("module m")));
 }
 
@@ -376,7 +376,7 @@ TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {
 
   EXPECT_THAT(log_of("lan"), EndsWith(":kept\n"));
   EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 lost 1"));
+  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 dropped 0 lost 1"));
 }
 
 TEST(LogServerKill, LosesNoLineThatItHasTaken) {
