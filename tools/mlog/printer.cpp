@@ -1,125 +1,175 @@
 #include "printer.h"
 
-#include <fmt/color.h>
 #include <fmt/format.h>
-#include <time.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "mlogserver/line.h"
 #include "msgapi/log.h"
+#include "time_text.h"
 
 namespace mlog {
 namespace {
 
-int64_t clock_ns(clockid_t clock) {
-  timespec now{};
-  ::clock_gettime(clock, &now);
-  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
+constexpr size_t kBuffer = 65536;
 
-std::string wall_time(int64_t time_ms) {
-  const time_t seconds = static_cast<time_t>(time_ms / 1000);
-  tm utc{};
-  ::gmtime_r(&seconds, &utc);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", utc.tm_year + 1900,
-                     utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                     time_ms % 1000);
-}
-
-// Logged text comes from anywhere and must not drive the terminal.
-std::string without_controls(const std::string &text) {
-  std::string clean;
-  mlogserver::add_clean_text(text, &clean);
-  return clean;
-}
-
-fmt::text_style style_of(uint32_t level) {
+const char *colour_of(uint32_t level) {
   switch (level) {
     case MLOG_LEVEL_FATAL:
-      return fmt::fg(fmt::terminal_color::red) | fmt::emphasis::bold;
+      return "\x1b[1;31m";
     case MLOG_LEVEL_ERROR:
-      return fmt::fg(fmt::terminal_color::red);
+      return "\x1b[31m";
     case MLOG_LEVEL_WARN:
-      return fmt::fg(fmt::terminal_color::yellow);
+      return "\x1b[33m";
     default:
-      return {};
+      return "";
   }
+}
+
+bool needs_cleaning(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte >= 0x7F;
+  });
+}
+
+// The text as it was logged: the tab that the server puts after a line feed is taken away.
+std::string original(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    result += text[i];
+    if (text[i] == '\n' && i + 1 < text.size() && text[i + 1] == '\t') ++i;
+  }
+  return result;
 }
 
 }  // namespace
 
-void read_clocks(PrintOptions *options) {
-  // Both clocks run alike, so the time of the boot is the same number until somebody sets the time.
-  // A reading of one lies between two of the other: many such bounds leave next to no doubt.
-  int64_t least_ns = INT64_MIN;
-  int64_t most_ns = INT64_MAX;
-  for (int i = 0; i < 1000; ++i) {
-    const int64_t before_ns = clock_ns(CLOCK_BOOTTIME);
-    const int64_t now_ns = clock_ns(CLOCK_REALTIME);
-    const int64_t after_ns = clock_ns(CLOCK_BOOTTIME);
-    least_ns = std::max(least_ns, now_ns - after_ns);
-    most_ns = std::min(most_ns, now_ns - before_ns);
-    options->uptime_ms = after_ns / 1000000;
+void Printer::add_clean(std::string_view text) {
+  if (!needs_cleaning(text)) {
+    out_.append(text);
+    return;
   }
-  options->boot_time_ms = (least_ns + (most_ns - least_ns) / 2) / 1000000;
-}
-
-size_t first_of_this_boot(const std::vector<Entry> &entries, int64_t uptime_ms) {
-  size_t first = 0;
-  int64_t last_ms = 0;
-  for (size_t i = 0; i < entries.size(); ++i) {
-    if (!entries[i].has_head) continue;
-    if (entries[i].uptime_ms < last_ms) first = i;
-    last_ms = entries[i].uptime_ms;
-  }
-  return last_ms <= uptime_ms ? first : entries.size();
-}
-
-bool Printer::wants(const Entry &entry) const {
-  if (!entry.has_head) return options_.modules.empty();
-  return entry.level <= options_.level &&
-         (options_.modules.empty() || options_.modules.count(std::string(entry.module)) > 0);
-}
-
-void Printer::print(const Entry &entry, bool this_boot) const {
-  if (!wants(entry)) return;
-  if (options_.json) {
-    print_json(entry, this_boot);
-  } else {
-    print_text(entry, this_boot);
+  // Line by line: their line feeds have their tabs already.
+  for (;;) {
+    const size_t end = text.find('\n');
+    mlogserver::add_clean_text(text.substr(0, end), &out_);
+    if (end == std::string_view::npos) return;
+    out_ += '\n';
+    text.remove_prefix(end + 1);
   }
 }
 
-void Printer::print_json(const Entry &entry, bool this_boot) const {
+void Printer::add_time(int64_t time_ms) {
+  const int64_t seconds = time_ms / 1000;
+  if (seconds != formatted_s_) {
+    formatted_s_ = seconds;
+    formatted_ = format_time(seconds * 1000, options_.utc);
+    formatted_.resize(formatted_.size() - 3);
+  }
+  const auto ms = static_cast<unsigned>(time_ms % 1000);
+  const char digits[] = {static_cast<char>('0' + ms / 100), static_cast<char>('0' + ms / 10 % 10),
+                         static_cast<char>('0' + ms % 10)};
+  out_.append(formatted_).append(digits, sizeof digits);
+}
+
+void Printer::print(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path) {
+  const char *colour = options_.colour && options_.output != Output::kJson
+                           ? colour_of(entry.has_head ? entry.level : 0)
+                           : "";
+  out_.append(colour);
+  switch (options_.output) {
+    case Output::kShort:
+    case Output::kFull:
+      add_short(entry, time_ms, path);
+      break;
+    case Output::kJson:
+      add_json(entry, time_ms);
+      break;
+    case Output::kRaw:
+      add_raw(entry, time_ms);
+      break;
+  }
+  if (*colour != '\0') out_.append("\x1b[0m");
+  out_ += '\n';
+  if (out_.size() >= kBuffer) flush();
+}
+
+void Printer::add_short(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path) {
+  const bool full = options_.output == Output::kFull;
+  if (entry.has_head) {
+    if (time_ms) {
+      add_time(*time_ms);
+      if (options_.utc) out_.append("Z");
+    } else {
+      fmt::format_to(std::back_inserter(out_), "up {}.{:03} s", entry.uptime_ms / 1000,
+                     entry.uptime_ms % 1000);
+    }
+    if (full) fmt::format_to(std::back_inserter(out_), " [{:011}]", entry.uptime_ms);
+    out_ += ' ';
+    add_clean(entry.module);
+    out_ += ' ';
+    add_clean(entry.level_name);
+    out_.append(": ");
+  }
+  add_clean(entry.message);
+  if (full) {
+    out_.append(" (");
+    add_clean(path);
+    out_ += ')';
+  }
+}
+
+void Printer::add_json(const Entry &entry, std::optional<int64_t> time_ms) {
   nlohmann::ordered_json line;
   if (entry.has_head) {
     line["uptime_ms"] = entry.uptime_ms;
-    if (this_boot) line["time"] = wall_time(options_.boot_time_ms + entry.uptime_ms);
+    if (time_ms) line["time"] = format_iso_time(*time_ms);
     line["module"] = entry.module;
     line["level"] = entry.level_name;
   }
-  line["text"] = entry.message;
+  line["text"] = original(entry.message);
   // Bytes that are no UTF-8 become replacement characters.
   const auto replace = nlohmann::ordered_json::error_handler_t::replace;
-  fmt::print("{}\n", line.dump(-1, ' ', false, replace));
+  out_ += line.dump(-1, ' ', false, replace);
 }
 
-void Printer::print_text(const Entry &entry, bool this_boot) const {
-  std::string text = entry.text;
-  if (options_.wall_time && this_boot && entry.has_head) {
-    text = fmt::format("[{}][{}][{}]:{}", wall_time(options_.boot_time_ms + entry.uptime_ms),
-                       entry.module, entry.level_name, entry.message);
-  }
-  if (options_.is_terminal) text = without_controls(text);
-  if (options_.colour) {
-    fmt::print(style_of(entry.level), "{}", text);
-    fmt::print("\n");
+void Printer::add_raw(const Entry &entry, std::optional<int64_t> time_ms) {
+  const auto add = [&](std::string_view text) {
+    if (options_.clean) {
+      add_clean(text);
+    } else {
+      out_.append(text);
+    }
+  };
+  if (options_.raw_time && time_ms && entry.has_head) {
+    add(fmt::format("[{}][{}][{}]:", format_iso_time(*time_ms), entry.module, entry.level_name));
+    add(entry.message);
   } else {
-    fmt::print("{}\n", text);
+    add(entry.text);
   }
+}
+
+void Printer::print_marker(std::string_view text) {
+  if (options_.output == Output::kRaw) return;
+  if (options_.output == Output::kJson) {
+    out_ += nlohmann::ordered_json{{"marker", text}}.dump();
+  } else {
+    fmt::format_to(std::back_inserter(out_), "-- {} --", text);
+  }
+  out_ += '\n';
+}
+
+bool Printer::flush() {
+  if (!out_.empty()) {
+    std::fwrite(out_.data(), 1, out_.size(), stdout);
+    out_.clear();
+  }
+  broken_ = broken_ || std::fflush(stdout) != 0;
+  return !broken_;
 }
 
 }  // namespace mlog

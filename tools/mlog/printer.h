@@ -1,50 +1,61 @@
-// Prints entries as text or JSON.
+// Prints entries.
 #pragma once
 
 #include <cstdint>
-#include <set>
+#include <cstdio>
+#include <optional>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "ring_reader.h"
 
 namespace mlog {
 
-struct PrintOptions {
-  bool json = false;
-  bool wall_time = false;  // the time of day instead of the uptime
-  bool colour = false;
-  bool is_terminal = false;
-  uint32_t level = 8;             // less important entries are left out
-  std::set<std::string> modules;  // empty: all
-  int64_t boot_time_ms = 0;       // of the running system, in milliseconds since 1970
-  int64_t uptime_ms = 0;          // of the running system
+enum class Output {
+  kShort,  // time, module, level and text
+  kFull,   // the same with the uptime and the file
+  kJson,   // one object for each entry
+  kRaw,    // as it stands in the file
 };
 
-// Fills in the clocks of the running system. The time of the boot is the same in every call until
-// somebody sets the time, so a line always has the same time of day.
-void read_clocks(PrintOptions *options);
-
-// The first entry of the running boot: behind the last place where the uptime went back, and not
-// from the future. Only these have a known time of day.
-size_t first_of_this_boot(const std::vector<Entry> &entries, int64_t uptime_ms);
+struct PrintOptions {
+  Output output = Output::kShort;
+  bool utc = false;
+  bool raw_time = false;  // raw: the time of day (UTC) instead of the uptime
+  bool colour = false;
+  bool clean = false;  // raw: what a terminal may obey is shown as "?", as the others always do
+};
 
 class Printer {
  public:
-  explicit Printer(PrintOptions options) : options_(std::move(options)) {}
+  explicit Printer(PrintOptions options) : options_(options) {}
+  Printer(const Printer &) = delete;
+  Printer &operator=(const Printer &) = delete;
+  ~Printer() { flush(); }
 
   const PrintOptions &options() const { return options_; }
 
-  bool wants(const Entry &entry) const;
-  // Prints the entry to standard output if it is wanted. `this_boot` says whether its uptime is the
-  // running system's.
-  void print(const Entry &entry, bool this_boot) const;
+  // `time_ms` is the time of day, if it is known; `path` names the entry's file.
+  void print(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path);
+  // A line about the log, as from one boot to the next. Raw output has none.
+  void print_marker(std::string_view text);
+
+  // What was printed is out when this returns. False when nobody reads it any more.
+  bool flush();
 
  private:
-  void print_json(const Entry &entry, bool this_boot) const;
-  void print_text(const Entry &entry, bool this_boot) const;
+  void add_short(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path);
+  void add_json(const Entry &entry, std::optional<int64_t> time_ms);
+  void add_raw(const Entry &entry, std::optional<int64_t> time_ms);
+  void add_clean(std::string_view text);
+  void add_time(int64_t time_ms);
 
   PrintOptions options_;
+  std::string out_;
+  bool broken_ = false;
+  // The second that was formatted last.
+  int64_t formatted_s_ = INT64_MIN;
+  std::string formatted_;
 };
 
 }  // namespace mlog

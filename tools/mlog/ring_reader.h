@@ -1,11 +1,17 @@
-// Reads ring log files, damaged ones included, and splits them into lines.
+// Reads ring log files, damaged ones and such that are being written included, entry by entry and
+// in either direction, with one window of bytes in memory for each file.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/unique_fd.h"
 
 namespace mlog {
 
@@ -21,47 +27,170 @@ struct RingHeader {
 // range.
 std::optional<RingHeader> parse_header(std::string_view bytes);
 
-// One logged text. It has several lines when the text had; those behind the first come without a
-// head.
+// One logged text. It has several lines when the text had; those after the first have no head.
 struct Entry {
-  std::string text;  // as logged, without its last line feed
+  std::string_view text;  // as logged, without its last line feed
   // Of a text with a proper head:
   bool has_head = false;
   int64_t uptime_ms = 0;
-  std::string_view module;  // views of `text`
-  std::string_view level_name;
-  std::string_view message;
   uint32_t level = 0;
+  std::string_view module;  // parts of `text`
+  std::string_view level_name;
+  std::string_view message;  // all of `text` without a head
 
   Entry() = default;
-  explicit Entry(std::string whole);
-  Entry(const Entry &) = delete;
-  Entry &operator=(const Entry &) = delete;
-  Entry(Entry &&other) : Entry(std::move(other.text)) {}
+  explicit Entry(std::string_view whole);
 };
 
-struct Ring {
+// An open file, of the file system or in memory.
+class RingFile {
+ public:
+  // Throws std::runtime_error with a text for the user.
+  explicit RingFile(const std::string &path);
+  // The bytes are the caller's.
+  explicit RingFile(std::string_view bytes) : bytes_(bytes) {}
+
+  // Up to `size` bytes from `position` on are added to `out`; how many there were.
+  size_t read(size_t position, size_t size, std::string *out) const;
+  // The header as it is now, with all its parts from one moment.
+  std::optional<RingHeader> header() const;
+  size_t size() const;
+  // Somebody may be writing it.
+  bool is_live() const { return static_cast<bool>(fd_); }
+  // When it was last written; nothing for bytes in memory.
+  std::optional<int64_t> modified_ms() const;
+  // Whether `path` names this file. False when nothing has this name.
+  bool is_at(const std::string &path) const;
+
+ private:
+  servers::UniqueFd fd_;
+  std::string_view bytes_;
+};
+
+// Where the entries of a file stand, at one moment.
+struct Layout {
+  struct Part {
+    size_t begin = 0;
+    size_t end = 0;
+  };
+
   std::optional<RingHeader> header;
   size_t file_size = 0;
-  std::vector<Entry> entries;         // the oldest first
+  // The turn before, as far as it is still there, and the running one.
+  Part older;
+  Part newer;
   std::vector<std::string> problems;  // what is wrong with the file, for the user
 };
 
-// Puts the bytes of a file back in order. Never fails: what cannot be understood is named in
-// `problems` and everything else is there.
+// Looks at a file. With `written_only` the bytes that the header does not cover yet are left out:
+// a reader that goes on from the header's offset finds them there.
+Layout look_at(const RingFile &file, bool written_only = false);
+
+// A place between two entries.
+struct Place {
+  bool in_newer = false;
+  size_t position = 0;  // in the file
+  unsigned boot = 0;    // the boot of the entry after it, 0 the last that the file tells of
+};
+
+// Goes through the entries of a file. Views of an entry hold until the cursor moves.
+class Cursor {
+ public:
+  // All entries, from one end on. `boots` is how often the uptime goes back in the file; a cursor
+  // that goes backwards counts itself.
+  static Cursor forwards(const RingFile *file, const Layout &layout, unsigned boots);
+  static Cursor backwards(const RingFile *file, const Layout &layout);
+  // From a place on, towards the end.
+  static Cursor from(const RingFile *file, const Layout &layout, const Place &place);
+
+  // Moves to the next entry in the cursor's direction; false when there is none.
+  bool next();
+  const Entry &entry() const { return entry_; }
+  // In front of the entry.
+  Place place() const;
+
+  // By what entries are ordered: the boot, counted back from the last, and within it the uptime, or
+  // the latest (going backwards: the earliest) before the entry when it has none or goes back a
+  // little. Never goes against the cursor's direction.
+  unsigned boot() const { return boot_; }
+  int64_t key_ms() const { return key_ms_; }
+
+  // Entries were overwritten before they were read.
+  bool missed() const { return missed_; }
+  // Bytes within the entries that were never written.
+  size_t holes() const { return holes_; }
+
+ private:
+  Cursor(const RingFile *file, const Layout &layout, bool forward);
+
+  bool next_forward();
+  bool next_backward();
+  bool fill_forward();
+  bool fill_backward();
+  bool enter_next_part();
+  // How far into the current part the file has been written over since the layout was taken.
+  size_t overwritten_to() const;
+
+  const RingFile *file_;
+  std::optional<RingHeader> seen_;  // the header that the layout is of
+  Layout::Part parts_[2];
+  bool forward_;
+  int part_;
+  size_t read_to_;      // in the file: where the next window begins (backwards: ends)
+  std::string window_;  // bytes in front of read_to_ (backwards: from it on)
+  size_t begin_ = 0;    // in the window: what has not been passed yet
+  size_t end_ = 0;
+  std::string without_holes_;  // the entry's text, when it had some
+  size_t holes_ = 0;
+  size_t entry_at_ = 0;  // in the file
+  Entry entry_;
+  unsigned boot_ = 0;
+  int64_t key_ms_;
+  bool has_key_ = false;  // an entry with a head was passed
+  bool missed_ = false;
+};
+
+// How often the uptime goes back in a file because the device has started anew.
+unsigned count_restarts(const RingFile &file, const Layout &layout);
+
+// Uptimes are taken by the clients, which may wait for the server afterwards: going back by no more
+// than this is no restart.
+constexpr int64_t kSmallStep_ms = 3000;
+
+// A whole file.
+struct Ring {
+  std::optional<RingHeader> header;
+  size_t file_size = 0;
+  std::vector<Entry> entries;  // the oldest first
+  std::vector<std::string> problems;
+  std::shared_ptr<std::string> bytes;  // of the entries
+};
+
+// Never fails: what cannot be understood is named in `problems` and everything else is there.
 Ring read_ring(std::string_view bytes);
 
-// Splits log data into entries.
-void append_entries(std::string_view data, std::vector<Entry> *entries);
+// Reads what is added to a file.
+class Follower {
+ public:
+  // From the end of the layout on; without one, from the beginning of the file.
+  Follower(std::shared_ptr<const RingFile> file, const Layout *layout);
 
-// All bytes of a file whose header did not change while it was read, if that can be had. Throws
-// std::runtime_error with a text for the user.
-std::string load_ring(const std::string &path);
+  // Adds what came since the last call.
+  void poll(std::vector<std::string> *entries);
+  // Entries were overwritten before they were read, since the last call.
+  bool missed();
 
-// What was added to a file since its header was `before` and its last entry of `last_uptime_ms`;
-// `bytes` is the file as it is now. When that cannot be told apart any more, *missed is set and all
-// entries are returned.
-std::vector<Entry> entries_since(const RingHeader &before, int64_t last_uptime_ms,
-                                 std::string_view bytes, bool *missed);
+  const RingFile &file() const { return *file_; }
+
+ private:
+  void take(std::string_view data, std::vector<std::string> *entries);
+  void remember(const RingHeader &header);
+
+  std::shared_ptr<const RingFile> file_;
+  std::optional<RingHeader> header_;
+  std::string first_;  // the bytes after the header, by which a file that was begun anew is known
+  int64_t last_ms_ = 0;
+  bool missed_ = false;
+};
 
 }  // namespace mlog

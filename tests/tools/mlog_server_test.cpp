@@ -1,0 +1,183 @@
+// The commands that write lines and ask the server.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "msgapi/log.h"
+#include "support/file.h"
+#include "tools/mlog_support.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+using namespace test::mlog;
+
+std::string texts(const std::string &module) {
+  EXPECT_EQ(0, MlogFlushLog());
+  const std::string content = test::contents("/var/mlogfile/" + module + ".log");
+  return content.substr(std::min<size_t>(content.size(), MLOG_FILE_HEADER_SIZE));
+}
+
+struct Server : test::Process {
+  explicit Server(const std::string &config = "")
+      : test::Process("mlogserver",
+                      (std::ofstream("/var/mlogserver.conf") << config,
+                       std::vector<std::string>{"--config", "/var/mlogserver.conf"})) {
+    EXPECT_TRUE(wait_for("ready"));
+  }
+};
+
+TEST(MlogPrintCommand, WritesLinesOfScripts) {
+  Server server;
+  EXPECT_EQ(0, run({"print", "-m", "backup", "-p", "warn", "--", "disk", "is", "full"}).status);
+  EXPECT_THAT(texts("backup"),
+              MatchesRegex("\\[[0-9]{11}\\]\\[backup\\]\\[WARN\\]:disk is full\n"));
+  // A long text becomes several lines, cut between characters.
+  std::string text = "x";
+  while (text.size() < 2000) text += "\xc3\xa9";
+  EXPECT_EQ(0, run({"print", text}).status);
+  const std::string kept = texts("shell");
+  EXPECT_EQ(3, std::count(kept.begin(), kept.end(), '\n'));
+  EXPECT_EQ(1000, std::count(kept.begin(), kept.end(), '\xa9'));
+  EXPECT_EQ(std::string::npos, kept.find("\xc3\n"));
+
+  EXPECT_EQ(2, run({"print", "-m", "../x", "text"}).status);
+  EXPECT_EQ(2, run({"print", "-p", "LOUD", "text"}).status);
+}
+
+TEST(MlogPrintCommand, PrintsWhatCannotBeSent) {
+  const Output output = run({"print", "text"});
+  EXPECT_EQ(3, output.status);
+  EXPECT_THAT(output.text,
+              MatchesRegex("mlog: the log server does not take lines; is mlogserver "
+                           "running\\?\nmlog: \\[[0-9]{11}\\]\\[shell\\]\\[INFO\\]:text\n"));
+}
+
+TEST(MlogRun, WritesTheOutputOfAProgramByLines) {
+  Server server;
+  const Output output = run(
+      {"run", "-m", "job", "--", "/bin/sh", "-c", "echo one; echo two >&2; printf three; exit 5"});
+  EXPECT_EQ(5, output.status) << output.text;
+  const std::string log = texts("job");
+  EXPECT_THAT(log, HasSubstr("[job][INFO]:one\n"));
+  EXPECT_THAT(log, HasSubstr("[job][WARN]:two\n"));
+  EXPECT_THAT(log, HasSubstr("[job][INFO]:three\n"));
+  EXPECT_EQ("", output.text);
+
+  EXPECT_EQ(128 + SIGTERM, run({"run", "--", "/bin/sh", "-c", "kill $$"}).status);
+  EXPECT_EQ(127, run({"run", "--", "/no/such"}).status);
+  EXPECT_THAT(texts("such"), HasSubstr("[WARN]:/no/such: No such file or directory\n"));
+}
+
+TEST(MlogLevel, ChangesWhatIsKeptAtRunTime) {
+  Server server("level = WARN\n");
+  EXPECT_EQ("WARN\n", run({"level", "wan"}).text);
+  MlogPrint("wan", MLOG_LEVEL_INFO, "dropped");
+  EXPECT_EQ(0, run({"level", "wan", "info"}).status);
+  MlogPrint("wan", MLOG_LEVEL_INFO, "kept");
+  EXPECT_THAT(texts("wan"), MatchesRegex(".*:kept\n"));
+  EXPECT_EQ("INFO\n", run({"level", "wan"}).text);
+  EXPECT_EQ(0, run({"level", "wan", "configured"}).status);
+  EXPECT_EQ("WARN\n", run({"level", "wan"}).text);
+  EXPECT_EQ(2, run({"level", "wan", "loud"}).status);
+  EXPECT_EQ(2, run({"level", "mlogServer", "INFO"}).status);
+
+  // Others than the server's user and root may only look.
+  ::chmod("/var/mlog", 0777);
+  ::chmod("/var/mlog/mlogServer", 0666);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const bool left = ::setuid(65534) == 0;
+    const int32_t told = MlogSetStatInfo("mlogServer.level/wan", "FATL");
+    ::_exit(left && told == 0 ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(0, status);
+  EXPECT_EQ("WARN\n", run({"level", "wan"}).text);
+}
+
+TEST(MlogModules, ListsThemWithTheirCounts) {
+  Server server("level = WARN\nmax_modules = 2\n");
+  for (const char *module : {"wan", "lan", "usb"}) {
+    MlogPrint(module, MLOG_LEVEL_WARN, "kept");
+    MlogPrint(module, MLOG_LEVEL_INFO, "dropped");
+  }
+  EXPECT_EQ(
+      "{\"module\":\"lan\",\"level\":\"WARN\",\"kept\":1,\"below_level\":1,\"dropped\":0,\"lost\":"
+      "0}\n"
+      "{\"module\":\"other\",\"level\":\"WARN\",\"kept\":1,\"below_level\":1,\"dropped\":0,"
+      "\"lost\":0}\n"
+      "{\"module\":\"wan\",\"level\":\"WARN\",\"kept\":1,\"below_level\":1,\"dropped\":0,\"lost\":"
+      "0}\n",
+      run({"modules", "--json"}).text);
+  EXPECT_THAT(run({"modules"}).text, StartsWith("MODULE "));
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_EQ(3, run({"modules"}).status);
+}
+
+TEST(MlogRateLimit, DropsAndTells) {
+  Server server("rate_limit = 10\nrate_interval = 1\n[lan]\nrate_limit = 0\n");
+  for (int i = 0; i < 25; ++i) {
+    MlogPrint("wan", MLOG_LEVEL_INFO, "line %d", i);
+    MlogPrint("lan", MLOG_LEVEL_INFO, "line %d", i);
+  }
+  // The interval ends although nothing comes any more.
+  std::string log;
+  for (int i = 0; i < 100 && log.find("dropped from") == std::string::npos; ++i) {
+    ::usleep(100000);
+    log = texts("wan");
+  }
+  EXPECT_THAT(log, HasSubstr(":line 9\n"));
+  EXPECT_THAT(log, HasSubstr("[wan][WARN]:mlogserver: 15 lines dropped from wan\n"));
+  EXPECT_EQ(11, std::count(log.begin(), log.end(), '\n'));
+  EXPECT_THAT(texts("lan"), HasSubstr(":line 24\n"));
+  EXPECT_THAT(run({"modules", "--json"}).text, HasSubstr("\"dropped\":15"));
+}
+
+TEST(ServersLog, GoesToTheLogServerOnceThatIsUp) {
+  for (const char *name : {"msgsvr", "notifyserver"}) {
+    test::Process without(name, {"--log-server"});
+    EXPECT_TRUE(without.wait_for("ready"));
+    EXPECT_EQ(0, without.stop(SIGTERM));
+
+    Server log_server;
+    test::Process with(name, {"--log-server"});
+    std::string log;
+    for (int i = 0; i < 100 && log.find("ready") == std::string::npos; ++i) {
+      ::usleep(50000);
+      log = texts(name);
+    }
+    EXPECT_THAT(log, HasSubstr(std::string("[") + name + "][INFO]:ready"));
+    ASSERT_EQ(0, log_server.stop(SIGTERM));
+    ::kill(with.pid(), SIGHUP);
+    EXPECT_TRUE(with.wait_for("SIGHUP: "));
+    EXPECT_THAT(with.output(), testing::Not(HasSubstr("ready")));
+  }
+}
+
+TEST(MlogFlushCommand, SaysWhatIsTheMatter) {
+  Output output = run({"flush"});
+  EXPECT_EQ(3, output.status);
+  EXPECT_EQ("mlog: the log server does not answer; is mlogserver running?\n", output.text);
+
+  ASSERT_EQ(0, ::mount("small", "/mnt", "tmpfs", 0, "size=256k")) << std::strerror(errno);
+  Server server("directory = /mnt/logs\n");
+  MlogPrint("wan", 8, "before");
+  EXPECT_EQ(0, run({"flush"}).status);
+  std::ofstream("/mnt/ballast") << std::string(512 * 1024, 'x');
+  for (int i = 0; i < 50; ++i) MlogPrint("wan", 8, "%0200d", i);
+  output = run({"flush"});
+  EXPECT_EQ(8, output.status);
+  EXPECT_EQ("mlog: /mnt/logs: No space left on device: lines are lost until there is room again\n",
+            output.text);
+}
+
+}  // namespace

@@ -1,0 +1,200 @@
+// All logs as one: "mlog" without a command.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "tools/mlog_support.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using namespace test::mlog;
+
+int64_t uptime_ms() {
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+std::string text_of(const std::vector<std::string> &arguments) {
+  const Output output = run(arguments);
+  EXPECT_EQ(0, output.status) << output.text;
+  return output.text;
+}
+
+// Three modules with lines of one time.
+void write_three() {
+  write_ring("wan", line(10, "w1") + line(30, "w2", "WARN"));
+  write_ring("lan", line(10, "l1", "INFO", "lan") + line(20, "l2", "ERRO", "lan"));
+  write_ring("other", line(20, "u1", "INFO", "usb") + line(40, "Up 100%", "FATL", "usb"));
+}
+
+TEST(MlogShow, IsOneLogInTheOrderOfTime) {
+  write_three();
+  const std::string merged = line(10, "l1", "INFO", "lan") + line(10, "w1") +
+                             line(20, "l2", "ERRO", "lan") + line(20, "u1", "INFO", "usb") +
+                             line(30, "w2", "WARN") + line(40, "Up 100%", "FATL", "usb");
+  EXPECT_EQ(merged, text_of({"-o", "raw"}));
+  EXPECT_EQ(merged, text_of({"show", "-o", "raw"}));
+  EXPECT_EQ(merged, text_of({"--directory", "/var/mlogfile", "-o", "raw"}));
+  EXPECT_EQ(merged, text_of({"/var/mlogfile", "-o", "raw"})) << "a folder";
+  EXPECT_EQ(line(10, "l1", "INFO", "lan") + line(10, "w1") + line(20, "l2", "ERRO", "lan") +
+                line(30, "w2", "WARN"),
+            text_of({"/var/mlogfile/wan.log", "lan", "-o", "raw"}));
+
+  EXPECT_EQ(line(30, "w2", "WARN") + line(40, "Up 100%", "FATL", "usb"),
+            text_of({"-n", "2", "-o", "raw"}));
+  EXPECT_EQ("", text_of({"-n", "0", "-o", "raw"}));
+  EXPECT_EQ(merged, text_of({"-n", "100", "-o", "raw"}));
+  EXPECT_EQ(
+      line(40, "Up 100%", "FATL", "usb") + line(30, "w2", "WARN") + line(20, "u1", "INFO", "usb"),
+      text_of({"-r", "-n", "3", "-o", "raw"}));
+}
+
+TEST(MlogShow, ShowsWhatIsWanted) {
+  write_three();
+  const auto raw = [](std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"-o", "raw"});
+    return text_of(arguments);
+  };
+  const std::string l2 = line(20, "l2", "ERRO", "lan");
+  const std::string up = line(40, "Up 100%", "FATL", "usb");
+  EXPECT_EQ(l2 + up, raw({"-p", "err"}));
+  EXPECT_EQ(l2 + line(30, "w2", "WARN"), raw({"-p", "ERRO..WARN"}));
+  EXPECT_EQ(line(10, "l1", "INFO", "lan") + l2, raw({"-m", "l*"}));
+  EXPECT_EQ(l2 + line(20, "u1", "INFO", "usb") + up, raw({"-m", "[u]*", "-m", "lan", "-n", "3"}));
+  EXPECT_EQ(up, raw({"-g", "^up +[0-9]+%$"}));
+  EXPECT_EQ("", raw({"-g", "^up", "--case"}));
+  EXPECT_EQ(up, raw({"-g", "^U"}));
+  EXPECT_EQ("", raw({"--until", "2001-01-01"}));
+  EXPECT_EQ("", raw({"--since", "now"}));
+  EXPECT_EQ(line(10, "l1", "INFO", "lan") + line(10, "w1") + l2 + line(20, "u1", "INFO", "usb") +
+                line(30, "w2", "WARN") + up,
+            raw({"--since", "boot", "--until", "now"}));
+
+  for (const std::vector<std::string> &bad : {std::vector<std::string>{"-p", "LOUD"},
+                                              {"-g", "("},
+                                              {"--since", "soon"},
+                                              {"-n", "-1"},
+                                              {"-o", "yaml"},
+                                              {"-f", "-r"},
+                                              {"--no-such"}}) {
+    const Output output = run(bad);
+    EXPECT_EQ(2, output.status) << bad.front();
+    EXPECT_THAT(output.text, HasSubstr("mlog: ")) << bad.front();
+  }
+}
+
+TEST(MlogShow, PrintsTimesAndTextsForPeople) {
+  const int64_t now_ms = uptime_ms();
+  write_ring("wan", line(now_ms + 99999999, "of another boot") +
+                        line(now_ms, "two\n\tlines \x1b[2J", "WARN"));
+  const std::string day = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
+  EXPECT_THAT(text_of({}), MatchesRegex("up [0-9]+\\.[0-9]{3} s wan INFO: of another boot\n"
+                                        "-- another boot of the device: .*\n" +
+                                        day + " wan WARN: two\n\tlines \\?\\[2J\n"));
+  EXPECT_THAT(text_of({"-n", "1", "-o", "full", "--utc"}),
+              MatchesRegex(day + "Z \\[[0-9]{11}\\] wan WARN: two\n\tlines \\?\\[2J "
+                                 "\\(/var/mlogfile/wan.log\\)\n"));
+  EXPECT_THAT(text_of({"--json"}),
+              MatchesRegex("\\{\"uptime_ms\":[0-9]+,\"module\":\"wan\",\"level\":\"INFO\",\"text\":"
+                           "\"of another boot\"\\}\n\\{\"marker\":\".*\"\\}\n"
+                           "\\{\"uptime_ms\":[0-9]+,\"time\":\".*Z\",\"module\":\"wan\",\"level\":"
+                           "\"WARN\",\"text\":\"two\\\\nlines \\\\u001b\\[2J\"\\}\n"));
+  EXPECT_THAT(text_of({"-r", "--colour", "always"}),
+              MatchesRegex("\x1b\\[33m" + day + " wan WARN: two\n.*\x1b\\[0m\n-- .*\nup.*\n"));
+}
+
+TEST(MlogShow, KeepsTheOrderOfArrivalWhereAClockGoesBack) {
+  write_ring("wan", line(500000, "w1") + line(600000, "w2") + line(1000, "w3") + line(5000, "w4"));
+  write_ring("lan", line(700000, "l1", "INFO", "lan") + line(2000, "l2", "INFO", "lan"));
+  write_ring("usb", line(3000, "u1", "INFO", "usb") + line(2990, "u2", "INFO", "usb") +
+                        line(3001, "u3", "INFO", "usb"));
+  const std::string lines[] = {
+      line(500000, "w1"),
+      line(600000, "w2"),
+      line(700000, "l1", "INFO", "lan"),
+      line(1000, "w3"),
+      line(2000, "l2", "INFO", "lan"),
+      line(3000, "u1", "INFO", "usb"),
+      line(2990, "u2", "INFO", "usb"),
+      line(3001, "u3", "INFO", "usb"),
+      line(5000, "w4"),
+  };
+  std::string all;
+  for (const std::string &text : lines) all += text;
+  EXPECT_EQ(all, text_of({"-o", "raw"}));
+  EXPECT_THAT(text_of({}),
+              HasSubstr("l1\n-- another boot of the device: uptime goes from 700.000 s "
+                        "to 1.000 s --\n"));
+  std::string last;
+  for (size_t count = 1; count <= std::size(lines); ++count) {
+    last = lines[std::size(lines) - count] + last;
+    EXPECT_EQ(last, text_of({"-o", "raw", "-n", std::to_string(count)}));
+  }
+}
+
+// A ring in its second turn, one whose end was cut off, one with a hole, one without its header.
+TEST(MlogShow, ReadsDamagedFiles) {
+  ::mkdir("/var/mlogfile", 0700);
+  const std::string newer = line(30, "c") + line(40, "d");
+  std::ofstream("/var/mlogfile/a.log") << header(1, 63 + 54) << newer << "est of a line\n"
+                                       << line(10, "a") << line(20, "b");
+  std::ofstream("/var/mlogfile/b.log") << header(0, 200) << line(15, "torn") << "[0000000";
+  std::ofstream("/var/mlogfile/c.log")
+      << header(0, 63 + 27 + 9 + 27) << line(17, "e") << std::string(9, '\0') << line(25, "f");
+  std::ofstream("/var/mlogfile/d.log") << std::string(63, 'x') << "\n" << line(50, "g");
+  std::ofstream("/var/mlogfile/e.log");
+
+  const Output output = run({"-o", "raw"});
+
+  EXPECT_EQ(1, output.status);
+  EXPECT_THAT(output.text, HasSubstr("b.log: the last "));
+  EXPECT_THAT(output.text, HasSubstr("d.log: the header is damaged"));
+  EXPECT_THAT(output.text, HasSubstr("e.log: the file is empty"));
+  EXPECT_THAT(output.text,
+              HasSubstr(std::string(63, 'x') + "\n" + line(10, "a") + line(15, "torn\n[0000000") +
+                        line(17, "e") + line(20, "b") + line(25, "f") + line(30, "c") +
+                        line(40, "d") + line(50, "g")));
+}
+
+TEST(MlogShow, CountsLinesAndWhatIsNotThere) {
+  write_ring("wan", line(1, "a") + line(2, "b") +
+                        line(3, "mlogserver: 7 lines before this one are lost", "WARN") +
+                        line(4, "mlogserver: 12 lines dropped from wan", "WARN"));
+  write_ring("lan", line(1, "c", "ERRO", "lan"));
+  EXPECT_EQ(
+      "{\"module\":\"lan\",\"levels\":{\"ERRO\":{\"lines\":1,\"bytes\":27}},\"lost\":0,\"dropped\":"
+      "0}\n"
+      "{\"module\":\"wan\",\"levels\":{\"WARN\":{\"lines\":2,\"bytes\":133},\"INFO\":{\"lines\":2,"
+      "\"bytes\":54}},"
+      "\"lost\":7,\"dropped\":12}\n",
+      text_of({"--stats", "--json"}));
+  EXPECT_THAT(text_of({"--stats"}), HasSubstr("wan                  lost           7\n"));
+}
+
+TEST(MlogShow, EndsWithItsReader) {
+  std::string lines;
+  for (int i = 0; i < 100; ++i) lines += line(i, std::string(200, 'x'));
+  for (int i = 0; i < 50; ++i) write_ring("m" + std::to_string(i), lines);
+  for (const char *options : {"", "-f -n 5000"}) {
+    const std::string command = std::string(std::getenv("MSGAPI_BIN")) + "/mlog -o raw " + options +
+                                " 2>/var/errors | head -1";
+    std::FILE *pipe = ::popen(command.c_str(), "r");
+    char text[1000];
+    ASSERT_NE(nullptr, std::fgets(text, sizeof text, pipe));
+    EXPECT_EQ(line(0, std::string(200, 'x')), text);
+    EXPECT_EQ(nullptr, std::fgets(text, sizeof text, pipe));
+    EXPECT_EQ(0, ::pclose(pipe));
+    EXPECT_EQ(0u, std::filesystem::file_size("/var/errors"));
+  }
+}
+
+}  // namespace

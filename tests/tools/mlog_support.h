@@ -1,0 +1,51 @@
+// Ring files as tests write them, and runs of the mlog program.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "msgapi/ringlog.h"
+#include "support/process.h"
+
+namespace test::mlog {
+
+inline std::string line(int64_t uptime_ms, const std::string &text,
+                        const std::string &level = "INFO", const std::string &module = "wan") {
+  char head[64];
+  std::snprintf(head, sizeof head, "[%011lld]", static_cast<long long>(uptime_ms));
+  return head + ("[" + module + "][" + level + "]:" + text + "\n");
+}
+
+// Adds to the ring file of a module.
+inline void write_ring(const std::string &module, std::string text, uint32_t max_size = 100000) {
+  ::mkdir("/var/mlogfile", 0700);
+  MlogTarget target = {max_size,
+                       MlogFileConstructor(("/var/mlogfile/" + module + ".log").c_str(), max_size)};
+  EXPECT_EQ(0, MlogFileWrite(&target, text.data(), static_cast<uint32_t>(text.size())));
+  MlogFileDestructor(target.file);
+}
+
+struct Output {
+  int status;
+  std::string text;
+};
+
+inline Output run(const std::vector<std::string> &arguments) {
+  test::Process process("mlog", arguments);
+  const int status = process.wait();
+  return {status, process.output()};
+}
+
+// The header of a ring file.
+inline std::string header(int overturn, int offset) {
+  char text[80];
+  std::snprintf(text, sizeof text, "[overturn=%03d][offset=%010d][uploadoffset=%03d^%010d]\n",
+                overturn, offset, overturn, 1023);
+  return text;
+}
+
+}  // namespace test::mlog
