@@ -125,9 +125,9 @@ size_t end_of_entry(std::string_view text) {
 
 // Where the turn before ends in the last bytes of a file. Behind it may stand what is older still,
 // because a buffer is never split: less than the first buffer of the running turn, which did not
-// fit. `text` begins with a line, `last_ms` is the uptime before it and `first_ms` that of the
-// first buffer of the running turn.
-size_t end_of_turn(std::string_view text, size_t first_size, int64_t last_ms,
+// fit. `text` begins with a line, `last_ms` is the uptime before it, if that is known, and
+// `first_ms` that of the first buffer of the running turn.
+size_t end_of_turn(std::string_view text, size_t first_size, std::optional<int64_t> last_ms,
                    std::optional<int64_t> first_ms) {
   // Lines of one moment may come in any order.
   constexpr int64_t kDisorder_ms = 5;
@@ -139,10 +139,10 @@ size_t end_of_turn(std::string_view text, size_t first_size, int64_t last_ms,
       if (!headed && text[at] != '\t') return at;
       // A line whose uptime has no place between those before and after it, whether or not the
       // device started anew between them.
-      if (headed && first_ms) {
-        const bool follows = head.uptime_ms >= last_ms - kDisorder_ms;
+      if (headed && last_ms && first_ms) {
+        const bool follows = head.uptime_ms >= *last_ms - kDisorder_ms;
         const bool precedes = head.uptime_ms <= *first_ms + kDisorder_ms;
-        const bool has_place = *first_ms >= last_ms ? follows && precedes : follows || precedes;
+        const bool has_place = *first_ms >= *last_ms ? follows && precedes : follows || precedes;
         if (!has_place) return at;
       }
     }
@@ -188,7 +188,8 @@ size_t end_of_older(const RingFile &file, Layout::Part part, const First &first)
   size_t skipped = 0;
   if (near < part.end - part.begin) skipped = end_of_line(bytes, 0);
   const std::string_view text = std::string_view(bytes).substr(skipped);
-  return part.end - bytes.size() + skipped + end_of_turn(text, first.size, 0, first.uptime_ms);
+  return part.end - bytes.size() + skipped +
+         end_of_turn(text, first.size, std::nullopt, first.uptime_ms);
 }
 
 }  // namespace
@@ -321,8 +322,8 @@ Layout look_at(const RingFile &file, bool written_only) {
     return layout;
   }
   layout.older = {end, size};
-  layout.older.end = end_of_older(file, layout.older, first_of_turn(file, end));
   layout.older.begin = begin_of_older(file, layout.older);
+  layout.older.end = end_of_older(file, layout.older, first_of_turn(file, end));
   return layout;
 }
 

@@ -189,7 +189,7 @@ class Follower {
   std::shared_ptr<const RingFile> file_;
   std::optional<RingHeader> header_;
   std::string first_;  // the bytes after the header, by which a file that was begun anew is known
-  int64_t last_ms_ = 0;
+  std::optional<int64_t> last_ms_;
   bool missed_ = false;
 };
 
