@@ -69,9 +69,10 @@ struct OutputQueue::Chunk {
   size_t size = 0;
   size_t written = 0;
   std::vector<End> frames;
-  Stream *stream = nullptr;  // which this chunk belongs to
-  bool open = false;         // the stream goes on behind this chunk's bytes
-  bool headless = false;     // the first frame's beginning is not, or may not be, here
+  size_t frames_written = 0;  // so many of them, the first
+  Stream *stream = nullptr;   // which this chunk belongs to
+  bool open = false;          // the stream goes on behind this chunk's bytes
+  bool headless = false;      // the first frame's beginning is not, or may not be, here
   UniqueFd descriptor;
   std::shared_ptr<void> descriptor_owner;
 
@@ -88,10 +89,23 @@ struct OutputQueue::Stream {
   Chunks filler;       // one chunk, so that giving up needs no memory
 };
 
-OutputQueue::OutputQueue(int fd, size_t limit)
-    : fd_(fd), limit_(limit), chunk_size_(atomic_write_size(fd)) {}
+OutputQueue::OutputQueue(int fd, size_t limit, Observer *observer)
+    : fd_(fd), limit_(limit), observer_(observer), chunk_size_(atomic_write_size(fd)) {}
 
 OutputQueue::~OutputQueue() = default;
+
+ssize_t OutputQueue::write(iovec *pieces, size_t count, int descriptor) {
+  const ssize_t written = write_pieces(fd_, pieces, count, descriptor);
+  if (written <= 0) return written;
+  bytes_written_ += static_cast<size_t>(written);
+  if (observer_ != nullptr) observer_->wrote();
+  return written;
+}
+
+void OutputQueue::note_written(const Tag &tag) {
+  ++frames_written_;
+  if (observer_ != nullptr) observer_->written(tag);
+}
 
 void OutputQueue::send(std::span<const Frame> frames, std::vector<Tag> *refused) {
   refused->reserve(refused->size() + frames.size());  // the only step that may fail
@@ -152,14 +166,13 @@ size_t OutputQueue::write_directly(std::span<const Frame> frames, size_t *offset
       }
     }
 
-    const ssize_t result = write_pieces(fd_, pieces.data(), count, -1);
+    const ssize_t result = write(pieces.data(), count, -1);
     if (result < 0) {
       broken_ = !try_later();
       return next;
     }
     size_t written = static_cast<size_t>(result);
     const bool blocked = written < total;
-    bytes_written_ += written;
     while (written > 0) {
       const size_t left = frames[next].size - *offset;
       if (written < left) {
@@ -168,8 +181,7 @@ size_t OutputQueue::write_directly(std::span<const Frame> frames, size_t *offset
       }
       written -= left;
       *offset = 0;
-      ++next;
-      ++frames_written_;
+      note_written(frames[next++].tag);
     }
     if (blocked) break;
   }
@@ -262,13 +274,12 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   if (stream->last == chunks_.begin() && front.written == front.size && !broken_) {
     while (!bytes.empty()) {
       iovec piece{const_cast<char *>(bytes.data()), std::min(bytes.size(), chunk_size_)};
-      const ssize_t written = write_pieces(fd_, &piece, 1, -1);
+      const ssize_t written = write(&piece, 1, -1);
       if (written < 0) {
         broken_ = !try_later();
         break;
       }
       stream->begun = true;
-      bytes_written_ += static_cast<size_t>(written);
       stream->to_come -= static_cast<size_t>(written);
       bytes = bytes.subspan(static_cast<size_t>(written));
     }
@@ -340,9 +351,10 @@ void OutputQueue::flush() noexcept {
     while (chunk.written < chunk.size) {
       const char *data = chunk.data ? chunk.data.get() + chunk.written : kZeros.data();
       iovec piece{const_cast<char *>(data), std::min(chunk.size - chunk.written, chunk_size_)};
-      const ssize_t written = write_pieces(fd_, &piece, 1, chunk.descriptor.get());
+      const ssize_t written = write(&piece, 1, chunk.descriptor.get());
       if (written < 0 && errno == ETOOMANYREFS) {
         write_log_line("a descriptor is dropped: too many of them are on their way");
+        if (observer_ != nullptr) observer_->descriptor_dropped(chunk.frames.front().tag);
         chunk.frames.clear();
         weight_ -= chunk.size + kFrameWeight;
         release_descriptor(chunk);
@@ -352,16 +364,30 @@ void OutputQueue::flush() noexcept {
         broken_ = !try_later();
         return;
       }
+      if (chunk.descriptor && observer_ != nullptr) {
+        observer_->descriptor_passed(chunk.frames.front().tag);
+      }
       release_descriptor(chunk);
       chunk.written += static_cast<size_t>(written);
-      bytes_written_ += static_cast<size_t>(written);
       if (chunk.data) weight_ -= static_cast<size_t>(written);
       if (chunk.stream != nullptr) chunk.stream->begun = true;
+      complete_frames(chunk);
     }
     if (chunk.open) return;
-    frames_written_ += chunk.frames.size();
-    weight_ -= chunk.frames.size() * kFrameWeight;
+    complete_frames(chunk);
     chunks_.pop_front();
+  }
+}
+
+// Frames end as their last bytes are written, not when their chunk does.
+void OutputQueue::complete_frames(Chunk &chunk) {
+  if (chunk.open) return;
+  while (chunk.frames_written < chunk.frames.size()) {
+    const Chunk::End &frame = chunk.frames[chunk.frames_written];
+    if (frame.offset > chunk.written) return;
+    ++chunk.frames_written;
+    weight_ -= kFrameWeight;
+    note_written(frame.tag);
   }
 }
 

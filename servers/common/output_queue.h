@@ -7,6 +7,9 @@
 // head with a single read gets all of it.
 #pragma once
 
+#include <sys/types.h>
+#include <sys/uio.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -21,13 +24,17 @@ namespace servers {
 
 class OutputQueue {
  public:
-  // Travels with a frame and comes back when the frame is lost: whom to tell, and what about. The
-  // queue does not look inside.
+  // Travels with a frame and comes back when the frame is written or lost: whom to tell, and what
+  // about. The queue does not look inside. One stands beside every queued frame, so it is kept
+  // small.
   struct Tag {
-    uint32_t origin = 0;
-    uint32_t type = 0;
+    uint32_t origin = 0;          // whose message it is
+    uint32_t type : 30 = 0;       // the message's
+    uint32_t silent : 1 = 0;      // its loss is nobody's business
+    uint32_t descriptor : 1 = 0;  // it stands for a descriptor that the message announced
     uint32_t sequence = 0;
-    uint32_t user = 0;
+    uint32_t file_key = 0;  // what finds the file that goes with it: its sender's user, or a number
+    uint64_t record = 0;    // under which the flight recorder knows it
   };
   struct Frame {
     const char *data;
@@ -37,6 +44,21 @@ class OutputQueue {
   };
   struct Stream;
 
+  // Is told what becomes of frames while the queue is at work; it must leave the queue alone.
+  class Observer {
+   public:
+    // The socket has taken bytes; what is told next is their doing.
+    virtual void wrote() noexcept = 0;
+    // The last byte of a frame is written.
+    virtual void written(const Tag &tag) noexcept = 0;
+    virtual void descriptor_passed(const Tag &tag) noexcept = 0;
+    // The kernel does not pass it on.
+    virtual void descriptor_dropped(const Tag &tag) noexcept = 0;
+
+   protected:
+    ~Observer() = default;
+  };
+
   // Every queued frame weighs its bytes and this much.
   static constexpr size_t kFrameWeight = 64;
   // The longest write that a Unix socket takes in one piece.
@@ -44,7 +66,7 @@ class OutputQueue {
 
   // For the connected, non-blocking stream socket `fd`, which stays the caller's. A frame that
   // would raise the weight above `limit` is refused.
-  OutputQueue(int fd, size_t limit);
+  OutputQueue(int fd, size_t limit, Observer *observer = nullptr);
   ~OutputQueue();
 
   // Writes what the socket takes now and keeps the rest. The tags of frames that were refused,
@@ -106,6 +128,9 @@ class OutputQueue {
   bool keep(const Frame &frame, size_t offset) noexcept;
   void append(std::span<const char> bytes, Tag tag, bool headless);
   static Chunks make_chunk(size_t capacity);
+  ssize_t write(iovec *pieces, size_t count, int descriptor);
+  void note_written(const Tag &tag);
+  void complete_frames(Chunk &chunk);
   void release_descriptor(Chunk &chunk);
   bool fits(size_t size, size_t reserve) const {
     return weight_ + size + kFrameWeight <= limit_ + reserve;
@@ -115,6 +140,7 @@ class OutputQueue {
 
   int fd_;
   size_t limit_;
+  Observer *observer_;
   size_t chunk_size_;  // kChunk, or less if the socket's buffer is small
   Chunks chunks_;
   std::list<Stream> streams_;

@@ -68,17 +68,22 @@ struct Backlog {
   EventLoop::TimerId timer = 0;
   uint64_t bytes_at_check = 0;
   uint64_t frames_at_check = 0;
-  bool slow = false;      // it has used up the patience: nobody waits for it until it is empty
-  uint64_t lost_now = 0;  // messages for it that were lost since it was last empty
+  bool slow = false;       // it has used up the patience: nobody waits for it until it is empty
+  bool half_full = false;  // it has been since it was last empty
+  uint64_t lost_now = 0;   // messages for it that were lost since it was last empty
 };
 
-struct Client final : EventLoop::Watch {
+struct Client final : EventLoop::Watch, OutputQueue::Observer {
   // Where the user is not known, over TCP.
   static constexpr uid_t kNobody = static_cast<uid_t>(-1);
 
   Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit);
   void ready(uint32_t events) override;
   void failed(const char *why) noexcept override;
+  void wrote() noexcept override;
+  void written(const OutputQueue::Tag &tag) noexcept override;
+  void descriptor_passed(const OutputQueue::Tag &tag) noexcept override;
+  void descriptor_dropped(const OutputQueue::Tag &tag) noexcept override;
 
   // For log lines: "name[pid]", or the address instead of the process where there is none.
   std::string label() const;

@@ -390,7 +390,7 @@ class DynamicApps final : public Service {
     if (entry == apps_.end()) {
       log_line("{} speaks of {}, which is no dynamic application", from.label(),
                name ? name->text() : "nobody");
-      server_->notify_undeliverable(from, ORP_MSG_DYNAPP_UPDATE, message.header.ulSeqNum);
+      server_->lose(from, message, Loss::kNotServed);
       return;
     }
     App &app = **entry;

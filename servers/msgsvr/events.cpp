@@ -144,8 +144,7 @@ class Events final : public Service {
       return true;
     }
     // A publisher has no use for news of each subscriber that is too slow: nobody is told.
-    const OutputQueue::Tag tag{0, message.type(), 0, Client::kNobody};
-    for (Client *to : receivers_) server_->pass(*to, message.frame, from.swapped, tag);
+    for (Client *to : receivers_) server_->pass(*to, from, message);
     return true;
   }
 
@@ -156,6 +155,7 @@ class Events final : public Service {
     if (!original || !may_hand_over(*original, from.peer.uid)) {
       log_line("{} published an event {} whose body is no hand-over file of its own", from.label(),
                catalogue::describe(message.type()));
+      server_->lose_silently(from, message, Loss::kNotPermitted);
       return;
     }
     for (Client *to : receivers_) {
@@ -163,12 +163,12 @@ class Events final : public Service {
       if (number == 0) {
         log_line("an event {} of {} does not reach {}: {}: {}", catalogue::describe(message.type()),
                  from.label(), to->label(), *original, std::strerror(errno));
-        server_->lost_event(*to);
+        server_->lose_silently(from, message, Loss::kNotServed, to);
         continue;
       }
       Header header = message.header;
       header.ulDataLen = ORP_MSG_HAND_OVER_PATH_SIZE;
-      server_->send(*to, header, hand_over_body(number), number);
+      server_->send_on(*to, header, hand_over_body(number), from, message, number);
     }
     ::unlink(original->c_str());
   }

@@ -7,6 +7,7 @@
 // from then on, until its queue has been empty, nobody waits for it and what does not fit is lost.
 
 #include <algorithm>
+#include <utility>
 
 #include "common/log_line.h"
 #include "msgsvr/server.h"
@@ -35,8 +36,13 @@ void Server::watch_backlog(Client &reader) {
       log_line("{} reads again; {} messages for it were lost", reader.label(),
                reader.backlog.lost_now);
     }
+    if (std::exchange(reader.backlog.half_full, false)) journal_.empty_again(reader);
     reader.backlog.lost_now = 0;
     reader.backlog.slow = false;
+  }
+  if (reader.out.weight() > high_mark(reader.out) &&
+      !std::exchange(reader.backlog.half_full, true)) {
+    journal_.half_full(reader);
   }
   if (reader.out.weight() <= low_mark(reader.out)) {
     release_held(reader);

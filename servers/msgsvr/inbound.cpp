@@ -61,8 +61,19 @@ bool take_descriptor(msghdr *message, UniqueFd *fd) {
   return came;
 }
 
-OutputQueue::Tag tag_of(const Client &from, const Header &header) {
-  return {from.id, header.ulMsgType & ORP_MSG_TYPE_MASK, header.ulSeqNum, from.peer.uid};
+// With the number `record` of the journal.
+OutputQueue::Tag tag_of(const Client &from, const Header &header, uint64_t record) {
+  OutputQueue::Tag tag;
+  tag.origin = from.id;
+  tag.type = header.ulMsgType & ORP_MSG_TYPE_MASK;
+  tag.sequence = header.ulSeqNum;
+  tag.file_key = from.peer.uid;
+  tag.record = record;
+  return tag;
+}
+
+uint32_t receiver_of(const Route &route) {
+  return route.to == nullptr ? 0 : route.to->id;
 }
 
 }  // namespace
@@ -85,8 +96,7 @@ void Server::readable(Client &from) {
   }
 
   const std::span<char> bytes(read_buffer_.data(), static_cast<size_t>(result));
-  statistics_.bytes_in += bytes.size();
-  from.bytes_in += bytes.size();
+  journal_.received(from, bytes.size());
   reading_ = &from;
   UniqueFd fd;
   if (take_descriptor(&message, &fd)) {
@@ -113,7 +123,7 @@ void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full
   if (from.ended) return;
   const bool zeros = std::all_of(rest.begin(), rest.end(), [](char c) { return c == 0; });
   if (!from.in.between_frames() || !zeros || rest.empty() || (rest.size() == 1 && !full)) {
-    ++statistics_.descriptors_refused;
+    journal_.lost(Loss::kDescriptor, tag_of(from, {}, 0), party_of(from), nullptr, {});
     end_malformed(from, "it sent a descriptor inside a message");
     return;
   }
@@ -125,22 +135,24 @@ void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full
 // went.
 void Server::pass_descriptor(Client &from, UniqueFd fd) {
   Client *to = from.in.last_to == 0 ? nullptr : by_id(from.in.last_to);
+  OutputQueue::Tag tag = from.in.last_tag;
+  tag.descriptor = 1;
   if (fd && to != nullptr && to->address.empty() &&
       to->out.descriptors() < options_.limits[static_cast<size_t>(Kept::kDescriptors)] / 4) {
     Share place = share(from, Kept::kDescriptors);
     if (!place) {
       note_refusal(*from.account->user, "descriptors on their way");
-    } else if (to->out.send_descriptor(std::move(fd), from.in.last_tag, reserve_of(*to),
+    } else if (to->out.send_descriptor(std::move(fd), tag, reserve_of(*to),
                                        std::make_shared<Share>(std::move(place)))) {
-      ++statistics_.descriptors_passed;
       after_output(*to);
       return;
     }
   }
-  ++statistics_.descriptors_refused;
+  journal_.lost(Loss::kDescriptor, tag, party_of(from), nullptr,
+                to == nullptr ? AppName() : to->name);
   log_line("a descriptor of {} is closed: {} cannot be given it", from.label(),
            to == nullptr ? "nobody" : to->label());
-  notify_undeliverable(from, from.in.last_tag.type, from.in.last_tag.sequence);
+  notify_undeliverable(from, tag);
 }
 
 void Server::take(Client &from, std::span<char> bytes) {
@@ -197,7 +209,8 @@ std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   if (!in_header && !admit_unfinished(from, partial.size() + count)) {
     const std::vector<char> begin = std::exchange(partial, {});
     from.in.left = from.in.partial_size - begin.size();
-    discard_rest(from, begin, load_header(begin.data(), from.swapped));
+    const Header header = load_header(begin.data(), from.swapped);
+    if (const Route *route = resolve(from, header)) discard_rest(from, begin, header, *route);
     return bytes;
   }
   partial.insert(partial.end(), bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
@@ -229,7 +242,7 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
     const bool too_long = route.to_server && from.name.empty() && size > kLongestOfNobody;
     if (too_long || !admit_unfinished(from, begin.size())) {
       from.in.left = size - begin.size();
-      discard_rest(from, begin, header);
+      discard_rest(from, begin, header, route);
       return;
     }
     from.in.partial.assign(begin.begin(), begin.end());
@@ -237,24 +250,22 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
     return;
   }
 
-  ++statistics_.frames_in;
-  ++from.frames_in;
+  const uint64_t record =
+      journal_.accepted(from, receiver_of(route), header, begin.subspan(kHeaderSize));
   from.in.left = size - begin.size();
   from.in.last_to = 0;
-  from.in.last_tag = tag_of(from, header);
+  from.in.last_tag = tag_of(from, header, record);
   if (route.to != nullptr) {
     begin_stream(from, *route.to, begin, header);
     return;
   }
   if (route.to_server) {
-    ++statistics_.unserved;
     log_line("{} sent the server a message of {} bytes, which is too long", from.label(), size);
     for (const RefusedHandler &handler : refused_messages_) handler(from, header);
-  } else {
-    ++statistics_.unknown_names;
   }
   remove_sent_file(begin, from.swapped, from.peer.uid);
-  notify_undeliverable(from, header.ulMsgType, header.ulSeqNum);
+  lose_unrouted(from, header, from.in.last_tag,
+                route.to_server ? Loss::kNotServed : Loss::kNoSuchName);
 }
 
 // Whether `from` may have so much of a message kept whose rest is still to come.
@@ -265,15 +276,16 @@ bool Server::admit_unfinished(Client &from, size_t size) {
 }
 
 // The message is too much: what is still to come of it is read and thrown away.
-void Server::discard_rest(Client &from, std::span<const char> begin, const Header &header) {
-  ++statistics_.frames_in;
-  ++from.frames_in;
+void Server::discard_rest(Client &from, std::span<const char> begin, const Header &header,
+                          const Route &route) {
+  const uint64_t record =
+      journal_.accepted(from, receiver_of(route), header, begin.subspan(kHeaderSize));
   from.in.last_to = 0;
-  from.in.last_tag = tag_of(from, header);
+  from.in.last_tag = tag_of(from, header, record);
   from.in.partial_share = Share(from.account, Kept::kUnfinished);
   remove_sent_file(begin, from.swapped, from.peer.uid);
   note_refusal(*from.account->user, "bytes of unfinished messages");
-  notify_undeliverable(from, header.ulMsgType, header.ulSeqNum);
+  lose_unrouted(from, header, from.in.last_tag, Loss::kNotPermitted);
 }
 
 void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header) {
@@ -283,7 +295,7 @@ void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const
   in.stream_tag = in.last_tag;
   in.stream = to.out.open_stream(begin, in.left, in.stream_tag, reserve_of(to));
   if (in.stream == nullptr) {
-    undelivered(to, in.stream_tag, begin, Loss::kOverflow);
+    undelivered(to, in.stream_tag, begin, Loss::kQueueFull);
   } else {
     in.last_to = to.id;
     in.stream_to = &to;
@@ -318,8 +330,7 @@ void Server::abandon_stream(Client &from, std::string_view why, bool tell) noexc
   OutputQueue::Stream *stream = std::exchange(in.stream, nullptr);
   in.stream_to = nullptr;
   loop_->cancel(in.stream_timer);
-  ++statistics_.cut_short;
-  ++to.frames_lost;
+  journal_.lost(Loss::kCutShort, in.stream_tag, party_of(from), &to, to.name);
   if (!to.out.broken()) {
     const bool taken_back = to.out.give_up(stream);
     loop_->attempt("a message is cut short", [&] {
@@ -332,16 +343,16 @@ void Server::abandon_stream(Client &from, std::string_view why, bool tell) noexc
     after_output(to);
   }
   if (tell) {
-    notify_undeliverable(from, in.stream_tag.type, in.stream_tag.sequence);
+    notify_undeliverable(from, in.stream_tag);
   } else {
-    ++statistics_.untold;
+    journal_.told(false);
   }
 }
 
 // Null, after ending the client, for a malformed header.
 const Route *Server::resolve(Client &from, const Header &header) {
   if (header.ulDataLen > ORP_MSG_MAX_BODY) {
-    end_malformed(from, fmt::format("it announced a body of {} bytes", header.ulDataLen));
+    end_malformed(from, fmt::format("it announced a body of {} bytes", header.ulDataLen), header);
     return nullptr;
   }
   // The two names are neighbours.
@@ -355,7 +366,7 @@ const Route *Server::resolve(Client &from, const Header &header) {
 
   const auto receiver = AppName::from_field(header.aucRecvApp);
   if (!receiver || !AppName::from_field(header.aucSendApp)) {
-    end_malformed(from, "it sent a header with an unterminated name");
+    end_malformed(from, "it sent a header with an unterminated name", header);
     return nullptr;
   }
   std::memcpy(route.names.data(), names, route.names.size());
@@ -367,19 +378,18 @@ const Route *Server::resolve(Client &from, const Header &header) {
 
 void Server::deliver(Client &from, std::span<char> frame, const Header &header,
                      const Route &route) {
-  ++statistics_.frames_in;
-  ++from.frames_in;
-  const OutputQueue::Tag tag = tag_of(from, header);
+  const uint64_t record =
+      journal_.accepted(from, receiver_of(route), header, frame.subspan(kHeaderSize));
+  const OutputQueue::Tag tag = tag_of(from, header, record);
   from.in.last_to = 0;
   from.in.last_tag = tag;
   if (route.to_server) {
-    dispatch(from, frame, header);
+    dispatch(from, frame, header, tag);
     return;
   }
   if (route.to == nullptr) {
-    ++statistics_.unknown_names;
-    remove_sent_file(frame, from.swapped, tag.user);
-    notify_undeliverable(from, tag.type, tag.sequence);
+    remove_sent_file(frame, from.swapped, from.peer.uid);
+    lose_unrouted(from, header, tag, Loss::kNoSuchName);
     return;
   }
 
@@ -390,17 +400,17 @@ void Server::deliver(Client &from, std::span<char> frame, const Header &header,
   post(to, {frame.data(), frame.size(), tag, reserve_of(to)});
 }
 
-void Server::dispatch(Client &from, std::span<char> frame, const Header &header) {
-  Message message{header, frame.subspan(kHeaderSize), frame};
+void Server::dispatch(Client &from, std::span<char> frame, const Header &header,
+                      const OutputQueue::Tag &tag) {
+  Message message{header, frame.subspan(kHeaderSize), frame, tag.record};
   if (const auto entry = handlers_.find(message.type()); entry != handlers_.end()) {
     std::string body;
     if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
       if (!read_hand_over(message.body, kLongestServerBody, from.peer.uid, &body)) {
         log_line("{} sent a message {} whose body cannot be read from its file", from.label(),
                  catalogue::describe(message.type()));
-        ++statistics_.unserved;
         for (const RefusedHandler &handler : refused_messages_) handler(from, header);
-        notify_undeliverable(from, message.type(), header.ulSeqNum);
+        lose_unrouted(from, header, tag, Loss::kNotServed);
         return;
       }
       message.body = body;
@@ -413,8 +423,7 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header)
     if (handler(from, message)) return;
   }
   remove_sent_file(frame, from.swapped, from.peer.uid);
-  ++statistics_.unserved;
-  notify_undeliverable(from, message.type(), header.ulSeqNum);
+  lose_unrouted(from, header, tag, Loss::kNotServed);
 }
 
 }  // namespace msgsvr

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <bit>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -14,6 +15,7 @@
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "common/log_line.h"
+#include "flight/recorder.h"
 #include "msgsvr/directories.h"
 #include "msgsvr/options.h"
 #include "msgsvr/server.h"
@@ -50,6 +52,15 @@ void add_options(servers::Command *command, Options *options) {
   command->number("--patience", &options->patience_ms,
                   "Milliseconds that senders wait for a reader that takes next to nothing",
                   {1, 60000});
+}
+
+void add_flight_options(servers::Command *command, Options *options) {
+  command->number(
+      "--flight", &options->flight_size,
+      "Bytes of the flight recorder's file, rounded up to a power of two; 0: no recorder",
+      {0, flight::kMostRing});
+  command->number("--flight-body", &options->flight_body,
+                  "Bytes of each message's body that it keeps", {0, flight::kMostKept});
 }
 
 // What the clients of one user may make the server keep; see docs/message-server.md.
@@ -115,6 +126,18 @@ void fit_limits(size_t descriptors, Options *options) {
   unfinished = std::max(unfinished, 8 * options->cut_through);
 }
 
+// Nobody is served worse without it, so a failure is but a log line. The file of a server that is
+// still running stays: this one listens already.
+void start_recording(const Options &options, msgsvr::Server *server) {
+  if (options.flight_size == 0) return;
+  const uint64_t size = std::bit_ceil(std::max(options.flight_size, flight::kLeastRing));
+  try {
+    server->journal().record(flight::Recorder(flight::kPath, size, options.flight_body));
+  } catch (const std::exception &error) {
+    log_line("the flight recorder is off: {}", error.what());
+  }
+}
+
 void serve(const Options &options, mode_t socket_mode) {
   servers::EventLoop loop;
   std::signal(SIGPIPE, SIG_IGN);
@@ -140,6 +163,7 @@ void serve(const Options &options, mode_t socket_mode) {
   msgsvr::prepare_body_directory();
   server.listen(servers::listen_unix(options.socket_path, socket_mode));
   if (!options.tcp.empty()) server.listen(servers::listen_tcp(options.tcp));
+  start_recording(options, &server);
   log_line("ready on {}{}{}", options.socket_path,
            options.tcp.empty() ? "" : ", TCP " + options.tcp,
            options.http.empty() ? "" : ", HTTP " + options.http);
@@ -159,6 +183,7 @@ int main(int argc, char **argv) try {
   servers::CommandLine line("msgsvr",
                             "Passes messages between the application processes of the device.");
   add_options(&line, &options);
+  add_flight_options(&line, &options);
   add_limit_options(&line, &options);
   add_service_options(&line, &options);
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;

@@ -31,6 +31,10 @@ struct Options {
   // In the order of Kept.
   Limits limits = {4096, 16 << 20, 4096, 1024, 4096, 256};
 
+  // The flight recorder: size of its file, 0 for none, and what it keeps of each body.
+  uint64_t flight_size = 1 << 20;
+  uint32_t flight_body = 0;
+
   // Services.
   std::string http;  // ADDRESS:PORT for restful requests, empty for none
   uint32_t http_timeout_ms = 5000;

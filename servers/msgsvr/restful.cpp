@@ -72,12 +72,17 @@ struct Target {
 // An HTTP request that waits for an application, or for room in its queue.
 struct Pending {
   uint64_t exchange = 0;
+  uint64_t record = 0;  // the journal's number of the request
   uint32_t client = 0;
   std::string what = {};  // for log lines
   EventLoop::TimerId timer = 0;
   std::optional<SpooledBody> unsent = {};
   uint32_t file = 0;  // the sent body's
 };
+
+// In the journal: a method that is not served, and the status when the client left before.
+constexpr uint32_t kOtherMethod = UINT32_MAX;
+constexpr unsigned kNobodyWaits = 0;
 
 constexpr std::string_view kAllowed = "GET, HEAD, POST, PUT, DELETE, PATCH";
 constexpr std::chrono::milliseconds kRetryPeriod{20};
@@ -125,7 +130,9 @@ class Restful final : public Service {
           [this](uint64_t id) {
             const auto entry = std::ranges::find(
                 pending_, id, [](const auto &each) { return each.second.exchange; });
-            if (entry != pending_.end()) give_up(entry);
+            if (entry == pending_.end()) return;
+            server_->journal().http_answered(entry->second.record, kNobodyWaits, 0);
+            give_up(entry);
           });
     }
   }
@@ -157,7 +164,7 @@ class Restful final : public Service {
     if (known) return true;
     if (text.size() > kLongestEntry) {
       log_line("{} registers a path of more than {} characters", from.label(), kLongestEntry);
-      server_->notify_undeliverable(from, message.type(), message.header.ulSeqNum);
+      server_->lose(from, message, Loss::kNotServed);
       return false;
     }
     Share share = server_->share(from, Kept::kPaths);
@@ -197,16 +204,19 @@ class Restful final : public Service {
   void request_by_http(uint64_t id, HttpRequest request) {
     const auto method = std::ranges::find(kMethods, std::string_view(request.method),
                                           [](const auto &entry) { return entry.first; });
-    if (method == std::end(kMethods)) {
-      HttpAnswer answer = failure(405, "method not allowed");
-      answer.allow = kAllowed;
-      front_->answer(id, std::move(answer));
+    const bool served = method != std::end(kMethods);
+    const uint64_t record = server_->journal().http_requested(
+        served ? method->second : kOtherMethod, request.body.text_size(), request.path);
+    if (!served) {
+      HttpAnswer refusal = failure(405, "method not allowed");
+      refusal.allow = kAllowed;
+      answer(id, record, std::move(refusal));
       return;
     }
     const std::optional<Target> target = find(request.path);
     Client *client = target ? server_->by_id(target->registration->client) : nullptr;
     if (client == nullptr) {
-      front_->answer(id, failure(404, "no application serves this"));
+      answer(id, record, failure(404, "no application serves this"));
       return;
     }
 
@@ -219,13 +229,14 @@ class Restful final : public Service {
         !body.finish({reinterpret_cast<const char *>(&head), sizeof head})) {
       log_line("the body of {} {} cannot be kept: {}", request.method, request.path,
                std::strerror(errno));
-      front_->answer(id, try_again("no room for the body"));
+      answer(id, record, try_again("no room for the body"));
       return;
     }
 
     const uint32_t sequence = ++last_sequence_;
     Pending &pending = pending_[sequence];
     pending.exchange = id;
+    pending.record = record;
     pending.client = client->id;
     pending.what = request.method + ' ' + request.path;
     pending.unsent.emplace(std::move(body));
@@ -330,14 +341,14 @@ class Restful final : public Service {
     });
     Client *to = entry == registrations_.end() ? nullptr : server_->by_id(entry->client);
     if (to == nullptr) {
-      server_->notify_undeliverable(from, message.type(), message.header.ulSeqNum);
+      server_->lose(from, message, Loss::kNoSuchName);
       return;
     }
     // The sender's name stays, so that the answer finds its way.
     Header header = message.header;
     header.ulMsgType = message.type();
     to->name.store(header.aucRecvApp);
-    server_->send(*to, header, message.body);
+    server_->send_on(*to, header, message.body, from, message);
   }
 
   // A message of `from` for the server that could not be taken.
@@ -357,7 +368,13 @@ class Restful final : public Service {
     const auto entry = pending_.find(sequence);
     if (entry == pending_.end()) return;
     const uint64_t exchange = entry->second.exchange;
+    const uint64_t record = entry->second.record;
     give_up(entry);
+    this->answer(exchange, record, std::move(answer));
+  }
+
+  void answer(uint64_t exchange, uint64_t record, HttpAnswer answer) {
+    server_->journal().http_answered(record, answer.status, answer.text.size());
     front_->answer(exchange, std::move(answer));
   }
 

@@ -91,7 +91,7 @@ Client::Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_l
       fd(std::move(fd_in)),
       address(servers::peer_address(fd.get())),
       peer(address.empty() ? peer_of(fd.get()) : ucred{0, kNobody, 0}),
-      out(fd.get(), queue_limit) {}
+      out(fd.get(), queue_limit, this) {}
 
 void Client::ready(uint32_t events) {
   if ((events & EPOLLOUT) != 0) server->writable(*this);
@@ -103,6 +103,24 @@ void Client::ready(uint32_t events) {
 
 void Client::failed(const char *why) noexcept {
   server->fail(*this, why);
+}
+
+void Client::wrote() noexcept {
+  server->journal().tick();
+}
+
+void Client::written(const OutputQueue::Tag &tag) noexcept {
+  if (!tag.descriptor) server->journal().delivered(*this, tag);
+}
+
+void Client::descriptor_passed(const OutputQueue::Tag &tag) noexcept {
+  server->journal().descriptor_passed(*this, tag);
+}
+
+void Client::descriptor_dropped(const OutputQueue::Tag &tag) noexcept {
+  const Client *from = server->by_id(tag.origin);
+  server->journal().lost(Loss::kDescriptor, tag, from == nullptr ? Party{} : party_of(*from), this,
+                         name);
 }
 
 std::string Client::label() const {
@@ -142,7 +160,7 @@ void Server::listen(UniqueFd listener) {
 Client *Server::adopt(UniqueFd fd) noexcept {
   const uint32_t id = last_id_ + 1;
   if (!loop_->attempt("a connection is given up", [&] { take_in(std::move(fd)); })) {
-    ++statistics_.failures;
+    journal_.failure();
     clients_.erase(id);
   }
   return by_id(id);
@@ -163,7 +181,7 @@ void Server::take_in(UniqueFd fd) {
   client.interest = EPOLLIN;
   clients_.emplace(id, std::move(owner));
   loop_->add(client.fd.get(), EPOLLIN, &client);
-  ++statistics_.connections;
+  journal_.connected(client);
 }
 
 std::shared_ptr<Account> Server::account_of(const Client &client) {
@@ -185,14 +203,14 @@ Share Server::share(const Client &client, Kept kind, const MakeRoom &make_room) 
         !make_room(*client.account->user)) {
       return Share();
     }
-    ++statistics_.over_limit;
+    journal_.over_limit();
   }
   return share;
 }
 
 // Each doubling of the number is worth a line, not each refusal.
 void Server::note_refusal(Account &user, std::string_view what) {
-  ++statistics_.over_limit;
+  journal_.over_limit();
   const uint64_t times = ++user.refusals;
   if ((times & (times - 1)) != 0) return;
   log_line("{} has as many {} as it may: one more is refused ({} refusals so far)", user.name, what,
@@ -201,7 +219,7 @@ void Server::note_refusal(Account &user, std::string_view what) {
 
 void Server::refuse(Client &client, const Message &request, std::string_view what) {
   note_refusal(*client.account->user, fmt::format("{} (now {})", what, client.label()));
-  notify_undeliverable(client, request.type(), request.header.ulSeqNum);
+  lose(client, request, Loss::kNotPermitted);
 }
 
 void Server::serve(uint32_t type, Handler handler) {
@@ -234,6 +252,7 @@ void Server::rename(Client &client, const AppName &name) {
   client.name = name;
   ++names_epoch_;
   if (!name.empty()) names_[name].push_back(&client);
+  journal_.named(client);
 }
 
 // Nothing reaches the client by its name any more; log lines still show it.
@@ -247,13 +266,38 @@ void Server::unlist(const Client &client) noexcept {
 
 void Server::send(Client &to, Header header, std::span<const char> body, uint32_t file) {
   header.ulDataLen = static_cast<uint32_t>(body.size());
+  OutputQueue::Tag tag;
+  tag.type = header.ulMsgType & ORP_MSG_TYPE_MASK;
+  tag.silent = 1;
+  tag.sequence = header.ulSeqNum;
+  tag.file_key = file;
+  tag.record = journal_.made(to.id, header, body);
+  send_tagged(to, header, body, tag);
+}
+
+void Server::send_on(Client &to, Header header, std::span<const char> body, const Client &from,
+                     const Message &message, uint32_t file) {
+  header.ulDataLen = static_cast<uint32_t>(body.size());
+  send_tagged(to, header, body, silent_tag(from, message, file));
+}
+
+void Server::send_tagged(Client &to, const Header &header, std::span<const char> body,
+                         const OutputQueue::Tag &tag) {
   char *frame = scratch_.take(kHeaderSize + body.size());
   store_header(header, to.swapped, frame);
   std::copy(body.begin(), body.end(), frame + kHeaderSize);
-  post(to, {frame,
-            kHeaderSize + body.size(),
-            {0, header.ulMsgType, file, Client::kNobody},
-            reserve_of(to) + kNoticeReserve});
+  post(to, {frame, kHeaderSize + body.size(), tag, reserve_of(to) + kNoticeReserve});
+}
+
+OutputQueue::Tag Server::silent_tag(const Client &from, const Message &message, uint32_t file) {
+  OutputQueue::Tag tag;
+  tag.origin = from.id;
+  tag.type = message.header.ulMsgType & ORP_MSG_TYPE_MASK;
+  tag.silent = 1;
+  tag.sequence = message.header.ulSeqNum;
+  tag.file_key = file;
+  tag.record = message.record;
+  return tag;
 }
 
 void Server::reply(Client &to, const Message &request, uint32_t data, std::span<const char> body) {
@@ -267,25 +311,46 @@ void Server::reply(Client &to, const Message &request, uint32_t data, std::span<
   send(to, header, body);
 }
 
-void Server::pass(Client &to, std::span<const char> frame, bool swapped, OutputQueue::Tag tag) {
-  if (swapped != to.swapped) {
+void Server::pass(Client &to, const Client &from, const Message &message) {
+  std::span<const char> frame = message.frame;
+  if (from.swapped != to.swapped) {
     char *copy = scratch_.take(frame.size());
     std::copy(frame.begin(), frame.end(), copy);
-    store_header(load_header(copy, swapped), to.swapped, copy);
+    store_header(load_header(copy, from.swapped), to.swapped, copy);
     frame = {copy, frame.size()};
   }
-  post(to, {frame.data(), frame.size(), tag, reserve_of(to)});
+  post(to, {frame.data(), frame.size(), silent_tag(from, message), reserve_of(to)});
 }
 
-void Server::notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) noexcept {
+void Server::lose(Client &from, const Message &message, Loss loss) noexcept {
+  lose_unrouted(from, message.header, silent_tag(from, message), loss);
+}
+
+void Server::lose_silently(const Client &from, const Message &message, Loss loss,
+                           Client *to) noexcept {
+  journal_.lost(loss, silent_tag(from, message), party_of(from), to,
+                to == nullptr ? AppName(kServerName) : to->name);
+  journal_.told(false);
+}
+
+// What `from` has sent reaches no client.
+void Server::lose_unrouted(Client &from, const Header &header, const OutputQueue::Tag &tag,
+                           Loss loss) noexcept {
+  const AppName receiver(std::string_view(header.aucRecvApp, ORP_APP_NAME_SIZE));
+  journal_.lost(loss, tag, party_of(from), nullptr,
+                receiver.empty() ? AppName(kServerName) : receiver);
+  notify_undeliverable(from, tag);
+}
+
+// Tells `to` that its message cannot be delivered.
+void Server::notify_undeliverable(Client &to, const OutputQueue::Tag &tag) noexcept {
   Header header{};
   header.ulMsgType = ORP_MSG_UNDELIVERABLE;
-  header.ulSeqNum = sequence;
+  header.ulSeqNum = tag.sequence;
   AppName(kServerName).store(header.aucSendApp);
   to.name.store(header.aucRecvApp);
-  header.ulMsgData = type & ORP_MSG_TYPE_MASK;
-  const bool sent = loop_->attempt("a sender is not told of its loss", [&] { send(to, header); });
-  ++(sent ? statistics_.told : statistics_.untold);
+  header.ulMsgData = tag.type;
+  journal_.told(loop_->attempt("a sender is not told of its loss", [&] { send(to, header); }));
 }
 
 void Server::post(Client &to, const OutputQueue::Frame &frame) {
@@ -307,7 +372,7 @@ void Server::flush() noexcept {
     to.pending.clear();
     const size_t refused = to.out.send(sending);
     for (const OutputQueue::Frame &frame : std::span(sending).first(refused)) {
-      undelivered(to, frame.tag, {frame.data, frame.size}, Loss::kOverflow);
+      undelivered(to, frame.tag, {frame.data, frame.size}, Loss::kQueueFull);
     }
     if (to.pending.empty() && sending.capacity() <= kFramesKept) {
       sending.clear();
@@ -317,6 +382,7 @@ void Server::flush() noexcept {
   }
   posted_ = 0;
   scratch_.reset();
+  journal_.turn_ends();
 }
 
 void Server::after_output(Client &to) noexcept {
@@ -339,7 +405,7 @@ void Server::update_interest(Client &client) noexcept {
   if (changed) {
     client.interest = interest;
   } else {
-    ++statistics_.failures;
+    journal_.failure();
     end(client, "it cannot be watched");
   }
 }
@@ -352,32 +418,30 @@ void Server::writable(Client &to) {
 
 void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<const char> frame,
                          Loss loss) noexcept {
-  ++to.frames_lost;
-  const bool gone = loss == Loss::kDied || to.out.broken();
-  ++(gone ? statistics_.died_with : statistics_.overflows);
+  const bool gone = loss == Loss::kReceiverGone || to.out.broken();
+  Client *sender = tag.origin == 0 ? nullptr : by_id(tag.origin);
+  const Loss kind = tag.descriptor ? Loss::kDescriptor : gone ? Loss::kReceiverGone : loss;
+  const Party from = tag.origin == 0     ? the_server()
+                     : sender == nullptr ? Party{tag.origin, {}}
+                                         : party_of(*sender);
+  journal_.lost(kind, tag, from, &to, to.name);
   if (!gone && to.backlog.lost_now++ == 0) {
     loop_->attempt("a loss is not logged", [&] {
       log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
                to.label(), to.out.limit());
     });
   }
-  if (tag.origin == 0) {
-    if (tag.sequence != 0) remove_hand_over(tag.sequence);
-  } else {
-    remove_sent_file(frame, to.swapped, tag.user);
+  if (!tag.silent) {
+    remove_sent_file(frame, to.swapped, tag.file_key);
+  } else if (tag.file_key != 0) {
+    remove_hand_over(tag.file_key);
   }
-  Client *sender = tag.origin == 0 ? nullptr : by_id(tag.origin);
-  if (sender == nullptr || sender->out.broken()) {
-    ++statistics_.untold;
-    if (tag.type == ORP_MSG_UNDELIVERABLE) --statistics_.told;  // this was the notice
+  if (tag.silent || sender == nullptr || sender->out.broken()) {
+    journal_.told(false);
+    if (tag.origin == 0 && tag.type == ORP_MSG_UNDELIVERABLE) journal_.notice_lost();
     return;
   }
-  notify_undeliverable(*sender, tag.type, tag.sequence);
-}
-
-void Server::lost_event(Client &to) {
-  ++to.frames_lost;
-  ++statistics_.untold;
+  notify_undeliverable(*sender, tag);
 }
 
 // The client receives nothing any more. What it has sent is still read: it may have said its last
@@ -390,7 +454,7 @@ void Server::silence(Client &client) noexcept {
     if (other->in.stream_to == &client) abandon_stream(*other, "its reader is gone", true);
   }
   client.out.take_unwritten([&](const OutputQueue::Tag &tag, std::span<const char> frame) {
-    undelivered(client, tag, frame, Loss::kDied);
+    undelivered(client, tag, frame, Loss::kReceiverGone);
   });
 }
 
@@ -403,8 +467,7 @@ void Server::end(Client &client, std::string_view why) noexcept {
   loop_->attempt("the end of a client is not logged", [&] { log_end(client, why); });
   if (client.in.stream != nullptr) abandon_stream(client, "its sender is gone", false);
   silence(client);
-  statistics_.frames_out += client.out.frames_written();
-  statistics_.bytes_out += client.out.bytes_written();
+  journal_.ended(client, why);
   const auto entry = clients_.find(client.id);
   std::unique_ptr<Client> owner = std::move(entry->second);
   clients_.erase(entry);
@@ -430,21 +493,26 @@ void Server::log_end(const Client &client, std::string_view why) const {
 
 // Its handling has thrown. What it had the server send before is sent, and it is ended.
 void Server::fail(Client &client, const char *why) noexcept {
-  ++statistics_.failures;
+  journal_.failure();
   reading_ = nullptr;
   flush();
   end(client, why);
   flush();
 }
 
-void Server::end_malformed(Client &client, std::string_view why) {
-  ++statistics_.malformed;
+void Server::end_malformed(Client &client, std::string_view why, const Header &header) {
+  OutputQueue::Tag tag;
+  tag.origin = client.id;
+  tag.type = header.ulMsgType & ORP_MSG_TYPE_MASK;
+  tag.sequence = header.ulSeqNum;
+  journal_.lost(Loss::kMalformed, tag, party_of(client), nullptr, {});
   end(client, why);
 }
 
 std::vector<std::string> Server::statistics() const {
-  uint64_t frames_out = statistics_.frames_out;
-  uint64_t bytes_out = statistics_.bytes_out;
+  const Statistics &s = journal_.statistics();
+  uint64_t frames_out = s.frames_out;
+  uint64_t bytes_out = s.bytes_out;
   std::vector<std::string> lines(1);
   for (const auto &[id, client] : clients_) {
     frames_out += client->out.frames_written();
@@ -454,15 +522,16 @@ std::vector<std::string> Server::statistics() const {
         client->label(), client->frames_in, client->bytes_in, client->out.frames_written(),
         client->out.bytes_written(), client->out.weight(), client->frames_lost));
   }
-  const Statistics &s = statistics_;
   lines.front() = fmt::format(
       "{} clients of {} connections; in {} messages, {} bytes; out {} messages, {} bytes; no such "
       "name {}; queue full {}; receiver died {}; cut short {}; senders told {}; nobody told {}; "
-      "not served {}; descriptors passed {}, refused {}; malformed {}; over a limit {}; given up "
-      "{}",
+      "not served {}; not permitted {}; descriptors passed {}, refused {}; malformed {}; over a "
+      "limit {}; given up {}",
       clients_.size(), s.connections, s.frames_in, s.bytes_in, frames_out, bytes_out,
-      s.unknown_names, s.overflows, s.died_with, s.cut_short, s.told, s.untold, s.unserved,
-      s.descriptors_passed, s.descriptors_refused, s.malformed, s.over_limit, s.failures);
+      s.of(Loss::kNoSuchName), s.of(Loss::kQueueFull), s.of(Loss::kReceiverGone),
+      s.of(Loss::kCutShort), s.told, s.untold, s.of(Loss::kNotServed), s.of(Loss::kNotPermitted),
+      s.descriptors_passed, s.of(Loss::kDescriptor), s.of(Loss::kMalformed), s.over_limit,
+      s.failures);
   return lines;
 }
 
@@ -473,6 +542,7 @@ void Server::shut_down() {
   for (const auto &[id, client] : clients_) {
     client->out.flush();
     loop_->remove(client->fd.get(), client.get());
+    journal_.ended(*client, "the server ends");
   }
   // Nobody is told of anybody's end any more.
   clients_.clear();

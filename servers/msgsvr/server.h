@@ -19,6 +19,7 @@
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "msgsvr/client.h"
+#include "msgsvr/journal.h"
 #include "msgsvr/options.h"
 #include "msgsvr/wire.h"
 
@@ -34,26 +35,6 @@ class Scratch {
   std::vector<std::unique_ptr<char[]>> blocks_;
   size_t block_left_ = 0;
   char *next_ = nullptr;
-};
-
-struct Statistics {
-  uint64_t frames_in = 0;  // whole messages received, for whomever
-  uint64_t bytes_in = 0;
-  uint64_t frames_out = 0;  // of clients that are gone; the living count their own
-  uint64_t bytes_out = 0;
-  uint64_t unknown_names = 0;  // no such destination
-  uint64_t overflows = 0;      // no room in the destination's queue
-  uint64_t died_with = 0;      // waited for a client that went away
-  uint64_t cut_short = 0;      // passed on in part, then filled up or taken back
-  uint64_t told = 0;           // notices to senders, for the four above and refused requests
-  uint64_t untold = 0;         // lost where nobody is told: events, and the server's own messages
-  uint64_t unserved = 0;       // messages for the server that it has no use for
-  uint64_t descriptors_passed = 0;
-  uint64_t descriptors_refused = 0;
-  uint64_t malformed = 0;
-  uint64_t over_limit = 0;  // what clients may not have any more of
-  uint64_t failures = 0;  // clients and requests that were given up for want of memory and the like
-  uint64_t connections = 0;
 };
 
 class Server {
@@ -99,7 +80,7 @@ class Server {
   // did.
   using MakeRoom = std::function<bool(const Account &user)>;
   Share share(const Client &client, Kept kind, const MakeRoom &make_room = nullptr);
-  // Notes that `client` is refused more of what is limited, and tells it.
+  // Notes that `client` is refused more of what is limited, and tells it that its request is lost.
   void refuse(Client &client, const Message &request, std::string_view what);
   // Gives `client` this name; an empty one takes its name away.
   void rename(Client &client, const AppName &name);
@@ -110,16 +91,22 @@ class Server {
   // A message of the server's own. ulDataLen is set from `body`. When it is lost, nobody is told;
   // a `file` (its number) that travels with the message is then removed.
   void send(Client &to, Header header, std::span<const char> body = {}, uint32_t file = 0);
+  // The same with a message that `from` has sent to the server, under another header.
+  void send_on(Client &to, Header header, std::span<const char> body, const Client &from,
+               const Message &message, uint32_t file = 0);
   // The answer to a request.
   void reply(Client &to, const Message &request, uint32_t data, std::span<const char> body = {});
-  // A frame as it came from a client of byte order `swapped`; its bytes must stay until flush().
-  void pass(Client &to, std::span<const char> frame, bool swapped, OutputQueue::Tag tag);
-  // Tells `to` that its message cannot be delivered.
-  void notify_undeliverable(Client &to, uint32_t type, uint32_t sequence) noexcept;
+  // A message as `from` has sent it to the server; its bytes must stay until flush(). When it is
+  // lost, nobody is told.
+  void pass(Client &to, const Client &from, const Message &message);
+  // What `from` has sent to the server is lost, and it is told.
+  void lose(Client &from, const Message &message, Loss loss) noexcept;
+  // It is lost and nobody is told: to the client `to`, or to everybody.
+  void lose_silently(const Client &from, const Message &message, Loss loss,
+                     Client *to = nullptr) noexcept;
   void flush() noexcept;
-  // Counts an event that could not be given to `to`.
-  void lost_event(Client &to);
 
+  Journal &journal() { return journal_; }
   std::vector<std::string> statistics() const;
   // Tries once more to write what waits, and ends every client.
   void shut_down();
@@ -127,7 +114,6 @@ class Server {
  private:
   friend struct Client;
   struct Listener;
-  enum class Loss { kOverflow, kDied };
 
   void take_in(UniqueFd fd);
   std::shared_ptr<Account> account_of(const Client &client);
@@ -143,13 +129,22 @@ class Server {
   std::span<char> pass_on(Client &from, std::span<char> bytes);
   std::span<char> assemble(Client &from, std::span<char> bytes);
   bool admit_unfinished(Client &from, size_t size);
-  void discard_rest(Client &from, std::span<const char> begin, const Header &header);
+  void discard_rest(Client &from, std::span<const char> begin, const Header &header,
+                    const Route &route);
   void begin_frame(Client &from, std::span<char> begin, const Header &header, const Route &route);
   void begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header);
   const Route *resolve(Client &from, const Header &header);
   void deliver(Client &from, std::span<char> frame, const Header &header, const Route &route);
-  void dispatch(Client &from, std::span<char> frame, const Header &header);
+  void dispatch(Client &from, std::span<char> frame, const Header &header,
+                const OutputQueue::Tag &tag);
 
+  // The tag of a message for which nobody is told when it is lost.
+  static OutputQueue::Tag silent_tag(const Client &from, const Message &message, uint32_t file = 0);
+  void send_tagged(Client &to, const Header &header, std::span<const char> body,
+                   const OutputQueue::Tag &tag);
+  void notify_undeliverable(Client &to, const OutputQueue::Tag &tag) noexcept;
+  void lose_unrouted(Client &from, const Header &header, const OutputQueue::Tag &tag,
+                     Loss loss) noexcept;
   void post(Client &to, const OutputQueue::Frame &frame);
   void after_output(Client &to) noexcept;
   void undelivered(Client &to, const OutputQueue::Tag &tag, std::span<const char> frame,
@@ -169,7 +164,7 @@ class Server {
   void silence(Client &client) noexcept;
   void end(Client &client, std::string_view why) noexcept;
   void log_end(const Client &client, std::string_view why) const;
-  void end_malformed(Client &client, std::string_view why);
+  void end_malformed(Client &client, std::string_view why, const Header &header = {});
 
   EventLoop *loop_;
   const Options options_;
@@ -191,7 +186,7 @@ class Server {
   std::vector<Client *> touched_;
   size_t posted_ = 0;  // frames that wait for flush()
   std::map<std::string, std::weak_ptr<Account>> users_;
-  Statistics statistics_;
+  Journal journal_;
 };
 
 }  // namespace msgsvr

@@ -79,7 +79,7 @@ class SyncPoints final : public Service {
   bool usable(Client &from, const Message &message, const std::string &name) {
     if (!name.empty() && name.size() <= kLongestName) return true;
     log_line("{} names no synchronisation point of 1 to {} characters", from.label(), kLongestName);
-    server_->notify_undeliverable(from, message.type(), message.header.ulSeqNum);
+    server_->lose(from, message, Loss::kNotServed);
     return false;
   }
 

@@ -72,6 +72,7 @@ struct Message {
   Header header;                // in host order, with the transport's flags
   std::span<const char> body;   // what a hand-over file held, if the body came in one
   std::span<const char> frame;  // header and body as they came, in the sender's byte order
+  uint64_t record = 0;          // its number in the journal
 
   uint32_t type() const { return header.ulMsgType & ORP_MSG_TYPE_MASK; }
 

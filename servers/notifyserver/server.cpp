@@ -175,7 +175,7 @@ void Server::count_refused(Client &client) {
 void Server::route(Client &from, const Frame &frame) {
   const uint32_t module = frame.head.des_id;
   if (module < modules_.size() && !modules_[module].empty()) {
-    queue(*modules_[module].front(), frame.bytes, frame.head.msg_type);
+    queue(*modules_[module].front(), frame.bytes);
     return;
   }
   ++statistics_.no_module;
@@ -209,7 +209,7 @@ void Server::serve(Client &from, const Frame &frame) {
   answer.des_id = head.source_id;
   answer.sync_tag = 1;
   answer.ack_tag = ORP_NOTIFYCLT_REPLY;
-  queue(from, {reinterpret_cast<const char *>(&answer), sizeof answer}, answer.msg_type);
+  queue(from, {reinterpret_cast<const char *>(&answer), sizeof answer});
 }
 
 void Server::register_module(Client &client, const Frame &frame) {
@@ -235,9 +235,9 @@ void Server::leave_module(Client &client) {
   std::erase(modules_[client.module], &client);
 }
 
-void Server::queue(Client &to, std::span<const char> bytes, uint32_t msg_type) {
+void Server::queue(Client &to, std::span<const char> bytes) {
   if (to.route.empty()) routed_.push_back(&to);
-  to.route.push_back({bytes.data(), bytes.size(), {to.module, msg_type}});
+  to.route.push_back({bytes.data(), bytes.size(), {}});
 }
 
 // Writes what read_from() routed, which lies in the sender's buffer until then.

@@ -74,7 +74,7 @@ class Server final : servers::EventLoop::Watch {
   void serve(Client &from, const Frame &frame);
   void register_module(Client &client, const Frame &frame);
   void leave_module(Client &client);
-  void queue(Client &to, std::span<const char> bytes, uint32_t msg_type);
+  void queue(Client &to, std::span<const char> bytes);
   void flush_routes();
   void write_route(Client &client);
   void after_writing(Client &client);

@@ -1,0 +1,347 @@
+// What the message server's flight recorder holds after real traffic.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "flight/reader.h"
+#include "msgapi.h"
+#include "servers/services.h"
+#include "support/message_peer.h"
+#include "support/process.h"
+
+namespace {
+
+using flight::Entry;
+using flight::Kind;
+using flight::Loss;
+using flight::Reader;
+using test::RawClient;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+constexpr uint32_t kType = 0x1234;
+
+// An entry that stays.
+struct Noted {
+  flight::Record record;
+  ORP_MSG_HEADER_ST header{};
+  std::string text;
+
+  Kind kind() const { return static_cast<Kind>(record.kind); }
+  Loss loss() const { return static_cast<Loss>(record.loss); }
+};
+
+class MsgsvrFlight : public test::Services {
+ protected:
+  static std::vector<Noted> records(const std::string &path = flight::kPath) {
+    Reader reader = Reader::load(path);
+    std::vector<Noted> all;
+    Entry entry;
+    Reader::Next next;
+    while ((next = reader.next(&entry)) == Reader::Next::kEntry) {
+      Noted noted{entry.record, {}, std::string(entry.text())};
+      if (!entry.header.empty()) {
+        std::memcpy(&noted.header, entry.header.data(), sizeof noted.header);
+      }
+      all.push_back(noted);
+    }
+    EXPECT_EQ(Reader::Next::kNothing, next);
+    EXPECT_EQ(0u, reader.missed());
+    return all;
+  }
+
+  static std::vector<Noted> of(const std::vector<Noted> &all, Kind kind, Loss loss = Loss::kNone) {
+    std::vector<Noted> found;
+    std::ranges::copy_if(all, std::back_inserter(found), [&](const Noted &each) {
+      return each.kind() == kind && each.loss() == loss;
+    });
+    return found;
+  }
+
+  // The server's number of the client that was named so last.
+  static uint32_t id_of(const std::vector<Noted> &all, const std::string &name) {
+    uint32_t id = 0;
+    for (const Noted &each : of(all, Kind::kNamed)) {
+      if (each.text == name) id = each.record.from;
+    }
+    EXPECT_NE(0u, id) << name;
+    return id;
+  }
+
+  // The record of `kind` about the message that `from` sent with that sequence number.
+  static std::optional<Noted> fate(const std::vector<Noted> &all, uint32_t sequence, Kind kind) {
+    for (const Noted &accepted : of(all, Kind::kAccepted)) {
+      if (accepted.header.ulSeqNum != sequence || accepted.record.from == 0) continue;
+      for (const Noted &each : all) {
+        if (each.kind() == kind && each.record.about == accepted.record.number) return each;
+      }
+    }
+    return std::nullopt;
+  }
+
+  // The counter that follows `words` in the first line of the statistics.
+  uint64_t counter(const std::string &words) const {
+    std::smatch match;
+    const std::string &all = server_->output();
+    const size_t start = all.rfind(" connections; in ");
+    if (start == std::string::npos) return UINT64_MAX;
+    const std::string line = all.substr(start, all.find('\n', start) - start);
+    if (!std::regex_search(line, match, std::regex(words + " (\\d+)"))) return UINT64_MAX;
+    return std::stoull(match[1]);
+  }
+};
+
+TEST_F(MsgsvrFlight, RecordsEachMessageItsFateAndItsClients) {
+  start({"--flight-body", "4"});
+  RawClient a("a");
+  RawClient b("b");
+  a.send({.type = kType, .to = "b", .body = "hello", .data = 9, .sequence = 1});
+  b.read();
+  a.send({.type = kType, .to = "nobody", .sequence = 2});
+  a.read();
+  a.send({.type = 0x7777, .to = "mic", .sequence = 3});
+  a.read();
+  // One event, accepted once for the server and delivered twice.
+  for (RawClient *each : {&a, &b}) {
+    each->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
+    each->drain();
+  }
+  a.send({.type = ORP_MSG_EVENT_WLAN, .body = "event", .sequence = 4});
+  a.read();
+  b.read();
+  a.send({.type = kType, .to = "b", .sequence = 5});
+  ASSERT_TRUE(test::send_with_descriptors(a.fd(), std::string(2, '\0')));
+  b.read();
+  EXPECT_EQ(std::string(2, '\0'), b.receive_bytes(2));
+  // A long message whose sender stops.
+  const std::string cut =
+      test::Frame{.type = kType, .to = "b", .body = std::string(200000, 'x'), .sequence = 6}.bytes(
+          "a");
+  a.send_bytes(cut.substr(0, 100000));
+  EXPECT_TRUE(server_->wait_for("is cut short"));
+  b.read();
+  b.close();
+  a.close();
+  RawClient bad("bad");
+  bad.send_bytes(test::Frame{.type = kType, .to = "twelve bytes", .sequence = 7}.bytes("bad"));
+  EXPECT_TRUE(bad.closed());
+
+  const std::vector<Noted> all = records();
+  const uint32_t id_a = id_of(all, "a");
+  const uint32_t id_b = id_of(all, "b");
+
+  const auto connected = of(all, Kind::kConnected);
+  ASSERT_EQ(3u, connected.size());
+  EXPECT_EQ(id_a, connected[0].record.from);
+  EXPECT_EQ(static_cast<uint32_t>(::getpid()), connected[0].record.a);
+  EXPECT_EQ(::getuid(), connected[0].record.b);
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/self/exe"), connected[0].text);
+
+  const auto first = fate(all, 1, Kind::kDelivered);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(id_a, first->record.from);
+  EXPECT_EQ(id_b, first->record.to);
+  EXPECT_EQ(kType, first->record.a);
+  EXPECT_EQ(1u, first->record.b);
+  const auto accepted = std::ranges::find(all, first->record.about,
+                                          [](const Noted &each) { return each.record.number; });
+  EXPECT_EQ(id_b, accepted->record.to);
+  EXPECT_EQ(5u, accepted->record.a);
+  EXPECT_EQ("hell", accepted->text);
+  EXPECT_EQ(9u, accepted->header.ulMsgData);
+  EXPECT_LE(accepted->record.time_ns, first->record.time_ns);
+
+  const auto unknown = fate(all, 2, Kind::kLost);
+  ASSERT_TRUE(unknown);
+  EXPECT_EQ(Loss::kNoSuchName, unknown->loss());
+  EXPECT_EQ(0u, unknown->record.to);
+  EXPECT_EQ(Loss::kNotServed, fate(all, 3, Kind::kLost)->loss());
+
+  const auto event = fate(all, 4, Kind::kDelivered);
+  ASSERT_TRUE(event);
+  std::set<uint32_t> receivers;
+  for (const Noted &each : of(all, Kind::kDelivered)) {
+    if (each.record.about != event->record.about) continue;
+    EXPECT_EQ(id_a, each.record.from);
+    receivers.insert(each.record.to);
+  }
+  EXPECT_EQ((std::set<uint32_t>{id_a, id_b}), receivers);
+
+  const auto descriptor = fate(all, 5, Kind::kDescriptor);
+  ASSERT_TRUE(descriptor);
+  EXPECT_EQ(id_b, descriptor->record.to);
+
+  EXPECT_EQ(Loss::kCutShort, fate(all, 6, Kind::kLost)->loss());
+  EXPECT_FALSE(fate(all, 6, Kind::kDelivered));
+  const auto malformed = of(all, Kind::kLost, Loss::kMalformed);
+  ASSERT_EQ(1u, malformed.size());
+  EXPECT_EQ(7u, malformed[0].record.b);
+
+  const auto ended = of(all, Kind::kEnded);
+  ASSERT_EQ(3u, ended.size());
+  EXPECT_EQ(id_b, ended[0].record.from);
+  EXPECT_EQ(1u, ended[0].record.a);
+  EXPECT_THAT(ended[2].text, HasSubstr("unterminated name"));
+}
+
+TEST_F(MsgsvrFlight, CountsWhatTheStatisticsCount) {
+  start({"--queue", "140000", "--patience", "10", "--flight", "16000000", "--user-points", "4"});
+  RawClient a("a");
+  RawClient slow("slow");
+  RawClient gone("gone");
+  // A queue that overflows, is emptied, and one whose reader leaves.
+  for (uint32_t i = 0; i < 2000; ++i) {
+    for (const char *to : {"slow", "gone", "nobody"}) {
+      a.send({.type = kType, .to = to, .body = std::string(i % 900, 'x')});
+    }
+    while (!a.quiet()) a.read();
+  }
+  a.drain();
+  gone.close();
+  slow.drain();
+  // A single connection may have one point.
+  for (const char *point : {"p", "q"}) a.send({.type = ORP_MSG_SYNC_POST, .body = point});
+  a.drain();
+
+  ::kill(server_->pid(), SIGUSR1);
+  EXPECT_TRUE(server_->wait_for("given up"));
+  const std::vector<Noted> all = records();
+  const std::pair<Loss, const char *> kLosses[] = {
+      {Loss::kNoSuchName, "no such name"},    {Loss::kQueueFull, "queue full"},
+      {Loss::kReceiverGone, "receiver died"}, {Loss::kCutShort, "cut short"},
+      {Loss::kNotServed, "not served"},       {Loss::kNotPermitted, "not permitted"},
+      {Loss::kDescriptor, "refused"},         {Loss::kMalformed, "malformed"}};
+  for (const auto &[loss, words] : kLosses) {
+    EXPECT_EQ(counter(words), of(all, Kind::kLost, loss).size()) << words;
+  }
+  EXPECT_EQ(2000u, counter("no such name"));
+  EXPECT_GT(counter("queue full"), 0u);
+  EXPECT_GT(counter("receiver died"), 0u);
+  EXPECT_EQ(1u, counter("not permitted"));
+  EXPECT_EQ(counter("; in"), std::ranges::count_if(of(all, Kind::kAccepted), [](const Noted &n) {
+              return n.record.from != 0;
+            }));
+  EXPECT_EQ(counter("; out"), of(all, Kind::kDelivered).size());
+  // Every message has exactly one fate, but for those that are for the server.
+  std::map<uint64_t, int> fates;
+  for (const Noted &each : all) {
+    if (each.kind() == Kind::kDelivered || each.kind() == Kind::kLost) ++fates[each.record.about];
+  }
+  for (const Noted &each : of(all, Kind::kAccepted)) {
+    if (each.record.to == 0) continue;
+    EXPECT_EQ(1, fates[each.record.number]) << each.record.number;
+  }
+
+  const uint32_t id = id_of(all, "slow");
+  const auto backlog = of(all, Kind::kBacklog);
+  const auto full = std::ranges::find(backlog, id, [](const Noted &n) { return n.record.to; });
+  ASSERT_NE(full, backlog.end());
+  EXPECT_EQ(140000u, full->record.b);
+  EXPECT_GT(full->record.a, 70000u);
+  const auto relieved = of(all, Kind::kRelieved);
+  ASSERT_EQ(1u, relieved.size());
+  EXPECT_EQ(id, relieved[0].record.to);
+  EXPECT_GT(relieved[0].record.a, 0u);
+}
+
+TEST_F(MsgsvrFlight, RecordsHttpRequestsAndTheirAnswers) {
+  start({"--http", "8080"});
+  EXPECT_EQ(0, std::system("curl -s -o /dev/null -d body http://127.0.0.1:8080/no/such && "
+                           "curl -s -o /dev/null -X OPTIONS http://127.0.0.1:8080/x"));
+
+  const std::vector<Noted> all = records();
+  const auto requests = of(all, Kind::kHttpRequest);
+  const auto answers = of(all, Kind::kHttpAnswer);
+  ASSERT_EQ(2u, requests.size());
+  ASSERT_EQ(2u, answers.size());
+  EXPECT_EQ("/no/such", requests[0].text);
+  EXPECT_EQ(1u, requests[0].record.a);
+  EXPECT_EQ(4u, requests[0].record.b);
+  EXPECT_EQ(UINT32_MAX, requests[1].record.a);
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(requests[i].record.number, answers[i].record.about);
+    EXPECT_EQ(i == 0 ? 404u : 405u, answers[i].record.a);
+  }
+}
+
+TEST_F(MsgsvrFlight, SurvivesTheServerAndIsMovedAsideByTheNext) {
+  start();
+  RawClient a("a");
+  RawClient b("b");
+  a.send({.type = kType, .to = "b", .sequence = 77});
+  b.read();
+  a.drain();
+  server_->stop(SIGKILL);
+  EXPECT_TRUE(fate(records(), 77, Kind::kDelivered));
+  EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status(flight::kPath).permissions());
+
+  start();
+  EXPECT_TRUE(fate(records(std::string(flight::kPath) + ".1"), 77, Kind::kDelivered));
+  EXPECT_TRUE(of(records(), Kind::kAccepted).empty());
+  // A server that does not get the socket leaves the file to the one that has it.
+  test::Process second("msgsvr");
+  EXPECT_EQ(1, second.wait());
+  RawClient c("c");
+  c.drain();
+  EXPECT_EQ(1u, of(records(), Kind::kNamed).size());
+}
+
+TEST_F(MsgsvrFlight, IsOffWhenToldSoOrImpossible) {
+  start({"--flight", "0"});
+  RawClient("a").drain();
+  EXPECT_FALSE(std::filesystem::exists(flight::kPath));
+  server_->stop(SIGTERM);
+
+  std::filesystem::create_directories(std::string(flight::kPath) + ".new/x");
+  start();
+  EXPECT_THAT(server_->output(), HasSubstr("the flight recorder is off"));
+  RawClient("a").drain();
+  std::filesystem::remove_all(std::string(flight::kPath) + ".new");
+}
+
+TEST_F(MsgsvrFlight, AFollowerKnowsWhatItMissed) {
+  start({"--flight", "65537"});
+  Reader reader = Reader::follow(flight::kPath);
+  EXPECT_EQ(131072u, reader.head().ring_size);
+  Entry entry;
+  while (reader.next(&entry) == Reader::Next::kEntry) {
+  }
+  RawClient a("a");
+  RawClient b("b");
+  uint64_t deliveries = 0;
+  const auto follow = [&] {
+    while (reader.next(&entry) == Reader::Next::kEntry) {
+      deliveries += entry.kind() == Kind::kDelivered;
+    }
+  };
+  for (uint32_t i = 0; i < 20000; ++i) {
+    a.send({.type = kType, .to = "b", .sequence = i});
+    b.read();
+    // It keeps up for a while, and then does not.
+    if (i < 200) follow();
+  }
+  EXPECT_GT(deliveries, 190u);
+  follow();
+  ::kill(server_->pid(), SIGUSR1);
+  EXPECT_TRUE(server_->wait_for("out 20002 messages"));
+  EXPECT_GT(reader.missed(), 30000u);
+  // Nothing is between the first number and the last that was neither seen nor missed.
+  EXPECT_EQ(entry.record.number, reader.before_first() + reader.seen() + reader.missed());
+}
+
+}  // namespace
