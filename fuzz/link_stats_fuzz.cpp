@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "base/bytes.h"
-#include "notify/link_stats.h"
+#include "util/netlink/link_stats.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;
@@ -21,6 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint32_t port_id = 0;
   if (size >= sizeof(nlmsghdr)) port_id = msgapi::load<nlmsghdr>(exact.get()).nlmsg_pid;
 
-  (void)msgapi::find_link_stats({exact.get(), size}, port_id);
+  (void)msgapi::netlink::find_link_stats({exact.get(), size}, port_id);
   return 0;
 }

@@ -7,7 +7,6 @@
 
 #include "log/transport.h"
 
-#include <linux/netlink.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,9 +21,9 @@
 
 #include "base/bytes.h"
 #include "base/copy_failure.h"
-#include "base/memory.h"
 #include "base/text.h"
 #include "os/clock.h"
+#include "util/netlink/datagram.h"
 
 namespace msgapi::log {
 namespace {
@@ -164,29 +163,17 @@ int32_t open_netlink(int32_t *fd_out) {
     return MLOG_ERR_NETLINK;
   }
 
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_pid = static_cast<uint32_t>(::getpid());
-  if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    return MLOG_ERR_NETLINK;
-  }
+  if (!netlink::bind_to_port(fd.get(), static_cast<uint32_t>(::getpid()))) return MLOG_ERR_NETLINK;
   *fd_out = fd.release();
   return 0;
 }
 
 int32_t send_netlink(int fd, const void *data, uint32_t size) {
-  const uint64_t padded_size = (uint64_t{size} + sizeof(nlmsghdr) + 3) & ~uint64_t{3};
-  Owned<char> message(static_cast<char *>(guarded_zalloc(padded_size)));
-  if (!message) return MLOG_ERR_NETLINK;
+  const netlink::Datagram datagram =
+      netlink::build_datagram(data, size, kNetlinkType, static_cast<uint32_t>(::getpid()));
+  if (!datagram.block) return MLOG_ERR_NETLINK;
 
-  nlmsghdr head{};
-  head.nlmsg_len = size + uint32_t{sizeof head};
-  head.nlmsg_type = kNetlinkType;
-  head.nlmsg_pid = static_cast<uint32_t>(::getpid());
-  store(message.get(), head);
-  std::memcpy(message.get() + sizeof head, data, size);
-
-  iovec part{.iov_base = message.get(), .iov_len = static_cast<size_t>(padded_size)};
+  iovec part{.iov_base = datagram.block.get(), .iov_len = datagram.size};
   msghdr envelope{};
   envelope.msg_iov = &part;
   envelope.msg_iovlen = 1;

@@ -15,11 +15,13 @@
 
 #include "base/list.h"
 #include "base/memory.h"
+#include "msgapi/sockbase.h"
 #include "os/clock.h"
 #include "uv/child_signal.h"
 #include "uv/console.h"
 #include "uv/default_loop.h"
 #include "uv/descriptor_set.h"
+#include "uv/freeing.h"
 #include "uv/idle.h"
 #include "uv/io.h"
 #include "uv/timer.h"
@@ -339,6 +341,10 @@ extern "C" uint32_t OrpUvLoopRun(OrpUvLoop *loop, uint32_t idleMs) {
 
 extern "C" uint32_t ORP_UV_LoopRun(OrpUvLoop *loop, uint32_t idleMs) {
   return code(run_loop(loop_or_default(loop), idleMs, RunMode::kNormal));
+}
+
+extern "C" uint32_t ORP_UTIL_SockBaseStart(uint32_t seconds) {
+  return code(run_loop(default_loop(), seconds * 1000, RunMode::kNormal));
 }
 
 extern "C" int32_t OrpUvLoopGetMaxFd(OrpUvLoop *loop) {

@@ -11,6 +11,7 @@
 #include "uv/child_signal.h"
 #include "uv/console.h"
 #include "uv/default_loop.h"
+#include "uv/freeing.h"
 #include "uv/idle.h"
 #include "uv/io.h"
 #include "uv/loop.h"

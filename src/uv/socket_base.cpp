@@ -6,7 +6,6 @@
 #include "base/status.h"
 #include "uv/default_loop.h"
 #include "uv/io.h"
-#include "uv/loop.h"
 #include "uv/timer.h"
 #include "uv/watcher.h"
 
@@ -188,10 +187,6 @@ extern "C" void ORP_UTIL_SockBaseDeleteNew(int32_t fd) {
   OrpUvIo *watcher = find_io(default_loop(), fd);
   if (watcher == nullptr || (watcher->head.status & ORP_UV_SOCKBASE) == 0) return;
   delete_socket_base(reinterpret_cast<ORP_UTIL_SOCKBASE_ST *>(watcher));
-}
-
-extern "C" uint32_t ORP_UTIL_SockBaseStart(uint32_t seconds) {
-  return code(run_loop(default_loop(), seconds * 1000, RunMode::kNormal));
 }
 
 extern "C" void ORP_UTIL_SockBaseDestroy(ORP_UTIL_SOCKBASE_ST * /*sockBase*/) {}

@@ -1,4 +1,4 @@
-// The watchers of a loop: their list, deletion, and the freeing of what was deleted.
+// The watchers of a loop: their list, deletion, and walks over them.
 //
 // A walk over the list takes the successor before it calls, and holds both across the callback: a
 // run of the loop inside that callback frees what is deleted, but nothing that is held. Below the
@@ -109,14 +109,5 @@ T *as(OrpUvWatcher *watcher) {
 Status init_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, uint32_t type);
 Status start_watcher(OrpUvWatcher *watcher);
 Status delete_watcher(OrpUvWatcher *watcher);
-
-// A safe point of a run: frees the deleted watchers that no walk around the run holds.
-void sweep_deleted(OrpUvLoop *loop);
-
-// Procedure of the idle watcher in OrpUvLoop.deferredFree: frees the data that waits.
-void free_deferred_data(OrpUvIdle *watcher);
-
-// Frees every watcher or, inside a walk, leaves that to the walk's run, and empties the record.
-void destroy_loop(OrpUvLoop *loop);
 
 }  // namespace msgapi::uv

@@ -1,4 +1,4 @@
-#include "uv/watcher.h"
+#include "uv/freeing.h"
 
 #include "base/memory.h"
 #include "uv/loop_fixture.h"

@@ -1,4 +1,4 @@
-#include "notify/link_stats.h"
+#include "util/netlink/link_stats.h"
 
 #include <gmock/gmock.h>
 #include <linux/if_link.h>
@@ -178,7 +178,7 @@ std::optional<ORP_UTIL_DEV_STATS_ST> read(const T &...records) {
   (bytes.append(reinterpret_cast<const char *>(&records), sizeof records), ...);
   const auto exact = std::make_unique<uint8_t[]>(bytes.size());
   std::memcpy(exact.get(), bytes.data(), bytes.size());
-  return msgapi::find_link_stats({exact.get(), bytes.size()}, kPort);
+  return msgapi::netlink::find_link_stats({exact.get(), bytes.size()}, kPort);
 }
 
 nlmsghdr message(uint16_t type, uint32_t size, uint16_t flags = 0, uint32_t port = kPort) {

@@ -7,7 +7,7 @@
 
 #include "msgapi/netlink.h"
 
-namespace msgapi {
+namespace msgapi::netlink {
 
 // The counters in `reply`, a datagram of netlink messages, of which those for another port than
 // `port_id` are ignored. None when there are no counters in it or they are longer than the record.
@@ -15,4 +15,4 @@ namespace msgapi {
 std::optional<ORP_UTIL_DEV_STATS_ST> find_link_stats(std::span<const uint8_t> reply,
                                                      uint32_t port_id);
 
-}  // namespace msgapi
+}  // namespace msgapi::netlink

@@ -4,7 +4,7 @@
 // The kernel answers an RTM_GETLINK request before send() returns, or fails the next receive when
 // it had no memory for the answer; waiting for the answer therefore always ends.
 
-#include "notify/link_stats.h"
+#include "util/netlink/link_stats.h"
 
 #include <linux/if_link.h>
 #include <linux/netlink.h>
@@ -23,8 +23,9 @@
 #include "base/text.h"
 #include "os/fd.h"
 #include "os/wait.h"
+#include "util/netlink/datagram.h"
 
-namespace msgapi {
+namespace msgapi::netlink {
 namespace {
 
 static_assert(sizeof(ORP_UTIL_DEV_STATS_ST) == 96);
@@ -74,12 +75,8 @@ bool open_client() {
       ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
   if (!netlink) return false;
 
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_pid = static_cast<uint32_t>(self) | kPortIdPattern;
-  if (::bind(netlink.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    return false;
-  }
+  const uint32_t port_id = static_cast<uint32_t>(self) | kPortIdPattern;
+  if (!bind_to_port(netlink.get(), port_id)) return false;
 
   os::UniqueFd ioctl_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!ioctl_socket) return false;
@@ -87,7 +84,7 @@ bool open_client() {
   g_client.owner = self;
   g_client.netlink_fd = netlink.release();
   g_client.ioctl_fd = ioctl_socket.release();
-  g_client.port_id = address.nl_pid;
+  g_client.port_id = port_id;
   return true;
 }
 
@@ -194,9 +191,9 @@ std::optional<ORP_UTIL_DEV_STATS_ST> find_link_stats(std::span<const uint8_t> re
   return std::nullopt;
 }
 
-}  // namespace msgapi
+}  // namespace msgapi::netlink
 
-using namespace msgapi;
+using namespace msgapi::netlink;
 
 extern "C" void ORP_UTIL_GetDevStats(const char *ifName, ORP_UTIL_DEV_STATS_ST *stats) {
   if (ifName == nullptr || ifName[0] == '\0' || stats == nullptr) return;
