@@ -25,11 +25,15 @@ std::string texts(const std::string &module) {
   return content.substr(std::min<size_t>(content.size(), MLOG_FILE_HEADER_SIZE));
 }
 
+// Arguments for a server with this configuration.
+std::vector<std::string> with_config(const std::string &text) {
+  std::ofstream("/var/mlogserver.conf", std::ios::trunc) << text;
+  return {"--config", "/var/mlogserver.conf"};
+}
+
 struct Server : test::Process {
   explicit Server(const std::string &config = "")
-      : test::Process("mlogserver",
-                      (std::ofstream("/var/mlogserver.conf") << config,
-                       std::vector<std::string>{"--config", "/var/mlogserver.conf"})) {
+      : test::Process("mlogserver", with_config(config)) {
     EXPECT_TRUE(wait_for("ready"));
   }
 };

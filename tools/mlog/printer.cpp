@@ -63,17 +63,34 @@ void Printer::add_clean(std::string_view text) {
   }
 }
 
-void Printer::add_time(int64_t time_ms) {
+void Printer::add_time(int64_t time_ms, bool iso) {
   const int64_t seconds = time_ms / 1000;
-  if (seconds != formatted_s_) {
+  if (seconds != formatted_s_ || iso != formatted_iso_) {
     formatted_s_ = seconds;
-    formatted_ = format_time(seconds * 1000, options_.utc);
-    formatted_.resize(formatted_.size() - 3);
+    formatted_iso_ = iso;
+    formatted_ = iso ? format_iso_time(seconds * 1000) : format_time(seconds * 1000, options_.utc);
+    formatted_.resize(formatted_.size() - (iso ? 4 : 3));
   }
   const auto ms = static_cast<unsigned>(time_ms % 1000);
   const char digits[] = {static_cast<char>('0' + ms / 100), static_cast<char>('0' + ms / 10 % 10),
                          static_cast<char>('0' + ms % 10)};
   out_.append(formatted_).append(digits, sizeof digits);
+  if (iso) out_ += 'Z';
+}
+
+// Most texts need no escapes, for which building JSON values would take ten times as long.
+void Printer::add_json_string(std::string_view text) {
+  const bool is_plain = std::all_of(text.begin(), text.end(), [](char c) {
+    return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+  });
+  if (is_plain) {
+    out_ += '"';
+    out_.append(text);
+    out_ += '"';
+    return;
+  }
+  // Bytes that are no UTF-8 become replacement characters.
+  out_ += nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 void Printer::print(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path) {
@@ -102,7 +119,7 @@ void Printer::add_short(const Entry &entry, std::optional<int64_t> time_ms, std:
   const bool full = options_.output == Output::kFull;
   if (entry.has_head) {
     if (time_ms) {
-      add_time(*time_ms);
+      add_time(*time_ms, false);
       if (options_.utc) out_.append("Z");
     } else {
       fmt::format_to(std::back_inserter(out_), "up {}.{:03} s", entry.uptime_ms / 1000,
@@ -124,17 +141,27 @@ void Printer::add_short(const Entry &entry, std::optional<int64_t> time_ms, std:
 }
 
 void Printer::add_json(const Entry &entry, std::optional<int64_t> time_ms) {
-  nlohmann::ordered_json line;
+  out_ += '{';
   if (entry.has_head) {
-    line["uptime_ms"] = entry.uptime_ms;
-    if (time_ms) line["time"] = format_iso_time(*time_ms);
-    line["module"] = entry.module;
-    line["level"] = entry.level_name;
+    fmt::format_to(std::back_inserter(out_), "\"uptime_ms\":{},", entry.uptime_ms);
+    if (time_ms) {
+      out_.append("\"time\":\"");
+      add_time(*time_ms, true);
+      out_.append("\",");
+    }
+    out_.append("\"module\":");
+    add_json_string(entry.module);
+    out_.append(",\"level\":");
+    add_json_string(entry.level_name);
+    out_ += ',';
   }
-  line["text"] = original(entry.message);
-  // Bytes that are no UTF-8 become replacement characters.
-  const auto replace = nlohmann::ordered_json::error_handler_t::replace;
-  out_ += line.dump(-1, ' ', false, replace);
+  out_.append("\"text\":");
+  if (entry.message.find('\n') == std::string_view::npos) {
+    add_json_string(entry.message);
+  } else {
+    add_json_string(original(entry.message));
+  }
+  out_ += '}';
 }
 
 void Printer::add_raw(const Entry &entry, std::optional<int64_t> time_ms) {

@@ -48,13 +48,15 @@ class Printer {
   void add_json(const Entry &entry, std::optional<int64_t> time_ms);
   void add_raw(const Entry &entry, std::optional<int64_t> time_ms);
   void add_clean(std::string_view text);
-  void add_time(int64_t time_ms);
+  void add_time(int64_t time_ms, bool iso);
+  void add_json_string(std::string_view text);
 
   PrintOptions options_;
   std::string out_;
   bool broken_ = false;
   // The second that was formatted last.
   int64_t formatted_s_ = INT64_MIN;
+  bool formatted_iso_ = false;
   std::string formatted_;
 };
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,6 +51,8 @@ class RingFile {
   // The bytes are the caller's.
   explicit RingFile(std::string_view bytes) : bytes_(bytes) {}
 
+  // Fills `out` from `position` on, as far as the file goes; how many bytes there were.
+  size_t read(size_t position, std::span<char> out) const;
   // Up to `size` bytes from `position` on are added to `out`; how many there were.
   size_t read(size_t position, size_t size, std::string *out) const;
   // The header as it is now, with all its parts from one moment.
