@@ -13,39 +13,12 @@
 #include <string_view>
 #include <vector>
 
+#include "catalogue/status_table.h"
+
 namespace catalogue {
-
-enum class StatusFamily : uint8_t {
-  kMessages,       // the loop and the message layer (msgapi/status.h)
-  kStore,          // the configuration store (cfmapi.h)
-  kConfiguration,  // requests to the configuration manager; falls back on both
-  kItems,          // DM messages; falls back on messages
-  kEvents,         // falls back on DM messages, then messages
-  kLogin,          // falls back on messages
-  kProcesses,      // falls back on messages
-  kPaths,
-  kBlur,
-  kBridges,
-  kNotify,
-  kDns,
-  kCharset,
-  kLog,
-  kSockets,
-  kPlain,  // functions that only tell success from failure
-};
-
-struct StatusNumber {
-  int64_t number;         // negative in the family of the log client
-  std::string_view name;  // the constant in the public header; empty where there is none
-  StatusFamily family;
-  std::string_view sentence;
-};
 
 // All of them, family by family.
 std::span<const StatusNumber> statuses();
-
-// What the number means when a function of the family returned it; null when that says nothing.
-const StatusNumber *find_status(int64_t number, StatusFamily family = StatusFamily::kMessages);
 
 // What the number means in every family that has it, for somebody who has nothing but the number.
 std::vector<StatusNumber> meanings(int64_t number);

@@ -14,6 +14,8 @@ set_target_properties(${programs} ${tools} PROPERTIES
 install(TARGETS msgapi orputil cfmapi EXPORT msgapi-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS msgapi_kit EXPORT msgapi-targets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT programs)
 install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
 
@@ -26,6 +28,9 @@ set(run_path)
 configure_file(cmake/libmsgapi.pc.in pkgconfig/system/libmsgapi.pc @ONLY)
 set(run_path "-Wl,-rpath,\${libdir} ")
 configure_file(cmake/libmsgapi.pc.in pkgconfig/elsewhere/libmsgapi.pc @ONLY)
+configure_file(cmake/libmsgapi-kit.pc.in pkgconfig/libmsgapi-kit.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/libmsgapi-kit.pc
+  DESTINATION ${library_directory}/pkgconfig COMPONENT development)
 install(CODE "
   set(kind elsewhere)
   if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr/?$|/_CPack_Packages/\")

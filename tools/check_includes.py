@@ -11,7 +11,7 @@ import re
 import sys
 
 ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[1]).resolve()
-PLACES = ["src", "servers", "catalogue", "tools", "examples", "platform"]
+PLACES = ["src", "servers", "catalogue", "kit", "tools", "examples", "platform"]
 # The public headers are one interface: they are looked at for circles of their own only.
 SEARCHED = [ROOT / "src", ROOT / "servers", ROOT / "include", ROOT]
 ORDER = ["base", "os", "util", "uv", "log", "notify", "msg", "device"]

@@ -1,10 +1,13 @@
 // The demo's answering daemon: registered as "cms", it answers the panel's requests, logs them and
 // notifies the panel of every reading.
+// It survives restarts of every server.
 
+#include <utility>
 #include <vector>
 
 #include "messages.h"
 #include "msgapi.h"
+#include "msgapi/kit.h"
 
 namespace {
 
@@ -28,18 +31,23 @@ ORP_MSG_HEADER_ST *measure(ORP_MSG_HEADER_ST *request) {
   return ORP_MSG_MsgRespBuilder(request, request->ulMsgData + 1, nullptr, 0);
 }
 
-}  // namespace
-
-int main() {
-  ORP_MSG_RegisterMsgProc(ORP_MSG_DefaultMsgProc);
-  if (ORP_MSG_RegisterSyncMsgProc(kReadTemperature, read_temperature, 0, nullptr) != ORP_OK ||
-      ORP_MSG_RegisterSyncMsgProc(kReadHistory, read_history, 0, nullptr) != ORP_OK ||
-      ORP_MSG_RegisterSyncMsgProc(kMeasure, measure, 0, nullptr) != ORP_OK ||
-      ORP_MSG_Init("cms") != ORP_OK) {
-    return 1;
+uint32_t start() {
+  using Procedure = std::pair<uint32_t, ORP_MSG_SYNC_PROC>;
+  for (const auto &[type, procedure] :
+       {Procedure{kReadTemperature, read_temperature}, Procedure{kReadHistory, read_history},
+        Procedure{kMeasure, measure}}) {
+    const uint32_t status = ORP_MSG_RegisterSyncMsgProc(type, procedure, 0, nullptr);
+    if (status != ORP_OK) return status;
   }
   mlog_print("cms", MLOG_LEVEL_INFO,
              "sensor 00:11:22:33:44:55 at 192.168.1.10 and fe80::211:22ff:fe33:4455, serial "
              "ABCDEFGHIJKLMNOP");
-  return ORP_MSG_GetAndDispatch() == ORP_OK ? 0 : 1;
+  return ORP_OK;
+}
+
+}  // namespace
+
+int main() {
+  const MSGKIT_DAEMON_ST daemon = {"cms", start, nullptr, nullptr, nullptr};
+  return msgkit_run_daemon(&daemon);
 }

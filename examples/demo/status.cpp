@@ -5,6 +5,7 @@
 #include <string>
 
 #include "msgapi.h"
+#include "msgapi/kit.h"
 
 namespace {
 
@@ -23,14 +24,14 @@ uint32_t info(const ORP_MSG_RESTFUL_REQ_ST * /*request*/, char **response) {
 
 const ORP_MSG_RESTFUL_ROW_ST kHandlers[] = {{"info", info}, {nullptr, nullptr}};
 
+uint32_t start() {
+  const uint32_t status = msgkit_subscribe(ORP_MSG_ALL_EVENTS, remember);
+  return status != ORP_OK ? status : msgkit_serve_path("/dev", kHandlers, 0);
+}
+
 }  // namespace
 
 int main() {
-  ORP_MSG_RegisterMsgProc(ORP_MSG_DefaultMsgProc);
-  ORP_EVT_SubscribeAllEventCallBack(remember);
-  if (ORP_MSG_Init("status") != ORP_OK || ORP_EVT_SubscribeAllEvent() != ORP_OK ||
-      ORP_MSG_RegRestfulProc("/dev", kHandlers) != ORP_OK) {
-    return 1;
-  }
-  return ORP_MSG_GetAndDispatch() == ORP_OK ? 0 : 1;
+  const MSGKIT_DAEMON_ST daemon = {"status", start, nullptr, nullptr, nullptr};
+  return msgkit_run_daemon(&daemon);
 }

@@ -5,11 +5,11 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdio>
 
 #include "msgapi.h"
+#include "msgapi/kit.h"
 
 namespace {
 
@@ -19,8 +19,8 @@ void publish(const ifinfomsg &link) {
   const bool up = (link.ifi_flags & IFF_RUNNING) != 0;
   const uint32_t status =
       ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, up ? "LinkUp" : "LinkDown", "interface", name);
-  mlog_print("wan", MLOG_LEVEL_INFO, "%s is %s, published with status 0x%x", name,
-             up ? "up" : "down", status);
+  mlog_print("wan", MLOG_LEVEL_INFO, "%s is %s, published: %s", name, up ? "up" : "down",
+             msgkit_status_sentence(MSGKIT_STATUS_EVENTS, status));
 }
 
 void read_changes(ORP_UTIL_SOCKBASE_ST *base, uint32_t /*event*/) {
@@ -37,22 +37,22 @@ void read_changes(ORP_UTIL_SOCKBASE_ST *base, uint32_t /*event*/) {
   }
 }
 
-int watch_links() {
+uint32_t watch_links() {
   const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   address.nl_groups = RTMGRP_LINK;
-  if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
-  std::perror("wan: netlink");
-  return -1;
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    std::perror("wan: netlink");
+    return ORP_ERR_SYSTEM;
+  }
+  const auto *watcher = ORP_UTIL_SockBaseRegNew(fd, 0, read_changes, ORP_UTIL_SOCKBASE_READ, 0);
+  return watcher != nullptr ? ORP_OK : ORP_ERR_MEMORY;
 }
 
 }  // namespace
 
 int main() {
-  if (ORP_MSG_Init("wan") != ORP_OK) return 1;
-  const int fd = watch_links();
-  if (fd < 0) return 1;
-  if (ORP_UTIL_SockBaseRegNew(fd, 0, read_changes, ORP_UTIL_SOCKBASE_READ, 0) == nullptr) return 1;
-  return ORP_MSG_GetAndDispatch() == ORP_OK ? 0 : 1;
+  const MSGKIT_DAEMON_ST daemon = {"wan", watch_links, nullptr, nullptr, nullptr};
+  return msgkit_run_daemon(&daemon);
 }

@@ -1,0 +1,12 @@
+// What the servers have to be told anew with every connection.
+#pragma once
+
+namespace msgkit {
+
+// To the message server, once connected; failures are logged as module `name`.
+void announce_all(const char *name);
+
+// To the notify client, which forgets its procedures with each failed attempt.
+void register_notifications();
+
+}  // namespace msgkit
