@@ -1,18 +1,25 @@
-// A message watcher reads whatever a stream holds, framed and raw.
+// What reads messages from streams, over whatever a stream holds: a message watcher, framed and
+// raw, and the reader below it and below every other reception, under each policy.
+//
+// Input: one byte of choices (1: raw, 2: an answer is waited for, 4: the reader alone, 8: from a
+// pipe, 16: it blocks, 32: signals do not start a wait anew), then the stream up to its end.
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "msgapi/loop.h"
 #include "msgapi/msg.h"
+#include "os/stream_reader.h"
 #include "uv/watcher.h"
 
 namespace {
 
-constexpr size_t kMaxStream = 1 << 16;  // fits the socket's buffer
+constexpr size_t kMaxStream = 1 << 16;  // fits the buffer of a socket and of a pipe
 
 void require(bool holds) {
   if (!holds) std::abort();
@@ -56,10 +63,52 @@ void stop_at_end(OrpUvIdle *idle) {
   if ((watcher->io.head.status & msgapi::uv::kEndOfStream) != 0) OrpUvLoopStop(idle->head.loop);
 }
 
+// Takes the stream in pieces, as long as the byte before each says. What is read is what was
+// written, in order and no more, and the end comes after the last byte.
+void read_pieces(int fd, uint8_t choices, std::span<const uint8_t> stream) {
+  using namespace msgapi::os;
+  const bool blocks = (choices & 16) != 0;
+  const bool goes_on = (choices & 32) != 0;
+  StreamReader reader(fd,
+                      {.patience_ms = blocks ? ReadPolicy::kBlock : 1,
+                       .interrupted = goes_on ? Interrupted::kGoesOn : Interrupted::kStartsAgain});
+  size_t at = 0;
+  for (;;) {
+    char piece[256];
+    const size_t wanted = at == 0 ? 1 : size_t{stream[at - 1]} + 1;
+    size_t done;
+    const ReadEnd end = reader.fill({piece, wanted}, &done);
+    require(done <= stream.size() - at);
+    require(std::memcmp(piece, stream.data() + at, done) == 0);
+    at += done;
+    require(end == (done == wanted ? ReadEnd::kData : ReadEnd::kPeerGone));
+    if (end == ReadEnd::kPeerGone) break;
+  }
+  require(at == stream.size());
+}
+
+void fuzz_reader(uint8_t choices, std::span<const uint8_t> stream) {
+  int pair[2];
+  if ((choices & 8) != 0) {
+    require(::pipe2(pair, O_CLOEXEC) == 0);
+  } else {
+    require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0);
+  }
+  require(::write(pair[1], stream.data(), stream.size()) == static_cast<ssize_t>(stream.size()));
+  ::close(pair[1]);
+  read_pieces(pair[0], choices, stream);
+  ::close(pair[0]);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0 || size > kMaxStream) return -1;
+  if ((data[0] & 4) != 0) {
+    fuzz_reader(data[0], {data + 1, size - 1});
+    return 0;
+  }
+
   int pair[2];
   require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0);
   require(::write(pair[1], data + 1, size - 1) == static_cast<ssize_t>(size - 1));

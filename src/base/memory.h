@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>
@@ -52,6 +53,25 @@ Owned<T> make(Args &&...args) {
   static_assert(std::is_trivially_destructible_v<T>);
   void *block = guarded_alloc(sizeof(T));
   return Owned<T>(block == nullptr ? nullptr : new (block) T{std::forward<Args>(args)...});
+}
+
+// A cleared guarded block of `size` bytes and the zero tail, or null.
+template <typename T>
+Owned<T> make_tailed(uint64_t size) {
+  return Owned<T>(static_cast<T *>(guarded_zalloc(size + kZeroTail)));
+}
+
+// Grows such a block to `new_size` bytes, not cleared, and the zero tail; it may move. False
+// without memory: the block stays as it is.
+template <typename T>
+bool grow_tailed(Owned<T> *block, uint64_t old_size, uint64_t new_size, const char *tag,
+                 uint32_t line) {
+  void *grown = grow(block->get(), old_size + kZeroTail, new_size + kZeroTail, tag, line);
+  if (grown == nullptr) return false;
+  (void)block->release();
+  block->reset(static_cast<T *>(grown));
+  std::memset(static_cast<char *>(grown) + new_size, 0, kZeroTail);
+  return true;
 }
 
 // A plain copy of NUL-terminated `text`, or null for null and without memory.

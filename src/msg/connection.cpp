@@ -15,9 +15,9 @@
 #include <cstring>
 
 #include "base/bytes.h"
+#include "base/drop_count.h"
 #include "msg/context.h"
 #include "msg/dm_message.h"
-#include "msg/drop_count.h"
 #include "msg/exchange.h"
 #include "msg/hand_over.h"
 #include "msg/header.h"

@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/drop_count.h"
 #include "base/list.h"
 #include "msg/context.h"
-#include "msg/drop_count.h"
 #include "msg/header.h"
 #include "msgapi/event.h"
 #include "msgapi/loop.h"

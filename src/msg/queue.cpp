@@ -5,9 +5,9 @@
 
 #include "msg/queue.h"
 
+#include "base/drop_count.h"
 #include "base/list.h"
 #include "msg/context.h"
-#include "msg/drop_count.h"
 #include "uv/pending.h"
 #include "uv/trace_point.h"
 

@@ -2,22 +2,24 @@
 //
 // The header is waited for and then read with one read, which takes it whole or fails: the writer
 // writes it whole, so a part of one means that the stream is out of step. The body usually stands
-// behind it already and is read before any further wait.
+// after it already and is read before any further wait.
 
 #include "msg/receive.h"
 
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <span>
 
+#include "base/drop_count.h"
+#include "base/memory.h"
 #include "msg/context.h"
 #include "msg/dm_message.h"
-#include "msg/drop_count.h"
 #include "msg/hand_over.h"
 #include "msgapi/log.h"
+#include "os/stream_reader.h"
 #include "os/wait.h"
 #include "uv/trace_point.h"
 
@@ -26,44 +28,32 @@ namespace {
 
 constexpr uint32_t kDefaultWait_ms = 20000;
 
-bool again(int error) {
-  return error == EINTR || error == EAGAIN;
-}
-
-// What a read that brought nothing means. ENOTRECOVERABLE counts as the end of the stream.
-Status end_of_read(ssize_t count, int error) {
-  return count == 0 || error == ENOTRECOVERABLE ? Status::kPeerGone : Status::kSystem;
-}
-
 Status read_header(int fd, Header *header) {
-  ssize_t count;
-  do {
-    errno = 0;
-    count = ::read(fd, header, sizeof *header);
-  } while (count < 0 && again(errno));
-
-  if (count == sizeof *header) return Status::kOk;
-  if (count <= 0) return end_of_read(count, errno);
+  os::StreamReader reader(fd, {.patience_ms = os::ReadPolicy::kBlock});
+  const os::Piece piece = reader.read_some({reinterpret_cast<char *>(header), sizeof *header});
+  if (piece.count == sizeof *header || piece.end != os::ReadEnd::kData)
+    return os::status_of(piece.end);
 
   ++g_dropped.read;
+  // What a short read left in errno says nothing, so 0 stands in its place.
   std::printf("msgapi fail to read for not a head length, ret=%d, errno=%d, fd=%d, pid=%d\n",
-              static_cast<int>(count), errno, fd, static_cast<int>(::getpid()));
+              static_cast<int>(piece.count), 0, fd, static_cast<int>(::getpid()));
   return Status::kSystem;
 }
 
-Status read_body(int fd, char *out, size_t size, uint32_t timeout_ms) {
-  while (size > 0) {
-    ssize_t count = ::recv(fd, out, size, MSG_DONTWAIT);
-    if (count < 0 && (errno == EAGAIN || errno == ENOTSOCK || errno == EBADF)) {
-      if (timeout_ms != 0 && !await_readable(fd, timeout_ms)) return Status::kTimeout;
-      count = ::read(fd, out, size);
-    }
-    if (count < 0 && again(errno)) continue;
-    if (count <= 0) return end_of_read(count, errno);
-    out += count;
-    size -= static_cast<size_t>(count);
-  }
-  return Status::kOk;
+Status read_body(int fd, std::span<char> out, uint32_t timeout_ms) {
+  constexpr uint32_t kLongest_ms = INT32_MAX;
+  const uint32_t patience_ms =
+      timeout_ms == 0 ? os::ReadPolicy::kBlock : std::min(timeout_ms, kLongest_ms);
+  os::StreamReader reader(fd, {.patience_ms = patience_ms});
+  size_t done;
+  const os::ReadEnd end = reader.fill(out, &done);
+  if (end == os::ReadEnd::kData) return Status::kOk;
+
+  ++g_dropped.read;
+  // A descriptor that is not open will not be ready in time.
+  const bool closed = end == os::ReadEnd::kFailed && errno == EBADF && timeout_ms != 0;
+  return closed ? Status::kTimeout : os::status_of(end);
 }
 
 // Appends the body to a message that is only a header so far.
@@ -73,18 +63,14 @@ Status receive_body(int fd, Owned<Header> *message, uint32_t timeout_ms) {
     std::printf("msgapi too large body len, type=0x%x, data_len=%u\n", (*message)->ulMsgType, size);
     mlog_print("msg", MLOG_LEVEL_FATAL, "Too long msg:[0x%x] len:[%u].\n", (*message)->ulMsgType,
                size);
+    ++g_dropped.too_long;
     return Status::kNoMemory;
   }
-
-  void *grown = grow(message->get(), ORP_MSG_HEADER_SIZE + kZeroTail,
-                     uint64_t{ORP_MSG_HEADER_SIZE} + size + kZeroTail, __func__, __LINE__);
-  if (grown == nullptr) return Status::kNoMemory;
-  (void)message->release();
-  message->reset(static_cast<Header *>(grown));
-
-  char *const start = body(message->get());
-  std::memset(start + size, 0, kZeroTail);
-  return read_body(fd, start, size, timeout_ms);
+  if (!grow_tailed(message, ORP_MSG_HEADER_SIZE, block_size(**message), __func__, __LINE__)) {
+    ++g_dropped.no_memory;
+    return Status::kNoMemory;
+  }
+  return read_body(fd, {body(message->get()), size}, timeout_ms);
 }
 
 Status complete(Owned<Header> *message) {
@@ -100,7 +86,7 @@ Status complete(Owned<Header> *message) {
 Result<Owned<Header>> receive_message(int fd, uint32_t timeout_ms, bool convert) {
   if (!await_readable(fd, timeout_ms)) return Status::kTimeout;
 
-  Owned<Header> message(static_cast<Header *>(guarded_zalloc(ORP_MSG_HEADER_SIZE + kZeroTail)));
+  Owned<Header> message = make_tailed<Header>(ORP_MSG_HEADER_SIZE);
   if (!message) return Status::kNoMemory;
   if (const Status status = read_header(fd, message.get()); status != Status::kOk) return status;
 
@@ -115,7 +101,6 @@ Result<Owned<Header>> receive_message(int fd, uint32_t timeout_ms, bool convert)
   if (message->ulDataLen == 0) return message;
 
   if (const Status status = receive_body(fd, &message, timeout_ms); status != Status::kOk) {
-    ++g_dropped.read;
     return status;
   }
   if (body_in_file) {

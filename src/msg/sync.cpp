@@ -6,8 +6,8 @@
 #include <optional>
 #include <string_view>
 
+#include "base/drop_count.h"
 #include "msg/context.h"
-#include "msg/drop_count.h"
 #include "msg/exchange.h"
 #include "msg/queue.h"
 #include "msg/receive.h"

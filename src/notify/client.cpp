@@ -342,8 +342,8 @@ Receipt wait_for_reply(const NOTIFY_MSG &request) {
 uint32_t hand_over_data(const Received &reply, void **data_out, uint32_t *length_out) {
   const NOTIFY_MSG &head = reply.message;
   if (data_out != nullptr && head.data_len != 0) {
-    // The zero bytes behind the data come along.
-    const uint32_t size = head.data_len + kZeroBytes;
+    // The zero tail comes along.
+    const uint32_t size = head.data_len + kZeroTail;
     void *copy = plain_alloc(size);
     if (copy == nullptr) return ORP_NOTIFYCLT_ERR_MEMORY;
     *data_out = std::memcpy(copy, &reply + 1, size);

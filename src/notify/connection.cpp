@@ -15,9 +15,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "msgapi/trace.h"
 #include "orputil.h"
+#include "os/stream_reader.h"
 #include "os/wait.h"
 
 namespace msgapi::notify {
@@ -92,102 +94,81 @@ void reboot_device() {
   (void)ORP_UTIL_ExecCmdNoHang(__func__, __LINE__, "busybox reboot -f");
 }
 
-bool may_be_repeated(int error) {
-  return error == EINTR || error == EAGAIN;
+os::ReadPolicy patience(uint32_t timeout_ms) {
+  return {.patience_ms = timeout_ms, .interrupted = os::Interrupted::kGoesOn};
 }
 
-bool wait_for_data(int fd, uint32_t timeout_ms) {
-  if (os::wait_readable_through_signals(fd, timeout_ms) != os::Readiness::kTimeout) return true;
-
+uint32_t report_silence(uint32_t timeout_ms) {
   std::printf("notifyclient: timeout to wait data when recv, timeout=%u, pid=%d", timeout_ms,
               static_cast<int>(::getpid()));
-  return false;
+  return ORP_NOTIFYCLT_ERR_TIMEOUT;
 }
 
-uint32_t report_head_error(ssize_t count) {
+uint32_t report_head_error(os::Piece piece) {
   const int error = errno;
   const int pid = ::getpid();
-  if (count == 0 || error == ENOTRECOVERABLE) {
+  const int count = static_cast<int>(piece.count);
+  if (piece.end == os::ReadEnd::kPeerGone) {
     std::printf("error: notifyclient peer dead when read head, my pid=%d, errno=%d, ret=%d!\n", pid,
-                error, static_cast<int>(count));
+                error, count);
     return ORP_NOTIFYCLT_ERR_PEER_GONE;
   }
   std::printf("error: notifyclient fail to read head, my pid=%d, errno=%d, ret=%d!\n", pid, error,
-              static_cast<int>(count));
+              count);
   return ORP_NOTIFYCLT_ERR_IO;
 }
 
 uint32_t read_head(int fd, uint32_t timeout_ms, NOTIFY_MSG *head) {
-  auto *bytes = reinterpret_cast<char *>(head);
-  size_t got = 0;
-  for (;;) {
-    const ssize_t count = ::read(fd, bytes + got, sizeof *head - got);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0 && errno == EAGAIN && got == 0) {
-      if (!wait_for_data(fd, timeout_ms)) return ORP_NOTIFYCLT_ERR_TIMEOUT;
-      continue;
-    }
-    if (count <= 0 && got == 0) return report_head_error(count);
-    if (count > 0) got += static_cast<size_t>(count);
-    if (got == sizeof *head) return ORP_NOTIFYCLT_OK;
-    if (count <= 0 ||
-        os::wait_readable_through_signals(fd, kHeadRest_ms) != os::Readiness::kReady) {
-      break;
-    }
-  }
+  const std::span<char> bytes(reinterpret_cast<char *>(head), sizeof *head);
+  const os::Piece first = os::StreamReader(fd, patience(timeout_ms)).read_some(bytes);
+  if (first.end == os::ReadEnd::kSilence) return report_silence(timeout_ms);
+  if (first.end != os::ReadEnd::kData) return report_head_error(first);
+
+  const auto begun = static_cast<size_t>(first.count);
+  size_t more;
+  os::StreamReader rest(fd, patience(kHeadRest_ms));
+  if (rest.fill(bytes.subspan(begun), &more) == os::ReadEnd::kData) return ORP_NOTIFYCLT_OK;
   std::printf("ooo: notifyclient no match head len, my pid=%d, got len=%d!\n",
-              static_cast<int>(::getpid()), static_cast<int>(got));
+              static_cast<int>(::getpid()), static_cast<int>(begun + more));
   return ORP_NOTIFYCLT_ERR_IO;
 }
 
-uint32_t report_body_error(ssize_t count, const NOTIFY_MSG &head) {
+uint32_t report_body_error(os::Piece piece, const NOTIFY_MSG &head) {
   const int error = errno;
   const int pid = ::getpid();
-  if (count == 0 || error == ENOTRECOVERABLE) {
+  const int count = static_cast<int>(piece.count);
+  if (piece.end == os::ReadEnd::kPeerGone) {
     std::printf("error: notifyclient peer dead when read body, my pid=%d, errno=%d, ret=%d!\n", pid,
-                error, static_cast<int>(count));
+                error, count);
     return ORP_NOTIFYCLT_ERR_PEER_GONE;
   }
   std::printf(
       "error: notifyclient fail to read body, my pid=%d, errno=%d, ret=%d,msg type=0x%x, src=%u, "
       "dest=%u!\n",
-      pid, error, static_cast<int>(count), head.msg_type, head.source_id, head.des_id);
+      pid, error, count, head.msg_type, head.source_id, head.des_id);
   return ORP_NOTIFYCLT_ERR_IO;
 }
 
 // Reads the data to its end; with a null `data` it is thrown away.
 uint32_t read_body(int fd, uint32_t timeout_ms, const NOTIFY_MSG &head, char *data) {
   char thrown_away[1024];
+  os::StreamReader reader(fd, patience(timeout_ms));
   for (uint32_t got = 0; got < head.data_len;) {
-    if (!wait_for_data(fd, timeout_ms)) return ORP_NOTIFYCLT_ERR_TIMEOUT;
-
     const size_t left = head.data_len - got;
     const size_t wanted = data != nullptr ? left : std::min(left, sizeof thrown_away);
-    const ssize_t count = ::read(fd, data != nullptr ? data + got : thrown_away, wanted);
-    if (count < 0 && may_be_repeated(errno)) continue;
-    if (count <= 0) return report_body_error(count, head);
-    if (static_cast<size_t>(count) < wanted) {
+    const os::Piece piece = reader.read_some({data != nullptr ? data + got : thrown_away, wanted});
+    if (piece.end == os::ReadEnd::kSilence) return report_silence(timeout_ms);
+    if (piece.end != os::ReadEnd::kData) return report_body_error(piece, head);
+    if (static_cast<size_t>(piece.count) < wanted) {
       std::printf(
           "ooo: notifyclient no match body len, my pid=%d, want len=%d, got len=%d, msg type=0x%x, "
           "src=%u, dest=%u!\n",
-          static_cast<int>(::getpid()), static_cast<int>(wanted), static_cast<int>(count),
+          static_cast<int>(::getpid()), static_cast<int>(wanted), static_cast<int>(piece.count),
           head.msg_type, head.source_id, head.des_id);
     }
-    got += static_cast<uint32_t>(count);
+    got += static_cast<uint32_t>(piece.count);
   }
   return ORP_NOTIFYCLT_OK;
-}
-
-// Makes room for the data and the zero bytes behind it.
-bool make_room(Owned<Received> &received) {
-  const uint64_t size = sizeof(Received) + uint64_t{received->message.data_len};
-  void *grown = grow(received.get(), sizeof(Received), size + kZeroBytes, __func__, __LINE__);
-  if (grown == nullptr) return false;
-
-  (void)received.release();
-  received.reset(static_cast<Received *>(grown));
-  std::memset(static_cast<char *>(grown) + size, 0, kZeroBytes);
-  return true;
 }
 
 uint32_t receive_data(int fd, uint32_t timeout_ms, Owned<Received> &received) {
@@ -198,7 +179,8 @@ uint32_t receive_data(int fd, uint32_t timeout_ms, Owned<Received> &received) {
                 head.msg_type, static_cast<int>(head.source_id), static_cast<int>(head.des_id));
     return ORP_NOTIFYCLT_ERR_MEMORY;
   }
-  if (!make_room(received)) {
+  const uint64_t size = sizeof(Received) + uint64_t{head.data_len};
+  if (!grow_tailed(&received, sizeof(Received), size, __func__, __LINE__)) {
     std::printf("realloc failed in NotifyMsgRecv.\n");
     const uint32_t status = read_body(fd, timeout_ms, received->message, nullptr);
     return status == ORP_NOTIFYCLT_OK ? ORP_NOTIFYCLT_ERR_MEMORY : status;
@@ -250,10 +232,12 @@ uint32_t send_message(int fd, const NOTIFY_MSG *message) {
 }
 
 Receipt receive_message(int fd, uint32_t timeout_ms) {
-  if (!wait_for_data(fd, timeout_ms)) return {ORP_NOTIFYCLT_ERR_TIMEOUT, nullptr};
+  // Nothing is allocated for a message that does not come.
+  if (os::wait_readable_through_signals(fd, timeout_ms) == os::Readiness::kTimeout) {
+    return {report_silence(timeout_ms), nullptr};
+  }
 
-  // Zero bytes follow a head without data, too.
-  Owned<Received> received(static_cast<Received *>(guarded_zalloc(sizeof(Received) + kZeroBytes)));
+  Owned<Received> received = make_tailed<Received>(sizeof(Received));
   if (!received) {
     std::printf("malloc msg header failed.\n");
     return {ORP_NOTIFYCLT_ERR_MEMORY, nullptr};

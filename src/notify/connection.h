@@ -9,10 +9,8 @@
 
 namespace msgapi::notify {
 
-// Behind the data of every received message, and behind reply data that is handed over.
-constexpr uint32_t kZeroBytes = 16;
-
-// A received message, its data right behind it. The link chains it while it is put aside.
+// A received message, its data right after it and then the zero tail. The link chains it while it
+// is put aside.
 struct Received {
   Received *link;
   NOTIFY_MSG message;

@@ -1,28 +1,22 @@
 // Message watchers: whole messages from a stream socket.
 //
-// select() has announced data when a message is read, so every read is tried first without waiting:
-// a message costs one call for its header and one for its body. Only where that finds nothing does
-// the reader wait, and the loop with it.
-
-#include "uv/message_watcher.h"
+// select() has announced data when a message is read, so a message costs one call for its header
+// and one for its body. Only where a piece is missing does the reader wait, and the loop with it.
 
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "base/drop_count.h"
 #include "base/memory.h"
-#include "os/wait.h"
+#include "os/stream_reader.h"
 #include "uv/io.h"
 #include "uv/pending.h"
 #include "uv/watcher.h"
 
 namespace msgapi::uv {
-
-MessageDrops g_message_drops;
-
 namespace {
 
 static_assert(sizeof(void *) != 4 || sizeof(OrpUvMsg) == 52);
@@ -32,85 +26,21 @@ constexpr uint32_t kRawSize = 1024;
 constexpr uint32_t kPatience_ms = 1000;  // for each missing piece of a message
 constexpr int kRawAttempts = 10;
 
-// ENOTRECOVERABLE counts as a peer that closed, on purpose.
-bool is_peer_gone(ssize_t count) {
-  return count == 0 || (count < 0 && errno == ENOTRECOVERABLE);
-}
-
-bool is_temporary() {
-  return errno == EINTR || errno == EAGAIN;
-}
-
-Status wait_for_more(int fd) {
-  for (;;) {
-    switch (os::wait_readable(fd, kPatience_ms)) {
-      case os::Readiness::kReady:
-        return Status::kOk;
-      case os::Readiness::kTimeout:
-        return Status::kTimeout;
-      case os::Readiness::kFailed:
-        if (errno == EBADF) return Status::kSystem;  // no further wait could end otherwise
-    }
-  }
-}
-
-// Fills the buffer. *done is the number of bytes that were read, also after a failure.
-Status read_exactly(int fd, char *buffer, size_t size, size_t *done) {
-  bool is_socket = true;
-  *done = 0;
-  while (*done < size) {
-    ssize_t count;
-    if (is_socket) {
-      count = ::recv(fd, buffer + *done, size - *done, MSG_DONTWAIT);
-      if (count < 0 && errno == ENOTSOCK) {
-        is_socket = false;
-        continue;
-      }
-    } else {
-      const Status ready = wait_for_more(fd);
-      if (ready != Status::kOk) return ready;
-      count = ::read(fd, buffer + *done, size - *done);
-    }
-
-    if (count > 0) {
-      *done += static_cast<size_t>(count);
-    } else if (is_peer_gone(count)) {
-      return Status::kPeerGone;
-    } else if (!is_temporary()) {
-      return Status::kSystem;
-    } else if (is_socket && errno == EAGAIN) {
-      const Status ready = wait_for_more(fd);
-      if (ready != Status::kOk) return ready;
-    }
-  }
-  return Status::kOk;
-}
-
-void clear_tail(void *message, uint64_t size) {
-  std::memset(static_cast<char *>(message) + size, 0, kZeroTail);
-}
-
 // Reads the body behind the header in `message`, which may move.
-Status read_body(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message, uint32_t body_size) {
-  const uint64_t header_size = watcher->headerSize;
-  const uint64_t size = header_size + body_size;
-  void *grown = grow(message->get(), header_size, size + kZeroTail, "UVMsgRecv", 1729);
-  if (grown == nullptr) {
-    ++g_message_drops.no_memory;
+Status read_body(os::StreamReader *reader, uint64_t header_size, uint32_t body_size,
+                 Owned<ORP_MSG_HEADER_ST> *message) {
+  if (!grow_tailed(message, header_size, header_size + body_size, "UVMsgRecv", 1729)) {
+    ++g_dropped.no_memory;
     return Status::kNoMemory;
   }
-  (void)message->release();
-  message->reset(static_cast<ORP_MSG_HEADER_ST *>(grown));
-  clear_tail(grown, size);
 
   size_t done;
-  const Status status =
-      read_exactly(watcher->io.fd, static_cast<char *>(grown) + header_size, body_size, &done);
-  if (status != Status::kOk) ++g_message_drops.read_failed;
-  return status;
+  char *body = reinterpret_cast<char *>(message->get()) + header_size;
+  const os::ReadEnd end = reader->fill({body, body_size}, &done);
+  if (end != os::ReadEnd::kData) ++g_dropped.read;
+  return os::status_of(end);
 }
 
-// Lets the completion procedure work on the message, which it may replace or take.
 Status complete(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
   if (watcher->completeProc == nullptr) return Status::kOk;
 
@@ -118,39 +48,39 @@ Status complete(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
   const uint32_t result = watcher->completeProc(&raw);
   message->reset(raw);
   if (result == ORP_OK && raw != nullptr) return Status::kOk;
-  ++g_message_drops.incomplete;
+  ++g_dropped.completion;
   return result == ORP_OK ? Status::kSystem : static_cast<Status>(result);
 }
 
 Status read_framed(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
   const uint64_t header_size = watcher->headerSize;
   if (header_size == 0 || watcher->lengthProc == nullptr) return Status::kBadArgument;
-  message->reset(static_cast<ORP_MSG_HEADER_ST *>(guarded_alloc(header_size + kZeroTail)));
+  *message = make_tailed<ORP_MSG_HEADER_ST>(header_size);
   if (!*message) return Status::kNoMemory;
-  clear_tail(message->get(), header_size);
 
+  os::StreamReader reader(watcher->io.fd, {.patience_ms = kPatience_ms});
   size_t done;
-  const Status status = read_exactly(watcher->io.fd, reinterpret_cast<char *>(message->get()),
-                                     watcher->headerSize, &done);
-  if (status != Status::kOk) {
-    if (done > 0 || status != Status::kPeerGone) ++g_message_drops.read_failed;
-    return status;
+  char *header = reinterpret_cast<char *>(message->get());
+  const os::ReadEnd end = reader.fill({header, watcher->headerSize}, &done);
+  if (end != os::ReadEnd::kData) {
+    if (done > 0 || end != os::ReadEnd::kPeerGone) ++g_dropped.read;
+    return os::status_of(end);
   }
 
   uint32_t wants_completion = 0;
   const uint32_t body_size = watcher->lengthProc(message->get(), &wants_completion);
   if (body_size == 0) return Status::kOk;
   if (body_size > kMaxBody) {
-    ++g_message_drops.too_long;
+    ++g_dropped.too_long;
     return Status::kTooLong;
   }
-  const Status read = read_body(watcher, message, body_size);
+  const Status read = read_body(&reader, header_size, body_size, message);
   if (read != Status::kOk || wants_completion == 0) return read;
   return complete(watcher, message);
 }
 
 Status read_raw(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
-  message->reset(static_cast<ORP_MSG_HEADER_ST *>(guarded_zalloc(kRawSize + kZeroTail)));
+  *message = make_tailed<ORP_MSG_HEADER_ST>(kRawSize);
   if (!*message) return Status::kNoMemory;
   const int fd = watcher->io.fd;
   if (fd < 0) return Status::kPeerGone;
@@ -160,8 +90,8 @@ Status read_raw(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
   for (int attempt = 0; attempt < kRawAttempts; ++attempt) {
     const ssize_t count = ::read(fd, message->get(), kRawSize);
     if (count > 0) return Status::kOk;
-    if (is_peer_gone(count)) return Status::kPeerGone;
-    if (!is_temporary()) return Status::kSystem;
+    if (count == 0 || errno == ENOTRECOVERABLE) return Status::kPeerGone;
+    if (errno != EINTR && errno != EAGAIN) return Status::kSystem;
   }
   return Status::kTimeout;
 }

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "msg/drop_count.h"
+#include "base/drop_count.h"
 #include "msg/header.h"
 #include "msgapi/loop.h"
 #include "msgapi/trace.h"
@@ -22,7 +22,6 @@
 #include "support/fd_check.h"
 #include "support/log_lines.h"
 #include "support/message_peer.h"
-#include "uv/message_watcher.h"
 
 namespace msgapi::msg {
 namespace {
@@ -229,8 +228,8 @@ TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
   EXPECT_EQ((Types{0x1234, 1, 2}), g_heard);
   EXPECT_EQ(1u, g_dropped.name);
   EXPECT_EQ(1u, g_dropped.oversize);
-  EXPECT_EQ(1u, uv::g_message_drops.incomplete);
-  EXPECT_EQ(1u, uv::g_message_drops.read_failed);
+  EXPECT_EQ(1u, g_dropped.completion);
+  EXPECT_EQ(1u, g_dropped.read);
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 }
 

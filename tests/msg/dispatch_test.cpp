@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "msg/drop_count.h"
+#include "base/drop_count.h"
 #include "msg/header.h"
 #include "support/message_peer.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "msg/drop_count.h"
+#include "base/drop_count.h"
 #include "support/fd_check.h"
 #include "support/log_lines.h"
 #include "support/message_peer.h"

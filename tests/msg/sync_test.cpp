@@ -11,7 +11,7 @@
 #include <tuple>
 #include <vector>
 
-#include "msg/drop_count.h"
+#include "base/drop_count.h"
 #include "msg/header.h"
 #include "msg/queue.h"
 #include "msg/receive.h"

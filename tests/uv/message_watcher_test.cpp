@@ -1,5 +1,3 @@
-#include "uv/message_watcher.h"
-
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -8,6 +6,7 @@
 #include <utility>
 
 #include "base/bytes.h"
+#include "base/drop_count.h"
 #include "base/list.h"
 #include "base/memory.h"
 #include "msgapi/msg.h"
@@ -132,7 +131,7 @@ TEST_F(MessageWatcherTest, DropsHalfAMessageAfterASecondOfSilence) {
   EXPECT_EQ(ORP_ERR_TIMEOUT, run());
 
   EXPECT_THAT(calls, IsEmpty());
-  EXPECT_EQ(1u, uv::g_message_drops.read_failed);
+  EXPECT_EQ(1u, g_dropped.read);
 }
 
 TEST_F(MessageWatcherTest, DropsWhatIsTooLongOrFindsNoMemory) {
@@ -141,7 +140,7 @@ TEST_F(MessageWatcherTest, DropsWhatIsTooLongOrFindsNoMemory) {
   store(&too_long[offsetof(ORP_MSG_HEADER_ST, ulDataLen)], uint32_t{0x8000001});
   send(too_long);
   run();
-  EXPECT_EQ(1u, uv::g_message_drops.too_long);
+  EXPECT_EQ(1u, g_dropped.too_long);
   EXPECT_EQ(ORP_UV_READABLE, watcher->io.armed);
 
   fail_allocation(1);
@@ -152,7 +151,7 @@ TEST_F(MessageWatcherTest, DropsWhatIsTooLongOrFindsNoMemory) {
   send(frame(3, 1, "") + frame(4, 1, "lost"));
   run();
   EXPECT_THAT(calls, ElementsAre("2:", "3:"));
-  EXPECT_EQ(2u, uv::g_message_drops.no_memory + uv::g_message_drops.read_failed);
+  EXPECT_EQ(2u, g_dropped.no_memory + g_dropped.read);
 }
 
 TEST_F(MessageWatcherTest, CompletionMayReplaceTakeOrRefuseTheMessage) {
@@ -173,7 +172,7 @@ TEST_F(MessageWatcherTest, CompletionMayReplaceTakeOrRefuseTheMessage) {
   run();
 
   EXPECT_THAT(calls, ElementsAre("99:", "5:plain"));
-  EXPECT_EQ(3u, uv::g_message_drops.incomplete);
+  EXPECT_EQ(3u, g_dropped.completion);
 }
 
 TEST_F(MessageWatcherTest, RawModeHandsOnWhatOneReadReturns) {
@@ -204,7 +203,7 @@ TEST_F(MessageWatcherTest, EndOfStreamIsNotWaitedForUntilReadingIsArmedAnew) {
     EXPECT_EQ(ORP_ERR_TIMEOUT, run(1)) << "a readable descriptor would keep the loop busy";
     EXPECT_EQ(ORP_UV_READABLE, watcher->io.armed);
     EXPECT_NE(0u, loop_.readSet[fd / 32] & 1u << (fd % 32));
-    EXPECT_EQ(0u, uv::g_message_drops.read_failed) << "no message was lost";
+    EXPECT_EQ(0u, g_dropped.read) << "no message was lost";
 
     OrpUvIoStop(&watcher->io, ORP_UV_READABLE);
     OrpUvMsgStart(watcher);

@@ -1,0 +1,67 @@
+// Reading messages from a stream: the one place that decides when a read is tried, when it is
+// waited for, and what ends the stream.
+//
+// Nothing is read beyond what the caller asks for, although reading ahead would save calls. Other
+// readers may share the connection (a synchronous wait reads past the event loop's watcher), and
+// what one of them had read ahead the others would never see. Descriptors travel between messages,
+// too, and are lost to whoever reads their place with a plain read.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "base/status.h"
+
+namespace msgapi::os {
+
+// How a read went. kFailed leaves the reason in errno.
+enum class ReadEnd {
+  kData,
+  kPeerGone,  // the end of the stream; ENOTRECOVERABLE counts as one, on purpose
+  kSilence,   // nothing came in time
+  kFailed,
+};
+
+Status status_of(ReadEnd end);
+
+struct Piece {
+  ReadEnd end;
+  ssize_t count;  // what the read returned; -1 for kSilence
+};
+
+// A wait that a signal interrupts starts again with its full time, or goes on with what is left.
+enum class Interrupted { kStartsAgain, kGoesOn };
+
+struct ReadPolicy {
+  // For each piece that is not there yet. 0 looks once.
+  uint32_t patience_ms;
+  Interrupted interrupted = Interrupted::kStartsAgain;
+
+  // Patience without a wait of its own: the read itself blocks.
+  static constexpr uint32_t kBlock = UINT32_MAX;
+};
+
+// Reads from one descriptor. A socket is tried first and waited for only where that finds nothing,
+// because a message usually is there already; a descriptor of another kind is waited for first.
+class StreamReader {
+ public:
+  StreamReader(int fd, ReadPolicy policy) : fd_(fd), policy_(policy) {}
+
+  // One read of up to out.size() bytes, of which there is at least one.
+  Piece read_some(std::span<char> out);
+
+  // Reads until `out` is full. *done is the number of bytes read, also after a failure.
+  ReadEnd fill(std::span<char> out, size_t *done);
+
+ private:
+  bool wait();
+
+  int fd_;
+  ReadPolicy policy_;
+  bool is_socket_ = true;
+};
+
+}  // namespace msgapi::os
