@@ -158,22 +158,14 @@ void filter(Header *message) {
 
   // The procedure may change the message; both records show what came.
   const Header header = *message;
-  const auto iteration = static_cast<long long>(OrpUvLoopGetCurIdx(nullptr));
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "track", kTraceLevel,
-                      "[start msg %lld:0x%x] msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%s] "
-                      "src:[%s]",
-                      iteration, header.ulMsgType, header.ulMsgType, g_stMsgCtx.aucAppName,
-                      header.ulMsgData, header.ulDataLen, header.aucRecvApp, header.aucSendApp);
+  const uint64_t iteration = OrpUvLoopGetCurIdx(nullptr);
+  uv::trace_handling(__func__, __LINE__, "start", iteration, header);
   if (header.ulDataLen > ORP_MSG_MAX_DISPATCHED_BODY) {
     ++g_dropped.oversize;
     return;
   }
   if (g_stMsgCtx.pfMsgProc != nullptr) g_stMsgCtx.pfMsgProc(message);
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "track", kTraceLevel,
-                      "[end msg %lld:0x%x] msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%s] "
-                      "src:[%s]",
-                      iteration, header.ulMsgType, header.ulMsgType, g_stMsgCtx.aucAppName,
-                      header.ulMsgData, header.ulDataLen, header.aucRecvApp, header.aucSendApp);
+  uv::trace_handling(__func__, __LINE__, "end", iteration, header);
 }
 
 }  // namespace

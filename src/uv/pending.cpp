@@ -1,11 +1,8 @@
 #include "uv/pending.h"
 
-#include "base/bytes.h"
 #include "base/list.h"
 #include "base/memory.h"
-#include "base/text.h"
 #include "msgapi/msg.h"
-#include "msgapi/trace.h"
 #include "uv/default_loop.h"
 #include "uv/timer.h"
 #include "uv/trace_point.h"
@@ -26,23 +23,9 @@ void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool 
 
   // The procedure may change the message; both records tell what came.
   const ORP_MSG_HEADER_ST header = *message;
-  const std::string_view destination = field_text(header.aucRecvApp);
-  const std::string_view source = field_text(header.aucSendApp);
-  char app[ORP_APP_NAME_SIZE], to[ORP_APP_NAME_SIZE + 1], from[ORP_APP_NAME_SIZE + 1];
-  copy_cut(app, g_appName);
-  copy_cut(to, destination);
-  copy_cut(from, source);
-  ORP_TRACE_PrintInfo(
-      kFunction, __LINE__, 0, "track", kTraceLevel,
-      "[start msg %lld:0x%x] msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%s] src:[%s]",
-      static_cast<long long>(default_loop()->iteration), header.ulMsgType, header.ulMsgType, app,
-      header.ulMsgData, header.ulDataLen, to, from);
+  trace_handling(kFunction, __LINE__, "start", default_loop()->iteration, header);
   entry->answerProc(message, 0, entry->data);
-  ORP_TRACE_PrintInfo(
-      kFunction, __LINE__, 0, "track", kTraceLevel,
-      "[end msg %lld:0x%x] msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%s] src:[%s]",
-      static_cast<long long>(default_loop()->iteration), header.ulMsgType, header.ulMsgType, app,
-      header.ulMsgData, header.ulDataLen, to, from);
+  trace_handling(kFunction, __LINE__, "end", default_loop()->iteration, header);
 }
 
 TakeAnswer g_take_answer;
