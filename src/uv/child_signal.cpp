@@ -13,10 +13,6 @@ void enable_child_signal_block() {
   g_enabled = true;
 }
 
-bool child_signal_in_use() {
-  return g_enabled;
-}
-
 ChildSignalBlock::ChildSignalBlock() : blocked_(g_enabled) {
   if (!blocked_) return;
   sigset_t child;

@@ -9,9 +9,8 @@
 
 namespace msgapi::uv {
 
-// From now on ChildSignalBlock blocks, and child_signal_in_use() is true.
+// From now on ChildSignalBlock blocks.
 void enable_child_signal_block();
-bool child_signal_in_use();
 
 // Not 0: a child has been reaped since the reaper last looked at the process watchers.
 extern volatile std::sig_atomic_t g_child_reaped;

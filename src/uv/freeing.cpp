@@ -3,6 +3,8 @@
 
 #include "uv/freeing.h"
 
+#include <cassert>
+
 #include "base/list.h"
 #include "base/memory.h"
 #include "base/status.h"
@@ -88,6 +90,8 @@ void sweep_deleted(OrpUvLoop *loop) {
       continue;
     }
     OrpUvWatcher *watcher = list_unlink_at(place);
+    // Between the passes of the outermost run nobody holds a watcher, but for a count at its end.
+    assert(!is_held(watcher) || (watcher->status & kHeldMask) == kHeldMask);
     ORP_TRACE_PrintInfo("UVLoopSafeDelete", __LINE__, 0, "loop", kTraceLevel,
                         "Delete handle %p with flag %x data %p now ...",
                         static_cast<void *>(watcher), watcher->status,

@@ -5,6 +5,8 @@
 // outermost run nobody holds anything, so what was spared goes at its next safe point.
 #pragma once
 
+#include <cassert>
+
 #include "base/status.h"
 #include "msgapi/loop.h"
 
@@ -42,6 +44,7 @@ inline uint32_t walk_depth(const OrpUvLoop *loop) {
 class WalkScope {
  public:
   explicit WalkScope(OrpUvLoop *loop) : loop_(loop), outer_(loop->flags & kWalkDepthMask) {
+    assert(outer_ != kWalkDepthMask);
     loop_->flags += kWalkDepthUnit;
   }
   WalkScope(const WalkScope &) = delete;
