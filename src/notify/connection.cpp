@@ -17,10 +17,10 @@
 #include <cstring>
 #include <span>
 
-#include "msgapi/trace.h"
 #include "orputil.h"
 #include "os/stream_reader.h"
 #include "os/wait.h"
+#include "uv/trace_point.h"
 
 namespace msgapi::notify {
 namespace {
@@ -29,7 +29,6 @@ constexpr uint32_t kWritableWait_ms = 10000;
 constexpr uint32_t kMaxFailures = 9;
 // A head whose first bytes have arrived is followed by the others at once; after this it is short.
 constexpr uint32_t kHeadRest_ms = 1000;
-constexpr uint32_t kTraceLevel = 8;
 
 pthread_mutex_t g_send_mutex = PTHREAD_MUTEX_INITIALIZER;
 // Sends in a row that found the connection not writable. It is looked at outside the mutex, too.
@@ -206,7 +205,7 @@ Owned<NOTIFY_MSG> build_message(const NOTIFY_MSG &head, Bytes first, Bytes secon
 uint32_t send_message(int fd, const NOTIFY_MSG *message) {
   if (message == nullptr || fd < 0) return ORP_NOTIFYCLT_ERR_ARGUMENT;
 
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "notify", kTraceLevel,
+  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "notify", uv::kTraceLevel,
                       "send type=0x%x, src=[%d], dest=[%d] seq=%d, data_len=%d\n",
                       message->msg_type, static_cast<int>(message->source_id),
                       static_cast<int>(message->des_id), static_cast<int>(message->seq_num),
@@ -225,7 +224,7 @@ uint32_t send_message(int fd, const NOTIFY_MSG *message) {
         static_cast<int>(message->data_len), static_cast<int>(status), fd);
     return status;
   }
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "notify", kTraceLevel, "sent seq=%d\n",
+  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "notify", uv::kTraceLevel, "sent seq=%d\n",
                       static_cast<int>(message->seq_num));
   g_failures.store(0);
   return ORP_NOTIFYCLT_OK;
@@ -249,7 +248,7 @@ Receipt receive_message(int fd, uint32_t timeout_ms) {
 
   const NOTIFY_MSG &head = received->message;
   ORP_TRACE_PrintInfo(
-      __func__, __LINE__, 0, "notify", kTraceLevel,
+      __func__, __LINE__, 0, "notify", uv::kTraceLevel,
       "notifyclient NotifyMsgRecv(): pstMsg->source_id=%d, pstMsg->des_id=%d, "
       "pstMsg->msg_type=%d, pstMsg->data_len=%d, pstMsg->ack_tag=%d, pstMsg->sync_tag=%d, "
       "pstMsg->sub_data_len1=%d, pstMsg->sub_data_len2=%d\n",

@@ -1,0 +1,88 @@
+// Synchronous notify requests.
+//
+// A request reads the connection itself. What arrives before its reply is put aside in the block it
+// was read into, which costs no memory and cannot fail, and an idle procedure of the loop delivers
+// it.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "base/list.h"
+#include "base/memory.h"
+#include "notify/client.h"
+#include "notify/connection.h"
+#include "uv/trace_point.h"
+
+namespace msgapi::notify {
+namespace {
+
+Receipt wait_for_reply(const NOTIFY_MSG &request) {
+  for (;;) {
+    Receipt receipt = receive_message(g_client.fd, kReceiveWait_ms);
+    if (receipt.status == ORP_NOTIFYCLT_ERR_PEER_GONE) {
+      std::printf("error: notify server dead when recv, destory client, my pid=%d!\n",
+                  static_cast<int>(::getpid()));
+    }
+    if (!receipt.message) return receipt;
+
+    const NOTIFY_MSG &message = receipt.message->message;
+    ORP_TRACE_PrintInfo(
+        "ORP_NOTIFYCLT_SendSynNotify", __LINE__, 0, "notify", uv::kTraceLevel,
+        "recv msg_type = %x, seq_num = %x data_len=%x ack_tag=%x, wait for msg_type = %x, "
+        "seq_num = %x \n",
+        message.msg_type, message.seq_num, message.data_len, message.ack_tag, request.msg_type,
+        request.seq_num);
+    if (message.msg_type == request.msg_type && message.seq_num == request.seq_num) return receipt;
+    list_append(g_client.put_aside, receipt.message.release());
+  }
+}
+
+// The data in a block of its own.
+uint32_t hand_over_data(const Received &reply, void **data_out, uint32_t *length_out) {
+  const NOTIFY_MSG &head = reply.message;
+  if (data_out != nullptr && head.data_len != 0) {
+    // The zero tail comes along.
+    const uint32_t size = head.data_len + kZeroTail;
+    void *copy = plain_alloc(size);
+    if (copy == nullptr) return ORP_NOTIFYCLT_ERR_MEMORY;
+    *data_out = std::memcpy(copy, &reply + 1, size);
+  }
+  if (length_out != nullptr) *length_out = head.data_len;
+  return ORP_NOTIFYCLT_OK;
+}
+
+uint32_t request_reply(const NOTIFY_MSG &head, Bytes data, void **data_out, uint32_t *length_out) {
+  const Owned<NOTIFY_MSG> request = build_message(head, data);
+  if (!request) return ORP_NOTIFYCLT_ERR_MEMORY;
+  const uint32_t status = send_message(g_client.fd, request.get());
+  if (status != ORP_NOTIFYCLT_OK) return status;
+
+  const Receipt reply = wait_for_reply(*request);
+  return reply.message ? hand_over_data(*reply.message, data_out, length_out) : reply.status;
+}
+
+}  // namespace
+}  // namespace msgapi::notify
+
+using namespace msgapi;
+using namespace msgapi::notify;
+
+extern "C" uint32_t ORP_NOTIFYCLT_SendSynNotify(uint32_t desId, uint32_t msgType, const void *data,
+                                                uint32_t dataLen, void **respData,
+                                                uint32_t *respLen, const uint32_t *syncArg) {
+  if (respData != nullptr) *respData = nullptr;
+  if (respLen != nullptr) *respLen = 0;
+  if (data == nullptr && dataLen != 0) return ORP_NOTIFYCLT_ERR_ARGUMENT;
+
+  NOTIFY_MSG head{};
+  head.msg_type = msgType;
+  head.seq_num = next_sequence();
+  head.source_id = g_client.module_id;
+  head.des_id = desId;
+  head.sync_tag = 1;
+  head.ack_tag = ORP_NOTIFYCLT_REQUEST;
+  head.sync_arg = syncArg == nullptr ? 0 : *syncArg;
+  return request_reply(head, item(data, dataLen), respData, respLen);
+}
