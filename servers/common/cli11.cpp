@@ -11,8 +11,11 @@ namespace {
 
 // What the user typed is quoted in messages, and must not command the terminal.
 std::string printable(std::string text) {
-  for (char &c : text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    char &c = text[i];
     if ((static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7f) c = '?';
+    // The C1 controls, as UTF-8.
+    if (c == '\xc2' && i + 1 < text.size() && (text[i + 1] & 0xe0) == 0x80) text.replace(i, 2, "?");
   }
   return text;
 }

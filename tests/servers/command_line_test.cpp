@@ -81,7 +81,7 @@ TEST(CommandLine, NamesTheProgramAndTheMistake) {
       {{"--nme", "x"}, "--nme"},         {{"--name"}, "--name"},
       {{"--count", "0"}, "--count"},     {{"--count", "4000000001"}, "--count"},
       {{"--count", "-1"}, "--count"},    {{"--count", "many"}, "--count"},
-      {{"--colour", "red"}, "--colour"}, {{"file", "another\x1b[2J"}, "another?[2J"},
+      {{"--colour", "red"}, "--colour"}, {{"file", "another\x1b[2J\xc2\x9b"}, "another?[2J?"},
   };
   for (const auto &mistake : kMistakes) {
     SCOPED_TRACE(mistake.said);
