@@ -1,7 +1,7 @@
 # What is installed, in three components: runtime, development, programs.
 
 set(programs msgsvr notifyserver mlogserver)
-set(tools mlog cfmctl)
+set(tools mlog cfmctl msgctl)
 
 # What is installed finds its libraries wherever it is put. An image whose libraries are all in a
 # place that its loader knows does without: CMAKE_SKIP_INSTALL_RPATH.
@@ -64,6 +64,12 @@ foreach(chapter 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${chapter})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter} COMPONENT programs)
 endforeach()
+install(FILES tools/msgctl/completion/msgctl.bash RENAME msgctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT programs)
+install(FILES tools/msgctl/completion/_msgctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT programs)
+install(FILES tools/msgctl/completion/msgctl.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT programs)
 install(FILES tools/cfmctl/defaults.json
   DESTINATION ${CMAKE_INSTALL_DATADIR}/cfmctl COMPONENT programs)
 # An example: tools read what is in share/msgapi/messages.d.

@@ -10,7 +10,8 @@ LIBMSGAPI_SITE = $(TOPDIR)/../libmsgapi
 LIBMSGAPI_SITE_METHOD = local
 LIBMSGAPI_INSTALL_STAGING = YES
 LIBMSGAPI_DEPENDENCIES = \
-	host-pkgconf cjson cli11 fmt json-for-modern-cpp libmicrohttpd libsodium sqlite
+	host-pkgconf cjson cli11 fmt json-for-modern-cpp libcurl libmicrohttpd \
+	libsodium sqlite
 LIBMSGAPI_CONF_OPTS = -DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF
 
 $(eval $(cmake-package))

@@ -4,7 +4,7 @@ SECTION = "libs"
 LICENSE = "CLOSED"
 
 # All but sqlite3 are in meta-openembedded/meta-oe.
-DEPENDS = "cjson cli11 fmt libmicrohttpd libsodium nlohmann-json sqlite3"
+DEPENDS = "cjson cli11 curl fmt libmicrohttpd libsodium nlohmann-json sqlite3"
 # Point EXTERNALSRC at the checkout, or replace this with the archive of a release.
 inherit externalsrc cmake pkgconfig systemd
 
@@ -13,7 +13,7 @@ EXTRA_OECMAKE = "-DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF \
 
 PACKAGES =+ "${PN}-servers"
 FILES:${PN}-servers = "${sbindir}/* ${bindir}/* ${datadir}/cfmctl ${datadir}/mlogserver \
-    ${datadir}/msgapi ${systemd_system_unitdir}/* \
+    ${datadir}/msgapi ${datadir}/bash-completion ${datadir}/zsh ${datadir}/fish ${systemd_system_unitdir}/* \
     ${prefix}/lib/sysusers.d ${prefix}/lib/tmpfiles.d"
 SYSTEMD_PACKAGES = "${PN}-servers"
 SYSTEMD_SERVICE:${PN}-servers = "mlogserver.service msgsvr.service notifyserver.service"

@@ -24,6 +24,17 @@ struct Context {
 
 // Each adds the commands of one file. `context` outlives the command line.
 void add_catalogue_commands(servers::CommandLine *line, Context *context);
+void add_call_commands(servers::CommandLine *line, Context *context);
+void add_client_commands(servers::CommandLine *line, Context *context);
+void add_completion_commands(servers::CommandLine *line, Context *context);
+void add_doctor_command(servers::CommandLine *line, Context *context);
+void add_event_commands(servers::CommandLine *line, Context *context);
+void add_notify_command(servers::CommandLine *line, Context *context);
+void add_ping_command(servers::CommandLine *line, Context *context);
+void add_restful_commands(servers::CommandLine *line, Context *context);
+void add_serve_command(servers::CommandLine *line, Context *context);
+void add_server_commands(servers::CommandLine *line, Context *context);
+void add_wait_command(servers::CommandLine *line, Context *context);
 
 // The options that every command has.
 void add_common_options(servers::Command *command, Context *context);

@@ -5,7 +5,6 @@
 #include <exception>
 #include <optional>
 
-#include "common/printable.h"
 #include "msgctl/context.h"
 #include "msgctl/output.h"
 
@@ -15,13 +14,7 @@ using msgctl::Context;
 using servers::ExitStatus;
 
 void print_error(const Context &context, ExitStatus status, const std::string &text) {
-  if (context.json) {
-    const msgctl::Json error{{"error", text}, {"status", static_cast<int>(status)}};
-    std::fprintf(stderr, "%s\n",
-                 error.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-  } else {
-    std::fprintf(stderr, "msgctl: %s\n", servers::printable(text).c_str());
-  }
+  std::fputs(msgctl::error_line(context.json, status, text).c_str(), stderr);
 }
 
 }  // namespace
@@ -43,6 +36,17 @@ int main(int argc, char **argv) {
   Context context;
   servers::CommandLine line("msgctl", "Looks at the message bus, and takes part in it.");
   msgctl::add_catalogue_commands(&line, &context);
+  msgctl::add_call_commands(&line, &context);
+  msgctl::add_client_commands(&line, &context);
+  msgctl::add_completion_commands(&line, &context);
+  msgctl::add_doctor_command(&line, &context);
+  msgctl::add_event_commands(&line, &context);
+  msgctl::add_notify_command(&line, &context);
+  msgctl::add_ping_command(&line, &context);
+  msgctl::add_restful_commands(&line, &context);
+  msgctl::add_serve_command(&line, &context);
+  msgctl::add_server_commands(&line, &context);
+  msgctl::add_wait_command(&line, &context);
   for (const catalogue::Problem &problem : context.catalogue.load()) {
     std::fprintf(stderr, "msgctl: %s\n", problem.text().c_str());
   }

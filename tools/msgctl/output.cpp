@@ -74,8 +74,37 @@ void print_line(std::string_view text) {
   write_all(line);
 }
 
+std::string json_text(const Json &json) {
+  const std::string dump = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  // DEL and the C1 controls are allowed in JSON, and command terminals.
+  std::string text;
+  text.reserve(dump.size());
+  for (size_t i = 0; i < dump.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(dump[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < dump.size() ? dump[i + 1] : 0);
+    if (byte == 0x7f) {
+      text += "\\u007f";
+    } else if (byte == 0xc2 && next < 0xa0) {
+      text += fmt::format("\\u{:04x}", next);
+      ++i;
+    } else {
+      text += dump[i];
+    }
+  }
+  return text;
+}
+
 void print_json(const Json &json) {
-  print_line(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  print_line(json_text(json));
+}
+
+void print_bytes(std::string_view bytes) {
+  write_all(bytes);
+}
+
+std::string error_line(bool json, servers::ExitStatus status, std::string_view text) {
+  if (json) return json_text({{"error", text}, {"status", static_cast<int>(status)}}) + "\n";
+  return fmt::format("msgctl: {}\n", servers::printable(text));
 }
 
 void Table::print() const {

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/exit_status.h"
+
 namespace msgctl {
 
 using Json = nlohmann::ordered_json;
@@ -22,6 +24,13 @@ std::string coloured(Colour colour, std::string_view text);
 void print_line(std::string_view text);
 // One JSON object on one line, as UTF-8 whatever its texts hold.
 void print_json(const Json &json);
+// The same as text. No control character stands in it as itself.
+std::string json_text(const Json &json);
+// Bytes as they are.
+void print_bytes(std::string_view bytes);
+
+// What standard error gets about a failure: a line of text or of JSON, with its line feed.
+std::string error_line(bool json, servers::ExitStatus status, std::string_view text);
 
 // A table with aligned columns. Cells must be printable.
 class Table {

@@ -1,0 +1,45 @@
+// Bodies of messages as the user writes them on a command line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "catalogue/message_types.h"
+#include "common/command_line.h"
+
+namespace msgctl {
+
+// What the user said about a body:
+//   TEXT           as it is, with a NUL behind it
+//   text:TEXT      the same, for a text that begins like one of the following
+//   @FILE, -       the bytes of a file, of standard input
+//   hex:0A1B...    those bytes
+//   json:TEXT      the same as TEXT, refused when it is no JSON
+//   --dm NAME=VALUE, several times: DM items, each a text or "hex:..."
+struct BodyWords {
+  std::string word;
+  std::vector<std::string> items;
+  uint32_t sub_type = 0;  // of DM items
+
+  bool given() const { return !word.empty() || !items.empty(); }
+};
+
+// The options for DM items; the word is an argument, which each command places itself.
+void add_item_options(servers::Command *command, BodyWords *words);
+
+// The bytes. Where the catalogue says that a type's body is a name, the text fills the field of a
+// name. Throws a Failure for what cannot be made sense of.
+std::string make_body(const BodyWords &words, const catalogue::Content *content = nullptr);
+
+// A sealed DM body of the items.
+std::string make_items(const std::vector<std::string> &items, uint32_t sub_type);
+
+// The text of a body that must be one: of the word, of the file or of standard input.
+std::string body_text(const std::string &word);
+
+// "0x10", "16".
+uint32_t number(const std::string &text, const char *what);
+
+}  // namespace msgctl

@@ -1,0 +1,14 @@
+// Clients as the message server tells of them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "msgctl/admin.h"
+
+namespace msgctl {
+
+// Those that have a name, or the one with a number ("#7"). Throws a Failure when there is none.
+std::vector<Json> clients_named(const Admin &admin, const std::string &name);
+
+}  // namespace msgctl

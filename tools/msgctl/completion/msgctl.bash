@@ -1,0 +1,64 @@
+# Completion of msgctl for bash: names, types, events and paths come from the live bus.
+
+_msgctl_commands() {
+  msgctl --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z]\+\) .*/\1/p'
+}
+
+_msgctl_options() {
+  msgctl "$1" --help 2>/dev/null | grep -oE -- '(^|[ ,])--[a-z-]+' | tr -d ' ,' | sort -u
+}
+
+# The kinds of words that stand at each place of a command.
+_msgctl_kind() {
+  case $1:$2 in
+    info:1 | exit:1 | count:1 | wait:1 | ping:1 | disconnect:1 | call:1 | send:1) echo names ;;
+    call:2 | send:2 | serve:1) echo types ;;
+    publish:1 | listen:*) echo events ;;
+    get:1 | post:1 | put:1 | patch:1 | delete:1) echo paths ;;
+    notify:2) echo modules ;;
+  esac
+}
+
+_msgctl() {
+  local word=${COMP_WORDS[COMP_CWORD]} last=${COMP_WORDS[COMP_CWORD - 1]}
+  local command='' place=0 words='' kind i
+  COMPREPLY=()
+  for ((i = 1; i < COMP_CWORD; ++i)); do
+    [[ ${COMP_WORDS[i]} == -* ]] && continue
+    if [[ -z $command ]]; then
+      command=${COMP_WORDS[i]}
+    else
+      case ${COMP_WORDS[i - 1]} in
+        --timeout | --as | --sort | --gone | --event | --for | -n | --count | --size | --type | --dm | \
+          --sub-type | --exec | --answer | --body | --payload | --from | --argument | --interval) ;;
+        *) place=$((place + 1)) ;;
+      esac
+    fi
+  done
+
+  if [[ -z $command ]]; then
+    words=$(_msgctl_commands)
+  elif [[ $word == -* ]]; then
+    words=$(_msgctl_options "$command")
+  else
+    case $last in
+      --gone) kind=names ;;
+      --event) kind=events ;;
+      --type) kind=types ;;
+      --exec)
+        mapfile -t COMPREPLY < <(compgen -c -- "$word")
+        return
+        ;;
+      *) kind=$(_msgctl_kind "$command" $((place + 1))) ;;
+    esac
+    case $command:$((place + 1)) in
+      sync:1) words='wait post' ;;
+      notify:1) words='modules request send' ;;
+      complete:1) words='names types events paths modules' ;;
+    esac
+    [[ -z $kind ]] || words=$(msgctl complete "$kind" --timeout 500 2>/dev/null)
+  fi
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+}
+
+complete -F _msgctl msgctl
