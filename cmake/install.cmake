@@ -60,6 +60,9 @@ foreach(kind sysusers tmpfiles)
   install(FILES packaging/systemd/msgapi.${kind} RENAME msgapi.conf
     DESTINATION lib/${kind}.d COMPONENT programs)
 endforeach()
+# Where Wireshark looks for what brings it interfaces.
+install(PROGRAMS tools/msgctl/msgapi-extcap
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/extcap COMPONENT programs)
 foreach(chapter 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${chapter})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${chapter} COMPONENT programs)

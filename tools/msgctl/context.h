@@ -35,6 +35,15 @@ void add_restful_commands(servers::CommandLine *line, Context *context);
 void add_serve_command(servers::CommandLine *line, Context *context);
 void add_server_commands(servers::CommandLine *line, Context *context);
 void add_wait_command(servers::CommandLine *line, Context *context);
+// On recorded traffic.
+void add_monitor_command(servers::CommandLine *line, Context *context);
+void add_capture_command(servers::CommandLine *line, Context *context);
+void add_latency_command(servers::CommandLine *line, Context *context);
+void add_top_command(servers::CommandLine *line, Context *context);
+void add_waits_command(servers::CommandLine *line, Context *context);
+void add_diagram_command(servers::CommandLine *line, Context *context);
+void add_postmortem_command(servers::CommandLine *line, Context *context);
+void add_dissector_command(servers::CommandLine *line, Context *context);
 
 // The options that every command has.
 void add_common_options(servers::Command *command, Context *context);

@@ -47,6 +47,14 @@ int main(int argc, char **argv) {
   msgctl::add_serve_command(&line, &context);
   msgctl::add_server_commands(&line, &context);
   msgctl::add_wait_command(&line, &context);
+  msgctl::add_monitor_command(&line, &context);
+  msgctl::add_capture_command(&line, &context);
+  msgctl::add_latency_command(&line, &context);
+  msgctl::add_top_command(&line, &context);
+  msgctl::add_waits_command(&line, &context);
+  msgctl::add_diagram_command(&line, &context);
+  msgctl::add_postmortem_command(&line, &context);
+  msgctl::add_dissector_command(&line, &context);
   for (const catalogue::Problem &problem : context.catalogue.load()) {
     std::fprintf(stderr, "msgctl: %s\n", problem.text().c_str());
   }

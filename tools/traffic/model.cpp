@@ -164,7 +164,7 @@ std::string Model::label(ClientId id) const {
   return others < 2 ? known.name : fmt::format("{}[{}]", known.name, known.pid);
 }
 
-std::vector<Wait> Model::waits(Known answered) const {
+std::vector<Wait> Model::waits(const Known &answered) const {
   std::vector<Wait> found;
   for (const auto &[key, number] : open_) {
     const Message *request = message(number);
@@ -175,7 +175,7 @@ std::vector<Wait> Model::waits(Known answered) const {
     // Whoever waits synchronously sends nothing meanwhile.
     const auto last = last_sent_.find(request->from);
     const bool silent = last != last_sent_.end() && last->second == number;
-    if (by_type || silent) found.push_back({request, by_type && silent});
+    if (by_type || silent) found.push_back({request, by_type && silent, silent});
   }
   std::sort(found.begin(), found.end(),
             [](const Wait &a, const Wait &b) { return a.request->number < b.request->number; });

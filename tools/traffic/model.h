@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -66,8 +67,10 @@ struct Event {
 // A request without an answer.
 struct Wait {
   const Message *request;
-  // Its sender has sent nothing since, or messages of that type are known to be answered.
+  // Messages of that type are known to be answered, and its sender has sent nothing since.
   bool certain;
+  // Its sender has sent nothing since: it may be waiting synchronously.
+  bool silent;
 };
 
 class Model {
@@ -88,8 +91,8 @@ class Model {
 
   // Requests whose answer is expected and has not come, the oldest first. `answered` tells of a
   // type whether the catalogue knows it to be answered (true), or not to be (false).
-  using Known = std::optional<bool> (*)(uint32_t type);
-  std::vector<Wait> waits(Known answered) const;
+  using Known = std::function<std::optional<bool>(uint32_t type)>;
+  std::vector<Wait> waits(const Known &answered) const;
 
   // Who waits for himself in the end: clients in the order in which they wait for each other.
   static std::vector<std::vector<ClientId>> circles(const std::vector<Wait> &waits);

@@ -17,10 +17,14 @@ constexpr uint32_t kEnhancedPacket = 6;
 constexpr uint32_t kByteOrderMagic = 0x1a2b3c4d;
 
 constexpr uint16_t kOptionEnd = 0;
+constexpr uint16_t kComment = 1;
 constexpr uint16_t kUserApplication = 4;
 constexpr uint16_t kInterfaceName = 2;
 constexpr uint16_t kTimeResolution = 9;
 constexpr char kNanoseconds = 9;
+
+// The length of an option is a 16-bit number; nobody reads that much in a comment.
+constexpr size_t kMostComment = 4096;
 
 constexpr size_t kLabelSize = 16;
 constexpr uint16_t kFlagMasked = 1;
@@ -129,7 +133,8 @@ PcapngWriter::PcapngWriter(Sink sink, std::string_view application, std::string_
   sink_(block(kSectionHeader, section) + block(kInterface, description));
 }
 
-void PcapngWriter::add(const Event &event, const Model &model, bool masked) {
+void PcapngWriter::add(const Event &event, const Model &model, bool masked,
+                       std::string_view comment) {
   const std::string packet = packet_of(event, model, masked);
   std::string content;
   put(&content, uint32_t{0});  // the interface
@@ -138,6 +143,11 @@ void PcapngWriter::add(const Event &event, const Model &model, bool masked) {
   put(&content, static_cast<uint32_t>(packet.size()));
   put(&content, static_cast<uint32_t>(packet.size()));
   content += packet;
+  if (!comment.empty()) {
+    pad(&content);
+    put_option(&content, kComment, comment.substr(0, kMostComment));
+    put_option(&content, kOptionEnd, {});
+  }
   sink_(block(kEnhancedPacket, std::move(content)));
 }
 

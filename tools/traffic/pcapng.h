@@ -35,8 +35,9 @@ class PcapngWriter {
   // Writes what every file begins with. `sink` gets whole blocks.
   PcapngWriter(Sink sink, std::string_view application, std::string_view interface);
 
-  // The packet of one event at its wall time; `masked`: personal data is taken out first.
-  void add(const Event &event, const Model &model, bool masked);
+  // The packet of one event at its wall time; `masked`: personal data is taken out first. `comment`
+  // is what readers without a dissector get to see, and must be masked already.
+  void add(const Event &event, const Model &model, bool masked, std::string_view comment = {});
 
  private:
   Sink sink_;

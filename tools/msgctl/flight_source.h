@@ -1,0 +1,82 @@
+// The recorded traffic that a command looks at: a flight file, read to its end or followed.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "flight/reader.h"
+#include "msgctl/context.h"
+#include "traffic/filter.h"
+#include "traffic/model.h"
+
+namespace msgctl {
+
+// What the commands on recorded traffic have in common.
+struct FlightOptions {
+  std::string file = flight::kPath;
+  std::vector<std::string> filter;  // its words
+  bool no_mask = false;
+
+  std::string filter_text() const;
+};
+
+enum class Personal { kShown, kMasked };  // masked: the command has --no-mask
+
+void add_flight_options(servers::Command *command, Context *context, FlightOptions *options,
+                        Personal personal = Personal::kShown);
+void add_filter(servers::Command *command, FlightOptions *options);
+
+class Source {
+ public:
+  using Take = std::function<void(const traffic::Event &event)>;
+
+  // Throws a Failure that says what is wrong with the file.
+  explicit Source(std::string path);
+
+  // Hands on what has been recorded and was not read yet, but no more than a whole ring: whoever
+  // wants what came meanwhile reads again.
+  void read(const Take &take);
+  // The same for ever, with `turn` after each round of 20 ms at least; ends when `turn` returns
+  // false, on SIGINT and SIGTERM, and when nobody reads standard output any more. When a new server
+  // has put a new file in this one's place, that is read from then on.
+  void follow(const Take &take, const std::function<bool()> &turn);
+
+  // Called in between events: so many records were overwritten before they could be read.
+  std::function<void(uint64_t count)> on_missed = [](uint64_t) {};
+  // A server that was started anew has a file of its own; the model has been emptied.
+  std::function<void()> on_replaced = [] {};
+  uint64_t missed() const { return missed_; }
+
+  const traffic::Model &model() const { return model_; }
+  const flight::FileHead &head() const { return reader_.head(); }
+  const std::string &path() const { return path_; }
+  // Wall clock, ns since 1970, at a time of the server.
+  uint64_t wall_ns(uint64_t time_ns) const { return reader_.wall_ns(time_ns); }
+  uint64_t last_ns() const { return last_ns_; }
+  uint64_t records() const { return reader_.seen(); }
+  uint64_t before_first() const { return reader_.before_first(); }
+
+  // The server that writes the file runs.
+  bool alive() const;
+  // CLOCK_MONOTONIC, or the time of the last record when the server is gone.
+  uint64_t now_ns() const;
+
+ private:
+  std::string path_;
+  flight::Reader reader_;
+  traffic::Model model_;
+  uint64_t last_ns_ = 0;
+  uint64_t reader_missed_ = 0;
+  uint64_t missed_ = 0;
+};
+
+// The filter of the command line. Times in it refer to now, or to the last record of a file whose
+// server is gone. Throws servers::UsageError, which names the column.
+traffic::Filter make_filter(const FlightOptions &options, const Context &context);
+
+// Whether the catalogue says that messages of a type are answered.
+traffic::Model::Known answered_by(const catalogue::Catalogue &catalogue);
+
+}  // namespace msgctl

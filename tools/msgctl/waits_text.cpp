@@ -1,0 +1,126 @@
+#include "msgctl/waits_text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "msgctl/output.h"
+
+namespace msgctl {
+namespace {
+
+using traffic::ClientId;
+using traffic::Message;
+using traffic::Wait;
+
+// Deeper trees are cut: they only cost room.
+constexpr size_t kMostDepth = 32;
+
+uint64_t age_ns(uint64_t since_ns, const Source &source) {
+  const uint64_t now_ns = source.now_ns();
+  return now_ns < since_ns ? 0 : now_ns - since_ns;
+}
+
+}  // namespace
+
+std::vector<Deadlock> deadlocks(const std::vector<Wait> &waits) {
+  // Whoever goes on sending is not stuck.
+  std::vector<Wait> silent;
+  std::map<ClientId, const Wait *> by_client;
+  std::copy_if(waits.begin(), waits.end(), std::back_inserter(silent),
+               [](const Wait &wait) { return wait.silent; });
+  for (const Wait &wait : silent) by_client[wait.request->from] = &wait;
+
+  std::vector<Deadlock> found;
+  for (const std::vector<ClientId> &circle : traffic::Model::circles(silent)) {
+    Deadlock deadlock;
+    deadlock.clients = circle;
+    for (const ClientId client : circle) {
+      const Wait &wait = *by_client.at(client);
+      deadlock.requests.push_back(wait.request->number);
+      deadlock.since_ns = std::max(deadlock.since_ns, wait.request->accepted_ns);
+      deadlock.certain = deadlock.certain && wait.certain;
+    }
+    // One that sends itself something may well not want an answer.
+    if (circle.size() > 1 || deadlock.certain) found.push_back(std::move(deadlock));
+  }
+  return found;
+}
+
+std::string deadlock_line(const Deadlock &deadlock, const Source &source) {
+  std::string path;
+  for (const ClientId client : deadlock.clients) path += label(source.model(), client) + " -> ";
+  path += label(source.model(), deadlock.clients.front());
+  std::string text = fmt::format("{}: a probable deadlock for {}", path,
+                                 duration_text(age_ns(deadlock.since_ns, source)));
+  if (!deadlock.certain) {
+    text +=
+        " (if such messages are answered: the catalogue does not say so, and no answer was seen)";
+  }
+  return text;
+}
+
+Json deadlock_json(const Deadlock &deadlock, const Source &source) {
+  Json clients = Json::array();
+  for (const ClientId client : deadlock.clients) clients.push_back(source.model().label(client));
+  return {{"deadlock", clients},
+          {"requests", deadlock.requests},
+          {"since", date_text(source.wall_ns(deadlock.since_ns))},
+          {"for_ns", age_ns(deadlock.since_ns, source)},
+          {"certain", deadlock.certain}};
+}
+
+std::vector<std::string> waits_lines(const std::vector<Wait> &waits, const Source &source,
+                                     const EventText &text) {
+  std::map<ClientId, std::vector<const Wait *>> by_client;
+  std::set<ClientId> awaited;
+  for (const Wait &wait : waits) {
+    by_client[wait.request->from].push_back(&wait);
+    awaited.insert(wait.request->to);
+  }
+
+  std::vector<std::string> lines;
+  std::set<const Wait *> printed;
+  const auto print = [&](const auto &self, ClientId client, size_t depth) -> void {
+    const auto own = by_client.find(client);
+    if (own == by_client.end() || depth > kMostDepth) return;
+    for (const Wait *wait : own->second) {
+      if (!printed.insert(wait).second) continue;
+      const Message &request = *wait->request;
+      lines.push_back(fmt::format("{}{} waits for {}: {} #{}, since {} ({}){}",
+                                  std::string(2 * depth, ' '), label(source.model(), request.from),
+                                  label(source.model(), request.to), text.type(request.type()),
+                                  request.header.ulSeqNum,
+                                  time_text(source.wall_ns(request.accepted_ns)),
+                                  duration_text(age_ns(request.accepted_ns, source)),
+                                  wait->certain  ? ""
+                                  : wait->silent ? ", perhaps: it sent nothing since"
+                                                 : ", and goes on meanwhile"));
+      self(self, request.to, depth + 1);
+    }
+  };
+  // Those for whom nobody waits are the roots; a circle has none and begins anywhere.
+  for (const auto &[client, own] : by_client) {
+    if (!awaited.contains(client)) print(print, client, 0);
+  }
+  for (const Wait &wait : waits) print(print, wait.request->from, 0);
+  return lines;
+}
+
+Json wait_json(const Wait &wait, const Source &source, const EventText &text) {
+  const Message &request = *wait.request;
+  return {{"from", source.model().label(request.from)},
+          {"to", source.model().label(request.to)},
+          {"type", request.type()},
+          {"type_name", text.type(request.type())},
+          {"sequence", request.header.ulSeqNum},
+          {"number", request.number},
+          {"since", date_text(source.wall_ns(request.accepted_ns))},
+          {"for_ns", age_ns(request.accepted_ns, source)},
+          {"certain", wait.certain},
+          {"silent", wait.silent}};
+}
+
+}  // namespace msgctl
