@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -52,6 +53,12 @@ bool is_dead(const sockaddr_un &address) {
   }
   return errno == ECONNREFUSED;
 }
+
+// The kernel has no descriptor or no memory for a connection, which stays where it is.
+bool is_shortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+constexpr int kShortagePause_ms = 10;
 
 // The port of "ADDRESS:PORT", checked: the resolver takes longer numbers modulo 65536.
 bool is_port(const std::string &text) {
@@ -123,13 +130,16 @@ Acceptor::Acceptor(UniqueFd listener)
 UniqueFd Acceptor::accept() {
   for (;;) {
     UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (fd || (errno != EMFILE && errno != ENFILE)) {
+    if (fd || !is_shortage(errno)) {
       if (fd || errno != EINTR) return fd;
       continue;
     }
-    log_line("a connection is refused: {}", std::strerror(errno));
+    const std::string reason = std::strerror(errno);
     spare_.reset();
     UniqueFd refused(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    // What still waits is reported again at once: without a pause, nothing else would get on.
+    if (!refused && is_shortage(errno)) ::poll(nullptr, 0, kShortagePause_ms);
+    if (refused) log_line("a connection is refused: {}", reason);
     refused.reset();
     spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     return {};

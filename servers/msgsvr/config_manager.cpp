@@ -8,7 +8,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -139,8 +141,19 @@ class ConfigManager final : public Service {
 
   template <typename Job, typename Done>
   void start(Job job, Done done) {
-    const auto result = std::make_shared<uint32_t>(0);
-    worker_.run([result, job] { *result = job(); }, [result, done] { done(*result); });
+    const auto result = std::make_shared<uint32_t>(CFM_OK);
+    // The requester gets an answer whatever happens.
+    const auto attempt = [result, job] {
+      try {
+        *result = job();
+      } catch (const std::bad_alloc &) {
+        *result = CFM_ERR_MEMORY;
+      } catch (const std::exception &error) {
+        *result = CFM_ERR_UNAVAILABLE;
+        log_line("the configuration store: {}", error.what());
+      }
+    };
+    worker_.run(attempt, [result, done] { done(*result); });
   }
 
   uint32_t write_export(const std::string &path, uint32_t user) const {

@@ -88,12 +88,13 @@ Server::Server(servers::EventLoop *loop, const std::string &path, const Limits &
       limits_(limits),
       unfinished_(2 * limits.unfinished),
       input_(kReadSize) {
-  loop_.add(acceptor_.fd(), EPOLLIN, this);
+  loop_.add(acceptor_->fd(), EPOLLIN, this);
 }
 
 Server::~Server() {
-  ::unlink(path_.c_str());
-  loop_.remove(acceptor_.fd(), this);
+  loop_.remove(acceptor_->fd(), this);
+  acceptor_.reset();
+  servers::remove_unix(path_);
 }
 
 void Server::finish() {
@@ -104,7 +105,7 @@ void Server::finish() {
 }
 
 void Server::ready(uint32_t) {
-  while (servers::UniqueFd fd = acceptor_.accept()) {
+  while (servers::UniqueFd fd = acceptor_->accept()) {
     ++statistics_.connections;
     loop_.attempt("a connection is refused", [&] { adopt(std::move(fd)); });
   }

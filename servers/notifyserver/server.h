@@ -15,6 +15,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -85,7 +86,7 @@ class Server final : servers::EventLoop::Watch {
 
   servers::EventLoop &loop_;
   std::string path_;
-  servers::Acceptor acceptor_;
+  std::optional<servers::Acceptor> acceptor_;
   const Limits limits_;
   Budget unfinished_;                               // of all users
   std::map<uid_t, std::weak_ptr<Budget>> budgets_;  // of those who have clients
