@@ -25,6 +25,8 @@ class Recorder {
   Recorder &operator=(Recorder &&other) noexcept;
 
   bool on() const { return base_ != nullptr; }
+  // Of its ring; 0 if it is off.
+  uint64_t ring_size() const { return on() ? ring_size_ : 0; }
   // Records written since the start: the number of the last one.
   uint64_t count() const { return number_; }
 

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -93,6 +94,8 @@ struct Client final : EventLoop::Watch, OutputQueue::Observer {
   const UniqueFd fd;
   const std::string address;  // empty for a Unix connection
   const ucred peer;           // as it was when it connected
+  const std::chrono::system_clock::time_point connected_at = std::chrono::system_clock::now();
+  const EventLoop::Clock::time_point connected = EventLoop::Clock::now();
   std::shared_ptr<Account> account;
   Share connection;
   AppName name;

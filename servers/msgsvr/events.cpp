@@ -15,6 +15,7 @@
 #include "catalogue/message_types.h"
 #include "common/log_line.h"
 #include "msgsvr/hand_over.h"
+#include "msgsvr/report.h"
 #include "msgsvr/services.h"
 
 namespace msgsvr {
@@ -59,6 +60,17 @@ class Events final : public Service {
     });
     server->serve_rest([this](Client &from, const Message &m) { return publish(from, m); });
     server->on_gone([this](Client &client) { forget(client); });
+  }
+
+  void list(Inventory *inventory) const override {
+    for (const auto &[type, subscribers] : by_type_) {
+      for (const Process &each : subscribers.processes) {
+        inventory->subscriptions.push_back({type, each.client->id, {}});
+      }
+      for (const Named &each : subscribers.names) {
+        inventory->subscriptions.push_back({type, 0, each.name});
+      }
+    }
   }
 
  private:

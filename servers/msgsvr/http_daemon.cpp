@@ -41,7 +41,6 @@ using servers::log_line;
 using servers::UniqueFd;
 using std::chrono::seconds;
 
-constexpr size_t kMostConnections = 128;
 constexpr unsigned kIdleSeconds = 30;
 // A request must be whole, and an answer taken, within this time.
 constexpr seconds kLongestTransfer{60};
@@ -63,6 +62,8 @@ constexpr int kMostRounds = 8;
 constexpr int kMostAccepted = 32;
 
 thread_local HttpDaemon *t_daemon;
+
+constexpr std::string_view kPlainText = "text/plain";
 
 HttpAnswer busy(const char *why) {
   return {MHD_HTTP_SERVICE_UNAVAILABLE, why, "text/plain", true};
@@ -197,7 +198,7 @@ HttpDaemon::HttpDaemon(UniqueFd listener, const HttpLimits &limits, uint64_t fir
   daemon_ = ::MHD_start_daemon(
       MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_NO_LISTEN_SOCKET, 0, nullptr, nullptr,
       &HttpCallbacks::access, this, MHD_OPTION_CONNECTION_LIMIT,
-      static_cast<unsigned>(2 * kMostConnections), MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
+      static_cast<unsigned>(2 * limits_.connections), MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
       MHD_OPTION_URI_LOG_CALLBACK, &HttpCallbacks::log_uri, this, MHD_OPTION_NOTIFY_COMPLETED,
       &HttpCallbacks::completed, this, MHD_OPTION_NOTIFY_CONNECTION,
       &HttpCallbacks::connection_changed, this, MHD_OPTION_END);
@@ -297,7 +298,7 @@ void HttpDaemon::accept() {
 
 // False when every place is taken by a request that is being answered.
 bool HttpDaemon::make_room() {
-  if (connections_.size() - condemned_ < kMostConnections) return true;
+  if (connections_.size() - condemned_ < limits_.connections) return true;
   std::unordered_map<std::string_view, size_t> counts;
   for (const auto &[library, connection] : connections_) {
     if (!connection.condemned) ++counts[connection.network];
@@ -465,8 +466,13 @@ int HttpDaemon::receive(Exchange &exchange, const char *upload, size_t *upload_s
   return MHD_YES;
 }
 
-int HttpDaemon::respond(const Exchange &exchange) {
-  const HttpAnswer &answer = exchange.answer;
+int HttpDaemon::respond(Exchange &exchange) {
+  HttpAnswer &answer = exchange.answer;
+  if (limits_.json && answer.content_type == kPlainText) {
+    // All of these texts are ours and end with a line feed.
+    answer.text = "{\"error\":\"" + answer.text.substr(0, answer.text.size() - 1) + "\"}\n";
+    answer.content_type = "application/json";
+  }
   MHD_Response *response = ::MHD_create_response_from_buffer(
       answer.text.size(), const_cast<char *>(answer.text.data()), MHD_RESPMEM_MUST_COPY);
   if (response == nullptr) return MHD_NO;

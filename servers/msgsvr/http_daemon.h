@@ -41,6 +41,8 @@ struct HttpLimits {
   size_t longest_body = 0;               // a longer one is answered with 413
   size_t body_head = 0;                  // what every body leaves free in front
   std::chrono::milliseconds patience{};  // how long a request may wait for room
+  size_t connections = 128;              // at a time
+  bool json = false;                     // the daemon's own refusals are {"error": …}
 };
 
 class HttpDaemon {
@@ -115,7 +117,7 @@ class HttpDaemon {
   bool reserve(Exchange &exchange);
   void grant();
   void refuse_waiting(Exchange &exchange);
-  int respond(const Exchange &exchange);
+  int respond(Exchange &exchange);
   void answer(uint64_t id, HttpAnswer answer);
 
   EventLoop loop_;

@@ -143,10 +143,11 @@ void Journal::note_culprit(Loss loss, const AppName &from, const AppName &to) no
   auto place = std::ranges::find_if(culprits_, same);
   if (place == culprits_.end()) {
     place = std::ranges::min_element(
-        culprits_, {}, [](const Culprit &each) { return std::pair(each.count, each.last_at); });
-    *place = {loss, from, to, 0, 0};
+        culprits_, {}, [](const Culprit &each) { return std::pair(each.count, each.last_loss); });
+    *place = {loss, from, to, 0, 0, 0};
   }
   ++place->count;
+  place->last_loss = ++losses_;
   place->last_at = std::time(nullptr);
 }
 

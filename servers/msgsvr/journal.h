@@ -54,6 +54,7 @@ struct Culprit {
   AppName to;
   uint64_t count = 0;
   std::time_t last_at = 0;
+  uint64_t last_loss = 0;  // the same moment as the number of a loss, which no two have in common
 };
 
 class Journal {
@@ -116,6 +117,7 @@ class Journal {
   flight::Recorder recorder_;
   Statistics statistics_;
   Culprits culprits_{};
+  uint64_t losses_ = 0;
   bool stale_ = true;
 };
 

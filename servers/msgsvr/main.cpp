@@ -63,6 +63,13 @@ void add_flight_options(servers::Command *command, Options *options) {
                   "Bytes of each message's body that it keeps", {0, flight::kMostKept});
 }
 
+void add_admin_options(servers::Command *command, Options *options) {
+  command->option("--admin", &options->admin,
+                  "Unix socket that answers questions about the server by HTTP; none: no such");
+  command->option("--admin-group", &options->admin_group,
+                  "The group that may use it, besides the server's user");
+}
+
 // What the clients of one user may make the server keep; see docs/message-server.md.
 void add_limit_options(servers::Command *command, Options *options) {
   const auto add = [&](const char *name, msgsvr::Kept kind, int64_t least, const char *help) {
@@ -138,6 +145,15 @@ void start_recording(const Options &options, msgsvr::Server *server) {
   }
 }
 
+void start_admin(const Options &options, msgsvr::Server *server, msgsvr::Services *services) {
+  if (options.admin == "none") return;
+  try {
+    services->push_back(msgsvr::make_admin(server, services));
+  } catch (const std::exception &error) {
+    log_line("there is no admin socket: {}", error.what());
+  }
+}
+
 void serve(const Options &options, mode_t socket_mode) {
   servers::EventLoop loop;
   std::signal(SIGPIPE, SIG_IGN);
@@ -150,7 +166,7 @@ void serve(const Options &options, mode_t socket_mode) {
     for (const std::string &line : server.statistics()) log_line("{}", line);
   };
   loop.on_signal(SIGUSR1, log_statistics);
-  std::vector<std::unique_ptr<msgsvr::Service>> services;
+  msgsvr::Services services;
   services.push_back(msgsvr::make_registration(&server));
   services.push_back(msgsvr::make_events(&server));
   services.push_back(msgsvr::make_restful(&server));
@@ -164,6 +180,7 @@ void serve(const Options &options, mode_t socket_mode) {
   server.listen(servers::listen_unix(options.socket_path, socket_mode));
   if (!options.tcp.empty()) server.listen(servers::listen_tcp(options.tcp));
   start_recording(options, &server);
+  start_admin(options, &server, &services);
   log_line("ready on {}{}{}", options.socket_path,
            options.tcp.empty() ? "" : ", TCP " + options.tcp,
            options.http.empty() ? "" : ", HTTP " + options.http);
@@ -184,6 +201,7 @@ int main(int argc, char **argv) try {
                             "Passes messages between the application processes of the device.");
   add_options(&line, &options);
   add_flight_options(&line, &options);
+  add_admin_options(&line, &options);
   add_limit_options(&line, &options);
   add_service_options(&line, &options);
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;

@@ -36,7 +36,9 @@ struct Options {
   uint32_t flight_body = 0;
 
   // Services.
-  std::string http;  // ADDRESS:PORT for restful requests, empty for none
+  std::string admin = "/var/run/msgsvr.admin";  // "none" for none
+  std::string admin_group;                      // who may use it besides the server's user
+  std::string http;                             // ADDRESS:PORT for restful requests, empty for none
   uint32_t http_timeout_ms = 5000;
   std::string applications;  // the file that lists the dynamic applications, empty for none
   std::string login_state = "/var/msgsvr-login.json";

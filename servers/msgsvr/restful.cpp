@@ -33,6 +33,7 @@
 #include "msgapi/restful.h"
 #include "msgsvr/hand_over.h"
 #include "msgsvr/http_front.h"
+#include "msgsvr/report.h"
 #include "msgsvr/services.h"
 
 namespace msgsvr {
@@ -134,6 +135,12 @@ class Restful final : public Service {
             server_->journal().http_answered(entry->second.record, kNobodyWaits, 0);
             give_up(entry);
           });
+    }
+  }
+
+  void list(Inventory *inventory) const override {
+    for (const Registration &each : registrations_) {
+      inventory->paths.push_back({each.text, each.client});
     }
   }
 

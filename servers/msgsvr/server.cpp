@@ -235,6 +235,14 @@ Client *Server::by_id(uint32_t id) {
   return entry == clients_.end() ? nullptr : entry->second.get();
 }
 
+bool Server::disconnect(uint32_t id, std::string_view why) noexcept {
+  Client *client = by_id(id);
+  if (client == nullptr) return false;
+  end(*client, why);
+  flush();
+  return true;
+}
+
 std::span<Client *const> Server::named(const AppName &name) const {
   const auto entry = names_.find(name);
   if (entry == names_.end()) return {};

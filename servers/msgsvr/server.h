@@ -71,6 +71,8 @@ class Server {
   const Options &options() const { return options_; }
   const std::unordered_map<uint32_t, std::unique_ptr<Client>> &clients() const { return clients_; }
   Client *by_id(uint32_t id);
+  // Ends that client for the reason `why`; false when it is not there.
+  bool disconnect(uint32_t id, std::string_view why) noexcept;
   // The clients of that name, oldest first.
   std::span<Client *const> named(const AppName &name) const;
   // The one that gets the messages for that name.

@@ -3,16 +3,22 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "msgsvr/server.h"
 
 namespace msgsvr {
 
+struct Inventory;
+
 // A service's state, kept by whoever runs the server.
 class Service {
  public:
   virtual ~Service() = default;
+  // Adds what it keeps for clients.
+  virtual void list(Inventory *) const {}
 };
+using Services = std::vector<std::unique_ptr<Service>>;
 
 // Registration and keep-alives, the count of processes under a name, and orderly exit.
 std::unique_ptr<Service> make_registration(Server *server);
@@ -38,5 +44,9 @@ std::unique_ptr<Service> make_config_manager(Server *server);
 
 // The factory mode, and reboots.
 std::unique_ptr<Service> make_device_requests(Server *server);
+
+// Answers questions about the server on a socket of its own, which it removes at its end. Throws
+// std::runtime_error.
+std::unique_ptr<Service> make_admin(Server *server, const Services *services);
 
 }  // namespace msgsvr

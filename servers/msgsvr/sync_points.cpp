@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/log_line.h"
+#include "msgsvr/report.h"
 #include "msgsvr/services.h"
 
 namespace msgsvr {
@@ -25,6 +26,12 @@ class SyncPoints final : public Service {
     server->serve(ORP_MSG_SYNC_WAIT, [this](Client &from, const Message &m) { wait(from, m); });
     server->serve(ORP_MSG_SYNC_POST, [this](Client &from, const Message &m) { release(from, m); });
     server->on_gone([this](Client &client) { forget(client); });
+  }
+
+  void list(Inventory *inventory) const override {
+    for (const auto &[name, point] : points_) {
+      for (const Waiter &each : point.waiting) inventory->waits.push_back({name, each.client});
+    }
   }
 
  private:

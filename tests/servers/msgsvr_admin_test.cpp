@@ -1,0 +1,340 @@
+// What the message server says about itself on its admin socket, asked with curl.
+
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "flight/reader.h"
+#include "msgapi.h"
+#include "servers/services.h"
+#include "support/file.h"
+#include "support/message_peer.h"
+#include "support/process.h"
+
+namespace {
+
+using nlohmann::json;
+using test::RawClient;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr uint32_t kType = 0x1234;
+constexpr const char *kSocket = "/var/run/msgsvr.admin";
+
+// The samples of an OpenMetrics 1.0 text, by name and labels; none when a line breaks a rule: each
+// family begins with TYPE and HELP, is in one piece and bears its type's suffix, names and labels
+// are well-formed, no sample comes twice, and the text ends with "# EOF".
+std::optional<std::map<std::string, double>> parse_open_metrics(const std::string &text) {
+  static const std::regex kTypeLine(R"(# TYPE ([a-z_:][a-z0-9_:]*) (counter|gauge))");
+  static const std::regex kHelpLine(R"(# HELP ([a-z_:][a-z0-9_:]*) .+)");
+  static const std::regex kSampleLine(
+      R"(([a-z_:][a-z0-9_:]*)(\{([a-z_]+="([^"\\]|\\["\\n])*",?)*[^,]?\})? ([0-9.e+-]+))");
+  std::map<std::string, double> samples;
+  std::set<std::string> families;
+  std::string family;
+  bool counter = false;
+  bool helped = false;
+  bool ended = false;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch match;
+    if (ended) return std::nullopt;
+    if (line == "# EOF") {
+      ended = true;
+    } else if (std::regex_match(line, match, kTypeLine)) {
+      family = match[1];
+      counter = match[2] == "counter";
+      helped = false;
+      if (!families.insert(family).second) return std::nullopt;
+    } else if (std::regex_match(line, match, kHelpLine)) {
+      if (match[1] != family || std::exchange(helped, true)) return std::nullopt;
+    } else if (std::regex_match(line, match, kSampleLine)) {
+      if (!helped || match[1] != (counter ? family + "_total" : family)) return std::nullopt;
+      const std::string name = match[1].str() + match[2].str();
+      if (!samples.emplace(name, std::stod(match[5])).second) return std::nullopt;
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (!ended || !text.ends_with('\n')) return std::nullopt;
+  return samples;
+}
+
+class MsgsvrAdmin : public test::Services {
+ protected:
+  struct Answer {
+    std::string body;
+    std::string status;
+    std::string type;
+  };
+
+  static Answer ask(const std::string &path, const std::string &options = "") {
+    const std::string command = std::string("curl -sg --max-time 20 --unix-socket ") + kSocket +
+                                " -o /var/answer -w '%{http_code} %{content_type}' " + options +
+                                " 'http://localhost" + path + "' >/var/facts";
+    std::filesystem::remove("/var/answer");
+    [[maybe_unused]] const int result = std::system(command.c_str());
+    const std::string facts = test::contents("/var/facts");
+    return {test::contents("/var/answer"), facts.substr(0, 3),
+            facts.size() > 4 ? facts.substr(4) : ""};
+  }
+
+  static json get(const std::string &path) {
+    const Answer answer = ask(path);
+    EXPECT_EQ("200", answer.status) << path;
+    EXPECT_EQ("application/json", answer.type);
+    const json parsed = json::parse(answer.body, nullptr, false);
+    EXPECT_FALSE(parsed.is_discarded()) << answer.body;
+    return parsed;
+  }
+
+  static json client(const std::string &name) {
+    const json all = get("/v1/clients");
+    for (const json &each : all["clients"]) {
+      if (each["name"] == name) return each;
+    }
+    ADD_FAILURE() << "no client " << name;
+    return {};
+  }
+  static std::string path_of(const std::string &name) {
+    return "/v1/clients/" + client(name)["id"].dump();
+  }
+};
+
+TEST_F(MsgsvrAdmin, ListsClientsAndWhatTheServerKeepsForThem) {
+  start({"--keepalive", "60", "--tcp", "127.0.0.1:9000"});
+  RawClient wifi("wifi");
+  RawClient web("web");
+  RawClient board("board", 9000);
+  RawClient odd("\x1b[31m\xff");
+  wifi.send({.type = kType, .to = "web", .body = "hello"});
+  web.read();
+  wifi.send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
+  wifi.send({.type = ORP_MSG_SUBSCRIBE, .body = test::padded("web"), .data = ORP_MSG_EVENT_LAN});
+  wifi.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = "/dev/wlan|/dev/radio"});
+  wifi.send({.type = ORP_MSG_SYNC_WAIT, .body = "boot"});
+  wifi.drain();
+  // The beginning of a message.
+  web.send_bytes(std::string(10, 'x'));
+
+  json facts = client("wifi");
+  const std::string user = facts["user"];
+  EXPECT_EQ(::getpid(), facts["pid"]);
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/self/exe").string(), facts["program"]);
+  EXPECT_EQ(::getuid(), facts["uid"]);
+  EXPECT_EQ(::getgid(), facts["gid"]);
+  EXPECT_TRUE(facts["address"].is_null());
+  EXPECT_NEAR(static_cast<double>(::time(nullptr)), facts["connected_at"], 30);
+  EXPECT_LT(facts["connected_s"], 30);
+  EXPECT_EQ(1048576, facts["queue_limit"]);
+  EXPECT_FALSE(facts["slow"]);
+  EXPECT_FALSE(facts["held"]);
+  EXPECT_FALSE(facts["swapped"]);
+  EXPECT_EQ(1 + 1 + 4 + 1, facts["in"]["messages"]);
+  EXPECT_EQ(2, client("web")["out"]["messages"]);
+  EXPECT_EQ(40 + 8 + 45, client("web")["out"]["bytes"]);
+  facts = client("board");
+  EXPECT_THAT(facts["address"].get<std::string>(), HasSubstr("127.0.0.1:"));
+  for (const char *key : {"pid", "uid", "gid", "user", "program"}) {
+    EXPECT_TRUE(facts[key].is_null()) << key;
+  }
+  client("\\x1b[31m\\xff");
+
+  const json wifi_in_full = get(path_of("wifi"));
+  EXPECT_EQ(json({ORP_MSG_EVENT_WLAN}), wifi_in_full["subscriptions"]);
+  EXPECT_EQ(json::array({"/dev/wlan", "/dev/radio"}), wifi_in_full["paths"]);
+  EXPECT_EQ(json::array({"boot"}), wifi_in_full["sync_points"]);
+  EXPECT_TRUE(wifi_in_full["keep_alive"]["watched"]);
+  EXPECT_FALSE(wifi_in_full["keep_alive"]["missing"]);
+  EXPECT_LT(wifi_in_full["keep_alive"]["last_s"], 30);
+  EXPECT_FALSE(wifi_in_full["in_message"]);
+  EXPECT_EQ(2, wifi_in_full["limits"]["subscriptions"]["own"]);
+  EXPECT_EQ(4096, wifi_in_full["limits"]["subscriptions"]["limit"]);
+  const json web_in_full = get(path_of("web"));
+  EXPECT_EQ(json({ORP_MSG_EVENT_LAN}), web_in_full["named_subscriptions"]);
+  EXPECT_TRUE(web_in_full["in_message"]);
+
+  const json wifi_id = client("wifi")["id"];
+  EXPECT_EQ(json::array({{{"path", "/dev/wlan"}, {"id", wifi_id}, {"name", "wifi"}},
+                         {{"path", "/dev/radio"}, {"id", wifi_id}, {"name", "wifi"}}}),
+            get("/v1/paths")["paths"]);
+  json subscriptions = get("/v1/subscriptions")["subscriptions"];
+  std::sort(subscriptions.begin(), subscriptions.end());
+  json expected = {{{"event", ORP_MSG_EVENT_WLAN}, {"id", wifi_id}, {"name", "wifi"}},
+                   {{"event", ORP_MSG_EVENT_LAN}, {"id", nullptr}, {"name", "web"}}};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, subscriptions);
+}
+
+TEST_F(MsgsvrAdmin, CountsWhatTheServerHasDone) {
+  start();
+  RawClient pub("pub");
+  for (int i = 0; i < 12; ++i) {
+    pub.send({.type = kType, .to = "nobody"});
+    pub.read();
+  }
+  pub.send({.type = 0x7777, .to = "mic"});
+  pub.drain();
+
+  const json stats = get("/v1/stats");
+  EXPECT_EQ(MSGAPI_VERSION, stats["version"]);
+  EXPECT_EQ(server_->pid(), stats["pid"]);
+  EXPECT_NEAR(static_cast<double>(::time(nullptr)), stats["started_at"], 30);
+  EXPECT_EQ(1, stats["clients"]);
+  EXPECT_EQ(1, stats["connections"]);
+  EXPECT_EQ(15, stats["in"]["messages"]);
+  EXPECT_EQ(15, stats["out"]["messages"]);
+  EXPECT_EQ(12, stats["lost"]["no_such_name"]);
+  EXPECT_EQ(1, stats["lost"]["not_served"]);
+  EXPECT_EQ(8u, stats["lost"].size());
+  EXPECT_EQ(13, stats["senders_told"]);
+  EXPECT_EQ(0, stats["failed_callbacks"]);
+  ASSERT_EQ(2u, stats["culprits"].size());
+  const json &worst = stats["culprits"][0];
+  EXPECT_EQ("no_such_name", worst["loss"]);
+  EXPECT_EQ("pub", worst["from"]);
+  EXPECT_EQ("nobody", worst["to"]);
+  EXPECT_EQ(12, worst["count"]);
+  EXPECT_NEAR(static_cast<double>(::time(nullptr)), worst["last_at"], 30);
+  EXPECT_EQ(flight::kPath, stats["flight"]["path"]);
+  EXPECT_EQ(1048576, stats["flight"]["size"]);
+  EXPECT_GT(stats["flight"]["records"], 30);
+
+  // However many names nobody has, and whoever comes late: the worst stay.
+  for (int i = 0; i < 500; ++i) {
+    pub.send({.type = kType, .to = "no" + std::to_string(i)});
+    if (i > 400) pub.send({.type = kType, .to = "late"});
+    while (!pub.quiet()) pub.read();
+  }
+  pub.drain();
+  const json later = get("/v1/stats")["culprits"];
+  EXPECT_EQ(64u, later.size());
+  EXPECT_EQ("late", later[0]["to"]);
+  EXPECT_EQ(99, later[0]["count"]);
+  EXPECT_EQ("nobody", later[1]["to"]);
+}
+
+TEST_F(MsgsvrAdmin, SpeaksOpenMetrics) {
+  start({"--flight", "0"});
+  RawClient a("a\"b\\c");
+  a.send({.type = kType, .to = "nobody"});
+  a.read();
+  EXPECT_TRUE(get("/v1/stats")["flight"].is_null());
+
+  const Answer answer = ask("/metrics");
+  EXPECT_EQ("application/openmetrics-text; version=1.0.0; charset=utf-8", answer.type);
+  const auto samples = parse_open_metrics(answer.body);
+  ASSERT_TRUE(samples) << answer.body;
+  EXPECT_EQ(1, samples->at("msgsvr_clients"));
+  EXPECT_EQ(2, samples->at("msgsvr_received_messages_total"));
+  EXPECT_EQ(1, samples->at("msgsvr_lost_messages_total{reason=\"no_such_name\"}"));
+  EXPECT_EQ(2, samples->at("msgsvr_client_received_messages_total{id=\"1\",name=\"a\\\"b\\\\c\"}"));
+}
+
+TEST_F(MsgsvrAdmin, EndsAConnection) {
+  start();
+  RawClient a("a");
+  RawClient b("b");
+  const Answer answer = ask(path_of("a"), "-X DELETE");
+  EXPECT_EQ("204", answer.status);
+  EXPECT_TRUE(a.closed());
+  EXPECT_TRUE(server_->wait_for("is disconnected: by the admin interface"));
+  b.drain();
+  EXPECT_EQ(1u, get("/v1/clients")["clients"].size());
+
+  flight::Reader reader = flight::Reader::load(flight::kPath);
+  std::vector<std::string> reasons;
+  flight::Entry entry;
+  while (reader.next(&entry) == flight::Reader::Next::kEntry) {
+    if (entry.kind() == flight::Kind::kEnded) reasons.emplace_back(entry.text());
+  }
+  EXPECT_THAT(reasons, ElementsAre("by the admin interface"));
+}
+
+TEST_F(MsgsvrAdmin, SaysWhatIsWrongAsJson) {
+  start();
+  const struct {
+    const char *path, *options, *status;
+  } kCases[] = {{"/v1/clients/9", "", "404"},
+                {"/v1/clients/9", "-X DELETE", "404"},
+                {"/v1/clients/x", "", "400"},
+                {"/v1/clients/4294967296", "", "400"},
+                {"/v1/clients/", "", "400"},
+                {"/v2", "", "404"},
+                {"/", "", "404"},
+                {"/v1/stats", "-X POST", "405"},
+                {"/v1/clients/1", "-X PUT", "405"},
+                {"/v1/stats", "-d body", "413"}};
+  for (const auto &each : kCases) {
+    const Answer answer = ask(each.path, each.options);
+    EXPECT_EQ(each.status, answer.status) << each.path << ' ' << each.options;
+    EXPECT_EQ("application/json", answer.type) << each.path;
+    const json parsed = json::parse(answer.body, nullptr, false);
+    EXPECT_TRUE(parsed.is_object() && parsed["error"].is_string()) << answer.body;
+  }
+  EXPECT_THAT(ask("/v1/stats", "-X POST -i").body, HasSubstr("Allow: GET, HEAD\r\n"));
+}
+
+TEST_F(MsgsvrAdmin, IsForThoseWhoMay) {
+  struct stat status {};
+  start();
+  ASSERT_EQ(0, ::stat(kSocket, &status));
+  EXPECT_EQ(0600u, status.st_mode & 07777);
+  server_->stop(SIGTERM);
+  EXPECT_FALSE(std::filesystem::exists(kSocket));
+
+  const std::string group = ::getgrgid(::getgid())->gr_name;
+  start({"--admin-group", group});
+  ASSERT_EQ(0, ::stat(kSocket, &status));
+  EXPECT_EQ(0660u, status.st_mode & 07777);
+  EXPECT_EQ(::getgid(), status.st_gid);
+  server_->stop(SIGTERM);
+
+  start({"--admin", "none"});
+  EXPECT_FALSE(std::filesystem::exists(kSocket));
+}
+
+TEST_F(MsgsvrAdmin, ListsAThousandClientsAtOnceForMany) {
+  start();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 1000; ++i) {
+    clients.push_back(std::make_unique<RawClient>("app" + std::to_string(i)));
+  }
+  EXPECT_EQ(1000u, get("/v1/clients")["clients"].size());
+  // Ten ask at once, and messages pass meanwhile.
+  const std::string command =
+      "for i in $(seq 10); do curl -s --max-time 60 --retry 20 --retry-all-errors --unix-socket " +
+      std::string(kSocket) + " -o /var/list.$i http://localhost/v1/clients & done; wait";
+  std::thread asking([&command] { [[maybe_unused]] const int r = std::system(command.c_str()); });
+  for (int i = 0; i < 1000; ++i) {
+    clients[0]->send({.type = kType, .to = "app1"});
+    clients[1]->read();
+  }
+  asking.join();
+  for (int i = 1; i <= 10; ++i) {
+    const json got = json::parse(test::contents("/var/list." + std::to_string(i)), nullptr, false);
+    EXPECT_FALSE(got.is_discarded()) << i;
+  }
+}
+
+}  // namespace
