@@ -39,6 +39,7 @@ TEXT
 [[ -f ~/.bashrc ]] && . ~/.bashrc
 PS1='(msgapi sandbox) \w\$ '
 START
+  printf '. %q\n' "$(realpath "$(dirname "$0")")/msgctl/completion/msgctl.bash" >>"$start_file"
   set -- bash --rcfile "$start_file" -i
 fi
 

@@ -96,3 +96,9 @@ end_daemons
 "$bin/mlog" cat cms | grep -qF '00:**:**:33:**:55 at 192.***.*.10 and *'
 
 title "every step went as it should"
+cat <<'TEXT'
+Now look yourself: './dev shell' (docs/tour.md), and there
+  msgctl list      who is on the bus
+  msgctl listen    events as they come; 'msgctl publish wan LinkUp if=eth0' makes one
+  msgctl doctor    what is not as it should be, and what to do
+TEXT

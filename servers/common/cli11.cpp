@@ -93,6 +93,10 @@ std::optional<int> CommandLine::parse(int argc, char **argv) {
 }
 
 int CommandLine::usage_error(const std::string &mistake) const {
+  if (tell_) {
+    tell_(mistake);
+    return kUsageStatus;
+  }
   const char *program = app_->get_name().c_str();
   std::fprintf(stderr, "%s: %s\nRun '%s --help' for what it takes.\n", program,
                printable(mistake).c_str(), program);

@@ -100,7 +100,11 @@ class CommandLine : public Command {
   // Says what is wrong with the command line. Returns kUsageStatus.
   int usage_error(const std::string &mistake) const;
 
+  // Mistakes are told in this way in place of lines on standard error.
+  void tell_mistakes(std::function<void(const std::string &)> tell) { tell_ = std::move(tell); }
+
  private:
+  std::function<void(const std::string &)> tell_;
   std::unique_ptr<CLI::App> owned_;
 };
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 namespace msgctl {
@@ -94,14 +95,14 @@ void Admin::remove(const std::string &place) const {
 }
 
 std::vector<Json> Admin::list(const std::string &place, const char *member) const {
-  const Json json = get(place);
+  Json json = get(place);
   const auto entry = json.find(member);
   if (entry == json.end() || !entry->is_array()) {
     throw Failure(
         ExitStatus::kBadBody,
         fmt::format("what the message server said at {} has no list '{}'", place, member));
   }
-  return {entry->begin(), entry->end()};
+  return {std::move_iterator(entry->begin()), std::move_iterator(entry->end())};
 }
 
 namespace {

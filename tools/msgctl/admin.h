@@ -1,4 +1,4 @@
-// The message server's answers about itself, over its admin socket (docs/message-server.md).
+// The message server's answers about itself, over its admin socket (docs/admin-interface.md).
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,11 @@
 // msgctl: the message bus from a shell.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <optional>
+#include <string_view>
 
 #include "msgctl/context.h"
 #include "msgctl/output.h"
@@ -57,6 +59,13 @@ int main(int argc, char **argv) {
   msgctl::add_dissector_command(&line, &context);
   for (const catalogue::Problem &problem : context.catalogue.load()) {
     std::fprintf(stderr, "msgctl: %s\n", problem.text().c_str());
+  }
+  // A mistake may stand before the option that says how to tell it.
+  if (std::any_of(argv + 1, argv + argc,
+                  [](const char *word) { return word == std::string_view("--json"); })) {
+    line.tell_mistakes([](const std::string &mistake) {
+      std::fputs(msgctl::error_line(true, ExitStatus::kUsage, mistake).c_str(), stderr);
+    });
   }
   try {
     if (const std::optional<int> status = line.parse(argc, argv)) return *status;
