@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "connection.h"
 #include "msgapi/kit.h"
 #include "msgapi/log.h"
 
@@ -125,7 +124,7 @@ extern "C" uint32_t msgkit_subscribe(uint32_t event, ORP_EVT_CALLBACK callback) 
     Subscription *subscription = append(&g_subscriptions);
     if (subscription == nullptr) return ORP_ERR_MEMORY;
     subscription->event = event;
-    if (is_connected()) subscribe(*subscription);
+    if (msgkit_is_connected(MSGKIT_MESSAGE_SERVER) == 1) subscribe(*subscription);
   }
   if (event == ORP_MSG_ALL_EVENTS) {
     ORP_EVT_SubscribeAllEventCallBack(callback);
@@ -141,7 +140,7 @@ extern "C" uint32_t msgkit_serve_path(const char *path, const ORP_MSG_RESTFUL_RO
   Path *record = append(&g_paths);
   if (record == nullptr) return ORP_ERR_MEMORY;
   *record = {nullptr, path, table, expand, false};
-  if (is_connected()) announce(g_stMsgCtx.aucAppName, record);
+  if (msgkit_is_connected(MSGKIT_MESSAGE_SERVER) == 1) announce(g_stMsgCtx.aucAppName, record);
   return ORP_OK;
 }
 

@@ -4,8 +4,6 @@
 // watches the set's descriptor, is woken by no message. What has arrived before an end is read
 // first: the end counts once there is nothing left to read.
 
-#include "connection.h"
-
 #include <sys/epoll.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -288,10 +286,6 @@ void disconnect() {
 }
 
 }  // namespace
-
-bool is_connected() {
-  return g_links[MSGKIT_MESSAGE_SERVER].fd >= 0;
-}
 
 }  // namespace msgkit
 

@@ -137,18 +137,22 @@ MSGAPI_EXTERN_C const char *msgkit_status_sentence(uint32_t family, int64_t stat
 
 /* ---- A whole daemon ---------------------------------------------------------------------- */
 
-/* A daemon. Procedures may be null. */
+/* Called at the start of a daemon: a status. */
+typedef uint32_t (*MSGKIT_START_PROC)(void);
+/* Called when there is something to do, without saying more. */
+typedef void (*MSGKIT_PROC)(void);
+
+/*
+ * A daemon. Procedures may be null. pfStart registers procedures, paths and subscriptions; any
+ * status but ORP_OK ends the daemon. When pfStop is called, the daemon is still connected if it
+ * was.
+ */
 typedef struct MSGKIT_DAEMON_ST {
-  const char *pcName; /* application and log module; at most 11 characters */
-  /* Before connecting: registers procedures, paths, subscriptions. Any status but ORP_OK ends the
-   * daemon. */
-  uint32_t (*pfStart)(void);
-  /* As for msgkit_stay_connected(). */
-  MSGKIT_CHANGED_PROC pfChanged;
-  /* On SIGHUP. */
-  void (*pfReload)(void);
-  /* Before the daemon ends, still connected if it was. */
-  void (*pfStop)(void);
+  const char *pcName;            /* application and log module; at most 11 characters */
+  MSGKIT_START_PROC pfStart;     /* called before connecting */
+  MSGKIT_CHANGED_PROC pfChanged; /* as for msgkit_stay_connected() */
+  MSGKIT_PROC pfReload;          /* called on SIGHUP */
+  MSGKIT_PROC pfStop;            /* called before the daemon ends */
 } MSGKIT_DAEMON_ST;
 
 /*

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <functional>

@@ -1,8 +1,0 @@
-// Whether the message server is there.
-#pragma once
-
-namespace msgkit {
-
-bool is_connected();
-
-}  // namespace msgkit
