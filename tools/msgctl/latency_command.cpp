@@ -50,16 +50,17 @@ Json histogram_json(const Histogram &histogram) {
           {"max_ns", histogram.max()}};
 }
 
-// One line for each power of two between the least and the longest time.
+// One line for each power of two between the least and the longest time; all below a microsecond
+// are one.
 void draw(const char *word, const Histogram &histogram) {
-  constexpr unsigned kWidth = 50;
+  constexpr unsigned kWidth = 50, kMicrosecond = 10;
   unsigned first = 64, last = 0;
   uint64_t most = 0;
   const auto count = [&histogram](unsigned power) {
-    const uint64_t low = power == 0 ? 0 : uint64_t{1} << power;
+    const uint64_t low = power == kMicrosecond ? 0 : uint64_t{1} << power;
     return histogram.between(low, power == 63 ? ~uint64_t{0} : uint64_t{1} << (power + 1));
   };
-  for (unsigned power = 0; power < 64; ++power) {
+  for (unsigned power = kMicrosecond; power < 64; ++power) {
     if (const uint64_t here = count(power); here > 0) {
       first = std::min(first, power);
       last = power;
