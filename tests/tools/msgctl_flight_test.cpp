@@ -466,4 +466,29 @@ TEST_F(MsgctlFlight, TheBusIsAnInterfaceOfWireshark) {
   EXPECT_EQ(head.text.substr(0, 4), "\x0a\x0d\x0d\x0a");
 }
 
+TEST_F(MsgctlFlight, ACaptureStandsInForAnApplication) {
+  exchange(1, "question", "answer", 5);
+  exchange(2, "another", "reply", 6);
+  const std::string open = "/var/run/open.pcapng", masked = "/var/run/masked.pcapng";
+  ASSERT_EQ(run({"capture", "-w", open, "--no-mask"}).status, 0);
+  ASSERT_EQ(run({"capture", "-w", masked}).status, 0);
+  EXPECT_THAT(run({"replay", masked, "--to", "station"}).text, HasSubstr("--no-mask"));
+  EXPECT_EQ(run({"replay", masked, "--to", "station"}).status, 6);
+  EXPECT_EQ(run({"replay", open, "--to", "station", "--speed", "-1"}).status, 2);
+  EXPECT_EQ(run({"replay", open, "--to", "nobody"}).status, 4);
+  EXPECT_EQ(run({"mock", open}).status, 2);
+  EXPECT_EQ(run({"replay", open, "--to", "station"}).status, 3);
+
+  test::Process server("msgsvr");
+  ASSERT_TRUE(server.wait_for("ready"));
+  EXPECT_EQ(run({"replay", open, "--to", "station", "--speed", "0"}).status, 4);
+  test::Process mock("msgctl", {"mock", open, "--as", "station", "-n", "2", "--json"});
+  ASSERT_EQ(run({"wait", "station"}).status, 0);
+  const Output replay = run({"replay", open, "--to", "station", "--json"});
+  EXPECT_EQ(replay.status, 0);
+  EXPECT_THAT(replay.text, HasSubstr("\"sent\":2,\"answered_alike\":2,"));
+  EXPECT_EQ(mock.wait(), 0);
+  EXPECT_THAT(mock.output(), HasSubstr("\"from\":\"msgctl"));
+}
+
 }  // namespace

@@ -44,6 +44,7 @@ void add_waits_command(servers::CommandLine *line, Context *context);
 void add_diagram_command(servers::CommandLine *line, Context *context);
 void add_postmortem_command(servers::CommandLine *line, Context *context);
 void add_dissector_command(servers::CommandLine *line, Context *context);
+void add_replay_commands(servers::CommandLine *line, Context *context);
 
 // The options that every command has.
 void add_common_options(servers::Command *command, Context *context);

@@ -57,6 +57,7 @@ int main(int argc, char **argv) {
   msgctl::add_diagram_command(&line, &context);
   msgctl::add_postmortem_command(&line, &context);
   msgctl::add_dissector_command(&line, &context);
+  msgctl::add_replay_commands(&line, &context);
   for (const catalogue::Problem &problem : context.catalogue.load()) {
     std::fprintf(stderr, "msgctl: %s\n", problem.text().c_str());
   }

@@ -1,0 +1,358 @@
+// msgctl replay, msgctl mock: a capture's messages against an application, or answers in its place.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <unordered_map>
+
+#include "common/printable.h"
+#include "msgctl/bus.h"
+#include "msgctl/context.h"
+#include "msgctl/output.h"
+#include "traffic/pcapng.h"
+
+namespace msgctl {
+namespace {
+
+using servers::printable;
+
+struct Options {
+  std::string file;
+  std::string to;
+  std::string of;
+  std::string speed = "1";
+  uint32_t count = 0;
+  bool live = false;
+};
+
+// A message of a capture, on its way to one receiver.
+struct Recorded {
+  uint64_t number;
+  uint64_t wall_ns;
+  std::string to;
+  uint64_t answers;
+  uint32_t type;
+  uint32_t data;
+  std::string body;
+};
+
+struct Capture {
+  std::vector<Recorded> messages;
+  uint64_t in_files = 0;  // messages to the application whose bodies were in files
+};
+
+// The sandbox's root is a file system whose source has that name.
+bool in_sandbox() {
+  std::ifstream mounts("/proc/self/mounts");
+  for (std::string line; std::getline(mounts, line);) {
+    if (line.starts_with("sandbox / tmpfs ")) return true;
+  }
+  return false;
+}
+
+void refuse_other_buses(bool live) {
+  if (live || in_sandbox()) return;
+  throw Failure(ExitStatus::kNotPermitted,
+                "this is not a sandbox's bus, and its applications would take what comes for "
+                "real: run it in the sandbox, or give --live");
+}
+
+// "station" for "station[123]", as labels of captures tell clients of the same name apart.
+std::string name_of(const std::string &label) {
+  return label.ends_with(']') ? label.substr(0, label.rfind('[')) : label;
+}
+
+// What can be sent again of the traffic with `name`. Throws when bodies are missing or masked.
+Capture load(const std::string &path, const std::string &name) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kNoSuch,
+                  path + ": " + std::strerror(errno));
+  }
+  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+  Capture capture;
+  std::unordered_map<uint64_t, Recorded> events;  // accepted for nobody in particular
+  try {
+    traffic::PcapngReader reader(bytes);
+    while (const std::optional<traffic::Packet> packet = reader.next()) {
+      const auto kind = static_cast<flight::Kind>(packet->record.kind);
+      const std::string from = name_of(packet->from), to = name_of(packet->to);
+      if (kind == flight::Kind::kDelivered && to == name) {
+        if (const auto event = events.find(packet->record.about); event != events.end()) {
+          capture.messages.push_back(event->second);
+          capture.messages.back().to = to;
+        }
+      }
+      if (kind != flight::Kind::kAccepted || !packet->header) continue;
+      const ORP_MSG_HEADER_ST &header = *packet->header;
+      const bool theirs = from == name || to == name;
+      if (!theirs && packet->record.to != 0) continue;
+      if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
+        if (theirs) ++capture.in_files;
+        continue;
+      }
+      if (theirs && packet->record.a > packet->kept.size()) {
+        throw Failure(ExitStatus::kBadBody,
+                      fmt::format("{}: record {} has {} of its {} body bytes: run msgsvr with "
+                                  "--flight-body {} and capture again",
+                                  path, packet->record.number, packet->kept.size(),
+                                  packet->record.a, flight::kMostKept));
+      }
+      if (theirs && packet->masked && packet->record.a > 0) {
+        throw Failure(ExitStatus::kBadBody,
+                      fmt::format("{}: its bodies are masked: capture with --no-mask", path));
+      }
+      Recorded message{packet->record.number,
+                       packet->wall_ns,
+                       to,
+                       packet->answers,
+                       header.ulMsgType & ORP_MSG_TYPE_MASK,
+                       header.ulMsgData,
+                       packet->kept};
+      if (theirs) {
+        capture.messages.push_back(std::move(message));
+      } else if (packet->record.a == packet->kept.size() && !packet->masked) {
+        events.emplace(message.number, std::move(message));
+      }
+    }
+  } catch (const Failure &) {
+    throw;
+  } catch (const std::runtime_error &error) {
+    throw Failure(ExitStatus::kBadBody, path + ": " + error.what());
+  }
+  return capture;
+}
+
+double speed_of(const std::string &text) {
+  double speed = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), speed);
+  // Also false for what is no number.
+  if (error != std::errc() || end != text.data() + text.size() || !(speed >= 0 && speed <= 1e6)) {
+    throw servers::UsageError("'" + text +
+                              "' is no speed: 1 is that of the capture, 2 is twice as "
+                              "fast, 0 is without pauses");
+  }
+  return speed;
+}
+
+// Sends, and counts what comes back.
+class Player {
+ public:
+  Player(const Context &context, std::string to)
+      : bus_(context, Bus::Purpose::kIsAnswered), to_(std::move(to)) {
+    bus_.stay_quietly();
+  }
+
+  void send(const Recorded &message, const Recorded *answer) {
+    const uint32_t sequence = bus_.send(to_, message.type, message.data, message.body);
+    ++sent_;
+    if (answer != nullptr) open_[{message.type, sequence}] = answer;
+  }
+
+  void receive_until(Deadline deadline) {
+    while (const Message message = bus_.receive(deadline)) take(*message);
+  }
+  void receive_answers(Deadline deadline) {
+    while (!open_.empty()) {
+      const Message message = bus_.receive(deadline);
+      if (!message) return;
+      take(*message);
+    }
+  }
+
+  ExitStatus report(const Context &context, const Capture &capture) const {
+    const size_t unanswered = open_.size();
+    if (context.json) {
+      print_json({{"sent", sent_},
+                  {"answered_alike", alike_},
+                  {"answered_differently", different_},
+                  {"unanswered", unanswered},
+                  {"undelivered", undelivered_},
+                  {"left_out", capture.in_files}});
+    } else {
+      print_line(
+          fmt::format("{} messages sent to {}: {} answered as in the capture, {} otherwise, "
+                      "{} not answered, {} not delivered",
+                      sent_, printable(to_), alike_, different_, unanswered, undelivered_));
+      if (capture.in_files > 0) {
+        print_line(fmt::format("{} messages with large bodies were left out", capture.in_files));
+      }
+    }
+    if (undelivered_ > 0) return undelivered_ == sent_ ? ExitStatus::kNoSuch : ExitStatus::kLost;
+    if (unanswered > 0) return ExitStatus::kTimeout;
+    return different_ > 0 ? ExitStatus::kAnswerError : ExitStatus::kDone;
+  }
+
+ private:
+  void take(const ORP_MSG_HEADER_ST &message) {
+    const uint32_t type = message.ulMsgType & ORP_MSG_TYPE_MASK;
+    if (type == ORP_MSG_UNDELIVERABLE) {
+      ++undelivered_;
+      open_.erase({message.ulMsgData & ORP_MSG_TYPE_MASK, message.ulSeqNum});
+      return;
+    }
+    const auto request = open_.find({type, message.ulSeqNum});
+    if (request == open_.end()) return;
+    const Recorded &expected = *request->second;
+    const bool same = expected.data == message.ulMsgData && expected.body == body_of(message);
+    ++(same ? alike_ : different_);
+    open_.erase(request);
+  }
+
+  Bus bus_;
+  std::string to_;
+  std::map<std::pair<uint32_t, uint32_t>, const Recorded *> open_;  // by type and sequence number
+  uint64_t sent_ = 0;
+  uint64_t alike_ = 0;
+  uint64_t different_ = 0;
+  uint64_t undelivered_ = 0;
+};
+
+void replay(const Options &options, Context *context) {
+  refuse_other_buses(options.live);
+  const double speed = speed_of(options.speed);
+  const std::string of = options.of.empty() ? options.to : options.of;
+  const Capture capture = load(options.file, of);
+  std::unordered_map<uint64_t, const Recorded *> answers;  // by the number of the request
+  for (const Recorded &message : capture.messages) {
+    if (message.answers != 0 && message.to != of) answers[message.answers] = &message;
+  }
+  std::vector<const Recorded *> requests;
+  for (const Recorded &message : capture.messages) {
+    if (message.to == of && message.answers == 0) requests.push_back(&message);
+  }
+  if (requests.empty()) {
+    throw Failure(ExitStatus::kNoSuch,
+                  fmt::format("{}: nothing in it was sent to '{}' (--of names another receiver)",
+                              options.file, of));
+  }
+
+  Player player(*context, receiver_name(options.to));
+  const Deadline start = Clock::now();
+  for (const Recorded *message : requests) {
+    const uint64_t first_ns = requests.front()->wall_ns;
+    const uint64_t pause_ns = message->wall_ns < first_ns ? 0 : message->wall_ns - first_ns;
+    if (speed > 0) {
+      player.receive_until(start + std::chrono::nanoseconds(static_cast<int64_t>(
+                                       static_cast<double>(pause_ns) / speed)));
+    }
+    const auto answer = answers.find(message->number);
+    player.send(*message, answer == answers.end() ? nullptr : answer->second);
+  }
+  player.receive_answers(in_ms(context->timeout_ms));
+  context->status = player.report(*context, capture);
+}
+
+// The recorded answers to the requests of one type.
+struct Answers {
+  struct Pair {
+    const Recorded *request;
+    const Recorded *answer;
+  };
+  std::vector<Pair> pairs;
+  size_t next = 0;
+
+  // That to the same request, to one with the same data, or else the next one.
+  const Recorded &choose(const ORP_MSG_HEADER_ST &request) {
+    const auto same = [&request](bool with_body) {
+      return [&request, with_body](const Pair &pair) {
+        return pair.request->data == request.ulMsgData &&
+               (!with_body || pair.request->body == body_of(request));
+      };
+    };
+    for (const bool with_body : {true, false}) {
+      const auto found = std::find_if(pairs.begin(), pairs.end(), same(with_body));
+      if (found != pairs.end()) return *found->answer;
+    }
+    return *pairs[next++ % pairs.size()].answer;
+  }
+};
+
+void mock(const Options &options, Context *context) {
+  refuse_other_buses(options.live);
+  if (context->as.empty()) throw servers::UsageError("mock: --as NAME is missing");
+  const std::string of = options.of.empty() ? context->as : options.of;
+  const Capture capture = load(options.file, of);
+  std::unordered_map<uint64_t, const Recorded *> requests;
+  std::map<uint32_t, Answers> answers;
+  for (const Recorded &message : capture.messages) {
+    if (message.to == of) requests[message.number] = &message;
+    const auto request = requests.find(message.answers);
+    if (message.answers == 0 || request == requests.end()) continue;
+    answers[message.type].pairs.push_back({request->second, &message});
+  }
+  if (answers.empty()) {
+    throw Failure(ExitStatus::kNoSuch,
+                  fmt::format("{}: '{}' answered nothing in it (--of names another application)",
+                              options.file, of));
+  }
+
+  Bus bus(*context, Bus::Purpose::kIsAnswered);
+  bus.stay_quietly();
+  for (uint32_t answered = 0; options.count == 0 || answered < options.count;) {
+    const Message request = bus.receive(in_ms(3'600'000));
+    if (!request) continue;
+    const uint32_t type = request->ulMsgType & ORP_MSG_TYPE_MASK;
+    if (type == ORP_MSG_UNDELIVERABLE) continue;  // a requester that did not wait
+    const std::string from = sender_of(*request);
+    const auto known = answers.find(type);
+    if (known == answers.end() && type == ORP_MSG_EXIT) {
+      bus.send(from, type, 0, {}, request->ulSeqNum);
+      return;
+    }
+    const Recorded *answer = known == answers.end() ? nullptr : &known->second.choose(*request);
+    if (answer != nullptr) {
+      bus.send(from, type, answer->data, answer->body, request->ulSeqNum);
+      ++answered;
+    }
+    if (context->json) {
+      print_json({{"from", from},
+                  {"type", type},
+                  {"data", request->ulMsgData},
+                  {"answer", answer == nullptr ? Json(nullptr) : Json(answer->number)}});
+    } else {
+      print_line(fmt::format("{}  {} = {}: {}", printable(from),
+                             printable(context->catalogue.describe(type)), request->ulMsgData,
+                             answer == nullptr
+                                 ? std::string("no answer to that was captured")
+                                 : fmt::format("answered as in record {}", answer->number)));
+    }
+  }
+}
+
+}  // namespace
+
+void add_replay_commands(servers::CommandLine *line, Context *context) {
+  static Options options;
+  const auto common = [context](servers::Command *command) {
+    add_common_options(command, context);
+    command->option("--of", &options.of, "Whose messages of the capture, if not those of NAME");
+    command->flag("--live", &options.live, "Also on a bus that is not a sandbox's");
+    command->argument("FILE", &options.file, "A capture with bodies, made with --no-mask",
+                      servers::Presence::kRequired);
+  };
+  servers::Command replay_command =
+      line->command("replay", "Send an application what it was sent in a capture", [context] {
+        if (options.to.empty()) throw servers::UsageError("replay: --to NAME is missing");
+        replay(options, context);
+      });
+  common(&replay_command);
+  replay_command.option("--to", &options.to, "The application");
+  replay_command.option("--speed", &options.speed,
+                        "2 is twice as fast as in the capture, 0 without pauses");
+
+  servers::Command mock_command =
+      line->command("mock", "Answer in an application's place as it did in a capture (--as NAME)",
+                    [context] { mock(options, context); });
+  common(&mock_command);
+  mock_command.number("-n,--count", &options.count, "End after so many answers; 0: go on");
+}
+
+}  // namespace msgctl
