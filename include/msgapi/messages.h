@@ -56,11 +56,11 @@
 
 /* ---- Login control (msgapi/login.h) -------------------------------------------------------- */
 
-#define ORP_LCTRL_MSG_LOGIN 0x2cf01u
-#define ORP_LCTRL_MSG_CHECK 0x2cf02u
-#define ORP_LCTRL_MSG_SET_MAX_FAILED 0x2cf03u
-#define ORP_LCTRL_MSG_CLEAR_FORBIDDEN 0x2cf04u
-#define ORP_LCTRL_MSG_GET_ROUND 0x2cf05u
+#define ORP_LCTRL_MSG_LOGIN 0x2cf01u           /* a login attempt and how it ended */
+#define ORP_LCTRL_MSG_CHECK 0x2cf02u           /* may that client try? */
+#define ORP_LCTRL_MSG_SET_MAX_FAILED 0x2cf03u  /* how many attempts may fail */
+#define ORP_LCTRL_MSG_CLEAR_FORBIDDEN 0x2cf04u /* everybody may try again */
+#define ORP_LCTRL_MSG_GET_ROUND 0x2cf05u       /* how often that client was forbidden */
 
 /* ---- Events (msgapi/event.h) --------------------------------------------------------------- */
 

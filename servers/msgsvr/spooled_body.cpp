@@ -50,7 +50,8 @@ bool SpooledBody::append(std::string_view text) {
 }
 
 bool SpooledBody::finish(std::span<const char> head) {
-  if (!write({"", 1})) return false;
+  constexpr char kNul = '\0';
+  if (!write({&kNul, 1})) return false;
   if (file_ == 0) {
     memory_.replace(0, head_size_, head.data(), head.size());
     return true;

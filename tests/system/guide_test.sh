@@ -43,7 +43,7 @@ eventually() {
 says() { "$work/$1" >"$work/said" 2>&1 && grep -qx -- "$2" "$work/said"; }
 
 says hello 42 || failed "hello"
-"$build/bin/msgctl" serve 0x5001 --as clock --answer 0 --body hex:2a000000 -n 1 >"$work/mock" &
+"$build/bin/msgctl" serve 0x7001 --as clock --answer 0 --body hex:2a000000 -n 1 >"$work/mock" &
 mock=$!
 eventually says ask 'up for 42 s'
 wait "$mock" || failed "the stand-in ends badly"

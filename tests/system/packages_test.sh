@@ -57,7 +57,7 @@ grep -hoP '\$\(PKG_BUILD_DIR\)/\K\S+' packaging/openwrt/Makefile | there ./
 grep -hoE '[a-z]+\.service' packaging/yocto/*.bb | there "$root/usr/lib/systemd/system/"
 printf '%s\n' sysusers.d/msgapi.conf tmpfiles.d/msgapi.conf systemd/system/var-run.mount |
   there "$root/usr/lib/"
-grep -hoP '\$\{datadir\}/\K\w+' packaging/yocto/*.bb | there "$root/usr/share/"
+grep -hoP '\$\{datadir\}/\K[\w-]+' packaging/yocto/*.bb | there "$root/usr/share/"
 grep -hoE '/usr/sbin/[a-z]+' packaging/systemd/* packaging/procd/* | there "$root"
 grep -rhoP -- '-D\KMSGAPI_[A-Z_]+' packaging docs/packaging.md | while read -r option; do
   grep -q "^$option:" "$build/CMakeCache.txt" || { echo "no such option: $option"; exit 1; }

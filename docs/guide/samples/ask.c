@@ -5,7 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#define TYPE_UPTIME 0x5001u
+#define TYPE_UPTIME 0x7001u
 
 static int fails(uint32_t status) {
   fprintf(stderr, "ask: %s: %s\n", msgkit_status_name(MSGKIT_STATUS_MESSAGES, status),

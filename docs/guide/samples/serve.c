@@ -5,7 +5,7 @@
 #include <stdlib.h>
 #include <time.h>
 
-#define TYPE_UPTIME 0x5001u
+#define TYPE_UPTIME 0x7001u
 
 /* The first word of the answer is 0 or a status; the body is there only with 0. */
 static ORP_MSG_HEADER_ST *uptime(ORP_MSG_HEADER_ST *request) {
