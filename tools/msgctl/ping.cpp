@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "msgctl/body.h"
@@ -22,7 +23,8 @@ struct Words {
 };
 
 uint64_t at(const std::vector<uint64_t> &sorted, double share) {
-  const auto index = static_cast<size_t>(share * static_cast<double>(sorted.size() - 1) + 0.5);
+  const auto index =
+      static_cast<size_t>(std::lround(share * static_cast<double>(sorted.size() - 1)));
   return sorted[index];
 }
 
