@@ -16,7 +16,7 @@ paths=(/var/{cfm/cfm.db,mlogfile/log,mlog/mlogcfg,run/msgsvr,run/msg/msg_file_1}
   /app/{config/a,webroot/a} /data/userdata/a /html/a /system/a)
 # Nothing here may be real.
 for path in "${paths[@]}"; do [[ ! -e $path ]] || fail "$path is there already"; done
-mkdir -p /var/{cfm,mlogfile,mlog,run/msg,run/notify,policy_custom,other,work} /mnt/{mlog,usb} \
+mkdir -p /var/{cfm,mlogfile,mlog,run/msg,run/notify,policy_custom,other,place} /mnt/{mlog,usb} \
   /online/log /app/{config,webroot} /data/userdata /html /system
 for path in "${paths[@]}"; do echo "of the machine" >"$path"; done
 state() { find "${paths[@]}" "${paths[@]%/*}" -maxdepth 1 -printf '%p %y %m %s %T@ %i\n' | sort -u; }
@@ -31,8 +31,8 @@ after=$(state)
 [[ $after == "$before" ]] || fail "the machine changed: $(diff <(echo "$before") <(echo "$after"))"
 
 # A checkout below /var is there when work is done in it.
-cd /var/work
-"$bin/sandbox" -- touch /var/work/made
+cd /var/place
+"$bin/sandbox" -- touch /var/place/made
 [[ -f made ]] || fail "the working directory is not there"
 cd /
 
