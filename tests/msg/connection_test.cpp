@@ -16,7 +16,9 @@
 
 #include "base/drop_count.h"
 #include "msg/connection_fixture.h"
+#include "msg/dm_message.h"
 #include "msg/header.h"
+#include "msgapi/dmmsg.h"
 #include "msgapi/loop.h"
 #include "msgapi/trace.h"
 #include "support/allocation.h"
@@ -181,6 +183,31 @@ TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
   EXPECT_EQ(1u, g_dropped.completion);
   EXPECT_EQ(1u, g_dropped.read);
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
+}
+
+// As a message that the application reads itself.
+TEST_F(Connect, HoldsADmBodyToItsMessageBeforeItIsDispatched) {
+  const auto claims = [](uint32_t capacity) {
+    const DmBody head{ORP_DMMSG_MAGIC, capacity, 0, 0, 0, 0};
+    return std::string(reinterpret_cast<const char *>(&head), sizeof head);
+  };
+  static std::vector<uint32_t> magics;
+  connect([&](MessagePeer &peer) {
+    for (const uint32_t type : {uint32_t{ORP_DMMSG_TYPE}, uint32_t{ORP_MSG_EVENT_WAN}, 1u}) {
+      peer.send({.type = type, .body = claims(sizeof(DmBody))});
+      peer.send({.type = type, .body = claims(sizeof(DmBody) + 1)});
+    }
+    peer.send({.type = 0xeee});
+  });
+  ORP_MSG_RegisterMsgProc([](Header *message) {
+    if (message->ulMsgType == 0xeee) return stop_loop();
+    magics.push_back(reinterpret_cast<const DmBody *>(body(message))->magic);
+  });
+  run_loop();
+  EXPECT_EQ((std::vector<uint32_t>{ORP_DMMSG_MAGIC, 0, ORP_DMMSG_MAGIC, 0, ORP_DMMSG_MAGIC,
+                                   ORP_DMMSG_MAGIC}),
+            magics)
+      << "a body that claims more than arrived is none; other types' bodies are their own";
 }
 
 TEST_F(Connect, DispatchesWhatASynchronousWaitPutAsideBeforeWhatFollows) {

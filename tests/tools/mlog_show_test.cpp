@@ -180,6 +180,29 @@ TEST(MlogShow, CountsLinesAndWhatIsNotThere) {
   EXPECT_THAT(text_of({"--stats"}), HasSubstr("wan                  lost           7\n"));
 }
 
+TEST(MlogShow, GivesItsPagerWhatATerminalWouldShow) {
+  write_ring("wan", line(1, "a") + line(2, "b"));
+  // What the program prints on a terminal, its line ends as the program wrote them.
+  const auto on_terminal = [](const std::string &pager, const std::string &options) {
+    const std::string command = "script -qec \"PAGER='" + pager + "' " + std::getenv("MSGAPI_BIN") +
+                                "/mlog -o raw " + options + "\" /dev/null </dev/null";
+    std::FILE *pipe = ::popen(command.c_str(), "r");
+    std::string shown;
+    for (int c; (c = std::fgetc(pipe)) != EOF;) {
+      if (c != '\r') shown += static_cast<char>(c);
+    }
+    EXPECT_EQ(0, ::pclose(pipe)) << shown;
+    return shown;
+  };
+  if (::access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no terminals here: /dev/ptmx";
+  const std::string plain = line(1, "a") + line(2, "b");
+  EXPECT_EQ("seen:" + line(1, "a") + "seen:" + line(2, "b"), on_terminal("sed s/^/seen:/", ""));
+  EXPECT_EQ(plain, on_terminal("sed s/^/seen:/", "--no-pager"));
+  EXPECT_EQ(plain, on_terminal("cat", ""));
+  EXPECT_EQ(plain, on_terminal("no-such-pager", "")) << "falls back to the terminal itself";
+  EXPECT_EQ(line(1, "a"), on_terminal("head -n 1", "")) << "a pager that is left early";
+}
+
 TEST(MlogShow, EndsWithItsReader) {
   std::string lines;
   for (int i = 0; i < 100; ++i) lines += line(i, std::string(200, 'x'));
