@@ -312,6 +312,7 @@ TEST(WorkerFaults, AreNotTakenForResults) {
   while (done == 0) loop.turn(1000);
   EXPECT_EQ(1, done);
 
+#ifndef __SANITIZE_ADDRESS__  // looks at objects through a pipe
   // Without descriptors there is no worker, and it says so.
   rlimit before{};
   ::getrlimit(RLIMIT_NOFILE, &before);
@@ -319,6 +320,7 @@ TEST(WorkerFaults, AreNotTakenForResults) {
   ::setrlimit(RLIMIT_NOFILE, &none);
   EXPECT_THROW(msgsvr::Worker another(&loop), std::system_error);
   ::setrlimit(RLIMIT_NOFILE, &before);
+#endif
 }
 
 }  // namespace

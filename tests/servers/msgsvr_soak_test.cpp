@@ -30,7 +30,7 @@ using test::padded;
 using test::RawClient;
 
 constexpr uint32_t kPing = 0x4321;
-constexpr seconds kUsual{30};
+constexpr seconds kUsual{60};
 constexpr seconds kLongest{600};
 
 constexpr int kPairs = 2;
