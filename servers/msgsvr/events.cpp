@@ -189,7 +189,8 @@ class Events final : public Service {
     const auto entry = by_type_.find(type);
     if (entry == by_type_.end()) return;
     for (const Process &each : entry->second.processes) add_receiver(each.client);
-    for (const Named &each : entry->second.names) add_receiver(server_->find(each.name));
+    for (const Named &each : entry->second.names)
+      add_receiver(server_->names().receiver(each.name));
   }
 
   void add_receiver(Client *client) {

@@ -255,17 +255,18 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   from.in.left = size - begin.size();
   from.in.last_to = 0;
   from.in.last_tag = tag_of(from, header, record);
-  if (route.to != nullptr) {
+  Loss loss = obstacle(route);
+  if (loss == Loss::kNone && !route.to_server) {
     begin_stream(from, *route.to, begin, header);
     return;
   }
-  if (route.to_server) {
+  if (loss == Loss::kNone) {
+    loss = Loss::kNotServed;
     log_line("{} sent the server a message of {} bytes, which is too long", from.label(), size);
     for (const RefusedHandler &handler : refused_messages_) handler(from, header);
   }
   remove_sent_file(begin, from.swapped, from.peer.uid);
-  lose_unrouted(from, header, from.in.last_tag,
-                route.to_server ? Loss::kNotServed : Loss::kNoSuchName);
+  lose_unrouted(from, header, from.in.last_tag, loss);
 }
 
 // Whether `from` may have so much of a message kept whose rest is still to come.
@@ -359,7 +360,7 @@ const Route *Server::resolve(Client &from, const Header &header) {
   Route &route = from.in.route;
   static_assert(offsetof(Header, aucRecvApp) == offsetof(Header, aucSendApp) + ORP_APP_NAME_SIZE);
   const char *names = reinterpret_cast<const char *>(&header) + offsetof(Header, aucSendApp);
-  if (route.epoch == names_epoch_ &&
+  if (route.epoch == names_.epoch() &&
       std::memcmp(route.names.data(), names, route.names.size()) == 0) {
     return &route;
   }
@@ -370,10 +371,15 @@ const Route *Server::resolve(Client &from, const Header &header) {
     return nullptr;
   }
   std::memcpy(route.names.data(), names, route.names.size());
-  route.epoch = names_epoch_;
+  route.epoch = names_.epoch();
   route.to_server = receiver->is_server();
-  route.to = route.to_server ? nullptr : find(*receiver);
+  route.to = route.to_server ? nullptr : names_.receiver(*receiver);
   return &route;
+}
+
+// What keeps a message from going where its names lead; none if nothing does.
+Loss Server::obstacle(const Route &route) {
+  return route.to_server || route.to != nullptr ? Loss::kNone : Loss::kNoSuchName;
 }
 
 void Server::deliver(Client &from, std::span<char> frame, const Header &header,
@@ -383,13 +389,13 @@ void Server::deliver(Client &from, std::span<char> frame, const Header &header,
   const OutputQueue::Tag tag = tag_of(from, header, record);
   from.in.last_to = 0;
   from.in.last_tag = tag;
-  if (route.to_server) {
-    dispatch(from, frame, header, tag);
+  if (const Loss loss = obstacle(route); loss != Loss::kNone) {
+    remove_sent_file(frame, from.swapped, from.peer.uid);
+    lose_unrouted(from, header, tag, loss);
     return;
   }
-  if (route.to == nullptr) {
-    remove_sent_file(frame, from.swapped, from.peer.uid);
-    lose_unrouted(from, header, tag, Loss::kNoSuchName);
+  if (route.to_server) {
+    dispatch(from, frame, header, tag);
     return;
   }
 

@@ -33,13 +33,17 @@ class Registration final : public Service {
   }
 
  private:
+  // Whether `client` may have that name. Logs why not.
+  static bool may_bear(const Client &client, const AppName &name) {
+    if (name.text() != kServerName) return true;
+    log_line("{} may not have the server's own name", client.label());
+    return false;
+  }
+
   void enter(Client &from, const Message &request) {
     AppName name(std::string_view(request.header.aucSendApp));
-    if (name.text() == kServerName) {
-      log_line("{} may not have the server's own name", from.label());
-      name = {};
-    }
-    server_->rename(from, name);
+    if (!may_bear(from, name)) name = {};
+    if (server_->names().take(from, name)) server_->journal().named(from);
     const bool swap = server_->options().swap_all ||
                       std::ranges::count(server_->options().swap_names, name.text()) > 0;
     // Words for the client to read as they are: bodies are never converted.
@@ -56,7 +60,7 @@ class Registration final : public Service {
 
   void count(Client &from, const Message &request) {
     const auto name = request.name_in_body();
-    const size_t found = name ? server_->named(*name).size() : 0;
+    const size_t found = name ? server_->names().bearers(*name).size() : 0;
     server_->reply(from, request, static_cast<uint32_t>(found));
   }
 
@@ -67,7 +71,7 @@ class Registration final : public Service {
     ask.ulMsgType = ORP_MSG_EXIT;
     AppName(kServerName).store(ask.aucSendApp);
     name->store(ask.aucRecvApp);
-    for (Client *client : server_->named(*name)) server_->send(*client, ask);
+    for (Client *client : server_->names().bearers(*name)) server_->send(*client, ask);
   }
 
   void look_for_the_missing() {

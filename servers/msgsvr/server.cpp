@@ -1,4 +1,4 @@
-// Connections, names, and everything that is sent.
+// Connections, and everything that is sent.
 
 #include "msgsvr/server.h"
 
@@ -243,35 +243,6 @@ bool Server::disconnect(uint32_t id, std::string_view why) noexcept {
   return true;
 }
 
-std::span<Client *const> Server::named(const AppName &name) const {
-  const auto entry = names_.find(name);
-  if (entry == names_.end()) return {};
-  return entry->second;
-}
-
-Client *Server::find(const AppName &name) const {
-  const auto entry = names_.find(name);
-  return entry == names_.end() ? nullptr : entry->second.front();
-}
-
-void Server::rename(Client &client, const AppName &name) {
-  if (client.name == name) return;
-  unlist(client);
-  client.name = name;
-  ++names_epoch_;
-  if (!name.empty()) names_[name].push_back(&client);
-  journal_.named(client);
-}
-
-// Nothing reaches the client by its name any more; log lines still show it.
-void Server::unlist(const Client &client) noexcept {
-  const auto entry = names_.find(client.name);
-  if (entry == names_.end()) return;
-  ++names_epoch_;
-  std::erase(entry->second, &client);
-  if (entry->second.empty()) names_.erase(entry);
-}
-
 void Server::send(Client &to, Header header, std::span<const char> body, uint32_t file) {
   header.ulDataLen = static_cast<uint32_t>(body.size());
   OutputQueue::Tag tag;
@@ -455,7 +426,7 @@ void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<cons
 // The client receives nothing any more. What it has sent is still read: it may have said its last
 // word and closed with unread messages.
 void Server::silence(Client &client) noexcept {
-  unlist(client);
+  names_.release(client);
   client.out.close();
   release_held(client);
   for (const auto &[id, other] : clients_) {

@@ -1,4 +1,4 @@
-// The message server's core: connections, names, and the routing of frames between them.
+// The message server's core: connections, and the routing of frames between them.
 //
 // One turn of the loop reads what one client has sent, routes every whole frame in it and then
 // writes to each destination once. Between the two, frames are only referred to: they stay in the
@@ -20,6 +20,7 @@
 #include "common/listen.h"
 #include "msgsvr/client.h"
 #include "msgsvr/journal.h"
+#include "msgsvr/names.h"
 #include "msgsvr/options.h"
 #include "msgsvr/wire.h"
 
@@ -71,12 +72,9 @@ class Server {
   const Options &options() const { return options_; }
   const std::unordered_map<uint32_t, std::unique_ptr<Client>> &clients() const { return clients_; }
   Client *by_id(uint32_t id);
+  Names &names() { return names_; }
   // Ends that client for the reason `why`; false when it is not there.
   bool disconnect(uint32_t id, std::string_view why) noexcept;
-  // The clients of that name, oldest first.
-  std::span<Client *const> named(const AppName &name) const;
-  // The one that gets the messages for that name.
-  Client *find(const AppName &name) const;
   // One more of that kind for `client`; an empty share if that is one too many. If only its user
   // has too many, `make_room` may give up something that nobody owns any more, and says whether it
   // did.
@@ -84,8 +82,6 @@ class Server {
   Share share(const Client &client, Kept kind, const MakeRoom &make_room = nullptr);
   // Notes that `client` is refused more of what is limited, and tells it that its request is lost.
   void refuse(Client &client, const Message &request, std::string_view what);
-  // Gives `client` this name; an empty one takes its name away.
-  void rename(Client &client, const AppName &name);
 
   // Sending only notes what is to be written: call flush() at the end of every callback that does
   // not come from a handler above.
@@ -136,6 +132,7 @@ class Server {
   void begin_frame(Client &from, std::span<char> begin, const Header &header, const Route &route);
   void begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header);
   const Route *resolve(Client &from, const Header &header);
+  static Loss obstacle(const Route &route);
   void deliver(Client &from, std::span<char> frame, const Header &header, const Route &route);
   void dispatch(Client &from, std::span<char> frame, const Header &header,
                 const OutputQueue::Tag &tag);
@@ -162,7 +159,6 @@ class Server {
   void check_patience(Client &reader);
   void watch_backlog(Client &reader);
 
-  void unlist(const Client &client) noexcept;
   void silence(Client &client) noexcept;
   void end(Client &client, std::string_view why) noexcept;
   void log_end(const Client &client, std::string_view why) const;
@@ -172,8 +168,7 @@ class Server {
   const Options options_;
   std::vector<std::unique_ptr<Listener>> listeners_;
   std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
-  std::unordered_map<AppName, std::vector<Client *>> names_;
-  uint64_t names_epoch_ = 1;  // raised whenever a name changes hands
+  Names names_;
   uint32_t last_id_ = 0;
 
   std::unordered_map<uint32_t, Handler> handlers_;
