@@ -236,10 +236,7 @@ class Admin final : public Service {
   }
 
   Details details_of(const Client &client) const {
-    Details details{client.watched, client.missing, std::nullopt, !client.in.between_frames(), {}};
-    if (client.last_alive != EventLoop::Clock::time_point{}) {
-      details.last_alive_s = seconds(EventLoop::Clock::now() - client.last_alive);
-    }
+    Details details{!client.in.between_frames(), {}};
     for (size_t i = 0; i < kKindsKept; ++i) {
       details.limits.push_back({kKept[i], client.account->kept[i], client.account->user->kept[i],
                                 server_->options().limits[i]});

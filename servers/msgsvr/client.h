@@ -111,11 +111,6 @@ struct Client final : EventLoop::Watch, OutputQueue::Observer {
   int holds = 0;  // backlogs that hold this client's input
   uint32_t interest = 0;
 
-  EventLoop::Clock::time_point last_alive{};
-  bool watched = false;  // its keep-alives are expected
-  bool missing = false;  // and have not come
-  uint64_t event_mark = 0;
-
   uint64_t frames_in = 0;
   uint64_t bytes_in = 0;
   uint64_t frames_lost = 0;  // messages for it

@@ -144,12 +144,16 @@ class Events final : public Service {
   // Types outside the events' range are passed on if somebody has subscribed to them.
   bool publish(Client &from, const Message &message) {
     receivers_.clear();
-    ++mark_;
     add_receivers(message.type());
     if (is_event(message.type()) && message.type() != ORP_MSG_ALL_EVENTS) {
       add_receivers(ORP_MSG_ALL_EVENTS);
     }
     if (receivers_.empty() && !is_event(message.type())) return false;
+
+    // One may have subscribed itself, by its name, and to all events.
+    std::ranges::sort(receivers_, {}, &Client::id);
+    const auto repeated = std::ranges::unique(receivers_);
+    receivers_.erase(repeated.begin(), repeated.end());
 
     if ((message.header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
       publish_file(from, message);
@@ -188,21 +192,15 @@ class Events final : public Service {
   void add_receivers(uint32_t type) {
     const auto entry = by_type_.find(type);
     if (entry == by_type_.end()) return;
-    for (const Process &each : entry->second.processes) add_receiver(each.client);
-    for (const Named &each : entry->second.names)
-      add_receiver(server_->names().receiver(each.name));
-  }
-
-  void add_receiver(Client *client) {
-    if (client == nullptr || client->event_mark == mark_) return;
-    client->event_mark = mark_;
-    receivers_.push_back(client);
+    for (const Process &each : entry->second.processes) receivers_.push_back(each.client);
+    for (const Named &each : entry->second.names) {
+      if (Client *client = server_->names().receiver(each.name)) receivers_.push_back(client);
+    }
   }
 
   Server *server_;
   std::unordered_map<uint32_t, Subscribers> by_type_;
-  std::vector<Client *> receivers_;
-  uint64_t mark_ = 0;
+  std::vector<Client *> receivers_;  // of the event that is being published
   uint64_t ends_ = 0;
 };
 

@@ -4,8 +4,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <unordered_map>
+#include <utility>
 
 #include "common/log_line.h"
+#include "msgsvr/report.h"
 #include "msgsvr/services.h"
 
 namespace msgsvr {
@@ -22,17 +25,31 @@ class Registration final : public Service {
     server->serve(ORP_MSG_COUNT_PROCESSES,
                   [this](Client &from, const Message &m) { count(from, m); });
     server->serve(ORP_MSG_EXIT, [this](Client &, const Message &m) { ask_to_exit(m); });
-    server->serve(ORP_MSG_KEEP_ALIVE, [this](Client &from, const Message &) {
-      if (std::exchange(from.missing, false)) log_line("{} is alive again", from.label());
-      from.last_alive = EventLoop::Clock::now();
-      from.watched = period_.count() > 0;
+    server->serve(ORP_MSG_KEEP_ALIVE, [this](Client &from, const Message &) { note_alive(from); });
+    server->serve(ORP_MSG_STOP_WATCHDOG, [this](Client &from, const Message &) {
+      if (const auto known = lives_.find(from.id); known != lives_.end()) {
+        known->second.watched = false;
+      }
     });
-    server->serve(ORP_MSG_STOP_WATCHDOG,
-                  [](Client &from, const Message &) { from.watched = false; });
+    server->on_gone([this](Client &client) { lives_.erase(client.id); });
     if (period_.count() > 0) look_for_the_missing();
   }
 
+  void list(Inventory *inventory) const override {
+    const auto now = EventLoop::Clock::now();
+    for (const auto &[id, life] : lives_) {
+      const std::chrono::duration<double> ago = now - life.last_sign;
+      inventory->keep_alives.push_back({id, life.watched, life.missing, ago.count()});
+    }
+  }
+
  private:
+  struct Life {
+    EventLoop::Clock::time_point last_sign{};
+    bool watched = false;  // keep-alives are expected
+    bool missing = false;  // and have not come
+  };
+
   // Whether `client` may have that name. Logs why not.
   static bool may_bear(const Client &client, const AppName &name) {
     if (name.text() != kServerName) return true;
@@ -54,8 +71,9 @@ class Registration final : public Service {
     server_->reply(from, request, swap ? 1 : 0, body);
     // The reply itself still travels as the request did.
     from.swapped = swap;
-    from.last_alive = EventLoop::Clock::now();
-    from.watched = period_.count() > 0;
+    Life &life = lives_[from.id];
+    life.last_sign = EventLoop::Clock::now();
+    life.watched = period_.count() > 0;
   }
 
   void count(Client &from, const Message &request) {
@@ -74,12 +92,21 @@ class Registration final : public Service {
     for (Client *client : server_->names().bearers(*name)) server_->send(*client, ask);
   }
 
+  void note_alive(const Client &client) {
+    Life &life = lives_[client.id];
+    if (std::exchange(life.missing, false)) log_line("{} is alive again", client.label());
+    life.last_sign = EventLoop::Clock::now();
+    life.watched = period_.count() > 0;
+  }
+
   void look_for_the_missing() {
     server_->loop().after(period_, [this] {
       const auto limit = EventLoop::Clock::now() - kMissedPeriods * period_;
-      for (const auto &[id, client] : server_->clients()) {
-        if (!client->watched || client->missing || client->last_alive > limit) continue;
-        client->missing = true;
+      for (auto &[id, life] : lives_) {
+        if (!life.watched || life.missing || life.last_sign > limit) continue;
+        const Client *client = server_->by_id(id);
+        if (client == nullptr) continue;
+        life.missing = true;
         log_line("{} has sent no keep-alive for {} periods of {} s", client->label(),
                  kMissedPeriods, period_.count());
       }
@@ -89,6 +116,7 @@ class Registration final : public Service {
 
   Server *server_;
   std::chrono::seconds period_;
+  std::unordered_map<uint32_t, Life> lives_;  // of those who have registered or said they live
 };
 
 }  // namespace

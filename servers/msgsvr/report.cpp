@@ -165,9 +165,12 @@ std::string client_json(const ClientFacts &client, const Details &details,
   json["named_subscriptions"] = std::move(named);
   json["paths"] = std::move(paths);
   json["sync_points"] = std::move(points);
-  json["keep_alive"] = {{"watched", details.watched},
-                        {"missing", details.missing},
-                        {"last_s", details.last_alive_s ? Json(*details.last_alive_s) : Json()}};
+  json["keep_alive"] = {{"watched", false}, {"missing", false}, {"last_s", nullptr}};
+  for (const Inventory::KeepAlive &each : inventory.keep_alives) {
+    if (each.client != client.id) continue;
+    json["keep_alive"] = {
+        {"watched", each.watched}, {"missing", each.missing}, {"last_s", each.last_s}};
+  }
   json["in_message"] = details.in_message;
   Json &limits = json["limits"] = Json::object();
   for (const Details::Limit &each : details.limits) {

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,9 +27,16 @@ struct Inventory {
     std::string point;
     uint32_t client;
   };
+  struct KeepAlive {
+    uint32_t client;
+    bool watched;
+    bool missing;
+    double last_s;  // ago
+  };
   std::vector<Subscription> subscriptions;
   std::vector<Path> paths;
   std::vector<Wait> waits;
+  std::vector<KeepAlive> keep_alives;
 };
 
 struct ClientFacts {
@@ -54,9 +60,6 @@ struct ClientFacts {
 
 // Of one client.
 struct Details {
-  bool watched;
-  bool missing;
-  std::optional<double> last_alive_s;  // ago
   bool in_message;
   struct Limit {
     const char *what;
