@@ -154,11 +154,6 @@ std::optional<ucred> peer_credentials(int fd) {
   return credentials;
 }
 
-pid_t peer_pid(int fd) {
-  const auto credentials = peer_credentials(fd);
-  return credentials ? credentials->pid : 0;
-}
-
 std::string peer_address(int fd) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;

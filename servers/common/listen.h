@@ -40,8 +40,6 @@ class Acceptor {
 
 // Who is at the other end of a Unix connection, as it was when it connected.
 std::optional<ucred> peer_credentials(int fd);
-// The process at the other end of a Unix connection, as it was when it connected; 0 if unknown.
-pid_t peer_pid(int fd);
 // "ADDRESS:PORT" of the other end of a TCP connection, empty for another kind.
 std::string peer_address(int fd);
 

@@ -232,7 +232,7 @@ class Admin final : public Service {
             client.out.bytes_written(),
             client.out.weight(),
             client.out.limit(),
-            client.frames_lost};
+            client.lost};
   }
 
   Details details_of(const Client &client) const {

@@ -2,9 +2,6 @@
 // directions. Server does the work.
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/types.h>
-
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -13,6 +10,7 @@
 
 #include "common/event_loop.h"
 #include "common/output_queue.h"
+#include "common/peer.h"
 #include "common/unique_fd.h"
 #include "msgsvr/account.h"
 #include "msgsvr/wire.h"
@@ -71,13 +69,9 @@ struct Backlog {
   uint64_t frames_at_check = 0;
   bool slow = false;       // it has used up the patience: nobody waits for it until it is empty
   bool half_full = false;  // it has been since it was last empty
-  uint64_t lost_now = 0;   // messages for it that were lost since it was last empty
 };
 
-struct Client final : EventLoop::Watch, OutputQueue::Observer {
-  // Where the user is not known, over TCP.
-  static constexpr uid_t kNobody = static_cast<uid_t>(-1);
-
+struct Client final : servers::Peer, OutputQueue::Observer {
   Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit);
   void ready(uint32_t events) override;
   void failed(const char *why) noexcept override;
@@ -87,13 +81,11 @@ struct Client final : EventLoop::Watch, OutputQueue::Observer {
   void descriptor_dropped(const OutputQueue::Tag &tag) noexcept override;
 
   // For log lines: "name[pid]", or the address instead of the process where there is none.
-  std::string label() const;
+  std::string label() const override;
 
   Server *const server;
-  const uint32_t id;  // never 0, never used twice
-  const UniqueFd fd;
+  const uint32_t id;          // never 0, never used twice
   const std::string address;  // empty for a Unix connection
-  const ucred peer;           // as it was when it connected
   const std::chrono::system_clock::time_point connected_at = std::chrono::system_clock::now();
   const EventLoop::Clock::time_point connected = EventLoop::Clock::now();
   std::shared_ptr<Account> account;
@@ -103,17 +95,14 @@ struct Client final : EventLoop::Watch, OutputQueue::Observer {
   bool ended = false;
 
   Inbound in;
-  OutputQueue out;
   Backlog backlog;
   // What the current turn sends to it, in order.
   std::vector<OutputQueue::Frame> pending;
   bool touched = false;
   int holds = 0;  // backlogs that hold this client's input
-  uint32_t interest = 0;
 
   uint64_t frames_in = 0;
   uint64_t bytes_in = 0;
-  uint64_t frames_lost = 0;  // messages for it
 };
 
 }  // namespace msgsvr

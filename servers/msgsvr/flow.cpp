@@ -9,13 +9,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "common/log_line.h"
 #include "msgsvr/server.h"
 
 namespace msgsvr {
 namespace {
-
-using servers::log_line;
 
 // What a reader must take while senders wait for it.
 constexpr uint64_t kLeastBytes = 65536;
@@ -32,12 +29,8 @@ size_t low_mark(const OutputQueue &queue) {
 
 void Server::watch_backlog(Client &reader) {
   if (reader.out.empty()) {
-    if (reader.backlog.lost_now > 0) {
-      log_line("{} reads again; {} messages for it were lost", reader.label(),
-               reader.backlog.lost_now);
-    }
     if (std::exchange(reader.backlog.half_full, false)) journal_.empty_again(reader);
-    reader.backlog.lost_now = 0;
+    reader.note_empty();
     reader.backlog.slow = false;
   }
   if (reader.out.weight() > high_mark(reader.out) &&

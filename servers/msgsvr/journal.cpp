@@ -55,7 +55,7 @@ void Journal::ended(const Client &client, std::string_view why) noexcept {
   freshen();
   flight::Record facts;
   facts.from = client.id;
-  facts.a = static_cast<uint32_t>(client.frames_lost);
+  facts.a = static_cast<uint32_t>(client.lost);
   if (why.empty() && !client.in.between_frames()) why = "it left in the middle of a message";
   recorder_.note(Kind::kEnded, facts, why);
 }
@@ -97,7 +97,7 @@ void Journal::lost(Loss loss, const OutputQueue::Tag &tag, const Party &from, Cl
                    const AppName &to_name) noexcept {
   freshen();
   ++statistics_.lost[static_cast<size_t>(loss)];
-  if (to != nullptr) ++to->frames_lost;
+  if (to != nullptr) ++to->lost;
   note_culprit(loss, from.name, to_name);
   recorder_.lost(loss, tag.record, tag.origin, to == nullptr ? 0 : to->id, tag.type, tag.sequence);
 }
@@ -115,7 +115,7 @@ void Journal::empty_again(const Client &reader) noexcept {
   freshen();
   flight::Record facts;
   facts.to = reader.id;
-  facts.a = static_cast<uint32_t>(reader.backlog.lost_now);
+  facts.a = static_cast<uint32_t>(reader.overflowed());
   recorder_.note(Kind::kRelieved, facts);
 }
 

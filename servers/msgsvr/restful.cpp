@@ -248,10 +248,10 @@ class Restful final : public Service {
     pending.what = request.method + ' ' + request.path;
     pending.unsent.emplace(std::move(body));
     pending.timer = server_->loop().after(time_limit(), [this, sequence] { time_out(sequence); });
-    const uint64_t lost = client->frames_lost;
+    const uint64_t lost = client->lost;
     if (try_to_send(sequence, pending)) {
       server_->flush();
-      if (client->frames_lost != lost) finish(sequence, try_again("the application is busy"));
+      if (client->lost != lost) finish(sequence, try_again("the application is busy"));
     } else if (client->backlog.slow) {
       log_line("{} does not read: {} is refused", client->label(), pending.what);
       finish(sequence, try_again("the application is busy"));

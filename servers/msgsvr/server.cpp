@@ -46,13 +46,6 @@ void prepare_tcp(int fd) {
   set(IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
-ucred peer_of(int fd) {
-  ucred peer{0, Client::kNobody, 0};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {0, Client::kNobody, 0};
-  return peer;
-}
-
 std::string user_name(const Client &client) {
   // Behind one address are all the processes of one board.
   if (!client.address.empty()) {
@@ -86,12 +79,10 @@ void Scratch::reset() {
 }
 
 Client::Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit)
-    : server(server_in),
+    : Peer(&server_in->loop(), std::move(fd_in), queue_limit, this),
+      server(server_in),
       id(id_in),
-      fd(std::move(fd_in)),
-      address(servers::peer_address(fd.get())),
-      peer(address.empty() ? peer_of(fd.get()) : ucred{0, kNobody, 0}),
-      out(fd.get(), queue_limit, this) {}
+      address(servers::peer_address(fd.get())) {}
 
 void Client::ready(uint32_t events) {
   if ((events & EPOLLOUT) != 0) server->writable(*this);
@@ -178,9 +169,8 @@ void Server::take_in(UniqueFd fd) {
     return;
   }
   if (!client.address.empty()) prepare_tcp(client.fd.get());
-  client.interest = EPOLLIN;
   clients_.emplace(id, std::move(owner));
-  loop_->add(client.fd.get(), EPOLLIN, &client);
+  client.begin_watch();
   journal_.connected(client);
 }
 
@@ -376,17 +366,11 @@ void Server::after_output(Client &to) noexcept {
 
 void Server::update_interest(Client &client) noexcept {
   if (client.ended) return;
-  const uint32_t interest =
-      (client.holds == 0 ? EPOLLIN : 0u) | (client.out.blocked() ? EPOLLOUT : 0u);
-  if (interest == client.interest) return;
-  const bool changed = loop_->attempt("a connection cannot be watched",
-                                      [&] { loop_->change(client.fd.get(), interest, &client); });
-  if (changed) {
-    client.interest = interest;
-  } else {
-    journal_.failure();
-    end(client, "it cannot be watched");
-  }
+  const bool watched = loop_->attempt("a connection cannot be watched",
+                                      [&] { client.update_watch(client.holds == 0); });
+  if (watched) return;
+  journal_.failure();
+  end(client, "it cannot be watched");
 }
 
 void Server::writable(Client &to) {
@@ -404,12 +388,7 @@ void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<cons
                      : sender == nullptr ? Party{tag.origin, {}}
                                          : party_of(*sender);
   journal_.lost(kind, tag, from, &to, to.name);
-  if (!gone && to.backlog.lost_now++ == 0) {
-    loop_->attempt("a loss is not logged", [&] {
-      log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
-               to.label(), to.out.limit());
-    });
-  }
+  if (!gone) to.note_overflow(1);
   if (!tag.silent) {
     remove_sent_file(frame, to.swapped, tag.file_key);
   } else if (tag.file_key != 0) {
@@ -442,7 +421,7 @@ void Server::end(Client &client, std::string_view why) noexcept {
   // From here on nothing that its end brings about, for itself as a receiver, too, asks epoll for
   // the descriptor or ends it once more.
   client.ended = true;
-  loop_->remove(client.fd.get(), &client);
+  client.end_watch();
   loop_->attempt("the end of a client is not logged", [&] { log_end(client, why); });
   if (client.in.stream != nullptr) abandon_stream(client, "its sender is gone", false);
   silence(client);
@@ -458,9 +437,8 @@ void Server::end(Client &client, std::string_view why) noexcept {
 
 void Server::log_end(const Client &client, std::string_view why) const {
   const std::string label = client.label();
-  const std::string lost = client.frames_lost == 0
-                               ? ""
-                               : fmt::format(", {} messages for it were lost", client.frames_lost);
+  const std::string lost =
+      client.lost == 0 ? "" : fmt::format(", {} messages for it were lost", client.lost);
   if (!why.empty()) {
     log_line("{} is disconnected: {}{}", label, why, lost);
   } else if (!client.in.between_frames()) {
@@ -499,7 +477,7 @@ std::vector<std::string> Server::statistics() const {
     lines.push_back(fmt::format(
         "client {}: in {} messages, {} bytes; out {} messages, {} bytes; queued {} bytes; lost {}",
         client->label(), client->frames_in, client->bytes_in, client->out.frames_written(),
-        client->out.bytes_written(), client->out.weight(), client->frames_lost));
+        client->out.bytes_written(), client->out.weight(), client->lost));
   }
   lines.front() = fmt::format(
       "{} clients of {} connections; in {} messages, {} bytes; out {} messages, {} bytes; no such "
@@ -520,7 +498,7 @@ void Server::shut_down() {
   flush();
   for (const auto &[id, client] : clients_) {
     client->out.flush();
-    loop_->remove(client->fd.get(), client.get());
+    client->end_watch();
     journal_.ended(*client, "the server ends");
   }
   // Nobody is told of anybody's end any more.

@@ -1,6 +1,5 @@
 #include "notifyserver/server.h"
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <utility>
 
 #include "common/log_line.h"
+#include "common/peer.h"
 
 namespace notifyserver {
 namespace {
@@ -22,14 +22,6 @@ constexpr mode_t kSocketMode = 0666;
 
 constexpr size_t kReadSize = 131072;
 
-uid_t user_of(int fd) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  // Who cannot be told shares with all of these.
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return UINT32_MAX;
-  return credentials.uid;
-}
-
 const char *name_of(uint32_t module) {
   const char *name = ORP_NOTIFYCLT_GetNameByMID(module);
   return name == nullptr ? "unnamed" : name;
@@ -37,19 +29,17 @@ const char *name_of(uint32_t module) {
 
 }  // namespace
 
-class Server::Client final : public servers::EventLoop::Watch {
+class Server::Client final : public servers::Peer {
  public:
   Client(Server *server, servers::UniqueFd connection)
-      : fd(std::move(connection)),
-        pid(servers::peer_pid(fd.get())),
-        budget(server->budget_of(user_of(fd.get()))),
+      : Peer(&server->loop_, std::move(connection), server->limits_.queue),
+        budget(server->budget_of(peer.uid)),
         input(budget.get()),
-        output(fd.get(), server->limits_.queue),
         server_(server) {}
 
   void ready(uint32_t events) override {
     if ((events & EPOLLOUT) != 0) {
-      output.flush();
+      out.flush();
       server_->after_writing(*this);
       if (gone) return;
     }
@@ -58,22 +48,16 @@ class Server::Client final : public servers::EventLoop::Watch {
 
   void failed(const char *why) noexcept override { server_->give_up(*this, why); }
 
-  std::string label() const {
-    return module == 0 ? fmt::format("process {}", pid)
-                       : fmt::format("module {} ({}, process {})", module, name_of(module), pid);
+  std::string label() const override {
+    if (module == 0) return fmt::format("process {}", peer.pid);
+    return fmt::format("module {} ({}, process {})", module, name_of(module), peer.pid);
   }
 
-  servers::UniqueFd fd;
-  pid_t pid;
   uint32_t module = 0;  // 0 before registration
   std::shared_ptr<Budget> budget;
   FrameReader input;
-  OutputQueue output;
   Route route;           // messages of this turn
   uint64_t refused = 0;  // messages of its own, as far as they are counted
-  uint64_t lost = 0;
-  uint64_t lost_before = 0;  // when it last read again
-  bool waits_to_write = false;
   bool gone = false;
   Client *next_failed = nullptr;  // in flush_routes()
 
@@ -92,6 +76,7 @@ Server::Server(servers::EventLoop *loop, const std::string &path, const Limits &
 }
 
 Server::~Server() {
+  finish();
   loop_.remove(acceptor_->fd(), this);
   acceptor_.reset();
   servers::remove_unix(path_);
@@ -99,7 +84,7 @@ Server::~Server() {
 
 void Server::finish() {
   while (!clients_.empty()) {
-    clients_.back()->output.flush();
+    clients_.back()->out.flush();
     disconnect(*clients_.back(), "is disconnected: the server ends");
   }
 }
@@ -115,7 +100,7 @@ void Server::adopt(servers::UniqueFd fd) {
   clients_.push_back(std::make_unique<Client>(this, std::move(fd)));
   Client *const client = clients_.back().get();
   try {
-    loop_.add(client->fd.get(), EPOLLIN, client);
+    client->begin_watch();
   } catch (...) {
     clients_.pop_back();
     throw;
@@ -249,7 +234,7 @@ void Server::flush_routes() {
     routed_.pop_back();
     if (loop_.attempt("a client cannot be written to", [&] { write_route(*client); })) continue;
     // Part of a message may have been written. The client may be the sender.
-    client->output.close();
+    client->out.close();
     client->next_failed = std::exchange(failed, client);
   }
   answers_.clear();
@@ -261,38 +246,21 @@ void Server::flush_routes() {
 
 void Server::write_route(Client &client) {
   std::vector<OutputQueue::Tag> refused;
-  client.output.send(std::exchange(client.route, {}), &refused);
-  if (!client.output.broken() && !refused.empty()) {
-    if (client.lost == client.lost_before) {
-      log_line("{} does not read: its queue of {} bytes is full, messages for it are lost",
-               client.label(), client.output.limit());
-    }
-    client.lost += refused.size();
-    statistics_.overflows += refused.size();
-  } else {
+  client.out.send(std::exchange(client.route, {}), &refused);
+  client.lost += refused.size();
+  if (client.out.broken()) {
     statistics_.died_with += refused.size();
-    client.lost += refused.size();
+  } else {
+    statistics_.overflows += refused.size();
+    client.note_overflow(refused.size());
   }
   after_writing(client);
 }
 
 void Server::after_writing(Client &client) {
-  if (client.output.broken()) {
-    // What it sent before it went is still read; the end of its stream disconnects it.
-    if (std::exchange(client.waits_to_write, false)) {
-      loop_.change(client.fd.get(), EPOLLIN, &client);
-    }
-    return;
-  }
-  if (client.output.blocked() != client.waits_to_write) {
-    client.waits_to_write = !client.waits_to_write;
-    loop_.change(client.fd.get(), client.waits_to_write ? EPOLLIN | EPOLLOUT : EPOLLIN, &client);
-  }
-  if (client.output.empty() && client.lost != client.lost_before) {
-    log_line("{} reads again; {} messages for it were lost", client.label(),
-             client.lost - client.lost_before);
-    client.lost_before = client.lost;
-  }
+  // What a broken one sent before it went is still read; the end of its stream disconnects it.
+  client.update_watch(true);
+  if (client.out.empty() && !client.out.broken()) client.note_empty();
 }
 
 // After a failure in reading from `client`: what it sent last may be routed in part, and is lost.
@@ -311,7 +279,7 @@ void Server::disconnect(Client &client, const char *why) noexcept {
   client.gone = true;
   client.input.reset();
   leave_module(client);
-  loop_.remove(client.fd.get(), &client);
+  client.end_watch();
   const auto place = std::find_if(clients_.begin(), clients_.end(),
                                   [&](const auto &each) { return each.get() == &client; });
   loop_.retire(std::move(*place));
@@ -319,8 +287,8 @@ void Server::disconnect(Client &client, const char *why) noexcept {
 }
 
 void Server::report_end(Client &client, const char *why) {
-  statistics_.delivered += client.output.frames_written();
-  const uint64_t unwritten = client.output.take_unwritten().size();
+  statistics_.delivered += client.out.frames_written();
+  const uint64_t unwritten = client.out.take_unwritten().size();
   statistics_.died_with += unwritten;
   client.lost += unwritten;
   std::string losses;
@@ -332,9 +300,9 @@ void Server::report_end(Client &client, const char *why) {
 void Server::log_statistics() const {
   uint64_t delivered = statistics_.delivered;
   for (const auto &client : clients_) {
-    delivered += client->output.frames_written();
+    delivered += client->out.frames_written();
     log_line("{}: {} messages delivered, {} lost, {} bytes waiting", client->label(),
-             client->output.frames_written(), client->lost, client->output.weight());
+             client->out.frames_written(), client->lost, client->out.weight());
   }
   log_line(
       "received {} delivered {} registered {} answered {} unserved {} no_module {} overflows {} "
