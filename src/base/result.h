@@ -1,4 +1,5 @@
-// A value, or the status that says why there is none.
+// A value, or the status that says why there is none. `S` is the vocabulary of an area whose codes
+// are not those of base/status.h.
 #pragma once
 
 #include <optional>
@@ -8,15 +9,15 @@
 
 namespace msgapi {
 
-template <typename T>
+template <typename T, typename S = Status>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : value_(std::move(value)), status_(Status::kOk) {}
+  Result(T value) : value_(std::move(value)), status_(S::kOk) {}
   // `status` says why there is no value, so it is never kOk.
-  Result(Status status) : status_(status) {}
+  Result(S status) : status_(status) {}
 
   explicit operator bool() const { return value_.has_value(); }
-  Status status() const { return status_; }
+  S status() const { return status_; }
   T &operator*() { return *value_; }
   const T &operator*() const { return *value_; }
   T *operator->() { return &*value_; }
@@ -24,7 +25,7 @@ class [[nodiscard]] Result {
 
  private:
   std::optional<T> value_;
-  Status status_;
+  S status_;
 };
 
 }  // namespace msgapi

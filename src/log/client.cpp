@@ -4,6 +4,8 @@
 // to overflow and no state between calls but the time of the last complaint, so a log call works in
 // any thread at any time. A line that cannot be sent goes to standard error.
 
+#include "log/client.h"
+
 #include <strings.h>
 
 #include <algorithm>
@@ -18,7 +20,6 @@
 #include "base/copy_failure.h"
 #include "base/text.h"
 #include "log/transport.h"
-#include "msgapi/log.h"
 #include "os/clock.h"
 #include "os/file.h"
 
@@ -141,26 +142,28 @@ __attribute__((format(printf, 2, 0))) bool format_text(std::span<char> out, cons
   return fits;
 }
 
-__attribute__((format(printf, 3, 0))) void print_line(const char *module, uint32_t level,
-                                                      const char *format, va_list arguments) {
-  const int callers_errno = errno;
-  const ClientSocket socket(module);
-  const int socket_errno = errno;
-  if (!socket) {
+// Opens the socket of one line; errno says why there is none.
+class LineSocket {
+ public:
+  explicit LineSocket(const char *module) : socket_(module), error_(errno) {
+    if (socket_) return;
     std::printf("[MLOG][ERROR][%d]: open socket for module %s failed\n", __LINE__, module);
   }
 
-  char text[kTextSize];
-  errno = callers_errno;
-  const bool fits = format_text(text, format, arguments);
+  explicit operator bool() const { return static_cast<bool>(socket_); }
+  int fd() const { return socket_.fd(); }
+  int error() const { return error_; }
+
+ private:
+  ClientSocket socket_;
+  int error_;
+};
+
+// Sends a line, or prints it where that is not possible.
+void send_line(const LineSocket &socket, const char *module, uint32_t level, const char *text) {
   if (!socket) {
-    errno = socket_errno;
+    errno = socket.error();
     print_lost_line(module, level, text, nullptr);
-    return;
-  }
-  if (!fits) {
-    std::printf("[MLOG][ERROR][%d]: get print log buffer for module %s failed\n", __LINE__, module);
-    print_lost_line(module, level, text, "text of a log call");
     return;
   }
 
@@ -170,7 +173,7 @@ __attribute__((format(printf, 3, 0))) void print_line(const char *module, uint32
     print_lost_line(module, level, text, "text of a log call");
     return;
   }
-  if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != 0) {
+  if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != Status::kOk) {
     const int reason = errno;
     std::printf("[MLOG][ERROR][%d]: mlog send message failed\n", __LINE__);
     errno = reason;
@@ -181,12 +184,20 @@ __attribute__((format(printf, 3, 0))) void print_line(const char *module, uint32
   }
 }
 
-__attribute__((format(printf, 3, 4))) void print_formatted(const char *module, uint32_t level,
-                                                           const char *format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  print_line(module, level, format, arguments);
-  va_end(arguments);
+// A text that is too long is not sent.
+__attribute__((format(printf, 3, 0))) void print_whole_line(const char *module, uint32_t level,
+                                                            const char *format, va_list arguments) {
+  const int callers_errno = errno;
+  const LineSocket socket(module);
+
+  char text[kTextSize];
+  errno = callers_errno;
+  if (!format_text(text, format, arguments) && socket) {
+    std::printf("[MLOG][ERROR][%d]: get print log buffer for module %s failed\n", __LINE__, module);
+    print_lost_line(module, level, text, "text of a log call");
+    return;
+  }
+  send_line(socket, module, level, text);
 }
 
 // A text that is too long is cut, and sent only when `wanted`.
@@ -202,7 +213,7 @@ __attribute__((format(printf, 4, 0))) void print_cut_line(bool wanted, const cha
     std::printf("[MLOG][ERROR][%d]: generate log buffer of module %s failed\n", __LINE__, module);
     return;
   }
-  if (wanted) print_formatted(module, level, "%s", text);
+  if (wanted) send_line(LineSocket(module), module, level, text);
 }
 
 // The name of a socket that lives for one request of this process, "STAT_1234".
@@ -221,60 +232,60 @@ bool copy_field(std::span<char> out, std::string_view text) {
   return fits;
 }
 
-int32_t set_statistics(const char *module, const char *info) {
+Status set_statistics(const char *module, const char *info) {
   const RequestName name("STAT");
-  if (!name.valid) return MLOG_ERR;
+  if (!name.valid) return Status::kFailed;
   const ClientSocket socket(name.text);
-  if (!socket) return MLOG_ERR_SOCKET;
+  if (!socket) return Status::kNoSocket;
 
   MlogMsg message{.type = MLOG_TYPE_SET_STAT, .length = sizeof(MlogStat), .payload = {}};
   MlogStat fields{};
-  if (!copy_field(fields.module, module) || !copy_field(fields.info, info)) return MLOG_ERR;
+  if (!copy_field(fields.module, module) || !copy_field(fields.info, info)) return Status::kFailed;
   std::memcpy(message.payload, &fields, sizeof fields);
 
-  if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != 0) {
+  if (send_message(socket.fd(), &message, MLOG_SERVER_NAME) != Status::kOk) {
     std::printf("[MLOG][ERROR][%d]: mlog send message error\n", __LINE__);
-    return MLOG_ERR;
+    return Status::kFailed;
   }
-  return 0;
+  return Status::kOk;
 }
 
-int32_t get_statistics(const char *module, std::span<char> out) {
+Status get_statistics(const char *module, std::span<char> out) {
   MlogMsg message{.type = MLOG_TYPE_GET_STAT, .length = sizeof(MlogStat), .payload = {}};
   MlogStat fields{};
   {
     const RequestName name("STAT");
-    if (!name.valid) return MLOG_ERR;
+    if (!name.valid) return Status::kFailed;
     const ClientSocket socket(name.text);
-    if (!socket) return MLOG_ERR_SOCKET;
+    if (!socket) return Status::kNoSocket;
 
-    if (!copy_field(fields.module, module)) return MLOG_ERR;
+    if (!copy_field(fields.module, module)) return Status::kFailed;
     std::memcpy(message.payload, &fields, sizeof fields);
-    if (exchange_in_time(socket.fd(), &message) != 0) {
+    if (exchange_in_time(socket.fd(), &message) != Status::kOk) {
       std::printf("[MLOG][ERROR][%d]: mlog send and receive message error\n", __LINE__);
-      return MLOG_ERR;
+      return Status::kFailed;
     }
   }
 
   // A shorter answer leaves the zeroes of the request in place.
   std::memcpy(&fields, message.payload, sizeof fields);
-  return copy_field(out, field_text(fields.info)) ? 0 : MLOG_ERR;
+  return copy_field(out, field_text(fields.info)) ? Status::kOk : Status::kFailed;
 }
 
-int32_t flush() {
+Status flush() {
   const RequestName name("FLUSH");
-  if (!name.valid) return MLOG_ERR;
+  if (!name.valid) return Status::kFailed;
   const ClientSocket socket(name.text);
-  if (!socket) return MLOG_ERR_SOCKET;
+  if (!socket) return Status::kNoSocket;
 
   MlogMsg message{.type = MLOG_TYPE_FLUSH, .length = 0, .payload = {}};
-  const int32_t result = exchange_in_time(socket.fd(), &message);
-  if (result != 0) {
+  const Status result = exchange_in_time(socket.fd(), &message);
+  if (result != Status::kOk) {
     std::printf("[MLOG][ERROR][%d]: mlog send and receive message failed, ret: %d\n", __LINE__,
-                result);
-    return MLOG_ERR;
+                code(result));
+    return Status::kFailed;
   }
-  return 0;
+  return Status::kOk;
 }
 
 bool uses_share_partition() {
@@ -293,6 +304,16 @@ bool uses_share_partition() {
 }
 
 }  // namespace
+
+void print(const char *module, uint32_t level, const char *format, ...) {
+  const int saved = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  print_cut_line(true, module, level, format, arguments);
+  va_end(arguments);
+  errno = saved;
+}
+
 }  // namespace msgapi::log
 
 using namespace msgapi;
@@ -310,7 +331,7 @@ extern "C" void MlogPrint(const char *module, uint32_t level, const char *format
   const int saved = errno;
   va_list arguments;
   va_start(arguments, format);
-  log::print_line(module, level, format, arguments);
+  log::print_whole_line(module, level, format, arguments);
   va_end(arguments);
   errno = saved;
 }
@@ -335,17 +356,17 @@ extern "C" void MlogPrintWithType(uint32_t printType, const char *module, uint32
 }
 
 extern "C" int32_t MlogSetStatInfo(const char *module, const char *info) {
-  return module == nullptr || info == nullptr ? MLOG_ERR : log::set_statistics(module, info);
+  return module == nullptr || info == nullptr ? MLOG_ERR : code(log::set_statistics(module, info));
 }
 
 extern "C" int32_t MlogGetStatInfo(const char *module, char *buf, uint32_t bufSize) {
   if (buf == nullptr || bufSize == 0) return MLOG_ERR;
   buf[0] = '\0';
-  return module == nullptr ? MLOG_ERR : log::get_statistics(module, {buf, bufSize});
+  return module == nullptr ? MLOG_ERR : code(log::get_statistics(module, {buf, bufSize}));
 }
 
 extern "C" int32_t MlogFlushLog(void) {
-  return log::flush();
+  return code(log::flush());
 }
 
 extern "C" int32_t MlogUseSharePartion(void) {

@@ -32,6 +32,7 @@ constexpr size_t kHeaderSize = MLOG_FILE_HEADER_SIZE;
 
 static_assert(sizeof(void *) != 4 || sizeof(MlogFile) == 16);
 
+// The numbers stand in a console line.
 enum class FileCheck {
   kUsable = 0,
   kNotResolved = 2,
@@ -146,7 +147,7 @@ MlogFile *open_ring(const char *path, uint32_t max_size) {
   return opened ? file.release() : nullptr;
 }
 
-int32_t write_ring(MlogFile *file, uint32_t max_size, std::span<char> data) {
+bool write_ring(MlogFile *file, uint32_t max_size, std::span<char> data) {
   blur::blur_log_text(data);
 
   const auto size = static_cast<int64_t>(data.size());
@@ -156,9 +157,9 @@ int32_t write_ring(MlogFile *file, uint32_t max_size, std::span<char> data) {
   }
   if (std::fseek(file->stream, file->offset, SEEK_SET) != 0) {
     std::printf("[MLOG][ERROR][%d]: seek file offset failed\n", __LINE__);
-    return -1;
+    return false;
   }
-  // A short write shows in the stream's error flag; the ring goes on behind it all the same.
+  // A short write shows in the stream's error flag; the ring goes on after it all the same.
   const size_t written = std::fwrite(data.data(), 1, data.size(), file->stream);
   static_cast<void>(written);
   file->offset += static_cast<long>(size);
@@ -166,7 +167,7 @@ int32_t write_ring(MlogFile *file, uint32_t max_size, std::span<char> data) {
   if (!write_header(*file)) {
     std::printf("[MLOG][ERROR][%d]: rewrite log file header failed\n", __LINE__);
   }
-  return 0;
+  return true;
 }
 
 }  // namespace
@@ -191,7 +192,7 @@ extern "C" int32_t MlogFileWrite(MlogTarget *target, char *buf, uint32_t size) {
       uint64_t{target->maxFileSize} < uint64_t{size} + MLOG_FILE_HEADER_SIZE) {
     return -1;
   }
-  return log::write_ring(target->file, target->maxFileSize, {buf, size});
+  return log::write_ring(target->file, target->maxFileSize, {buf, size}) ? 0 : -1;
 }
 
 extern "C" int32_t MlogFileOpen(const char *path) {

@@ -21,6 +21,7 @@
 
 #include "base/bytes.h"
 #include "base/copy_failure.h"
+#include "base/result.h"
 #include "base/text.h"
 #include "os/clock.h"
 #include "util/netlink/datagram.h"
@@ -112,9 +113,9 @@ bool remove_client_file(const char *name) {
   return true;
 }
 
-int32_t receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<char> peer_name) {
+Status receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<char> peer_name) {
   const uint32_t capacity = message->length;
-  if (capacity > MLOG_MAX_PAYLOAD) return MLOG_ERR_SOCKET;
+  if (capacity > MLOG_MAX_PAYLOAD) return Status::kNoSocket;
 
   const int64_t deadline_ms = timeout_ms == 0 ? INT64_MAX : now_ms() + timeout_ms;
   set_time_limit(fd, SO_RCVTIMEO, timeout_ms);
@@ -128,11 +129,11 @@ int32_t receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<
     size = ::recvfrom(fd, message, MLOG_HEAD_SIZE + capacity, 0,
                       reinterpret_cast<sockaddr *>(&peer), &peer_size);
     if (size >= 0) break;
-    if (errno != EINTR) return MLOG_ERR_SOCKET;
+    if (errno != EINTR) return Status::kNoSocket;
     if (timeout_ms != 0) {
       // A signal must not start the wait anew.
       const int64_t left_ms = deadline_ms - now_ms();
-      if (left_ms <= 0) return MLOG_ERR_SOCKET;
+      if (left_ms <= 0) return Status::kNoSocket;
       set_time_limit(fd, SO_RCVTIMEO, left_ms);
     }
   }
@@ -143,35 +144,35 @@ int32_t receive_message(int fd, MlogMsg *message, int64_t timeout_ms, std::span<
     const size_t path_size = std::clamp<size_t>(peer_size, kPathStart, sizeof peer) - kPathStart;
     if (!copy_exact(peer_name, field_text({peer.sun_path, path_size}))) {
       print_copy_failure("memcpy_s", ERANGE);
-      return MLOG_ERR_SOCKET;
+      return Status::kNoSocket;
     }
   }
   return size >= ssize_t{MLOG_HEAD_SIZE} &&
                  message->length == static_cast<size_t>(size) - MLOG_HEAD_SIZE
-             ? 0
-             : MLOG_ERR_SOCKET;
+             ? Status::kOk
+             : Status::kNoSocket;
 }
 
 int64_t receive_wait_ms(uint32_t timeout_s) {
   return int64_t{std::min(timeout_s, kMaxReceiveWait_s)} * 1000;
 }
 
-int32_t open_netlink(int32_t *fd_out) {
+Result<os::UniqueFd, Status> open_netlink() {
   os::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, kNetlinkProtocol));
   if (!fd) {
     std::printf("[MLOG][ERROR][%d]: create netlink socket failed\n", __LINE__);
-    return MLOG_ERR_NETLINK;
+    return Status::kNoNetlink;
   }
 
-  if (!netlink::bind_to_port(fd.get(), static_cast<uint32_t>(::getpid()))) return MLOG_ERR_NETLINK;
-  *fd_out = fd.release();
-  return 0;
+  if (!netlink::bind_to_port(fd.get(), static_cast<uint32_t>(::getpid())))
+    return Status::kNoNetlink;
+  return Result<os::UniqueFd, Status>(std::move(fd));
 }
 
-int32_t send_netlink(int fd, const void *data, uint32_t size) {
+Status send_netlink(int fd, const void *data, uint32_t size) {
   const netlink::Datagram datagram =
       netlink::build_datagram(data, size, kNetlinkType, static_cast<uint32_t>(::getpid()));
-  if (!datagram.block) return MLOG_ERR_NETLINK;
+  if (!datagram.block) return Status::kNoNetlink;
 
   iovec part{.iov_base = datagram.block.get(), .iov_len = datagram.size};
   msghdr envelope{};
@@ -179,30 +180,30 @@ int32_t send_netlink(int fd, const void *data, uint32_t size) {
   envelope.msg_iovlen = 1;
   if (::sendmsg(fd, &envelope, MSG_NOSIGNAL) < 0) {
     std::printf("[MLOG][ERROR][%d]: send netlink message failed\n", __LINE__);
-    return MLOG_ERR_NETLINK;
+    return Status::kNoNetlink;
   }
-  return 0;
+  return Status::kOk;
 }
 
-int32_t receive_netlink(int fd, void *out, uint32_t out_size) {
+Status receive_netlink(int fd, void *out, uint32_t out_size) {
   char message[532];
   const ssize_t size = ::recv(fd, message, sizeof message, 0);
   if (size < 0) {
     std::printf("[MLOG][ERROR][%d]: receive netlink message failed\n", __LINE__);
-    return MLOG_ERR_NETLINK;
+    return Status::kNoNetlink;
   }
-  if (size < ssize_t{sizeof(nlmsghdr)}) return MLOG_ERR_NETLINK;
+  if (size < ssize_t{sizeof(nlmsghdr)}) return Status::kNoNetlink;
 
   const nlmsghdr head = load<nlmsghdr>(message);
-  if (head.nlmsg_len <= sizeof head) return MLOG_ERR_NETLINK;
+  if (head.nlmsg_len <= sizeof head) return Status::kNoNetlink;
   const size_t payload_size = head.nlmsg_len - sizeof head;
   if (head.nlmsg_len > static_cast<size_t>(size) || payload_size > out_size) {
     print_copy_failure("memcpy_s", ERANGE);
     std::printf("[MLOG][ERROR][%d]: copy receive netlink message failed\n", __LINE__);
-    return MLOG_ERR_NETLINK;
+    return Status::kNoNetlink;
   }
   std::memcpy(out, message + sizeof head, payload_size);
-  return 0;
+  return Status::kOk;
 }
 
 }  // namespace
@@ -217,17 +218,17 @@ ClientSocket::~ClientSocket() {
   errno = saved;
 }
 
-int32_t send_message(int fd, const MlogMsg *message, const char *server) {
+Status send_message(int fd, const MlogMsg *message, const char *server) {
   // The block is the caller's, so its length is, too; the socket's buffer is the only limit.
   sockaddr_un address;
   size_t size;
   if (__builtin_add_overflow(message->length, size_t{MLOG_HEAD_SIZE}, &size)) {
     errno = EMSGSIZE;
-    return MLOG_ERR_SOCKET;
+    return Status::kNoSocket;
   }
   if (!make_address(server, &address)) {
     errno = ENAMETOOLONG;
-    return MLOG_ERR_SOCKET;
+    return Status::kNoSocket;
   }
 
   int64_t deadline_ms = 0;
@@ -235,9 +236,9 @@ int32_t send_message(int fd, const MlogMsg *message, const char *server) {
   for (;;) {
     if (::sendto(fd, message, size, flags, reinterpret_cast<const sockaddr *>(&address),
                  sizeof address) >= 0) {
-      return 0;
+      return Status::kOk;
     }
-    if (errno != EINTR && errno != EAGAIN) return MLOG_ERR_SOCKET;
+    if (errno != EINTR && errno != EAGAIN) return Status::kNoSocket;
 
     const int64_t now = now_ms();
     if (deadline_ms == 0) {
@@ -248,18 +249,17 @@ int32_t send_message(int fd, const MlogMsg *message, const char *server) {
     }
     if (now >= deadline_ms) {
       errno = EAGAIN;
-      return MLOG_ERR_SOCKET;
+      return Status::kNoSocket;
     }
     set_time_limit(fd, SO_SNDTIMEO, deadline_ms - now);
     flags = MSG_NOSIGNAL;
   }
 }
 
-int32_t exchange_in_time(int fd, MlogMsg *message) {
+Status exchange_in_time(int fd, MlogMsg *message) {
   const int64_t end_ms = now_ms() + kMaxWait_ms;
-  if (const int32_t failure = send_message(fd, message, MLOG_SERVER_NAME); failure != 0) {
-    return failure;
-  }
+  const Status sent = send_message(fd, message, MLOG_SERVER_NAME);
+  if (sent != Status::kOk) return sent;
   return receive_message(fd, message, std::max<int64_t>(end_ms - now_ms(), 1), {});
 }
 
@@ -284,14 +284,14 @@ extern "C" int32_t MlogSocketClose(int32_t fd, const char *name) {
 
 extern "C" int32_t MlogSendMsg(int32_t fd, const MlogMsg *msg, const char *serverName) {
   if (fd < 0 || msg == nullptr || serverName == nullptr) return MLOG_ERR_SOCKET;
-  return log::send_message(fd, msg, serverName);
+  return code(log::send_message(fd, msg, serverName));
 }
 
 extern "C" int32_t MlogRecvMsg(int32_t fd, MlogMsg *msg, uint32_t timeoutSec, char *peerNameBuf,
                                uint32_t peerNameSize) {
   if (fd < 0 || msg == nullptr) return MLOG_ERR_SOCKET;
   const std::span<char> peer_name(peerNameBuf, peerNameBuf == nullptr ? 0 : peerNameSize);
-  return log::receive_message(fd, msg, log::receive_wait_ms(timeoutSec), peer_name);
+  return code(log::receive_message(fd, msg, log::receive_wait_ms(timeoutSec), peer_name));
 }
 
 extern "C" int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMsg *recvMsg,
@@ -300,22 +300,25 @@ extern "C" int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMsg *
       recvMsg->length > MLOG_MAX_PAYLOAD) {
     return MLOG_ERR_SOCKET;
   }
-  if (log::send_message(fd, sendMsg, serverName) != 0) return MLOG_ERR_SOCKET;
-  return log::receive_message(fd, recvMsg, log::receive_wait_ms(timeoutSec), {});
+  const log::Status sent = log::send_message(fd, sendMsg, serverName);
+  if (sent != log::Status::kOk) return code(sent);
+  return code(log::receive_message(fd, recvMsg, log::receive_wait_ms(timeoutSec), {}));
 }
 
 extern "C" int32_t MlogNetlinkOpen(int32_t *fdOut) {
   if (fdOut == nullptr) return MLOG_ERR_NETLINK;
   *fdOut = -1;
-  return log::open_netlink(fdOut);
+  Result<os::UniqueFd, log::Status> fd = log::open_netlink();
+  if (fd) *fdOut = fd->release();
+  return code(fd.status());
 }
 
 extern "C" int32_t MlogNetlinkSend(int32_t fd, const void *data, uint32_t size) {
   if (fd < 0 || data == nullptr || size == 0) return MLOG_ERR_NETLINK;
-  return log::send_netlink(fd, data, size);
+  return code(log::send_netlink(fd, data, size));
 }
 
 extern "C" int32_t MlogNetlinkReceive(int32_t fd, void *buf, uint32_t bufSize) {
   if (fd < 0 || buf == nullptr || bufSize == 0) return MLOG_ERR_NETLINK;
-  return log::receive_netlink(fd, buf, bufSize);
+  return code(log::receive_netlink(fd, buf, bufSize));
 }

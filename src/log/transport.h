@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "log/status.h"
 #include "msgapi/log.h"
 #include "os/fd.h"
 
@@ -26,10 +27,10 @@ class ClientSocket {
   os::UniqueFd fd_;
 };
 
-// Both give 0 or MLOG_ERR_SOCKET. What MlogSendMsg() promises, with errno after a failure:
-int32_t send_message(int fd, const MlogMsg *message, const char *server);
+// Both give kOk or kNoSocket. What MlogSendMsg() promises, with errno after a failure:
+Status send_message(int fd, const MlogMsg *message, const char *server);
 // Sends a request to the log server and receives the reply into the same block, within 2 seconds in
 // all.
-int32_t exchange_in_time(int fd, MlogMsg *message);
+Status exchange_in_time(int fd, MlogMsg *message);
 
 }  // namespace msgapi::log

@@ -140,7 +140,7 @@ TEST(ExchangeInTime, GoesOnWhenAFullQueueGetsRoomAndWaitsForTheRestOfItsTime) {
     while (!server.receive().empty()) {
     }
   });
-  EXPECT_EQ(-2, msgapi::log::exchange_in_time(client.get(), &message)) << "nobody answers";
+  EXPECT_EQ(-2, code(msgapi::log::exchange_in_time(client.get(), &message))) << "nobody answers";
   reader.join();
 
   EXPECT_GT(time_limit(client.get(), SO_RCVTIMEO), milliseconds(0));
