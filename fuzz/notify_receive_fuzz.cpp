@@ -50,13 +50,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   size_t taken = 0;
   for (;;) {
-    const msgapi::notify::Receipt receipt = msgapi::notify::receive_message(fds[1], 1000);
-    if (receipt.status == ORP_NOTIFYCLT_ERR_PEER_GONE) break;
-    if (!receipt.message) {
+    const auto received = msgapi::notify::receive_message(fds[1], 1000);
+    if (received.status() == msgapi::notify::Status::kPeerGone) break;
+    if (!received) {
       taken += sizeof(NOTIFY_MSG);
       continue;
     }
-    NOTIFY_MSG &message = receipt.message->message;
+    NOTIFY_MSG &message = (*received)->message;
     if (msgapi::load<uint32_t>(data + taken) != message.msg_type) std::abort();
     taken += sizeof message + message.data_len;
     (void)ORP_NOTIFYCLT_MsgFilterProc(&message);

@@ -19,7 +19,12 @@
 #include "notify/modules.h"
 #include "orputil.h"
 #include "os/wait.h"
+#include "uv/default_loop.h"
+#include "uv/idle.h"
+#include "uv/io.h"
+#include "uv/socket_base.h"
 #include "uv/trace_point.h"
+#include "uv/watcher.h"
 
 namespace msgapi::notify {
 
@@ -41,7 +46,7 @@ void receive_ready(ORP_UTIL_SOCKBASE_ST *sock_base, uint32_t /*event*/) {
   const int fd = g_client.fd;
   if (sock_base != g_client.sock_base || fd < 0) {
     // Left over from a former connection.
-    ORP_UTIL_SocketBaseListen(sock_base, ORP_UTIL_SOCKBASE_NONE);
+    uv::listen(sock_base, ORP_UTIL_SOCKBASE_NONE);
     return;
   }
   // A synchronous request of another callback in this pass may have put messages aside; they come
@@ -50,17 +55,17 @@ void receive_ready(ORP_UTIL_SOCKBASE_ST *sock_base, uint32_t /*event*/) {
   if (g_client.put_aside != nullptr) return;
   if (fd == sock_base->io.fd && os::wait_readable(fd, 0) == os::Readiness::kTimeout) return;
 
-  const Receipt receipt = receive_message(fd, kReceiveWait_ms);
-  if (receipt.status == ORP_NOTIFYCLT_ERR_PEER_GONE) {
+  const Result<Owned<Received>> received = receive_message(fd, kReceiveWait_ms);
+  if (received.status() == Status::kPeerGone) {
     // Nothing can come any more, but the descriptor would be ready for ever.
-    ORP_UTIL_SocketBaseListen(sock_base, ORP_UTIL_SOCKBASE_NONE);
+    uv::listen(sock_base, ORP_UTIL_SOCKBASE_NONE);
   }
-  if (receipt.message) (void)deliver(&receipt.message->message);
+  if (received) (void)deliver(&(*received)->message);
 }
 
 void deliver_put_aside(OrpUvIdle *idle) {
   if (idle != g_client.idle) {
-    (void)OrpUvIdleStop(idle);
+    (void)uv::delete_watcher(&idle->head);
     return;
   }
   // Only what is there now: a procedure may put further messages aside in every call.
@@ -90,9 +95,8 @@ void remove_client_path() {
 void close_connection() {
   const int fd = std::exchange(g_client.fd, -1);
   auto *watcher = reinterpret_cast<OrpUvIo *>(g_client.sock_base);
-  if (watcher != nullptr &&
-      OrpUvIoFindByFd(OrpUvLoopGetDefault(), g_client.watched_fd) == watcher) {
-    ORP_UTIL_SocketBaseDelete(g_client.sock_base);  // closes the descriptor
+  if (watcher != nullptr && uv::find_io(uv::default_loop(), g_client.watched_fd) == watcher) {
+    uv::delete_socket_base(g_client.sock_base);  // closes the descriptor
     g_client.sock_base = nullptr;
     if (fd == g_client.watched_fd) return;
   }
@@ -108,16 +112,16 @@ void destroy_client() {
   g_sequence.store(0);
 }
 
-uint32_t post(const NOTIFY_MSG &fields, Bytes first, Bytes second) {
+Status post(const NOTIFY_MSG &fields, Bytes first, Bytes second) {
   NOTIFY_MSG head = fields;
   head.seq_num = next_sequence();
   head.source_id = g_client.module_id;
   head.ack_tag = ORP_NOTIFYCLT_REQUEST;
   const Owned<NOTIFY_MSG> message = build_message(head, first, second);
-  return message ? send_message(g_client.fd, message.get()) : ORP_NOTIFYCLT_ERR_MEMORY;
+  return message ? send_message(g_client.fd, message.get()) : Status::kNoMemory;
 }
 
-uint32_t post_values(uint32_t des_id, uint32_t msg_type, uint32_t value1, uint32_t value2) {
+Status post_values(uint32_t des_id, uint32_t msg_type, uint32_t value1, uint32_t value2) {
   const uint32_t values[] = {value1, value2};
   NOTIFY_MSG head{};
   head.msg_type = msg_type;
@@ -127,79 +131,77 @@ uint32_t post_values(uint32_t des_id, uint32_t msg_type, uint32_t value1, uint32
   return post(head, {reinterpret_cast<const char *>(values), sizeof values}, {});
 }
 
-// 0, or the code of what went wrong.
-uint32_t bind_client_socket(int fd) {
+Status bind_client_socket(int fd) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (!make_client_path(::getpid(), address.sun_path)) {
     std::printf("file %s, line %d: snprintf_s failed, err = %d\n", "ORP_NOTIFYCLT_Init", __LINE__,
                 -1);
-    return UINT32_MAX;
+    return Status::kPathTooLong;
   }
 
   ::unlink(address.sun_path);
   if (::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    return ORP_NOTIFYCLT_ERR_SOCKET;
+    return Status::kNoSocket;
   }
   // Also for a process that ends without ORP_NOTIFYCLT_Destroy.
   static constinit bool removed_at_exit = false;
   if (!removed_at_exit) removed_at_exit = std::atexit(remove_client_path) == 0;
   g_bound_by = ::getpid();
   (void)ORP_UTIL_RemoveAndroidWPerm(address.sun_path, kSocketMode, kSocketMode);
-  return ORP_NOTIFYCLT_OK;
+  return Status::kOk;
 }
 
-uint32_t connect_to_server(int fd) {
+Status connect_to_server(int fd) {
   sockaddr_un address{.sun_family = AF_UNIX,
                       .sun_path = ORP_NOTIFYCLT_DIRECTORY "/" ORP_NOTIFYCLT_SERVER_NAME};
   int result;
   do {
     result = ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
   } while (result != 0 && errno == EINTR);
-  if (result == 0) return ORP_NOTIFYCLT_OK;
+  if (result == 0) return Status::kOk;
 
   ORP_TRACE_PrintInfo("ORP_NOTIFYCLT_Init", __LINE__, 0, "notify", uv::kTraceLevel,
                       "connect failed, errno=%d\n", errno);
-  return ORP_NOTIFYCLT_ERR_SOCKET;
+  return Status::kNoSocket;
 }
 
-uint32_t register_with_server() {
-  const uint32_t status =
+Status register_with_server() {
+  const Status status =
       post_values(ORP_NOTIFYCLT_SERVER, ORP_NOTIFYCLT_REGISTER, g_client.module_id, 0);
-  if (status == ORP_NOTIFYCLT_OK) return status;
+  if (status == Status::kOk) return status;
 
-  std::printf("notifyclient: Register to notify server failed %x, pid=%d.\n", status,
+  std::printf("notifyclient: Register to notify server failed %x, pid=%d.\n", code(status),
               static_cast<int>(::getpid()));
-  return ORP_NOTIFYCLT_ERR_PEER_GONE;
+  return Status::kPeerGone;
 }
 
-uint32_t join_loop() {
+Status join_loop() {
   const auto data = reinterpret_cast<ORP_WORD>(&g_client);
-  if (ORP_UTIL_SockBaseReg(g_client.fd, 0, receive_ready, ORP_UTIL_SOCKBASE_READ, data,
-                           &g_client.sock_base) != 0) {
-    return ORP_NOTIFYCLT_ERR_MEMORY;
-  }
+  g_client.sock_base =
+      uv::register_socket(g_client.fd, receive_ready, ORP_UTIL_SOCKBASE_READ, data);
+  if (g_client.sock_base == nullptr) return Status::kNoMemory;
   g_client.watched_fd = g_client.fd;
-  g_client.idle = ORP_UV_IdleStart(OrpUvLoopGetDefault(), deliver_put_aside);
-  return g_client.idle != nullptr ? ORP_NOTIFYCLT_OK : ORP_NOTIFYCLT_ERR_MEMORY;
+  g_client.idle = uv::start_idle(uv::default_loop(), deliver_put_aside);
+  return g_client.idle != nullptr ? Status::kOk : Status::kNoMemory;
 }
 
-uint32_t start_client(uint32_t module_id) {
-  if (!is_module_id(module_id)) return ORP_NOTIFYCLT_ERR_MODULE;
-  if (g_client.fd >= 0) return ORP_NOTIFYCLT_OK;
+Status start_client(uint32_t module_id) {
+  if (!is_module_id(module_id)) return Status::kBadModule;
+  if (g_client.fd >= 0) return Status::kOk;
 
   close_connection();  // the loop may still watch one that SwitchSock took the descriptor from
   g_client.module_id = module_id;
   g_client.fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (g_client.fd < 0) return ORP_NOTIFYCLT_ERR_SOCKET;
+  if (g_client.fd < 0) return Status::kNoSocket;
   const int on = 1;
   (void)::setsockopt(g_client.fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
 
-  uint32_t status = bind_client_socket(g_client.fd);
-  if (status == ORP_NOTIFYCLT_OK) status = connect_to_server(g_client.fd);
-  if (status == ORP_NOTIFYCLT_OK) status = register_with_server();
-  if (status == ORP_NOTIFYCLT_OK) status = join_loop();
-  if (status != ORP_NOTIFYCLT_OK) destroy_client();
+  Status status = bind_client_socket(g_client.fd);
+  if (status == Status::kOk) status = connect_to_server(g_client.fd);
+  if (status == Status::kOk) status = register_with_server();
+  if (status == Status::kOk) status = join_loop();
+  if (status != Status::kOk) destroy_client();
   return status;
 }
 
@@ -209,18 +211,22 @@ uint32_t next_sequence() {
   return g_sequence.fetch_add(1) + 1;
 }
 
+Status start_client_named(const char *name) {
+  const uint32_t id = client_id(name);
+  return id == 0 ? Status::kOk : start_client(id);
+}
+
 }  // namespace msgapi::notify
 
 using namespace msgapi;
 using namespace msgapi::notify;
 
 extern "C" uint32_t ORP_NOTIFYCLT_Init(uint32_t moduleId) {
-  return start_client(moduleId);
+  return code(start_client(moduleId));
 }
 
 extern "C" uint32_t ORP_NOTIFYCLT_InitByName(const char *name) {
-  const uint32_t id = client_id(name);
-  return id == 0 ? ORP_NOTIFYCLT_OK : start_client(id);
+  return code(start_client_named(name));
 }
 
 extern "C" void ORP_NOTIFYCLT_Destroy(void) {
@@ -242,10 +248,10 @@ extern "C" uint32_t ORP_NOTIFYCLT_PostAsynNotify(uint32_t desId, uint32_t msgTyp
   head.sub_data_len1 = static_cast<uint32_t>(first.size());
   head.sub_data_len2 = static_cast<uint32_t>(second.size());
   head.async_flag = 1;
-  return post(head, first, second);
+  return code(post(head, first, second));
 }
 
 extern "C" uint32_t ORP_NOTIFYCLT_PostSimpleAsynNotify(uint32_t desId, uint32_t msgType,
                                                        uint32_t value1, uint32_t value2) {
-  return post_values(desId, msgType, value1, value2);
+  return code(post_values(desId, msgType, value1, value2));
 }

@@ -41,7 +41,10 @@ extern Client g_client;
 uint32_t next_sequence();
 
 // Hands the message to the procedure that is registered for it, and sends the answer to a request.
-uint32_t deliver(NOTIFY_MSG *message);
+Status deliver(NOTIFY_MSG *message);
+
+// ORP_NOTIFYCLT_InitByName: starts the client, if the application of that name is one.
+Status start_client_named(const char *name);
 
 // What an application gives as an item of data; a null pointer is none.
 inline Bytes item(const void *data, uint32_t length) {

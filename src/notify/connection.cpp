@@ -56,7 +56,7 @@ bool wait_writable(int fd, const NOTIFY_MSG &message) {
   return false;
 }
 
-uint32_t write_message(int fd, const NOTIFY_MSG &message) {
+Status write_message(int fd, const NOTIFY_MSG &message) {
   const auto *bytes = reinterpret_cast<const char *>(&message);
   const size_t size = sizeof message + message.data_len;
   for (size_t sent = 0; sent < size;) {
@@ -77,14 +77,14 @@ uint32_t write_message(int fd, const NOTIFY_MSG &message) {
           "notifyclient fail to write notify: fd=%d, data_len=%u, send_len=%u, errno=EPIPE, "
           "ret=%d.\n",
           fd, message.data_len, static_cast<unsigned>(sent), static_cast<int>(count));
-      return ORP_NOTIFYCLT_ERR_TIMEOUT;
+      return Status::kTimeout;
     }
     std::printf(
         "notifyclient fail to write notify: fd=%d, data_len=%u, send_len=%u, errno=%d, ret=%d.\n",
         fd, message.data_len, static_cast<unsigned>(sent), errno, static_cast<int>(count));
-    return ORP_NOTIFYCLT_ERR_IO;
+    return Status::kIo;
   }
-  return ORP_NOTIFYCLT_OK;
+  return Status::kOk;
 }
 
 void reboot_device() {
@@ -97,27 +97,27 @@ os::ReadPolicy patience(uint32_t timeout_ms) {
   return {.patience_ms = timeout_ms, .interrupted = os::Interrupted::kGoesOn};
 }
 
-uint32_t report_silence(uint32_t timeout_ms) {
+Status report_silence(uint32_t timeout_ms) {
   std::printf("notifyclient: timeout to wait data when recv, timeout=%u, pid=%d", timeout_ms,
               static_cast<int>(::getpid()));
-  return ORP_NOTIFYCLT_ERR_TIMEOUT;
+  return Status::kTimeout;
 }
 
-uint32_t report_head_error(os::Piece piece) {
+Status report_head_error(os::Piece piece) {
   const int error = errno;
   const int pid = ::getpid();
   const int count = static_cast<int>(piece.count);
   if (piece.end == os::ReadEnd::kPeerGone) {
     std::printf("error: notifyclient peer dead when read head, my pid=%d, errno=%d, ret=%d!\n", pid,
                 error, count);
-    return ORP_NOTIFYCLT_ERR_PEER_GONE;
+    return Status::kPeerGone;
   }
   std::printf("error: notifyclient fail to read head, my pid=%d, errno=%d, ret=%d!\n", pid, error,
               count);
-  return ORP_NOTIFYCLT_ERR_IO;
+  return Status::kIo;
 }
 
-uint32_t read_head(int fd, uint32_t timeout_ms, NOTIFY_MSG *head) {
+Status read_head(int fd, uint32_t timeout_ms, NOTIFY_MSG *head) {
   const std::span<char> bytes(reinterpret_cast<char *>(head), sizeof *head);
   const os::Piece first = os::StreamReader(fd, patience(timeout_ms)).read_some(bytes);
   if (first.end == os::ReadEnd::kSilence) return report_silence(timeout_ms);
@@ -126,30 +126,30 @@ uint32_t read_head(int fd, uint32_t timeout_ms, NOTIFY_MSG *head) {
   const auto begun = static_cast<size_t>(first.count);
   size_t more;
   os::StreamReader rest(fd, patience(kHeadRest_ms));
-  if (rest.fill(bytes.subspan(begun), &more) == os::ReadEnd::kData) return ORP_NOTIFYCLT_OK;
+  if (rest.fill(bytes.subspan(begun), &more) == os::ReadEnd::kData) return Status::kOk;
   std::printf("ooo: notifyclient no match head len, my pid=%d, got len=%d!\n",
               static_cast<int>(::getpid()), static_cast<int>(begun + more));
-  return ORP_NOTIFYCLT_ERR_IO;
+  return Status::kIo;
 }
 
-uint32_t report_body_error(os::Piece piece, const NOTIFY_MSG &head) {
+Status report_body_error(os::Piece piece, const NOTIFY_MSG &head) {
   const int error = errno;
   const int pid = ::getpid();
   const int count = static_cast<int>(piece.count);
   if (piece.end == os::ReadEnd::kPeerGone) {
     std::printf("error: notifyclient peer dead when read body, my pid=%d, errno=%d, ret=%d!\n", pid,
                 error, count);
-    return ORP_NOTIFYCLT_ERR_PEER_GONE;
+    return Status::kPeerGone;
   }
   std::printf(
       "error: notifyclient fail to read body, my pid=%d, errno=%d, ret=%d,msg type=0x%x, src=%u, "
       "dest=%u!\n",
       pid, error, count, head.msg_type, head.source_id, head.des_id);
-  return ORP_NOTIFYCLT_ERR_IO;
+  return Status::kIo;
 }
 
 // Reads the data to its end; with a null `data` it is thrown away.
-uint32_t read_body(int fd, uint32_t timeout_ms, const NOTIFY_MSG &head, char *data) {
+Status read_body(int fd, uint32_t timeout_ms, const NOTIFY_MSG &head, char *data) {
   char thrown_away[1024];
   os::StreamReader reader(fd, patience(timeout_ms));
   for (uint32_t got = 0; got < head.data_len;) {
@@ -167,22 +167,22 @@ uint32_t read_body(int fd, uint32_t timeout_ms, const NOTIFY_MSG &head, char *da
     }
     got += static_cast<uint32_t>(piece.count);
   }
-  return ORP_NOTIFYCLT_OK;
+  return Status::kOk;
 }
 
-uint32_t receive_data(int fd, uint32_t timeout_ms, Owned<Received> &received) {
+Status receive_data(int fd, uint32_t timeout_ms, Owned<Received> &received) {
   const NOTIFY_MSG &head = received->message;
-  if (head.data_len == 0) return ORP_NOTIFYCLT_OK;
+  if (head.data_len == 0) return Status::kOk;
   if (head.data_len > ORP_NOTIFYCLT_MAX_DATA) {
     std::printf("ooo notifyclient data Length too long: %x, msg %x from %d to %d.\n", head.data_len,
                 head.msg_type, static_cast<int>(head.source_id), static_cast<int>(head.des_id));
-    return ORP_NOTIFYCLT_ERR_MEMORY;
+    return Status::kNoMemory;
   }
   const uint64_t size = sizeof(Received) + uint64_t{head.data_len};
   if (!grow_tailed(&received, sizeof(Received), size, __func__, __LINE__)) {
     std::printf("realloc failed in NotifyMsgRecv.\n");
-    const uint32_t status = read_body(fd, timeout_ms, received->message, nullptr);
-    return status == ORP_NOTIFYCLT_OK ? ORP_NOTIFYCLT_ERR_MEMORY : status;
+    const Status status = read_body(fd, timeout_ms, received->message, nullptr);
+    return status == Status::kOk ? Status::kNoMemory : status;
   }
   return read_body(fd, timeout_ms, received->message, reinterpret_cast<char *>(received.get() + 1));
 }
@@ -202,8 +202,8 @@ Owned<NOTIFY_MSG> build_message(const NOTIFY_MSG &head, Bytes first, Bytes secon
   return message;
 }
 
-uint32_t send_message(int fd, const NOTIFY_MSG *message) {
-  if (message == nullptr || fd < 0) return ORP_NOTIFYCLT_ERR_ARGUMENT;
+Status send_message(int fd, const NOTIFY_MSG *message) {
+  if (message == nullptr || fd < 0) return Status::kBadArgument;
 
   ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "notify", uv::kTraceLevel,
                       "send type=0x%x, src=[%d], dest=[%d] seq=%d, data_len=%d\n",
@@ -213,38 +213,38 @@ uint32_t send_message(int fd, const NOTIFY_MSG *message) {
   if (g_failures.load() > kMaxFailures) reboot_device();
 
   const SendLock lock;
-  if (!wait_writable(fd, *message)) return ORP_NOTIFYCLT_ERR_NOT_WRITABLE;
-  const uint32_t status = write_message(fd, *message);
-  if (status != ORP_NOTIFYCLT_OK) {
+  if (!wait_writable(fd, *message)) return Status::kNotWritable;
+  const Status status = write_message(fd, *message);
+  if (status != Status::kOk) {
     std::printf(
         "notifyclient NotifyMsgSend fail to send, type=0x%x, src=[%d], dest=[%d] seq=%d, "
         "sync_tag=%d, data_len=%d, ulRetVal=%d, fd=%d\n",
         message->msg_type, static_cast<int>(message->source_id), static_cast<int>(message->des_id),
         static_cast<int>(message->seq_num), static_cast<int>(message->sync_tag),
-        static_cast<int>(message->data_len), static_cast<int>(status), fd);
+        static_cast<int>(message->data_len), static_cast<int>(code(status)), fd);
     return status;
   }
   ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "notify", uv::kTraceLevel, "sent seq=%d\n",
                       static_cast<int>(message->seq_num));
   g_failures.store(0);
-  return ORP_NOTIFYCLT_OK;
+  return Status::kOk;
 }
 
-Receipt receive_message(int fd, uint32_t timeout_ms) {
+Result<Owned<Received>> receive_message(int fd, uint32_t timeout_ms) {
   // Nothing is allocated for a message that does not come.
   if (os::wait_readable_through_signals(fd, timeout_ms) == os::Readiness::kTimeout) {
-    return {report_silence(timeout_ms), nullptr};
+    return report_silence(timeout_ms);
   }
 
   Owned<Received> received = make_tailed<Received>(sizeof(Received));
   if (!received) {
     std::printf("malloc msg header failed.\n");
-    return {ORP_NOTIFYCLT_ERR_MEMORY, nullptr};
+    return Status::kNoMemory;
   }
 
-  uint32_t status = read_head(fd, timeout_ms, &received->message);
-  if (status == ORP_NOTIFYCLT_OK) status = receive_data(fd, timeout_ms, received);
-  if (status != ORP_NOTIFYCLT_OK) return {status, nullptr};
+  Status status = read_head(fd, timeout_ms, &received->message);
+  if (status == Status::kOk) status = receive_data(fd, timeout_ms, received);
+  if (status != Status::kOk) return status;
 
   const NOTIFY_MSG &head = received->message;
   ORP_TRACE_PrintInfo(
@@ -256,7 +256,7 @@ Receipt receive_message(int fd, uint32_t timeout_ms) {
       static_cast<int>(head.msg_type), static_cast<int>(head.data_len),
       static_cast<int>(head.ack_tag), static_cast<int>(head.sync_tag),
       static_cast<int>(head.sub_data_len1), static_cast<int>(head.sub_data_len2));
-  return {ORP_NOTIFYCLT_OK, std::move(received)};
+  return received;
 }
 
 }  // namespace msgapi::notify

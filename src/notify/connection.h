@@ -6,6 +6,7 @@
 
 #include "base/memory.h"
 #include "msgapi/notify.h"
+#include "notify/status.h"
 
 namespace msgapi::notify {
 
@@ -17,22 +18,16 @@ struct Received {
 };
 static_assert(sizeof(Received) == sizeof(void *) + sizeof(NOTIFY_MSG));
 
-// `message` with its status; there is one for ORP_NOTIFYCLT_OK only.
-struct Receipt {
-  uint32_t status;
-  Owned<Received> message;
-};
-
 using Bytes = std::span<const char>;
 
 // A message with two items as its data; data_len is filled in. Null without memory.
 Owned<NOTIFY_MSG> build_message(const NOTIFY_MSG &head, Bytes first, Bytes second = {});
 
 // Sends head and data. May be called on any thread: messages never mix.
-uint32_t send_message(int fd, const NOTIFY_MSG *message);
+Status send_message(int fd, const NOTIFY_MSG *message);
 
 // Receives one message, waiting up to `timeout_ms` for its head and again before each read of its
 // data. What fails is printed.
-Receipt receive_message(int fd, uint32_t timeout_ms);
+Result<Owned<Received>> receive_message(int fd, uint32_t timeout_ms);
 
 }  // namespace msgapi::notify

@@ -56,15 +56,15 @@ void call_sync_procedure(NOTIFY_MSG *message, uint32_t *length, void **reply) {
   }
 }
 
-uint32_t deliver_request(NOTIFY_MSG *message) {
+Status deliver_request(NOTIFY_MSG *message) {
   uint32_t length = 0;
   void *reply = nullptr;
   call_sync_procedure(message, &length, &reply);
   const Owned<char> owner(static_cast<char *>(reply));
-  if (message->source_id == ORP_NOTIFYCLT_SERVER) return ORP_NOTIFYCLT_OK;
+  if (message->source_id == ORP_NOTIFYCLT_SERVER) return Status::kOk;
   if (length != 0 && reply == nullptr) {
     std::printf("file %s, line %d: memcpy_s failed, err = %d\n", __FILE__, __LINE__, EINVAL);
-    return EINVAL;
+    return Status::kNoReplyData;
   }
 
   NOTIFY_MSG head{};
@@ -75,20 +75,28 @@ uint32_t deliver_request(NOTIFY_MSG *message) {
   head.sync_tag = 1;
   head.ack_tag = ORP_NOTIFYCLT_REPLY;
   const Owned<NOTIFY_MSG> answer = build_message(head, {owner.get(), length});
-  if (!answer) return ORP_NOTIFYCLT_ERR_MEMORY;
+  if (!answer) return Status::kNoMemory;
   return send_message(g_client.fd, answer.get());
+}
+
+template <typename Procedure>
+Status set_procedure(uint32_t msg_type, Procedure TypeEntry::*place, Procedure procedure) {
+  TypeEntry *entry = find_or_add_entry(msg_type);
+  if (entry == nullptr) return Status::kNoMemory;
+  entry->*place = procedure;
+  return Status::kOk;
 }
 
 }  // namespace
 
-uint32_t deliver(NOTIFY_MSG *message) {
+Status deliver(NOTIFY_MSG *message) {
   if (message->sync_tag == 0) {
     deliver_notification(message);
-    return ORP_NOTIFYCLT_OK;
+    return Status::kOk;
   }
   if (message->ack_tag == ORP_NOTIFYCLT_REQUEST) return deliver_request(message);
   call_sync_procedure(message, nullptr, nullptr);
-  return ORP_NOTIFYCLT_OK;
+  return Status::kOk;
 }
 
 }  // namespace msgapi::notify
@@ -97,17 +105,11 @@ using namespace msgapi;
 using namespace msgapi::notify;
 
 extern "C" uint32_t ORP_NOTIFYCLT_RegSyncMsgProc(uint32_t msgType, ORP_NOTIFYCLT_SYNC_PROC proc) {
-  TypeEntry *entry = find_or_add_entry(msgType);
-  if (entry == nullptr) return ORP_NOTIFYCLT_ERR_MEMORY;
-  entry->sync = proc;
-  return ORP_NOTIFYCLT_OK;
+  return code(set_procedure(msgType, &TypeEntry::sync, proc));
 }
 
 extern "C" uint32_t ORP_NOTIFYCLT_RegAsyncMsgProc(uint32_t msgType, ORP_NOTIFYCLT_ASYNC_PROC proc) {
-  TypeEntry *entry = find_or_add_entry(msgType);
-  if (entry == nullptr) return ORP_NOTIFYCLT_ERR_MEMORY;
-  entry->async = proc;
-  return ORP_NOTIFYCLT_OK;
+  return code(set_procedure(msgType, &TypeEntry::async, proc));
 }
 
 extern "C" void ORP_NOTIYCLT_RegMsgProc(ORP_NOTIFYCLT_SYNC_ANY_PROC syncProc,
@@ -117,5 +119,5 @@ extern "C" void ORP_NOTIYCLT_RegMsgProc(ORP_NOTIFYCLT_SYNC_ANY_PROC syncProc,
 }
 
 extern "C" uint32_t ORP_NOTIFYCLT_MsgFilterProc(NOTIFY_MSG *message) {
-  return message == nullptr ? ORP_NOTIFYCLT_ERR_ARGUMENT : deliver(message);
+  return message == nullptr ? ORP_NOTIFYCLT_ERR_ARGUMENT : code(deliver(message));
 }

@@ -18,49 +18,49 @@
 namespace msgapi::notify {
 namespace {
 
-Receipt wait_for_reply(const NOTIFY_MSG &request) {
+Result<Owned<Received>> wait_for_reply(const NOTIFY_MSG &request) {
   for (;;) {
-    Receipt receipt = receive_message(g_client.fd, kReceiveWait_ms);
-    if (receipt.status == ORP_NOTIFYCLT_ERR_PEER_GONE) {
+    Result<Owned<Received>> received = receive_message(g_client.fd, kReceiveWait_ms);
+    if (received.status() == Status::kPeerGone) {
       std::printf("error: notify server dead when recv, destory client, my pid=%d!\n",
                   static_cast<int>(::getpid()));
     }
-    if (!receipt.message) return receipt;
+    if (!received) return received.status();
 
-    const NOTIFY_MSG &message = receipt.message->message;
+    const NOTIFY_MSG &message = (*received)->message;
     ORP_TRACE_PrintInfo(
         "ORP_NOTIFYCLT_SendSynNotify", __LINE__, 0, "notify", uv::kTraceLevel,
         "recv msg_type = %x, seq_num = %x data_len=%x ack_tag=%x, wait for msg_type = %x, "
         "seq_num = %x \n",
         message.msg_type, message.seq_num, message.data_len, message.ack_tag, request.msg_type,
         request.seq_num);
-    if (message.msg_type == request.msg_type && message.seq_num == request.seq_num) return receipt;
-    list_append(g_client.put_aside, receipt.message.release());
+    if (message.msg_type == request.msg_type && message.seq_num == request.seq_num) return received;
+    list_append(g_client.put_aside, received->release());
   }
 }
 
 // The data in a block of its own.
-uint32_t hand_over_data(const Received &reply, void **data_out, uint32_t *length_out) {
+Status hand_over_data(const Received &reply, void **data_out, uint32_t *length_out) {
   const NOTIFY_MSG &head = reply.message;
   if (data_out != nullptr && head.data_len != 0) {
     // The zero tail comes along.
     const uint32_t size = head.data_len + kZeroTail;
     void *copy = plain_alloc(size);
-    if (copy == nullptr) return ORP_NOTIFYCLT_ERR_MEMORY;
+    if (copy == nullptr) return Status::kNoMemory;
     *data_out = std::memcpy(copy, &reply + 1, size);
   }
   if (length_out != nullptr) *length_out = head.data_len;
-  return ORP_NOTIFYCLT_OK;
+  return Status::kOk;
 }
 
-uint32_t request_reply(const NOTIFY_MSG &head, Bytes data, void **data_out, uint32_t *length_out) {
+Status request_reply(const NOTIFY_MSG &head, Bytes data, void **data_out, uint32_t *length_out) {
   const Owned<NOTIFY_MSG> request = build_message(head, data);
-  if (!request) return ORP_NOTIFYCLT_ERR_MEMORY;
-  const uint32_t status = send_message(g_client.fd, request.get());
-  if (status != ORP_NOTIFYCLT_OK) return status;
+  if (!request) return Status::kNoMemory;
+  const Status status = send_message(g_client.fd, request.get());
+  if (status != Status::kOk) return status;
 
-  const Receipt reply = wait_for_reply(*request);
-  return reply.message ? hand_over_data(*reply.message, data_out, length_out) : reply.status;
+  const Result<Owned<Received>> reply = wait_for_reply(*request);
+  return reply ? hand_over_data(**reply, data_out, length_out) : reply.status();
 }
 
 }  // namespace
@@ -84,5 +84,5 @@ extern "C" uint32_t ORP_NOTIFYCLT_SendSynNotify(uint32_t desId, uint32_t msgType
   head.sync_tag = 1;
   head.ack_tag = ORP_NOTIFYCLT_REQUEST;
   head.sync_arg = syncArg == nullptr ? 0 : *syncArg;
-  return request_reply(head, item(data, dataLen), respData, respLen);
+  return code(request_reply(head, item(data, dataLen), respData, respLen));
 }

@@ -3,6 +3,8 @@
 // select() has announced data when a message is read, so a message costs one call for its header
 // and one for its body. Only where a piece is missing does the reader wait, and the loop with it.
 
+#include "uv/message_watcher.h"
+
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -121,6 +123,8 @@ void receive(OrpUvIo *io, uint32_t /*event*/) {
   }
 }
 
+}  // namespace
+
 Status init_message_watcher(OrpUvLoop *loop, OrpUvMsg *watcher, int fd, ORP_UV_MSG_PROC msg_proc) {
   const Status status = init_io(loop, &watcher->io, fd, receive);
   watcher->msgProc = msg_proc;
@@ -129,7 +133,10 @@ Status init_message_watcher(OrpUvLoop *loop, OrpUvMsg *watcher, int fd, ORP_UV_M
   return status;
 }
 
-}  // namespace
+Status start_message_watcher(OrpUvMsg *watcher) {
+  return start_io(watcher == nullptr ? nullptr : &watcher->io, ORP_UV_READABLE);
+}
+
 }  // namespace msgapi::uv
 
 using namespace msgapi;
@@ -143,7 +150,7 @@ extern "C" uint32_t OrpUvMsgInit(OrpUvLoop *loop, OrpUvMsg *watcher, int32_t fd,
 }
 
 extern "C" uint32_t OrpUvMsgStart(OrpUvMsg *watcher) {
-  return code(start_io(watcher == nullptr ? nullptr : &watcher->io, ORP_UV_READABLE));
+  return code(start_message_watcher(watcher));
 }
 
 extern "C" uint32_t OrpUvMsgDelete(OrpUvMsg *watcher) {

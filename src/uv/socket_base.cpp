@@ -26,6 +26,61 @@ void call_procedure(OrpUvIo *watcher, uint32_t event) {
   if (sock_base->proc != nullptr) sock_base->proc(sock_base, event);
 }
 
+// Cuts the connection from both sides.
+void disconnect_timer(ORP_UTIL_SOCK_RESP_ST *response) {
+  end_timer(response->timer);
+  response->timer = nullptr;
+}
+
+void disconnect_socket_base(ORP_UTIL_SOCK_RESP_ST *response) {
+  if (response->sockBase != nullptr) response->sockBase->io.head.status &= ~kResponseWait;
+  response->sockBase = nullptr;
+}
+
+void response_timed_out(ORP_WORD data) {
+  auto *response = reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(data);
+  disconnect_timer(response);
+  response->timedOut = 1;
+  ORP_UTIL_SOCKBASE_ST *sock_base = response->sockBase;
+  if (sock_base == nullptr || is_deleted(&sock_base->io.head)) return;
+  // The procedure tells a time-out by timedOut; the event means nothing.
+  call_procedure(&sock_base->io, 0);
+}
+
+// Undoes a registration; the descriptor stays the caller's.
+void give_back(ORP_UTIL_SOCKBASE_ST *sock_base) {
+  (void)stop_io(&sock_base->io, kAllEvents);
+  sock_base->io.fd = -1;
+  (void)delete_watcher(&sock_base->io.head);
+}
+
+ORP_UTIL_SOCK_RESP_ST *wait_for_response(int fd, uint32_t timeout_ms, ORP_WORD user_value,
+                                         ORP_UTIL_SOCKBASE_PROC proc) {
+  Owned<ORP_UTIL_SOCK_RESP_ST> created = make<ORP_UTIL_SOCK_RESP_ST>();
+  if (!created) return nullptr;
+  const auto data = reinterpret_cast<ORP_WORD>(created.get());
+  created->userValue = user_value;
+  created->sockBase = register_socket(fd, proc, ORP_UTIL_SOCKBASE_READ, data);
+  if (created->sockBase == nullptr) return nullptr;
+  created->timer = add_timer(timeout_ms, 1, response_timed_out, data);
+  if (created->timer == nullptr) {
+    give_back(created->sockBase);
+    return nullptr;
+  }
+  created->sockBase->io.head.status |= kResponseWait;
+  return created.release();
+}
+
+void end_response(ORP_UTIL_SOCK_RESP_ST *response) {
+  ORP_UTIL_SOCKBASE_ST *sock_base = response->sockBase;
+  disconnect_timer(response);
+  disconnect_socket_base(response);
+  delete_socket_base(sock_base);
+  std::free(response);
+}
+
+}  // namespace
+
 void listen(ORP_UTIL_SOCKBASE_ST *sock_base, uint32_t mode) {
   if (sock_base == nullptr || sock_base->io.fd < 0) return;
 
@@ -68,61 +123,6 @@ void delete_socket_base(ORP_UTIL_SOCKBASE_ST *sock_base) {
   if (sock_base->io.head.loop != nullptr) skip_pass(sock_base->io.head.loop, true);
   (void)delete_io(&sock_base->io);
 }
-
-// Cuts the connection from both sides.
-void disconnect_timer(ORP_UTIL_SOCK_RESP_ST *response) {
-  end_timer(response->timer);
-  response->timer = nullptr;
-}
-
-void disconnect_socket_base(ORP_UTIL_SOCK_RESP_ST *response) {
-  if (response->sockBase != nullptr) response->sockBase->io.head.status &= ~kResponseWait;
-  response->sockBase = nullptr;
-}
-
-void response_timed_out(ORP_WORD data) {
-  auto *response = reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(data);
-  disconnect_timer(response);
-  response->timedOut = 1;
-  ORP_UTIL_SOCKBASE_ST *sock_base = response->sockBase;
-  if (sock_base == nullptr || is_deleted(&sock_base->io.head)) return;
-  // The procedure tells a time-out by timedOut; the event means nothing.
-  call_procedure(&sock_base->io, 0);
-}
-
-// Undoes a registration; the descriptor stays the caller's.
-void give_back(ORP_UTIL_SOCKBASE_ST *sock_base) {
-  (void)stop_io(&sock_base->io, kAllEvents);
-  sock_base->io.fd = -1;
-  (void)delete_watcher(&sock_base->io.head);
-}
-
-ORP_UTIL_SOCK_RESP_ST *wait_for_response(int fd, uint32_t timeout_ms, ORP_WORD user_value,
-                                         ORP_UTIL_SOCKBASE_PROC proc) {
-  Owned<ORP_UTIL_SOCK_RESP_ST> created = make<ORP_UTIL_SOCK_RESP_ST>();
-  if (!created) return nullptr;
-  const auto data = reinterpret_cast<ORP_WORD>(created.get());
-  created->userValue = user_value;
-  created->sockBase = register_socket(fd, proc, ORP_UTIL_SOCKBASE_READ, data);
-  if (created->sockBase == nullptr) return nullptr;
-  created->timer = OrpUtilTimerAdd(timeout_ms, 1, response_timed_out, data);
-  if (created->timer == nullptr) {
-    give_back(created->sockBase);
-    return nullptr;
-  }
-  created->sockBase->io.head.status |= kResponseWait;
-  return created.release();
-}
-
-void end_response(ORP_UTIL_SOCK_RESP_ST *response) {
-  ORP_UTIL_SOCKBASE_ST *sock_base = response->sockBase;
-  disconnect_timer(response);
-  disconnect_socket_base(response);
-  delete_socket_base(sock_base);
-  std::free(response);
-}
-
-}  // namespace
 
 void leave_response(OrpUvIo *sock_base) {
   if ((sock_base->head.status & kResponseWait) == 0) return;

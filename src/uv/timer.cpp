@@ -114,18 +114,6 @@ Status start_timer(OrpUvTimer *timer, uint32_t interval_ms, uint32_t count, ORP_
   return start_watcher(&timer->head);
 }
 
-OrpUvTimer *add_timer(uint32_t interval_ms, uint32_t count, ORP_TIMER_PROC callback,
-                      const char *name, ORP_WORD data) {
-  if (callback == nullptr) return nullptr;
-  Owned<OrpUvTimer> timer = make<OrpUvTimer>();
-  if (!timer) return nullptr;
-
-  (void)init_timer(nullptr, timer.get());
-  if (name != nullptr) copy_cut(timer->name, name);
-  (void)start_timer(timer.get(), interval_ms, count, callback, data);
-  return timer.release();
-}
-
 void change_period(OrpUvTimer *timer, uint32_t interval_ms) {
   // Only the first expiry is kept at least 10 ms away: the interval stays as it was given.
   timer->interval = interval_ms;
@@ -137,6 +125,18 @@ void change_period(OrpUvTimer *timer, uint32_t interval_ms) {
 }
 
 }  // namespace
+
+OrpUvTimer *add_timer(uint32_t interval_ms, uint32_t count, ORP_TIMER_PROC callback, ORP_WORD data,
+                      const char *name) {
+  if (callback == nullptr) return nullptr;
+  Owned<OrpUvTimer> timer = make<OrpUvTimer>();
+  if (!timer) return nullptr;
+
+  (void)init_timer(nullptr, timer.get());
+  if (name != nullptr) copy_cut(timer->name, name);
+  (void)start_timer(timer.get(), interval_ms, count, callback, data);
+  return timer.release();
+}
 
 Status run_timers(OrpUvLoop *loop, ORP_TIME_ST *timeout) {
   const uint32_t idle_ms = loop->idleTime;
@@ -177,23 +177,23 @@ using namespace msgapi::uv;
 extern "C" OrpUvTimer *ORP_TIMER_AddWithName(uint32_t intervalMs, uint32_t count,
                                              ORP_TIMER_PROC callback, const char *name,
                                              ORP_WORD data) {
-  return add_timer(intervalMs, count, callback, name, data);
+  return add_timer(intervalMs, count, callback, data, name);
 }
 
 extern "C" OrpUvTimer *OrpTimerAddWithName(uint32_t intervalMs, uint32_t count,
                                            ORP_TIMER_PROC callback, const char *name,
                                            ORP_WORD data) {
-  return add_timer(intervalMs, count, callback, name, data);
+  return add_timer(intervalMs, count, callback, data, name);
 }
 
 extern "C" OrpUvTimer *ORP_UTIL_TimerAdd(uint32_t intervalMs, uint32_t count,
                                          ORP_TIMER_PROC callback, ORP_WORD data) {
-  return add_timer(intervalMs, count, callback, nullptr, data);
+  return add_timer(intervalMs, count, callback, data);
 }
 
 extern "C" OrpUvTimer *OrpUtilTimerAdd(uint32_t intervalMs, uint32_t count, ORP_TIMER_PROC callback,
                                        ORP_WORD data) {
-  return add_timer(intervalMs, count, callback, nullptr, data);
+  return add_timer(intervalMs, count, callback, data);
 }
 
 extern "C" void OrpUtilTimerDel(OrpUvTimer *timer) {

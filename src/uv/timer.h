@@ -9,6 +9,11 @@ namespace msgapi::uv {
 // Seconds of a time-out that stand for none at all.
 constexpr int32_t kNoTimeout_s = 0x7fffffff;
 
+// A new, started timer, which calls `count` times (0: until it ends); null without memory. A name
+// is for the eyes of a debugger only.
+OrpUvTimer *add_timer(uint32_t interval_ms, uint32_t count, ORP_TIMER_PROC callback, ORP_WORD data,
+                      const char *name = nullptr);
+
 // Fires the due timers and stores in *timeout how long the loop may wait for the next one.
 Status run_timers(OrpUvLoop *loop, ORP_TIME_ST *timeout);
 

@@ -69,7 +69,7 @@ class ListBuilder {
   ListBuilder() = default;
   ListBuilder(const ListBuilder &) = delete;
   ListBuilder &operator=(const ListBuilder &) = delete;
-  ~ListBuilder() { ORP_UTIL_FreeAddrInfo(first_); }
+  ~ListBuilder() { free_addresses(first_); }
 
   // False without memory.
   bool append(const Record &source) {
@@ -167,6 +167,14 @@ bool is_loopback(const Record &record) {
 
 }  // namespace
 
+void free_addresses(ORP_UTIL_ADDRINFO_ST *list) {
+  while (list != nullptr) {
+    ORP_UTIL_ADDRINFO_ST *next = list->next;
+    std::free(list);
+    list = next;
+  }
+}
+
 AddressList parse_address(uint32_t flags, const char *host, uint32_t port) {
   addrinfo hints{};
   hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST;
@@ -231,11 +239,7 @@ extern "C" ORP_UTIL_ADDRINFO_ST *ORP_UTIL_CopyAddrInfo(const ORP_UTIL_ADDRINFO_S
 }
 
 extern "C" void ORP_UTIL_FreeAddrInfo(ORP_UTIL_ADDRINFO_ST *list) {
-  while (list != nullptr) {
-    ORP_UTIL_ADDRINFO_ST *next = list->next;
-    std::free(list);
-    list = next;
-  }
+  free_addresses(list);
 }
 
 extern "C" uint32_t ORP_UTIL_IsAddrInfoSame(const ORP_UTIL_ADDRINFO_ST *left,

@@ -7,8 +7,11 @@
 
 namespace msgapi {
 
+// Frees every record of the chain, which may be null.
+void free_addresses(ORP_UTIL_ADDRINFO_ST *list);
+
 struct AddressListDeleter {
-  void operator()(ORP_UTIL_ADDRINFO_ST *list) const { ORP_UTIL_FreeAddrInfo(list); }
+  void operator()(ORP_UTIL_ADDRINFO_ST *list) const { free_addresses(list); }
 };
 using AddressList = std::unique_ptr<ORP_UTIL_ADDRINFO_ST, AddressListDeleter>;
 

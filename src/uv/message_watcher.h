@@ -1,0 +1,13 @@
+// Message watchers.
+#pragma once
+
+#include "base/status.h"
+#include "msgapi/loop.h"
+
+namespace msgapi::uv {
+
+// OrpUvMsgInit and OrpUvMsgStart.
+Status init_message_watcher(OrpUvLoop *loop, OrpUvMsg *watcher, int fd, ORP_UV_MSG_PROC msg_proc);
+Status start_message_watcher(OrpUvMsg *watcher);
+
+}  // namespace msgapi::uv
