@@ -23,6 +23,9 @@ enum class [[nodiscard]] Status : uint32_t{
     kNotWritable = ORP_ERR_NOT_WRITABLE,
     kTooLong = ORP_ERR_NOT_WRITABLE,
     kNoHandOver = ORP_ERR_HAND_OVER,
+
+    // Of functions that say no more than that.
+    kFailed = 1,
 };
 
 constexpr uint32_t code(Status status) {

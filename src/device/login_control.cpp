@@ -8,6 +8,7 @@
 #include "base/memory.h"
 #include "cfmapi.h"
 #include "msg/exchange.h"
+#include "msg/send.h"
 #include "msgapi/login.h"
 
 namespace msgapi {
@@ -18,8 +19,6 @@ using msg::Header;
 constexpr uint32_t kLoginWait = 0x61A11703;
 constexpr uint32_t kMaxLoginWait_s = 10;
 constexpr uint32_t kTimeoutMs = 4000;
-
-constexpr char kServer[] = "";
 
 struct Request {
   Header header;
@@ -69,11 +68,12 @@ extern "C" uint32_t ORP_LCTRLAPI_Check(const void *request, void *result) {
 
 extern "C" uint32_t ORP_LCTRLAPI_SetMaxFailedTimes(const void *limit) {
   if (limit == nullptr) return ORP_LCTRL_ERR_ARGUMENT;
-  return ORP_MSG_SendMsgData(kServer, ORP_LCTRL_MSG_SET_MAX_FAILED, limit, ORP_LCTRL_LIMIT_SIZE);
+  return code(msg::send_content(msg::kServer, ORP_LCTRL_MSG_SET_MAX_FAILED,
+                                msg::content_of(limit, ORP_LCTRL_LIMIT_SIZE)));
 }
 
 extern "C" uint32_t ORP_LCTRLAPI_ClearForbiddenList(uint32_t value) {
-  return ORP_MSG_SendMsgData(kServer, ORP_LCTRL_MSG_CLEAR_FORBIDDEN, &value, sizeof value);
+  return code(msg::send_record(msg::kServer, ORP_LCTRL_MSG_CLEAR_FORBIDDEN, value));
 }
 
 extern "C" uint32_t ORP_LCTRLAPI_GetForbiddenRound(const void *query, void *round) {

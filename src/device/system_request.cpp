@@ -2,6 +2,7 @@
 
 #include "msg/config_request.h"
 #include "msg/exchange.h"
+#include "msg/send.h"
 #include "msgapi/device.h"
 
 namespace msgapi {
@@ -9,12 +10,10 @@ namespace {
 
 constexpr uint32_t kFactoryModeTimeoutMs = 2000;
 
-constexpr char kServer[] = "";
-
 uint32_t ask_factory_mode() {
-  msg::Header request = msg::build_header(kServer, ORP_MSG_FACTORY_MODE, 0);
-  const Result<Owned<msg::Header>> reply = msg::exchange(&request, kFactoryModeTimeoutMs);
-  return reply ? (*reply)->ulMsgData : 0;
+  msg::Header request = msg::build_header(msg::kServer, ORP_MSG_FACTORY_MODE, 0);
+  const Result<uint32_t> mode = msg::exchange_for_data(&request, kFactoryModeTimeoutMs);
+  return mode ? *mode : 0;
 }
 
 }  // namespace
@@ -23,15 +22,15 @@ uint32_t ask_factory_mode() {
 using namespace msgapi;
 
 extern "C" uint32_t ORP_APP_SendSysguardHeartBeat() {
-  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_KEEP_ALIVE, 0);
+  return code(msg::send_header(msg::kServer, ORP_MSG_KEEP_ALIVE, 0));
 }
 
 extern "C" uint32_t ORP_APP_StopSysguard() {
-  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_STOP_WATCHDOG, 0);
+  return code(msg::send_header(msg::kServer, ORP_MSG_STOP_WATCHDOG, 0));
 }
 
 extern "C" uint32_t ORP_UTIL_Reboot(uint32_t mode) {
-  return msg::request_reboot(mode);
+  return code(msg::request_reboot(mode));
 }
 
 extern "C" uint32_t ORP_APP_IsFactoryMode() {

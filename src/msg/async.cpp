@@ -4,8 +4,8 @@
 #include "base/memory.h"
 #include "base/status.h"
 #include "msg/context.h"
-#include "msg/header.h"
-#include "msgapi/loop.h"
+#include "msg/send.h"
+#include "uv/timer.h"
 
 namespace msgapi::msg {
 namespace {
@@ -16,8 +16,8 @@ Status await_answer(OrpUvMsg *watcher, const Header &request, uint32_t timeout_m
   Owned<OrpUvMsgPending> entry = make<OrpUvMsgPending>(nullptr, request.ulMsgType, request.ulSeqNum,
                                                        user_data, callback, watcher, nullptr);
   if (!entry) return Status::kNoMemory;
-  entry->timer = ORP_UTIL_TimerAdd(timeout_ms, 1, UvMsgWatcherTimeout,
-                                   reinterpret_cast<ORP_WORD>(entry.get()));
+  entry->timer =
+      uv::add_timer(timeout_ms, 1, UvMsgWatcherTimeout, reinterpret_cast<ORP_WORD>(entry.get()));
   if (entry->timer == nullptr) return Status::kNoMemory;
 
   list_append(watcher->pending, entry.release());
@@ -36,7 +36,7 @@ extern "C" uint32_t ORP_MSG_AsyncSendAndReceive(ORP_MSG_HEADER_ST *request, uint
   if (request == nullptr || callback == nullptr || watcher == nullptr) return ORP_ERR_ARGUMENT;
 
   request->ulSeqNum = next_sequence_number();
-  const uint32_t status = ORP_MSG_Send(request);
-  return status != ORP_OK ? status
-                          : code(await_answer(watcher, *request, timeoutMs, userData, callback));
+  const Status sent = send(request);
+  return code(sent != Status::kOk ? sent
+                                  : await_answer(watcher, *request, timeoutMs, userData, callback));
 }

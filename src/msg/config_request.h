@@ -1,11 +1,13 @@
-// What the device helpers above share with the requests to the configuration manager.
+// What the device helpers share with the requests to the configuration manager.
 #pragma once
 
 #include <cstdint>
 
+#include "base/status.h"
+
 namespace msgapi::msg {
 
-// Asks the server to reboot the device; the status of the send.
-uint32_t request_reboot(uint32_t mode);
+// Asks the server to reboot the device.
+Status request_reboot(uint32_t mode);
 
 }  // namespace msgapi::msg

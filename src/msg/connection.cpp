@@ -16,22 +16,26 @@
 
 #include "base/bytes.h"
 #include "base/drop_count.h"
+#include "log/client.h"
 #include "msg/context.h"
+#include "msg/dispatch.h"
 #include "msg/dm_message.h"
 #include "msg/exchange.h"
 #include "msg/hand_over.h"
 #include "msg/header.h"
 #include "msg/queue.h"
 #include "msg/receive.h"
-#include "msgapi/log.h"
-#include "msgapi/notify.h"
-#include "msgapi/sockbase.h"
-#include "msgapi/time.h"
+#include "msg/send.h"
+#include "notify/client.h"
 #include "orputil.h"
 #include "os/fd.h"
 #include "uv/default_loop.h"
+#include "uv/idle.h"
 #include "uv/io.h"
+#include "uv/loop.h"
+#include "uv/message_watcher.h"
 #include "uv/pending.h"
+#include "uv/timer.h"
 #include "uv/trace_point.h"
 #include "uv/watcher.h"
 
@@ -91,7 +95,7 @@ void log_unreachable(const char *where, int error) {
                         : error == ENOENT                 ? "no message server runs here"
                         : error == ECONNREFUSED           ? "the message server has ended"
                                                           : "no connection";
-  mlog_print("msg", MLOG_LEVEL_ERROR,
+  log::print("msg", MLOG_LEVEL_ERROR,
              "Cannot connect to the message server %s: %s (errno %d): %s.\n", where,
              std::strerror(error), error, meaning);
 }
@@ -105,12 +109,7 @@ uint32_t read_length(Header *header, uint32_t *wants_completion) {
   if (header == nullptr) return 0;
   g_body_in_file = prepare_header(header);
   *wants_completion = g_body_in_file || may_carry_dm(header->ulMsgType) ? 1 : 0;
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", uv::kTraceLevel,
-                      "recvd msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] "
-                      "on board %u with flags 0x%x ...",
-                      header->ulMsgType, g_stMsgCtx.aucAppName, header->ulMsgData,
-                      header->ulDataLen, header->aucRecvApp, header->aucSendApp,
-                      g_stMsgCtx.ulFlags >> ORP_MSG_CTX_RECV_BOARD_SHIFT, g_stMsgCtx.ulFlags);
+  uv::MessageTrace(*header).received(receive_board(), g_stMsgCtx.ulFlags);
   return header->ulDataLen;
 }
 
@@ -135,8 +134,9 @@ bool start_watcher() {
 
   uv::set_take_answer(take_answer_from_queue);
   g_stMsgCtx.pstWatcher = watcher.get();
-  (void)OrpUvMsgInit(nullptr, watcher.release(), g_stMsgCtx.slSocket, ORP_MSG_FilterProc);
-  (void)OrpUvMsgStart(g_stMsgCtx.pstWatcher);
+  (void)uv::init_message_watcher(nullptr, watcher.release(), g_stMsgCtx.slSocket,
+                                 ORP_MSG_FilterProc);
+  (void)uv::start_message_watcher(g_stMsgCtx.pstWatcher);
   return true;
 }
 
@@ -161,12 +161,12 @@ void drain_when_idle(OrpUvIdle * /*watcher*/) {
 void start_drain() {
   const auto is_drain = [](const OrpUvIdle *idle) { return idle->proc == drain_when_idle; };
   if (find_watcher<OrpUvIdle>(ORP_UV_IDLE, is_drain) == nullptr) {
-    (void)ORP_UV_IdleStart(nullptr, drain_when_idle);
+    (void)uv::start_idle(nullptr, drain_when_idle);
   }
 }
 
 void send_keep_alive(ORP_WORD /*data*/) {
-  (void)ORP_MSG_SendSimpleMsg(nullptr, ORP_MSG_KEEP_ALIVE, 0);
+  (void)send_header(kServer, ORP_MSG_KEEP_ALIVE, 0);
 }
 
 // A registration decides anew: what an earlier one asked for ends.
@@ -175,14 +175,14 @@ void stop_keep_alive() {
     return timer->callback == send_keep_alive;
   };
   while (OrpUvTimer *earlier = find_watcher<OrpUvTimer>(ORP_UV_TIMER, is_keep_alive)) {
-    OrpUtilTimerDel(earlier);
+    uv::end_timer(earlier);
   }
 }
 
 void start_keep_alive(uint32_t period_s) {
   const uint64_t period_ms = uint64_t{period_s} * 1000;
-  (void)ORP_UTIL_TimerAdd(static_cast<uint32_t>(std::min<uint64_t>(period_ms, UINT32_MAX)), 0,
-                          send_keep_alive, 0);
+  (void)uv::add_timer(static_cast<uint32_t>(std::min<uint64_t>(period_ms, UINT32_MAX)), 0,
+                      send_keep_alive, 0);
 }
 
 // ---- The connection ----
@@ -218,17 +218,18 @@ Status apply_registration(const Header &reply) {
   return own_name().empty() ? Status::kEmptyName : Status::kOk;
 }
 
-uint32_t register_process() {
+Status register_process() {
   Header request = {};
   request.ulMsgType = ORP_MSG_REGISTER;
   copy_cut(request.aucSendApp, own_name());
 
   const Result<Owned<Header>> reply = exchange(&request, 0);
-  return code(reply ? apply_registration(**reply) : reply.status());
+  return reply ? apply_registration(**reply) : reply.status();
 }
 
 enum class Loop { kUsed, kNotUsed };
 
+// A code, because it may be one of the notify client's.
 uint32_t connect_process(const char *name, Loop loop) {
   if (g_stMsgCtx.slSocket >= 0) return ORP_OK;
   ::signal(SIGPIPE, SIG_IGN);
@@ -237,55 +238,52 @@ uint32_t connect_process(const char *name, Loop loop) {
   g_stMsgCtx.slSocket = connect_local().release();
   if (g_stMsgCtx.slSocket < 0) {
     log_unreachable(ORP_MSG_SERVER_PATH, errno);
-    return ORP_ERR_SOCKET;
+    return code(Status::kNoSocket);
   }
-  if (loop == Loop::kUsed && !start_watcher()) return ORP_ERR_MEMORY;
+  if (loop == Loop::kUsed && !start_watcher()) return code(Status::kNoMemory);
 
   // A failed registration shows only as a destroyed context; the notify client's status is what the
   // caller gets. Long-standing, and applications rely on it.
-  if (register_process() != ORP_OK) abandon();
-  const uint32_t status = ORP_NOTIFYCLT_InitByName(name);
-  if (status != ORP_OK) abandon();
+  if (register_process() != Status::kOk) abandon();
+  const notify::Status notify_status = notify::start_client_named(name);
+  if (notify_status != notify::Status::kOk) abandon();
   if (loop == Loop::kUsed) start_drain();
-  return status;
+  return code(notify_status);
 }
 
-uint32_t connect_slave(const char *name, const char *host, uint16_t port) {
+Status connect_slave(const char *name, const char *host, uint16_t port) {
   set_own_name(text_or_empty(name));
   os::UniqueFd socket = connect_remote(host, port);
   if (!socket) {
     log_unreachable(host, errno);
-    return ORP_ERR_SOCKET;
+    return Status::kNoSocket;
   }
 
   g_stMsgCtx.slSocket = socket.release();
   set_remote_connection();
-  const uint32_t status = register_process();
-  if (status != ORP_OK) abandon();
+  const Status status = register_process();
+  if (status != Status::kOk) abandon();
   return status;
 }
 
 }  // namespace
-
 }  // namespace msgapi::msg
 
+using namespace msgapi;
 using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_MSG_Init(const char *appName) {
-  const uint32_t status = connect_process(appName, Loop::kUsed);
-  ORP_BASE_Init(appName);
-  return status;
+  return connect_process(appName, Loop::kUsed);
 }
 
 extern "C" uint32_t ORP_MSG_InitWithoutHandle(const char *appName) {
-  const uint32_t status = connect_process(appName, Loop::kNotUsed);
-  ORP_BASE_Init(appName);
-  return status;
+  return connect_process(appName, Loop::kNotUsed);
 }
 
 extern "C" uint32_t ORP_MSG_InitSlaveApp(const char *appName, const char *serverAddress,
                                          uint16_t port) {
-  return serverAddress == nullptr ? ORP_ERR_ARGUMENT : connect_slave(appName, serverAddress, port);
+  return code(serverAddress == nullptr ? Status::kBadArgument
+                                       : connect_slave(appName, serverAddress, port));
 }
 
 extern "C" void ORP_MSG_Destroy(void) {
@@ -293,5 +291,5 @@ extern "C" void ORP_MSG_Destroy(void) {
 }
 
 extern "C" uint32_t ORP_MSG_GetAndDispatch(void) {
-  return ORP_UTIL_SockBaseStart(0);
+  return code(uv::run_loop(uv::default_loop(), 0, uv::RunMode::kNormal));
 }

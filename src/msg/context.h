@@ -32,6 +32,11 @@ inline uint32_t send_board() {
   return g_stMsgCtx.ulFlags >> ORP_MSG_CTX_SEND_BOARD_SHIFT & 7;
 }
 
+// The board of the sender of the last message, as trace records show it.
+inline uint32_t receive_board() {
+  return g_stMsgCtx.ulFlags >> ORP_MSG_CTX_RECV_BOARD_SHIFT;
+}
+
 // Whether `fd` is the connection to the server on this machine, a Unix socket, and not the one to
 // another board.
 bool is_local_connection(int fd);

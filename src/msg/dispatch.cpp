@@ -4,6 +4,8 @@
 // under way (a procedure may run the loop, and with it another walk) is therefore known, and a
 // registration that goes is taken out of their way before it is freed.
 
+#include "msg/dispatch.h"
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,9 +14,9 @@
 #include "base/drop_count.h"
 #include "base/list.h"
 #include "msg/context.h"
-#include "msg/header.h"
-#include "msgapi/event.h"
-#include "msgapi/loop.h"
+#include "msg/event.h"
+#include "msg/send.h"
+#include "uv/default_loop.h"
 #include "uv/trace_point.h"
 
 struct ORP_MSG_REGISTRATION_ST {
@@ -29,7 +31,6 @@ namespace msgapi::msg {
 namespace {
 
 using Registration = ORP_MSG_REGISTRATION_ST;
-using uv::kTraceLevel;
 
 Registration *g_registry;
 
@@ -77,7 +78,7 @@ bool is_registered(const Registration *registration) {
   return entry != nullptr;
 }
 
-// Behind the registrations of the same type and a priority up to its own; others keep their places.
+// After the registrations of the same type and a priority up to its own; others keep their places.
 void insert(Registration *registration) {
   Registration **place = &g_registry;
   while (*place != nullptr &&
@@ -94,7 +95,7 @@ void send_reply(const Header &request, ORP_MSG_SYNC_PROC sync_proc, Header *mess
 
   reply->ulMsgType = request.ulMsgType;
   copy_cut(reply->aucRecvApp, sender(request));
-  (void)ORP_MSG_Send(reply.get());
+  (void)send(reply.get());
 }
 
 // Calls the procedures of every matching registration; false when there is none.
@@ -107,12 +108,7 @@ bool call_registered(Header *message) {
       continue;
     }
     matched = true;
-    ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", kTraceLevel,
-                        "Match msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] "
-                        "src:[%.12s] with function %p [%s].",
-                        message->ulMsgType, g_stMsgCtx.aucAppName, message->ulMsgData,
-                        message->ulDataLen, message->aucRecvApp, message->aucSendApp,
-                        uv::address(entry->message_proc), "");
+    uv::MessageTrace(*message).matched(uv::address(entry->message_proc));
     if (entry->message_proc != nullptr) entry->message_proc(message);
     entry = walk.current();
     if (entry != nullptr && entry->sync_proc != nullptr) {
@@ -130,7 +126,7 @@ void exit_when_daemon(const Header &message) {
     std::printf("Fatal: App(%.12s:%d) exited.=================================\n",
                 message.aucRecvApp, static_cast<int>(::getpid()));
     Header acknowledgement = build_header(sender(message), ORP_MSG_EXIT, 0);
-    (void)ORP_MSG_Send(&acknowledgement);
+    (void)send(&acknowledgement);
     std::exit(0);
   }
 }
@@ -138,14 +134,10 @@ void exit_when_daemon(const Header &message) {
 void dispatch(Header *message) {
   const uint32_t type = message->ulMsgType;
   const bool matched = call_registered(message);
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", kTraceLevel,
-                      "Process msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] "
-                      "src:[%.12s] finished.",
-                      type, g_stMsgCtx.aucAppName, message->ulMsgData, message->ulDataLen,
-                      message->aucRecvApp, message->aucSendApp);
+  uv::MessageTrace(*message).processed(type);
   if (matched) return;
 
-  if (type >> 8 == ORP_MSG_EVENT_PAGE) ORP_Evt_SubMsgProc(message);
+  if (type >> 8 == ORP_MSG_EVENT_PAGE) deliver_event(message);
   if (type == ORP_MSG_EXIT) exit_when_daemon(*message);
 }
 
@@ -156,25 +148,28 @@ void filter(Header *message) {
     return;
   }
 
-  // The procedure may change the message; both records show what came.
-  const Header header = *message;
-  const uint64_t iteration = OrpUvLoopGetCurIdx(nullptr);
-  uv::trace_handling(__func__, __LINE__, "start", iteration, header);
-  if (header.ulDataLen > ORP_MSG_MAX_DISPATCHED_BODY) {
+  const uv::HandledMessage handled(__func__, *message);
+  const uint64_t iteration = uv::default_loop()->iteration;
+  handled.trace_start(iteration);
+  if (message->ulDataLen > ORP_MSG_MAX_DISPATCHED_BODY) {
     ++g_dropped.oversize;
     return;
   }
   if (g_stMsgCtx.pfMsgProc != nullptr) g_stMsgCtx.pfMsgProc(message);
-  uv::trace_handling(__func__, __LINE__, "end", iteration, header);
+  handled.trace_end(iteration);
+}
+
+uint32_t register_given(uint32_t type, ORP_MSG_PROC message_proc, ORP_MSG_SYNC_PROC sync_proc,
+                        uint32_t priority, ORP_MSG_REG_HANDLE *handle_out) {
+  const Result<ORP_MSG_REG_HANDLE> handle =
+      register_procedure(type, message_proc, sync_proc, priority);
+  if (handle_out != nullptr) *handle_out = handle ? *handle : nullptr;
+  return code(handle.status());
 }
 
 }  // namespace
-}  // namespace msgapi::msg
 
-using namespace msgapi;
-using namespace msgapi::msg;
-
-extern "C" void ORP_MSG_FilterProc(ORP_MSG_HEADER_ST *message) {
+void take_in(Header *message) {
   if (message != nullptr) {
     filter(message);
   } else if (g_stMsgCtx.pfMsgProc != nullptr) {
@@ -182,27 +177,38 @@ extern "C" void ORP_MSG_FilterProc(ORP_MSG_HEADER_ST *message) {
   }
 }
 
+Result<ORP_MSG_REG_HANDLE> register_procedure(uint32_t type, ORP_MSG_PROC message_proc,
+                                              ORP_MSG_SYNC_PROC sync_proc, uint32_t priority) {
+  Registration *registration =
+      make<Registration>(nullptr, type, priority, message_proc, sync_proc).release();
+  if (registration == nullptr) return Status::kNoMemory;
+  insert(registration);
+  return registration;
+}
+
+}  // namespace msgapi::msg
+
+using namespace msgapi;
+using namespace msgapi::msg;
+
+extern "C" void ORP_MSG_FilterProc(ORP_MSG_HEADER_ST *message) {
+  take_in(message);
+}
+
 extern "C" uint32_t ORP_MSG_RegMsgProcEx(uint32_t type, ORP_MSG_PROC messageProcedure,
                                          ORP_MSG_SYNC_PROC syncProcedure, uint32_t priority,
                                          ORP_MSG_REG_HANDLE *handleOut) {
-  if (handleOut != nullptr) *handleOut = nullptr;
-  Registration *registration =
-      make<Registration>(nullptr, type, priority, messageProcedure, syncProcedure).release();
-  if (registration == nullptr) return ORP_ERR_MEMORY;
-
-  insert(registration);
-  if (handleOut != nullptr) *handleOut = registration;
-  return ORP_OK;
+  return register_given(type, messageProcedure, syncProcedure, priority, handleOut);
 }
 
 extern "C" uint32_t ORP_MSG_RegMsgProc(uint32_t type, ORP_MSG_PROC messageProcedure,
                                        uint32_t priority, ORP_MSG_REG_HANDLE *handleOut) {
-  return ORP_MSG_RegMsgProcEx(type, messageProcedure, nullptr, priority, handleOut);
+  return register_given(type, messageProcedure, nullptr, priority, handleOut);
 }
 
 extern "C" uint32_t ORP_MSG_RegisterSyncMsgProc(uint32_t type, ORP_MSG_SYNC_PROC syncProcedure,
                                                 uint32_t priority, ORP_MSG_REG_HANDLE *handleOut) {
-  return ORP_MSG_RegMsgProcEx(type, nullptr, syncProcedure, priority, handleOut);
+  return register_given(type, nullptr, syncProcedure, priority, handleOut);
 }
 
 extern "C" void ORP_MSG_UnRegisterMsgProc(ORP_MSG_REG_HANDLE handle) {
@@ -216,5 +222,5 @@ extern "C" void ORP_MSG_DefaultMsgProcs(ORP_MSG_HEADER_ST *message) {
 }
 
 extern "C" void ORP_MSG_DefaultMsgProc(ORP_MSG_HEADER_ST *message) {
-  ORP_MSG_DefaultMsgProcs(message);
+  if (message != nullptr) dispatch(message);
 }

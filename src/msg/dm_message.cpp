@@ -8,13 +8,13 @@
 #include "msg/dm_message.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "base/bytes.h"
 #include "base/memory.h"
 #include "cfmapi.h"
-#include "msg/header.h"
-#include "msgapi/msg.h"
+#include "msg/send.h"
 
 namespace msgapi::msg {
 namespace {
@@ -24,7 +24,7 @@ static_assert(sizeof(void *) != 4 || sizeof(ORP_DMMSG_ITEM_ST) == 20);
 constexpr uint32_t kFirstCapacity = 1024;
 constexpr uint32_t kGrowth = 1024;
 
-// How far a last item may reach behind the used area: long-standing and kept.
+// How far a last item may reach beyond the used area: long-standing and kept.
 constexpr uint32_t kTolerance = 12;
 
 DmBody *as_dm(void *body) {
@@ -34,15 +34,6 @@ DmBody *as_dm(void *body) {
 
 const DmBody *as_dm(const void *body) {
   return as_dm(const_cast<void *>(body));
-}
-
-Header *head_of(DmBody *dm) {
-  return reinterpret_cast<Header *>(dm) - 1;
-}
-
-// A body that can be added to or sent.
-bool is_sound(const DmBody &dm) {
-  return dm.free <= dm.capacity && dm.capacity - dm.free >= sizeof dm;
 }
 
 // Makes room for an item of `size` bytes. Null, with the message freed, when that is not possible.
@@ -90,60 +81,80 @@ class Source {
   size_t offset_ = 0;
 };
 
-uint32_t append_item(DmBody **in_out, uint32_t type, const char *name, const void *value,
-                     uint32_t value_length) {
+}  // namespace
+
+DmBody *build_dm(std::string_view destination, uint32_t sub_type) {
+  Owned<Header> block = allocate_message(kFirstCapacity);
+  if (!block) return nullptr;
+
+  constexpr uint32_t kFree = kFirstCapacity - sizeof(DmBody);
+  store(body(block.get()),
+        DmBody{ORP_DMMSG_MAGIC, kFirstCapacity, kFree, 0, ORP_CFM_GetCurrUser(), sub_type});
+  block->ulMsgType = ORP_DMMSG_TYPE;
+  copy_cut(block->aucRecvApp, destination);
+  return reinterpret_cast<DmBody *>(body(block.release()));
+}
+
+bool append_item(DmBody **in_out, uint32_t type, const char *name, std::span<const char> value) {
   DmBody *dm = *in_out;
+  assert(is_sound(*dm));
   const size_t name_length = name == nullptr || *name == '\0' ? 0 : std::strlen(name) + 1;
   const Source name_bytes(name, name_length, dm);
-  const Source value_bytes(value, value_length, dm);
-  const uint64_t size = sizeof(DmItemHead) + uint64_t{name_length} + value_length;
+  const Source value_bytes(value.data(), value.size(), dm);
+  const uint64_t size = sizeof(DmItemHead) + uint64_t{name_length} + value.size();
 
   dm = *in_out = reserve(dm, size);
-  if (dm == nullptr) return ORP_DMMSG_ERR_GROW;
+  if (dm == nullptr) return false;
 
   char *place = reinterpret_cast<char *>(dm) + (dm->capacity - dm->free);
-  store(place, DmItemHead{type, static_cast<uint32_t>(name_length), value_length});
+  store(place,
+        DmItemHead{type, static_cast<uint32_t>(name_length), static_cast<uint32_t>(value.size())});
   place = name_bytes.write(place + sizeof(DmItemHead), dm);
   value_bytes.write(place, dm);
   dm->free -= static_cast<uint32_t>(size);
-  return 0;
+  return true;
 }
 
-}  // namespace
+Status send_dm(DmBody *dm) {
+  assert(is_sound(*dm));
+  dm->capacity -= dm->free;
+  dm->free = 0;
+  head_of(dm)->ulDataLen = dm->capacity;
+  return send(head_of(dm));
+}
 
 // Offsets are from the start of the body; 64 bits hold every sum of the item's lengths.
-uint32_t read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out,
-                   const void **cursor) {
+bool read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out, const void **cursor) {
   const DmBody *dm = as_dm(body);
-  if (dm == nullptr || dm->free > dm->capacity) return ORP_DMMSG_ERR;
+  if (dm == nullptr || dm->free > dm->capacity) return false;
   const char *start = static_cast<const char *>(body);
   const uint64_t used = dm->capacity - dm->free;
 
   uint64_t offset = sizeof *dm;
   if (*cursor != nullptr) {
     const uintptr_t place = reinterpret_cast<uintptr_t>(*cursor);
-    if (place < reinterpret_cast<uintptr_t>(start) + sizeof *dm) return ORP_DMMSG_ERR;
+    if (place < reinterpret_cast<uintptr_t>(start) + sizeof *dm) return false;
     offset = place - reinterpret_cast<uintptr_t>(start);
   }
-  if (offset + sizeof(DmItemHead) >= used) return ORP_DMMSG_ERR;
+  if (offset + sizeof(DmItemHead) >= used) return false;
 
   const DmItemHead head = load<DmItemHead>(start + offset);
   const uint64_t name_at = offset + sizeof head;
   const uint64_t value_at = name_at + head.name_length;
   const uint64_t end = value_at + head.value_length;
-  if (end > used + kTolerance) return ORP_DMMSG_ERR;
+  if (end > used + kTolerance) return false;
 
   const char *name = head.name_length == 0 ? nullptr : start + name_at;
   const uint64_t name_end = std::min(value_at, used);
   if (name != nullptr &&
       std::memchr(name, '\0', static_cast<size_t>(name_end - name_at)) == nullptr) {
-    return ORP_DMMSG_ERR;
+    return false;
   }
   const uint64_t value_length = std::min(end, carried) - std::min(value_at, carried);
   *out = {head.type, head.name_length, static_cast<uint32_t>(value_length), name,
           value_length == 0 ? nullptr : start + value_at};
   *cursor = start + end;
-  return 0;
+  return true;
 }
 
 void hold_to_length(Header *message) {
@@ -168,16 +179,8 @@ using namespace msgapi::msg;
 extern "C" uint32_t ORP_DMMSG_Builder(void **bodyOut, const char *dstApp, uint32_t subType) {
   if (bodyOut != nullptr) *bodyOut = nullptr;
   if (bodyOut == nullptr || dstApp == nullptr) return ORP_DMMSG_ERR;
-  Owned<Header> block = allocate_message(kFirstCapacity);
-  if (!block) return ORP_DMMSG_ERR_MEMORY;
-
-  constexpr uint32_t kFree = kFirstCapacity - sizeof(DmBody);
-  store(body(block.get()),
-        DmBody{ORP_DMMSG_MAGIC, kFirstCapacity, kFree, 0, ORP_CFM_GetCurrUser(), subType});
-  block->ulMsgType = ORP_DMMSG_TYPE;
-  copy_cut(block->aucRecvApp, dstApp);
-  *bodyOut = body(block.release());
-  return 0;
+  *bodyOut = build_dm(dstApp, subType);
+  return *bodyOut == nullptr ? ORP_DMMSG_ERR_MEMORY : 0;
 }
 
 extern "C" uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType, const char *name,
@@ -186,15 +189,15 @@ extern "C" uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType, co
   if (dm == nullptr || !is_sound(*dm)) return ORP_DMMSG_ERR;
   if (value == nullptr && valueLength != 0) return ORP_DMMSG_ERR;
 
-  const uint32_t status = append_item(&dm, itemType, name, value, valueLength);
+  const bool appended = append_item(&dm, itemType, name, content_of(value, valueLength));
   *bodyInOut = dm;
-  return status;
+  return appended ? 0 : ORP_DMMSG_ERR_GROW;
 }
 
 extern "C" uint32_t ORP_DMMSG_GetItemEx(const void *body, ORP_DMMSG_ITEM_ST *itemOut,
                                         const void **cursorInOut) {
   if (itemOut == nullptr || cursorInOut == nullptr) return ORP_DMMSG_ERR;
-  return read_item(body, UINT64_MAX, itemOut, cursorInOut);
+  return read_item(body, UINT64_MAX, itemOut, cursorInOut) ? 0 : ORP_DMMSG_ERR;
 }
 
 extern "C" uint32_t ORP_DMMSG_GetErrCode(const void *body) {
@@ -214,9 +217,5 @@ extern "C" void ORP_DMMSG_Free(void *body) {
 
 extern "C" uint32_t ORP_DMMSG_Send(void *body) {
   DmBody *dm = as_dm(body);
-  if (dm == nullptr || !is_sound(*dm)) return ORP_DMMSG_ERR;
-  dm->capacity -= dm->free;
-  dm->free = 0;
-  head_of(dm)->ulDataLen = dm->capacity;
-  return ORP_MSG_Send(head_of(dm));
+  return dm != nullptr && is_sound(*dm) ? code(send_dm(dm)) : ORP_DMMSG_ERR;
 }

@@ -2,7 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <string_view>
 
+#include "base/status.h"
 #include "msg/header.h"
 #include "msgapi/dmmsg.h"
 
@@ -26,9 +29,29 @@ struct DmItemHead {
 };
 static_assert(sizeof(DmItemHead) == 12);
 
-// ORP_DMMSG_GetItemEx for a body of `carried` bytes: of an item that ends behind them the value
-// is what is there. `carried` is at least what the body says that it uses.
-uint32_t read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out, const void **cursor);
+// A new message without items, the header in front of what is returned. Null without memory.
+DmBody *build_dm(std::string_view destination, uint32_t sub_type);
+
+// Appends an item; what it consists of may lie in the message itself. False, with the message freed
+// and *dm null, when there is no room for it. The body is sound: see is_sound().
+bool append_item(DmBody **dm, uint32_t type, const char *name, std::span<const char> value);
+
+// Whether a body can be added to or sent.
+inline bool is_sound(const DmBody &dm) {
+  return dm.free <= dm.capacity && dm.capacity - dm.free >= sizeof dm;
+}
+
+inline Header *head_of(DmBody *dm) {
+  return reinterpret_cast<Header *>(dm) - 1;
+}
+
+// Seals a sound body and sends its message, which stays the caller's.
+Status send_dm(DmBody *dm);
+
+// ORP_DMMSG_GetItemEx for a body of `carried` bytes: of an item that ends after them the value is
+// what is there. `carried` is at least what the body says that it uses. False when there is no
+// further item, or none that can be read.
+bool read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out, const void **cursor);
 
 // Whether messages of the type may have a DM body.
 inline bool may_carry_dm(uint32_t type) {
@@ -36,8 +59,8 @@ inline bool may_carry_dm(uint32_t type) {
 }
 
 // Makes the DM body of such a message, as it was received, fit what the message carries: one that
-// claims to use more is no DM body any longer, and one that claims free room behind the message is
-// sealed. Other bodies stay as they are.
+// claims to use more is no DM body any longer, and one that claims free room after the end of the
+// message is sealed. Other bodies stay as they are.
 void hold_to_length(Header *message);
 
 }  // namespace msgapi::msg

@@ -12,6 +12,7 @@
 #include "base/copy_failure.h"
 #include "msg/context.h"
 #include "msg/exchange.h"
+#include "msg/send.h"
 #include "msgapi/dynapp.h"
 
 uint32_t g_ulSafeExitMsgTimeout = 5000;
@@ -20,8 +21,6 @@ namespace msgapi::msg {
 namespace {
 
 constexpr uint32_t kStopAllTimeoutMs = 20000;
-
-constexpr char kServer[] = "";
 
 // Asks the application to exit and waits for its answer. Whatever comes of it, the server decides.
 void stop(const char *name) {
@@ -35,10 +34,11 @@ void stop(const char *name) {
   }
 }
 
-uint32_t update(const char *name, uint32_t action) {
+Status update(const char *name, uint32_t action) {
+  if (name == nullptr) return Status::kFailed;
   if (action != ORP_DYNAPP_ON && own_name() != name) stop(name);
   NameMessage message = build_name_message(ORP_MSG_DYNAPP_UPDATE, action, name);
-  return ORP_MSG_Send(&message.header);
+  return send(&message.header);
 }
 
 struct ScriptHead {
@@ -47,18 +47,23 @@ struct ScriptHead {
 };
 static_assert(sizeof(ScriptHead) == 296);
 
-uint32_t post_script(std::string_view first, std::string_view script) {
-  constexpr uint32_t kFailed = 1;
-  if (script.size() >= 0xFFFFFED6) return kFailed;
+Status post_script(std::string_view first, std::string_view script) {
+  if (script.size() >= 0xFFFFFED6) return Status::kFailed;
   const Owned<ScriptHead> message(
       static_cast<ScriptHead *>(guarded_zalloc(sizeof(ScriptHead) + uint64_t{script.size()} + 1)));
-  if (!message) return kFailed;
+  if (!message) return Status::kFailed;
 
   message->header = build_header("web", ORP_MSG_POST_SCRIPT, 0);
   message->header.ulDataLen = static_cast<uint32_t>(sizeof message->first + script.size() + 1);
-  if (!copy_or_report(message->first, first)) return kFailed;
+  if (!copy_or_report(message->first, first)) return Status::kFailed;
   copy_cut({reinterpret_cast<char *>(message.get() + 1), script.size() + 1}, script);
-  return ORP_MSG_Send(&message->header);
+  return send(&message->header);
+}
+
+Status post_to_sync_point(std::string_view name) {
+  const size_t size = name.size() + 1;
+  if (name.empty() || size > UINT32_MAX) return Status::kFailed;
+  return send_content(kServer, ORP_MSG_SYNC_POST, {name.data(), size});
 }
 
 }  // namespace
@@ -74,20 +79,20 @@ using namespace msgapi;
 using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_UTIL_UpdateDynAppListenFd(const char *appName, uint32_t value) {
-  return appName == nullptr ? 1 : update(appName, value);
+  return code(update(appName, value));
 }
 
 extern "C" uint32_t ORP_UTIL_UpdateDynAppStatus(const char *appName, uint32_t status) {
-  return ORP_UTIL_UpdateDynAppListenFd(appName, status != 0 ? ORP_DYNAPP_ON : ORP_DYNAPP_OFF);
+  return code(update(appName, status != 0 ? ORP_DYNAPP_ON : ORP_DYNAPP_OFF));
 }
 
 extern "C" uint32_t ORP_UTIL_RestartDynApp(const char *appName) {
-  return ORP_UTIL_UpdateDynAppListenFd(appName, ORP_DYNAPP_RESTART);
+  return code(update(appName, ORP_DYNAPP_RESTART));
 }
 
 extern "C" uint32_t ORP_UTIL_KillAllDynApp() {
   Header request = build_header(kServer, ORP_MSG_DYNAPP_STOP_ALL, 0);
-  return exchange_for_data(&request, kStopAllTimeoutMs);
+  return data_or_code(exchange_for_data(&request, kStopAllTimeoutMs));
 }
 
 // The exchange of this request has always been started without the request, so it fails at once and
@@ -98,14 +103,11 @@ extern "C" uint32_t ORP_MSG_OrpSyncWait(const char *name, uint32_t /*timeoutMs*/
 }
 
 extern "C" uint32_t ORP_MSG_OrpSyncPost(const char *name) {
-  if (name == nullptr || *name == '\0') return 1;
-  const size_t size = std::strlen(name) + 1;
-  if (size > UINT32_MAX) return 1;
-  return ORP_MSG_SendMsgData(kServer, ORP_MSG_SYNC_POST, name, static_cast<uint32_t>(size));
+  return code(post_to_sync_point(text_or_empty(name)));
 }
 
 extern "C" uint32_t ORP_UTIL_PostLua(const char *first, const char *script) {
-  return script == nullptr ? 1 : post_script(text_or_empty(first), script);
+  return code(script == nullptr ? Status::kFailed : post_script(text_or_empty(first), script));
 }
 
 extern "C" uint32_t ORP_UTIL_GetSysUpTime() {

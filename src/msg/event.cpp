@@ -1,22 +1,22 @@
 // Publishing events, and delivering those that arrive to the application's callbacks.
 
-#include "msgapi/event.h"
+#include "msg/event.h"
 
 #include <cstdio>
 #include <cstring>
 
 #include "base/list.h"
 #include "base/memory.h"
+#include "msg/dm_message.h"
 #include "msg/event_json.h"
-#include "msg/header.h"
-#include "msgapi/dmmsg.h"
+#include "msg/send.h"
+#include "msgapi/event.h"
 
 namespace msgapi::msg {
 namespace {
 
 // Where DM events are published; the server passes them on.
 constexpr char kPublishTo[] = "mic";
-constexpr char kServer[] = "";
 constexpr char kEventType[] = "EventType";
 
 // Never removed, so callbacks may add more while the list is walked.
@@ -40,41 +40,42 @@ void deliver(uint32_t type, const void *data, uint32_t length) {
 }
 
 void deliver_converted(const Header &message) {
-  char *text = nullptr;
-  uint32_t length = 0;
-  if (ORP_EVT_GetEventContent(&message, &text, &length) != ORP_EVT_OK) return;
-  const Owned<char> owner(text);
-  deliver(message.ulMsgType, text, length);
+  const Owned<char> text = convert_event(message);
+  if (!text) return;
+  deliver(message.ulMsgType, text.get(), static_cast<uint32_t>(std::strlen(text.get())));
 }
 
-// A DM message under construction.
+// A DM message under construction. What fails is answered as one of the codes of DM messages, which
+// callers of the interface get as they are.
 class DmEvent {
  public:
   DmEvent() = default;
   DmEvent(const DmEvent &) = delete;
   DmEvent &operator=(const DmEvent &) = delete;
-  ~DmEvent() { ORP_DMMSG_Free(body_); }
+  ~DmEvent() {
+    if (body_ != nullptr) std::free(head_of(body_));
+  }
 
   uint32_t begin(const char *event_type) {
-    const uint32_t status = ORP_DMMSG_Builder(&body_, kPublishTo, 0);
-    return status == 0 ? add(kEventType, event_type) : status;
+    body_ = build_dm(kPublishTo, 0);
+    return body_ == nullptr ? ORP_DMMSG_ERR_MEMORY : add(kEventType, event_type);
   }
 
   uint32_t add(const char *name, const char *value) {
     const size_t size = std::strlen(value) + 1;
-    if (size > UINT32_MAX) return ORP_DMMSG_ERR;
-    return ORP_DMMSG_AppendItem(&body_, 0, name, value, static_cast<uint32_t>(size));
+    // A failed item has taken the message with it; those after it find none.
+    if (size > UINT32_MAX || body_ == nullptr) return ORP_DMMSG_ERR;
+    return append_item(&body_, 0, name, {value, size}) ? 0 : ORP_DMMSG_ERR_GROW;
   }
 
   uint32_t send(uint32_t type) {
-    ORP_MSG_HEADER_ST *head = ORP_MSG_GetMsgHead(body_);
-    if (head == nullptr) return ORP_EVT_ERR;
-    head->ulMsgType = type;
-    return ORP_DMMSG_Send(body_);
+    if (body_ == nullptr) return ORP_EVT_ERR;
+    head_of(body_)->ulMsgType = type;
+    return code(send_dm(body_));
   }
 
  private:
-  void *body_ = nullptr;
+  DmBody *body_ = nullptr;
 };
 
 uint32_t publish(uint32_t type, const char *event_type, const char *name, const char *value) {
@@ -96,17 +97,30 @@ uint32_t publish(uint32_t type, const char *event_type, const ORP_UTIL_NV_PAIR_S
   return status == 0 ? event.send(type) : status;
 }
 
-uint32_t publish(uint32_t type, const char *module, const char *event_type, const cJSON *payload) {
+static_assert(ORP_EVT_ERR == code(Status::kFailed));
+
+Status publish(uint32_t type, const char *module, const char *event_type, const cJSON *payload) {
   const Json event = begin_event(module, event_type);
-  if (!event || !add_payload(event.get(), Json(cJSON_Duplicate(payload, 1)))) return ORP_EVT_ERR;
+  if (!event || !add_payload(event.get(), Json(cJSON_Duplicate(payload, 1)))) {
+    return Status::kFailed;
+  }
   const Owned<char> text = print(event.get(), Layout::kOneLine);
-  if (!text) return ORP_EVT_ERR;
+  if (!text) return Status::kFailed;
   const size_t size = std::strlen(text.get()) + 1;
-  if (size > UINT32_MAX) return ORP_EVT_ERR;
-  return ORP_MSG_SendMsgData(kServer, type, text.get(), static_cast<uint32_t>(size));
+  if (size > UINT32_MAX) return Status::kFailed;
+  return send_content(kServer, type, {text.get(), size});
 }
 
 }  // namespace
+
+void deliver_event(Header *message) {
+  if (message->ulMsgType > ORP_MSG_ALL_EVENTS && message->ulMsgType < ORP_MSG_FIRST_JSON_EVENT) {
+    deliver(message->ulMsgType, body(message), message->ulDataLen);
+  } else {
+    deliver_converted(*message);
+  }
+}
+
 }  // namespace msgapi::msg
 
 using namespace msgapi;
@@ -125,11 +139,11 @@ extern "C" uint32_t ORP_EVT_PublishEventWithNVPair(uint32_t msgType, const char 
 extern "C" uint32_t ORP_EVT_PublishEventWithJson(const char *moduleName, const char *eventType,
                                                  uint32_t msgType, const struct cJSON *payload) {
   if (moduleName == nullptr || eventType == nullptr || payload == nullptr) return ORP_EVT_ERR;
-  return publish(msgType, moduleName, eventType, payload);
+  return code(publish(msgType, moduleName, eventType, payload));
 }
 
 extern "C" uint32_t ORP_EVT_SubscribeAllEvent() {
-  return ORP_MSG_SendSimpleMsg(kServer, ORP_MSG_SUBSCRIBE, ORP_MSG_ALL_EVENTS);
+  return code(send_header(kServer, ORP_MSG_SUBSCRIBE, ORP_MSG_ALL_EVENTS));
 }
 
 extern "C" void ORP_EVT_SubscribeSingelEventCallBack(uint32_t eventType,
@@ -144,10 +158,5 @@ extern "C" void ORP_EVT_SubscribeAllEventCallBack(ORP_EVT_CALLBACK callback) {
 }
 
 extern "C" void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message) {
-  if (message == nullptr) return;
-  if (message->ulMsgType > ORP_MSG_ALL_EVENTS && message->ulMsgType < ORP_MSG_FIRST_JSON_EVENT) {
-    deliver(message->ulMsgType, body(message), message->ulDataLen);
-  } else {
-    deliver_converted(*message);
-  }
+  if (message != nullptr) deliver_event(message);
 }

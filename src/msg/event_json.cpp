@@ -7,7 +7,6 @@
 
 #include "base/text.h"
 #include "msg/dm_message.h"
-#include "msg/header.h"
 #include "msgapi/event.h"
 #include "orputil.h"
 
@@ -97,15 +96,16 @@ bool is_whole_dm_body(const Header &message) {
   return dm->capacity - dm->free == message.ulDataLen;
 }
 
-// Null when the message is no event that can be converted, and without memory.
-Owned<char> convert(const Header &message) {
+}  // namespace
+
+Owned<char> convert_event(const Header &message) {
   const char *module = event_module(message.ulMsgType);
   if (module == nullptr || !is_whole_dm_body(message)) return nullptr;
 
   Conversion conversion;
   ORP_DMMSG_ITEM_ST item;
   const void *cursor = nullptr;
-  while (read_item(body(&message), message.ulDataLen, &item, &cursor) == 0) {
+  while (read_item(body(&message), message.ulDataLen, &item, &cursor)) {
     if (!add_item(item, module, &conversion)) return nullptr;
   }
   if (!conversion.event || !conversion.payload ||
@@ -114,8 +114,6 @@ Owned<char> convert(const Header &message) {
   }
   return print(conversion.event.get(), Layout::kIndented);
 }
-
-}  // namespace
 
 const char *event_module(uint32_t type) {
   for (const Module &module : kModules) {
@@ -165,7 +163,7 @@ extern "C" uint32_t ORP_EVT_GetEventContent(const ORP_MSG_HEADER_ST *message, ch
   *textOut = nullptr;
   if (message == nullptr) return ORP_EVT_ERR;
 
-  Owned<char> text = convert(*message);
+  Owned<char> text = convert_event(*message);
   if (!text) return ORP_EVT_ERR;
   if (lengthOut != nullptr) *lengthOut = static_cast<uint32_t>(std::strlen(text.get()));
   *textOut = text.release();

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/memory.h"
+#include "msg/header.h"
 
 namespace msgapi::msg {
 
@@ -14,6 +15,10 @@ struct JsonDeleter {
   void operator()(cJSON *json) const { cJSON_Delete(json); }
 };
 using Json = std::unique_ptr<cJSON, JsonDeleter>;
+
+// ORP_EVT_GetEventContent. Null when the message is no event that can be converted, and without
+// memory.
+Owned<char> convert_event(const Header &message);
 
 // The module of an event type, or null.
 const char *event_module(uint32_t type);

@@ -58,20 +58,25 @@ Status send_descriptor(int socket, int descriptor) {
              : Status::kSystem;
 }
 
-// Takes over every descriptor that arrived and answers the first; the others are closed.
-os::UniqueFd take_descriptors(msghdr *message, size_t *count) {
+// The descriptors that came with a message.
+struct Arrived {
   os::UniqueFd first;
-  *count = 0;
+  size_t count = 0;
+};
+
+// Takes over every descriptor that arrived; all but the first are closed.
+Arrived take_descriptors(msghdr *message) {
+  Arrived taken;
   for (cmsghdr *record = CMSG_FIRSTHDR(message); record != nullptr;
        record = CMSG_NXTHDR(message, record)) {
     if (record->cmsg_level != SOL_SOCKET || record->cmsg_type != SCM_RIGHTS) continue;
     const size_t bytes = record->cmsg_len - CMSG_LEN(0);
     for (size_t at = 0; at + sizeof(int) <= bytes; at += sizeof(int)) {
       os::UniqueFd arrived(load<int>(CMSG_DATA(record) + at));
-      if (++*count == 1) first = std::move(arrived);
+      if (++taken.count == 1) taken.first = std::move(arrived);
     }
   }
-  return first;
+  return taken;
 }
 
 Result<os::UniqueFd> receive_descriptor(int socket, uint32_t timeout_ms) {
@@ -86,15 +91,15 @@ Result<os::UniqueFd> receive_descriptor(int socket, uint32_t timeout_ms) {
   const ssize_t received = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
   if (received < 0) return Status::kSystem;
 
-  size_t count;
-  os::UniqueFd descriptor = take_descriptors(&message, &count);
+  // Taken before anything is refused: what arrived is open already and would stay so.
+  Arrived arrived = take_descriptors(&message);
   if (received == 0) return Status::kPeerGone;
   const bool is_mark = received == kMarkSize && data[0] == 0 && data[1] == 0;
-  if (!is_mark || count != 1 || message.msg_controllen != kControlSize ||
+  if (!is_mark || arrived.count != 1 || message.msg_controllen != kControlSize ||
       (message.msg_flags & MSG_CTRUNC) != 0) {
     return Status::kSystem;
   }
-  return Result<os::UniqueFd>(std::move(descriptor));
+  return Result<os::UniqueFd>(std::move(arrived.first));
 }
 
 }  // namespace

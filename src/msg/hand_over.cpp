@@ -24,7 +24,7 @@
 #include <utility>
 
 #include "base/copy_failure.h"
-#include "msgapi/log.h"
+#include "log/client.h"
 #include "orputil.h"
 #include "os/fd.h"
 #include "util/path/validate_path.h"
@@ -184,7 +184,7 @@ void log_failure(const char *what, int error, const Header &message, const BodyF
   char from[ORP_APP_NAME_SIZE];
   copy_printable(path, file.path);
   copy_printable(from, sender(message));
-  mlog_print("msg", MLOG_LEVEL_ERROR, "Body file of msg:[0x%x] src:[%s] %s: %s (errno %d): %s\n",
+  log::print("msg", MLOG_LEVEL_ERROR, "Body file of msg:[0x%x] src:[%s] %s: %s (errno %d): %s\n",
              message.ulMsgType, from, what,
              file.refusal != nullptr ? file.refusal : std::strerror(error), error, path);
 }

@@ -14,6 +14,9 @@ static_assert(sizeof(ORP_MSG_HEADER_ST) == ORP_MSG_HEADER_SIZE);
 
 using Header = ORP_MSG_HEADER_ST;
 
+// What has no destination is for the message server itself.
+constexpr std::string_view kServer = "";
+
 // A message made of a name: what several requests to the server look like.
 struct NameMessage {
   Header header;

@@ -8,6 +8,7 @@
 #include "base/drop_count.h"
 #include "base/list.h"
 #include "msg/context.h"
+#include "msg/dispatch.h"
 #include "uv/pending.h"
 #include "uv/trace_point.h"
 
@@ -63,7 +64,7 @@ void drain_pending_queue() {
     const Owned<Header> message(node->pstMsg);
     OrpUvMsg *watcher = running_watcher();
     if (watcher == nullptr || !uv::answer_pending(watcher, message.get())) {
-      ORP_MSG_FilterProc(message.get());
+      take_in(message.get());
     }
     ++count;
   }
@@ -77,7 +78,7 @@ using namespace msgapi;
 using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_MSG_AppendQueue(ORP_MSG_QUEUE_NODE_ST **head, ORP_MSG_HEADER_ST *message) {
-  return ORP_MSG_AppendQueueEx(head, message, 0);
+  return code(append_to_queue(head, message, 0));
 }
 
 extern "C" uint32_t ORP_MSG_AppendQueueEx(ORP_MSG_QUEUE_NODE_ST **head, ORP_MSG_HEADER_ST *message,

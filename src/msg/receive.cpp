@@ -15,10 +15,10 @@
 
 #include "base/drop_count.h"
 #include "base/memory.h"
+#include "log/client.h"
 #include "msg/context.h"
 #include "msg/dm_message.h"
 #include "msg/hand_over.h"
-#include "msgapi/log.h"
 #include "os/stream_reader.h"
 #include "os/wait.h"
 #include "uv/trace_point.h"
@@ -61,7 +61,7 @@ Status receive_body(int fd, Owned<Header> *message, uint32_t timeout_ms) {
   const uint32_t size = (*message)->ulDataLen;
   if (size > ORP_MSG_MAX_BODY) {
     std::printf("msgapi too large body len, type=0x%x, data_len=%u\n", (*message)->ulMsgType, size);
-    mlog_print("msg", MLOG_LEVEL_FATAL, "Too long msg:[0x%x] len:[%u].\n", (*message)->ulMsgType,
+    log::print("msg", MLOG_LEVEL_FATAL, "Too long msg:[0x%x] len:[%u].\n", (*message)->ulMsgType,
                size);
     ++g_dropped.too_long;
     return Status::kNoMemory;
@@ -91,13 +91,7 @@ Result<Owned<Header>> receive_message(int fd, uint32_t timeout_ms, bool convert)
   if (const Status status = read_header(fd, message.get()); status != Status::kOk) return status;
 
   const bool body_in_file = convert && prepare_header(message.get());
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", uv::kTraceLevel,
-                      "recvd msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] "
-                      "on board %u with flags [0x%x]:%u ...",
-                      message->ulMsgType, g_stMsgCtx.aucAppName, message->ulMsgData,
-                      message->ulDataLen, message->aucRecvApp, message->aucSendApp,
-                      g_stMsgCtx.ulFlags >> ORP_MSG_CTX_RECV_BOARD_SHIFT, g_stMsgCtx.ulFlags,
-                      body_in_file ? 1u : 0u);
+  uv::MessageTrace(*message).received(receive_board(), g_stMsgCtx.ulFlags, body_in_file);
   if (message->ulDataLen == 0) return message;
 
   if (const Status status = receive_body(fd, &message, timeout_ms); status != Status::kOk) {
@@ -135,6 +129,20 @@ bool prepare_header(Header *header) {
   return body_in_file;
 }
 
+namespace {
+
+// As an exported function was asked to.
+Status receive_given(int fd, Header **out, uint32_t timeout_ms, bool convert) {
+  if (out == nullptr) return Status::kBadArgument;
+  *out = nullptr;
+  if (fd < 0) return Status::kBadArgument;
+
+  Result<Owned<Header>> message = receive_message(fd, timeout_ms, convert);
+  if (message) *out = message->release();
+  return message.status();
+}
+
+}  // namespace
 }  // namespace msgapi::msg
 
 using namespace msgapi;
@@ -142,22 +150,14 @@ using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_MSG_ReceiveWithEndian(int32_t descriptor, ORP_MSG_HEADER_ST **messageOut,
                                               uint32_t timeoutMs, uint32_t convert) {
-  if (messageOut == nullptr) return ORP_ERR_ARGUMENT;
-  *messageOut = nullptr;
-  if (descriptor < 0) return ORP_ERR_ARGUMENT;
-
-  Result<Owned<Header>> message = receive_message(descriptor, timeoutMs, convert != 0);
-  if (!message) return code(message.status());
-
-  *messageOut = message->release();
-  return ORP_OK;
+  return code(receive_given(descriptor, messageOut, timeoutMs, convert != 0));
 }
 
 extern "C" uint32_t ORP_MSG_Recv(int32_t descriptor, ORP_MSG_HEADER_ST **messageOut,
                                  uint32_t timeoutMs) {
-  return ORP_MSG_ReceiveWithEndian(descriptor, messageOut, timeoutMs, 1);
+  return code(receive_given(descriptor, messageOut, timeoutMs, /*convert=*/true));
 }
 
 extern "C" uint32_t ORP_MSG_ReceiveManual(ORP_MSG_HEADER_ST **messageOut, uint32_t timeoutMs) {
-  return ORP_MSG_Recv(g_stMsgCtx.slSocket, messageOut, timeoutMs);
+  return code(receive_given(g_stMsgCtx.slSocket, messageOut, timeoutMs, /*convert=*/true));
 }

@@ -9,7 +9,8 @@
 #include "base/copy_failure.h"
 #include "base/list.h"
 #include "base/result.h"
-#include "msg/header.h"
+#include "msg/dispatch.h"
+#include "msg/send.h"
 
 namespace msgapi::msg {
 namespace {
@@ -20,7 +21,6 @@ using Row = ORP_MSG_RESTFUL_ROW_ST;
 static_assert(sizeof(Request) == 136);
 static_assert(sizeof(void *) != 4 || sizeof(Row) == 8);
 
-constexpr char kServer[] = "";
 constexpr size_t kListSize = 4096;
 constexpr size_t kEntrySize = 128;
 
@@ -86,8 +86,13 @@ void respond(const Header &request, const char *text) {
   const size_t size = text == nullptr ? 0 : std::strlen(text) + 1;
   if (size > UINT32_MAX) return;
   // Nobody is left to be told about a response that cannot be sent.
-  (void)ORP_MSG_SendMsgDataWithDataSeq(to, request.ulMsgType, text, static_cast<uint32_t>(size),
-                                       request.ulMsgData, request.ulSeqNum);
+  if (text == nullptr) {
+    Header response = build_header(to, request.ulMsgType, request.ulMsgData);
+    response.ulSeqNum = request.ulSeqNum;
+    (void)send(&response);
+  } else {
+    (void)send_content(to, request.ulMsgType, {text, size}, request.ulMsgData, request.ulSeqNum);
+  }
 }
 
 void dispatch(Header *message) {
@@ -110,8 +115,8 @@ Status register_dispatcher() {
                                  ORP_MSG_RESTFUL_REQUEST_E};
   static size_t registered = 0;
   for (; registered < std::size(kTypes); ++registered) {
-    const uint32_t status = ORP_MSG_RegMsgProc(kTypes[registered], dispatch, 0, nullptr);
-    if (status != ORP_OK) return static_cast<Status>(status);
+    const Status status = register_procedure(kTypes[registered], dispatch, nullptr, 0).status();
+    if (status != Status::kOk) return status;
   }
   return Status::kOk;
 }
@@ -146,11 +151,11 @@ Status announce(const char *path, const Row *table, bool expand) {
   }
   const size_t size = std::strlen(text) + 1;
   if (size > UINT32_MAX) return Status::kNoMemory;
-  return static_cast<Status>(
-      ORP_MSG_SendMsgData(kServer, ORP_MSG_RESTFUL_REGISTER, text, static_cast<uint32_t>(size)));
+  return send_content(kServer, ORP_MSG_RESTFUL_REGISTER, {text, size});
 }
 
 Status register_table(const char *path, const Row *table, bool expand) {
+  if (path == nullptr || table == nullptr) return Status::kBadArgument;
   Status status = announce(path, table, expand);
   if (status != Status::kOk) return status;
 
@@ -194,12 +199,11 @@ using namespace msgapi::msg;
 
 extern "C" uint32_t ORP_MSG_RegRestfulProcEx(const char *path, const ORP_MSG_RESTFUL_ROW_ST *table,
                                              uint32_t expand) {
-  if (path == nullptr || table == nullptr) return code(Status::kBadArgument);
   return code(register_table(path, table, expand != 0));
 }
 
 extern "C" uint32_t ORP_MSG_RegRestfulProc(const char *path, const ORP_MSG_RESTFUL_ROW_ST *table) {
-  return ORP_MSG_RegRestfulProcEx(path, table, 0);
+  return code(register_table(path, table, /*expand=*/false));
 }
 
 extern "C" ORP_MSG_HEADER_ST *ORP_MSG_BuildRestfulReqMsg(uint32_t code, uint32_t second,
@@ -214,5 +218,5 @@ extern "C" uint32_t ORP_MSG_SendRestfulResponseMsg(const char *dstApp, uint32_t 
                                                    const void *body, uint32_t bodyLength,
                                                    uint32_t data, uint32_t seq) {
   if (body == nullptr || bodyLength >= 0xFFFFFFD7) return code(Status::kBadArgument);
-  return ORP_MSG_SendMsgDataWithDataSeq(dstApp, type, body, bodyLength, data, seq);
+  return code(send_content(text_or_empty(dstApp), type, content_of(body, bodyLength), data, seq));
 }

@@ -4,10 +4,12 @@
 // number and put into the connection's byte order in place, and restored afterwards.
 //
 // On the process's connection within this machine a write is first tried without blocking, which is
-// all it takes when the socket has room. Only where that leaves open what a wait would have said is
-// the wait done and the write begun anew. Such a socket takes a message whole or not at all. TCP
-// would take the part for which there is room, although it does not count as writable then, and the
-// rest might never go: on any other descriptor the wait comes first.
+// all it takes when the socket has room. If the write fails with an error that a wait could
+// explain, the sender waits for the socket and writes again. Such a socket takes a message whole or
+// not at all. TCP would take the part for which there is room, although it does not count as
+// writable then, and the rest might never go: on any other descriptor the wait comes first.
+
+#include "msg/send.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,10 +17,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "log/client.h"
 #include "msg/context.h"
 #include "msg/hand_over.h"
-#include "msg/header.h"
-#include "msgapi/log.h"
 #include "os/wait.h"
 #include "uv/trace_point.h"
 
@@ -41,7 +42,7 @@ bool await_writable(int fd, const Header &message) {
 
     const int error = readiness == os::Readiness::kTimeout ? 0 : errno;
     if (error == EINTR || error == EAGAIN) continue;
-    mlog_print("msg", MLOG_LEVEL_FATAL,
+    log::print("msg", MLOG_LEVEL_FATAL,
                "Send msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] with fd "
                "[%d] select with errno [%d].\n",
                message.ulMsgType, g_stMsgCtx.aucAppName, message.ulMsgData, message.ulDataLen,
@@ -50,8 +51,8 @@ bool await_writable(int fd, const Header &message) {
   }
 }
 
-// After a failed first try: true when the rules want to hear what a wait says.
-bool leaves_the_wait_open(int error) {
+// Whether a wait could explain why the first try failed.
+bool wait_could_explain(int error) {
   return error == EAGAIN || error == EINTR || error == EBADF || error == ENOTSOCK;
 }
 
@@ -67,7 +68,7 @@ void restore(Header *message, uint32_t type) {
 }
 
 void log_write_failure(const Header &message, int error) {
-  mlog_print("msg", MLOG_LEVEL_FATAL,
+  log::print("msg", MLOG_LEVEL_FATAL,
              "Send msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] on board "
              "[%u] return err:[%d].\n",
              message.ulMsgType, g_stMsgCtx.aucAppName, message.ulMsgData, message.ulDataLen,
@@ -79,11 +80,7 @@ void log_write_failure(const Header &message, int error) {
 Status write_message(const Target &target, Header *message, bool waited) {
   const uint64_t total = block_size(*message);
   const uint32_t type = message->ulMsgType;
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", uv::kTraceLevel,
-                      "Send msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s] on "
-                      "board [%u] ...",
-                      type, g_stMsgCtx.aucAppName, message->ulMsgData, message->ulDataLen,
-                      message->aucRecvApp, message->aucSendApp, send_board());
+  uv::MessageTrace(*message).sending(send_board());
   stamp(message);
 
   const char *bytes = reinterpret_cast<const char *>(message);
@@ -98,7 +95,7 @@ Status write_message(const Target &target, Header *message, bool waited) {
     }
 
     const int error = errno;
-    if (flags != 0 && leaves_the_wait_open(error)) {
+    if (flags != 0 && wait_could_explain(error)) {
       restore(message, type);
       if (!await_writable(target.fd, *message)) return Status::kNotWritable;
       stamp(message);
@@ -143,31 +140,72 @@ Status send_to(const Target &target, Header *message) {
                                         : wait_and_write(target, message);
 }
 
-uint32_t send_built(Header header) {
-  return ORP_MSG_Send(&header);
+// As an exported function was given it.
+Status send_given(int fd, const sockaddr *address, socklen_t address_size, Header *message) {
+  if (message == nullptr || fd < 0) return Status::kBadArgument;
+  return send_to({fd, address, address_size}, message);
 }
 
-uint32_t send_copy(const char *destination, uint32_t type, const void *content, uint32_t size,
-                   uint32_t data, uint32_t sequence) {
-  if (size > kMaxBody) return ORP_ERR_MEMORY;
-  const Owned<Header> message = allocate_message(size);
-  if (!message) return ORP_ERR_MEMORY;
-
-  copy_cut(message->aucRecvApp, text_or_empty(destination));
-  message->ulMsgType = type;
-  message->ulSeqNum = sequence;
-  message->ulMsgData = data;
-  std::memcpy(body(message.get()), content, size);
-  return ORP_MSG_Send(message.get());
+// Asks the hook, which may direct the message to another descriptor or take it.
+Status send_unless_taken(int fd, Header *message) {
+  int32_t descriptor = fd;
+  if (g_pfMsgSendHook != nullptr) {
+    uint32_t handled = 0;
+    const uint32_t status = g_pfMsgSendHook(message, &handled, &descriptor);
+    if (handled != 0) return static_cast<Status>(status);
+  }
+  return send_given(descriptor, nullptr, 0, message);
 }
 
-uint32_t send_subscription(uint32_t type, uint32_t event, const char *application) {
-  if (application == nullptr) return ORP_OK;
+Status send_header_under(uint32_t sequence, std::string_view destination, uint32_t type,
+                         uint32_t data) {
+  // Takes a number from the counter although another replaces it.
+  Header header = build_header(destination, type, data);
+  header.ulSeqNum = sequence;
+  return send(&header);
+}
+
+Status send_subscription(uint32_t type, uint32_t event, const char *application) {
+  if (application == nullptr) return Status::kOk;
   NameMessage message = build_name_message(type, event, application);
-  return ORP_MSG_Send(&message.header);
+  return send(&message.header);
 }
 
 }  // namespace
+
+Status send(Header *message, Hook hook) {
+  const int fd = g_stMsgCtx.slSocket;
+  if (fd < 0) {
+    ORP_TRACE_PrintInfo("ORP_MSG_Send", __LINE__, 0, "msg", uv::kTraceLevel,
+                        "msgapi fail to send, fd=%d not init, pid=%d\n", fd,
+                        static_cast<int>(::getpid()));
+    return Status::kNotConnected;
+  }
+
+  copy_cut(message->aucSendApp, own_name());
+  return hook == Hook::kAsked ? send_unless_taken(fd, message)
+                              : send_given(fd, nullptr, 0, message);
+}
+
+Status send_header(std::string_view destination, uint32_t type, uint32_t data) {
+  Header header = build_header(destination, type, data);
+  return send(&header);
+}
+
+Status send_content(std::string_view destination, uint32_t type, std::span<const char> content,
+                    uint32_t data, uint32_t sequence) {
+  if (content.size() > kMaxBody) return Status::kNoMemory;
+  const Owned<Header> message = allocate_message(static_cast<uint32_t>(content.size()));
+  if (!message) return Status::kNoMemory;
+
+  copy_cut(message->aucRecvApp, destination);
+  message->ulMsgType = type;
+  message->ulSeqNum = sequence;
+  message->ulMsgData = data;
+  if (!content.empty()) std::memcpy(body(message.get()), content.data(), content.size());
+  return send(message.get());
+}
+
 }  // namespace msgapi::msg
 
 using namespace msgapi;
@@ -176,61 +214,50 @@ using namespace msgapi::msg;
 ORP_MSG_SEND_HOOK g_pfMsgSendHook = nullptr;
 
 extern "C" uint32_t ORP_MSG_Send(ORP_MSG_HEADER_ST *message) {
-  if (message == nullptr) return ORP_ERR_ARGUMENT;
-  if (g_stMsgCtx.slSocket < 0) {
-    ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", uv::kTraceLevel,
-                        "msgapi fail to send, fd=%d not init, pid=%d\n", g_stMsgCtx.slSocket,
-                        static_cast<int>(::getpid()));
-    return ORP_ERR_NOT_CONNECTED;
-  }
-
-  copy_cut(message->aucSendApp, own_name());
-  return ORP_MSG_SendEx(g_stMsgCtx.slSocket, message);
+  return code(message == nullptr ? Status::kBadArgument : send(message));
 }
 
 extern "C" uint32_t ORP_MSG_SendEx(int32_t descriptor, ORP_MSG_HEADER_ST *message) {
-  if (g_pfMsgSendHook != nullptr) {
-    uint32_t handled = 0;
-    const uint32_t status = g_pfMsgSendHook(message, &handled, &descriptor);
-    if (handled != 0) return status;
-  }
-  return ORP_MSG_SendTo(descriptor, message, nullptr, 0);
+  return code(send_unless_taken(descriptor, message));
 }
 
 extern "C" uint32_t ORP_MSG_SendTo(int32_t descriptor, ORP_MSG_HEADER_ST *message,
                                    const struct sockaddr *address, uint32_t addressLength) {
-  if (message == nullptr || descriptor < 0) return ORP_ERR_ARGUMENT;
-  return code(send_to({descriptor, address, addressLength}, message));
+  return code(send_given(descriptor, address, addressLength, message));
 }
 
 extern "C" uint32_t ORP_MSG_SendSimpleMsg(const char *dstApp, uint32_t type, uint32_t data) {
-  return send_built(build_header(text_or_empty(dstApp), type, data));
+  return code(send_header(text_or_empty(dstApp), type, data));
 }
 
 extern "C" uint32_t ORP_MSG_SendSimpleMsgWithSeqNum(const char *dstApp, uint32_t type,
                                                     uint32_t data, uint32_t seq) {
-  Header header = build_header(text_or_empty(dstApp), type, data);
-  header.ulSeqNum = seq;
-  return send_built(header);
+  return code(send_header_under(seq, text_or_empty(dstApp), type, data));
 }
+
+// Of the following: with a body the number stays 0, without one it is a fresh one. Receivers know
+// the difference.
 
 extern "C" uint32_t ORP_MSG_SendMsgData(const char *dstApp, uint32_t type, const void *body,
                                         uint32_t bodyLen) {
-  return ORP_MSG_SendMsgDataWithData(dstApp, type, body, bodyLen, 0);
+  const std::string_view to = text_or_empty(dstApp);
+  return code(body == nullptr ? send_header(to, type, 0)
+                              : send_content(to, type, content_of(body, bodyLen)));
 }
 
 extern "C" uint32_t ORP_MSG_SendMsgDataWithData(const char *dstApp, uint32_t type, const void *body,
                                                 uint32_t bodyLen, uint32_t data) {
-  // With a body the number stays 0, without one it is a fresh one: receivers know the difference.
-  return body == nullptr ? ORP_MSG_SendSimpleMsg(dstApp, type, data)
-                         : send_copy(dstApp, type, body, bodyLen, data, 0);
+  const std::string_view to = text_or_empty(dstApp);
+  return code(body == nullptr ? send_header(to, type, data)
+                              : send_content(to, type, content_of(body, bodyLen), data));
 }
 
 extern "C" uint32_t ORP_MSG_SendMsgDataWithDataSeq(const char *dstApp, uint32_t type,
                                                    const void *body, uint32_t bodyLen,
                                                    uint32_t data, uint32_t seq) {
-  return body == nullptr ? ORP_MSG_SendSimpleMsgWithSeqNum(dstApp, type, data, seq)
-                         : send_copy(dstApp, type, body, bodyLen, data, seq);
+  const std::string_view to = text_or_empty(dstApp);
+  return code(body == nullptr ? send_header_under(seq, to, type, data)
+                              : send_content(to, type, content_of(body, bodyLen), data, seq));
 }
 
 extern "C" uint32_t ORP_MSG_SendRealTimeMsg(ORP_MSG_HEADER_ST * /*message*/) {
@@ -238,9 +265,9 @@ extern "C" uint32_t ORP_MSG_SendRealTimeMsg(ORP_MSG_HEADER_ST * /*message*/) {
 }
 
 extern "C" uint32_t ORP_MSG_SubscribeEventForOtherApp(uint32_t event, const char *appName) {
-  return send_subscription(ORP_MSG_SUBSCRIBE, event, appName);
+  return code(send_subscription(ORP_MSG_SUBSCRIBE, event, appName));
 }
 
 extern "C" uint32_t ORP_MSG_UnSubscribeEventForOtherApp(uint32_t event, const char *appName) {
-  return send_subscription(ORP_MSG_UNSUBSCRIBE, event, appName);
+  return code(send_subscription(ORP_MSG_UNSUBSCRIBE, event, appName));
 }

@@ -8,9 +8,11 @@
 
 #include "base/drop_count.h"
 #include "msg/context.h"
+#include "msg/dispatch.h"
 #include "msg/exchange.h"
 #include "msg/queue.h"
 #include "msg/receive.h"
+#include "msg/send.h"
 #include "os/clock.h"
 #include "uv/trace_point.h"
 
@@ -59,11 +61,7 @@ class Stopwatch {
 // True when the message is in the pending queue now; otherwise it has been dropped.
 bool put_aside(Owned<Header> message) {
   const Status status = append_to_queue(&g_stMsgCtx.pstQueue, message.get(), 0);
-  ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", kTraceLevel,
-                      "Backup not matched msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] "
-                      "src:[%.12s] return %x.",
-                      message->ulMsgType, g_stMsgCtx.aucAppName, message->ulMsgData,
-                      message->ulDataLen, message->aucRecvApp, message->aucSendApp, code(status));
+  uv::MessageTrace(*message).put_aside(code(status));
   if (status != Status::kOk) {
     ++g_dropped.queue;
     return false;
@@ -72,55 +70,60 @@ bool put_aside(Owned<Header> message) {
   return true;
 }
 
-Result<Owned<Header>> wait_for(const Expected &expected, uint32_t timeout_ms, uint32_t *queued) {
+// How a wait ended, and how many messages it put aside.
+struct WaitEnd {
+  Result<Owned<Header>> answer;
+  uint32_t put_aside;
+};
+
+WaitEnd wait_for(const Expected &expected, uint32_t timeout_ms) {
+  uint32_t queued = 0;
   uint64_t left_ms = timeout_ms == 0 ? kDefaultWait_ms : timeout_ms;
   for (;;) {
-    if (g_stMsgCtx.slSocket < 0) return Status::kBadArgument;
+    if (g_stMsgCtx.slSocket < 0) return {Status::kBadArgument, queued};
     const Stopwatch watch;
     Result<Owned<Header>> received =
         receive_message(g_stMsgCtx.slSocket, static_cast<uint32_t>(left_ms), /*convert=*/true);
-    if (!received) return received.status();
+    if (!received) return {received.status(), queued};
 
     Owned<Header> message = std::move(*received);
-    if (expected.is_failed_by(*message)) return Status::kPeerGone;
-    if (expected.is_met_by(*message)) return message;
+    if (expected.is_failed_by(*message)) return {Status::kPeerGone, queued};
+    if (expected.is_met_by(*message)) return {std::move(message), queued};
 
     // The clock is read only for a wait that goes on.
     const uint64_t elapsed_ms = watch.elapsed_ms();
     left_ms = elapsed_ms < left_ms ? left_ms - elapsed_ms : 0;
-    if (put_aside(std::move(message))) ++*queued;
-    if (*queued == kMaxQueued || left_ms == 0) return Status::kTimeout;
+    if (put_aside(std::move(message))) ++queued;
+    if (queued == kMaxQueued || left_ms == 0) return {Status::kTimeout, queued};
   }
 }
 
-uint32_t receive_expected(const Expected &expected, Header **out, uint32_t timeout_ms) {
-  *out = nullptr;
+Result<Owned<Header>> receive_expected(const Expected &expected, uint32_t timeout_ms) {
   ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", kTraceLevel,
                       "[start sync %u:0x%x] recv resp msg from [%.12s] now ...", expected.sequence,
                       expected.type, expected.from == nullptr ? "" : expected.from->aucRecvApp);
 
-  uint32_t queued = 0;
-  Result<Owned<Header>> answer = wait_for(expected, timeout_ms, &queued);
-  if (answer) *out = answer->release();
+  WaitEnd end = wait_for(expected, timeout_ms);
 
   ORP_TRACE_PrintInfo(__func__, __LINE__, 0, "msg", kTraceLevel,
                       "[end sync %u:0x%x] finish resp msg with 0x%x, %u msg queued.",
-                      expected.sequence, expected.type, code(answer.status()), queued);
-  return code(answer.status());
+                      expected.sequence, expected.type, code(end.answer.status()), end.put_aside);
+  return std::move(end.answer);
+}
+
+// Whose answer counts. kReceiver: only that of the application that the request is for.
+enum class From { kAnyone, kReceiver };
+
+Result<Owned<Header>> receive_answer(const Header &request, From from, uint32_t timeout_ms) {
+  return receive_expected(
+      {request.ulMsgType, request.ulSeqNum, from == From::kReceiver ? &request : nullptr},
+      timeout_ms);
 }
 
 // A process that has no name yet, or is "mic", speaks to the server itself: no hook may divert it.
-bool bypasses_hook(const Header &request) {
+bool speaks_to_the_server(const Header &request) {
   return type_proper(request.ulMsgType) != ORP_MSG_REGISTER &&
          (own_name().empty() || own_name() == "mic");
-}
-
-uint32_t send_past_hook(Header *request) {
-  const ORP_MSG_SEND_HOOK hook = g_pfMsgSendHook;
-  g_pfMsgSendHook = nullptr;
-  const uint32_t status = ORP_MSG_Send(request);
-  g_pfMsgSendHook = hook;
-  return status;
 }
 
 bool is_for_this_process(const Header &request) {
@@ -128,28 +131,52 @@ bool is_for_this_process(const Header &request) {
          destination(request) == own_name();
 }
 
-enum class Hook { kBypassed, kAlwaysAsked };
-
-uint32_t send_request(Header *request, Hook hook) {
+Status send_request(Header *request, Hook hook) {
   request->ulSeqNum = next_sequence_number();
   if (is_for_this_process(*request)) {
     copy_cut(request->aucSendApp, own_name());
-    ORP_MSG_FilterProc(request);
-    return ORP_OK;
+    take_in(request);
+    return Status::kOk;
   }
-  return hook == Hook::kBypassed && bypasses_hook(*request) ? send_past_hook(request)
-                                                            : ORP_MSG_Send(request);
+  return send(request, hook);
 }
 
+Result<Owned<Header>> exchange_with_receiver(Header *request, uint32_t timeout_ms) {
+  const Status sent = send_request(request, Hook::kAsked);
+  if (sent != Status::kOk) return sent;
+  return receive_answer(*request, From::kReceiver, timeout_ms);
+}
+
+// Both are tried, and their codes laid over each other, whatever comes of the first.
 uint32_t safe_exit(const char *application) {
   Header request = build_header(application, ORP_MSG_EXIT, 0);
-  const uint32_t asked = code(exchange(&request, kServerWait_ms).status());
+  const Status asked = exchange(&request, kServerWait_ms).status();
 
   NameMessage notice = build_name_message(ORP_MSG_EXIT, 0, application);
-  return asked | ORP_MSG_Send(&notice.header);
+  return code(asked) | code(send(&notice.header));
+}
+
+// The answer becomes the caller's, or *out stays null.
+uint32_t hand_out(Result<Owned<Header>> answer, Header **out) {
+  if (answer) *out = answer->release();
+  return code(answer.status());
 }
 
 }  // namespace
+
+Result<Owned<Header>> exchange(Header *request, uint32_t timeout_ms) {
+  const Hook hook = speaks_to_the_server(*request) ? Hook::kPassedBy : Hook::kAsked;
+  const Status sent = send_request(request, hook);
+  if (sent != Status::kOk) return sent;
+  return receive_answer(*request, From::kAnyone, timeout_ms);
+}
+
+Result<uint32_t> exchange_for_data(Header *request, uint32_t timeout_ms) {
+  const Result<Owned<Header>> reply = exchange(request, timeout_ms);
+  if (!reply) return reply.status();
+  return (*reply)->ulMsgData;
+}
+
 }  // namespace msgapi::msg
 
 using namespace msgapi;
@@ -159,9 +186,7 @@ extern "C" uint32_t ORP_MSG_SendAndRecv(ORP_MSG_HEADER_ST *request, ORP_MSG_HEAD
                                         uint32_t timeoutMs) {
   if (responseOut != nullptr) *responseOut = nullptr;
   if (request == nullptr || responseOut == nullptr) return ORP_ERR_ARGUMENT;
-
-  const uint32_t status = send_request(request, Hook::kBypassed);
-  return status != ORP_OK ? status : ORP_MSG_RecvResp(request, responseOut, timeoutMs);
+  return hand_out(exchange(request, timeoutMs), responseOut);
 }
 
 extern "C" uint32_t ORP_MSG_SendAndReceiveWithAppName(ORP_MSG_HEADER_ST *request,
@@ -169,16 +194,14 @@ extern "C" uint32_t ORP_MSG_SendAndReceiveWithAppName(ORP_MSG_HEADER_ST *request
                                                       uint32_t timeoutMs) {
   if (responseOut != nullptr) *responseOut = nullptr;
   if (request == nullptr || responseOut == nullptr) return ORP_ERR_ARGUMENT;
-
-  const uint32_t status = send_request(request, Hook::kAlwaysAsked);
-  return status != ORP_OK ? status : ORP_MSG_RecvResWithAppName(request, responseOut, timeoutMs);
+  return hand_out(exchange_with_receiver(request, timeoutMs), responseOut);
 }
 
 extern "C" uint32_t ORP_MSG_RecvResp(const ORP_MSG_HEADER_ST *request,
                                      ORP_MSG_HEADER_ST **responseOut, uint32_t timeoutMs) {
   if (responseOut != nullptr) *responseOut = nullptr;
   if (request == nullptr || responseOut == nullptr) return ORP_ERR_ARGUMENT;
-  return receive_expected({request->ulMsgType, request->ulSeqNum, nullptr}, responseOut, timeoutMs);
+  return hand_out(receive_answer(*request, From::kAnyone, timeoutMs), responseOut);
 }
 
 extern "C" uint32_t ORP_MSG_RecvResWithAppName(const ORP_MSG_HEADER_ST *request,
@@ -186,13 +209,14 @@ extern "C" uint32_t ORP_MSG_RecvResWithAppName(const ORP_MSG_HEADER_ST *request,
                                                uint32_t timeoutMs) {
   if (responseOut != nullptr) *responseOut = nullptr;
   if (request == nullptr || responseOut == nullptr) return ORP_ERR_ARGUMENT;
-  return receive_expected({request->ulMsgType, request->ulSeqNum, request}, responseOut, timeoutMs);
+  return hand_out(receive_answer(*request, From::kReceiver, timeoutMs), responseOut);
 }
 
 extern "C" uint32_t ORP_MSG_ReceiveWithType(uint32_t type, ORP_MSG_HEADER_ST **messageOut,
                                             uint32_t timeoutMs) {
   if (messageOut == nullptr) return ORP_ERR_ARGUMENT;
-  return receive_expected({type, 0, nullptr}, messageOut, timeoutMs);
+  *messageOut = nullptr;
+  return hand_out(receive_expected({type, 0, nullptr}, timeoutMs), messageOut);
 }
 
 extern "C" uint32_t ORP_MSG_SendAndRecvMsgData(const char *dstApp, uint32_t type, uint32_t data,
@@ -201,19 +225,17 @@ extern "C" uint32_t ORP_MSG_SendAndRecvMsgData(const char *dstApp, uint32_t type
   *resultOut = 0;
 
   Header request = build_header(text_or_empty(dstApp), type, data);
-  const Result<Owned<Header>> reply = exchange(&request, timeoutMs);
-  if (!reply) return code(reply.status());
-
-  *resultOut = (*reply)->ulMsgData;
-  return ORP_OK;
+  const Result<uint32_t> answer = exchange_for_data(&request, timeoutMs);
+  if (answer) *resultOut = *answer;
+  return code(answer.status());
 }
 
 extern "C" uint32_t ORP_MSG_GetNumOfProcesses(const char *appName) {
   if (appName == nullptr) return 0;
 
   NameMessage request = build_name_message(ORP_MSG_COUNT_PROCESSES, 0, appName);
-  const Result<Owned<Header>> reply = exchange(&request.header, kServerWait_ms);
-  return reply ? (*reply)->ulMsgData : 0;
+  const Result<uint32_t> count = exchange_for_data(&request.header, kServerWait_ms);
+  return count ? *count : 0;
 }
 
 extern "C" uint32_t ORP_MSG_SafeExitProcesses(const char *appName) {

@@ -14,18 +14,16 @@ static_assert(sizeof(void *) != 4 || sizeof(OrpUvMsgPending) == 28);
 
 // Calls the entry's procedure. `traced`: the message has the header of msgapi/msg.h.
 void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool traced) {
-  constexpr char kFunction[] = "MsgWatcherTracedProc";
   if (entry->answerProc == nullptr) return;
   if (message == nullptr || !traced) {
     entry->answerProc(message, message == nullptr ? 1 : 0, entry->data);
     return;
   }
 
-  // The procedure may change the message; both records tell what came.
-  const ORP_MSG_HEADER_ST header = *message;
-  trace_handling(kFunction, __LINE__, "start", default_loop()->iteration, header);
+  const HandledMessage handled("MsgWatcherTracedProc", *message);
+  handled.trace_start(default_loop()->iteration);
   entry->answerProc(message, 0, entry->data);
-  trace_handling(kFunction, __LINE__, "end", default_loop()->iteration, header);
+  handled.trace_end(default_loop()->iteration);
 }
 
 TakeAnswer g_take_answer;
