@@ -134,29 +134,12 @@ uint64_t Recorder::accepted(uint32_t from, uint32_t to, const void *header, uint
 
 uint64_t Recorder::delivered(uint64_t about, uint32_t from, uint32_t to, uint32_t type,
                              uint32_t sequence) {
-  if (!on()) return 0;
-  Record record;
-  record.kind = static_cast<uint8_t>(Kind::kDelivered);
-  record.about = about;
-  record.from = from;
-  record.to = to;
-  record.a = type;
-  record.b = sequence;
-  return write(record, nullptr, {});
+  return fate(Kind::kDelivered, Loss::kNone, about, from, to, type, sequence);
 }
 
 uint64_t Recorder::lost(Loss loss, uint64_t about, uint32_t from, uint32_t to, uint32_t type,
                         uint32_t sequence) {
-  if (!on()) return 0;
-  Record record;
-  record.kind = static_cast<uint8_t>(Kind::kLost);
-  record.loss = static_cast<uint8_t>(loss);
-  record.about = about;
-  record.from = from;
-  record.to = to;
-  record.a = type;
-  record.b = sequence;
-  return write(record, nullptr, {});
+  return fate(Kind::kLost, loss, about, from, to, type, sequence);
 }
 
 uint64_t Recorder::note(Kind kind, Record facts, std::string_view text) {
@@ -175,6 +158,20 @@ void Recorder::tick() {
   clock.kind = static_cast<uint8_t>(Kind::kClock);
   clock.about = clock_ns(CLOCK_REALTIME);
   write(clock, nullptr, {});
+}
+
+uint64_t Recorder::fate(Kind kind, Loss loss, uint64_t about, uint32_t from, uint32_t to,
+                        uint32_t type, uint32_t sequence) {
+  if (!on()) return 0;
+  Record record;
+  record.kind = static_cast<uint8_t>(kind);
+  record.loss = static_cast<uint8_t>(loss);
+  record.about = about;
+  record.from = from;
+  record.to = to;
+  record.a = type;
+  record.b = sequence;
+  return write(record, nullptr, {});
 }
 
 uint64_t Recorder::write(Record record, const void *header, std::span<const char> rest) {

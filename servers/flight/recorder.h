@@ -46,6 +46,9 @@ class Recorder {
   uint64_t note(Kind kind, Record facts, std::string_view text = {});
 
  private:
+  // What became of a message.
+  uint64_t fate(Kind kind, Loss loss, uint64_t about, uint32_t from, uint32_t to, uint32_t type,
+                uint32_t sequence);
   uint64_t write(Record record, const void *header, std::span<const char> rest);
   void make_room(uint32_t size);
   char *place(uint64_t position) const {

@@ -201,7 +201,7 @@ TEST(FlightRecorder, AFollowerKnowsWhatItMissed) {
 TEST(FlightRecorder, IsWholeAfterItsWriterWasKilled) {
   Shared *shared = share();
   std::minstd_rand random(test::seed());
-  for (uint32_t round = 0; round < 20 * test::soak_factor(); ++round) {
+  for (uint32_t round = 0; round < 50 * test::soak_factor(); ++round) {
     const pid_t writer = ::fork();
     if (writer == 0) {
       Recorder recorder(kPath, flight::kLeastRing, 200);

@@ -8,14 +8,17 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <random>
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "flight/reader.h"
@@ -23,6 +26,7 @@
 #include "servers/services.h"
 #include "support/message_peer.h"
 #include "support/process.h"
+#include "support/soak.h"
 
 namespace {
 
@@ -299,6 +303,37 @@ TEST_F(MsgsvrFlight, SurvivesTheServerAndIsMovedAsideByTheNext) {
   RawClient c("c");
   c.drain();
   EXPECT_EQ(1u, of(records(), Kind::kNamed).size());
+}
+
+TEST_F(MsgsvrFlight, IsReadableWheneverTheServerWasKilled) {
+  constexpr int kKills = 50;
+  std::minstd_rand random(test::seed());
+  for (int round = 0; round < kKills; ++round) {
+    start();
+    RawClient a("a");
+    RawClient b("b");
+    std::thread killer([this, pause = std::chrono::microseconds(random() % 5000)] {
+      std::this_thread::sleep_for(pause);
+      ::kill(server_->pid(), SIGKILL);
+    });
+    // One message on its way at a time.
+    uint32_t arrived = 0;
+    while (a.send({.type = kType, .to = "b", .sequence = arrived + 1}) && b.receive()) ++arrived;
+    killer.join();
+    EXPECT_EQ(128 + SIGKILL, server_->wait());
+
+    const std::vector<Noted> all = records();
+    uint32_t accepted = 0, delivered = 0;
+    for (size_t i = 0; i < all.size(); ++i) {
+      ASSERT_EQ(i + 1, all[i].record.number);
+      if (all[i].kind() == Kind::kAccepted && all[i].header.ulMsgType == kType) ++accepted;
+      if (all[i].kind() == Kind::kDelivered && all[i].record.a == kType) ++delivered;
+    }
+    // What arrived had been recorded before; its delivery may just have been about to be.
+    ASSERT_GE(accepted, arrived) << "round " << round;
+    ASSERT_GE(delivered + 1, arrived) << "round " << round;
+    ASSERT_LE(accepted, arrived + 1) << "round " << round;
+  }
 }
 
 TEST_F(MsgsvrFlight, IsOffWhenToldSoOrImpossible) {
