@@ -6,51 +6,33 @@
 
 #include "common/printable.h"
 #include "flight/reader.h"
-#include "flight/recorder.h"
 #include "msgapi/dmmsg.h"
 #include "msgapi/messages.h"
+#include "msgapi/restful.h"
+#include "tools/recorder_fixture.h"
 #include "traffic/decode.h"
 #include "traffic/filter.h"
+#include "traffic/histogram.h"
 #include "traffic/mask.h"
 #include "traffic/model.h"
 #include "traffic/pcapng.h"
 
 namespace {
 
+using test::kAsk;
+using test::kPanel;
+using test::kStation;
+using test::kThird;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using traffic::Event;
 using traffic::Filter;
 using traffic::Model;
 
-constexpr uint32_t kPanel = 1, kStation = 2, kThird = 3;
-constexpr uint32_t kAsk = 0x1234;
-
 // A recorder and what is read from it.
-class Traffic : public testing::Test {
+class Traffic : public test::RecorderFixture {
  protected:
-  void SetUp() override {
-    connect(kPanel, "panel");
-    connect(kStation, "station");
-  }
-
-  void connect(uint32_t id, const char *name) {
-    flight::Record facts;
-    facts.from = id;
-    facts.a = 100 + id;
-    recorder_.note(flight::Kind::kConnected, facts, "/usr/bin/program");
-    recorder_.note(flight::Kind::kNamed, facts, name);
-  }
-
-  uint64_t message(uint32_t from, uint32_t to, uint32_t type, uint32_t sequence,
-                   const std::string &body = "", uint32_t data = 0) {
-    ORP_MSG_HEADER_ST header{};
-    header.ulMsgType = type;
-    header.ulSeqNum = sequence;
-    header.ulMsgData = data;
-    recorder_.tick();
-    return recorder_.accepted(from, to, &header, static_cast<uint32_t>(body.size()), body);
-  }
+  Traffic() : test::RecorderFixture(kPath, 64) {}
 
   // Reads everything that has been recorded since; returns the last event.
   Event read() {
@@ -80,7 +62,6 @@ class Traffic : public testing::Test {
   }
 
   static constexpr const char *kPath = "/var/run/traffic_test";
-  flight::Recorder recorder_{kPath, flight::kLeastRing, 64};
   std::optional<flight::Reader> reader_;
   Model model_;
   catalogue::Catalogue catalogue_;
@@ -211,6 +192,15 @@ std::string dm_body(const std::vector<std::pair<std::string, std::string>> &item
   return body;
 }
 
+// A restful request's body.
+std::string restful_body(const char *path, const char *handler, const std::string &text) {
+  ORP_MSG_RESTFUL_REQ_ST request{};
+  request.ulCode = 2;
+  std::strcpy(request.aucPath, path);
+  std::strcpy(request.aucHandler, handler);
+  return std::string(reinterpret_cast<const char *>(&request), sizeof request) + text;
+}
+
 TEST(Mask, LeavesNoPersonalDataWhereverItStands) {
   const std::vector<std::string> values = {
       "AA:BB:CC:DD:EE:FF", "192.168.100.24",
@@ -238,6 +228,11 @@ TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
             dm_body({{"SSID", "h******t"}, {"WifiPassword", "********"}, {"n", "5"}}));
   EXPECT_EQ(shown_masked(R"({"ssid": "home \"net", "psk":"abc", "imei": 490154203237518, "n": 5})"),
             R"({"ssid": "h********t", "psk":"***", "imei": 000000000000000, "n": 5})");
+  // JSON in an item, and after the fields of a restful request.
+  EXPECT_EQ(shown_masked(dm_body({{"payload", R"({"psk": "abc"})"}})),
+            dm_body({{"payload", R"({"psk": "***"})"}}));
+  EXPECT_EQ(shown_masked(restful_body("/a\"b", "wifi", R"({"psk": "abc"})")),
+            restful_body("/a\"b", "wifi", R"({"psk": "***"})"));
   // Damaged bodies are masked as far as they go.
   shown_masked(dm_body({{"SSID", "home"}}).substr(0, 40));
   shown_masked("{\"ssid\": \"home");
@@ -299,6 +294,45 @@ TEST_F(Traffic, ShowsBodiesByTheirContent) {
   EXPECT_EQ(line(std::string("\1\2\3", 3)), "hex 010203");
   EXPECT_EQ(line(std::string(100, 'x')), std::string(64, 'x') + "...");
   EXPECT_EQ(line(std::string("wifi\0\0\0\0\0\0\0\0", 12), ORP_MSG_COUNT_PROCESSES), "wifi");
+}
+
+TEST_F(Traffic, ShowsTheFieldsOfRestfulRequests) {
+  const auto shown = [this](const std::string &body, uint32_t length) {
+    ORP_MSG_HEADER_ST header{};
+    header.ulMsgType = ORP_MSG_RESTFUL_REQUEST;
+    recorder_.accepted(kPanel, kStation, &header, length, body);
+    return *read().message;
+  };
+  const auto line = [&](const std::string &body, uint32_t length) {
+    return traffic::body_line(shown(body, length), catalogue_);
+  };
+  const std::string body = restful_body("/dev", "na\x1bme", std::string("{\"a\": 1}\0", 9));
+  recorder_ = flight::Recorder(kPath, flight::kLeastRing, 256);
+  EXPECT_EQ(line(body, 145), "code=2 path=/dev handler=na\\x1bme text={\"a\":1}");
+  EXPECT_EQ(line(restful_body("/dev", "name", "new\x1b"), 140),
+            "code=2 path=/dev handler=name text=new\\x1b");
+  EXPECT_EQ(line(restful_body("/dev", "name", ""), 136), "code=2 path=/dev handler=name");
+  // What was not kept, and what is too short to be one.
+  EXPECT_EQ(line(body.substr(0, 64), 145), "code=2 path=/dev handler= ...");
+  EXPECT_EQ(line(body.substr(0, 7), 7), "hex 02000000000000");
+  const traffic::Json json = traffic::body_json(shown(body, 200), catalogue_);
+  EXPECT_EQ(json["text"]["a"], 1);
+  EXPECT_EQ(json["missing"], 200 - body.size());
+}
+
+TEST(Histogram, KnowsQuantilesToThreePercent) {
+  traffic::Histogram histogram;
+  EXPECT_EQ(histogram.quantile(0.5), 0u);
+  for (uint64_t i = 1; i <= 100'000; ++i) histogram.add(i * 1000);
+  for (const double fraction : {0.01, 0.5, 0.9, 0.99}) {
+    const double exact = fraction * 1e8;
+    EXPECT_NEAR(static_cast<double>(histogram.quantile(fraction)), exact, exact * 0.032);
+  }
+  EXPECT_EQ(histogram.quantile(1), 100'000'000u);
+  EXPECT_EQ(histogram.between(0, ~uint64_t{0}), 100'000u);
+  histogram.add(~uint64_t{0});
+  histogram.add(0);
+  EXPECT_EQ(histogram.max(), ~uint64_t{0});
 }
 
 TEST(Filter, SaysWhatIsWrongAndWhere) {

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "common/printable.h"
 #include "msgapi/dmmsg.h"
+#include "msgapi/restful.h"
 
 namespace traffic {
 namespace {
@@ -77,6 +79,36 @@ Json text_json(std::string_view body) {
   return servers::printable(text);
 }
 
+// docs/restful.md has the layout. Of a body that was not kept whole, as far as it goes.
+Json restful_json(std::string_view body) {
+  const auto field = [body](size_t at, size_t size) {
+    return body.substr(std::min(at, body.size()), size);
+  };
+  const auto name = [&field](size_t at) {
+    return servers::printable(without_nul(field(at, ORP_MSG_RESTFUL_FIELD_SIZE)));
+  };
+  return Json{{"code", word_at(body, offsetof(ORP_MSG_RESTFUL_REQ_ST, ulCode))},
+              {"second", word_at(body, offsetof(ORP_MSG_RESTFUL_REQ_ST, ulSecond))},
+              {"path", name(offsetof(ORP_MSG_RESTFUL_REQ_ST, aucPath))},
+              {"handler", name(offsetof(ORP_MSG_RESTFUL_REQ_ST, aucHandler))},
+              {"text", text_json(field(sizeof(ORP_MSG_RESTFUL_REQ_ST), body.size()))}};
+}
+
+std::string restful_line(const Json &request) {
+  std::string line =
+      fmt::format("code={} path={} handler={}", request["code"].get<uint32_t>(),
+                  request["path"].get<std::string>(), request["handler"].get<std::string>());
+  const Json &text = request["text"];
+  if (text != "") {
+    line += " text=" +
+            (text.is_string()
+                 ? text.get<std::string>()
+                 : servers::printable(text.dump(-1, ' ', false, Json::error_handler_t::replace)));
+  }
+  if (request.contains("missing")) line += " ...";
+  return line;
+}
+
 }  // namespace
 
 Json body_json(const Message &message, const catalogue::Catalogue &catalogue) {
@@ -92,7 +124,10 @@ Json body_json(const Message &message, const catalogue::Catalogue &catalogue) {
     content = message.answers != 0 && type->answer ? &*type->answer : &type->request;
   }
   Json json;
-  if (is_dm(body)) {
+  if (content != nullptr && content->body == catalogue::Body::kRestful &&
+      body.size() >= offsetof(ORP_MSG_RESTFUL_REQ_ST, aucPath)) {
+    json = restful_json(body);
+  } else if (is_dm(body)) {
     json = items_json(body);
   } else if (content != nullptr && content->body == catalogue::Body::kName) {
     json = servers::printable(without_nul(body.substr(0, ORP_APP_NAME_SIZE)));
@@ -126,6 +161,9 @@ std::string body_line(const Message &message, const catalogue::Catalogue &catalo
     }
     if (json.contains("missing")) line += line.empty() ? "..." : " ...";
     return line;
+  }
+  if (json.is_object() && json.contains("handler") && json.contains("code")) {
+    return restful_line(json);
   }
   if (json.is_object() && json.size() == 1 && json.contains("missing")) {
     return fmt::format("({} bytes)", json["missing"].get<size_t>());

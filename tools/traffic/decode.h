@@ -11,9 +11,10 @@ namespace traffic {
 
 using Json = nlohmann::ordered_json;
 
-// The body by what the catalogue says of its type, or by what it looks like: DM items, JSON, text,
-// or {"hex": "..."}; null without one. What was not kept is named in the member "missing" of
-// objects, and is "..." at the end of texts. Texts that are no UTF-8 have their bad bytes as \x1b.
+// The body by what the catalogue says of its type, or by what it looks like: the fields of a
+// restful request, DM items, JSON, text, or {"hex": "..."}; null without one. What was not kept is
+// named in the member "missing" of objects, and is "..." at the end of texts. Texts that are no
+// UTF-8 have their bad bytes as \x1b.
 Json body_json(const Message &message, const catalogue::Catalogue &catalogue);
 
 // The same on one line without control characters, "" without a body.

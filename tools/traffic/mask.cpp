@@ -46,19 +46,23 @@ void hide(std::span<char> value, Care care) {
   std::fill(value.begin(), value.end(), '*');
 }
 
-// Texts between NULs, as the library masks them.
-void hide_patterns(std::span<char> bytes) {
-  std::string text;
+// Calls `hide_in` with each text between NULs.
+template <typename Hide>
+void for_each_text(std::span<char> bytes, Hide hide_in) {
   while (!bytes.empty()) {
-    const auto end = std::find(bytes.begin(), bytes.end(), '\0');
-    text.assign(bytes.begin(), end);
-    if (!text.empty()) {
-      MlogBlurString(text.data(), static_cast<uint32_t>(text.size()));
-      MlogBlurIpv6String(text.data(), static_cast<uint32_t>(text.size()));
-      std::copy(text.begin(), text.end(), bytes.begin());
-    }
-    bytes = bytes.subspan(text.size() + (end == bytes.end() ? 0 : 1));
+    const auto length =
+        static_cast<size_t>(std::find(bytes.begin(), bytes.end(), '\0') - bytes.begin());
+    if (length > 0) hide_in(bytes.first(length));
+    bytes = bytes.subspan(std::min(length + 1, bytes.size()));
   }
+}
+
+// As the library masks a text in a log.
+void hide_patterns(std::span<char> bytes) {
+  std::string text(bytes.begin(), bytes.end());
+  MlogBlurString(text.data(), static_cast<uint32_t>(text.size()));
+  MlogBlurIpv6String(text.data(), static_cast<uint32_t>(text.size()));
+  std::copy(text.begin(), text.end(), bytes.begin());
 }
 
 // The beginning of a value that the end of the bytes cuts off is not found by a pattern.
@@ -144,16 +148,16 @@ void mask_body(std::span<char> body, bool cut) {
   constexpr size_t kDmHead = 24;
   if (body.size() >= kDmHead && word_at(body, 0) == ORP_DMMSG_MAGIC) {
     hide_items(body);
-  } else {
-    hide_members(body);
   }
-  hide_patterns(body);
+  // JSON may stand in an item or after the fields of a restful request.
+  for_each_text(body, hide_members);
+  for_each_text(body, hide_patterns);
   if (cut) hide_cut_end(body);
 }
 
 std::string masked(std::string_view text) {
   std::string copy(text);
-  hide_patterns(copy);
+  for_each_text(copy, hide_patterns);
   return copy;
 }
 

@@ -1,0 +1,71 @@
+// A flight recorder that is filled as the message server fills it, for tests of what reads it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "flight/recorder.h"
+#include "msgapi/msg.h"
+
+namespace test {
+
+constexpr uint32_t kPanel = 1, kStation = 2, kThird = 3;
+constexpr uint32_t kAsk = 0x1234;
+
+// With two clients, the panel and the station.
+class RecorderFixture : public testing::Test {
+ protected:
+  RecorderFixture(const std::string &path, uint32_t body_limit)
+      : recorder_(path, flight::kLeastRing, body_limit) {
+    connect(kPanel, "panel");
+    connect(kStation, "station");
+  }
+
+  void connect(uint32_t id, const std::string &name) {
+    flight::Record facts;
+    facts.from = id;
+    facts.a = 100 + id;
+    recorder_.tick();
+    recorder_.note(flight::Kind::kConnected, facts, "/usr/bin/program");
+    recorder_.note(flight::Kind::kNamed, facts, name);
+    names_[id] = name;
+  }
+
+  // The record's number.
+  uint64_t message(uint32_t from, uint32_t to, uint32_t type, uint32_t sequence,
+                   const std::string &body = "", uint32_t data = 0) {
+    ORP_MSG_HEADER_ST header{};
+    header.ulMsgType = type;
+    header.ulSeqNum = sequence;
+    header.ulMsgData = data;
+    header.ulDataLen = static_cast<uint32_t>(body.size());
+    std::strncpy(header.aucSendApp, names_[from].c_str(), sizeof header.aucSendApp - 1);
+    std::strncpy(header.aucRecvApp, names_[to].c_str(), sizeof header.aucRecvApp - 1);
+    recorder_.tick();
+    return recorder_.accepted(from, to, &header, static_cast<uint32_t>(body.size()), body);
+  }
+
+  void deliver(uint64_t number, uint32_t from, uint32_t to, uint32_t type, uint32_t sequence) {
+    recorder_.tick();
+    recorder_.delivered(number, from, to, type, sequence);
+  }
+
+  // A request from the panel that the station answers.
+  void exchange(uint32_t sequence, const std::string &question = "", const std::string &answer = "",
+                uint32_t data = 0) {
+    const uint64_t request = message(kPanel, kStation, kAsk, sequence, question, 3);
+    deliver(request, kPanel, kStation, kAsk, sequence);
+    const uint64_t reply = message(kStation, kPanel, kAsk, sequence, answer, data);
+    deliver(reply, kStation, kPanel, kAsk, sequence);
+  }
+
+  flight::Recorder recorder_;
+
+ private:
+  std::map<uint32_t, std::string> names_;
+};
+
+}  // namespace test
