@@ -1,4 +1,4 @@
-// What the demo's two daemons say to each other.
+// What the demo's daemons say to each other.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,10 @@
 constexpr uint32_t kReadTemperature = 0x1001;  // answer: ulMsgData, hundredths of a degree
 constexpr uint32_t kReadHistory = 0x1002;      // answer: kHistorySize bytes, byte n is n % 251
 constexpr uint32_t kMeasure = 0x1003;          // answer: ulMsgData of the request, plus one
+
+// Between the knots. Data: how often it is to be passed on; answer: 0, or why one got none.
+constexpr uint32_t kAskLeft = 0x1004;
+constexpr uint32_t kAskRight = 0x1005;
 
 constexpr uint32_t kTemperature = 2150;
 constexpr uint32_t kHistorySize = 1024 * 1024;

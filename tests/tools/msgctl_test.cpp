@@ -1,186 +1,42 @@
+// Requests and their answers, and what else an application does.
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <functional>
-#include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "msgapi/messages.h"
 #include "msgapi/restful.h"
-#include "support/message_peer.h"
-#include "support/process.h"
+#include "tools/msgctl_support.h"
 
 namespace {
 
 using nlohmann::json;
+using test::Application;
 using test::Frame;
+using test::kOwnType;
+using test::lines_of;
+using test::Msgctl;
+using test::Output;
 using test::Process;
 using test::RawClient;
+using test::run;
+using test::shell;
+using test::Words;
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
-using Words = std::vector<std::string>;
-
-constexpr uint32_t kOwnType = 0x1234;
-
-struct Output {
-  int status;
-  std::string text;
-};
-
-Output run(const Words &words) {
-  Process process("msgctl", words);
-  const int status = process.wait();
-  return {status, process.output()};
-}
-
-std::string bin() {
-  const char *directory = std::getenv("MSGAPI_BIN");
-  return directory == nullptr ? "." : directory;
-}
-
-// A command line of a shell in which "msgctl" is ours; its standard output and its status.
-Output shell(const std::string &command) {
-  const std::string path = "/var/msgctl_shell.sh";
-  std::ofstream(path) << "PATH=" << bin() << ":$PATH\n" << command << "\n";
-  FILE *pipe = ::popen(("bash " + path).c_str(), "r");
-  std::string text;
-  char buffer[4096];
-  while (const size_t got = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, got);
-  const int status = ::pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
-}
-
-std::vector<json> lines_of(const std::string &text) {
-  std::vector<json> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(json::parse(line));
-  return lines;
-}
-
-class Msgctl : public testing::Test {
- protected:
-  void SetUp() override { start(); }
-
-  void start(const Words &arguments = {}) {
-    server_ = std::make_unique<Process>("msgsvr", arguments);
-    ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
-  }
-
-  std::unique_ptr<Process> server_;
-};
-
-// Answers what comes, in a thread, until it is destroyed.
-class Application {
- public:
-  using Answer = std::function<void(RawClient &, const Frame &)>;
-  explicit Application(const std::string &name, Answer answer)
-      : client_(name), thread_([this, answer = std::move(answer)] {
-          while (!stop_) {
-            if (const auto frame = client_.receive(20)) answer(client_, *frame);
-          }
-        }) {}
-  ~Application() {
-    stop_ = true;
-    thread_.join();
-  }
-
- private:
-  RawClient client_;
-  std::atomic<bool> stop_ = false;
-  std::thread thread_;
-};
 
 void twice(RawClient &self, const Frame &request) {
   if (request.type == kOwnType) self.answer(request, 2 * request.data, request.body);
-}
-
-// The server's admin interface, with answers that the test gives.
-class Admin {
- public:
-  explicit Admin(std::map<std::string, std::string> answers)
-      : answers_(std::move(answers)), fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/var/run/msgsvr.admin");
-    ::unlink(address.sun_path);
-    EXPECT_EQ(0, ::bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address));
-    EXPECT_EQ(0, ::listen(fd_, 100));
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~Admin() {
-    ::shutdown(fd_, SHUT_RDWR);
-    thread_.join();
-    ::close(fd_);
-    ::unlink("/var/run/msgsvr.admin");
-  }
-  const std::vector<std::string> &requests() const { return requests_; }
-
- private:
-  void serve() {
-    for (int peer; (peer = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(peer)) {
-      std::string request;
-      char buffer[4096];
-      while (request.find("\r\n\r\n") == std::string::npos) {
-        const ssize_t got = ::read(peer, buffer, sizeof buffer);
-        if (got <= 0) break;
-        request.append(buffer, static_cast<size_t>(got));
-      }
-      const std::string line = request.substr(0, request.find(" HTTP"));
-      requests_.push_back(line);
-      const auto answer = answers_.find(line);
-      std::string text =
-          answer == answers_.end() ? "HTTP/1.1 404 Not Found\r\n" : "HTTP/1.1 200 OK\r\n";
-      const std::string body =
-          answer == answers_.end() ? R"({"error": "not here"})" : answer->second;
-      text +=
-          "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-      ::send(peer, text.data(), text.size(), MSG_NOSIGNAL);
-    }
-  }
-
-  std::map<std::string, std::string> answers_;
-  std::vector<std::string> requests_;
-  int fd_;
-  std::thread thread_;
-};
-
-json client(int id, const std::string &name, int queued = 0) {
-  return {{"id", id},
-          {"name", name},
-          {"pid", 100 + id},
-          {"program", "/usr/sbin/" + name},
-          {"uid", 0},
-          {"user", "root"},
-          {"gid", 0},
-          {"address", nullptr},
-          {"connected_at", 1767225600.25},
-          {"connected_s", 12.5},
-          {"swapped", false},
-          {"in", {{"messages", id}, {"bytes", 40}}},
-          {"out", {{"messages", 1}, {"bytes", 48}}},
-          {"queued_bytes", queued},
-          {"queue_limit", 1048576},
-          {"lost", 0},
-          {"slow", false},
-          {"held", false}};
 }
 
 TEST_F(Msgctl, CallPrintsTheAnswer) {
@@ -327,57 +183,6 @@ TEST_F(Msgctl, SendReachesItsReceiver) {
   EXPECT_EQ("someone", receiver.read().from);
 }
 
-// Publishes until somebody has seen it: who is registered need not have subscribed yet.
-class Publisher {
- public:
-  explicit Publisher(Words words)
-      : thread_([this, words = std::move(words)] {
-          while (!seen_) EXPECT_EQ(0, run(words).status);
-        }) {}
-  ~Publisher() { stop(); }
-  void stop() {
-    seen_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
-
- private:
-  std::atomic<bool> seen_ = false;
-  std::thread thread_;
-};
-
-TEST_F(Msgctl, EventsGoFromPublishToListen) {
-  Process listen("msgctl", {"listen", "wan", "lan", "--json"});
-  Publisher publisher({"publish", "wan", "LinkUp", "if=eth0"});
-  ASSERT_TRUE(listen.wait_for("\n"));
-  publisher.stop();
-  EXPECT_EQ(0, run({"publish", "usb", "Plugged", "port=1"}).status);  // not listened to
-  EXPECT_EQ(0, run({"publish", "lan", "Change", "--payload", "{\"ports\": [1, 2]}"}).status);
-  EXPECT_EQ(0, run({"publish", "event-lan", "--raw", "hex:00ff"}).status);
-  ASSERT_TRUE(listen.wait_for("00ff"));
-  ASSERT_TRUE(listen.wait_for("\n"));
-
-  const std::vector<json> events = lines_of(listen.output());
-  ASSERT_LE(3u, events.size());
-  EXPECT_EQ("wan", events.front()["module"]);
-  EXPECT_EQ("LinkUp", events.front()["body"]["items"][0]["value"]);
-  EXPECT_EQ("eth0", events.front()["body"]["items"][1]["value"]);
-  const json &change = events[events.size() - 2]["body"];
-  EXPECT_EQ("lan", change["Module"]);
-  EXPECT_EQ(json({1, 2}), change["Payload"]["ports"]);
-  EXPECT_EQ(ORP_MSG_EVENT_LAN, events.back()["type"]);
-}
-
-TEST_F(Msgctl, CountsEventsAndWaitsForOne) {
-  Process waiting("msgctl", {"wait", "--event", "lan", "--timeout", "20000"});
-  Process listen("msgctl", {"listen", "-n", "2", "--for", "20"});
-  Publisher publisher({"publish", "lan", "Change", "port=1"});
-  EXPECT_EQ(0, waiting.wait()) << waiting.output();
-  EXPECT_EQ(0, listen.wait()) << listen.output();
-  publisher.stop();
-  EXPECT_THAT(waiting.output(), HasSubstr("EventType=Change port=1\n"));
-  EXPECT_EQ(2, std::count(listen.output().begin(), listen.output().end(), '\n'));
-}
-
 TEST_F(Msgctl, ServeAnswersAsAnApplication) {
   Process fixed("msgctl", {"serve", "0x1234", "--as", "fixed", "--answer", "7", "--body", "yes"});
   Process program("msgctl", {"serve", "0x1234", "--as", "program", "--exec", "bash", "--", "-c",
@@ -484,236 +289,6 @@ TEST(MsgctlNotify, AsksAndNotifiesModules) {
   EXPECT_EQ(0, json::parse(run({"notify", "request", "30", "5", "--json"}).text)["length"]);
   EXPECT_EQ(0, run({"notify", "send", "cms", "5", "first", "second"}).status);
   EXPECT_EQ(5, run({"notify", "request", "cms", "5", "--timeout", "200"}).status);
-}
-
-// Against the server itself, where it has the interface.
-TEST_F(Msgctl, ShowsWhatTheServerKnows) {
-  RawClient wifi("wifi");
-  wifi.send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WAN});
-  wifi.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = std::string("/dev\0", 5)});
-  wifi.ask({.type = ORP_MSG_FACTORY_MODE});
-
-  EXPECT_EQ("wifi\n", run({"list", "--names"}).text);
-  const json info = json::parse(run({"info", "wifi", "--json"}).text);
-  EXPECT_EQ(::getpid(), info["pid"]);
-  EXPECT_EQ(json({ORP_MSG_EVENT_WAN}), info["subscriptions"]);
-  EXPECT_EQ(json({"/dev"}), info["paths"]);
-  EXPECT_EQ("/dev\n", run({"complete", "paths"}).text);
-
-  EXPECT_EQ(4, run({"send", "nobody", "0x1234", "--as", "lost"}).status);
-  const json stats = json::parse(run({"stats", "--json"}).text);
-  EXPECT_EQ(1, stats["lost"]["no_such_name"]);
-  EXPECT_EQ("lost", stats["culprits"][0]["from"]);
-
-  EXPECT_EQ(0, run({"disconnect", "wifi"}).status);
-  EXPECT_TRUE(wifi.closed());
-}
-
-TEST(MsgctlAdmin, ListsClients) {
-  const json detailed = [] {
-    json all = client(2, "lan", 900000);
-    all.update({{"subscriptions", {ORP_MSG_EVENT_WAN}},
-                {"named_subscriptions", json::array()},
-                {"paths", {"/dev"}},
-                {"sync_points", {"boot"}},
-                {"in_message", false},
-                {"keep_alive", {{"watched", true}, {"missing", false}, {"last_s", 3.2}}}});
-    return all;
-  }();
-  Admin admin(
-      {{"GET /v1/clients", json{{"clients", {client(1, "wifi"), client(2, "lan", 900000)}}}.dump()},
-       {"GET /v1/clients/2", detailed.dump()},
-       {"DELETE /v1/clients/2", ""}});
-
-  const Output table = run({"list", "--sort", "queued"});
-  EXPECT_EQ(0, table.status);
-  EXPECT_THAT(table.text,
-              AllOf(StartsWith("ID  NAME"), HasSubstr("900.0 kB"), HasSubstr("/usr/sbin/lan")));
-  EXPECT_LT(table.text.find("lan"), table.text.find("wifi"));
-  EXPECT_EQ("lan\nwifi\n", run({"list", "--names", "--sort", "name"}).text);
-  const std::vector<json> clients = lines_of(run({"list", "--json"}).text);
-  ASSERT_EQ(2u, clients.size());
-  EXPECT_EQ("wifi", clients[0]["name"]);
-
-  EXPECT_THAT(run({"info", "lan"}).text,
-              AllOf(HasSubstr("900.0 kB of 1.0 MB"), HasSubstr("event-wan (0x2da65)"),
-                    HasSubstr("/dev"), HasSubstr("boot"), HasSubstr("3.20 s ago")));
-  EXPECT_EQ(detailed, json::parse(run({"info", "#2", "--json"}).text));
-  EXPECT_EQ(4, run({"info", "nobody"}).status);
-  EXPECT_EQ(4, run({"info", "wifi"}).status);  // gone in between
-  EXPECT_EQ(0, run({"disconnect", "lan"}).status);
-  EXPECT_EQ("DELETE /v1/clients/2", admin.requests().back());
-}
-
-TEST(MsgctlAdmin, ShowsLossesWithTheirCulprits) {
-  const json stats = {{"version", "9.9"},
-                      {"pid", 1},
-                      {"uptime_s", 100.0},
-                      {"clients", 5},
-                      {"connections", 9},
-                      {"in", {{"messages", 10}, {"bytes", 20}}},
-                      {"out", {{"messages", 1}, {"bytes", 2}}},
-                      {"lost", {{"no_such_name", 0}, {"queue_full", 12}}},
-                      {"senders_told", 3},
-                      {"culprits",
-                       {{{"loss", "queue_full"},
-                         {"from", "pub\x1b[2J"},
-                         {"to", "slow"},
-                         {"count", 12},
-                         {"last_at", 1767225601.0}}}},
-                      {"flight", nullptr}};
-  Admin admin({{"GET /v1/stats", stats.dump()}});
-
-  EXPECT_THAT(run({"stats"}).text, AllOf(HasSubstr("lost, queue full    12"),
-                                         HasSubstr("pub\\x1b[2J"), Not(HasSubstr("\x1b[2J"))));
-  EXPECT_EQ(stats, json::parse(run({"stats", "--json"}).text));
-  EXPECT_EQ("3\n", shell("msgctl stats --watch --interval 10 --json | head -3 | wc -l").text);
-}
-
-TEST(MsgctlAdmin, NeverPrintsHostileNamesRaw) {
-  const std::string name =
-      "\x1b]0;x\x07\xc2\x9b"
-      "2J\x7f";
-  Admin admin({{"GET /v1/clients", json{{"clients", {client(1, name)}}}.dump()},
-               {"GET /v1/clients/1", client(1, name).dump()},
-               {"GET /v1/paths",
-                json{{"paths", {{{"path", "/$(reboot)"}, {"id", 1}}, {{"path", "/ok"}}}}}.dump()}});
-  for (const Words &words : std::vector<Words>{{"list"},
-                                               {"list", "--names"},
-                                               {"list", "--json"},
-                                               {"info", "#1"},
-                                               {"info", "#1", "--json"},
-                                               {"info", name + "x"},
-                                               {"info", name + "x", "--json"},
-                                               {"count", name + "xxxxxxx"},
-                                               {"complete", "names"}}) {
-    const std::string text = run(words).text;
-    EXPECT_FALSE(text.empty());
-    for (const char *raw : {"\x1b", "\x07", "\xc2\x9b", "\x7f"}) {
-      EXPECT_THAT(text, Not(HasSubstr(raw))) << words[0];
-    }
-  }
-  EXPECT_EQ(name, json::parse(run({"list", "--json"}).text)["name"]);
-  // What a shell would be offered.
-  EXPECT_EQ("server\n", run({"complete", "names"}).text);
-  EXPECT_EQ("/ok\n", run({"complete", "paths"}).text);
-}
-
-TEST_F(Msgctl, NeverPrintsHostileMessagesRaw) {
-  Process serve("msgctl", {"serve", "0x1234", "--as", "mock", "--answer", "0", "-n", "1"});
-  Process listen("msgctl", {"listen", "wan", "--as", "ears", "-n", "1"});
-  ASSERT_EQ(0, run({"wait", "mock"}).status);
-  ASSERT_EQ(0, run({"wait", "ears"}).status);
-  RawClient evil("\x1b[2J\xc2\x9bx");
-
-  evil.ask({.type = kOwnType, .to = "mock", .body = "\x1b]0;owned\x07"});
-  EXPECT_EQ(0, serve.wait());
-  for (int i = 0; i < 100 && ::kill(listen.pid(), 0) == 0; ++i) {
-    evil.send({.type = ORP_MSG_EVENT_WAN, .body = "\x1b[31m\x7f"});
-    if (evil.ask({.type = ORP_MSG_COUNT_PROCESSES, .body = test::padded("ears")}).data == 0) break;
-    ::usleep(20000);
-  }
-  EXPECT_EQ(0, listen.wait());
-  for (const std::string &text : {serve.output(), listen.output()}) {
-    EXPECT_THAT(text, AllOf(HasSubstr("\\x1b[2J"), Not(HasSubstr("\x1b")), Not(HasSubstr("\x07")),
-                            Not(HasSubstr("\xc2\x9b")), Not(HasSubstr("\x7f"))));
-  }
-}
-
-TEST(MsgctlAdmin, RefusesWhatIsNoAnswer) {
-  Admin admin({{"GET /v1/clients", "[1, 2"}, {"GET /v1/stats", "{}"}});
-  EXPECT_EQ(6, run({"list"}).status);
-  EXPECT_EQ(0, run({"stats"}).status);
-}
-
-TEST(MsgctlAdmin, ListsManyClientsToWhoeverReads) {
-  json clients = json::array();
-  for (int i = 0; i < 1000; ++i) clients.push_back(client(i + 1, "app" + std::to_string(i)));
-  Admin admin({{"GET /v1/clients", json{{"clients", clients}}.dump()}});
-
-  EXPECT_EQ("1001\n", shell("msgctl list | wc -l").text);
-  EXPECT_EQ("1\n", shell("msgctl list --json 2>&1 | head -1 | wc -l").text);
-  EXPECT_EQ("0\n", shell("msgctl list --json | head -1 >/dev/null; echo ${PIPESTATUS[0]}").text);
-}
-
-TEST_F(Msgctl, ListenEndsWithItsReader) {
-  const Output output = shell(
-      "msgctl listen --as ears | head -1 &\n"
-      "msgctl wait ears || exit\n"
-      "for i in {1..100}; do\n"
-      "  msgctl publish wan LinkUp if=eth0\n"
-      "  msgctl wait --gone ears --timeout 100 2>/dev/null && exit\n"
-      "done\nexit 9");
-  EXPECT_EQ(0, output.status);
-  EXPECT_THAT(output.text, HasSubstr("EventType=LinkUp if=eth0\n"));
-}
-
-TEST_F(Msgctl, DoctorNamesWhatIsWrongAndWhatToDo) {
-  const auto finding = [](const std::string &subject) {
-    for (const json &line : lines_of(run({"doctor", "--json"}).text)) {
-      if (line["subject"] == subject) return line;
-    }
-    return json();
-  };
-  EXPECT_EQ("ok", finding("message server")["verdict"]);
-  EXPECT_EQ("ok", finding("/var/run")["verdict"]);
-  EXPECT_EQ("problem", finding("log server")["verdict"]);
-  EXPECT_EQ("start mlogserver", finding("log server")["advice"]);
-  EXPECT_EQ(1, run({"doctor"}).status);
-
-  {
-    Process log("mlogserver");
-    ASSERT_TRUE(log.wait_for("ready"));
-    Process notify("notifyserver");
-    ASSERT_TRUE(notify.wait_for("ready"));
-    const Output output = run({"doctor"});
-    EXPECT_EQ(0, output.status) << output.text;
-  }
-
-  std::ofstream("/var/run/msg/msg_file_1") << "x";
-  timespec old[2] = {{1, 0}, {1, 0}};
-  ::utimensat(AT_FDCWD, "/var/run/msg/msg_file_1", old, 0);
-  EXPECT_EQ("hint", finding("large bodies")["verdict"]);
-  ::chmod("/var/run/msg", 0777);
-  EXPECT_EQ("problem", finding("large bodies")["verdict"]);
-  std::ofstream("/var/run/notify/client99999") << "";
-
-  server_->stop(SIGKILL);
-  EXPECT_EQ("problem", finding("message server")["verdict"]);
-}
-
-TEST_F(Msgctl, CompletesInBash) {
-  Admin admin({{"GET /v1/clients", json{{"clients", {client(1, "wifi"), client(2, "wan")}}}.dump()},
-               {"GET /v1/paths", json{{"paths", {{{"path", "/dev"}}}}}.dump()}});
-  const auto complete = [](const std::string &line) {
-    return shell("source " MSGAPI_SOURCE
-                 "/tools/msgctl/completion/msgctl.bash\n"
-                 "COMP_WORDS=(" +
-                 line +
-                 ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_msgctl\n"
-                 "printf '%s ' \"${COMPREPLY[@]}\"")
-        .text;
-  };
-  EXPECT_EQ("wan wifi ", complete("msgctl info w"));
-  EXPECT_EQ("wan wifi ", complete("msgctl call --timeout 100 w"));
-  EXPECT_EQ("wan web webconsole wlan ", complete("msgctl publish w"));
-  EXPECT_EQ("save-cfg save-cfg-sync save-cfg-to-app save-cfg-to-app-sync ",
-            complete("msgctl call wifi save-cfg"));
-  EXPECT_EQ("/dev ", complete("msgctl get /"));
-  EXPECT_EQ("list listen ", complete("msgctl lis"));
-  EXPECT_THAT(complete("msgctl wait --"), AllOf(HasSubstr("--gone"), HasSubstr("--timeout")));
-  EXPECT_EQ("wifi ", complete("msgctl wait --gone wif"));
-}
-
-TEST_F(Msgctl, EveryCommandExplainsItself) {
-  for (const char *command :
-       {"call",   "send",  "get",    "post",   "put",   "patch", "delete",     "publish",
-        "listen", "serve", "wait",   "ping",   "count", "exit",  "sync",       "notify",
-        "stats",  "types", "status", "doctor", "list",  "info",  "disconnect", "complete"}) {
-    const Output output = run({command, "--help"});
-    EXPECT_EQ(0, output.status) << command;
-    EXPECT_THAT(output.text, AllOf(HasSubstr("--json"), HasSubstr("--timeout"), HasSubstr("--as")));
-  }
 }
 
 }  // namespace

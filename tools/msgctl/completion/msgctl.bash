@@ -16,6 +16,7 @@ _msgctl_kind() {
     publish:1 | listen:*) echo events ;;
     get:1 | post:1 | put:1 | patch:1 | delete:1) echo paths ;;
     notify:2) echo modules ;;
+    mock:1 | replay:1) echo files ;;
   esac
 }
 
@@ -29,8 +30,10 @@ _msgctl() {
       command=${COMP_WORDS[i]}
     else
       case ${COMP_WORDS[i - 1]} in
-        --timeout | --as | --sort | --gone | --event | --for | -n | --count | --size | --type | --dm | \
-          --sub-type | --exec | --answer | --body | --payload | --from | --argument | --interval) ;;
+        --answer | --argument | --as | --body | --by | --count | --dm | --event | --exec | --file | \
+          --for | --from | --gone | --interval | --keep | --lines | --most | --of | --payload | \
+          --rotate | --seconds | --size | --sort | --speed | --sub-type | --timeout | --to | --type | \
+          --write | -f | -n | -w) ;;
         *) place=$((place + 1)) ;;
       esac
     fi
@@ -42,13 +45,14 @@ _msgctl() {
     words=$(_msgctl_options "$command")
   else
     case $last in
-      --gone) kind=names ;;
+      --gone | --to) kind=names ;;
       --event) kind=events ;;
       --type) kind=types ;;
       --exec)
         mapfile -t COMPREPLY < <(compgen -c -- "$word")
         return
         ;;
+      --file | --write | -f | -w) kind=files ;;
       *) kind=$(_msgctl_kind "$command" $((place + 1))) ;;
     esac
     case $command:$((place + 1)) in
@@ -56,6 +60,11 @@ _msgctl() {
       notify:1) words='modules request send' ;;
       complete:1) words='names types events paths modules' ;;
     esac
+    if [[ $kind == files ]]; then
+      compopt -o filenames 2>/dev/null
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return
+    fi
     [[ -z $kind ]] || words=$(msgctl complete "$kind" --timeout 500 2>/dev/null)
   fi
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

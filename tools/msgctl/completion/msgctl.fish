@@ -8,9 +8,24 @@ function __msgctl_offer
     msgctl complete $argv[1] --timeout 500 2>/dev/null
 end
 
-# True when as many words stand behind the command.
+function __msgctl_options
+    msgctl (commandline -opc)[2] --help 2>/dev/null | grep -oE -- '(^|[ ,])--[a-z-]+' | tr -d ' ,'
+end
+
+# Options that have a value.
+set -g __msgctl_valued --{answer,argument,as,body,by,count,dm,event,exec,file,for,from,gone,interval,keep,lines,most,of,payload,rotate,seconds,size,sort,speed,sub-type,timeout,to,type,write} -f -n -w
+
+# True when so many words, and options besides, stand before this one: the command and its arguments.
 function __msgctl_place
-    test (count (commandline -opc)) -eq (math $argv[1] + 1)
+    set -l place 0
+    set -l before ''
+    for word in (commandline -opc)[2..-1]
+        if not string match -q -- '-*' $word; and not contains -- $before $__msgctl_valued
+            set place (math $place + 1)
+        end
+        set before $word
+    end
+    test $place -eq $argv[1]
 end
 
 set -l clients info exit count wait ping disconnect call send
@@ -26,9 +41,13 @@ complete -c msgctl -n '__fish_seen_subcommand_from notify; and __msgctl_place 1'
 complete -c msgctl -n '__fish_seen_subcommand_from notify; and __msgctl_place 2' -a '(__msgctl_offer modules)'
 complete -c msgctl -n '__fish_seen_subcommand_from sync; and __msgctl_place 1' -a 'wait post'
 complete -c msgctl -n '__fish_seen_subcommand_from complete; and __msgctl_place 1' -a 'names types events paths modules'
-complete -c msgctl -l json -d 'One JSON object a line'
+complete -c msgctl -n '__fish_seen_subcommand_from mock replay' -F
+complete -c msgctl -n 'string match -q -- "-*" (commandline -ct)' -a '(__msgctl_options)'
 complete -c msgctl -l timeout -x -d 'Milliseconds to wait'
 complete -c msgctl -l as -x -d 'The name under which to register'
 complete -c msgctl -n '__fish_seen_subcommand_from wait' -l gone -x -a '(__msgctl_offer names)'
 complete -c msgctl -n '__fish_seen_subcommand_from wait' -l event -x -a '(__msgctl_offer events)'
 complete -c msgctl -n '__fish_seen_subcommand_from ping' -l type -x -a '(__msgctl_offer types)'
+complete -c msgctl -n '__fish_seen_subcommand_from replay' -l to -x -a '(__msgctl_offer names)'
+complete -c msgctl -n '__fish_seen_subcommand_from monitor capture latency top waits diagram postmortem' -s f -l file -r -F
+complete -c msgctl -n '__fish_seen_subcommand_from capture' -s w -l write -r -F

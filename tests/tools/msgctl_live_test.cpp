@@ -1,0 +1,135 @@
+// The flight recorder's commands with a real message server and real applications.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/msgctl_support.h"
+
+namespace {
+
+using nlohmann::json;
+using std::chrono::duration;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
+using test::Application;
+using test::Frame;
+using test::kOwnType;
+using test::lines_of;
+using test::Output;
+using test::Process;
+using test::RawClient;
+using test::run;
+using test::shell;
+using testing::AllOf;
+using testing::HasSubstr;
+
+using MsgctlLive = test::Msgctl;
+
+TEST_F(MsgctlLive, LatenciesAreThoseThatAClientMeasures) {
+  constexpr milliseconds kWork(20);
+  const Application worker("worker", [&](RawClient &self, const Frame &request) {
+    if (request.type != kOwnType) return;
+    std::this_thread::sleep_for(kWork);
+    self.answer(request);
+  });
+  RawClient client("client");
+  std::vector<double> measured;
+  for (uint32_t i = 1; i <= 15; ++i) {
+    const auto start = steady_clock::now();
+    client.ask({.type = kOwnType, .to = "worker", .sequence = i});
+    measured.push_back(duration<double, std::nano>(steady_clock::now() - start).count());
+  }
+  std::ranges::sort(measured);
+  const double median = measured[measured.size() / 2];
+
+  const std::vector<json> rows = lines_of(run({"latency", "--json"}).text);
+  const auto row =
+      std::ranges::find_if(rows, [](const json &each) { return each["type"] == "0x1234"; });
+  ASSERT_NE(row, rows.end());
+  const auto ns = [&row](const char *time, const char *what) {
+    return (*row)[time][what].get<double>();
+  };
+  EXPECT_EQ((*row)["total"]["count"], 15);
+  EXPECT_NEAR(ns("total", "p50_ns"), median, 0.1 * median);
+  EXPECT_GE(ns("handler", "p50_ns"), static_cast<double>(nanoseconds(kWork).count()));
+  EXPECT_LE(ns("total", "max_ns"), measured.back());
+}
+
+TEST_F(MsgctlLive, ADeadlockOfDaemonsIsNamedWithinASecond) {
+  Process left("demo_knot", {"left"});
+  ASSERT_EQ(run({"wait", "left"}).status, 0);
+  Process right("demo_knot", {"right"});
+  ASSERT_EQ(run({"wait", "right"}).status, 0);
+  // Passed on once it comes back.
+  ASSERT_EQ(run({"call", "left", "0x1004", "1"}).text, "0\n");
+  EXPECT_THAT(run({"waits"}).text, HasSubstr("nobody waits"));
+
+  Process asker("msgctl", {"call", "left", "0x1004", "2", "--as", "asker"});
+  json deadlock;
+  for (const auto end = steady_clock::now() + milliseconds(test::kPatience_ms);
+       deadlock.is_null() && steady_clock::now() < end;) {
+    for (const json &line : lines_of(run({"waits", "--json"}).text)) {
+      if (line.contains("deadlock")) deadlock = line;
+    }
+  }
+  EXPECT_EQ(deadlock["deadlock"], json({"left", "right"})) << deadlock;
+  EXPECT_EQ(deadlock["certain"], true);
+  EXPECT_LT(deadlock["for_ns"], 1'000'000'000 * test::kSlowness);
+  EXPECT_THAT(run({"waits"}).text,
+              AllOf(HasSubstr("asker waits for left: "), HasSubstr("\n  left waits for right: "),
+                    HasSubstr("left -> right -> left: a probable deadlock for ")));
+}
+
+// In a root that is no sandbox's, with the same bus.
+TEST_F(MsgctlLive, StandInsRefuseABusThatIsNoSandboxs) {
+  server_->stop(SIGTERM);
+  start({"--flight-body", "100"});
+  const Application station("station", [](RawClient &self, const Frame &request) {
+    if (request.type == kOwnType) self.answer(request, 5);
+  });
+  ASSERT_EQ(run({"call", "station", "0x1234"}).text, "5\n");
+  ASSERT_EQ(run({"capture", "-w", "/var/run/c.pcapng", "--no-mask"}).status, 0);
+
+  const Output prepared = shell(R"(set -e
+root=/var/elsewhere
+mkdir -p $root/var/run
+mount --rbind /var/run $root/var/run
+for entry in /*; do
+  if [[ -L $entry ]]; then
+    cp -P "$entry" "$root$entry"
+  elif [[ -d $entry && $entry != /var ]]; then
+    mkdir "$root$entry"
+    mount --rbind "$entry" "$root$entry"
+  fi
+done)");
+  ASSERT_EQ(prepared.status, 0) << prepared.text;
+  const auto elsewhere = [](const std::string &words) {
+    return shell("chroot /var/elsewhere msgctl " + words + " 2>&1");
+  };
+  for (const char *words : {"replay /var/run/c.pcapng --to station",
+                            "mock /var/run/c.pcapng --as other --of station"}) {
+    const Output refusal = elsewhere(words);
+    EXPECT_EQ(refusal.status, 7) << refusal.text;
+    EXPECT_THAT(refusal.text, HasSubstr("--live"));
+  }
+
+  Output output = elsewhere("replay /var/run/c.pcapng --to station --live --json");
+  EXPECT_EQ(output.status, 0) << output.text;
+  EXPECT_EQ(json::parse(output.text)["answered_alike"], 1);
+  std::thread mock([&] {
+    output = elsewhere("mock /var/run/c.pcapng --as other --of station --live -n 1 --json");
+  });
+  EXPECT_EQ(run({"wait", "other"}).status, 0);
+  EXPECT_EQ(run({"call", "other", "0x1234"}).text, "5\n");
+  mock.join();
+  EXPECT_EQ(output.status, 0) << output.text;
+}
+
+}  // namespace

@@ -1,0 +1,94 @@
+// Runs msgctl as a shell does, and what it talks to.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/message_peer.h"
+#include "support/process.h"
+
+namespace test {
+
+using Words = std::vector<std::string>;
+
+constexpr uint32_t kOwnType = 0x1234;
+
+struct Output {
+  int status;
+  std::string text;
+};
+
+// Where the project's program `name` is.
+std::string path_of(const std::string &name);
+
+// msgctl with these words; its output with its errors.
+Output run(const Words &words);
+
+// A command line of a shell in which "msgctl" is ours; its standard output and its status.
+Output shell(const std::string &command);
+
+// The JSON value on each line.
+std::vector<nlohmann::json> lines_of(const std::string &text);
+
+// With a message server.
+class Msgctl : public testing::Test {
+ protected:
+  void SetUp() override { start(); }
+
+  void start(const Words &arguments = {}) {
+    server_ = std::make_unique<Process>("msgsvr", arguments);
+    ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
+  }
+
+  std::unique_ptr<Process> server_;
+};
+
+// Answers what comes, in a thread, until it is destroyed.
+class Application {
+ public:
+  using Answer = std::function<void(RawClient &, const Frame &)>;
+  explicit Application(const std::string &name, Answer answer)
+      : client_(name), thread_([this, answer = std::move(answer)] {
+          while (!stop_) {
+            if (const auto frame = client_.receive(20)) answer(client_, *frame);
+          }
+        }) {}
+  ~Application() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  RawClient client_;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
+// The server's admin interface, with answers that the test gives.
+class Admin {
+ public:
+  explicit Admin(std::map<std::string, std::string> answers);
+  ~Admin();
+  const std::vector<std::string> &requests() const { return requests_; }
+
+ private:
+  void serve();
+
+  std::map<std::string, std::string> answers_;
+  std::vector<std::string> requests_;
+  int fd_;
+  std::thread thread_;
+};
+
+// What the server says of a client.
+nlohmann::json client(int id, const std::string &name, int queued = 0);
+
+}  // namespace test
