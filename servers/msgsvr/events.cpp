@@ -93,8 +93,9 @@ class Events final : public Service {
         return;
       }
     }
-    Share share = server_->share(from, Kept::kSubscriptions,
-                                 [this](const Account &user) { return make_room(user); });
+    Share share =
+        server_->accounts().share(from.account, Kept::kSubscriptions,
+                                  [this](const Account &user) { return make_room(user); });
     if (!share) {
       server_->refuse(from, message, "event subscriptions");
       return;

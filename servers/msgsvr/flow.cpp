@@ -6,7 +6,10 @@
 // much again. A reader that takes next to nothing for the length of the patience has used it up:
 // from then on, until its queue has been empty, nobody waits for it and what does not fit is lost.
 
+#include "msgsvr/flow.h"
+
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 #include "msgsvr/server.h"
@@ -27,54 +30,52 @@ size_t low_mark(const OutputQueue &queue) {
 
 }  // namespace
 
-void Server::watch_backlog(Client &reader) {
+void Flow::watch(Client &reader) {
   if (reader.out.empty()) {
-    if (std::exchange(reader.backlog.half_full, false)) journal_.empty_again(reader);
+    if (std::exchange(reader.backlog.half_full, false)) server_->journal().empty_again(reader);
     reader.note_empty();
     reader.backlog.slow = false;
   }
   if (reader.out.weight() > high_mark(reader.out) &&
       !std::exchange(reader.backlog.half_full, true)) {
-    journal_.half_full(reader);
+    server_->journal().half_full(reader);
   }
   if (reader.out.weight() <= low_mark(reader.out)) {
-    release_held(reader);
+    release_all(reader);
     return;
   }
   // What the reader waits for must come, or the queue stays as full as it is.
   if (const OutputQueue::Tag *awaited = reader.out.awaited()) release(reader, awaited->origin);
-  if (reading_ != nullptr && !reading_->ended && !reader.backlog.slow &&
-      reader.out.weight() > high_mark(reader.out) && !keeps_waiting(reader, *reading_)) {
-    hold(*reading_, reader);
+  if (routed_ != nullptr && !routed_->ended && !reader.backlog.slow &&
+      reader.out.weight() > high_mark(reader.out) && !is_owed(reader, *routed_)) {
+    hold(*routed_, reader);
   }
 }
 
-// Whether `reader` has read everything up to a long message of which the sender owes the next
-// bytes.
-bool Server::keeps_waiting(const Client &reader, const Client &sender) const {
+bool Flow::is_owed(const Client &reader, const Client &sender) {
   const OutputQueue::Tag *awaited = reader.out.awaited();
   return awaited != nullptr && awaited->origin == sender.id;
 }
 
-size_t Server::reserve_of(const Client &reader) {
+size_t Flow::reserve_of(const Client &reader) {
   return reader.backlog.slow ? 0 : reader.out.limit();
 }
 
-void Server::hold(Client &sender, Client &reader) {
+void Flow::hold(Client &sender, Client &reader) {
   Backlog &backlog = reader.backlog;
   if (std::find(backlog.held.begin(), backlog.held.end(), sender.id) != backlog.held.end()) return;
   if (backlog.timer == 0) check_patience(reader);
   backlog.held.push_back(sender.id);
   ++sender.holds;
-  update_interest(sender);
+  server_->update_interest(sender);
 }
 
-void Server::check_patience(Client &reader) {
+void Flow::check_patience(Client &reader) {
   reader.backlog.bytes_at_check = reader.out.bytes_written();
   reader.backlog.frames_at_check = reader.out.frames_written();
-  reader.backlog.timer =
-      loop_->after(std::chrono::milliseconds(options_.patience_ms), [this, id = reader.id] {
-        Client *client = by_id(id);
+  reader.backlog.timer = server_->loop().after(
+      std::chrono::milliseconds(server_->options().patience_ms), [this, id = reader.id] {
+        Client *client = server_->by_id(id);
         if (client == nullptr) return;
         client->backlog.timer = 0;
         if (client->backlog.held.empty()) return;
@@ -84,31 +85,34 @@ void Server::check_patience(Client &reader) {
         const bool reads = out.awaited() != nullptr ||
                            out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
                            out.frames_written() - client->backlog.frames_at_check >= kLeastFrames;
-        if (reads && loop_->attempt("a reader is not watched", [&] { check_patience(*client); })) {
+        if (reads &&
+            server_->loop().attempt("a reader is not watched", [&] { check_patience(*client); })) {
           return;
         }
         client->backlog.slow = true;
-        release_held(*client);
-        flush();
+        release_all(*client);
+        server_->flush();
       });
 }
 
-void Server::release(Client &reader, uint32_t sender) noexcept {
+void Flow::release(Client &reader, uint32_t sender) noexcept {
   if (std::erase(reader.backlog.held, sender) == 0) return;
-  Client *client = by_id(sender);
+  Client *client = server_->by_id(sender);
   if (client == nullptr) return;
+  assert(client->holds > 0);
   --client->holds;
-  update_interest(*client);
+  server_->update_interest(*client);
 }
 
-void Server::release_held(Client &reader) noexcept {
+void Flow::release_all(Client &reader) noexcept {
   if (reader.backlog.held.empty()) return;
-  loop_->cancel(std::exchange(reader.backlog.timer, 0));
+  server_->loop().cancel(std::exchange(reader.backlog.timer, 0));
   for (uint32_t id : std::exchange(reader.backlog.held, {})) {
-    Client *sender = by_id(id);
+    Client *sender = server_->by_id(id);
     if (sender == nullptr) continue;
+    assert(sender->holds > 0);
     --sender->holds;
-    update_interest(*sender);
+    server_->update_interest(*sender);
   }
 }
 

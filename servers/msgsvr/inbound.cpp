@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -97,7 +98,7 @@ void Server::readable(Client &from) {
 
   const std::span<char> bytes(read_buffer_.data(), static_cast<size_t>(result));
   journal_.received(from, bytes.size());
-  reading_ = &from;
+  flow_.begin_routing(from);
   UniqueFd fd;
   if (take_descriptor(&message, &fd)) {
     take_with_descriptor(from, bytes, bytes.size() == read_buffer_.size(), std::move(fd));
@@ -105,7 +106,7 @@ void Server::readable(Client &from) {
     take(from, bytes);
   }
   flush();
-  reading_ = nullptr;
+  flow_.end_routing();
 }
 
 // A read ends with the write that carried a descriptor, so the transfer's two zero bytes are the
@@ -139,10 +140,10 @@ void Server::pass_descriptor(Client &from, UniqueFd fd) {
   tag.descriptor = 1;
   if (fd && to != nullptr && to->address.empty() &&
       to->out.descriptors() < options_.limits[static_cast<size_t>(Kept::kDescriptors)] / 4) {
-    Share place = share(from, Kept::kDescriptors);
+    Share place = accounts_.share(from.account, Kept::kDescriptors);
     if (!place) {
-      note_refusal(*from.account->user, "descriptors on their way");
-    } else if (to->out.send_descriptor(std::move(fd), tag, reserve_of(*to),
+      accounts_.note_refusal(*from.account, "descriptors on their way");
+    } else if (to->out.send_descriptor(std::move(fd), tag, Flow::reserve_of(*to),
                                        std::make_shared<Share>(std::move(place)))) {
       after_output(*to);
       return;
@@ -186,13 +187,14 @@ std::span<char> Server::pass_on(Client &from, std::span<char> bytes) {
   const size_t count = static_cast<size_t>(std::min<uint64_t>(in.left, bytes.size()));
   in.left -= count;
   if (in.stream != nullptr) {
+    assert(in.stream_to != nullptr);
     Client &to = *in.stream_to;
     to.out.extend(in.stream, bytes.first(count));
     if (in.left == 0) {
       in.stream = nullptr;
       in.stream_to = nullptr;
       loop_->cancel(in.stream_timer);
-    } else if (to.backlog.slow && to.out.weight() > to.out.limit() && !keeps_waiting(to, from)) {
+    } else if (to.backlog.slow && to.out.weight() > to.out.limit() && !Flow::is_owed(to, from)) {
       abandon_stream(from, "its reader does not read", true);
     }
     after_output(to);
@@ -204,6 +206,7 @@ std::span<char> Server::pass_on(Client &from, std::span<char> bytes) {
 std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   std::vector<char> &partial = from.in.partial;
   const bool in_header = partial.size() < kHeaderSize;
+  assert(in_header || partial.size() < from.in.partial_size);
   const size_t wanted = (in_header ? kHeaderSize : from.in.partial_size) - partial.size();
   const size_t count = std::min(wanted, bytes.size());
   if (!in_header && !admit_unfinished(from, partial.size() + count)) {
@@ -285,7 +288,7 @@ void Server::discard_rest(Client &from, std::span<const char> begin, const Heade
   from.in.last_tag = tag_of(from, header, record);
   from.in.partial_share = Share(from.account, Kept::kUnfinished);
   remove_sent_file(begin, from.swapped, from.peer.uid);
-  note_refusal(*from.account->user, "bytes of unfinished messages");
+  accounts_.note_refusal(*from.account, "bytes of unfinished messages");
   lose_unrouted(from, header, from.in.last_tag, Loss::kNotPermitted);
 }
 
@@ -294,7 +297,7 @@ void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const
   if (from.swapped != to.swapped) store_header(header, to.swapped, begin.data());
   Inbound &in = from.in;
   in.stream_tag = in.last_tag;
-  in.stream = to.out.open_stream(begin, in.left, in.stream_tag, reserve_of(to));
+  in.stream = to.out.open_stream(begin, in.left, in.stream_tag, Flow::reserve_of(to));
   if (in.stream == nullptr) {
     undelivered(to, in.stream_tag, begin, Loss::kQueueFull);
   } else {
@@ -327,6 +330,7 @@ void Server::watch_stream(Client &from) {
 // The rest of the message that is being passed on will be thrown away as it comes.
 void Server::abandon_stream(Client &from, std::string_view why, bool tell) noexcept {
   Inbound &in = from.in;
+  assert(in.stream != nullptr && in.stream_to != nullptr);
   Client &to = *in.stream_to;
   OutputQueue::Stream *stream = std::exchange(in.stream, nullptr);
   in.stream_to = nullptr;
@@ -403,7 +407,7 @@ void Server::deliver(Client &from, std::span<char> frame, const Header &header,
   from.in.last_to = to.id;
   // The frame is ours, so that its header can be converted where it is.
   if (from.swapped != to.swapped) store_header(header, to.swapped, frame.data());
-  post(to, {frame.data(), frame.size(), tag, reserve_of(to)});
+  post(to, {frame.data(), frame.size(), tag, Flow::reserve_of(to)});
 }
 
 void Server::dispatch(Client &from, std::span<char> frame, const Header &header,

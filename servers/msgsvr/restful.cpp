@@ -174,7 +174,7 @@ class Restful final : public Service {
       server_->lose(from, message, Loss::kNotServed);
       return false;
     }
-    Share share = server_->share(from, Kept::kPaths);
+    Share share = server_->accounts().share(from.account, Kept::kPaths);
     if (!share) {
       server_->refuse(from, message, "restful paths");
       return false;

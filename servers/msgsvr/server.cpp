@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 #include "common/log_line.h"
@@ -137,7 +138,8 @@ struct Server::Listener final : EventLoop::Watch {
 Server::Server(EventLoop *loop, const Options &options)
     : loop_(loop),
       options_(options),
-      read_buffer_(std::min(kReadSize, options.queue_limit / kReadsInQueue)) {}
+      read_buffer_(std::min(kReadSize, options.queue_limit / kReadsInQueue)),
+      accounts_(options.limits, &journal_) {}
 
 Server::~Server() {
   shut_down();
@@ -161,11 +163,11 @@ void Server::take_in(UniqueFd fd) {
   const uint32_t id = ++last_id_;
   auto owner = std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit);
   Client &client = *owner;
-  client.account = account_of(client);
+  client.account = accounts_.open(user_name(client));
   client.connection = Share(client.account, Kept::kConnections);
   client.in.partial_share = Share(client.account, Kept::kUnfinished);
   if (!client.connection.grow(options_.limits)) {
-    note_refusal(*client.account->user, "connections");
+    accounts_.note_refusal(*client.account, "connections");
     return;
   }
   if (!client.address.empty()) prepare_tcp(client.fd.get());
@@ -174,41 +176,8 @@ void Server::take_in(UniqueFd fd) {
   journal_.connected(client);
 }
 
-std::shared_ptr<Account> Server::account_of(const Client &client) {
-  std::erase_if(users_, [](const auto &entry) { return entry.second.expired(); });
-  std::string name = user_name(client);
-  std::weak_ptr<Account> &known = users_[name];
-  std::shared_ptr<Account> user = known.lock();
-  if (user == nullptr) {
-    user = std::make_shared<Account>(Account{std::move(name), nullptr, {}, 0});
-    known = user;
-  }
-  return std::make_shared<Account>(Account{{}, std::move(user), {}, 0});
-}
-
-Share Server::share(const Client &client, Kept kind, const MakeRoom &make_room) {
-  Share share(client.account, kind);
-  while (!share.grow(options_.limits)) {
-    if (make_room == nullptr || share.own_part_is_full(options_.limits) ||
-        !make_room(*client.account->user)) {
-      return Share();
-    }
-    journal_.over_limit();
-  }
-  return share;
-}
-
-// Each doubling of the number is worth a line, not each refusal.
-void Server::note_refusal(Account &user, std::string_view what) {
-  journal_.over_limit();
-  const uint64_t times = ++user.refusals;
-  if ((times & (times - 1)) != 0) return;
-  log_line("{} has as many {} as it may: one more is refused ({} refusals so far)", user.name, what,
-           times);
-}
-
 void Server::refuse(Client &client, const Message &request, std::string_view what) {
-  note_refusal(*client.account->user, fmt::format("{} (now {})", what, client.label()));
+  accounts_.note_refusal(*client.account, fmt::format("{} (now {})", what, client.label()));
   lose(client, request, Loss::kNotPermitted);
 }
 
@@ -255,7 +224,7 @@ void Server::send_tagged(Client &to, const Header &header, std::span<const char>
   char *frame = scratch_.take(kHeaderSize + body.size());
   store_header(header, to.swapped, frame);
   std::copy(body.begin(), body.end(), frame + kHeaderSize);
-  post(to, {frame, kHeaderSize + body.size(), tag, reserve_of(to) + kNoticeReserve});
+  post(to, {frame, kHeaderSize + body.size(), tag, Flow::reserve_of(to) + kNoticeReserve});
 }
 
 OutputQueue::Tag Server::silent_tag(const Client &from, const Message &message, uint32_t file) {
@@ -288,7 +257,7 @@ void Server::pass(Client &to, const Client &from, const Message &message) {
     store_header(load_header(copy, from.swapped), to.swapped, copy);
     frame = {copy, frame.size()};
   }
-  post(to, {frame.data(), frame.size(), silent_tag(from, message), reserve_of(to)});
+  post(to, {frame.data(), frame.size(), silent_tag(from, message), Flow::reserve_of(to)});
 }
 
 void Server::lose(Client &from, const Message &message, Loss loss) noexcept {
@@ -336,6 +305,7 @@ void Server::flush() noexcept {
   while (!touched_.empty()) {
     Client &to = *touched_.back();
     touched_.pop_back();
+    assert(to.touched);
     to.touched = false;
     std::vector<OutputQueue::Frame> sending = std::move(to.pending);
     to.pending.clear();
@@ -359,7 +329,7 @@ void Server::after_output(Client &to) noexcept {
   if (to.out.broken()) {
     silence(to);
   } else {
-    loop_->attempt("a client's queue is not looked after", [&] { watch_backlog(to); });
+    loop_->attempt("a client's queue is not looked after", [&] { flow_.watch(to); });
   }
   update_interest(to);
 }
@@ -407,7 +377,7 @@ void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<cons
 void Server::silence(Client &client) noexcept {
   names_.release(client);
   client.out.close();
-  release_held(client);
+  flow_.release_all(client);
   for (const auto &[id, other] : clients_) {
     if (other->in.stream_to == &client) abandon_stream(*other, "its reader is gone", true);
   }
@@ -427,6 +397,7 @@ void Server::end(Client &client, std::string_view why) noexcept {
   silence(client);
   journal_.ended(client, why);
   const auto entry = clients_.find(client.id);
+  assert(entry != clients_.end() && client.in.stream == nullptr && client.backlog.held.empty());
   std::unique_ptr<Client> owner = std::move(entry->second);
   clients_.erase(entry);
   for (const GoneHandler &handler : gone_) {
@@ -451,7 +422,7 @@ void Server::log_end(const Client &client, std::string_view why) const {
 // Its handling has thrown. What it had the server send before is sent, and it is ended.
 void Server::fail(Client &client, const char *why) noexcept {
   journal_.failure();
-  reading_ = nullptr;
+  flow_.end_routing();
   flush();
   end(client, why);
   flush();

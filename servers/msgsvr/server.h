@@ -8,7 +8,6 @@
 #include <array>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -18,7 +17,9 @@
 
 #include "common/event_loop.h"
 #include "common/listen.h"
+#include "msgsvr/account.h"
 #include "msgsvr/client.h"
+#include "msgsvr/flow.h"
 #include "msgsvr/journal.h"
 #include "msgsvr/names.h"
 #include "msgsvr/options.h"
@@ -73,13 +74,9 @@ class Server {
   const std::unordered_map<uint32_t, std::unique_ptr<Client>> &clients() const { return clients_; }
   Client *by_id(uint32_t id);
   Names &names() { return names_; }
+  Accounts &accounts() { return accounts_; }
   // Ends that client for the reason `why`; false when it is not there.
   bool disconnect(uint32_t id, std::string_view why) noexcept;
-  // One more of that kind for `client`; an empty share if that is one too many. If only its user
-  // has too many, `make_room` may give up something that nobody owns any more, and says whether it
-  // did.
-  using MakeRoom = std::function<bool(const Account &user)>;
-  Share share(const Client &client, Kept kind, const MakeRoom &make_room = nullptr);
   // Notes that `client` is refused more of what is limited, and tells it that its request is lost.
   void refuse(Client &client, const Message &request, std::string_view what);
 
@@ -111,11 +108,10 @@ class Server {
 
  private:
   friend struct Client;
+  friend class Flow;
   struct Listener;
 
   void take_in(UniqueFd fd);
-  std::shared_ptr<Account> account_of(const Client &client);
-  void note_refusal(Account &user, std::string_view what);
   void fail(Client &client, const char *why) noexcept;
   void update_interest(Client &client) noexcept;
   void readable(Client &from);
@@ -150,14 +146,6 @@ class Server {
                    Loss loss) noexcept;
   void watch_stream(Client &from);
   void abandon_stream(Client &from, std::string_view why, bool tell) noexcept;
-  bool keeps_waiting(const Client &reader, const Client &sender) const;
-
-  static size_t reserve_of(const Client &reader);
-  void hold(Client &sender, Client &reader);
-  void release(Client &reader, uint32_t sender) noexcept;
-  void release_held(Client &reader) noexcept;
-  void check_patience(Client &reader);
-  void watch_backlog(Client &reader);
 
   void silence(Client &client) noexcept;
   void end(Client &client, std::string_view why) noexcept;
@@ -179,11 +167,11 @@ class Server {
   std::vector<char> read_buffer_;
   std::vector<char> assembled_;  // the frame that the current input completed
   Scratch scratch_;
-  Client *reading_ = nullptr;  // whose input is being routed
   std::vector<Client *> touched_;
   size_t posted_ = 0;  // frames that wait for flush()
-  std::map<std::string, std::weak_ptr<Account>> users_;
+  Flow flow_{this};
   Journal journal_;
+  Accounts accounts_;
 };
 
 }  // namespace msgsvr

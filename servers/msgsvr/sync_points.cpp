@@ -74,8 +74,8 @@ class SyncPoints final : public Service {
   }
 
   Share share(const Client &client) {
-    return server_->share(client, Kept::kPoints,
-                          [this](const Account &user) { return make_room(user); });
+    return server_->accounts().share(client.account, Kept::kPoints,
+                                     [this](const Account &user) { return make_room(user); });
   }
 
   static std::string name_of(const Message &message) {
