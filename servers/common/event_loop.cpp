@@ -3,6 +3,7 @@
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <system_error>
 
@@ -63,6 +64,7 @@ void EventLoop::remove(int fd, Watch *watch) noexcept {
 }
 
 void EventLoop::retire(std::unique_ptr<Watch> watch) noexcept {
+  assert(watch->next_retired_ == nullptr && watch.get() != retired_);
   watch->next_retired_ = retired_;
   retired_ = watch.release();
 }

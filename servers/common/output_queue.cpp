@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -92,7 +93,26 @@ struct OutputQueue::Stream {
 OutputQueue::OutputQueue(int fd, size_t limit, Observer *observer)
     : fd_(fd), limit_(limit), observer_(observer), chunk_size_(atomic_write_size(fd)) {}
 
-OutputQueue::~OutputQueue() = default;
+OutputQueue::~OutputQueue() {
+  assert(adds_up());
+}
+
+// Whether the weight, the descriptors and the open streams are those of the chunks.
+bool OutputQueue::adds_up() const {
+  size_t weight = 0;
+  size_t descriptors = 0;
+  size_t open = 0;
+  for (const Chunk &chunk : chunks_) {
+    if (chunk.written > chunk.size || chunk.frames_written > chunk.frames.size()) return false;
+    if (chunk.open && (chunk.stream == nullptr || &*chunk.stream->last != &chunk)) return false;
+    if (chunk.data) weight += chunk.size - chunk.written;
+    weight += (chunk.frames.size() - chunk.frames_written) * kFrameWeight;
+    if (chunk.descriptor) weight += kDescriptorWeight;
+    descriptors += chunk.descriptor ? 1 : 0;
+    open += chunk.open ? 1 : 0;
+  }
+  return weight == weight_ && descriptors == descriptors_ && open == streams_.size();
+}
 
 ssize_t OutputQueue::write(iovec *pieces, size_t count, int descriptor) {
   const ssize_t written = write_pieces(fd_, pieces, count, descriptor);
@@ -108,6 +128,7 @@ void OutputQueue::note_written(const Tag &tag) {
 }
 
 void OutputQueue::send(std::span<const Frame> frames, std::vector<Tag> *refused) {
+  assert(adds_up());
   refused->reserve(refused->size() + frames.size());  // the only step that may fail
   size_t offset = 0;
   size_t next = chunks_.empty() && !broken_ ? write_directly(frames, &offset) : 0;
@@ -117,6 +138,7 @@ void OutputQueue::send(std::span<const Frame> frames, std::vector<Tag> *refused)
 }
 
 size_t OutputQueue::send(std::span<Frame> frames) noexcept {
+  assert(adds_up());
   size_t refused = 0;
   size_t offset = 0;
   size_t next = chunks_.empty() && !broken_ ? write_directly(frames, &offset) : 0;
@@ -238,6 +260,7 @@ void OutputQueue::release_descriptor(Chunk &chunk) {
 
 OutputQueue::Stream *OutputQueue::open_stream(std::span<const char> begin, uint64_t to_come,
                                               Tag tag, size_t reserve) {
+  assert(to_come > 0);
   if (broken_ || !fits(begin.size(), reserve)) return nullptr;
   Chunks fresh(1);
   Chunk &chunk = fresh.front();
@@ -263,12 +286,14 @@ OutputQueue::Stream *OutputQueue::open_stream(std::span<const char> begin, uint6
 }
 
 void OutputQueue::extend(Stream *stream, std::span<const char> bytes) {
+  assert(bytes.size() <= stream->to_come);
   add_to(stream, bytes);
   if (stream->to_come == 0) finish(stream);
 }
 
 // What is taken is no longer to come, whether or not the rest finds memory.
 void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
+  assert(stream->last->open && stream->last->stream == stream);
   // If nothing waits before these bytes, they need no copy as far as the socket takes them.
   const Chunk &front = chunks_.front();
   if (stream->last == chunks_.begin() && front.written == front.size && !broken_) {
@@ -346,6 +371,7 @@ bool OutputQueue::give_up(Stream *stream) noexcept {
 }
 
 void OutputQueue::flush() noexcept {
+  assert(adds_up());
   while (!chunks_.empty() && !broken_) {
     Chunk &chunk = chunks_.front();
     while (chunk.written < chunk.size) {

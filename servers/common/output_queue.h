@@ -137,6 +137,7 @@ class OutputQueue {
   }
   void add_to(Stream *stream, std::span<const char> bytes);
   void finish(Stream *stream) noexcept;
+  bool adds_up() const;
 
   int fd_;
   size_t limit_;

@@ -1,6 +1,7 @@
 // Cuts what a client sends into whole messages.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -31,6 +32,7 @@ class Budget {
     return true;
   }
   void give_back(size_t size) {
+    assert(size <= used_);
     used_ -= size;
     if (whole_ != nullptr) whole_->give_back(size);
   }
@@ -52,6 +54,7 @@ class FrameReader {
   explicit FrameReader(Budget *budget) : budget_(budget) {}
   FrameReader(const FrameReader &) = delete;
   FrameReader &operator=(const FrameReader &) = delete;
+  ~FrameReader() { assert(room_ == 0 && finished_room_ == 0); }
 
   // The next bytes, which must stay where they are until release().
   void feed(std::span<const char> bytes) { input_ = bytes; }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -282,6 +283,7 @@ void Server::disconnect(Client &client, const char *why) noexcept {
   client.end_watch();
   const auto place = std::find_if(clients_.begin(), clients_.end(),
                                   [&](const auto &each) { return each.get() == &client; });
+  assert(place != clients_.end());
   loop_.retire(std::move(*place));
   clients_.erase(place);
 }
