@@ -1,8 +1,8 @@
 // The servers' event loop: descriptors through epoll, signals through a signalfd, timers through
 // one timerfd. One thread; every callback may add and remove anything, itself included.
 //
-// What a callback throws never leaves the loop: it is counted, and the watch whose ready() threw is
-// told by failed(), so that one client's trouble ends that client and not the server.
+// An exception of a callback never leaves the loop. It is counted, and the watch whose ready()
+// threw is told by failed(). One client's trouble so ends that client and not the server.
 #pragma once
 
 #include <signal.h>
@@ -29,9 +29,8 @@ class EventLoop {
     virtual ~Watch() = default;
     // `events` are those of epoll: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
     virtual void ready(uint32_t events) = 0;
-    // ready() has thrown, and the watch is still registered: ends what it serves, of which
-    // something may be half done. May remove and retire the watch. Unless overridden, it is logged
-    // and the watch stays.
+    // ready() has thrown, perhaps half-way, and the watch is still registered. Ends what the watch
+    // serves; may remove and retire the watch. Unless overridden, it only logs that.
     virtual void failed(const char *why) noexcept;
 
    private:

@@ -10,7 +10,7 @@
 
 namespace servers {
 
-// The program's name, which begins every line behind the time stamp.
+// The program's name, which follows the time stamp in every line.
 void set_log_name(std::string_view name);
 
 // Has the lines go to the log server, as lines of module `module`, and to standard error only while

@@ -72,7 +72,7 @@ struct OutputQueue::Chunk {
   std::vector<End> frames;
   size_t frames_written = 0;  // so many of them, the first
   Stream *stream = nullptr;   // which this chunk belongs to
-  bool open = false;          // the stream goes on behind this chunk's bytes
+  bool open = false;          // the stream goes on after this chunk's bytes
   bool headless = false;      // the first frame's beginning is not, or may not be, here
   UniqueFd descriptor;
   std::shared_ptr<void> descriptor_owner;
@@ -148,8 +148,8 @@ size_t OutputQueue::send(std::span<Frame> frames) noexcept {
   return refused;
 }
 
-// Keeps what of the frame is not written, from `offset`. What has begun must be finished, whatever
-// the limit says, or the reader is out of step.
+// Keeps the frame from `offset` on, which is not written yet. A frame that has begun must be
+// finished whatever the limit says, or the reader is out of step.
 bool OutputQueue::keep(const Frame &frame, size_t offset) noexcept {
   if (broken_ || (offset == 0 && !fits(frame.size, frame.reserve))) return false;
   try {
@@ -291,7 +291,7 @@ void OutputQueue::extend(Stream *stream, std::span<const char> bytes) {
   if (stream->to_come == 0) finish(stream);
 }
 
-// What is taken is no longer to come, whether or not the rest finds memory.
+// The bytes that the socket took count as arrived, whether or not the rest finds memory.
 void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   assert(stream->last->open && stream->last->stream == stream);
   // If nothing waits before these bytes, they need no copy as far as the socket takes them.
@@ -325,7 +325,7 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
     next.frames = std::move(last->frames);
     last->frames.clear();
     last->open = false;
-    // One without bytes would hide from blocked() that there are some behind it.
+    // A chunk without bytes would hide from blocked() that there are some after it.
     if (last->written == last->size) chunks_.erase(before);
     last = &next;
   }
@@ -334,7 +334,7 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   stream->to_come -= bytes.size();
 }
 
-// Nothing more is added to the stream: forgets it, and lets what waits behind it out.
+// Nothing more is added to the stream: forgets it, and lets out what waits after it.
 void OutputQueue::finish(Stream *stream) noexcept {
   stream->last->open = false;
   for (Chunk::End &frame : stream->last->frames) frame.offset = stream->last->size;

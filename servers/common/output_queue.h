@@ -1,9 +1,9 @@
 // What waits to be written to one client's socket: whole frames, frames that are still arriving
 // from somebody else (streams), and descriptors.
 //
-// Frames go out in the order in which they were sent or their stream was opened, never interleaved.
-// A write never ends inside the first `chunk` bytes of a frame unless it ends the frame: on a Unix
-// socket the kernel takes such a write whole or not at all, so a reader that asks for a frame's
+// Frames go out in the order in which they were sent or their stream was opened. They are never
+// interleaved. A write never ends inside the first `chunk` bytes of a frame unless it ends the
+// frame. A Unix socket takes such a write whole or not at all, so a reader that asks for a frame's
 // head with a single read gets all of it.
 #pragma once
 
@@ -25,8 +25,7 @@ namespace servers {
 class OutputQueue {
  public:
   // Travels with a frame and comes back when the frame is written or lost: whom to tell, and what
-  // about. The queue does not look inside. One stands beside every queued frame, so it is kept
-  // small.
+  // about. The queue does not look inside. Every queued frame has one, so it is kept small.
   struct Tag {
     uint32_t origin = 0;          // whose message it is
     uint32_t type : 30 = 0;       // the message's
@@ -96,8 +95,8 @@ class OutputQueue {
 
   // Bytes are there that the socket did not take: wait until it is writable, then flush().
   bool blocked() const;
-  // The tag of the stream for whose next bytes everything waits that is queued, though the socket
-  // would take it; null when there is none.
+  // The tag of the stream whose next bytes have not come while the socket would take them: all that
+  // is queued waits for these. Null when there is none.
   const Tag *awaited() const;
   // The reader is gone; nothing more will be written.
   bool broken() const { return broken_; }

@@ -48,7 +48,7 @@ class Reader {
 
   // The next record, the oldest that is still there first. Fillers are passed over.
   Next next(Entry *entry);
-  // Goes on behind what is written now.
+  // Goes on after what is written now.
   void skip_to_end();
 
   // Records that were overwritten before the first one that was read.

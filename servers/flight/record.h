@@ -59,7 +59,7 @@ struct Record {
   uint32_t size = 0;  // of the whole record, a multiple of 8
   uint8_t kind = 0;
   uint8_t loss = 0;
-  uint16_t kept = 0;     // bytes of body or text behind the record (and the message's header)
+  uint16_t kept = 0;     // bytes of body or text after the record (and the message's header)
   uint64_t number = 0;   // 1, 2, 3 … without a gap; 0 in a filler
   uint64_t time_ns = 0;  // CLOCK_MONOTONIC
   uint32_t from = 0;
@@ -80,7 +80,7 @@ struct FileHead {
   uint64_t monotonic_ns;
   uint32_t pid;         // of the server
   uint32_t body_limit;  // bytes kept of each body
-  uint64_t head;        // behind the newest record
+  uint64_t head;        // after the newest record
   uint64_t tail;        // the oldest record
 };
 static_assert(sizeof(FileHead) == 64);

@@ -8,11 +8,11 @@ namespace mlogserver {
 
 // What keeps the server from writing lines now, empty when nothing does.
 inline const std::string kStateQuestion = "mlogServer.state";
-// With a module's name behind it: its level. Set by the server's user and root only, to the name of
+// Followed by a module's name: its level. Set by the server's user and root only, to the name of
 // a level or to kConfiguredLevel, which takes back what was set.
 inline const std::string kLevelQuestion = "mlogServer.level/";
 inline const std::string kConfiguredLevel = "CONFIGURED";
-// With a number from 0 behind it: a line about that module, empty after the last.
+// Followed by a number from 0 on: a line about that module, empty after the last.
 inline const std::string kModuleQuestion = "mlogServer.module/";
 
 struct ModuleLine {

@@ -27,7 +27,7 @@ struct Counters {
 
 class Server final : public servers::EventLoop::Watch {
  public:
-  // Takes over the lines that a killed server left behind. Throws std::runtime_error when the
+  // Takes over the lines that a killed server left. Throws std::runtime_error when the
   // socket cannot be had, for instance from a running server.
   Server(servers::EventLoop *loop, RingStore *store);
   Server(const Server &) = delete;

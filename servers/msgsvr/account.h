@@ -1,5 +1,5 @@
-// What the server keeps for its clients, counted for each connection and for each user, so that
-// nobody can fill the server at the expense of others.
+// What the server keeps for its clients. It is counted for each connection and for each user, so
+// that nobody can fill the server at the expense of others.
 #pragma once
 
 #include <array>
@@ -21,8 +21,8 @@ class Journal;
 enum class Kept { kConnections, kUnfinished, kSubscriptions, kPoints, kPaths, kDescriptors };
 constexpr size_t kKindsKept = 6;
 
-// How much of each the clients of one user may have together. A single connection may have a
-// quarter of it (of the connections, only itself).
+// How much of each kind the clients of one user may have together. A single connection may have a
+// quarter of it.
 using Limits = std::array<size_t, kKindsKept>;
 
 // A connection's account leads to the one of its user; a user's leads nowhere.

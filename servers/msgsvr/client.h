@@ -25,7 +25,7 @@ class Server;
 struct Client;
 
 // Where the names in a header lead. Most headers of a client bear the same two names as the one
-// before, so the last answer is kept; it is good until any name changes hands.
+// before, so the last answer is kept. It is good until any name changes hands.
 struct Route {
   std::array<char, size_t{2} * ORP_APP_NAME_SIZE> names{};  // sender and receiver, as in the header
   uint64_t epoch = 0;                                       // of the server's names; 0: never
@@ -37,8 +37,8 @@ struct Route {
 struct Inbound {
   Route route;
 
-  // The beginning of a frame that is kept until it is whole, and its full size once the header is
-  // there.
+  // The beginning of a frame that is kept until it is whole. Its full size is known once the header
+  // is there.
   std::vector<char> partial;
   size_t partial_size = 0;
   Share partial_share;
@@ -52,7 +52,7 @@ struct Inbound {
   uint64_t left_at_check = 0;
   EventLoop::TimerId stream_timer = 0;
 
-  // Where the last message went (0: nowhere), which is where a descriptor that follows it goes.
+  // Where the last message went (0: nowhere). A descriptor that follows it goes there, too.
   uint32_t last_to = 0;
   OutputQueue::Tag last_tag{};
   // The second of a descriptor's two bytes is still to come.
@@ -61,7 +61,7 @@ struct Inbound {
   bool between_frames() const { return partial.empty() && left == 0; }
 };
 
-// Who waits until this client has read something, and for how long.
+// Senders that wait until this client has read something, and for how long they do.
 struct Backlog {
   std::vector<uint32_t> held;  // the clients whose input rests
   EventLoop::TimerId timer = 0;

@@ -46,7 +46,7 @@ using Clock = EventLoop::Clock;
 constexpr int kPassedFd = 3;
 constexpr auto kFirstDelay = 1000ms;
 constexpr auto kLongestDelay = 60000ms;
-// Whoever has run for so long has not crashed at once.
+// An application that has run for so long has not crashed at once.
 constexpr auto kSteady = 60s;
 // After this an application that was asked to stop is killed.
 constexpr auto kStopTime = 5000ms;
@@ -153,8 +153,8 @@ struct StartFailure {
   int error;
 };
 
-// In the child, after fork() in a process with another thread: async-signal-safe calls only.
-// What fails is written to `failure`, which a successful exec closes.
+// Runs in the child. The parent has other threads, so only async-signal-safe calls are allowed
+// (signal-safety(7)). The step that fails is written to `failure`, which a successful exec closes.
 [[noreturn]] void become(const Config &config, int listener, int failure, char *const *arguments,
                          char *const *environment, char *pid_text, size_t pid_size) {
   const auto give_up = [&](Step step) {
@@ -350,7 +350,7 @@ class DynamicApps final : public Service {
     const bool asked = std::exchange(app.stopping, false);
     const bool restart = std::exchange(app.restart, false);
     server_->loop().cancel(app.timer);
-    // What it left running in its group goes with it.
+    // Processes of its group that still run go with it.
     ::kill(-app.pid, SIGKILL);
     app.pid = 0;
     log_end(app, status);

@@ -1,8 +1,9 @@
 // Events: who has subscribed to what (0x702, 0x703), and passing what is published for the server
 // on to everyone who has.
 //
-// A process subscribes itself, for as long as its connection lives, or an application by name:
-// then whichever process bears that name when an event comes gets it. Nobody gets an event twice.
+// A process subscribes itself, for as long as its connection lives, or it subscribes a name. An
+// event then goes to the process that bears the name when the event comes. Nobody gets an event
+// twice.
 
 #include <unistd.h>
 
@@ -108,8 +109,8 @@ class Events final : public Service {
     }
   }
 
-  // Of the user's subscriptions by name whose makers have gone, gives up the one that has been
-  // without one the longest.
+  // Gives up one of the user's subscriptions by name whose makers have gone: the one whose maker
+  // went first.
   bool make_room(const Account &user) {
     std::vector<Named> *oldest_in = nullptr;
     size_t oldest = 0;
@@ -160,7 +161,7 @@ class Events final : public Service {
       publish_file(from, message);
       return true;
     }
-    // A publisher has no use for news of each subscriber that is too slow: nobody is told.
+    // Nobody is told of losses: a publisher has no use for news of each slow subscriber.
     for (Client *to : receivers_) server_->pass(*to, from, message);
     return true;
   }

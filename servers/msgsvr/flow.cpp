@@ -1,10 +1,11 @@
 // Slow readers.
 //
 // Nobody waits for a reader for long. While its queue is more than half full, the input of those
-// who send to it rests, which lets a reader that is merely slower than its senders keep up without
-// loss. Each of them has brought what one read takes until then, for which the queue may hold as
-// much again. A reader that takes next to nothing for the length of the patience has used it up:
-// from then on, until its queue has been empty, nobody waits for it and what does not fit is lost.
+// who send to it rests. A reader that is merely slower than its senders thus keeps up without loss.
+// Each sender may have brought one more read by then; the queue may exceed its limit by as much
+// again to hold that. A reader that takes next to nothing for the length of the patience has used
+// it up. From then on nobody waits for it, and what does not fit is lost, until its queue has been
+// empty.
 
 #include "msgsvr/flow.h"
 
@@ -17,7 +18,7 @@
 namespace msgsvr {
 namespace {
 
-// What a reader must take while senders wait for it.
+// The least that a reader must take between two checks while senders wait for it.
 constexpr uint64_t kLeastBytes = 65536;
 constexpr uint64_t kLeastFrames = 1000;
 
@@ -44,7 +45,8 @@ void Flow::watch(Client &reader) {
     release_all(reader);
     return;
   }
-  // What the reader waits for must come, or the queue stays as full as it is.
+  // The reader waits for the rest of a long message. Its sender must go on, or the queue stays
+  // full.
   if (const OutputQueue::Tag *awaited = reader.out.awaited()) release(reader, awaited->origin);
   if (routed_ != nullptr && !routed_->ended && !reader.backlog.slow &&
       reader.out.weight() > high_mark(reader.out) && !is_owed(reader, *routed_)) {

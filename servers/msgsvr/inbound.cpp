@@ -1,9 +1,9 @@
 // What clients send: cutting it into frames and routing them.
 //
 // A frame that is not whole when its beginning arrives is kept if it is short. A longer one is
-// passed on as it arrives (cut-through): its header and what there is of its body open a stream in
-// the receiver's queue, which holds all later frames for that receiver back until the stream has
-// ended. Whatever happens to the sender, the receiver gets exactly the announced number of bytes.
+// passed on as it arrives (cut-through). Its header and the first bytes of its body open a stream
+// in the receiver's queue. All later frames for that receiver wait until the stream has ended.
+// Whatever happens to the sender, the receiver gets exactly the announced number of bytes.
 
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -25,21 +25,21 @@ namespace {
 
 using servers::log_line;
 
-// Longer bodies that are for the server itself are refused; no application would be given them,
-// either.
+// The longest body that the server itself takes. Applications are not given longer ones, either.
 constexpr size_t kLongestServerBody = ORP_MSG_MAX_DISPATCHED_BODY;
 
-// Of a message whose rest is still to come everybody may have so much kept, beyond that it counts.
-// A message that merely was read in two pieces is never refused.
+// So much of a message whose rest is still to come is kept for everybody without being counted, so
+// that a message that merely arrived in two pieces is never refused.
 constexpr size_t kUncounted = 4096;
 
-// Nobody registers with a longer message, and what has no name has nothing else to say.
+// A client without a name has nothing to say but its registration, which is never longer.
 constexpr size_t kLongestOfNobody = 65536;
 
-// Frames that wait to be written before the rest of a read is routed. One event may be for many.
+// When so many frames wait they are written before the rest of a read is routed. One event may be
+// for many.
 constexpr size_t kMostPosted = 8192;
 
-// What a sender whose message is being passed on must bring between two looks at it.
+// The bytes that a sender must bring between two checks while its message is passed on.
 constexpr uint64_t kStreamProgress = 32768;
 
 // True if descriptors came with the bytes. All are taken over; only a single one is kept.
@@ -109,8 +109,9 @@ void Server::readable(Client &from) {
   flow_.end_routing();
 }
 
-// A read ends with the write that carried a descriptor, so the transfer's two zero bytes are the
-// last of `bytes`, or the first of them is if the buffer is `full`.
+// On a Unix socket a read ends with the write that carried a descriptor (unix(7), SCM_RIGHTS). The
+// two zero bytes of the transfer are therefore the last of `bytes`. If the buffer is `full`, only
+// the first of them may be there.
 void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd) {
   const size_t before = bytes.size() < 2 ? 0 : bytes.size() - 2;
   take(from, bytes.first(before));
@@ -272,14 +273,14 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
   lose_unrouted(from, header, from.in.last_tag, loss);
 }
 
-// Whether `from` may have so much of a message kept whose rest is still to come.
+// Whether so much of an unfinished message may be kept for `from`.
 bool Server::admit_unfinished(Client &from, size_t size) {
   Share &share = from.in.partial_share;
   const size_t counted = size > kUncounted ? size - kUncounted : 0;
   return counted <= share.amount() || share.grow(options_.limits, counted - share.amount());
 }
 
-// The message is too much: what is still to come of it is read and thrown away.
+// The message is refused. The rest of it is read and thrown away as it comes.
 void Server::discard_rest(Client &from, std::span<const char> begin, const Header &header,
                           const Route &route) {
   const uint64_t record =

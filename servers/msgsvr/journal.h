@@ -1,5 +1,5 @@
-// What happens to messages and connections, told here once by whoever does it. The counters and the
-// flight recorder both follow from it, so that they agree.
+// What happens to messages and connections. Whoever does something tells it here once; the counters
+// and the flight recorder both follow from that, so they agree.
 #pragma once
 
 #include <array>

@@ -1,9 +1,10 @@
-// Login control (0x2CF01 to 0x2CF05): counts failed logins of each client and account, and forbids
-// who fails too often for a growing time. See msgapi/login_records.h for the records and the rules.
+// Login control (0x2CF01 to 0x2CF05): counts failed logins of each client and account. Who fails
+// too often is locked out for a growing time. See msgapi/login_records.h for the records and the
+// rules.
 //
-// Times are kept as what is left of them, measured with the monotonic clock: the wall clock of a
-// device jumps when it first learns the time. The state is written to a file a moment after it
-// changed, on a thread of its own because the disk may take its time, and when the server stops.
+// Each time is kept as the rest of it, by the monotonic clock: the wall clock of a device jumps
+// when it first learns the time. The state is written to a file when the server stops, and a moment
+// after each change. A thread of its own does that, since the disk may take long.
 
 #include <arpa/inet.h>
 
@@ -97,7 +98,7 @@ class LoginControl final : public Service {
   ~LoginControl() override {
     try {
       worker_.reset();
-      // Without a change, too: what is left of the forbidden time has become less.
+      // Also without a change: less is left of the forbidden time.
       const bool known = save_timer_ != 0 || !records_.empty();
       if (known && !path_.empty() && !replace_file(path_, state())) complain(errno);
     } catch (const std::exception &error) {
@@ -112,7 +113,7 @@ class LoginControl final : public Service {
   void answer(Client &from, const Message &message, Judge judge) {
     ORP_LCTRL_REQUEST_ST request;
     if (!read_body(message, &request)) {
-      // Without a body, which the requester takes for what it is: no answer to its record.
+      // An answer without a body tells the requester that its record was not understood.
       server_->reply(from, message, 1);
       return;
     }
@@ -217,7 +218,7 @@ class LoginControl final : public Service {
     });
   }
 
-  // Gives up the record that has been quiet the longest, those that forbid last.
+  // Gives up the record that has been quiet the longest. Records that forbid go last.
   void make_room() {
     if (records_.size() < kMostRecords) return;
     const auto weight = [](const Record &r) {

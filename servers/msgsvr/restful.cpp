@@ -1,18 +1,18 @@
 // Restful requests: applications register paths (0x109), and a request for one of them becomes a
 // message (0x10D) to the application, whose answer goes back to the requester.
 //
-// A request for PATH is for the longest registered text that matches it whole or, for a
-// registration that is a single text, that matches it up to its last "/". In the first case the
-// text was made of a path and a handler's name, and is taken apart at its last "/"; in the second
-// the handler's name is the rest of PATH. Texts may be patterns.
+// A request for PATH goes to the longest registered text that matches. A text matches if it matches
+// all of PATH: it is then a path and a handler's name, divided at its last "/". A text that is its
+// registration's only one also matches if it matches PATH up to the last "/": the rest of PATH is
+// then the handler's name. Texts may be patterns.
 //
-// A request that comes by HTTP and does not fit the application's queue is held until it does, for
-// the time that an answer may take. One that is given up is withdrawn if its body lies in a file
-// that the application has not taken yet, so that an application that reads nothing does not fill
-// the device.
+// A request by HTTP that does not fit the application's queue is held until it does, for as long as
+// an answer may take. When a request is given up and its body lies in a file that the application
+// has not taken yet, the file is removed: an application that reads nothing does not fill the
+// device.
 //
-// Requests come from HTTP clients, or as messages for nobody in particular from other applications,
-// whose answers then go to them directly.
+// Requests come from HTTP clients, or from other applications as messages for nobody in particular.
+// Answers to the latter go to the requester directly.
 
 #include <algorithm>
 #include <cerrno>
@@ -81,7 +81,7 @@ struct Pending {
   uint32_t file = 0;  // the sent body's
 };
 
-// In the journal: a method that is not served, and the status when the client left before.
+// For the journal: a method that is not served, and the status of a client that left early.
 constexpr uint32_t kOtherMethod = UINT32_MAX;
 constexpr unsigned kNobodyWaits = 0;
 
@@ -295,7 +295,7 @@ class Restful final : public Service {
     return true;
   }
 
-  // Those that are held, in the order of their coming.
+  // Tries again to send the requests that are held, oldest first.
   void plan_retry() {
     retry_timer_ = server_->loop().after(kRetryPeriod, [this] {
       retry_timer_ = 0;

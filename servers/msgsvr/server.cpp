@@ -20,9 +20,9 @@ using servers::log_line;
 
 constexpr size_t kScratchBlock = 65536;
 
-// What one read takes at most, also as a part of a queue: a message weighs up to 2.6 times its
-// bytes there, and what one read brings must fit into what is left of a queue when its senders are
-// held, with its reserve.
+// The most that one read takes, in bytes and as a part of a queue. A message weighs up to 2.6 times
+// its bytes in a queue. When senders are held, what one read has brought must still fit into the
+// rest of the queue and its reserve.
 constexpr size_t kReadSize = 131072;
 constexpr size_t kReadsInQueue = 3;
 
@@ -32,7 +32,7 @@ constexpr size_t kNoticeReserve = 65536;
 // A burst of connections does not keep the connected waiting.
 constexpr int kMostAccepted = 64;
 
-// What a client's memory for frames of one turn may keep for the next.
+// The most frames of one turn for which a client keeps the memory until the next.
 constexpr size_t kFramesKept = 64;
 
 // A board that vanished is noticed after about a minute.
@@ -48,7 +48,7 @@ void prepare_tcp(int fd) {
 }
 
 std::string user_name(const Client &client) {
-  // Behind one address are all the processes of one board.
+  // All processes of one board share an address.
   if (!client.address.empty()) {
     return "board " + client.address.substr(0, client.address.rfind(':'));
   }
@@ -73,7 +73,7 @@ void Scratch::reset() {
     blocks_.clear();
     block_left_ = 0;
   } else if (!blocks_.empty()) {
-    // A first block that was made larger than usual is not known to be so any more.
+    // The first block may be larger than that; its true size is not kept.
     next_ = blocks_.front().get();
     block_left_ = kScratchBlock;
   }
@@ -87,8 +87,8 @@ Client::Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_l
 
 void Client::ready(uint32_t events) {
   if ((events & EPOLLOUT) != 0) server->writable(*this);
-  // What a client leaves behind when it hangs up is read even if its input should rest: it is
-  // little, and the kernel would report the hang-up for ever.
+  // A client that has hung up is read to its end even if its input should rest: little is left, and
+  // the kernel would report the hang-up for ever.
   const bool hung_up = (events & (EPOLLHUP | EPOLLERR)) != 0;
   if (!ended && (hung_up || ((events & EPOLLIN) != 0 && holds == 0))) server->readable(*this);
 }
@@ -271,7 +271,7 @@ void Server::lose_silently(const Client &from, const Message &message, Loss loss
   journal_.told(false);
 }
 
-// What `from` has sent reaches no client.
+// A message of `from` reaches no client.
 void Server::lose_unrouted(Client &from, const Header &header, const OutputQueue::Tag &tag,
                            Loss loss) noexcept {
   const AppName receiver(std::string_view(header.aucRecvApp, ORP_APP_NAME_SIZE));
@@ -301,7 +301,7 @@ void Server::post(Client &to, const OutputQueue::Frame &frame) {
 }
 
 void Server::flush() noexcept {
-  // Whoever is told of a loss is touched anew, so this goes on until nobody is.
+  // Telling a sender of its loss touches that sender, so this goes on until nobody is touched.
   while (!touched_.empty()) {
     Client &to = *touched_.back();
     touched_.pop_back();
@@ -372,8 +372,8 @@ void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<cons
   notify_undeliverable(*sender, tag);
 }
 
-// The client receives nothing any more. What it has sent is still read: it may have said its last
-// word and closed with unread messages.
+// The client receives nothing any more. Its input is still read: it may have sent its last words
+// and then closed with unread messages.
 void Server::silence(Client &client) noexcept {
   names_.release(client);
   client.out.close();
@@ -388,8 +388,8 @@ void Server::silence(Client &client) noexcept {
 
 void Server::end(Client &client, std::string_view why) noexcept {
   if (client.ended) return;
-  // From here on nothing that its end brings about, for itself as a receiver, too, asks epoll for
-  // the descriptor or ends it once more.
+  // Its end may bring messages for itself. From here on they neither ask epoll for the descriptor
+  // nor end it once more.
   client.ended = true;
   client.end_watch();
   loop_->attempt("the end of a client is not logged", [&] { log_end(client, why); });
@@ -419,7 +419,7 @@ void Server::log_end(const Client &client, std::string_view why) const {
   }
 }
 
-// Its handling has thrown. What it had the server send before is sent, and it is ended.
+// Handling its input has thrown. What the server had to send by then is sent, and the client ends.
 void Server::fail(Client &client, const char *why) noexcept {
   journal_.failure();
   flow_.end_routing();

@@ -1,8 +1,8 @@
 // The message server's core: connections, and the routing of frames between them.
 //
-// One turn of the loop reads what one client has sent, routes every whole frame in it and then
-// writes to each destination once. Between the two, frames are only referred to: they stay in the
-// read buffer, or in the scratch memory if the server made them, until flush().
+// One turn of the loop reads what one client has sent, routes every whole frame in it, and then
+// writes to each destination once, in flush(). Until then frames are only referred to. Those of
+// clients stay in the read buffer, those that the server made in the scratch memory.
 #pragma once
 
 #include <array>
@@ -60,8 +60,8 @@ class Server {
 
   // `handler` gets every message of this type that is for the server, with its body in place.
   void serve(uint32_t type, Handler handler);
-  // `handler` gets what is for the server and has no handler of its own; it returns false for what
-  // it does not want, either.
+  // `handler` gets messages for the server whose type has no handler of its own. It returns false
+  // for those that it does not want, either.
   void serve_rest(std::function<bool(Client &, const Message &)> handler);
   // `handler` is told of every client that is gone. It may send, but not to that client.
   void on_gone(GoneHandler handler) { gone_.push_back(std::move(handler)); }

@@ -1,7 +1,7 @@
 // Named synchronisation points: a process waits at one (0x5018) until another releases it (0x5019).
 //
-// A release lets everybody go who waits there. One that finds nobody waiting is remembered, and
-// uses itself up on the next process that comes.
+// A release lets everybody go who waits there. If nobody waits it is remembered, and lets the next
+// process go that comes.
 
 #include <algorithm>
 #include <string>
@@ -129,7 +129,7 @@ class SyncPoints final : public Service {
       return;
     }
     if (entry != points_.end() && entry->second.owner != 0) return;
-    // What a client that has gone has released becomes this one's.
+    // The release of a client that has gone becomes this one's.
     if (entry != points_.end()) points_.erase(entry);
     Share place = share(from);
     if (!place) {

@@ -54,7 +54,7 @@ bool replace_file(const std::string &path, std::span<const char> content) {
   const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
   const UniqueFd directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory) return false;
-  // What a killed process left behind, or somebody else put there, is not written into.
+  // A file that a killed process left, or that somebody else put there, is not written to.
   ::unlinkat(directory.get(), (name + ".new").c_str(), 0);
   return replace(directory.get(), name + ".new", name, content);
 }

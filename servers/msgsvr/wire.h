@@ -41,7 +41,7 @@ inline void store_header(Header header, bool swapped, char *bytes) {
   std::memcpy(bytes, &header, sizeof header);
 }
 
-// An application's name, zero-filled behind its end so that it can be compared whole.
+// An application's name, zero-filled after its end so that it can be compared whole.
 class AppName {
  public:
   AppName() = default;

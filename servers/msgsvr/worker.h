@@ -18,7 +18,7 @@ class Worker final : private servers::EventLoop::Watch {
   using Procedure = std::function<void()>;
 
   explicit Worker(servers::EventLoop *loop);  // throws std::system_error
-  // Waits for the job that is running; those behind it are dropped.
+  // Waits for the job that is running; the jobs after it are dropped.
   ~Worker() override;
 
   // Calls `job` on the thread and then `done` from the loop, unless the job has thrown.

@@ -185,8 +185,8 @@ void Server::serve(Client &from, const Frame &frame) {
     return;
   }
 
-  // The server takes no requests. As a module without a procedure it answers without data, so that
-  // the requester does not wait for nothing.
+  // The server takes no requests. It answers without data, as a module without a procedure does, so
+  // that the requester does not wait for nothing.
   ++statistics_.answered;
   NOTIFY_MSG &answer = answers_.emplace_back();
   answer = {};
@@ -259,12 +259,12 @@ void Server::write_route(Client &client) {
 }
 
 void Server::after_writing(Client &client) {
-  // What a broken one sent before it went is still read; the end of its stream disconnects it.
+  // A client that has gone is still read; the end of its stream disconnects it.
   client.update_watch(true);
   if (client.out.empty() && !client.out.broken()) client.note_empty();
 }
 
-// After a failure in reading from `client`: what it sent last may be routed in part, and is lost.
+// Reading from `client` has failed. Its last messages may be routed in part, and are lost.
 void Server::give_up(Client &client, const char *why) noexcept {
   loop_.report("a client is given up", why);
   for (Client *const each : routed_) {

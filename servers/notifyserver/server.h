@@ -1,10 +1,10 @@
 // The notify server's core: connections, module ids, and the routing of messages between them.
 //
-// One turn of the loop reads what one client has sent, routes every whole message in it and then
+// One turn of the loop reads what one client has sent, routes every whole message in it, and then
 // writes to each destination once. Messages travel untouched: only the head's destination decides.
 //
-// What one client brings about ends at most that client: a failed allocation, or a connection that
-// epoll does not take. Messages that have not arrived whole are bounded for each user and in all.
+// A failed allocation, or a connection that epoll does not take, ends at most the client that
+// brought it about. The bytes of unfinished messages are bounded for each user and in all.
 #pragma once
 
 #include <sys/types.h>
