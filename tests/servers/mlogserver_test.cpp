@@ -1,87 +1,30 @@
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <string>
 
 #include "msgapi/log.h"
-#include "msgapi/ringlog.h"
+#include "servers/log_server.h"
 #include "support/file.h"
 #include "support/process.h"
-#include "support/soak.h"
 
 namespace {
 
+using test::log_of;
+using test::LogServer;
+using test::Sender;
+using test::SmallDisk;
+using test::with_config;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-// The log data of a module whose file has not turned over.
-std::string log_of(const std::string &module, const std::string &directory = "/var/mlogfile") {
-  const std::string content = test::contents(directory + "/" + module + ".log");
-  return content.substr(std::min<size_t>(content.size(), MLOG_FILE_HEADER_SIZE));
-}
-
-// Arguments for a server with this configuration.
-std::vector<std::string> with_config(const std::string &text) {
-  std::ofstream("/var/mlogserver.conf", std::ios::trunc) << text;
-  return {"--config", "/var/mlogserver.conf"};
-}
-
-struct Server : test::Process {
-  explicit Server(const std::vector<std::string> &arguments = {})
-      : test::Process("mlogserver", arguments) {
-    EXPECT_TRUE(wait_for("ready"));
-  }
-};
-
-// A client that sends what it likes.
-class Sender {
- public:
-  Sender() { EXPECT_EQ(0, MlogSocketOpen("sender", &fd_)); }
-  Sender(const Sender &) = delete;
-  Sender &operator=(const Sender &) = delete;
-  ~Sender() { MlogSocketClose(fd_, "sender"); }
-
-  void send(uint32_t type, const std::string &payload) {
-    MlogMsg message{.type = type, .length = static_cast<uint32_t>(payload.size()), .payload = {}};
-    std::memcpy(message.payload, payload.data(), payload.size());
-    EXPECT_EQ(0, MlogSendMsg(fd_, &message, MLOG_SERVER_NAME));
-  }
-
-  // Waits until the server has taken everything out of its socket's queue.
-  void wait_until_taken() {
-    constexpr unsigned long kQueuedBytes = TIOCOUTQ;
-    int queued = 0;
-    while (::ioctl(fd_, kQueuedBytes, &queued) == 0 && queued > 0) {
-    }
-  }
-
- private:
-  int32_t fd_ = -1;
-};
-
-// A small disk, and what fills it.
-class SmallDisk {
- public:
-  SmallDisk() {
-    EXPECT_EQ(0, ::mkdir("/mnt/disk", 0755));
-    EXPECT_EQ(0, ::mount("small", "/mnt/disk", "tmpfs", 0, "size=256k")) << std::strerror(errno);
-  }
-  void fill() { std::ofstream("/mnt/disk/ballast") << std::string(512 * 1024, 'x'); }
-  void make_room() { std::filesystem::remove("/mnt/disk/ballast"); }
-};
-
 TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
-  Server server;
+  LogServer server;
   MlogPrint("wan", MLOG_LEVEL_INFO, "one");
   MlogPrint("lan", MLOG_LEVEL_INFO,
             "host 192.168.1.10 at 00:11:22:33:44:55, 2001:db8::1, 4857544312AB34CD");
@@ -103,7 +46,7 @@ TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
 }
 
 TEST(LogServer, LetsNoTextForgeALineOrDriveATerminal) {
-  Server server;
+  LogServer server;
   Sender sender;
   const std::pair<std::string, std::string> cases[] = {
       {"x\n[00000000001][lan][FATL]:forged\n\n", "x\n\t[00000000001][lan][FATL]:forged"},
@@ -136,7 +79,7 @@ TEST(LogServer, LetsNoTextForgeALineOrDriveATerminal) {
 TEST(LogServer, SharesItsDirectoryWhateverTheUmask) {
   ::rmdir("/var/mlog");
   ::umask(077);
-  Server server;
+  LogServer server;
 
   struct stat status {};
   ASSERT_EQ(0, ::stat("/var/mlog", &status));
@@ -144,7 +87,7 @@ TEST(LogServer, SharesItsDirectoryWhateverTheUmask) {
 }
 
 TEST(LogServer, KeepsStatisticsOfEveryModule) {
-  Server server;
+  LogServer server;
   const std::string longest(255, 'x');
   EXPECT_EQ(0, MlogSetStatInfo("wan", "rx=1"));
   EXPECT_EQ(0, MlogSetStatInfo("lan", longest.c_str()));
@@ -159,7 +102,7 @@ TEST(LogServer, KeepsStatisticsOfEveryModule) {
 }
 
 TEST(LogServer, LosesNoLineOfABurstFromTenProcesses) {
-  Server server;
+  LogServer server;
   const char *const modules[] = {"m0", "m1", "m2", "m3", "m4", "m5", "m6", "m7", "m8", "m9"};
   for (const char *module : modules) {
     if (::fork() != 0) continue;
@@ -180,7 +123,7 @@ TEST(LogServer, LosesNoLineOfABurstFromTenProcesses) {
 }
 
 TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
-  Server server;
+  LogServer server;
   Sender sender;
   for (const auto &[type, length] :
        {std::pair{0u, 0u}, {1u, 0u}, {2u, 511u}, {2u, 516u}, {4u, 255u}, {9u, 9u}}) {
@@ -193,7 +136,7 @@ TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
 }
 
 TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
-  Server server;
+  LogServer server;
   test::Process second("mlogserver");
   EXPECT_EQ(1, second.wait());
   EXPECT_THAT(second.output(), HasSubstr("already running"));
@@ -203,7 +146,7 @@ TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   EXPECT_NE(0, ::access("/var/mlog/mlogServer", F_OK));
   EXPECT_THAT(log_of("wan"), EndsWith(":last words\n"));
 
-  Server third;
+  LogServer third;
 }
 
 TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
@@ -211,7 +154,7 @@ TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
   std::filesystem::create_directory("/var/a");
   std::ofstream("/var/a/lan.log")
       << "[overturn=999][offset=0000004096][uploadoffset=999^0000001023]\n";
-  Server server(
+  LogServer server(
       with_config("# comment\n"
                   "directory = /var/a\n"
                   "level = WARN\n"
@@ -236,7 +179,7 @@ TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
 }
 
 TEST(LogServerConfig, IsReadAnewOnRequest) {
-  Server server(with_config("directory = /var/a\nshare_directory = /mnt/b\n"));
+  LogServer server(with_config("directory = /var/a\nshare_directory = /mnt/b\n"));
   MlogPrint("wan", 8, "first");
 
   // The share partition comes into use.
@@ -258,7 +201,7 @@ TEST(LogServerConfig, IsReadAnewOnRequest) {
 
 TEST(LogServerConfig, ANewOneForgetsNothingThatIsStillToBeTold) {
   SmallDisk disk;
-  Server server(with_config("directory = /mnt/disk\n"));
+  LogServer server(with_config("directory = /mnt/disk\n"));
   disk.fill();
   MlogPrint("wan", 8, "lost");
   ASSERT_TRUE(server.wait_for("lines are lost"));
@@ -275,7 +218,7 @@ TEST(LogServerConfig, ANewOneForgetsNothingThatIsStillToBeTold) {
 }
 
 TEST(LogServerConfig, LinesThatAreDroppedCostNoMemoryForTheirNames) {
-  Server server(with_config("level = WARN\n"));
+  LogServer server(with_config("level = WARN\n"));
   MlogPrint("wan", MLOG_LEVEL_WARN, "has a file");
   Sender sender;
   for (int i = 0; i < 1000; ++i) {
@@ -306,126 +249,13 @@ TEST(LogServerConfig, MistakesAreNamed) {
 }
 
 TEST(LogServerConfig, LimitsTheNumberOfFiles) {
-  Server server(with_config("max_modules = 3\n"));
+  LogServer server(with_config("max_modules = 3\n"));
 
   for (const char *module : {"a", "b", "c", "d", "e", "a"}) MlogPrint(module, 8, "line");
   ASSERT_EQ(0, MlogFlushLog());
 
   EXPECT_THAT(log_of("a"), MatchesRegex("(.*:line\n){2}"));
   EXPECT_THAT(log_of("other"), MatchesRegex(".*\\[d\\].*\n.*\\[e\\].*\n"));
-}
-
-TEST(LogServerDisk, AFullDiskIsReportedOnceAndLeavesNoTornLine) {
-  SmallDisk disk;
-  Server server({"--directory", "/mnt/disk"});
-  MlogPrint("wan", 8, "before");
-  ASSERT_EQ(0, MlogFlushLog());
-  disk.fill();
-
-  for (int line = 0; line < 300; ++line) MlogPrint("wan", 8, "%0200d", line);
-  EXPECT_EQ(-1, MlogFlushLog());
-  ASSERT_TRUE(server.wait_for("No space left on device: lines are lost"));
-  std::string log = log_of("wan", "/mnt/disk");
-  EXPECT_THAT(log, EndsWith("\n"));
-
-  disk.make_room();
-  do {
-    MlogPrint("wan", 8, "after");
-  } while (MlogFlushLog() != 0);
-  log = log_of("wan", "/mnt/disk");
-  EXPECT_THAT(log, HasSubstr(" lines before this one are lost\n["));
-  EXPECT_THAT(log, MatchesRegex("(\\[[0-9]{11}\\]\\[wan\\]\\[[A-Z]{4}\\]:"
-                                "(before|[0-9*]{200}|mlogserver: [0-9]+ lines [a-z ]+|after)\n)+"));
-
-  EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_EQ(server.output().find("are lost from now"), server.output().rfind("are lost from now"));
-}
-
-TEST(LogServerDisk, ALineThatDoesNotFitAFullDiskGivesBackWhatItOverwrote) {
-  // A ring in its second turn, on a disk where the next line crosses into a block that is a hole.
-  SmallDisk disk;
-  const std::string old = "[00000000001][wan][INFO]:" + std::string(74, 'o') + "\n";
-  char header[MLOG_FILE_HEADER_SIZE + 1];
-  std::snprintf(header, sizeof header,
-                "[overturn=001][offset=0000004063][uploadoffset=001^0000001023]\n");
-  std::string ring = header;
-  for (int i = 0; i < 40; ++i) ring += old;
-  {
-    std::ofstream file("/mnt/disk/wan.log");
-    file << ring;
-    file.seekp(3 * 4096);
-    file << old;
-  }
-  disk.fill();
-  const std::string before = test::contents("/mnt/disk/wan.log");
-  Server server({"--directory", "/mnt/disk"});
-
-  MlogPrint("wan", 8, "%s", std::string(200, 'n').c_str());
-  EXPECT_EQ(-1, MlogFlushLog());
-
-  EXPECT_EQ(before, test::contents("/mnt/disk/wan.log"));
-}
-
-TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {
-  std::filesystem::create_directories("/var/mlogfile/wan.log");
-  Server server;
-
-  MlogPrint("wan", 8, "lost");
-  MlogPrint("lan", 8, "kept");
-  MlogFlushLog();
-
-  EXPECT_THAT(log_of("lan"), EndsWith(":kept\n"));
-  EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 dropped 0 lost 1"));
-}
-
-TEST(LogServerKill, LosesNoLineThatItHasTaken) {
-  const auto arguments = with_config("max_size = 2097152\n");  // all lines of a long run
-  std::mt19937 random(test::seed());
-  int number = 0;
-  const uint32_t rounds = 20 * test::soak_factor();
-  for (uint32_t round = 0; round < rounds; ++round) {
-    Server server(arguments);
-    Sender sender;
-    for (auto count = random() % 40; count > 0; --count) {
-      sender.send(MLOG_TYPE_LOG, "[1][wan][INFO]:" + std::to_string(number++) + "\n");
-    }
-    sender.wait_until_taken();
-    // It may be anywhere between taking the last lines and writing them.
-    ASSERT_EQ(128 + SIGKILL, server.stop(SIGKILL));
-  }
-  Server server(arguments);
-  ASSERT_EQ(0, server.stop(SIGTERM));
-
-  std::istringstream lines(log_of("wan"));
-  int expected = 0;
-  uint32_t twice = 0;
-  for (std::string line; std::getline(lines, line); ++expected) {
-    if (line == "[1][wan][INFO]:" + std::to_string(expected)) continue;
-    // The line that was being written may come again.
-    EXPECT_EQ("[1][wan][INFO]:" + std::to_string(--expected), line);
-    ++twice;
-  }
-  EXPECT_EQ(number, expected);
-  EXPECT_LE(twice, rounds);
-}
-
-TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
-  Server first;
-  first.stop(SIGKILL);
-  // The inbox of another version, and what could have been left in its place.
-  for (const std::string &junk : {std::string(200000, 'x'), std::string("short"), std::string()}) {
-    std::ofstream("/var/mlog/mlogServer.inbox", std::ios::trunc) << junk;
-    Server next;
-    MlogPrint("wan", 8, "line");
-    EXPECT_EQ(0, MlogFlushLog());
-    EXPECT_EQ(0, next.stop(SIGTERM));
-  }
-  ASSERT_EQ(0, ::symlink("/var/target", "/var/mlog/mlogServer.inbox"));
-  test::Process last("mlogserver");
-  EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
-  EXPECT_TRUE(last.wait_for("ready"));
-  EXPECT_NE(0, ::access("/var/target", F_OK));
 }
 
 }  // namespace

@@ -5,43 +5,34 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "msgapi/restful.h"
+#include "servers/message_server.h"
 #include "support/message_peer.h"
-#include "support/process.h"
 
 namespace {
 
 using test::Frame;
+using test::kReceiverField;
+using test::kType;
+using test::kUnservedType;
 using test::padded;
 using test::RawClient;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr uint32_t kType = 0x1234;
-
-class HostileClients : public testing::Test {
+class HostileClients : public test::MessageServer {
  protected:
-  void start(const std::vector<std::string> &arguments = {}) {
-    server_ = std::make_unique<test::Process>("msgsvr", arguments);
-    ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
-  }
-
-  // All that was done before, ends of connections included, has reached the server.
-  static void settle() { RawClient("settle").drain(); }
-
   static void expect_service() {
     RawClient a("fine");
     ASSERT_TRUE(a.send({.type = kType, .to = "fine", .body = "ok"}));
@@ -70,87 +61,99 @@ class HostileClients : public testing::Test {
     }
     return refused;
   }
-
-  std::unique_ptr<test::Process> server_;
 };
 
 // Each is its own receiver when it ends.
-TEST_F(HostileClients, MayBeTheirOwnReceiversWhenTheyEnd) {
-  start();
-  const std::string half =
-      Frame{.type = kType, .to = "self", .body = std::string(1000000, 'h')}.bytes("self");
-  {  // in the middle of a long message to itself
-    RawClient client("self");
-    client.send_bytes(std::string_view(half).substr(0, 70040));
-    ::shutdown(client.fd(), SHUT_WR);
-    client.closed();
+class OwnReceivers : public HostileClients {
+ protected:
+  OwnReceivers() { start(); }
+  ~OwnReceivers() override {
+    expect_service();
+    EXPECT_EQ(0, server_->stop(SIGTERM));
   }
-  expect_service();
-  {  // held by itself
-    RawClient client("self");
+
+  // The beginning of a long message that goes to "self".
+  static void begin_long_message(RawClient *client) {
+    const std::string frame =
+        Frame{.type = kType, .to = "self", .body = std::string(1000000, 'h')}.bytes("self");
+    client->send_bytes(std::string_view(frame).substr(0, 70040));
+  }
+
+  // Sends to "self" until the server takes nothing more for a moment.
+  static void flood(RawClient *client) {
     const std::string frame =
         Frame{.type = kType, .to = "self", .body = std::string(30000, 'f')}.bytes("self");
-    timeval quick{0, 50000};
-    ::setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &quick, sizeof quick);
+    const timeval quick{0, 50000};
+    ::setsockopt(client->fd(), SOL_SOCKET, SO_SNDTIMEO, &quick, sizeof quick);
     for (int i = 0; i < 60; ++i) {
-      if (!client.send_bytes(frame)) break;
-    }
-    test::send_with_descriptors(client.fd(), "ab");
-  }
-  expect_service();
-  {  // somebody else in the middle of a long message to it, too
-    RawClient client("self");
-    RawClient other("other");
-    other.send_bytes(std::string_view(half).substr(0, 70040));
-    settle();
-    timeval quick{0, 20000};
-    ::setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &quick, sizeof quick);
-    const std::string frame =
-        Frame{.type = kType, .to = "self", .body = std::string(30000, 'f')}.bytes("self");
-    for (int i = 0; i < 60; ++i) {
-      if (!client.send_bytes(frame)) break;
+      if (!client->send_bytes(frame)) break;
     }
   }
-  expect_service();
-  EXPECT_EQ(0, server_->stop(SIGTERM));
+};
+
+TEST_F(OwnReceivers, MayEndInTheMiddleOfALongMessage) {
+  RawClient client("self");
+  begin_long_message(&client);
+  ::shutdown(client.fd(), SHUT_WR);
+  client.closed();
+}
+
+TEST_F(OwnReceivers, MayEndWhileTheyHoldThemselves) {
+  RawClient client("self");
+  flood(&client);
+  test::send_with_descriptors(client.fd(), "ab");
+}
+
+TEST_F(OwnReceivers, MayEndWhileSomebodyElseSendsThemALongMessage) {
+  RawClient client("self");
+  RawClient other("other");
+  begin_long_message(&other);
+  settle();
+  flood(&client);
 }
 
 // A long message is not cut while its reader reads, be it in small steps or beside another sender.
-TEST_F(HostileClients, LongMessagesArriveWholeWhileTheirReaderReads) {
-  start({"--queue", "262144", "--patience", "300"});
-  for (const size_t size : {size_t{8} << 20, size_t{1} << 20}) {
-    const bool beside = size < size_t{8} << 20;
-    for (int round = 0; round < 3; ++round) {
-      RawClient reader("reader");
-      RawClient a("a");
-      RawClient b("b");
-      const std::string frame =
-          Frame{.type = kType, .to = "reader", .body = std::string(size, 'l')}.bytes("a");
-      constexpr int kOthers = 300;
-      std::vector<std::thread> threads;
-      threads.emplace_back([&] { a.send_bytes(frame); });
-      if (beside) {
-        threads.emplace_back([&] {
-          for (int i = 0; i < kOthers; ++i) {
-            b.send({.type = kType + 1, .to = "reader", .body = std::string(1000, 'o')});
-          }
-        });
-      }
-      std::string got;
-      const size_t all = frame.size() + (beside ? kOthers * size_t{1040} : 0);
-      while (got.size() < all) {
-        const std::string piece = reader.receive_bytes(std::min<size_t>(65536, all - got.size()));
-        if (piece.empty()) break;
-        got += piece;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-      for (std::thread &thread : threads) thread.join();
-      ASSERT_EQ(all, got.size());
-      ASSERT_EQ(size, static_cast<size_t>(std::ranges::count(got, 'l'))) << round;
-      ASSERT_THAT(a.drain(), IsEmpty());
+class SlowReaders : public HostileClients {
+ protected:
+  SlowReaders() { start({"--queue", "262144", "--patience", "300"}); }
+  ~SlowReaders() override { EXPECT_THAT(server_->output(), Not(HasSubstr("cut short"))); }
+
+  // Reads one message of `size` bytes in small steps while somebody else sends `others` short ones.
+  static void expect_whole(size_t size, size_t others) {
+    RawClient reader("reader");
+    RawClient a("a");
+    RawClient b("b");
+    const std::string frame =
+        Frame{.type = kType, .to = "reader", .body = std::string(size, 'l')}.bytes("a");
+    const Frame other = {.type = kType + 1, .to = "reader", .body = std::string(1000, 'o')};
+
+    std::thread sender([&] { a.send_bytes(frame); });
+    std::thread other_sender([&] {
+      for (size_t i = 0; i < others; ++i) b.send(other);
+    });
+    std::string got;
+    const size_t all = frame.size() + others * other.bytes().size();
+    while (got.size() < all) {
+      const std::string piece = reader.receive_bytes(std::min<size_t>(65536, all - got.size()));
+      if (piece.empty()) break;
+      got += piece;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    sender.join();
+    other_sender.join();
+
+    EXPECT_EQ(all, got.size());
+    EXPECT_EQ(size, static_cast<size_t>(std::ranges::count(got, 'l')));
+    EXPECT_THAT(a.drain(), IsEmpty());
   }
-  EXPECT_THAT(server_->output(), Not(HasSubstr("cut short")));
+};
+
+TEST_F(SlowReaders, GetALongMessageWhole) {
+  for (int round = 0; round < 3; ++round) expect_whole(size_t{8} << 20, 0);
+}
+
+TEST_F(SlowReaders, GetALongMessageWholeBesideAnotherSender) {
+  for (int round = 0; round < 3; ++round) expect_whole(size_t{1} << 20, 300);
 }
 
 TEST_F(HostileClients, OccupyLittleWithMessagesThatNeverEnd) {
@@ -257,9 +260,7 @@ TEST_F(HostileClients, CannotUseUpTheDescriptors) {
     for (const Frame &frame : hostile.drain()) refused += is_refusal(frame, kType) ? 1 : 0;
   }
   EXPECT_GE(refused, 6u * 200 - 64);
-  const auto open = std::distance(
-      std::filesystem::directory_iterator("/proc/" + std::to_string(server_->pid()) + "/fd"), {});
-  EXPECT_LT(open, 130);
+  EXPECT_LT(open_descriptors(), 130);
   readers.clear();
   settle();
   hostile.drain();  // what its readers had not read
@@ -297,7 +298,7 @@ TEST_F(HostileClients, LeaveNoFilesOfMessagesThatAreLost) {
   };
   RawClient a("a");
   a.send(in_file("nobody"));
-  a.send(in_file("mic", 0x7777));
+  a.send(in_file("mic", kUnservedType));
   a.drain();
   EXPECT_EQ(0, files());
 
@@ -331,7 +332,7 @@ TEST_F(HostileClients, CannotColourTheLog) {
   start();
   RawClient client("x\x1b[2J\xc2\x9b", RawClient::Register::kYes);
   std::string bad = Frame{.type = kType}.bytes("x");
-  bad.replace(20, 12, 12, 'n');
+  bad.replace(kReceiverField, ORP_APP_NAME_SIZE, ORP_APP_NAME_SIZE, 'n');
   client.send_bytes(bad);
   EXPECT_TRUE(server_->wait_for("x?[2J??[" + std::to_string(::getpid()) + "] is disconnected"));
 }

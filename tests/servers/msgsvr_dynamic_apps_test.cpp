@@ -1,210 +1,28 @@
-// What the message server does itself, beside forwarding: with clients that write raw bytes.
+// Applications that the message server starts when somebody connects to them.
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "cfmapi.h"
-#include "msgapi/login.h"
-#include "msgapi/login_records.h"
-#include "msgapi/restful.h"
+#include "msgapi/dynapp.h"
 #include "servers/services.h"
-#include "support/file.h"
 #include "support/message_peer.h"
-#include "support/network.h"
 #include "support/process.h"
-#include "support/store.h"
 
 namespace {
 
-using test::Frame;
 using test::RawClient;
 using test::Services;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Optional;
-
-TEST_F(Services, TellTheFactoryModeAndRebootNothing) {
-  start();
-  EXPECT_EQ(0u, RawClient("web").ask({.type = ORP_MSG_FACTORY_MODE}).data);
-  RawClient("web").send({.type = ORP_MSG_REBOOT, .data = 3});
-  EXPECT_TRUE(server_->wait_for("asks for a reboot, mode 3; not executed"));
-
-  server_->stop(SIGTERM);
-  start({"--factory-mode"});
-  EXPECT_EQ(1u, RawClient("web").ask({.type = ORP_MSG_FACTORY_MODE}).data);
-}
-
-TEST_F(Services, LetProcessesWaitForEachOther) {
-  start();
-  RawClient one("one");
-  RawClient two("two");
-  RawClient poster("poster");
-  const auto wait_at = [](const std::string &name, uint32_t sequence) {
-    return Frame{.type = ORP_MSG_SYNC_WAIT, .body = name + '\0', .sequence = sequence};
-  };
-
-  one.send(wait_at("boot", 4));
-  two.send(wait_at("boot", 5));
-  EXPECT_THAT(two.drain(), IsEmpty());
-  poster.send({.type = ORP_MSG_SYNC_POST, .body = std::string("other\0", 6)});
-  poster.drain();
-  EXPECT_THAT(one.drain(), IsEmpty());
-  poster.send({.type = ORP_MSG_SYNC_POST, .body = std::string("boot\0", 5)});
-  EXPECT_EQ(4u, one.read().sequence);
-  EXPECT_EQ(5u, two.read().sequence);
-
-  // What nobody waited for is there for the next one, once.
-  EXPECT_EQ(6u, one.ask(wait_at("other", 6)).sequence);
-  one.send(wait_at("other", 7));
-  EXPECT_THAT(one.drain(), IsEmpty());
-  one.send(wait_at("", 8));
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, one.read().type) << "a point without a name is none";
-}
-
-// Login control.
-
-class Login : public Services {
- protected:
-  Login() { restart(); }
-
-  void restart(int signal = SIGTERM) {
-    if (server_) server_->stop(signal);
-    start();
-    web_ = std::make_unique<RawClient>("web");
-  }
-
-  template <typename Result, typename Record>
-  Result exchange(uint32_t type, const Record &record) {
-    const Frame reply = web_->ask({.type = type, .body = bytes_of(record)});
-    Result result{};
-    EXPECT_EQ(sizeof result, reply.body.size());
-    reply.body.copy(reinterpret_cast<char *>(&result), sizeof result);
-    return result;
-  }
-
-  ORP_LCTRL_RESULT_ST attempt(const std::string &address, uint32_t outcome = ORP_LCTRL_FAILED,
-                              const std::string &account = "admin",
-                              uint32_t type = ORP_LCTRL_MSG_LOGIN) {
-    ORP_LCTRL_REQUEST_ST request{};
-    request.ulOutcome = outcome;
-    address.copy(request.aucClient, sizeof request.aucClient - 1);
-    account.copy(request.aucAccount, sizeof request.aucAccount - 1);
-    return exchange<ORP_LCTRL_RESULT_ST>(type, request);
-  }
-
-  ORP_LCTRL_RESULT_ST check(const std::string &address, const std::string &account = "admin") {
-    return attempt(address, ORP_LCTRL_SUCCEEDED, account, ORP_LCTRL_MSG_CHECK);
-  }
-
-  static uint32_t number_of(const char *address) {
-    uint32_t number = 0;
-    ::inet_pton(AF_INET, address, &number);
-    return number;
-  }
-
-  uint32_t round_of(const char *address) {
-    const ORP_LCTRL_QUERY_ST query{number_of(address), {}};
-    return exchange<ORP_LCTRL_ROUND_ST>(ORP_LCTRL_MSG_GET_ROUND, query).ulRound;
-  }
-
-  void clear(const char *address) {
-    web_->send({.type = ORP_LCTRL_MSG_CLEAR_FORBIDDEN, .body = bytes_of(number_of(address))});
-  }
-
-  void set_limit(ORP_LCTRL_LIMIT_ST limit) {
-    web_->send({.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = bytes_of(limit)});
-  }
-
-  static constexpr const char *kState = "/var/msgsvr-login.json";
-  std::unique_ptr<RawClient> web_;
-};
-
-TEST_F(Login, ForbidsAClientAnAccountAfterTooManyFailures) {
-  set_limit({3, 1000});
-
-  for (uint32_t failed = 1; failed < 3; ++failed) {
-    const auto result = attempt("10.0.0.2");
-    EXPECT_EQ(ORP_LCTRL_ALLOWED, result.ulVerdict);
-    EXPECT_EQ(failed, result.ulFailedTimes);
-    EXPECT_EQ(3 - failed, result.ulTimesLeft);
-  }
-  EXPECT_EQ(3u, attempt("10.0.0.2", ORP_LCTRL_SUCCEEDED).ulTimesLeft) << "the count starts anew";
-  for (int i = 0; i < 2; ++i) attempt("10.0.0.2");
-  const auto last = attempt("10.0.0.2");
-  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, last.ulVerdict);
-  EXPECT_EQ(1u, last.ulRound);
-  EXPECT_THAT(last.ulForbiddenTime, testing::AllOf(testing::Gt(900u), testing::Le(1000u)));
-
-  // Not even with the right password; others and other accounts may.
-  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, attempt("10.0.0.2", ORP_LCTRL_SUCCEEDED).ulVerdict);
-  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, check("10.0.0.2").ulVerdict);
-  EXPECT_EQ(ORP_LCTRL_ALLOWED, check("10.0.0.2", "user").ulVerdict);
-  EXPECT_EQ(ORP_LCTRL_ALLOWED, check("10.0.0.3").ulVerdict);
-  EXPECT_EQ(1u, round_of("10.0.0.2"));
-  EXPECT_EQ(1u, round_of("0.0.0.0"));
-  EXPECT_EQ(0u, round_of("10.0.0.3"));
-  // A short record gets an answer that says so.
-  EXPECT_EQ("", web_->ask({.type = ORP_LCTRL_MSG_LOGIN, .body = std::string(199, 'x')}).body);
-}
-
-TEST_F(Login, RemembersAcrossRestartsAndForgetsWhenTold) {
-  set_limit({1, 500});
-  for (const char *client : {"10.0.0.2", "10.0.0.3"}) EXPECT_EQ(1u, attempt(client).ulRound);
-  restart();
-  EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status(kState).permissions());
-
-  const auto kept = check("10.0.0.2");
-  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, kept.ulVerdict);
-  EXPECT_GT(kept.ulForbiddenTime, 400u);
-  EXPECT_EQ(1u, kept.ulTimesLeft);
-  clear("10.0.0.2");
-  EXPECT_EQ(0u, round_of("10.0.0.2"));
-  EXPECT_EQ(1u, round_of("10.0.0.3"));
-  clear("0.0.0.0");
-  EXPECT_EQ(0u, round_of("0.0.0.0"));
-
-  // Kept a moment after the change, so that a server that is killed loses next to nothing.
-  attempt("10.9.9.9");
-  while (test::contents(kState).find("10.9.9.9") == std::string::npos) web_->drain();
-  restart(SIGKILL);
-  EXPECT_EQ(1u, round_of("10.9.9.9"));
-
-  server_->stop(SIGKILL);
-  std::ofstream(kState) << "{\"clients\": [{";
-  restart();
-  EXPECT_THAT(server_->output(), HasSubstr("is damaged"));
-  EXPECT_EQ(0u, round_of("10.9.9.9"));
-}
-
-TEST_F(Login, ForbidsForLongerWithEveryRound) {
-  set_limit({1, 1});
-
-  EXPECT_EQ(1u, attempt("10.0.0.2").ulForbiddenTime);
-  while (check("10.0.0.2").ulVerdict == ORP_LCTRL_FORBIDDEN) continue;
-  const auto second = attempt("10.0.0.2");
-  EXPECT_EQ(2u, second.ulRound);
-  EXPECT_EQ(2u, second.ulForbiddenTime);
-}
-
-// Dynamic applications.
 
 class DynamicApps : public Services {
  protected:
@@ -273,21 +91,22 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
 
   EXPECT_EQ("1", visit());
   EXPECT_EQ("2", visit());
-  update(2);
+  update(ORP_DYNAPP_RESTART);
   ASSERT_TRUE(server_->wait_for("dyn has ended: signal 15"));
   ASSERT_TRUE(server_->wait_for("dyn is started"));
   EXPECT_EQ("1", visit());
 
-  update(1);
+  update(ORP_DYNAPP_OFF);
   ASSERT_TRUE(server_->wait_for("dyn has ended"));
   EXPECT_FALSE(visit());
-  update(0);
+  update(ORP_DYNAPP_ON);
   EXPECT_EQ("1", visit());
   for (int i = 0; i < 2; ++i)
     EXPECT_EQ(0u, client.ask({.type = ORP_MSG_DYNAPP_STOP_ALL}).data) << "all stop";
   EXPECT_FALSE(visit());
 
-  client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("unknown"), .data = 0});
+  client.send(
+      {.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("unknown"), .data = ORP_DYNAPP_ON});
   EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type);
 }
 

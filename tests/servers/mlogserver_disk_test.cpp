@@ -1,0 +1,146 @@
+// Disks that are full or damaged, and a log server that is killed.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "msgapi/log.h"
+#include "msgapi/ringlog.h"
+#include "servers/log_server.h"
+#include "support/file.h"
+#include "support/process.h"
+#include "support/soak.h"
+
+namespace {
+
+using test::log_of;
+using test::LogServer;
+using test::Sender;
+using test::SmallDisk;
+using test::with_config;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+TEST(LogServerDisk, AFullDiskIsReportedOnceAndLeavesNoTornLine) {
+  SmallDisk disk;
+  LogServer server({"--directory", "/mnt/disk"});
+  MlogPrint("wan", 8, "before");
+  ASSERT_EQ(0, MlogFlushLog());
+  disk.fill();
+
+  for (int line = 0; line < 300; ++line) MlogPrint("wan", 8, "%0200d", line);
+  EXPECT_EQ(-1, MlogFlushLog());
+  ASSERT_TRUE(server.wait_for("No space left on device: lines are lost"));
+  std::string log = log_of("wan", "/mnt/disk");
+  EXPECT_THAT(log, EndsWith("\n"));
+
+  disk.make_room();
+  do {
+    MlogPrint("wan", 8, "after");
+  } while (MlogFlushLog() != 0);
+  log = log_of("wan", "/mnt/disk");
+  EXPECT_THAT(log, HasSubstr(" lines before this one are lost\n["));
+  EXPECT_THAT(log, MatchesRegex("(\\[[0-9]{11}\\]\\[wan\\]\\[[A-Z]{4}\\]:"
+                                "(before|[0-9*]{200}|mlogserver: [0-9]+ lines [a-z ]+|after)\n)+"));
+
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_EQ(server.output().find("are lost from now"), server.output().rfind("are lost from now"));
+}
+
+TEST(LogServerDisk, ALineThatDoesNotFitAFullDiskGivesBackWhatItOverwrote) {
+  // A ring in its second turn, on a disk where the next line crosses into a block that is a hole.
+  SmallDisk disk;
+  const std::string old = "[00000000001][wan][INFO]:" + std::string(74, 'o') + "\n";
+  char header[MLOG_FILE_HEADER_SIZE + 1];
+  std::snprintf(header, sizeof header,
+                "[overturn=001][offset=0000004063][uploadoffset=001^0000001023]\n");
+  std::string ring = header;
+  for (int i = 0; i < 40; ++i) ring += old;
+  {
+    std::ofstream file("/mnt/disk/wan.log");
+    file << ring;
+    file.seekp(3 * 4096);
+    file << old;
+  }
+  disk.fill();
+  const std::string before = test::contents("/mnt/disk/wan.log");
+  LogServer server({"--directory", "/mnt/disk"});
+
+  MlogPrint("wan", 8, "%s", std::string(200, 'n').c_str());
+  EXPECT_EQ(-1, MlogFlushLog());
+
+  EXPECT_EQ(before, test::contents("/mnt/disk/wan.log"));
+}
+
+TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {
+  std::filesystem::create_directories("/var/mlogfile/wan.log");
+  LogServer server;
+
+  MlogPrint("wan", 8, "lost");
+  MlogPrint("lan", 8, "kept");
+  MlogFlushLog();
+
+  EXPECT_THAT(log_of("lan"), EndsWith(":kept\n"));
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 dropped 0 lost 1"));
+}
+
+TEST(LogServerKill, LosesNoLineThatItHasTaken) {
+  const auto arguments = with_config("max_size = 2097152\n");  // all lines of a long run
+  std::mt19937 random(test::seed());
+  int number = 0;
+  const uint32_t rounds = 20 * test::soak_factor();
+  for (uint32_t round = 0; round < rounds; ++round) {
+    LogServer server(arguments);
+    Sender sender;
+    for (auto count = random() % 40; count > 0; --count) {
+      sender.send(MLOG_TYPE_LOG, "[1][wan][INFO]:" + std::to_string(number++) + "\n");
+    }
+    sender.wait_until_taken();
+    // It may be anywhere between taking the last lines and writing them.
+    ASSERT_EQ(128 + SIGKILL, server.stop(SIGKILL));
+  }
+  LogServer server(arguments);
+  ASSERT_EQ(0, server.stop(SIGTERM));
+
+  std::istringstream lines(log_of("wan"));
+  int expected = 0;
+  uint32_t twice = 0;
+  for (std::string line; std::getline(lines, line); ++expected) {
+    if (line == "[1][wan][INFO]:" + std::to_string(expected)) continue;
+    // The line that was being written may come again.
+    EXPECT_EQ("[1][wan][INFO]:" + std::to_string(--expected), line);
+    ++twice;
+  }
+  EXPECT_EQ(number, expected);
+  EXPECT_LE(twice, rounds);
+}
+
+TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
+  LogServer first;
+  first.stop(SIGKILL);
+  // The inbox of another version, and what could have been left in its place.
+  for (const std::string &junk : {std::string(200000, 'x'), std::string("short"), std::string()}) {
+    std::ofstream("/var/mlog/mlogServer.inbox", std::ios::trunc) << junk;
+    LogServer next;
+    MlogPrint("wan", 8, "line");
+    EXPECT_EQ(0, MlogFlushLog());
+    EXPECT_EQ(0, next.stop(SIGTERM));
+  }
+  ASSERT_EQ(0, ::symlink("/var/target", "/var/mlog/mlogServer.inbox"));
+  test::Process last("mlogserver");
+  EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
+  EXPECT_TRUE(last.wait_for("ready"));
+  EXPECT_NE(0, ::access("/var/target", F_OK));
+}
+
+}  // namespace

@@ -1,0 +1,99 @@
+// A message server that takes restful requests by HTTP, and an application that serves them.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "msgapi/restful.h"
+#include "servers/services.h"
+#include "support/file.h"
+#include "support/message_peer.h"
+
+namespace test {
+
+using test::Frame;
+using test::RawClient;
+using testing::HasSubstr;
+
+class Restful : public Services {
+ protected:
+  // Runs curl next to the test, which plays the application meanwhile: the body, the status and the
+  // type of the answer.
+  static std::future<std::string> curl(const std::string &path, const std::string &options = "") {
+    const std::string command = "curl -sg --max-time 20 -w '|%{http_code}|%{content_type}' " +
+                                options + " 'http://127.0.0.1:8080" + path + "' >/var/http";
+    return std::async(std::launch::async, [command] {
+      [[maybe_unused]] const int status = std::system(command.c_str());
+      return contents("/var/http");
+    });
+  }
+
+  Restful() {
+    start({"--http", "8080", "--http-timeout", "2000"});
+    app_ = std::make_unique<RawClient>("status");
+    enter("/dev");
+  }
+
+  void enter(const std::string &texts) {
+    app_->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
+    app_->drain();
+  }
+
+  // The application's next request, its body in place wherever it travelled.
+  Frame next_request() {
+    Frame request = app_->read();
+    if ((request.type & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
+      const std::string path = request.body.c_str();
+      request.type &= ORP_MSG_TYPE_MASK;
+      request.body.resize(std::filesystem::file_size(path));
+      std::ifstream(path).read(request.body.data(),
+                               static_cast<std::streamsize>(request.body.size()));
+      std::filesystem::remove(path);
+    }
+    return request;
+  }
+
+  static ORP_MSG_RESTFUL_REQ_ST head_of(const Frame &frame) {
+    ORP_MSG_RESTFUL_REQ_ST head{};
+    EXPECT_GE(frame.body.size(), sizeof head + 1);
+    frame.body.copy(reinterpret_cast<char *>(&head), sizeof head);
+    return head;
+  }
+  static std::string text_of(const Frame &frame) {
+    return frame.body.substr(sizeof(ORP_MSG_RESTFUL_REQ_ST)).c_str();
+  }
+  // As the library's dispatcher answers.
+  static void answer(RawClient *client, const Frame &request, const std::string &text) {
+    client->send({.type = request.type,
+                  .to = request.from,
+                  .body = text + '\0',
+                  .data = request.data,
+                  .sequence = request.sequence});
+  }
+
+  static std::string status_in(const std::string &got) { return got.substr(got.find('|') + 1, 3); }
+  static std::string status_of(const std::string &path, const std::string &options = "") {
+    return status_in(curl(path, options).get());
+  }
+
+  // The request that a GET of `path` becomes, as "PATH HANDLER", or the HTTP status without one.
+  std::string target_of(const std::string &path) {
+    auto got = curl(path);
+    while (got.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+      const auto request = app_->receive(10);
+      if (!request) continue;
+      answer(app_.get(), *request, "");
+      EXPECT_EQ("200", status_in(got.get()));
+      return std::string(head_of(*request).aucPath) + " " + head_of(*request).aucHandler;
+    }
+    return status_in(got.get());
+  }
+
+  std::unique_ptr<RawClient> app_;
+};
+
+}  // namespace test
