@@ -76,8 +76,7 @@ void read_pieces(int fd, uint8_t choices, std::span<const uint8_t> stream) {
   for (;;) {
     char piece[256];
     const size_t wanted = at == 0 ? 1 : size_t{stream[at - 1]} + 1;
-    size_t done;
-    const ReadEnd end = reader.fill({piece, wanted}, &done);
+    const auto [end, done] = reader.fill({piece, wanted});
     require(done <= stream.size() - at);
     require(std::memcmp(piece, stream.data() + at, done) == 0);
     at += done;

@@ -1,24 +1,39 @@
 // Typed view of the platform's intrusive lists: T begins with its link word.
 #pragma once
 
+#include <cassert>
+#include <type_traits>
+
+#include "base/bytes.h"
 #include "orputil.h"
 
 namespace msgapi {
 
 template <typename T>
+bool list_contains(const T *head, const std::type_identity_t<T> *node) {
+  const T *each = head;
+  while (each != nullptr && each != node) each = load<const T *>(each);
+  return each != nullptr;
+}
+
+// A record is in one list at a time, and in it once: a second time would tie a knot.
+template <typename T>
 void list_append(T *&head, T *node) {
+  assert(!list_contains(head, node));
   ORP_ListAppend(static_cast<void *>(&head), node);
 }
 
 // Unlinks `node`; the caller keeps its memory.
 template <typename T>
 void list_unlink(T *&head, T *node) {
+  assert(list_contains(head, node));
   ORP_ListDeleteItemEx(static_cast<void *>(&head), node);
 }
 
 // Unlinks and frees `node`, after `release`.
 template <typename T>
 void list_delete(T *&head, T *node, ORP_LIST_RELEASE release = nullptr) {
+  assert(list_contains(head, node));
   ORP_ListDeleteItem(static_cast<void *>(&head), node, release);
 }
 

@@ -1,6 +1,7 @@
 // The library's one way to memory: the guarded allocator, growth, and owners of malloc blocks.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -66,6 +67,7 @@ Owned<T> make_tailed(uint64_t size) {
 template <typename T>
 bool grow_tailed(Owned<T> *block, uint64_t old_size, uint64_t new_size, const char *tag,
                  uint32_t line) {
+  assert(*block != nullptr && new_size >= old_size);
   void *grown = grow(block->get(), old_size + kZeroTail, new_size + kZeroTail, tag, line);
   if (grown == nullptr) return false;
   (void)block->release();

@@ -2,6 +2,7 @@
 // are not those of base/status.h.
 #pragma once
 
+#include <cassert>
 #include <optional>
 #include <utility>
 
@@ -14,7 +15,7 @@ class [[nodiscard]] Result {
  public:
   Result(T value) : value_(std::move(value)), status_(S::kOk) {}
   // `status` says why there is no value, so it is never kOk.
-  Result(S status) : status_(status) {}
+  Result(S status) : status_(status) { assert(status != S::kOk); }
 
   explicit operator bool() const { return value_.has_value(); }
   S status() const { return status_; }

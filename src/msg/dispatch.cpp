@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 
@@ -40,7 +41,10 @@ class Walk {
   Walk() : next_(g_registry), outer_(innermost_) { innermost_ = this; }
   Walk(const Walk &) = delete;
   Walk &operator=(const Walk &) = delete;
-  ~Walk() { innermost_ = outer_; }
+  ~Walk() {
+    assert(innermost_ == this);  // walks end in the reverse order of their beginning
+    innermost_ = outer_;
+  }
 
   // The next registration, or null at the end.
   Registration *advance() {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <span>
@@ -46,8 +47,7 @@ Status read_body(int fd, std::span<char> out, uint32_t timeout_ms) {
   const uint32_t patience_ms =
       timeout_ms == 0 ? os::ReadPolicy::kBlock : std::min(timeout_ms, kLongest_ms);
   os::StreamReader reader(fd, {.patience_ms = patience_ms});
-  size_t done;
-  const os::ReadEnd end = reader.fill(out, &done);
+  const os::ReadEnd end = reader.fill(out).end;
   if (end == os::ReadEnd::kData) return Status::kOk;
 
   ++g_dropped.read;
@@ -76,6 +76,7 @@ Status receive_body(int fd, Owned<Header> *message, uint32_t timeout_ms) {
 Status complete(Owned<Header> *message) {
   Header *block = message->release();
   const Status status = complete_hand_over(&block);
+  assert((block == nullptr) == (status == Status::kNoMemory));  // whose the block is now
   message->reset(block);
   if (status != Status::kOk) ++g_dropped.completion;
   return status;

@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -90,6 +91,7 @@ Status write_message(const Target &target, Header *message, bool waited) {
                                      flags | MSG_NOSIGNAL, target.address, target.address_size);
     if (written >= 0) {
       done += static_cast<uint64_t>(written);
+      assert(done <= total);
       flags = 0;
       continue;
     }

@@ -3,7 +3,7 @@
 // The first message of the right type (and, where asked for, sender) is the answer; the sequence
 // number is deliberately not compared.
 
-#include <optional>
+#include <cassert>
 #include <string_view>
 
 #include "base/drop_count.h"
@@ -158,6 +158,7 @@ uint32_t safe_exit(const char *application) {
 
 // The answer becomes the caller's, or *out stays null.
 uint32_t hand_out(Result<Owned<Header>> answer, Header **out) {
+  assert(*out == nullptr);
   if (answer) *out = answer->release();
   return code(answer.status());
 }

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -64,6 +65,7 @@ Status write_message(int fd, const NOTIFY_MSG &message) {
     const ssize_t count = ::send(fd, bytes + sent, size - sent, MSG_NOSIGNAL);
     if (count >= 0) {
       sent += static_cast<size_t>(count);
+      assert(sent <= size);
       continue;
     }
     if (errno == EINTR) continue;
@@ -124,11 +126,11 @@ Status read_head(int fd, uint32_t timeout_ms, NOTIFY_MSG *head) {
   if (first.end != os::ReadEnd::kData) return report_head_error(first);
 
   const auto begun = static_cast<size_t>(first.count);
-  size_t more;
   os::StreamReader rest(fd, patience(kHeadRest_ms));
-  if (rest.fill(bytes.subspan(begun), &more) == os::ReadEnd::kData) return Status::kOk;
+  const os::Filled filled = rest.fill(bytes.subspan(begun));
+  if (filled.end == os::ReadEnd::kData) return Status::kOk;
   std::printf("ooo: notifyclient no match head len, my pid=%d, got len=%d!\n",
-              static_cast<int>(::getpid()), static_cast<int>(begun + more));
+              static_cast<int>(::getpid()), static_cast<int>(begun + filled.count));
   return Status::kIo;
 }
 
@@ -166,6 +168,7 @@ Status read_body(int fd, uint32_t timeout_ms, const NOTIFY_MSG &head, char *data
           head.msg_type, head.source_id, head.des_id);
     }
     got += static_cast<uint32_t>(piece.count);
+    assert(got <= head.data_len);
   }
   return Status::kOk;
 }

@@ -57,14 +57,15 @@ Piece StreamReader::read_some(std::span<char> out) {
   }
 }
 
-ReadEnd StreamReader::fill(std::span<char> out, size_t *done) {
-  *done = 0;
-  while (*done < out.size()) {
-    const Piece piece = read_some(out.subspan(*done));
-    if (piece.end != ReadEnd::kData) return piece.end;
-    *done += static_cast<size_t>(piece.count);
+Filled StreamReader::fill(std::span<char> out) {
+  size_t done = 0;
+  while (done < out.size()) {
+    const Piece piece = read_some(out.subspan(done));
+    if (piece.end != ReadEnd::kData) return {piece.end, done};
+    done += static_cast<size_t>(piece.count);
+    assert(done <= out.size());
   }
-  return ReadEnd::kData;
+  return {ReadEnd::kData, done};
 }
 
 }  // namespace msgapi::os

@@ -27,6 +27,14 @@ enum class ReadEnd {
 
 Status status_of(ReadEnd end);
 
+// How a message or a part of one was read, and how much of it there is, also after a failure.
+struct Filled {
+  ReadEnd end;
+  size_t count;
+
+  bool operator==(const Filled &) const = default;
+};
+
 struct Piece {
   ReadEnd end;
   ssize_t count;  // what the read returned; -1 for kSilence
@@ -53,8 +61,8 @@ class StreamReader {
   // One read of up to out.size() bytes, of which there is at least one.
   Piece read_some(std::span<char> out);
 
-  // Reads until `out` is full. *done is the number of bytes read, also after a failure.
-  ReadEnd fill(std::span<char> out, size_t *done);
+  // Reads until `out` is full.
+  Filled fill(std::span<char> out);
 
  private:
   bool wait();

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 
@@ -75,6 +76,7 @@ bool exit_waits(const OrpUvLoop *loop) {
 
 int wait_for(OrpUvLoop *loop, Waiting *sets, timespec timeout) {
   const int count = loop->maxFd + 1;
+  assert(count <= ORP_UV_MAX_DESCRIPTORS);  // select() looks at that many bits
   fd_set *read = sets->read.native(), *write = sets->write.native(), *error = sets->error.native();
   // Without a time-out the kernel does not read the clock.
   const timespec *limit = timeout.tv_sec == kNoTimeout_s ? nullptr : &timeout;

@@ -28,7 +28,7 @@ constexpr uint32_t kRawSize = 1024;
 constexpr uint32_t kPatience_ms = 1000;  // for each missing piece of a message
 constexpr int kRawAttempts = 10;
 
-// Reads the body behind the header in `message`, which may move.
+// Reads the body that follows the header in `message`, which may move.
 Status read_body(os::StreamReader *reader, uint64_t header_size, uint32_t body_size,
                  Owned<ORP_MSG_HEADER_ST> *message) {
   if (!grow_tailed(message, header_size, header_size + body_size, "UVMsgRecv", 1729)) {
@@ -36,9 +36,8 @@ Status read_body(os::StreamReader *reader, uint64_t header_size, uint32_t body_s
     return Status::kNoMemory;
   }
 
-  size_t done;
   char *body = reinterpret_cast<char *>(message->get()) + header_size;
-  const os::ReadEnd end = reader->fill({body, body_size}, &done);
+  const os::ReadEnd end = reader->fill({body, body_size}).end;
   if (end != os::ReadEnd::kData) ++g_dropped.read;
   return os::status_of(end);
 }
@@ -61,12 +60,12 @@ Status read_framed(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
   if (!*message) return Status::kNoMemory;
 
   os::StreamReader reader(watcher->io.fd, {.patience_ms = kPatience_ms});
-  size_t done;
   char *header = reinterpret_cast<char *>(message->get());
-  const os::ReadEnd end = reader.fill({header, watcher->headerSize}, &done);
-  if (end != os::ReadEnd::kData) {
-    if (done > 0 || end != os::ReadEnd::kPeerGone) ++g_dropped.read;
-    return os::status_of(end);
+  const os::Filled filled = reader.fill({header, watcher->headerSize});
+  if (filled.end != os::ReadEnd::kData) {
+    // The end of the stream between two messages loses nothing.
+    if (filled.count > 0 || filled.end != os::ReadEnd::kPeerGone) ++g_dropped.read;
+    return os::status_of(filled.end);
   }
 
   uint32_t wants_completion = 0;

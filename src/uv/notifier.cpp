@@ -6,6 +6,7 @@
 
 #include "msgapi/notifier.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "base/list.h"
@@ -103,6 +104,7 @@ uint32_t notify(Notifier *notifier, bool stop, const ORP_UTIL_NOTIFIER_HOOKS_ST 
   ++notifier->reserved;
   const ORP_UTIL_NOTIFIER_HOOKS_ST none = {};
   const uint32_t result = call_entries(notifier, stop, hooks == nullptr ? none : *hooks);
+  assert(notifier->reserved > 0);
   if (--notifier->reserved == 0) free_removed(notifier);
   return result;
 }

@@ -28,11 +28,16 @@ void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool 
 
 TakeAnswer g_take_answer;
 
+// The entries are chained by those who make them, so one that is not there is no fault of ours.
+void unchain(OrpUvMsg *watcher, OrpUvMsgPending *entry) {
+  if (list_contains(watcher->pending, entry)) list_unlink(watcher->pending, entry);
+}
+
 // Ends the entry with `message`, or by time-out with null.
 void finish(OrpUvMsgPending *entry, OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message) {
   end_timer(entry->timer);
   entry->timer = nullptr;
-  if (watcher != nullptr) list_unlink(watcher->pending, entry);
+  if (watcher != nullptr) unchain(watcher, entry);
 
   const bool traced = watcher != nullptr && (watcher->io.head.status & ORP_UV_MSG_RAW) == 0 &&
                       watcher->headerSize >= sizeof(ORP_MSG_HEADER_ST);
@@ -72,7 +77,7 @@ void forget_pending_timer(OrpUvTimer *timer, bool loop_gone) {
   auto *entry = reinterpret_cast<OrpUvMsgPending *>(timer->head.data);
   entry->timer = nullptr;
   if (!loop_gone && entry->watcher != nullptr) return;
-  if (entry->watcher != nullptr) list_unlink(entry->watcher->pending, entry);
+  if (entry->watcher != nullptr) unchain(entry->watcher, entry);
   std::free(entry);
 }
 

@@ -4,6 +4,7 @@
 #include "uv/timer.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "base/memory.h"
 #include "base/text.h"
@@ -76,6 +77,7 @@ void expire_in(OrpUvTimer *timer, uint32_t ms) {
 void fire(OrpUvLoop *loop, OrpUvTimer *timer, ORP_TIME_ST *timeout) {
   // The procedure may end the timer; the caller holds the record.
   const ORP_TIMER_PROC callback = timer->callback;
+  assert(callback != nullptr);
   ORP_TRACE_PrintInfo("UVTimerLoop", __LINE__, 0, "track", kTraceLevel, "[start timer %lld:%p:%p]",
                       static_cast<long long>(loop->iteration),
                       reinterpret_cast<void *>(timer->head.data), address(callback));

@@ -47,22 +47,20 @@ class StreamReaderTest : public testing::TestWithParam<Ends (*)()> {
 TEST_P(StreamReaderTest, ReadsNothingBeyondWhatIsAskedFor) {
   write_text(ends_, "onetwo");
   char text[3];
-  size_t done;
 
-  EXPECT_EQ(ReadEnd::kData, StreamReader(ends_.reader.get(), kShort).fill(text, &done));
-  EXPECT_EQ("one", std::string(text, done));
-  EXPECT_EQ(ReadEnd::kData, StreamReader(ends_.reader.get(), kBlocking).fill(text, &done));
-  EXPECT_EQ("two", std::string(text, done)) << "another reader goes on where the first stopped";
+  EXPECT_EQ((Filled{ReadEnd::kData, 3}), StreamReader(ends_.reader.get(), kShort).fill(text));
+  EXPECT_EQ("one", std::string(text, 3));
+  EXPECT_EQ((Filled{ReadEnd::kData, 3}), StreamReader(ends_.reader.get(), kBlocking).fill(text));
+  EXPECT_EQ("two", std::string(text, 3)) << "another reader goes on where the first stopped";
 }
 
 TEST_P(StreamReaderTest, TellsSilenceFromTheEndAndKeepsWhatHasCome) {
   write_text(ends_, "begun");
   char text[8];
-  size_t done;
   StreamReader reader(ends_.reader.get(), kShort);
 
-  EXPECT_EQ(ReadEnd::kSilence, reader.fill(text, &done));
-  EXPECT_EQ("begun", std::string(text, done));
+  EXPECT_EQ((Filled{ReadEnd::kSilence, 5}), reader.fill(text));
+  EXPECT_EQ("begun", std::string(text, 5));
   EXPECT_EQ(ReadEnd::kSilence,
             StreamReader(ends_.reader.get(), {.patience_ms = 0}).read_some(text).end);
 
@@ -76,16 +74,15 @@ TEST_P(StreamReaderTest, TellsSilenceFromTheEndAndKeepsWhatHasCome) {
 
 TEST_P(StreamReaderTest, BlocksForWhatIsNotThereYet) {
   char text[4];
-  size_t done;
   std::thread writer([this] {
     write_text(ends_, "ab");
     write_text(ends_, "cd");
   });
 
-  EXPECT_EQ(ReadEnd::kData, StreamReader(ends_.reader.get(), kBlocking).fill(text, &done));
+  EXPECT_EQ((Filled{ReadEnd::kData, 4}), StreamReader(ends_.reader.get(), kBlocking).fill(text));
 
   writer.join();
-  EXPECT_EQ("abcd", std::string(text, done));
+  EXPECT_EQ("abcd", std::string(text, 4));
 }
 
 INSTANTIATE_TEST_SUITE_P(Descriptors, StreamReaderTest, testing::Values(make_socket, make_pipe));
