@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr uint32_t kPatience_ms = 3000;
+constexpr uint32_t kPatience_ms = 10000;
 
 struct Knot {
   const char *name;

@@ -12,6 +12,9 @@ constexpr uint32_t kMeasure = 0x1003;          // answer: ulMsgData of the reque
 constexpr uint32_t kAskLeft = 0x1004;
 constexpr uint32_t kAskRight = 0x1005;
 
+// From the flood, to whoever does not read.
+constexpr uint32_t kReading = 0x1006;  // data: its number; 1000 bytes; not answered
+
 constexpr uint32_t kTemperature = 2150;
 constexpr uint32_t kHistorySize = 1024 * 1024;
 
