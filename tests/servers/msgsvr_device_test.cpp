@@ -1,6 +1,5 @@
 // What applications ask the message server about the device itself.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -12,13 +11,6 @@ namespace {
 using test::RawClient;
 
 class MsgsvrDevice : public test::Services {};
-
-using test::Frame;
-using test::RawClient;
-using test::Services;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Optional;
 
 TEST_F(MsgsvrDevice, TellsTheFactoryModeAndRebootsNothing) {
   start();

@@ -3,28 +3,24 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "msgapi/restful.h"
 #include "servers/restful.h"
-#include "support/file.h"
 #include "support/message_peer.h"
-#include "support/process.h"
 
 namespace {
+
+using test::Frame;
+using test::RawClient;
+using test::Restful;
+using testing::HasSubstr;
 
 TEST_F(Restful, AnswersThroughTheApplication) {
   const struct {

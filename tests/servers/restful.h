@@ -15,10 +15,6 @@
 
 namespace test {
 
-using test::Frame;
-using test::RawClient;
-using testing::HasSubstr;
-
 class Restful : public Services {
  protected:
   // Runs curl next to the test, which plays the application meanwhile: the body, the status and the
