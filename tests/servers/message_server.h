@@ -16,10 +16,6 @@
 
 namespace test {
 
-// Types of the tests' own, of which the server knows nothing.
-constexpr uint32_t kType = 0x1234;
-constexpr uint32_t kUnservedType = 0x7777;
-
 // Where the receiver's name is in a message as it travels.
 constexpr size_t kReceiverField = offsetof(ORP_MSG_HEADER_ST, aucRecvApp);
 

@@ -34,11 +34,12 @@
 namespace {
 
 using nlohmann::json;
+using test::kType;
+using test::kUnservedType;
 using test::RawClient;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr uint32_t kType = 0x1234;
 constexpr const char *kSocket = "/var/run/msgsvr.admin";
 
 // The samples of an OpenMetrics 1.0 text, by name and labels; none when a line breaks a rule: each
@@ -193,7 +194,7 @@ TEST_F(MsgsvrAdmin, CountsWhatTheServerHasDone) {
     pub.send({.type = kType, .to = "nobody"});
     pub.read();
   }
-  pub.send({.type = 0x7777, .to = "mic"});
+  pub.send({.type = kUnservedType, .to = "mic"});
   pub.drain();
 
   const json stats = get("/v1/stats");

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "cfmapi.h"
+#include "msgapi/dmmsg.h"
 #include "servers/services.h"
 #include "support/file.h"
 #include "support/message_peer.h"
@@ -156,7 +157,7 @@ TEST_F(ConfigManager, ReplacesOnlyEarlierExports) {
   std::filesystem::create_symlink(kFile, "/mnt/link");
 
   for (const std::string name : {"socket", "fifo", "directory", "text", "empty", "link"}) {
-    EXPECT_EQ(0x31006u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/" + name)) << name;
+    EXPECT_EQ(ORP_CFM_ERR_FILE_TAKEN, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/" + name)) << name;
   }
   EXPECT_TRUE(std::filesystem::is_socket("/mnt/socket"));
   EXPECT_EQ("somebody's file", test::contents("/mnt/text"));

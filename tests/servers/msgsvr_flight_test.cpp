@@ -34,11 +34,11 @@ using flight::Entry;
 using flight::Kind;
 using flight::Loss;
 using flight::Reader;
+using test::kType;
+using test::kUnservedType;
 using test::RawClient;
 using testing::ContainsRegex;
 using testing::HasSubstr;
-
-constexpr uint32_t kType = 0x1234;
 
 // An entry that stays.
 struct Noted {
@@ -118,7 +118,7 @@ TEST_F(MsgsvrFlight, RecordsEachMessageItsFateAndItsClients) {
   b.read();
   a.send({.type = kType, .to = "nobody", .sequence = 2});
   a.read();
-  a.send({.type = 0x7777, .to = "mic", .sequence = 3});
+  a.send({.type = kUnservedType, .to = "mic", .sequence = 3});
   a.read();
   // One event, accepted once for the server and delivered twice.
   for (RawClient *each : {&a, &b}) {

@@ -165,7 +165,7 @@ TEST_F(HttpServer, RefusesWhatAnApplicationThatDoesNotReadCannotBeGiven) {
   RawClient other("other");
   for (const size_t size : {2000, 10}) {
     for (int i = 0; i < 400; ++i) {
-      other.send({.type = 0x9999, .to = "status", .body = std::string(size, 'x')});
+      other.send({.type = test::kUnservedType, .to = "status", .body = std::string(size, 'x')});
     }
   }
   other.drain();

@@ -160,7 +160,7 @@ TEST(NotifyServer, PutsPiecesTogetherAndEndsOnlyTheClientThatSendsNonsense) {
 
   web.send(message(kType, kWeb, "whole").bytes().substr(0, 50));
   NotifyMessage too_long = message(kType, kWeb, "");
-  too_long.head.data_len = 0x800001;
+  too_long.head.data_len = ORP_NOTIFYCLT_MAX_DATA + 1;
   cms.send(registration(kCms));
   cms.send(message(kType, kCms, "ok"));
   cms.send(std::string(reinterpret_cast<const char *>(&too_long.head), sizeof too_long.head));

@@ -16,6 +16,10 @@
 
 namespace test {
 
+// Types of the tests' own, of which the server knows nothing.
+constexpr uint32_t kType = 0x1234;
+constexpr uint32_t kUnservedType = 0x7777;
+
 class Services : public testing::Test {
  protected:
   void start(const std::vector<std::string> &arguments = {}) {
