@@ -10,7 +10,6 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -21,6 +20,7 @@
 #include "common/log_line.h"
 #include "msgsvr/server.h"
 #include "msgsvr/services.h"
+#include "support/frame.h"
 
 // Instead of the log.
 void servers::write_log_line(std::string_view) noexcept {}
@@ -41,30 +41,7 @@ UniqueFd connect_to(msgsvr::Server *server) {
 }
 
 std::string registration(std::string_view name) {
-  msgsvr::Header header{};
-  header.ulMsgType = ORP_MSG_REGISTER;
-  msgsvr::AppName(name).store(header.aucSendApp);
-  std::string bytes(msgsvr::kHeaderSize, '\0');
-  msgsvr::store_header(header, false, bytes.data());
-  return bytes;
-}
-
-// One write with descriptors.
-void send_descriptors(const UniqueFd &fd, std::string bytes, size_t count) {
-  const std::vector<int> fds(count, STDERR_FILENO);
-  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
-  iovec piece{bytes.data(), bytes.size()};
-  msghdr message{};
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  cmsghdr *header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int) * count);
-  std::memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * count);
-  ::sendmsg(fd.get(), &message, MSG_NOSIGNAL);
+  return test::Frame{.type = ORP_MSG_REGISTER}.bytes(name);
 }
 
 // Reads what is there.
@@ -128,7 +105,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       if (which > 0 && ::write(writer.get(), name.data(), name.size()) < 0) std::abort();
     }
     if (action == 5 || action == 6) {
-      send_descriptors(writer, std::string(bytes.begin(), bytes.end()) + "\0"s, action - 4);
+      const std::vector<int> descriptors(action - 4u, STDERR_FILENO);
+      test::send_with_descriptors(writer.get(), std::string(bytes.begin(), bytes.end()) + "\0"s,
+                                  descriptors);
     } else if (action == 7) {
       // As often as the socket takes it.
       for (int i = 0; i < 64; ++i) {

@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <ostream>
+#include <utility>
 
 #include "base/text.h"
 #include "msg/context.h"
@@ -20,13 +21,6 @@ namespace {
 bool readable(int fd, int timeout_ms = kPatience_ms) {
   pollfd entry{.fd = fd, .events = POLLIN, .revents = 0};
   return ::poll(&entry, 1, timeout_ms) == 1;
-}
-
-void swap_words(ORP_MSG_HEADER_ST *header) {
-  for (uint32_t *word :
-       {&header->ulMsgType, &header->ulSeqNum, &header->ulMsgData, &header->ulDataLen}) {
-    *word = __builtin_bswap32(*word);
-  }
 }
 
 // bind() or connect().
@@ -42,18 +36,6 @@ sockaddr_un local(const std::string &path) {
 }
 
 }  // namespace
-
-std::string Frame::bytes(std::string_view sender, bool swapped) const {
-  ORP_MSG_HEADER_ST header = {};
-  header.ulMsgType = type;
-  header.ulSeqNum = sequence;
-  header.ulMsgData = data;
-  header.ulDataLen = static_cast<uint32_t>(body.size());
-  (sender.empty() ? std::string_view(from) : sender).copy(header.aucSendApp, ORP_APP_NAME_SIZE);
-  to.copy(header.aucRecvApp, ORP_APP_NAME_SIZE);
-  if (swapped) swap_words(&header);
-  return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
-}
 
 Frame frame_of(const ORP_MSG_HEADER_ST *message) {
   return {.type = message->ulMsgType,
@@ -163,19 +145,7 @@ Frame MessagePeer::accept_registration(const std::string &name, bool swap, uint3
 bool send_with_descriptors(int fd, std::string bytes, size_t count) {
   const msgapi::os::UniqueFd zero(::open("/dev/zero", O_RDONLY | O_CLOEXEC));
   const std::vector<int> fds(count, zero.get());
-  std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
-  iovec piece{bytes.data(), bytes.size()};
-  msghdr message{};
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  cmsghdr *header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int) * count);
-  std::memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * count);
-  return ::sendmsg(fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  return send_with_descriptors(fd, std::move(bytes), fds);
 }
 
 RawClient::RawClient(const std::string &name, Register how, const std::string &socket_path)

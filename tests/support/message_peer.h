@@ -14,23 +14,11 @@
 #include "base/memory.h"
 #include "msgapi/msg.h"
 #include "os/fd.h"
+#include "support/frame.h"
 #include "support/soak.h"
 
 namespace test {
 
-// A message outside the library. Twelve characters fill a name's field without a NUL.
-struct Frame {
-  uint32_t type = 0;
-  std::string to = {};
-  std::string body = {};
-  uint32_t data = 0;
-  uint32_t sequence = 0;
-  std::string from = {};
-
-  bool operator==(const Frame &) const = default;
-  // As it travels: from `sender` unless that is empty, `swapped` in the other byte order.
-  std::string bytes(std::string_view sender = {}, bool swapped = false) const;
-};
 Frame frame_of(const ORP_MSG_HEADER_ST *message);
 std::ostream &operator<<(std::ostream &out, const Frame &frame);
 
@@ -85,7 +73,7 @@ class MessagePeer {
   std::string name_;
 };
 
-// Sends `bytes` with `count` descriptors of /dev/zero in one write; false when that fails.
+// The same with `count` descriptors of /dev/zero.
 bool send_with_descriptors(int fd, std::string bytes, size_t count = 1);
 
 // A client of the message server that speaks the wire format itself, byte by byte if it has to.
