@@ -36,19 +36,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   char names[24];
   std::memset(names, 'z', sizeof names);
-  msgapi::list_bridges(rewound(), names);
+  msgapi::net::list_bridges(rewound(), names);
   check(msgapi::is_terminated(names));
 
   char bridge[8];
-  if (msgapi::find_bridge_of(rewound(), "eth1", bridge)) check(bridge[0] != '\0');
+  if (msgapi::net::find_bridge_of(rewound(), "eth1", bridge)) check(bridge[0] != '\0');
 
   char interfaces[3][ORP_IF_NAME_SIZE];
   std::memset(interfaces, 'z', sizeof interfaces);
-  if (msgapi::list_interfaces(rewound(), "br0", interfaces)) {
+  if (msgapi::net::list_interfaces(rewound(), "br0", interfaces)) {
     check(msgapi::is_terminated(interfaces[0]));
   }
 
-  if (const auto line = msgapi::find_mac(rewound(), "02:00:00:00:00:01")) {
+  if (const auto line = msgapi::net::find_mac(rewound(), "02:00:00:00:00:01")) {
     check(msgapi::is_terminated(line->interface));
   }
   return 0;

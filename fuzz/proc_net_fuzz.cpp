@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::abort();
   }
 
-  (void)msgapi::has_tcp_listener(rewound(), 0x1F90);
-  (void)msgapi::find_interface_counters(rewound(), "eth0");
-  const auto address = msgapi::find_link_local_address(rewound(), "eth0");
+  (void)msgapi::net::has_tcp_listener(rewound(), 0x1F90);
+  (void)msgapi::net::find_interface_counters(rewound(), "eth0");
+  const auto address = msgapi::net::find_link_local_address(rewound(), "eth0");
   if (address && !IN6_IS_ADDR_LINKLOCAL(&*address)) std::abort();
   return 0;
 }

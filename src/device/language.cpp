@@ -6,7 +6,7 @@
 
 #include "msgapi/web.h"
 
-namespace msgapi {
+namespace msgapi::device {
 namespace {
 
 // In the order of the table that the set-up programs share; its short codes play no part here. The
@@ -31,9 +31,10 @@ const char *standard_code(const char *language) {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::device
 
 using namespace msgapi;
+using namespace msgapi::device;
 
 extern "C" const char *ORP_SYSINFO_GetStandLangStr(const char *language) {
   return language == nullptr ? kCodes[0] : standard_code(language);

@@ -11,7 +11,7 @@
 #include "msg/send.h"
 #include "msgapi/login.h"
 
-namespace msgapi {
+namespace msgapi::device {
 namespace {
 
 using msg::Header;
@@ -54,9 +54,10 @@ uint32_t ask(uint32_t type, const void *record, size_t record_size, void *result
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::device
 
 using namespace msgapi;
+using namespace msgapi::device;
 
 extern "C" uint32_t ORP_LCTRLAPI_Login(const void *request, void *result) {
   return ask(ORP_LCTRL_MSG_LOGIN, request, ORP_LCTRL_REQUEST_SIZE, result, ORP_LCTRL_RESULT_SIZE);

@@ -8,7 +8,7 @@
 #include "cfmapi.h"
 #include "msgapi/web.h"
 
-namespace msgapi {
+namespace msgapi::device {
 namespace {
 
 constexpr uint32_t kPrivacyVersion = 0x60A01901;
@@ -41,9 +41,10 @@ bool privacy_notice_is_open() {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::device
 
 using namespace msgapi;
+using namespace msgapi::device;
 
 extern "C" uint32_t ORP_URLSTORE_GetUrl(uint32_t urlNumber, char *buffer, uint32_t bufferSize) {
   if (buffer == nullptr) return code(Status::kBadArgument);

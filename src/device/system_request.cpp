@@ -5,7 +5,7 @@
 #include "msg/send.h"
 #include "msgapi/device.h"
 
-namespace msgapi {
+namespace msgapi::device {
 namespace {
 
 constexpr uint32_t kFactoryModeTimeoutMs = 2000;
@@ -17,9 +17,10 @@ uint32_t ask_factory_mode() {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::device
 
 using namespace msgapi;
+using namespace msgapi::device;
 
 extern "C" uint32_t ORP_APP_SendSysguardHeartBeat() {
   return code(msg::send_header(msg::kServer, ORP_MSG_KEEP_ALIVE, 0));

@@ -11,7 +11,7 @@
 #include "cfmapi.h"
 #include "msgapi/web.h"
 
-namespace msgapi {
+namespace msgapi::device {
 namespace {
 
 constexpr uint32_t kBadArgument = 0x30000;
@@ -89,8 +89,8 @@ bool first_login_is_done() {
     const std::optional<uint32_t> level = read_number(&key, kLevel);
     if (!level) return false;
     if (*level != kFirstLoginLevel) continue;
-    const std::optional<uint32_t> pending = read_number(&key, kFirstLogin);
-    return pending && *pending != 1;
+    const std::optional<uint32_t> flag = read_number(&key, kFirstLogin);
+    return flag && *flag != 1;
   }
   return true;
 }
@@ -113,9 +113,10 @@ bool is_in_guide() {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::device
 
 using namespace msgapi;
+using namespace msgapi::device;
 
 extern "C" uint32_t ORP_WEB_GetCurAccountLevel(uint32_t *levelOut) {
   return levelOut == nullptr ? kBadArgument : current_level(levelOut);

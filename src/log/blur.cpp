@@ -26,7 +26,7 @@ constexpr int32_t g_hwAddressBlurPos[7] = {10, 11, 12, 13, 16, 17, -1};
 namespace msgapi::blur {
 namespace {
 
-// The characters of one match and of the text behind it.
+// The characters of one match and of the text after it.
 struct Found {
   std::span<char> match;
   std::span<char> rest;
@@ -79,7 +79,7 @@ void mask_uuid_tail(const Found &found) {
   for (char &c : found.match.last(12)) c = '*';
 }
 
-// A value that is shown by itself ends with its text, so nothing behind the address is kept.
+// A value that is shown by itself ends with its text, so nothing after the address is kept.
 void mask_mac_and_rest(const Found &found) {
   mask_all_but(found.match, ':');
   mask_all_but(found.rest, ':');
@@ -117,7 +117,7 @@ constexpr uint32_t kIpv6Rows = 0x20;
 constexpr uint32_t kIpRows = 0x30;
 constexpr uint32_t kAllRows = 0x3F;
 
-// Masks the matches of one rule; no search begins behind position `limit`.
+// Masks the matches of one rule; no search begins after position `limit`.
 void apply(const Rule &rule, std::span<char> text, size_t limit) {
   for (size_t from = 0; from <= limit;) {
     const Match found = find(rule.pattern, {text.data(), text.size()}, from);
@@ -219,10 +219,11 @@ extern "C" const char *ORP_BLUR_Uuid(const char *str) {
   return blur::blur_value(str, blur::kUuidRows);
 }
 
-extern "C" const char *ORP_BLUR_MacByte(const uint8_t *mac) {
-  if (mac == nullptr) return "";
+extern "C" const char *ORP_BLUR_MacByte(const uint8_t *bytes) {
+  if (bytes == nullptr) return "";
   char text[ORP_MAC_TEXT_SIZE];
-  format_mac(std::span<const uint8_t, ORP_MAC_SIZE>(mac, ORP_MAC_SIZE), HexCase::kLower, text);
+  mac::format_mac(std::span<const uint8_t, ORP_MAC_SIZE>(bytes, ORP_MAC_SIZE), mac::HexCase::kLower,
+                  text);
   return blur::blur_value(text, blur::kMacRows);
 }
 

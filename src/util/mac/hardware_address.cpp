@@ -13,7 +13,7 @@
 #include "os/fd.h"
 #include "util/mac/mac_text.h"
 
-namespace msgapi {
+namespace msgapi::mac {
 namespace {
 
 using MacBytes = std::array<uint8_t, ORP_MAC_SIZE>;
@@ -32,9 +32,10 @@ std::optional<MacBytes> hardware_address(const char *name) {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::mac
 
 using namespace msgapi;
+using namespace msgapi::mac;
 
 extern "C" uint32_t ORP_UTIL_GetBytesMacAddress(const char *ifName, uint8_t mac[ORP_MAC_SIZE]) {
   return ORP_UTIL_GetMacAddressByInterfaceName(ifName, mac, ORP_MAC_SIZE);

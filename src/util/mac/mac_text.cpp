@@ -10,7 +10,7 @@
 #include "base/copy_failure.h"
 #include "base/hex.h"
 
-namespace msgapi {
+namespace msgapi::mac {
 namespace {
 
 constexpr size_t kTextLength = ORP_MAC_TEXT_SIZE - 1;
@@ -75,9 +75,10 @@ void format_mac(std::span<const uint8_t, ORP_MAC_SIZE> mac, HexCase hex_case,
   out[kTextLength] = '\0';
 }
 
-}  // namespace msgapi
+}  // namespace msgapi::mac
 
 using namespace msgapi;
+using namespace msgapi::mac;
 
 extern "C" uint32_t ORP_UTIL_ValidateMacAddress(const char *text) {
   return text != nullptr && is_valid_mac(text) ? 1 : 0;

@@ -6,7 +6,7 @@
 
 #include "msgapi/mac.h"
 
-namespace msgapi {
+namespace msgapi::mac {
 
 enum class HexCase { kLower, kUpper };
 
@@ -14,4 +14,4 @@ enum class HexCase { kLower, kUpper };
 void format_mac(std::span<const uint8_t, ORP_MAC_SIZE> mac, HexCase hex_case,
                 std::span<char, ORP_MAC_TEXT_SIZE> out);
 
-}  // namespace msgapi
+}  // namespace msgapi::mac

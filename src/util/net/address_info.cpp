@@ -21,7 +21,7 @@
 #include "base/text.h"
 #include "cfmapi.h"
 
-namespace msgapi {
+namespace msgapi::net {
 namespace {
 
 using Record = ORP_UTIL_ADDRINFO_ST;
@@ -144,7 +144,7 @@ const sockaddr_in *as_ipv4(const Record &record) {
 
 bool is_same_address(const Record &left, const Record &right) {
   constexpr uint32_t kSmallest = 12;
-  constexpr size_t kAddressStart = offsetof(sockaddr_in, sin_addr);  // behind family and port
+  constexpr size_t kAddressStart = offsetof(sockaddr_in, sin_addr);  // after family and port
   if (left.addr == nullptr || right.addr == nullptr) return false;
   if (left.addrlen != right.addrlen || left.addrlen < kSmallest) return false;
 
@@ -190,9 +190,10 @@ AddressList parse_address(uint32_t flags, const char *host, uint32_t port) {
   return copy_libc_list(found);
 }
 
-}  // namespace msgapi
+}  // namespace msgapi::net
 
 using namespace msgapi;
+using namespace msgapi::net;
 
 extern "C" void ORP_UTIL_RegNameResolveFunc(ORP_UTIL_NAME_RESOLVE resolver) {
   g_resolver = resolver;

@@ -5,7 +5,7 @@
 
 #include "msgapi/net.h"
 
-namespace msgapi {
+namespace msgapi::net {
 
 // Frees every record of the chain, which may be null.
 void free_addresses(ORP_UTIL_ADDRINFO_ST *list);
@@ -19,4 +19,4 @@ using AddressList = std::unique_ptr<ORP_UTIL_ADDRINFO_ST, AddressListDeleter>;
 // `host`. Null when there are none or no memory.
 AddressList parse_address(uint32_t flags, const char *host, uint32_t port);
 
-}  // namespace msgapi
+}  // namespace msgapi::net

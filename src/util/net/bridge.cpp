@@ -15,7 +15,7 @@
 #include "os/line_reader.h"
 #include "util/net/bridge_listing.h"
 
-namespace msgapi {
+namespace msgapi::net {
 namespace {
 
 static_assert(sizeof(ORP_UTIL_BR_FDB_ST) == 43);
@@ -87,9 +87,10 @@ Lookup look_up_mac(const char *caller, const char *bridge, const char *mac, MacL
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::net
 
 using namespace msgapi;
+using namespace msgapi::net;
 
 extern "C" uint32_t ORP_UTIL_GetBridgeAllNames(char *out, uint32_t outSize) {
   if (out == nullptr) return 0;

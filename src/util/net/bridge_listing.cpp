@@ -8,7 +8,7 @@
 #include "base/text.h"
 #include "os/line_reader.h"
 
-namespace msgapi {
+namespace msgapi::net {
 namespace {
 
 bool is_digit(char c) {
@@ -37,8 +37,8 @@ bool parse_mac_line(const char *line, MacLine *out) {
 }  // namespace
 
 bool is_bridge_name(std::string_view token) {
-  const size_t behind = token.find("br") + 2;
-  if (behind < 2 || behind >= token.size() || !is_digit(token[behind])) return false;
+  const size_t after = token.find("br") + 2;
+  if (after < 2 || after >= token.size() || !is_digit(token[after])) return false;
   return token.find(':') == std::string_view::npos;
 }
 
@@ -140,4 +140,4 @@ std::optional<MacLine> find_mac(int fd, const char *mac) {
   return std::nullopt;
 }
 
-}  // namespace msgapi
+}  // namespace msgapi::net

@@ -16,12 +16,12 @@
 
 #include "msgapi/bridge.h"
 
-namespace msgapi {
+namespace msgapi::net {
 
 // Lines are read into buffers of this size.
 constexpr size_t kListingLineSize = 128;
 
-// True for a token that holds "br" with a digit behind the first "br", and no ":".
+// True for a token that holds "br" with a digit after the first "br", and no ":".
 bool is_bridge_name(std::string_view token);
 
 // True when `name` may be a word of a command.
@@ -57,11 +57,11 @@ uint32_t list_bridges(int fd, std::span<char> out);
 // Writes the bridge of `interface` to `out`; false when there is none or it does not fit.
 bool find_bridge_of(int fd, std::string_view interface, std::span<char> out);
 
-// Stores the interfaces of `bridge` and, when there is room, an empty name behind them; false when
+// Stores the interfaces of `bridge` and, when there is room, an empty name after them; false when
 // there is no such bridge or no room for its first one, or when a name does not fit.
 bool list_interfaces(int fd, std::string_view bridge, std::span<char[ORP_IF_NAME_SIZE]> names);
 
 // The line of "brctl showmacs" for `mac`, ignoring case.
 std::optional<MacLine> find_mac(int fd, const char *mac);
 
-}  // namespace msgapi
+}  // namespace msgapi::net

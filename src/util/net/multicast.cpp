@@ -9,7 +9,7 @@
 #include "msgapi/net.h"
 #include "util/net/socket_option.h"
 
-namespace msgapi {
+namespace msgapi::net {
 namespace {
 
 Status join_ipv4(int fd, const char *group, const in_addr &local) {
@@ -44,9 +44,10 @@ Status join(int fd, const char *group, const ORP_UTIL_ADDRINFO_ST &local, const 
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::net
 
 using namespace msgapi;
+using namespace msgapi::net;
 
 extern "C" uint32_t ORP_UTIL_SocketSetTTL(int32_t fd, uint8_t ttl) {
   if (fd == -1) return ORP_ERR_ARGUMENT;

@@ -20,7 +20,7 @@
 #include "os/fd.h"
 #include "os/line_reader.h"
 
-namespace msgapi {
+namespace msgapi::net {
 namespace {
 
 static_assert(sizeof(ORP_UTIL_IFC_STAT_ST) == 32);
@@ -40,7 +40,7 @@ uint32_t counter(std::string_view digits) {
   return static_cast<uint32_t>(value);
 }
 
-// True when `line` holds `name` with a ":" directly behind it. Any place will do, also the end of a
+// True when `line` holds `name` with a ":" directly after it. Any place will do, also the end of a
 // longer name: that is deliberate.
 bool belongs_to(std::string_view line, std::string_view name) {
   for (size_t at = line.find(name); at != std::string_view::npos; at = line.find(name, at + 1)) {
@@ -49,7 +49,7 @@ bool belongs_to(std::string_view line, std::string_view name) {
   return false;
 }
 
-// Old kernels print the first counter directly behind the name's ":"; moves it away by a blank.
+// Old kernels print the first counter directly after the name's ":"; moves it away by a blank.
 std::string_view separate_first_counter(std::span<char> buffer, std::string_view line) {
   const size_t digit = line.find(':') + 1;
   if (digit == 0 || digit >= line.size() || line[digit] < '0' || line[digit] > '9') return line;
@@ -131,9 +131,10 @@ std::optional<in6_addr> find_link_local_address(int fd, std::string_view name) {
   return std::nullopt;
 }
 
-}  // namespace msgapi
+}  // namespace msgapi::net
 
 using namespace msgapi;
+using namespace msgapi::net;
 
 extern "C" uint32_t ORP_UTIL_CheckTCPPortInUse(uint32_t port) {
   const os::UniqueFd table = open_table("/proc/net/tcp");

@@ -9,7 +9,7 @@
 
 #include "msgapi/bridge.h"
 
-namespace msgapi {
+namespace msgapi::net {
 
 // Whether a socket of /proc/net/tcp listens on `port`; prints a line for every line up to it that
 // holds no socket.
@@ -21,4 +21,4 @@ std::optional<ORP_UTIL_IFC_STAT_ST> find_interface_counters(int fd, std::string_
 // The first address of fe80::/10 that /proc/net/if_inet6 lists for `name`.
 std::optional<in6_addr> find_link_local_address(int fd, std::string_view name);
 
-}  // namespace msgapi
+}  // namespace msgapi::net

@@ -21,7 +21,7 @@
 #include "util/net/address_info.h"
 #include "util/net/socket_option.h"
 
-namespace msgapi {
+namespace msgapi::net {
 namespace {
 
 // Options of the platform's kernel that tell on which interface a packet arrived. A stock kernel
@@ -147,9 +147,10 @@ os::UniqueFd create_unix_server(const char *path) {
 static_assert(sizeof(sockaddr_un) == 110);
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::net
 
 using namespace msgapi;
+using namespace msgapi::net;
 
 extern "C" uint32_t ORP_UTIL_SocketCreateServerEx(const char *address, uint32_t port,
                                                   uint32_t flags, const char *device) {

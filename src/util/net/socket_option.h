@@ -3,7 +3,7 @@
 
 #include <sys/socket.h>
 
-namespace msgapi {
+namespace msgapi::net {
 
 // False, with errno set, when the kernel refuses.
 template <typename T>
@@ -11,4 +11,4 @@ bool set_option(int fd, int level, int option, const T &value) {
   return ::setsockopt(fd, level, option, &value, sizeof value) == 0;
 }
 
-}  // namespace msgapi
+}  // namespace msgapi::net

@@ -9,7 +9,7 @@
 #include "msgapi/proc.h"
 #include "os/fd.h"
 
-namespace msgapi {
+namespace msgapi::proc {
 namespace {
 
 bool read_address(const char *interface, sockaddr_in *out) {
@@ -27,10 +27,10 @@ bool read_address(const char *interface, sockaddr_in *out) {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::proc
 
 extern "C" uint32_t ORP_UTIL_GetIpByName(const char *name, struct sockaddr_in *address) {
   if (name == nullptr || address == nullptr) return 1;
 
-  return msgapi::read_address(name, address) ? 0 : 1;
+  return msgapi::proc::read_address(name, address) ? 0 : 1;
 }

@@ -17,7 +17,7 @@
 #include "msgapi/proc.h"
 #include "os/fd.h"
 
-namespace msgapi {
+namespace msgapi::proc {
 namespace {
 
 constexpr uint32_t kNotFound = 0xFFFFFFFF;
@@ -143,9 +143,10 @@ uint32_t find_kernel_process(const char *name) {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::proc
 
 using namespace msgapi;
+using namespace msgapi::proc;
 
 extern "C" uint32_t *ORP_UTIL_FindPidByName(const char *name) {
   return name == nullptr ? nullptr : find_processes(name);

@@ -8,7 +8,7 @@
 #include "msgapi/str.h"
 #include "orputil.h"
 
-namespace msgapi {
+namespace msgapi::str {
 namespace {
 
 constexpr std::string_view kApiPrefix = "/api/";
@@ -29,9 +29,10 @@ uint32_t put_without(TextWriter *out, std::string_view text, std::string_view pa
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::str
 
 using namespace msgapi;
+using namespace msgapi::str;
 
 extern "C" uint32_t ORP_UTIL_DeleteSubStr(const char *text, const char *part, char *out,
                                           uint32_t size) {

@@ -7,7 +7,7 @@
 #include "base/list.h"
 #include "base/memory.h"
 
-namespace msgapi {
+namespace msgapi::str {
 namespace {
 
 using Pair = ORP_UTIL_NV_PAIR_ST;
@@ -50,9 +50,10 @@ Pair *set_pair(Pair *&head, const char *name, const char *value) {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::str
 
 using namespace msgapi;
+using namespace msgapi::str;
 
 extern "C" ORP_UTIL_NV_PAIR_ST *ORP_UTIL_NvPairSet(ORP_UTIL_NV_PAIR_ST **head, const char *name,
                                                    const char *value) {

@@ -16,7 +16,7 @@
 #include "base/result.h"
 #include "msgapi/time.h"
 
-namespace msgapi {
+namespace msgapi::time {
 namespace {
 
 using DateTime = ORP_UTIL_DATE_TIME_ST;
@@ -200,9 +200,10 @@ std::optional<uint32_t> difference(const DateTime &first, const DateTime &second
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::time
 
 using namespace msgapi;
+using namespace msgapi::time;
 
 extern "C" uint32_t ORP_UTIL_CheckTimeValid(uint32_t year, uint32_t month, uint32_t day,
                                             uint32_t hour, uint32_t minute, uint32_t second) {

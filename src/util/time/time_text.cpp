@@ -12,7 +12,7 @@
 #include "orputil.h"
 #include "os/clock.h"
 
-namespace msgapi {
+namespace msgapi::time {
 namespace {
 
 constexpr size_t kTextSize = 64;
@@ -40,9 +40,10 @@ const char *utc_now(const char *format) {
 }
 
 }  // namespace
-}  // namespace msgapi
+}  // namespace msgapi::time
 
 using namespace msgapi;
+using namespace msgapi::time;
 
 extern "C" const char *ORP_UTIL_GetCurrTime() {
   return utc_now("%H:%M:%S");

@@ -21,7 +21,7 @@
 
 namespace {
 
-using msgapi::AddressList;
+using msgapi::net::AddressList;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;

@@ -15,7 +15,7 @@
 
 namespace {
 
-using List = msgapi::AddressList;
+using List = msgapi::net::AddressList;
 using msgapi::os::UniqueFd;
 
 List address(const char *text) {

@@ -75,7 +75,7 @@ TEST(TcpPortTable, HasListeningLinesAmongOthers) {
     EXPECT_EQ(each.found,
               with_failed_lines(
                   each.failed_lines,
-                  [&] { return msgapi::has_tcp_listener(readable(each.table), each.port); }))
+                  [&] { return msgapi::net::has_tcp_listener(readable(each.table), each.port); }))
         << each.why;
   }
 }
@@ -98,7 +98,7 @@ TEST(InterfaceCounters, MoveWithTheTrafficOfTheInterface) {
 }
 
 std::optional<ORP_UTIL_IFC_STAT_ST> counters_in(const std::string &lines, const char *name) {
-  return msgapi::find_interface_counters(readable("Inter-|\n face |\n" + lines), name);
+  return msgapi::net::find_interface_counters(readable("Inter-|\n face |\n" + lines), name);
 }
 
 TEST(InterfaceTable, IsReadInEveryFormOfTheKernel) {
@@ -126,7 +126,8 @@ TEST(InterfaceTable, IsSearchedForTheNameBeforeAColon) {
       << "the end of a name will do";
   EXPECT_FALSE(counters_in("eth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15\n", "eth0")) << "one short";
   EXPECT_FALSE(counters_in("eth0\n", "eth0")) << "no colon";
-  EXPECT_FALSE(msgapi::find_interface_counters(readable("eth0" + ones), "eth0")) << "a heading";
+  EXPECT_FALSE(msgapi::net::find_interface_counters(readable("eth0" + ones), "eth0"))
+      << "a heading";
   // No room for a blank in a line as long as the buffer: the name and its counter stay one word.
   const std::string full = "eth0:1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16" + std::string(468, ' ');
   EXPECT_FALSE(counters_in(full, "eth0"));
@@ -152,7 +153,7 @@ TEST(LinkLocalAddress, IsTheInterfacesOwn) {
 
 TEST(Inet6Table, GivesTheFirstLinkLocalAddressOfExactlyThisInterface) {
   const auto found = [](const std::string &table) {
-    return msgapi::find_link_local_address(readable(table), "eth0").has_value();
+    return msgapi::net::find_link_local_address(readable(table), "eth0").has_value();
   };
 
   EXPECT_TRUE(found("fe800000000000000000000000000001 02 40 20 80     eth0\n"));
