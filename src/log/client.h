@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "msgapi/log.h"
+#include "msgapi/log.h"  // IWYU pragma: export, for its levels
 
 namespace msgapi::log {
 

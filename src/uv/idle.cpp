@@ -3,7 +3,6 @@
 #include "uv/idle.h"
 
 #include "base/memory.h"
-#include "uv/default_loop.h"
 #include "uv/watcher.h"
 
 namespace msgapi::uv {

@@ -9,7 +9,6 @@
 #include "base/memory.h"
 #include "uv/child.h"
 #include "uv/child_signal.h"
-#include "uv/console.h"
 #include "uv/default_loop.h"
 #include "uv/freeing.h"
 #include "uv/idle.h"

@@ -5,7 +5,6 @@
 #pragma once
 
 #include "msgapi/process.h"
-#include "uv/watcher.h"
 
 namespace msgapi::uv {
 

@@ -9,7 +9,6 @@
 #include "base/memory.h"
 #include "base/text.h"
 #include "os/clock.h"
-#include "uv/default_loop.h"
 #include "uv/trace_point.h"
 #include "uv/watcher.h"
 

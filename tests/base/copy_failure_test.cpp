@@ -6,11 +6,9 @@
 
 #include "msgapi/dynapp.h"
 #include "msgapi/mac.h"
-#include "msgapi/msg.h"
 #include "msgapi/path.h"
 #include "msgapi/restful.h"
 #include "msgapi/str.h"
-#include "msgapi/time.h"
 
 namespace {
 

@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "msg/connection_fixture.h"
-#include "msg/context.h"
 #include "msg/header.h"
 #include "support/allocation.h"
 

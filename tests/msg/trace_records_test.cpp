@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "msg/connection_fixture.h"
-#include "msgapi/trace.h"
 
 namespace msgapi::msg {
 namespace {

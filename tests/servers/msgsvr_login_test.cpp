@@ -10,7 +10,6 @@
 #include <memory>
 #include <string>
 
-#include "msgapi/login.h"
 #include "msgapi/login_records.h"
 #include "servers/services.h"
 #include "support/file.h"

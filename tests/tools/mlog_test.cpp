@@ -7,7 +7,6 @@
 #include <string>
 
 #include "msgapi/log.h"
-#include "msgapi/ringlog.h"
 #include "ring_reader.h"
 #include "tools/mlog_support.h"
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <vector>
 
-#include "common/printable.h"
 #include "msgctl/context.h"
 #include "msgctl/event_text.h"
 #include "msgctl/flight_source.h"

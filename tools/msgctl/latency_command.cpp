@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 
-#include "common/printable.h"
 #include "msgctl/context.h"
 #include "msgctl/event_text.h"
 #include "msgctl/flight_source.h"

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "base/memory.h"
-#include "base/text.h"
 #include "msgapi/url.h"
 #include "orputil.h"
 #include "util/url/encode.h"

@@ -1,0 +1,66 @@
+#!/usr/bin/env python3
+"""check_unused_includes.py [SOURCES]: fails when a file includes a header of the project and mentions
+none of the names that the header declares.
+
+A name counts wherever it stands, a comment excepted, so what is reported is not used. What is
+included through another header only is not looked for."""
+
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[1]).resolve()
+PLACES = ["src", "platform", "catalogue", "kit", "servers", "tools", "examples", "tests", "fuzz", "bench"]
+SEARCHED = [ROOT / "src", ROOT / "servers", ROOT / "include", ROOT / "tests", ROOT,
+            *sorted(ROOT.glob("platform/*/include"))]
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"(.*)$', re.M)
+COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.S)
+WORD = re.compile(r"\b[A-Za-z_]\w*\b")
+# What a header makes known: functions, types, macros, constants, variables.
+DECLARED = re.compile(
+    r"\b(\w+)\s*\(|\b(?:enum class|enum|struct|class|union)\s+(?:\[\[\w+\]\]\s*)?(\w+)|\}\s*(\w+)\s*;"
+    r"|\busing\s+(\w+)\s*=|#\s*define\s+(\w+)|\b(k[A-Z]\w*|[gm]_\w+|[A-Z][A-Z0-9_]+)\b"
+)
+NO_NAMES = set("if for while switch return sizeof static_assert defined class struct explicit operator "
+               "const auto void char int bool size get std MSGAPI_EXPORT MSGAPI_PRINTF".split())
+# Whole interfaces, which are included for what stands in them.
+INTERFACES = {"msgapi.h"}
+
+
+def find(path, name):
+    for folder in [path.parent, *SEARCHED]:
+        if (folder / name).is_file():
+            return (folder / name).resolve()
+    return None
+
+
+def declared(header, known={}):
+    if header not in known:
+        text = COMMENT.sub(" ", header.read_text())
+        known[header] = {name for names in DECLARED.findall(text) for name in names
+                         if name} - NO_NAMES
+    return known[header]
+
+
+def main():
+    unused = []
+    for place in PLACES:
+        for path in sorted((ROOT / place).rglob("*")):
+            if path.suffix not in (".h", ".c", ".cpp"):
+                continue
+            text = path.read_text()
+            mentioned = set(WORD.findall(INCLUDE.sub("", COMMENT.sub(" ", text))))
+            for name, rest in INCLUDE.findall(text):
+                header = find(path, name)
+                own = header is not None and header.stem == path.stem.removesuffix("_test")
+                if header is None or own or name in INTERFACES or "IWYU pragma: export" in rest:
+                    continue
+                if not declared(header) & mentioned:
+                    unused.append(f"{path.relative_to(ROOT)}: {name}")
+    for each in unused:
+        print(f"check_unused_includes.py: nothing of it is used: {each}", file=sys.stderr)
+    return 1 if unused else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
