@@ -3,7 +3,7 @@
  * masked with "*" before they are logged or shown.
  *
  * Values are found as POSIX extended regular expressions find them (leftmost, then longest; each
- * search begins behind the last match):
+ * search begins after the last match):
  *
  *   MAC       ([0-9A-Fa-f]{2}[:-]){5}([0-9A-Fa-f]{2})
  *   IPv4      ([0-9]{1,3}[.]){3}[0-9]{1,3}
@@ -53,7 +53,7 @@ MSGAPI_EXPORT int32_t MlogBlurIpv6String(char *buf, uint32_t len);
 /*
  * Masks the text file `path` in place: MAC and IPv4 addresses partly, the last group of UUIDs and
  * IPv6 addresses whole. The file is handled in blocks of 2048 bytes: a value that lies across two
- * blocks is not found, nor is what stands behind a NUL byte in its block.
+ * blocks is not found, nor is what stands after a NUL byte in its block.
  *
  * Returns 0 or an ORP_BLUR_ERR_ value; the blocks before the failure are masked.
  */

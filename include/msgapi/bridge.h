@@ -4,7 +4,7 @@
  *
  * Bridges are queried through the program "brctl", whose output goes to a result file under /var
  * that is made afresh and removed again; "brctl showmacs" must print the interface's name as a
- * fifth column. A token is a bridge's name when it holds "br" with a digit behind the first "br"
+ * fifth column. A token is a bridge's name when it holds "br" with a digit after the first "br"
  * ("br0", "lanbr2") and no ":". Names that hold other characters than letters, digits and "._-:",
  * or that begin with "-", never reach a command and are treated as not found.
  *
@@ -28,7 +28,7 @@
 typedef struct ORP_UTIL_BR_FDB_ST {
   uint8_t ucPort;                   /* the low 8 bits of the port's number in its bridge */
   char aucMac[18];                  /* "00:11:22:33:44:55" */
-  char aucIfName[ORP_IF_NAME_SIZE]; /* the interface behind the port */
+  char aucIfName[ORP_IF_NAME_SIZE]; /* the interface of the port */
   char aucLocal[8];                 /* "yes" for the port's own address, else "no" */
 } ORP_UTIL_BR_FDB_ST;
 
@@ -80,7 +80,7 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetInterfaceNameByMacAddr(const char *mac, char 
 
 /*
  * Stores the names of the interfaces of `bridge` (at most 7 characters) in the `maxCount` entries
- * of `names`, in the order of "brctl show"; when entries remain, the one behind the last name is
+ * of `names`, in the order of "brctl show"; when entries remain, the one after the last name is
  * made empty. An interface whose name begins with "br" ends the list.
  *
  * Returns 0 when the bridge exists, has an interface and `maxCount` is not 0; else 1, also for null

@@ -25,7 +25,7 @@
 
 /*
  * UCS-2 to UTF-8, each unit by itself (surrogates are not paired), up to a zero unit or `count`
- * units. The text is NUL-terminated behind the last whole character that fits with the NUL.
+ * units. The text is NUL-terminated after the last whole character that fits with the NUL.
  *
  * Returns CL_OK, CL_ERR_ARGUMENT (NULL arguments, a count of 0), or CL_ERR_ROOM: a character did
  * not fit, or there are more units than the capacity, when nothing is written.
@@ -85,7 +85,7 @@ MSGAPI_EXPORT uint32_t cl_bytesToString(const uint8_t *bytes, uint32_t count, ch
 
 /*
  * Hex text to bytes, in pairs of digits up to a NUL or `count` characters. Characters that are no
- * hex digits are not refused and give meaningless bytes. An odd count takes the character behind
+ * hex digits are not refused and give meaningless bytes. An odd count takes the character after
  * the last one, which must be readable (a NUL, say), as the low digit.
  *
  * Returns CL_OK, CL_ERR_ARGUMENT (NULL arguments, a count of 0), or CL_ERR_ROOM: for less than

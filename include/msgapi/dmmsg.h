@@ -62,14 +62,14 @@ MSGAPI_EXPORT uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType,
                                             const void *value, uint32_t valueLength);
 
 /*
- * Reads the item at *cursorInOut, null for the first, and moves the cursor behind it. Take any
+ * Reads the item at *cursorInOut, null for the first, and moves the cursor past it. Take any
  * status but 0 as the end; *itemOut and the cursor are untouched then.
  *
- * A last item may end up to 12 bytes behind the used area; in a message that was received these are
+ * A last item may end up to 12 bytes beyond the used area; in a message that was received these are
  * zeros.
  *
  * Returns 0, or ORP_DMMSG_ERR for a null argument, a wrong magic, a cursor that is not in the body,
- * at the end, for an item that ends further behind and for a name without a NUL.
+ * at the end, for an item that ends further on and for a name without a NUL.
  */
 MSGAPI_EXPORT uint32_t ORP_DMMSG_GetItemEx(const void *body, ORP_DMMSG_ITEM_ST *itemOut,
                                            const void **cursorInOut);

@@ -84,7 +84,7 @@ MSGAPI_EXPORT uint32_t ORP_DNS_PacketGetName(const ORP_DNS_PACKET_ST *packet,
 /*
  * Reads name, type and class of the question at `position`; the other fields of `*record`
  * keep their values. `*consumed` (may be NULL) receives what ORP_DNS_PacketGetName consumed plus
- * 4; type and class are read behind what it consumed, so a name of labels ending in a pointer
+ * 4; type and class are read after what it consumed, so a name of labels ending in a pointer
  * yields the name's own first bytes.
  *
  * Returns the statuses of ORP_DNS_PacketGetName; ORP_DNS_ERR_ARGUMENT also for a NULL record and
@@ -115,18 +115,18 @@ MSGAPI_EXPORT uint32_t ORP_DNS_PacketGetRRLen(const ORP_DNS_PACKET_ST *packet,
                                               const uint8_t *position);
 
 /*
- * The position behind all questions, where the first answer stands. It may be the end of the
+ * The position after all questions, where the first answer stands. It may be the end of the
  * packet. NULL for a NULL packet, one without a whole header, or a malformed question. For a packet
  * that ends with its only question it is that question's type field.
  */
 MSGAPI_EXPORT const uint8_t *ORP_DNS_PacketGetFirstRR(const ORP_DNS_PACKET_ST *packet);
 
-/* The position behind the record at `position`; NULL if ORP_DNS_PacketGetRRLen gives 0. */
+/* The position after the record at `position`; NULL if ORP_DNS_PacketGetRRLen gives 0. */
 MSGAPI_EXPORT const uint8_t *ORP_DNS_PacketGetNextRR(const ORP_DNS_PACKET_ST *packet,
                                                      const uint8_t *position);
 
 /*
- * The position behind the answers, and behind answers and authority records (the two counts are
+ * The position after the answers, and after answers and authority records (the two counts are
  * added in 16 bits). NULL on failure and when a skipped record reaches the end of the packet.
  */
 MSGAPI_EXPORT const uint8_t *ORP_DNS_PacketGetFirstAuthorityRecord(const ORP_DNS_PACKET_ST *packet);
@@ -145,7 +145,7 @@ MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildRequest(const char *name);
 
 /*
  * An answer to `query` with the one record `*record`: the query as it is, records and all,
- * with flags 0x8100, 1 answer and no additional records counted, and behind it the record, under
+ * with flags 0x8100, 1 answer and no additional records counted, and after it the record, under
  * the name of the first question. (To answer a query that carries records, such as EDNS, copy it
  * up to the end of its question first.)
  *
@@ -162,7 +162,7 @@ MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildResponse(const ORP_DNS_PACKE
 
 /*
  * The query with flags 0x8100 + `response_code` and no answer, authority or additional records
- * counted; its bytes behind the question stay. NULL for NULL, a query without a whole header, or
+ * counted; its bytes after the question stay. NULL for NULL, a query without a whole header, or
  * without memory.
  */
 MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildErrorResponse(const ORP_DNS_PACKET_ST *query,

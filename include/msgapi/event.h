@@ -53,7 +53,7 @@ MSGAPI_EXPORT uint32_t ORP_EVT_PublishEventWithJson(const char *moduleName, cons
 
 /* ---- Subscribing ------------------------------------------------------------------------- */
 
-/* Receives an event's bytes: JSON text of `length` characters with a NUL behind, or for the raw
+/* Receives an event's bytes: JSON text of `length` characters and a NUL, or for the raw
  * types the body (never null, also when its length is 0). They live until the call returns. 0 means
  * handled; any other value is printed and changes nothing. */
 typedef uint32_t (*ORP_EVT_CALLBACK)(uint32_t eventType, const void *data, uint32_t length);

@@ -1,6 +1,6 @@
 /*
- * Login failure control: what a front end asks the service behind the message server that counts
- * failed logins. The records belong to the service and are copied whole.
+ * Login failure control: what a front end asks the service that counts failed logins. The message
+ * server passes it on. The records belong to the service and are copied whole.
  */
 #ifndef MSGAPI_LOGIN_H
 #define MSGAPI_LOGIN_H

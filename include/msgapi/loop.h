@@ -120,14 +120,14 @@ MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
 /*
  * Runs the loop until it is stopped: sets the idle time, resets the iteration counter and iterates.
  * A callback may run its own loop again. Such an inner run
- * - ends on the next stop, or at once when the loop has been stopped already, and clears the stop
- * on its way out, as every run does: the run around it goes on;
+ * - ends at the next stop, or at once when the loop is stopped already. Like every run it clears
+ * the stop when it ends, so the run around it goes on;
  * - ends the pass over ready descriptors that called it: what is still ready is served in the next
  *   iteration;
  * - frees deleted watchers, except those that the runs around it are calling or call next;
  * - does not fire the timer whose procedure it is in, unless that has been armed anew
  *   (OrpUvTimerStart, OrpUtilTimerChgPeriod);
- * - leaves its idle time and counter behind.
+ * - sets the idle time and the counter for the run around it, too.
  *
  * Returns ORP_OK after OrpUvLoopStop; ORP_ERR_SYSTEM when select() failed, which is printed;
  * ORP_ERR_TIMEOUT when `idleMs` is not 0 and a wait of at least its whole seconds saw no event.
@@ -351,7 +351,7 @@ MSGAPI_EXPORT OrpUvIo *OrpUvIoFindByFd(OrpUvLoop *loop, int32_t fd);
  * headerSize bytes followed by as many body bytes as lengthProc says; with ORP_UV_MSG_RAW set in
  * the status a message is what one read of up to 1024 bytes returns. A message goes to the first
  * pending entry that it answers, otherwise to msgProc. It is freed when that procedure returns,
- * which copies what it wants to keep. Behind the message stand at least 16 zero bytes that no
+ * which copies what it wants to keep. At least 16 zero bytes stand after the message, which no
  * length mentions.
  *
  * A message is read within one callback: when the rest of one does not arrive within a second of
@@ -360,7 +360,7 @@ MSGAPI_EXPORT OrpUvIo *OrpUvIoFindByFd(OrpUvLoop *loop, int32_t fd);
  * stays armed but its descriptor is not waited for any more, until reading is armed anew.
  */
 
-/* The number of body bytes behind the header. A non-zero *flag asks for completeProc. */
+/* The number of body bytes after the header. A non-zero *flag asks for completeProc. */
 typedef uint32_t (*ORP_UV_MSG_LENGTH_PROC)(struct ORP_MSG_HEADER_ST *header, uint32_t *flag);
 /* Takes a message, which stays the watcher's. */
 typedef void (*ORP_UV_MSG_PROC)(struct ORP_MSG_HEADER_ST *message);
@@ -381,7 +381,7 @@ typedef void (*ORP_UV_MSG_ANSWER_PROC)(struct ORP_MSG_HEADER_ST *message, uint32
 struct OrpUvMsg {
   OrpUvIo io;                            /* on the connection; type ORP_UV_IO | ORP_UV_MSG */
   uint32_t headerSize;                   /* bytes read before lengthProc is asked */
-  ORP_UV_MSG_LENGTH_PROC lengthProc;     /* of the body behind a header */
+  ORP_UV_MSG_LENGTH_PROC lengthProc;     /* of the body after a header */
   ORP_UV_MSG_PROC msgProc;               /* may be null: messages are dropped */
   ORP_UV_MSG_MATCH_PROC matchProc;       /* null: pending entries are never answered */
   ORP_UV_MSG_COMPLETE_PROC completeProc; /* may be null */

@@ -3,7 +3,7 @@
  * connection to the message server, sending, receiving, synchronous and asynchronous requests, and
  * dispatch to message procedures.
  *
- * A message is one heap block: the 40-byte header and right behind it `ulDataLen` body bytes. It is
+ * A message is one heap block: the 40-byte header and right after it `ulDataLen` body bytes. It is
  * owned by whoever holds the pointer and released with free(). docs/message-protocol.md describes
  * what travels, docs/ownership.md who frees what.
  *
@@ -38,7 +38,7 @@ typedef struct ORP_MSG_HEADER_ST {
   uint32_t ulDataLen;                 /* body bytes that follow the header */
 } ORP_MSG_HEADER_ST;
 
-/* Bytes of the header; the body begins so far behind the message's address. */
+/* Bytes of the header; the body begins so far after the message's address. */
 #define ORP_MSG_HEADER_SIZE 40u
 
 /* The type proper: the only bits of ulMsgType by which types are compared. */
@@ -139,7 +139,7 @@ MSGAPI_EXPORT uint32_t ORP_MSG_InitSlaveApp(const char *appName, const char *ser
 /*
  * Closes the connection (never descriptor 0) and clears the context; a new ORP_MSG_Init may
  * follow. The message watcher stays in its loop, without a descriptor and without messages; what
- * the pending queue still held is given up unread.
+ * the queue of messages put aside still held is given up unread.
  */
 MSGAPI_EXPORT void ORP_MSG_Destroy(void);
 
@@ -184,7 +184,7 @@ MSGAPI_EXPORT void *ORP_MSG_GetMsgBlockEx(void *buffer, uint32_t bufferLen);
 /* The header in front of a message body; null for null. */
 MSGAPI_EXPORT ORP_MSG_HEADER_ST *ORP_MSG_GetMsgHead(void *body);
 
-/* The body behind a header; null for null and when ulDataLen is 0. */
+/* The body after a header; null for null and when ulDataLen is 0. */
 MSGAPI_EXPORT void *ORP_MSG_GetMsgByHeader(ORP_MSG_HEADER_ST *header);
 
 /* A copy of header and body in a new block that the caller frees. Null for null, for a ulDataLen
@@ -279,7 +279,7 @@ MSGAPI_EXPORT uint32_t ORP_MSG_UnSubscribeEventForOtherApp(uint32_t event, const
 
 /*
  * Reads one message from `descriptor` into a new block, stored in *messageOut, that the caller
- * frees. Behind its body stand 16 zero bytes that no length mentions, so text may be read as a
+ * frees. 16 zero bytes that no length mentions stand after its body, so text may be read as a
  * string. `timeoutMs` bounds the wait for the header and for each further piece of the body; with
  * 0 the header may take 20 s and the body is read without a bound.
  *
@@ -310,13 +310,13 @@ MSGAPI_EXPORT uint32_t ORP_MSG_Recv(int32_t descriptor, ORP_MSG_HEADER_ST **mess
  * same socket. */
 MSGAPI_EXPORT uint32_t ORP_MSG_ReceiveManual(ORP_MSG_HEADER_ST **messageOut, uint32_t timeoutMs);
 
-/* ---- Requests and the pending queue ------------------------------------------------------ */
+/* ---- Requests, and the messages put aside ------------------------------------------------- */
 
 /*
  * Sends `request` with a fresh sequence number and waits for the answer: the first message of the
  * request's type (20 bits), from whatever sender and with whatever sequence number. It is stored in
  * *responseOut and the caller frees it; *responseOut is null otherwise. Every other message that
- * arrives meanwhile is kept in the pending queue and dispatched later, in order. `timeoutMs` 0
+ * arrives meanwhile is put aside, in a queue, and dispatched later, in order. `timeoutMs` 0
  * means 60 s.
  *
  * A request addressed to the process itself is handed straight to ORP_MSG_FilterProc; its answer
@@ -398,7 +398,8 @@ MSGAPI_EXPORT uint32_t ORP_MSG_AppendQueueEx(ORP_MSG_QUEUE_NODE_ST **head,
 /* Frees all nodes of the queue with their messages; null is ignored. */
 MSGAPI_EXPORT void ORP_MSG_DestroyQueue(ORP_MSG_QUEUE_NODE_ST **head);
 
-/* Dispatches everything in the context's pending queue, in order, and what is added meanwhile. */
+/* Dispatches everything in the context's queue of messages put aside, in order, and what is added
+ * meanwhile. */
 MSGAPI_EXPORT void ORP_MSG_QueueClear(void);
 
 /* ---- Dispatch ---------------------------------------------------------------------------- */

@@ -47,7 +47,7 @@ typedef struct ORP_UTIL_DEV_STATS_ST {
 } ORP_UTIL_DEV_STATS_ST;
 
 /*
- * Sends one datagram to the kernel module behind netlink protocol 25.
+ * Sends one datagram to the kernel module that serves netlink protocol 25.
  *
  * The datagram is a netlink header of 16 bytes in host order (length `len` + 16, type `port`, flags
  * 0, sequence 0, port id `port`), the `len` bytes of `data` and zeros up to a multiple of 4. It is

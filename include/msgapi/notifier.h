@@ -39,7 +39,7 @@ typedef struct ORP_UTIL_NOTIFIER_PAIR_ST {
 typedef struct ORP_UTIL_NOTIFIER_HOOKS_ST {
   /* Before a call. */
   void (*pre)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry);
-  /* Behind a call, with its result. */
+  /* After a call, with its result. */
   void (*post)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, uint32_t result);
   /* 0: the entry is left out. */
   uint32_t (*filter)(ORP_WORD context, ORP_UTIL_NOTIFIER_ENTRY_ST *entry, ORP_WORD argument);
@@ -58,8 +58,8 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierInitEx(ORP_WORD context,
 
 /*
  * Registers a procedure in front of the first entry with a greater priority number: lower numbers
- * are called first, equal ones in the order of registration. A procedure registered during a
- * notification is called by it when its place is still ahead, behind the next entry.
+ * are called first, equal ones in the order of registration. A notification that is under way calls
+ * a new procedure, too, if its place comes after the next entry.
  *
  * *entryOut (may be null) receives the entry, or null on failure. ORP_OK; ORP_ERR_ARGUMENT without
  * notifier, pair or procedure; ORP_ERR_MEMORY.

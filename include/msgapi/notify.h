@@ -145,9 +145,9 @@ MSGAPI_EXPORT void ORP_NOTIYCLT_RegMsgProc(ORP_NOTIFYCLT_SYNC_ANY_PROC syncProc,
  *
  * Returns ORP_NOTIFYCLT_OK; ORP_NOTIFYCLT_ERR_ARGUMENT when not connected or for null data with a
  * length; ORP_NOTIFYCLT_ERR_TIMEOUT when nothing at all arrives for 20 seconds, or for EPIPE;
- * ORP_NOTIFYCLT_ERR_PEER_GONE at the end of the stream; ORP_NOTIFYCLT_ERR_MEMORY (also for more
- * data than the guarded allocator gives, 48 bytes of its 8 MiB being the head's);
- * ORP_NOTIFYCLT_ERR_IO; ORP_NOTIFYCLT_ERR_NOT_WRITABLE. What fails on the connection is printed.
+ * ORP_NOTIFYCLT_ERR_PEER_GONE at the end of the stream; ORP_NOTIFYCLT_ERR_MEMORY, also for
+ * data that does not fit 8 MiB together with its head of 48 bytes; ORP_NOTIFYCLT_ERR_IO;
+ * ORP_NOTIFYCLT_ERR_NOT_WRITABLE. What fails on the connection is printed.
  */
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_SendSynNotify(uint32_t desId, uint32_t msgType,
                                                    const void *data, uint32_t dataLen,

@@ -14,7 +14,7 @@ struct sockaddr_in;
  * free(), ended by a 0.
  *
  * Mind the two arrays for no match: {1, 0} for the name "init", and for any other name an array of
- * one element, 0xFFFFFFFF, WITHOUT a 0 behind it. Look at the first element before going on.
+ * one element, 0xFFFFFFFF, WITHOUT a 0 after it. Look at the first element before going on.
  *
  * Null for a null name, without memory, and when /proc cannot be read.
  */

@@ -44,7 +44,7 @@ typedef struct ORP_MSG_RESTFUL_ROW_ST {
 
 /*
  * Registers `table` under `path` with the message server: as the path itself, or with `expand` as
- * the list "path/row|path/row..." of its rows, up to 4095 characters; rows behind that are not
+ * the list "path/row|path/row..." of its rows, up to 4095 characters; rows after that are not
  * announced. A request reaches the first registration with exactly its path and the first row with
  * exactly its handler name. The table is not copied and must stay.
  *
@@ -64,7 +64,7 @@ MSGAPI_EXPORT uint32_t ORP_MSG_RegRestfulProc(const char *path,
 
 /*
  * A request message to the server, in a new block that the caller frees. `textLength` bytes are
- * reserved for `text` (null for none); a longer text is cut, behind a shorter one zeros follow.
+ * reserved for `text` (null for none); a longer text is cut, a shorter one is followed by zeros.
  * Null `path` and `handlerName` are empty. Null when one of them has more than 63 characters, when
  * `textLength` is 0xFFFFFF4F or more, and without memory (blocks are at most 8 MiB).
  */

@@ -5,8 +5,8 @@
  *
  *   "[overturn=%03ld][offset=%010ld][uploadoffset=%03ld^%010ld]\n"
  *
- * and goes on with log data. A buffer that would run past the size limit is written right behind
- * the header instead, over the oldest data, and the overturn count goes up. Behind an overturn,
+ * and goes on with log data. A buffer that would run past the size limit is written right after
+ * the header instead, over the oldest data, and the overturn count goes up. After an overturn,
  * bytes offset..end-of-file are therefore the older part of the log and 63..offset the newer one;
  * the older part begins with the rest of a buffer that was partly overwritten. The number before
  * "^" repeats the overturn count.
@@ -65,7 +65,7 @@ MSGAPI_EXPORT void MlogFileDestructor(MlogFile *file);
  *
  * Returns 0, also when the data or the header could not be written completely (ferror() of the
  * stream tells), or -1 with nothing written: null target, file, stream or buffer, size 0, a buffer
- * that does not fit behind the header as a whole, or a stream that cannot be positioned.
+ * that does not fit after the header as a whole, or a stream that cannot be positioned.
  *
  * From the 1000th overturn on the count does not fit the header any more: data are still written,
  * but the header in the file stays as it is and every call says so.

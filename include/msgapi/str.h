@@ -36,7 +36,7 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_DeleteSubStr(const char *text, const char *part,
                                              uint32_t size);
 
 /*
- * Splits "/api/MODULE/FUNCTION"; FUNCTION is everything behind the "/" that follows the module.
+ * Splits "/api/MODULE/FUNCTION"; FUNCTION is everything after the "/" that follows the module.
  *
  * The module is written only when `module` is given and `module_size` bytes hold it with its
  * NUL. The function is written when `function` is given; with `function_size` 1 it is always

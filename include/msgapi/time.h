@@ -59,8 +59,8 @@ typedef struct ORP_UTIL_DATE_TIME_ST {
  * Reads "2021-06-04T10:10:10" or "20210604T10:10:10", 17 to 40 characters, optionally followed by a
  * zone ("Z", or a sign and an offset such as "+08:00") or by a fraction that ends in a zone
  * (".250Z"). The offset is checked and not applied, and the values are not checked against the
- * calendar; see ORP_UTIL_CheckTimeValid. A zone without a fraction must end the text; behind the
- * "Z" of a fraction anything may follow.
+ * calendar; see ORP_UTIL_CheckTimeValid. A zone without a fraction must end the text; anything may
+ * follow the "Z" of a fraction.
  *
  * Returns 0 with *out filled; 0 with *out untouched for an empty text; 1 for null arguments and
  * other texts; ORP_ERR_ARGUMENT for one of more than 43 characters. *out is untouched on failure.
@@ -80,8 +80,8 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetDifTime(const char *text1, const char *text2,
                                            uint32_t *order);
 
 /*
- * How long to wait for a boundary of `period`: what `now` lacks to the next one, or with `align`
- * what it is behind the last one; the whole period instead of 0. No effect for a null pointer or a
+ * How long to wait for a boundary of `period`: the time from `now` to the next one, or with `align`
+ * the time since the last one; the whole period instead of 0. No effect for a null pointer or a
  * period of 0.
  */
 MSGAPI_EXPORT void ORP_UTIL_GetDelayTime(uint32_t now, uint32_t period, uint32_t align,

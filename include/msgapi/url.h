@@ -56,7 +56,7 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetDftPortByProtocolIdx(int32_t index);
  * Splits "PROTOCOL://HOST[:PORT][/PATH]", white space before it ignored. HOST may be "[...]", whose
  * colons are its own and whose brackets are not part of the host.
  *
- * The port is the number behind the first ":" that follows, and the path begins at the first "/":
+ * The port is the number after the first ":" that follows, and the path begins at the first "/":
  * each is looked for by itself, so without a port of its own a URL with a ":" in the path takes its
  * port from there and the path ends there. The number ends at the first character that is no digit;
  * without ":" the port is the protocol's default.

@@ -20,7 +20,7 @@
 MSGAPI_EXPORT uint32_t ORP_WEB_GetCurAccountLevel(uint32_t *levelOut);
 
 /*
- * 1 when no first login is pending: the first account with level 2 does not have its first-login
+ * 1 when no first login is awaited: the first account with level 2 does not have its first-login
  * flag at 1, or there is no such account. 0 otherwise, and when the store cannot be read.
  */
 MSGAPI_EXPORT uint32_t ORP_WEB_CheckFirstLogin(void);

@@ -15,7 +15,7 @@ namespace msgapi {
 // The largest request that the guarded allocator serves.
 constexpr uint64_t kMaxGuardedSize = 0x800000;
 
-// Zero bytes that stand behind every received body and that no length mentions: a reader that takes
+// Zero bytes that stand after every received body and that no length mentions: a reader that takes
 // the body for text, or runs over its end by a word, finds zeros.
 constexpr uint32_t kZeroTail = 16;
 

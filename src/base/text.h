@@ -39,7 +39,7 @@ bool is_terminated(std::span<const char> field);
 std::string_view cut_word(std::string_view *text);
 
 // Takes what stands before the first `separator`, or all of it, off the front of `text`, with the
-// separator. Behind the last piece, which may be empty, `text` has null data.
+// separator. After the last piece, which may be empty, `text` has null data.
 std::string_view cut_piece(std::string_view *text, char separator);
 
 }  // namespace msgapi

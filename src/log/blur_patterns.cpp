@@ -7,9 +7,9 @@
 // next to nothing in text without personal data, is decided character by character. Serial numbers
 // are runs of 16 characters of one class and found with the same shifts.
 //
-// An IP address is decided by looking at its groups once, because a group is delimited by the
-// separators around it: only the first group may begin inside a longer run of digits, and leftmost
-// matching takes as many of its last digits as a group may have.
+// The groups of an IP address are looked at once, because separators delimit them. Only the first
+// group may be the end of a longer run of digits. Leftmost matching takes as many of the run's last
+// digits as a group may have.
 
 #include "log/blur_patterns.h"
 
@@ -94,7 +94,7 @@ size_t end_of_compressed(std::string_view text, size_t colon, size_t groups) {
 Match ipv6_around(std::string_view text, size_t from, size_t colon) {
   const auto is_colon = [&](size_t at) { return at < text.size() && text[at] == ':'; };
   const size_t start = colon - run_length_before(text, from, colon, 4, is_hex);
-  size_t next = colon + 1;  // behind the last group and its colon
+  size_t next = colon + 1;  // after the last group and its colon
   if (start == colon) {
     if (!is_colon(next)) return {};
     return {start, end_of_compressed(text, next, 0) - start};
@@ -113,7 +113,7 @@ Match ipv6_around(std::string_view text, size_t from, size_t colon) {
     const size_t digits = run_length(text, next, 4, is_hex);
     if (digits > 0) return {start, next + digits - start};
   }
-  // Six groups need nothing behind them.
+  // Six groups need nothing after them.
   if (groups >= 6) return {start, end_of_six - start};
   return {};
 }
@@ -197,7 +197,7 @@ uint64_t read_block(const char *block) {
 }
 #endif
 
-// The same for what there is of the text from `at` on, without members behind its end.
+// The same for what there is of the text from `at` on, without members beyond its end.
 template <Class kClass>
 uint64_t read_at(std::string_view text, size_t at) {
   if (at >= text.size()) return 0;
@@ -207,7 +207,7 @@ uint64_t read_at(std::string_view text, size_t at) {
   return read_block<kClass>(padded);
 }
 
-// The bits of a block and of the one behind it.
+// The bits of a block and of the next one.
 struct Window {
   uint64_t here;
   uint64_t next;

@@ -15,7 +15,7 @@ struct Match {
   size_t length = 0;  // 0: there is none
 };
 
-// The first match of `pattern` in `text` that begins at `from` or behind it. Nothing before `from`
+// The first match of `pattern` in `text` that begins at `from` or after it. Nothing before `from`
 // is looked at.
 Match find(Pattern pattern, std::string_view text, size_t from);
 

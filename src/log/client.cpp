@@ -35,7 +35,7 @@ struct LevelName {
   uint32_t level;
 };
 
-// A value is turned into its first name here, which keeps the level column four characters wide.
+// Lines show the first name of a level. It has four characters, so that the column keeps its width.
 constexpr LevelName kLevelNames[] = {
     {"NONE", MLOG_LEVEL_NONE},  {"FATL", MLOG_LEVEL_FATAL},  {"FATAL", MLOG_LEVEL_FATAL},
     {"ERRO", MLOG_LEVEL_ERROR}, {"ERROR", MLOG_LEVEL_ERROR}, {"WARN", MLOG_LEVEL_WARN},

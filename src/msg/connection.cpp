@@ -18,7 +18,6 @@
 #include "base/drop_count.h"
 #include "log/client.h"
 #include "msg/context.h"
-#include "msg/dispatch.h"
 #include "msg/dm_message.h"
 #include "msg/exchange.h"
 #include "msg/hand_over.h"
@@ -154,14 +153,14 @@ T *find_watcher(uint32_t type, Matches matches) {
   return nullptr;
 }
 
-void drain_when_idle(OrpUvIdle * /*watcher*/) {
-  drain_pending_queue();
+void dispatch_when_idle(OrpUvIdle * /*watcher*/) {
+  dispatch_put_aside();
 }
 
-void start_drain() {
-  const auto is_drain = [](const OrpUvIdle *idle) { return idle->proc == drain_when_idle; };
-  if (find_watcher<OrpUvIdle>(ORP_UV_IDLE, is_drain) == nullptr) {
-    (void)uv::start_idle(nullptr, drain_when_idle);
+void start_idle_dispatch() {
+  const auto is_ours = [](const OrpUvIdle *idle) { return idle->proc == dispatch_when_idle; };
+  if (find_watcher<OrpUvIdle>(ORP_UV_IDLE, is_ours) == nullptr) {
+    (void)uv::start_idle(nullptr, dispatch_when_idle);
   }
 }
 
@@ -247,7 +246,7 @@ uint32_t connect_process(const char *name, Loop loop) {
   if (register_process() != Status::kOk) abandon();
   const notify::Status notify_status = notify::start_client_named(name);
   if (notify_status != notify::Status::kOk) abandon();
-  if (loop == Loop::kUsed) start_drain();
+  if (loop == Loop::kUsed) start_idle_dispatch();
   return code(notify_status);
 }
 

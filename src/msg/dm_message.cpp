@@ -36,7 +36,7 @@ const DmBody *as_dm(const void *body) {
   return as_dm(const_cast<void *>(body));
 }
 
-// Makes room for an item of `size` bytes. Null, with the message freed, when that is not possible.
+// Makes room for an item of `size` bytes. Where there is none, frees the message and returns null.
 DmBody *reserve(DmBody *dm, uint64_t size) {
   if (size <= dm->free) return dm;
   Owned<Header> block(head_of(dm));

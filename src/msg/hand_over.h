@@ -1,7 +1,7 @@
 // Bodies too long for the socket, handed over through a file.
 //
 // The sender creates the file and owns it until the message that names it is on its way; the
-// receiver reads and deletes it. A file that nobody receives stays behind.
+// receiver reads and deletes it. A file that nobody receives stays where it is.
 #pragma once
 
 #include "base/result.h"
@@ -20,8 +20,8 @@ struct HandOverMessage {
 };
 static_assert(sizeof(HandOverMessage) == 300);
 
-// Writes the message's body into a new file. kNoHandOver, with a console line and nothing left
-// behind, when that fails.
+// Writes the message's body into a new file. kNoHandOver, with a console line and no file left,
+// when that fails.
 Result<HandOverPath> store_body(const Header &message);
 
 // Replaces the body of a message that is the path of a file by the file's contents, and deletes the

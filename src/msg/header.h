@@ -48,7 +48,7 @@ inline uint64_t block_size(const Header &header) {
   return uint64_t{ORP_MSG_HEADER_SIZE} + header.ulDataLen;
 }
 
-// The text behind a C string that may be null.
+// The text of a C string that may be null.
 inline std::string_view text_or_empty(const char *text) {
   return text == nullptr ? std::string_view() : std::string_view(text);
 }

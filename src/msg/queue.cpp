@@ -1,7 +1,7 @@
-// The pending queue: messages that arrived while a synchronous wait looked for another one.
+// Messages put aside: they arrived while a synchronous wait looked for another one.
 //
-// The wait takes them past the message watcher, answers to asynchronous requests among them. These
-// still reach their requests: when the queue is drained, or before, when a request's time is over.
+// The wait takes them past the message watcher, answers to pending requests among them. These still
+// reach their requests: when the queue is dispatched, or before, when a request's time is over.
 
 #include "msg/queue.h"
 
@@ -50,7 +50,7 @@ Header *take_answer_from_queue(const OrpUvMsgPending *entry) {
   return node->pstMsg;
 }
 
-void drain_pending_queue() {
+void dispatch_put_aside() {
   if (g_stMsgCtx.pstQueue == nullptr) return;
   ORP_TRACE_PrintInfo("MsgQueueClearIdleProc", __LINE__, 0, "msg", uv::kTraceLevel,
                       "Clear %u messages in queue now ...", ORP_ListGetCount(g_stMsgCtx.pstQueue));
@@ -91,5 +91,5 @@ extern "C" void ORP_MSG_DestroyQueue(ORP_MSG_QUEUE_NODE_ST **head) {
 }
 
 extern "C" void ORP_MSG_QueueClear(void) {
-  drain_pending_queue();
+  dispatch_put_aside();
 }

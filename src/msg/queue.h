@@ -15,12 +15,12 @@ Status append_to_queue(QueueNode **head, Header *message, ORP_WORD extra);
 // Frees the nodes with their messages, and counts these as dropped.
 void destroy_queue(QueueNode **head);
 
-// Takes the message that answers the entry of the connection's watcher out of the context's pending
-// queue; null when there is none.
+// Takes the message that answers the pending request of the connection's watcher out of the queue
+// of messages put aside; null when there is none.
 Header *take_answer_from_queue(const OrpUvMsgPending *entry);
 
-// Empties the context's pending queue, of what is added meanwhile, too: what answers an
-// asynchronous request goes to it, all else is dispatched.
-void drain_pending_queue();
+// Dispatches the messages put aside, and what is added meanwhile. What answers a pending request
+// goes to it.
+void dispatch_put_aside();
 
 }  // namespace msgapi::msg

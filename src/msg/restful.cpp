@@ -54,7 +54,7 @@ ORP_MSG_RESTFUL_HANDLER find_handler(const Request &request) {
   return nullptr;
 }
 
-// Handlers read the request's text as a string. A body without a NUL behind its fields, which only
+// Handlers read the request's text as a string. A body without a NUL after its fields, which only
 // damaged messages have, is handed to them as a terminated copy.
 class RequestText {
  public:

@@ -58,7 +58,7 @@ class Stopwatch {
   ORP_TIME_ST start_;
 };
 
-// True when the message is in the pending queue now; otherwise it has been dropped.
+// True when the message is in the queue now; otherwise it has been dropped.
 bool put_aside(Owned<Header> message) {
   const Status status = append_to_queue(&g_stMsgCtx.pstQueue, message.get(), 0);
   uv::MessageTrace(*message).put_aside(code(status));

@@ -1,4 +1,4 @@
-// Lines of a text file, bounded as fgets() bounds them, without a stream behind them.
+// Lines of a text file, bounded as fgets() bounds them, without a C stream.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@ class LineReader {
  public:
   explicit LineReader(int fd) : fd_(fd) {}
 
-  // The next line with its newline, as far as it fits `line` with a NUL behind it; what does not
+  // The next line with its newline, as far as it fits `line` with a NUL after it; what does not
   // fit is the next call's. None at the end of the file and after a failed read. `line` holds at
   // least 2 bytes.
   std::optional<std::string_view> next(std::span<char> line);

@@ -157,6 +157,8 @@ void Child::run(const sigset_t &mask) {
 }
 
 bool Child::set_up() {
+  // A new session has a process group of its own (setsid(2)): what is sent to the parent's group,
+  // by a terminal say, does not reach the child.
   if ((options_.flags & ORP_UV_SPAWN_SETSID) != 0) ::setsid();
   close_inherited();
   if (options_.cwd != nullptr && ::chdir(options_.cwd) != 0) return false;
@@ -192,6 +194,10 @@ bool Child::is_kept(int fd) const {
          fd == standard_[2].get();
 }
 
+// Groups first, the user last: after setuid() the child may not change its groups any more. A child
+// that cannot take on the ids that were asked for does not run, because it would have other rights
+// than it should. Supplementary groups that cannot be set are only reported, because a parent that
+// is not root may never set them.
 bool Child::set_ids() const {
   const uint32_t flags = options_.flags;
   if ((flags & (ORP_UV_SPAWN_SETUID | ORP_UV_SPAWN_SETGID)) != 0 &&

@@ -1,5 +1,5 @@
-// The one place that knows what hangs on every kind of watcher: whoever adds a pointer from
-// elsewhere to a watcher cuts it in release_watcher().
+// This file alone knows everything that points to a watcher, of every kind. A new pointer to a
+// watcher is cut in release_watcher().
 
 #include "uv/freeing.h"
 
@@ -90,7 +90,8 @@ void sweep_deleted(OrpUvLoop *loop) {
       continue;
     }
     OrpUvWatcher *watcher = list_unlink_at(place);
-    // Between the passes of the outermost run nobody holds a watcher, but for a count at its end.
+    // Nobody holds a watcher between the passes of the outermost run. A count that has reached its
+    // limit says no more.
     assert(!is_held(watcher) || (watcher->status & kHeldMask) == kHeldMask);
     ORP_TRACE_PrintInfo("UVLoopSafeDelete", __LINE__, 0, "loop", kTraceLevel,
                         "Delete handle %p with flag %x data %p now ...",

@@ -222,6 +222,12 @@ void recover_from_bad_descriptors(OrpUvLoop *loop) {
   loop->flags |= kLoopFilterSets;
 }
 
+// One wait, and what it brings.
+//
+// Queued events do not replace the wait, they cut it to a look: a descriptor that is not open any
+// more comes to light in every iteration. Where one of them is delivered, the ready descriptors are
+// left alone. That loses nothing, because they are still ready in the next iteration. A run ends as
+// idle only after a second look, so that it never ends on something that came with the time-out.
 Status select_step(OrpUvLoop *loop) {
   Waiting sets;
   copy_sets(loop, &sets);
@@ -248,7 +254,7 @@ Status select_step(OrpUvLoop *loop) {
     if (idle_due && !exit_waits(loop)) {
       copy_sets(loop, &sets);
       if (wait_for(loop, &sets, {.tv_sec = 0, .tv_nsec = 100000}) == 0) return Status::kTimeout;
-      // What this short wait saw is still there in the next iteration.
+      // What this look saw is still there in the next iteration.
     }
     deliver_forced(loop);
     sweep_deleted(loop);

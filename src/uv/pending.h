@@ -1,4 +1,4 @@
-// Pending entries of message watchers: who may still reach one, and when it goes.
+// Pending requests, the entries of message watchers: who may still reach one, and when it goes.
 //
 // An entry is reached from its watcher's list and from its timer. It is taken away from both before
 // its procedure is called, so that nothing the procedure does (run the loop, start the next

@@ -34,7 +34,7 @@ ChildState look_at_child(pid_t pid, int *status);
 void forget_status(pid_t pid);
 
 // A process watcher that a spawn has made. The handler finds those in a list of their own: it knows
-// no loops but the default ones. Nothing else sees the link behind the public record.
+// no loops but the default ones. Nothing else sees the link that follows the public record.
 struct SpawnedProcess {
   OrpUvProcess process;
   SpawnedProcess *link;

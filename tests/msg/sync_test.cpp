@@ -41,7 +41,7 @@ struct Exchange {
   uint32_t data = 0;  // of the answer
 };
 
-// Dispatches the pending queue; the types of its messages.
+// Dispatches what was put aside; the types of the messages.
 std::vector<uint32_t> drained() {
   static std::vector<uint32_t> types;
   types.clear();

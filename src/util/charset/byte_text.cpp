@@ -114,7 +114,7 @@ extern "C" uint32_t CL_StringToBytes(const char *text, uint32_t count, uint8_t *
   if (text == nullptr || bytes == nullptr || count == 0) return CL_ERR_ARGUMENT;
   if (capacity < count / 2) return CL_ERR_ROOM;
 
-  // An odd count reads the character behind the last one as its low digit.
+  // An odd count reads the character after the last one as its low digit.
   Reader<char> in({text, count + size_t{count % 2}});
   ByteWriter out({bytes, capacity});
   while (in.left() > 0) {

@@ -1,4 +1,5 @@
-// The codecs between 16-bit units and UTF-8.
+// The codecs between 16-bit units and UTF-8 (RFC 3629 section 3, up to three bytes a character:
+// what one unit can hold).
 //
 // Each has a loop for the many characters for which both bounds are known to suffice, and one
 // careful step for the rest: long sequences, errors and the ends of the buffers.

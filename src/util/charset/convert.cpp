@@ -102,7 +102,7 @@ Owned<char> guess_utf8(const char *text) {
   return nullptr;
 }
 
-// Continuation bytes behind `lead`, or -1 for a byte that may not lead.
+// Continuation bytes after `lead` (RFC 3629 section 3), or -1 for a byte that may not lead.
 constexpr int continuation_count(uint8_t lead) {
   if (lead < 0x80) return 0;
   if (lead < 0xC0 || lead >= 0xF0) return -1;

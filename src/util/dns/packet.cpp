@@ -1,4 +1,5 @@
-// Reading DNS messages: names with their compression, questions, records, and the walk over them.
+// Reading DNS messages: names with their compression (RFC 1035 section 4.1.4), questions, records,
+// and the walk over them.
 //
 // All readers follow one rule for names: every byte of one, its last included, must be followed by
 // another byte of the packet. The lengths of questions and records and the lengths that reading
@@ -17,7 +18,7 @@ namespace msgapi::dns {
 namespace {
 
 constexpr uint8_t kMaxLabelSize = 63;
-// Pieces of a name: the first and those behind the pointers that may follow.
+// Pieces of a name: the first and those that pointers lead to.
 constexpr unsigned kMaxNamePieces = 10;
 
 constexpr size_t kTypeAndClassSize = 4;
@@ -66,8 +67,9 @@ bool put_label(TextWriter *out, std::span<const uint8_t> label) {
   return !has_dot;
 }
 
-// Reads the name at `offset` into `text`; `*consumed` is written but for labels ending in a
-// pointer.
+// Reads the name at `offset` into `text`, through its pointers (RFC 1035 section 4.1.4).
+// `*consumed` gets what the name takes at `offset`; a name of labels that ends in a pointer leaves
+// it as it is.
 bool read_name(std::span<const uint8_t> message, size_t offset, std::span<char> text,
                uint32_t *consumed) {
   TextWriter out(text);
@@ -152,8 +154,8 @@ std::optional<size_t> first_record(std::span<const uint8_t> message) {
   return offset;
 }
 
-// The record behind the first `count` ones.
-const uint8_t *record_behind(const ORP_DNS_PACKET_ST *packet, uint16_t count) {
+// The record after the first `count` ones.
+const uint8_t *record_after(const ORP_DNS_PACKET_ST *packet, uint16_t count) {
   const std::span<const uint8_t> message = message_of(packet);
   const std::optional<size_t> first = first_record(message);
   return first ? position_in(packet, skip_records(message, *first, count)) : nullptr;
@@ -252,7 +254,7 @@ extern "C" uint32_t ORP_DNS_PacketGetRRLen(const ORP_DNS_PACKET_ST *packet,
 }
 
 extern "C" const uint8_t *ORP_DNS_PacketGetFirstRR(const ORP_DNS_PACKET_ST *packet) {
-  return packet == nullptr ? nullptr : record_behind(packet, 0);
+  return packet == nullptr ? nullptr : record_after(packet, 0);
 }
 
 extern "C" const uint8_t *ORP_DNS_PacketGetNextRR(const ORP_DNS_PACKET_ST *packet,
@@ -263,12 +265,12 @@ extern "C" const uint8_t *ORP_DNS_PacketGetNextRR(const ORP_DNS_PACKET_ST *packe
 
 extern "C" const uint8_t *ORP_DNS_PacketGetFirstAuthorityRecord(const ORP_DNS_PACKET_ST *packet) {
   if (packet == nullptr) return nullptr;
-  return record_behind(packet, header_field(message_of(packet), kAnswerCountAt));
+  return record_after(packet, header_field(message_of(packet), kAnswerCountAt));
 }
 
 extern "C" const uint8_t *ORP_DNS_PacketGetFirstAddtionalRecord(const ORP_DNS_PACKET_ST *packet) {
   if (packet == nullptr) return nullptr;
   const std::span<const uint8_t> message = message_of(packet);
-  return record_behind(packet, static_cast<uint16_t>(header_field(message, kAnswerCountAt) +
-                                                     header_field(message, kAuthorityCountAt)));
+  return record_after(packet, static_cast<uint16_t>(header_field(message, kAnswerCountAt) +
+                                                    header_field(message, kAuthorityCountAt)));
 }

@@ -1,4 +1,5 @@
-// What the library's netlink users share: the address of a socket, and a datagram for the kernel.
+// What the library's netlink users share: the address of a socket, and a datagram for the kernel
+// (netlink(7)).
 #pragma once
 
 #include <linux/netlink.h>

@@ -1,5 +1,5 @@
-// Interface counters over routing netlink: one request, one answer, on a socket that the process
-// keeps.
+// Interface counters over routing netlink (rtnetlink(7)): one request, one answer, on a socket that
+// the process keeps.
 //
 // The kernel answers an RTM_GETLINK request before send() returns, or fails the next receive when
 // it had no memory for the answer; waiting for the answer therefore always ends.

@@ -1,5 +1,6 @@
-// The two encoders. They differ on purpose: form encoding writes upper-case hex and "+" for a
-// space, URI escaping lower-case hex and "%20", and URI escaping leaves existing escapes alone.
+// The two encoders. Both write escapes of RFC 3986 section 2.1, and they differ on purpose: form
+// encoding writes upper-case hex and "+" for a space, URI escaping lower-case hex and "%20", and
+// URI escaping leaves existing escapes alone.
 
 #include "util/url/encode.h"
 
@@ -15,7 +16,7 @@ namespace {
 
 constexpr size_t kLongestUri = 0x55555553;
 
-// What one byte becomes: up to three characters, and behind them how many they are.
+// What one byte becomes: up to three characters, and then how many they are.
 struct Code {
   char text[4];
 
@@ -74,7 +75,7 @@ std::span<const char> encode_form(std::string_view text, std::span<char> room) {
 std::span<const char> encode_uri(std::string_view text, std::span<char> room) {
   TextWriter out(room);
   for (size_t at = 0; at < text.size(); ++at) {
-    // A "%" that begins an escape stays, and so do the digits behind it, like all of their kind.
+    // A "%" that begins an escape stays, and so do the digits after it, like all digits.
     const bool stays = text[at] == '%' && is_escape({&text[at], text.size() - at});
     const Code &code = stays ? kPercentSign : kUriCodes[static_cast<uint8_t>(text[at])];
     out.put_first(code.text, code.length());
