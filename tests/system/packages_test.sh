@@ -64,5 +64,6 @@ grep -rhoP -- '-D\KMSGAPI_[A-Z_]+' packaging docs/packaging.md | while read -r o
 done
 
 packages --purge libmsgapi1 libmsgapi-dev msgapi-servers
+"$source/tests/system/bare_root.sh" "$source" "$build" "$work/packages"
 left=$(find "$root" -path "$root/var" -prune -o -type f -print)
 [[ -z $left ]] || { echo "left behind: $left"; exit 1; }

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# procd_test.sh SOURCE: the init script that comes before the servers', on a root as OpenWrt has it,
+# where /var is a link to /tmp and that has run: a directory without links for bodies, the group, and
+# the shared directories, however often it runs and whatever was there.
+set -euo pipefail
+source=$(realpath "$1")
+root=/var/router
+
+fail() {
+  echo "procd: $*"
+  exit 1
+}
+
+mkdir -p "$root"/{etc,proc,tmp/run}
+for directory in bin lib lib32 lib64 sbin usr; do
+  if [[ -L /$directory ]]; then
+    cp -P "/$directory" "$root/$directory"
+  elif [[ -d /$directory ]]; then
+    mkdir "$root/$directory"
+    mount --rbind "/$directory" "$root/$directory"
+  fi
+done
+mount --rbind /proc "$root/proc"
+echo 'root:x:0:' >"$root/etc/group"
+ln -s tmp "$root/var"
+echo kept >"$root/var/run/other"
+cp "$source/packaging/procd/msgapi.init" "$root/etc/init"
+# What rc.common and its functions give a script.
+cat >"$root/etc/functions" <<'SH'
+group_exists() { grep -q "^$1:" /etc/group; }
+group_add_next() { echo "$1:x:65531:" >>/etc/group; }
+logger() { echo "logged: $*"; }
+SH
+
+for time in first second; do
+  said=$(chroot "$root" sh -c '. /etc/functions; . /etc/init; start' 2>&1) || fail "$time: $said"
+  [[ -z $said ]] || fail "$time: $said"
+  [[ $(chroot "$root" readlink -f /var/run/msg) == /var/run/msg ]] || fail "$time: a link is on the way"
+  [[ $(<"$root/tmp/run/other") == kept && $(<"$root/var/run/other") == kept ]] || fail "$time: files are lost"
+  modes=$(stat -c '%a %g' "$root"/var/{run/msg,run/notify,mlog} | tr '\n' ' ')
+  [[ $modes == "770 65531 2770 65531 2770 65531 " ]] || fail "$time: $modes"
+  [[ $(grep -c '^msgapi:' "$root/etc/group") == 1 ]] || fail "$time: the group"
+done
