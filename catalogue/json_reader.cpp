@@ -56,7 +56,12 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
   explicit Builder(const Position *position) : position_(position) {}
 
   bool null() override { return add({}); }
-  bool boolean(bool /*value*/) override { return add({}); }
+  bool boolean(bool value) override {
+    JsonValue truth;
+    truth.kind = JsonValue::Kind::kTruth;
+    truth.truth = value;
+    return add(std::move(truth));
+  }
   bool number_integer(number_integer_t /*value*/) override { return add({}); }
   bool number_float(number_float_t /*value*/, const string_t & /*text*/) override {
     return add({});

@@ -17,9 +17,10 @@ struct JsonError : std::runtime_error {
 };
 
 struct JsonValue {
-  enum class Kind : uint8_t { kOther, kNumber, kText, kList, kObject };
+  enum class Kind : uint8_t { kOther, kTruth, kNumber, kText, kList, kObject };
 
-  Kind kind = Kind::kOther;  // kOther: null, true, false, fractions, negative numbers
+  Kind kind = Kind::kOther;  // kOther: null, fractions, negative numbers
+  bool truth = false;
   size_t line = 1;
   uint64_t number = 0;
   std::string text;

@@ -18,73 +18,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kLargestFile = 256 << 10;
 constexpr size_t kLongestName = 40;
-constexpr size_t kLongestText = 400;
 constexpr uint32_t kLongestTimeoutMs = 24 * 60 * 60 * 1000;
-
-// Control characters are C0, DEL and C1, which UTF-8 writes as C2 80 to C2 9F.
-bool has_control_characters(std::string_view text) {
-  for (size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x20 || byte == 0x7f) return true;
-    if (byte != 0xc2 || i + 1 == text.size()) continue;
-    if (static_cast<unsigned char>(text[i + 1]) < 0xa0) return true;
-  }
-  return false;
-}
-
-// What somebody else wrote, as a problem may show it.
-std::string shown(std::string_view text) {
-  constexpr size_t kLongestShown = 200;
-  std::string out(text.substr(0, kLongestShown));
-  std::ranges::replace_if(
-      out, [](unsigned char c) { return c < 0x20 || c > 0x7e; }, '?');
-  return out;
-}
 
 std::string hex(uint64_t number) {
   char text[24];
   std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
   return text;
-}
-
-[[noreturn]] void fail(const JsonValue &where, const std::string &what) {
-  throw JsonError(where.line, what);
-}
-
-const JsonValue &required(const JsonValue &object, std::string_view name) {
-  const JsonValue *value = object.member(name);
-  if (value == nullptr) fail(object, "'" + std::string(name) + "' is missing");
-  return *value;
-}
-
-void allow(const JsonValue &object, std::initializer_list<std::string_view> names) {
-  for (const std::string &name : object.names) {
-    if (name == "comment" || std::ranges::count(names, std::string_view(name)) > 0) continue;
-    fail(*object.member(name), "'" + shown(name) + "' is not known here");
-  }
-}
-
-void expect_object(const JsonValue &value, const char *what) {
-  if (value.kind != JsonValue::Kind::kObject) fail(value, std::string(what) + " must be an object");
-}
-
-std::string_view text_in(const JsonValue &value, std::string_view name) {
-  const std::string quoted = "'" + std::string(name) + "'";
-  if (value.kind != JsonValue::Kind::kText || value.text.empty()) {
-    fail(value, quoted + " must be a text that is not empty");
-  }
-  if (value.text.size() > kLongestText) {
-    fail(value, quoted + " is longer than " + std::to_string(kLongestText) + " bytes");
-  }
-  if (has_control_characters(value.text)) fail(value, quoted + " holds control characters");
-  return value.text;
-}
-
-std::string_view optional_text(const JsonValue &object, std::string_view name) {
-  const JsonValue *value = object.member(name);
-  return value == nullptr ? std::string_view() : text_in(*value, name);
 }
 
 // Lower-case words and numbers joined by "-", the first character a letter.
@@ -98,7 +38,7 @@ bool is_name(std::string_view text) {
   return true;
 }
 
-uint32_t number_in(const JsonValue &value) {
+uint32_t type_number_in(const JsonValue &value) {
   std::optional<uint32_t> number;
   if (value.kind == JsonValue::Kind::kText) number = number_of(value.text, {});
   if (value.kind == JsonValue::Kind::kNumber && value.number <= ORP_MSG_TYPE_MASK) {
@@ -143,7 +83,7 @@ MessageType type_in(const JsonValue &message, std::span<const MessageType> known
   type.group = Group::kOwn;
 
   const JsonValue &number = required(message, "type");
-  type.number = type.last = number_in(number);
+  type.number = type.last = type_number_in(number);
   const JsonValue &name = required(message, "name");
   type.name = text_in(name, "name");
   if (!is_name(type.name)) {
@@ -189,30 +129,7 @@ std::vector<MessageType> types_in(const JsonValue &root, std::vector<MessageType
   return types;
 }
 
-struct Unreadable {
-  std::string why;
-};
-
-std::string contents(const fs::path &path) {
-  std::error_code error;
-  const fs::file_status status = fs::status(path, error);
-  if (error) throw Unreadable{error.message()};
-  if (!fs::is_regular_file(status)) throw Unreadable{"is no regular file"};
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw Unreadable{std::strerror(errno)};
-  std::string text(kLargestFile + 1, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (file.bad()) throw Unreadable{std::strerror(errno)};
-  text.resize(static_cast<size_t>(file.gcount()));
-  if (text.size() > kLargestFile) throw Unreadable{"is larger than 256 KiB"};
-  return text;
-}
-
 }  // namespace
-
-std::string Problem::text() const {
-  return file + (line == 0 ? "" : ":" + std::to_string(line)) + ": " + what;
-}
 
 Catalogue::Catalogue() : types_(message_types().begin(), message_types().end()) {}
 
@@ -235,7 +152,7 @@ std::optional<Problem> Catalogue::add(std::string_view text, std::string_view fi
     }
     return std::nullopt;
   } catch (const JsonError &error) {
-    return Problem{shown(file), error.line, shown(error.what())};
+    return problem_in(file, error);
   }
 }
 
@@ -255,9 +172,9 @@ std::vector<Problem> Catalogue::load(std::span<const std::string_view> directori
   }
   for (const auto &[name, path] : files) {
     try {
-      if (auto problem = add(contents(path), path.string())) problems.push_back(*problem);
+      if (auto problem = add(file_contents(path), path.string())) problems.push_back(*problem);
     } catch (const Unreadable &unreadable) {
-      problems.push_back({shown(path.string()), 0, unreadable.why});
+      problems.push_back({shown(path.string()), 0, unreadable.what()});
     }
   }
   return problems;

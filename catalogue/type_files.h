@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "catalogue/json_file.h"
 #include "catalogue/message_types.h"
 
 namespace catalogue {
@@ -17,15 +18,6 @@ namespace catalogue {
 // same name.
 inline constexpr std::string_view kTypeDirectories[] = {"/usr/share/msgapi/messages.d",
                                                         "/etc/msgapi/messages.d"};
-
-// What is wrong with a file. No part of it holds control characters.
-struct Problem {
-  std::string file;
-  size_t line;  // 0: the file as a whole
-  std::string what;
-
-  std::string text() const;  // "FILE:LINE: WHAT"
-};
 
 // The types of the library and the servers, and those that were added. What it hands out lives as
 // long as it does.
