@@ -1,6 +1,9 @@
 # What is installed, in three components: runtime, development, programs.
 
 set(programs msgsvr notifyserver mlogserver)
+if(TARGET msgbridge)
+  list(APPEND programs msgbridge)
+endif()
 set(tools mlog cfmctl msgctl)
 
 # What is installed finds its libraries wherever it is put. An image whose libraries are all in a

@@ -12,6 +12,10 @@ LIBMSGAPI_INSTALL_STAGING = YES
 LIBMSGAPI_DEPENDENCIES = \
 	host-pkgconf cjson cli11 fmt json-for-modern-cpp libcurl libmicrohttpd \
 	libsodium sqlite
+# What joins the bus to a broker is built where its library is.
+ifeq ($(BR2_PACKAGE_MOSQUITTO),y)
+LIBMSGAPI_DEPENDENCIES += mosquitto
+endif
 LIBMSGAPI_CONF_OPTS = -DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF
 
 $(eval $(cmake-package))

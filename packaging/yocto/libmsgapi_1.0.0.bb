@@ -4,7 +4,8 @@ SECTION = "libs"
 LICENSE = "CLOSED"
 
 # All but sqlite3 are in meta-openembedded/meta-oe.
-DEPENDS = "cjson cli11 curl fmt libmicrohttpd libsodium nlohmann-json sqlite3"
+DEPENDS = "cjson cli11 curl fmt libmicrohttpd libsodium mosquitto nlohmann-json \
+    sqlite3"
 # Point EXTERNALSRC at the checkout, or replace this with the archive of a release.
 inherit externalsrc cmake pkgconfig systemd
 
@@ -16,4 +17,5 @@ FILES:${PN}-servers = "${sbindir}/* ${bindir}/* ${datadir}/cfmctl ${datadir}/mlo
     ${datadir}/msgapi ${datadir}/bash-completion ${datadir}/zsh ${datadir}/fish ${systemd_system_unitdir}/* \
     ${prefix}/lib/sysusers.d ${prefix}/lib/tmpfiles.d"
 SYSTEMD_PACKAGES = "${PN}-servers"
-SYSTEMD_SERVICE:${PN}-servers = "mlogserver.service msgsvr.service notifyserver.service"
+SYSTEMD_SERVICE:${PN}-servers = "mlogserver.service msgbridge.service msgsvr.service \
+    notifyserver.service"

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <vector>
 
 #include "msgapi/blur.h"
 #include "msgapi/dmmsg.h"
@@ -159,6 +160,20 @@ std::string masked(std::string_view text) {
   std::string copy(text);
   for_each_text(copy, hide_patterns);
   return copy;
+}
+
+std::string masked_value(std::string_view name, std::string_view value) {
+  const Care care = care_of(name);
+  if (care == Care::kNone) return masked(value);
+  // Where its characters begin.
+  std::vector<size_t> begins;
+  for (size_t i = 0; i < value.size(); ++i) {
+    if ((static_cast<unsigned char>(value[i]) & 0xc0) != 0x80) begins.push_back(i);
+  }
+  if (care == Care::kSecret || begins.size() < 3) return std::string(begins.size(), '*');
+  std::string text(value.substr(0, begins[1]));
+  text.append(begins.size() - 2, '*');
+  return text.append(value.substr(begins.back()));
 }
 
 }  // namespace traffic

@@ -17,4 +17,8 @@ void mask_body(std::span<char> body, bool cut);
 // The same for a text that is not a body, a path say.
 std::string masked(std::string_view text);
 
+// The same for the value of a member or an item called `name`. Whole UTF-8 characters are masked,
+// so that what was UTF-8 stays that.
+std::string masked_value(std::string_view name, std::string_view value);
+
 }  // namespace traffic

@@ -1,0 +1,81 @@
+// The bridge: events from the bus through the spool to the broker, requests from there to the bus.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "msgbridge/config.h"
+#include "msgbridge/link.h"
+#include "msgbridge/requests.h"
+#include "msgbridge/spool.h"
+#include "msgbridge/timer.h"
+#include "msgbridge/upward.h"
+
+namespace msgbridge {
+
+class Bridge {
+ public:
+  // Both must outlive it.
+  Bridge(const Config *config, const catalogue::Catalogue *types, const std::string &gateway);
+
+  void start();
+  // What the rules want.
+  const Upward &upward() const { return upward_; }
+  void take_event(uint32_t type, std::string_view data);
+  void bus_changed(bool connected);
+  // What is there is on the disk, and the broker knows that the gateway has gone.
+  void stop();
+
+ private:
+  // Lets what waited go out at a limited rate.
+  class Drain {
+   public:
+    explicit Drain(uint32_t per_second) : per_second_(per_second) {}
+    bool takes(int64_t now_ms);
+
+   private:
+    uint32_t per_second_;
+    double tokens_ = 0;
+    int64_t last_ms_ = 0;
+  };
+
+  std::string topic(std::string_view below) const { return base_ + "/" + std::string(below); }
+  void commit();
+  void pump();
+  bool send(const Item &item);
+  void connected();
+  void ended();
+  void acknowledged(int id, int reason);
+  void arrived(const mosquitto_message &message, const mosquitto_property *properties);
+  void answer(const ReplyTo &to, AnswerStatus status, const std::string &payload);
+  void publish_metrics();
+  std::string status_text(std::string_view state) const;
+  mqtt::Properties &describe(mqtt::Properties *properties, uint64_t sequence,
+                             const std::string &boot) const;
+
+  const Config *config_;
+  std::string base_;
+  std::string boot_;
+  Spool spool_;
+  Upward upward_;
+  Link link_;
+  Requests requests_;
+  Timer commit_timer_;
+  Timer pump_timer_;
+  Timer age_timer_;
+  Timer metrics_timer_;
+
+  std::unordered_map<int, uint64_t> in_flight_;  // publications: the spool's number
+  std::unordered_set<int> answers_;              // publications that are answers
+  std::optional<Item> held_;                     // the next to be sent
+  Drain drain_;
+  uint64_t backlog_end_ = 0;  // the last event that waited for this connection
+  std::string disk_problem_;  // as it was logged
+  uint64_t unanswerable_ = 0;
+};
+
+}  // namespace msgbridge

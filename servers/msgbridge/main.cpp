@@ -1,0 +1,111 @@
+// msgbridge: joins the gateway's message bus to an MQTT broker, an application like any other.
+// Events go up, as the configuration's rules say; what it allows may be asked for from there.
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "common/command_line.h"
+#include "common/exit_status.h"
+#include "msgapi/kit.h"
+#include "msgapi/log.h"
+#include "msgbridge/bridge.h"
+#include "msgbridge/identity.h"
+#include "msgbridge/say.h"
+
+namespace {
+
+using namespace msgbridge;
+using servers::ExitStatus;
+
+std::unique_ptr<Bridge> g_bridge;
+
+uint32_t take_event(uint32_t type, const void *data, uint32_t length) {
+  try {
+    g_bridge->take_event(type, {static_cast<const char *>(data), length});
+  } catch (const std::exception &error) {
+    say(MLOG_LEVEL_ERROR, "An event of type 0x{:x} is lost: {}.", type, error.what());
+  }
+  return 0;
+}
+
+uint32_t start() {
+  if (g_bridge->upward().wants_any()) {
+    std::vector<uint32_t> types = g_bridge->upward().types();
+    if (types.empty()) types.push_back(ORP_MSG_ALL_EVENTS);
+    for (const uint32_t type : types) {
+      const uint32_t status = msgkit_subscribe(type, take_event);
+      if (status != ORP_OK) return status;
+    }
+  }
+  g_bridge->start();
+  return ORP_OK;
+}
+
+void changed(uint32_t server, uint32_t connected) {
+  if (server == MSGKIT_MESSAGE_SERVER) g_bridge->bus_changed(connected != 0);
+}
+
+void stop() {
+  g_bridge->stop();
+}
+
+// Throws catalogue::Problem.
+Config load(const std::string &path, const catalogue::Catalogue &types) {
+  try {
+    return read_config(catalogue::file_contents(path), types);
+  } catch (const catalogue::JsonError &error) {
+    throw catalogue::problem_in(path, error);
+  } catch (const catalogue::Unreadable &error) {
+    throw catalogue::Problem{catalogue::shown(path), 0, error.what()};
+  }
+}
+
+int run(const std::string &path, bool check) {
+  catalogue::Catalogue types;
+  for (const catalogue::Problem &problem : types.load()) {
+    std::fprintf(stderr, "msgbridge: %s\n", problem.text().c_str());
+  }
+  static Config config;
+  config = load(path, types);
+  const std::string gateway = gateway_name(config);
+  if (check) {
+    std::printf("%s: good, as %s/%s\n", path.c_str(), config.prefix.c_str(),
+                topic_level(gateway).c_str());
+    return EXIT_SUCCESS;
+  }
+  // The thread of an attempt needs no arena of its own.
+  ::mallopt(M_ARENA_MAX, 1);
+  g_bridge = std::make_unique<Bridge>(&config, &types, gateway);
+  const MSGKIT_DAEMON_ST daemon = {kName, start, changed, nullptr, stop};
+  const int status = msgkit_run_daemon(&daemon);
+  // Without ends of objects and libraries: a thread may still wait for the system.
+  std::fflush(nullptr);
+  ::_exit(status);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  servers::CommandLine line("msgbridge", "Joins the message bus to an MQTT broker.");
+  std::string path = kConfigFile;
+  line.option("--config", &path, "Configuration file");
+  bool check = false;
+  line.flag("--check", &check, "Say whether the configuration is good, and end");
+  if (const std::optional<int> status = line.parse(argc, argv)) return *status;
+  try {
+    return run(path, check);
+  } catch (const catalogue::Problem &problem) {
+    std::fprintf(stderr, "msgbridge: %s\n", problem.text().c_str());
+    return static_cast<int>(ExitStatus::kBadBody);
+  } catch (const std::exception &error) {
+    std::fprintf(stderr, "msgbridge: %s\n", error.what());
+    return static_cast<int>(ExitStatus::kAnswerError);
+  }
+}

@@ -1,0 +1,393 @@
+#include "msgbridge/spool.h"
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/soak.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using msgbridge::Event;
+using msgbridge::Item;
+using msgbridge::Loss;
+using msgbridge::Reason;
+using msgbridge::Spool;
+using msgbridge::SpoolOptions;
+using testing::ElementsAre;
+
+constexpr const char *kPath = "/var/spool_test/spool.db";
+
+Spool::Now g_now{"boot-1", 1'000'000, 1'800'000'000'000};
+
+Spool::Now now() {
+  return g_now;
+}
+
+SpoolOptions options(uint64_t bytes = 1 << 20) {
+  SpoolOptions options;
+  options.path = kPath;
+  options.bytes = bytes;
+  options.age_s = 100;
+  options.sync = false;
+  options.reserve = false;
+  return options;
+}
+
+void add(Spool *spool, const std::string &payload) {
+  spool->append({.boot = g_now.boot, .wall_ms = g_now.wall_ms, .topic = "t", .payload = payload});
+}
+
+void add_and_commit(Spool *spool, std::initializer_list<const char *> payloads) {
+  for (const char *payload : payloads) add(spool, payload);
+  ASSERT_TRUE(spool->commit()) << spool->problem();
+}
+
+std::string text_of(const Item &item) {
+  if (const auto *event = std::get_if<Event>(&item)) {
+    return std::to_string(event->sequence) + " " + event->payload;
+  }
+  const auto &loss = std::get<Loss>(item);
+  return std::string(msgbridge::reason_word(loss.reason)) + " " + std::to_string(loss.first) + "-" +
+         std::to_string(loss.last) + " " + std::to_string(loss.count);
+}
+
+// All that it hands out, as "SEQUENCE PAYLOAD" and "REASON FIRST-LAST COUNT".
+std::vector<std::string> read(Spool *spool) {
+  std::vector<std::string> texts;
+  while (const auto item = spool->next()) texts.push_back(text_of(*item));
+  return texts;
+}
+
+TEST(Spool, KeepsOrderAndWhatIsNotAcknowledged) {
+  std::string stream;
+  {
+    Spool spool(options(), now);
+    stream = spool.stream();
+    add(&spool, "not yet");
+    EXPECT_EQ(std::nullopt, spool.next()) << "nothing goes out that is not on the disk";
+    add_and_commit(&spool, {"b", "c"});
+    EXPECT_THAT(read(&spool), ElementsAre("1 not yet", "2 b", "3 c"));
+    spool.acknowledge(2);
+    add_and_commit(&spool, {"d"});
+    EXPECT_THAT(read(&spool), ElementsAre("4 d"));
+  }
+  g_now.boot = "boot-2";
+  Spool spool(options(), now);
+  EXPECT_EQ(stream, spool.stream());
+  EXPECT_EQ(3u, spool.waiting());
+  const auto first = spool.next();
+  ASSERT_TRUE(first);
+  EXPECT_EQ("boot-1", std::get<Event>(*first).boot);
+  EXPECT_THAT(read(&spool), ElementsAre("3 c", "4 d"));
+  spool.acknowledge(1);
+  spool.acknowledge(3);
+  spool.acknowledge(4);
+  add_and_commit(&spool, {"e"});
+  spool.rewind();
+  EXPECT_THAT(read(&spool), ElementsAre("5 e"));
+}
+
+TEST(Spool, NumbersGoOnWhenItWasEmpty) {
+  {
+    Spool spool(options(), now);
+    add_and_commit(&spool, {"a", "b"});
+    read(&spool);
+    spool.acknowledge(1);
+    spool.acknowledge(2);
+    ASSERT_TRUE(spool.commit());
+    EXPECT_EQ(0u, spool.waiting());
+    EXPECT_EQ(0u, spool.waiting_bytes());
+  }
+  Spool spool(options(), now);
+  add_and_commit(&spool, {"c"});
+  EXPECT_THAT(read(&spool), ElementsAre("3 c"));
+}
+
+TEST(Spool, GivesUpTheOldestAndSaysHowMany) {
+  const std::string large(20000, 'x');
+  Spool spool(options(100'000), now);
+  for (int i = 0; i < 10; ++i) add(&spool, large);
+  ASSERT_TRUE(spool.commit());
+
+  EXPECT_GE(100'000u, spool.waiting_bytes());
+  EXPECT_EQ(4u, spool.waiting());
+  EXPECT_EQ(6u, spool.given_up());
+  EXPECT_EQ("full 1-6 6", text_of(*spool.next()));
+  EXPECT_EQ("7 " + large, text_of(*spool.next()));
+  // What has been handed out stays; the next one goes, and has a notice of its own.
+  for (int i = 0; i < 2; ++i) add(&spool, large);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ("full 8-9 2", text_of(*spool.next()));
+  spool.acknowledge(1);
+  spool.acknowledge(7);
+  spool.acknowledge(8);
+  ASSERT_TRUE(spool.commit());
+  spool.rewind();
+  EXPECT_EQ("10 " + large, text_of(*spool.next()));
+  EXPECT_EQ(8u, spool.given_up());
+}
+
+TEST(Spool, AnEventThatNeverFitsIsALossAmongTheOthers) {
+  Spool spool(options(65536), now);
+  add(&spool, "a");
+  add(&spool, std::string(70000, 'x'));
+  add(&spool, "b");
+  ASSERT_TRUE(spool.commit());
+  EXPECT_THAT(read(&spool), ElementsAre("1 a", "full 2-2 1", "3 b"));
+}
+
+TEST(Spool, GivesUpWhatWaitedTooLong) {
+  Spool spool(options(), now);
+  add_and_commit(&spool, {"a", "b"});
+  g_now.boot_ms += 90'000;
+  add_and_commit(&spool, {"c"});
+  g_now.wall_ms += 1'000'000'000;  // somebody sets the clock
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(3u, spool.waiting());
+  g_now.boot_ms += 20'000;
+  ASSERT_TRUE(spool.commit());
+  EXPECT_THAT(read(&spool), ElementsAre("old 1-2 2", "3 c"));
+}
+
+TEST(Spool, BelievesAWallClockOnlyWhenItCanBeRight) {
+  {
+    Spool spool(options(), now);
+    add_and_commit(&spool, {"a"});
+  }
+  g_now = {"boot-2", 500, 5000};  // 1970, until the network tells
+  {
+    Spool spool(options(), now);
+    add_and_commit(&spool, {"b"});
+    EXPECT_EQ(2u, spool.waiting());
+  }
+  g_now = {"boot-3", 500, 1'800'000'000'000 + 200'000};
+  Spool spool(options(), now);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_THAT(read(&spool), ElementsAre("old 1-1 1", "2 b"));
+}
+
+TEST(Spool, RefusedEventsBecomeLosses) {
+  Spool spool(options(), now);
+  add_and_commit(&spool, {"a", "b", "c"});
+  read(&spool);
+  spool.acknowledge(1);
+  spool.refuse(2);
+  spool.acknowledge(3);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_THAT(read(&spool), ElementsAre("refused 2-2 1"));
+  spool.refuse(2);  // the notice itself
+  ASSERT_TRUE(spool.commit());
+  spool.rewind();
+  EXPECT_THAT(read(&spool), ElementsAre());
+}
+
+TEST(Spool, IsBegunAnewWhenItIsDamaged) {
+  fs::create_directories("/var/spool_test");
+  std::ofstream(kPath) << std::string(100'000, 'x');
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), testing::HasSubstr("damaged"));
+  add_and_commit(&spool, {"a"});
+  EXPECT_THAT(read(&spool), ElementsAre("1 a"));
+  EXPECT_TRUE(fs::exists(std::string(kPath) + ".damaged"));
+}
+
+// A disk of its own, which can be filled.
+class SpoolOnSmallDisk : public testing::Test {
+ protected:
+  SpoolOnSmallDisk() {
+    fs::create_directories("/var/spool_test");
+    EXPECT_EQ(0, ::mount("small", "/var/spool_test", "tmpfs", 0, "size=1m"));
+  }
+  ~SpoolOnSmallDisk() override { ::umount2("/var/spool_test", MNT_DETACH); }
+
+  static void fill() {
+    std::ofstream file("/var/spool_test/filler", std::ios::binary);
+    const std::string block(4096, 'x');
+    while (file.write(block.data(), 4096) && file.flush()) {
+    }
+  }
+  static void free() { fs::remove("/var/spool_test/filler"); }
+};
+
+TEST_F(SpoolOnSmallDisk, ItsOwnSpaceIsReserved) {
+  SpoolOptions reserving = options(256 << 10);
+  reserving.reserve = true;
+  Spool spool(reserving, now);
+  ASSERT_EQ("", spool.problem());
+  fill();
+  const std::string payload(1000, 'x');
+  for (int i = 0; i < 200; ++i) {
+    add(&spool, payload);
+    ASSERT_TRUE(spool.commit()) << i << spool.problem();
+  }
+  EXPECT_EQ(0u, spool.given_up());
+  EXPECT_EQ(200u, read(&spool).size());
+}
+
+TEST_F(SpoolOnSmallDisk, WhatAFullDiskRefusesIsCountedExactly) {
+  Spool spool(options(), now);
+  add_and_commit(&spool, {"a", "b"});
+  fill();
+  const std::string payload(1000, 'x');
+  uint64_t appended = 2;
+  bool refused = false;
+  for (int i = 0; i < 1500; ++i, ++appended) {
+    add(&spool, payload);
+    refused |= !spool.commit();
+  }
+  EXPECT_TRUE(refused);
+  free();
+  ASSERT_TRUE(spool.commit()) << spool.problem();
+  EXPECT_EQ(appended, spool.last_sequence());
+
+  uint64_t next = 1, lost = 0, events = 0;
+  while (const auto item = spool.next()) {
+    if (const auto *loss = std::get_if<Loss>(&*item)) {
+      EXPECT_EQ(next, loss->first);
+      EXPECT_EQ(loss->count, loss->last - loss->first + 1);
+      EXPECT_EQ(Reason::kDisk, loss->reason);
+      lost += loss->count;
+      next = loss->last + 1;
+    } else {
+      EXPECT_EQ(next, std::get<Event>(*item).sequence);
+      ++events;
+      ++next;
+    }
+  }
+  EXPECT_EQ(appended, lost + events);
+  EXPECT_EQ(lost, spool.given_up());
+  EXPECT_LT(0u, lost);
+  EXPECT_LT(400u, events) << "what memory keeps meanwhile is written later";
+}
+
+TEST_F(SpoolOnSmallDisk, StartsWithoutADisk) {
+  fill();
+  Spool spool(options(), now);
+  add(&spool, "a");
+  EXPECT_FALSE(spool.commit());
+  EXPECT_NE("", spool.problem());
+  EXPECT_EQ(std::nullopt, spool.next());
+  free();
+  ASSERT_TRUE(spool.commit()) << spool.problem();
+  EXPECT_THAT(read(&spool), ElementsAre("1 a"));
+}
+
+// What a model says after random work: everything comes, in order, or is counted.
+TEST(SpoolModel, LosesNothingUncounted) {
+  std::mt19937 random(test::seed());
+  const auto below = [&random](uint32_t limit) { return random() % limit; };
+  auto spool = std::make_unique<Spool>(options(65536), now);
+  uint64_t appended = 0, last_received = 0;
+  std::map<uint64_t, int> received;  // how often
+  uint64_t noticed = 0;
+  std::vector<uint64_t> in_flight;
+  for (uint32_t step = 0; step < 3000 * test::soak_factor(); ++step) {
+    switch (below(8)) {
+      case 0:
+      case 1:
+      case 2:
+        add(spool.get(), std::string(below(3000), 'x'));
+        ++appended;
+        break;
+      case 3:
+        ASSERT_TRUE(spool->commit()) << spool->problem();
+        break;
+      case 4:
+      case 5: {
+        const auto item = in_flight.size() < 16 ? spool->next() : std::nullopt;
+        if (!item) break;
+        if (const auto *event = std::get_if<Event>(&*item)) {
+          ++received[event->sequence];
+          EXPECT_LT(last_received, event->sequence);
+          last_received = event->sequence;
+          in_flight.push_back(event->sequence);
+        } else {
+          in_flight.push_back(std::get<Loss>(*item).first);
+        }
+        break;
+      }
+      case 6:
+        if (!in_flight.empty()) {
+          const size_t which = below(static_cast<uint32_t>(in_flight.size()));
+          spool->acknowledge(in_flight[which]);
+          in_flight.erase(in_flight.begin() + static_cast<ptrdiff_t>(which));
+        }
+        break;
+      case 7:
+        if (below(20) != 0) break;
+        // The connection ends, or the process.
+        ASSERT_TRUE(spool->commit());
+        in_flight.clear();
+        last_received = 0;
+        if (below(2) == 0) {
+          spool->rewind();
+        } else {
+          spool.reset();
+          spool = std::make_unique<Spool>(options(65536), now);
+        }
+        break;
+    }
+  }
+  ASSERT_TRUE(spool->commit());
+  spool->rewind();
+  while (const auto item = spool->next()) {
+    if (const auto *event = std::get_if<Event>(&*item)) ++received[event->sequence];
+  }
+  EXPECT_EQ(appended, spool->last_sequence());
+  noticed = spool->given_up();
+  // One that was handed out and came back may have been given up as well.
+  EXPECT_LE(appended, received.size() + noticed);
+  EXPECT_LT(0u, noticed);
+}
+
+TEST(SpoolKilled, HasEverythingThatWasCommitted) {
+  const uint32_t rounds = 10 * test::soak_factor();
+  std::mt19937 random(test::seed());
+  uint64_t promised = 0;
+  for (uint32_t round = 0; round < rounds; ++round) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe(ends));
+    const pid_t child = ::fork();
+    if (child == 0) {
+      Spool spool(options(), now);
+      for (;;) {
+        for (int i = 0; i < 5; ++i) add(&spool, "x");
+        if (!spool.commit()) ::_exit(1);
+        const uint64_t last = spool.last_sequence();
+        if (::write(ends[1], &last, sizeof last) != sizeof last) ::_exit(1);
+      }
+    }
+    ::close(ends[1]);
+    ::usleep(2000 + static_cast<useconds_t>(random() % 20000));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    uint64_t last;
+    while (::read(ends[0], &last, sizeof last) == sizeof last) promised = last;
+    ::close(ends[0]);
+
+    Spool spool(options(64 << 20), now);
+    ASSERT_EQ("", spool.problem());
+    EXPECT_LE(promised, spool.last_sequence());
+    uint64_t next = 1;
+    while (const auto item = spool.next()) {
+      ASSERT_EQ(next++, std::get<Event>(*item).sequence);
+    }
+    EXPECT_EQ(spool.last_sequence() + 1, next);
+    if (round % 8 == 7) fs::remove_all("/var/spool_test"), promised = 0;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,219 @@
+#include <gmock/gmock.h>
+
+#include <string>
+#include <variant>
+
+#include "msgapi/event.h"
+#include "msgbridge/downward.h"
+#include "msgbridge/upward.h"
+
+namespace {
+
+using msgbridge::AnswerStatus;
+using msgbridge::CallRequest;
+using msgbridge::Config;
+using msgbridge::Event;
+using msgbridge::Json;
+using msgbridge::Publication;
+using msgbridge::Refusal;
+using msgbridge::Request;
+using msgbridge::RestRequest;
+using msgbridge::Spool;
+using msgbridge::Upward;
+using testing::HasSubstr;
+using testing::Not;
+
+const catalogue::Catalogue &types() {
+  static const auto *types = new catalogue::Catalogue;
+  return *types;
+}
+
+Config config_of(const std::string &members) {
+  return msgbridge::read_config(
+      R"({"broker": {"addresses": ["mqtt://broker"]}, "gateway": "me", )" + members + "}", types());
+}
+
+Upward upward_of(const std::string &rules) {
+  return {config_of("\"up\": " + rules).up, "gw", "me"};
+}
+
+std::string event(const std::string &type, const std::string &payload) {
+  return "{\n\t\"Module\": \"wan\", \"EventType\": \"" + type + "\",\n\t\"Payload\": " + payload +
+         "}";
+}
+
+constexpr Spool::Now kNow{"boot", 1000, 1'800'000'000'000};
+
+std::string topic_of(const std::optional<Event> &event) {
+  return event ? event->topic : "none";
+}
+
+TEST(BridgeUp, TheFirstRuleThatFitsDecides) {
+  Upward upward = upward_of(R"([
+      {"module": "wlan", "send": false},
+      {"module": "wan", "event": "Link*", "payload": {"if": "eth?|wan?"}, "topic": "links"},
+      {"event": "*Up|*Down"}])");
+  const auto take = [&upward](uint32_t type, const std::string &text) {
+    return topic_of(upward.take(type, text, kNow));
+  };
+
+  EXPECT_EQ("links", take(ORP_MSG_EVENT_WAN, event("LinkUp", R"({"if": "eth0"})")));
+  EXPECT_EQ("gw/me/event/wan/LinkUp",
+            take(ORP_MSG_EVENT_WAN, event("LinkUp", R"({"if": "ppp0"})")));
+  EXPECT_EQ("gw/me/event/wan/LinkUp", take(ORP_MSG_EVENT_WAN, event("LinkUp", "{}")));
+  EXPECT_EQ("gw/me/event/lan/LinkDown", take(ORP_MSG_EVENT_LAN, event("LinkDown", "{}")))
+      << "the module is the type's, whatever the text says";
+  EXPECT_EQ("none", take(ORP_MSG_EVENT_WLAN, event("LinkUp", "{}")));
+  EXPECT_EQ("none", take(ORP_MSG_EVENT_WAN, event("Other", "{}")));
+  EXPECT_EQ("none", take(ORP_MSG_EVENT_WAN, "no JSON"));
+  EXPECT_EQ("none", take(ORP_MSG_EVENT_WAN, std::string(100, '[') + std::string(100, ']')));
+  EXPECT_EQ("gw/me/event/device/Up", take(ORP_MSG_EVENT_DEVICE, event("Up", "{}")))
+      << "text of a publisher";
+  EXPECT_EQ(5u, upward.counters().taken);
+  EXPECT_EQ(2u, upward.counters().no_rule);
+  EXPECT_EQ(2u, upward.counters().unreadable);
+}
+
+TEST(BridgeUp, SendsWhatSubscribersGet) {
+  Upward upward = upward_of("[{}]");
+  const std::string text = event("LinkUp", R"({"if": "eth0", "n": 7})");
+  EXPECT_EQ(text, upward.take(ORP_MSG_EVENT_WAN, text, kNow)->payload);
+}
+
+TEST(BridgeUp, MasksPersonalDataAndStaysJson) {
+  Upward upward = upward_of("[{}]");
+  const std::string text =
+      event("Login", R"({"mac": "AA:BB:CC:DD:EE:FF", "ip": "192.168.1.10", "ssid": "\"é home",
+                   "wifi_password": "hidden!", "list": [{"account": "admin"}], "imei": 123456789,
+                   "\u0075ser": "some\u0062ody", "up": true})");
+  const auto taken = upward.take(ORP_MSG_EVENT_WAN, text, kNow);
+  ASSERT_TRUE(taken);
+  const Json json = Json::parse(taken->payload);
+  const Json &payload = json["Payload"];
+  EXPECT_EQ("AA:**:**:DD:**:FF", payload["mac"]);
+  EXPECT_EQ("192.***.*.10", payload["ip"]);
+  EXPECT_EQ("\"*****e", payload["ssid"]);
+  EXPECT_EQ("*******", payload["wifi_password"]);
+  EXPECT_EQ("a***n", payload["list"][0]["account"]);
+  EXPECT_EQ(0, payload["imei"]);
+  EXPECT_EQ("s******y", payload["user"]);
+  EXPECT_EQ(true, payload["up"]);
+  EXPECT_THAT(taken->payload, Not(HasSubstr("hidden")));
+
+  Upward open = upward_of(R"([{"mask": false}])");
+  EXPECT_EQ(text, open.take(ORP_MSG_EVENT_WAN, text, kNow)->payload);
+}
+
+TEST(BridgeUp, LimitsAndSamples) {
+  Upward upward = upward_of(R"([{"module": "wan", "per_second": 10}, {"one_in": 4}])");
+  const std::string text = event("Up", "{}");
+  const auto taken = [&](uint32_t type, int count, int64_t at_ms) {
+    int some = 0;
+    for (int i = 0; i < count; ++i) {
+      some += upward.take(type, text, {"boot", at_ms, 0}) ? 1 : 0;
+    }
+    return some;
+  };
+  EXPECT_EQ(10, taken(ORP_MSG_EVENT_WAN, 50, 5000));
+  EXPECT_EQ(5, taken(ORP_MSG_EVENT_WAN, 50, 5500));
+  EXPECT_EQ(10, taken(ORP_MSG_EVENT_WAN, 50, 60'000)) << "no more than a second's";
+  EXPECT_EQ(25, taken(ORP_MSG_EVENT_LAN, 100, 5000));
+  EXPECT_EQ(125u, upward.counters().limited);
+  EXPECT_EQ(75u, upward.counters().sampled);
+}
+
+// ---- Down ----
+
+constexpr const char *kBase = "gw/me";
+
+class BridgeDown : public testing::Test {
+ protected:
+  Request read(const std::string &topic, const std::string &payload = "") const {
+    return msgbridge::read_request({topic, payload}, kBase, config_.down, types());
+  }
+  int refused(const std::string &topic, const std::string &payload = "") const {
+    const Request request = read(topic, payload);
+    const auto *refusal = std::get_if<Refusal>(&request);
+    return refusal == nullptr ? 0 : static_cast<int>(refusal->status);
+  }
+
+  const Config config_ = config_of(R"("down": {
+      "largest": 100,
+      "rest": [{"path": "/dev/*"}, {"method": "put", "path": "/dev/led"}, {"path": "/x/**"}],
+      "calls": [{"app": "cms", "type": "0x4242"}]})");
+};
+
+TEST_F(BridgeDown, TakesWhatIsAllowed) {
+  const Request get = read("gw/me/rest/get/dev/info", "verbose=1");
+  const auto &rest = std::get<RestRequest>(get);
+  EXPECT_EQ("/dev", rest.path);
+  EXPECT_EQ("info", rest.handler);
+  EXPECT_EQ("verbose=1", rest.text);
+  EXPECT_EQ(0u, rest.code);
+  EXPECT_TRUE(rest.mask);
+  EXPECT_EQ("/x/a/b", std::get<RestRequest>(read("gw/me/rest/get/x/a/b/c")).path);
+  EXPECT_EQ(2u, std::get<RestRequest>(read("gw/me/rest/put/dev/led", "{\"on\": true}")).code);
+
+  const Request by_number = read("gw/me/call/cms/0x4242", R"({"data": 7, "body": {"a": 1}})");
+  const auto &call = std::get<CallRequest>(by_number);
+  EXPECT_EQ("cms", call.app);
+  EXPECT_EQ(7u, call.data);
+  EXPECT_EQ(std::string("{\"a\":1}") + '\0', call.body);
+  EXPECT_EQ("", std::get<CallRequest>(read("gw/me/call/cms/16962")).body);
+}
+
+TEST_F(BridgeDown, RefusesTheRestInWords) {
+  EXPECT_EQ(403, refused("gw/me/rest/get/etc/passwd"));
+  EXPECT_EQ(403, refused("gw/me/rest/get/dev/a/b"));
+  EXPECT_EQ(403, refused("gw/me/rest/post/dev/info", "{}"));
+  EXPECT_EQ(400, refused("gw/me/rest/steal/dev/info"));
+  EXPECT_EQ(400, refused("gw/me/rest/put/dev/led", "{on"));
+  EXPECT_EQ(400, refused("gw/me/rest/get/dev/info", "\xff"));
+  EXPECT_EQ(400, refused("gw/me/rest/get/dev/info", std::string("a\0b", 3)));
+  EXPECT_EQ(404, refused("gw/me/rest/get/dev/" + std::string(64, 'x')));
+  EXPECT_EQ(404, refused("gw/me/rest/get/dev/"));
+  EXPECT_EQ(413, refused("gw/me/rest/get/dev/info", std::string(101, 'x')));
+  EXPECT_EQ(403, refused("gw/me/call/cms/0x4243"));
+  EXPECT_EQ(403, refused("gw/me/call/web/0x4242"));
+  EXPECT_EQ(403, refused("gw/me/call/mic/0x701"));
+  EXPECT_EQ(403, refused("gw/me/call//0x4242"));
+  EXPECT_EQ(400, refused("gw/me/call/cms/0x4242", "[]"));
+  EXPECT_EQ(400, refused("gw/me/call/cms/0x4242", "{\"data\": -1}"));
+  EXPECT_EQ(400, refused("gw/me/call/cms/0x4242", "{\"data\": 4294967296}"));
+  EXPECT_EQ(400, refused("gw/me/call/cms/0x4242", R"({"body": "a\u0000b"})"));
+  EXPECT_EQ(400, refused("gw/me/call/cms/0x4242", R"({"dada": 1})"));
+  EXPECT_EQ(400, refused("gw/me/call/cms/0x4242", std::string(50, '[') + std::string(50, ']')));
+  EXPECT_EQ(400, refused("gw/me/event/wan/x"));
+  EXPECT_EQ(400, refused("gw/you/call/cms/0x4242"));
+}
+
+TEST_F(BridgeDown, ReservedTypesAreRefusedWhateverTheRulesSay) {
+  msgbridge::DownRules rules;
+  rules.calls.push_back({"cms", ORP_MSG_REBOOT, 100});
+  const Request request =
+      msgbridge::read_request({"gw/me/call/cms/reboot", ""}, kBase, rules, types());
+  EXPECT_EQ(AnswerStatus::kForbidden, std::get<Refusal>(request).status);
+}
+
+TEST_F(BridgeDown, AnswersGoElsewhere) {
+  EXPECT_TRUE(msgbridge::may_answer_to("gw/answers/7", kBase));
+  EXPECT_TRUE(msgbridge::may_answer_to("gw/me2/x", kBase));
+  for (const char *topic :
+       {"", "gw/me", "gw/me/status", "gw/me/call/cms/0x4242", "a/#", "$SYS/x", "a\nb"}) {
+    EXPECT_FALSE(msgbridge::may_answer_to(topic, kBase)) << topic;
+  }
+}
+
+TEST_F(BridgeDown, AnswersAreJsonAndMasked) {
+  EXPECT_EQ(
+      R"({"status":200,"body":{"mac":"AA:**:**:DD:**:FF"}})",
+      msgbridge::rest_answer_text(std::string("{\"mac\": \"AA:BB:CC:DD:EE:FF\"}\0", 29), true));
+  EXPECT_EQ(R"({"status":200,"body":"10.1.2.3"})", msgbridge::rest_answer_text("10.1.2.3", false));
+  EXPECT_EQ(R"({"status":200,"data":5})", msgbridge::call_answer_text(5, "", true));
+  EXPECT_EQ(R"({"status":200,"data":5,"hex":"00ff"})",
+            msgbridge::call_answer_text(5, std::string("\0\xff", 2), false));
+  EXPECT_EQ(R"({"status":200,"data":5,"masked_bytes":2})",
+            msgbridge::call_answer_text(5, std::string("\0\xff", 2), true));
+}
+
+}  // namespace
