@@ -1,7 +1,6 @@
 // Writes the flight recorder's file. One thread only.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>

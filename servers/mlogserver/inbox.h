@@ -3,12 +3,9 @@
 
 #include <sys/socket.h>
 #include <sys/types.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 
-#include <array>
 #include <cstddef>
-#include <cstdint>
 #include <span>
 #include <string>
 

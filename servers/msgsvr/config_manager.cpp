@@ -4,8 +4,6 @@
 // The store may be busy for seconds, so the work is done on a thread of its own, one request after
 // the other, and answered when it is done. What nobody waits for gets no answer.
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <exception>

@@ -30,7 +30,6 @@
 #include <stdexcept>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 #include "common/log_line.h"
 

@@ -7,9 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
-#include <memory>
 #include <optional>
-#include <vector>
 
 #include "common/command_line.h"
 #include "common/event_loop.h"

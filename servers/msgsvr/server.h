@@ -5,7 +5,6 @@
 // clients stay in the read buffer, those that the server made in the scratch memory.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
