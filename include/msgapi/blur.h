@@ -52,8 +52,8 @@ MSGAPI_EXPORT int32_t MlogBlurIpv6String(char *buf, uint32_t len);
 
 /*
  * Masks the text file `path` in place: MAC and IPv4 addresses partly, the last group of UUIDs and
- * IPv6 addresses whole. The file is handled in blocks of 2048 bytes: a value that lies across two
- * blocks is not found, nor is what stands after a NUL byte in its block.
+ * IPv6 addresses whole. The file is handled in blocks of 2048 bytes: what is not found is
+ * a value that lies across two blocks, or one after a NUL byte in its block.
  *
  * Returns 0 or an ORP_BLUR_ERR_ value; the blocks before the failure are masked.
  */

@@ -64,8 +64,8 @@ MSGAPI_EXPORT uint32_t ORP_EVT_SubscribeAllEvent(void);
 
 /*
  * Adds a callback for events of exactly `eventType`; the callbacks of a type are called in the
- * order in which they were added. Types below 0x2DA00 and null callbacks are ignored, and so is,
- * silently, one that there is no memory for. Nothing is sent to the server.
+ * order in which they were added. Types below 0x2DA00 and null callbacks are ignored. Without
+ * memory the callback is not added, and nobody is told. Nothing is sent to the server.
  */
 MSGAPI_EXPORT void ORP_EVT_SubscribeSingelEventCallBack(uint32_t eventType,
                                                         ORP_EVT_CALLBACK callback);

@@ -23,9 +23,9 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendFd(int32_t descriptor);
  * *descriptorOut; the caller closes it. On failure *descriptorOut is 0, which is nothing to close.
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for null; ORP_ERR_NOT_CONNECTED; ORP_ERR_TIMEOUT;
- * ORP_ERR_MEMORY; ORP_ERR_PEER_GONE at the end of the stream; ORP_ERR_SYSTEM when something else
- * arrived, up to 4096 bytes of which are consumed and every descriptor of which is closed, and when
- * the receive failed or was interrupted.
+ * ORP_ERR_MEMORY; ORP_ERR_PEER_GONE at the end of the stream; ORP_ERR_SYSTEM when the
+ * receive failed or was interrupted, and when something else arrived: up to 4096 bytes of that are
+ * consumed, and all its descriptors are closed.
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_RecvFd(int32_t *descriptorOut, uint32_t timeoutMs);
 

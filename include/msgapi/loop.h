@@ -244,9 +244,9 @@ MSGAPI_EXPORT void OrpTimerSafeDel(OrpUvTimer **timer);
 MSGAPI_EXPORT uint32_t OrpUtilTimerChgPeriod(OrpUvTimer *timer, uint32_t intervalMs);
 
 /*
- * The time from `earlier` to `later`, never negative: the seconds are 0 when `later` is not in a
- * later second, and so are the microseconds when they cannot borrow from them. A null argument:
- * nothing happens.
+ * The time from `earlier` to `later`, never negative. The seconds are 0 when `later` is not in a
+ * later second. The microseconds are 0 when they would have to borrow from seconds that are 0.
+ * Nothing happens for a null argument.
  */
 MSGAPI_EXPORT void OrpUtilTimerGetIntv(const ORP_TIME_ST *later, const ORP_TIME_ST *earlier,
                                        ORP_TIME_ST *result);
@@ -354,10 +354,10 @@ MSGAPI_EXPORT OrpUvIo *OrpUvIoFindByFd(OrpUvLoop *loop, int32_t fd);
  * which copies what it wants to keep. At least 16 zero bytes stand after the message, which no
  * length mentions.
  *
- * A message is read within one callback: when the rest of one does not arrive within a second of
- * silence it is dropped, and so is one that is longer than 0x8000000 bytes or finds no memory; the
- * stream is out of step then, which is the user's to notice. At the end of the stream the watcher
- * stays armed but its descriptor is not waited for any more, until reading is armed anew.
+ * A message is read within one callback. It is dropped when a second passes without more of it,
+ * when it is longer than 0x8000000 bytes, and when there is no memory for it. The stream is out of
+ * step then, which is the user's to notice. At the end of the stream the watcher stays armed but
+ * its descriptor is not waited for any more, until reading is armed anew.
  */
 
 /* The number of body bytes after the header. A non-zero *flag asks for completeProc. */
@@ -370,7 +370,7 @@ typedef uint32_t (*ORP_UV_MSG_MATCH_PROC)(const struct ORP_MSG_HEADER_ST *messag
 /*
  * Completes a message whose body has been read. It may replace *message by another malloc'd block
  * (having freed the old one) or free it and set null. Returns ORP_OK, or a status with which the
- * message is dropped; what *message holds then is freed by the watcher.
+ * message is dropped; the watcher then frees what *message holds.
  */
 typedef uint32_t (*ORP_UV_MSG_COMPLETE_PROC)(struct ORP_MSG_HEADER_ST **message);
 /* Takes the answer to a request; with `timedOut` 1 there is none and `message` is null. */

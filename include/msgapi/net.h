@@ -155,8 +155,8 @@ MSGAPI_EXPORT void ORP_UTIL_FreeAddrInfo(ORP_UTIL_ADDRINFO_ST *list);
 
 /*
  * 1 when two records hold the same address, whatever their ports: both have one, of equal length
- * (at least 12), and the bytes after family and port are equal, of which for IPv4 only the four
- * of the address count. Else 0, also for null.
+ * (at least 12), and the bytes after family and port are equal. For IPv4 only the four bytes of the
+ * address count. Else 0, also for null.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_IsAddrInfoSame(const ORP_UTIL_ADDRINFO_ST *left,
                                                const ORP_UTIL_ADDRINFO_ST *right);

@@ -111,8 +111,8 @@ MSGAPI_EXPORT void ORP_NOTIFYCLT_Destroy(void);
 /*
  * Uses the connected stream socket `fd` (-1: none) for all further traffic and for
  * ORP_NOTIFYCLT_Destroy, which closes it when it is above 0. Nothing else changes: the loop goes
- * on watching the connection of ORP_NOTIFYCLT_Init, to which the server's registration belongs, and
- * what that has to say is read from `fd`. The former descriptor is not closed.
+ * on watching the connection of ORP_NOTIFYCLT_Init, where the module is registered, and when that
+ * is ready, a message is read from `fd`. The former descriptor is not closed.
  */
 MSGAPI_EXPORT void ORP_NOTIFYCLT_SwitchSock(int32_t fd);
 
