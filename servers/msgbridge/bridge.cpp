@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "msgapi/kit.h"
+#include "msgbridge/json_text.h"
 #include "msgbridge/say.h"
 
 namespace msgbridge {

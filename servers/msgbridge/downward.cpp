@@ -7,6 +7,7 @@
 #include "mqtt/address.h"
 #include "msgapi/path.h"
 #include "msgapi/restful.h"
+#include "msgbridge/json_text.h"
 
 namespace msgbridge {
 namespace {

@@ -8,7 +8,6 @@
 #include <variant>
 
 #include "msgbridge/config.h"
-#include "msgbridge/json_text.h"
 
 namespace msgbridge {
 

@@ -12,7 +12,9 @@ namespace msgapi {
 template <typename T>
 bool list_contains(const T *head, const std::type_identity_t<T> *node) {
   const T *each = head;
-  while (each != nullptr && each != node) each = load<const T *>(each);
+  while (each != nullptr && each != node) {
+    each = static_cast<const T *>(load<const void *>(each));
+  }
   return each != nullptr;
 }
 
