@@ -11,7 +11,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kLargestFile = 256 << 10;
 constexpr size_t kLongestText = 400;
 
 // Control characters are C0, DEL and C1, which UTF-8 writes as C2 80 to C2 9F.
@@ -39,18 +38,20 @@ Problem problem_in(std::string_view file, const JsonError &error) {
   return {shown(file), error.line, shown(error.what())};
 }
 
-std::string file_contents(const std::string &path) {
+std::string file_contents(const std::string &path, size_t most) {
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (error) throw Unreadable{error.message()};
   if (!fs::is_regular_file(status)) throw Unreadable{"is no regular file"};
   std::ifstream file(path, std::ios::binary);
   if (!file) throw Unreadable{std::strerror(errno)};
-  std::string text(kLargestFile + 1, '\0');
+  std::string text(most + 1, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   if (file.bad()) throw Unreadable{std::strerror(errno)};
   text.resize(static_cast<size_t>(file.gcount()));
-  if (text.size() > kLargestFile) throw Unreadable{"is larger than 256 KiB"};
+  if (text.size() > most) {
+    throw Unreadable{"is larger than " + std::to_string(most >> 10) + " KiB"};
+  }
   return text;
 }
 

@@ -1,0 +1,366 @@
+#include "policy/policy.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "msgapi/dynapp.h"
+#include "msgapi/messages.h"
+
+namespace {
+
+using policy::Action;
+using policy::BadPolicy;
+using policy::Decision;
+using policy::Policy;
+using policy::Question;
+using policy::Service;
+using policy::Who;
+using testing::HasSubstr;
+
+constexpr gid_t kServersGroup = 500;
+
+const Who kRoot{0, {0}, {}};
+const Who kMember{1000, {1000, kServersGroup}, {}};
+const Who kNobody{65534, {65534}, {}};
+const Who kBoard{Who::kUnknown, {}, "192.168.7.1:5050"};
+
+const catalogue::Catalogue &types() {
+  static const catalogue::Catalogue types;
+  return types;
+}
+
+Policy policy_of(const std::string &rules, const std::string &otherwise = "allow") {
+  return Policy("{\"default\": \"" + otherwise + "\", \"rules\": [\n" + rules + "\n]}", "p.json",
+                types(), kServersGroup);
+}
+
+Question service(Service what) {
+  return {Action::kService, policy::word_of(what)};
+}
+
+TEST(Policy, WithoutAFileKeepsWhatIsSensitiveForRootAndTheServersGroup) {
+  const Policy policy(kServersGroup);
+
+  for (const Service what :
+       {Service::kConfigExport, Service::kConfigImport, Service::kReboot, Service::kConfigRestore,
+        Service::kApplicationStop, Service::kLoginLimits}) {
+    EXPECT_TRUE(policy.decide(kRoot, service(what)).allowed) << policy::word_of(what);
+    EXPECT_TRUE(policy.decide(kMember, service(what)).allowed);
+    EXPECT_FALSE(policy.decide(kNobody, service(what)).allowed) << policy::word_of(what);
+    EXPECT_FALSE(policy.decide(kBoard, service(what)).allowed);
+  }
+  for (const Service what :
+       {Service::kConfigSave, Service::kConfigCheck, Service::kLogin, Service::kApplicationStart,
+        Service::kExitOthers, Service::kSyncPoints}) {
+    EXPECT_TRUE(policy.decide(kNobody, service(what)).allowed) << policy::word_of(what);
+  }
+  EXPECT_TRUE(policy.decide(kNobody, {Action::kOwn, "wifi"}).allowed);
+  EXPECT_TRUE(policy.decide(kNobody, {Action::kSpeakFor, "wifi"}).allowed);
+  EXPECT_FALSE(policy.limits(Action::kSend));
+  EXPECT_FALSE(policy.limits(Action::kSpeakFor));
+  EXPECT_EQ("the built-in rules",
+            policy.source_of(policy.decide(kNobody, service(Service::kReboot))));
+}
+
+TEST(Policy, IsDecidedByTheFirstRuleThatFits) {
+  const Policy policy = policy_of(R"(
+      {"allow": "own", "names": ["wifi", "cms*"], "user": "root", "group": 1000},
+      {"deny": "own", "names": ["wifi", "cms*"],
+       "comment": "everybody else"},
+      {"deny": "own", "board": "192.168.7.*"})");
+
+  EXPECT_TRUE(policy.decide(kRoot, {Action::kOwn, "wifi"}).allowed);
+  EXPECT_TRUE(policy.decide(kMember, {Action::kOwn, "cmsd"}).allowed);
+  const Decision refused = policy.decide(kNobody, {Action::kOwn, "cms"});
+  EXPECT_FALSE(refused.allowed);
+  EXPECT_EQ(2u, refused.rule);
+  EXPECT_EQ("p.json:4", policy.source_of(refused));
+  const Decision allowed = policy.decide(kNobody, {Action::kOwn, "cm"});
+  EXPECT_TRUE(allowed.allowed);
+  EXPECT_EQ("the default of p.json", policy.source_of(allowed));
+  EXPECT_EQ(3u, policy.decide(kBoard, {Action::kOwn, "panel"}).rule);
+  EXPECT_TRUE(policy.limits(Action::kOwn));
+  EXPECT_FALSE(policy.limits(Action::kSend));
+}
+
+TEST(Policy, KnowsTypesByNameNumberAndRange) {
+  const Policy policy = policy_of(R"(
+      {"deny": "send", "to": "mic", "types": ["event-wan", 4660]},
+      {"deny": "send", "to": "wifi", "types": "0x1000-0x10ff"},
+      {"deny": "receive", "from": "cms", "types": ["exit", "0x20"]},
+      {"deny": "subscribe", "types": "event"},
+      {"deny": "subscribe-others", "names": "w*", "types": "ORP_MSG_EVENT_LAN"})");
+  const auto allows = [&](Action action, const char *name, uint32_t type) {
+    return policy.decide(kNobody, {action, name, type}).allowed;
+  };
+
+  EXPECT_FALSE(allows(Action::kSend, "mic", ORP_MSG_EVENT_WAN));
+  EXPECT_FALSE(allows(Action::kSend, "mic", 0x1234));
+  EXPECT_TRUE(allows(Action::kSend, "mic", ORP_MSG_EVENT_LAN));
+  EXPECT_FALSE(allows(Action::kSend, "wifi", 0x1000));
+  EXPECT_FALSE(allows(Action::kSend, "wifi", 0x10ff));
+  EXPECT_TRUE(allows(Action::kSend, "wifi", 0x1100));
+  EXPECT_TRUE(allows(Action::kSend, "wif", 0x1000));
+  EXPECT_FALSE(allows(Action::kReceive, "cms", ORP_MSG_EXIT));
+  EXPECT_FALSE(allows(Action::kReceive, "cms", 0x20));
+  EXPECT_FALSE(allows(Action::kSubscribe, "", ORP_MSG_ALL_EVENTS));
+  EXPECT_FALSE(allows(Action::kSubscribe, "", ORP_MSG_EVENT_USB)) << "of the range by its name";
+  EXPECT_FALSE(allows(Action::kSubscribeOthers, "wifi", ORP_MSG_EVENT_LAN));
+  EXPECT_TRUE(allows(Action::kSubscribeOthers, "wifi", ORP_MSG_EVENT_WAN));
+}
+
+TEST(Policy, LeavesWhatIsSensitiveClosedUnlessARuleOpensIt) {
+  const Policy silent = policy_of(R"({"allow": "own"})");
+  EXPECT_FALSE(silent.decide(kNobody, service(Service::kReboot)).allowed);
+
+  const Policy open = policy_of(R"({"allow": "service", "services": "reboot", "user": 65534})");
+  EXPECT_TRUE(open.decide(kNobody, service(Service::kReboot)).allowed);
+  EXPECT_FALSE(open.decide(kNobody, service(Service::kConfigExport)).allowed);
+
+  const Policy closed = policy_of(R"({"deny": "service", "services": ["reboot", "sync-points"]})");
+  EXPECT_FALSE(closed.decide(kRoot, service(Service::kReboot)).allowed);
+  EXPECT_FALSE(closed.decide(kMember, service(Service::kSyncPoints)).allowed);
+}
+
+TEST(Policy, LetsNobodySpeakForOthersWithoutARule) {
+  const Policy policy = policy_of(R"({"allow": "speak-for", "names": "lamp?", "user": 65534})");
+
+  EXPECT_TRUE(policy.decide(kNobody, {Action::kSpeakFor, "lamp1"}).allowed);
+  EXPECT_FALSE(policy.decide(kNobody, {Action::kSpeakFor, "lamp"}).allowed);
+  EXPECT_FALSE(policy.decide(kRoot, {Action::kSpeakFor, "lamp1"}).allowed);
+  EXPECT_TRUE(policy.limits(Action::kSpeakFor));
+}
+
+TEST(Policy, JudgesHttpRequestsByMethodAndPath) {
+  const Policy policy = policy_of(R"(
+      {"allow": "http", "methods": ["GET", "HEAD"], "paths": "/dev/*"},
+      {"deny": "http", "paths": ["/dev/*", "/x"]})");
+  const auto allows = [&](const char *method, const char *path) {
+    return policy.decide(kBoard, {Action::kHttp, path, 0, method}).allowed;
+  };
+
+  EXPECT_TRUE(allows("GET", "/dev/info"));
+  EXPECT_FALSE(allows("POST", "/dev/info"));
+  EXPECT_FALSE(allows("GET", "/x"));
+  EXPECT_TRUE(allows("POST", "/y"));
+}
+
+TEST(Policy, MatchesPatternsInBoundedTime) {
+  for (const auto &[pattern, text, expected] :
+       std::vector<std::tuple<const char *, const char *, bool>>{{"", "", true},
+                                                                 {"", "a", false},
+                                                                 {"*", "", true},
+                                                                 {"a*", "a", true},
+                                                                 {"*a", "ba", true},
+                                                                 {"a*b*c", "a1b2b3c", true},
+                                                                 {"a*b*c", "a1b", false},
+                                                                 {"??", "a", false},
+                                                                 {"?*?", "ab", true},
+                                                                 {"[a]", "a", false},
+                                                                 {"a**", "ab", true}}) {
+    EXPECT_EQ(expected, policy::matches(pattern, text)) << pattern << " " << text;
+  }
+  std::string pattern;
+  for (int i = 0; i < 100; ++i) pattern += "*a";
+  EXPECT_FALSE(policy::matches(pattern + "b", std::string(10000, 'a')));
+}
+
+TEST(Policy, NamesTheServiceOfAMessage) {
+  EXPECT_EQ(Service::kApplicationStart, policy::service_of(ORP_MSG_DYNAPP_UPDATE, ORP_DYNAPP_ON));
+  for (const uint32_t data : {ORP_DYNAPP_OFF, ORP_DYNAPP_RESTART, 77u}) {
+    EXPECT_EQ(Service::kApplicationStop, policy::service_of(ORP_MSG_DYNAPP_UPDATE, data));
+  }
+  EXPECT_EQ(Service::kConfigRestore, policy::service_of(ORP_MSG_DELETE_APPDATA, 0));
+  EXPECT_EQ(std::nullopt, policy::service_of(ORP_MSG_REGISTER, 0));
+  for (size_t i = 0; i < policy::kServices; ++i) {
+    const auto each = static_cast<Service>(i);
+    EXPECT_EQ(each, policy::service_of(policy::word_of(each)));
+  }
+  for (size_t i = 0; i < policy::kActions; ++i) {
+    const auto each = static_cast<Action>(i);
+    EXPECT_EQ(each, policy::action_of(policy::word_of(each)));
+  }
+}
+
+TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
+  const struct {
+    std::string text;
+    size_t line;
+    const char *what;
+  } kBad[] = {
+      {"", 1, "unexpected end of input"},
+      {"{\"default\": \"allow\",\n\"rules\": [", 2, "unexpected end of input"},
+      {"[]", 1, "a policy must be an object"},
+      {R"({"rules": []})", 1, "'default' is missing"},
+      {"{\"default\": \"allow\"\n}", 1, "'rules' is missing"},
+      {"{\"default\":\n\"perhaps\", \"rules\": []}", 2, "must be allow or deny"},
+      {R"({"default": "allow", "rules": {}})", 1, "'rules' must be a list"},
+      {"{\"default\": \"allow\", \"rules\": [],\n\"rule\": 1}", 2, "'rule' is not known"},
+  };
+  for (const auto &bad : kBad) {
+    try {
+      const Policy policy(bad.text, "p\x1b.json", types(), 0);
+      ADD_FAILURE() << bad.text;
+    } catch (const BadPolicy &error) {
+      EXPECT_EQ("p?.json", error.problem.file);
+      EXPECT_EQ(bad.line, error.problem.line) << bad.text;
+      EXPECT_THAT(error.what(), HasSubstr(bad.what));
+    }
+  }
+
+  const std::pair<const char *, const char *> kBadRules[] = {
+      {"7", "a rule must be an object"},
+      {"{}", "either 'allow' or 'deny'"},
+      {R"({"allow": "own", "deny": "own"})", "either 'allow' or 'deny'"},
+      {R"({"allow": "fly\u001b[2J"})", "control characters"},
+      {R"({"allow": "fly"})", "'fly' is not one of own, send"},
+      {R"({"allow": "own", "types": "exit"})", "'types' is not known in such a rule"},
+      {R"({"allow": "own", "names": []})", "'names' is an empty list"},
+      {R"({"allow": "own", "names": ""})", "must be a text that is not empty"},
+      {R"({"allow": "own", "names": "twelve-chars"})", "longer than a name can be"},
+      {R"({"allow": "own", "user": "no such user"})", "there is no user no such user"},
+      {R"({"allow": "own", "user": 4294967295})", "no number of a user"},
+      {R"({"allow": "own", "user": "4294967296"})", "there is no user"},
+      {R"({"allow": "own", "user": -1})", "must be a text"},
+      {R"({"allow": "own", "group": "no such"})", "there is no group"},
+      {R"({"allow": "send", "types": "no-such-type"})", "is no message type"},
+      {R"({"allow": "send", "types": "0x20-0x10"})", "is no message type"},
+      {R"({"allow": "send", "types": "0x100000"})", "is no message type"},
+      {R"({"allow": "send", "types": [1, 2.5]})", "must be a text"},
+      {R"({"allow": "service", "services": "fly"})", "'fly' is not one of config-save"},
+      {R"({"allow": "http", "methods": "get"})", "'get' is not one of GET"},
+      {R"({"allow": "subscribe", "names": "x"})", "'names' is not known"},
+  };
+  for (const auto &[rule, what] : kBadRules) {
+    try {
+      policy_of(std::string("{\"allow\": \"own\"},\n") + rule);
+      ADD_FAILURE() << rule;
+    } catch (const BadPolicy &error) {
+      EXPECT_EQ(3u, error.problem.line) << rule;
+      EXPECT_THAT(error.what(), HasSubstr(what)) << rule;
+    }
+  }
+}
+
+TEST(PolicyFile, IsARegularFile) {
+  EXPECT_THROW(Policy::load("/var/none.json", types(), 0), BadPolicy);
+  EXPECT_THROW(Policy::load("/dev/zero", types(), 0), BadPolicy);
+  std::ofstream("/var/p.json") << R"({"default": "deny", "rules": []})";
+  EXPECT_FALSE(Policy::load("/var/p.json", types(), 0).decide(kRoot, {Action::kOwn, "a"}).allowed);
+}
+
+TEST(PolicyFile, MayHaveTenThousandRules) {
+  std::string rules;
+  for (int i = 0; i < 10000; ++i) {
+    rules += "{\"deny\": \"own\", \"names\": \"n" + std::to_string(i) + "\", \"user\": 65534},\n";
+  }
+  const Policy policy = policy_of(rules + R"({"deny": "own", "names": "last"})");
+
+  EXPECT_EQ(10001u, policy.size());
+  EXPECT_EQ(10000u, policy.decide(kNobody, {Action::kOwn, "n9999"}).rule);
+  EXPECT_EQ("p.json:10001", policy.source_of(policy.decide(kNobody, {Action::kOwn, "n9999"})));
+  EXPECT_TRUE(policy.decide(kMember, {Action::kOwn, "n9999"}).allowed);
+  EXPECT_FALSE(policy.decide(kRoot, {Action::kOwn, "last"}).allowed);
+}
+
+// The same rules in a form of the test's own, walked through without any preparation.
+struct ModelRule {
+  Action action;
+  bool allows;
+  std::optional<uid_t> user;
+  std::optional<gid_t> group;
+  std::string board;   // empty: none
+  std::string prefix;  // of names and paths, followed by "*"; empty: any
+  uint32_t first = 0;  // of types
+  uint32_t last = 0;   // 0: any
+
+  bool fits(const Who &who, const Question &question) const {
+    if (action != question.action) return false;
+    const bool local = who.board.empty();
+    bool someone = !user && !group && board.empty();
+    someone |= local && user == who.user;
+    someone |= local && group && std::count(who.groups.begin(), who.groups.end(), *group) > 0;
+    someone |= !local && board == who.board;
+    const bool type = last == 0 || (first <= question.type && question.type <= last);
+    return someone && type && question.name.substr(0, prefix.size()) == prefix;
+  }
+
+  std::string text() const {
+    std::string all = std::string("{\"") + (allows ? "allow" : "deny") + "\": \"" +
+                      std::string(policy::word_of(action)) + "\"";
+    if (user) all += ", \"user\": " + std::to_string(*user);
+    if (group) all += ", \"group\": \"" + std::to_string(*group) + "\"";
+    if (!board.empty()) all += ", \"board\": \"" + board + "\"";
+    const char *name = action == Action::kSend      ? "to"
+                       : action == Action::kReceive ? "from"
+                       : action == Action::kHttp    ? "paths"
+                                                    : "names";
+    if (!prefix.empty()) all += std::string(", \"") + name + "\": \"" + prefix + "*\"";
+    if (last > 0) {
+      all += ", \"types\": \"" + std::to_string(first) + "-" + std::to_string(last) + "\"";
+    }
+    return all + "}";
+  }
+};
+
+TEST(Policy, DecidesRandomQuestionsAsTheModelDoes) {
+  constexpr Action kTried[] = {
+      Action::kOwn,     Action::kSend, Action::kReceive, Action::kHttp, Action::kSubscribeOthers,
+      Action::kSpeakFor};
+  const std::string names[] = {"a", "ab", "abc", "b", "ba", "c"};
+  const std::vector<Who> everybody = {kRoot, kMember, kNobody, kBoard};
+  std::mt19937 random(20260301);
+  const auto below = [&](size_t most) {
+    return std::uniform_int_distribution<size_t>(0, most - 1)(random);
+  };
+
+  for (int round = 0; round < 200; ++round) {
+    const bool otherwise = below(2) == 0;
+    std::vector<ModelRule> model(below(30));
+    std::string text;
+    for (ModelRule &rule : model) {
+      rule.action = kTried[below(std::size(kTried))];
+      rule.allows = below(2) == 0;
+      if (below(3) == 0) rule.user = everybody[below(3)].user;
+      if (below(3) == 0) rule.group = everybody[below(3)].groups.back();
+      if (below(4) == 0) rule.board = kBoard.board;
+      if (below(2) == 0) rule.prefix = names[below(std::size(names))];
+      const bool typed = rule.action == Action::kSend || rule.action == Action::kReceive ||
+                         rule.action == Action::kSubscribeOthers;
+      if (typed && below(2) == 0)
+        rule.last =
+            1 + (rule.first = static_cast<uint32_t>(below(9))) + static_cast<uint32_t>(below(4));
+      text += (text.empty() ? "" : ",\n") + rule.text();
+    }
+    const Policy policy = policy_of(text, otherwise ? "allow" : "deny");
+
+    for (int i = 0; i < 300; ++i) {
+      const Who &who = everybody[below(everybody.size())];
+      const Question question{kTried[below(std::size(kTried))], names[below(std::size(names))],
+                              static_cast<uint32_t>(below(14)), "GET"};
+      uint32_t expected_rule = 0;
+      bool expected = otherwise && question.action != Action::kSpeakFor;
+      for (size_t n = 0; n < model.size() && expected_rule == 0; ++n) {
+        if (!model[n].fits(who, question)) continue;
+        expected_rule = static_cast<uint32_t>(n + 1);
+        expected = model[n].allows;
+      }
+      const Decision decision = policy.decide(who, question);
+      ASSERT_EQ(expected, decision.allowed) << text;
+      ASSERT_EQ(expected_rule, decision.rule) << text;
+      if (!expected) {
+        ASSERT_TRUE(policy.limits(question.action));
+      }
+    }
+  }
+}
+
+}  // namespace
