@@ -81,6 +81,8 @@ install(FILES tools/cfmctl/defaults.json
 # An example: tools read what is in share/msgapi/messages.d.
 install(FILES examples/demo/demo_types.json
   DESTINATION ${CMAKE_INSTALL_DATADIR}/msgapi/examples COMPONENT programs)
+# Packages copy it to /etc unless there is a policy.
+install(FILES packaging/policy.json DESTINATION ${CMAKE_INSTALL_DATADIR}/msgapi COMPONENT programs)
 # A sample: the server reads it from /etc, wherever all this goes.
 install(FILES servers/mlogserver/mlogserver.conf
   DESTINATION ${CMAKE_INSTALL_DATADIR}/mlogserver COMPONENT programs)

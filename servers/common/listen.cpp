@@ -66,6 +66,22 @@ bool is_port(const std::string &text) {
   return digits && std::stoul(text) >= 1 && std::stoul(text) <= 65535;
 }
 
+// "ADDRESS:PORT" of the end of a TCP connection that `find` knows.
+std::string address_of(int fd, int (*find)(int, sockaddr *, socklen_t *)) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (find(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) return {};
+  if (address.ss_family != AF_INET && address.ss_family != AF_INET6) return {};
+  char host[NI_MAXHOST];
+  char port[NI_MAXSERV];
+  if (::getnameinfo(reinterpret_cast<sockaddr *>(&address), size, host, sizeof host, port,
+                    sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+    return {};
+  }
+  return address.ss_family == AF_INET6 ? fmt::format("[{}]:{}", host, port)
+                                       : fmt::format("{}:{}", host, port);
+}
+
 }  // namespace
 
 UniqueFd listen_unix(const std::string &path, mode_t mode) {
@@ -154,18 +170,11 @@ std::optional<ucred> peer_credentials(int fd) {
 }
 
 std::string peer_address(int fd) {
-  sockaddr_storage address{};
-  socklen_t size = sizeof address;
-  if (::getpeername(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) return {};
-  if (address.ss_family != AF_INET && address.ss_family != AF_INET6) return {};
-  char host[NI_MAXHOST];
-  char port[NI_MAXSERV];
-  if (::getnameinfo(reinterpret_cast<sockaddr *>(&address), size, host, sizeof host, port,
-                    sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
-    return {};
-  }
-  return address.ss_family == AF_INET6 ? fmt::format("[{}]:{}", host, port)
-                                       : fmt::format("{}:{}", host, port);
+  return address_of(fd, ::getpeername);
+}
+
+std::string local_address(int fd) {
+  return address_of(fd, ::getsockname);
 }
 
 }  // namespace servers

@@ -42,5 +42,7 @@ class Acceptor {
 std::optional<ucred> peer_credentials(int fd);
 // "ADDRESS:PORT" of the other end of a TCP connection, empty for another kind.
 std::string peer_address(int fd);
+// The same of this end.
+std::string local_address(int fd);
 
 }  // namespace servers

@@ -13,6 +13,7 @@
 #include "common/peer.h"
 #include "common/unique_fd.h"
 #include "msgsvr/account.h"
+#include "msgsvr/gate.h"
 #include "msgsvr/wire.h"
 
 namespace msgsvr {
@@ -30,7 +31,13 @@ struct Route {
   std::array<char, size_t{2} * ORP_APP_NAME_SIZE> names{};  // sender and receiver, as in the header
   uint64_t epoch = 0;                                       // of the server's names; 0: never
   bool to_server = false;
+  bool foreign = false;  // the sender's name is not the client's
   Client *to = nullptr;  // null: the server, or nobody
+
+  // What the policy says of a message of this type there, as long as the gate's epoch is this one.
+  uint64_t judged = 0;
+  uint32_t type = 0;
+  bool passes = false;
 };
 
 // The bytes of a client's connection, cut into frames.
@@ -91,6 +98,7 @@ struct Client final : servers::Peer, OutputQueue::Observer {
   std::shared_ptr<Account> account;
   Share connection;
   AppName name;
+  Passport passport;
   bool swapped = false;  // its headers travel in the other byte order
   bool ended = false;
 

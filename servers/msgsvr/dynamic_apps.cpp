@@ -394,6 +394,10 @@ class DynamicApps final : public Service {
       return;
     }
     App &app = **entry;
+    if (!may_update(from, app, message.header.ulMsgData)) {
+      server_->lose(from, message, Loss::kNotPermitted);
+      return;
+    }
     switch (message.header.ulMsgData) {
       case ORP_DYNAPP_ON:
         try {
@@ -421,8 +425,19 @@ class DynamicApps final : public Service {
     }
   }
 
+  // An application may do with itself what it likes: its process group was made for it here.
+  bool may_update(Client &from, const App &app, uint32_t what) {
+    const bool itself = app.pid > 0 && from.peer.pid > 0 && ::getpgid(from.peer.pid) == app.pid;
+    const auto service = policy::service_of(ORP_MSG_DYNAPP_UPDATE, what);
+    return itself || server_->gate().may_use(from, *service);
+  }
+
   // Answered when all have ended.
   void stop_all(Client &from, const Message &message) {
+    if (!server_->gate().may_use(from, policy::Service::kApplicationStop)) {
+      server_->lose(from, message, Loss::kNotPermitted);
+      return;
+    }
     for (const auto &app : apps_) {
       stop_listening(*app);
       stop(*app);

@@ -49,6 +49,11 @@ class Events final : public Service {
     server->serve(ORP_MSG_SUBSCRIBE,
                   [this](Client &from, const Message &m) { subscribe(from, m); });
     server->serve(ORP_MSG_UNSUBSCRIBE, [this](Client &from, const Message &m) {
+      const auto other = m.name_in_body();
+      if (other && !server_->gate().may_subscribe(from, other, m.header.ulMsgData)) {
+        server_->lose(from, m, Loss::kNotPermitted);
+        return;
+      }
       const auto entry = by_type_.find(m.header.ulMsgData);
       if (entry == by_type_.end()) return;
       if (const auto name = m.name_in_body()) {
@@ -80,6 +85,10 @@ class Events final : public Service {
   void subscribe(Client &from, const Message &message) {
     const uint32_t type = message.header.ulMsgData;
     const auto name = message.name_in_body();
+    if (!server_->gate().may_subscribe(from, name, type)) {
+      server_->lose(from, message, Loss::kNotPermitted);
+      return;
+    }
     if (const auto entry = by_type_.find(type); entry != by_type_.end()) {
       Subscribers &known = entry->second;
       const auto same = std::ranges::find_if(
@@ -151,6 +160,11 @@ class Events final : public Service {
       add_receivers(ORP_MSG_ALL_EVENTS);
     }
     if (receivers_.empty() && !is_event(message.type())) return false;
+    std::erase_if(receivers_, [&](Client *to) {
+      if (server_->gate().passes_event(from, *to, message.type())) return false;
+      server_->lose_silently(from, message, Loss::kNotPermitted, to);
+      return true;
+    });
 
     // One may have subscribed itself, by its name, and to all events.
     std::ranges::sort(receivers_, {}, &Client::id);

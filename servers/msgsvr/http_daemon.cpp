@@ -395,6 +395,17 @@ int HttpDaemon::begin(Connection &connection, Exchange &exchange, const char *me
     const char *value = ::MHD_lookup_connection_value(exchange.library, MHD_HEADER_KIND, name);
     return std::string_view(value == nullptr ? "" : value);
   };
+  if (limits_.guard) {
+    const auto refusal = refusal_of(
+        *limits_.guard, {header(MHD_HTTP_HEADER_HOST), header(MHD_HTTP_HEADER_ORIGIN),
+                         header("Sec-Fetch-Site"), header(MHD_HTTP_HEADER_AUTHORIZATION)});
+    if (refusal) {
+      exchange.refused = true;
+      exchange.answer = {refusal->status, refusal->why};
+      exchange.answer.challenge = refusal->status == MHD_HTTP_UNAUTHORIZED;
+      return header(MHD_HTTP_HEADER_EXPECT).empty() ? MHD_YES : respond(exchange);
+    }
+  }
   const std::string_view digits = header(MHD_HTTP_HEADER_CONTENT_LENGTH);
   uint64_t announced = 0;
   std::from_chars(digits.data(), digits.data() + digits.size(), announced);
@@ -481,6 +492,10 @@ int HttpDaemon::respond(Exchange &exchange) {
   add(MHD_HTTP_HEADER_CONTENT_TYPE, answer.content_type);
   add(MHD_HTTP_HEADER_ALLOW, answer.allow);
   if (answer.retry) add(MHD_HTTP_HEADER_RETRY_AFTER, "1");
+  if (answer.challenge) add(MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Bearer");
+  // No other site's page gets it, as a script or a picture, either (Fetch, 3.7).
+  add("Cross-Origin-Resource-Policy", "same-origin");
+  add("X-Content-Type-Options", "nosniff");
   const int queued = ::MHD_queue_response(exchange.library, answer.status, response);
   ::MHD_destroy_response(response);
   return queued;

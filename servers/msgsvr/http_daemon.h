@@ -14,6 +14,7 @@
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "common/unique_fd.h"
+#include "msgsvr/http_guard.h"
 #include "msgsvr/mailbox.h"
 #include "msgsvr/spooled_body.h"
 
@@ -35,6 +36,7 @@ struct HttpAnswer {
   std::string content_type = "text/plain";
   bool retry = false;      // it may be tried again in a second
   std::string allow = {};  // the methods that are served
+  bool challenge = false;  // a token would be accepted
 };
 
 struct HttpLimits {
@@ -43,6 +45,7 @@ struct HttpLimits {
   std::chrono::milliseconds patience{};  // how long a request may wait for room
   size_t connections = 128;              // at a time
   bool json = false;                     // the daemon's own refusals are {"error": …}
+  std::optional<HttpGuard> guard = {};   // none: everybody who may connect is served
 };
 
 class HttpDaemon {

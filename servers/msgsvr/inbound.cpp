@@ -73,6 +73,15 @@ OutputQueue::Tag tag_of(const Client &from, const Header &header, uint64_t recor
   return tag;
 }
 
+// What only the server says. Applications know the notice of an undelivered message by its type
+// alone, whoever is its sender. `strict`: nothing else is said in the server's name, either.
+bool is_forged(const Header &header, bool strict) {
+  const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
+  return type == ORP_MSG_UNDELIVERABLE ||
+         ((strict || type == ORP_MSG_EXIT) &&
+          AppName(std::string_view(header.aucSendApp)).is_server());
+}
+
 uint32_t receiver_of(const Route &route) {
   return route.to == nullptr ? 0 : route.to->id;
 }
@@ -176,7 +185,7 @@ void Server::take(Client &from, std::span<char> bytes) {
         begin_frame(from, bytes, header, *route);
         return;
       }
-      deliver(from, bytes.first(size), header, *route);
+      deliver(from, bytes.first(size), header);
       bytes = bytes.subspan(size);
       if (posted_ > kMostPosted) flush();
     }
@@ -232,14 +241,13 @@ std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   if (in_header && header.ulDataLen > 0) {
     begin_frame(from, assembled_, header, *route);
   } else {
-    deliver(from, assembled_, header, *route);
+    deliver(from, assembled_, header);
   }
   return bytes;
 }
 
 // The header and perhaps a part of the body are there. Decides what becomes of the rest.
-void Server::begin_frame(Client &from, std::span<char> begin, const Header &header,
-                         const Route &route) {
+void Server::begin_frame(Client &from, std::span<char> begin, Header header, const Route &route) {
   const size_t size = kHeaderSize + header.ulDataLen;
   const size_t kept = route.to_server ? kHeaderSize + kLongestServerBody : options_.cut_through;
   if (size <= kept) {
@@ -254,12 +262,13 @@ void Server::begin_frame(Client &from, std::span<char> begin, const Header &head
     return;
   }
 
+  if (route.foreign) check_sender(from, begin, &header);
   const uint64_t record =
       journal_.accepted(from, receiver_of(route), header, begin.subspan(kHeaderSize));
   from.in.left = size - begin.size();
   from.in.last_to = 0;
   from.in.last_tag = tag_of(from, header, record);
-  Loss loss = obstacle(route);
+  Loss loss = obstacle(from, header);
   if (loss == Loss::kNone && !route.to_server) {
     begin_stream(from, *route.to, begin, header);
     return;
@@ -371,7 +380,8 @@ const Route *Server::resolve(Client &from, const Header &header) {
   }
 
   const auto receiver = AppName::from_field(header.aucRecvApp);
-  if (!receiver || !AppName::from_field(header.aucSendApp)) {
+  const auto sender = AppName::from_field(header.aucSendApp);
+  if (!receiver || !sender) {
     end_malformed(from, "it sent a header with an unterminated name", header);
     return nullptr;
   }
@@ -379,22 +389,51 @@ const Route *Server::resolve(Client &from, const Header &header) {
   route.epoch = names_.epoch();
   route.to_server = receiver->is_server();
   route.to = route.to_server ? nullptr : names_.receiver(*receiver);
+  route.foreign = *sender != from.name;
+  route.judged = 0;
   return &route;
 }
 
-// What keeps a message from going where its names lead; none if nothing does.
-Loss Server::obstacle(const Route &route) {
-  return route.to_server || route.to != nullptr ? Loss::kNone : Loss::kNoSuchName;
+// The message has another sender than its client, whose name takes that one's place if it must. A
+// registration bears the name that the client would like to have.
+void Server::check_sender(Client &from, std::span<char> frame, Header *header) {
+  const uint32_t type = header->ulMsgType & ORP_MSG_TYPE_MASK;
+  if (from.in.route.to_server && type == ORP_MSG_REGISTER) return;
+  if (gate_.may_speak_for(from, AppName(std::string_view(header->aucSendApp)))) return;
+  from.name.store(header->aucSendApp);
+  from.name.store(frame.data() + offsetof(Header, aucSendApp));
 }
 
-void Server::deliver(Client &from, std::span<char> frame, const Header &header,
-                     const Route &route) {
+// What keeps a message from going where its names, which have just been looked up, lead; none if
+// nothing does.
+Loss Server::obstacle(Client &from, const Header &header) {
+  Route &route = from.in.route;
+  const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
+  if (!route.to_server) {
+    if (route.to == nullptr) return Loss::kNoSuchName;
+    if (is_forged(header, gate_.policy().has_file())) {
+      journal_.refused();
+      return Loss::kNotPermitted;
+    }
+  }
+  if (!gate_.judges_messages()) return Loss::kNone;
+  if (!route.passes || route.type != type || route.judged != gate_.epoch()) {
+    route.passes = gate_.passes(from, route.to, type);
+    route.type = type;
+    route.judged = gate_.epoch();
+  }
+  return route.passes ? Loss::kNone : Loss::kNotPermitted;
+}
+
+void Server::deliver(Client &from, std::span<char> frame, Header header) {
+  const Route &route = from.in.route;
+  if (route.foreign) check_sender(from, frame, &header);
   const uint64_t record =
       journal_.accepted(from, receiver_of(route), header, frame.subspan(kHeaderSize));
   const OutputQueue::Tag tag = tag_of(from, header, record);
   from.in.last_to = 0;
   from.in.last_tag = tag;
-  if (const Loss loss = obstacle(route); loss != Loss::kNone) {
+  if (const Loss loss = obstacle(from, header); loss != Loss::kNone) {
     remove_sent_file(frame, from.swapped, from.peer.uid);
     lose_unrouted(from, header, tag, loss);
     return;
@@ -426,6 +465,10 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header,
       }
       message.body = body;
       message.header.ulDataLen = static_cast<uint32_t>(body.size());
+    }
+    if (!gate_.may_ask(from, message)) {
+      lose_unrouted(from, header, tag, Loss::kNotPermitted);
+      return;
     }
     entry->second(from, message);
     return;

@@ -102,6 +102,11 @@ void Journal::lost(Loss loss, const OutputQueue::Tag &tag, const Party &from, Cl
   recorder_.lost(loss, tag.record, tag.origin, to == nullptr ? 0 : to->id, tag.type, tag.sequence);
 }
 
+void Journal::refused_name(const Client &from, uint64_t record, uint32_t sequence) noexcept {
+  freshen();
+  recorder_.lost(Loss::kNotPermitted, record, from.id, 0, ORP_MSG_REGISTER, sequence);
+}
+
 void Journal::half_full(const Client &reader) noexcept {
   freshen();
   flight::Record facts;

@@ -31,6 +31,8 @@ struct Statistics {
   uint64_t over_limit = 0;  // what clients may not have any more of
   uint64_t failures = 0;  // clients and requests that were given up for want of memory and the like
   uint64_t connections = 0;
+  uint64_t refused = 0;  // by the policy, whatever was asked
+  uint64_t foreign = 0;  // messages under another name than their sender's
 
   uint64_t of(Loss loss) const { return lost[static_cast<size_t>(loss)]; }
 };
@@ -103,6 +105,10 @@ class Journal {
 
   void over_limit() noexcept { ++statistics_.over_limit; }
   void failure() noexcept { ++statistics_.failures; }
+  void refused() noexcept { ++statistics_.refused; }
+  void foreign_sender() noexcept { ++statistics_.foreign; }
+  // A registration that was refused in its answer: the recorder knows it as lost.
+  void refused_name(const Client &from, uint64_t record, uint32_t sequence) noexcept;
 
   // Returns the number for http_answered(). `method` as in restful requests.
   uint64_t http_requested(uint32_t method, size_t body, std::string_view path) noexcept;

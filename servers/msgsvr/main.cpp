@@ -1,6 +1,7 @@
 // msgsvr: the message server through which all application processes talk to each other.
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
@@ -8,6 +9,8 @@
 #include <cstdlib>
 #include <exception>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "common/command_line.h"
 #include "common/event_loop.h"
@@ -18,6 +21,7 @@
 #include "msgsvr/options.h"
 #include "msgsvr/server.h"
 #include "msgsvr/services.h"
+#include "policy/policy.h"
 
 namespace {
 
@@ -27,14 +31,18 @@ using servers::log_line;
 // The smallest queue holds a frame that is kept until it is whole, and some more.
 constexpr size_t kQueuePerFrame = 2;
 
-void add_options(servers::Command *command, Options *options) {
+void add_options(servers::Command *command, Options *options, std::vector<std::string> *tcp_from) {
   command->option("--socket", &options->socket_path, "Path of the Unix socket");
   command->option("--mode", &options->socket_mode, "Its permissions, octal");
   command->option("--tcp", &options->tcp,
                   "ADDRESS:PORT for the applications of secondary boards; anybody who reaches it "
                   "is served");
+  command->option("--tcp-from", tcp_from,
+                  "ADDRESS[/PREFIX] of those who are served there; repeatable");
   command->number("--keepalive", &options->keep_alive_s,
                   "Ask clients for a sign of life every so many seconds; 0: do not", {0, 86400});
+  command->option("--policy", &options->policy,
+                  "File that says who may do what; none: only what is built in");
   command->flag("--log-server", &options->log_server,
                 "Log to the log server as module msgsvr, to standard error while it is not there");
   command->flag("--swap", &options->swap_all, "Register clients in the other byte order");
@@ -89,6 +97,11 @@ void add_service_options(servers::Command *command, Options *options) {
       "--http", &options->http,
       "[ADDRESS:]PORT for restful requests by HTTP, the address 127.0.0.1 unless one is "
       "given; anybody who reaches it is served");
+  command->option("--http-host", &options->http_hosts,
+                  "A name by which HTTP clients may call this server, besides its addresses and "
+                  "localhost; repeatable");
+  command->option("--http-token", &options->http_token,
+                  "File with the token that HTTP clients must send (Authorization: Bearer)");
   command->number("--http-timeout", &options->http_timeout_ms,
                   "Milliseconds that an application has to answer one", {1, 600000});
   command->option("--apps", &options->applications, "File that lists the dynamic applications");
@@ -152,10 +165,31 @@ void start_admin(const Options &options, msgsvr::Server *server, msgsvr::Service
   }
 }
 
+// None when there is no file and need not be one. Throws policy::BadPolicy.
+std::optional<policy::Policy> read_policy(const Options &options) {
+  if (options.policy == "none") return std::nullopt;
+  if (options.policy == policy::kDefaultFile && ::access(policy::kDefaultFile, F_OK) != 0) {
+    return std::nullopt;
+  }
+  catalogue::Catalogue types;
+  for (const catalogue::Problem &problem : types.load()) log_line("{}", problem.text());
+  policy::Policy policy = policy::Policy::load(options.policy, types, ::getegid());
+  log_line("{}: {} rules", options.policy, policy.size());
+  return policy;
+}
+
+// All of it or nothing.
+void read_policy_anew(const Options &options, msgsvr::Server *server) try {
+  std::optional<policy::Policy> policy = read_policy(options);
+  if (!policy) log_line("SIGHUP: there is no policy, the built-in rules hold");
+  server->gate().replace(policy ? std::move(*policy) : policy::Policy(::getegid()));
+} catch (const std::exception &error) {
+  log_line("SIGHUP: the policy stays as it was: {}", error.what());
+}
+
 void serve(const Options &options, mode_t socket_mode) {
   servers::EventLoop loop;
   std::signal(SIGPIPE, SIG_IGN);
-  loop.on_signal(SIGHUP, [] { log_line("SIGHUP: there is no file to read anew"); });
   loop.on_signal(SIGTERM, [&loop] { loop.stop(); });
   loop.on_signal(SIGINT, [&loop] { loop.stop(); });
 
@@ -164,6 +198,8 @@ void serve(const Options &options, mode_t socket_mode) {
     for (const std::string &line : server.statistics()) log_line("{}", line);
   };
   loop.on_signal(SIGUSR1, log_statistics);
+  if (auto rules = read_policy(options)) server.gate().replace(std::move(*rules));
+  loop.on_signal(SIGHUP, [&server, &options] { read_policy_anew(options, &server); });
   msgsvr::Services services;
   services.push_back(msgsvr::make_registration(&server));
   services.push_back(msgsvr::make_events(&server));
@@ -197,7 +233,8 @@ int main(int argc, char **argv) try {
   Options options;
   servers::CommandLine line("msgsvr",
                             "Passes messages between the application processes of the device.");
-  add_options(&line, &options);
+  std::vector<std::string> tcp_from;
+  add_options(&line, &options, &tcp_from);
   add_flight_options(&line, &options);
   add_admin_options(&line, &options);
   add_limit_options(&line, &options);
@@ -210,6 +247,13 @@ int main(int argc, char **argv) try {
   const std::optional<mode_t> mode = permissions(options.socket_mode);
   if (!mode) {
     return line.usage_error("--mode " + options.socket_mode + " is no octal mode up to 0777");
+  }
+  for (const std::string &each : tcp_from) {
+    const std::optional<servers::Network> network = servers::Network::parse(each);
+    if (!network) {
+      return line.usage_error("--tcp-from " + each + " is no ADDRESS or ADDRESS/PREFIX");
+    }
+    options.tcp_from.push_back(*network);
   }
   const bool port_alone = !options.http.empty() && options.http.find(':') == std::string::npos;
   if (port_alone) options.http.insert(0, "127.0.0.1:");

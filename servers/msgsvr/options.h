@@ -6,15 +6,18 @@
 #include <string>
 #include <vector>
 
+#include "common/network.h"
 #include "msgapi/msg.h"
 #include "msgsvr/account.h"
+#include "policy/policy.h"
 
 namespace msgsvr {
 
 struct Options {
   std::string socket_path = ORP_MSG_SERVER_PATH;
   std::string socket_mode = "0666";
-  std::string tcp;  // ADDRESS:PORT, empty for none
+  std::string tcp;                         // ADDRESS:PORT, empty for none
+  std::vector<servers::Network> tcp_from;  // who is served there; none: everybody
   uint32_t keep_alive_s = 0;
   bool swap_all = false;
   bool log_server = false;  // own log lines go there
@@ -35,10 +38,14 @@ struct Options {
   uint64_t flight_size = 1 << 20;
   uint32_t flight_body = 0;
 
+  std::string policy = policy::kDefaultFile;  // need not be there if it is this one
+
   // Services.
   std::string admin = "/var/run/msgsvr.admin";  // "none" for none
   std::string admin_group;                      // who may use it besides the server's user
   std::string http;                             // ADDRESS:PORT for restful requests, empty for none
+  std::vector<std::string> http_hosts;          // names by which it may be called there
+  std::string http_token;  // file with the token of those who are served, empty for everybody
   uint32_t http_timeout_ms = 5000;
   std::string applications;  // the file that lists the dynamic applications, empty for none
   std::string login_state = "/var/msgsvr-login.json";

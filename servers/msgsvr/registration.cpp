@@ -51,15 +51,19 @@ class Registration final : public Service {
   };
 
   // Whether `client` may have that name. Logs why not.
-  static bool may_bear(const Client &client, const AppName &name) {
-    if (name.text() != kServerName) return true;
+  bool may_bear(Client &client, const AppName &name) {
+    if (name.text() != kServerName) return server_->gate().may_own(client, name);
     log_line("{} may not have the server's own name", client.label());
     return false;
   }
 
   void enter(Client &from, const Message &request) {
     AppName name(std::string_view(request.header.aucSendApp));
-    if (!may_bear(from, name)) name = {};
+    if (!may_bear(from, name)) {
+      server_->journal().refused_name(from, request.record, request.header.ulSeqNum);
+      name = {};
+    }
+    server_->gate().renaming(from);
     if (server_->names().take(from, name)) server_->journal().named(from);
     const bool swap = server_->options().swap_all ||
                       std::ranges::count(server_->options().swap_names, name.text()) > 0;

@@ -195,6 +195,8 @@ std::string totals_json(const Totals &totals) {
   json["nobody_told"] = s.untold;
   json["descriptors_passed"] = s.descriptors_passed;
   json["failed_callbacks"] = totals.failed_callbacks;
+  json["refused"] = s.refused;
+  json["foreign_senders"] = s.foreign;
   Json &culprits = json["culprits"] = Json::array();
   for (const Culprit &each : totals.culprits) {
     culprits.push_back({{"loss", key_of(each.loss)},
@@ -253,6 +255,9 @@ std::string metrics_text(const Totals &totals, const std::vector<ClientFacts> &c
       .sample(s.descriptors_passed);
   Family(&text, "failed_callbacks", "counter", "Given up for want of memory and the like.")
       .sample(totals.failed_callbacks);
+  Family(&text, "refusals", "counter", "By the policy.").sample(s.refused);
+  Family(&text, "foreign_senders", "counter", "Messages under another name than their sender's.")
+      .sample(s.foreign);
   Family(&text, "flight_records", "counter", "Written by the flight recorder.")
       .sample(totals.flight_records);
 

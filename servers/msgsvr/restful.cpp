@@ -125,8 +125,7 @@ class Restful final : public Service {
     server->on_refused([this](Client &from, const Header &header) { refused(from, header); });
     if (!server->options().http.empty()) {
       front_ = std::make_unique<HttpFront>(
-          &server->loop(), servers::listen_tcp(server->options().http),
-          HttpLimits{kLongestText, kBodyHead, time_limit()},
+          &server->loop(), servers::listen_tcp(server->options().http), limits(),
           [this](uint64_t id, HttpRequest request) { request_by_http(id, std::move(request)); },
           [this](uint64_t id) {
             const auto entry = std::ranges::find(
@@ -208,6 +207,14 @@ class Restful final : public Service {
     return std::chrono::milliseconds(server_->options().http_timeout_ms);
   }
 
+  HttpLimits limits() const {
+    HttpLimits limits{kLongestText, kBodyHead, time_limit()};
+    limits.guard = HttpGuard{server_->options().http_hosts, {}};
+    const std::string &token = server_->options().http_token;
+    if (!token.empty()) limits.guard->token = read_token(token);
+    return limits;
+  }
+
   void request_by_http(uint64_t id, HttpRequest request) {
     const auto method = std::ranges::find(kMethods, std::string_view(request.method),
                                           [](const auto &entry) { return entry.first; });
@@ -218,6 +225,10 @@ class Restful final : public Service {
       HttpAnswer refusal = failure(405, "method not allowed");
       refusal.allow = kAllowed;
       answer(id, record, std::move(refusal));
+      return;
+    }
+    if (!server_->gate().may_request(server_->options().http, request.method, request.path)) {
+      answer(id, record, failure(403, "not permitted"));
       return;
     }
     const std::optional<Target> target = find(request.path);
@@ -349,6 +360,10 @@ class Restful final : public Service {
     Client *to = entry == registrations_.end() ? nullptr : server_->by_id(entry->client);
     if (to == nullptr) {
       server_->lose(from, message, Loss::kNoSuchName);
+      return;
+    }
+    if (!server_->gate().passes(from, to, message.type())) {
+      server_->lose(from, message, Loss::kNotPermitted);
       return;
     }
     // The sender's name stays, so that the answer finds its way.

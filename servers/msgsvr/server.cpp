@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -139,7 +140,8 @@ Server::Server(EventLoop *loop, const Options &options)
     : loop_(loop),
       options_(options),
       read_buffer_(std::min(kReadSize, options.queue_limit / kReadsInQueue)),
-      accounts_(options.limits, &journal_) {}
+      accounts_(options.limits, &journal_),
+      gate_(::getegid(), &journal_) {}
 
 Server::~Server() {
   shut_down();
@@ -164,6 +166,7 @@ void Server::take_in(UniqueFd fd) {
   auto owner = std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit);
   Client &client = *owner;
   client.account = accounts_.open(user_name(client));
+  if (!is_served(client)) return;
   client.connection = Share(client.account, Kept::kConnections);
   client.in.partial_share = Share(client.account, Kept::kUnfinished);
   if (!client.connection.grow(options_.limits)) {
@@ -174,6 +177,27 @@ void Server::take_in(UniqueFd fd) {
   clients_.emplace(id, std::move(owner));
   client.begin_watch();
   journal_.connected(client);
+}
+
+// Over TCP only those of listed networks are.
+bool Server::is_served(const Client &client) {
+  if (client.address.empty() || options_.tcp_from.empty()) return true;
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  const bool known =
+      ::getpeername(client.fd.get(), reinterpret_cast<sockaddr *>(&address), &size) == 0;
+  if (known && std::ranges::any_of(options_.tcp_from, [&](const servers::Network &network) {
+        return network.contains(address);
+      })) {
+    return true;
+  }
+  journal_.refused();
+  const uint64_t times = ++strangers_;
+  if ((times & (times - 1)) == 0) {
+    log_line("{} is of no network that is served (--tcp-from), {} connections so far",
+             client.address, times);
+  }
+  return false;
 }
 
 void Server::refuse(Client &client, const Message &request, std::string_view what) {
@@ -454,12 +478,12 @@ std::vector<std::string> Server::statistics() const {
       "{} clients of {} connections; in {} messages, {} bytes; out {} messages, {} bytes; no such "
       "name {}; queue full {}; receiver died {}; cut short {}; senders told {}; nobody told {}; "
       "not served {}; not permitted {}; descriptors passed {}, refused {}; malformed {}; over a "
-      "limit {}; given up {}",
+      "limit {}; given up {}; refused by the policy {}; foreign senders {}",
       clients_.size(), s.connections, s.frames_in, s.bytes_in, frames_out, bytes_out,
       s.of(Loss::kNoSuchName), s.of(Loss::kQueueFull), s.of(Loss::kReceiverGone),
       s.of(Loss::kCutShort), s.told, s.untold, s.of(Loss::kNotServed), s.of(Loss::kNotPermitted),
       s.descriptors_passed, s.of(Loss::kDescriptor), s.of(Loss::kMalformed), s.over_limit,
-      s.failures);
+      s.failures, s.refused, s.foreign);
   return lines;
 }
 

@@ -19,6 +19,7 @@
 #include "msgsvr/account.h"
 #include "msgsvr/client.h"
 #include "msgsvr/flow.h"
+#include "msgsvr/gate.h"
 #include "msgsvr/journal.h"
 #include "msgsvr/names.h"
 #include "msgsvr/options.h"
@@ -74,6 +75,7 @@ class Server {
   Client *by_id(uint32_t id);
   Names &names() { return names_; }
   Accounts &accounts() { return accounts_; }
+  Gate &gate() { return gate_; }
   // Ends that client for the reason `why`; false when it is not there.
   bool disconnect(uint32_t id, std::string_view why) noexcept;
   // Notes that `client` is refused more of what is limited, and tells it that its request is lost.
@@ -111,6 +113,7 @@ class Server {
   struct Listener;
 
   void take_in(UniqueFd fd);
+  bool is_served(const Client &client);
   void fail(Client &client, const char *why) noexcept;
   void update_interest(Client &client) noexcept;
   void readable(Client &from);
@@ -124,11 +127,12 @@ class Server {
   bool admit_unfinished(Client &from, size_t size);
   void discard_rest(Client &from, std::span<const char> begin, const Header &header,
                     const Route &route);
-  void begin_frame(Client &from, std::span<char> begin, const Header &header, const Route &route);
+  void begin_frame(Client &from, std::span<char> begin, Header header, const Route &route);
   void begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header);
   const Route *resolve(Client &from, const Header &header);
-  static Loss obstacle(const Route &route);
-  void deliver(Client &from, std::span<char> frame, const Header &header, const Route &route);
+  void check_sender(Client &from, std::span<char> frame, Header *header);
+  Loss obstacle(Client &from, const Header &header);
+  void deliver(Client &from, std::span<char> frame, Header header);
   void dispatch(Client &from, std::span<char> frame, const Header &header,
                 const OutputQueue::Tag &tag);
 
@@ -157,6 +161,7 @@ class Server {
   std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
   Names names_;
   uint32_t last_id_ = 0;
+  uint64_t strangers_ = 0;  // connections from networks that are not served
 
   std::unordered_map<uint32_t, Handler> handlers_;
   std::vector<std::function<bool(Client &, const Message &)>> rest_handlers_;
@@ -171,6 +176,7 @@ class Server {
   Flow flow_{this};
   Journal journal_;
   Accounts accounts_;
+  Gate gate_;
 };
 
 }  // namespace msgsvr

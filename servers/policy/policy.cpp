@@ -124,6 +124,7 @@ Policy::Policy(gid_t own_group) {
 }
 
 void Policy::add_built_in(gid_t own_group) {
+  if (!default_) return;  // it is stricter
   Rule rule;
   rule.number = Decision::kBuiltIn;
   for (const Service service : kSensitive) rule.names.emplace_back(word_of(service));

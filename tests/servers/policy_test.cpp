@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <optional>
 #include <random>
 #include <string>
@@ -120,6 +121,9 @@ TEST(Policy, KnowsTypesByNameNumberAndRange) {
 TEST(Policy, LeavesWhatIsSensitiveClosedUnlessARuleOpensIt) {
   const Policy silent = policy_of(R"({"allow": "own"})");
   EXPECT_FALSE(silent.decide(kNobody, service(Service::kReboot)).allowed);
+
+  const Policy strict = policy_of(R"({"allow": "own"})", "deny");
+  EXPECT_FALSE(strict.decide(kRoot, service(Service::kReboot)).allowed);
 
   const Policy open = policy_of(R"({"allow": "service", "services": "reboot", "user": 65534})");
   EXPECT_TRUE(open.decide(kNobody, service(Service::kReboot)).allowed);
@@ -248,6 +252,30 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
       EXPECT_THAT(error.what(), HasSubstr(what)) << rule;
     }
   }
+}
+
+TEST(PolicyFile, OfThePackagesGuardsNamesAndWhatIsSensitive) {
+  std::ifstream file(MSGAPI_SOURCE "/packaging/policy.json");
+  std::string text{std::istreambuf_iterator<char>(file), {}};
+  const size_t group = text.find("\"msgapi\"");
+  ASSERT_NE(std::string::npos, group);
+  text.replace(group, 8, std::to_string(kServersGroup));  // which may not be there
+  const Policy policy(text, "policy.json", types(), 0);
+
+  for (const char *name : {"cms", "web", "datacli"}) {
+    EXPECT_TRUE(policy.decide(kRoot, {Action::kOwn, name}).allowed);
+    EXPECT_TRUE(policy.decide(kMember, {Action::kOwn, name}).allowed);
+    EXPECT_FALSE(policy.decide(kNobody, {Action::kOwn, name}).allowed);
+    EXPECT_FALSE(policy.decide(kBoard, {Action::kOwn, name}).allowed);
+  }
+  for (const Service what : {Service::kReboot, Service::kConfigImport, Service::kLoginLimits}) {
+    EXPECT_TRUE(policy.decide(kRoot, service(what)).allowed);
+    EXPECT_FALSE(policy.decide(kMember, service(what)).allowed);
+    EXPECT_FALSE(policy.decide(kNobody, service(what)).allowed);
+  }
+  EXPECT_TRUE(policy.decide(kNobody, {Action::kOwn, "lamp"}).allowed);
+  EXPECT_FALSE(policy.limits(Action::kSend));
+  EXPECT_FALSE(policy.limits(Action::kSubscribe));
 }
 
 TEST(PolicyFile, IsARegularFile) {

@@ -31,6 +31,7 @@ void add_doctor_command(servers::CommandLine *line, Context *context);
 void add_event_commands(servers::CommandLine *line, Context *context);
 void add_notify_command(servers::CommandLine *line, Context *context);
 void add_ping_command(servers::CommandLine *line, Context *context);
+void add_policy_command(servers::CommandLine *line, Context *context);
 void add_restful_commands(servers::CommandLine *line, Context *context);
 void add_serve_command(servers::CommandLine *line, Context *context);
 void add_server_commands(servers::CommandLine *line, Context *context);

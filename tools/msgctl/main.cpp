@@ -45,6 +45,7 @@ int main(int argc, char **argv) {
   msgctl::add_event_commands(&line, &context);
   msgctl::add_notify_command(&line, &context);
   msgctl::add_ping_command(&line, &context);
+  msgctl::add_policy_command(&line, &context);
   msgctl::add_restful_commands(&line, &context);
   msgctl::add_serve_command(&line, &context);
   msgctl::add_server_commands(&line, &context);

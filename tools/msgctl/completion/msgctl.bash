@@ -30,10 +30,10 @@ _msgctl() {
       command=${COMP_WORDS[i]}
     else
       case ${COMP_WORDS[i - 1]} in
-        --answer | --argument | --as | --body | --by | --count | --dm | --event | --exec | --file | \
-          --for | --from | --gone | --interval | --keep | --lines | --most | --of | --payload | \
-          --rotate | --seconds | --size | --sort | --speed | --sub-type | --timeout | --to | --type | \
-          --write | -f | -n | -w) ;;
+        --answer | --argument | --as | --board | --body | --by | --count | --dm | --event | --exec | \
+          --file | --for | --from | --gone | --group | --interval | --keep | --lines | --most | --of | \
+          --payload | --policy | --rotate | --seconds | --server-group | --size | --sort | --speed | \
+          --sub-type | --timeout | --to | --type | --user | --write | -f | -n | -w) ;;
         *) place=$((place + 1)) ;;
       esac
     fi
@@ -52,11 +52,12 @@ _msgctl() {
         mapfile -t COMPREPLY < <(compgen -c -- "$word")
         return
         ;;
-      --file | --write | -f | -w) kind=files ;;
+      --file | --policy | --write | -f | -w) kind=files ;;
       *) kind=$(_msgctl_kind "$command" $((place + 1))) ;;
     esac
     case $command:$((place + 1)) in
       sync:1) words='wait post' ;;
+      policy:1) words='check test learn' ;;
       notify:1) words='modules request send' ;;
       complete:1) words='names types events paths modules' ;;
     esac

@@ -1,0 +1,86 @@
+// Asks the policy about clients: keeps its answers, counts what is refused, and logs it once for
+// each client and rule.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "msgsvr/wire.h"
+#include "policy/policy.h"
+
+namespace msgsvr {
+
+struct Client;
+class Journal;
+
+// What the gate knows of one client.
+struct Passport {
+  std::optional<policy::Who> who;  // once it has been needed
+  // Answers about its messages and about events for it, as long as the gate's epoch is this one.
+  uint64_t epoch = 0;
+  std::unordered_map<uint64_t, bool> answers;
+  uint64_t generation = 0;     // of the policy whose rules these are
+  std::vector<uint64_t> told;  // of which the log has spoken
+  uint64_t foreign = 0;        // its messages under another sender than itself
+};
+
+class Gate {
+ public:
+  // With the built-in rules.
+  Gate(gid_t own_group, Journal *journal);
+
+  const policy::Policy &policy() const { return policy_; }
+  void replace(policy::Policy policy);
+  // `client`, which has sent something before, is about to get another name.
+  void renaming(const Client &client);
+
+  // Each of the following counts and logs what it refuses.
+
+  // A message for `to`, or for the server (null). A registration, a subscription or a request for a
+  // service is not judged here.
+  bool passes(Client &from, Client *to, uint32_t type) {
+    return !judges_messages_ || judge(from, to, type);
+  }
+  // An event of `from` may reach `to`, which has subscribed.
+  bool passes_event(const Client &from, Client &to, uint32_t type) {
+    return !judges_events_ || judge_event(from, to, type);
+  }
+  // Changes whenever passes() may answer something else. Never 0.
+  uint64_t epoch() const { return epoch_; }
+  bool judges_messages() const { return judges_messages_; }
+
+  bool may_own(Client &client, const AppName &name);
+  // To events of that type; for another application if `name` is not the client's own.
+  bool may_subscribe(Client &client, const std::optional<AppName> &name, uint32_t type);
+  bool may_use(Client &client, policy::Service service);
+  // The service that a message for the server asks for, if any; dynamic applications judge what is
+  // for them themselves.
+  bool may_ask(Client &client, const Message &message);
+  // A request by HTTP that came in at `address`.
+  bool may_request(const std::string &address, std::string_view method, std::string_view path);
+  // `client` has sent a message under the name `sender`, which is not its own. False if its own
+  // must take that one's place.
+  bool may_speak_for(Client &client, const AppName &sender);
+
+ private:
+  bool judge(Client &from, Client *to, uint32_t type);
+  bool judge_event(const Client &from, Client &to, uint32_t type);
+  bool ask(Client &client, const policy::Question &question);
+  std::optional<bool> kept(Client &client, uint64_t key) const;
+  static const policy::Who &who_is(Client &client);
+  static std::string text_of(const policy::Question &question);
+
+  Journal *journal_;
+  policy::Policy policy_;
+  uint64_t epoch_ = 1;
+  uint64_t generation_ = 0;  // how often the policy has been replaced
+  bool judges_messages_ = false;
+  bool judges_events_ = false;
+  std::vector<uint64_t> told_;  // the rules against HTTP requests of which the log has spoken
+};
+
+}  // namespace msgsvr

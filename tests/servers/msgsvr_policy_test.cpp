@@ -1,0 +1,592 @@
+// The message server's policy with clients of several users: who they are comes from the kernel.
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "msgapi/dynapp.h"
+#include "msgapi/restful.h"
+#include "servers/services.h"
+#include "support/file.h"
+#include "support/message_peer.h"
+#include "support/network.h"
+
+namespace {
+
+using test::Frame;
+using test::padded;
+using test::RawClient;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr const char *kFile = "/var/policy.json";
+constexpr uint32_t kType = 0x1234;
+constexpr uid_t kUser = 1234;
+constexpr gid_t kGroup = 4321;
+constexpr uint16_t kPort = 5050;
+
+class Trust : public test::Services {
+ protected:
+  void SetUp() override {
+    if (!can_be_others()) GTEST_SKIP() << "an ordinary user's sandbox has no other users";
+  }
+
+  // The kernel keeps the users of each thread, and hands on those of the one that connects.
+  template <typename Do>
+  static void as(uid_t user, const std::vector<gid_t> &groups, Do what) {
+    std::thread([&] {
+      const bool changed = ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0 &&
+                           ::syscall(SYS_setresgid, user, user, user) == 0 &&
+                           ::syscall(SYS_setresuid, user, user, user) == 0;
+      what(changed);
+    }).join();
+  }
+
+  static bool can_be_others() {
+    bool can = false;
+    as(kUser, {kGroup}, [&](bool changed) { can = changed; });
+    return can;
+  }
+
+  // Connected, with what it says as its sender, but not registered.
+  static std::unique_ptr<RawClient> stranger(const std::string &name,
+                                             const std::vector<gid_t> &groups = {}) {
+    std::unique_ptr<RawClient> client;
+    as(kUser, groups,
+       [&](bool) { client = std::make_unique<RawClient>(name, RawClient::Register::kNo); });
+    return client;
+  }
+
+  static std::unique_ptr<RawClient> user(const std::string &name,
+                                         const std::vector<gid_t> &groups = {}) {
+    auto client = stranger(name, groups);
+    EXPECT_TRUE(registers(client.get()));
+    return client;
+  }
+
+  // A refused registration is answered under an empty name.
+  static bool registers(RawClient *client) {
+    const auto reply = client->enter();
+    return reply && reply->to == client->name();
+  }
+
+  static void write(const std::string &rules, const std::string &otherwise = "allow") {
+    std::ofstream(kFile) << "{\"default\": \"" << otherwise << "\", \"rules\": [\n"
+                         << rules << "]}";
+  }
+
+  void start_with(const std::string &rules, std::vector<std::string> arguments = {}) {
+    write(rules);
+    arguments.insert(arguments.end(), {"--policy", kFile});
+    start(arguments);
+  }
+
+  static Frame notice(uint32_t type, const std::string &to) {
+    return {.type = ORP_MSG_UNDELIVERABLE, .to = to, .data = type};
+  }
+
+  // What the log says until the server ends in order.
+  std::string log() {
+    EXPECT_EQ(0, server_->stop(SIGTERM));
+    return server_->output();
+  }
+
+  static size_t count(const std::string &text, const std::string &part) {
+    size_t found = 0;
+    for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++found;
+    return found;
+  }
+};
+
+TEST_F(Trust, WithoutAFileOnlyRootMayAskForWhatIsSensitive) {
+  start();
+  const auto nobody = user("nobody");
+  const Frame kSensitive[] = {
+      {.type = ORP_MSG_RESTORE_DEFAULTS, .body = std::string(8, '\0')},
+      {.type = ORP_MSG_DELETE_APPDATA},
+      {.type = ORP_MSG_EXPORT_USER},
+      {.type = ORP_MSG_EXPORT_CFG_FILE, .body = "/tmp/export"},
+      {.type = ORP_MSG_IMPORT_CFG_FILE, .body = "/tmp/export"},
+      {.type = ORP_MSG_REBOOT},
+      {.type = ORP_MSG_DYNAPP_STOP_ALL},
+      {.type = ORP_LCTRL_MSG_SET_MAX_FAILED, .body = std::string(8, '\0')},
+      {.type = ORP_LCTRL_MSG_CLEAR_FORBIDDEN, .body = std::string(4, '\0')},
+  };
+  for (const Frame &request : kSensitive) {
+    nobody->send(request);
+    nobody->expect(notice(request.type, "nobody"));
+  }
+  EXPECT_THAT(nobody->drain(), IsEmpty());
+
+  // Everything else is as open as ever.
+  EXPECT_EQ(ORP_MSG_SAVE_CFG_SYNC, nobody->ask({.type = ORP_MSG_SAVE_CFG_SYNC}).type);
+  nobody->send({.type = ORP_MSG_SYNC_POST, .body = "boot"});
+  EXPECT_TRUE(registers(stranger("wifi").get()));
+  RawClient root("root");
+  root.send({.type = ORP_MSG_REBOOT});
+  EXPECT_THAT(root.drain(), IsEmpty());
+  EXPECT_EQ(0u, root.ask({.type = ORP_MSG_DYNAPP_STOP_ALL}).data);
+
+  EXPECT_THAT(log(), AllOf(HasSubstr("of user 1234 may not ask for reboot: the built-in rules"),
+                           HasSubstr("root["), HasSubstr("asks for a reboot"),
+                           HasSubstr("not permitted 9")));
+}
+
+TEST_F(Trust, NamesBelongToWhomTheRulesSay) {
+  start_with(R"({"allow": "own", "names": ["wifi", "cms*"], "user": "root", "group": 4321},
+                {"deny": "own", "names": ["wifi", "cms*"]})");
+
+  const auto thief = stranger("wifi");
+  EXPECT_FALSE(registers(thief.get()));
+  EXPECT_FALSE(registers(thief.get())) << "nor the second time";
+  EXPECT_FALSE(registers(stranger("cmsd").get()));
+  EXPECT_TRUE(registers(stranger("other").get()));
+  EXPECT_TRUE(registers(stranger("wifi", {kGroup}).get())) << "by a further group";
+  const RawClient root("wifi");
+
+  const std::string text = log();
+  EXPECT_EQ(1u, count(text, "may not own \"wifi\": /var/policy.json:3")) << text;
+  EXPECT_EQ(1u, count(text, "may not own \"cmsd\": /var/policy.json:3")) << text;
+  EXPECT_THAT(text, HasSubstr("refused by the policy 3"));
+}
+
+// Whoever waits for a daemon's name to become free does not get it.
+TEST_F(Trust, AFreedNameIsNotForTheTaking) {
+  start_with(R"({"allow": "own", "names": "wifi", "user": 0}, {"deny": "own", "names": "wifi"})");
+  std::atomic<bool> done = false;
+  std::atomic<int> taken = 0;
+  std::atomic<int> tries = 0;
+  std::thread thief([&] {
+    const auto client = stranger("wifi");
+    while (!done) {
+      if (registers(client.get())) ++taken;
+      ++tries;
+    }
+  });
+  RawClient asker("asker");
+  for (int i = 0; i < 50; ++i) {
+    {
+      RawClient wifi("wifi");
+      asker.send({.type = kType, .to = "wifi", .body = "secret"});
+      EXPECT_EQ("secret", wifi.read().body);
+    }
+    asker.send({.type = kType + 1, .to = "wifi", .body = "secret"});
+    asker.drain();
+  }
+  done = true;
+  thief.join();
+  EXPECT_EQ(0, taken);
+  EXPECT_GT(tries, 0);
+}
+
+TEST_F(Trust, MessagesGoWhereTheRulesLetThem) {
+  start_with(R"({"deny": "send", "to": "wifi", "types": ["exit", "0x1234"], "user": 1234},
+                {"deny": "receive", "from": "wifi", "types": "0x2000-0x20ff", "user": 1234},
+                {"deny": "send", "to": "mic", "types": "event-wan", "user": 1234})");
+  RawClient wifi("wifi");
+  const auto web = user("web");
+  wifi.send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS});
+  wifi.drain();
+
+  for (int i = 0; i < 3; ++i) {
+    web->send({.type = kType, .to = "wifi", .body = "no"});
+    web->expect(notice(kType, "web"));
+  }
+  web->send({.type = kType, .to = "wifi", .body = std::string(100000, 'x')});
+  web->expect(notice(kType, "web"));
+  web->send({.type = ORP_MSG_EVENT_WAN, .body = "no"});
+  web->expect(notice(ORP_MSG_EVENT_WAN, "web"));
+  web->send({.type = ORP_MSG_EVENT_LAN, .body = "yes"});
+  EXPECT_EQ("yes", wifi.read().body);
+  web->send({.type = kType + 1, .to = "wifi", .body = "yes"});
+  EXPECT_EQ("yes", wifi.read().body);
+
+  wifi.send({.type = 0x2010, .to = "web", .body = "no"});
+  wifi.expect(notice(0x2010, "wifi"));
+  wifi.send({.type = 0x2110, .to = "web", .body = "yes"});
+  EXPECT_EQ("yes", web->read().body);
+  // A descriptor that follows a refused message goes nowhere.
+  web->send({.type = kType, .to = "wifi"});
+  web->expect(notice(kType, "web"));
+  test::send_with_descriptors(web->fd(), std::string(2, '\0'));
+  web->expect(notice(kType, "web"));
+  EXPECT_TRUE(wifi.quiet());
+
+  const std::string text = log();
+  EXPECT_EQ(1u, count(text, "may not send 0x1234 to \"wifi\": /var/policy.json:2")) << text;
+  EXPECT_EQ(1u, count(text, "may not receive 0x2010 from \"wifi\": /var/policy.json:3")) << text;
+}
+
+TEST_F(Trust, VerdictsFollowNames) {
+  start_with(R"({"deny": "send", "to": "safe", "types": "0x1234"},
+                {"deny": "receive", "from": "loud", "types": "0x1234"})");
+  RawClient a("a");
+  RawClient b("b");
+  const auto call_b = [&](const std::string &name) {
+    b = RawClient(name);
+    a.send({.type = kType, .to = name});
+    return a.drain().size();
+  };
+  EXPECT_EQ(0u, call_b("b"));
+  EXPECT_EQ(1u, call_b("safe"));
+  EXPECT_EQ(0u, call_b("b"));
+
+  // The same connections under other names.
+  b.drain();
+  a.send({.type = kType, .to = "b"});
+  EXPECT_EQ(kType, b.read().type);
+  ASSERT_TRUE(a.send_bytes(Frame{.type = ORP_MSG_REGISTER, .sequence = 1}.bytes("loud")));
+  EXPECT_EQ("loud", a.read().to);
+  a.send_bytes(Frame{.type = kType, .to = "b"}.bytes("loud"));
+  a.expect(notice(kType, "loud"));
+  ASSERT_TRUE(b.send_bytes(Frame{.type = ORP_MSG_REGISTER, .sequence = 1}.bytes("safe")));
+  EXPECT_EQ("safe", b.read().to);
+  RawClient c("c");
+  c.send({.type = kType, .to = "safe"});
+  c.expect(notice(kType, "c"));
+}
+
+TEST_F(Trust, NobodyForgesTheServersWords) {
+  start();
+  RawClient victim("victim");
+  const auto forger = user("forger");
+  for (const char *sender : {"mic", "", "forger"}) {
+    forger->send_bytes(
+        Frame{.type = ORP_MSG_UNDELIVERABLE, .to = "victim", .data = 7}.bytes(sender));
+    forger->expect(notice(ORP_MSG_UNDELIVERABLE, "forger"));
+  }
+  for (const char *sender : {"mic", ""}) {
+    forger->send_bytes(Frame{.type = ORP_MSG_EXIT, .to = "victim"}.bytes(sender));
+    forger->expect(notice(ORP_MSG_EXIT, "forger"));
+  }
+  EXPECT_TRUE(victim.quiet());
+  // In its own name an application may ask another to end.
+  forger->send({.type = ORP_MSG_EXIT, .to = "victim"});
+  EXPECT_EQ("forger", victim.read().from);
+}
+
+TEST_F(Trust, WithoutAFileForeignSendersAreLoggedAndCounted) {
+  start();
+  RawClient victim("victim");
+  const auto proxy = user("proxy");
+  for (int i = 0; i < 3; ++i) {
+    proxy->send_bytes(Frame{.type = kType, .to = "victim"}.bytes("lamp"));
+    EXPECT_EQ("lamp", victim.read().from) << "as it was sent";
+  }
+  const std::string text = log();
+  EXPECT_EQ(1u, count(text, "of user 1234 sends as \"lamp\"")) << text;
+  EXPECT_THAT(text, HasSubstr("foreign senders 3"));
+}
+
+TEST_F(Trust, WithAFileMessagesBearTheirSendersName) {
+  start_with(R"({"allow": "speak-for", "names": "lamp?", "user": 1234})");
+  RawClient victim("victim");
+  const auto proxy = user("proxy");
+  const auto sender_of = [&](const std::string &name, size_t size = 3) {
+    proxy->send_bytes(
+        Frame{.type = kType, .to = "victim", .body = std::string(size, 'b')}.bytes(name));
+    const Frame frame = victim.read();
+    EXPECT_EQ(size, frame.body.size());
+    return frame.from;
+  };
+  EXPECT_EQ("lamp1", sender_of("lamp1"));
+  EXPECT_EQ("proxy", sender_of("wifi"));
+  EXPECT_EQ("proxy", sender_of("mic"));
+  EXPECT_EQ("proxy", sender_of(""));
+  EXPECT_EQ("proxy", sender_of("wifi", 30000)) << "kept until it is whole";
+  EXPECT_EQ("proxy", sender_of("wifi", 300000)) << "passed on as it arrives";
+  EXPECT_EQ("lamp2", sender_of("lamp2", 300000));
+
+  // Who has no name speaks for nobody, least of all for the server.
+  const auto nameless = stranger("");
+  for (const char *sender : {"", "mic", "wifi", "lamp1"}) {
+    nameless->send_bytes(Frame{.type = kType, .to = "victim"}.bytes(sender));
+  }
+  EXPECT_EQ("lamp1", victim.read().from);
+  EXPECT_EQ(3u, nameless->drain().size());
+  EXPECT_TRUE(victim.quiet());
+}
+
+TEST_F(Trust, EventsReachOnlyWhoMayHaveThem) {
+  start_with(R"({"deny": "subscribe", "types": "event-wan", "user": 1234},
+                {"deny": "subscribe-others", "names": "wifi", "user": 1234},
+                {"deny": "receive", "from": "loud", "user": 1234})");
+  RawClient wifi("wifi");
+  RawClient loud("loud");
+  const auto web = user("web");
+  web->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WAN});
+  web->expect(notice(ORP_MSG_SUBSCRIBE, "web"));
+  web->send({.type = ORP_MSG_SUBSCRIBE, .body = padded("wifi"), .data = ORP_MSG_EVENT_LAN});
+  web->expect(notice(ORP_MSG_SUBSCRIBE, "web"));
+  wifi.send({.type = ORP_MSG_SUBSCRIBE, .body = padded("wifi"), .data = ORP_MSG_EVENT_USB});
+  wifi.drain();
+  web->send({.type = ORP_MSG_UNSUBSCRIBE, .body = padded("wifi"), .data = ORP_MSG_EVENT_USB});
+  web->expect(notice(ORP_MSG_UNSUBSCRIBE, "web"));
+  // All events are those that it may have.
+  web->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS});
+  web->send({.type = ORP_MSG_SUBSCRIBE, .body = padded("web"), .data = ORP_MSG_EVENT_DHCP});
+  EXPECT_THAT(web->drain(), IsEmpty());
+
+  for (int round = 0; round < 2; ++round) {
+    wifi.send({.type = ORP_MSG_EVENT_WAN, .body = "no"});
+    wifi.send({.type = ORP_MSG_EVENT_LAN, .body = "lan"});
+    wifi.send({.type = ORP_MSG_EVENT_USB, .body = "usb"});
+    loud.send({.type = ORP_MSG_EVENT_LAN, .body = "no"});
+    EXPECT_EQ("usb", wifi.read().body) << "the subscription is still there";
+    EXPECT_EQ("lan", web->read().body);
+    EXPECT_EQ("usb", web->read().body);
+    EXPECT_THAT(loud.drain(), IsEmpty()) << "publishers are not told";
+    EXPECT_TRUE(web->quiet());
+  }
+}
+
+TEST_F(Trust, ServicesAreForWhomTheRulesSay) {
+  start_with(R"({"allow": "service", "services": ["reboot", "login-limits"], "user": 1234},
+                {"deny": "service", "services": ["sync-points", "exit-others"], "user": 1234})");
+  RawClient wifi("wifi");
+  const auto web = user("web");
+  web->send({.type = ORP_MSG_REBOOT});
+  EXPECT_THAT(web->drain(), IsEmpty());
+  web->send({.type = ORP_MSG_DELETE_APPDATA});
+  web->expect(notice(ORP_MSG_DELETE_APPDATA, "web"));
+  web->send({.type = ORP_MSG_SYNC_POST, .body = "boot"});
+  web->expect(notice(ORP_MSG_SYNC_POST, "web"));
+  web->send({.type = ORP_MSG_EXIT, .body = padded("wifi")});
+  web->expect(notice(ORP_MSG_EXIT, "web"));
+  web->send({.type = ORP_MSG_EXIT, .body = padded("web")});
+  EXPECT_EQ(ORP_MSG_EXIT, web->read().type) << "itself it may end";
+  EXPECT_TRUE(wifi.quiet());
+}
+
+TEST_F(Trust, BoardsAreKnownByTheAddressWhereTheyComeIn) {
+  start_with(R"({"deny": "own", "names": "wifi", "board": "127.0.0.1:5050"},
+                {"deny": "send", "user": 0, "group": 0, "types": "0x1234"})",
+             {"--tcp", "127.0.0.1:5050"});
+  RawClient board("board", kPort);
+  RawClient local("local");
+
+  EXPECT_THAT(server_->output(), Not(HasSubstr("may not")));
+  board.send({.type = kType, .to = "local"});
+  EXPECT_EQ("board", local.read().from) << "no user, whatever its process is";
+  local.send({.type = kType, .to = "board"});
+  local.expect(notice(kType, "local"));
+  board.send({.type = ORP_MSG_REBOOT});
+  board.expect(notice(ORP_MSG_REBOOT, "board"));
+  board.send_bytes(Frame{.type = ORP_MSG_REGISTER, .sequence = 1}.bytes("wifi"));
+  EXPECT_EQ("", board.read().to);
+  EXPECT_TRUE(registers(stranger("wifi").get()));
+}
+
+TEST_F(Trust, HttpRequestsAreJudgedByMethodAndPath) {
+  start_with(R"({"allow": "http", "methods": "GET", "paths": "/dev/*"},
+                {"deny": "http", "paths": "/dev/*"})",
+             {"--http", "8080"});
+  RawClient app("app");
+  app.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = std::string("/dev/info\0", 10)});
+  app.drain();
+  const auto status_of = [](const std::string &options) {
+    EXPECT_NE(-1, std::system(("curl -sg --max-time 20 -o /var/body -w '%{http_code}' " + options +
+                               " http://127.0.0.1:8080/dev/info >/var/http")
+                                  .c_str()));
+    return test::contents("/var/http");
+  };
+
+  EXPECT_EQ("403", status_of("-X POST -d x"));
+  EXPECT_THAT(test::contents("/var/body"), HasSubstr("not permitted"));
+  EXPECT_TRUE(app.quiet());
+  std::thread answers([&] {
+    const Frame request = app.read();
+    app.answer(request, 0, std::string("fine\0", 5));
+  });
+  EXPECT_EQ("200", status_of(""));
+  answers.join();
+}
+
+// What the server answers to such a request, whoever would serve it: 404 is let in.
+class HttpDoor : public Trust {
+ protected:
+  static std::string status_of(const std::string &options,
+                               const std::string &url = "http://127.0.0.1:8080/x") {
+    EXPECT_NE(-1,
+              std::system(("curl -sg --max-time 20 -o /var/body -D /var/head -w '%{http_code}' " +
+                           options + " " + url + " >/var/http")
+                              .c_str()));
+    return test::contents("/var/http");
+  }
+};
+
+TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
+  start({"--http", "8080", "--http-host", "gateway.lan"});
+  const std::pair<const char *, const char *> kAsked[] = {
+      {"", "404"},
+      {"-H 'Host: localhost'", "404"},
+      {"-H 'Host: Gateway.LAN.:8080'", "404"},
+      {"-H 'Host: [::1]:8080'", "404"},
+      {"--http1.0 -H 'Host:'", "404"},
+      {"-H 'Host: evil.example'", "421"},
+      {"-H 'Host: gateway.lan.evil.example:8080'", "421"},
+      {"-H 'Host: 127.0.0.1.evil.example'", "421"},
+      {"-H 'Origin: http://127.0.0.1:8080'", "404"},
+      {"-H 'Origin: https://127.0.0.1:8080'", "404"},
+      {"-H 'Origin: http://127.0.0.1'", "403"},
+      {"-H 'Origin: http://evil.example' -d x", "403"},
+      {"-H 'Origin: null'", "403"},
+      {"-H 'Host: evil.example' -H 'Origin: http://evil.example'", "421"},
+      {"-H 'Sec-Fetch-Site: cross-site'", "403"},
+      {"-H 'Sec-Fetch-Site: same-origin'", "404"},
+      {"-H 'Sec-Fetch-Site: none'", "404"},
+  };
+  for (const auto &[options, status] : kAsked) EXPECT_EQ(status, status_of(options)) << options;
+  // A refused body is not waited for by the next request of the connection.
+  EXPECT_EQ("403404",
+            status_of("-H 'Origin: null' --data-binary @" + std::string(::getenv("MSGAPI_BIN")) +
+                      "/msgsvr http://127.0.0.1:8080/y --next -s -o /var/body -w '%{http_code}'"));
+  EXPECT_EQ("404", status_of(""));
+  EXPECT_THAT(test::contents("/var/head"),
+              AllOf(HasSubstr("Cross-Origin-Resource-Policy: same-origin"),
+                    Not(HasSubstr("Access-Control-Allow"))));
+}
+
+TEST_F(HttpDoor, OpensWithTheToken) {
+  const std::string path = "/var/token";
+  std::ofstream(path) << "0123456789abcdef\n";
+  std::filesystem::permissions(path, std::filesystem::perms(0640));
+  start({"--http", "8080", "--http-token", path});
+  EXPECT_EQ("401", status_of(""));
+  EXPECT_THAT(test::contents("/var/head"), HasSubstr("WWW-Authenticate: Bearer"));
+  EXPECT_EQ("404", status_of("-H 'Authorization: Bearer 0123456789abcdef'"));
+  EXPECT_EQ("404", status_of("-H 'Authorization: bearer 0123456789abcdef'"));
+  for (const char *wrong : {"Bearer 0123456789abcdeF", "Bearer 0123456789abcdef0", "Bearer ",
+                            "Bearer", "Basic 0123456789abcdef"}) {
+    EXPECT_EQ("401", status_of("-H 'Authorization: " + std::string(wrong) + "'")) << wrong;
+  }
+
+  for (const auto &[text, mode, why] :
+       {std::tuple("0123456789abcdef", 0644, "others may read the token"),
+        std::tuple("0123456789abcde", 0600, "is no token"),
+        std::tuple("0123456789 abcdef", 0600, "is no token")}) {
+    std::ofstream(path) << text;
+    std::filesystem::permissions(path, static_cast<std::filesystem::perms>(mode));
+    test::Process server("msgsvr", {"--socket", "/var/run/other", "--admin", "none", "--flight",
+                                    "0", "--http", "8081", "--http-token", path});
+    EXPECT_EQ(1, server.wait());
+    EXPECT_THAT(server.output(), HasSubstr(why));
+  }
+}
+
+TEST_F(Trust, BoardsComeFromListedNetworks) {
+  test::run("ip address add 10.9.8.7/24 dev lo");
+  test::run("ip address add 10.9.9.7/24 dev lo");
+  start({"--tcp", "0.0.0.0:5050", "--tcp-from", "10.9.8.0/24", "--tcp-from", "fd00::/8"});
+  const auto from = [](const char *address) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in own = test::loopback(0);
+    EXPECT_EQ(1, ::inet_pton(AF_INET, address, &own.sin_addr));
+    EXPECT_EQ(0, ::bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own));
+    const sockaddr_in server = test::loopback(kPort);
+    EXPECT_EQ(0, ::connect(fd, reinterpret_cast<const sockaddr *>(&server), sizeof server));
+    return test::MessagePeer(fd, false, "board");
+  };
+  test::MessagePeer listed = from("10.9.8.7");
+  listed.send({.type = ORP_MSG_REGISTER, .sequence = 1});
+  EXPECT_EQ("board", listed.read().to);
+  EXPECT_TRUE(from("10.9.9.7").closed());
+  EXPECT_TRUE(from("127.0.0.1").closed());
+  EXPECT_THAT(log(), AllOf(HasSubstr("10.9.9.7:"), HasSubstr("of no network that is served")));
+
+  for (const char *bad :
+       {"10.9.8.7/24", "10.9.8.0/33", "fd00::/129", "lan", "10.9.8.0/", "10.9.8/24"}) {
+    test::Process server("msgsvr", {"--tcp", "127.0.0.1:5050", "--tcp-from", bad});
+    EXPECT_EQ(2, server.wait()) << bad;
+  }
+}
+
+TEST_F(Trust, ReloadsWholeOrNotAtAll) {
+  start_with(R"({"deny": "own", "names": "wifi", "user": 1234})");
+  const auto old = user("old");
+  EXPECT_FALSE(registers(stranger("wifi").get()));
+
+  std::ofstream(kFile) << "{\"default\": \"allow\",\n\"rules\": [\n{\"deny\": \"owe\"}]}";
+  ::kill(server_->pid(), SIGHUP);
+  ASSERT_TRUE(server_->wait_for("the policy stays as it was: /var/policy.json:3: 'owe' is not"));
+  EXPECT_FALSE(registers(stranger("wifi").get()));
+
+  write(R"({"deny": "send", "to": "old"})");
+  ::kill(server_->pid(), SIGHUP);
+  ASSERT_TRUE(server_->wait_for("/var/policy.json: 1 rules"));
+  const auto wifi = user("wifi");
+  wifi->send({.type = kType, .to = "old"});
+  wifi->expect(notice(kType, "wifi"));
+
+  write("");
+  ::kill(server_->pid(), SIGHUP);
+  ASSERT_TRUE(server_->wait_for("/var/policy.json: 0 rules"));
+  wifi->send({.type = kType, .to = "old"});
+  EXPECT_EQ("wifi", old->read().from);
+}
+
+// Each message is judged by the old rules or by the new ones, and none is lost otherwise.
+TEST_F(Trust, ReloadsUnderLoad) {
+  start_with("");
+  RawClient reader("reader");
+  const auto writer = user("writer");
+  std::atomic<bool> done = false;
+  std::thread reloads([&] {
+    for (int i = 0; i < 20; ++i) {
+      std::string rules;
+      for (int n = 0; n < i * 50; ++n) {
+        rules += "{\"deny\": \"send\", \"to\": \"n" + std::to_string(n) + "\"},\n";
+      }
+      write(rules + (i % 2 == 0 ? R"({"deny": "send", "to": "reader", "types": "0x1234"})"
+                                : R"({"allow": "send"})"));
+      ::kill(server_->pid(), SIGHUP);
+      server_->wait_for("rules");
+    }
+    done = true;
+  });
+  size_t sent = 0;
+  size_t refused = 0;
+  size_t got = 0;
+  while (!done || sent < 1000) {
+    for (int i = 0; i < 10; ++i) {
+      writer->send({.type = kType, .to = "reader", .sequence = static_cast<uint32_t>(++sent)});
+    }
+    refused += writer->drain().size();
+    got += reader.drain().size();
+  }
+  reloads.join();
+  EXPECT_EQ(sent, refused + got);
+  EXPECT_GT(refused, 0u);
+  EXPECT_GT(got, 0u);
+}
+
+TEST_F(Trust, AServerWithABadPolicyDoesNotStart) {
+  for (const std::string text : {"{", "{\"default\": \"allow\", \"rules\": [{\"deny\": 1}]}"}) {
+    std::ofstream(kFile) << text;
+    test::Process server("msgsvr", {"--policy", kFile});
+    EXPECT_EQ(1, server.wait());
+    EXPECT_THAT(server.output(), HasSubstr("/var/policy.json:1: "));
+  }
+  test::Process server("msgsvr", {"--policy", "/var/none.json"});
+  EXPECT_EQ(1, server.wait());
+  EXPECT_THAT(server.output(), HasSubstr("/var/none.json: No such file"));
+}
+
+}  // namespace
