@@ -1,8 +1,8 @@
-// A receiver may be another user than the sender. It reads a file of the sender's as one of the
-// others, and removes it from the directory: all users need the right to write there, and the
-// directory has neither the sticky bit, which would keep files for their owners, nor the
-// set-group-ID bit, which would make all receivers members of the files' group, to whom their mode
-// gives nothing.
+// A receiver may be another user than the sender, and removes the file from the directory: all users
+// need the right to write there. The sticky bit keeps files for their owners; root's server makes
+// each file its receiver's (hand_over.h), another user's server cannot, and does without the bit:
+// receivers then read files as one of the others. There is no set-group-ID bit: it would make all
+// receivers members of the files' group, to whom their mode gives nothing.
 
 #include "msgsvr/directories.h"
 
@@ -28,6 +28,7 @@ using servers::log_line;
 
 constexpr const char *kGroup = "msgapi";
 constexpr mode_t kForGroup = 0770;
+constexpr mode_t kSticky = 01000;
 constexpr mode_t kForServer = 0755;
 
 std::string directory() {
@@ -47,7 +48,7 @@ void make(const std::string &path) {
     ::chmod(path.c_str(), kForServer);
     log_line("{}: made for this user alone, as there is no group {}", path, kGroup);
   } else if (::chown(path.c_str(), static_cast<uid_t>(-1), members->gr_gid) != 0 ||
-             ::chmod(path.c_str(), kForGroup) != 0) {
+             ::chmod(path.c_str(), ::geteuid() == 0 ? kForGroup | kSticky : kForGroup) != 0) {
     log_line("{}: not given to the group {}: {}", path, kGroup, std::strerror(errno));
   }
 }

@@ -184,14 +184,15 @@ class Events final : public Service {
   // it, and the publisher's name goes.
   void publish_file(Client &from, const Message &message) {
     const auto original = hand_over_path(message.body);
-    if (!original || !may_hand_over(*original, from.peer.uid)) {
+    const UniqueFd file = original ? open_hand_over(*original, from.peer.uid) : UniqueFd();
+    if (!file) {
       log_line("{} published an event {} whose body is no hand-over file of its own", from.label(),
                catalogue::describe(message.type()));
       server_->lose_silently(from, message, Loss::kNotPermitted);
       return;
     }
     for (Client *to : receivers_) {
-      const uint32_t number = link_hand_over(*original);
+      const uint32_t number = share_hand_over(file, to->peer.uid);
       if (number == 0) {
         log_line("an event {} of {} does not reach {}: {}: {}", catalogue::describe(message.type()),
                  from.label(), to->label(), *original, std::strerror(errno));

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,8 +16,6 @@
 
 namespace msgsvr {
 namespace {
-
-constexpr uid_t kUnknown = static_cast<uid_t>(-1);
 
 bool is_of(const struct stat &file, uid_t sender) {
   return S_ISREG(file.st_mode) && (sender == 0 || file.st_uid == sender);
@@ -40,6 +39,8 @@ std::string path_of(uint32_t number) {
 
 // Receivers run as other users and read by the bit for others; the mode is the library's.
 constexpr mode_t kFileMode = 01204;
+// Of a file that has become its receiver's.
+constexpr mode_t kFileModeOfReceiver = 0600;
 
 // Random, and not 0; 0 when there is no randomness.
 uint32_t fresh_number() {
@@ -47,6 +48,43 @@ uint32_t fresh_number() {
   while (number == 0) {
     if (::getrandom(&number, sizeof number, 0) != sizeof number) return 0;
   }
+  return number;
+}
+
+// Whether a receiver may be unable to read or remove a file, and the server can do something about
+// it: an ordinary user removes only its own files from a sticky directory, and the mode of a body
+// lets everybody read it but its owner.
+bool must_own(uid_t receiver) {
+  return receiver != kUnknownUser && receiver != 0 && ::geteuid() == 0;
+}
+
+// Leads to the open file whatever its name is now.
+std::string path_by_descriptor(const servers::UniqueFd &file) {
+  return "/proc/self/fd/" + std::to_string(file.get());
+}
+
+// Without the bits of others first: who owned it must not be able to give more of it away.
+void give(const servers::UniqueFd &file, uid_t receiver) {
+  if (::chmod(path_by_descriptor(file).c_str(), kFileModeOfReceiver) != 0) return;
+  [[maybe_unused]] const int given =
+      ::fchownat(file.get(), "", receiver, static_cast<gid_t>(-1), AT_EMPTY_PATH);
+}
+
+uint32_t copy_for(const servers::UniqueFd &file, off_t size, uid_t receiver) {
+  uint32_t number = 0;
+  const servers::UniqueFd copy = create_hand_over(&number);
+  if (!copy) return 0;
+  off_t at = 0;
+  while (at < size) {
+    const ssize_t count = ::sendfile(copy.get(), file.get(), &at, static_cast<size_t>(size - at));
+    if (count < 0 && errno == EINTR) continue;
+    if (count > 0) continue;
+    const int reason = count == 0 ? EIO : errno;  // it has become shorter
+    remove_hand_over(number);
+    errno = reason;
+    return 0;
+  }
+  give(copy, receiver);
   return number;
 }
 
@@ -58,17 +96,41 @@ std::optional<std::string> hand_over_path(std::span<const char> body) {
   return path;
 }
 
-bool may_hand_over(const std::string &path, uid_t sender) {
+servers::UniqueFd open_hand_over(const std::string &path, uid_t sender) {
+  servers::UniqueFd file(
+      ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && (sender == kUnknown || is_of(status, sender));
+  if (!file || ::fstat(file.get(), &status) != 0) return {};
+  if (!S_ISREG(status.st_mode) || (sender != kUnknownUser && !is_of(status, sender))) return {};
+  return file;
 }
 
-void remove_sent_file(std::span<const char> frame, bool swapped, uid_t sender) noexcept {
-  if (frame.size() < kHeaderSize || sender == kUnknown) return;
+bool pass_hand_over(std::span<const char> body, uid_t sender, uid_t receiver) {
+  // What is no such path its receiver refuses.
+  const char *path = checked_path(body);
+  if (path == nullptr || sender == kUnknownUser) return true;
+  const servers::UniqueFd file(::open(path, O_PATH | O_CLOEXEC | O_NOFOLLOW));
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return true;
+  if (sender != 0 && !is_of(status, sender)) return false;
+  if (S_ISREG(status.st_mode) && must_own(receiver)) give(file, receiver);
+  return true;
+}
+
+void give_hand_over(uint32_t number, uid_t receiver) {
+  if (!must_own(receiver)) return;
+  const servers::UniqueFd file(::open(path_of(number).c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
+  if (file) give(file, receiver);
+}
+
+void remove_sent_file(std::span<const char> frame, bool swapped, uid_t sender,
+                      uid_t receiver) noexcept {
+  if (frame.size() < kHeaderSize || sender == kUnknownUser) return;
   if ((load_header(frame.data(), swapped).ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) == 0) return;
   const char *path = checked_path(frame.subspan(kHeaderSize));
   struct stat status {};
-  if (path != nullptr && ::lstat(path, &status) == 0 && is_of(status, sender)) ::unlink(path);
+  if (path == nullptr || ::lstat(path, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (is_of(status, sender) || status.st_uid == receiver) ::unlink(path);
 }
 
 bool read_hand_over(std::span<const char> body, size_t limit, uid_t sender, std::string *out) {
@@ -78,7 +140,7 @@ bool read_hand_over(std::span<const char> body, size_t limit, uid_t sender, std:
       ::open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  if (sender != kUnknown && !is_of(status, sender)) return false;
+  if (sender != kUnknownUser && !is_of(status, sender)) return false;
   ::unlink(path->c_str());
   if (static_cast<uint64_t>(status.st_size) > limit) return false;
 
@@ -91,16 +153,6 @@ bool read_hand_over(std::span<const char> body, size_t limit, uid_t sender, std:
     have += static_cast<size_t>(count);
   }
   return true;
-}
-
-uint32_t link_hand_over(const std::string &path) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
-  while (const uint32_t number = fresh_number()) {
-    if (::link(path.c_str(), path_of(number).c_str()) == 0) return number;
-    if (errno != EEXIST) return 0;
-  }
-  return 0;
 }
 
 servers::UniqueFd create_hand_over(uint32_t *number) {
@@ -119,6 +171,21 @@ servers::UniqueFd create_hand_over(uint32_t *number) {
     }
   }
   return {};
+}
+
+uint32_t share_hand_over(const servers::UniqueFd &file, uid_t receiver) {
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) return 0;
+  if (must_own(receiver)) return copy_for(file, status.st_size, receiver);
+  const std::string path = path_by_descriptor(file);
+  while (const uint32_t number = fresh_number()) {
+    if (::linkat(AT_FDCWD, path.c_str(), AT_FDCWD, path_of(number).c_str(), AT_SYMLINK_FOLLOW) ==
+        0) {
+      return number;
+    }
+    if (errno != EEXIST) return 0;
+  }
+  return 0;
 }
 
 std::array<char, ORP_MSG_HAND_OVER_PATH_SIZE> hand_over_body(uint32_t number) {

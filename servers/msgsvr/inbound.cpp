@@ -444,6 +444,12 @@ void Server::deliver(Client &from, std::span<char> frame, Header header) {
   }
 
   Client &to = *route.to;
+  if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0 &&
+      !pass_hand_over(frame.subspan(kHeaderSize), from.peer.uid, to.peer.uid)) {
+    log_line("{} sent {} a file that is not its own", from.label(), to.label());
+    lose_unrouted(from, header, tag, Loss::kNotPermitted);
+    return;
+  }
   from.in.last_to = to.id;
   // The frame is ours, so that its header can be converted where it is.
   if (from.swapped != to.swapped) store_header(header, to.swapped, frame.data());

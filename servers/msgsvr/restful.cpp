@@ -293,6 +293,7 @@ class Restful final : public Service {
     } else if (here) {
       header.ulMsgType |= ORP_MSG_TYPE_BODY_IN_FILE;
       pending.file = body.give_away();
+      give_hand_over(pending.file, client->peer.uid);
       server_->send(*client, header, hand_over_body(pending.file), pending.file);
     } else {
       std::string bytes;

@@ -384,7 +384,7 @@ void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<cons
   journal_.lost(kind, tag, from, &to, to.name);
   if (!gone) to.note_overflow(1);
   if (!tag.silent) {
-    remove_sent_file(frame, to.swapped, tag.file_key);
+    remove_sent_file(frame, to.swapped, tag.file_key, to.peer.uid);
   } else if (tag.file_key != 0) {
     remove_hand_over(tag.file_key);
   }

@@ -22,7 +22,7 @@ TEST(BodyDirectory, IsMadeWhateverTheUmaskAndLeftAsItIs) {
   {
     test::Process server("msgsvr");
     ASSERT_TRUE(server.wait_for("ready"));
-    EXPECT_TRUE(mode_of("/var/run/msg") == 0755 || mode_of("/var/run/msg") == 0770);
+    EXPECT_TRUE(mode_of("/var/run/msg") == 0755 || mode_of("/var/run/msg") == 01770);
     EXPECT_THAT(server.output(), Not(HasSubstr("leads to")));
     EXPECT_EQ(0, server.stop(SIGTERM));
   }

@@ -61,7 +61,7 @@ passes_a_body() {
   local group output tries ready=
   group=$(awk -F: '$1 == "msgapi" { print $3 }' "$root/etc/group")
   [[ -n $group ]] || fail "there is no group"
-  [[ $(stat -c '%a %g' "$root/var/run/msg") == "770 $group" ]] || fail "/var/run/msg has other modes"
+  [[ $(stat -c '%a %g' "$root/var/run/msg") == "1770 $group" ]] || fail "/var/run/msg has other modes"
   as() { exec chroot --userspec="$1:$1" --groups="$group" "$root" "${@:2}"; }
   chroot "$root" msgsvr >"$log" 2>&1 &
   servers=($!)

@@ -38,6 +38,6 @@ for time in first second; do
   [[ $(chroot "$root" readlink -f /var/run/msg) == /var/run/msg ]] || fail "$time: a link is on the way"
   [[ $(<"$root/tmp/run/other") == kept && $(<"$root/var/run/other") == kept ]] || fail "$time: files are lost"
   modes=$(stat -c '%a %g' "$root"/var/{run/msg,run/notify,mlog} | tr '\n' ' ')
-  [[ $modes == "770 65531 2770 65531 2770 65531 " ]] || fail "$time: $modes"
+  [[ $modes == "1770 65531 2770 65531 2770 65531 " ]] || fail "$time: $modes"
   [[ $(grep -c '^msgapi:' "$root/etc/group") == 1 ]] || fail "$time: the group"
 done
