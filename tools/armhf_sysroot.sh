@@ -14,7 +14,7 @@ readonly runtime=(libc6 libcjson1 libcurl4 libfmt9 libmicrohttpd12 libmosquitto1
 # Alone: the compiler brings its own C library headers.
 readonly development=(
   libcjson-dev libcli11-dev libcurl4-openssl-dev libfmt-dev libgmock-dev libgtest-dev
-  libmicrohttpd-dev libmosquitto-dev libsodium-dev libsqlite3-dev nlohmann-json3-dev
+  libmicrohttpd-dev libmosquitto-dev libseccomp-dev libsodium-dev libsqlite3-dev nlohmann-json3-dev
 )
 
 stamp=$sysroot/.packages

@@ -4,8 +4,8 @@ SECTION = "libs"
 LICENSE = "CLOSED"
 
 # All but sqlite3 are in meta-openembedded/meta-oe.
-DEPENDS = "cjson cli11 curl fmt libmicrohttpd libsodium mosquitto nlohmann-json \
-    sqlite3"
+DEPENDS = "cjson cli11 curl fmt libmicrohttpd libseccomp libsodium mosquitto \
+    nlohmann-json sqlite3"
 # Point EXTERNALSRC at the checkout, or replace this with the archive of a release.
 inherit externalsrc cmake pkgconfig systemd
 

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/command_line.h"
+#include "common/confine.h"
 #include "common/event_loop.h"
 #include "common/log_line.h"
 #include "config.h"
@@ -99,11 +100,14 @@ int main(int argc, char **argv) try {
               "Configuration file (/etc/mlogserver.conf if it is there)");
   line.option("--directory", &options.directory,
               "Where the log files are kept, whatever the configuration says");
+  bool confined = false;
+  line.flag("--seccomp", &confined, "Give up rights that the server does not need");
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   servers::set_log_name("mlogserver");
   ::umask(0027);
   std::signal(SIGPIPE, SIG_IGN);  // whoever read standard error may be gone
+  if (confined) servers::confine(servers::Programs::kNone);
   run(options);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {

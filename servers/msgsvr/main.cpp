@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/command_line.h"
+#include "common/confine.h"
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "common/log_line.h"
@@ -43,6 +44,8 @@ void add_options(servers::Command *command, Options *options, std::vector<std::s
                   "Ask clients for a sign of life every so many seconds; 0: do not", {0, 86400});
   command->option("--policy", &options->policy,
                   "File that says who may do what; none: only what is built in");
+  command->flag("--seccomp", &options->confined,
+                "Give up rights that the server does not need, also for what it starts");
   command->flag("--log-server", &options->log_server,
                 "Log to the log server as module msgsvr, to standard error while it is not there");
   command->flag("--swap", &options->swap_all, "Register clients in the other byte order");
@@ -263,6 +266,10 @@ int main(int argc, char **argv) try {
 
   fit_limits(raise_descriptor_limit(), &options);
   if (options.log_server) servers::send_log_as("msgsvr");
+  if (options.confined) {
+    servers::confine(options.applications.empty() ? servers::Programs::kNone
+                                                  : servers::Programs::kStarted);
+  }
   serve(options, *mode);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {

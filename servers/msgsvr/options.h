@@ -20,6 +20,7 @@ struct Options {
   std::vector<servers::Network> tcp_from;  // who is served there; none: everybody
   uint32_t keep_alive_s = 0;
   bool swap_all = false;
+  bool confined = false;
   bool log_server = false;  // own log lines go there
   std::vector<std::string> swap_names;
   // What may wait for one client, in bytes.

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common/command_line.h"
+#include "common/confine.h"
 #include "common/event_loop.h"
 #include "common/log_line.h"
 #include "notifyserver/server.h"
@@ -50,10 +51,13 @@ int main(int argc, char **argv) try {
   line.flag(
       "--log-server", &log_server,
       "Log to the log server as module notifyserver, to standard error while it is not there");
+  bool confined = false;
+  line.flag("--seccomp", &confined, "Give up rights that the server does not need");
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
   servers::set_log_name("notifyserver");
   if (log_server) servers::send_log_as("notifyserver");
+  if (confined) servers::confine(servers::Programs::kNone);
   // Every application puts its own socket there, too.
   ::mkdir(ORP_NOTIFYCLT_DIRECTORY, 0775);
   run(path, limits);
