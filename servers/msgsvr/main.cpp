@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -19,6 +20,7 @@
 #include "common/log_line.h"
 #include "flight/recorder.h"
 #include "msgsvr/directories.h"
+#include "msgsvr/left_bodies.h"
 #include "msgsvr/options.h"
 #include "msgsvr/server.h"
 #include "msgsvr/services.h"
@@ -61,6 +63,10 @@ void add_options(servers::Command *command, Options *options, std::vector<std::s
   command->number("--patience", &options->patience_ms,
                   "Milliseconds that senders wait for a reader that takes next to nothing",
                   {1, 60000});
+  command->number("--body-age", &options->body_age_s,
+                  "Seconds after which files of large bodies that nobody took over are removed; 0: "
+                  "never",
+                  {0, 31536000});
 }
 
 void add_flight_options(servers::Command *command, Options *options) {
@@ -214,6 +220,8 @@ void serve(const Options &options, mode_t socket_mode) {
   services.push_back(msgsvr::make_device_requests(&server));
 
   msgsvr::prepare_body_directory();
+  std::optional<msgsvr::LeftBodies> left_bodies;
+  if (options.body_age_s > 0) left_bodies.emplace(&loop, std::chrono::seconds(options.body_age_s));
   server.listen(servers::listen_unix(options.socket_path, socket_mode));
   if (!options.tcp.empty()) server.listen(servers::listen_tcp(options.tcp));
   start_recording(options, &server);

@@ -32,6 +32,8 @@ struct Options {
   uint32_t stall_ms = 500;
   // How long senders wait for a reader that takes next to nothing.
   uint32_t patience_ms = 200;
+  // How long files of large bodies stay that nobody takes over; 0: for ever.
+  uint32_t body_age_s = 86400;
   // In the order of Kept.
   Limits limits = {4096, 16 << 20, 4096, 1024, 4096, 256};
 

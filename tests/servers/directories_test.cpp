@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <string>
 
 #include "support/process.h"
 
@@ -31,6 +33,31 @@ TEST(BodyDirectory, IsMadeWhateverTheUmaskAndLeftAsItIs) {
   test::Process again("msgsvr");
   ASSERT_TRUE(again.wait_for("ready"));
   EXPECT_EQ(0711u, mode_of("/var/run/msg"));
+}
+
+TEST(BodyDirectory, IsRidOfBodiesThatNobodyTakesOver) {
+  namespace fs = std::filesystem;
+  const std::string directory = "/var/run/msg/";
+  // A date says nothing: the time of day may have been set since.
+  for (const char *name : {"msg_file_1", "msg_file_2", "other", "target"}) {
+    std::ofstream(directory + name) << "x";
+    fs::last_write_time(directory + name, fs::file_time_type::min());
+  }
+  fs::create_symlink(directory + "target", directory + "msg_file_link");
+  fs::create_directory(directory + "msg_file_directory");
+  test::Process forgetful("msgsvr", {"--body-age", "2"});
+  ASSERT_TRUE(forgetful.wait_for("ready"));
+  EXPECT_TRUE(fs::exists(directory + "msg_file_1"));
+
+  ASSERT_TRUE(forgetful.wait_for("removed 2 body files that nobody took over within 2 s"));
+  EXPECT_FALSE(fs::exists(directory + "msg_file_1"));
+  for (const char *name : {"other", "target", "msg_file_link", "msg_file_directory"}) {
+    EXPECT_TRUE(fs::exists(directory + name)) << name;
+  }
+
+  // The time begins with the file, not with its name.
+  std::ofstream(directory + "msg_file_1") << "of another message";
+  ASSERT_TRUE(forgetful.wait_for("removed 1 body files"));
 }
 
 TEST(BodyDirectory, BehindALinkIsReported) {
