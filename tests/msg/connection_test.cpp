@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -94,6 +96,28 @@ TEST_F(Connect, FailsWithoutAServerAndSaysWhy) {
             log.next());
   EXPECT_EQ(prefix + "localhost: Invalid argument (errno 22): no connection.\n", log.next());
   EXPECT_EQ("", log.next());
+}
+
+TEST_F(Connect, OfAUserWhoMayNotSaysWhichPathAndWhy) {
+  test::LogLines log;
+  const sockaddr_un address = {AF_UNIX, ORP_MSG_SERVER_PATH};
+  const os::UniqueFd server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, ::bind(server.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  ASSERT_EQ(0, ::listen(server.get(), 1));
+  ASSERT_EQ(0, ::chmod(ORP_MSG_SERVER_PATH, 0600));
+  for (const char *path : {MLOG_IPC_PATH, MLOG_IPC_PATH MLOG_SERVER_NAME}) {
+    ASSERT_EQ(0, ::chmod(path, 0777));
+  }
+  constexpr uid_t kNobody = 65534;
+  if (::seteuid(kNobody) != 0) GTEST_SKIP() << "this sandbox has no other users";
+
+  EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_Init("self"));
+
+  EXPECT_EQ(0, ::seteuid(0));
+  EXPECT_EQ(
+      "Cannot connect to the message server /var/run/msgsvr: Permission denied (errno 13): this "
+      "user may not use it.\n",
+      log.next());
 }
 
 // It shows as a destroyed context only.
