@@ -19,9 +19,9 @@
 
 #include "commands.h"
 #include "common/command_line.h"
+#include "directory.h"
 #include "filter.h"
 #include "merge.h"
-#include "mlogserver/config.h"
 #include "msgapi/log.h"
 #include "pager.h"
 #include "printer.h"
@@ -32,7 +32,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char *kConfigFile = "/etc/mlogserver.conf";
 constexpr std::chrono::milliseconds kLookEvery(100);
 constexpr int64_t kLinesBeforeFollowing = 10;
 
@@ -380,10 +379,7 @@ void show_statistics(const View &view, const std::vector<Source> &sources, bool 
 }  // namespace
 
 std::string log_directory(const Options &options) {
-  if (!options.directory.empty()) return options.directory;
-  mlogserver::Config config;
-  if (fs::exists(kConfigFile)) config = mlogserver::read_config(kConfigFile);
-  return MlogUseSharePartion() != 0 ? config.share_directory : config.directory;
+  return options.directory.empty() ? server_directory() : options.directory;
 }
 
 void show(const Options &options) {

@@ -35,7 +35,15 @@ bool rest() {
   return true;
 }
 
-flight::Reader open_reader(const std::string &path) {
+uint64_t clock_ns(clockid_t clock) {
+  timespec now{};
+  ::clock_gettime(clock, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+}  // namespace
+
+flight::Reader open_flight(const std::string &path) {
   if (::access(path.c_str(), R_OK) != 0) {
     const int reason = errno;
     if (reason == EACCES) {
@@ -54,14 +62,6 @@ flight::Reader open_reader(const std::string &path) {
     throw Failure(ExitStatus::kBadBody, error.what());
   }
 }
-
-uint64_t clock_ns(clockid_t clock) {
-  timespec now{};
-  ::clock_gettime(clock, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
-}  // namespace
 
 std::string FlightOptions::filter_text() const {
   return fmt::format("{}", fmt::join(filter, " "));
@@ -83,7 +83,7 @@ void add_filter(servers::Command *command, FlightOptions *options) {
                      servers::Presence::kOptional);
 }
 
-Source::Source(std::string path) : path_(std::move(path)), reader_(open_reader(path_)) {}
+Source::Source(std::string path) : path_(std::move(path)), reader_(open_flight(path_)) {}
 
 void Source::read(const Take &take) {
   uint64_t bytes = 0;
@@ -117,7 +117,7 @@ void Source::follow(const Take &take, const std::function<bool()> &turn) {
     read(take);
     // Everything that the old server wrote has been read before the new file is.
     if (replaced && reader_.seen() == before && ::access(path_.c_str(), R_OK) == 0) {
-      reader_ = open_reader(path_);
+      reader_ = open_flight(path_);
       model_ = traffic::Model();
       reader_missed_ = 0;
       on_replaced();

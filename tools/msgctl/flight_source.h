@@ -28,6 +28,9 @@ void add_flight_options(servers::Command *command, Context *context, FlightOptio
                         Personal personal = Personal::kShown);
 void add_filter(servers::Command *command, FlightOptions *options);
 
+// Follows a flight file. Throws a Failure that says what is wrong with it.
+flight::Reader open_flight(const std::string &path);
+
 class Source {
  public:
   using Take = std::function<void(const traffic::Event &event)>;

@@ -48,17 +48,10 @@ Event Model::take(const flight::Entry &entry, uint64_t wall_ns) {
       event.text = entry.text();
       clients_[record.from].name = event.text;
       break;
-    case Kind::kEnded: {
+    case Kind::kEnded:
       event.text = entry.text();
-      Client &client = clients_[record.from];
-      client.ended = true;
-      client.last_words = event.text;
-      // Nobody waits for it, and it waits for nobody.
-      std::erase_if(open_, [&record](const auto &each) {
-        return std::get<0>(each.first) == record.from || std::get<1>(each.first) == record.from;
-      });
+      end(record, event.text);
       break;
-    }
     case Kind::kDescriptor:
       event.message = find(record.about);
       break;
@@ -76,6 +69,24 @@ Event Model::take(const flight::Entry &entry, uint64_t wall_ns) {
     event.request = find(event.message->answers);
   }
   return event;
+}
+
+void Model::end(const flight::Record &record, std::string_view reason) {
+  Client &client = clients_[record.from];
+  if (!client.ended) ended_.push_back(record.from);
+  client.ended = true;
+  client.last_words = reason;
+  // Nobody waits for it, and it waits for nobody.
+  std::erase_if(open_, [&record](const auto &each) {
+    return std::get<0>(each.first) == record.from || std::get<1>(each.first) == record.from;
+  });
+  if (ended_.size() <= kMostEnded) return;
+  // Its number is never used again, though a file may say anything.
+  const auto oldest = clients_.find(ended_.front());
+  ended_.pop_front();
+  if (oldest == clients_.end() || !oldest->second.ended) return;
+  last_sent_.erase(oldest->first);
+  clients_.erase(oldest);
 }
 
 void Model::accept(const flight::Entry &entry) {

@@ -75,6 +75,9 @@ struct Wait {
 
 class Model {
  public:
+  // Clients that have left are remembered for a while: the last of them.
+  static constexpr size_t kMostEnded = 1024;
+
   // How many messages are remembered.
   explicit Model(size_t most_messages = 65536) : most_messages_(most_messages) {}
 
@@ -101,12 +104,14 @@ class Model {
   using Key = std::tuple<ClientId, ClientId, uint32_t, uint32_t>;  // from, to, type, sequence
 
   void accept(const flight::Entry &entry);
+  void end(const flight::Record &record, std::string_view reason);
   void link(Message *message);
   void forget_oldest();
   Message *find(uint64_t number);
 
   size_t most_messages_;
   std::map<ClientId, Client> clients_;
+  std::deque<ClientId> ended_;
   std::unordered_map<uint64_t, Message> messages_;
   std::deque<uint64_t> order_;
   std::map<Key, uint64_t> open_;                            // requests without an answer

@@ -1,0 +1,12 @@
+// Where the log server keeps its files.
+#pragma once
+
+#include <string>
+
+namespace mlog {
+
+// By the server's configuration. Throws std::runtime_error with a text for the user when that
+// cannot be read.
+std::string server_directory();
+
+}  // namespace mlog
