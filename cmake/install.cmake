@@ -4,7 +4,7 @@ set(programs msgsvr notifyserver mlogserver)
 if(TARGET msgbridge)
   list(APPEND programs msgbridge)
 endif()
-set(tools mlog cfmctl msgctl)
+set(tools mlog cfmctl msgctl msginspect)
 
 # What is installed finds its libraries wherever it is put. An image whose libraries are all in a
 # place that its loader knows does without: CMAKE_SKIP_INSTALL_RPATH.

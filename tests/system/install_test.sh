@@ -29,7 +29,7 @@ mount -t tmpfs install /usr/local
 for prefix in /usr/local /var/private/prefix; do
   cmake --install "$build" --prefix "$prefix" >/var/install.log || fail "not installed in $prefix"
 
-  for program in sbin/msgsvr sbin/msgbridge sbin/notifyserver sbin/mlogserver bin/mlog bin/cfmctl bin/msgctl; do
+  for program in sbin/msgsvr sbin/msgbridge sbin/notifyserver sbin/mlogserver bin/mlog bin/cfmctl bin/msgctl bin/msginspect; do
     said=$("$prefix/$program" --version 2>&1) || fail "$prefix/$program: $said"
     [[ $said == "${program#*/} "[0-9]* ]] || fail "$prefix/$program --version: $said"
   done

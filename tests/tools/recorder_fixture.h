@@ -15,14 +15,11 @@ namespace test {
 constexpr uint32_t kPanel = 1, kStation = 2, kThird = 3;
 constexpr uint32_t kAsk = 0x1234;
 
-// With two clients, the panel and the station.
-class RecorderFixture : public testing::Test {
- protected:
-  RecorderFixture(const std::string &path, uint32_t body_limit)
-      : recorder_(path, flight::kLeastRing, body_limit) {
-    connect(kPanel, "panel");
-    connect(kStation, "station");
-  }
+// What a server writes.
+class RecordedBus {
+ public:
+  RecordedBus(const std::string &path, uint64_t ring_size, uint32_t body_limit)
+      : recorder_(path, ring_size, body_limit) {}
 
   void connect(uint32_t id, const std::string &name) {
     flight::Record facts;
@@ -66,6 +63,16 @@ class RecorderFixture : public testing::Test {
 
  private:
   std::map<uint32_t, std::string> names_;
+};
+
+// With two clients, the panel and the station.
+class RecorderFixture : public testing::Test, protected RecordedBus {
+ protected:
+  RecorderFixture(const std::string &path, uint32_t body_limit)
+      : RecordedBus(path, flight::kLeastRing, body_limit) {
+    connect(kPanel, "panel");
+    connect(kStation, "station");
+  }
 };
 
 }  // namespace test

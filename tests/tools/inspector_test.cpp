@@ -1,0 +1,564 @@
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "inspector/recording.h"
+#include "inspector/sampler.h"
+#include "inspector/token.h"
+#include "msgapi/msg.h"
+#include "support/file.h"
+#include "support/process.h"
+#include "support/soak.h"
+#include "tools/mlog_support.h"
+#include "tools/recorder_fixture.h"
+
+namespace {
+
+using inspector::Recording;
+using inspector::Sampler;
+using test::kAsk;
+using test::kPanel;
+using test::kStation;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using Json = nlohmann::json;
+
+constexpr const char *kScript = "<script>alert(1)</script>";
+
+// --- A recorder in the place of a server's ------------------------------------------------------
+
+class Server : public test::RecordedBus {
+ public:
+  explicit Server(uint64_t ring_size = flight::kLeastRing * 16)
+      : RecordedBus(flight::kPath, ring_size, 256) {}
+
+  // A message from the panel to a name that nobody has.
+  void lose(uint32_t sequence, const char *receiver) {
+    ORP_MSG_HEADER_ST header{};
+    header.ulMsgType = kAsk;
+    header.ulSeqNum = sequence;
+    std::strncpy(header.aucRecvApp, receiver, ORP_APP_NAME_SIZE - 1);
+    recorder_.tick();
+    const uint64_t number = recorder_.accepted(kPanel, 0, &header, 0, {});
+    recorder_.lost(flight::Loss::kNoSuchName, number, kPanel, 0, kAsk, sequence);
+  }
+};
+
+// --- A browser, as far as a command has one -----------------------------------------------------
+
+struct Reply {
+  long status = 0;
+  std::string headers;
+  std::string body;
+
+  Json json() const { return Json::parse(body); }
+};
+
+struct Ask {
+  std::vector<std::string> headers = {};
+  const char *method = "GET";
+  const char *upload = nullptr;
+  // Called with all that has come; the transfer is ended when it returns true.
+  std::function<bool(const std::string &body)> enough = {};
+  long timeout_ms = test::kPatience_ms;
+};
+
+struct Receiving {
+  Reply reply;
+  const Ask *ask;
+};
+
+size_t take_header(char *bytes, size_t size, size_t count, void *receiving) {
+  static_cast<Receiving *>(receiving)->reply.headers.append(bytes, size * count);
+  return size * count;
+}
+
+size_t take_body(char *bytes, size_t size, size_t count, void *pointer) {
+  auto *receiving = static_cast<Receiving *>(pointer);
+  receiving->reply.body.append(bytes, size * count);
+  const auto &enough = receiving->ask->enough;
+  return enough && enough(receiving->reply.body) ? 0 : size * count;
+}
+
+Reply fetch(const std::string &address, const Ask &ask = {}) {
+  const std::unique_ptr<CURL, void (*)(CURL *)> curl(curl_easy_init(), curl_easy_cleanup);
+  Receiving receiving{{}, &ask};
+  curl_slist *headers = nullptr;
+  for (const std::string &header : ask.headers)
+    headers = curl_slist_append(headers, header.c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_URL, address.c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_PATH_AS_IS, 1L);
+  curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, ask.timeout_ms);
+  curl_easy_setopt(curl.get(), CURLOPT_HEADERFUNCTION, take_header);
+  curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &receiving);
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, take_body);
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &receiving);
+  curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, ask.method);
+  if (ask.method == std::string("HEAD")) curl_easy_setopt(curl.get(), CURLOPT_NOBODY, 1L);
+  if (ask.upload != nullptr) curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, ask.upload);
+  curl_easy_perform(curl.get());
+  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &receiving.reply.status);
+  curl_slist_free_all(headers);
+  return receiving.reply;
+}
+
+class Inspector {
+ public:
+  explicit Inspector(const std::vector<std::string> &arguments = {})
+      : process_("msginspect", arguments) {
+    EXPECT_TRUE(process_.wait_for("/\n")) << process_.output();
+    const size_t begin = process_.output().find("http://");
+    base_ = process_.output().substr(begin, process_.output().find('\n', begin) - begin);
+  }
+
+  const std::string &base() const { return base_; }
+  const std::string &output() const { return process_.output(); }
+  Reply get(const std::string &place, const Ask &ask = {}) const {
+    return fetch(base_ + place, ask);
+  }
+  Json json(const std::string &place) const {
+    const Reply reply = get(place);
+    EXPECT_EQ(reply.status, 200) << place << ": " << reply.body;
+    return reply.json();
+  }
+  // Once `true_of` holds of the answer; it is asked again until then.
+  Json wait_for(const std::string &place, const std::function<bool(const Json &)> &true_of) const {
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(test::kPatience_ms);
+    Json answer;
+    do {
+      answer = json(place);
+      if (true_of(answer)) return answer;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    } while (std::chrono::steady_clock::now() < end);
+    ADD_FAILURE() << place << " never told what was awaited: " << answer;
+    return answer;
+  }
+  Json wait_for_records(size_t count) const {
+    return wait_for("v1/records",
+                    [count](const Json &answer) { return answer["records"].size() >= count; });
+  }
+  int stop() { return process_.stop(SIGTERM); }
+
+ private:
+  test::Process process_;
+  std::string base_;
+};
+
+class InspectorTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    for (const char *path : {flight::kPath, "/var/run/msgsvr.flight.1", inspector::kTokenPath}) {
+      ::unlink(path);
+    }
+  }
+};
+
+TEST_F(InspectorTest, SaysNothingWithoutTheTokenOrToAnotherHost) {
+  Server server;
+  Inspector inspector;
+  const std::string root = "http://127.0.0.1:8970/";
+  ASSERT_THAT(inspector.base(), StartsWith(root));
+  std::string wrong = inspector.base();
+  wrong[root.size()] = wrong[root.size()] == '0' ? '1' : '0';
+
+  for (const std::string &place :
+       {root, root + "v1/status", root + "inspector.js", wrong, wrong + "v1/records",
+        inspector.base().substr(0, inspector.base().size() - 1),
+        root + "x/../" + inspector.base().substr(root.size())}) {
+    EXPECT_EQ(fetch(place).status, 403) << place;
+  }
+  for (const char *host : {"Host: evil.example", "Host: evil.example:8970", "Host: 127.0.0.1",
+                           "Host: 127.0.0.1:8971", "Host:"}) {
+    const Reply reply = inspector.get("v1/status", {.headers = {host}});
+    EXPECT_TRUE(reply.status == 421 || reply.status == 400) << host << ": " << reply.status;
+    EXPECT_THAT(reply.body, Not(HasSubstr("session")));
+  }
+  EXPECT_EQ(inspector.get("v1/status", {.headers = {"Host: localhost:8970"}}).status, 200);
+
+  const Reply page = inspector.get("");
+  EXPECT_EQ(page.status, 200);
+  EXPECT_THAT(page.headers, AllOf(HasSubstr("Content-Security-Policy: default-src 'none'"),
+                                  HasSubstr("Referrer-Policy: no-referrer"),
+                                  HasSubstr("X-Content-Type-Options: nosniff")));
+  EXPECT_THAT(page.body, AllOf(HasSubstr("<!doctype html>"), Not(HasSubstr("http://")),
+                               Not(HasSubstr("https://"))));
+  EXPECT_EQ(inspector.get("inspector.css").status, 200);
+  EXPECT_EQ(inspector.get("inspector.js").status, 200);
+}
+
+TEST_F(InspectorTest, OnlyReads) {
+  Server server;
+  Inspector inspector;
+
+  EXPECT_EQ(inspector.get("v1/status", {.method = "HEAD"}).status, 200);
+  EXPECT_EQ(inspector.get("v1/events", {.method = "HEAD"}).status, 200);
+  EXPECT_EQ(inspector.get("v1/status", {.method = "DELETE"}).status, 405);
+  EXPECT_EQ(inspector.get("v1/clients/1", {.method = "DELETE"}).status, 405);
+  EXPECT_EQ(inspector.get("v1/send", {.method = "POST", .upload = "{}"}).status, 403);
+  const std::string much(100'000, 'x');
+  EXPECT_EQ(inspector.get("v1/send", {.method = "POST", .upload = much.c_str()}).status, 413);
+  for (const char *place :
+       {"v1/nothing", "v1/clients/1/x", "v1/clients/../stats", "../etc/passwd"}) {
+    EXPECT_THAT(inspector.get(place).status, testing::AnyOf(403, 404)) << place;
+  }
+  EXPECT_EQ(inspector.get("v1/records?from=x").status, 400);
+  EXPECT_EQ(inspector.get("v1/export?format=xml").status, 400);
+  const Reply mistake = inspector.get("v1/records?filter=typ%3D3");
+  EXPECT_EQ(mistake.status, 400);
+  EXPECT_THAT(mistake.json()["error"], HasSubstr("column 1"));
+  EXPECT_EQ(inspector.stop(), 0);
+}
+
+TEST_F(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
+  Server server;
+  server.connect(kPanel, kScript);
+  server.connect(kStation, "station");
+  server.exchange(7, R"({"password": "hunter2", "channel": 6})", "\x1b[31mred");
+  server.lose(8, "printer");
+  Inspector inspector;
+
+  const Json answer = inspector.wait_for_records(8);
+  const Json &records = answer["records"];
+  EXPECT_EQ(answer["last"], 10) << "deliveries are kept, and not shown unless asked for";
+  const Json &request = records[4];
+  EXPECT_EQ(request["from"], kScript);
+  EXPECT_EQ(request["to"], "station");
+  EXPECT_EQ(request["body"]["channel"], 6);
+  EXPECT_EQ(records[5]["answers"], request["number"]);
+  EXPECT_EQ(records[5]["line"], "hex 1b5b33316d726564");
+  EXPECT_EQ(records[7]["loss"], "no such name");
+  EXPECT_EQ(records[7]["to"], "printer");
+  EXPECT_THAT(inspector.get("v1/records").body, Not(HasSubstr("hunter2")));
+
+  const auto count = [&inspector](const std::string &arguments) {
+    return inspector.json("v1/records?" + arguments)["records"].size();
+  };
+  EXPECT_EQ(count("all=1"), 10u);
+  EXPECT_EQ(count("filter=kind%3Ddelivered"), 2u);
+  EXPECT_EQ(count("filter=answer"), 1u);
+  EXPECT_EQ(count("filter=request"), 1u) << "what became of it later counts as well";
+  EXPECT_EQ(count("filter=from%3Dstation"), 3u) << "with its coming and its name";
+  EXPECT_EQ(count("filter=body%3Dhunter2"), 0u) << "what is masked cannot be searched for";
+  EXPECT_EQ(count("limit=3"), 3u);
+  const std::string after = std::to_string(records[5]["at_us"].get<uint64_t>());
+  EXPECT_EQ(count("to=" + after), 6u);
+  EXPECT_EQ(count("from=18446744073709551615"), 0u);
+
+  const Json summary = inspector.json("v1/summary");
+  ASSERT_EQ(summary["edges"].size(), 4u) << summary["edges"];
+  const auto lost = std::find_if(summary["edges"].begin(), summary["edges"].end(),
+                                 [](const Json &edge) { return edge["to"] == "printer"; });
+  ASSERT_NE(lost, summary["edges"].end());
+  EXPECT_EQ((*lost)["lost"], 1);
+  EXPECT_EQ(summary["types"][0]["total"]["count"], 1);
+  EXPECT_EQ(summary["timeline"].back()[2], 1);
+  // No server answers: what the recording says of the clients, and why.
+  const Json clients = inspector.json("v1/clients");
+  EXPECT_EQ(clients["clients"].size(), 2u);
+  EXPECT_THAT(clients["error"], HasSubstr("msgsvr.admin"));
+}
+
+TEST_F(InspectorTest, TellsBrowsersWhatComes) {
+  Server server;
+  server.connect(kPanel, "panel");
+  Inspector inspector({"--no-mask"});
+  inspector.wait_for_records(2);
+
+  std::thread sender([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    server.message(kPanel, kStation, kAsk, 1, "not this");
+    server.message(kPanel, kStation, kAsk, 2, R"({"password": "hunter2"})", 42);
+  });
+  const Reply reply = inspector.get("v1/events?filter=data%3D42", {.enough = [](const auto &body) {
+                                      return body.find("hunter2") != std::string::npos;
+                                    }});
+  sender.join();
+
+  EXPECT_THAT(reply.headers, HasSubstr("Content-Type: text/event-stream"));
+  EXPECT_THAT(reply.body,
+              AllOf(StartsWith("event: status\ndata: {"),
+                    HasSubstr("\nid: 4\nevent: records\ndata: {\"records\":[{\"seq\":4,"),
+                    Not(HasSubstr("not this"))));
+  // A browser that looks on does not keep it from ending.
+  std::thread watcher([&] { inspector.get("v1/events"); });
+  inspector.wait_for("v1/status", [](const Json &status) { return status["browsers"] >= 1; });
+  EXPECT_EQ(inspector.stop(), 0);
+  watcher.join();
+}
+
+TEST_F(InspectorTest, GoesOnWithTheNextServer) {
+  Inspector inspector;
+  EXPECT_EQ(inspector.json("v1/status")["state"], "waiting");
+  EXPECT_THAT(inspector.json("v1/status")["reason"], HasSubstr("is msgsvr running"));
+
+  auto server = std::make_unique<Server>();
+  server->connect(kPanel, "panel");
+  server->exchange(1);
+  inspector.wait_for_records(4);
+  EXPECT_EQ(inspector.json("v1/status")["state"], "live");
+  server.reset();
+  server = std::make_unique<Server>();
+  // The same numbers mean others now.
+  server->connect(kPanel, "other");
+  server->exchange(1);
+  inspector.wait_for("v1/status", [](const Json &status) { return status["servers"] == 2; });
+  inspector.wait_for_records(8);
+
+  EXPECT_EQ(inspector.json("v1/records?filter=from%3Dpanel")["records"].size(), 3u);
+  EXPECT_EQ(inspector.json("v1/records?filter=from%3Dother")["records"].size(), 3u);
+}
+
+TEST_F(InspectorTest, KeepsLittleOfAFloodAndSaysSo) {
+  Server server;
+  server.connect(kPanel, "panel");
+  server.connect(kStation, "station");
+  Inspector inspector;
+  inspector.wait_for_records(4);
+
+  inspector.wait_for("v1/status", [&server](const Json &status) {
+    for (uint32_t i = 0; i < 5000; ++i) {
+      server.exchange(i);
+      if (i % 200 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return status["left_out"] > 1000;
+  });
+  server.lose(7, "printer");
+
+  inspector.wait_for("v1/records?filter=lost",
+                     [](const Json &answer) { return answer["records"].size() == 1; });
+  const Json status = inspector.json("v1/status");
+  EXPECT_LT(status["bytes"], 64 << 20);
+  const Json summary = inspector.json("v1/summary");
+  uint64_t messages = 0;
+  for (const Json &edge : summary["edges"]) messages += edge["messages"].get<uint64_t>();
+  EXPECT_GT(messages, status["records"].get<uint64_t>() / 4) << "what is left out is counted";
+}
+
+TEST_F(InspectorTest, ShowsThePast) {
+  constexpr const char *kCapture = "/var/capture.pcapng", *kDead = "/var/dead.flight";
+  {
+    Server server;
+    server.connect(kPanel, "panel");
+    server.connect(kStation, "station");
+    for (uint32_t i = 0; i < 20; ++i) server.exchange(i, "question", "answer");
+    ::rename(flight::kPath, kDead);
+  }
+  size_t records = 0;
+  {
+    Inspector inspector({"--file", kDead, "--token-file", ""});
+    const Json status = inspector.json("v1/status");
+    EXPECT_EQ(status["state"], "past");
+    EXPECT_EQ(status["past"], true);
+    records = inspector.json("v1/records")["records"].size();
+    EXPECT_EQ(records, 44u);
+    EXPECT_EQ(inspector.get("v1/stats").status, 404);
+    EXPECT_EQ(inspector.json("v1/clients")["clients"].size(), 2u);
+    EXPECT_EQ(inspector.json("v1/export?format=json&filter=answer").size(), 40u)
+        << "deliveries of answers, too";
+    std::ofstream(kCapture, std::ios::binary) << inspector.get("v1/export?format=pcapng").body;
+    std::ofstream("/var/part.pcapng", std::ios::binary)
+        << inspector.get("v1/export?format=pcapng&filter=from%3Dpanel").body;
+  }
+  {
+    Inspector inspector({"--file", kCapture, "--token-file", ""});
+    EXPECT_EQ(inspector.json("v1/records")["records"].size(), records);
+    EXPECT_EQ(inspector.json("v1/records?filter=answer%20and%20to%3Dpanel")["records"].size(), 20u);
+    EXPECT_EQ(inspector.json("v1/summary")["types"][0]["total"]["count"], 20);
+  }
+  {
+    // Without the records of the names.
+    Inspector inspector({"--file", "/var/part.pcapng", "--token-file", ""});
+    EXPECT_EQ(inspector.json("v1/records?filter=to%3Dstation")["records"].size(), 20u);
+  }
+  std::string cut = test::contents(kCapture);
+  cut.resize(cut.size() - 5);
+  std::ofstream(kCapture, std::ios::binary) << cut;
+  {
+    Inspector inspector({"--file", kCapture, "--token-file", ""});
+    EXPECT_EQ(inspector.json("v1/status")["state"], "damaged");
+    EXPECT_EQ(inspector.json("v1/records?all=1")["records"].size(), 83u);
+  }
+}
+
+TEST_F(InspectorTest, RefusesWhatItCannotShow) {
+  std::ofstream("/var/text") << "this is no capture";
+  const auto status = [](const std::vector<std::string> &arguments) {
+    return test::Process("msginspect", arguments).wait();
+  };
+  EXPECT_EQ(status({"--file", "/var/nothing"}), 4);
+  EXPECT_EQ(status({"--file", "/var/text"}), 6);
+  EXPECT_EQ(status({"--file", "/dev/null"}), 6);
+  EXPECT_EQ(status({"--listen", "nowhere"}), 1);
+  EXPECT_EQ(status({"--listen", "fd:0"}), 2);
+  EXPECT_EQ(status({"--bogus"}), 2);
+  Inspector inspector;
+  EXPECT_EQ(status({}), 1) << "the port is taken";
+}
+
+TEST_F(InspectorTest, ShowsLogLinesOfTheRange) {
+  timespec uptime{};
+  ::clock_gettime(CLOCK_BOOTTIME, &uptime);
+  const int64_t now_ms = uptime.tv_sec * 1000 + uptime.tv_nsec / 1'000'000;
+  test::mlog::write_ring("wan", test::mlog::line(now_ms - 60'000, "a minute ago") +
+                                    test::mlog::line(now_ms, "now\x1b[31m <b>", "WARN"));
+  Inspector inspector;
+
+  const Json all = inspector.json("v1/logs");
+  ASSERT_EQ(all["lines"].size(), 2u) << all;
+  EXPECT_EQ(all["lines"][1]["text"], "now\\x1b[31m <b>");
+  EXPECT_EQ(all["lines"][1]["level"], "WARN");
+  EXPECT_EQ(all["lines"][1]["module"], "wan");
+  const uint64_t later = all["lines"][0]["at_us"].get<uint64_t>() + 1000;
+  EXPECT_EQ(inspector.json("v1/logs?from=" + std::to_string(later))["lines"].size(), 1u);
+  const Json one = inspector.json("v1/logs?limit=1");
+  EXPECT_EQ(one["lines"].size(), 1u);
+  EXPECT_EQ(one["more"], true);
+}
+
+TEST_F(InspectorTest, SendsForItsOwnPageWhereThatIsAllowed) {
+  test::Process server("msgsvr");
+  ASSERT_TRUE(server.wait_for("ready"));
+  Inspector inspector({"--allow-send"});
+  const auto send = [&inspector](const char *body, const char *origin) {
+    return inspector.get("v1/send", {.headers = {origin}, .method = "POST", .upload = body});
+  };
+  constexpr const char *kOurs = "Origin: http://127.0.0.1:8970";
+  const char *question = R"({"to": "server", "type": "factory-mode", "answered": true})";
+
+  EXPECT_EQ(send(question, "Origin: http://evil.example").status, 403);
+  EXPECT_EQ(send(question, "X-Nothing: 1").status, 403);
+  const Reply reply = send(question, kOurs);
+  ASSERT_EQ(reply.status, 200) << reply.body;
+  EXPECT_EQ(reply.json()["status"], 0) << reply.body;
+  EXPECT_EQ(reply.json()["answer"]["name"], "factory-mode");
+  EXPECT_EQ(send(R"({"to": "nobody", "type": "0x1234"})", kOurs).json()["status"], 4);
+  EXPECT_EQ(send(R"({"to": "--help", "type": "0x1234"})", kOurs).status, 400);
+  EXPECT_EQ(send("[", kOurs).status, 400);
+  EXPECT_FALSE(inspector.json("v1/clients")["clients"].is_null());
+  EXPECT_EQ(inspector.json("v1/stats")["pid"], server.pid());
+}
+
+TEST(InspectorToken, IsKeptWhereNobodyElseReadsIt) {
+  constexpr const char *kPath = "/var/token";
+  std::string warning;
+  const std::string first = inspector::token_of(kPath, &warning);
+  EXPECT_EQ(first.size(), 32u);
+  EXPECT_EQ(inspector::token_of(kPath, &warning), first);
+  EXPECT_EQ(warning, "");
+  EXPECT_NE(inspector::token_of("", &warning), inspector::token_of("", &warning));
+
+  ::chmod(kPath, 0644);
+  EXPECT_NE(inspector::token_of(kPath, &warning), first);
+  EXPECT_THAT(warning, HasSubstr(kPath));
+  ::chmod(kPath, 0600);
+  warning.clear();
+  ASSERT_EQ(::symlink(kPath, "/var/link"), 0);
+  EXPECT_NE(inspector::token_of("/var/link", &warning), first);
+  EXPECT_NE(warning, "");
+  warning.clear();
+  EXPECT_EQ(inspector::token_of("/nowhere/token", &warning).size(), 32u);
+  EXPECT_NE(warning, "");
+}
+
+TEST(InspectorSampler, KeepsBurstsAndThinsFloodsByExchange) {
+  Sampler burst(1000);
+  for (uint64_t i = 0; i < 4000; ++i) EXPECT_TRUE(burst.wants(i, 1)) << i;
+  EXPECT_FALSE(burst.wants(4000, 1));
+
+  Sampler flood(1000);
+  constexpr uint64_t kSeconds = 20, kRate = 100'000;
+  uint64_t kept = 0, torn = 0;
+  for (uint64_t i = 0; i < kSeconds * kRate; ++i) {
+    const uint64_t time_ns = i * (1'000'000'000 / kRate);
+    const bool first = flood.wants(i, time_ns), second = flood.wants(i, time_ns);
+    kept += first + second;
+    if (time_ns > 5'000'000'000 && first != second) ++torn;
+  }
+  EXPECT_GT(kept, kSeconds * 400);
+  EXPECT_LT(kept, kSeconds * 1000 + 4000);
+  EXPECT_LT(torn, 5u);
+  EXPECT_GT(flood.one_in(), 100u);
+}
+
+// --- What is remembered -------------------------------------------------------------------------
+
+class InspectorRecording : public testing::Test {
+ protected:
+  void read(Recording *recording) {
+    if (!reader_) reader_ = std::make_unique<flight::Reader>(flight::Reader::follow(flight::kPath));
+    flight::Entry entry;
+    while (reader_->next(&entry) == flight::Reader::Next::kEntry) {
+      recording->take(entry, reader_->wall_ns(entry.record.time_ns));
+    }
+  }
+  void TearDown() override { ::unlink(flight::kPath); }
+
+  Server server_;
+  catalogue::Catalogue catalogue_;
+  std::unique_ptr<flight::Reader> reader_;
+};
+
+TEST_F(InspectorRecording, ForgetsTheOldestAtItsLimits) {
+  Recording few(catalogue_, true, {.records = 10});
+  Recording small(catalogue_, true, {.bytes = 10'000});
+  for (uint32_t i = 0; i < 100; ++i) server_.exchange(i, "question", "answer");
+  read(&few);
+  reader_.reset();
+  read(&small);
+
+  EXPECT_EQ(few.end_sequence() - few.first_sequence(), 10u);
+  EXPECT_EQ(few.forgotten(), 390u);
+  EXPECT_EQ(few.at(few.first_sequence()).sequence, few.first_sequence());
+  EXPECT_LE(small.bytes(), 10'000u);
+  EXPECT_GT(small.end_sequence() - small.first_sequence(), 2u);
+}
+
+TEST_F(InspectorRecording, CountsWhatItCouldNotRead) {
+  Recording recording(catalogue_, true);
+  server_.exchange(1);
+  read(&recording);
+  for (uint32_t i = 0; i < 15'000; ++i) server_.exchange(i);
+  read(&recording);
+
+  EXPECT_GT(recording.missed(), 1000u);
+  EXPECT_EQ(recording.missed() + recording.records(), server_.recorder_.count());
+}
+
+TEST(InspectorSummary, KnowsTimesToAnEighth) {
+  inspector::Spread spread;
+  for (uint64_t us = 1; us <= 1000; ++us) spread.add(us * 1000);
+  EXPECT_EQ(spread.count(), 1000u);
+  EXPECT_NEAR(static_cast<double>(spread.quantile(0.5)), 500e3, 500e3 / 8);
+  EXPECT_NEAR(static_cast<double>(spread.quantile(0.99)), 990e3, 990e3 / 8);
+  EXPECT_EQ(spread.quantile(1), 1'000'000u);
+  inspector::Spread sum;
+  sum.add(spread);
+  sum.add(~uint64_t{0});
+  sum.add(0);
+  EXPECT_EQ(sum.count(), 1002u);
+  EXPECT_EQ(sum.max(), ~uint64_t{0});
+  uint64_t counted = 0;
+  for (const auto &[power, count] : sum.octaves()) counted += count;
+  EXPECT_EQ(counted, 1002u);
+}
+
+}  // namespace

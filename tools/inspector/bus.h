@@ -1,0 +1,48 @@
+// What all threads of the inspector share: the recording, and how its source is.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "inspector/recording.h"
+
+namespace inspector {
+
+enum class SourceState {
+  kWaiting,  // there is nothing to read yet
+  kLive,     // a running server writes
+  kEnded,    // the server that wrote it is gone
+  kPast,     // a file, read to its end
+  kDamaged,
+};
+
+struct Bus {
+  Bus(const catalogue::Catalogue &catalogue, bool masked) : recording(catalogue, masked) {}
+
+  mutable std::mutex mutex;
+  std::condition_variable news;  // of anything below
+  Recording recording;
+  std::string source;  // the file
+  SourceState state = SourceState::kWaiting;
+  std::string reason;         // of another state than live and past
+  uint32_t servers = 0;       // that were seen
+  uint64_t server_at_us = 0;  // when the last of them was found
+  bool ends = false;          // the inspector does
+
+  void set_state(SourceState to, std::string why = {}) {
+    const std::lock_guard lock(mutex);
+    if (state == to && reason == why) return;
+    state = to;
+    reason = std::move(why);
+    news.notify_all();
+  }
+  void end() {
+    const std::lock_guard lock(mutex);
+    ends = true;
+    news.notify_all();
+  }
+};
+
+}  // namespace inspector

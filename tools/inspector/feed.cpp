@@ -1,0 +1,261 @@
+#include "inspector/feed.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <string_view>
+
+#include "common/exit_status.h"
+#include "common/unique_fd.h"
+#include "msgctl/flight_source.h"
+#include "traffic/pcapng.h"
+
+namespace inspector {
+namespace {
+
+using flight::Kind;
+using servers::ExitStatus;
+using servers::Failure;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kTurn(15);
+// What a turn may take of it: the rest is the bus's.
+constexpr std::chrono::milliseconds kReading(6);
+constexpr std::chrono::milliseconds kRetry(250);
+// Others wait for the lock no longer than this many records take.
+constexpr int kAtOnce = 256;
+
+uint64_t now_us() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000u + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+void begin_server(Bus *bus, uint32_t body_limit) {
+  const std::lock_guard lock(bus->mutex);
+  bus->recording.begin_server(body_limit);
+  ++bus->servers;
+  bus->server_at_us = now_us();
+  bus->news.notify_all();
+}
+
+// Looks at every record of a file in turn; returns what is wrong with it, "" if nothing is.
+using Use = std::function<void(const flight::Entry &entry, uint64_t wall_ns)>;
+using Walk = std::function<std::string(const Use &use)>;
+
+std::string walk_flight(const std::string &path, const Use &use) {
+  flight::Reader reader = msgctl::open_flight(path);
+  flight::Entry entry;
+  uint64_t bytes = 0;
+  while (bytes <= reader.head().ring_size) {
+    switch (reader.next(&entry)) {
+      case flight::Reader::Next::kNothing:
+        return {};
+      case flight::Reader::Next::kDamaged:
+        return "the ring is damaged after what is shown";
+      case flight::Reader::Next::kEntry:
+        break;
+    }
+    bytes += entry.record.size;
+    use(entry, reader.wall_ns(entry.record.time_ns));
+  }
+  return {};
+}
+
+class Mapping {
+ public:
+  explicit Mapping(const std::string &path) {
+    const servers::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!fd || ::fstat(fd.get(), &status) != 0) {
+      throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kNoSuch,
+                    path + ": " + std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode) || status.st_size == 0) {
+      throw Failure(ExitStatus::kBadBody, path + ": this is no capture and no flight file");
+    }
+    size_ = static_cast<size_t>(status.st_size);
+    memory_ = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd.get(), 0);
+    if (memory_ == MAP_FAILED) {
+      throw Failure(ExitStatus::kAnswerError, path + ": " + std::strerror(errno));
+    }
+  }
+  ~Mapping() { ::munmap(memory_, size_); }
+  Mapping(const Mapping &) = delete;
+  Mapping &operator=(const Mapping &) = delete;
+
+  std::string_view bytes() const { return {static_cast<const char *>(memory_), size_}; }
+
+ private:
+  size_t size_ = 0;
+  void *memory_ = nullptr;
+};
+
+bool is_capture(std::string_view bytes) {
+  return bytes.starts_with("\x0a\x0d\x0d\x0a");
+}
+
+// The header as the recorder wrote it.
+ORP_MSG_HEADER_ST recorded(ORP_MSG_HEADER_ST header) {
+  for (uint32_t *word :
+       {&header.ulMsgType, &header.ulSeqNum, &header.ulMsgData, &header.ulDataLen}) {
+    *word = flight::little(*word);
+  }
+  return header;
+}
+
+std::string walk_capture(std::string_view bytes,
+                         const std::function<void(const traffic::Packet &)> &use) {
+  try {
+    traffic::PcapngReader reader(bytes);
+    while (const std::optional<traffic::Packet> packet = reader.next()) {
+      const bool possible = packet->record.kind > 0 && packet->record.kind <= flight::kLastKind &&
+                            packet->record.loss <= flight::kLastLoss;
+      const bool complete =
+          packet->record.kind != static_cast<uint8_t>(Kind::kAccepted) || packet->header;
+      if (!possible || !complete) return "a packet is no record of this bus";
+      use(*packet);
+    }
+  } catch (const std::runtime_error &error) {
+    return error.what();
+  }
+  return {};
+}
+
+void use_packet(const traffic::Packet &packet, Bus *bus, const Use &use) {
+  flight::Entry entry;
+  entry.record = packet.record;
+  entry.kept = packet.kept;
+  ORP_MSG_HEADER_ST header{};
+  if (packet.header && entry.kind() == Kind::kAccepted) {
+    header = recorded(*packet.header);
+    entry.header = {reinterpret_cast<const char *>(&header), sizeof header};
+  }
+  // A part of a recording need not have the records of the names.
+  if (bus != nullptr) {
+    for (const auto &[id, label] :
+         {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
+      if (!label.empty() && label[0] != '#') bus->recording.name_client(id, label);
+    }
+  }
+  use(entry, packet.wall_ns);
+}
+
+}  // namespace
+
+void load_past(Bus *bus, const std::string &path) {
+  const Mapping file(path);
+  const bool capture = is_capture(file.bytes());
+  const auto walk = [&](Bus *names, const Use &use) {
+    if (!capture) return walk_flight(path, use);
+    return walk_capture(file.bytes(),
+                        [&](const traffic::Packet &packet) { use_packet(packet, names, use); });
+  };
+  uint64_t count = 0, first_ns = ~uint64_t{0}, last_ns = 0;
+  const std::string problem = walk(nullptr, [&](const flight::Entry &, uint64_t wall_ns) {
+    ++count;
+    first_ns = std::min(first_ns, wall_ns);
+    last_ns = std::max(last_ns, wall_ns);
+  });
+  if (count == 0 && !problem.empty()) throw Failure(ExitStatus::kBadBody, path + ": " + problem);
+
+  bus->source = path;
+  bus->recording.begin_past(count, count == 0 ? 0 : last_ns - first_ns);
+  begin_server(bus, 0);
+  walk(bus, [bus](const flight::Entry &entry, uint64_t wall_ns) {
+    bus->recording.take(entry, wall_ns);
+  });
+  bus->set_state(problem.empty() ? SourceState::kPast : SourceState::kDamaged, problem);
+}
+
+Feed::Feed(Bus *bus, std::string path) : bus_(bus), path_(std::move(path)) {
+  bus_->source = path_;
+  thread_ = std::thread([this] { run(); });
+}
+
+Feed::~Feed() {
+  bus_->end();
+  thread_.join();
+}
+
+bool Feed::rest() {
+  std::unique_lock lock(bus_->mutex);
+  const auto pause = reader_ ? kTurn - kReading : kRetry;
+  return !bus_->news.wait_for(lock, pause, [this] { return bus_->ends; });
+}
+
+void Feed::run() {
+  do {
+    if (reader_ || open()) turn();
+  } while (rest());
+}
+
+bool Feed::open() {
+  try {
+    reader_.emplace(msgctl::open_flight(path_));
+  } catch (const Failure &failure) {
+    bus_->set_state(SourceState::kWaiting, failure.what());
+    return false;
+  }
+  damaged_ = false;
+  begin_server(bus_, reader_->head().body_limit);
+  look_after_server();
+  return true;
+}
+
+// Reads a little; true when there may be more.
+bool Feed::read_some() {
+  const std::lock_guard lock(bus_->mutex);
+  flight::Entry entry;
+  for (int i = 0; i < kAtOnce; ++i) {
+    const flight::Reader::Next next = reader_->next(&entry);
+    damaged_ = next == flight::Reader::Next::kDamaged;
+    if (next != flight::Reader::Next::kEntry) {
+      if (i > 0) bus_->news.notify_all();
+      return false;
+    }
+    ++read_;
+    bus_->recording.take(entry, reader_->wall_ns(entry.record.time_ns));
+  }
+  bus_->news.notify_all();
+  return true;
+}
+
+void Feed::turn() {
+  const bool replaced = reader_->replaced();
+  const uint64_t before = read_;
+  const Clock::time_point end = Clock::now() + kReading;
+  while (!damaged_ && read_some() && Clock::now() < end) {
+  }
+  // Everything that the old server wrote has been read before the new file is.
+  if (replaced && read_ == before && ::access(path_.c_str(), R_OK) == 0) {
+    reader_.reset();
+    open();
+    return;
+  }
+  look_after_server();
+}
+
+void Feed::look_after_server() {
+  const auto pid = static_cast<pid_t>(reader_->head().pid);
+  const bool there = pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
+  if (damaged_) {
+    bus_->set_state(SourceState::kDamaged, path_ + ": the ring is damaged after what is shown");
+  } else if (there) {
+    bus_->set_state(SourceState::kLive);
+  } else {
+    bus_->set_state(SourceState::kEnded, "the message server has ended; waiting for the next");
+  }
+}
+
+}  // namespace inspector

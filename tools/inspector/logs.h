@@ -1,0 +1,16 @@
+// Lines of the module logs, beside the traffic.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "inspector/summary.h"
+
+namespace inspector {
+
+// {"lines": [{"at_us", "module", "level", "text"}, ...], "more", "problems": [text, ...]}: the
+// newest `most` lines of the range, the oldest first, of this boot: only of those the time is
+// known. `more`: there are older ones in the range.
+Json log_lines(const std::string &directory, const Range &range, size_t most);
+
+}  // namespace inspector

@@ -1,0 +1,118 @@
+// What the inspector knows of the traffic: the model, the numbers of everything, and the records
+// themselves as far as a bounded memory goes. Not thread-safe; bus.h is.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "catalogue/type_files.h"
+#include "flight/reader.h"
+#include "inspector/sampler.h"
+#include "inspector/summary.h"
+#include "msgctl/event_text.h"
+#include "traffic/filter.h"
+#include "traffic/model.h"
+
+namespace inspector {
+
+// A record that is kept, with what it refers to, personal data already masked if that is wanted.
+struct Kept {
+  uint64_t sequence = 0;  // 1, 2, 3 ... of this inspector
+  uint32_t server = 0;    // which of the servers that were seen one after the other wrote it
+  flight::Record record;
+  uint64_t wall_ns = 0;
+  std::string text;
+  std::shared_ptr<traffic::Message> message;
+  std::shared_ptr<traffic::Message> request;
+  std::string json;
+};
+
+// Which records somebody wants to see.
+struct Selection {
+  traffic::Filter filter;
+  bool all = false;  // also deliveries and the like, which say little that other records do not say
+  Range range;
+};
+
+class Recording {
+ public:
+  struct Limits {
+    uint32_t per_second = 1000;  // records kept
+    size_t records = 100'000;
+    size_t bytes = size_t{64} << 20;
+  };
+
+  Recording(const catalogue::Catalogue &catalogue, bool masked);
+  Recording(const catalogue::Catalogue &catalogue, bool masked, const Limits &limits);
+
+  // Another server has begun to record, with so many bytes of each body. Clients' and records'
+  // numbers mean others from here on.
+  void begin_server(uint32_t body_limit);
+  // The records of a file follow, `count` of them over `span_ns`: all of it is to be remembered.
+  void begin_past(uint64_t count, uint64_t span_ns);
+
+  void take(const flight::Entry &entry, uint64_t wall_ns);
+  // What a client is called, from elsewhere than its records.
+  void name_client(traffic::ClientId id, std::string_view name);
+
+  // The records with sequences from first_sequence() up to and without end_sequence() are there.
+  uint64_t first_sequence() const { return end_ - kept_.size(); }
+  uint64_t end_sequence() const { return end_; }
+  const Kept &at(uint64_t sequence) const { return kept_[sequence - first_sequence()]; }
+  bool matches(const Kept &kept, const Selection &selection) const;
+
+  // The record as it was taken; valid as long as `kept`.
+  static traffic::Event event_of(const Kept &kept);
+  // Knows the clients that the record names.
+  const traffic::Model &model_of(const Kept &kept) const;
+  const traffic::Model &model() const { return models_.at(server_); }
+
+  const Summary &summary() const { return summary_; }
+  uint64_t records() const { return records_; }    // read
+  uint64_t left_out() const { return left_out_; }  // of them not kept, for there were too many
+  uint64_t missed() const { return missed_; }      // overwritten before they could be read
+  uint64_t forgotten() const { return end_ - 1 - kept_.size(); }  // kept once
+  size_t bytes() const { return bytes_; }
+  uint64_t one_in() const { return sampler_.one_in(); }
+  uint64_t first_wall_ns() const { return first_wall_ns_; }
+  uint64_t last_wall_ns() const { return last_wall_ns_; }
+
+ private:
+  void count_missed(const flight::Record &record, uint64_t wall_ns);
+  bool wants(const traffic::Event &event);
+  void keep(const traffic::Event &event);
+  std::shared_ptr<traffic::Message> copy_of(const traffic::Message &message);
+  void update_copies(const traffic::Event &event);
+  std::string json_of(const traffic::Event &event) const;
+  void forget_oldest();
+  static size_t size_of(const Kept &kept);
+
+  const catalogue::Catalogue &catalogue_;
+  const bool masked_;
+  Limits limits_;
+  msgctl::EventText text_;
+  Sampler sampler_;
+  Sampler rare_;  // for what happens seldom, so that it is seen beside a flood of messages
+  Summary summary_;
+  uint32_t server_ = 0;
+  std::map<uint32_t, traffic::Model> models_;  // by server; of earlier ones only the clients' names
+  std::deque<Kept> kept_;
+  uint64_t end_ = 1;
+  // Copies of messages that are kept, of the running server, by number.
+  std::unordered_map<uint64_t, std::shared_ptr<traffic::Message>> messages_;
+  size_t bytes_ = 0;
+  uint64_t last_number_ = 0;
+  uint64_t records_ = 0;
+  uint64_t left_out_ = 0;
+  uint64_t missed_ = 0;
+  uint64_t first_wall_ns_ = 0;
+  uint64_t last_wall_ns_ = 0;
+};
+
+}  // namespace inspector
