@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# shell.sh [--http PORT] [COMMAND [ARGUMENT...]]: fills the configuration store with its defaults,
-# starts the servers, with HTTP on port 8080 or PORT, and runs COMMAND, or else an interactive shell.
+# shell.sh [--http PORT] [--inspect] [COMMAND [ARGUMENT...]]: fills the configuration store with its
+# defaults, starts the servers, with HTTP on port 8080 or PORT, and runs COMMAND, or else an interactive
+# shell. With --inspect the bus is shown as a page, whose address is in $INSPECTOR; it is there for
+# browsers outside when `sandbox --listen` has opened the socket.
 # For use inside the sandbox, with the programs in PATH. What the servers say goes to a file. The
 # exit status is the command's.
 set -euo pipefail
@@ -12,23 +14,45 @@ if [[ ${1:-} == --within ]]; then
   exec "${@:2}"
 fi
 
-port=8080
-case ${1:-} in
-  --http)
-    port=${2:-}
-    shift "$(($# < 2 ? 1 : 2))"
-    ;;
-  --http=*)
-    port=${1#*=}
-    shift
-    ;;
-esac
+port=8080 inspect=
+while [[ ${1:-} == --* ]]; do
+  case $1 in
+    --http)
+      port=${2:-}
+      shift "$(($# < 2 ? 1 : 2))"
+      ;;
+    --http=*)
+      port=${1#*=}
+      shift
+      ;;
+    --inspect)
+      inspect=127.0.0.1:8970
+      shift
+      ;;
+    *)
+      echo "shell: there is no option $1" >&2
+      exit 2
+      ;;
+  esac
+done
 if [[ ! $port =~ ^[0-9]{1,5}$ ]] || ((10#$port < 1 || 10#$port > 65535)); then
   echo "shell: --http takes a port from 1 to 65535, not '$port'" >&2
   exit 2
 fi
 
+if [[ -n $inspect ]]; then
+  [[ $(readlink /proc/self/fd/3) != socket:* ]] || inspect=fd:3
+  rm -f /var/inspector.address
+  mkfifo /var/inspector.address
+  msginspect --listen "$inspect" >/var/inspector.address &
+  trap 'kill %1 2>/dev/null || true' EXIT
+  [[ $inspect != fd:3 ]] || exec 3<&-
+  read -r INSPECTOR </var/inspector.address || exit 1
+  export INSPECTOR
+fi
+
 if (($# == 0)); then
+  [[ -z $inspect ]] || echo "The bus in a browser: $INSPECTOR" >&2
   cat >&2 <<TEXT
 Servers for messages, notifications and logs run here; what they say is in $server_lines.
 Restful requests by HTTP: curl http://127.0.0.1:$port/...

@@ -65,3 +65,18 @@ for command in "with_servers.sh true" demo.sh; do
   output=$(chroot "$root" "$bin"/$command 2>&1) || status=$?
   [[ $status == 2 && $output == *"not the sandbox"* ]] || fail "$command: $status, $output"
 done
+
+# A socket of the network outside works inside.
+"$bin/sandbox" --listen 127.0.0.1:8970 -- "$bin/msginspect" --listen fd:3 >/var/address 2>/dev/null &
+for ((i = 0; i < 250; ++i)); do
+  grep -q http /var/address && break
+  sleep 0.02
+done
+[[ $(curl -s "$(</var/address)v1/status") == *'"state":"waiting"'* ]] || fail "the socket does not work"
+kill "$!"
+wait "$!" || fail "the inspector ended with $?"
+for where in 8970 127.0.0.1 127.0.0.1:0 127.0.0.1:65536 127.0.0.1:8970x localhost:8970; do
+  status=0
+  "$bin/sandbox" --listen "$where" -- true 2>/dev/null || status=$?
+  [[ $status == 2 ]] || fail "--listen $where: status $status"
+done

@@ -22,6 +22,11 @@ grep -q 'msgsvr.* ready' /var/log/servers.log || fail "the servers' own lines ar
 output=$(echo 'echo "in $PS1"; cfmctl objects | wc -l' | "$shell" 2>/dev/null)
 [[ $output == *"in (msgapi sandbox)"*2* ]] || fail "the interactive shell said: $output"
 
+# shellcheck disable=SC2016 # the shell under test expands it
+output=$("$shell" --inspect --http 8098 bash -c 'curl -s "${INSPECTOR}v1/status"' 2>/dev/null)
+[[ $output == *'"state":"live"'* ]] || fail "the inspector said: $output"
+"$shell" --bogus true 2>/dev/null && fail "an option that is none is taken"
+
 for port in 0 65536 http ''; do
   status=0
   "$shell" --http "$port" true 2>/dev/null || status=$?

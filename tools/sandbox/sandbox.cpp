@@ -1,6 +1,9 @@
 // sandbox: runs one command in a private user, mount, process and network namespace in which the
 // fixed paths of the library exist and can be written.
 //
+// With --listen the command gets a listening socket of the machine's own network, which stays in
+// that network wherever it is used: the one way into the sandbox.
+//
 // The command sees the machine's files on a root of its own: every directory of the machine is
 // bound into a fresh tmpfs, but for the trees in which the library's fixed paths lie (/var, /mnt,
 // ...), which are empty directories of that tmpfs. Of the machine's own trees of these names only
@@ -11,9 +14,11 @@
 // Three processes: the launcher (forwards signals and the exit status), the init of the process
 // namespace (reaps orphans), and the command.
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/auxv.h>
 #include <sys/ioctl.h>
@@ -26,7 +31,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -214,6 +221,33 @@ void build_root(const std::vector<fs::path> &used) {
   if (::chdir(here.c_str()) != 0) check(::chdir("/") == 0, "chdir");
 }
 
+// "127.0.0.1:8970". The command has it as the descriptor 3, and nothing else.
+void listen_outside(const std::string &where) {
+  constexpr int kDescriptor = 3;
+  const size_t colon = where.rfind(':');
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  unsigned port = 0;
+  const char *end = where.data() + where.size();
+  const char *digits = where.data() + (colon == std::string::npos ? where.size() : colon + 1);
+  const auto [rest, error] = std::from_chars(digits, end, port);
+  if (::inet_pton(AF_INET, where.substr(0, colon).c_str(), &address.sin_addr) != 1 ||
+      error != std::errc() || rest != end || port == 0 || port > UINT16_MAX) {
+    std::fprintf(stderr, "sandbox: --listen takes ADDRESS:PORT, as in 127.0.0.1:8970\n");
+    std::exit(kUsage);
+  }
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  const int on = 1;
+  check(fd >= 0 && ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0, "socket");
+  check(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+            ::listen(fd, SOMAXCONN) == 0,
+        where);
+  if (fd == kDescriptor) return;
+  check(::dup2(fd, kDescriptor) == kDescriptor, "dup2");
+  ::close(fd);
+}
+
 void bring_up_loopback() {
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   check(fd >= 0, "socket");
@@ -306,15 +340,21 @@ int wait_for(pid_t child) {
 int main(int argc, char **argv) try {
   char **command = argv + 1;
   const bool help = argc > 1 && std::strcmp(command[0], "--help") == 0;
-  if (argc > 1 && std::strcmp(command[0], "--") == 0) ++command;
+  const char *outside = nullptr;
+  if (argc > 2 && std::strcmp(command[0], "--listen") == 0) {
+    outside = command[1];
+    command += 2;
+  }
+  if (*command != nullptr && std::strcmp(command[0], "--") == 0) ++command;
   if (help || *command == nullptr) {
     std::fprintf(
         help ? stdout : stderr,
-        "usage: sandbox [--] COMMAND [ARGUMENT...]\n"
+        "usage: sandbox [--listen ADDRESS:PORT] [--] COMMAND [ARGUMENT...]\n"
         "Runs COMMAND with private /var, /mnt, /online, /app, /data, /html and /system, a\n"
         "network of its own with lo up, and a /proc that shows only its own processes.\n"
         "Below these directories the machine's own entry is there only where COMMAND, this\n"
         "program or the working directory lies; /var/lib and /var/cache can be read.\n"
+        "With --listen COMMAND has a listening socket of the machine's network as descriptor 3.\n"
         "The exit status is COMMAND's (128 + signal when one ended it), or 125 when the\n"
         "sandbox could not be set up.\n");
     return help ? EXIT_SUCCESS : kUsage;
@@ -324,6 +364,7 @@ int main(int argc, char **argv) try {
   std::vector<fs::path> used = {directory};
   if (std::strchr(*command, '/') != nullptr) used.push_back(fs::weakly_canonical(*command));
   put_programs_first(directory);
+  if (outside != nullptr) listen_outside(outside);
   enter_namespaces();
   const pid_t init = fork_with_signals_held();
   if (init == 0) be_init(command, used);
