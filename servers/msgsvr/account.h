@@ -6,16 +6,11 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 
 namespace msgsvr {
-
-class Journal;
 
 // What is counted.
 enum class Kept { kConnections, kUnfinished, kSubscriptions, kPoints, kPaths, kDescriptors };
@@ -88,28 +83,6 @@ class Share {
   std::shared_ptr<Account> account_;
   size_t kind_ = 0;
   size_t amount_ = 0;
-};
-
-// The accounts of all users who have connections.
-class Accounts {
- public:
-  Accounts(const Limits &limits, Journal *journal) : limits_(limits), journal_(journal) {}
-
-  // For a new connection of that user.
-  std::shared_ptr<Account> open(std::string user_name);
-  // One more of that kind for the connection; an empty share if that is one too many. If only its
-  // user has too many, `make_room` may give up something that nobody owns any more, and says
-  // whether it did.
-  using MakeRoom = std::function<bool(const Account &user)>;
-  Share share(const std::shared_ptr<Account> &connection, Kept kind,
-              const MakeRoom &make_room = nullptr);
-  // The user of that connection is refused more of `what`.
-  void note_refusal(const Account &connection, std::string_view what);
-
- private:
-  const Limits limits_;
-  Journal *journal_;
-  std::map<std::string, std::weak_ptr<Account>> users_;
 };
 
 }  // namespace msgsvr

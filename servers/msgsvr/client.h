@@ -13,7 +13,7 @@
 #include "common/peer.h"
 #include "common/unique_fd.h"
 #include "msgsvr/account.h"
-#include "msgsvr/gate.h"
+#include "msgsvr/passport.h"
 #include "msgsvr/wire.h"
 
 namespace msgsvr {

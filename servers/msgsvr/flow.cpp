@@ -13,7 +13,7 @@
 #include <cassert>
 #include <utility>
 
-#include "msgsvr/server.h"
+#include "msgsvr/client.h"
 
 namespace msgsvr {
 namespace {
@@ -33,13 +33,13 @@ size_t low_mark(const OutputQueue &queue) {
 
 void Flow::watch(Client &reader) {
   if (reader.out.empty()) {
-    if (std::exchange(reader.backlog.half_full, false)) server_->journal().empty_again(reader);
+    if (std::exchange(reader.backlog.half_full, false)) journal_->empty_again(reader);
     reader.note_empty();
     reader.backlog.slow = false;
   }
   if (reader.out.weight() > high_mark(reader.out) &&
       !std::exchange(reader.backlog.half_full, true)) {
-    server_->journal().half_full(reader);
+    journal_->half_full(reader);
   }
   if (reader.out.weight() <= low_mark(reader.out)) {
     release_all(reader);
@@ -69,52 +69,50 @@ void Flow::hold(Client &sender, Client &reader) {
   if (backlog.timer == 0) check_patience(reader);
   backlog.held.push_back(sender.id);
   ++sender.holds;
-  server_->update_interest(sender);
+  clients_->update_interest(sender);
 }
 
 void Flow::check_patience(Client &reader) {
   reader.backlog.bytes_at_check = reader.out.bytes_written();
   reader.backlog.frames_at_check = reader.out.frames_written();
-  reader.backlog.timer = server_->loop().after(
-      std::chrono::milliseconds(server_->options().patience_ms), [this, id = reader.id] {
-        Client *client = server_->by_id(id);
-        if (client == nullptr) return;
-        client->backlog.timer = 0;
-        if (client->backlog.held.empty()) return;
-        const OutputQueue &out = client->out;
-        // A queue that waits for the rest of a long message is not its reader's fault, and the
-        // sender of that has a time of its own.
-        const bool reads = out.awaited() != nullptr ||
-                           out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
-                           out.frames_written() - client->backlog.frames_at_check >= kLeastFrames;
-        if (reads &&
-            server_->loop().attempt("a reader is not watched", [&] { check_patience(*client); })) {
-          return;
-        }
-        client->backlog.slow = true;
-        release_all(*client);
-        server_->flush();
-      });
+  reader.backlog.timer = loop_->after(patience_, [this, id = reader.id] {
+    Client *client = clients_->by_id(id);
+    if (client == nullptr) return;
+    client->backlog.timer = 0;
+    if (client->backlog.held.empty()) return;
+    const OutputQueue &out = client->out;
+    // A queue that waits for the rest of a long message is not its reader's fault, and the
+    // sender of that has a time of its own.
+    const bool reads = out.awaited() != nullptr ||
+                       out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
+                       out.frames_written() - client->backlog.frames_at_check >= kLeastFrames;
+    if (reads && loop_->attempt("a reader is not watched", [&] { check_patience(*client); })) {
+      return;
+    }
+    client->backlog.slow = true;
+    release_all(*client);
+    clients_->flush();
+  });
 }
 
 void Flow::release(Client &reader, uint32_t sender) noexcept {
   if (std::erase(reader.backlog.held, sender) == 0) return;
-  Client *client = server_->by_id(sender);
+  Client *client = clients_->by_id(sender);
   if (client == nullptr) return;
   assert(client->holds > 0);
   --client->holds;
-  server_->update_interest(*client);
+  clients_->update_interest(*client);
 }
 
 void Flow::release_all(Client &reader) noexcept {
   if (reader.backlog.held.empty()) return;
-  server_->loop().cancel(std::exchange(reader.backlog.timer, 0));
+  loop_->cancel(std::exchange(reader.backlog.timer, 0));
   for (uint32_t id : std::exchange(reader.backlog.held, {})) {
-    Client *sender = server_->by_id(id);
+    Client *sender = clients_->by_id(id);
     if (sender == nullptr) continue;
     assert(sender->holds > 0);
     --sender->holds;
-    server_->update_interest(*sender);
+    clients_->update_interest(*sender);
   }
 }
 

@@ -1,17 +1,35 @@
 // Slow readers: whose input rests because somebody does not keep up, and for how long.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
+#include "common/event_loop.h"
+#include "msgsvr/journal.h"
+
 namespace msgsvr {
 
-class Server;
 struct Client;
 
 class Flow {
  public:
-  explicit Flow(Server *server) : server_(server) {}
+  // What it needs of whoever has the clients.
+  class Clients {
+   public:
+    virtual Client *by_id(uint32_t id) = 0;
+    // Looks anew at what the loop should watch of `client`.
+    virtual void update_interest(Client &client) noexcept = 0;
+    virtual void flush() noexcept = 0;
+
+   protected:
+    ~Clients() = default;
+  };
+
+  // A reader that takes next to nothing for `patience` is slow.
+  Flow(Clients *clients, servers::EventLoop *loop, Journal *journal,
+       std::chrono::milliseconds patience)
+      : clients_(clients), loop_(loop), journal_(journal), patience_(patience) {}
 
   // Until end_routing() the input of `sender` is being routed, so that it rests when a queue that
   // it fills is more than half full.
@@ -34,7 +52,10 @@ class Flow {
   void release(Client &reader, uint32_t sender) noexcept;
   void check_patience(Client &reader);
 
-  Server *server_;
+  Clients *clients_;
+  servers::EventLoop *loop_;
+  Journal *journal_;
+  std::chrono::milliseconds patience_;
   Client *routed_ = nullptr;
 };
 

@@ -140,6 +140,7 @@ Server::Server(EventLoop *loop, const Options &options)
     : loop_(loop),
       options_(options),
       read_buffer_(std::min(kReadSize, options.queue_limit / kReadsInQueue)),
+      flow_(this, loop, &journal_, std::chrono::milliseconds(options.patience_ms)),
       accounts_(options.limits, &journal_),
       gate_(::getegid(), &journal_) {}
 

@@ -16,7 +16,7 @@
 
 #include "common/event_loop.h"
 #include "common/listen.h"
-#include "msgsvr/account.h"
+#include "msgsvr/accounts.h"
 #include "msgsvr/client.h"
 #include "msgsvr/flow.h"
 #include "msgsvr/gate.h"
@@ -39,7 +39,7 @@ class Scratch {
   char *next_ = nullptr;
 };
 
-class Server {
+class Server final : private Flow::Clients {
  public:
   using Handler = std::function<void(Client &from, const Message &message)>;
   using GoneHandler = std::function<void(Client &client)>;
@@ -72,7 +72,7 @@ class Server {
   EventLoop &loop() { return *loop_; }
   const Options &options() const { return options_; }
   const std::unordered_map<uint32_t, std::unique_ptr<Client>> &clients() const { return clients_; }
-  Client *by_id(uint32_t id);
+  Client *by_id(uint32_t id) override;
   Names &names() { return names_; }
   Accounts &accounts() { return accounts_; }
   Gate &gate() { return gate_; }
@@ -100,7 +100,7 @@ class Server {
   // It is lost and nobody is told: to the client `to`, or to everybody.
   void lose_silently(const Client &from, const Message &message, Loss loss,
                      Client *to = nullptr) noexcept;
-  void flush() noexcept;
+  void flush() noexcept override;
 
   Journal &journal() { return journal_; }
   std::vector<std::string> statistics() const;
@@ -109,13 +109,12 @@ class Server {
 
  private:
   friend struct Client;
-  friend class Flow;
   struct Listener;
 
   void take_in(UniqueFd fd);
   bool is_served(const Client &client);
   void fail(Client &client, const char *why) noexcept;
-  void update_interest(Client &client) noexcept;
+  void update_interest(Client &client) noexcept override;
   void readable(Client &from);
   void writable(Client &to);
   void take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd);
@@ -173,8 +172,8 @@ class Server {
   Scratch scratch_;
   std::vector<Client *> touched_;
   size_t posted_ = 0;  // frames that wait for flush()
-  Flow flow_{this};
   Journal journal_;
+  Flow flow_;
   Accounts accounts_;
   Gate gate_;
 };

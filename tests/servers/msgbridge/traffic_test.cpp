@@ -5,6 +5,7 @@
 
 #include "msgapi/event.h"
 #include "msgbridge/downward.h"
+#include "msgbridge/json_text.h"
 #include "msgbridge/upward.h"
 
 namespace {

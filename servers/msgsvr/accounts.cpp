@@ -1,4 +1,4 @@
-#include "msgsvr/account.h"
+#include "msgsvr/accounts.h"
 
 #include "common/log_line.h"
 #include "msgsvr/journal.h"
