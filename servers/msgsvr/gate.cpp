@@ -24,7 +24,7 @@ using policy::Who;
 using servers::log_line;
 
 // Answers that are kept for one client; whoever needs more has them given anew.
-constexpr size_t kMostAnswers = 4096;
+constexpr size_t kMostAnswers = 512;
 // Rules of which the log speaks for one client.
 constexpr size_t kMostTold = 64;
 

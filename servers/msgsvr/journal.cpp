@@ -1,13 +1,12 @@
 #include "msgsvr/journal.h"
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <utility>
 
 #include "msgsvr/client.h"
+#include "msgsvr/program.h"
 
 namespace msgsvr {
 namespace {
@@ -34,12 +33,8 @@ void Journal::connected(const Client &client) noexcept {
     recorder_.note(Kind::kConnected, facts, client.address);
     return;
   }
-  std::array<char, 32> link{};
-  std::snprintf(link.data(), link.size(), "/proc/%d/exe", client.peer.pid);
   std::array<char, kLongestProgram> program;
-  const ssize_t size = ::readlink(link.data(), program.data(), program.size());
-  recorder_.note(Kind::kConnected, facts,
-                 {program.data(), static_cast<size_t>(std::max<ssize_t>(size, 0))});
+  recorder_.note(Kind::kConnected, facts, program_of(client.peer.pid, program));
 }
 
 void Journal::named(const Client &client) noexcept {

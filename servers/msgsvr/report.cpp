@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "common/printable.h"
+#include "msgsvr/program.h"
 
 namespace msgsvr {
 namespace {
@@ -47,13 +48,11 @@ class Users {
   std::map<uid_t, Json> names_;
 };
 
-// What the process runs now; null when it has gone, or may not be looked at.
-Json program_of(pid_t pid) {
-  std::array<char, 4096> program;
-  const std::string link = fmt::format("/proc/{}/exe", pid);
-  const ssize_t size = ::readlink(link.c_str(), program.data(), program.size());
-  if (size <= 0) return {};
-  return printable({program.data(), static_cast<size_t>(size)});
+// What the process runs now; null when that cannot be found out.
+Json program_json(pid_t pid) {
+  std::array<char, 4096> buffer;
+  const std::string_view program = program_of(pid, buffer);
+  return program.empty() ? Json() : Json(printable(program));
 }
 
 Json traffic(uint64_t messages, uint64_t bytes) {
@@ -66,7 +65,7 @@ Json json_of(const ClientFacts &client, Users *users) {
   json["id"] = client.id;
   json["name"] = printable(client.name.text());
   json["pid"] = here ? Json(client.peer.pid) : Json();
-  json["program"] = here ? program_of(client.peer.pid) : Json();
+  json["program"] = here ? program_json(client.peer.pid) : Json();
   json["uid"] = here ? Json(client.peer.uid) : Json();
   json["user"] = here ? users->name(client.peer.uid) : Json();
   json["gid"] = here ? Json(client.peer.gid) : Json();

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -374,6 +375,31 @@ TEST_F(Trust, ServicesAreForWhomTheRulesSay) {
   web->send({.type = ORP_MSG_EXIT, .body = padded("web")});
   EXPECT_EQ(ORP_MSG_EXIT, web->read().type) << "itself it may end";
   EXPECT_TRUE(wifi.quiet());
+}
+
+// It asks with msgctl, run by a user who may not stop others.
+TEST_F(Trust, ADynamicApplicationMayStopItself) {
+  constexpr const char *kSocket = "/var/dyn.sock";
+  const char *bin = ::getenv("MSGAPI_BIN");
+  std::ofstream("/var/apps.json")
+      << R"({"applications": [{"name": "dyn", "user": "nobody", "listen": "unix:/var/dyn.sock",)"
+      << "\"executable\": \"" << (bin == nullptr ? "." : bin) << "/msgctl\","
+      << R"("arguments": ["send", "server", "dynapp-update", "1", "dyn"]}]})";
+  start({"--apps", "/var/apps.json"});
+  const auto web = user("web");
+  web->send({.type = ORP_MSG_DYNAPP_UPDATE, .body = padded("dyn"), .data = ORP_DYNAPP_OFF});
+  web->expect(notice(ORP_MSG_DYNAPP_UPDATE, "web"));
+  web->send({.type = ORP_MSG_DYNAPP_UPDATE, .body = padded("dyn"), .data = ORP_DYNAPP_ON});
+  EXPECT_THAT(web->drain(), IsEmpty());
+
+  ASSERT_EQ(0, ::access(kSocket, F_OK));
+  const int trigger = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/var/dyn.sock"};
+  ASSERT_EQ(0, ::connect(trigger, reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  ASSERT_TRUE(server_->wait_for("dyn has ended"));
+  EXPECT_NE(0, ::access(kSocket, F_OK)) << "the server does not listen for it any more";
+  ::close(trigger);
+  EXPECT_EQ(1u, count(log(), "may not ask for application-stop"));
 }
 
 TEST_F(Trust, BoardsAreKnownByTheAddressWhereTheyComeIn) {
