@@ -1,13 +1,16 @@
 // notifyserver: the notify server "notifyserver" in "/var/run/notify". Passes notifications and
 // synchronous requests between the modules that are registered with it.
 
+#include <pwd.h>
 #include <sys/stat.h>
 
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/command_line.h"
 #include "common/confine.h"
@@ -17,9 +20,44 @@
 
 namespace {
 
-void run(const std::string &path, const notifyserver::Limits &limits) {
+// "MODULE=USER", by names or numbers. Throws servers::UsageError.
+void add_owner(const std::string &text, notifyserver::Rules *rules) {
+  const size_t equals = text.find('=');
+  const std::string module = text.substr(0, equals);
+  const std::string user = equals == std::string::npos ? "" : text.substr(equals + 1);
+  const auto number_of = [](const std::string &digits) {
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    const bool whole = error == std::errc() && end == digits.data() + digits.size();
+    return whole && !digits.empty() ? std::optional(number) : std::nullopt;
+  };
+  std::optional<uint32_t> id = number_of(module);
+  for (uint32_t each = 1; !id && each < ORP_NOTIFYCLT_MODULES; ++each) {
+    const char *name = ORP_NOTIFYCLT_GetNameByMID(each);
+    if (name != nullptr && module == name) id = each;
+  }
+  if (!id || *id == 0 || *id >= ORP_NOTIFYCLT_MODULES) {
+    throw servers::UsageError("--own " + text + ": there is no such module");
+  }
+  std::optional<uint32_t> uid = number_of(user);
+  if (const passwd *entry = uid ? nullptr : ::getpwnam(user.c_str())) uid = entry->pw_uid;
+  if (!uid) throw servers::UsageError("--own " + text + ": there is no such user");
+  rules->owners[*id].insert(*uid);
+}
+
+mode_t mode_of(const std::string &octal) {
+  mode_t mode = 0;
+  const auto [end, error] = std::from_chars(octal.data(), octal.data() + octal.size(), mode, 8);
+  if (octal.empty() || error != std::errc() || end != octal.data() + octal.size() || mode > 0777) {
+    throw servers::UsageError("--mode " + octal + " is no octal mode up to 0777");
+  }
+  return mode;
+}
+
+void run(const std::string &path, const notifyserver::Limits &limits,
+         const notifyserver::Rules &rules) {
   servers::EventLoop loop;
-  notifyserver::Server server(&loop, path, limits);
+  notifyserver::Server server(&loop, path, limits, rules);
 
   std::signal(SIGPIPE, SIG_IGN);
   loop.on_signal(SIGHUP, [] { servers::log_line("SIGHUP: there is no file to read anew"); });
@@ -47,6 +85,12 @@ int main(int argc, char **argv) try {
   line.number("--unfinished", &limits.unfinished,
               "Bytes that messages of one user's clients may take before they have arrived whole, "
               "and half of what all may; more is lost and counted");
+  std::string mode = "0666";
+  line.option("--mode", &mode, "Permissions of the socket, octal");
+  std::vector<std::string> owners;
+  line.option("--own", &owners,
+              "MODULE=USER: besides root only this user may register as the module; repeatable. "
+              "Messages then bear the module of their sender");
   bool log_server = false;
   line.flag(
       "--log-server", &log_server,
@@ -55,12 +99,20 @@ int main(int argc, char **argv) try {
   line.flag("--seccomp", &confined, "Give up rights that the server does not need");
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;
 
+  notifyserver::Rules rules;
+  try {
+    rules.mode = mode_of(mode);
+    for (const std::string &owner : owners) add_owner(owner, &rules);
+  } catch (const servers::UsageError &mistake) {
+    return line.usage_error(mistake.what());
+  }
+
   servers::set_log_name("notifyserver");
   if (log_server) servers::send_log_as("notifyserver");
   if (confined) servers::confine(servers::Programs::kNone);
   // Every application puts its own socket there, too.
   ::mkdir(ORP_NOTIFYCLT_DIRECTORY, 0775);
-  run(path, limits);
+  run(path, limits, rules);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {
   servers::log_line("{}", error.what());

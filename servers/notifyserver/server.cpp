@@ -18,9 +18,6 @@ namespace {
 using servers::log_line;
 using servers::OutputQueue;
 
-// Applications run under users of their own.
-constexpr mode_t kSocketMode = 0666;
-
 constexpr size_t kReadSize = 131072;
 
 const char *name_of(uint32_t module) {
@@ -59,6 +56,7 @@ class Server::Client final : public servers::Peer {
   FrameReader input;
   Route route;           // messages of this turn
   uint64_t refused = 0;  // messages of its own, as far as they are counted
+  bool foreign = false;  // the log has said that it sends as another module
   bool gone = false;
   Client *next_failed = nullptr;  // in flush_routes()
 
@@ -66,11 +64,12 @@ class Server::Client final : public servers::Peer {
   Server *server_;
 };
 
-Server::Server(servers::EventLoop *loop, const std::string &path, const Limits &limits)
+Server::Server(servers::EventLoop *loop, const std::string &path, const Limits &limits, Rules rules)
     : loop_(*loop),
       path_(path),
-      acceptor_(servers::listen_unix(path, kSocketMode)),
+      acceptor_(servers::listen_unix(path, rules.mode)),
       limits_(limits),
+      rules_(std::move(rules)),
       unfinished_(2 * limits.unfinished),
       input_(kReadSize) {
   loop_.add(acceptor_->fd(), EPOLLIN, this);
@@ -127,8 +126,9 @@ void Server::read_from(Client &client) {
   }
 
   client.input.feed(std::span(input_).first(static_cast<size_t>(count)));
-  while (const auto frame = client.input.next()) {
+  while (auto frame = client.input.next()) {
     ++statistics_.received;
+    if (!check_source(client, &*frame)) continue;
     if (frame->head.des_id == ORP_NOTIFYCLT_SERVER) {
       serve(client, *frame);
     } else {
@@ -210,12 +210,46 @@ void Server::register_module(Client &client, const Frame &frame) {
     return;
   }
 
+  if (!may_register(client, module)) {
+    ++statistics_.not_permitted;
+    log_line("{} of user {} may not be module {}", client.label(), client.peer.uid, module);
+    return;
+  }
+
   ++statistics_.registered;
   leave_module(client);
   client.module = module;
   missing_[module] = false;
   modules_[module].push_back(&client);
   log_line("{} is registered", client.label());
+}
+
+bool Server::may_register(const Client &client, uint32_t module) const {
+  const auto entry = rules_.owners.find(module);
+  return entry == rules_.owners.end() || client.peer.uid == 0 ||
+         entry->second.contains(client.peer.uid);
+}
+
+// False for a message that is not to be passed on.
+bool Server::check_source(Client &from, Frame *frame) {
+  const uint32_t source = frame->head.source_id;
+  const bool registers = frame->head.sync_tag == 0 && frame->head.des_id == ORP_NOTIFYCLT_SERVER &&
+                         frame->head.msg_type == ORP_NOTIFYCLT_REGISTER;
+  if (source == from.module || registers) return true;
+  ++statistics_.foreign;
+  if (!std::exchange(from.foreign, true)) {
+    log_line("{} of user {} sends as module {}", from.label(), from.peer.uid, source);
+  }
+  if (source == ORP_NOTIFYCLT_SERVER) {
+    ++statistics_.forged;
+    return false;
+  }
+  if (rules_.owners.empty()) return true;
+  frame->head.source_id = from.module;
+  std::vector<char> &copy = corrected_.emplace_back(frame->bytes.begin(), frame->bytes.end());
+  std::memcpy(copy.data(), &frame->head, sizeof frame->head);
+  frame->bytes = copy;
+  return true;
 }
 
 void Server::leave_module(Client &client) {
@@ -239,6 +273,7 @@ void Server::flush_routes() {
     client->next_failed = std::exchange(failed, client);
   }
   answers_.clear();
+  corrected_.clear();
   while (failed != nullptr) {
     disconnect(*std::exchange(failed, failed->next_failed),
                "is disconnected: the server could not go on with it");
@@ -308,10 +343,12 @@ void Server::log_statistics() const {
   }
   log_line(
       "received {} delivered {} registered {} answered {} unserved {} no_module {} overflows {} "
-      "died_with {} refused {} malformed {} connections {} clients {}",
+      "died_with {} refused {} malformed {} connections {} clients {} "
+      "foreign {} forged {} not_permitted {}",
       statistics_.received, delivered, statistics_.registered, statistics_.answered,
       statistics_.unserved, statistics_.no_module, statistics_.overflows, statistics_.died_with,
-      statistics_.refused, statistics_.malformed, statistics_.connections, clients_.size());
+      statistics_.refused, statistics_.malformed, statistics_.connections, clients_.size(),
+      statistics_.foreign, statistics_.forged, statistics_.not_permitted);
 }
 
 }  // namespace notifyserver

@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,16 +30,19 @@
 namespace notifyserver {
 
 struct Statistics {
-  uint64_t received = 0;    // whole messages, for whomever
-  uint64_t delivered = 0;   // written to clients that are gone; the living count their own
-  uint64_t registered = 0;  // registrations that were accepted
-  uint64_t answered = 0;    // synchronous requests to the server itself
-  uint64_t unserved = 0;    // messages for the server that it has no use for
-  uint64_t no_module = 0;   // lost: nobody has the destination's id
-  uint64_t overflows = 0;   // lost: no room in the destination's queue
-  uint64_t died_with = 0;   // lost: waited for a client that went away
-  uint64_t refused = 0;     // lost: no room for them before they had arrived whole
-  uint64_t malformed = 0;   // clients that were disconnected
+  uint64_t received = 0;       // whole messages, for whomever
+  uint64_t delivered = 0;      // written to clients that are gone; the living count their own
+  uint64_t registered = 0;     // registrations that were accepted
+  uint64_t answered = 0;       // synchronous requests to the server itself
+  uint64_t unserved = 0;       // messages for the server that it has no use for
+  uint64_t no_module = 0;      // lost: nobody has the destination's id
+  uint64_t overflows = 0;      // lost: no room in the destination's queue
+  uint64_t died_with = 0;      // lost: waited for a client that went away
+  uint64_t refused = 0;        // lost: no room for them before they had arrived whole
+  uint64_t malformed = 0;      // clients that were disconnected
+  uint64_t foreign = 0;        // messages with another source than their sender's module
+  uint64_t forged = 0;         // lost: messages that said they came from the server
+  uint64_t not_permitted = 0;  // registrations as a module of other users
   uint64_t connections = 0;
 };
 
@@ -51,10 +55,18 @@ struct Limits {
                                  // twice as many in all
 };
 
+// Who may do what. Root may do everything.
+struct Rules {
+  mode_t mode = 0666;  // of the socket: applications run under users of their own
+  // Who else may register as a module; one that is not here is for everybody. When there are any,
+  // messages bear their sender's module as their source.
+  std::map<uint32_t, std::set<uid_t>> owners = {};
+};
+
 class Server final : servers::EventLoop::Watch {
  public:
   // Listens at once; throws std::exception when it cannot.
-  Server(servers::EventLoop *loop, const std::string &path, const Limits &limits);
+  Server(servers::EventLoop *loop, const std::string &path, const Limits &limits, Rules rules);
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
   ~Server() override;
@@ -74,6 +86,8 @@ class Server final : servers::EventLoop::Watch {
   void route(Client &from, const Frame &frame);
   void serve(Client &from, const Frame &frame);
   void register_module(Client &client, const Frame &frame);
+  bool may_register(const Client &client, uint32_t module) const;
+  bool check_source(Client &from, Frame *frame);
   void leave_module(Client &client);
   void queue(Client &to, std::span<const char> bytes);
   void flush_routes();
@@ -88,6 +102,7 @@ class Server final : servers::EventLoop::Watch {
   std::string path_;
   std::optional<servers::Acceptor> acceptor_;
   const Limits limits_;
+  const Rules rules_;
   Budget unfinished_;                               // of all users
   std::map<uid_t, std::weak_ptr<Budget>> budgets_;  // of those who have clients
   std::vector<char> input_;                         // what is read of one client in one turn
@@ -99,6 +114,7 @@ class Server final : servers::EventLoop::Watch {
   // Destinations of the running turn.
   std::vector<Client *> routed_;
   std::list<NOTIFY_MSG> answers_;
+  std::list<std::vector<char>> corrected_;  // messages with another source than they came with
   Statistics statistics_;
 };
 
