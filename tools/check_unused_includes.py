@@ -14,7 +14,9 @@ PLACES = ["src", "platform", "catalogue", "kit", "servers", "tools", "examples",
 SEARCHED = [ROOT / "src", ROOT / "servers", ROOT / "include", ROOT / "tests", ROOT,
             *sorted(ROOT.glob("platform/*/include"))]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"(.*)$', re.M)
-COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.S)
+# Literals are matched as well, because "/*" and "//" in one begin no comment.
+COMMENT = re.compile(r'''(R"(\w*)\(.*?\)\2"|"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\\n])')'''
+                     r"|//[^\n]*|/\*.*?\*/", re.S)
 WORD = re.compile(r"\b[A-Za-z_]\w*\b")
 # What a header makes known: functions, types, macros, constants, variables.
 DECLARED = re.compile(
@@ -27,6 +29,10 @@ NO_NAMES = set("if for while switch return sizeof static_assert defined class st
 INTERFACES = {"msgapi.h"}
 
 
+def without_comments(text):
+    return COMMENT.sub(lambda match: match.group(1) or " ", text)
+
+
 def find(path, name):
     for folder in [path.parent, *SEARCHED]:
         if (folder / name).is_file():
@@ -36,7 +42,7 @@ def find(path, name):
 
 def declared(header, known={}):
     if header not in known:
-        text = COMMENT.sub(" ", header.read_text())
+        text = without_comments(header.read_text())
         known[header] = {name for names in DECLARED.findall(text) for name in names
                          if name} - NO_NAMES
     return known[header]
@@ -49,7 +55,7 @@ def main():
             if path.suffix not in (".h", ".c", ".cpp"):
                 continue
             text = path.read_text()
-            mentioned = set(WORD.findall(INCLUDE.sub("", COMMENT.sub(" ", text))))
+            mentioned = set(WORD.findall(INCLUDE.sub("", without_comments(text))))
             for name, rest in INCLUDE.findall(text):
                 header = find(path, name)
                 own = header is not None and header.stem == path.stem.removesuffix("_test")

@@ -62,7 +62,8 @@ class HttpClients {
   std::vector<int> fds_;
 };
 
-constexpr const char *kUnknown = "GET /unknown HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+constexpr const char *kUnknown =
+    "GET /unknown HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
 
 TEST_F(HttpServer, LocksNobodyOut) {
   const rlimit limit{4096, 4096};
@@ -70,8 +71,8 @@ TEST_F(HttpServer, LocksNobodyOut) {
   // Silent ones, such as stop in the head, and such as stop in the body.
   for (const std::string &begin :
        {std::string(), std::string("GET /dev/info HTTP/1.1\r\nHo"),
-        std::string(
-            "POST /dev/info HTTP/1.1\r\nHost: x\r\nContent-Length: 2000000\r\n\r\nbegin")}) {
+        std::string("POST /dev/info HTTP/1.1\r\nHost: localhost\r\nContent-Length: "
+                    "2000000\r\n\r\nbegin")}) {
     HttpClients idle;
     for (int i = 0; i < 500; ++i) ASSERT_TRUE(idle.open(begin)) << i;
     HttpClients honest;
@@ -92,11 +93,11 @@ TEST_F(HttpServer, GoesOnAfterManyConnectionsAndOddRequests) {
   std::string arguments = "GET /a?";
   for (int i = 0; i < 3000; ++i) arguments += "q=%41&";
   for (const std::string &odd :
-       {arguments + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n",
+       {arguments + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n",
         std::string("GET ") + std::string(100000, '/') + " HTTP/1.1\r\n\r\n",
-        std::string("POST /dev/a HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n"),
-        std::string(
-            "POST /dev/a HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n")}) {
+        std::string("POST /dev/a HTTP/1.1\r\nHost: localhost\r\nContent-Length: -1\r\n\r\n"),
+        std::string("POST /dev/a HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: "
+                    "chunked\r\n\r\nzz\r\n")}) {
     HttpClients client;
     client.open(odd);
     const auto begin = std::chrono::steady_clock::now();

@@ -153,7 +153,7 @@ TEST_F(Restful, PassesRequestsOfOtherApplicationsOn) {
 TEST_F(Restful, SurvivesHttpClientsThatLeave) {
   for (int i = 0; i < 10; ++i) {
     const int fd = connect_to(8080);
-    const std::string get = "GET /dev/info HTTP/1.1\r\nHost: x\r\n\r\n";
+    const std::string get = "GET /dev/info HTTP/1.1\r\nHost: localhost\r\n\r\n";
     ASSERT_EQ(static_cast<ssize_t>(get.size()), ::send(fd, get.data(), get.size(), MSG_NOSIGNAL));
     const Frame request = next_request();
     ::close(fd);

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "msgapi/dynapp.h"
 #include "msgapi/restful.h"
 #include "servers/services.h"
 #include "support/file.h"
