@@ -8,6 +8,9 @@
 #include <string_view>
 
 #include "msgctl/context.h"
+#ifdef MSGCTL_FLEET
+#include "msgctl/fleet_command.h"
+#endif
 #include "msgctl/output.h"
 
 namespace {
@@ -43,6 +46,9 @@ int main(int argc, char **argv) {
   msgctl::add_completion_commands(&line, &context);
   msgctl::add_doctor_command(&line, &context);
   msgctl::add_event_commands(&line, &context);
+#ifdef MSGCTL_FLEET
+  msgctl::add_fleet_command(&line, &context);
+#endif
   msgctl::add_notify_command(&line, &context);
   msgctl::add_ping_command(&line, &context);
   msgctl::add_policy_command(&line, &context);

@@ -251,6 +251,12 @@ void Listener::publish(const std::string &topic, const std::string &payload,
   mosquitto_property_free_all(&properties);
 }
 
+void Listener::publish_retained(const std::string &topic, const std::string &payload) {
+  EXPECT_EQ(0,
+            mosquitto_publish_v5(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                                 payload.data(), 1, true, nullptr));
+}
+
 // ---- Account ----
 
 Account account_of(const std::vector<Received> &received, uint64_t last) {

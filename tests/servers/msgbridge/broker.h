@@ -97,6 +97,8 @@ class Listener {
   void publish(const std::string &topic, const std::string &payload,
                const std::string &answer_to = "", const std::string &correlation = "");
 
+  void publish_retained(const std::string &topic, const std::string &payload);
+
  private:
   mosquitto *client_;
   Record *record_;

@@ -503,4 +503,111 @@ TEST_F(BridgeDownward, AFloodIsBounded) {
   EXPECT_EQ(static_cast<ptrdiff_t>(kFlood), with("504") + with("429"));
 }
 
+// ---- The fleet ----
+
+class Fleet : public BridgeDownward {
+ protected:
+  struct Output {
+    int status;
+    std::string text;
+  };
+  static Output fleet(const std::vector<std::string> &words) {
+    std::vector<std::string> all{"fleet", "--broker",
+                                 "mqtt://127.0.0.1:" + std::to_string(kBrokerPort)};
+    all.insert(all.end(), words.begin(), words.end());
+    Process process("msgctl", all);
+    const int status = process.wait();
+    return {status, process.output()};
+  }
+
+  // Publishes until the process prints it: it has subscribed to the last of its topics by then.
+  bool heard_of_by(Process *listening) {
+    std::atomic<bool> stop = false;
+    std::thread publisher([&] {
+      while (!stop) {
+        listener_->publish("gw/other/event/wan/Hello",
+                           R"({"Module": "wan", "EventType": "Hello"})");
+        std::this_thread::sleep_for(milliseconds(50));
+      }
+    });
+    const bool heard = listening->wait_for("Hello");
+    stop = true;
+    publisher.join();
+    return heard;
+  }
+
+  // A gateway that is nothing but its status: it answers nothing.
+  void add_silent(const std::string &name) {
+    listener_->publish_retained("gw/" + name + "/status", R"({"state": "online", "sequence": 7})");
+  }
+};
+
+TEST_F(Fleet, ListsAsksAndNamesWhoIsMissing) {
+  RawClient cms("cms");
+  std::atomic<bool> stop = false;
+  std::thread application([&] {
+    while (!stop) {
+      const auto frame = cms.receive(20);
+      if (frame && frame->type == kOwnType) cms.answer(*frame, 2 * frame->data);
+    }
+  });
+  add_silent("mute");
+  listener_->publish_retained("gw/gone/status", R"({"state": "offline"})");
+  listener_->publish_retained("gw/evil/status", "\x1b[31mno JSON");
+
+  const Output list = fleet({"list"});
+  EXPECT_EQ(0, list.status) << list.text;
+  EXPECT_THAT(list.text, HasSubstr("4 gateways, 2 online"));
+  EXPECT_THAT(list.text, Not(HasSubstr("\x1b")));
+
+  const Output one = fleet({"--gateway", "me", "call", "cms", "0x4242", "21"});
+  EXPECT_EQ(0, one.status) << one.text;
+  EXPECT_THAT(one.text, HasSubstr("me 200 42"));
+  EXPECT_THAT(one.text, HasSubstr("1 asked, 1 answered, 0 of them errors, 0 missing"));
+  EXPECT_THAT(one.text, HasSubstr("median"));
+
+  const Output all = fleet({"call", "cms", "0x4242", "1", "--timeout", "1500"});
+  EXPECT_EQ(5, all.status) << all.text;
+  EXPECT_THAT(all.text, HasSubstr("me 200 2"));
+  EXPECT_THAT(all.text, HasSubstr("2 asked, 1 answered, 0 of them errors, 1 missing"));
+  EXPECT_THAT(all.text, HasSubstr("missing: mute"));
+
+  const Output refused = fleet({"--gateway", "me", "get", "/etc/passwd", "--json"});
+  EXPECT_EQ(1, refused.status) << refused.text;
+  EXPECT_THAT(refused.text, HasSubstr("\"errors\":1"));
+  stop = true;
+  application.join();
+}
+
+TEST_F(Fleet, ListensAndCountsWhatIsMissing) {
+  const std::vector<std::string> words{
+      "fleet",     "--broker",  "mqtt://127.0.0.1:" + std::to_string(kBrokerPort),
+      "listen",    "--gateway", "me",
+      "--gateway", "other",     "--for",
+      "4"};
+  Process listening("msgctl", words);
+  // The broker has its subscriptions when it gets what comes to the first.
+  ASSERT_TRUE(heard_of_by(&listening)) << listening.output();
+  publish(1);
+  ASSERT_TRUE(listening.wait_for("Count")) << listening.output();
+  listener_->publish("gw/me/lost", R"({"first": 900, "last": 904, "count": 5, "reason": "full"})");
+  ASSERT_TRUE(listening.wait_for("me gave up 5 events: full")) << listening.output();
+  publish(3);
+  EXPECT_EQ(8, listening.wait()) << listening.output();
+  EXPECT_THAT(listening.output(), HasSubstr("me wan Count {\"number\":\"1\"}"));
+}
+
+TEST_F(Fleet, SaysWhatIsWrong) {
+  EXPECT_EQ(2, fleet({"dance"}).status);
+  EXPECT_EQ(2, fleet({"get", "dev"}).status);
+  EXPECT_EQ(2, fleet({"call", "cms"}).status);
+  EXPECT_EQ(2, fleet({"--prefix", "a/#", "list"}).status);
+  EXPECT_EQ(4, fleet({"--prefix", "nobody", "get", "/dev/info"}).status);
+  EXPECT_EQ(6, fleet({"--credentials", "/nonexistent", "list"}).status);
+  broker_->kill();
+  const Output none = fleet({"list"});
+  EXPECT_EQ(3, none.status);
+  EXPECT_THAT(none.text, HasSubstr("no connection to mqtt://127.0.0.1:1883"));
+}
+
 }  // namespace

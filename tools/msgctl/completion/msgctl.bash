@@ -12,7 +12,7 @@ _msgctl_options() {
 _msgctl_kind() {
   case $1:$2 in
     info:1 | exit:1 | count:1 | wait:1 | ping:1 | disconnect:1 | call:1 | send:1) echo names ;;
-    call:2 | send:2 | serve:1) echo types ;;
+    call:2 | send:2 | serve:1 | fleet:3) echo types ;;
     publish:1 | listen:*) echo events ;;
     get:1 | post:1 | put:1 | patch:1 | delete:1) echo paths ;;
     notify:2) echo modules ;;
@@ -30,10 +30,12 @@ _msgctl() {
       command=${COMP_WORDS[i]}
     else
       case ${COMP_WORDS[i - 1]} in
-        --answer | --argument | --as | --board | --body | --by | --count | --dm | --event | --exec | \
-          --file | --for | --from | --gone | --group | --interval | --keep | --lines | --most | --of | \
-          --payload | --policy | --rotate | --seconds | --server-group | --size | --sort | --speed | \
-          --sub-type | --timeout | --to | --type | --user | --write | -f | -n | -w) ;;
+        --answer | --argument | --as | --board | --body | --broker | --by | --ca | \
+          --certificate | --count | --credentials | --dm | --event | --exec | --file | --for | \
+          --from | --gateway | --gone | --group | --interval | --keep | --key | --lines | \
+          --most | --of | --payload | --policy | --prefix | --rotate | --seconds | \
+          --server-group | --size | --sort | --speed | --sub-type | --timeout | --to | --type | \
+          --user | --write | -f | -n | -w) ;;
         *) place=$((place + 1)) ;;
       esac
     fi
@@ -52,12 +54,13 @@ _msgctl() {
         mapfile -t COMPREPLY < <(compgen -c -- "$word")
         return
         ;;
-      --file | --policy | --write | -f | -w) kind=files ;;
+      --file | --policy | --write | --ca | --certificate | --credentials | --key | -f | -w) kind=files ;;
       *) kind=$(_msgctl_kind "$command" $((place + 1))) ;;
     esac
     case $command:$((place + 1)) in
       sync:1) words='wait post' ;;
       policy:1) words='check test learn' ;;
+      fleet:1) words='list listen get call' ;;
       notify:1) words='modules request send' ;;
       complete:1) words='names types events paths modules' ;;
     esac

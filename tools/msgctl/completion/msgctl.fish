@@ -13,7 +13,7 @@ function __msgctl_options
 end
 
 # Options that have a value.
-set -g __msgctl_valued --{answer,argument,as,board,body,by,count,dm,event,exec,file,for,from,gone,group,interval,keep,lines,most,of,payload,policy,rotate,seconds,server-group,size,sort,speed,sub-type,timeout,to,type,user,write} -f -n -w
+set -g __msgctl_valued --{answer,argument,as,board,body,broker,by,ca,certificate,count,credentials,dm,event,exec,file,for,from,gateway,gone,group,interval,keep,key,lines,most,of,payload,policy,prefix,rotate,seconds,server-group,size,sort,speed,sub-type,timeout,to,type,user,write} -f -n -w
 
 # True when so many words, and options besides, stand before this one: the command and its arguments.
 function __msgctl_place
@@ -39,6 +39,7 @@ complete -c msgctl -n '__fish_seen_subcommand_from listen' -a '(__msgctl_offer e
 complete -c msgctl -n '__fish_seen_subcommand_from get post put patch delete; and __msgctl_place 1' -a '(__msgctl_offer paths)'
 complete -c msgctl -n '__fish_seen_subcommand_from notify; and __msgctl_place 1' -a 'modules request send'
 complete -c msgctl -n '__fish_seen_subcommand_from notify; and __msgctl_place 2' -a '(__msgctl_offer modules)'
+complete -c msgctl -n '__fish_seen_subcommand_from fleet; and __msgctl_place 1' -a 'list listen get call'
 complete -c msgctl -n '__fish_seen_subcommand_from sync; and __msgctl_place 1' -a 'wait post'
 complete -c msgctl -n '__fish_seen_subcommand_from policy; and __msgctl_place 1' -a 'check test learn'
 complete -c msgctl -n '__fish_seen_subcommand_from complete; and __msgctl_place 1' -a 'names types events paths modules'

@@ -1,0 +1,10 @@
+// Built where libmosquitto is.
+#pragma once
+
+#include "msgctl/context.h"
+
+namespace msgctl {
+
+void add_fleet_command(servers::CommandLine *line, Context *context);
+
+}  // namespace msgctl
