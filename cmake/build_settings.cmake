@@ -36,6 +36,12 @@ if(MSGAPI_SANITIZE)
   add_compile_options(-fsanitize=${MSGAPI_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${MSGAPI_SANITIZE})
 endif()
+if(MSGAPI_COVERAGE)
+  # Servers and children count, too, and at once: several processes share a file of counters.
+  set(NO_UNDEFINED)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
 if(MSGAPI_FUZZ)
   # An optimized build, but its assertions are part of what is fuzzed.
   add_compile_options(-fsanitize=fuzzer-no-link -UNDEBUG)
