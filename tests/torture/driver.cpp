@@ -164,6 +164,7 @@ struct Possessions {
 // In a child: the scenario with the plan armed, then twice untouched. `usual` is what it has then
 // without a failure; zeros: not known yet.
 Possessions run_twice(const Scenario &scenario, const Possessions &usual) {
+  of_shim<Attach>(kAttach)(g_plan);
   const int32_t blocks_before = blocks();
   ::alarm(kLongest_s);
   const int null = ::open("/dev/null", O_RDWR);
@@ -600,7 +601,6 @@ int main_program(int count, char **words) {
     return 1;
   }
   g_plan = new (memory) Plan{};
-  attach(g_plan);
 
   for (const Job &job : chosen) run(job);
   std::printf("%u failures injected, %u faults found\n", g_injected, g_faults);
