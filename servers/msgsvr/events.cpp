@@ -160,16 +160,14 @@ class Events final : public Service {
       add_receivers(ORP_MSG_ALL_EVENTS);
     }
     if (receivers_.empty() && !is_event(message.type())) return false;
+    // One may have subscribed itself, by its name, and to all events.
+    std::ranges::sort(receivers_, {}, &Client::id);
+    receivers_.erase(std::unique(receivers_.begin(), receivers_.end()), receivers_.end());
     std::erase_if(receivers_, [&](Client *to) {
       if (server_->gate().passes_event(from, *to, message.type())) return false;
       server_->lose_silently(from, message, Loss::kNotPermitted, to);
       return true;
     });
-
-    // One may have subscribed itself, by its name, and to all events.
-    std::ranges::sort(receivers_, {}, &Client::id);
-    const auto repeated = std::ranges::unique(receivers_);
-    receivers_.erase(repeated.begin(), repeated.end());
 
     if ((message.header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
       publish_file(from, message);
