@@ -22,7 +22,7 @@ using catalogue::text_in;
 using catalogue::truth_in;
 
 constexpr std::string_view kUsualTopic = "{prefix}/{gateway}/event/{module}/{event}";
-constexpr uint64_t kDay_ms = 24 * 60 * 60 * 1000;
+constexpr uint64_t kDay_ms = uint64_t{24} * 60 * 60 * 1000;
 // Below the prefix: where the fleet's tool gets its answers, so no gateway's name.
 constexpr std::string_view kAnswers = "answers";
 
@@ -200,7 +200,7 @@ void read_spool(const JsonValue &value, SpoolOptions *spool) {
   set_text(value, "path", &spool->path);
   if (!spool->path.starts_with('/')) fail(*value.member("path"), "'path' begins with /");
   set_number(value, "bytes", &spool->bytes, 64 << 10, uint64_t{1} << 32);
-  set_number(value, "age_s", &spool->age_s, 1, 366 * 24 * 60 * 60);
+  set_number(value, "age_s", &spool->age_s, 1, uint64_t{366} * 24 * 60 * 60);
   set_number(value, "per_second", &spool->per_second, 0, 1'000'000);
   set_number(value, "commit_ms", &spool->commit_ms, 1, 10'000);
   set_truth(value, "sync", &spool->sync);
@@ -243,7 +243,7 @@ Config read_config(std::string_view text, const catalogue::Catalogue &types) {
   }
   if (const JsonValue *down = root.member("down")) read_down(*down, types, &config.down);
   if (const JsonValue *spool = root.member("spool")) read_spool(*spool, &config.spool);
-  set_number(root, "metrics_s", &config.metrics_s, 1, 24 * 60 * 60);
+  set_number(root, "metrics_s", &config.metrics_s, 1, uint64_t{24} * 60 * 60);
   return config;
 }
 

@@ -56,7 +56,7 @@ struct DownRules {
 struct SpoolOptions {
   std::string path = "/var/spool/msgbridge/spool.db";
   uint64_t bytes = 4 << 20;
-  uint64_t age_s = 7 * 24 * 60 * 60;
+  uint64_t age_s = uint64_t{7} * 24 * 60 * 60;
   uint32_t per_second = 1000;  // how fast what waited is sent; 0: as fast as it goes
   uint32_t commit_ms = 20;
   bool sync = true;     // each commit is on the disk, and not only with the kernel

@@ -87,7 +87,7 @@ void Requests::send(const CallRequest &request, ReplyTo to) {
   if (message) {
     ORP_MSG_SimpleBuilder(message.get(), request.app.c_str(), request.type, request.data);
     message->ulDataLen = static_cast<uint32_t>(request.body.size());
-    std::memcpy(message.get() + 1, request.body.data(), request.body.size());
+    request.body.copy(reinterpret_cast<char *>(message.get() + 1), request.body.size());
   }
   send(message.get(), {std::move(to), request.type, request.app, request.mask, nullptr},
        request.timeout_ms);

@@ -44,7 +44,7 @@ struct DiskError : std::runtime_error {
   int code;
 };
 
-uint64_t weight(size_t topic, size_t payload) {
+uint64_t weight(uint64_t topic, uint64_t payload) {
   return Spool::kEventWeight + topic + payload;
 }
 uint64_t weight(const Event &event) {

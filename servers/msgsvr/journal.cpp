@@ -1,6 +1,5 @@
 #include "msgsvr/journal.h"
 
-
 #include <algorithm>
 #include <array>
 #include <utility>

@@ -18,8 +18,13 @@ TEST(CopyCut, ShortensToTheField) {
   char out[4] = "";
 
   copy_cut(out, "abcdef");
-
   EXPECT_STREQ("abc", out);
+
+  // As long as the field, which leaves no room for the end.
+  char field_and_next[] = "wxyz!";
+  copy_cut(std::span(field_and_next, 4), "defg");
+  EXPECT_STREQ("def", field_and_next);
+  EXPECT_EQ('!', field_and_next[4]);
 }
 
 TEST(CopyPrintable, ShowsWhatIsNoPrintableTextAsQuestionMarks) {

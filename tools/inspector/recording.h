@@ -64,7 +64,9 @@ class Recording {
   // The records with sequences from first_sequence() up to and without end_sequence() are there.
   uint64_t first_sequence() const { return end_ - kept_.size(); }
   uint64_t end_sequence() const { return end_; }
-  const Kept &at(uint64_t sequence) const { return kept_[sequence - first_sequence()]; }
+  const Kept &at(uint64_t sequence) const {
+    return kept_[static_cast<size_t>(sequence - first_sequence())];
+  }
   bool matches(const Kept &kept, const Selection &selection) const;
 
   // The record as it was taken; valid as long as `kept`.

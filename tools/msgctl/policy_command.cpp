@@ -144,9 +144,8 @@ const std::vector<Form> &forms() {
 // Refers to the words.
 Question question_of(const std::vector<std::string> &words, const Context &context) {
   const auto action = words.empty() ? std::nullopt : policy::action_of(words.front());
-  const auto form =
-      std::ranges::find_if(forms(), [&](const Form &each) { return each.action == action; });
-  if (!action || form == forms().end()) {
+  const auto form = action ? std::ranges::find(forms(), *action, &Form::action) : forms().end();
+  if (form == forms().end()) {
     throw UsageError(
         "test own, send, receive, subscribe, subscribe-others, service, http or "
         "speak-for");
@@ -154,7 +153,7 @@ Question question_of(const std::vector<std::string> &words, const Context &conte
   if (words.size() != form->places.size() + 1) {
     throw UsageError(std::string("the form is: ") + form->words);
   }
-  Question question{*action};
+  Question question{form->action};
   for (size_t i = 0; i < form->places.size(); ++i) {
     const std::string &word = words[i + 1];
     switch (form->places[i]) {
