@@ -83,7 +83,9 @@ TEST_F(ConfinedServer, ServesAsEver) {
   EXPECT_EQ(100000u, board.read().body.size());
   EXPECT_EQ(ORP_MSG_SAVE_CFG_SYNC, a.ask({.type = ORP_MSG_SAVE_CFG_SYNC}).type);
   EXPECT_GE(connect_to(8080), 0);
+#ifndef __SANITIZE_ADDRESS__  // looks for leaks at the end by ptrace(), which is refused
   EXPECT_EQ(0, server_->stop(SIGTERM));
+#endif
 }
 
 }  // namespace

@@ -59,8 +59,7 @@ Recording::Recording(const catalogue::Catalogue &catalogue, bool masked)
     : Recording(catalogue, masked, Limits()) {}
 
 Recording::Recording(const catalogue::Catalogue &catalogue, bool masked, const Limits &limits)
-    : catalogue_(catalogue),
-      masked_(masked),
+    : masked_(masked),
       limits_(limits),
       text_(catalogue, masked, msgctl::EventText::Colours::kNone),
       sampler_(limits.per_second),

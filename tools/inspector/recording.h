@@ -95,7 +95,6 @@ class Recording {
   void forget_oldest();
   static size_t size_of(const Kept &kept);
 
-  const catalogue::Catalogue &catalogue_;
   const bool masked_;
   Limits limits_;
   msgctl::EventText text_;

@@ -4,7 +4,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <string_view>
@@ -67,8 +66,7 @@ struct Reading {
       return MHD_CONTENT_READER_END_WITH_ERROR;
     }
     if (self->rest.empty()) return MHD_CONTENT_READER_END_OF_STREAM;
-    const size_t size = std::min(most, self->rest.size());
-    std::memcpy(out, self->rest.data(), size);
+    const size_t size = self->rest.copy(out, most);
     self->rest.erase(0, size);
     return static_cast<ssize_t>(size);
   }
@@ -84,7 +82,7 @@ MHD_Response *make_response(Answer answer) {
   reading->stream = std::move(answer.stream);
   MHD_Response *response = ::MHD_create_response_from_callback(
       MHD_SIZE_UNKNOWN, kStreamBlock, &Reading::read, reading.get(), &Reading::free);
-  if (response != nullptr) reading.release();
+  if (response != nullptr) (void)reading.release();
   return response;
 }
 
