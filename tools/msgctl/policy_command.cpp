@@ -276,7 +276,9 @@ class Lesson {
 
   Seen &of(traffic::ClientId id, const traffic::Model &model) {
     const uid_t user = model.client(id).uid;
-    return seen_[user == Who::kUnknown ? User() : User(user)];
+    User key;
+    if (user != Who::kUnknown) key = user;
+    return seen_[key];
   }
 
   void note(const traffic::Message &message, const traffic::Model &model, int count) {
