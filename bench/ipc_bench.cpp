@@ -527,7 +527,7 @@ class HttpClient {
   ~HttpClient() { ::close(fd_); }
 
   double once() {
-    constexpr std::string_view kRequest = "GET /dev/info HTTP/1.1\r\nHost: gateway\r\n\r\n";
+    constexpr std::string_view kRequest = "GET /dev/info HTTP/1.1\r\nHost: localhost\r\n\r\n";
     const auto start = Clock::now();
     write_all(fd_, kRequest.data(), kRequest.size());
     size_t have = 0;
