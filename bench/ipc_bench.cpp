@@ -617,10 +617,10 @@ double median_in_new_process(const char *flight) {
     const double median = median_round_trip(flight);
     write_all(result.ends[1], reinterpret_cast<const char *>(&median), sizeof median);
   });
+  ::close(result.ends[1]);  // so that the end of a child that fails ends the read
   double median;
   read_all(result.ends[0], reinterpret_cast<char *>(&median), sizeof median);
   ::close(result.ends[0]);
-  ::close(result.ends[1]);
   return median;
 }
 

@@ -19,7 +19,7 @@ std::vector<std::string> read_in_pieces(const uint8_t *data, size_t size, size_t
   std::vector<std::string> frames;
   for (size_t at = 0; at < size && !reader.malformed();) {
     // A block of its own, so that nothing is read behind its end or after its life.
-    const std::vector<char> bytes(data + at, data + at + std::min(piece, size - at));
+    std::vector<char> bytes(data + at, data + at + std::min(piece, size - at));
     reader.feed(bytes);
     at += bytes.size();
     while (const auto frame = reader.next()) {

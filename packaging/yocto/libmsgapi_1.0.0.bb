@@ -9,7 +9,7 @@ DEPENDS = "cjson cli11 curl fmt libmicrohttpd libseccomp libsodium mosquitto \
 # Point EXTERNALSRC at the checkout, or replace this with the archive of a release.
 inherit externalsrc cmake pkgconfig systemd
 
-EXTRA_OECMAKE = "-DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF \
+EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DMSGAPI_TESTS=OFF -DMSGAPI_EXAMPLES=OFF \
     -DMSGAPI_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
 PACKAGES =+ "${PN}-servers"

@@ -161,14 +161,6 @@ UniqueFd Acceptor::accept() {
   }
 }
 
-std::optional<ucred> peer_credentials(int fd) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  const bool known = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
-  if (!known || credentials.pid == 0) return std::nullopt;
-  return credentials;
-}
-
 std::string peer_address(int fd) {
   return address_of(fd, ::getpeername);
 }

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
 
 #include "common/unique_fd.h"
@@ -38,8 +37,6 @@ class Acceptor {
   UniqueFd spare_;  // given up for a moment to close a connection that cannot be served
 };
 
-// Who is at the other end of a Unix connection, as it was when it connected.
-std::optional<ucred> peer_credentials(int fd);
 // "ADDRESS:PORT" of the other end of a TCP connection, empty for another kind.
 std::string peer_address(int fd);
 // The same of this end.

@@ -15,7 +15,6 @@
 
 #include "cfmapi.h"
 #include "cfmstore.h"
-#include "common/listen.h"
 #include "common/log_line.h"
 #include "msgsvr/sealed_file.h"
 #include "msgsvr/services.h"
@@ -86,9 +85,8 @@ class ConfigManager final : public Service {
 
   // Name and process, and whose process it is.
   static std::string who(const Client &client) {
-    const auto credentials = servers::peer_credentials(client.fd.get());
-    return credentials ? fmt::format("{}, uid {}", client.label(), credentials->uid)
-                       : client.label();
+    if (client.peer.uid == servers::Peer::kNobody) return client.label();
+    return fmt::format("{}, uid {}", client.label(), client.peer.uid);
   }
 
   static std::string text_of(uint32_t result) {

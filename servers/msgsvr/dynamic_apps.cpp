@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -33,6 +32,7 @@
 
 #include "common/listen.h"
 #include "common/log_line.h"
+#include "common/octal_mode.h"
 #include "msgapi/dynapp.h"
 #include "msgsvr/services.h"
 
@@ -97,12 +97,9 @@ void refuse_other_members(const nlohmann::json &object, std::initializer_list<co
 }
 
 mode_t mode_of(const std::string &text) {
-  mode_t mode = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
-  if (error != std::errc() || end != text.data() + text.size() || mode > 0777) {
-    throw std::runtime_error("\"mode\" is not an octal number up to 0777");
-  }
-  return mode;
+  const auto mode = servers::octal_mode(text);
+  if (!mode) throw std::runtime_error("\"mode\" is not an octal number up to 0777");
+  return *mode;
 }
 
 Config read_config(const nlohmann::json &entry) {

@@ -164,7 +164,11 @@ class Events final : public Service {
     std::ranges::sort(receivers_, {}, &Client::id);
     receivers_.erase(std::unique(receivers_.begin(), receivers_.end()), receivers_.end());
     std::erase_if(receivers_, [&](Client *to) {
-      if (server_->gate().passes_event(from, *to, message.type())) return false;
+      // What is no event is a message that takes this way.
+      if (server_->gate().passes_event(from, *to, message.type()) &&
+          (is_event(message.type()) || server_->gate().passes(from, to, message.type()))) {
+        return false;
+      }
       server_->lose_silently(from, message, Loss::kNotPermitted, to);
       return true;
     });

@@ -41,6 +41,13 @@ bool is_judged_elsewhere(uint32_t type) {
          policy::service_of(type, 0);
 }
 
+// Whether the log has still to speak of that.
+bool note(std::vector<uint64_t> *told, uint64_t reason) {
+  if (told->size() >= kMostTold || std::ranges::count(*told, reason) > 0) return false;
+  told->push_back(reason);
+  return true;
+}
+
 // Whether the log has still to say that this rule refuses. Where no rule of the file does, what is
 // asked for takes its place.
 bool note(std::vector<uint64_t> *told, const Decision &decision, const Question &question) {
@@ -49,9 +56,7 @@ bool note(std::vector<uint64_t> *told, const Decision &decision, const Question 
     reason = std::hash<std::string_view>()(question.name) ^ (uint64_t{question.type} << 40) ^
              (static_cast<uint64_t>(question.action) << 60);
   }
-  if (told->size() >= kMostTold || std::ranges::count(*told, reason) > 0) return false;
-  told->push_back(reason);
-  return true;
+  return note(told, reason);
 }
 
 // The further groups of the process at the other end, as they were when it connected.
@@ -71,13 +76,17 @@ std::vector<gid_t> groups_of(int fd) {
 }  // namespace
 
 Gate::Gate(gid_t own_group, Journal *journal) : journal_(journal), policy_(own_group) {
-  replace(policy::Policy(own_group));
+  note_limits();
+}
+
+void Gate::note_limits() {
+  judges_messages_ = policy_.limits(Action::kSend) || policy_.limits(Action::kReceive);
+  judges_events_ = policy_.limits(Action::kSubscribe) || policy_.limits(Action::kReceive);
 }
 
 void Gate::replace(policy::Policy policy) {
   policy_ = std::move(policy);
-  judges_messages_ = policy_.limits(Action::kSend) || policy_.limits(Action::kReceive);
-  judges_events_ = policy_.limits(Action::kSubscribe) || policy_.limits(Action::kReceive);
+  note_limits();
   ++epoch_;
   // The log speaks anew: its rules are others.
   ++generation_;
@@ -85,8 +94,22 @@ void Gate::replace(policy::Policy policy) {
 }
 
 // What others were answered about it as a receiver went by its name.
-void Gate::renaming(const Client &client) {
-  if (client.frames_in > 1) ++epoch_;
+void Gate::renaming(const Client &client, const AppName &name) {
+  if (client.frames_in > 1 && name != client.name) ++epoch_;
+}
+
+std::vector<uint64_t> &Gate::told_of(Client &client) const {
+  Passport &passport = client.passport;
+  if (std::exchange(passport.generation, generation_) != generation_) passport.told.clear();
+  return passport.told;
+}
+
+void Gate::refuse(Client &client, Fault fault, std::string_view what) {
+  journal_->refused();
+  // No number of a rule is so large.
+  if (note(&told_of(client), UINT64_MAX - static_cast<uint64_t>(fault))) {
+    log_line("{} of {} {}, which nobody may", client.label(), client.account->user->name, what);
+  }
 }
 
 const Who &Gate::who_is(Client &client) {
@@ -110,9 +133,7 @@ bool Gate::ask(Client &client, const Question &question) {
   const Decision decision = policy_.decide(who_is(client), question);
   if (decision.allowed) return true;
   journal_->refused();
-  Passport &passport = client.passport;
-  if (std::exchange(passport.generation, generation_) != generation_) passport.told.clear();
-  if (note(&passport.told, decision, question)) {
+  if (note(&told_of(client), decision, question)) {
     log_line("{} of {} may not {}: {}", client.label(), client.account->user->name,
              text_of(question), policy_.source_of(decision));
   }

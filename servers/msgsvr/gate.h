@@ -23,8 +23,8 @@ class Gate {
 
   const policy::Policy &policy() const { return policy_; }
   void replace(policy::Policy policy);
-  // `client`, which has sent something before, is about to get another name.
-  void renaming(const Client &client);
+  // `client`, which has sent something before, is about to get the name `name`.
+  void renaming(const Client &client, const AppName &name);
 
   // Each of the following counts and logs what it refuses.
 
@@ -41,6 +41,10 @@ class Gate {
   uint64_t epoch() const { return epoch_; }
   bool judges_messages() const { return judges_messages_; }
 
+  // What is refused whatever the policy says.
+  enum class Fault : uint8_t { kForged, kForeignFile, kServersName };
+  void refuse(Client &client, Fault fault, std::string_view what);
+
   bool may_own(Client &client, const AppName &name);
   // To events of that type; for another application if `name` is not the client's own.
   bool may_subscribe(Client &client, const std::optional<AppName> &name, uint32_t type);
@@ -55,10 +59,13 @@ class Gate {
   bool may_speak_for(Client &client, const AppName &sender);
 
  private:
+  void note_limits();
   bool judge(Client &from, Client *to, uint32_t type);
   bool judge_event(const Client &from, Client &to, uint32_t type);
   bool ask(Client &client, const policy::Question &question);
   std::optional<bool> kept(Client &client, uint64_t key) const;
+  // Of which the log has spoken since the policy is what it is.
+  std::vector<uint64_t> &told_of(Client &client) const;
   static const policy::Who &who_is(Client &client);
   static std::string text_of(const policy::Question &question);
 

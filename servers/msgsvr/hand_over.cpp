@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/log_line.h"
 #include "common/unique_fd.h"
 #include "msgsvr/wire.h"
 
@@ -63,14 +64,23 @@ std::string path_by_descriptor(const servers::UniqueFd &file) {
   return "/proc/self/fd/" + std::to_string(file.get());
 }
 
-// Without the bits of others first: who owned it must not be able to give more of it away.
+// Without the bits of others first: who owned it must not be able to give more of it away. Where
+// the owner cannot be changed the receiver reads the file as one of the others, as before.
 void give(const servers::UniqueFd &file, uid_t receiver) {
-  if (::chmod(path_by_descriptor(file).c_str(), kFileModeOfReceiver) != 0) return;
-  [[maybe_unused]] const int given =
-      ::fchownat(file.get(), "", receiver, static_cast<gid_t>(-1), AT_EMPTY_PATH);
+  const std::string path = path_by_descriptor(file);
+  if (::chmod(path.c_str(), kFileModeOfReceiver) != 0) return;
+  if (::fchownat(file.get(), "", receiver, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0) return;
+  servers::log_line("a body file cannot be given to user {}: {}", receiver, std::strerror(errno));
+  ::chmod(path.c_str(), kFileMode);
 }
 
 uint32_t copy_for(const servers::UniqueFd &file, off_t size, uid_t receiver) {
+  // No application is given a longer body, and the copy takes memory that its publisher, whose file
+  // may be all holes, has not.
+  if (size > off_t{ORP_MSG_MAX_DISPATCHED_BODY}) {
+    errno = EFBIG;
+    return 0;
+  }
   uint32_t number = 0;
   const servers::UniqueFd copy = create_hand_over(&number);
   if (!copy) return 0;
@@ -110,8 +120,10 @@ bool pass_hand_over(std::span<const char> body, uid_t sender, uid_t receiver) {
   const char *path = checked_path(body);
   if (path == nullptr || sender == kUnknownUser) return true;
   const servers::UniqueFd file(::open(path, O_PATH | O_CLOEXEC | O_NOFOLLOW));
+  // The receiver sees that there is none. For want of descriptors nobody knows whose it is.
+  if (!file) return errno != EMFILE && errno != ENFILE && errno != ENOMEM;
   struct stat status {};
-  if (!file || ::fstat(file.get(), &status) != 0) return true;
+  if (::fstat(file.get(), &status) != 0) return false;
   if (sender != 0 && !is_of(status, sender)) return false;
   if (S_ISREG(status.st_mode) && must_own(receiver)) give(file, receiver);
   return true;

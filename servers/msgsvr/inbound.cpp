@@ -74,12 +74,13 @@ OutputQueue::Tag tag_of(const Client &from, const Header &header, uint64_t recor
 }
 
 // What only the server says. Applications know the notice of an undelivered message by its type
-// alone, whoever is its sender. `strict`: nothing else is said in the server's name, either.
-bool is_forged(const Header &header, bool strict) {
+// alone, whoever is its sender. `strict`: nothing else is said to others in the server's name.
+bool is_forged(const Header &header, bool strict, bool to_server) {
   const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
-  return type == ORP_MSG_UNDELIVERABLE ||
-         ((strict || type == ORP_MSG_EXIT) &&
-          AppName(std::string_view(header.aucSendApp)).is_server());
+  if (type == ORP_MSG_UNDELIVERABLE) return true;
+  if (to_server) return false;
+  return (strict || type == ORP_MSG_EXIT) &&
+         AppName(std::string_view(header.aucSendApp)).is_server();
 }
 
 uint32_t receiver_of(const Route &route) {
@@ -269,6 +270,12 @@ void Server::begin_frame(Client &from, std::span<char> begin, Header header, con
   from.in.last_to = 0;
   from.in.last_tag = tag_of(from, header, record);
   Loss loss = obstacle(from, header);
+  // A path is never so long: nobody would look whose file it names.
+  if (loss == Loss::kNone && !route.to_server &&
+      (header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
+    gate_.refuse(from, Gate::Fault::kForeignFile, "names a body file in a long message");
+    loss = Loss::kNotPermitted;
+  }
   if (loss == Loss::kNone && !route.to_server) {
     begin_stream(from, *route.to, begin, header);
     return;
@@ -409,12 +416,11 @@ void Server::check_sender(Client &from, std::span<char> frame, Header *header) {
 Loss Server::obstacle(Client &from, const Header &header) {
   Route &route = from.in.route;
   const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
-  if (!route.to_server) {
-    if (route.to == nullptr) return Loss::kNoSuchName;
-    if (is_forged(header, gate_.policy().has_file())) {
-      journal_.refused();
-      return Loss::kNotPermitted;
-    }
+  if (!route.to_server && route.to == nullptr) return Loss::kNoSuchName;
+  // Also what the server would pass on as an event, to those who have subscribed.
+  if (is_forged(header, gate_.policy().has_file(), route.to_server)) {
+    gate_.refuse(from, Gate::Fault::kForged, "says what only the server does");
+    return Loss::kNotPermitted;
   }
   if (!gate_.judges_messages()) return Loss::kNone;
   if (!route.passes || route.type != type || route.judged != gate_.epoch()) {
@@ -446,7 +452,7 @@ void Server::deliver(Client &from, std::span<char> frame, Header header) {
   Client &to = *route.to;
   if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0 &&
       !pass_hand_over(frame.subspan(kHeaderSize), from.peer.uid, to.peer.uid)) {
-    log_line("{} sent {} a file that is not its own", from.label(), to.label());
+    gate_.refuse(from, Gate::Fault::kForeignFile, "hands over a file that is not its own");
     lose_unrouted(from, header, tag, Loss::kNotPermitted);
     return;
   }

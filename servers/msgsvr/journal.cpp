@@ -98,6 +98,7 @@ void Journal::lost(Loss loss, const OutputQueue::Tag &tag, const Party &from, Cl
 
 void Journal::refused_name(const Client &from, uint64_t record, uint32_t sequence) noexcept {
   freshen();
+  ++statistics_.lost[static_cast<size_t>(Loss::kNotPermitted)];
   recorder_.lost(Loss::kNotPermitted, record, from.id, 0, ORP_MSG_REGISTER, sequence);
 }
 

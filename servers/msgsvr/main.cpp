@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "common/log_line.h"
+#include "common/octal_mode.h"
 #include "flight/recorder.h"
 #include "msgsvr/directories.h"
 #include "msgsvr/left_bodies.h"
@@ -123,13 +125,6 @@ void add_service_options(servers::Command *command, Options *options) {
   command->flag("--factory-mode", &options->factory_mode, "The device is in the factory");
 }
 
-std::optional<mode_t> permissions(const std::string &octal) {
-  char *end = nullptr;
-  const unsigned long mode = std::strtoul(octal.c_str(), &end, 8);
-  if (octal.empty() || *end != '\0' || mode > 0777) return std::nullopt;
-  return static_cast<mode_t>(mode);
-}
-
 // Every client needs a descriptor.
 size_t raise_descriptor_limit() {
   rlimit limit{};
@@ -177,7 +172,9 @@ void start_admin(const Options &options, msgsvr::Server *server, msgsvr::Service
 // None when there is no file and need not be one. Throws policy::BadPolicy.
 std::optional<policy::Policy> read_policy(const Options &options) {
   if (options.policy == "none") return std::nullopt;
-  if (options.policy == policy::kDefaultFile && ::access(policy::kDefaultFile, F_OK) != 0) {
+  // Any other error is the reader's to report: rules that cannot be read are not rules that allow.
+  if (options.policy == policy::kDefaultFile && ::access(policy::kDefaultFile, F_OK) != 0 &&
+      (errno == ENOENT || errno == ENOTDIR)) {
     return std::nullopt;
   }
   catalogue::Catalogue types;
@@ -255,7 +252,7 @@ int main(int argc, char **argv) try {
     return line.usage_error(
         fmt::format("--queue must be at least {} times --cut-through", kQueuePerFrame));
   }
-  const std::optional<mode_t> mode = permissions(options.socket_mode);
+  const std::optional<mode_t> mode = servers::octal_mode(options.socket_mode);
   if (!mode) {
     return line.usage_error("--mode " + options.socket_mode + " is no octal mode up to 0777");
   }

@@ -53,7 +53,7 @@ class Registration final : public Service {
   // Whether `client` may have that name. Logs why not.
   bool may_bear(Client &client, const AppName &name) {
     if (name.text() != kServerName) return server_->gate().may_own(client, name);
-    log_line("{} may not have the server's own name", client.label());
+    server_->gate().refuse(client, Gate::Fault::kServersName, "wants the server's own name");
     return false;
   }
 
@@ -63,7 +63,7 @@ class Registration final : public Service {
       server_->journal().refused_name(from, request.record, request.header.ulSeqNum);
       name = {};
     }
-    server_->gate().renaming(from);
+    server_->gate().renaming(from, name);
     if (server_->names().take(from, name)) server_->journal().named(from);
     const bool swap = server_->options().swap_all ||
                       std::ranges::count(server_->options().swap_names, name.text()) > 0;

@@ -166,6 +166,8 @@ void Server::take_in(UniqueFd fd) {
   const uint32_t id = ++last_id_;
   auto owner = std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit);
   Client &client = *owner;
+  // Its TCP peer has gone already, and who it was can no longer be told.
+  if (client.address.empty() && !servers::local_address(client.fd.get()).empty()) return;
   client.account = accounts_.open(user_name(client));
   if (!is_served(client)) return;
   client.connection = Share(client.account, Kept::kConnections);

@@ -15,7 +15,7 @@ namespace notifyserver {
 // A whole message as it arrived. The bytes are valid until the reader's next release().
 struct Frame {
   NOTIFY_MSG head;
-  std::span<const char> bytes;  // head and data
+  std::span<char> bytes;  // head and data
 
   std::span<const char> data() const { return bytes.subspan(sizeof head); }
 };
@@ -56,7 +56,7 @@ class FrameReader {
   ~FrameReader() { assert(room_ == 0 && finished_room_ == 0); }
 
   // The next bytes, which must stay where they are until release().
-  void feed(std::span<const char> bytes) { input_ = bytes; }
+  void feed(std::span<char> bytes) { input_ = bytes; }
 
   // The next whole message, or nothing when more bytes are needed or the stream is malformed.
   // The beginning of an unfinished message is copied.
@@ -81,7 +81,7 @@ class FrameReader {
   void refuse();
 
   Budget *budget_;
-  std::span<const char> input_;   // not looked at yet
+  std::span<char> input_;         // not looked at yet
   NOTIFY_MSG head_{};             // of the message that arrives in pieces
   size_t head_size_ = 0;          // bytes of it that are there
   std::vector<char> unfinished_;  // this message from its head on, once the head is whole

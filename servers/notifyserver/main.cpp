@@ -16,6 +16,7 @@
 #include "common/confine.h"
 #include "common/event_loop.h"
 #include "common/log_line.h"
+#include "common/octal_mode.h"
 #include "notifyserver/server.h"
 
 namespace {
@@ -46,12 +47,9 @@ void add_owner(const std::string &text, notifyserver::Rules *rules) {
 }
 
 mode_t mode_of(const std::string &octal) {
-  mode_t mode = 0;
-  const auto [end, error] = std::from_chars(octal.data(), octal.data() + octal.size(), mode, 8);
-  if (octal.empty() || error != std::errc() || end != octal.data() + octal.size() || mode > 0777) {
-    throw servers::UsageError("--mode " + octal + " is no octal mode up to 0777");
-  }
-  return mode;
+  const auto mode = servers::octal_mode(octal);
+  if (!mode) throw servers::UsageError("--mode " + octal + " is no octal mode up to 0777");
+  return *mode;
 }
 
 void run(const std::string &path, const notifyserver::Limits &limits,

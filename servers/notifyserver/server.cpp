@@ -246,9 +246,7 @@ bool Server::check_source(Client &from, Frame *frame) {
   }
   if (rules_.owners.empty()) return true;
   frame->head.source_id = from.module;
-  std::vector<char> &copy = corrected_.emplace_back(frame->bytes.begin(), frame->bytes.end());
-  std::memcpy(copy.data(), &frame->head, sizeof frame->head);
-  frame->bytes = copy;
+  std::memcpy(frame->bytes.data(), &frame->head, sizeof frame->head);
   return true;
 }
 
@@ -273,7 +271,6 @@ void Server::flush_routes() {
     client->next_failed = std::exchange(failed, client);
   }
   answers_.clear();
-  corrected_.clear();
   while (failed != nullptr) {
     disconnect(*std::exchange(failed, failed->next_failed),
                "is disconnected: the server could not go on with it");

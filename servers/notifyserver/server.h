@@ -114,7 +114,6 @@ class Server final : servers::EventLoop::Watch {
   // Destinations of the running turn.
   std::vector<Client *> routed_;
   std::list<NOTIFY_MSG> answers_;
-  std::list<std::vector<char>> corrected_;  // messages with another source than they came with
   Statistics statistics_;
 };
 

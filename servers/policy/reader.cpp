@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 #include <initializer_list>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -80,6 +83,24 @@ uint32_t id_in(const JsonValue &value, std::string_view name, const char *kind, 
   return *number;
 }
 
+// Numbers by name. Each is looked up once: a file may name one in each of its rules, and the server
+// routes nothing while it reads.
+class Ids {
+ public:
+  using Find = std::optional<uint32_t> (*)(const char *name);
+  explicit Ids(Find find) : find_(find) {}
+
+  std::optional<uint32_t> operator()(const char *name) {
+    const auto [entry, added] = known_.try_emplace(name);
+    if (added) entry->second = find_(name);
+    return entry->second;
+  }
+
+ private:
+  Find find_;
+  std::map<std::string, std::optional<uint32_t>> known_;
+};
+
 std::optional<uint32_t> user_named(const char *name) {
   const passwd *entry = ::getpwnam(name);
   return entry == nullptr ? std::nullopt : std::optional<uint32_t>(entry->pw_uid);
@@ -95,6 +116,8 @@ std::optional<uint32_t> group_named(const char *name) {
 struct Policy::Reader {
   const catalogue::Catalogue &types;
   Policy *policy;
+  Ids known_users{user_named};
+  Ids known_groups{group_named};
 
   Range range_in(const JsonValue &value) const {
     if (value.kind == JsonValue::Kind::kNumber && value.number <= ORP_MSG_TYPE_MASK) {
@@ -150,7 +173,7 @@ struct Policy::Reader {
     }
   }
 
-  void add(const JsonValue &value) const {
+  void add(const JsonValue &value) {
     catalogue::expect_object(value, "a rule");
     const JsonValue *allowed = value.member("allow");
     const JsonValue *denied = value.member("deny");
@@ -171,12 +194,12 @@ struct Policy::Reader {
     rule.line = value.line;
     if (const JsonValue *users = value.member("user")) {
       each(*users, "user", [&](const JsonValue &item) {
-        rule.users.push_back(id_in(item, "user", "user", user_named));
+        rule.users.push_back(id_in(item, "user", "user", std::ref(known_users)));
       });
     }
     if (const JsonValue *groups = value.member("group")) {
       each(*groups, "group", [&](const JsonValue &item) {
-        rule.groups.push_back(id_in(item, "group", "group", group_named));
+        rule.groups.push_back(id_in(item, "group", "group", std::ref(known_groups)));
       });
     }
     rule.boards = patterns_in(value, "board");
@@ -184,7 +207,7 @@ struct Policy::Reader {
     policy->rules_[static_cast<size_t>(*action)].push_back(std::move(rule));
   }
 
-  void fill(const JsonValue &value, Action action, Rule *rule) const {
+  void fill(const JsonValue &value, Action action, Rule *rule) {
     switch (action) {
       case Action::kOwn:
       case Action::kSpeakFor:
@@ -244,7 +267,7 @@ Policy::Policy(std::string_view text, std::string_view file, const catalogue::Ca
     if (rules.items.size() > kMostRules) {
       catalogue::fail(rules, "there are more than " + std::to_string(kMostRules) + " rules");
     }
-    const Reader reader{types, this};
+    Reader reader{types, this};
     for (const JsonValue &rule : rules.items) reader.add(rule);
   } catch (const catalogue::JsonError &error) {
     throw BadPolicy(catalogue::problem_in(file, error));

@@ -279,10 +279,32 @@ TEST_F(Trust, NobodyForgesTheServersWords) {
     forger->send_bytes(Frame{.type = ORP_MSG_EXIT, .to = "victim"}.bytes(sender));
     forger->expect(notice(ORP_MSG_EXIT, "forger"));
   }
+  // Nor by the way of events, to which it has subscribed its victim.
+  forger->send(
+      {.type = ORP_MSG_SUBSCRIBE, .body = padded("victim"), .data = ORP_MSG_UNDELIVERABLE});
+  forger->drain();
+  forger->send({.type = ORP_MSG_UNDELIVERABLE, .to = "mic", .data = 7});
+  forger->expect(notice(ORP_MSG_UNDELIVERABLE, "forger"));
   EXPECT_TRUE(victim.quiet());
   // In its own name an application may ask another to end.
   forger->send({.type = ORP_MSG_EXIT, .to = "victim"});
   EXPECT_EQ("forger", victim.read().from);
+  const std::string text = log();
+  EXPECT_EQ(1u, count(text, "says what only the server does, which nobody may")) << text;
+}
+
+TEST_F(Trust, ASubscriptionIsNoWayRoundTheRules) {
+  start_with(R"({"deny": "send", "to": "wifi", "types": "0x1000-0x10ff", "user": 1234})");
+  RawClient wifi("wifi");
+  RawClient lamp("lamp");
+  const auto nobody = user("nobody");
+  for (const char *name : {"wifi", "lamp"}) {
+    nobody->send({.type = ORP_MSG_SUBSCRIBE, .body = padded(name), .data = 0x1000});
+  }
+  nobody->drain();
+  nobody->send({.type = 0x1000, .to = "mic"});
+  EXPECT_EQ(0x1000u, lamp.read().type);
+  EXPECT_TRUE(wifi.quiet());
 }
 
 TEST_F(Trust, WithoutAFileForeignSendersAreLoggedAndCounted) {
@@ -538,6 +560,11 @@ TEST_F(BodyFiles, OfOthersNobodyHandsOver) {
   hostile->send(message(ORP_MSG_EVENT_WAN, "mic"));
   hostile->send(message(kType, "nobody"));
   hostile->drain();
+  // Nor in a message so long that the server passes it on as it comes.
+  Frame longer = message(kType, "receiver");
+  longer.body.resize(400000);
+  hostile->send(longer);
+  hostile->expect(notice(kType, "hostile"));
   EXPECT_TRUE(receiver->quiet());
   EXPECT_TRUE(exists(kPath));
   EXPECT_TRUE(can_remove(kUser, kPath)) << "it has stayed its owner's";
@@ -584,6 +611,27 @@ TEST_F(BodyFiles, OfEventsReachEachSubscriberAsItsOwn) {
     EXPECT_TRUE(can_remove(uid, path)) << client->name();
   }
   EXPECT_FALSE(exists(kPath));
+}
+
+TEST_F(BodyFiles, OfEventsAreNotCopiedBeyondWhatApplicationsTake) {
+  start();
+  const auto sender = client_of(kUser, "sender");
+  const auto receiver = client_of(kReceiver, "receiver");
+  receiver->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WAN});
+  receiver->drain();
+  constexpr off_t kMost = ORP_MSG_MAX_DISPATCHED_BODY;
+  for (const off_t size : {kMost, kMost + 1}) {
+    make_file(kUser);
+    EXPECT_EQ(0, ::truncate(kPath, size));
+    sender->send(message(ORP_MSG_EVENT_WAN, "mic"));
+    if (size == kMost) {
+      EXPECT_EQ(static_cast<uintmax_t>(size),
+                std::filesystem::file_size(path_in(receiver->read())));
+    } else {
+      EXPECT_TRUE(receiver->quiet()) << "a file of holes costs its publisher nothing";
+    }
+    EXPECT_FALSE(exists(kPath));
+  }
 }
 
 // What the server answers to such a request, whoever would serve it: 404 is let in.
@@ -677,6 +725,20 @@ TEST_F(Trust, BoardsComeFromListedNetworks) {
   EXPECT_TRUE(from("10.9.9.7").closed());
   EXPECT_TRUE(from("127.0.0.1").closed());
   EXPECT_THAT(log(), AllOf(HasSubstr("10.9.9.7:"), HasSubstr("of no network that is served")));
+
+  // One that is gone when the server looks: nobody knows where it was.
+  start({"--tcp", "0.0.0.0:5050", "--tcp-from", "10.9.8.0/24"});
+  RawClient victim("victim");
+  ::kill(server_->pid(), SIGSTOP);
+  {
+    test::MessagePeer gone = from("10.9.9.7");
+    gone.send({.type = kType, .to = "victim"});
+    const linger reset{1, 0};
+    ::setsockopt(gone.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  }
+  ::kill(server_->pid(), SIGCONT);
+  EXPECT_TRUE(victim.quiet());
+  EXPECT_EQ(0, server_->stop(SIGTERM));
 
   for (const char *bad :
        {"10.9.8.7/24", "10.9.8.0/33", "fd00::/129", "lan", "10.9.8.0/", "10.9.8/24"}) {

@@ -61,6 +61,9 @@ class Sender {
     if (fd_ >= 0) MlogSocketClose(fd_, name_.c_str());
   }
 
+  // Whether the server took every line so far.
+  bool all_taken() const { return !told_; }
+
   // A text that does not fit a line becomes several, cut between characters.
   void send(uint32_t level, std::string_view text) {
     do {
@@ -88,7 +91,9 @@ class Sender {
     message.payload[line.size()] = '\n';
     message.length = static_cast<uint32_t>(line.size()) + 2;
     if (fd_ >= 0 && MlogSendMsg(fd_, &message, MLOG_SERVER_NAME) == 0) return;
-    if (!told_) complain("the log server does not take lines; is mlogserver running?", kNoServer);
+    if (!told_) {
+      fmt::print(stderr, "mlog: the log server does not take lines; is mlogserver running?\n");
+    }
     told_ = true;
     std::string clean;
     mlogserver::add_clean_text(line, &clean);
@@ -159,9 +164,10 @@ void print(const Options &options) {
   Sender sender(options.module.empty() ? kDefaultModule : options.module);
   if (options.words.empty()) {
     for (std::string line; std::getline(std::cin, line);) sender.send(level, line);
-    return;
+  } else {
+    sender.send(level, fmt::format("{}", fmt::join(options.words, " ")));
   }
-  sender.send(level, fmt::format("{}", fmt::join(options.words, " ")));
+  if (!sender.all_taken()) set_exit_status(kNoServer);
 }
 
 void run(const Options &options) {
