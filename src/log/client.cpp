@@ -65,12 +65,34 @@ int64_t uptime_ms() {
   return int64_t{now.seconds} * 1000 + now.nanoseconds / 1000000;
 }
 
+// The bytes that follow the first one of a UTF-8 character (RFC 3629, section 4) at the beginning
+// of `text`; 0 if there is no character of several bytes.
+size_t following_bytes(std::string_view text) {
+  const auto byte = [text](size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
+  };
+  const unsigned first = byte(0);
+  if (first < 0xC2 || first > 0xF4) return 0;
+  const size_t count = first < 0xE0 ? 1 : first < 0xF0 ? 2 : 3;
+  for (size_t i = 1; i <= count; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+  }
+  return count;
+}
+
 // Writes one line to standard error. The text may come from anywhere and must neither begin
-// another line nor drive a terminal.
+// another line nor drive a terminal: C1 control characters do that, too, alone or as UTF-8.
 void print_error_line(std::span<char> line) {
-  const size_t length = std::strlen(line.data());
-  for (char &c : line.first(length)) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  const std::span<char> text = line.first(std::strlen(line.data()));
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto first = static_cast<unsigned char>(text[i]);
+    const size_t following = following_bytes({text.data() + i, text.size() - i});
+    const bool control = first < 0x20 || (first >= 0x7F && first < 0xA0);
+    if (control) text[i] = '?';
+    if (first == 0xC2 && following == 1 && static_cast<unsigned char>(text[i + 1]) < 0xA0) {
+      text[i] = text[i + 1] = '?';
+    }
+    i += following;
   }
   std::fprintf(stderr, "%s\n", line.data());
 }

@@ -76,12 +76,6 @@ constexpr std::string_view kExitingDaemons[] = {
     "dhcps", "ssdpd", "ntwksync", "kobridge", "devmngr", "coapclient", "datacli",
 };
 
-bool is_registered(const Registration *registration) {
-  const Registration *entry = g_registry;
-  while (entry != nullptr && entry != registration) entry = entry->link;
-  return entry != nullptr;
-}
-
 // After the registrations of the same type and a priority up to its own; others keep their places.
 void insert(Registration *registration) {
   Registration **place = &g_registry;
@@ -216,7 +210,7 @@ extern "C" uint32_t ORP_MSG_RegisterSyncMsgProc(uint32_t type, ORP_MSG_SYNC_PROC
 }
 
 extern "C" void ORP_MSG_UnRegisterMsgProc(ORP_MSG_REG_HANDLE handle) {
-  if (!is_registered(handle)) return;
+  if (!list_contains(g_registry, handle)) return;
   Walk::forget(handle);
   list_delete(g_registry, handle);
 }

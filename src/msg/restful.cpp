@@ -87,9 +87,7 @@ void respond(const Header &request, const char *text) {
   if (size > UINT32_MAX) return;
   // Nobody is left to be told about a response that cannot be sent.
   if (text == nullptr) {
-    Header response = build_header(to, request.ulMsgType, request.ulMsgData);
-    response.ulSeqNum = request.ulSeqNum;
-    (void)send(&response);
+    (void)send_header_under(request.ulSeqNum, to, request.ulMsgType, request.ulMsgData);
   } else {
     (void)send_content(to, request.ulMsgType, {text, size}, request.ulMsgData, request.ulSeqNum);
   }

@@ -159,14 +159,6 @@ Status send_unless_taken(int fd, Header *message) {
   return send_given(descriptor, nullptr, 0, message);
 }
 
-Status send_header_under(uint32_t sequence, std::string_view destination, uint32_t type,
-                         uint32_t data) {
-  // Takes a number from the counter although another replaces it.
-  Header header = build_header(destination, type, data);
-  header.ulSeqNum = sequence;
-  return send(&header);
-}
-
 Status send_subscription(uint32_t type, uint32_t event, const char *application) {
   if (application == nullptr) return Status::kOk;
   NameMessage message = build_name_message(type, event, application);
@@ -191,6 +183,14 @@ Status send(Header *message, Hook hook) {
 
 Status send_header(std::string_view destination, uint32_t type, uint32_t data) {
   Header header = build_header(destination, type, data);
+  return send(&header);
+}
+
+Status send_header_under(uint32_t sequence, std::string_view destination, uint32_t type,
+                         uint32_t data) {
+  // Takes a number from the counter although another replaces it.
+  Header header = build_header(destination, type, data);
+  header.ulSeqNum = sequence;
   return send(&header);
 }
 

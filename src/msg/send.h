@@ -22,6 +22,10 @@ Status send(Header *message, Hook hook = Hook::kAsked);
 // A header without a body, under the next sequence number.
 Status send_header(std::string_view destination, uint32_t type, uint32_t data);
 
+// The same under the number of another message, whose answer it is as a rule.
+Status send_header_under(uint32_t sequence, std::string_view destination, uint32_t type,
+                         uint32_t data);
+
 // A copy of `content`, which may be empty.
 Status send_content(std::string_view destination, uint32_t type, std::span<const char> content,
                     uint32_t data = 0, uint32_t sequence = 0);

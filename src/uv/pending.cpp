@@ -28,9 +28,10 @@ void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool 
 
 TakeAnswer g_take_answer;
 
-// The entries are chained by those who make them, so one that is not there is no fault of ours.
+// The entries are chained by those who make them, so one that is not there is no fault of ours and
+// is passed over.
 void unchain(OrpUvMsg *watcher, OrpUvMsgPending *entry) {
-  if (list_contains(watcher->pending, entry)) list_unlink(watcher->pending, entry);
+  ORP_ListDeleteItemEx(&watcher->pending, entry);
 }
 
 // Ends the entry with `message`, or by time-out with null.

@@ -15,8 +15,9 @@ void *address(R (*function)(Args...)) {
   return reinterpret_cast<void *>(function);
 }
 
-// What every record of a message says of it. The names end at their field, NUL or not.
-#define MSGAPI_TRACED_MESSAGE "msg type:[0x%x] app:[%s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s]"
+// What every record of a message says of it. Names end with their field, NUL or not.
+#define MSGAPI_TRACED_MESSAGE \
+  "msg type:[0x%x] app:[%.12s] data:[%u] len:[%u] dst:[%.12s] src:[%.12s]"
 
 // The records of one message. Made on the spot, so that a record names the function and the line
 // that it comes from.
