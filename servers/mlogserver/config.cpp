@@ -87,6 +87,8 @@ void set_key(const Item &item, Config *config) {
       check_module(module);
       config->modules.insert(module);
     }
+  } else if (item.name == "sender_pids") {
+    config->sender_pids = number(item, 0, 1) == 1;
   } else if (!set_limit(item, &config->defaults)) {
     throw std::runtime_error("unknown key " + item.name);
   }

@@ -24,6 +24,7 @@ struct Config {
   std::string share_directory = "/mnt/mlog";
   uint32_t max_modules = 64;
   std::set<std::string> modules;  // those with a file of their own; empty: any
+  bool sender_pids = false;       // lines say which process has sent them
   ModuleLimits defaults;
   std::map<std::string, ModuleLimits> limits;  // where they differ from the defaults
 

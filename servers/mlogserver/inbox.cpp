@@ -92,16 +92,19 @@ const sockaddr_un &Inbox::sender(size_t slot, socklen_t *size) const {
   return layout_->senders[slot];
 }
 
-uid_t Inbox::user(size_t slot) const {
-  msghdr header = layout_->messages[slot].msg_hdr;
+ucred Inbox::credentials(size_t slot) const {
+  ucred credentials{.pid = 0, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
+  // Nothing but the length is taken from the header: its pointers may be a killed server's.
+  msghdr header{};
+  header.msg_control = layout_->controls[slot].bytes;
+  header.msg_controllen = std::min<size_t>(layout_->messages[slot].msg_hdr.msg_controllen,
+                                           sizeof layout_->controls[slot].bytes);
   const cmsghdr *control = CMSG_FIRSTHDR(&header);
-  if (control == nullptr || control->cmsg_level != SOL_SOCKET ||
-      control->cmsg_type != SCM_CREDENTIALS || control->cmsg_len < CMSG_LEN(sizeof(ucred))) {
-    return static_cast<uid_t>(-1);
+  if (control != nullptr && control->cmsg_level == SOL_SOCKET &&
+      control->cmsg_type == SCM_CREDENTIALS && control->cmsg_len >= CMSG_LEN(sizeof credentials)) {
+    std::memcpy(&credentials, CMSG_DATA(control), sizeof credentials);
   }
-  ucred credentials;
-  std::memcpy(&credentials, CMSG_DATA(control), sizeof credentials);
-  return credentials.uid;
+  return credentials;
 }
 
 void Inbox::mark_done(size_t slot) {

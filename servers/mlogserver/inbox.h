@@ -36,8 +36,8 @@ class Inbox {
   // The datagram in a slot, empty when there is none or it is done.
   std::span<char> datagram(size_t slot);
   const sockaddr_un &sender(size_t slot, socklen_t *size) const;
-  // The user that the kernel says has sent it; nobody's id when it does not say.
-  uid_t user(size_t slot) const;
+  // Who the kernel says has sent it; process 0 and nobody's ids when it does not say.
+  ucred credentials(size_t slot) const;
   void mark_done(size_t slot);
 
  private:

@@ -1,6 +1,9 @@
 // What a log line says about itself.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,14 +14,20 @@ namespace mlogserver {
 struct LineHead {
   std::string_view module;
   uint32_t level;
+  size_t end;  // where the ":" stands
 };
 
 // Names come from other processes and become file names: at most 97 printable ASCII characters, no
 // "/", no "." in front; and not like one of the server's own files in the directory of the sockets.
 bool is_module_name(std::string_view name);
 
-// False when the line does not begin that way or names no proper module.
-bool parse_line_head(std::string_view line, LineHead *head);
+// False when the line does not begin that way or names no proper module. `marked` lines have a
+// bracket with their sender in front of the ":", others must not.
+bool parse_line_head(std::string_view line, bool marked, LineHead *head);
+
+// Writes who has sent a line into it: as one more bracket in front of the head's ":", or in front
+// of a line without a proper head, so that no sender can write such a bracket for another one.
+void mark_sender(pid_t sender, std::string *line);
 
 // Adds a logged text to `out` so that it stays one line of its module and drives no terminal:
 // inside it a line feed is followed by a tab, which no line begins with, and other control

@@ -90,7 +90,7 @@ void RingStore::append(std::span<char> line) noexcept {
 
 void RingStore::append_line(std::span<char> line) {
   LineHead head{};
-  const bool parsed = parse_line_head({line.data(), line.size()}, &head);
+  const bool parsed = parse_line_head({line.data(), line.size()}, marks_senders(), &head);
   // The levels are bits, the more important the lower; "NONE" is 0.
   if (parsed && head.level > level_of(head.module)) {
     // Only what has a file is counted by its name: names are anybody's to invent.

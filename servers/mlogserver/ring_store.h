@@ -52,6 +52,9 @@ class RingStore {
   // When the next interval with dropped lines is over, if there is one.
   std::optional<std::chrono::steady_clock::time_point> next_notice() const;
 
+  // Whether lines say which process has sent them.
+  bool marks_senders() const { return config_.sender_pids; }
+
   // What keeps lines from being written now, for the user; empty when nothing does.
   std::string state() const;
 

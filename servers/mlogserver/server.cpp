@@ -30,8 +30,8 @@ constexpr const char *kInboxPath = MLOG_IPC_PATH MLOG_SERVER_NAME ".inbox";
 constexpr size_t kMaxStatistics = 256;
 constexpr int kMaxBatches = 1000;
 constexpr mode_t kDirectoryMode = 0770;
-// Every byte may be a line feed, which gets a tab; and the line feed at the end.
-constexpr size_t kRoomForLine = 2 * size_t{MLOG_MAX_PAYLOAD} + 1;
+// Every byte may be a line feed, which gets a tab; its sender; and the line feed at the end.
+constexpr size_t kRoomForLine = 2 * size_t{MLOG_MAX_PAYLOAD} + sizeof "from -2147483648: ";
 static_assert(kRoomForLine <= RingStore::kLongestLine);
 
 [[noreturn]] void fail(const std::string &what) {
@@ -116,7 +116,7 @@ void Server::take_over() {
     MlogMsg head;
     // Nobody waits for the answers to old requests.
     if (payload_of(datagram, &head) != nullptr && head.type == MLOG_TYPE_LOG &&
-        keep_line(datagram.subspan(MLOG_HEAD_SIZE))) {
+        keep_line(datagram.subspan(MLOG_HEAD_SIZE), inbox_.credentials(slot).pid)) {
       ++lines;
     }
     inbox_.mark_done(slot);
@@ -132,7 +132,7 @@ void Server::drain() {
     for (size_t slot = 0; slot < count; ++slot) {
       Sender sender{};
       sender.address = &inbox_.sender(slot, &sender.size);
-      sender.user = inbox_.user(slot);
+      sender.who = inbox_.credentials(slot);
       handle(inbox_.datagram(slot), sender);
       inbox_.mark_done(slot);
     }
@@ -178,7 +178,7 @@ void Server::handle(std::span<char> datagram, const Sender &sender) noexcept {
 bool Server::dispatch(const MlogMsg &head, std::span<char> payload, const Sender &sender) {
   switch (head.type) {
     case MLOG_TYPE_LOG:
-      return keep_line(payload);
+      return keep_line(payload, sender.who.pid);
     case MLOG_TYPE_SET_STAT:
       return set_statistics(payload, sender);
     case MLOG_TYPE_GET_STAT:
@@ -191,11 +191,12 @@ bool Server::dispatch(const MlogMsg &head, std::span<char> payload, const Sender
   }
 }
 
-bool Server::keep_line(std::span<const char> payload) {
+bool Server::keep_line(std::span<const char> payload, pid_t sender) {
   const size_t length = ::strnlen(payload.data(), payload.size());
   if (length == 0) return false;
   line_.clear();
   add_clean_text({payload.data(), length}, &line_);
+  if (store_->marks_senders()) mark_sender(sender, &line_);
   line_ += '\n';
   store_->append(line_);
   return true;
@@ -245,7 +246,7 @@ bool Server::set_own(const std::string &question, const std::string &text, const
     level = MlogGetLogLevel(text.c_str());
     if (text != MlogGetLogLevelString(*level)) return false;
   }
-  if ((sender.user != 0 && sender.user != ::geteuid()) || !store_->set_level(module, level)) {
+  if ((sender.who.uid != 0 && sender.who.uid != ::geteuid()) || !store_->set_level(module, level)) {
     ++counters_.stats_refused;
   }
   return true;

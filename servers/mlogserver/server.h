@@ -46,13 +46,13 @@ class Server final : public servers::EventLoop::Watch {
   struct Sender {
     const sockaddr_un *address;
     socklen_t size;
-    uid_t user;
+    ucred who;
   };
 
   void take_over();
   void handle(std::span<char> datagram, const Sender &sender) noexcept;
   bool dispatch(const MlogMsg &head, std::span<char> payload, const Sender &sender);
-  bool keep_line(std::span<const char> payload);
+  bool keep_line(std::span<const char> payload, pid_t sender);
   bool set_statistics(std::span<const char> payload, const Sender &sender);
   // What is asked about the server itself: questions.h.
   bool set_own(const std::string &question, const std::string &text, const Sender &sender);

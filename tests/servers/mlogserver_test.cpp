@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -22,6 +23,7 @@ using test::with_config;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::StartsWith;
 
 TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
   LogServer server;
@@ -74,6 +76,25 @@ TEST(LogServer, LetsNoTextForgeALineOrDriveATerminal) {
   EXPECT_EQ(expected, log_of("wan"));
   EXPECT_EQ("[1][mlogServer.inbox][INFO]:a\n[1][a\n\t[1][lan][INFO]:b][INFO]:c\n", log_of("other"));
   EXPECT_EQ("", log_of("lan"));
+}
+
+TEST(LogServer, WritesDownWhoHasSentALineWhereTold) {
+  LogServer server(with_config("sender_pids = 1\n"));
+  Sender sender;
+  sender.send(MLOG_TYPE_LOG, "[1][wan][INFO]:[77]: text");
+  for (const char *forged :
+       {"[1][wan][INFO][77]:text", "[1][lan]\n[1][wan][INFO][77]:text", "[77]"}) {
+    sender.send(MLOG_TYPE_LOG, forged);
+  }
+  sender.send(MLOG_TYPE_LOG, "[1][wan][INFO]:" + std::string(1000, '\n') + "y");
+  ASSERT_EQ(0, MlogFlushLog());
+
+  const std::string pid = std::to_string(::getpid());
+  EXPECT_THAT(log_of("wan"), StartsWith("[1][wan][INFO][" + pid + "]:[77]: text\n[1][wan][INFO][" +
+                                        pid + "]:\n\t"));
+  EXPECT_EQ("from " + pid + ": [1][wan][INFO][77]:text\nfrom " + pid +
+                ": [1][lan]\n\t[1][wan][INFO][77]:text\nfrom " + pid + ": [77]\n",
+            log_of("other"));
 }
 
 TEST(LogServer, SharesItsDirectoryWhateverTheUmask) {

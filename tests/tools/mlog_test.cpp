@@ -15,6 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 using namespace test::mlog;
 
 std::vector<std::string> messages(const mlog::Ring &ring) {
@@ -108,12 +109,22 @@ TEST(MlogCat, TurnsUptimeIntoTimeForTheRunningBootOnly) {
 }
 
 TEST(MlogCat, PrintsJson) {
-  write_ring("wan", "free \xff text\n" + line(9999999999, "a \"b\"\nc", "WARN"));
+  write_ring("wan", "free \xff text\n" + line(9999999999, "a \"b\"\nc", "WARN") +
+                        "[09999999999][wan][INFO][4711]:sent\n");
   EXPECT_EQ(
       "{\"text\":\"free \xef\xbf\xbd text\"}\n"
       "{\"uptime_ms\":9999999999,\"module\":\"wan\",\"level\":\"WARN\",\"text\":\"a "
-      "\\\"b\\\"\\nc\"}\n",
+      "\\\"b\\\"\\nc\"}\n"
+      "{\"uptime_ms\":9999999999,\"module\":\"wan\",\"level\":\"INFO\",\"pid\":4711,\"text\":"
+      "\"sent\"}\n",
       run({"cat", "--json"}).text);
+}
+
+TEST(MlogCat, TakesNoBracketsThatTheServerDoesNotWriteForAHead) {
+  const std::string text = "[1][wan][INFO][4294967296]:x\n[1][wan][INFO][1]x\n[1][wan][INFO][]:x\n";
+  write_ring("wan", text);
+  EXPECT_EQ(text, run({"cat"}).text);
+  EXPECT_THAT(run({"cat", "--json"}).text, Not(HasSubstr("pid")));
 }
 
 TEST(MlogCat, GivesALineTheSameTimeEveryTime) {

@@ -128,6 +128,7 @@ void Printer::add_short(const Entry &entry, std::optional<int64_t> time_ms, std:
     if (full) fmt::format_to(std::back_inserter(out_), " [{:011}]", entry.uptime_ms);
     out_ += ' ';
     add_clean(entry.module);
+    if (entry.pid) fmt::format_to(std::back_inserter(out_), "[{}]", *entry.pid);
     out_ += ' ';
     add_clean(entry.level_name);
     out_.append(": ");
@@ -153,6 +154,7 @@ void Printer::add_json(const Entry &entry, std::optional<int64_t> time_ms) {
     add_json_string(entry.module);
     out_.append(",\"level\":");
     add_json_string(entry.level_name);
+    if (entry.pid) fmt::format_to(std::back_inserter(out_), ",\"pid\":{}", *entry.pid);
     out_ += ',';
   }
   out_.append("\"text\":");
@@ -173,7 +175,9 @@ void Printer::add_raw(const Entry &entry, std::optional<int64_t> time_ms) {
     }
   };
   if (options_.raw_time && time_ms && entry.has_head) {
-    add(fmt::format("[{}][{}][{}]:", format_iso_time(*time_ms), entry.module, entry.level_name));
+    add(fmt::format("[{}][{}][{}]", format_iso_time(*time_ms), entry.module, entry.level_name));
+    if (entry.pid) add(fmt::format("[{}]", *entry.pid));
+    add(":");
     add(entry.message);
   } else {
     add(entry.text);

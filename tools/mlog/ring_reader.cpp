@@ -61,6 +61,7 @@ struct Head {
   int64_t uptime_ms = 0;
   std::string_view module;
   std::string_view level_name;
+  std::optional<uint32_t> pid;
   std::string_view message;
 };
 
@@ -73,9 +74,19 @@ bool cut_uptime(std::string_view *line, int64_t *uptime_ms) {
   return true;
 }
 
+// "[text]", if the line begins with one, has to be a number.
+bool cut_pid(std::string_view *line, std::optional<uint32_t> *pid) {
+  std::string_view text;
+  if (!cut_bracket(line, &text)) return true;
+  const char *end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, pid->emplace());
+  return error == std::errc() && stop == end;
+}
+
 bool parse_head(std::string_view line, Head *head) {
   if (!cut_uptime(&line, &head->uptime_ms) || !cut_bracket(&line, &head->module) ||
-      !cut_bracket(&line, &head->level_name) || !cut_prefix(&line, ":")) {
+      !cut_bracket(&line, &head->level_name) || !cut_pid(&line, &head->pid) ||
+      !cut_prefix(&line, ":")) {
     return false;
   }
   head->message = line;
@@ -202,6 +213,7 @@ Entry::Entry(std::string_view whole) : text(whole), message(whole) {
   uptime_ms = head.uptime_ms;
   module = head.module;
   level_name = head.level_name;
+  pid = head.pid;
   message = head.message;
   level = level_of(level_name);
 }

@@ -37,7 +37,8 @@ struct Entry {
   uint32_t level = 0;
   std::string_view module;  // parts of `text`
   std::string_view level_name;
-  std::string_view message;  // all of `text` without a head
+  std::optional<uint32_t> pid;  // of who sent it, where the server writes that down
+  std::string_view message;     // all of `text` without a head
 
   Entry() = default;
   explicit Entry(std::string_view whole);
