@@ -255,6 +255,7 @@ class Admin final : public Service {
       totals.statistics.frames_out += client->out.frames_written();
       totals.statistics.bytes_out += client->out.bytes_written();
     }
+    totals.http_refused = journal.http_refused();
     totals.failed_callbacks = server_->loop().failures();
     for (const Culprit &each : journal.culprits()) {
       if (each.count > 0) totals.culprits.push_back(each);

@@ -400,6 +400,7 @@ int HttpDaemon::begin(Connection &connection, Exchange &exchange, const char *me
         *limits_.guard, {header(MHD_HTTP_HEADER_HOST), header(MHD_HTTP_HEADER_ORIGIN),
                          header("Sec-Fetch-Site"), header(MHD_HTTP_HEADER_AUTHORIZATION)});
     if (refusal) {
+      ++*limits_.guard->refusals;
       exchange.refused = true;
       exchange.answer = {refusal->status, refusal->why};
       exchange.answer.challenge = refusal->status == MHD_HTTP_UNAUTHORIZED;

@@ -2,6 +2,8 @@
 // other site's page sends, and that know the token if there is one.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +14,7 @@ namespace msgsvr {
 struct HttpGuard {
   std::vector<std::string> hosts = {};  // names of the server, besides its addresses and localhost
   std::string token = {};               // empty: none is asked for
+  std::atomic<uint64_t> *refusals = nullptr;  // counts them, for whoever reads it
 };
 
 // The headers that count, empty where there is none.

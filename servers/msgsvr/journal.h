@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <span>
@@ -106,6 +107,9 @@ class Journal {
   void over_limit() noexcept { ++statistics_.over_limit; }
   void failure() noexcept { ++statistics_.failures; }
   void refused() noexcept { ++statistics_.refused; }
+  // Requests that HTTP's own thread refuses: by their Host, their origin or their token.
+  std::atomic<uint64_t> &http_refusals() { return http_refusals_; }
+  uint64_t http_refused() const { return http_refusals_; }
   void foreign_sender() noexcept { ++statistics_.foreign; }
   // A registration that was refused in its answer: the recorder knows it as lost.
   void refused_name(const Client &from, uint64_t record, uint32_t sequence) noexcept;
@@ -122,6 +126,7 @@ class Journal {
 
   flight::Recorder recorder_;
   Statistics statistics_;
+  std::atomic<uint64_t> http_refusals_ = 0;
   Culprits culprits_{};
   uint64_t losses_ = 0;
   bool stale_ = true;

@@ -196,6 +196,7 @@ std::string totals_json(const Totals &totals) {
   json["failed_callbacks"] = totals.failed_callbacks;
   json["refused"] = s.refused;
   json["foreign_senders"] = s.foreign;
+  json["http_refused"] = totals.http_refused;
   Json &culprits = json["culprits"] = Json::array();
   for (const Culprit &each : totals.culprits) {
     culprits.push_back({{"loss", key_of(each.loss)},
@@ -257,6 +258,8 @@ std::string metrics_text(const Totals &totals, const std::vector<ClientFacts> &c
   Family(&text, "refusals", "counter", "By the policy.").sample(s.refused);
   Family(&text, "foreign_senders", "counter", "Messages under another name than their sender's.")
       .sample(s.foreign);
+  Family(&text, "http_refusals", "counter", "By Host, origin or token.")
+      .sample(totals.http_refused);
   Family(&text, "flight_records", "counter", "Written by the flight recorder.")
       .sample(totals.flight_records);
 

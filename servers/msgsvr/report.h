@@ -76,6 +76,7 @@ struct Totals {
   uint64_t clients;
   Statistics statistics;  // with what the living clients have got
   uint64_t failed_callbacks;
+  uint64_t http_refused;
   std::vector<Culprit> culprits;  // most losses first
   uint64_t flight_size;           // 0: no recorder
   uint64_t flight_records;

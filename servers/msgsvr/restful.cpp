@@ -209,7 +209,8 @@ class Restful final : public Service {
 
   HttpLimits limits() const {
     HttpLimits limits{kLongestText, kBodyHead, time_limit()};
-    limits.guard = HttpGuard{server_->options().http_hosts, {}};
+    limits.guard =
+        HttpGuard{server_->options().http_hosts, {}, &server_->journal().http_refusals()};
     const std::string &token = server_->options().http_token;
     if (!token.empty()) limits.guard->token = read_token(token);
     return limits;

@@ -481,12 +481,12 @@ std::vector<std::string> Server::statistics() const {
       "{} clients of {} connections; in {} messages, {} bytes; out {} messages, {} bytes; no such "
       "name {}; queue full {}; receiver died {}; cut short {}; senders told {}; nobody told {}; "
       "not served {}; not permitted {}; descriptors passed {}, refused {}; malformed {}; over a "
-      "limit {}; given up {}; refused by the policy {}; foreign senders {}",
+      "limit {}; given up {}; refused by the policy {}; foreign senders {}; refused by HTTP {}",
       clients_.size(), s.connections, s.frames_in, s.bytes_in, frames_out, bytes_out,
       s.of(Loss::kNoSuchName), s.of(Loss::kQueueFull), s.of(Loss::kReceiverGone),
       s.of(Loss::kCutShort), s.told, s.untold, s.of(Loss::kNotServed), s.of(Loss::kNotPermitted),
       s.descriptors_passed, s.of(Loss::kDescriptor), s.of(Loss::kMalformed), s.over_limit,
-      s.failures, s.refused, s.foreign);
+      s.failures, s.refused, s.foreign, journal_.http_refused());
   return lines;
 }
 

@@ -674,6 +674,7 @@ TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
             status_of("-H 'Origin: null' --data-binary @" + std::string(::getenv("MSGAPI_BIN")) +
                       "/msgsvr http://127.0.0.1:8080/y --next -s -o /var/body -w '%{http_code}'"));
   EXPECT_EQ("404", status_of(""));
+  EXPECT_THAT(log(), HasSubstr("refused by HTTP 9"));
   EXPECT_THAT(test::contents("/var/head"),
               AllOf(HasSubstr("Cross-Origin-Resource-Policy: same-origin"),
                     Not(HasSubstr("Access-Control-Allow"))));
