@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -293,15 +294,20 @@ class RawFanOut {
 
 // ---- The library's side ----
 
-// `flight` is the size of the flight recorder's ring; null for what the server has by itself.
-void start_server(Processes *processes, const char *flight = nullptr) {
+using Options = std::vector<std::string>;
+
+void start_server(Processes *processes, const Options &options = {}) {
   const char *bin = std::getenv("MSGAPI_BIN");
-  const std::string program = std::string(bin == nullptr ? "." : bin) + "/msgsvr";
+  Options words = {std::string(bin == nullptr ? "." : bin) + "/msgsvr", "--queue", "8388608",
+                   "--http", "127.0.0.1:8080"};
+  words.insert(words.end(), options.begin(), options.end());
+  std::vector<char *> arguments;
+  for (std::string &word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
   processes->run([&] {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     if (std::freopen("/dev/null", "w", stderr) == nullptr) ::_exit(1);
-    ::execl(program.c_str(), program.c_str(), "--queue", "8388608", "--http", "127.0.0.1:8080",
-            flight == nullptr ? nullptr : "--flight", flight, static_cast<char *>(nullptr));
+    ::execv(arguments.front(), arguments.data());
     ::_exit(1);
   });
   for (int attempt = 0; ::access(ORP_MSG_SERVER_PATH, F_OK) != 0; ++attempt) {
@@ -596,10 +602,10 @@ void print_http() {
 }
 
 // The median round trip through a server of its own.
-double median_round_trip(const char *flight) {
+double median_round_trip(const Options &options) {
   constexpr int kRequests = 2000;
   Processes processes;
-  start_server(&processes, flight);
+  start_server(&processes, options);
   connect_as("client");
   serve_as("echo", &processes, [] { ORP_MSG_RegMsgProc(kEchoType, echo, 0, nullptr); });
   Message request("echo", kEchoType, 0);
@@ -610,11 +616,11 @@ double median_round_trip(const char *flight) {
 }
 
 // The same in a process that has no connection from a measurement before.
-double median_in_new_process(const char *flight) {
+double median_in_new_process(const Options &options) {
   Channel result;
   Processes measurement;
   measurement.run([&] {
-    const double median = median_round_trip(flight);
+    const double median = median_round_trip(options);
     write_all(result.ends[1], reinterpret_cast<const char *>(&median), sizeof median);
   });
   ::close(result.ends[1]);  // so that the end of a child that fails ends the read
@@ -624,21 +630,37 @@ double median_in_new_process(const char *flight) {
   return median;
 }
 
-void print_recorder() {
-  Series off;
-  Series on;
+// Round trips through servers that differ in one thing.
+void print_pair(const char *what, const Options &off, const Options &on) {
+  const Options *options[] = {&off, &on};
+  Series times[2];
   Series ratios;
   for (int round = 0; round < scaled(kRounds); ++round) {
     // Whichever comes first in one pair comes second in the next.
-    for (const bool recorder : {round % 2 == 0, round % 2 != 0}) {
-      (recorder ? on : off).values.push_back(median_in_new_process(recorder ? nullptr : "0"));
+    for (const bool which : {round % 2 == 0, round % 2 != 0}) {
+      times[which].values.push_back(median_in_new_process(*options[which]));
     }
-    ratios.values.push_back(on.values[static_cast<size_t>(round)] /
-                            off.values[static_cast<size_t>(round)]);
+    ratios.values.push_back(times[1].values.back() / times[0].values.back());
   }
-  std::printf("\nRequest and response with the flight recorder (us)\n%10s %10s %7s\n", "off", "on",
-              "ratio");
-  std::printf("%10.2f %10.2f %7.3f\n", off.median(), on.median(), ratios.median());
+  std::printf("\nRequest and response with %s (us)\n%10s %10s %7s\n", what, "off", "on", "ratio");
+  std::printf("%10.2f %10.2f %7.3f\n", times[0].median(), times[1].median(), ratios.median());
+}
+
+// A policy that has to look at every message, of which the last rule lets these through.
+std::string write_policy() {
+  constexpr const char *kPath = "/var/bench_policy.json";
+  constexpr int kRules = 100;
+  std::ofstream file(kPath);
+  file << R"({"default": "deny", "rules": [)";
+  for (int i = 0; i < kRules; ++i) {
+    file << R"({"deny": ")" << (i % 2 == 0 ? "send" : "receive") << R"(", "types": "0x7)" << 100 + i
+         << R"(", "user": 12345},)" << '\n';
+  }
+  for (const char *action : {"own", "send", "receive", "speak-for"}) {
+    file << R"({"allow": ")" << action << R"("},)" << '\n';
+  }
+  file << R"({"allow": "service"}]})";
+  return kPath;
 }
 
 }  // namespace
@@ -649,7 +671,9 @@ int main(int argc, char **argv) {
   pin_to_one_processor();
   std::signal(SIGPIPE, SIG_IGN);
 
-  print_recorder();  // before this process has a server and a connection
+  // Before this process has a server and a connection.
+  print_pair("the flight recorder", {"--flight", "0"}, {});
+  print_pair("a policy of 105 rules", {}, {"--policy", write_policy()});
 
   Processes server;
   start_server(&server);
