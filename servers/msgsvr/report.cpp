@@ -31,56 +31,67 @@ const char *key_of(Loss loss) {
   return entry == std::end(kLosses) ? "" : entry->second;
 }
 
+// A JSON string. What is printable needs no escapes but these two.
+std::string json_string(std::string_view text) {
+  std::string string = "\"";
+  for (const char c : printable(text)) {
+    if (c == '\\' || c == '"') string += '\\';
+    string += c;
+  }
+  return string + '"';
+}
+
 // Asks the user database once for each user; it may block.
 class Users {
  public:
-  Json name(uid_t uid) {
+  const std::string &name(uid_t uid) {
     const auto known = names_.find(uid);
     if (known != names_.end()) return known->second;
     std::array<char, 4096> buffer;
     passwd entry{};
     passwd *found = nullptr;
     ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-    return names_[uid] = found == nullptr ? Json() : Json(printable(found->pw_name));
+    return names_[uid] = found == nullptr ? "null" : json_string(found->pw_name);
   }
 
  private:
-  std::map<uid_t, Json> names_;
+  std::map<uid_t, std::string> names_;
 };
 
 // What the process runs now; null when that cannot be found out.
-Json program_json(pid_t pid) {
+std::string program_text(pid_t pid) {
   std::array<char, 4096> buffer;
   const std::string_view program = program_of(pid, buffer);
-  return program.empty() ? Json() : Json(printable(program));
+  return program.empty() ? "null" : json_string(program);
 }
 
 Json traffic(uint64_t messages, uint64_t bytes) {
   return {{"messages", messages}, {"bytes", bytes}};
 }
 
-Json json_of(const ClientFacts &client, Users *users) {
-  const bool here = client.address.empty();
-  Json json;
-  json["id"] = client.id;
-  json["name"] = printable(client.name.text());
-  json["pid"] = here ? Json(client.peer.pid) : Json();
-  json["program"] = here ? program_json(client.peer.pid) : Json();
-  json["uid"] = here ? Json(client.peer.uid) : Json();
-  json["user"] = here ? users->name(client.peer.uid) : Json();
-  json["gid"] = here ? Json(client.peer.gid) : Json();
-  json["address"] = here ? Json() : Json(client.address);
-  json["connected_at"] = client.connected_at;
-  json["connected_s"] = client.connected_s;
-  json["swapped"] = client.swapped;
-  json["in"] = traffic(client.frames_in, client.bytes_in);
-  json["out"] = traffic(client.frames_out, client.bytes_out);
-  json["queued_bytes"] = client.queued;
-  json["queue_limit"] = client.queue_limit;
-  json["lost"] = client.lost;
-  json["slow"] = client.slow;
-  json["held"] = client.held;
-  return json;
+// Written as it stands: there may be thousands of clients.
+std::string json_text_of(const ClientFacts &client, Users *users) {
+  const pid_t pid = client.peer.pid;
+  std::string text =
+      fmt::format("{{\"id\":{},\"name\":{},", client.id, json_string(client.name.text()));
+  auto out = std::back_inserter(text);
+  if (client.address.empty()) {
+    fmt::format_to(out, R"("pid":{},"program":{},"uid":{},"user":{},"gid":{},"address":null,)", pid,
+                   program_text(pid), client.peer.uid, users->name(client.peer.uid),
+                   client.peer.gid);
+  } else {
+    fmt::format_to(out,
+                   R"("pid":null,"program":null,"uid":null,"user":null,"gid":null,"address":{},)",
+                   json_string(client.address));
+  }
+  fmt::format_to(out,
+                 R"("connected_at":{},"connected_s":{},"swapped":{},)"
+                 R"("in":{{"messages":{},"bytes":{}}},"out":{{"messages":{},"bytes":{}}},)"
+                 R"("queued_bytes":{},"queue_limit":{},"lost":{},"slow":{},"held":{}}})",
+                 client.connected_at, client.connected_s, client.swapped, client.frames_in,
+                 client.bytes_in, client.frames_out, client.bytes_out, client.queued,
+                 client.queue_limit, client.lost, client.slow, client.held);
+  return text;
 }
 
 std::unordered_map<uint32_t, std::string> names_of(const std::vector<ClientFacts> &clients) {
@@ -89,14 +100,14 @@ std::unordered_map<uint32_t, std::string> names_of(const std::vector<ClientFacts
   return names;
 }
 
-// One element after the other, so that only one is in memory in both forms.
+// One element after the other, so that only one is in memory in two forms.
 template <typename Range, typename Function>
-std::string list_json(const char *key, const Range &elements, Function json_of_element) {
+std::string list_json(const char *key, const Range &elements, Function text_of_element) {
   std::string text = fmt::format("{{\"{}\": [", key);
   const char *separator = "";
   for (const auto &element : elements) {
     text += std::exchange(separator, ",\n");
-    text += Json(json_of_element(element)).dump();
+    text += text_of_element(element);
   }
   return text + "]}\n";
 }
@@ -119,22 +130,12 @@ class Family {
   const char *suffix_;
 };
 
-std::string label_value(std::string_view text) {
-  std::string escaped;
-  for (const char c : text) {
-    if (c == '\\' || c == '"') escaped += '\\';
-    escaped += c;
-  }
-  return escaped;
-}
-
 std::string label(const char *name, std::string_view value) {
-  return fmt::format("{{{}=\"{}\"}}", name, label_value(value));
+  return fmt::format("{{{}={}}}", name, json_string(value));
 }
 
 std::string label_of(const ClientFacts &client) {
-  return fmt::format("{{id=\"{}\",name=\"{}\"}}", client.id,
-                     label_value(printable(client.name.text())));
+  return fmt::format("{{id=\"{}\",name={}}}", client.id, json_string(client.name.text()));
 }
 
 }  // namespace
@@ -142,13 +143,13 @@ std::string label_of(const ClientFacts &client) {
 std::string clients_json(const std::vector<ClientFacts> &clients) {
   Users users;
   return list_json("clients", clients,
-                   [&users](const ClientFacts &each) { return json_of(each, &users); });
+                   [&users](const ClientFacts &each) { return json_text_of(each, &users); });
 }
 
 std::string client_json(const ClientFacts &client, const Details &details,
                         const Inventory &inventory) {
   Users users;
-  Json json = json_of(client, &users);
+  Json json = Json::parse(json_text_of(client, &users));
   Json own = Json::array(), named = Json::array(), paths = Json::array(), points = Json::array();
   for (const Inventory::Subscription &each : inventory.subscriptions) {
     if (each.client == client.id) own.push_back(each.event);
@@ -223,7 +224,8 @@ std::string subscriptions_json(const Inventory &inventory,
                                  {"id", by_name ? Json() : Json(each.client)},
                                  {"name", by_name                ? printable(each.name.text())
                                           : owner == names.end() ? std::string()
-                                                                 : owner->second}};
+                                                                 : owner->second}}
+                         .dump();
                    });
 }
 
@@ -233,7 +235,8 @@ std::string paths_json(const Inventory &inventory, const std::vector<ClientFacts
     const auto owner = names.find(each.client);
     return Json{{"path", printable(each.path)},
                 {"id", each.client},
-                {"name", owner == names.end() ? std::string() : owner->second}};
+                {"name", owner == names.end() ? std::string() : owner->second}}
+        .dump();
   });
 }
 

@@ -126,8 +126,9 @@ void Table::print() const {
   };
   std::vector<std::string> titles;
   for (const Column &column : columns_) titles.push_back(column.title);
-  print_line(coloured(Colour::kDim, line(titles)));
-  for (const auto &row : rows_) print_line(line(row));
+  std::string text = coloured(Colour::kDim, line(titles)) + '\n';
+  for (const auto &row : rows_) text += line(row) + '\n';
+  print_bytes(text);
 }
 
 std::string bytes_text(uint64_t bytes) {
