@@ -96,7 +96,7 @@ void Recording::count_missed(const flight::Record &record, uint64_t wall_ns) {
     missed_ += count;
     summary_.missed(count, wall_ns);
   }
-  last_number_ = record.number;
+  last_number_ = std::max(last_number_, record.number);
 }
 
 void Recording::take(const flight::Entry &entry, uint64_t wall_ns) {
@@ -185,6 +185,8 @@ void Recording::keep(const Event &event) {
   if (masked_) kept.text = traffic::masked(kept.text);
   if (event.request != nullptr) kept.request = copy_of(*event.request);
   if (event.message != nullptr) {
+    // The number of one that is accepted is its own from now on, whatever a file says.
+    if (event.kind() == Kind::kAccepted) messages_.erase(event.record.number);
     kept.message = copy_of(*event.message);
     if (event.kind() == Kind::kAccepted) messages_[event.record.number] = kept.message;
   }
@@ -201,7 +203,8 @@ void Recording::forget_oldest() {
   const Kept &oldest = kept_.front();
   bytes_ -= size_of(oldest);
   if (oldest.server == server_ && oldest.record.kind == static_cast<uint8_t>(Kind::kAccepted)) {
-    messages_.erase(oldest.record.number);
+    const auto copy = messages_.find(oldest.record.number);
+    if (copy != messages_.end() && copy->second == oldest.message) messages_.erase(copy);
   }
   kept_.pop_front();
 }

@@ -115,9 +115,15 @@ void Model::accept(const flight::Entry &entry) {
     clients_[message.to].name = name_of(header.aucRecvApp);
   }
 
+  // A file may repeat a number. The later message takes the place of the earlier one.
+  if (const auto earlier = messages_.find(message.number); earlier != messages_.end()) {
+    close(earlier->second);
+    messages_.erase(earlier);
+  } else {
+    order_.push_back(message.number);
+  }
   link(&message);
   last_sent_[message.from] = message.number;
-  order_.push_back(message.number);
   messages_.emplace(message.number, std::move(message));
   if (order_.size() > most_messages_) forget_oldest();
 }
@@ -139,13 +145,15 @@ void Model::link(Message *message) {
   open_[{message->from, message->to, type, sequence}] = message->number;
 }
 
+void Model::close(const Message &message) {
+  const auto open = open_.find({message.from, message.to, message.type(), message.header.ulSeqNum});
+  if (open != open_.end() && open->second == message.number) open_.erase(open);
+}
+
 void Model::forget_oldest() {
   const auto oldest = messages_.find(order_.front());
   order_.pop_front();
-  if (oldest == messages_.end()) return;
-  const Message &message = oldest->second;
-  const auto open = open_.find({message.from, message.to, message.type(), message.header.ulSeqNum});
-  if (open != open_.end() && open->second == message.number) open_.erase(open);
+  close(oldest->second);
   messages_.erase(oldest);
 }
 

@@ -106,6 +106,8 @@ class Model {
   void accept(const flight::Entry &entry);
   void end(const flight::Record &record, std::string_view reason);
   void link(Message *message);
+  // Nobody waits for its answer any more.
+  void close(const Message &message);
   void forget_oldest();
   Message *find(uint64_t number);
 
