@@ -247,7 +247,28 @@ TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
   EXPECT_EQ(shown_masked(dm_body({{"SSID", "home-net"}, {"WifiPassword", "hunter22"}, {"n", "5"}})),
             dm_body({{"SSID", "h******t"}, {"WifiPassword", "********"}, {"n", "5"}}));
   EXPECT_EQ(shown_masked(R"({"ssid": "home \"net", "psk":"abc", "imei": 490154203237518, "n": 5})"),
-            R"({"ssid": "h********t", "psk":"***", "imei": 000000000000000, "n": 5})");
+            R"({"ssid": "h********t", "psk":"***", "imei":               0, "n": 5})");
+  // The name speaks for all that is in its value; a text may hold JSON, names may be escaped.
+  const std::pair<std::string, std::string> rows[] = {
+      {R"({"password": ["hunter2", 12], "n": 5})", R"({"password": ["*******",  0], "n": 5})"},
+      {R"({"password": {"value": "x", "n": [3]}, "n": 5})",
+       R"({"password": {"value": "*", "n": [0]}, "n": 5})"},
+      {R"({"user": {"token": "abc", "name": "admin"}})",
+       R"({"user": {"token": "***", "name": "a***n"}})"},
+      {R"([{"n": "{\"psk\": \"x\"}"}, "open"])", R"([{"n": "{\"psk\": \"*\"}"}, "open"])"},
+      {R"({"n": "\u007b\"psk\": \"a\nb\"}"})", R"({"n": "\u007b\"psk\": \"****\"}"})"},
+      {R"({"n": "body {\"a\": \"{\\\"psk\\\": \\\"xyz\\\"}\"}"})",
+       R"({"n": "body {\"a\": \"{\\\"psk\\\": \\\"***\\\"}\"}"})"},
+      {R"({"pass\u0077ord": "x"})", R"({"pass\u0077ord": "*"})"},
+      {R"({"ssid": "\u00e9cole\""})", R"({"ssid": "\u00e9****\""})"},
+      {"{\"ssid\": \"\u00e9cole\"}", "{\"ssid\": \"\u00e9***e\"}"},
+      {"password=x", "password=*"},
+      {"/wifi?ssid=home&psk=abc&n=5", "/wifi?ssid=h**e&psk=***&n=5"},
+      {"login --token 'a' --password = \"two words\" -v",
+       "login --token 'a' --password = \"*********\" -v"},
+      {R"({"n": "pin=47 psk=\"a b\"", "user": 5, "m": "psk="})",
+       R"({"n": "pin=** psk=\"***\"", "user": 0, "m": "psk="})"}};
+  for (const auto &[open, hidden] : rows) EXPECT_EQ(shown_masked(open), hidden);
   // JSON in an item, and after the fields of a restful request.
   EXPECT_EQ(shown_masked(dm_body({{"payload", R"({"psk": "abc"})"}})),
             dm_body({{"payload", R"({"psk": "***"})"}}));
@@ -313,6 +334,13 @@ TEST_F(Traffic, ShowsBodiesByTheirContent) {
   EXPECT_EQ(line(dm_body({{"if", "eth0"}, {"up", "1"}})), "if=eth0 up=1");
   EXPECT_EQ(line(std::string("\1\2\3", 3)), "hex 010203");
   EXPECT_EQ(line(std::string(100, 'x')), std::string(64, 'x') + "...");
+  // What nests without end is shown as it is; writing it as JSON would take any stack.
+  traffic::Message deep;
+  deep.body = std::string(200'000, '[') + std::string(200'000, ']');
+  deep.length = static_cast<uint32_t>(deep.body.size());
+  EXPECT_EQ(traffic::body_line(deep, catalogue_), deep.body);
+  EXPECT_TRUE(traffic::parsed(R"(["[[[[", "\"[[[", [[]], [[]]])", 3).is_array());
+  EXPECT_TRUE(traffic::parsed("[[[[]]]]", 3).is_discarded());
   EXPECT_EQ(line(std::string("wifi\0\0\0\0\0\0\0\0", 12), ORP_MSG_COUNT_PROCESSES), "wifi");
 }
 

@@ -20,6 +20,7 @@
 #include "msgctl/admin.h"
 #include "msgctl/child.h"
 #include "msgctl/output.h"
+#include "traffic/decode.h"
 
 namespace inspector {
 namespace {
@@ -329,7 +330,7 @@ Answer Answers::send(const Request &request) const {
   const bool ours = std::find(settings_.origins.begin(), settings_.origins.end(), request.origin) !=
                     settings_.origins.end();
   if (!ours) return problem(403, "this was not asked by the inspector's own page");
-  const Json json = Json::parse(request.body, nullptr, false);
+  const Json json = traffic::parsed(request.body);
   const std::string to = msgctl::text_at(json, "to"), type = msgctl::text_at(json, "type");
   const std::string body = msgctl::text_at(json, "body");
   const bool answered = msgctl::flag_at(json, "answered");
@@ -351,7 +352,7 @@ Answer Answers::send(const Request &request) const {
   if (!body.empty()) words.push_back("text:" + body);
   const msgctl::ChildResult result =
       msgctl::run_child(words, {}, {}, 2 * kSendTimeout_ms, size_t{1} << 20);
-  Json answer = Json::parse(result.output, nullptr, false);
+  Json answer = traffic::parsed(result.output);
   if (answer.is_discarded()) answer = nullptr;
   return json_answer({{"status", result.status}, {"answer", answer}});
 }

@@ -19,6 +19,7 @@
 #include "msgctl/bus.h"
 #include "msgctl/fleet_command.h"
 #include "msgctl/output.h"
+#include "traffic/decode.h"
 #include "traffic/histogram.h"
 
 namespace msgctl {
@@ -205,7 +206,7 @@ std::string gateway_in(const std::string &topic, const std::string &prefix) {
 }
 
 Json parsed(const std::string &text) {
-  Json json = Json::parse(text, nullptr, false);
+  Json json = traffic::parsed(text);
   return json.is_discarded() ? Json(printable(text)) : json;
 }
 

@@ -16,6 +16,7 @@
 #include "msgctl/context.h"
 #include "msgctl/message_text.h"
 #include "msgctl/output.h"
+#include "traffic/decode.h"
 
 namespace msgctl {
 namespace {
@@ -153,7 +154,7 @@ void request(const Context &context, const Method &method, Words words) {
               {"data", answer->ulMsgData},
               {"body", nullptr}};
     if (!said.empty()) {
-      Json parsed = Json::parse(said, nullptr, false);
+      Json parsed = traffic::parsed(said);
       json["body"] = parsed.is_discarded() ? Json(servers::printable(said)) : std::move(parsed);
     }
     print_json(json);

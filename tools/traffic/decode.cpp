@@ -73,7 +73,7 @@ bool is_dm(std::string_view body) {
 Json text_json(std::string_view body) {
   const std::string_view text = without_nul(body);
   if (text.starts_with('{') || text.starts_with('[')) {
-    Json json = Json::parse(text, nullptr, false);
+    Json json = parsed(text);
     if (!json.is_discarded()) return json;
   }
   return servers::printable(text);
@@ -109,7 +109,30 @@ std::string restful_line(const Json &request) {
   return line;
 }
 
+bool is_shallow(std::string_view json, size_t most) {
+  size_t open = 0;
+  bool in_string = false;
+  for (size_t at = 0; at < json.size(); ++at) {
+    const char c = json[at];
+    if (c == '"') {
+      in_string = !in_string;
+    } else if (in_string) {
+      if (c == '\\') ++at;
+    } else if (c == '{' || c == '[') {
+      if (++open > most) return false;
+    } else if ((c == '}' || c == ']') && open > 0) {
+      --open;
+    }
+  }
+  return true;
+}
+
 }  // namespace
+
+Json parsed(std::string_view text, size_t most_nested) {
+  if (!is_shallow(text, most_nested)) return Json(Json::value_t::discarded);
+  return Json::parse(text, nullptr, false);
+}
 
 Json body_json(const Message &message, const catalogue::Catalogue &catalogue) {
   if (message.length == 0) return nullptr;

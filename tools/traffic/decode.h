@@ -1,8 +1,10 @@
 // Bodies of messages as people and programs read them.
 #pragma once
 
+#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 #include "catalogue/type_files.h"
 #include "traffic/model.h"
@@ -10,6 +12,11 @@
 namespace traffic {
 
 using Json = nlohmann::ordered_json;
+
+// Values are copied and written recursively, so text from outside may not nest at will.
+constexpr size_t kMostNested = 100;
+// The value of a JSON text; a discarded one for what is none, and for what nests deeper.
+Json parsed(std::string_view text, size_t most_nested = kMostNested);
 
 // The body by what the catalogue says of its type, or by what it looks like: the fields of a
 // restful request, DM items, JSON, text, or {"hex": "..."}; null without one. What was not kept is

@@ -86,18 +86,19 @@ TEST(BridgeUp, MasksPersonalDataAndStaysJson) {
   const std::string text =
       event("Login", R"({"mac": "AA:BB:CC:DD:EE:FF", "ip": "192.168.1.10", "ssid": "\"é home",
                    "wifi_password": "hidden!", "list": [{"account": "admin"}], "imei": 123456789,
-                   "\u0075ser": "some\u0062ody", "up": true})");
+                   "\u0075ser": "some\u0062ody", "up": true, "pin": {"value": "4711"}})");
   const auto taken = upward.take(ORP_MSG_EVENT_WAN, text, kNow);
   ASSERT_TRUE(taken);
   const Json json = Json::parse(taken->payload);
   const Json &payload = json["Payload"];
   EXPECT_EQ("AA:**:**:DD:**:FF", payload["mac"]);
   EXPECT_EQ("192.***.*.10", payload["ip"]);
-  EXPECT_EQ("\"*****e", payload["ssid"]);
+  EXPECT_EQ("\"******e", payload["ssid"]);
   EXPECT_EQ("*******", payload["wifi_password"]);
   EXPECT_EQ("a***n", payload["list"][0]["account"]);
   EXPECT_EQ(0, payload["imei"]);
   EXPECT_EQ("s******y", payload["user"]);
+  EXPECT_EQ("****", payload["pin"]["value"]);
   EXPECT_EQ(true, payload["up"]);
   EXPECT_THAT(taken->payload, Not(HasSubstr("hidden")));
 
