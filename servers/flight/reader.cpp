@@ -45,6 +45,19 @@ OpenFile open_file(const std::string &path) {
   return file;
 }
 
+// The writer moves the tail before it overwrites anything. So what lies behind the tail of now was
+// whole in the copy.
+void drop_overwritten(int fd, char *copied_head) {
+  FileHead now;
+  if (::pread(fd, &now, sizeof now, 0) != static_cast<ssize_t>(sizeof now)) return;
+  FileHead then;
+  std::memcpy(&then, copied_head, sizeof then);
+  const uint64_t tail = std::min(little(now.tail), little(then.head));
+  if (tail < little(then.tail)) return;
+  then.tail = little(tail);
+  std::memcpy(copied_head, &then, sizeof then);
+}
+
 }  // namespace
 
 Reader Reader::follow(const std::string &path) {
@@ -74,6 +87,7 @@ Reader Reader::load(const std::string &path) {
     have += static_cast<size_t>(count);
   }
   bytes.resize(have);
+  if (have >= sizeof(FileHead)) drop_overwritten(file.fd.get(), bytes.data());
   try {
     return Reader(std::move(bytes));
   } catch (const std::runtime_error &error) {

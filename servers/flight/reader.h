@@ -32,9 +32,11 @@ class Reader {
     kDamaged,  // the ring does not hold what the format promises; reading cannot go on
   };
 
-  // Maps the file of a running server. Throws std::runtime_error with a text for the user.
+  // Maps the file of a running server. Throws std::runtime_error with a text for the user. Only for
+  // a file that nobody but the server can cut short: reading beyond its end would be SIGBUS.
   static Reader follow(const std::string &path);
-  // Takes a copy of a file that nobody needs to be writing.
+  // Takes a copy of any file; whoever cuts or overwrites the file then does no harm. Of one that is
+  // being written it has the records that were whole before and after the copying.
   static Reader load(const std::string &path);
   // The bytes of such a file.
   explicit Reader(std::vector<char> bytes);
@@ -57,6 +59,8 @@ class Reader {
   // Records that were overwritten, since the first one that was read, before they could be read.
   uint64_t missed() const { return missed_; }
 
+  // What is written from now on will be read.
+  bool follows() const { return mapped_ != 0; }
   // A server that was started anew has put another file in this one's place.
   bool replaced() const;
 

@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -82,6 +84,45 @@ TEST_F(MsgctlFlight, MonitorGoesOnWithANewServer) {
   connect(kPanel, "other");
   EXPECT_TRUE(monitor.wait_for("is now other"));
   EXPECT_EQ(monitor.stop(SIGTERM), 0);
+}
+
+// Also when somebody cuts it short meanwhile.
+TEST_F(MsgctlFlight, AnotherFileIsReadToItsEnd) {
+  exchange(1, "of the past");
+  const std::string copy = "/var/run/copy";
+  std::filesystem::copy_file(flight::kPath, copy);
+
+  const Output monitor = run({"monitor", "-f", copy});
+  EXPECT_EQ(monitor.status, 0);
+  EXPECT_THAT(monitor.text, HasSubstr("of the past"));
+  EXPECT_EQ(run({"capture", "--live", "-w", "/dev/null", "-f", copy}).status, 0);
+  EXPECT_EQ(run({"waits", "--watch", "1", "-f", copy}).status, 2);
+  flight::Reader reader = flight::Reader::load(copy);
+  std::filesystem::resize_file(copy, 0);
+  flight::Entry entry;
+  while (reader.next(&entry) == flight::Reader::Next::kEntry) continue;
+  EXPECT_EQ(reader.seen(), 9u);
+  EXPECT_EQ(run({"monitor", "-f", copy}).status, 6);
+}
+
+TEST_F(MsgctlFlight, ACopyOfAFileThatIsBeingWrittenIsWhole) {
+  std::atomic<bool> ends = false;
+  std::thread writer([&] {
+    for (uint32_t i = 0; !ends; ++i) message(kPanel, kStation, kAsk, i, std::string(i % 256, 'x'));
+  });
+  constexpr int kCopies = 300;
+  for (int i = 0; i < kCopies; ++i) {
+    flight::Reader reader = flight::Reader::load(flight::kPath);
+    flight::Reader::Next next;
+    do {
+      flight::Entry entry;
+      next = reader.next(&entry);
+    } while (next == flight::Reader::Next::kEntry);
+    EXPECT_EQ(next, flight::Reader::Next::kNothing);
+    EXPECT_EQ(reader.missed(), 0u);
+  }
+  ends = true;
+  writer.join();
 }
 
 TEST_F(MsgctlFlight, MonitorSaysWhatItMissed) {

@@ -1,7 +1,6 @@
 #include "inspector/feed.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -72,34 +71,30 @@ std::string walk_flight(const std::string &path, const Use &use) {
   return {};
 }
 
-class Mapping {
- public:
-  explicit Mapping(const std::string &path) {
-    const servers::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
-    if (!fd || ::fstat(fd.get(), &status) != 0) {
-      throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kNoSuch,
-                    path + ": " + std::strerror(errno));
-    }
-    if (!S_ISREG(status.st_mode) || status.st_size == 0) {
-      throw Failure(ExitStatus::kBadBody, path + ": this is no capture and no flight file");
-    }
-    size_ = static_cast<size_t>(status.st_size);
-    memory_ = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd.get(), 0);
-    if (memory_ == MAP_FAILED) {
-      throw Failure(ExitStatus::kAnswerError, path + ": " + std::strerror(errno));
-    }
+// A copy, for somebody may cut the file short at any time.
+std::string contents_of(const std::string &path) {
+  const servers::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const auto fail = [&path] {
+    throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kNoSuch,
+                  path + ": " + std::strerror(errno));
+  };
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) fail();
+  if (!S_ISREG(status.st_mode) || status.st_size == 0) {
+    throw Failure(ExitStatus::kBadBody, path + ": this is no capture and no flight file");
   }
-  ~Mapping() { ::munmap(memory_, size_); }
-  Mapping(const Mapping &) = delete;
-  Mapping &operator=(const Mapping &) = delete;
-
-  std::string_view bytes() const { return {static_cast<const char *>(memory_), size_}; }
-
- private:
-  size_t size_ = 0;
-  void *memory_ = nullptr;
-};
+  std::string bytes(static_cast<size_t>(status.st_size), '\0');
+  size_t have = 0;
+  while (have < bytes.size()) {
+    const ssize_t count = ::read(fd.get(), bytes.data() + have, bytes.size() - have);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) fail();
+    if (count == 0) break;
+    have += static_cast<size_t>(count);
+  }
+  bytes.resize(have);
+  return bytes;
+}
 
 bool is_capture(std::string_view bytes) {
   return bytes.starts_with("\x0a\x0d\x0d\x0a");
@@ -154,11 +149,13 @@ void use_packet(const traffic::Packet &packet, Bus *bus, const Use &use) {
 }  // namespace
 
 void load_past(Bus *bus, const std::string &path) {
-  const Mapping file(path);
-  const bool capture = is_capture(file.bytes());
+  std::string file = contents_of(path);
+  const bool capture = is_capture(file);
+  // The reader of flight files has its own copy.
+  if (!capture) file = {};
   const auto walk = [&](Bus *names, const Use &use) {
     if (!capture) return walk_flight(path, use);
-    return walk_capture(file.bytes(),
+    return walk_capture(file,
                         [&](const traffic::Packet &packet) { use_packet(packet, names, use); });
   };
   uint64_t count = 0, first_ns = ~uint64_t{0}, last_ns = 0;

@@ -57,7 +57,7 @@ flight::Reader open_flight(const std::string &path) {
     throw Failure(ExitStatus::kNoSuch, path + ": " + std::strerror(reason));
   }
   try {
-    return flight::Reader::follow(path);
+    return path == flight::kPath ? flight::Reader::follow(path) : flight::Reader::load(path);
   } catch (const std::runtime_error &error) {
     throw Failure(ExitStatus::kBadBody, error.what());
   }
@@ -122,7 +122,7 @@ void Source::follow(const Take &take, const std::function<bool()> &turn) {
       reader_missed_ = 0;
       on_replaced();
     }
-    if (!turn() || !rest()) return;
+    if (!turn() || !follows() || !rest()) return;
   }
 }
 

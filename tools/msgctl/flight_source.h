@@ -28,7 +28,8 @@ void add_flight_options(servers::Command *command, Context *context, FlightOptio
                         Personal personal = Personal::kShown);
 void add_filter(servers::Command *command, FlightOptions *options);
 
-// Follows a flight file. Throws a Failure that says what is wrong with it.
+// Follows the file of the running server, and takes a copy of any other. Throws a Failure that says
+// what is wrong with it.
 flight::Reader open_flight(const std::string &path);
 
 class Source {
@@ -41,7 +42,7 @@ class Source {
   // Hands on what has been recorded and was not read yet, but no more than a whole ring: whoever
   // wants what came meanwhile reads again.
   void read(const Take &take);
-  // The same for ever, with `turn` after each round of 20 ms at least; ends when `turn` returns
+  // The same for ever, or to the end of a file that is not the running server's, with `turn` after each round of 20 ms at least; ends when `turn` returns
   // false, on SIGINT and SIGTERM, and when nobody reads standard output any more. When a new server
   // has put a new file in this one's place, that is read from then on.
   void follow(const Take &take, const std::function<bool()> &turn);
@@ -61,6 +62,8 @@ class Source {
   uint64_t records() const { return reader_.seen(); }
   uint64_t before_first() const { return reader_.before_first(); }
 
+  // More may come.
+  bool follows() const { return reader_.follows(); }
   // The server that writes the file runs.
   bool alive() const;
   // CLOCK_MONOTONIC, or the time of the last record when the server is gone.

@@ -39,6 +39,9 @@ void report(const Options &options, const Context &context, const Source &source
 
 void waits(const Options &options, Context *context) {
   Source source(options.flight.file);
+  if (options.watch_s != 0 && !source.follows()) {
+    throw servers::UsageError("waits: --watch looks at the running server, not at a file");
+  }
   const traffic::Model::Known answered = answered_by(context->catalogue);
   const auto ignore = [](const Event &) {};
   source.read(ignore);
