@@ -120,6 +120,11 @@ std::string end_of(int status) {
   return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
 }
 
+std::string described(int status) {
+  const std::string end = end_of(status);
+  return end.empty() ? "exit status 0" : end;
+}
+
 void count_fault(const std::string &what) {
   say(what.c_str());
   ++g_faults;
@@ -412,8 +417,10 @@ void torture_start(const Server &server) {
     if (g_plan->struck != 0) count_point();
     if (!there || !world.works(scenario)) {
       if (there && world.is_there(&status)) return count_fault("the server does not serve");
-      // It may give up, if it says so.
-      if (!WIFEXITED(status) || g_plan->struck == 0) count_fault("at its start: " + end_of(status));
+      // It may give up because a call failed, if it says so.
+      if (!WIFEXITED(status) || WEXITSTATUS(status) == 0 || g_plan->struck == 0) {
+        count_fault("at its start: " + described(status));
+      }
       return;
     }
     if (const std::string end = end_of(world.end()); !end.empty())
@@ -445,7 +452,7 @@ void torture_service(const Server &server, const char *client_scenario) {
     g_plan->armed = 0;
     if (g_plan->struck != 0) count_point();
     if (!world->is_there(&status)) {
-      count_fault("the server: " + (end_of(status).empty() ? "it has ended" : end_of(status)));
+      count_fault("the server: " + described(status));
       return begin();
     }
     if (!world->works(scenario)) {
@@ -536,6 +543,7 @@ void run(const Job &job) {
   const auto begin = std::chrono::steady_clock::now();
   g_scenario = job.name.c_str();
   job.run();
+  if (g_injected == injected) count_fault("no call has failed: nothing was tested");
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
   std::printf("%-28s %6u failures injected, %3u faults, %6.1f s\n", g_scenario,
               g_injected - injected, g_faults - faults, took.count());
@@ -551,6 +559,12 @@ int usage() {
 // Starts this program again with the shim, whose place is beside the libraries.
 int start_with_shim(char **words) {
   const fs::path shim = bin().parent_path() / "lib" / "libtorture_shim.so";
+  // The dynamic linker only warns of what it cannot load, and would start this program for ever.
+  const char *loaded = std::getenv("LD_PRELOAD");
+  if (loaded != nullptr && shim == loaded) {
+    std::fprintf(stderr, "torture: %s cannot be loaded\n", loaded);
+    return 1;
+  }
   ::setenv("LD_PRELOAD", shim.c_str(), 1);
   // The shim stands before the sanitizers' library, as it must.
   const char *options = std::getenv("ASAN_OPTIONS");

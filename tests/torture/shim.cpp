@@ -34,6 +34,10 @@
 
 #include "plan.h"
 
+// On the 64-bit machines that this is for, the C library's functions with 64 at the end of their
+// names are the ones without.
+static_assert(sizeof(off_t) == sizeof(off64_t));
+
 namespace {
 
 using torture::Plan;
@@ -155,6 +159,11 @@ struct Transfer {
   }
   int type, partly, interrupted, read_error, write_error;
 };
+
+// O_TMPFILE is several bits, one of which is O_DIRECTORY.
+bool takes_mode(int flags) {
+  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
 
 // What only fails on what is no descriptor or no flag does so here all the same.
 std::span<const int> fcntl_faults(int command, const void *argument) {
@@ -350,31 +359,21 @@ int accept4(int fd, sockaddr *address, socklen_t *size, int flags) {
 int open(const char *path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
-  const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+  const auto mode = takes_mode(flags) ? va_arg(rest, mode_t) : 0;
   va_end(rest);
-  const int full = (flags & O_CREAT) != 0 ? ENOSPC : 0;
+  const int full = takes_mode(flags) ? ENOSPC : 0;
   if (const int error = strike("open", {EMFILE, EACCES, full})) return fail(error);
   static const auto real = next<int(const char *, int, ...)>("open");
   return real(path, flags, mode);
 }
-
-int open64(const char *path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
-  va_end(rest);
-  const int full = (flags & O_CREAT) != 0 ? ENOSPC : 0;
-  if (const int error = strike("open", {EMFILE, EACCES, full})) return fail(error);
-  static const auto real = next<int(const char *, int, ...)>("open64");
-  return real(path, flags, mode);
-}
+int open64(const char *path, int flags, ...) __attribute__((alias("open")));
 
 int openat(int directory, const char *path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
-  const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+  const auto mode = takes_mode(flags) ? va_arg(rest, mode_t) : 0;
   va_end(rest);
-  const int full = (flags & O_CREAT) != 0 ? ENOSPC : 0;
+  const int full = takes_mode(flags) ? ENOSPC : 0;
   if (const int error = strike("openat", {EMFILE, EACCES, full})) return fail(error);
   static const auto real = next<int(int, const char *, int, ...)>("openat");
   return real(directory, path, flags, mode);
@@ -396,16 +395,7 @@ int fcntl(int fd, int command, ...) {
   if (const int error = strike("fcntl", fcntl_faults(command, argument))) return fail(error);
   return real(fd, command, argument);
 }
-
-int fcntl64(int fd, int command, ...) {
-  va_list rest;
-  va_start(rest, command);
-  void *argument = va_arg(rest, void *);
-  va_end(rest);
-  static const auto real = next<int(int, int, ...)>("fcntl64");
-  if (const int error = strike("fcntl", fcntl_faults(command, argument))) return fail(error);
-  return real(fd, command, argument);
-}
+int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));
 
 int pipe(int ends[2]) noexcept {
   if (const int error = strike("pipe", {EMFILE})) return fail(error);
@@ -455,12 +445,7 @@ ssize_t pread(int fd, void *buffer, size_t size, off_t offset) {
   if (const int error = strike("pread", {EIO, EINTR})) return fail(error);
   return real(fd, buffer, size, offset);
 }
-
-ssize_t pread64(int fd, void *buffer, size_t size, off64_t offset) {
-  static const auto real = next<ssize_t(int, void *, size_t, off64_t)>("pread64");
-  if (const int error = strike("pread", {EIO, EINTR})) return fail(error);
-  return real(fd, buffer, size, offset);
-}
+ssize_t pread64(int fd, void *buffer, size_t size, off64_t offset) __attribute__((alias("pread")));
 
 ssize_t recv(int fd, void *buffer, size_t size, int flags) {
   static const auto real = next<ssize_t(int, void *, size_t, int)>("recv");
@@ -509,12 +494,8 @@ ssize_t pwrite(int fd, const void *buffer, size_t size, off_t offset) {
   if (const int error = strike("pwrite", {ENOSPC, EINTR})) return fail(error);
   return real(fd, buffer, size, offset);
 }
-
-ssize_t pwrite64(int fd, const void *buffer, size_t size, off64_t offset) {
-  static const auto real = next<ssize_t(int, const void *, size_t, off64_t)>("pwrite64");
-  if (const int error = strike("pwrite", {ENOSPC, EINTR})) return fail(error);
-  return real(fd, buffer, size, offset);
-}
+ssize_t pwrite64(int fd, const void *buffer, size_t size, off64_t offset)
+    __attribute__((alias("pwrite")));
 
 // Of several pieces, only the first is written.
 ssize_t writev(int fd, const iovec *pieces, int count) {
@@ -668,18 +649,15 @@ int ftruncate(int fd, off_t size) noexcept {
   static const auto real = next<int(int, off_t)>("ftruncate");
   return real(fd, size);
 }
-
-int ftruncate64(int fd, off64_t size) noexcept {
-  if (const int error = strike("ftruncate", {ENOSPC, EINTR})) return fail(error);
-  static const auto real = next<int(int, off64_t)>("ftruncate64");
-  return real(fd, size);
-}
+int ftruncate64(int fd, off64_t size) noexcept __attribute__((alias("ftruncate")));
 
 void *mmap(void *address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
   static const auto real = next<void *(void *, size_t, int, int, int, off_t)>("mmap");
   if (const int error = strike("mmap", {ENOMEM})) return errno = error, MAP_FAILED;
   return real(address, size, protection, flags, fd, offset);
 }
+void *mmap64(void *address, size_t size, int protection, int flags, int fd, off64_t offset) noexcept
+    __attribute__((alias("mmap")));
 
 // ---- Streams -----------------------------------------------------------------------------------
 
@@ -688,6 +666,7 @@ FILE *fopen(const char *path, const char *mode) {
   if (const int error = strike("fopen", {EMFILE, ENOMEM})) return errno = error, nullptr;
   return real(path, mode);
 }
+FILE *fopen64(const char *path, const char *mode) __attribute__((alias("fopen")));
 
 FILE *fdopen(int fd, const char *mode) noexcept {
   static const auto real = next<FILE *(int, const char *)>("fdopen");

@@ -239,6 +239,12 @@ bool files() {
   const uint32_t blurred = ORP_BLUR_File(from);
   uint32_t *pids = ORP_UTIL_FindPidByName("torture");
   std::free(pids);
+  const int nameless = ::open("/var/tmp", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0400);
+  if (nameless < 0) return false;
+  struct stat of_nameless {};
+  must(::fstat(nameless, &of_nameless) == 0 && (of_nameless.st_mode & 07777) == 0400,
+       "a file without a name has the mode that it was made with");
+  if (::close(nameless) != 0) return false;
   const bool allowed = ORP_UTIL_IsPathAllowAccess("/var/tmp", from) == ORP_PATH_ALLOWED;
   struct stat status {};
   return allowed && blurred == 0 && pids != nullptr && ::stat(to, &status) == 0 &&
