@@ -131,6 +131,8 @@ bool Bridge::send(const Item &item) {
   mqtt::Properties properties;
   Link::Sent sent{};
   uint64_t number;
+  early_.clear();
+  sending_ = true;
   if (const auto *event = std::get_if<Event>(&item)) {
     number = event->sequence;
     describe(&properties, number, event->boot).add_user("time", std::to_string(event->wall_ms));
@@ -144,9 +146,15 @@ bool Bridge::send(const Item &item) {
                                         {"reason", reason_word(loss.reason)}});
     sent = link_.publish(topic("lost"), text, 1, false, describe(&properties, number, boot_));
   }
+  sending_ = false;
   switch (sent.error) {
     case MOSQ_ERR_SUCCESS:
-      in_flight_[sent.id] = number;
+      if (early_.contains(sent.id)) {
+        spool_.acknowledge(number);
+        commit_timer_.start_if_idle(config_->spool.commit_ms);
+      } else {
+        in_flight_[sent.id] = number;
+      }
       return true;
     case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_CONN_LOST:
@@ -165,7 +173,10 @@ bool Bridge::send(const Item &item) {
 void Bridge::acknowledged(int id, int reason) {
   answers_.erase(id);
   const auto entry = in_flight_.find(id);
-  if (entry == in_flight_.end()) return;
+  if (entry == in_flight_.end()) {
+    if (sending_) early_.insert(id);
+    return;
+  }
   const uint64_t number = entry->second;
   if (reason == kQuotaExceeded) {
     link_.end("the broker takes no more for now");

@@ -71,7 +71,11 @@ class Bridge {
 
   std::unordered_map<int, uint64_t> in_flight_;  // publications: the spool's number
   std::unordered_set<int> answers_;              // publications that are answers
-  std::optional<Item> held_;                     // the next to be sent
+  // While send() runs: publications that are done before their number is known, as those with QoS 0
+  // are when the socket takes them at once.
+  std::unordered_set<int> early_;
+  bool sending_ = false;
+  std::optional<Item> held_;  // the next to be sent
   Drain drain_;
   uint64_t backlog_end_ = 0;  // the last event that waited for this connection
   std::string disk_problem_;  // as it was logged

@@ -610,4 +610,33 @@ TEST_F(Fleet, SaysWhatIsWrong) {
   EXPECT_THAT(none.text, HasSubstr("no connection to mqtt://127.0.0.1:1883"));
 }
 
+// ---- Straight to the broker, with other rules ----
+
+class BridgeWithRules : public BridgeAndBroker {
+ protected:
+  // `members`: of the whole configuration.
+  static void configure(const std::string &members) {
+    std::ofstream(kConfig) << R"({"broker": {"addresses": ["mqtt://127.0.0.1:)" << kBrokerPort
+                           << R"("], "reconnect": {"least_ms": 20, "most_ms": 100}},
+                               "gateway": "me", )"
+                           << members << "}";
+  }
+};
+
+TEST_F(BridgeWithRules, WhatNeedsNoAcknowledgementLeavesTheSpool) {
+  test::Broker broker(kBrokerPort);
+  test::Listener listener(kBrokerPort, "gw/#", &record_);
+  configure(R"("up": [{"qos": 0}])");
+  auto bridge = start_bridge();
+  ASSERT_TRUE(record_.wait_for(kStatus, "online"));
+  publish(200);  // more than may be in flight
+  EXPECT_EQ(201u, last_sequence());
+  const Account account = test::account_of(record_.all(), 201);
+  EXPECT_EQ(201u, account.heard);
+  EXPECT_EQ(0u, account.twice);
+  EXPECT_TRUE(account.in_order);
+  EXPECT_EQ(0, bridge->stop(SIGTERM));
+  EXPECT_THAT(bridge->output(), HasSubstr("0 events wait"));
+}
+
 }  // namespace
