@@ -131,8 +131,8 @@ class ConfigManager final : public Service {
   void answer(uint32_t id, const Header &header, uint32_t result) {
     Client *client = server_->by_id(id);
     if (client == nullptr) return;
-    server_->reply(*client, Message{header, {}, {}}, result);
-    server_->flush();
+    server_->outbox().reply(*client, Message{header, {}, {}}, result);
+    server_->outbox().flush();
   }
 
   template <typename Job, typename Done>

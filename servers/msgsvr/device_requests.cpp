@@ -11,7 +11,7 @@ class DeviceRequests final : public Service {
  public:
   explicit DeviceRequests(Server *server) {
     server->serve(ORP_MSG_FACTORY_MODE, [server](Client &from, const Message &request) {
-      server->reply(from, request, server->options().factory_mode ? 1 : 0);
+      server->outbox().reply(from, request, server->options().factory_mode ? 1 : 0);
     });
     server->serve(ORP_MSG_REBOOT, [](Client &from, const Message &request) {
       // This server runs on development machines: it only says what a device would do.

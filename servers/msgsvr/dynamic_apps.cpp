@@ -339,7 +339,7 @@ class DynamicApps final : public Service {
       if (app->pid > 0 && ::waitpid(app->pid, &status, WNOHANG) == app->pid) ended(*app, status);
     }
     answer_stop_all();
-    server_->flush();
+    server_->outbox().flush();
   }
 
   void ended(App &app, int status) {
@@ -387,12 +387,12 @@ class DynamicApps final : public Service {
     if (entry == apps_.end()) {
       log_line("{} speaks of {}, which is no dynamic application", from.label(),
                name ? name->text() : "nobody");
-      server_->lose(from, message, Loss::kNotServed);
+      server_->outbox().lose(from, message, Loss::kNotServed);
       return;
     }
     App &app = **entry;
     if (!may_update(from, app, message.header.ulMsgData)) {
-      server_->lose(from, message, Loss::kNotPermitted);
+      server_->outbox().lose(from, message, Loss::kNotPermitted);
       return;
     }
     switch (message.header.ulMsgData) {
@@ -432,7 +432,7 @@ class DynamicApps final : public Service {
   // Answered when all have ended.
   void stop_all(Client &from, const Message &message) {
     if (!server_->gate().may_use(from, policy::Service::kApplicationStop)) {
-      server_->lose(from, message, Loss::kNotPermitted);
+      server_->outbox().lose(from, message, Loss::kNotPermitted);
       return;
     }
     for (const auto &app : apps_) {
@@ -448,7 +448,8 @@ class DynamicApps final : public Service {
   void answer_stop_all() {
     if (std::ranges::any_of(apps_, [](const auto &app) { return app->pid > 0; })) return;
     for (const auto &[client, header] : std::exchange(waiting_, {})) {
-      if (Client *to = server_->by_id(client)) server_->reply(*to, Message{header, {}, {}}, 0);
+      if (Client *to = server_->by_id(client))
+        server_->outbox().reply(*to, Message{header, {}, {}}, 0);
     }
   }
 

@@ -51,7 +51,7 @@ class Events final : public Service {
     server->serve(ORP_MSG_UNSUBSCRIBE, [this](Client &from, const Message &m) {
       const auto other = m.name_in_body();
       if (other && !server_->gate().may_subscribe(from, other, m.header.ulMsgData)) {
-        server_->lose(from, m, Loss::kNotPermitted);
+        server_->outbox().lose(from, m, Loss::kNotPermitted);
         return;
       }
       const auto entry = by_type_.find(m.header.ulMsgData);
@@ -86,7 +86,7 @@ class Events final : public Service {
     const uint32_t type = message.header.ulMsgData;
     const auto name = message.name_in_body();
     if (!server_->gate().may_subscribe(from, name, type)) {
-      server_->lose(from, message, Loss::kNotPermitted);
+      server_->outbox().lose(from, message, Loss::kNotPermitted);
       return;
     }
     if (const auto entry = by_type_.find(type); entry != by_type_.end()) {
@@ -169,7 +169,7 @@ class Events final : public Service {
           (is_event(message.type()) || server_->gate().passes(from, to, message.type()))) {
         return false;
       }
-      server_->lose_silently(from, message, Loss::kNotPermitted, to);
+      server_->outbox().lose_silently(from, message, Loss::kNotPermitted, to);
       return true;
     });
 
@@ -178,7 +178,7 @@ class Events final : public Service {
       return true;
     }
     // Nobody is told of losses: a publisher has no use for news of each slow subscriber.
-    for (Client *to : receivers_) server_->pass(*to, from, message);
+    for (Client *to : receivers_) server_->outbox().pass(*to, from, message);
     return true;
   }
 
@@ -190,7 +190,7 @@ class Events final : public Service {
     if (!file) {
       log_line("{} published an event {} whose body is no hand-over file of its own", from.label(),
                catalogue::describe(message.type()));
-      server_->lose_silently(from, message, Loss::kNotPermitted);
+      server_->outbox().lose_silently(from, message, Loss::kNotPermitted);
       return;
     }
     for (Client *to : receivers_) {
@@ -198,12 +198,12 @@ class Events final : public Service {
       if (number == 0) {
         log_line("an event {} of {} does not reach {}: {}: {}", catalogue::describe(message.type()),
                  from.label(), to->label(), *original, std::strerror(errno));
-        server_->lose_silently(from, message, Loss::kNotServed, to);
+        server_->outbox().lose_silently(from, message, Loss::kNotServed, to);
         continue;
       }
       Header header = message.header;
       header.ulDataLen = ORP_MSG_HAND_OVER_PATH_SIZE;
-      server_->send_on(*to, header, hand_over_body(number), from, message, number);
+      server_->outbox().send_on(*to, header, hand_over_body(number), from, message, number);
     }
     ::unlink(original->c_str());
   }

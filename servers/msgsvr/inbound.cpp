@@ -102,7 +102,7 @@ void Server::readable(Client &from) {
     if (result < 0 && (errno == EAGAIN || errno == EINTR)) return;
     // A client that closes with unread messages shows as a reset.
     end(from, result == 0 || errno == ECONNRESET ? "" : std::strerror(errno));
-    flush();
+    outbox_.flush();
     return;
   }
 
@@ -115,7 +115,7 @@ void Server::readable(Client &from) {
   } else {
     take(from, bytes);
   }
-  flush();
+  outbox_.flush();
   flow_.end_routing();
 }
 
@@ -125,11 +125,11 @@ void Server::readable(Client &from) {
 void Server::take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd) {
   const size_t before = bytes.size() < 2 ? 0 : bytes.size() - 2;
   take(from, bytes.first(before));
-  flush();
+  outbox_.flush();
   std::span<char> rest = bytes.subspan(before);
   if (!from.ended && !from.in.between_frames() && full) {
     take(from, rest.first(1));
-    flush();
+    outbox_.flush();
     rest = rest.subspan(1);
   }
   if (from.ended) return;
@@ -156,7 +156,7 @@ void Server::pass_descriptor(Client &from, UniqueFd fd) {
       accounts_.note_refusal(*from.account, "descriptors on their way");
     } else if (to->out.send_descriptor(std::move(fd), tag, Flow::reserve_of(*to),
                                        std::make_shared<Share>(std::move(place)))) {
-      after_output(*to);
+      outbox_.after_output(*to);
       return;
     }
   }
@@ -164,7 +164,7 @@ void Server::pass_descriptor(Client &from, UniqueFd fd) {
                 to == nullptr ? AppName() : to->name);
   log_line("a descriptor of {} is closed: {} cannot be given it", from.label(),
            to == nullptr ? "nobody" : to->label());
-  notify_undeliverable(from, tag);
+  outbox_.notify_undeliverable(from, tag);
 }
 
 void Server::take(Client &from, std::span<char> bytes) {
@@ -188,7 +188,7 @@ void Server::take(Client &from, std::span<char> bytes) {
       }
       deliver(from, bytes.first(size), header);
       bytes = bytes.subspan(size);
-      if (posted_ > kMostPosted) flush();
+      if (outbox_.posted() > kMostPosted) outbox_.flush();
     }
   }
 }
@@ -208,7 +208,7 @@ std::span<char> Server::pass_on(Client &from, std::span<char> bytes) {
     } else if (to.backlog.slow && to.out.weight() > to.out.limit() && !Flow::is_owed(to, from)) {
       abandon_stream(from, "its reader does not read", true);
     }
-    after_output(to);
+    outbox_.after_output(to);
   }
   return bytes.subspan(count);
 }
@@ -286,7 +286,7 @@ void Server::begin_frame(Client &from, std::span<char> begin, Header header, con
     for (const RefusedHandler &handler : refused_messages_) handler(from, header);
   }
   remove_sent_file(begin, from.swapped, from.peer.uid);
-  lose_unrouted(from, header, from.in.last_tag, loss);
+  outbox_.lose_unrouted(from, header, from.in.last_tag, loss);
 }
 
 // Whether so much of an unfinished message may be kept for `from`.
@@ -306,17 +306,17 @@ void Server::discard_rest(Client &from, std::span<const char> begin, const Heade
   from.in.partial_share = Share(from.account, Kept::kUnfinished);
   remove_sent_file(begin, from.swapped, from.peer.uid);
   accounts_.note_refusal(*from.account, "bytes of unfinished messages");
-  lose_unrouted(from, header, from.in.last_tag, Loss::kNotPermitted);
+  outbox_.lose_unrouted(from, header, from.in.last_tag, Loss::kNotPermitted);
 }
 
 void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const Header &header) {
-  flush();  // what came before it
+  outbox_.flush();  // what came before it
   if (from.swapped != to.swapped) store_header(header, to.swapped, begin.data());
   Inbound &in = from.in;
   in.stream_tag = in.last_tag;
   in.stream = to.out.open_stream(begin, in.left, in.stream_tag, Flow::reserve_of(to));
   if (in.stream == nullptr) {
-    undelivered(to, in.stream_tag, begin, Loss::kQueueFull);
+    outbox_.undelivered(to, in.stream_tag, begin, Loss::kQueueFull);
   } else {
     in.last_to = to.id;
     in.stream_to = &to;
@@ -324,7 +324,7 @@ void Server::begin_stream(Client &from, Client &to, std::span<char> begin, const
     in.left_at_check = in.left;
     watch_stream(from);
   }
-  after_output(to);
+  outbox_.after_output(to);
 }
 
 void Server::watch_stream(Client &from) {
@@ -340,7 +340,7 @@ void Server::watch_stream(Client &from) {
           return;
         }
         abandon_stream(*client, "its sender has stopped sending", true);
-        flush();
+        outbox_.flush();
       });
 }
 
@@ -362,10 +362,10 @@ void Server::abandon_stream(Client &from, std::string_view why, bool tell) noexc
                taken_back ? std::string("the receiver has seen nothing of it")
                           : fmt::format("its last {} bytes are sent as zeros", in.left));
     });
-    after_output(to);
+    outbox_.after_output(to);
   }
   if (tell) {
-    notify_undeliverable(from, in.stream_tag);
+    outbox_.notify_undeliverable(from, in.stream_tag);
   } else {
     journal_.told(false);
   }
@@ -441,7 +441,7 @@ void Server::deliver(Client &from, std::span<char> frame, Header header) {
   from.in.last_tag = tag;
   if (const Loss loss = obstacle(from, header); loss != Loss::kNone) {
     remove_sent_file(frame, from.swapped, from.peer.uid);
-    lose_unrouted(from, header, tag, loss);
+    outbox_.lose_unrouted(from, header, tag, loss);
     return;
   }
   if (route.to_server) {
@@ -453,13 +453,13 @@ void Server::deliver(Client &from, std::span<char> frame, Header header) {
   if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0 &&
       !pass_hand_over(frame.subspan(kHeaderSize), from.peer.uid, to.peer.uid)) {
     gate_.refuse(from, Gate::Fault::kForeignFile, "hands over a file that is not its own");
-    lose_unrouted(from, header, tag, Loss::kNotPermitted);
+    outbox_.lose_unrouted(from, header, tag, Loss::kNotPermitted);
     return;
   }
   from.in.last_to = to.id;
   // The frame is ours, so that its header can be converted where it is.
   if (from.swapped != to.swapped) store_header(header, to.swapped, frame.data());
-  post(to, {frame.data(), frame.size(), tag, Flow::reserve_of(to)});
+  outbox_.post(to, {frame.data(), frame.size(), tag, Flow::reserve_of(to)});
 }
 
 void Server::dispatch(Client &from, std::span<char> frame, const Header &header,
@@ -472,14 +472,14 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header,
         log_line("{} sent a message {} whose body cannot be read from its file", from.label(),
                  catalogue::describe(message.type()));
         for (const RefusedHandler &handler : refused_messages_) handler(from, header);
-        lose_unrouted(from, header, tag, Loss::kNotServed);
+        outbox_.lose_unrouted(from, header, tag, Loss::kNotServed);
         return;
       }
       message.body = body;
       message.header.ulDataLen = static_cast<uint32_t>(body.size());
     }
     if (!gate_.may_ask(from, message)) {
-      lose_unrouted(from, header, tag, Loss::kNotPermitted);
+      outbox_.lose_unrouted(from, header, tag, Loss::kNotPermitted);
       return;
     }
     entry->second(from, message);
@@ -489,7 +489,7 @@ void Server::dispatch(Client &from, std::span<char> frame, const Header &header,
     if (handler(from, message)) return;
   }
   remove_sent_file(frame, from.swapped, from.peer.uid);
-  lose_unrouted(from, header, tag, Loss::kNotServed);
+  outbox_.lose_unrouted(from, header, tag, Loss::kNotServed);
 }
 
 }  // namespace msgsvr

@@ -114,11 +114,11 @@ class LoginControl final : public Service {
     ORP_LCTRL_REQUEST_ST request;
     if (!read_body(message, &request)) {
       // An answer without a body tells the requester that its record was not understood.
-      server_->reply(from, message, 1);
+      server_->outbox().reply(from, message, 1);
       return;
     }
     const ORP_LCTRL_RESULT_ST result = judge(request);
-    server_->reply(from, message, 0, bytes_of(result));
+    server_->outbox().reply(from, message, 0, bytes_of(result));
   }
 
   static Key key_of(const ORP_LCTRL_REQUEST_ST &request) {
@@ -192,7 +192,7 @@ class LoginControl final : public Service {
   void tell_round(Client &from, const Message &message) {
     ORP_LCTRL_QUERY_ST query;
     if (!read_body(message, &query)) {
-      server_->reply(from, message, 1);
+      server_->outbox().reply(from, message, 1);
       return;
     }
     ORP_LCTRL_ROUND_ST round{};
@@ -202,7 +202,7 @@ class LoginControl final : public Service {
       round.ulRound = std::max(round.ulRound, record.round);
       round.ulForbiddenTime = std::max(round.ulForbiddenTime, rest);
     }
-    server_->reply(from, message, 0, bytes_of(round));
+    server_->outbox().reply(from, message, 0, bytes_of(round));
   }
 
   static std::string address_text(uint32_t address) {

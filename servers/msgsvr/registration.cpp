@@ -72,7 +72,7 @@ class Registration final : public Service {
                                    static_cast<uint32_t>(period_.count())};
     char body[sizeof keep_alive];
     std::memcpy(body, keep_alive, sizeof body);
-    server_->reply(from, request, swap ? 1 : 0, body);
+    server_->outbox().reply(from, request, swap ? 1 : 0, body);
     // The reply itself still travels as the request did.
     from.swapped = swap;
     Life &life = lives_[from.id];
@@ -83,7 +83,7 @@ class Registration final : public Service {
   void count(Client &from, const Message &request) {
     const auto name = request.name_in_body();
     const size_t found = name ? server_->names().bearers(*name).size() : 0;
-    server_->reply(from, request, static_cast<uint32_t>(found));
+    server_->outbox().reply(from, request, static_cast<uint32_t>(found));
   }
 
   void ask_to_exit(const Message &request) {
@@ -93,7 +93,7 @@ class Registration final : public Service {
     ask.ulMsgType = ORP_MSG_EXIT;
     AppName(kServerName).store(ask.aucSendApp);
     name->store(ask.aucRecvApp);
-    for (Client *client : server_->names().bearers(*name)) server_->send(*client, ask);
+    for (Client *client : server_->names().bearers(*name)) server_->outbox().send(*client, ask);
   }
 
   void note_alive(const Client &client) {

@@ -170,7 +170,7 @@ class Restful final : public Service {
     if (known) return true;
     if (text.size() > kLongestEntry) {
       log_line("{} registers a path of more than {} characters", from.label(), kLongestEntry);
-      server_->lose(from, message, Loss::kNotServed);
+      server_->outbox().lose(from, message, Loss::kNotServed);
       return false;
     }
     Share share = server_->accounts().share(from.account, Kept::kPaths);
@@ -262,7 +262,7 @@ class Restful final : public Service {
     pending.timer = server_->loop().after(time_limit(), [this, sequence] { time_out(sequence); });
     const uint64_t lost = client->lost;
     if (try_to_send(sequence, pending)) {
-      server_->flush();
+      server_->outbox().flush();
       if (client->lost != lost) finish(sequence, try_again("the application is busy"));
     } else if (client->backlog.slow) {
       log_line("{} does not read: {} is refused", client->label(), pending.what);
@@ -290,19 +290,19 @@ class Restful final : public Service {
     AppName(kServerName).store(header.aucSendApp);
     client->name.store(header.aucRecvApp);
     if (body.file() == 0) {
-      server_->send(*client, header, body.memory());
+      server_->outbox().send(*client, header, body.memory());
     } else if (here) {
       header.ulMsgType |= ORP_MSG_TYPE_BODY_IN_FILE;
       pending.file = body.give_away();
       give_hand_over(pending.file, client->peer.uid);
-      server_->send(*client, header, hand_over_body(pending.file), pending.file);
+      server_->outbox().send(*client, header, hand_over_body(pending.file), pending.file);
     } else {
       std::string bytes;
       if (!body.read(&bytes)) {
         log_line("the body of {} is lost: {}", pending.what, std::strerror(errno));
         return false;
       }
-      server_->send(*client, header, bytes);
+      server_->outbox().send(*client, header, bytes);
     }
     pending.unsent.reset();
     return true;
@@ -316,7 +316,7 @@ class Restful final : public Service {
       for (auto &[sequence, pending] : pending_) {
         if (pending.unsent && !try_to_send(sequence, pending)) held = true;
       }
-      server_->flush();
+      server_->outbox().flush();
       if (held) plan_retry();
     });
   }
@@ -361,18 +361,18 @@ class Restful final : public Service {
     });
     Client *to = entry == registrations_.end() ? nullptr : server_->by_id(entry->client);
     if (to == nullptr) {
-      server_->lose(from, message, Loss::kNoSuchName);
+      server_->outbox().lose(from, message, Loss::kNoSuchName);
       return;
     }
     if (!server_->gate().passes(from, to, message.type())) {
-      server_->lose(from, message, Loss::kNotPermitted);
+      server_->outbox().lose(from, message, Loss::kNotPermitted);
       return;
     }
     // The sender's name stays, so that the answer finds its way.
     Header header = message.header;
     header.ulMsgType = message.type();
     to->name.store(header.aucRecvApp);
-    server_->send_on(*to, header, message.body, from, message);
+    server_->outbox().send_on(*to, header, message.body, from, message);
   }
 
   // A message of `from` for the server that could not be taken.

@@ -1,4 +1,4 @@
-// Connections, and everything that is sent.
+// Connections: their begin, their end and what is served to them.
 
 #include "msgsvr/server.h"
 
@@ -12,14 +12,11 @@
 #include <utility>
 
 #include "common/log_line.h"
-#include "msgsvr/hand_over.h"
 
 namespace msgsvr {
 namespace {
 
 using servers::log_line;
-
-constexpr size_t kScratchBlock = 65536;
 
 // The most that one read takes, in bytes and as a part of a queue. A message weighs up to 2.6 times
 // its bytes in a queue. When senders are held, what one read has brought must still fit into the
@@ -27,14 +24,8 @@ constexpr size_t kScratchBlock = 65536;
 constexpr size_t kReadSize = 131072;
 constexpr size_t kReadsInQueue = 3;
 
-// A full queue still takes this much of what the server has to say itself.
-constexpr size_t kNoticeReserve = 65536;
-
 // A burst of connections does not keep the connected waiting.
 constexpr int kMostAccepted = 64;
-
-// The most frames of one turn for which a client keeps the memory until the next.
-constexpr size_t kFramesKept = 64;
 
 // A board that vanished is noticed after about a minute.
 void prepare_tcp(int fd) {
@@ -57,28 +48,6 @@ std::string user_name(const Client &client) {
 }
 
 }  // namespace
-
-char *Scratch::take(size_t size) {
-  if (block_left_ < size) {
-    const size_t fresh = std::max(size, kScratchBlock);
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(fresh));
-    block_left_ = fresh;
-    next_ = blocks_.back().get();
-  }
-  block_left_ -= size;
-  return std::exchange(next_, next_ + size);
-}
-
-void Scratch::reset() {
-  if (blocks_.size() > 1) {
-    blocks_.clear();
-    block_left_ = 0;
-  } else if (!blocks_.empty()) {
-    // The first block may be larger than that; its true size is not kept.
-    next_ = blocks_.front().get();
-    block_left_ = kScratchBlock;
-  }
-}
 
 Client::Client(Server *server_in, uint32_t id_in, UniqueFd fd_in, size_t queue_limit)
     : Peer(&server_in->loop(), std::move(fd_in), queue_limit, this),
@@ -141,6 +110,7 @@ Server::Server(EventLoop *loop, const Options &options)
       options_(options),
       read_buffer_(std::min(kReadSize, options.queue_limit / kReadsInQueue)),
       flow_(this, loop, &journal_, std::chrono::milliseconds(options.patience_ms)),
+      outbox_(this, loop, &journal_, &flow_),
       accounts_(options.limits, &journal_),
       gate_(::getegid(), &journal_) {}
 
@@ -205,7 +175,7 @@ bool Server::is_served(const Client &client) {
 
 void Server::refuse(Client &client, const Message &request, std::string_view what) {
   accounts_.note_refusal(*client.account, fmt::format("{} (now {})", what, client.label()));
-  lose(client, request, Loss::kNotPermitted);
+  outbox_.lose(client, request, Loss::kNotPermitted);
 }
 
 void Server::serve(uint32_t type, Handler handler) {
@@ -225,140 +195,8 @@ bool Server::disconnect(uint32_t id, std::string_view why) noexcept {
   Client *client = by_id(id);
   if (client == nullptr) return false;
   end(*client, why);
-  flush();
+  outbox_.flush();
   return true;
-}
-
-void Server::send(Client &to, Header header, std::span<const char> body, uint32_t file) {
-  header.ulDataLen = static_cast<uint32_t>(body.size());
-  OutputQueue::Tag tag;
-  tag.type = header.ulMsgType & ORP_MSG_TYPE_MASK;
-  tag.silent = 1;
-  tag.sequence = header.ulSeqNum;
-  tag.file_key = file;
-  tag.record = journal_.made(to.id, header, body);
-  send_tagged(to, header, body, tag);
-}
-
-void Server::send_on(Client &to, Header header, std::span<const char> body, const Client &from,
-                     const Message &message, uint32_t file) {
-  header.ulDataLen = static_cast<uint32_t>(body.size());
-  send_tagged(to, header, body, silent_tag(from, message, file));
-}
-
-void Server::send_tagged(Client &to, const Header &header, std::span<const char> body,
-                         const OutputQueue::Tag &tag) {
-  char *frame = scratch_.take(kHeaderSize + body.size());
-  store_header(header, to.swapped, frame);
-  std::copy(body.begin(), body.end(), frame + kHeaderSize);
-  post(to, {frame, kHeaderSize + body.size(), tag, Flow::reserve_of(to) + kNoticeReserve});
-}
-
-OutputQueue::Tag Server::silent_tag(const Client &from, const Message &message, uint32_t file) {
-  OutputQueue::Tag tag;
-  tag.origin = from.id;
-  tag.type = message.header.ulMsgType & ORP_MSG_TYPE_MASK;
-  tag.silent = 1;
-  tag.sequence = message.header.ulSeqNum;
-  tag.file_key = file;
-  tag.record = message.record;
-  return tag;
-}
-
-void Server::reply(Client &to, const Message &request, uint32_t data, std::span<const char> body) {
-  Header header{};
-  header.ulMsgType = request.type();
-  header.ulSeqNum = request.header.ulSeqNum;
-  // A requester may insist that the answer comes from the name that it asked.
-  std::memcpy(header.aucSendApp, request.header.aucRecvApp, sizeof header.aucSendApp);
-  to.name.store(header.aucRecvApp);
-  header.ulMsgData = data;
-  send(to, header, body);
-}
-
-void Server::pass(Client &to, const Client &from, const Message &message) {
-  std::span<const char> frame = message.frame;
-  if (from.swapped != to.swapped) {
-    char *copy = scratch_.take(frame.size());
-    std::copy(frame.begin(), frame.end(), copy);
-    store_header(load_header(copy, from.swapped), to.swapped, copy);
-    frame = {copy, frame.size()};
-  }
-  post(to, {frame.data(), frame.size(), silent_tag(from, message), Flow::reserve_of(to)});
-}
-
-void Server::lose(Client &from, const Message &message, Loss loss) noexcept {
-  lose_unrouted(from, message.header, silent_tag(from, message), loss);
-}
-
-void Server::lose_silently(const Client &from, const Message &message, Loss loss,
-                           Client *to) noexcept {
-  journal_.lost(loss, silent_tag(from, message), party_of(from), to,
-                to == nullptr ? AppName(kServerName) : to->name);
-  journal_.told(false);
-}
-
-// A message of `from` reaches no client.
-void Server::lose_unrouted(Client &from, const Header &header, const OutputQueue::Tag &tag,
-                           Loss loss) noexcept {
-  const AppName receiver(std::string_view(header.aucRecvApp, ORP_APP_NAME_SIZE));
-  journal_.lost(loss, tag, party_of(from), nullptr,
-                receiver.empty() ? AppName(kServerName) : receiver);
-  notify_undeliverable(from, tag);
-}
-
-// Tells `to` that its message cannot be delivered.
-void Server::notify_undeliverable(Client &to, const OutputQueue::Tag &tag) noexcept {
-  Header header{};
-  header.ulMsgType = ORP_MSG_UNDELIVERABLE;
-  header.ulSeqNum = tag.sequence;
-  AppName(kServerName).store(header.aucSendApp);
-  to.name.store(header.aucRecvApp);
-  header.ulMsgData = tag.type;
-  journal_.told(loop_->attempt("a sender is not told of its loss", [&] { send(to, header); }));
-}
-
-void Server::post(Client &to, const OutputQueue::Frame &frame) {
-  if (!to.touched) {
-    touched_.push_back(&to);
-    to.touched = true;
-  }
-  to.pending.push_back(frame);
-  ++posted_;
-}
-
-void Server::flush() noexcept {
-  // Telling a sender of its loss touches that sender, so this goes on until nobody is touched.
-  while (!touched_.empty()) {
-    Client &to = *touched_.back();
-    touched_.pop_back();
-    assert(to.touched);
-    to.touched = false;
-    std::vector<OutputQueue::Frame> sending = std::move(to.pending);
-    to.pending.clear();
-    const size_t refused = to.out.send(sending);
-    for (const OutputQueue::Frame &frame : std::span(sending).first(refused)) {
-      undelivered(to, frame.tag, {frame.data, frame.size}, Loss::kQueueFull);
-    }
-    if (to.pending.empty() && sending.capacity() <= kFramesKept) {
-      sending.clear();
-      to.pending = std::move(sending);
-    }
-    after_output(to);
-  }
-  posted_ = 0;
-  scratch_.reset();
-  journal_.turn_ends();
-}
-
-void Server::after_output(Client &to) noexcept {
-  if (to.ended) return;
-  if (to.out.broken()) {
-    silence(to);
-  } else {
-    loop_->attempt("a client's queue is not looked after", [&] { flow_.watch(to); });
-  }
-  update_interest(to);
 }
 
 void Server::update_interest(Client &client) noexcept {
@@ -372,31 +210,8 @@ void Server::update_interest(Client &client) noexcept {
 
 void Server::writable(Client &to) {
   to.out.flush();
-  after_output(to);
-  flush();
-}
-
-void Server::undelivered(Client &to, const OutputQueue::Tag &tag, std::span<const char> frame,
-                         Loss loss) noexcept {
-  const bool gone = loss == Loss::kReceiverGone || to.out.broken();
-  Client *sender = tag.origin == 0 ? nullptr : by_id(tag.origin);
-  const Loss kind = tag.descriptor ? Loss::kDescriptor : gone ? Loss::kReceiverGone : loss;
-  const Party from = tag.origin == 0     ? the_server()
-                     : sender == nullptr ? Party{tag.origin, {}}
-                                         : party_of(*sender);
-  journal_.lost(kind, tag, from, &to, to.name);
-  if (!gone) to.note_overflow(1);
-  if (!tag.silent) {
-    remove_sent_file(frame, to.swapped, tag.file_key, to.peer.uid);
-  } else if (tag.file_key != 0) {
-    remove_hand_over(tag.file_key);
-  }
-  if (tag.silent || sender == nullptr || sender->out.broken()) {
-    journal_.told(false);
-    if (tag.origin == 0 && tag.type == ORP_MSG_UNDELIVERABLE) journal_.notice_lost();
-    return;
-  }
-  notify_undeliverable(*sender, tag);
+  outbox_.after_output(to);
+  outbox_.flush();
 }
 
 // The client receives nothing any more. Its input is still read: it may have sent its last words
@@ -409,7 +224,7 @@ void Server::silence(Client &client) noexcept {
     if (other->in.stream_to == &client) abandon_stream(*other, "its reader is gone", true);
   }
   client.out.take_unwritten([&](const OutputQueue::Tag &tag, std::span<const char> frame) {
-    undelivered(client, tag, frame, Loss::kReceiverGone);
+    outbox_.undelivered(client, tag, frame, Loss::kReceiverGone);
   });
 }
 
@@ -450,9 +265,9 @@ void Server::log_end(const Client &client, std::string_view why) const {
 void Server::fail(Client &client, const char *why) noexcept {
   journal_.failure();
   flow_.end_routing();
-  flush();
+  outbox_.flush();
   end(client, why);
-  flush();
+  outbox_.flush();
 }
 
 void Server::end_malformed(Client &client, std::string_view why, const Header &header) {
@@ -493,7 +308,7 @@ std::vector<std::string> Server::statistics() const {
 void Server::shut_down() {
   for (const auto &listener : listeners_) loop_->remove(listener->acceptor.fd(), listener.get());
   listeners_.clear();
-  flush();
+  outbox_.flush();
   for (const auto &[id, client] : clients_) {
     client->out.flush();
     client->end_watch();

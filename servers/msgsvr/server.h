@@ -1,8 +1,7 @@
 // The message server's core: connections, and the routing of frames between them.
 //
 // One turn of the loop reads what one client has sent, routes every whole frame in it, and then
-// writes to each destination once, in flush(). Until then frames are only referred to. Those of
-// clients stay in the read buffer, those that the server made in the scratch memory.
+// writes to each destination once (outbox.h).
 #pragma once
 
 #include <cstdint>
@@ -23,23 +22,12 @@
 #include "msgsvr/journal.h"
 #include "msgsvr/names.h"
 #include "msgsvr/options.h"
+#include "msgsvr/outbox.h"
 #include "msgsvr/wire.h"
 
 namespace msgsvr {
 
-// Memory for messages that the server makes; valid until reset.
-class Scratch {
- public:
-  char *take(size_t size);
-  void reset();
-
- private:
-  std::vector<std::unique_ptr<char[]>> blocks_;
-  size_t block_left_ = 0;
-  char *next_ = nullptr;
-};
-
-class Server final : private Flow::Clients {
+class Server final : private Flow::Clients, private Outbox::Clients {
  public:
   using Handler = std::function<void(Client &from, const Message &message)>;
   using GoneHandler = std::function<void(Client &client)>;
@@ -74,33 +62,13 @@ class Server final : private Flow::Clients {
   const std::unordered_map<uint32_t, std::unique_ptr<Client>> &clients() const { return clients_; }
   Client *by_id(uint32_t id) override;
   Names &names() { return names_; }
+  Outbox &outbox() { return outbox_; }
   Accounts &accounts() { return accounts_; }
   Gate &gate() { return gate_; }
   // Ends that client for the reason `why`; false when it is not there.
   bool disconnect(uint32_t id, std::string_view why) noexcept;
   // Notes that `client` is refused more of what is limited, and tells it that its request is lost.
   void refuse(Client &client, const Message &request, std::string_view what);
-
-  // Sending only notes what is to be written: call flush() at the end of every callback that does
-  // not come from a handler above.
-
-  // A message of the server's own. ulDataLen is set from `body`. When it is lost, nobody is told;
-  // a `file` (its number) that travels with the message is then removed.
-  void send(Client &to, Header header, std::span<const char> body = {}, uint32_t file = 0);
-  // The same with a message that `from` has sent to the server, under another header.
-  void send_on(Client &to, Header header, std::span<const char> body, const Client &from,
-               const Message &message, uint32_t file = 0);
-  // The answer to a request.
-  void reply(Client &to, const Message &request, uint32_t data, std::span<const char> body = {});
-  // A message as `from` has sent it to the server; its bytes must stay until flush(). When it is
-  // lost, nobody is told.
-  void pass(Client &to, const Client &from, const Message &message);
-  // What `from` has sent to the server is lost, and it is told.
-  void lose(Client &from, const Message &message, Loss loss) noexcept;
-  // It is lost and nobody is told: to the client `to`, or to everybody.
-  void lose_silently(const Client &from, const Message &message, Loss loss,
-                     Client *to = nullptr) noexcept;
-  void flush() noexcept override;
 
   Journal &journal() { return journal_; }
   std::vector<std::string> statistics() const;
@@ -115,6 +83,7 @@ class Server final : private Flow::Clients {
   bool is_served(const Client &client);
   void fail(Client &client, const char *why) noexcept;
   void update_interest(Client &client) noexcept override;
+  void flush() noexcept override { outbox_.flush(); }
   void readable(Client &from);
   void writable(Client &to);
   void take_with_descriptor(Client &from, std::span<char> bytes, bool full, UniqueFd fd);
@@ -135,21 +104,10 @@ class Server final : private Flow::Clients {
   void dispatch(Client &from, std::span<char> frame, const Header &header,
                 const OutputQueue::Tag &tag);
 
-  // The tag of a message for which nobody is told when it is lost.
-  static OutputQueue::Tag silent_tag(const Client &from, const Message &message, uint32_t file = 0);
-  void send_tagged(Client &to, const Header &header, std::span<const char> body,
-                   const OutputQueue::Tag &tag);
-  void notify_undeliverable(Client &to, const OutputQueue::Tag &tag) noexcept;
-  void lose_unrouted(Client &from, const Header &header, const OutputQueue::Tag &tag,
-                     Loss loss) noexcept;
-  void post(Client &to, const OutputQueue::Frame &frame);
-  void after_output(Client &to) noexcept;
-  void undelivered(Client &to, const OutputQueue::Tag &tag, std::span<const char> frame,
-                   Loss loss) noexcept;
   void watch_stream(Client &from);
   void abandon_stream(Client &from, std::string_view why, bool tell) noexcept;
 
-  void silence(Client &client) noexcept;
+  void silence(Client &client) noexcept override;
   void end(Client &client, std::string_view why) noexcept;
   void log_end(const Client &client, std::string_view why) const;
   void end_malformed(Client &client, std::string_view why, const Header &header = {});
@@ -169,11 +127,9 @@ class Server final : private Flow::Clients {
 
   std::vector<char> read_buffer_;
   std::vector<char> assembled_;  // the frame that the current input completed
-  Scratch scratch_;
-  std::vector<Client *> touched_;
-  size_t posted_ = 0;  // frames that wait for flush()
   Journal journal_;
   Flow flow_;
+  Outbox outbox_;
   Accounts accounts_;
   Gate gate_;
 };

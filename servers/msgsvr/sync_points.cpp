@@ -86,7 +86,7 @@ class SyncPoints final : public Service {
   bool usable(Client &from, const Message &message, const std::string &name) {
     if (!name.empty() && name.size() <= kLongestName) return true;
     log_line("{} names no synchronisation point of 1 to {} characters", from.label(), kLongestName);
-    server_->lose(from, message, Loss::kNotServed);
+    server_->outbox().lose(from, message, Loss::kNotServed);
     return false;
   }
 
@@ -96,7 +96,7 @@ class SyncPoints final : public Service {
     auto entry = points_.find(name);
     if (entry != points_.end() && entry->second.released) {
       points_.erase(entry);
-      server_->reply(from, message, 0);
+      server_->outbox().reply(from, message, 0);
       return;
     }
     // A process waits once: another request of it takes the first one's place.
@@ -122,7 +122,7 @@ class SyncPoints final : public Service {
     if (entry != points_.end() && !entry->second.released) {
       for (const Waiter &waiter : entry->second.waiting) {
         if (Client *client = server_->by_id(waiter.client)) {
-          server_->reply(*client, Message{waiter.request, {}, {}}, 0);
+          server_->outbox().reply(*client, Message{waiter.request, {}, {}}, 0);
         }
       }
       points_.erase(entry);
