@@ -195,6 +195,10 @@ Listener::Listener(uint16_t port, const std::string &topics, Record *record) : r
       client_, [](mosquitto *, void *self, int, int, const int *, const mosquitto_property *) {
         static_cast<Listener *>(self)->subscribed_ = true;
       });
+  mosquitto_disconnect_v5_callback_set(
+      client_, [](mosquitto *, void *self, int, const mosquitto_property *) {
+        static_cast<Listener *>(self)->ended_ = true;
+      });
   mosquitto_message_v5_callback_set(client_, [](mosquitto *, void *self,
                                                 const mosquitto_message *message,
                                                 const mosquitto_property *properties) {
@@ -255,6 +259,13 @@ void Listener::publish_retained(const std::string &topic, const std::string &pay
   EXPECT_EQ(0,
             mosquitto_publish_v5(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
                                  payload.data(), 1, true, nullptr));
+}
+
+void Listener::wait_for_end() const {
+  for (int tries = 0; tries < kPatience_ms / 5 && !ended_; ++tries) {
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+  EXPECT_TRUE(ended_);
 }
 
 // ---- Account ----

@@ -99,10 +99,14 @@ class Listener {
 
   void publish_retained(const std::string &topic, const std::string &payload);
 
+  // After the broker's end: until everything that it sent has been heard.
+  void wait_for_end() const;
+
  private:
   mosquitto *client_;
   Record *record_;
   std::atomic<bool> subscribed_ = false;
+  std::atomic<bool> ended_ = false;
 };
 
 // Everything that an accountant needs: each number from 1 to `last` was heard or is in a notice of

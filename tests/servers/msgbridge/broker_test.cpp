@@ -150,6 +150,7 @@ TEST_F(BridgeAndBroker, SurvivesBrokersThatAreKilled) {
     killer.join();
     publish(50);
     // Whoever listens is there before the bridge is.
+    listener->wait_for_end();
     listener.reset();
     broker.start();
     listener = std::make_unique<test::Listener>(kBrokerPort, "gw/#", &record_);
@@ -583,8 +584,8 @@ TEST_F(Fleet, ListensAndCountsWhatIsMissing) {
   const std::vector<std::string> words{
       "fleet",     "--broker",  "mqtt://127.0.0.1:" + std::to_string(kBrokerPort),
       "listen",    "--gateway", "me",
-      "--gateway", "other",     "--for",
-      "4"};
+      "--gateway", "other",     "-n",
+      "200"};
   Process listening("msgctl", words);
   // The broker has its subscriptions when it gets what comes to the first.
   ASSERT_TRUE(heard_of_by(&listening)) << listening.output();
@@ -592,7 +593,7 @@ TEST_F(Fleet, ListensAndCountsWhatIsMissing) {
   ASSERT_TRUE(listening.wait_for("Count")) << listening.output();
   listener_->publish("gw/me/lost", R"({"first": 900, "last": 904, "count": 5, "reason": "full"})");
   ASSERT_TRUE(listening.wait_for("me gave up 5 events: full")) << listening.output();
-  publish(3);
+  publish(300);
   EXPECT_EQ(8, listening.wait()) << listening.output();
   EXPECT_THAT(listening.output(), HasSubstr("me wan Count {\"number\":\"1\"}"));
 }
