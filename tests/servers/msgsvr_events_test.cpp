@@ -72,7 +72,8 @@ TEST_F(MsgsvrEvents, StopWithTheSubscription) {
   RawClient publisher("pub");
   RawClient itself("itself");
   RawClient by_other("byother");
-  subscribe(&itself);
+  RawClient stays("stays");
+  for (RawClient *client : {&itself, &stays}) subscribe(client);
   subscribe_by_name(&publisher, "byother");
 
   itself.send({.type = ORP_MSG_UNSUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
@@ -83,6 +84,7 @@ TEST_F(MsgsvrEvents, StopWithTheSubscription) {
 
   EXPECT_EQ("", received(&itself));
   EXPECT_EQ("", received(&by_other));
+  EXPECT_EQ("1", received(&stays));
 }
 
 TEST_F(MsgsvrEvents, ReachTheNextProcessOfANameButNotOfAConnection) {
