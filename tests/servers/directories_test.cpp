@@ -1,10 +1,13 @@
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "support/process.h"
 
@@ -38,26 +41,39 @@ TEST(BodyDirectory, IsMadeWhateverTheUmaskAndLeftAsItIs) {
 TEST(BodyDirectory, IsRidOfBodiesThatNobodyTakesOver) {
   namespace fs = std::filesystem;
   const std::string directory = "/var/run/msg/";
-  // A date says nothing: the time of day may have been set since.
-  for (const char *name : {"msg_file_1", "msg_file_2", "other", "target"}) {
+  for (const char *name : {"msg_file_1", "msg_file_2", "msg_file_3", "other", "target"}) {
     std::ofstream(directory + name) << "x";
     fs::last_write_time(directory + name, fs::file_time_type::min());
   }
   fs::create_symlink(directory + "target", directory + "msg_file_link");
   fs::create_directory(directory + "msg_file_directory");
+  {
+    // A date says nothing: the time of day may have been set since.
+    test::Process server("msgsvr");
+    ASSERT_TRUE(server.wait_for("ready"));
+    EXPECT_EQ(0, server.stop(SIGTERM));
+    for (const char *name : {"msg_file_1", "msg_file_2", "msg_file_3"}) {
+      EXPECT_TRUE(fs::exists(directory + name)) << name;
+    }
+  }
+
   test::Process forgetful("msgsvr", {"--body-age", "2"});
   ASSERT_TRUE(forgetful.wait_for("ready"));
-  EXPECT_TRUE(fs::exists(directory + "msg_file_1"));
+  // The time begins with the file, not with its name, also where the server sees no moment without
+  // the name.
+  ::kill(forgetful.pid(), SIGSTOP);
+  std::ofstream(directory + "next") << "of another message";
+  fs::rename(directory + "next", directory + "msg_file_3");
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  ::kill(forgetful.pid(), SIGCONT);
 
   ASSERT_TRUE(forgetful.wait_for("removed 2 body files that nobody took over within 2 s"));
   EXPECT_FALSE(fs::exists(directory + "msg_file_1"));
+  EXPECT_FALSE(fs::exists(directory + "msg_file_2"));
+  ASSERT_TRUE(forgetful.wait_for("removed 1 body files"));
   for (const char *name : {"other", "target", "msg_file_link", "msg_file_directory"}) {
     EXPECT_TRUE(fs::exists(directory + name)) << name;
   }
-
-  // The time begins with the file, not with its name.
-  std::ofstream(directory + "msg_file_1") << "of another message";
-  ASSERT_TRUE(forgetful.wait_for("removed 1 body files"));
 }
 
 TEST(BodyDirectory, BehindALinkIsReported) {
