@@ -4,36 +4,29 @@
 #include <signal.h>
 
 #include <fstream>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "msgapi/messages.h"
-#include "support/message_peer.h"
-#include "support/process.h"
+#include "tools/msgctl_support.h"
 
 namespace {
 
 using nlohmann::json;
+using test::kOwnType;
+using test::Output;
 using test::Process;
 using test::RawClient;
+using test::Words;
 using testing::HasSubstr;
 using testing::StartsWith;
-using Words = std::vector<std::string>;
 
 constexpr const char *kFile = "/var/policy.json";
 
-struct Output {
-  int status;
-  std::string text;
-};
-
 Output run(Words words) {
   words.insert(words.begin(), "policy");
-  Process process("msgctl", words);
-  const int status = process.wait();
-  return {status, process.output()};
+  return test::run(words);
 }
 
 Output ask(Words words) {
@@ -115,7 +108,7 @@ TEST(MsgctlPolicy, LearnsWhatTheFlightRecorderHasSeen) {
     wifi.send({.type = ORP_MSG_SYNC_POST, .body = "boot"});
     wifi.send({.type = ORP_MSG_REBOOT});
     wifi.drain();
-    panel.send({.type = 0x1234, .to = "wifi"});
+    panel.send({.type = kOwnType, .to = "wifi"});
     panel.send({.type = ORP_MSG_EVENT_WAN});
     panel.send_bytes(test::Frame{.type = 0x1235, .to = "wifi"}.bytes("lamp"));
     panel.drain();
