@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -125,6 +128,44 @@ TEST(MlogPrint, PrintsWhatTheServerDoesNotGetAndTheReasonOnceAMinute) {
                            "mlog: .*\\[a/b\\]\\[INFO\\]:three\n"
                            "mlog: .*\\[INFO\\]:\\?\\? \\? \xff\\? \xe0\\?\\? caf\xc3\xa9 "
                            "\xe2\x82\x9b \xc3\n"));
+}
+
+// Makes `call` in a process of its own whose boot-time clock is so far ahead; false where nobody
+// can have such a clock (time_namespaces(7)).
+template <typename Call>
+bool call_later(int seconds, Call call) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::unshare(CLONE_NEWTIME) != 0) ::_exit(1);
+    std::ofstream offsets("/proc/self/timens_offsets");
+    offsets << "boottime " << seconds << " 0" << std::flush;
+    if (!offsets) ::_exit(1);
+    // The clock is that of children.
+    const pid_t later = ::fork();
+    if (later == 0) {
+      call();
+      ::_exit(0);
+    }
+    int status = 1;
+    ::waitpid(later, &status, 0);
+    ::_exit(status == 0 ? 0 : 1);
+  }
+  int status = 1;
+  ::waitpid(child, &status, 0);
+  return status == 0;
+}
+
+TEST(MlogPrint, TellsTheReasonAgainAfterAMinute) {
+  const auto lose_a_line = [] { MlogPrint("wan", 8, "lost"); };
+  const std::string line = "mlog: \\[[0-9]{11}\\]\\[wan\\]\\[INFO\\]:lost\n";
+  const std::string reason = "mlog: /var/mlog/mlogServer: No such file or directory; [^\n]*\n";
+  if (!call_later(0, [] {})) GTEST_SKIP() << "the kernel has no time namespaces for us";
+
+  EXPECT_THAT(errors_of(lose_a_line), MatchesRegex(reason + line));
+
+  EXPECT_THAT(errors_of([&] { EXPECT_TRUE(call_later(30, lose_a_line)); }), MatchesRegex(line));
+  EXPECT_THAT(errors_of([&] { EXPECT_TRUE(call_later(60, lose_a_line)); }),
+              MatchesRegex(reason + line));
 }
 
 TEST(MlogPrint, PrintsTheBeginningOfATextThatIsTooLong) {

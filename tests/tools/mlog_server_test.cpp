@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <sstream>
 
 #include "msgapi/log.h"
 #include "support/file.h"
@@ -14,6 +15,7 @@
 
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -80,6 +82,14 @@ TEST(MlogRun, WritesTheOutputOfAProgramByLines) {
   EXPECT_THAT(texts("such"), HasSubstr("[WARN]:/no/such: No such file or directory\n"));
 }
 
+TEST(MlogRun, KeepsTheProgramsStatusWithoutALogServer) {
+  const Output output = run({"run", "-m", "job", "--", "/bin/sh", "-c", "echo one; exit 5"});
+  EXPECT_EQ(5, output.status);
+  EXPECT_THAT(output.text, MatchesRegex("mlog: the log server does not take lines; [^\n]*\n"
+                                        "mlog: \\[[0-9]{11}\\]\\[job\\]\\[INFO\\]:one\n"));
+  EXPECT_EQ(0, run({"run", "--", "/bin/echo", "one"}).status);
+}
+
 TEST(MlogLevel, ChangesWhatIsKeptAtRunTime) {
   Server server("level = WARN\n");
   EXPECT_EQ("WARN\n", run({"level", "wan"}).text);
@@ -128,22 +138,35 @@ TEST(MlogModules, ListsThemWithTheirCounts) {
 }
 
 TEST(MlogRateLimit, DropsAndTells) {
-  Server server("rate_limit = 10\nrate_interval = 1\n[lan]\nrate_limit = 0\n");
+  Server server("rate_limit = 10\nrate_interval = 2\n[lan]\nrate_limit = 0\n");
   for (int i = 0; i < 25; ++i) {
     MlogPrint("wan", MLOG_LEVEL_INFO, "line %d", i);
     MlogPrint("lan", MLOG_LEVEL_INFO, "line %d", i);
   }
-  // The interval ends although nothing comes any more.
+  // The interval ends although nothing comes any more. On a slow machine there are two.
+  int kept = 0, dropped = 0;
   std::string log;
-  for (int i = 0; i < 100 && log.find("dropped from") == std::string::npos; ++i) {
-    ::usleep(100000);
+  for (int i = 0; i < 600 && kept + dropped < 25; ++i) {
+    ::usleep(50000);
     log = texts("wan");
+    kept = dropped = 0;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+      const size_t count = line.find("[wan][WARN]:mlogserver: ");
+      if (count == std::string::npos) {
+        ++kept;
+      } else {
+        EXPECT_THAT(line, EndsWith(" lines dropped from wan"));
+        dropped += std::stoi(line.substr(count + std::strlen("[wan][WARN]:mlogserver: ")));
+      }
+    }
   }
+  EXPECT_EQ(25, kept + dropped) << log;
+  EXPECT_LE(10, kept);
+  EXPECT_LT(0, dropped);
   EXPECT_THAT(log, HasSubstr(":line 9\n"));
-  EXPECT_THAT(log, HasSubstr("[wan][WARN]:mlogserver: 15 lines dropped from wan\n"));
-  EXPECT_EQ(11, std::count(log.begin(), log.end(), '\n'));
   EXPECT_THAT(texts("lan"), HasSubstr(":line 24\n"));
-  EXPECT_THAT(run({"modules", "--json"}).text, HasSubstr("\"dropped\":15"));
+  EXPECT_THAT(run({"modules", "--json"}).text, HasSubstr("\"dropped\":" + std::to_string(dropped)));
 }
 
 TEST(ServersLog, GoesToTheLogServerOnceThatIsUp) {
