@@ -1,0 +1,117 @@
+// What the driver and its clients tell each other, in memory that they share.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+namespace soak {
+
+// Clients by number. Regulars live as long as the run; every message between them is accounted for.
+// Mayflies are killed at any moment. The giver passes descriptors to the taker, who gets nothing
+// else: other messages may come between a message and its descriptor. The browser asks by HTTP.
+constexpr uint32_t kRegulars = 6;
+constexpr uint32_t kMayflies = 2;
+constexpr uint32_t kSpeakers = kRegulars + kMayflies;
+constexpr uint32_t kGiver = kSpeakers;
+constexpr uint32_t kTaker = kGiver + 1;
+constexpr uint32_t kBrowser = kTaker + 1;
+constexpr uint32_t kClients = kBrowser + 1;
+
+// Application names and log modules. The first two are those that the notify client knows.
+constexpr std::array<const char *, kClients> kNames = {
+    "cms", "web", "s2", "s3", "s4", "s5", "m0", "m1", "giver", "taker", "browser"};
+constexpr uint32_t kCms = 0;
+constexpr uint32_t kWeb = 1;
+
+constexpr bool is_regular(uint32_t client) {
+  return client < kRegulars;
+}
+constexpr bool is_mayfly(uint32_t client) {
+  return client >= kRegulars && client < kSpeakers;
+}
+
+// Events come as they are published, as a DM message or as JSON; each has subscribers of its own.
+enum Event : uint32_t { kAsItems, kAsJson, kEvents };
+constexpr bool subscribes(uint32_t client, uint32_t event) {
+  return is_regular(client) && (event == kAsItems ? client % 2 == 1 : client % 3 == 0);
+}
+
+constexpr uint16_t kHttpPort = 8080;
+
+class Counter {
+ public:
+  void add(uint64_t count = 1) { count_.fetch_add(count, std::memory_order_relaxed); }
+  void set(uint64_t count) { count_ = count; }
+  operator uint64_t() const { return count_.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<uint64_t> count_ = 0;
+};
+
+// Since the client's connection to the message server was made.
+struct Traffic {
+  std::array<Counter, kSpeakers> sent, received, told;
+  Counter sent_nowhere, told_nowhere;
+  Counter notices;  // every 0x108
+  Counter failures;
+  std::array<Counter, kEvents> published;
+  std::array<std::array<Counter, kEvents>, kRegulars> events;  // by publisher
+  Counter passed, taken;
+};
+
+// Since the client's connection to the notify server was made.
+struct Notifications {
+  Counter posted, received, failures;
+};
+
+// Lines from `first` to `last` that one log server has taken, as a flush has shown.
+struct Flushed {
+  uint64_t first = 0, last = 0;
+};
+
+struct Lines {
+  Counter begun, done;
+  std::array<Flushed, 256> flushed;
+  Counter flushes;  // how many of these there are
+};
+
+// Since the beginning, for the table.
+struct Totals {
+  Counter sent, received, told, bytes;
+  Counter waited_for, answered_later, unanswered;
+  Counter published, events;
+  Counter lines, flushes;
+  Counter children;
+  Counter notifications, notify_requests;
+  Counter descriptors;
+  Counter pages, pages_refused;
+  Counter connections;
+};
+
+struct Slot {
+  Counter epoch;         // of the message server that it works with; 0: not connected
+  Counter notify_epoch;  // the same of the notify server; only of those that it knows
+  Counter paused;        // the last pause in which it has come to rest
+  Traffic traffic;
+  Notifications notifications;
+  Lines lines;
+  Totals totals;
+};
+
+struct Board {
+  // The running servers' numbers, and those with which all regular clients work.
+  Counter epoch, all_there;
+  Counter notify_epoch, notify_all_there;
+  Counter log_epoch;
+  Counter serving;         // 0 from before the message server is killed until all are there again
+  Counter pause, resumed;  // unequal: come to rest
+  Counter stop;
+  Slot slots[kClients];
+  std::atomic<bool> failed = false;
+  char failure[400] = {};
+};
+
+}  // namespace soak
