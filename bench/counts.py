@@ -2,11 +2,13 @@
 """counts.py DIRECTORY [--accept]: counts the instructions and the system calls of each piece of
 fixed work of DIRECTORY/counts and compares them with bench/counts.txt, or renews that.
 
-Fails when a count is more than 3 % above the table's. Runs in the sandbox."""
+Fails when a count is more than 3 % above the table's. With another compiler, C library or processor
+than the table's nothing is compared. Runs in the sandbox."""
 
 import concurrent.futures
 import os
 import pathlib
+import platform
 import re
 import subprocess
 import sys
@@ -16,6 +18,16 @@ TOLERANCE = 1.03
 HEAD = """# Instructions and system calls for one operation, those of the harness included; counted by
 # ./dev bench --counts, renewed by ./dev bench --counts --accept.
 """
+FOR = "# With "
+
+
+# What the numbers depend on besides the sources. The C library has its functions in several forms
+# for processors of different kinds.
+def surroundings():
+    compiler = run(["c++", "-dumpfullversion", "-dumpversion"]).stdout.strip()
+    flags = pathlib.Path("/proc/cpuinfo").read_text()
+    kind = "with AVX2" if " avx2 " in flags else "without AVX2"
+    return f"g++ {compiler}, {' '.join(platform.libc_ver())}, {platform.machine()} {kind}"
 
 
 def run(words):
@@ -37,12 +49,14 @@ def count(program, name):
 
 
 def read_table():
-    rows = {}
+    rows, made_with = {}, None
     for line in TABLE.read_text().splitlines() if TABLE.exists() else []:
-        if line and not line.startswith("#"):
+        if line.startswith(FOR):
+            made_with = line[len(FOR):]
+        elif line and not line.startswith("#"):
             name, instructions, calls = line.split()
             rows[name] = (int(instructions), int(calls))
-    return rows
+    return rows, made_with
 
 
 def main():
@@ -50,19 +64,23 @@ def main():
     names = run([program, "--list"]).stdout.split()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         now = dict(zip(names, pool.map(lambda name: count(program, name), names)))
-    before = read_table()
+    before, made_with = read_table()
+    here = surroundings()
+    comparable = made_with == here
     grown = []
     print(f"{'operation':<24}{'instructions':>14}{'before':>10}{'calls':>7}{'before':>8}")
     for name, (instructions, calls) in now.items():
         was = before.get(name)
         worse = was and (instructions > was[0] * TOLERANCE or calls > was[1])
-        if worse or not was:
+        if comparable and (worse or not was):
             grown.append(name)
         print(f"{name:<24}{instructions:>14}{was[0] if was else '-':>10}{calls:>7}"
               f"{was[1] if was else '-':>8}{'  more' if worse else ''}")
     if accept:
-        TABLE.write_text(HEAD + "".join(f"{name:<24}{row[0]:>10}{row[1]:>6}\n"
+        TABLE.write_text(HEAD + f"{FOR}{here}\n" + "".join(f"{name:<24}{row[0]:>10}{row[1]:>6}\n"
                                         for name, row in now.items()))
+    elif not comparable:
+        print(f"counts: nothing is compared: the table was made with {made_with}, this is {here}")
     elif grown:
         sys.exit(f"counts: more than before, or new: {', '.join(grown)}. If that is meant, run "
                  "./dev bench --counts --accept and commit the table with the change.")
