@@ -14,9 +14,9 @@
  *   IPv6      full and "::"-compressed forms of up to eight groups
  *
  * The functions that mask a caller's buffer may be called from any thread. Those that return text
- * keep it in a static buffer that the next call of the same function overwrites (ORP_BLUR_Mac,
- * _Ipv6, _Ip and _Uuid, and the _Byte forms on top of them, share one) and are not safe between
- * threads.
+ * keep it in a static buffer: the next call overwrites it, and they are not safe between threads.
+ * ORP_BLUR_Mac, _Ipv6, _Ip and _Uuid and the _Byte forms share one buffer; the others have one
+ * each.
  */
 #ifndef MSGAPI_BLUR_H
 #define MSGAPI_BLUR_H
@@ -40,29 +40,31 @@ MSGAPI_EXPORT_DATA const int32_t g_hwAddressBlurPos[7];
 
 /*
  * Masks `buf`, a NUL-terminated text, for a log file: "AA:**:**:DD:**:FF", "192.***.*.10",
- * "A*C*E*G*I*K*M*O*", twelve digits of a UUID or hardware address as "00****33**55". No search is
- * begun at a position above `len`.
+ * "A*C*E*G*I*K*M*O*", twelve digits of a UUID or hardware address as "00****33**55". No search
+ * begins at a position above `len`.
  *
  * Returns 0, or -1 for a null `buf` or `len` 0.
  */
 MSGAPI_EXPORT int32_t MlogBlurString(char *buf, uint32_t len);
 
-/* The same for IPv6 addresses, of which every character is masked. */
+/* The same for IPv6 addresses: every character of them is masked. */
 MSGAPI_EXPORT int32_t MlogBlurIpv6String(char *buf, uint32_t len);
 
 /*
  * Masks the text file `path` in place: MAC and IPv4 addresses partly, the last group of UUIDs and
- * IPv6 addresses whole. The file is handled in blocks of 2048 bytes: what is not found is
- * a value that lies across two blocks, or one after a NUL byte in its block.
+ * IPv6 addresses whole. The file is handled in blocks of 2048 bytes: a value that lies across two
+ * blocks, or after a NUL byte in its block, is not found.
  *
  * Returns 0 or an ORP_BLUR_ERR_ value; the blocks before the failure are masked.
  */
 MSGAPI_EXPORT uint32_t ORP_BLUR_File(const char *path);
 
 /*
- * A masked copy of `str`: every character but ":" from the first MAC address on; IPv6 addresses;
- * every character but "." of IPv4 addresses, and IPv6 addresses; the last twelve digits of UUIDs.
- * "" for null and for a text of more than 259 characters.
+ * A masked copy of `str`; "" for null and for a text of more than 259 characters. What is masked:
+ *   _Mac    every character but ":", from the first MAC address on
+ *   _Ipv6   IPv6 addresses
+ *   _Ip     IPv6 addresses, and every character but "." of IPv4 addresses
+ *   _Uuid   the last twelve digits of UUIDs
  */
 MSGAPI_EXPORT const char *ORP_BLUR_Mac(const char *str);
 MSGAPI_EXPORT const char *ORP_BLUR_Ipv6(const char *str);
@@ -79,8 +81,8 @@ MSGAPI_EXPORT const char *ORP_BLUR_Ipv4Byte(struct in_addr addr);
 MSGAPI_EXPORT const char *ORP_BLUR_UsbAccount(const char *name);
 
 /*
- * "h**e" for "home": at most 35 characters, of which the first and the last are shown. An SSID of
- * one or two characters is returned as it is; "" for null.
+ * "h**e" for "home": at most 35 characters; the first and the last are shown. An SSID of one or two
+ * characters is returned as it is; "" for null.
  */
 MSGAPI_EXPORT const char *ORP_BLUR_Ssid(const char *ssid);
 

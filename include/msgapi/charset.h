@@ -11,9 +11,9 @@
 
 /* ---- Codecs --------------------------------------------------------------------------------
  *
- * `size` points to the capacity of the output, in its own units, and receives the amount that was
- * produced, without a terminating zero, whatever the status. Nothing is allocated and nothing
- * beyond the capacity is written. Each codec has a second name with the same arguments.
+ * `size` points to the capacity of the output, in units of the output. Whatever the status, it
+ * receives the amount that was produced, without a terminating zero. Nothing is allocated and
+ * nothing beyond the capacity is written. Each codec has a second name with the same arguments.
  */
 
 /* Statuses of the codecs. */
@@ -28,15 +28,15 @@
  * units. The text is NUL-terminated after the last whole character that fits with the NUL.
  *
  * Returns CL_OK, CL_ERR_ARGUMENT (NULL arguments, a count of 0), or CL_ERR_ROOM: a character did
- * not fit, or there are more units than the capacity, when nothing is written.
+ * not fit, or there are more units than the capacity (then nothing is written).
  */
 MSGAPI_EXPORT uint32_t CL_Ucs2ToUtf8(const uint16_t *units, uint32_t count, char *text,
                                      uint32_t *size);
 MSGAPI_EXPORT uint32_t cl_ucs2ToUTF8(const uint16_t *units, uint32_t count, char *text,
                                      uint32_t *size);
 
-/* The same for a plain output size, converting as much as fits even when there are more units than
- * bytes. */
+/* The same, but `size` is the capacity itself and no amount is returned. Converts as much as fits,
+ * even when there are more units than bytes. */
 MSGAPI_EXPORT uint32_t CL_Ucs2ToUtf8ByLen(const uint16_t *units, uint32_t count, char *text,
                                           uint32_t size);
 MSGAPI_EXPORT uint32_t cl_ucs2ToUTF8ByLen(const uint16_t *units, uint32_t count, char *text,
@@ -47,8 +47,8 @@ MSGAPI_EXPORT uint32_t cl_ucs2ToUTF8ByLen(const uint16_t *units, uint32_t count,
  * low 16 bits of their value kept; continuation bytes are not checked. A zero unit follows the
  * output where there is room for it.
  *
- * Returns CL_OK, CL_ERR_ARGUMENT (NULL arguments, a count of 0), CL_ERR_UTF8 (what comes before is
- * converted), or CL_ERR_ROOM (the output is full).
+ * Returns CL_OK, CL_ERR_ARGUMENT (NULL arguments, a count of 0), CL_ERR_UTF8 (what comes before the
+ * bad sequence is converted), or CL_ERR_ROOM (the output is full).
  */
 MSGAPI_EXPORT uint32_t CL_Utf8ToUcs2(const char *text, uint32_t count, uint16_t *units,
                                      uint32_t *size);
@@ -85,8 +85,8 @@ MSGAPI_EXPORT uint32_t cl_bytesToString(const uint8_t *bytes, uint32_t count, ch
 
 /*
  * Hex text to bytes, in pairs of digits up to a NUL or `count` characters. Characters that are no
- * hex digits are not refused and give meaningless bytes. An odd count takes the character after
- * the last one, which must be readable (a NUL, say), as the low digit.
+ * hex digits are not refused and give meaningless bytes. With an odd count the character after the
+ * last one is taken as the low digit; it must be readable (a NUL, say).
  *
  * Returns CL_OK, CL_ERR_ARGUMENT (NULL arguments, a count of 0), or CL_ERR_ROOM: for less than
  * count / 2 bytes nothing is written, and the byte of an odd last digit may find no room.
@@ -100,8 +100,8 @@ MSGAPI_EXPORT uint32_t cl_stringToBytes(const char *text, uint32_t count, uint8_
  * The number that exactly `count` characters make in base 10 or 16, modulo 2^32; characters that
  * are no digits are skipped. `*value` is set to 0 first.
  *
- * Returns CL_OK; CL_ERR_ARGUMENT for NULL or a count of 0, in base 10 for any character that is no
- * digit, in base 16 only when the last one is none; CL_ERR_BASE.
+ * Returns CL_OK; CL_ERR_ARGUMENT for NULL, for a count of 0, in base 10 for any character that is
+ * no digit, and in base 16 when the last character is no digit; CL_ERR_BASE.
  */
 MSGAPI_EXPORT uint32_t CL_StringToNumeric(const char *text, uint32_t count, uint32_t base,
                                           uint32_t *value);
@@ -146,25 +146,26 @@ typedef struct ORP_NLS_REQUEST_ST {
 #define ORP_NLS_NO_LENGTH 0xFFFFFFFFu
 
 /*
- * Bytes that `length` bytes at `input` become. ORP_NLS_NO_LENGTH for NULL arguments, names too
- * long, without the device or when it refuses, and, unless `accept_partial` is non-zero, when it
- * cannot convert the input cleanly.
+ * How many bytes the `length` bytes at `input` become. ORP_NLS_NO_LENGTH for NULL arguments, for
+ * names too long, without the device, when it refuses, and, unless `accept_partial` is non-zero,
+ * when it cannot convert the input cleanly.
  */
 MSGAPI_EXPORT uint32_t ORP_NLS_ConvertGetLength(const char *input_encoding, const char *input,
                                                 uint32_t length, const char *output_encoding,
                                                 uint32_t accept_partial);
 
 /*
- * Converts `length` bytes at `input`. The result is followed by a NUL and `*output_length` (may be
- * NULL) receives its length. NULL, and a length of 0, for NULL arguments, names too long, an empty
- * result or one above 0x7FFFFF bytes (with the allocator's line on standard output), without the
- * device or when it refuses, or without memory.
+ * Converts `length` bytes at `input`. A NUL follows the result; `*output_length` receives its
+ * length without the NUL (`output_length` may be NULL). NULL, and a length of 0, for NULL
+ * arguments, for names too long, for an empty result or one above 0x7FFFFF bytes (with the
+ * allocator's line on standard output), without the device, when it refuses, or without memory.
  */
 MSGAPI_EXPORT char *ORP_NLS_ConvertString(const char *input_encoding, const char *input,
                                           uint32_t length, const char *output_encoding,
                                           uint32_t *output_length);
 
-/* ORP_NLS_ConvertString of a NUL-terminated text and its NUL; NULL for NULL. The three are one. */
+/* ORP_NLS_ConvertString of a NUL-terminated text and its NUL; NULL for NULL. All three do the
+ * same. */
 MSGAPI_EXPORT char *ORP_NLS_GbConvert(const char *text, const char *output_encoding,
                                       const char *input_encoding);
 MSGAPI_EXPORT char *ORP_NLS_GB2312Convert(const char *text, const char *output_encoding,
@@ -172,12 +173,12 @@ MSGAPI_EXPORT char *ORP_NLS_GB2312Convert(const char *text, const char *output_e
 MSGAPI_EXPORT char *ORP_NLS_IconvConvert(const char *text, const char *output_encoding,
                                          const char *input_encoding);
 
-/* 1 if the text (NULL counts) is UTF-8 of sequences of up to three bytes, else 0. Overlong forms
- * and surrogates are not looked for. */
+/* 1 if the text is UTF-8 (RFC 3629, section 3) in sequences of up to three bytes, else 0; 1 for
+ * NULL. Overlong forms and surrogates are not looked for. */
 MSGAPI_EXPORT uint32_t ORP_NLS_IsStringUtf8(const char *text);
 
-/* The text as UTF-8, taken for the first of "utf8", "cp936", "cp950" and "iso8859-1" that the
- * device converts it from. NULL for NULL and if none fits. */
+/* The text as UTF-8. Its encoding is taken to be the first of "utf8", "cp936", "cp950" and
+ * "iso8859-1" from which the device can convert it. NULL for NULL and if none fits. */
 MSGAPI_EXPORT char *ORP_NLS_TryConvertToUtf8(const char *text);
 
 /* The same, kept by the library until the next call that succeeds; `text` itself if no encoding

@@ -8,13 +8,13 @@
  * The first free byte is at capacity - free. Sending seals the body: capacity becomes the bytes in
  * use and free 0. docs/events.md shows a message byte by byte.
  *
- * The functions work on body pointers and go by what the body says of itself. Only
- * ORP_DMMSG_AppendItem, ORP_DMMSG_Send and ORP_DMMSG_Free need the message that it belongs to: its
- * block starts 40 bytes before, with the header. The other functions also read a copy of a body.
+ * The functions work on body pointers and go by the lengths in the body. Only ORP_DMMSG_AppendItem,
+ * ORP_DMMSG_Send and ORP_DMMSG_Free need the whole message: its block starts 40 bytes before the
+ * body, with the header. The other functions also read a copy of a body.
  *
- * A message of type 0x209 or of an event is held to its length when it is received: a body that
- * says it uses more than arrived loses its magic, and one that says it has free room beyond is
- * sealed. One thread at a time works on a message.
+ * On receipt, a body of type 0x209 or of an event is checked against the length that arrived. A
+ * body that claims to use more loses its magic; one that claims free room beyond its end is sealed.
+ * One thread at a time works on a message.
  */
 #ifndef MSGAPI_DMMSG_H
 #define MSGAPI_DMMSG_H
@@ -68,8 +68,8 @@ MSGAPI_EXPORT uint32_t ORP_DMMSG_AppendItem(void **bodyInOut, uint32_t itemType,
  * A last item may end up to 12 bytes beyond the used area; in a message that was received these are
  * zeros.
  *
- * Returns 0, or ORP_DMMSG_ERR for a null argument, a wrong magic, a cursor that is not in the body,
- * at the end, for an item that ends further on and for a name without a NUL.
+ * Returns 0, or ORP_DMMSG_ERR at the end, for a null argument, a wrong magic, a cursor that is not
+ * in the body, an item that ends further on, or a name without a NUL.
  */
 MSGAPI_EXPORT uint32_t ORP_DMMSG_GetItemEx(const void *body, ORP_DMMSG_ITEM_ST *itemOut,
                                            const void **cursorInOut);
@@ -117,10 +117,9 @@ MSGAPI_EXPORT uint32_t ORP_DB_SaveToAppSyncFunc(void);
 
 /* Writes the store to an encrypted file. */
 MSGAPI_EXPORT uint32_t ORP_CFM_ExtExportEncryptedCfgFile(const char *path);
-/* The same after telling the manager, without looking at the outcome, which user's part to
- * export. */
+/* The same after telling the manager which user's part to export; that outcome is ignored. */
 MSGAPI_EXPORT uint32_t ORP_CFM_ExtExportEncCfgFileByUser(const char *path, uint32_t user);
-/* Replaces the store by an encrypted file; prints the path on standard output first. */
+/* Replaces the store with an encrypted file; prints the path on standard output first. */
 MSGAPI_EXPORT uint32_t ORP_CFM_ExtImportEncryptedCfgFile(const char *path);
 /* Checks whether a file could be imported. */
 MSGAPI_EXPORT uint32_t ORP_DB_CheckFile(const char *path);

@@ -51,16 +51,16 @@ typedef struct ORP_DNS_RR_ST {
 
 /*
  * A copy of the first `max_length` bytes of the message, or of all of it when it is shorter or
- * `max_length` is 0. NULL if `packet` is NULL, the copy would exceed 0xFFFFFFFA bytes, or
+ * `max_length` is 0. NULL if `packet` is NULL, if the copy would exceed 0xFFFFFFFA bytes, or
  * without memory.
  */
 MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_PacketCopy(const ORP_DNS_PACKET_ST *packet,
                                                     uint32_t max_length);
 
 /*
- * Bytes that the name at `position` occupies on the wire; a compression pointer ends it (a name
- * that is only a pointer gives 2). 0 if it is malformed or not followed by another byte of the
- * packet.
+ * Bytes that the name at `position` occupies on the wire; a compression pointer ends it (RFC 1035,
+ * section 4.1.4), so a name that is only a pointer gives 2. 0 if the name is malformed or not
+ * followed by another byte of the packet.
  */
 MSGAPI_EXPORT uint32_t ORP_DNS_PacketGetNameLen(const ORP_DNS_PACKET_ST *packet,
                                                 const uint8_t *position);
@@ -115,9 +115,9 @@ MSGAPI_EXPORT uint32_t ORP_DNS_PacketGetRRLen(const ORP_DNS_PACKET_ST *packet,
                                               const uint8_t *position);
 
 /*
- * The position after all questions, where the first answer stands. It may be the end of the
- * packet. NULL for a NULL packet, one without a whole header, or a malformed question. For a packet
- * that ends with its only question it is that question's type field.
+ * The position after all questions, where the first answer stands. It may be the end of the packet.
+ * NULL for a NULL packet, one without a whole header, or a malformed question. In a packet that
+ * ends with its only question the result points to that question's type field.
  */
 MSGAPI_EXPORT const uint8_t *ORP_DNS_PacketGetFirstRR(const ORP_DNS_PACKET_ST *packet);
 
@@ -133,21 +133,21 @@ MSGAPI_EXPORT const uint8_t *ORP_DNS_PacketGetFirstAuthorityRecord(const ORP_DNS
 MSGAPI_EXPORT const uint8_t *ORP_DNS_PacketGetFirstAddtionalRecord(const ORP_DNS_PACKET_ST *packet);
 
 /*
- * A query (recursion desired) for the address, type 1, class 1, of the dotted name `name`, whose
- * empty labels are skipped. The identifier is 0 and for the caller to set. The question count is 1
- * in host byte order, so a little-endian sender that puts the packet on the wire must store 0x0001
- * in network order first. The message is strlen(name) + 18 bytes long, with zeros at its end when
- * labels were skipped. Labels above 63 characters are not refused.
+ * A query (recursion desired) for the address (type 1, class 1) of the dotted name `name`. Empty
+ * labels are skipped; labels above 63 characters are not refused. The identifier is 0; the caller
+ * sets it. The question count is 1 in host byte order, so a little-endian sender that puts the
+ * packet on the wire must store 0x0001 in network order first. The message is strlen(name) + 18
+ * bytes long, with zeros at its end when labels were skipped.
  *
  * NULL for NULL, a name without a label, one of 260 characters or more, or without memory.
  */
 MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildRequest(const char *name);
 
 /*
- * An answer to `query` with the one record `*record`: the query as it is, records and all,
- * with flags 0x8100, 1 answer and no additional records counted, and after it the record, under
- * the name of the first question. (To answer a query that carries records, such as EDNS, copy it
- * up to the end of its question first.)
+ * An answer to `query` with the one record `*record`. It is a copy of the query, records and all,
+ * with flags 0x8100, one answer and no additional records counted; the record follows, under the
+ * name of the first question. (To answer a query that carries records, such as EDNS, first copy it
+ * up to the end of its question.)
  *
  * `cached_at` is the uptime in seconds at which the record was cached: the time since then is
  * taken off the TTL. 0 leaves the TTL as it is.
@@ -169,14 +169,15 @@ MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_PacketBuildErrorResponse(const ORP_DNS_
                                                                   uint32_t response_code);
 
 /*
- * The empty success reply for an address family that there is none of: the query with flags 0x8180
- * and no additional records counted. NULL as above and for a query of 0x7FFFFFF7 bytes or more.
+ * The empty success reply for a name that has no address of the family asked for: the query with
+ * flags 0x8180 and no additional records counted. NULL as above and for a query of 0x7FFFFFF7 bytes
+ * or more.
  */
 MSGAPI_EXPORT ORP_DNS_PACKET_ST *ORP_DNS_IpTypeMismatchResponse(const ORP_DNS_PACKET_ST *query);
 
 /*
- * 1 if the reply carries a response code other than 0 or no record at all (a message without a
- * whole header carries none), else 0. 0 for NULL.
+ * 1 if the reply carries a response code other than 0, or no record at all (a message without a
+ * whole header carries none); else 0, also for NULL.
  */
 MSGAPI_EXPORT uint32_t ORP_DNS_PacketCheckIfErrorRely(const ORP_DNS_PACKET_ST *reply);
 
@@ -186,8 +187,8 @@ MSGAPI_EXPORT uint32_t ORP_DNS_PacketCheckIfErrorRely(const ORP_DNS_PACKET_ST *r
  * digits).
  *
  * `address` must be filled with zeros and hold at least two bytes more than the part before the
- * suffix: of the text's end only the byte one past its NUL is written. `*is_ipv4` (may be NULL)
- * receives 1 for IPv4 and 0 for IPv6.
+ * suffix: the text may end by those zeros, because only the byte after its NUL is written.
+ * `*is_ipv4` (may be NULL) receives 1 for IPv4 and 0 for IPv6.
  *
  * Returns ORP_DNS_OK; ORP_DNS_ERR_ARGUMENT for a NULL name or buffer, a name above 255 characters,
  * not exactly one of the suffixes, the wrong number of labels or digits, a buffer too small, or

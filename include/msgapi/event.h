@@ -2,9 +2,9 @@
  * Events: messages of the types 0x2DA00 to 0x2DAFF that the message server passes from a publisher
  * to the subscribers.
  *
- * An event is published as a DM message of named items or as JSON text. Subscribers receive the
- * types 0x2DA01 to 0x2DA63 as the bytes that were published; the others, published as DM messages,
- * as one JSON object:
+ * An event is published as a DM message of named items or as JSON text. Events of the types 0x2DA01
+ * to 0x2DA63 reach subscribers as the bytes that were published. The others, published as DM
+ * messages, reach them as one JSON object:
  *
  *   {"Method": "notify", "Module": ..., "EventType": ..., "Timestamp": ..., "Payload": {...}}
  *
@@ -73,7 +73,7 @@ MSGAPI_EXPORT void ORP_EVT_SubscribeSingelEventCallBack(uint32_t eventType,
 /* Sets the one callback that is called for every event, after those of its type; null clears it. */
 MSGAPI_EXPORT void ORP_EVT_SubscribeAllEventCallBack(ORP_EVT_CALLBACK callback);
 
-/* Hands an event to the callbacks, as ORP_MSG_DefaultMsgProcs does with those that no procedure
+/* Hands an event to the callbacks. ORP_MSG_DefaultMsgProcs does so for events that no procedure
  * took. An event that cannot be converted reaches nobody. Null is ignored; the message stays the
  * caller's. */
 MSGAPI_EXPORT void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message);
@@ -85,9 +85,9 @@ MSGAPI_EXPORT void ORP_Evt_SubMsgProc(ORP_MSG_HEADER_ST *message);
  * free() first, so it must be null or an earlier text; the new text belongs to the caller, who
  * frees it with free(). *lengthOut, which may be null, receives its length.
  *
- * Returns ORP_EVT_OK. ORP_EVT_ERR for null arguments, a type without a module, a body that is not a
- * whole DM body, an item without a name or value, an event without an EventType or without anything
- * else, and without memory; *textOut is null then and *lengthOut 0.
+ * Returns ORP_EVT_OK; ORP_EVT_ERR for null arguments, a type without a module, a body that is not a
+ * whole DM body, an item without a name or value, an event without an EventType or without any
+ * other item, and without memory: *textOut is then null and *lengthOut 0.
  */
 MSGAPI_EXPORT uint32_t ORP_EVT_GetEventContent(const ORP_MSG_HEADER_ST *message, char **textOut,
                                                uint32_t *lengthOut);
@@ -98,7 +98,7 @@ MSGAPI_EXPORT void ORP_EVT_GetEventBody(ORP_MSG_HEADER_ST *message, void **bodyO
 /* The module that raises events of that type, or null. */
 MSGAPI_EXPORT const char *ORP_EVT_GetEventModuleNameByEventType(uint32_t type);
 
-/* The event type of that module; 0x2DA00 for null and for names that are not known exactly so. */
+/* The event type of that module; 0x2DA00 for null and for a name that is not exactly a module's. */
 MSGAPI_EXPORT uint32_t ORP_EVT_GetMsgTypeByEventModuleName(const char *name);
 
 /* ---- Steps of building the JSON object ---------------------------------------------------- */
@@ -109,9 +109,9 @@ MSGAPI_EXPORT uint32_t ORP_GenerateJsonItem(struct cJSON *object, const char *na
                                             const char *value);
 
 /*
- * Puts a new object with everything but the payload into *objectInOut, after deleting the object
- * that is there (null for none). ORP_EVT_OK; ORP_EVT_ERR for a null argument, without a time stamp
- * or memory. After a null argument *objectInOut is as it was, otherwise null on failure.
+ * Deletes the object in *objectInOut (null for none) and puts a new one there, with everything but
+ * the payload. ORP_EVT_OK; ORP_EVT_ERR for a null argument (*objectInOut is left as it was), or
+ * without a time stamp or memory (*objectInOut is null).
  */
 MSGAPI_EXPORT uint32_t ORP_EVT_JsonBeginProc(struct cJSON **objectInOut, const char *module,
                                              const char *eventType);
@@ -122,8 +122,8 @@ MSGAPI_EXPORT uint32_t ORP_EVT_BuiderJsonProc(struct cJSON **payloadHolder, cons
                                               const char *value);
 
 /*
- * Completes the object in *objectInOut with `payload` and replaces it by its text, indented, which
- * the caller frees with free(). The object and the payload are gone afterwards.
+ * Completes the object in *objectInOut with `payload` and replaces it with its text, indented. The
+ * caller frees the text with free(); the object and the payload are gone.
  *
  * ORP_EVT_OK; ORP_EVT_ERR for a null argument or object (both stay the caller's), or without memory
  * (both are gone and *objectInOut is null).

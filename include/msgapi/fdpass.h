@@ -1,8 +1,8 @@
 /*
  * Passing an open descriptor over the process's connection to the message server.
  *
- * On the wire: two zero bytes that carry one SCM_RIGHTS record with one descriptor (unix(7)),
- * outside the message format. Both sides agree by a message that a descriptor comes next.
+ * On the wire it is two zero bytes with one SCM_RIGHTS record that holds one descriptor (unix(7)),
+ * outside the message format. Both sides agree beforehand, by a message, that one comes next.
  */
 #ifndef MSGAPI_FDPASS_H
 #define MSGAPI_FDPASS_H
@@ -23,9 +23,9 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendFd(int32_t descriptor);
  * *descriptorOut; the caller closes it. On failure *descriptorOut is 0, which is nothing to close.
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for null; ORP_ERR_NOT_CONNECTED; ORP_ERR_TIMEOUT;
- * ORP_ERR_MEMORY; ORP_ERR_PEER_GONE at the end of the stream; ORP_ERR_SYSTEM when the
- * receive failed or was interrupted, and when something else arrived: up to 4096 bytes of that are
- * consumed, and all its descriptors are closed.
+ * ORP_ERR_MEMORY; ORP_ERR_PEER_GONE at the end of the stream; ORP_ERR_SYSTEM when the receive
+ * failed or was interrupted, or when something else arrived. Up to 4096 bytes of that are consumed,
+ * and all its descriptors are closed.
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_RecvFd(int32_t *descriptorOut, uint32_t timeoutMs);
 

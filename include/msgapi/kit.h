@@ -1,5 +1,5 @@
 /*
- * What nearly every daemon needs beside the library: to stay connected when the servers are
+ * What nearly every daemon needs beside the library: staying connected when the servers are
  * restarted, signals as events of the loop, texts of statuses, and all of these in one call.
  *
  * These functions are not in libmsgapi: they are a small static library, libmsgapi-kit, made of
@@ -25,27 +25,27 @@
 #define MSGKIT_MESSAGE_SERVER 0u
 #define MSGKIT_NOTIFY_SERVER 1u /* "cms" and "web" only, see ORP_NOTIFYCLT_InitByName */
 
-/* Learns that the connection to `server` is there (1), the first time, too, or has ended (0). It
- * may make requests and may end it all with msgkit_disconnect(). */
+/* Learns that the connection to `server` has been made (1, also the first time) or has ended (0).
+ * It may make requests and may call msgkit_disconnect(). */
 typedef void (*MSGKIT_CHANGED_PROC)(uint32_t server, uint32_t connected);
 
 /*
- * Connects to the message server as `name` (at most 11 characters) and keeps that connection. An
- * attempt is made at once, inside this call; as long as attempts fail, more follow on the default
- * loop, after 50 ms and then after twice as long each time up to 2 s, less a random part of up to
- * a half. `changed` (may be null) learns of every connection and of every end.
+ * Connects to the message server as `name` (at most 11 characters) and keeps that connection. The
+ * first attempt is made inside this call. While attempts fail, more follow on the default loop:
+ * after 50 ms, then after twice as long each time up to 2 s, less a random part of up to a half.
+ * `changed` (may be null) learns of every connection and of every end.
  *
- * The end of a connection is noticed at once and costs nothing per message. What arrived before is
- * dispatched first. Asynchronous requests that still wait are then answered as timed out, because
- * their answers cannot come any more, and the next connection is made as the first was: the name is
- * registered; what msgkit_subscribe, msgkit_serve_path and msgkit_on_notification were given is
- * made known; the message procedure (ORP_MSG_DefaultMsgProc, unless another one was set before this
- * call or since), the sequence numbers, ulTraceEnabled and the board number of what is sent go on
- * as they were. Procedures registered by type stay registered. Meanwhile sends return
- * ORP_ERR_NOT_CONNECTED. Ends, attempts and connections are logged as module `name`.
+ * The end of a connection is noticed at once; this costs nothing per message. What arrived before
+ * is dispatched first. Pending requests are then answered as timed out, because their answers can
+ * no longer come. The next connection is made as the first was: the name is registered, and what
+ * msgkit_subscribe, msgkit_serve_path and msgkit_on_notification were given is made known. These go
+ * on as they were: procedures registered by type, the message procedure (ORP_MSG_DefaultMsgProc,
+ * unless another one was set before this call or since), the sequence numbers, ulTraceEnabled and
+ * the board number of what is sent. Meanwhile sends return ORP_ERR_NOT_CONNECTED. Ends, attempts
+ * and connections are logged as module `name`.
  *
- * An attempt waits for the server's answer as ORP_MSG_Init does. For "cms" and "web" a connection
- * to the message server is not made while the notify server is missing; once made, the two are kept
+ * An attempt waits for the server's answer as ORP_MSG_Init does. "cms" and "web" do not connect to
+ * the message server while the notify server is missing; once made, the two connections are kept
  * independently. The application must not call ORP_MSG_Destroy or ORP_NOTIFYCLT_Destroy meanwhile.
  *
  * Returns ORP_OK, connected or not; ORP_ERR_ARGUMENT for a name that is null, empty or too long,
@@ -54,25 +54,25 @@ typedef void (*MSGKIT_CHANGED_PROC)(uint32_t server, uint32_t connected);
  */
 MSGAPI_EXTERN_C uint32_t msgkit_stay_connected(const char *name, MSGKIT_CHANGED_PROC changed);
 
-/* Ends the connections and every attempt. What was subscribed and served is kept for a next
- * msgkit_stay_connected(). Without effect when nothing is kept. */
+/* Ends the connections and every attempt. What was subscribed and served is kept for the next
+ * msgkit_stay_connected(). No effect when no connection is kept. */
 MSGAPI_EXTERN_C void msgkit_disconnect(void);
 
 /* 1 while the connection to `server` is there, as far as that has been noticed; else 0. */
 MSGAPI_EXTERN_C uint32_t msgkit_is_connected(uint32_t server);
 
 /*
- * Has `callback` called for events of the type `event`, or with ORP_MSG_ALL_EVENTS for all events,
- * in place of an earlier callback for all; subscribes with this and every later connection. May be
- * called before connecting. There is no way back, as there is none to remove a callback.
+ * Has `callback` called for events of the type `event`, or for all events with ORP_MSG_ALL_EVENTS,
+ * which replaces an earlier callback for all. Subscribes on this and every later connection. May be
+ * called before connecting. It cannot be undone, because callbacks cannot be removed.
  *
  * Returns ORP_OK, ORP_ERR_ARGUMENT for a null callback or a type that is no event, ORP_ERR_MEMORY.
  */
 MSGAPI_EXTERN_C uint32_t msgkit_subscribe(uint32_t event, ORP_EVT_CALLBACK callback);
 
 /*
- * Serves `table` under `path` as ORP_MSG_RegRestfulProcEx does, with this and every later
- * connection. May be called before connecting. Path and table are not copied and must stay.
+ * Serves `table` under `path` as ORP_MSG_RegRestfulProcEx does, on this and every later connection.
+ * May be called before connecting. Path and table are not copied and must stay valid.
  *
  * Returns ORP_OK, ORP_ERR_ARGUMENT for null arguments, ORP_ERR_MEMORY. What the registration itself
  * refuses (a row with too long a name, say) is logged when it is tried.
@@ -82,8 +82,9 @@ MSGAPI_EXTERN_C uint32_t msgkit_serve_path(const char *path, const ORP_MSG_RESTF
 
 /*
  * Sets the procedures (null: none) for notifications and for synchronous requests of the type
- * `type` to this module, with this and every later connection to the notify server: that forgets
- * ORP_NOTIFYCLT_RegAsyncMsgProc with each end. Returns ORP_OK or ORP_ERR_MEMORY.
+ * `type` to this module, on this and every later connection to the notify server. What
+ * ORP_NOTIFYCLT_RegAsyncMsgProc sets is forgotten when a connection ends. Returns ORP_OK or
+ * ORP_ERR_MEMORY.
  */
 MSGAPI_EXTERN_C uint32_t msgkit_on_notification(uint32_t type, ORP_NOTIFYCLT_ASYNC_PROC procedure,
                                                 ORP_NOTIFYCLT_SYNC_PROC requestProcedure);
@@ -94,11 +95,11 @@ MSGAPI_EXTERN_C uint32_t msgkit_on_notification(uint32_t type, ORP_NOTIFYCLT_ASY
 typedef void (*MSGKIT_SIGNAL_PROC)(int32_t signal);
 
 /*
- * Has the default loop call `procedure` after `signal` has arrived, once for any number that
- * arrived meanwhile; null gives the signal its former action back.
+ * Has the default loop call `procedure` after `signal` has arrived, once however often it arrived
+ * meanwhile; null gives the signal its former action back.
  *
- * The signal is caught, not blocked: children have its default action, whoever starts them, and it
- * does not matter which thread gets it. System calls that a signal interrupts are restarted where
+ * The signal is caught, not blocked, so every child has its default action, whoever starts it. It
+ * does not matter which thread gets the signal. System calls that it interrupts are restarted where
  * the kernel does that (signal(7) lists those that are not).
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for a signal that cannot be caught, that reports a fault of the
@@ -109,7 +110,7 @@ MSGAPI_EXTERN_C uint32_t msgkit_on_signal(int32_t signal, MSGKIT_SIGNAL_PROC pro
 
 /* ---- Texts of statuses ------------------------------------------------------------------- */
 
-/* Families of functions use the same numbers with meanings of their own. */
+/* Families of functions give the same numbers different meanings. */
 #define MSGKIT_STATUS_MESSAGES 0u      /* the loop and the message layer (msgapi/status.h) */
 #define MSGKIT_STATUS_STORE 1u         /* the configuration store */
 #define MSGKIT_STATUS_CONFIGURATION 2u /* requests to the configuration manager */
@@ -128,24 +129,23 @@ MSGAPI_EXTERN_C uint32_t msgkit_on_signal(int32_t signal, MSGKIT_SIGNAL_PROC pro
 
 /*
  * The name of the constant ("ORP_ERR_TIMEOUT") and a sentence ("what was waited for did not come in
- * time") for a number that a function of the family returned; families that hand on statuses of the
+ * time") for a number that a function of the family returned. Families that hand on statuses of the
  * message layer or the store know those, too. Never null: "?" and "unknown status" for a number
- * that means nothing there. docs/statuses.md lists them. Numbers of the log client are negative.
+ * that it does not know. docs/statuses.md lists them. Numbers of the log client are negative.
  */
 MSGAPI_EXTERN_C const char *msgkit_status_name(uint32_t family, int64_t status);
 MSGAPI_EXTERN_C const char *msgkit_status_sentence(uint32_t family, int64_t status);
 
 /* ---- A whole daemon ---------------------------------------------------------------------- */
 
-/* Called at the start of a daemon: a status. */
+/* Called at the start of a daemon; returns a status. */
 typedef uint32_t (*MSGKIT_START_PROC)(void);
-/* Called when there is something to do, without saying more. */
+/* Called for one of the occasions below. */
 typedef void (*MSGKIT_PROC)(void);
 
 /*
  * A daemon. Procedures may be null. pfStart registers procedures, paths and subscriptions; any
- * status but ORP_OK ends the daemon. When pfStop is called, the daemon is still connected if it
- * was.
+ * status but ORP_OK ends the daemon. pfStop is called before the connection is given up.
  */
 typedef struct MSGKIT_DAEMON_ST {
   const char *pcName;            /* application and log module; at most 11 characters */
@@ -161,8 +161,8 @@ typedef struct MSGKIT_DAEMON_ST {
  * acknowledges the request, and disconnects. SIGHUP calls pfReload and is ignored without one.
  * Start, end and the reason are logged.
  *
- * A request to exit waits 5 s for its acknowledgement (ORP_MSG_SafeExitProcesses), and so for
- * pfStop.
+ * Who asks it to exit waits 5 s for the acknowledgement (ORP_MSG_SafeExitProcesses): pfStop should
+ * be done by then.
  *
  * Returns the exit status of the process: 0 after an orderly end, 1 when the daemon could not start
  * or the loop failed; the log says why.

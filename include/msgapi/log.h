@@ -7,9 +7,9 @@
  * unlink each other's socket. No call of the log client blocks for longer than 2 seconds. Failures
  * are also reported on standard output in lines that begin with "[MLOG][ERROR][<source line>]: ".
  *
- * A line that the log server does not get goes to standard error instead,
- * "mlog: [<uptime in ms>][<module>][<level name>]:<text>" with control characters shown as "?". Why
- * is said there at most once a minute.
+ * A line that the log server does not get goes to standard error instead, as
+ * "mlog: [<uptime in ms>][<module>][<level name>]:<text>" with control characters shown as "?". The
+ * reason is given there at most once a minute.
  */
 #ifndef MSGAPI_LOG_H
 #define MSGAPI_LOG_H
@@ -35,7 +35,7 @@
 #define MLOG_TYPE_GET_STAT 4u /* payload: MlogStat; the reply is the same with its info filled */
 #define MLOG_TYPE_FLUSH 10u   /* no payload; the reply is a head without payload */
 
-/* Bytes of a datagram: payload at most, and the head (type and length). */
+/* Bytes of a datagram: the longest payload, and the head (type and length). */
 #define MLOG_MAX_PAYLOAD 1016u
 #define MLOG_HEAD_SIZE 8u
 
@@ -44,7 +44,7 @@
 #define MLOG_ERR_SOCKET (-2)  /* transport failure, a receive time-out included */
 #define MLOG_ERR_NETLINK (-4) /* netlink failure */
 
-/* One datagram, 8 + length bytes of it; both numbers in host byte order. */
+/* One datagram: the first 8 + length bytes of this record. Both numbers are in host byte order. */
 typedef struct MlogMsg {
   uint32_t type;                  /* MLOG_TYPE_* */
   uint32_t length;                /* payload bytes */
@@ -55,15 +55,15 @@ typedef struct MlogMsg {
 typedef struct MlogStat {
   char module[256];  /* whose statistics */
   char info[256];    /* their text */
-  uint32_t reserved; /* 0; counted by the length field, which is 516 */
+  uint32_t reserved; /* 0; included in the length field, which is 516 */
 } MlogStat;
 
 /* The name of `level`: "NONE", "FATL", "ERRO", "WARN" or "INFO"; "NONE" for any other number. */
 MSGAPI_EXPORT const char *MlogGetLogLevelString(uint32_t level);
 
 /*
- * The level that `name` or a prefix of its name stands for ("NONE", "FATL", "FATAL", "ERRO",
- * "ERROR", "WARN", "INFO", in any case). 0 for null, for "" and for a name that matches nothing.
+ * The level whose name ("NONE", "FATL", "FATAL", "ERRO", "ERROR", "WARN", "INFO", in any case)
+ * begins with `name`. 0 for null, for "" and for a name that matches nothing.
  */
 MSGAPI_EXPORT uint32_t MlogGetLogLevel(const char *name);
 
@@ -73,9 +73,9 @@ MSGAPI_EXPORT uint32_t MlogGetLogLevel(const char *name);
  * levels 0 and 1 are also printed on standard output. Does nothing for a null `module` or `format`.
  * errno is kept.
  *
- * The client's socket is named after the module: a name that holds "/", that is or begins like one
- * of the server's own files ("mlogServer", "mlogcfg") or that does not fit a socket address cannot
- * be logged under.
+ * The client's socket is named after the module. So a module cannot log when its name holds "/", is
+ * or begins like one of the server's own files ("mlogServer", "mlogcfg"), or does not fit a socket
+ * address.
  */
 MSGAPI_EXPORT void MlogPrint(const char *module, uint32_t level, const char *format, ...)
     MSGAPI_PRINTF(3, 4);
@@ -89,8 +89,8 @@ MSGAPI_EXPORT void MlogPrintWithType(uint32_t printType, const char *module, uin
                                      const char *format, ...) MSGAPI_PRINTF(4, 5);
 
 /*
- * Asks the server to keep `info` (at most 255 characters, as `module`) as the statistics of
- * `module`; there is no reply.
+ * Asks the server to keep `info` as the statistics of `module` (at most 255 characters each); there
+ * is no reply.
  *
  * Returns 0; MLOG_ERR for a null argument, a text that does not fit or a failed send;
  * MLOG_ERR_SOCKET when the client socket cannot be opened.
@@ -117,30 +117,30 @@ MSGAPI_EXPORT int32_t MlogFlushLog(void);
 MSGAPI_EXPORT int32_t MlogUseSharePartion(void);
 
 /*
- * Opens the client socket "/var/mlog/<name>", replacing a file of that name; creates the directory
- * with mode 0770, whatever the umask, when it is missing and gives the socket file mode 0660. The
- * descriptor in *fdOut is closed with MlogSocketClose().
+ * Opens the client socket "/var/mlog/<name>" with mode 0660, replacing a file of that name. A
+ * missing directory is created with mode 0770, whatever the umask. Close the descriptor in *fdOut
+ * with MlogSocketClose().
  *
- * Returns 0, or MLOG_ERR_SOCKET with *fdOut -1: null argument, a name that holds "/", that is or
- * begins like one of the server's own files ("mlogServer", "mlogcfg") or that does not fit, or a
- * system call that failed.
+ * Returns 0, or MLOG_ERR_SOCKET with *fdOut -1 for a null argument, a system call that failed, or a
+ * name that holds "/", is or begins like one of the server's own files ("mlogServer", "mlogcfg"),
+ * or does not fit.
  */
 MSGAPI_EXPORT int32_t MlogSocketOpen(const char *name, int32_t *fdOut);
 
 /*
  * Closes `fd` when it is not negative and removes the socket file "/var/mlog/<name>".
  *
- * Returns 0, also when there is no such file, or MLOG_ERR_SOCKET when `name` is null, longer than
- * 117 characters or one that MlogSocketOpen() refuses by its text; the descriptor is closed all the
- * same.
+ * Returns 0, also when there is no such file; MLOG_ERR_SOCKET when `name` is null, longer than 117
+ * characters or one that MlogSocketOpen() refuses for its text. The descriptor is closed either
+ * way.
  */
 MSGAPI_EXPORT int32_t MlogSocketClose(int32_t fd, const char *name);
 
 /*
  * Sends 8 + length bytes of `msg` to the socket `serverName`, a name in "/var/mlog/" or a path that
  * begins with it. While the receiver's queue is full the call waits, up to 2 seconds in all. The
- * length has no limit of its own: above 1016 the caller's block is larger than an MlogMsg, and no
- * receiver of this library takes it.
+ * length is not limited here, but receivers of this library take at most 1016; for more, the
+ * caller's block must be larger than an MlogMsg.
  *
  * Returns 0, or MLOG_ERR_SOCKET: negative `fd`, null argument, a name that does not fit, or a send
  * that failed.
@@ -150,7 +150,7 @@ MSGAPI_EXPORT int32_t MlogSendMsg(int32_t fd, const MlogMsg *msg, const char *se
 /*
  * Receives one message. `msg->length` must hold the payload capacity of the block at `msg` (at most
  * 1016): nothing is written beyond 8 + capacity bytes. Waits for `timeoutSec` seconds, at most 30;
- * 0 waits for ever. With `peerNameBuf` not null and a positive `peerNameSize` the path of the
+ * 0 waits for ever. When `peerNameBuf` is not null and `peerNameSize` is positive, the path of the
  * sender's socket is stored there ("" for a sender without one).
  *
  * Returns 0 for a message whose length field agrees with its size; otherwise MLOG_ERR_SOCKET:
@@ -164,7 +164,8 @@ MSGAPI_EXPORT int32_t MlogRecvMsg(int32_t fd, MlogMsg *msg, uint32_t timeoutSec,
 /*
  * MlogSendMsg() and then MlogRecvMsg(); the two messages may be one block.
  *
- * Returns 0, or MLOG_ERR_SOCKET as those two do; for a capacity above 1016 before anything is sent.
+ * Returns 0, or MLOG_ERR_SOCKET as those two do. A capacity above 1016 is refused before anything
+ * is sent.
  */
 MSGAPI_EXPORT int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMsg *recvMsg,
                                       uint32_t timeoutSec, const char *serverName);
@@ -178,7 +179,8 @@ MSGAPI_EXPORT int32_t MlogSendRecvMsg(int32_t fd, const MlogMsg *sendMsg, MlogMs
 MSGAPI_EXPORT int32_t MlogNetlinkOpen(int32_t *fdOut);
 
 /*
- * Sends `size` bytes to the kernel in one netlink message of type 3, padded to a multiple of 4.
+ * Sends `size` bytes to the kernel in one netlink message (netlink(7)) of type 3, padded to a
+ * multiple of 4.
  *
  * Returns 0, or MLOG_ERR_NETLINK: negative `fd`, null `data`, size 0 or above 8 MiB, no memory, or
  * a failed send.

@@ -10,8 +10,8 @@
 #include "msgapi/export.h"
 #include "msgapi/messages.h"
 
-/* Bytes of the records that travel: a login or check and its result, a limit, a query and its
- * answer. msgapi/login_records.h has those of the reference service. */
+/* Bytes of the records that travel: a login or check, its result, a limit, a query, its answer.
+ * msgapi/login_records.h has the records of the reference service. */
 #define ORP_LCTRL_REQUEST_SIZE 200u
 #define ORP_LCTRL_RESULT_SIZE 20u
 #define ORP_LCTRL_LIMIT_SIZE 8u
@@ -24,9 +24,10 @@
 #define ORP_LCTRL_ERR_REPLY 0x2cf0001u    /* a reply shorter than the record */
 
 /*
- * Report a login attempt, and ask whether a client may try: `request` is a record of
- * ORP_LCTRL_REQUEST_SIZE bytes, `result` one of ORP_LCTRL_RESULT_SIZE. Waits up to 4 s, and after a
- * time-out, with a line on standard output, once more. `result` is untouched on failure.
+ * Login reports a login attempt, Check asks whether a client may try. `request` is a record of
+ * ORP_LCTRL_REQUEST_SIZE bytes, `result` one of ORP_LCTRL_RESULT_SIZE; `result` is untouched on
+ * failure. Waits up to 4 s; after a time-out a line is printed on standard output and the request
+ * is repeated once. Returns one of the statuses above, or that of ORP_MSG_SendAndRecv.
  */
 MSGAPI_EXPORT uint32_t ORP_LCTRLAPI_Login(const void *request, void *result);
 MSGAPI_EXPORT uint32_t ORP_LCTRLAPI_Check(const void *request, void *result);

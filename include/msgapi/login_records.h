@@ -2,10 +2,10 @@
  * The records of the reference login control service, which the functions of msgapi/login.h copy
  * whole. On a product the product's own service defines them. C99.
  *
- * The service counts failed logins of each client and account. After the limit is reached the
+ * The service counts failed logins for each client and account. When the limit is reached, the
  * client is forbidden that account for a while: the first round lasts the configured time, each
  * further one twice as long, up to a day. A successful login, or a day without an attempt, makes
- * the service forget. Times that ran on while the service was down count as not passed.
+ * the service forget. Time during which the service is down does not count.
  *
  * Integers are in the host's byte order, texts NUL-terminated.
  */

@@ -5,12 +5,12 @@
  * One thread runs a loop and makes all calls on it and its watchers; nothing is locked.
  *
  * Watchers. Every watcher record begins with an OrpUvWatcher. Records come from the library's
- * constructors or from the caller's malloc(), never from static storage or the stack: from
- * initialisation on the record belongs to its loop. Deleting a watcher only marks it; the loop
- * unlinks and frees it with free() at the next safe point of a run. A callback may therefore start,
- * stop or delete any watcher, its own included, stop the loop, or run it again: what is deleted is
- * freed inside that callback only by such an inner run, which spares the callback's own watcher.
- * docs/loop.md tells the order of an iteration and when things are freed.
+ * constructors or from the caller's malloc(), never from static storage or the stack, because a
+ * record belongs to its loop once it is initialised. Deleting a watcher only marks it; the loop
+ * unlinks it and frees it with free() at the next safe point of a run. A callback may therefore
+ * start, stop or delete any watcher, its own included, stop the loop, or run it again. Inside that
+ * callback only such an inner run frees what is deleted, and it spares the callback's own watcher.
+ * docs/loop.md describes the order of an iteration and when things are freed.
  *
  * Descriptors. A loop watches descriptors 0 to 1023. A watcher on any other descriptor is kept
  * but never waited for, as if it had none.
@@ -28,7 +28,7 @@
 
 struct ORP_MSG_HEADER_ST;
 
-/* The loop and the watchers, whose records are below. Forced events are the library's own. */
+/* The loop and the watchers; their records are below. Forced events are the library's own. */
 typedef struct OrpUvLoop OrpUvLoop;
 typedef struct OrpUvWatcher OrpUvWatcher;
 typedef struct OrpUvTimer OrpUvTimer;
@@ -49,7 +49,7 @@ typedef struct OrpUvForced OrpUvForced;
 #define ORP_UV_MSG 0x20u      /* with ORP_UV_IO: a message watcher */
 
 /* Further bits of OrpUvWatcher.status. Other bits belong to the library. */
-#define ORP_UV_MSG_RAW 0x40u   /* set by the user: a message is what one read returns */
+#define ORP_UV_MSG_RAW 0x40u   /* set by the user: whatever one read returns is a message */
 #define ORP_UV_REDIRECT 0x800u /* with ORP_UV_IO: a pipe of a child process */
 #define ORP_UV_DELETED 0x1000u /* waiting to be freed by the loop */
 #define ORP_UV_COUNTED 0x2000u /* counts in the loop's activeCount while active */
@@ -79,7 +79,7 @@ struct OrpUvLoop {
   uint32_t activeCount;    /* started watchers that are counted */
   uint32_t idleTime;       /* ms without event after which a run ends; 0: never */
   OrpUvWatcher *watchers;  /* all watchers in order of initialisation */
-  OrpUvIdle *deferredFree; /* its data word holds the list of OrpUvLoopSafeFree, or null */
+  OrpUvIdle *deferredFree; /* null, or its data word holds the list of OrpUvLoopSafeFree */
   OrpUvIdle *reaper;       /* reaps child processes; null until the first spawn */
   OrpUvForced *forced;     /* forced events that wait for delivery */
   /* What is armed for reading, exceptional conditions and writing; a wait takes copies. */
@@ -94,8 +94,8 @@ struct OrpUvLoop {
 /* ---- The loop ---------------------------------------------------------------------------- */
 
 /*
- * Makes `loop` an empty loop, whatever it held: the record is zeroed, so watchers and forced
- * events of an earlier use are forgotten, not freed. Null is ignored.
+ * Makes `loop` an empty loop. The record is zeroed, so watchers and forced events of an earlier use
+ * are forgotten, not freed. Null is ignored.
  */
 MSGAPI_EXPORT void OrpUvLoopInit(OrpUvLoop *loop);
 
@@ -103,9 +103,10 @@ MSGAPI_EXPORT void OrpUvLoopInit(OrpUvLoop *loop);
 MSGAPI_EXPORT OrpUvLoop *OrpUvLoopGetDefault(void);
 
 /*
- * Lowers the time-out of the coming wait to `time` when that is smaller. The time-out is set anew
- * by the timer pass at the start of every iteration, so this is for idle procedures, which run
- * between that and the wait. Starting a timer lowers it by itself. A null time is ignored.
+ * Lowers the time-out of the coming wait to `time` when `time` is smaller. The timer pass at the
+ * start of every iteration sets the time-out anew, so this is for idle procedures, which run
+ * between that pass and the wait. Starting a timer lowers the time-out by itself. A null time is
+ * ignored.
  */
 MSGAPI_EXPORT void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_ST *time);
 
@@ -113,8 +114,8 @@ MSGAPI_EXPORT void OrpUvLoopUpdateSelectTimeout(OrpUvLoop *loop, const ORP_TIME_
 MSGAPI_EXPORT void OrpUvLoopSetIdleTime(OrpUvLoop *loop, uint32_t idleMs);
 MSGAPI_EXPORT uint32_t OrpUvLoopGetIdleTime(OrpUvLoop *loop);
 
-/* Ends a run after the step that is under way: the innermost one or, when none is under way, the
- * next one at once. Null is ignored: it does not stand for the default loop here. */
+/* Ends the innermost run after the step that is under way. When no run is under way, the next one
+ * ends at once. Null is ignored: it does not stand for the default loop here. */
 MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
 
 /*
@@ -130,11 +131,11 @@ MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
  * - sets the idle time and the counter for the run around it, too.
  *
  * Returns ORP_OK after OrpUvLoopStop; ORP_ERR_SYSTEM when select() failed, which is printed;
- * ORP_ERR_TIMEOUT when `idleMs` is not 0 and a wait of at least its whole seconds saw no event.
- * That is a wait of the idle time or one up to the next timer, which does not fire then; below 1000
- * ms any wait without event ends the run. A forced event is an event: while one is queued no idle
- * time passes. A watched descriptor that turns out to be closed does not end the run: its watcher
- * loses it (fd -1), with a console line.
+ * ORP_ERR_TIMEOUT when `idleMs` is not 0 and a wait without event lasted at least the whole seconds
+ * of `idleMs`. Such a wait is one of the idle time, or one up to the next timer, which then does
+ * not fire. With `idleMs` below 1000 any wait without event ends the run. A forced event is an
+ * event: while one is queued no idle time passes. A watched descriptor that turns out to be closed
+ * does not end the run: its watcher loses it (fd -1), with a console line.
  */
 MSGAPI_EXPORT uint32_t OrpUvLoopRun(OrpUvLoop *loop, uint32_t idleMs);
 /* The same. */
@@ -147,18 +148,18 @@ MSGAPI_EXPORT int32_t OrpUvLoopGetMaxFd(OrpUvLoop *loop);
 MSGAPI_EXPORT uint64_t OrpUvLoopGetCurIdx(OrpUvLoop *loop);
 
 /*
- * Frees all watchers and forced events, and data waiting in OrpUvLoopSafeFree, and makes the loop
- * empty again. Descriptors of I/O watchers are not closed. Asynchronous requests whose time-out
- * timer dies here are freed without a call. Called inside a callback of a run of the loop, the
- * watchers are out of use at once and their memory is freed by that run. Null is ignored: it does
- * not stand for the default loop here.
+ * Frees all watchers and forced events, and the blocks given to OrpUvLoopSafeFree, and makes the
+ * loop empty again. Descriptors of I/O watchers are not closed. Pending requests whose time-out
+ * timer dies here are freed without a call. When this is called inside a callback of a run of the
+ * loop, the watchers are out of use at once and that run frees their memory. Null is ignored: it
+ * does not stand for the default loop here.
  */
 MSGAPI_EXPORT void ORP_UV_LoopDestroy(OrpUvLoop *loop);
 
 /*
- * Hands a malloc'd block to the loop's deferred free. This works only on a loop whose deferredFree
- * watcher exists, and nothing in this library creates it: ORP_ERR_ARGUMENT without it (the block
- * stays the caller's). ORP_ERR_MEMORY without memory for the list entry (likewise), else ORP_OK.
+ * Hands a malloc'd block to the loop's deferred free. Returns ORP_OK; ORP_ERR_ARGUMENT when the
+ * loop has no deferredFree watcher, which nothing in this library creates; ORP_ERR_MEMORY without
+ * memory for the list entry. After an error the block stays the caller's.
  */
 MSGAPI_EXPORT uint32_t OrpUvLoopSafeFree(OrpUvLoop *loop, void *data);
 
@@ -175,8 +176,8 @@ MSGAPI_EXPORT uint32_t OrpUvWatcherInit(OrpUvLoop *loop, OrpUvWatcher *watcher, 
  * or a watcher without loop. */
 MSGAPI_EXPORT uint32_t OrpUvWatcherStart(OrpUvWatcher *watcher);
 
-/* Marks the watcher stopped and deleted: the loop frees it at its next safe point, unless it is
- * started again before. ORP_ERR_ARGUMENT for null or a watcher without loop. */
+/* Marks the watcher stopped and deleted: the loop frees it at its next safe point, unless it has
+ * been started again by then. ORP_ERR_ARGUMENT for null or a watcher without loop. */
 MSGAPI_EXPORT uint32_t OrpUvWatcherDelete(OrpUvWatcher *watcher);
 
 /* Calls `procedure` on every watcher of the loop in order of initialisation; it may delete any.
@@ -198,7 +199,7 @@ struct OrpUvTimer {
   int32_t expiryUsec;
 
   uint32_t interval;       /* ms; 0: never fires */
-  uint32_t count;          /* times to fire; 0: for ever */
+  uint32_t count;          /* how often to fire; 0: for ever */
   ORP_TIMER_PROC callback; /* null: the timer ends with the next iteration */
   char name[16];           /* NUL-terminated; "" without one */
 };
@@ -209,7 +210,7 @@ struct OrpUvTimer {
  * OrpUtilTimerChgPeriod gives it another. The first 15 characters of `name` (may be null) are kept
  * in the record.
  *
- * A timer that fires late is not caught up: its next expiry is one interval after the start of the
+ * A timer that fires late does not catch up: its next expiry is one interval after the start of the
  * iteration that fired it. Timers due together fire in the order of their creation. A timer that is
  * started after the timer pass of an iteration shortens that iteration's wait.
  *
@@ -237,8 +238,8 @@ MSGAPI_EXPORT void OrpUtilTimerDel(OrpUvTimer *timer);
 MSGAPI_EXPORT void OrpTimerSafeDel(OrpUvTimer **timer);
 
 /*
- * Gives the timer a new interval, the first one from now. An interval below 10 ms takes effect as
- * 10 ms the first time and as given afterwards; 0 puts the timer to sleep until the next change.
+ * Gives the timer a new interval that begins now. An interval below 10 ms takes effect as 10 ms the
+ * first time and as given afterwards; 0 puts the timer to sleep until the next change.
  * Null is ignored. The result carries no meaning.
  */
 MSGAPI_EXPORT uint32_t OrpUtilTimerChgPeriod(OrpUvTimer *timer, uint32_t intervalMs);
@@ -251,14 +252,14 @@ MSGAPI_EXPORT uint32_t OrpUtilTimerChgPeriod(OrpUvTimer *timer, uint32_t interva
 MSGAPI_EXPORT void OrpUtilTimerGetIntv(const ORP_TIME_ST *later, const ORP_TIME_ST *earlier,
                                        ORP_TIME_ST *result);
 
-/* For timers in records of the caller: initialises one (no callback, interval 0, not started).
+/* Initialises a timer in a record of the caller (no callback, interval 0, not started).
  * ORP_ERR_ARGUMENT for a null timer. */
 MSGAPI_EXPORT uint32_t OrpUvTimerInit(OrpUvLoop *loop, OrpUvTimer *timer);
 /* Starts it as ORP_TIMER_AddWithName describes. ORP_ERR_ARGUMENT for null or a timer without loop.
  */
 MSGAPI_EXPORT uint32_t OrpUvTimerStart(OrpUvTimer *timer, uint32_t intervalMs, uint32_t count,
                                        ORP_TIMER_PROC callback, ORP_WORD data);
-/* OrpUvWatcherDelete. A deleted timer does not fire, also when it is due and not yet freed. */
+/* OrpUvWatcherDelete. A deleted timer does not fire, even when it is due and not yet freed. */
 MSGAPI_EXPORT uint32_t OrpUvTimerDelete(OrpUvTimer *timer);
 
 /* ---- Idle procedures --------------------------------------------------------------------- */
@@ -282,8 +283,8 @@ MSGAPI_EXPORT OrpUvIdle *ORP_UV_IdleStart(OrpUvLoop *loop, ORP_UV_IDLE_PROC proc
 MSGAPI_EXPORT OrpUvIdle *OrpUvIdleStart(OrpUvLoop *loop, ORP_UV_IDLE_PROC proc);
 
 /*
- * Deletes the watcher. Its procedure may still be called, in every iteration until the loop has
- * freed the record: a procedure that must not run after this checks its own state.
+ * Deletes the watcher. Its procedure may still be called in every iteration until the loop has
+ * freed the record: a procedure that must do nothing after this has to check its own state.
  * ORP_ERR_ARGUMENT for null.
  */
 MSGAPI_EXPORT uint32_t OrpUvIdleStop(OrpUvIdle *watcher);
@@ -325,23 +326,23 @@ MSGAPI_EXPORT uint32_t OrpUvIoStop(OrpUvIo *watcher, uint32_t events);
 MSGAPI_EXPORT uint32_t OrpUvIoDelete(OrpUvIo *watcher);
 
 /*
- * Queues a call of the watcher's callback with `events` for the next iteration, which does not wait
- * for descriptors then. Forced events are delivered in the order of this call, and instead of the
- * ready descriptors of that iteration. Calls made while forced events are being delivered wait for
- * the iteration after. What is queued for a watcher dies with it.
+ * Queues a call of the watcher's callback with `events` for the next iteration. That iteration does
+ * not wait, and delivers forced events, in the order in which they were queued, instead of ready
+ * descriptors. What is queued while forced events are being delivered waits for the iteration
+ * after. What is queued for a watcher dies with it.
  *
  * ORP_ERR_ARGUMENT for null or a watcher without loop, ORP_ERR_MEMORY.
  */
 MSGAPI_EXPORT uint32_t OrpUvIoForcedLoop(OrpUvIo *watcher, uint32_t events);
 
 /*
- * With `on` non-zero the dispatch pass that is under way ends when the current callback returns:
- * for callbacks that close or replace descriptors whose ready bits may belong to others by then.
- * ORP_ERR_ARGUMENT for null or a watcher without loop.
+ * With `on` non-zero the pass that is under way ends when the current callback returns. This is for
+ * callbacks that close or replace descriptors: a ready bit might belong to another descriptor by
+ * then. ORP_ERR_ARGUMENT for null or a watcher without loop.
  */
 MSGAPI_EXPORT uint32_t OrpUvIoSkipLoop(OrpUvIo *watcher, uint32_t on);
 
-/* The first I/O watcher of the loop on `fd`, also when it is deleted but not yet freed; or null. */
+/* The loop's first I/O watcher on `fd`, even one that is deleted but not yet freed; or null. */
 MSGAPI_EXPORT OrpUvIo *OrpUvIoFindByFd(OrpUvLoop *loop, int32_t fd);
 
 /* ---- Message watchers -------------------------------------------------------------------- */
@@ -349,15 +350,15 @@ MSGAPI_EXPORT OrpUvIo *OrpUvIoFindByFd(OrpUvLoop *loop, int32_t fd);
 /*
  * A message watcher reads whole messages from a connected socket. A framed message is a header of
  * headerSize bytes followed by as many body bytes as lengthProc says; with ORP_UV_MSG_RAW set in
- * the status a message is what one read of up to 1024 bytes returns. A message goes to the first
- * pending entry that it answers, otherwise to msgProc. It is freed when that procedure returns,
- * which copies what it wants to keep. At least 16 zero bytes stand after the message, which no
- * length mentions.
+ * the status a message is whatever one read of up to 1024 bytes returns. A message goes to the
+ * first pending entry that it answers, otherwise to msgProc. The procedure copies what it wants to
+ * keep, because the message is freed when it returns. At least 16 zero bytes follow the message; no
+ * length mentions them.
  *
  * A message is read within one callback. It is dropped when a second passes without more of it,
- * when it is longer than 0x8000000 bytes, and when there is no memory for it. The stream is out of
- * step then, which is the user's to notice. At the end of the stream the watcher stays armed but
- * its descriptor is not waited for any more, until reading is armed anew.
+ * when it is longer than 0x8000000 bytes, and when there is no memory for it. The stream is then
+ * out of step, and the user has to notice that. At the end of the stream the watcher stays armed,
+ * but its descriptor is not waited for until reading is armed anew.
  */
 
 /* The number of body bytes after the header. A non-zero *flag asks for completeProc. */
@@ -368,9 +369,9 @@ typedef void (*ORP_UV_MSG_PROC)(struct ORP_MSG_HEADER_ST *message);
 typedef uint32_t (*ORP_UV_MSG_MATCH_PROC)(const struct ORP_MSG_HEADER_ST *message, uint32_t key1,
                                           uint32_t key2);
 /*
- * Completes a message whose body has been read. It may replace *message by another malloc'd block
- * (having freed the old one) or free it and set null. Returns ORP_OK, or a status with which the
- * message is dropped; the watcher then frees what *message holds.
+ * Completes a message whose body has been read. It may free *message and store another malloc'd
+ * block, or null, in its place. Returns ORP_OK; after any other status the message is dropped, and
+ * the watcher frees what *message holds.
  */
 typedef uint32_t (*ORP_UV_MSG_COMPLETE_PROC)(struct ORP_MSG_HEADER_ST **message);
 /* Takes the answer to a request; with `timedOut` 1 there is none and `message` is null. */
@@ -381,7 +382,7 @@ typedef void (*ORP_UV_MSG_ANSWER_PROC)(struct ORP_MSG_HEADER_ST *message, uint32
 struct OrpUvMsg {
   OrpUvIo io;                            /* on the connection; type ORP_UV_IO | ORP_UV_MSG */
   uint32_t headerSize;                   /* bytes read before lengthProc is asked */
-  ORP_UV_MSG_LENGTH_PROC lengthProc;     /* of the body after a header */
+  ORP_UV_MSG_LENGTH_PROC lengthProc;     /* how long the body after a header is */
   ORP_UV_MSG_PROC msgProc;               /* may be null: messages are dropped */
   ORP_UV_MSG_MATCH_PROC matchProc;       /* null: pending entries are never answered */
   ORP_UV_MSG_COMPLETE_PROC completeProc; /* may be null */
@@ -390,11 +391,11 @@ struct OrpUvMsg {
 
 /*
  * A request that waits for its answer: a malloc'd record that the requester appends to a watcher's
- * `pending`, with a timer of count 1 on UvMsgWatcherTimeout whose data is the entry. The entry
- * belongs to the watcher then: it is taken out of the list and its timer is ended before answerProc
- * is called, and it is freed when that returns. An entry outlives a watcher that is freed first and
- * is then timed out by its timer; without a timer, or with one that sleeps, it is freed with the
- * watcher, without a call.
+ * `pending`. Its timer has count 1, calls UvMsgWatcherTimeout and has the entry as its data. From
+ * then on the entry belongs to the watcher. It is taken out of the list and its timer is ended
+ * before answerProc is called; it is freed when answerProc returns. When the watcher is freed
+ * first, an entry with a running timer lives on until that times it out; any other entry is freed
+ * with the watcher, without a call.
  */
 struct OrpUvMsgPending {
   OrpUvMsgPending *link;             /* null: the last one */
@@ -408,8 +409,8 @@ struct OrpUvMsgPending {
 
 /*
  * Initialises a message watcher in a malloc'd record of the caller on the connected socket `fd`,
- * with `msgProc` (may be null) and no pending entries. headerSize, lengthProc, matchProc and
- * completeProc are the caller's to fill in, before or after this call, which leaves them alone.
+ * with `msgProc` (may be null) and no pending entries. The caller fills in headerSize, lengthProc,
+ * matchProc and completeProc, before or after this call, which leaves them alone.
  * ORP_ERR_ARGUMENT for a null watcher.
  */
 MSGAPI_EXPORT uint32_t OrpUvMsgInit(OrpUvLoop *loop, OrpUvMsg *watcher, int32_t fd,

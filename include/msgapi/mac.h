@@ -26,15 +26,15 @@
 MSGAPI_EXPORT uint32_t ORP_UTIL_GetBytesMacAddress(const char *ifName, uint8_t mac[ORP_MAC_SIZE]);
 
 /*
- * The same into an output of `size` bytes, of which the first 6 are written. Returns 1 also when
- * `size` is below 6.
+ * The same with an output of `size` bytes: the first 6 are written. Returns 1 also when `size` is
+ * below 6.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_GetMacAddressByInterfaceName(const char *ifName, uint8_t *mac,
                                                              uint32_t size);
 
 /*
- * Writes the hardware address of `ifName` to `out` in upper case ("00:1A:2B:3C:4D:5E"). On any
- * failure of the kinds above, and when `size` is below 18, `out` is an empty string.
+ * Writes the hardware address of `ifName` to `out` in upper case ("00:1A:2B:3C:4D:5E"). `out` is
+ * empty after any of the failures above and when `size` is below 18.
  */
 MSGAPI_EXPORT void ORP_UTIL_GetWanMacAddr(const char *ifName, char *out, uint32_t size);
 
@@ -52,40 +52,39 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetSecureMacAddress(const char *text, char *out,
 
 /*
  * Masks every octet. With `maskAll` non-zero `out` becomes "**:**:**:**:**:**" and `text` is not
- * looked at. Otherwise `text` must have 17 characters; it is copied and the two characters at each
- * octet's place are overwritten, so its own separators survive ("**-**-**-**-**-**"). `out` may be
- * `text` itself. Nothing happens when `out` is null, `size` is below 18, or `text` does not fit the
- * description.
+ * read. Otherwise `text` must have 17 characters; it is copied and the two characters at each
+ * octet's place are overwritten, so its separators stay ("**-**-**-**-**-**"). `out` may be `text`
+ * itself. Nothing happens when `out` is null, `size` is below 18, or `text` has another length.
  */
 MSGAPI_EXPORT void ORP_UTIL_DisguiseMacAddress(uint32_t maskAll, const char *text, char *out,
                                                uint32_t size);
 
 /*
  * Writes the first four octets of `text` in upper case and masks the last two:
- * "00:1A:22:33:**:**". Octets that cannot be read as hexadecimal digits, once the ":" are taken
- * out, are shown as 00. `out` may be `text` itself. Nothing happens unless `text` has 17 characters
- * and `size` is at least 18.
+ * "00:1A:22:33:**:**". The ":" are taken out first; octets that are then no hexadecimal digits are
+ * shown as 00. `out` may be `text` itself. Nothing happens unless `text` has 17 characters and
+ * `size` is at least 18.
  */
 MSGAPI_EXPORT void ORP_UTIL_BIDisguiseMacAddress(const char *text, char *out, uint32_t size);
 
 /*
- * Reads the hexadecimal digits of `text` into `mac`. A `separator` other than 0 is taken out first
- * (of what is left only 17 characters count); with 0 the text must have at most 17 characters.
- * Reads as ORP_UTIL_HexStr2Bin does: `mac` is untouched when the digits are none or odd in number,
- * and from the first pair on that does not read.
+ * Reads the hexadecimal digits of `text` into `mac`, as ORP_UTIL_HexStr2Bin does. A `separator`
+ * other than 0 is taken out first (only 17 characters of what is left count); with 0 the text must
+ * have at most 17 characters. `mac` stays as it was from the first pair that does not read, and as
+ * a whole when there are no digits or an odd number of them.
  */
 MSGAPI_EXPORT void ORP_UTIL_MacStrToByte(const char *text, char separator,
                                          uint8_t mac[ORP_MAC_SIZE]);
 
 /*
- * Prints the address `mac`, of which `count` bytes (at least 6) are given, in lower case to `out`.
- * Returns `out`; or null, with `out` untouched, when `count` is below 6 or `size` below 18.
+ * Prints the address `mac` in lower case to `out`. `count` is the number of bytes at `mac`. Returns
+ * `out`; or null, with `out` untouched, when `count` is below 6 or `size` below 18.
  */
 MSGAPI_EXPORT char *ORP_UTIL_Macntoa(const uint8_t *mac, uint32_t count, char *out, uint32_t size);
 
 /*
- * Reads pairs of hexadecimal digits from `text`, whose length must be even and not 0, into `out`,
- * until the text ends or `size` bytes are filled. Pairs are read as scanf's "%2X" reads them; the
+ * Reads pairs of hexadecimal digits from `text` into `out` until the text ends or `size` bytes are
+ * filled. The text's length must be even and not 0. Pairs are read as scanf's "%2X" reads them; the
  * first that does not read ends the conversion, and the rest of `out` stays as it was.
  */
 MSGAPI_EXPORT void ORP_UTIL_HexStr2Bin(uint8_t *out, uint32_t size, const char *text);

@@ -1,8 +1,8 @@
 /*
- * Numbers of the message types that the library and the servers use: each stands here and nowhere
- * else. docs/message-protocol.md lists what such a message carries; a name in a body is a field of
- * ORP_APP_NAME_SIZE bytes. Types are 20 bits wide; applications take theirs from what is free here
- * and describe them to tools as docs/message-types.md says.
+ * Numbers of the message types that the library and the servers use; each stands here and nowhere
+ * else. docs/message-protocol.md lists what each message carries. A name in a body is a field of
+ * ORP_APP_NAME_SIZE bytes. Types are 20 bits wide. Applications take numbers that are free here and
+ * describe them to tools as docs/message-types.md says.
  */
 #ifndef MSGAPI_MESSAGES_H
 #define MSGAPI_MESSAGES_H
@@ -16,7 +16,7 @@
 #define ORP_MSG_COUNT_PROCESSES 0x705u /* body: name; the reply's ulMsgData is the count */
 #define ORP_MSG_EXIT 0x706u            /* orderly exit of an application */
 #define ORP_MSG_KEEP_ALIVE 0x708u      /* to the server, periodically when it asked for it */
-#define ORP_MSG_STOP_WATCHDOG 0x709u   /* no more keep-alives are to be expected */
+#define ORP_MSG_STOP_WATCHDOG 0x709u   /* the sender sends no more keep-alives */
 #define ORP_MSG_FACTORY_MODE 0x70au    /* the reply's ulMsgData: 1 in the factory */
 #define ORP_MSG_REBOOT 0x500eu         /* ulMsgData: mode */
 
@@ -69,7 +69,7 @@
 /* In a subscription: every event. */
 #define ORP_MSG_ALL_EVENTS 0x2da00u
 
-/* Subscribers receive this event and those after it as JSON, those before it as the bytes that were
+/* Subscribers receive events from this number on as JSON, lower ones as the bytes that were
  * published. */
 #define ORP_MSG_FIRST_JSON_EVENT 0x2da64u
 

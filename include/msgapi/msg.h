@@ -3,9 +3,9 @@
  * connection to the message server, sending, receiving, synchronous and asynchronous requests, and
  * dispatch to message procedures.
  *
- * A message is one heap block: the 40-byte header and right after it `ulDataLen` body bytes. It is
- * owned by whoever holds the pointer and released with free(). docs/message-protocol.md describes
- * what travels, docs/ownership.md who frees what.
+ * A message is one heap block: the 40-byte header, then `ulDataLen` body bytes. Whoever holds the
+ * pointer owns it and releases it with free(), unless a function says otherwise.
+ * docs/message-protocol.md describes what travels, docs/ownership.md who frees what.
  *
  * One thread owns the connection, the event loop and all callbacks; nothing here is locked.
  *
@@ -38,33 +38,33 @@ typedef struct ORP_MSG_HEADER_ST {
   uint32_t ulDataLen;                 /* body bytes that follow the header */
 } ORP_MSG_HEADER_ST;
 
-/* Bytes of the header; the body begins so far after the message's address. */
+/* Bytes of the header: the body begins at this offset. */
 #define ORP_MSG_HEADER_SIZE 40u
 
 /* The type proper: the only bits of ulMsgType by which types are compared. */
 #define ORP_MSG_TYPE_MASK 0x000fffffu
-/* The body on the wire is the path of the file that holds the real body. */
+/* The body on the wire is the path of the hand-over file that holds the real body. */
 #define ORP_MSG_TYPE_BODY_IN_FILE 0x10000000u
 /* The sender's board number, 0 to 7, in bits 29 to 31. */
 #define ORP_MSG_TYPE_BOARD_SHIFT 29
 #define ORP_MSG_TYPE_BOARD_MASK 0xe0000000u
 
-/* Longer bodies travel through a file. */
+/* Longer bodies travel in a hand-over file. */
 #define ORP_MSG_MAX_INLINE_BODY 2048u
 /* Longer bodies are refused on receipt. */
 #define ORP_MSG_MAX_BODY 0x8000000u
 /* Longer bodies are dropped by ORP_MSG_FilterProc. */
 #define ORP_MSG_MAX_DISPATCHED_BODY 0x200000u
-/* The body of a message whose real body is in a file: its NUL-terminated, zero-filled path, which
- * begins with ORP_MSG_HAND_OVER_PREFIX. */
+/* The body of a message whose real body is in a hand-over file: the file's path, which begins with
+ * ORP_MSG_HAND_OVER_PREFIX, and zeros up to this size. */
 #define ORP_MSG_HAND_OVER_PATH_SIZE 260u
 #define ORP_MSG_HAND_OVER_PREFIX "/var/run/msg/msg_file_"
 #define ORP_MSG_SERVER_PATH "/var/run/msgsvr"
 
 /* ---- The message context ----------------------------------------------------------------- */
 
-/* A message or, where a procedure's description says so, null. The message stays the caller's; a
- * procedure copies what it keeps. */
+/* Takes a message or, where a function says so, null. The message stays the caller's; a procedure
+ * copies what it keeps. */
 typedef void (*ORP_MSG_PROC)(ORP_MSG_HEADER_ST *message);
 /* Answers a message with a new block, which the caller frees, or null for no answer. */
 typedef ORP_MSG_HEADER_ST *(*ORP_MSG_SYNC_PROC)(ORP_MSG_HEADER_ST *message);
@@ -102,17 +102,18 @@ MSGAPI_EXPORT_DATA ORP_MSG_CTX_ST g_stMsgCtx;
 
 /*
  * Connects the process to the message server as `appName` (null: without a name) and puts the
- * connection on the default event loop: SIGPIPE is ignored from here on, messages reach
- * ORP_MSG_FilterProc, the name is registered (a server may confirm another one), the notify client
- * is started and messages put aside by synchronous waits are dispatched when the loop is idle.
- * When the registration reply asks for it, a loop timer sends the keep-alive for ever.
- *
- * When already connected nothing happens and the first name stays.
+ * connection on the default event loop. From here on
+ * - SIGPIPE is ignored;
+ * - the name is registered (a server may confirm another one);
+ * - messages reach ORP_MSG_FilterProc; those that were put aside do when the loop is idle;
+ * - the notify client runs;
+ * - a loop timer sends keep-alives for ever, if the registration reply asks for them.
+ * When the process is connected already, nothing happens and the first name stays.
  *
  * Returns ORP_OK; ORP_ERR_SOCKET when the socket cannot be made or connected (no connection; a log
  * line of the module "msg" says why); ORP_ERR_MEMORY without memory for the watcher (the socket
- * stays open); otherwise the status of ORP_NOTIFYCLT_InitByName, after whose failure the context is
- * destroyed. A failed registration is not returned: it shows as a destroyed context,
+ * stays open); otherwise the status of ORP_NOTIFYCLT_InitByName, and when that failed the context
+ * is destroyed. A failed registration is not returned: it shows as a destroyed context, with
  * `g_stMsgCtx.slSocket` -1.
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_Init(const char *appName);
@@ -129,7 +130,7 @@ MSGAPI_EXPORT uint32_t ORP_MSG_InitWithoutHandle(const char *appName);
  * send waits at most a second in the kernel. An earlier connection is not looked at.
  *
  * Returns ORP_OK, ORP_ERR_ARGUMENT for a null address, ORP_ERR_SOCKET when the address does not
- * parse or the connection fails, or what the registration returned (the context is destroyed):
+ * parse or the connection fails, or the status of a failed registration (the context is destroyed):
  * ORP_ERR_EMPTY_NAME, ORP_ERR_ARGUMENT for a reply without keep-alive words, or a status of
  * ORP_MSG_SendAndRecv.
  */
@@ -137,23 +138,23 @@ MSGAPI_EXPORT uint32_t ORP_MSG_InitSlaveApp(const char *appName, const char *ser
                                             uint16_t port);
 
 /*
- * Closes the connection (never descriptor 0) and clears the context; a new ORP_MSG_Init may
- * follow. The message watcher stays in its loop, without a descriptor and without messages; what
- * the queue of messages put aside still held is given up unread.
+ * Closes the connection (never descriptor 0) and clears the context; a new ORP_MSG_Init may follow.
+ * The message watcher stays in its loop, without a descriptor and without messages. Messages that
+ * were put aside are given up unread.
  */
 MSGAPI_EXPORT void ORP_MSG_Destroy(void);
 
-/* Runs the process's event loop without end in normal operation; returns the status of the loop
- * (see ORP_UTIL_SockBaseStart) when that ends. */
+/* Runs the process's event loop, in normal operation without end. When the loop ends, returns its
+ * status (see ORP_UTIL_SockBaseStart). */
 MSGAPI_EXPORT uint32_t ORP_MSG_GetAndDispatch(void);
 
 /* Sets the one procedure that ORP_MSG_FilterProc calls; null clears it. */
 MSGAPI_EXPORT void ORP_MSG_RegisterMsgProc(ORP_MSG_PROC procedure);
 
 /*
- * Replaces the trace stream. What was kept so far is closed. `descriptor` is taken over: when
- * tracing is enabled (g_stMsgCtx.ulTraceEnabled) and a stream can be opened on it, it is kept in
- * the context, otherwise it is closed.
+ * Replaces the trace stream; the former one is closed. `descriptor` is taken over: it is kept in
+ * the context when tracing is enabled (g_stMsgCtx.ulTraceEnabled) and a stream can be opened on it,
+ * otherwise it is closed.
  */
 MSGAPI_EXPORT void ORP_MSG_TraceProc(int32_t descriptor);
 
@@ -165,9 +166,10 @@ MSGAPI_EXPORT void ORP_MSG_SimpleBuilder(ORP_MSG_HEADER_ST *header, const char *
                                          uint32_t type, uint32_t data);
 
 /*
- * The response to `request`, in a new block that the caller frees: same type and sequence number,
- * addressed to the request's sender, with a copy of the body when `body` is not null. Null when
- * `request` is null, `bodyLen` is 0x7FFFFFD7 or more, or without memory (blocks are at most 8 MiB).
+ * The answer to `request`, in a new block that the caller frees: same type and sequence number,
+ * addressed to the request's sender, with ulMsgData `data` and, when `body` is not null, a copy of
+ * its `bodyLen` bytes. Null when `request` is null, `bodyLen` is 0x7FFFFFD7 or more, or without
+ * memory (blocks are at most 8 MiB).
  */
 MSGAPI_EXPORT ORP_MSG_HEADER_ST *ORP_MSG_MsgRespBuilder(const ORP_MSG_HEADER_ST *request,
                                                         uint32_t data, const void *body,
@@ -177,8 +179,8 @@ MSGAPI_EXPORT ORP_MSG_HEADER_ST *ORP_MSG_MsgRespBuilder(const ORP_MSG_HEADER_ST 
  * or null without memory (blocks are at most 8 MiB). Free it by its header, ORP_MSG_GetMsgHead. */
 MSGAPI_EXPORT void *ORP_MSG_GetMsgBlock(uint32_t bodyLen);
 
-/* Makes a message of the caller's `buffer`: clears the header and gives the rest to the body, whose
- * address is returned. Null when `buffer` is null or smaller than 40 bytes. */
+/* Makes a message of the caller's `buffer`: clears the header and gives the rest to the body.
+ * Returns the body's address; null when `buffer` is null or smaller than 40 bytes. */
 MSGAPI_EXPORT void *ORP_MSG_GetMsgBlockEx(void *buffer, uint32_t bufferLen);
 
 /* The header in front of a message body; null for null. */
@@ -194,8 +196,7 @@ MSGAPI_EXPORT ORP_MSG_HEADER_ST *ORP_MSG_Duplicate(const ORP_MSG_HEADER_ST *mess
 /* Reverses the bytes of the four integers in place; null is ignored. */
 MSGAPI_EXPORT void ORP_MSG_HeadEndianSwap(ORP_MSG_HEADER_ST *header);
 
-/* Always 0: bodies travel in the sender's byte order and converting them is the application's
- * business. */
+/* Always 0: bodies travel in the sender's byte order, and the application converts them. */
 MSGAPI_EXPORT uint32_t ORP_MSG_BodyNeedEndianSwap(const ORP_MSG_HEADER_ST *message);
 
 /* The fixed text "V1.01". */
@@ -204,9 +205,9 @@ MSGAPI_EXPORT const char *ORP_MSG_GetVersion(void);
 /* ---- Sending ----------------------------------------------------------------------------- */
 
 /*
- * A send hook sees every message before it is written. Setting *handled (0 at the call) makes its
- * return value the status of the send and nothing is written; otherwise the message goes to
- * *descriptor, which the hook may have changed.
+ * A send hook sees every message before it is written. *handled is 0 at the call. When the hook
+ * sets it, nothing is written and the hook's return value is the status of the send. Otherwise the
+ * message goes to *descriptor, which the hook may have changed.
  */
 typedef uint32_t (*ORP_MSG_SEND_HOOK)(ORP_MSG_HEADER_ST *message, uint32_t *handled,
                                       int32_t *descriptor);
@@ -217,7 +218,7 @@ MSGAPI_EXPORT_DATA ORP_MSG_SEND_HOOK g_pfMsgSendHook;
 /*
  * Sends `message` to the message server on the process's connection, with the process's name as
  * sender. The caller keeps the message; its type is reduced to the 20 bits of the type proper. A
- * body above 2048 bytes is handed over through a file, and the message is left as it is.
+ * body above 2048 bytes travels in a hand-over file; the message itself still holds it afterwards.
  *
  * Waits up to 10 s until the connection can be written. Returns ORP_OK;
  *   ORP_ERR_ARGUMENT      null message
@@ -231,7 +232,7 @@ MSGAPI_EXPORT_DATA ORP_MSG_SEND_HOOK g_pfMsgSendHook;
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_Send(ORP_MSG_HEADER_ST *message);
 
-/* Sends on a given descriptor: offers the message, also a null one, to the send hook, then
+/* Sends on a given descriptor: offers the message, even a null one, to the send hook, then calls
  * ORP_MSG_SendTo. Leaves aucSendApp as it is. Statuses of ORP_MSG_SendTo or of the hook. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendEx(int32_t descriptor, ORP_MSG_HEADER_ST *message);
 
@@ -244,16 +245,16 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendTo(int32_t descriptor, ORP_MSG_HEADER_ST *mes
                                       const struct sockaddr *address, uint32_t addressLength);
 
 /* Sends a header-only message to `dstApp` (null or empty: the server) with a fresh sequence number.
- * Status of ORP_MSG_Send, here and in the following functions. */
+ * This and the following functions return the status of ORP_MSG_Send. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendSimpleMsg(const char *dstApp, uint32_t type, uint32_t data);
 
 /* The same with the given sequence number. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendSimpleMsgWithSeqNum(const char *dstApp, uint32_t type,
                                                        uint32_t data, uint32_t seq);
 
-/* Sends a copy of `body`, with sequence number 0 and data 0; with a null `body` as
- * ORP_MSG_SendSimpleMsg. Also ORP_ERR_MEMORY: bodyLen not below 0xFFFFFFD7, or no memory (blocks
- * are at most 8 MiB). */
+/* Sends a copy of `body`, with sequence number 0 and data 0; with a null `body` does what
+ * ORP_MSG_SendSimpleMsg does. Also ORP_ERR_MEMORY, for a bodyLen of 0xFFFFFFD7 or more and without
+ * memory (blocks are at most 8 MiB). */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendMsgData(const char *dstApp, uint32_t type, const void *body,
                                            uint32_t bodyLen);
 
@@ -270,34 +271,34 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendMsgDataWithDataSeq(const char *dstApp, uint32
 /* Accepted and ignored: ORP_OK, and nothing is sent or freed. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SendRealTimeMsg(ORP_MSG_HEADER_ST *message);
 
-/* Subscribes `appName` to `event` at the server, or cancels that. ORP_OK without sending anything
- * for a null name. */
+/* Subscribes `appName` to `event` at the server, or cancels that subscription. For a null name
+ * nothing is sent and ORP_OK is returned. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SubscribeEventForOtherApp(uint32_t event, const char *appName);
 MSGAPI_EXPORT uint32_t ORP_MSG_UnSubscribeEventForOtherApp(uint32_t event, const char *appName);
 
 /* ---- Receiving --------------------------------------------------------------------------- */
 
 /*
- * Reads one message from `descriptor` into a new block, stored in *messageOut, that the caller
- * frees. 16 zero bytes that no length mentions stand after its body, so text may be read as a
- * string. `timeoutMs` bounds the wait for the header and for each further piece of the body; with
- * 0 the header may take 20 s and the body is read without a bound.
+ * Reads one message from `descriptor` into a new block, stored in *messageOut; the caller frees it.
+ * 16 zero bytes, which no length mentions, follow the body, so text may be read as a string.
+ * `timeoutMs` bounds the wait for the header and for each further piece of the body. With 0 the
+ * header may take 20 s and the body is read without a bound.
  *
- * With `convert` 0 the header stays as it arrived: flags in the type, foreign byte order, a large
- * body still in its file. Otherwise it is brought to host order, the type reduced to its 20 bits,
- * the sender's board recorded in the context, and a large body fetched from its file, which is
- * deleted.
+ * With `convert` 0 the message stays as it arrived: flags in the type, foreign byte order, a large
+ * body still in its hand-over file. Otherwise the header is brought to host order, the type is
+ * reduced to its 20 bits, the sender's board is recorded in the context, and a large body is
+ * fetched from its file, which is deleted.
  *
  * On failure *messageOut is null and the stream may be out of step: give the connection up.
  * Returns ORP_OK;
  *
- *   ORP_ERR_ARGUMENT   negative descriptor, null messageOut, or a body file that is not where body
- *                      files are or is longer than ORP_MSG_MAX_BODY (it is deleted)
+ *   ORP_ERR_ARGUMENT   negative descriptor, null messageOut, a hand-over file outside its place, or
+ *                      one longer than ORP_MSG_MAX_BODY (it is deleted)
  *   ORP_ERR_PEER_GONE  the peer closed the connection
  *   ORP_ERR_TIMEOUT    nothing came in time, or the descriptor is not open
  *   ORP_ERR_MEMORY     no memory, or a body longer than ORP_MSG_MAX_BODY (it is not read)
- *   ORP_ERR_SYSTEM     a read failed, fewer than 40 bytes came as a header, or the body file cannot
- *                      be read or is no regular file
+ *   ORP_ERR_SYSTEM     a read failed, fewer than 40 bytes came as a header, or the hand-over file
+ *                      cannot be read or is no regular file
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_ReceiveWithEndian(int32_t descriptor, ORP_MSG_HEADER_ST **messageOut,
                                                  uint32_t timeoutMs, uint32_t convert);
@@ -314,16 +315,15 @@ MSGAPI_EXPORT uint32_t ORP_MSG_ReceiveManual(ORP_MSG_HEADER_ST **messageOut, uin
 
 /*
  * Sends `request` with a fresh sequence number and waits for the answer: the first message of the
- * request's type (20 bits), from whatever sender and with whatever sequence number. It is stored in
- * *responseOut and the caller frees it; *responseOut is null otherwise. Every other message that
- * arrives meanwhile is put aside, in a queue, and dispatched later, in order. `timeoutMs` 0
- * means 60 s.
+ * request's type (20 bits), from any sender and with any sequence number. The answer is stored in
+ * *responseOut and the caller frees it; on failure *responseOut is null. Every other message that
+ * arrives meanwhile is put aside and dispatched later, in order. `timeoutMs` 0 means 60 s.
  *
  * A request addressed to the process itself is handed straight to ORP_MSG_FilterProc; its answer
  * still comes through the server.
  *
- * A send hook does not see the request while the process has no name or is named "mic" (the
- * registration excepted).
+ * While the process has no name or is named "mic", a send hook does not see the request, unless it
+ * is the registration.
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for null arguments; ORP_ERR_PEER_GONE when the server reports
  * that the request cannot be delivered or the connection ends; ORP_ERR_TIMEOUT after the time-out
@@ -338,8 +338,8 @@ MSGAPI_EXPORT uint32_t ORP_MSG_SendAndReceiveWithAppName(ORP_MSG_HEADER_ST *requ
                                                          ORP_MSG_HEADER_ST **responseOut,
                                                          uint32_t timeoutMs);
 
-/* The waiting half of ORP_MSG_SendAndRecv: `request` has been sent already. *responseOut is null on
- * failure, here and below. */
+/* The waiting half of ORP_MSG_SendAndRecv: `request` has been sent already. Here and below,
+ * *responseOut is null on failure. */
 MSGAPI_EXPORT uint32_t ORP_MSG_RecvResp(const ORP_MSG_HEADER_ST *request,
                                         ORP_MSG_HEADER_ST **responseOut, uint32_t timeoutMs);
 
@@ -366,10 +366,10 @@ typedef void (*ORP_MSG_ANSWER_PROC)(ORP_MSG_HEADER_ST *message, uint32_t timedOu
                                     ORP_WORD userData);
 
 /*
- * Sends `request` with a fresh sequence number and returns; the event loop calls `callback` with
- * the message that has the same type (20 bits) and sequence number, or after `timeoutMs`. With a
- * `timeoutMs` of 0 the request waits for its answer without end. An answer that a synchronous wait
- * puts aside counts from then on, and reaches the callback when the loop goes on.
+ * Sends `request` with a fresh sequence number and returns. The event loop calls `callback` with
+ * the message that has the same type (20 bits) and sequence number, or after `timeoutMs` without
+ * one. A `timeoutMs` of 0 waits without end. An answer that a synchronous wait puts aside has come
+ * in time, and reaches the callback when the loop goes on.
  *
  * Needs ORP_MSG_Init. Returns ORP_OK; ORP_ERR_ARGUMENT for a null argument or without a message
  * watcher; ORP_ERR_MEMORY (the request has been sent, the callback will not be called); or the
@@ -378,12 +378,12 @@ typedef void (*ORP_MSG_ANSWER_PROC)(ORP_MSG_HEADER_ST *message, uint32_t timedOu
 MSGAPI_EXPORT uint32_t ORP_MSG_AsyncSendAndReceive(ORP_MSG_HEADER_ST *request, uint32_t timeoutMs,
                                                    ORP_WORD userData, ORP_MSG_ANSWER_PROC callback);
 
-/* How many processes are registered under `appName`, asked from the server; 0 for null and after
- * any failure. Waits up to 5 s. */
+/* Asks the server how many processes are registered under `appName`; 0 for null and after any
+ * failure. Waits up to 5 s. */
 MSGAPI_EXPORT uint32_t ORP_MSG_GetNumOfProcesses(const char *appName);
 
 /* Asks `appName` to exit, waits up to 5 s for its acknowledgement, then tells the server. Returns
- * the bitwise OR of the two statuses; ORP_OK, without doing anything, for null. */
+ * the bitwise OR of the two statuses. For null nothing is done and ORP_OK is returned. */
 MSGAPI_EXPORT uint32_t ORP_MSG_SafeExitProcesses(const char *appName);
 
 /* Appends a message to the queue at `head` (the address of the pointer to its first node). The
@@ -406,7 +406,7 @@ MSGAPI_EXPORT void ORP_MSG_QueueClear(void);
 
 /*
  * The gate through which every message enters the application: calls the procedure that
- * ORP_MSG_RegisterMsgProc set, also with a null message. A message whose sender or destination has
+ * ORP_MSG_RegisterMsgProc set, even with a null message. A message whose sender or destination has
  * no NUL is refused with a console line; one with a body above 0x200000 bytes is dropped. The
  * message stays the caller's.
  */
@@ -441,10 +441,11 @@ MSGAPI_EXPORT uint32_t ORP_MSG_RegisterSyncMsgProc(uint32_t type, ORP_MSG_SYNC_P
 MSGAPI_EXPORT void ORP_MSG_UnRegisterMsgProc(ORP_MSG_REG_HANDLE handle);
 
 /*
- * Calls every registered procedure of the message's type. A message that none takes goes to the
- * event subscriptions (types 0x2DA00 to 0x2DAFF), or, as 0x706 addressed to one of the daemons
- * dhcps, ssdpd, ntwksync, kobridge, devmngr, coapclient and datacli, is acknowledged and ends the
- * process with exit status 0. Null is ignored. The message stays the caller's.
+ * Calls every registered procedure of the message's type. When there is none, an event (types
+ * 0x2DA00 to 0x2DAFF) goes to the event subscriptions, and a request to exit (0x706) addressed to
+ * one of the daemons dhcps, ssdpd, ntwksync, kobridge, devmngr, coapclient and datacli is
+ * acknowledged and ends the process with exit status 0. Null is ignored. The message stays the
+ * caller's.
  */
 MSGAPI_EXPORT void ORP_MSG_DefaultMsgProcs(ORP_MSG_HEADER_ST *message);
 

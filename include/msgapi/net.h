@@ -17,13 +17,13 @@
 #define ORP_SOCKET_IPV6 0x4u
 #define ORP_SOCKET_UNIX 0x8u /* a Unix-domain stream socket; the address is its path */
 
-/* What server-socket functions return instead of a descriptor. */
+/* What server-socket functions return on failure. */
 #define ORP_INVALID_SOCKET 0xFFFFFFFFu
 
 /*
- * One address of a list, field by field what the C library's struct addrinfo is. A record that the
- * library makes is one block: the record, the address `addr` points to, and the canonical name if
- * there is one. Lists are released with ORP_UTIL_FreeAddrInfo.
+ * One address of a list; its fields are those of struct addrinfo (getaddrinfo(3)). A record that
+ * the library makes is one block: the record, the address that `addr` points to, and the canonical
+ * name if there is one. Release lists with ORP_UTIL_FreeAddrInfo.
  */
 typedef struct ORP_UTIL_ADDRINFO_ST {
   int32_t flags;                     /* AI_* */
@@ -37,9 +37,9 @@ typedef struct ORP_UTIL_ADDRINFO_ST {
 } ORP_UTIL_ADDRINFO_ST;
 
 /*
- * A resolver that takes the place of ORP_UTIL_GetIpAddresses: called with that function's
- * arguments, `*out` being null, it stores a list made by the library's functions and returns a
- * status, which becomes the caller's.
+ * A resolver that takes the place of ORP_UTIL_GetIpAddresses. It is called with that function's
+ * arguments, with `*out` null, stores a list made by the library's functions, and returns the
+ * status that ORP_UTIL_GetIpAddresses then returns.
  */
 typedef uint32_t (*ORP_UTIL_NAME_RESOLVE)(const char *host, ORP_WORD argument, uint32_t port,
                                           ORP_UTIL_ADDRINFO_ST **out);
@@ -47,21 +47,21 @@ typedef uint32_t (*ORP_UTIL_NAME_RESOLVE)(const char *host, ORP_WORD argument, u
 /*
  * Creates a server socket that is bound but not listening; its descriptor is close-on-exec.
  *
- * With ORP_SOCKET_UNIX `address` is a path (at most 107 characters; of a longer one the first 107
- * are used, after the line "UtilCreateUnixDomainSock getpath error ."). A file that is already at
- * the path is removed, the socket is bound there, given to group 2591 by the command "chown" when
- * the path is safe in a command (ORP_VALID_CmdArgs), and given the permissions 0660. `port` and
+ * With ORP_SOCKET_UNIX `address` is a path of at most 107 characters. A longer one is cut to 107,
+ * with the line "UtilCreateUnixDomainSock getpath error .". A file that is already at the path is
+ * removed, and the socket is bound there with the permissions 0660. When the path is safe in a
+ * command (ORP_VALID_CmdArgs), the command "chown" gives the socket to group 2591. `port` and
  * `device` do not count.
  *
  * Otherwise `address` is a numeric IPv4 or IPv6 address (one with ":" implies ORP_SOCKET_IPV6),
  * null for all addresses, or the name of an interface: the socket is then bound to all addresses
  * and to that interface. `port` is at most 65535; 0 lets the kernel choose.
  *
- * The socket gets SO_REUSEADDR, the platform's receive options (type of service and receive
- * device; an option that the kernel does not have is reported on standard output and left out),
- * TCP_NODELAY, for UDP a receive time-out of 2 seconds, and for IPv6 IPV6_V6ONLY. The scope of an
- * IPv6 address is the interface `device` or, when that is null, "br0" for link-local addresses and
- * for every UDP socket; a scope within `address` does not count.
+ * The socket gets SO_REUSEADDR, TCP_NODELAY, the platform's receive options (type of service and
+ * receive device), for UDP a receive time-out of 2 seconds, and for IPv6 IPV6_V6ONLY. A receive
+ * option that the kernel does not have is reported on standard output and left out. The scope of an
+ * IPv6 address is the interface `device`; when that is null, it is "br0" for link-local addresses
+ * and for every UDP socket. A scope within `address` does not count.
  *
  * Returns the descriptor, or ORP_INVALID_SOCKET, with errno of the call that failed if one did.
  */
@@ -74,9 +74,9 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_SocketCreateServer(const char *address, uint32_t
 
 /*
  * Clears O_NONBLOCK, shuts the socket down in both directions and closes the descriptor; other
- * kinds of descriptors are closed too. Returns 0, also for an interrupted close, after which the
- * descriptor is gone on Linux, and for a negative descriptor, which is ignored; otherwise
- * 0xFFFFFFFF with errno set.
+ * kinds of descriptors are closed too. Returns 0, or 0xFFFFFFFF with errno set. Also 0 for an
+ * interrupted close, which releases the descriptor (close(2)), and for a negative descriptor, which
+ * is ignored.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_SocketClose(int32_t fd);
 
@@ -90,9 +90,9 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_SocketSetMcastIf(int32_t fd, const char *ifName)
 /*
  * Joins the multicast group `group` (numeric) on the socket `fd` and allows broadcasts on it.
  *
- * The family of `local` says which: for AF_INET the group is joined at, and multicasts leave from,
- * the interface that has the address `local`; for AF_INET6 the group is joined at the interface
- * `ifName`, and a failure to do so is not reported.
+ * The family of `local` chooses the interface. For AF_INET it is the one that has the address
+ * `local`: the group is joined there, and multicasts leave from it. For AF_INET6 the group is
+ * joined at the interface `ifName`, and a failure to do so is not reported.
  *
  * Returns 0; ORP_ERR_ARGUMENT for a negative descriptor, null arguments, a `local` without an IPv4
  * or IPv6 address, or an IPv4 group that cannot be read; or ORP_ERR_SYSTEM when an IPv4 group
@@ -113,13 +113,13 @@ MSGAPI_EXPORT void ORP_UTIL_RegNameResolveFunc(ORP_UTIL_NAME_RESOLVE resolver);
  * Resolves `host` to a list of stream-socket addresses with `port` (at most 65535) in *out, which
  * is set to null first.
  *
- * With a hook installed the hook does all of it and `argument` is for the hook alone. Otherwise the
- * C library resolves, with one repetition when it asks to try again: to IPv4 addresses, or to
- * addresses of any family when the configuration parameter 0x6A205A01 is 1 and `host` is not an
- * IPv4 address. May block for as long as the system's resolver does.
+ * A hook, when installed, does all of it; `argument` is for the hook alone. Otherwise the C library
+ * resolves, and once more when it says EAI_AGAIN: to IPv4 addresses, or to addresses of any family
+ * when the configuration parameter 0x6A205A01 is 1 and `host` is not an IPv4 address. May block for
+ * as long as the system's resolver does.
  *
  * Returns 0, after which the caller owns *out (ORP_UTIL_FreeAddrInfo); ORP_ERR_ARGUMENT for null
- * pointers and for a port that is none (with the line "ORP_UTIL_GetIpAddresses copy port error.");
+ * pointers and for a port above 65535 (with the line "ORP_UTIL_GetIpAddresses copy port error.");
  * ORP_ERR_MEMORY; ORP_ERR_SYSTEM when there is no such name; or what the hook returns.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_GetIpAddresses(const char *host, ORP_WORD argument, uint32_t port,
@@ -161,7 +161,7 @@ MSGAPI_EXPORT void ORP_UTIL_FreeAddrInfo(ORP_UTIL_ADDRINFO_ST *list);
 MSGAPI_EXPORT uint32_t ORP_UTIL_IsAddrInfoSame(const ORP_UTIL_ADDRINFO_ST *left,
                                                const ORP_UTIL_ADDRINFO_ST *right);
 
-/* 1 when the record holds 127.0.0.1 (not any other address of 127/8) or ::1; else 0, also for
+/* 1 when the record holds 127.0.0.1 or ::1; else 0, also for other addresses of 127/8 and for
  * null. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_IsAddrLoopback(const ORP_UTIL_ADDRINFO_ST *record);
 

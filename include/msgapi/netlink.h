@@ -1,6 +1,6 @@
 /*
- * The kernel over netlink: a datagram for the platform's load-balancing module, and the traffic
- * counters of an interface.
+ * The kernel over netlink (netlink(7), rtnetlink(7)): a datagram for the platform's load-balancing
+ * module, and the traffic counters of an interface.
  */
 #ifndef MSGAPI_NETLINK_H
 #define MSGAPI_NETLINK_H
@@ -22,11 +22,11 @@ typedef struct ORP_UTIL_DEV_STATS_ST {
   /* Bad packets and failures to send, in all; the kinds are told apart below. */
   uint32_t rx_errors;
   uint32_t tx_errors;
-  /* Packets for which there was no room or, received, no use. */
+  /* Packets for which there was no room, and received ones that nobody wanted. */
   uint32_t rx_dropped;
   uint32_t tx_dropped;
   uint32_t multicast;  /* multicast packets received */
-  uint32_t collisions; /* met while sending */
+  uint32_t collisions; /* while sending */
   /* The kinds of rx_errors. */
   uint32_t rx_length_errors;
   uint32_t rx_over_errors;
@@ -63,14 +63,14 @@ MSGAPI_EXPORT uint32_t ORP_Netlink_SendToKernel(const void *data, uint32_t len, 
 
 /*
  * Fills `stats` with the counters of the interface `ifName` (1 to 15 characters), read over routing
- * netlink; leaves it as it was on any failure: no such interface, an answer longer than 2048 bytes,
+ * netlink. Leaves it as it was on any failure: no such interface, an answer longer than 2048 bytes,
  * no sockets. Null arguments and an empty name do nothing. When the kernel answers with an error
  * message, errno holds its number.
  *
  * The first call opens two sockets that the process keeps; a forked child opens its own. When they
- * cannot be opened the call prints "error for netlink init\r" and the next one tries again. The
- * netlink socket's port id is the process id with the bits of 0x98765421 set: of two processes
- * whose ids differ in no other bit only the first can read. One caller at a time.
+ * cannot be opened, the call prints "error for netlink init\r" and the next one tries again. The
+ * netlink socket's port id is the process id with the bits of 0x98765421 set. When the ids of two
+ * processes differ in no other bit, only the first can read. One caller at a time.
  */
 MSGAPI_EXPORT void ORP_UTIL_GetDevStats(const char *ifName, ORP_UTIL_DEV_STATS_ST *stats);
 

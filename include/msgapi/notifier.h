@@ -1,6 +1,6 @@
 /*
- * Notifiers: ordered lists of procedures that different parts of an application register, and that
- * are called one after another. For one thread.
+ * Notifiers: ordered lists of procedures. Different parts of an application register them, and one
+ * notification calls them all in order. For one thread.
  */
 #ifndef MSGAPI_NOTIFIER_H
 #define MSGAPI_NOTIFIER_H
@@ -48,8 +48,8 @@ typedef struct ORP_UTIL_NOTIFIER_HOOKS_ST {
 } ORP_UTIL_NOTIFIER_HOOKS_ST;
 
 /*
- * Makes an empty notifier whose procedures get `context`. No call frees a notifier: it is meant to
- * live as long as the process. One without entries, outside a notification, may be freed with
+ * Makes an empty notifier whose procedures get `context`. It is meant to live as long as the
+ * process, so no function frees it; outside a notification, one without entries may be freed with
  * free(). *notifierOut is null on failure. ORP_OK, ORP_ERR_ARGUMENT for a null address, or
  * ORP_ERR_MEMORY.
  */
@@ -58,8 +58,8 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierInitEx(ORP_WORD context,
 
 /*
  * Registers a procedure in front of the first entry with a greater priority number: lower numbers
- * are called first, equal ones in the order of registration. A notification that is under way calls
- * a new procedure, too, if its place comes after the next entry.
+ * are called first, equal ones in the order of registration. A notification that is under way also
+ * calls a new procedure if its place is after the next entry.
  *
  * *entryOut (may be null) receives the entry, or null on failure. ORP_OK; ORP_ERR_ARGUMENT without
  * notifier, pair or procedure; ORP_ERR_MEMORY.
@@ -80,9 +80,9 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_NotifierReverseReg(ORP_UTIL_NOTIFIER_ST *notifie
                                                    ORP_UTIL_NOTIFIER_ENTRY_ST **entryOut);
 
 /*
- * Removes an entry, which is not called any more. It is freed at once or, during a notification,
- * when the outermost one ends: a procedure may remove any entry, its own included. Null arguments
- * and entries of other notifiers are ignored.
+ * Removes an entry: it is not called any more, and freed at once or, during a notification, when
+ * the outermost one ends. A procedure may remove any entry, its own included. Null arguments and
+ * entries of other notifiers are ignored.
  */
 MSGAPI_EXPORT void ORP_UTIL_NotifierUnReg(ORP_UTIL_NOTIFIER_ST *notifier,
                                           ORP_UTIL_NOTIFIER_ENTRY_ST *entry);

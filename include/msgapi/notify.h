@@ -25,7 +25,7 @@
 #define ORP_NOTIFYCLT_ERR_TIMEOUT 0x10004u      /* nothing to read in time; EPIPE when writing */
 #define ORP_NOTIFYCLT_ERR_MEMORY 0x10005u       /* no memory, too long, or not in the loop */
 #define ORP_NOTIFYCLT_ERR_IO 0x10006u           /* another error of read or write */
-#define ORP_NOTIFYCLT_ERR_NOT_WRITABLE 0x10007u /* the server takes nothing for 10 seconds */
+#define ORP_NOTIFYCLT_ERR_NOT_WRITABLE 0x10007u /* the server took nothing for 10 seconds */
 
 /* Module ids run from 1 to ORP_NOTIFYCLT_MODULES - 1. */
 #define ORP_NOTIFYCLT_MODULES 110u
@@ -33,7 +33,7 @@
 #define ORP_NOTIFYCLT_SERVER 30u
 #define ORP_NOTIFYCLT_REGISTER 0u
 
-/* The server's socket, and a client's own by process id. */
+/* The server's socket, and a client's own, named after its process id. */
 #define ORP_NOTIFYCLT_DIRECTORY "/var/run/notify"
 #define ORP_NOTIFYCLT_SERVER_NAME "notifyserver"
 #define ORP_NOTIFYCLT_CLIENT_PATH ORP_NOTIFYCLT_DIRECTORY "/client%05d"
@@ -50,7 +50,7 @@
  * bytes of data follow it.
  */
 typedef struct NOTIFY_MSG {
-  uint32_t msg_type;      /* by which the receiver finds its procedure */
+  uint32_t msg_type;      /* selects the receiver's procedure */
   uint32_t seq_num;       /* the sender's running number, from 1; a reply carries its request's */
   uint32_t source_id;     /* module id of the sender */
   uint32_t des_id;        /* module id of the receiver */
@@ -65,20 +65,20 @@ typedef struct NOTIFY_MSG {
 } NOTIFY_MSG;
 
 /*
- * Procedures. Data and items are valid until the procedure returns and are followed by at least 16
- * zero bytes that no length mentions.
+ * Procedures. Data and items are valid until the procedure returns. At least 16 zero bytes, which
+ * no length mentions, follow them.
  *
  * A synchronous procedure takes a request and hands over its reply: a malloc'd block, which the
- * client frees, in *reply and its length in *replyLen; both are preset to "no data". It is also
- * called, with null for both, for a reply that nobody waits for (any more).
+ * client frees, in *reply, and its length in *replyLen. Both are preset to "no data". The procedure
+ * is also called for a reply that nobody waits for (any more); both pointers are then null.
  */
 typedef void (*ORP_NOTIFYCLT_SYNC_PROC)(void *data, uint32_t *replyLen, void **reply);
 /* The same for every type without such a procedure. Mind the order of the arguments. */
 typedef void (*ORP_NOTIFYCLT_SYNC_ANY_PROC)(uint32_t msgType, void *data, void **reply,
                                             uint32_t *replyLen);
 /*
- * Takes a notification. `first` is null when there is no data, `second` when its length is 0; an
- * item whose stated length does not lie inside the data is null, too.
+ * Takes a notification. `first` is null when there is no data, `second` when its length is 0. An
+ * item whose stated length runs past the data is null, too.
  */
 typedef void (*ORP_NOTIFYCLT_ASYNC_PROC)(void *first, void *second);
 /* The same for every type without such a procedure. */
@@ -94,8 +94,8 @@ typedef void (*ORP_NOTIFYCLT_ASYNC_ANY_PROC)(uint32_t msgType, void *first, void
  * cannot be sent; ORP_NOTIFYCLT_ERR_MEMORY when the loop does not take the connection. A failure
  * once there is a socket leaves the client as ORP_NOTIFYCLT_Destroy does.
  *
- * When the server ends the connection, that is printed once and the loop stops reading from it;
- * sends fail from then on, and ORP_NOTIFYCLT_Destroy makes way for a new Init.
+ * When the server ends the connection, a line is printed once, the loop stops reading and sends
+ * fail. After ORP_NOTIFYCLT_Destroy a new Init is possible.
  */
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_Init(uint32_t moduleId);
 
@@ -104,15 +104,15 @@ MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_Init(uint32_t moduleId);
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_InitByName(const char *name);
 
 /* Closes the connection and forgets everything: module id, sequence number, procedures, messages
- * that were put aside. Only the count of sends that failed in a row lives on. The client's own
- * socket is removed from the file system by the process that made it, here or in exit(). */
+ * that were put aside. Only the count of sends that failed in a row is kept. The process that made
+ * the client's own socket removes it from the file system, here or in exit(). */
 MSGAPI_EXPORT void ORP_NOTIFYCLT_Destroy(void);
 
 /*
  * Uses the connected stream socket `fd` (-1: none) for all further traffic and for
- * ORP_NOTIFYCLT_Destroy, which closes it when it is above 0. Nothing else changes: the loop goes
- * on watching the connection of ORP_NOTIFYCLT_Init, where the module is registered, and when that
- * is ready, a message is read from `fd`. The former descriptor is not closed.
+ * ORP_NOTIFYCLT_Destroy, which closes it when it is above 0. Nothing else changes: the loop goes on
+ * watching the connection of ORP_NOTIFYCLT_Init, where the module is registered. When that one is
+ * ready, a message is read from `fd`. The former descriptor is not closed.
  */
 MSGAPI_EXPORT void ORP_NOTIFYCLT_SwitchSock(int32_t fd);
 
@@ -122,15 +122,15 @@ MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_GetMIDByName(const char *name);
 MSGAPI_EXPORT const char *ORP_NOTIFYCLT_GetNameByMID(uint32_t moduleId);
 
 /*
- * Set the procedure (null: none) for synchronous and asynchronous messages of one type, in place of
- * an earlier one. Possible before ORP_NOTIFYCLT_Init, too, which keeps them unless it fails.
- * ORP_NOTIFYCLT_OK or ORP_NOTIFYCLT_ERR_MEMORY.
+ * Set the procedure (null: none) for synchronous requests, or for notifications, of one type, in
+ * place of an earlier one. They may be called before ORP_NOTIFYCLT_Init, which keeps the procedures
+ * unless it fails. Return ORP_NOTIFYCLT_OK or ORP_NOTIFYCLT_ERR_MEMORY.
  */
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_RegSyncMsgProc(uint32_t msgType, ORP_NOTIFYCLT_SYNC_PROC proc);
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_RegAsyncMsgProc(uint32_t msgType,
                                                      ORP_NOTIFYCLT_ASYNC_PROC proc);
-/* Sets the two procedures (null: none) for the types without one of their own. The spelling is the
- * exported one. */
+/* Sets the two procedures (null: none) for the types without one of their own. The name is exported
+ * with this spelling. */
 MSGAPI_EXPORT void ORP_NOTIYCLT_RegMsgProc(ORP_NOTIFYCLT_SYNC_ANY_PROC syncProc,
                                            ORP_NOTIFYCLT_ASYNC_ANY_PROC asyncProc);
 
@@ -139,9 +139,9 @@ MSGAPI_EXPORT void ORP_NOTIYCLT_RegMsgProc(ORP_NOTIFYCLT_SYNC_ANY_PROC syncProc,
  * reply: the message with the same type and sequence number. Messages that arrive meanwhile are
  * delivered by a later iteration of the loop. `syncArg` (may be null) is sent along.
  *
- * On success the reply's data is handed over in *respData, a malloc'd block that the caller frees
- * (null for a reply without data), and its length in *respLen. Either may be null. Both are set to
- * null and 0 on failure.
+ * On success *respData is the reply's data, a malloc'd block that the caller frees (null for a
+ * reply without data), and *respLen its length. Either pointer may be null. On failure they are set
+ * to null and 0.
  *
  * Returns ORP_NOTIFYCLT_OK; ORP_NOTIFYCLT_ERR_ARGUMENT when not connected or for null data with a
  * length; ORP_NOTIFYCLT_ERR_TIMEOUT when nothing at all arrives for 20 seconds, or for EPIPE;
@@ -160,9 +160,9 @@ MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_SendSynNotify(uint32_t desId, uint32_t msgT
  *
  * Returns ORP_NOTIFYCLT_OK; ORP_NOTIFYCLT_ERR_ARGUMENT when not connected;
  * ORP_NOTIFYCLT_ERR_MEMORY as above; ORP_NOTIFYCLT_ERR_TIMEOUT for EPIPE; ORP_NOTIFYCLT_ERR_IO;
- * ORP_NOTIFYCLT_ERR_NOT_WRITABLE when the connection cannot be written to for 10 seconds. After the
- * tenth time in a row of the last, every further send first reboots the device
- * ("busybox reboot -f"); a send that succeeds begins a new count.
+ * ORP_NOTIFYCLT_ERR_NOT_WRITABLE when the connection cannot be written to for 10 seconds. Once ten
+ * sends in a row have returned that, every further send first reboots the device
+ * ("busybox reboot -f"). A send that succeeds begins a new count.
  */
 MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_PostAsynNotify(uint32_t desId, uint32_t msgType,
                                                     const void *data1, uint32_t len1,
@@ -172,10 +172,9 @@ MSGAPI_EXPORT uint32_t ORP_NOTIFYCLT_PostSimpleAsynNotify(uint32_t desId, uint32
                                                           uint32_t value1, uint32_t value2);
 
 /*
- * Delivers one message (head and data in one block, which stays the caller's) to the procedure of
- * its type: a notification, a synchronous request, which is answered unless it comes from the
- * server, or a reply that nobody waits for. A request that no procedure takes is answered without
- * data.
+ * Delivers one message to the procedure of its type: a notification, a synchronous request, or a
+ * reply that nobody waits for. Head and data are one block, which stays the caller's. A request is
+ * answered unless it comes from the server; one that no procedure takes is answered without data.
  *
  * Returns ORP_NOTIFYCLT_OK; ORP_NOTIFYCLT_ERR_ARGUMENT for null; the result of sending the reply;
  * EINVAL, printed, when a procedure states a length but hands over no reply.

@@ -1,5 +1,5 @@
 /*
- * Paths that come from outside: checks that a path may be used, path patterns, and a coding of
+ * Paths that come from outside: checks whether a path may be used, path patterns, and a coding of
  * storage paths as one word. Nothing here keeps state or logs.
  */
 #ifndef MSGAPI_PATH_H
@@ -25,10 +25,10 @@
  *   8       below /data/userdata/
  *   9 (a)   below /app/config/
  *
- * (a): the application tree; a path that does not begin with "/app" is looked for below "/system"
- * instead ("/system/app/webroot/").
+ * (a): the application tree. A path that does not begin with "/app" must lie below "/system", as in
+ * "/system/app/webroot/".
  *
- * Returns 1 when allowed, else 0 (also for null). Touches nothing but the file system's names.
+ * Returns 1 when allowed, else 0 (also for null). Only resolves names; opens and changes nothing.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_ValidatePath(const char *path, uint32_t type);
 
@@ -49,8 +49,8 @@ MSGAPI_EXPORT uint32_t ORP_M2M_ValidatePath(const char *path, uint32_t type);
  * Whether `path`, with all links resolved, is the directory `base` or lies below it. `base` is
  * compared as text: it should be canonical and not end in "/".
  *
- * With another mode than ORP_PATH_MUST_EXIST a path that does not exist is judged as it stands,
- * unless it holds "../"; links in it are then not resolved.
+ * With any mode but ORP_PATH_MUST_EXIST, a path that does not exist is judged as text, without
+ * resolving links, unless it holds "../".
  *
  * Returns ORP_PATH_ALLOWED (also for a base of "/"); ORP_PATH_ERR_ARGUMENT for null, a path of 4096
  * characters or more or an empty base; ORP_PATH_ERR_UNRESOLVED for a path that cannot be resolved;
@@ -68,8 +68,8 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_IsPathAllowAccess(const char *base, const char *
  * "?" matches any one character, "*" any run of characters other than "/", "**" any run; a run may
  * be empty. Every other character matches itself. An empty pattern matches the empty path.
  *
- * Takes time in proportion to the lengths of patterns and path multiplied, whatever the patterns.
- * A pattern above 512 characters needs memory for as many bytes and matches nothing without it.
+ * The time is at most proportional to the length of the patterns times that of the path. A pattern
+ * above 512 characters needs as many bytes of memory, and matches nothing without it.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_MatchPrefixPath(const char *patterns, const char *path);
 
@@ -82,9 +82,9 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_RemoveSuffix(const char *text, char *out, uint32
                                              char separator);
 
 /*
- * Codes the path of something below /mnt as one word of Base64 pieces: "/mnt/a/b" becomes
- * "-YQ==-Yg==", "/mnt" stays. Of a path that holds "/mnt" the first four characters and a "/" that
- * follows are not coded.
+ * Codes the path of something below /mnt as one word of Base64 pieces (RFC 4648, section 4):
+ * "/mnt/a/b" becomes "-YQ==-Yg==", "/mnt" stays. When a path holds "/mnt", its first four
+ * characters and a "/" after them are not coded.
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for null arguments, an empty piece ("//", "/" at the end), or
  * when `out` (`size` bytes) does not hold the result with its NUL. `out` is empty after a failure.
@@ -93,7 +93,7 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_EncodePath(const char *path, char *out, uint32_t
 
 /*
  * Turns such a word, which must begin with "-", back into a path below /mnt. Spaces count as "+",
- * which form decoding turns into spaces.
+ * because form decoding has turned "+" into spaces.
  *
  * The pieces may hold anything, "/" and ".." included: judge the result with
  * ORP_UTIL_IsPathAllowAccess before it is used.

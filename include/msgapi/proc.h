@@ -9,9 +9,9 @@
 struct sockaddr_in;
 
 /*
- * The ids of the processes whose command line, its arguments joined without separators and cut to
- * 237 characters, contains `name`, in the order of /proc. A new array that the caller frees with
- * free(), ended by a 0.
+ * The ids of the processes whose command line contains `name`, in the order of /proc. The arguments
+ * of a command line are joined without separators, and the line is cut to 237 characters. Returns a
+ * new array, ended by a 0, that the caller frees with free().
  *
  * Mind the two arrays for no match: {1, 0} for the name "init", and for any other name an array of
  * one element, 0xFFFFFFFF, WITHOUT a 0 after it. Look at the first element before going on.
@@ -28,9 +28,9 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetPid(const char *name);
  * contains `name`; 0xFFFFFFFF when there is none and on failure. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_FindKernelPidByName(const char *name);
 
-/* Stores the IPv4 address of the interface `name` (at most 15 characters) in *address, with
- * family and address filled in. 0; 1 for null arguments or without an address, *address is cleared
- * then (untouched for null arguments). */
+/* Stores the IPv4 address of the interface `name` (at most 15 characters) in *address: family and
+ * address are filled in. Returns 0; 1 for null arguments; 1, with *address cleared, when there is
+ * no address. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_GetIpByName(const char *name, struct sockaddr_in *address);
 
 #endif

@@ -17,7 +17,7 @@
 
 /* The body of a request, in front of its NUL-terminated text. */
 typedef struct ORP_MSG_RESTFUL_REQ_ST {
-  /* The requester's words; handlers agree with it on their meaning. */
+  /* Two words whose meaning requester and handler agree on. */
   uint32_t ulCode;
   uint32_t ulSecond;
   char aucPath[ORP_MSG_RESTFUL_FIELD_SIZE];    /* selects the registration */
@@ -28,10 +28,10 @@ typedef struct ORP_MSG_RESTFUL_REQ_ST {
 #define ORP_MSG_RESTFUL_TEXT(request) ((const char *)((request) + 1))
 
 /*
- * Answers a request. A path or handler name that the request did not terminate goes on into what
- * follows it. May store a malloc'd NUL-terminated text in *responseOut, which is null at the call;
- * the library frees it. 0 sends the text, or an empty response without one; any other status sends
- * nothing, so that the requester's wait ends by its time-out.
+ * Answers a request. The handler may store a malloc'd NUL-terminated text in *responseOut, which is
+ * null at the call; the library frees it. When the handler returns 0, the text is sent, or an empty
+ * answer without one. After any other status nothing is sent, so the requester's wait ends by its
+ * time-out. A path or handler name that the request did not terminate runs on into what follows it.
  */
 typedef uint32_t (*ORP_MSG_RESTFUL_HANDLER)(const ORP_MSG_RESTFUL_REQ_ST *request,
                                             char **responseOut);
@@ -43,16 +43,16 @@ typedef struct ORP_MSG_RESTFUL_ROW_ST {
 } ORP_MSG_RESTFUL_ROW_ST;
 
 /*
- * Registers `table` under `path` with the message server: as the path itself, or with `expand` as
- * the list "path/row|path/row..." of its rows, up to 4095 characters; rows after that are not
- * announced. A request reaches the first registration with exactly its path and the first row with
- * exactly its handler name. The table is not copied and must stay.
+ * Registers `table` under `path` with the message server: the path itself or, with `expand`
+ * non-zero, the list "path/row|path/row..." of its rows. The list has at most 4095 characters; rows
+ * after that are not announced. A request reaches the first registration with exactly its path and
+ * the first row with exactly its handler name. The table is not copied and must stay valid.
  *
  * The first registration also registers the message procedure for the three request types.
  *
  * Returns ORP_OK; ORP_ERR_ARGUMENT for null arguments; ORP_ERR_MEMORY without memory and, with
- * `expand`, when "path/row" has more than 127 characters; or the status of ORP_MSG_Send. Nothing is
- * registered in the process then, though the server may have heard of the path.
+ * `expand`, when "path/row" has more than 127 characters; or the status of ORP_MSG_Send. After an
+ * error nothing is registered in the process, though the server may have heard of the path.
  */
 MSGAPI_EXPORT uint32_t ORP_MSG_RegRestfulProcEx(const char *path,
                                                 const ORP_MSG_RESTFUL_ROW_ST *table,

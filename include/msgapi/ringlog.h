@@ -6,10 +6,10 @@
  *   "[overturn=%03ld][offset=%010ld][uploadoffset=%03ld^%010ld]\n"
  *
  * and goes on with log data. A buffer that would run past the size limit is written right after
- * the header instead, over the oldest data, and the overturn count goes up. After an overturn,
- * bytes offset..end-of-file are therefore the older part of the log and 63..offset the newer one;
- * the older part begins with the rest of a buffer that was partly overwritten. The number before
- * "^" repeats the overturn count.
+ * the header instead, over the oldest data, and the overturn count goes up. After an overturn the
+ * bytes from "offset" to the end of file are therefore the older part of the log, and those from 63
+ * to "offset" the newer one. The older part begins with the rest of a buffer that was partly
+ * overwritten. The number before "^" repeats the overturn count.
  *
  * Failures are reported on standard output in lines that begin with
  * "[MLOG][ERROR][<source line>]: ". One file belongs to one thread at a time.
@@ -26,7 +26,7 @@
 #define MLOG_FILE_HEADER_SIZE 63
 #define MLOG_FILE_MAX_SIZE 0x200000u /* the largest size limit */
 
-/* 1023, the upload offset of a file that the constructor may go on using. */
+/* 1023: the upload offset of a file that MlogFileConstructor() may continue. */
 MSGAPI_EXPORT_DATA const int32_t MLOG_NEW_FILE_FLAG;
 
 /* An open ring file. */
@@ -44,10 +44,10 @@ typedef struct MlogTarget {
 } MlogTarget;
 
 /*
- * Opens the ring file `path`. An existing file is continued where its header says when the header
- * can be read, its offset lies between 63 and `maxFileSize` and its upload offset is
- * MLOG_NEW_FILE_FLAG; any other regular file, also one that is larger than `maxFileSize`, is
- * replaced by an empty ring.
+ * Opens the ring file `path`. An existing file is continued where its header says if the header can
+ * be read, its offset lies between 63 and `maxFileSize`, and its upload offset is
+ * MLOG_NEW_FILE_FLAG. Any other regular file, also one larger than `maxFileSize`, is replaced with
+ * an empty ring.
  *
  * Returns the file, to be released with MlogFileDestructor(), or null: null path, a size limit of 0
  * or above MLOG_FILE_MAX_SIZE, something that is not a regular file, a failed system call, or no
@@ -67,8 +67,8 @@ MSGAPI_EXPORT void MlogFileDestructor(MlogFile *file);
  * stream tells), or -1 with nothing written: null target, file, stream or buffer, size 0, a buffer
  * that does not fit after the header as a whole, or a stream that cannot be positioned.
  *
- * From the 1000th overturn on the count does not fit the header any more: data are still written,
- * but the header in the file stays as it is and every call says so.
+ * From the 1000th overturn on the count does not fit the header: data are still written, but the
+ * header in the file stays as it is, and every call reports that.
  */
 MSGAPI_EXPORT int32_t MlogFileWrite(MlogTarget *target, char *buf, uint32_t size);
 

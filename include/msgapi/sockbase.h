@@ -57,8 +57,8 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_SocketBaseForceLoop(ORP_UTIL_SOCKBASE_ST *sockBa
 /* The same, also without a descriptor; null is ignored. */
 MSGAPI_EXPORT void ORP_UTIL_SocketBaseDirectDo(ORP_UTIL_SOCKBASE_ST *sockBase);
 
-/* Ends watching, closes the socket and has the loop free the record; also ends the dispatch pass
- * that is under way. Safe inside any callback. Null is ignored. */
+/* Ends watching, closes the socket and has the loop free the record; also ends the pass that is
+ * under way. Safe inside any callback. Null is ignored. */
 MSGAPI_EXPORT void ORP_UTIL_SocketBaseDelete(ORP_UTIL_SOCKBASE_ST *sockBase);
 /* The same for the socket base on `fd`; nothing when the loop's first watcher on that descriptor
  * is not a socket base. */
@@ -73,23 +73,24 @@ MSGAPI_EXPORT void ORP_UTIL_SockBaseDestroy(ORP_UTIL_SOCKBASE_ST *sockBase);
 /* Kept for old callers: ORP_OK. */
 MSGAPI_EXPORT uint32_t ORP_UTIL_SockBaseRegEvtProc(void);
 
-/* A wait for one response. The socket base's data word holds the record's address, and has to. */
+/* A wait for one response. The socket base's data word holds this record's address: leave it
+ * alone. */
 typedef struct ORP_UTIL_SOCK_RESP_ST {
   ORP_UTIL_SOCKBASE_ST *sockBase; /* on the descriptor that is waited for; null once it was freed */
-  OrpUvTimer *timer;              /* of the time-out; null after that, or when it was freed */
+  OrpUvTimer *timer;              /* of the time-out; null after it, or once the timer was freed */
   uint32_t timedOut;              /* 1 when the procedure is called because of the time-out */
   ORP_WORD userValue;             /* as it was given */
   ORP_WORD reserved;              /* 0 */
 } ORP_UTIL_SOCK_RESP_ST;
 
 /*
- * Calls `proc` whenever `fd` can be read, and once after `timeoutMs`, then with timedOut set and an
- * event argument that means nothing; with 0 there is no time-out. The procedure is expected to end
- * the wait. The descriptor belongs to the wait. Returns null without memory; the descriptor stays
- * the caller's then.
+ * Calls `proc` whenever `fd` can be read, and once after `timeoutMs` (0: no time-out), that time
+ * with timedOut set and an event argument that means nothing. The procedure is expected to end the
+ * wait. The descriptor belongs to the wait. Returns null without memory; the descriptor then stays
+ * the caller's.
  *
- * When the socket base is deleted in another way, or the loop destroyed, the procedure is not
- * called any more, also not by the time-out. The record stays the caller's until it ends the wait.
+ * When the socket base is deleted in another way, or the loop is destroyed, the procedure is no
+ * longer called, not even by the time-out. The record stays the caller's until it ends the wait.
  */
 MSGAPI_EXPORT ORP_UTIL_SOCK_RESP_ST *ORP_UTIL_SockbaseWaitSockRespAsync(
     int32_t fd, ORP_WORD ignored, uint32_t timeoutMs, ORP_WORD userValue,

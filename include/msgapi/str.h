@@ -42,16 +42,17 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_DeleteSubStr(const char *text, const char *part,
  * NUL. The function is written when `function` is given; with `function_size` 1 it is always
  * empty, with 0 nothing is written.
  *
- * Returns 0; 1 for NULL or another form of path, and, given room for more than the NUL, for an
- * empty function or one that does not fit (then "").
+ * Returns 0; 1 for NULL or another form of path. With a `function_size` above 1 also 1 for an empty
+ * function or one that does not fit; it is written as "".
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_FindModuleAndFuncByUri(const char *uri, char *module,
                                                        uint32_t module_size, char *function,
                                                        uint32_t function_size);
 
 /*
- * Copies a file with its attributes by the platform's command runner ("cp -pf SOURCE TARGET"),
- * without a result. Nothing happens when a path is NULL or not safe as an argument of a command.
+ * Copies a file with its attributes: the platform's command runner runs "cp -pf SOURCE TARGET", and
+ * nobody learns how it went. Nothing happens when a path is NULL or not safe as an argument of a
+ * command.
  */
 MSGAPI_EXPORT void ORP_UTIL_CopyFile(const char *source, const char *target);
 

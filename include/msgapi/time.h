@@ -15,7 +15,7 @@ MSGAPI_EXPORT uint32_t ORP_UTIL_GetSysTime(ORP_TIME_ST *timeOut);
 /*
  * The current time as text. The UTC functions share one buffer and ORP_UTIL_GetLocalTimeStamp has
  * another: a text lives until the next call that uses the same buffer, on any thread. The text is
- * empty when there is none, as after 19 January 2038 with a C library whose time_t has 32 bits.
+ * empty when the clock cannot be read, as after 19 January 2038 with a 32-bit time_t.
  * Names of days and months are those of the process's locale.
  */
 MSGAPI_EXPORT const char *ORP_UTIL_GetCurrTime(void);          /* UTC, "%H:%M:%S" */
@@ -26,8 +26,8 @@ MSGAPI_EXPORT const char *ORP_UTIL_GetCurrTimeWithSpace(void); /* UTC, "%Y-%m-%d
 MSGAPI_EXPORT const char *ORP_UTIL_GetCurrGMTTime(void);    /* UTC, "%a, %d %b %Y %H:%M:%S GMT" */
 MSGAPI_EXPORT const char *ORP_UTIL_GetLocalTimeStamp(void); /* local time, "%m%d%H%M%S" */
 
-/* UTC now as the platform formats it ("%Y-%m-%dT%H:%M:%SZ" in the host port), in a buffer of the
- * platform's; null when there is none. */
+/* The current UTC time as the platform formats it ("%Y-%m-%dT%H:%M:%SZ" in the host port), in the
+ * platform's buffer; null when there is none. */
 MSGAPI_EXPORT const char *ORP_UTIL_GetCurrUTCTimeStamp(void);
 
 /* Milliseconds of the monotonic clock; 0 when it cannot be read. */
@@ -38,8 +38,8 @@ MSGAPI_EXPORT uint64_t ORP_UTIL_GetMsecondAfterStart(void);
 MSGAPI_EXPORT void ORP_UTIL_GetReleaseDate(char *buffer, uint32_t size);
 
 /*
- * 0 when the fields make a time, otherwise 1, for most reasons with a line on standard output.
- * Month 0, day 0 and 30 February pass; all fields 0 do not.
+ * 0 when the fields make a time, otherwise 1, in most cases with a line on standard output. Month
+ * 0, day 0 and 30 February pass; all fields 0 do not.
  */
 MSGAPI_EXPORT uint32_t ORP_UTIL_CheckTimeValid(uint32_t year, uint32_t month, uint32_t day,
                                                uint32_t hour, uint32_t minute, uint32_t second);
@@ -68,10 +68,10 @@ typedef struct ORP_UTIL_DATE_TIME_ST {
 MSGAPI_EXPORT uint32_t ORP_UTIL_UCTTimeFormatCheck(const char *text, ORP_UTIL_DATE_TIME_ST *out);
 
 /*
- * Compares two such times. *order becomes 0 when the first is earlier, 1 when it is later; it is 0
- * as well, and *seconds untouched, when they are equal (with a line on standard output) or 51 or
+ * Compares two such times. *order becomes 0 when the first is earlier, 1 when it is later. *order
+ * is also 0, and *seconds untouched, when they are equal (with a line on standard output) or 51 or
  * more years apart. Otherwise *seconds becomes the seconds between them, but only when both lie in
- * the first 49710 days of the calendar: for the years of our era it stays untouched.
+ * the first 49710 days of the calendar; for today's years it stays untouched.
  *
  * Only the first time is checked with ORP_UTIL_CheckTimeValid. Returns 0, 1 for null arguments, or
  * the status of the check or of ORP_UTIL_UCTTimeFormatCheck; nothing is written then.

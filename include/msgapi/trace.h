@@ -1,7 +1,7 @@
 /*
- * Trace control: which trace packages are enabled at what level and where trace text goes. The
- * library's own trace points produce no output. Nothing here is locked: set things up at start-up
- * and use them on one thread.
+ * Trace control: which trace packages are enabled, at what level, and where trace text goes. The
+ * library's own trace points produce no output. Nothing here is locked: set trace control up at
+ * start-up and use it on one thread.
  */
 #ifndef MSGAPI_TRACE_H
 #define MSGAPI_TRACE_H
@@ -15,7 +15,7 @@
 /* A trace package with a level, in a table of ORP_TRACE_CTX_ST. */
 typedef struct ORP_TRACE_PACKAGE_ST {
   struct ORP_TRACE_PACKAGE_ST *link; /* null: the last one */
-  char name[ORP_APP_NAME_SIZE];      /* "all" stands for those that have no level of their own */
+  char name[ORP_APP_NAME_SIZE];      /* "all": every package without a level of its own */
   uint32_t level;                    /* never 0 */
 } ORP_TRACE_PACKAGE_ST;
 
@@ -37,9 +37,9 @@ typedef struct ORP_TRACE_CTX_ST {
  * Sets the level of a package (null: "all"), or with level 0 removes it. Setting "all" first
  * removes every package. ORP_ERR_ARGUMENT for a null context, ORP_ERR_MEMORY.
  *
- * Names are compared as they are given with what is stored, which is cut to 11 characters. So a
- * longer name never matches its own entry: it adds another one each time, cannot be removed by
- * name, and has no level of its own.
+ * Stored names are cut to 11 characters; the name that is given is compared uncut. So a longer name
+ * never matches its own entry: it adds another one each time, cannot be removed by name, and has no
+ * level of its own.
  */
 MSGAPI_EXPORT uint32_t TraceCtxSetPackageLevel(ORP_TRACE_CTX_ST *context, const char *package,
                                                uint32_t level);
@@ -60,8 +60,8 @@ MSGAPI_EXPORT uint32_t ORP_TRACE_GetOutput(void);
 
 /*
  * Closes the current output and sends trace text to standard output or, with `toFile` non-zero, to
- * the end of "/online/log/webapp.log"; the directory is made when needed, and a line is printed
- * when that fails, also because it exists. When the file cannot be opened there is no output.
+ * the end of "/online/log/webapp.log". The directory is made first; a line is printed when that
+ * fails, also because it exists. When the file cannot be opened there is no output.
  */
 MSGAPI_EXPORT void ORP_TRACE_SetOutput(uint32_t toFile);
 
@@ -75,8 +75,8 @@ MSGAPI_EXPORT uint32_t ORP_TRACE_PrintInfo(const char *function, uint32_t line, 
                                            const char *category, uint32_t level, const char *format,
                                            ...) MSGAPI_PRINTF(6, 7);
 
-/* The id of the process, read at the first call and then kept, also by a child made with fork(),
- * which gets its parent's id. */
+/* The id of the process, read at the first call and then kept. A child made with fork() keeps it,
+ * too, and so gets its parent's id. */
 MSGAPI_EXPORT int32_t ORP_UTIL_GetCurPid(void);
 
 /* Wall clock and monotonic clock as "<s>.<us> <s>.<us>", at least 8 digits for seconds and 6 for

@@ -35,10 +35,10 @@ MSGAPI_EXPORT_DATA const uint32_t *g_extendPorts;
 MSGAPI_EXPORT char *ORP_UTIL_UrlEncode(const char *text);
 
 /*
- * URI escaping: ASCII letters, digits, "!#$&'()*+,/:;=?@-._~" and existing escapes ("%" and two hex
- * digits) stay, every other byte becomes "%" and two lower-case hex digits. NULL and empty text
- * give "/". NULL for text above 0x55555553 bytes, whose work buffer of three times its length and
- * a NUL the bound above refuses, or without memory.
+ * URI escaping (percent-encoding, RFC 3986, section 2.1): ASCII letters, digits,
+ * "!#$&'()*+,/:;=?@-._~" and existing escapes ("%" and two hex digits) stay; every other byte
+ * becomes "%" and two lower-case hex digits. NULL and empty text give "/". NULL without memory and
+ * when a work buffer of three times the text's length and a NUL exceeds the bound above.
  */
 MSGAPI_EXPORT char *ORP_UTIL_GetEscapedUri(const char *path);
 
@@ -53,13 +53,13 @@ MSGAPI_EXPORT const char *ORP_UTIL_GetProtocolTypeStrFromIdx(uint32_t index);
 MSGAPI_EXPORT uint32_t ORP_UTIL_GetDftPortByProtocolIdx(int32_t index);
 
 /*
- * Splits "PROTOCOL://HOST[:PORT][/PATH]", white space before it ignored. HOST may be "[...]", whose
- * colons are its own and whose brackets are not part of the host.
+ * Splits "PROTOCOL://HOST[:PORT][/PATH]"; white space in front is ignored. HOST may be "[...]" and
+ * then holds colons; the brackets are not part of the host.
  *
- * The port is the number after the first ":" that follows, and the path begins at the first "/":
- * each is looked for by itself, so without a port of its own a URL with a ":" in the path takes its
- * port from there and the path ends there. The number ends at the first character that is no digit;
- * without ":" the port is the protocol's default.
+ * The port is the number after the first ":" that follows, and the path begins at the first "/".
+ * Each is looked for by itself: a URL without a port but with a ":" in the path takes its port from
+ * there, and the path ends there. The number ends at the first character that is no digit; without
+ * ":" the port is the protocol's default.
  *
  * The path is escaped as by ORP_UTIL_GetEscapedUri, query included; NULL for a URL without one.
  * Every output may be NULL. Outputs are set to 0 and NULL first.

@@ -13,9 +13,9 @@
 #include "msgapi/export.h"
 
 /*
- * Stores the access level of the user who is logged in. 0 (also, with *levelOut untouched, when
- * there are no accounts); 0x30000 for null; 1 when no account has the user's name; or the status of
- * the store. *levelOut is untouched on failure.
+ * Stores the access level of the user who is logged in. Returns 0; 0, with *levelOut untouched,
+ * when there are no accounts; 0x30000 for null; 1 when no account has the user's name; or the
+ * status of the store. *levelOut is untouched on failure.
  */
 MSGAPI_EXPORT uint32_t ORP_WEB_GetCurAccountLevel(uint32_t *levelOut);
 
@@ -28,8 +28,8 @@ MSGAPI_EXPORT uint32_t ORP_WEB_CheckFirstLogin(void);
 /* 1 when the device's software is "K7210-402-CUST 10.0.5.1(C233)", whatever follows; else 0. */
 MSGAPI_EXPORT uint32_t ORP_WEB_IsSpecifiedIniVersion(void);
 
-/* 1 when the set-up guide is forced. On the version above it never is: the switch is set to 0
- * there. */
+/* 1 when the set-up guide is forced. On the version above it never is: this call sets the switch to
+ * 0 there. */
 MSGAPI_EXPORT uint32_t ORP_WEB_ForceGuideIsEnabled(void);
 
 /* 1 when the device is in the set-up guide. */
@@ -40,7 +40,7 @@ MSGAPI_EXPORT uint32_t ORP_WEB_IsGuideStatus(void);
 MSGAPI_EXPORT uint32_t ORP_WEB_IsSkipCheckPwd(void);
 
 /*
- * The language code of the device for a browser's: the code that equals `language` ignoring case,
+ * The device's language code for a browser's `language`: the code that equals it ignoring case,
  * otherwise the first that begins with the same two letters, otherwise (and for null) "en_us". The
  * text is the library's and never changes.
  */
@@ -59,7 +59,7 @@ MSGAPI_EXPORT uint32_t ORP_URLSTORE_GetUrl(uint32_t urlNumber, char *buffer, uin
  */
 MSGAPI_EXPORT uint32_t SetCHARParamToDB(uint32_t parameter, const char *value);
 
-/* 1 when the privacy notice has not been handled yet; 0 when it was or that cannot be read. */
+/* 1 when the privacy notice has not been handled yet; 0 when it has, or if that cannot be read. */
 MSGAPI_EXPORT uint32_t DeviceGDPRcheckfirststatus(void);
 
 /*
