@@ -15,7 +15,7 @@
 
 namespace {
 
-using test::FakeServer;
+using test::FakeLogServer;
 using test::message_bytes;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -45,7 +45,7 @@ TEST(LogLevel, NamesAndValues) {
 }
 
 TEST(MlogPrint, SendsOneLineAndEchoesTheLevelsBelowError) {
-  FakeServer server;
+  FakeLogServer server;
   const test::FdCheck fds;
   const std::tuple<uint32_t, const char *, const char *> cases[] = {
       {2, "link down", "[ERRO]:link down\n"},
@@ -73,7 +73,7 @@ TEST(MlogPrint, SendsOneLineAndEchoesTheLevelsBelowError) {
 }
 
 TEST(MlogPrint, RefusesATextThatTheCuttingCallsShorten) {
-  FakeServer server;
+  FakeLogServer server;
   const std::string longest(255, 'x');
   const std::string too_long(256, 'x');
 
@@ -169,7 +169,7 @@ TEST(MlogPrint, TellsTheReasonAgainAfterAMinute) {
 }
 
 TEST(MlogPrint, PrintsTheBeginningOfATextThatIsTooLong) {
-  FakeServer server;
+  FakeLogServer server;
   const std::string errors =
       errors_of([] { MlogPrint("wan", 8, "%s", std::string(300, 'x').c_str()); });
 
@@ -180,7 +180,7 @@ TEST(MlogPrint, PrintsTheBeginningOfATextThatIsTooLong) {
 }
 
 TEST(MlogPrint, LeavesTheServersOwnFilesAlone) {
-  FakeServer server;
+  FakeLogServer server;
   const char *const names[] = {"mlogServer", "mlogServer.inbox", "mlogcfg", "mlogcfg.new"};
   for (const char *name : names) std::ofstream(std::string(MLOG_IPC_PATH) + name) << "kept";
 
@@ -207,13 +207,13 @@ TEST(BoundedCopies, SayWhereTheyFailed) {
               MatchesRegex(report + "snprintf_s failed, err = -1\n"));
   EXPECT_THAT(output_of([&] { ORP_BLUR_Ip(too_long.c_str()); }),
               MatchesRegex(report + "snprintf_s failed, err = -1\n"));
-  FakeServer server;
+  FakeLogServer server;
   EXPECT_THAT(output_of([&] { MlogPrint("wan", 8, "%s", too_long.c_str()); }),
               MatchesRegex(report + "vsnprintf_s failed, err = -1\n.*wan failed\n"));
 }
 
 TEST(MlogPrint, ShowsAndKeepsTheCallersErrno) {
-  FakeServer server;
+  FakeLogServer server;
 
   errno = ENOSPC;
   MlogPrint("wan", 8, "%m");
@@ -223,7 +223,7 @@ TEST(MlogPrint, ShowsAndKeepsTheCallersErrno) {
 }
 
 TEST(MlogPrintWithType, SendsTheTypes1And3Only) {
-  FakeServer server;
+  FakeLogServer server;
 
   const std::string output = output_of([] {
     for (const uint32_t type : {0u, 1u, 2u, 3u, 4u}) MlogPrintWithType(type, "wan", 0, "%u", type);
@@ -242,7 +242,7 @@ std::string stat_message(uint32_t type, const std::string &module, const std::st
 }
 
 TEST(SetStatInfo, SendsBothFieldsWithTheLengthOfTheWholeRecord) {
-  FakeServer server;
+  FakeLogServer server;
 
   EXPECT_EQ(0, MlogSetStatInfo("wan", "rx=1"));
 
@@ -273,7 +273,7 @@ TEST(StatInfo, Failures) {
 }
 
 // Answers one request with `answer` while the test waits in a call.
-std::thread answer_once(FakeServer *server, const std::string &answer) {
+std::thread answer_once(FakeLogServer *server, const std::string &answer) {
   return std::thread([=] {
     server->receive(true);
     server->reply(answer);
@@ -281,7 +281,7 @@ std::thread answer_once(FakeServer *server, const std::string &answer) {
 }
 
 TEST(GetStatInfo, CopiesTheAnswersText) {
-  FakeServer server;
+  FakeLogServer server;
   struct {
     std::string answer;
     uint32_t size;
@@ -308,7 +308,7 @@ TEST(GetStatInfo, CopiesTheAnswersText) {
 }
 
 TEST(FlushLog, WaitsForAHeadWithoutPayload) {
-  FakeServer server;
+  FakeLogServer server;
 
   std::thread answering = answer_once(&server, message_bytes(MLOG_TYPE_FLUSH, 0));
   EXPECT_EQ(0, MlogFlushLog());

@@ -27,9 +27,9 @@ inline std::string message_bytes(uint32_t type, uint32_t length, const std::stri
   return std::string(reinterpret_cast<const char *>(head), sizeof head) + payload;
 }
 
-class FakeServer {
+class FakeLogServer {
  public:
-  FakeServer() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  FakeLogServer() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     ::mkdir(MLOG_IPC_PATH, 0770);
     const sockaddr_un address = unix_address(MLOG_IPC_PATH MLOG_SERVER_NAME);
     EXPECT_EQ(0, ::bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));

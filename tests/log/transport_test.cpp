@@ -18,7 +18,7 @@ namespace {
 
 using msgapi::os::UniqueFd;
 using std::chrono::milliseconds;
-using test::FakeServer;
+using test::FakeLogServer;
 using test::message_bytes;
 
 UniqueFd open_client(const char *name) {
@@ -90,7 +90,7 @@ TEST(MlogSocketClose, ClosesTheDescriptorWhateverTheName) {
 }
 
 TEST(MlogSendMsg, SendsHeadAndPayloadToANameOrItsPath) {
-  FakeServer server;
+  FakeLogServer server;
   const UniqueFd client = open_client("client");
   MlogMsg message{.type = 7, .length = 3, .payload = "abcdef"};
 
@@ -110,7 +110,7 @@ TEST(MlogSendMsg, SendsHeadAndPayloadToANameOrItsPath) {
 }
 
 TEST(MlogSendMsg, GivesUpOnAFullQueueAfterTwoSecondsOfWaiting) {
-  const FakeServer server;
+  const FakeLogServer server;
   const UniqueFd client = open_client("client");
   test::fill_queue(client.get());
   interrupt_again_and_again();
@@ -127,7 +127,7 @@ TEST(MlogSendMsg, GivesUpOnAFullQueueAfterTwoSecondsOfWaiting) {
 
 // The log client's exchange. Its two seconds begin before it sends.
 TEST(ExchangeInTime, GoesOnWhenAFullQueueGetsRoomAndWaitsForTheRestOfItsTime) {
-  FakeServer server;
+  FakeLogServer server;
   const UniqueFd client = open_client("client");
   test::fill_queue(client.get());
   MlogMsg message{};
@@ -229,7 +229,7 @@ TEST(MlogRecvMsg, CapsTheTimeoutAtThirtySeconds) {
 }
 
 TEST(MlogSendRecvMsg, ExchangesInOneBlock) {
-  FakeServer server;
+  FakeLogServer server;
   const UniqueFd client = open_client("client");
   MlogMsg message{.type = 4, .length = 8, .payload = "request"};
 
