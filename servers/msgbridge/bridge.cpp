@@ -15,6 +15,11 @@ namespace {
 constexpr uint32_t kDiskPeriod_ms = 1000;
 constexpr uint32_t kAgePeriod_ms = 60'000;
 constexpr uint32_t kDrainPeriod_ms = 20;
+// Acknowledgements are written with the next events, or alone after this time: what is lost of them
+// with the process is sent again, and every write wears the flash.
+constexpr uint32_t kAcknowledgePeriod_ms = 1000;
+// What one turn of the loop sends before it looks at what else there is.
+constexpr int kMostSent = 256;
 // So much is written without waiting for more.
 constexpr uint64_t kBatchBytes = 256 << 10;
 // Answers that the broker has not taken; who floods the bridge with requests gets none beyond.
@@ -25,18 +30,6 @@ constexpr int kQuotaExceeded = 0x97;  // MQTT 5, 2.4
 constexpr int kFirstError = 0x80;
 
 }  // namespace
-
-bool Bridge::Drain::takes(int64_t now_ms) {
-  if (per_second_ == 0) return true;
-  const double rate = per_second_;
-  const double elapsed_s = static_cast<double>(now_ms - last_ms_) / 1000;
-  // At most what a period of the timer and a late loop make of it.
-  tokens_ = std::min(std::max(rate / 10, 1.0), tokens_ + elapsed_s * rate);
-  last_ms_ = now_ms;
-  if (tokens_ < 1) return false;
-  tokens_ -= 1;
-  return true;
-}
 
 Bridge::Bridge(const Config *config, const catalogue::Catalogue *types, const std::string &gateway)
     : config_(config),
@@ -59,10 +52,11 @@ Bridge::Bridge(const Config *config, const catalogue::Catalogue *types, const st
       pump_timer_([this] { pump(); }),
       age_timer_([this] {
         age_timer_.start(kAgePeriod_ms);
-        if (spool_.waiting() > 0) commit();
+        commit();
       }),
       metrics_timer_([this] { publish_metrics(); }),
-      drain_(config->spool.per_second) {
+      // At most what a period of the timer and a late loop make of it.
+      drain_(config->spool.per_second, std::max(config->spool.per_second / 10.0, 1.0)) {
   if (!spool_.problem().empty()) say(MLOG_LEVEL_WARN, "The spool: {}.", spool_.problem());
 }
 
@@ -82,13 +76,19 @@ void Bridge::take_event(uint32_t type, std::string_view data) {
   if (spool_.unwritten_bytes() > kBatchBytes && disk_problem_.empty()) {
     commit();
   } else {
-    commit_timer_.start_if_idle(config_->spool.commit_ms);
+    commit_timer_.start_within(config_->spool.commit_ms);
   }
 }
 
 void Bridge::commit() {
   commit_timer_.stop();
   const bool done = spool_.commit();
+  report_spool();
+  if (!done) commit_timer_.start(kDiskPeriod_ms);
+  pump();
+}
+
+void Bridge::report_spool() {
   if (spool_.problem() != disk_problem_) {
     disk_problem_ = spool_.problem();
     if (!disk_problem_.empty()) {
@@ -97,17 +97,28 @@ void Bridge::commit() {
       say(MLOG_LEVEL_INFO, "The spool is written again.");
     }
   }
-  if (!done) commit_timer_.start(kDiskPeriod_ms);
-  pump();
+  if (spool_.begun_anew() == begun_anew_) return;
+  begun_anew_ = spool_.begun_anew();
+  // What is on its way has become a loss: its acknowledgements must not be taken for the loss's.
+  if (link_.up()) link_.end("the spool has lost what was on its way");
 }
 
 void Bridge::pump() {
-  while (link_.up() && in_flight_.size() < link_.window()) {
+  const int64_t now_ms = Spool::system_clock().boot_ms;
+  for (int sent = 0; link_.up() && in_flight_.size() < link_.window(); ++sent) {
+    if (sent == kMostSent) {
+      pump_timer_.start_if_idle(1);
+      return;
+    }
     if (!held_) held_ = spool_.next();
-    if (!held_) return;
+    if (!held_) {
+      if (spool_.reads()) return;
+      report_spool();
+      commit_timer_.start_within(kDiskPeriod_ms);
+      return;
+    }
     const auto *event = std::get_if<Event>(&*held_);
-    if (event != nullptr && event->sequence <= backlog_end_ &&
-        !drain_.takes(Spool::system_clock().boot_ms)) {
+    if (event != nullptr && event->sequence <= backlog_end_ && !drain_.takes(now_ms)) {
       pump_timer_.start_if_idle(kDrainPeriod_ms);
       return;
     }
@@ -151,7 +162,7 @@ bool Bridge::send(const Item &item) {
     case MOSQ_ERR_SUCCESS:
       if (early_.contains(sent.id)) {
         spool_.acknowledge(number);
-        commit_timer_.start_if_idle(config_->spool.commit_ms);
+        commit_timer_.start_within(kAcknowledgePeriod_ms);
       } else {
         in_flight_[sent.id] = number;
       }
@@ -165,7 +176,7 @@ bool Bridge::send(const Item &item) {
     default:
       say(MLOG_LEVEL_ERROR, "Event {} cannot be sent: {}.", number, mosquitto_strerror(sent.error));
       spool_.refuse(number);
-      commit_timer_.start_if_idle(config_->spool.commit_ms);
+      commit_timer_.start_within(kAcknowledgePeriod_ms);
       return true;
   }
 }
@@ -190,7 +201,7 @@ void Bridge::acknowledged(int id, int reason) {
   } else {
     spool_.acknowledge(number);
   }
-  commit_timer_.start_if_idle(config_->spool.commit_ms);
+  commit_timer_.start_within(kAcknowledgePeriod_ms);
   // What follows is sent from the loop: this may be within a call of the broker's library.
   pump_timer_.start_if_idle(1);
 }

@@ -13,6 +13,7 @@
 #include "msgbridge/requests.h"
 #include "msgbridge/spool.h"
 #include "msgbridge/timer.h"
+#include "msgbridge/token_bucket.h"
 #include "msgbridge/upward.h"
 
 namespace msgbridge {
@@ -31,20 +32,9 @@ class Bridge {
   void stop();
 
  private:
-  // Lets what waited go out at a limited rate.
-  class Drain {
-   public:
-    explicit Drain(uint32_t per_second) : per_second_(per_second) {}
-    bool takes(int64_t now_ms);
-
-   private:
-    uint32_t per_second_;
-    double tokens_ = 0;
-    int64_t last_ms_ = 0;
-  };
-
   std::string topic(std::string_view below) const { return base_ + "/" + std::string(below); }
   void commit();
+  void report_spool();
   void pump();
   bool send(const Item &item);
   void connected();
@@ -76,9 +66,10 @@ class Bridge {
   std::unordered_set<int> early_;
   bool sending_ = false;
   std::optional<Item> held_;  // the next to be sent
-  Drain drain_;
+  TokenBucket drain_;         // lets what waited go out at a limited rate
   uint64_t backlog_end_ = 0;  // the last event that waited for this connection
   std::string disk_problem_;  // as it was logged
+  uint32_t begun_anew_ = 0;   // the spool, when this connection began or before
   uint64_t unanswerable_ = 0;
 };
 

@@ -105,7 +105,6 @@ UpRule up_rule_in(const JsonValue &value) {
   const JsonValue *topic = value.member("topic");
   const std::string_view text = topic == nullptr ? kUsualTopic : text_in(*topic, "topic");
   UpRule rule{
-      .line = value.line,
       .module = "*",
       .event = "*",
       .payload = {},

@@ -17,7 +17,6 @@ inline constexpr const char *kConfigFile = "/etc/msgapi/bridge.json";
 
 // Which events go up, and how. Texts that are matched may hold "*" and "?".
 struct UpRule {
-  size_t line;  // of the file
   std::string module;
   std::string event;
   std::vector<std::pair<std::string, std::string>> payload;  // members that must match

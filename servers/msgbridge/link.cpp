@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "msgbridge/backoff.h"
+#include "msgbridge/guard.h"
 #include "msgbridge/say.h"
 
 namespace msgbridge {
@@ -37,7 +38,18 @@ constexpr uint16_t kReceiveMaximum = 32;
 // The broker throws away what is longer; the largest request that is refused in words is below.
 constexpr uint32_t kLargestPacket = 1 << 20;
 
+// What one turn of the loop reads of TLS.
+constexpr int kMostReads = 64;
+
 std::atomic<int> g_threads = 0;
+
+// Of a thread, from before its start to its end.
+struct Counted {
+  Counted() { ++g_threads; }
+  ~Counted() { --g_threads; }
+  Counted(const Counted &) = delete;
+  Counted &operator=(const Counted &) = delete;
+};
 
 int64_t now_ms() {
   return std::chrono::duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
@@ -87,9 +99,7 @@ Link::Link(const Config *config, std::string client_id, Will will, LinkHandlers 
         }
         lost();
       }),
-      handshake_([this] {
-        if (current_) after_call(mosquitto_loop_write(current_->client.get(), 1));
-      }),
+      handshake_([this] { service(ORP_UV_WRITABLE); }),
       keep_alive_([this] { keep_alive(); }),
       window_(config->in_flight) {
   mosquitto_lib_init();
@@ -98,7 +108,8 @@ Link::Link(const Config *config, std::string client_id, Will will, LinkHandlers 
   wake_up_ = ORP_UTIL_SockBaseRegNew(
       wake_fd_, 0,
       [](ORP_UTIL_SOCKBASE_ST *base, uint32_t /*event*/) {
-        reinterpret_cast<Link *>(base->io.head.data)->attempted();
+        guarded("An attempt to connect",
+                [base] { reinterpret_cast<Link *>(base->io.head.data)->attempted(); });
       },
       ORP_UTIL_SOCKBASE_READ, reinterpret_cast<ORP_WORD>(this));
   if (wake_up_ == nullptr) throw std::bad_alloc();
@@ -153,14 +164,14 @@ void Link::attempt() {
                           will_.payload.data(), 1, true, nullptr);
     made->properties.add_short(MQTT_PROP_RECEIVE_MAXIMUM, kReceiveMaximum);
     made->properties.add_number(MQTT_PROP_MAXIMUM_PACKET_SIZE, kLargestPacket);
-    ++g_threads;
-    std::thread([made, fd = wake_fd_, keep_alive_s = config_->keep_alive_s] {
+    std::thread([made, fd = wake_fd_, keep_alive_s = config_->keep_alive_s,
+                 counted = std::make_unique<Counted>()]() mutable {
       made->error = mosquitto_connect_bind_v5(made->client.get(), made->address.host.c_str(),
                                               made->address.port, keep_alive_s, nullptr,
                                               made->properties.get());
       made->number = errno;
       made->done = true;
-      --g_threads;
+      counted.reset();
       constexpr uint64_t kOne = 1;
       (void)!::write(fd, &kOne, sizeof kOne);
     }).detach();
@@ -187,7 +198,8 @@ void Link::attempted() {
     socket_ = ORP_UTIL_SockBaseRegNew(
         fd, 0,
         [](ORP_UTIL_SOCKBASE_ST *base, uint32_t event) {
-          reinterpret_cast<Link *>(base->io.head.data)->service(event);
+          guarded("The connection to the broker",
+                  [base, event] { reinterpret_cast<Link *>(base->io.head.data)->service(event); });
         },
         ORP_UTIL_SOCKBASE_READ, reinterpret_cast<ORP_WORD>(this));
   }
@@ -211,9 +223,26 @@ void Link::retry() {
 
 void Link::service(uint32_t event) {
   if (!current_) return;
+  int error = MOSQ_ERR_SUCCESS;
+  if (event == ORP_UV_WRITABLE) error = mosquitto_loop_write(current_->client.get(), 1);
+  if (error == MOSQ_ERR_SUCCESS && (event != ORP_UV_WRITABLE || current_->address.tls)) {
+    error = read_packets();
+  }
+  after_call(error);
+}
+
+// TLS may hold packets of which the socket shows nothing any more, so it is read until it has none.
+int Link::read_packets() {
   mosquitto *client = current_->client.get();
-  after_call(event == ORP_UV_WRITABLE ? mosquitto_loop_write(client, 1)
-                                      : mosquitto_loop_read(client, 1));
+  for (int reads = 0; reads < kMostReads; ++reads) {
+    errno = 0;
+    const int error = mosquitto_loop_read(client, 1);
+    if (error != MOSQ_ERR_SUCCESS || over_ || !current_->address.tls || errno == EAGAIN) {
+      return error;
+    }
+  }
+  handshake_.start_if_idle(1);
+  return MOSQ_ERR_SUCCESS;
 }
 
 // After every call that may have run callbacks.
@@ -325,54 +354,75 @@ void Link::farewell(const std::string &topic, std::string_view payload) {
 
 // ---- What the library calls ----
 
+namespace {
+
+// The library looks at errno after its callbacks: what they left there is not its socket's.
+template <typename Procedure>
+void called_back(Procedure &&procedure) noexcept {
+  guarded("What came from the broker", procedure);
+  errno = 0;
+}
+
+}  // namespace
+
 void Link::on_connect(mosquitto * /*client*/, void *object, int reason, int /*flags*/,
                       const mosquitto_property *properties) {
   Link *link = static_cast<Attempt *>(object)->link;
+  called_back([=] { link->accepted(reason, properties); });
+}
+
+void Link::accepted(int reason, const mosquitto_property *properties) {
   if (reason != 0) {
-    link->trouble_ = std::string("the broker refuses: ") + mosquitto_reason_string(reason);
-    link->over_ = true;
+    over_ = true;
+    trouble_ = std::string("the broker refuses: ") + mosquitto_reason_string(reason);
     return;
   }
-  link->patience_.stop();
-  link->handshake_.stop();
-  link->up_ = true;
-  link->connected_at_ms_ = now_ms();
-  ++link->connections_;
+  patience_.stop();
+  handshake_.stop();
+  up_ = true;
+  connected_at_ms_ = now_ms();
+  ++connections_;
   uint16_t most = UINT16_MAX;
   mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &most, false);
-  link->window_ = std::min(link->config_->in_flight, std::max<uint16_t>(most, 1));
-  say(MLOG_LEVEL_INFO, "Connected to {}.", link->current_->address.text());
-  link->handlers_.connected();
+  window_ = std::min(config_->in_flight, std::max<uint16_t>(most, 1));
+  say(MLOG_LEVEL_INFO, "Connected to {}.", current_->address.text());
+  handlers_.connected();
 }
 
 void Link::on_disconnect(mosquitto * /*client*/, void *object, int reason,
                          const mosquitto_property * /*properties*/) {
   Link *link = static_cast<Attempt *>(object)->link;
   link->over_ = true;
-  // Below 0x80 it is an error of the library's, which says the same in its own way.
-  if (link->trouble_.empty() && reason >= 0x80) {
-    link->trouble_ = std::string("the broker ends it: ") + mosquitto_reason_string(reason);
-  }
+  called_back([=] {
+    // Below 0x80 it is an error of the library's, which says the same in its own way.
+    if (link->trouble_.empty() && reason >= 0x80) {
+      link->trouble_ = std::string("the broker ends it: ") + mosquitto_reason_string(reason);
+    }
+  });
 }
 
 void Link::on_publish(mosquitto * /*client*/, void *object, int id, int reason,
                       const mosquitto_property * /*properties*/) {
   Link *link = static_cast<Attempt *>(object)->link;
-  if (link->handlers_.acknowledged) link->handlers_.acknowledged(id, reason);
+  if (link->handlers_.acknowledged) called_back([=] { link->handlers_.acknowledged(id, reason); });
 }
 
 void Link::on_message(mosquitto * /*client*/, void *object, const mosquitto_message *message,
                       const mosquitto_property *properties) {
   Link *link = static_cast<Attempt *>(object)->link;
-  if (link->handlers_.arrived) link->handlers_.arrived(*message, properties);
+  if (link->handlers_.arrived) called_back([=] { link->handlers_.arrived(*message, properties); });
 }
 
 // In the thread of an attempt, too.
 void Link::on_log(mosquitto * /*client*/, void *object, int level, const char *text) {
   if (level != MOSQ_LOG_ERR) return;
-  auto *made = static_cast<Attempt *>(object);
-  const std::lock_guard<std::mutex> hold(made->trouble_lock);
-  made->trouble = text;
+  const int number = errno;  // what the library is about to look at
+  guarded("A line of the broker's library", [=] {
+    auto *made = static_cast<Attempt *>(object);
+    const std::lock_guard<std::mutex> hold(made->trouble_lock);
+    made->trouble = text;
+  });
+  errno = number;
 }
 
 }  // namespace msgbridge

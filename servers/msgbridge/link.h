@@ -69,6 +69,8 @@ class Link {
   void lost();
   void retry();
   void service(uint32_t event);
+  int read_packets();
+  void accepted(int reason, const mosquitto_property *properties);
   void after_call(int error);
   void update_interest();
   void keep_alive();

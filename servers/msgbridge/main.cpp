@@ -2,6 +2,7 @@
 // Events go up, as the configuration's rules say; what it allows may be asked for from there.
 
 #include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,8 +17,8 @@
 #include "msgapi/kit.h"
 #include "msgapi/log.h"
 #include "msgbridge/bridge.h"
+#include "msgbridge/guard.h"
 #include "msgbridge/identity.h"
-#include "msgbridge/say.h"
 
 namespace {
 
@@ -27,33 +28,40 @@ using servers::ExitStatus;
 std::unique_ptr<Bridge> g_bridge;
 
 uint32_t take_event(uint32_t type, const void *data, uint32_t length) {
-  try {
+  guarded("An event that is lost", [=] {
     g_bridge->take_event(type, {static_cast<const char *>(data), length});
-  } catch (const std::exception &error) {
-    say(MLOG_LEVEL_ERROR, "An event of type 0x{:x} is lost: {}.", type, error.what());
-  }
+  });
   return 0;
 }
 
-uint32_t start() {
-  if (g_bridge->upward().wants_any()) {
-    std::vector<uint32_t> types = g_bridge->upward().types();
-    if (types.empty()) types.push_back(ORP_MSG_ALL_EVENTS);
-    for (const uint32_t type : types) {
-      const uint32_t status = msgkit_subscribe(type, take_event);
-      if (status != ORP_OK) return status;
-    }
+uint32_t subscribe() {
+  if (!g_bridge->upward().wants_any()) return ORP_OK;
+  std::vector<uint32_t> types = g_bridge->upward().types();
+  if (types.empty()) types.push_back(ORP_MSG_ALL_EVENTS);
+  for (const uint32_t type : types) {
+    const uint32_t status = msgkit_subscribe(type, take_event);
+    if (status != ORP_OK) return status;
   }
-  g_bridge->start();
   return ORP_OK;
 }
 
+uint32_t start() {
+  uint32_t status = ORP_ERR_MEMORY;
+  guarded("The start", [&status] {
+    status = subscribe();
+    if (status == ORP_OK) g_bridge->start();
+  });
+  return status;
+}
+
 void changed(uint32_t server, uint32_t connected) {
-  if (server == MSGKIT_MESSAGE_SERVER) g_bridge->bus_changed(connected != 0);
+  if (server != MSGKIT_MESSAGE_SERVER) return;
+  guarded("The connection to the message server",
+          [connected] { g_bridge->bus_changed(connected != 0); });
 }
 
 void stop() {
-  g_bridge->stop();
+  guarded("The end", [] { g_bridge->stop(); });
 }
 
 // Throws catalogue::Problem.
@@ -80,6 +88,8 @@ int run(const std::string &path, bool check) {
                 topic_level(gateway).c_str());
     return EXIT_SUCCESS;
   }
+  // What waits is nobody else's to read.
+  ::umask(S_IRWXG | S_IRWXO);
   // The thread of an attempt needs no arena of its own.
   ::mallopt(M_ARENA_MAX, 1);
   g_bridge = std::make_unique<Bridge>(&config, &types, gateway);

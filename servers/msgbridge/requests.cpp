@@ -6,7 +6,7 @@
 
 #include "msgapi/kit.h"
 #include "msgapi/restful.h"
-#include "msgbridge/say.h"
+#include "msgbridge/guard.h"
 
 namespace msgbridge {
 namespace {
@@ -40,15 +40,16 @@ Requests::Requests(const Config *config, const catalogue::Catalogue *types, std:
   // Answers are told from requests of the same type by their sequence numbers and senders: the
   // bridge serves nothing.
   const ORP_MSG_PROC take_answer = [](ORP_MSG_HEADER_ST *message) {
-    g_requests->answered(*message);
+    guarded("An answer to a request", [message] { g_requests->answered(*message); });
   };
   std::set<uint32_t> types_used;
   if (!config->down.rest.empty()) types_used.insert(ORP_MSG_RESTFUL_REQUEST);
   for (const CallRule &rule : config->down.calls) types_used.insert(rule.type);
   for (const uint32_t type : types_used) hear(type, take_answer);
   if (!types_used.empty()) {
-    hear(ORP_MSG_UNDELIVERABLE,
-         [](ORP_MSG_HEADER_ST *message) { g_requests->undelivered(*message); });
+    hear(ORP_MSG_UNDELIVERABLE, [](ORP_MSG_HEADER_ST *message) {
+      guarded("A request that came back", [message] { g_requests->undelivered(*message); });
+    });
   }
 }
 
@@ -59,11 +60,14 @@ Requests::~Requests() {
 
 void Requests::take(const Publication &publication, ReplyTo to) {
   ++counters_.requests;
+  // A flood is refused before anything of it is read.
+  if (pending_.size() >= config_->down.in_flight) {
+    refuse(to, AnswerStatus::kBusy, "too many requests are under way; ask again later");
+    return;
+  }
   const Request request = read_request(publication, base_, config_->down, *types_);
   if (const auto *refusal = std::get_if<Refusal>(&request)) {
     refuse(to, refusal->status, refusal->why);
-  } else if (pending_.size() >= config_->down.in_flight) {
-    refuse(to, AnswerStatus::kBusy, "too many requests are under way; ask again later");
   } else if (msgkit_is_connected(MSGKIT_MESSAGE_SERVER) == 0) {
     refuse(to, AnswerStatus::kUnavailable, "the gateway has no connection to its message server");
   } else if (const auto *rest = std::get_if<RestRequest>(&request)) {

@@ -1,6 +1,5 @@
 #include "msgbridge/spool.h"
 
-#include <sqlite3.h>
 #include <sys/random.h>
 #include <time.h>
 
@@ -9,22 +8,23 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
+
+#include "msgbridge/database.h"
 
 namespace msgbridge {
 namespace {
 
-constexpr size_t kReadAhead = 32;
+namespace fs = std::filesystem;
+
+constexpr size_t kReadAhead = 64;
 constexpr size_t kReadAheadBytes = 128 << 10;
 constexpr uint64_t kTailLimit = 512 << 10;
 constexpr uint64_t kLeastRoom = 64 << 10;
 // After so long a disk that was full may have more room.
 constexpr int64_t kLimitedTime_ms = 60'000;
 constexpr size_t kReserveStep = 256 << 10;
-// The log is reused from its beginning once this many pages of it have been written back.
-constexpr const char *kSettings =
-    "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA temp_store=MEMORY;"
-    "PRAGMA cache_size=-256; PRAGMA wal_autocheckpoint=64; PRAGMA mmap_size=0;"
-    "PRAGMA secure_delete=OFF;";
+constexpr int kMostTries = 3;
 constexpr int kApplication = 0x6d736270;
 constexpr int kVersion = 1;
 // No gateway's clock is right before.
@@ -39,10 +39,9 @@ constexpr const char *kTables =
     "CREATE TABLE lost(first INTEGER PRIMARY KEY, last INTEGER NOT NULL, count INTEGER NOT NULL, "
     "reason INTEGER NOT NULL);";
 
-struct DiskError : std::runtime_error {
-  DiskError(int result, const std::string &what) : std::runtime_error(what), code(result & 0xff) {}
-  int code;
-};
+int64_t number(uint64_t count) {
+  return static_cast<int64_t>(count);
+}
 
 uint64_t weight(uint64_t topic, uint64_t payload) {
   return Spool::kEventWeight + topic + payload;
@@ -71,66 +70,46 @@ int64_t milliseconds(clockid_t clock) {
 
 }  // namespace
 
-std::string_view reason_word(Reason reason) {
-  switch (reason) {
-    case Reason::kFull:
-      return "full";
-    case Reason::kOld:
-      return "old";
-    case Reason::kDisk:
-      return "disk";
-    case Reason::kRefused:
-      return "refused";
-  }
-  return "?";
-}
+// The open database and what is asked of it. It may still have no tables when it is made.
+struct Spool::File {
+  File(const SpoolOptions &options) : db(options.path, options.sync) {}
 
-// One run of a statement.
-class Spool::Query {
- public:
-  Query(const Statement &statement, std::initializer_list<int64_t> numbers)
-      : statement_(statement.get()) {
-    int index = 0;
-    for (const int64_t number : numbers) bind(++index, number);
-  }
-  ~Query() {
-    sqlite3_reset(statement_);
-    sqlite3_clear_bindings(statement_);
-  }
-  Query(const Query &) = delete;
-  Query &operator=(const Query &) = delete;
-
-  void bind(int index, int64_t number) { check(sqlite3_bind_int64(statement_, index, number)); }
-  // The text must stay until the statement has run.
-  void bind_text(int index, const std::string &text) {
-    check(sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_STATIC,
-                              SQLITE_UTF8));
-  }
-  void bind_blob(int index, const std::string &bytes) {
-    check(sqlite3_bind_blob64(statement_, index, bytes.data(), bytes.size(), SQLITE_STATIC));
-  }
-  // True for a row.
-  bool step() {
-    const int result = sqlite3_step(statement_);
-    if (result == SQLITE_ROW) return true;
-    if (result != SQLITE_DONE) check(result);
+  // Throws when it is somebody else's.
+  bool is_new() const {
+    const int64_t version = db.number("PRAGMA user_version");
+    if (version == 0 && db.number("SELECT count(*) FROM sqlite_master") == 0) return true;
+    if (db.number("PRAGMA application_id") != kApplication) {
+      throw std::runtime_error("is a database of another program; name another file");
+    }
+    if (version != kVersion) {
+      throw std::runtime_error("was made by another release; remove it or name another file");
+    }
     return false;
   }
-  int64_t number(int column) const { return sqlite3_column_int64(statement_, column); }
-  uint64_t count(int column) const { return static_cast<uint64_t>(number(column)); }
-  std::string text(int column) const {
-    const auto *bytes = static_cast<const char *>(sqlite3_column_blob(statement_, column));
-    const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
-    return bytes == nullptr ? std::string() : std::string(bytes, size);
+
+  void prepare() {
+    begin = db.prepare("BEGIN IMMEDIATE");
+    commit = db.prepare("COMMIT");
+    insert = db.prepare("INSERT INTO events VALUES(?,?,?,?,?,?,?,?)");
+    sum = db.prepare(
+        "SELECT count(*), ifnull(sum(length(CAST(topic AS BLOB))+length(payload)),0) FROM events "
+        "WHERE sequence BETWEEN ? AND ?");
+    remove = db.prepare("DELETE FROM events WHERE sequence BETWEEN ? AND ?");
+    oldest = db.prepare(
+        "SELECT sequence, boot, boot_ms, wall_ms, length(CAST(topic AS BLOB)), length(payload) "
+        "FROM events WHERE sequence>? ORDER BY sequence LIMIT 1");
+    read = db.prepare(
+        "SELECT sequence, boots.boot, wall_ms, qos, retain, topic, payload FROM events JOIN boots "
+        "ON boots.id=events.boot WHERE sequence>? ORDER BY sequence LIMIT ?");
+    between = db.prepare("SELECT 1 FROM events WHERE sequence>? AND sequence<? LIMIT 1");
+    keep_loss = db.prepare("INSERT OR REPLACE INTO lost VALUES(?,?,?,?)");
+    remove_loss = db.prepare("DELETE FROM lost WHERE first=?");
+    keep_state = db.prepare("UPDATE state SET next=?, given_up=?");
   }
 
- private:
-  void check(int result) const {
-    if (result == SQLITE_OK) return;
-    throw DiskError(result, sqlite3_errmsg(sqlite3_db_handle(statement_)));
-  }
-
-  sqlite3_stmt *statement_;
+  Database db;  // the last to go
+  Statement begin, commit, insert, sum, remove, oldest, read, between, keep_loss, remove_loss,
+      keep_state;
 };
 
 Spool::Now Spool::system_clock() {
@@ -142,16 +121,9 @@ Spool::Now Spool::system_clock() {
   return {boot, milliseconds(CLOCK_BOOTTIME), milliseconds(CLOCK_REALTIME)};
 }
 
-void Spool::Closer::operator()(sqlite3 *db) const {
-  sqlite3_close(db);
-}
-void Spool::Finalizer::operator()(sqlite3_stmt *statement) const {
-  sqlite3_finalize(statement);
-}
-
 Spool::Spool(SpoolOptions options, Clock clock)
     : options_(std::move(options)), clock_(clock), now_(clock()), limit_(options_.bytes) {
-  open();
+  open(false);
 }
 
 Spool::~Spool() = default;
@@ -163,179 +135,176 @@ bool Spool::failed(const std::exception &error) {
   return false;
 }
 
-bool Spool::open() {
+bool Spool::open(bool damaged) {
+  file_.reset();
   try {
     std::error_code error;
-    std::filesystem::create_directories(std::filesystem::path(options_.path).parent_path(), error);
-    try {
-      open_database();
-    } catch (const DiskError &damage) {
-      if (damage.code != SQLITE_NOTADB && damage.code != SQLITE_CORRUPT) throw;
-      // Nobody can mend it here, and the gateway's events of today matter more.
-      db_.reset();
-      std::filesystem::rename(options_.path, options_.path + ".damaged", error);
-      for (const char *other : {"-wal", "-journal"}) {
-        std::filesystem::remove(options_.path + other, error);
+    fs::create_directories(fs::path(options_.path).parent_path(), error);
+    if (!damaged) {
+      try {
+        open_file();
+        return true;
+      } catch (const DiskError &damage) {
+        if (!damage.is_damage()) throw;
       }
-      open_database();
-      problem_ = options_.path + ": was damaged, is begun anew; the old file is " + options_.path +
-                 ".damaged";
     }
+    // Nobody can mend it here, and the gateway's events of today matter more.
+    put_aside();
+    const bool is_known = !stream_.empty();
+    const uint64_t before = state_.given_up;
+    open_file();
+    problem_ = options_.path + ": was damaged, is begun anew";
+    if (is_known) problem_ += "; " + std::to_string(state_.given_up - before) + " events are lost";
     return true;
   } catch (const std::exception &error) {
-    db_.reset();
     return failed(error);
   }
 }
 
-void Spool::open_database() {
-  for (Statement *each : {&begin_, &commit_, &roll_back_, &insert_, &remove_, &oldest_, &read_,
-                          &insert_loss_, &extend_loss_, &last_loss_, &remove_loss_, &read_loss_,
-                          &between_, &keep_state_, &one_event_}) {
-    each->reset();
+// Under another name, unless a new one would have no room beside it.
+void Spool::put_aside() const {
+  std::error_code error;
+  const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
+  const bool keep = !error && space.available > options_.bytes + options_.bytes / 2;
+  for (const char *part : {"", "-wal", "-journal"}) {
+    fs::remove(options_.path + ".damaged" + part, error);
+    if (keep) fs::rename(options_.path + part, options_.path + ".damaged" + part, error);
+    fs::remove(options_.path + part, error);
   }
-  sqlite3 *db = nullptr;
-  const int result = sqlite3_open_v2(
-      options_.path.c_str(), &db,
-      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
-      nullptr);
-  db_.reset(db);
-  if (result != SQLITE_OK) {
-    throw DiskError(result, db == nullptr ? "no memory" : sqlite3_errmsg(db));
-  }
-  sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  execute(kSettings);
-  execute(options_.sync ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-  // The log keeps its space, so that a disk that others have filled still takes what fits there.
-  int keep = 1;
-  sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
+}
 
-  Statement version;
-  prepare(&version, "PRAGMA user_version");
-  bool is_new;
-  {
-    Query query(version, {});
-    is_new = !query.step() || query.number(0) == 0;
-    if (!is_new && query.number(0) != kVersion) {
-      throw std::runtime_error("was made by another release; remove it or name another file");
-    }
+void Spool::open_file() {
+  auto file = std::make_unique<File>(options_);
+  if (file->is_new()) make_tables(*file);
+  try {
+    file->prepare();
+  } catch (const DiskError &error) {
+    // Our file, and a table is missing.
+    throw error.code == SQLITE_ERROR ? DiskError(SQLITE_CORRUPT, error.what()) : error;
   }
-  if (is_new) make_tables();
-
-  prepare(&begin_, "BEGIN IMMEDIATE");
-  prepare(&commit_, "COMMIT");
-  prepare(&roll_back_, "ROLLBACK");
-  prepare(&insert_, "INSERT INTO events VALUES(?,?,?,?,?,?,?,?)");
-  prepare(&remove_, "DELETE FROM events WHERE sequence=?");
-  prepare(&oldest_,
-          "SELECT sequence, boot, boot_ms, wall_ms, length(CAST(topic AS BLOB)), length(payload) "
-          "FROM events WHERE sequence>? ORDER BY sequence LIMIT 1");
-  prepare(&one_event_,
-          "SELECT length(CAST(topic AS BLOB)), length(payload) FROM events WHERE sequence=?");
-  prepare(
-      &read_,
-      "SELECT sequence, boots.boot, wall_ms, qos, retain, topic, payload FROM events JOIN boots "
-      "ON boots.id=events.boot WHERE sequence>? ORDER BY sequence LIMIT ?");
-  prepare(&insert_loss_, "INSERT INTO lost VALUES(?,?,?,?)");
-  prepare(&extend_loss_, "UPDATE lost SET last=?, count=count+? WHERE first=?");
-  prepare(&last_loss_,
-          "SELECT first, last, reason FROM lost WHERE first<? ORDER BY first DESC LIMIT 1");
-  prepare(&between_, "SELECT 1 FROM events WHERE sequence>? AND sequence<? LIMIT 1");
-  prepare(&remove_loss_, "DELETE FROM lost WHERE first=?");
-  prepare(&read_loss_, "SELECT first, last, count, reason FROM lost ORDER BY first");
-  prepare(&keep_state_, "UPDATE state SET next=?, given_up=?");
+  file_ = std::move(file);
   load();
   if (options_.reserve) reserve();
 }
 
-void Spool::make_tables() {
-  execute("BEGIN IMMEDIATE");
-  execute(kTables);
-  Statement state;
-  prepare(&state, "INSERT INTO state VALUES(?,1,0)");
-  const std::string name = random_name();
+// For a file that is made anew while the spool knows what was in the one before.
+void Spool::lose_file() {
+  std::ranges::sort(acknowledged_);
+  const auto twice = std::ranges::unique(acknowledged_);
+  acknowledged_.erase(twice.begin(), twice.end());
+  for (const uint64_t sequence : acknowledged_) state_.oldest += sequence == state_.oldest ? 1 : 0;
+  const uint64_t count = state_.count - std::min<uint64_t>(state_.count, acknowledged_.size());
+  acknowledged_.clear();
+  refused_.clear();
+  state_.count = state_.bytes = 0;
+  state_.boot = 0;
+  ahead_.clear();
+  ++begun_anew_;
+  if (count == 0) return;
+  state_.given_up += count;
+  add_loss(&state_.losses, {state_.oldest, state_.next - 1, count, Reason::kDamaged}, told_losses_,
+           [](uint64_t, uint64_t) { return false; });
+}
+
+void Spool::make_tables(const File &file) {
+  const Database &db = file.db;
+  if (!stream_.empty()) {
+    lose_file();
+    kept_ = state_;
+  }
+  const std::string stream = stream_.empty() ? random_name() : stream_;
+  db.execute("BEGIN IMMEDIATE");
+  db.execute(kTables);
+  const Statement insert = db.prepare("INSERT INTO state VALUES(?3,?1,?2)");
   {
-    Query query(state, {});
-    query.bind_text(1, name);
+    Query query(insert, {number(state_.next), number(state_.given_up)});
+    query.bind_text(3, stream);
     query.step();
+  }
+  const Statement insert_loss = db.prepare("INSERT INTO lost VALUES(?,?,?,?)");
+  for (const auto &[first, loss] : state_.losses) {
+    Query(insert_loss,
+          {number(first), number(loss.last), number(loss.count), static_cast<int64_t>(loss.reason)})
+        .step();
   }
   char text[96];
   std::snprintf(text, sizeof text, "PRAGMA application_id=%d; PRAGMA user_version=%d; COMMIT",
                 kApplication, kVersion);
-  execute(text);
+  db.execute(text);
 }
 
 // What is kept in memory beside the file.
 void Spool::load() {
-  Statement statement;
-  prepare(&statement,
-          "SELECT count(*), ifnull(sum(length(CAST(topic AS BLOB))+length(payload)),0), "
-          "ifnull(max(sequence),0) FROM events");
-  uint64_t last;
+  State state;
+  const Database &db = file_->db;
   {
-    Query query(statement, {});
-    query.step();
-    count_ = query.count(0);
-    bytes_ = query.count(1) + count_ * kEventWeight;
-    last = query.count(2);
-  }
-  prepare(&statement, "SELECT stream, next, given_up FROM state");
-  {
-    Query query(statement, {});
+    const Statement head = db.prepare("SELECT stream, next, given_up FROM state");
+    Query query(head, {});
     if (!query.step()) throw DiskError(SQLITE_CORRUPT, "its state is missing");
+    if (!stream_.empty() && stream_ != query.text(0)) {
+      throw DiskError(SQLITE_CORRUPT, "is another spool");
+    }
     stream_ = query.text(0);
-    next_sequence_ = std::max(query.count(1), last + 1);
-    given_up_ = query.count(2);
+    state.next = std::max(query.count(1), state_.next);
+    state.given_up = query.count(2);
   }
-  boot_id_ = 0;
-  ahead_.clear();  // some of it may have been given up in what has been rolled back
+  {
+    Query query(file_->sum, {0, INT64_MAX});
+    query.step();
+    state.count = query.count(0);
+    state.bytes = query.count(1) + state.count * kEventWeight;
+  }
+  state.oldest = static_cast<uint64_t>(db.number("SELECT ifnull(min(sequence),0) FROM events"));
+  if (state.count > 0) {
+    state.next = std::max(state.next,
+                          static_cast<uint64_t>(db.number("SELECT max(sequence) FROM events")) + 1);
+  } else {
+    state.oldest = state.next;
+  }
+  {
+    const Statement boot = db.prepare("SELECT id FROM boots WHERE boot=?");
+    Query query(boot, {});
+    query.bind_text(1, now_.boot);
+    state.boot = query.step() ? query.number(0) : 0;
+  }
+  {
+    const Statement losses = db.prepare("SELECT first, last, count, reason FROM lost");
+    Query query(losses, {});
+    while (query.step()) {
+      state.losses[query.count(0)] = {query.count(0), query.count(1), query.count(2),
+                                      static_cast<Reason>(query.number(3))};
+    }
+  }
+  state_ = kept_ = std::move(state);
+  ahead_.clear();
 }
 
 void Spool::reserve() {
   const uint64_t wanted = options_.bytes + options_.bytes / 4;
-  Statement pages;
-  prepare(&pages, "SELECT page_count*page_size FROM pragma_page_count, pragma_page_size");
-  const auto size = [&pages] {
-    Query query(pages, {});
-    query.step();
-    return query.count(0);
+  const Database &db = file_->db;
+  const auto size = [&db] {
+    return static_cast<uint64_t>(
+        db.number("SELECT page_count*page_size FROM pragma_page_count, pragma_page_size"));
   };
   uint64_t there = size();
   if (there >= wanted) return;
   try {
     // In steps, so that the log stays short.
-    execute("CREATE TABLE room(bytes BLOB)");
-    Statement grow;
-    prepare(&grow, "INSERT INTO room VALUES(zeroblob(?))");
-    for (; there < wanted; there += kReserveStep) {
-      Query query(grow, {static_cast<int64_t>(kReserveStep)});
-      query.step();
+    db.execute("CREATE TABLE room(bytes BLOB)");
+    {
+      const Statement grow = db.prepare("INSERT INTO room VALUES(zeroblob(?))");
+      for (; there < wanted; there += kReserveStep) Query(grow, {kReserveStep}).step();
     }
-    grow.reset();
-    execute("DROP TABLE room");
+    db.execute("DROP TABLE room");
   } catch (const DiskError &error) {
     problem_ = options_.path + ": only " + std::to_string(size()) + " of " +
                std::to_string(wanted) + " bytes can be taken now: " + error.what();
     try {
-      execute("DROP TABLE IF EXISTS room");
+      db.execute("DROP TABLE IF EXISTS room");
     } catch (const DiskError &) {
       // The next start tries again.
     }
   }
-}
-
-void Spool::execute(const char *sql) {
-  const int result = sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr);
-  if (result != SQLITE_OK) throw DiskError(result, sqlite3_errmsg(db_.get()));
-}
-
-void Spool::prepare(Statement *statement, const char *sql) {
-  sqlite3_stmt *made = nullptr;
-  const int result =
-      sqlite3_prepare_v3(db_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr);
-  statement->reset(made);
-  if (result != SQLITE_OK) throw DiskError(result, sqlite3_errmsg(db_.get()));
 }
 
 // ---- Writing ----
@@ -345,126 +314,146 @@ void Spool::append(Event event) {
   tail_.push_back(std::move(event));
 }
 
-bool Spool::dirty() const {
-  return !tail_.empty() || unwritten_ > 0 || !acknowledged_.empty() ||
-         !acknowledged_losses_.empty() || !refused_.empty();
+bool Spool::is_due() {
+  return !tail_.empty() || unwritten_ > 0 || !acknowledged_.empty() || !refused_.empty() ||
+         !acknowledged_losses_.empty() || has_old();
 }
 
 bool Spool::commit() {
   problem_.clear();
   now_ = clock_();
   if (now_.boot_ms - limited_at_ms_ > kLimitedTime_ms) limit_ = options_.bytes;
-  bool done = false;
-  for (int tries = 0; tries < 2 && !done; ++tries) {
-    if (!db_ && !open()) break;
+  for (int tries = 0; tries < kMostTries && (file_ || open(false)); ++tries) {
     try {
-      Query(begin_, {}).step();
-      write_all();
-      Query(commit_, {}).step();
-      done = true;
+      if (is_due()) write();
+      unread_ = false;
+      return true;
     } catch (const std::exception &error) {
-      failed(error);
-      try {
-        if (sqlite3_get_autocommit(db_.get()) == 0) Query(roll_back_, {}).step();
-        load();
-      } catch (const std::exception &) {
-        db_.reset();
-      }
-      const auto *disk = dynamic_cast<const DiskError *>(&error);
-      // A smaller spool may fit the disk.
-      if (disk == nullptr || disk->code != SQLITE_FULL || !db_ || !shrink()) break;
+      if (!recover(error)) break;
     }
   }
-  if (!done) {
-    bound_tail();
-    return false;
-  }
-  tail_.clear();
-  tail_bytes_ = 0;
-  unwritten_ = 0;
-  acknowledged_.clear();
-  acknowledged_losses_.clear();
-  refused_.clear();
-  return true;
+  bound_tail();
+  return false;
 }
 
-void Spool::write_all() {
-  if (boot_id_ == 0) {
-    Statement boots;
-    prepare(&boots, "DELETE FROM boots WHERE boot<>?1 AND id NOT IN (SELECT boot FROM events)");
-    {
-      Query query(boots, {});
-      query.bind_text(1, now_.boot);
-      query.step();
-    }
-    prepare(&boots, "INSERT OR IGNORE INTO boots(boot) VALUES(?)");
-    {
-      Query query(boots, {});
-      query.bind_text(1, now_.boot);
-      query.step();
-    }
-    prepare(&boots, "SELECT id FROM boots WHERE boot=?");
-    Query query(boots, {});
-    query.bind_text(1, now_.boot);
-    if (!query.step()) throw std::runtime_error("this run of the system cannot be noted");
-    boot_id_ = query.number(0);
-  }
+void Spool::write() {
+  Query(file_->begin, {}).step();
+  note_boot();
   remove_acknowledged();
   give_up_old();
   give_up_unwritten();
   for (const Event &event : tail_) insert(event);
-  Query(keep_state_, {static_cast<int64_t>(next_sequence_), static_cast<int64_t>(given_up_)})
-      .step();
+  write_state();
+  Query(file_->commit, {}).step();
+  written();
+  tail_.clear();
+  tail_bytes_ = 0;
+  unwritten_ = 0;
+}
+
+// After a transaction with remove_acknowledged().
+void Spool::written() {
+  kept_ = state_;
+  acknowledged_.clear();
+  refused_.clear();
+  for (const uint64_t first : acknowledged_losses_) told_losses_.erase(first);
+  acknowledged_losses_.clear();
+}
+
+// Puts back what a transaction has changed. True when the same may be tried again at once.
+bool Spool::recover(const std::exception &error) {
+  failed(error);
+  roll_back();
+  const auto *disk = dynamic_cast<const DiskError *>(&error);
+  if (disk == nullptr || disk->code == SQLITE_NOMEM || disk->code == SQLITE_BUSY) return false;
+  if (disk->is_damage()) return open(true);
+  // A smaller spool may fit the disk.
+  if (disk->code == SQLITE_FULL) return file_ != nullptr && shrink();
+  // The next attempt opens what is there then.
+  file_.reset();
+  return false;
+}
+
+void Spool::roll_back() {
+  state_ = kept_;
+  ahead_.clear();  // some of it may have been given up in what has been rolled back
+  try {
+    if (file_ && file_->db.in_transaction()) file_->db.execute("ROLLBACK");
+  } catch (const std::exception &) {
+    file_.reset();
+  }
+}
+
+void Spool::note_boot() {
+  if (state_.boot != 0) return;
+  const auto run = [this](const char *sql) {
+    const Statement statement = file_->db.prepare(sql);
+    Query query(statement, {});
+    query.bind_text(1, now_.boot);
+    return query.step() ? query.number(0) : 0;
+  };
+  run("DELETE FROM boots WHERE boot<>?1 AND id NOT IN (SELECT boot FROM events)");
+  run("INSERT OR IGNORE INTO boots(boot) VALUES(?)");
+  state_.boot = run("SELECT id FROM boots WHERE boot=?");
+  if (state_.boot == 0) throw std::runtime_error("this run of the system cannot be noted");
+}
+
+// How many there were.
+uint64_t Spool::remove(uint64_t first, uint64_t last) {
+  uint64_t count, bytes;
+  {
+    Query query(file_->sum, {number(first), number(last)});
+    query.step();
+    count = query.count(0);
+    bytes = query.count(1) + count * kEventWeight;
+  }
+  if (count == 0) return 0;
+  Query(file_->remove, {number(first), number(last)}).step();
+  state_.bytes -= std::min(state_.bytes, bytes);
+  state_.count -= std::min(state_.count, count);
+  return count;
 }
 
 void Spool::remove_acknowledged() {
-  const auto take = [this](uint64_t sequence) {
-    uint64_t size;
-    {
-      Query query(one_event_, {static_cast<int64_t>(sequence)});
-      if (!query.step()) return false;
-      size = weight(query.count(0), query.count(1));
+  // Acknowledgements mostly come in order: each run of numbers goes at once.
+  std::ranges::sort(acknowledged_);
+  for (size_t i = 0; i < acknowledged_.size();) {
+    const size_t begin = i;
+    while (++i < acknowledged_.size() && acknowledged_[i] <= acknowledged_[i - 1] + 1) {
     }
-    Query(remove_, {static_cast<int64_t>(sequence)}).step();
-    bytes_ -= std::min(bytes_, size);
-    --count_;
-    return true;
-  };
-  for (const uint64_t sequence : acknowledged_) take(sequence);
+    remove(acknowledged_[begin], acknowledged_[i - 1]);
+  }
   for (const uint64_t sequence : refused_) {
-    if (take(sequence)) lose(sequence, sequence, 1, Reason::kRefused);
+    if (remove(sequence, sequence) > 0) lose({sequence, sequence, 1, Reason::kRefused});
   }
-  for (const uint64_t first : acknowledged_losses_) {
-    Query(remove_loss_, {static_cast<int64_t>(first)}).step();
-  }
+  for (const uint64_t first : acknowledged_losses_) state_.losses.erase(first);
 }
 
 bool Spool::too_old(int64_t boot, int64_t boot_ms, int64_t wall_ms) const {
   const int64_t most_ms = static_cast<int64_t>(options_.age_s) * 1000;
-  if (boot == boot_id_) return now_.boot_ms - boot_ms > most_ms;
+  if (boot == state_.boot) return now_.boot_ms - boot_ms > most_ms;
   if (wall_ms < kPlausible_ms || now_.wall_ms < kPlausible_ms) return false;
   return now_.wall_ms - wall_ms > most_ms;
 }
 
+bool Spool::has_old() {
+  Query query(file_->oldest, {number(handed_out_)});
+  return query.step() && too_old(query.number(1), query.number(2), query.number(3));
+}
+
 void Spool::give_up_old() {
-  for (;;) {
-    {
-      Query query(oldest_, {static_cast<int64_t>(handed_out_)});
-      if (!query.step() || !too_old(query.number(1), query.number(2), query.number(3))) return;
-    }
-    give_up_oldest(Reason::kOld);
-  }
+  while (has_old()) give_up_oldest(Reason::kOld);
 }
 
 // What the disk did not take has its place behind everything that is there.
 void Spool::give_up_unwritten() {
   if (unwritten_ == 0) return;
-  lose(next_sequence_, next_sequence_ + unwritten_ - 1, unwritten_, Reason::kDisk);
-  next_sequence_ += unwritten_;
+  lose({state_.next, state_.next + unwritten_ - 1, unwritten_, Reason::kDisk});
+  state_.next += unwritten_;
 }
 
 void Spool::make_room(uint64_t size) {
-  while (bytes_ + size > limit_ && give_up_oldest(Reason::kFull)) {
+  while (state_.bytes + size > limit_ && give_up_oldest(Reason::kFull)) {
   }
 }
 
@@ -472,15 +461,15 @@ void Spool::make_room(uint64_t size) {
 bool Spool::give_up_oldest(Reason reason) {
   uint64_t sequence, size;
   {
-    Query query(oldest_, {static_cast<int64_t>(handed_out_)});
+    Query query(file_->oldest, {number(handed_out_)});
     if (!query.step()) return false;
     sequence = query.count(0);
     size = weight(query.count(4), query.count(5));
   }
-  Query(remove_, {static_cast<int64_t>(sequence)}).step();
-  bytes_ -= std::min(bytes_, size);
-  --count_;
-  lose(sequence, sequence, 1, reason);
+  Query(file_->remove, {number(sequence), number(sequence)}).step();
+  state_.bytes -= std::min(state_.bytes, size);
+  --state_.count;
+  lose({sequence, sequence, 1, reason});
   while (!ahead_.empty() && ahead_.front().sequence <= sequence) ahead_.pop_front();
   return true;
 }
@@ -489,69 +478,68 @@ bool Spool::give_up_oldest(Reason reason) {
 // spool stays that small for a while.
 bool Spool::shrink() {
   try {
-    Query(begin_, {}).step();
+    Query(file_->begin, {}).step();
+    remove_acknowledged();
     const uint64_t room = std::max(2 * tail_bytes_, kLeastRoom);
-    const uint64_t most = bytes_ - std::min(bytes_, room);
+    const uint64_t most = state_.bytes - std::min(state_.bytes, room);
     bool some = false;
-    while (bytes_ > most && give_up_oldest(Reason::kDisk)) some = true;
-    limit_ = std::max(bytes_ + tail_bytes_, kLeastRoom);
+    while (state_.bytes > most && give_up_oldest(Reason::kDisk)) some = true;
+    write_state();
+    Query(file_->commit, {}).step();
+    written();
+    limit_ = std::max(state_.bytes + tail_bytes_, kLeastRoom);
     limited_at_ms_ = now_.boot_ms;
-    Query(keep_state_, {static_cast<int64_t>(next_sequence_), static_cast<int64_t>(given_up_)})
-        .step();
-    Query(commit_, {}).step();
     return some;
   } catch (const std::exception &) {
-    try {
-      if (sqlite3_get_autocommit(db_.get()) == 0) Query(roll_back_, {}).step();
-      load();
-    } catch (const std::exception &) {
-      db_.reset();
-    }
+    roll_back();
     return false;
   }
 }
 
-void Spool::lose(uint64_t first, uint64_t last, uint64_t count, Reason reason) {
-  given_up_ += count;
-  bool extend = false;
-  int64_t known_first = 0;
-  {
-    Query query(last_loss_, {static_cast<int64_t>(first)});
-    if (query.step()) {
-      known_first = query.number(0);
-      const int64_t known_last = query.number(1);
-      // One that has been handed out stays as it is, and so does the order of what is sent.
-      extend = query.number(2) == static_cast<int64_t>(reason) &&
-               !handed_losses_.contains(static_cast<uint64_t>(known_first)) &&
-               known_last < static_cast<int64_t>(first) &&
-               !Query(between_, {known_last, static_cast<int64_t>(first)}).step();
-    }
-  }
-  if (extend) {
-    Query(extend_loss_, {static_cast<int64_t>(last), static_cast<int64_t>(count), known_first})
-        .step();
-  } else {
-    Query(insert_loss_, {static_cast<int64_t>(first), static_cast<int64_t>(last),
-                         static_cast<int64_t>(count), static_cast<int64_t>(reason)})
-        .step();
-  }
+bool Spool::waits_between(uint64_t after, uint64_t before) {
+  return Query(file_->between, {number(after), number(before)}).step();
+}
+
+void Spool::lose(const Loss &loss) {
+  state_.given_up += loss.count;
+  add_loss(&state_.losses, loss, told_losses_,
+           [this](uint64_t after, uint64_t before) { return waits_between(after, before); });
 }
 
 void Spool::insert(const Event &event) {
-  const uint64_t sequence = next_sequence_++;
+  const uint64_t sequence = state_.next++;
   const uint64_t size = weight(event);
   if (size > limit_) {
-    lose(sequence, sequence, 1, Reason::kFull);
+    lose({sequence, sequence, 1, Reason::kFull});
     return;
   }
   make_room(size);
-  Query query(insert_, {static_cast<int64_t>(sequence), boot_id_, now_.boot_ms, event.wall_ms,
-                        event.qos, event.retain ? 1 : 0});
+  Query query(file_->insert, {number(sequence), state_.boot, now_.boot_ms, event.wall_ms, event.qos,
+                              event.retain ? 1 : 0});
   query.bind_text(7, event.topic);
   query.bind_blob(8, event.payload);
   query.step();
-  bytes_ += size;
-  ++count_;
+  state_.bytes += size;
+  ++state_.count;
+}
+
+// What differs from what the file says.
+void Spool::write_state() {
+  for (const auto &[first, loss] : kept_.losses) {
+    if (!state_.losses.contains(first)) Query(file_->remove_loss, {number(first)}).step();
+  }
+  for (const auto &[first, loss] : state_.losses) {
+    const auto known = kept_.losses.find(first);
+    if (known != kept_.losses.end() && known->second == loss) continue;
+    Query(file_->keep_loss,
+          {number(first), number(loss.last), number(loss.count), static_cast<int64_t>(loss.reason)})
+        .step();
+  }
+  if (state_.next != kept_.next || state_.given_up != kept_.given_up) {
+    Query(file_->keep_state, {number(state_.next), number(state_.given_up)}).step();
+  }
+  Query query(file_->oldest, {0});
+  state_.oldest = query.step() ? query.count(0) : state_.next;
 }
 
 // The memory that waits for a disk is bounded, too.
@@ -566,8 +554,7 @@ void Spool::bound_tail() {
 // ---- Reading ----
 
 void Spool::read_ahead() {
-  const uint64_t from = ahead_.empty() ? handed_out_ : ahead_.back().sequence;
-  Query query(read_, {static_cast<int64_t>(from), static_cast<int64_t>(kReadAhead)});
+  Query query(file_->read, {number(handed_out_), number(kReadAhead)});
   for (size_t bytes = 0; bytes < kReadAheadBytes && query.step();) {
     ahead_.push_back({.sequence = query.count(0),
                       .boot = query.text(1),
@@ -580,23 +567,21 @@ void Spool::read_ahead() {
   }
 }
 
-std::optional<Loss> Spool::next_loss() {
-  Query query(read_loss_, {});
-  while (query.step()) {
-    if (handed_losses_.contains(query.count(0))) continue;
-    return Loss{query.count(0), query.count(1), query.count(2),
-                static_cast<Reason>(query.number(3))};
+std::optional<Loss> Spool::next_loss() const {
+  for (const auto &[first, loss] : state_.losses) {
+    if (!told_losses_.contains(first)) return loss;
   }
   return std::nullopt;
 }
 
 std::optional<Item> Spool::next() {
-  if (!db_) return std::nullopt;
+  if (!file_) return std::nullopt;
   try {
-    if (ahead_.empty()) read_ahead();
-    const std::optional<Loss> loss = given_up_ == 0 ? std::nullopt : next_loss();
+    // An event that is not handed out is in the file: nothing has to be read when none is.
+    if (ahead_.empty() && handed_out_ + 1 < state_.next) read_ahead();
+    const std::optional<Loss> loss = next_loss();
     if (loss && (ahead_.empty() || loss->first < ahead_.front().sequence)) {
-      handed_losses_.insert(loss->first);
+      told_losses_.insert(loss->first);
       return *loss;
     }
     if (ahead_.empty()) return std::nullopt;
@@ -605,22 +590,23 @@ std::optional<Item> Spool::next() {
     handed_out_ = event.sequence;
     return event;
   } catch (const std::exception &error) {
-    failed(error);
+    recover(error);
+    unread_ = true;
     return std::nullopt;
   }
 }
 
 void Spool::acknowledge(uint64_t sequence) {
-  if (handed_losses_.contains(sequence)) {
-    acknowledged_losses_.push_back(sequence);
+  if (told_losses_.contains(sequence)) {
+    acknowledged_losses_.insert(sequence);
   } else {
     acknowledged_.push_back(sequence);
   }
 }
 
 void Spool::refuse(uint64_t sequence) {
-  if (handed_losses_.contains(sequence)) {
-    acknowledged_losses_.push_back(sequence);  // nobody can be told
+  if (told_losses_.contains(sequence)) {
+    acknowledged_losses_.insert(sequence);  // nobody can be told
   } else {
     refused_.push_back(sequence);
   }
@@ -628,7 +614,7 @@ void Spool::refuse(uint64_t sequence) {
 
 void Spool::rewind() {
   handed_out_ = 0;
-  handed_losses_.clear();
+  told_losses_ = acknowledged_losses_;
   ahead_.clear();
 }
 

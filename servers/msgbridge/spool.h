@@ -7,22 +7,23 @@
 // The spool is bounded. What does not fit is given up, the oldest first, and so is what waits too
 // long and what the disk does not take. Whatever is given up leaves a Loss, which is handed out in
 // its place and stays until it is acknowledged, too. Sequence numbers have no other gaps.
+//
+// A file that turns out to be damaged is put aside. The next one goes on with the same numbers,
+// and what was in the old one is a Loss; only at the start nobody knows what that was.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <variant>
 #include <vector>
 
 #include "msgbridge/config.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
+#include "msgbridge/losses.h"
 
 namespace msgbridge {
 
@@ -34,17 +35,6 @@ struct Event {
   std::string payload;
   int qos = 1;
   bool retain = false;
-};
-
-enum class Reason : uint8_t { kFull = 1, kOld = 2, kDisk = 3, kRefused = 4 };
-std::string_view reason_word(Reason reason);
-
-// `count` events with sequence numbers from `first` to `last` will not come; others in between did.
-struct Loss {
-  uint64_t first;
-  uint64_t last;
-  uint64_t count;
-  Reason reason;
 };
 
 using Item = std::variant<Event, Loss>;
@@ -70,14 +60,19 @@ class Spool {
   static constexpr size_t kEventWeight = 128;
 
   void append(Event event);
-  // Something is there that commit() would write.
-  bool dirty() const;
-  // False when the disk refused; what was appended is kept, up to a limit, and should be committed
-  // again after a while. Gives up what is too old. problem() says what it was.
+  // Without anything to write it leaves the file as it is. False when the disk refused; what was
+  // appended is kept, up to a limit, and should be committed again after a while. Gives up what is
+  // too old. problem() says what it was.
   bool commit();
   const std::string &problem() const { return problem_; }
+  // False when next() found no readable file; commit() tries to mend that.
+  bool reads() const { return file_ != nullptr && !unread_; }
+  // How often a damaged file was replaced. What had been handed out before is no more: it became a
+  // loss, and must not be acknowledged.
+  uint32_t begun_anew() const { return begun_anew_; }
 
-  // What should be sent next; none when everything has been handed out.
+  // What should be sent next; none when everything has been handed out, and when the file cannot be
+  // read.
   std::optional<Item> next();
   // The broker has it: an event by its sequence number, a loss by its first.
   void acknowledge(uint64_t sequence);
@@ -88,43 +83,55 @@ class Spool {
 
   // Names the run of sequence numbers; a spool that is made anew begins another one.
   const std::string &stream() const { return stream_; }
-  uint64_t last_sequence() const { return next_sequence_ - 1; }
-  uint64_t waiting() const { return count_ + tail_.size(); }
-  uint64_t waiting_bytes() const { return bytes_ + tail_bytes_; }
+  uint64_t last_sequence() const { return state_.next - 1; }
+  uint64_t waiting() const { return state_.count + tail_.size(); }
+  uint64_t waiting_bytes() const { return state_.bytes + tail_bytes_; }
   // Appended, not committed yet.
   uint64_t unwritten_bytes() const { return tail_bytes_; }
   // Since the spool was made.
-  uint64_t given_up() const { return given_up_; }
+  uint64_t given_up() const { return state_.given_up; }
 
  private:
-  struct Closer {
-    void operator()(sqlite3 *db) const;
+  struct File;
+  // What is kept in memory beside the file.
+  struct State {
+    uint64_t next = 1;    // sequence number
+    uint64_t oldest = 1;  // no event with a lower one waits
+    uint64_t count = 0;
+    uint64_t bytes = 0;
+    uint64_t given_up = 0;
+    int64_t boot = 0;  // now_.boot in the table of boots; 0: is not there yet
+    Losses losses;
   };
-  struct Finalizer {
-    void operator()(sqlite3_stmt *statement) const;
-  };
-  using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
-  class Query;
 
-  bool open();
-  void open_database();
-  void make_tables();
+  bool open(bool damaged);
+  void open_file();
+  void put_aside() const;
+  void make_tables(const File &file);
+  void lose_file();
   void load();
   void reserve();
-  void execute(const char *sql);
-  void prepare(Statement *statement, const char *sql);
-  void write_all();
+  bool is_due();
+  void write();
+  bool recover(const std::exception &error);
+  void roll_back();
+  void note_boot();
   void remove_acknowledged();
+  uint64_t remove(uint64_t first, uint64_t last);
+  bool has_old();
   void give_up_old();
   void give_up_unwritten();
   void make_room(uint64_t size);
   bool give_up_oldest(Reason reason);
   bool shrink();
-  void lose(uint64_t first, uint64_t last, uint64_t count, Reason reason);
+  void lose(const Loss &loss);
+  bool waits_between(uint64_t after, uint64_t before);
   void insert(const Event &event);
+  void write_state();
+  void written();
   void bound_tail();
   void read_ahead();
-  std::optional<Loss> next_loss();
+  std::optional<Loss> next_loss() const;
   bool failed(const std::exception &error);
   bool too_old(int64_t boot, int64_t boot_ms, int64_t wall_ms) const;
 
@@ -133,16 +140,12 @@ class Spool {
   Now now_;
   std::string problem_;
 
-  std::unique_ptr<sqlite3, Closer> db_;
-  Statement begin_, commit_, roll_back_, insert_, remove_, oldest_, read_, insert_loss_,
-      extend_loss_, last_loss_, remove_loss_, read_loss_, between_, keep_state_, one_event_;
-
+  std::unique_ptr<File> file_;
   std::string stream_;
-  int64_t boot_id_ = 0;  // of now_.boot in the table of boots
-  uint64_t next_sequence_ = 1;
-  uint64_t count_ = 0;
-  uint64_t bytes_ = 0;
-  uint64_t given_up_ = 0;
+  State state_;
+  State kept_;  // as of the last commit; what a transaction that fails has changed is put back
+  uint32_t begun_anew_ = 0;
+  bool unread_ = false;
   uint64_t limit_;  // options_.bytes, or less while the disk has no more
   int64_t limited_at_ms_ = 0;
 
@@ -151,9 +154,11 @@ class Spool {
   uint64_t unwritten_ = 0;  // given up of the tail since the last commit
 
   uint64_t handed_out_ = 0;  // the last event that next() handed out
-  std::set<uint64_t> handed_losses_;
   std::deque<Event> ahead_;  // read, not handed out yet
-  std::vector<uint64_t> acknowledged_, acknowledged_losses_, refused_;
+  std::vector<uint64_t> acknowledged_, refused_;
+  // By their first numbers: those that have been handed out, and of them what is acknowledged and
+  // still in the file.
+  std::set<uint64_t> told_losses_, acknowledged_losses_;
 };
 
 }  // namespace msgbridge

@@ -2,43 +2,66 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <utility>
 
 #include "msgapi/loop.h"
+#include "msgbridge/guard.h"
 
 namespace msgbridge {
 
 class Timer {
  public:
+  // A procedure that throws, as it may when memory is short, runs again after a second.
   explicit Timer(std::function<void()> procedure) : procedure_(std::move(procedure)) {}
-  ~Timer() { stop(); }
+  ~Timer() {
+    stop();
+    if (ended_ != nullptr) *ended_ = true;
+  }
   Timer(const Timer &) = delete;
   Timer &operator=(const Timer &) = delete;
 
   // From now; an earlier start counts no more.
   void start(uint32_t ms) {
     stop();
+    due_ = Clock::now() + std::chrono::milliseconds(ms);
     timer_ = ORP_UTIL_TimerAdd(std::max(ms, 1u), 1, fire, reinterpret_cast<ORP_WORD>(this));
   }
   // Unless it is running.
   void start_if_idle(uint32_t ms) {
     if (timer_ == nullptr) start(ms);
   }
+  // Unless it fires before that anyway.
+  void start_within(uint32_t ms) {
+    if (timer_ == nullptr || due_ > Clock::now() + std::chrono::milliseconds(ms)) start(ms);
+  }
   void stop() { OrpTimerSafeDel(&timer_); }
 
  private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr uint32_t kAgain_ms = 1000;
+
   static void fire(ORP_WORD self) {
     auto *timer = reinterpret_cast<Timer *>(self);
     timer->timer_ = nullptr;  // the loop ends it after this
     // The procedure may end the timer, and with it itself.
-    const std::function<void()> procedure = timer->procedure_;
-    procedure();
+    bool ended = false;
+    timer->ended_ = &ended;
+    const bool done = guarded("A timer's work", [timer] {
+      const std::function<void()> procedure = timer->procedure_;
+      procedure();
+    });
+    if (ended) return;
+    timer->ended_ = nullptr;
+    if (!done) timer->start_within(kAgain_ms);
   }
 
   std::function<void()> procedure_;
   OrpUvTimer *timer_ = nullptr;
+  Clock::time_point due_;
+  bool *ended_ = nullptr;  // where to tell, while the procedure runs, that this has gone
 };
 
 }  // namespace msgbridge

@@ -60,27 +60,21 @@ std::optional<std::string> event_text(uint32_t type, std::string_view data) {
 }
 
 Upward::Upward(std::vector<UpRule> rules, std::string prefix, std::string gateway)
-    : rules_(std::move(rules)),
-      limiters_(rules_.size()),
-      prefix_(std::move(prefix)),
-      gateway_(std::move(gateway)) {}
+    : rules_(std::move(rules)), prefix_(std::move(prefix)), gateway_(std::move(gateway)) {
+  for (const UpRule &rule : rules_) {
+    limiters_.push_back({TokenBucket(rule.per_second, rule.per_second)});
+  }
+}
 
 bool Upward::passes(const UpRule &rule, Limiter *limiter, int64_t now_ms) {
   if (rule.one_in > 1 && limiter->skipped++ % rule.one_in != 0) {
     ++counters_.sampled;
     return false;
   }
-  if (rule.per_second == 0) return true;
-  const double most = rule.per_second;
-  const double elapsed_s = static_cast<double>(now_ms - limiter->last_ms) / 1000;
-  limiter->tokens = limiter->started ? std::min(most, limiter->tokens + elapsed_s * most) : most;
-  limiter->started = true;
-  limiter->last_ms = now_ms;
-  if (limiter->tokens < 1) {
+  if (!limiter->bucket.takes(now_ms)) {
     ++counters_.limited;
     return false;
   }
-  limiter->tokens -= 1;
   return true;
 }
 

@@ -10,6 +10,7 @@
 
 #include "msgbridge/config.h"
 #include "msgbridge/spool.h"
+#include "msgbridge/token_bucket.h"
 
 namespace msgbridge {
 
@@ -38,12 +39,9 @@ class Upward {
   const Counters &counters() const { return counters_; }
 
  private:
-  // Lets `per_second` through in a second, and as many at once after a pause.
   struct Limiter {
-    double tokens = 0;
-    int64_t last_ms = 0;
+    TokenBucket bucket;
     uint32_t skipped = 0;
-    bool started = false;
   };
 
   bool passes(const UpRule &rule, Limiter *limiter, int64_t now_ms);

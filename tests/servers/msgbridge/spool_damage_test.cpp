@@ -1,0 +1,215 @@
+// What the spool does when its file turns out to be damaged, and that it leaves the disk alone when
+// there is nothing to write.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "msgbridge/spool.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using msgbridge::Event;
+using msgbridge::Loss;
+using msgbridge::Reason;
+using msgbridge::Spool;
+using msgbridge::SpoolOptions;
+using testing::HasSubstr;
+
+const std::string kPath = "/var/damaged/spool.db";
+
+Spool::Now g_now{"boot-1", 1'000'000, 1'800'000'000'000};
+
+Spool::Now now() {
+  return g_now;
+}
+
+SpoolOptions options() {
+  SpoolOptions options;
+  options.path = kPath;
+  options.age_s = 100;
+  options.sync = false;
+  options.reserve = false;
+  return options;
+}
+
+// More than the database keeps in memory.
+void add(Spool *spool, int count) {
+  for (int i = 0; i < count; ++i) {
+    spool->append({.boot = g_now.boot, .topic = "t", .payload = std::string(2000, 'x')});
+  }
+  ASSERT_TRUE(spool->commit()) << spool->problem();
+}
+
+// All but the first page of the file and of its log.
+void damage() {
+  for (const char *part : {"", "-wal"}) {
+    const int fd = ::open((kPath + part).c_str(), O_WRONLY);
+    struct stat status {};
+    ASSERT_TRUE(fd >= 0 && ::fstat(fd, &status) == 0);
+    const std::string garbage(4096, '\x7f');
+    for (off_t at = 4096; at < status.st_size; at += 4096) {
+      ASSERT_EQ(4096, ::pwrite(fd, garbage.data(), garbage.size(), at));
+    }
+    ::close(fd);
+  }
+}
+
+// Which numbers came, and what was said of the others.
+struct Heard {
+  std::set<uint64_t> events;
+  std::vector<Loss> losses;
+};
+
+void hear(Spool *spool, Heard *heard) {
+  while (const auto item = spool->next()) {
+    if (const auto *event = std::get_if<Event>(&*item)) {
+      EXPECT_TRUE(heard->events.empty() || *heard->events.rbegin() < event->sequence);
+      heard->events.insert(event->sequence);
+    } else {
+      heard->losses.push_back(std::get<Loss>(*item));
+    }
+  }
+}
+
+size_t open_files() {
+  return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+}
+
+TEST(SpoolDamage, IsNoticedWhileReadingAndWhatIsLostIsCounted) {
+  Spool spool(options(), now);
+  const std::string stream = spool.stream();
+  add(&spool, 600);
+  for (uint64_t i = 1; i <= 5; ++i) {
+    ASSERT_TRUE(spool.next());
+    if (i < 4) spool.acknowledge(i);
+  }
+  ASSERT_TRUE(spool.commit());
+  spool.acknowledge(4);
+  damage();
+
+  Heard heard;
+  hear(&spool, &heard);
+  EXPECT_FALSE(spool.reads());
+  EXPECT_THAT(spool.problem(), HasSubstr("damaged, is begun anew; 596 events are lost"));
+  EXPECT_EQ(1u, spool.begun_anew());
+  EXPECT_TRUE(heard.losses.empty()) << "not before what was on its way is forgotten";
+  ASSERT_TRUE(spool.commit());
+  spool.rewind();
+  add(&spool, 2);
+  hear(&spool, &heard);
+
+  EXPECT_EQ(stream, spool.stream());
+  ASSERT_EQ(1u, heard.losses.size());
+  EXPECT_EQ((Loss{5, 600, 596, Reason::kDamaged}), heard.losses[0]);
+  EXPECT_TRUE(heard.events.contains(601) && heard.events.contains(602));
+  EXPECT_EQ(596u, spool.given_up());
+  EXPECT_EQ(2u, spool.waiting());
+  EXPECT_TRUE(fs::exists(kPath + ".damaged"));
+}
+
+TEST(SpoolDamage, IsNoticedWhileWritingAndNothingNewIsLost) {
+  Spool spool(options(), now);
+  add(&spool, 600);
+  const size_t files = open_files();
+  for (uint32_t round = 1; round <= 5; ++round) {
+    damage();
+    // Written where the pages are that have been damaged; a few may still fit beside them.
+    for (int i = 0; i < 50 && spool.begun_anew() < round; ++i) add(&spool, 20);
+    ASSERT_EQ(round, spool.begun_anew());
+    add(&spool, 600);
+  }
+  EXPECT_EQ(files, open_files()) << "the damaged files are closed";
+
+  Heard heard;
+  hear(&spool, &heard);
+  uint64_t lost = 0;
+  for (const Loss &loss : heard.losses) {
+    EXPECT_EQ(Reason::kDamaged, loss.reason);
+    lost += loss.count;
+  }
+  EXPECT_EQ(spool.last_sequence(), lost + heard.events.size());
+  EXPECT_EQ(lost, spool.given_up());
+  EXPECT_LE(600u, heard.events.size());
+}
+
+TEST(SpoolDamage, AFileWithoutItsTablesIsDamagedAndAnotherProgramsIsNot) {
+  { Spool spool(options(), now); }
+  ASSERT_EQ(0, std::system(("sqlite3 " + kPath + " 'DROP TABLE lost'").c_str()));
+  {
+    Spool spool(options(), now);
+    EXPECT_THAT(spool.problem(), HasSubstr("damaged"));
+    add(&spool, 1);
+  }
+  fs::remove_all("/var/damaged");
+  fs::create_directory("/var/damaged");
+  ASSERT_EQ(0, std::system(("sqlite3 " + kPath + " 'CREATE TABLE theirs(a)'").c_str()));
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), HasSubstr("another program"));
+  EXPECT_FALSE(spool.commit());
+  EXPECT_EQ(0, std::system(("sqlite3 " + kPath + " 'SELECT * FROM theirs'").c_str()));
+}
+
+TEST(SpoolAtRest, WritesNothing) {
+  Spool spool(options(), now);
+  add(&spool, 3);
+  const auto size = [] { return fs::file_size(kPath + "-wal"); };
+  const auto time = [] { return fs::last_write_time(kPath + "-wal"); };
+  const auto size_before = size();
+  const auto time_before = time();
+  for (int i = 0; i < 3; ++i) {
+    g_now.boot_ms += 20'000;
+    ASSERT_TRUE(spool.commit());
+  }
+  EXPECT_EQ(size_before, size());
+  EXPECT_EQ(time_before, time());
+  g_now.boot_ms += 60'000;
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(3u, spool.given_up()) << "but for what is too old";
+}
+
+TEST(SpoolLosses, AreToldOnceAndInOrder) {
+  Spool spool(options(), now);
+  Heard heard;
+  uint64_t refused = 0;
+  for (int round = 0; round < 2000; ++round) {
+    spool.append({.boot = g_now.boot, .topic = "t", .payload = "x"});
+    ASSERT_TRUE(spool.commit());
+    const auto item = spool.next();
+    ASSERT_TRUE(item);
+    if (std::holds_alternative<Loss>(*item)) {
+      const auto &loss = std::get<Loss>(*item);
+      heard.losses.push_back(loss);
+      spool.acknowledge(loss.first);
+    } else if (round % 3 == 0) {
+      spool.refuse(std::get<Event>(*item).sequence);
+      ++refused;
+    } else {
+      spool.acknowledge(std::get<Event>(*item).sequence);
+    }
+  }
+  ASSERT_TRUE(spool.commit());
+  for (const auto &loss : heard.losses) EXPECT_EQ(Reason::kRefused, loss.reason);
+  const uint64_t told_before = heard.losses.size();
+  hear(&spool, &heard);
+  uint64_t told = 0;
+  std::set<uint64_t> firsts;
+  for (const auto &loss : heard.losses) {
+    told += loss.count;
+    EXPECT_TRUE(firsts.insert(loss.first).second);
+    EXPECT_TRUE(firsts.upper_bound(loss.first) == firsts.end());
+  }
+  EXPECT_EQ(refused, told);
+  EXPECT_LT(100u, told_before);
+}
+
+}  // namespace
