@@ -74,7 +74,7 @@ Request read_rest(std::string_view rest, std::string_view payload, const DownRul
   }
   const bool is_query = method->word == "get" || method->word == "delete";
   if (!is_query && !parse_json(payload)) {
-    return refuse(AnswerStatus::kBadRequest, "the body is no JSON, or goes too deep");
+    return refuse(AnswerStatus::kBadRequest, "the body is no JSON, or goes too deep, or has too many members");
   }
   return request;
 }
@@ -83,7 +83,7 @@ Request read_rest(std::string_view rest, std::string_view payload, const DownRul
 std::optional<std::string> read_call_payload(std::string_view payload, CallRequest *request) {
   if (payload.empty()) return std::nullopt;
   const std::optional<Json> json = parse_json(payload);
-  if (!json) return "the payload is no JSON, or goes too deep";
+  if (!json) return "the payload is no JSON, or goes too deep, or has too many members";
   if (!json->is_object()) return "the payload is no JSON object";
   for (const auto &[name, value] : json->items()) {
     if (name == "data") {

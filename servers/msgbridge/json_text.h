@@ -10,7 +10,7 @@ namespace msgbridge {
 
 using Json = nlohmann::ordered_json;
 
-// None for what is no JSON, or goes deeper than 32 levels.
+// None for what is no JSON, goes deeper than 32 levels, or has an object of more than 1024 members.
 std::optional<Json> parse_json(std::string_view text);
 
 // UTF-8 on one line, whatever the texts in it hold.

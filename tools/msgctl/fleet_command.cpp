@@ -86,14 +86,29 @@ class Broker {
           broker->subscribed_ = true;
           broker->refused_ = std::any_of(granted, granted + count, [](int qos) { return qos > 2; });
         });
-    mosquitto_message_v5_callback_set(
-        client_.get(),
-        [](mosquitto *, void *self, const mosquitto_message *message,
-           const mosquitto_property *list) { static_cast<Broker *>(self)->take(*message, list); });
+    mosquitto_message_v5_callback_set(client_.get(),
+                                      [](mosquitto *, void *self, const mosquitto_message *message,
+                                         const mosquitto_property *list) {
+                                        // An exception must not go through the library's frames:
+                                        // run() throws it on.
+                                        auto *broker = static_cast<Broker *>(self);
+                                        try {
+                                          if (!broker->failure_) broker->take(*message, list);
+                                        } catch (...) {
+                                          broker->failure_ = std::current_exception();
+                                        }
+                                      });
     mosquitto_log_callback_set(client_.get(),
                                [](mosquitto *, void *self, int level, const char *text) {
-                                 if (level == MOSQ_LOG_ERR)
-                                   static_cast<Broker *>(self)->trouble_ = text;
+                                 if (level != MOSQ_LOG_ERR) return;
+                                 auto *broker = static_cast<Broker *>(self);
+                                 const int number = errno;  // the library looks at it next
+                                 try {
+                                   broker->trouble_ = text;
+                                 } catch (...) {
+                                   broker->failure_ = std::current_exception();
+                                 }
+                                 errno = number;
                                });
     const Deadline deadline = in_ms(context.timeout_ms);
     check(mosquitto_connect_bind_v5(client_.get(), address.host.c_str(), address.port, kKeepAlive_s,
@@ -168,8 +183,9 @@ class Broker {
   void run(Deadline deadline, const mqtt::Address &address, const std::function<bool()> &done) {
     while (!done() && ms_until(deadline) > 0) {
       const auto wait_ms = static_cast<int>(std::min<uint32_t>(ms_until(deadline), kLoopTime_ms));
-      check(mosquitto_loop(client_.get(), wait_ms, 1), address);
+      const int error = mosquitto_loop(client_.get(), wait_ms, 1);
       if (failure_) std::rethrow_exception(failure_);
+      check(error, address);
     }
   }
 
@@ -205,6 +221,7 @@ std::string gateway_in(const std::string &topic, const std::string &prefix) {
   return topic.substr(begin, std::min(topic.find('/', begin), topic.size()) - begin);
 }
 
+// What is no JSON, and what would be too much of it, as a text.
 Json parsed(const std::string &text) {
   Json json = traffic::parsed(text);
   return json.is_discarded() ? Json(printable(text)) : json;
@@ -217,26 +234,39 @@ std::string member(const Json &object, const char *name) {
 }
 
 // The retained statuses, by gateway.
-std::map<std::string, Json> statuses(Broker *broker, const Words &words, Deadline deadline) {
-  std::map<std::string, Json> found;
+struct Statuses {
+  std::map<std::string, Json> gateways;
+  bool complete;  // false: the broker was still sending at the end
+};
+
+Statuses statuses(Broker *broker, const Words &words, Deadline deadline) {
+  Statuses found;
   Deadline quiet = in_ms(kQuiet_ms);
   broker->on_arrival([&](const Arrived &arrived) {
     const std::string gateway = gateway_in(arrived.topic, words.prefix);
     if (gateway.empty() || !arrived.topic.ends_with("/status")) return;
-    found[gateway] = parsed(arrived.payload);
+    found.gateways[gateway] = parsed(arrived.payload);
     quiet = in_ms(kQuiet_ms);
   });
   broker->subscribe(words.prefix + "/+/status", deadline);
   quiet = in_ms(kQuiet_ms);
   broker->run(deadline, [&quiet] { return ms_until(quiet) == 0; });
   broker->on_arrival(nullptr);
+  found.complete = ms_until(quiet) == 0;
   return found;
+}
+
+Failure incomplete(const Context &context, const char *what) {
+  return {ExitStatus::kTimeout,
+          fmt::format("the broker was still sending statuses of gateways after {} ms (--timeout): "
+                      "{}",
+                      context.timeout_ms, what)};
 }
 
 void list(const Context &context, const Words &words) {
   const Deadline deadline = in_ms(context.timeout_ms);
   Broker broker(context, words);
-  const auto found = statuses(&broker, words, deadline);
+  const auto [found, complete] = statuses(&broker, words, deadline);
   Table table({{"GATEWAY"},
                {"STATE"},
                {"VERSION"},
@@ -254,18 +284,65 @@ void list(const Context &context, const Words &words) {
                  member(status, "given_up")});
     }
   }
-  if (context.json) return;
-  if (!found.empty()) table.print();
-  print_line(fmt::format("{} gateways, {} online", found.size(), online));
+  if (!context.json) {
+    if (!found.empty()) table.print();
+    print_line(fmt::format("{} gateways, {} online", found.size(), online));
+  }
+  if (!complete) throw incomplete(context, "there may be more of them");
 }
 
 // ---- Events ----
 
-// The numbers of one gateway's events.
-struct Stream {
-  std::string name;
-  uint64_t last = 0;
+// The numbers of one gateway's events. Numbers can be missed twice, as a gap and in a notice of the
+// gateway's, whichever comes first: they count once.
+class Stream {
+ public:
+  // What notices told of numbers is remembered until their events would have come.
+  static constexpr size_t kMostNotices = 256;
+
+  bool is(const std::string &name) const { return name_ == name; }
+  void begin(const std::string &name) { *this = Stream{}, name_ = name; }
+
+  // How many events are missing between the last one and this; none when it came before.
+  std::optional<uint64_t> event(uint64_t sequence) {
+    if (sequence != 0 && sequence <= last_) return std::nullopt;
+    uint64_t gap = last_ == 0 || sequence == 0 ? 0 : sequence - last_ - 1;
+    for (Notice &notice : notices_) {
+      if (notice.first >= sequence) continue;
+      const uint64_t known = std::min(gap, notice.count);
+      gap -= known;
+      notice.count -= known;
+    }
+    std::erase_if(notices_, [sequence](const Notice &each) { return each.last < sequence; });
+    last_ = std::max(last_, sequence);
+    unexplained_ += gap;
+    return gap;
+  }
+
+  // How many events of it have not been counted yet.
+  uint64_t notice(uint64_t first, uint64_t last, uint64_t count) {
+    const uint64_t known = first <= last_ ? std::min(unexplained_, count) : 0;
+    unexplained_ -= known;
+    if (last > last_ && notices_.size() < kMostNotices) notices_.push_back({first, last, count});
+    return count - known;
+  }
+
+ private:
+  struct Notice {
+    uint64_t first, last, count;
+  };
+
+  std::string name_;
+  uint64_t last_ = 0;
+  uint64_t unexplained_ = 0;  // missing, and in no notice
+  std::vector<Notice> notices_;
 };
+
+uint64_t number_in(const Json &object, const char *name) {
+  if (!object.is_object() || !object.contains(name)) return 0;
+  const Json &value = object[name];
+  return value.is_number_unsigned() ? value.get<uint64_t>() : 0;
+}
 
 void listen(Context *context, const Words &words) {
   if (words.words.size() > 2) throw servers::UsageError("listen takes a module and an event");
@@ -283,31 +360,23 @@ void listen(Context *context, const Words &words) {
     if (!words.gateways.empty() && std::ranges::count(words.gateways, gateway) == 0) return;
     const Json payload = parsed(arrived.payload);
     Stream &stream = streams[gateway];
-    if (stream.name != arrived.stream) stream = {arrived.stream};
+    if (!stream.is(arrived.stream)) stream.begin(arrived.stream);
     if (arrived.topic.ends_with("/lost")) {
-      const uint64_t count =
-          payload.is_object() && payload.contains("count") && payload["count"].is_number_unsigned()
-              ? payload["count"].get<uint64_t>()
-              : 0;
-      lost += count;
-      if (payload.is_object() && payload.contains("last") && payload["last"].is_number_unsigned()) {
-        stream.last = std::max(stream.last, payload["last"].get<uint64_t>());
-      }
+      const uint64_t count = number_in(payload, "count");
+      lost += stream.notice(number_in(payload, "first"), number_in(payload, "last"), count);
       print_line(context->json ? json_text({{"gateway", printable(gateway)}, {"lost", payload}})
                                : fmt::format("{} gave up {} events: {}", printable(gateway), count,
                                              member(payload, "reason")));
       return;
     }
-    if (counts && stream.last != 0 && arrived.sequence > stream.last + 1) {
-      const uint64_t missing = arrived.sequence - stream.last - 1;
-      lost += missing;
+    const std::optional<uint64_t> missing = stream.event(arrived.sequence);
+    if (!missing) return;
+    if (counts && *missing > 0) {
+      lost += *missing;
       if (!context->json) {
-        print_line(fmt::format("{} {} events are missing here", printable(gateway), missing));
+        print_line(fmt::format("{} {} events are missing here", printable(gateway), *missing));
       }
     }
-    const bool again = arrived.sequence != 0 && arrived.sequence <= stream.last;
-    stream.last = std::max(stream.last, arrived.sequence);
-    if (again) return;
     ++printed;
     if (context->json) {
       print_json({{"gateway", printable(gateway)},
@@ -429,8 +498,11 @@ void ask(Context *context, const Words &words) {
   const Question question = question_of(words);
   Broker broker(*context, words);
   std::vector<std::string> gateways = words.gateways;
+  bool complete = true;
   if (gateways.empty()) {
-    for (const auto &[gateway, status] : statuses(&broker, words, in_ms(context->timeout_ms))) {
+    const Statuses found = statuses(&broker, words, in_ms(context->timeout_ms));
+    complete = found.complete;
+    for (const auto &[gateway, status] : found.gateways) {
       if (member(status, "state") == "online") gateways.push_back(gateway);
     }
   }
@@ -458,6 +530,7 @@ void ask(Context *context, const Words &words) {
                   fmt::format("{} of {} gateways did not answer in {} ms (--timeout)",
                               answers.missing.size(), answers.asked.size(), context->timeout_ms));
   }
+  if (!complete) throw incomplete(*context, "not all of them were asked");
   if (answers.errors > 0) {
     throw Failure(ExitStatus::kAnswerError,
                   fmt::format("{} gateways answered an error", answers.errors));

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <vector>
 
 #include "common/printable.h"
 #include "msgapi/dmmsg.h"
@@ -109,8 +110,9 @@ std::string restful_line(const Json &request) {
   return line;
 }
 
-bool is_shallow(std::string_view json, size_t most) {
-  size_t open = 0;
+// Whether it has no more levels than that, and no object with too many members.
+bool is_bounded(std::string_view json, size_t most) {
+  std::vector<size_t> members;  // on each level
   bool in_string = false;
   for (size_t at = 0; at < json.size(); ++at) {
     const char c = json[at];
@@ -119,9 +121,14 @@ bool is_shallow(std::string_view json, size_t most) {
     } else if (in_string) {
       if (c == '\\') ++at;
     } else if (c == '{' || c == '[') {
-      if (++open > most) return false;
-    } else if ((c == '}' || c == ']') && open > 0) {
-      --open;
+      if (members.size() == most) return false;
+      members.push_back(0);
+    } else if (members.empty()) {
+      continue;
+    } else if (c == '}' || c == ']') {
+      members.pop_back();
+    } else if (c == ':' && ++members.back() > kMostMembers) {
+      return false;
     }
   }
   return true;
@@ -130,7 +137,7 @@ bool is_shallow(std::string_view json, size_t most) {
 }  // namespace
 
 Json parsed(std::string_view text, size_t most_nested) {
-  if (!is_shallow(text, most_nested)) return Json(Json::value_t::discarded);
+  if (!is_bounded(text, most_nested)) return Json(Json::value_t::discarded);
   return Json::parse(text, nullptr, false);
 }
 

@@ -15,7 +15,10 @@ using Json = nlohmann::ordered_json;
 
 // Values are copied and written recursively, so text from outside may not nest at will.
 constexpr size_t kMostNested = 100;
-// The value of a JSON text; a discarded one for what is none, and for what nests deeper.
+// Each member of an object is looked for among all of them.
+constexpr size_t kMostMembers = 1024;
+// The value of a JSON text; a discarded one for what is none, nests deeper, or has an object with
+// more members.
 Json parsed(std::string_view text, size_t most_nested = kMostNested);
 
 // The body by what the catalogue says of its type, or by what it looks like: the fields of a

@@ -255,6 +255,20 @@ void Listener::publish(const std::string &topic, const std::string &payload,
   mosquitto_property_free_all(&properties);
 }
 
+void Listener::publish_as(const std::string &topic, const std::string &payload,
+                          const std::string &stream, uint64_t sequence) {
+  mosquitto_property *properties = nullptr;
+  const std::string number = std::to_string(sequence);
+  mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, "stream",
+                                     stream.c_str());
+  mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, "sequence",
+                                     number.c_str());
+  EXPECT_EQ(0,
+            mosquitto_publish_v5(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                                 payload.data(), 1, false, properties));
+  mosquitto_property_free_all(&properties);
+}
+
 void Listener::publish_retained(const std::string &topic, const std::string &payload) {
   EXPECT_EQ(0,
             mosquitto_publish_v5(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),

@@ -97,6 +97,9 @@ class Listener {
   void publish(const std::string &topic, const std::string &payload,
                const std::string &answer_to = "", const std::string &correlation = "");
 
+  // As a bridge publishes, with the number of an event.
+  void publish_as(const std::string &topic, const std::string &payload, const std::string &stream,
+                  uint64_t sequence);
   void publish_retained(const std::string &topic, const std::string &payload);
 
   // After the broker's end: until everything that it sent has been heard.

@@ -11,8 +11,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -88,6 +90,23 @@ class BridgeAndBroker : public testing::Test {
       const auto now = fs::last_write_time(file, none);
       if (now != before) quiet = 0;
       before = now;
+    }
+  }
+  // Until the process has worked off what there is, however slow the machine is.
+  static void wait_until_idle(pid_t pid) {
+    const auto read = [pid] {
+      std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+      std::string text{std::istreambuf_iterator<char>(file), {}};
+      std::istringstream words(text.substr(text.rfind(')') + 1));
+      std::vector<std::string> all{std::istream_iterator<std::string>(words), {}};
+      return std::pair(all.at(0), all.at(11) + " " + all.at(12));  // state; time used
+    };
+    std::string before;
+    for (int quiet = 0; quiet < 10; ++quiet) {
+      std::this_thread::sleep_for(milliseconds(30));
+      const auto [state, used] = read();
+      if (state != "S" || used != before) quiet = 0;
+      before = used;
     }
   }
   // A last event, after which all others have come.
@@ -279,6 +298,7 @@ TEST_F(BridgeAndBroker, SurvivesAFullDisk) {
   }
   publish(6000);
   ASSERT_TRUE(bridge->wait_for("database or disk is full")) << bridge->output();
+  wait_until_idle(bridge->pid());  // more than memory may keep
   fs::remove("/var/small/filler");
   ASSERT_TRUE(bridge->wait_for("written again")) << bridge->output();
   proxy.open(true);
@@ -638,6 +658,85 @@ TEST_F(BridgeWithRules, WhatNeedsNoAcknowledgementLeavesTheSpool) {
   EXPECT_TRUE(account.in_order);
   EXPECT_EQ(0, bridge->stop(SIGTERM));
   EXPECT_THAT(bridge->output(), HasSubstr("0 events wait"));
+}
+
+// ---- What the fleet's tool cannot do ----
+
+class FleetInTrouble : public Fleet {};
+
+TEST_F(FleetInTrouble, SaysThatItsListIsNotComplete) {
+  std::atomic<bool> stop = false;
+  std::thread gateways([&] {
+    for (int i = 0; !stop; ++i) {
+      add_silent("new" + std::to_string(i % 20));
+      std::this_thread::sleep_for(milliseconds(20));
+    }
+  });
+  const Output list = fleet({"list", "--timeout", "2500"});
+  EXPECT_EQ(5, list.status) << list.text;
+  EXPECT_THAT(list.text, HasSubstr("new7"));
+  EXPECT_THAT(list.text, HasSubstr("there may be more of them"));
+  stop = true;
+  gateways.join();
+}
+
+TEST_F(FleetInTrouble, TakesWhateverAStatusHolds) {
+  listener_->publish_retained("gw/deep/status", std::string(100'000, '['));
+  listener_->publish_retained("gw/wide/status", "{\"state\": [" + std::string(70'000, '{'));
+  const Output list = fleet({"list"});
+  EXPECT_EQ(0, list.status) << list.text;
+  EXPECT_THAT(list.text, HasSubstr("3 gateways, 1 online"));
+}
+
+TEST_F(FleetInTrouble, SaysThatItsOutputIsFull) {
+  const std::string command =
+      "${MSGAPI_BIN:-.}/msgctl fleet --broker mqtt://127.0.0.1:" + std::to_string(kBrokerPort) +
+      " listen -n 1 >/dev/full";
+  std::atomic<bool> stop = false;
+  std::thread publisher([&] {
+    while (!stop) {
+      listener_->publish("gw/other/event/wan/Hello", R"({"Module": "wan"})");
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+  });
+  const int status = std::system(command.c_str());
+  stop = true;
+  publisher.join();
+  ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+  EXPECT_NE(0, WEXITSTATUS(status));
+}
+
+TEST_F(FleetInTrouble, WhatIsMissingCountsOnce) {
+  Process listening(
+      "msgctl", {"fleet", "--broker", "mqtt://127.0.0.1:" + std::to_string(kBrokerPort), "listen",
+                 "-n", "6", "--json"});
+  test::Listener gateway(kBrokerPort, "none", &record_);
+  const auto event = [&gateway](int sequence) {
+    gateway.publish_as("gw/other/event/wan/Hello", "{}", "stream", sequence);
+  };
+  std::atomic<bool> stop = false;
+  std::thread first([&] {
+    while (!stop) {
+      event(1);  // until it has subscribed
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+  });
+  const bool heard = listening.wait_for("sequence");
+  stop = true;
+  first.join();
+  ASSERT_TRUE(heard) << listening.output();
+  const auto lost = [&gateway](const char *text) {
+    gateway.publish_as("gw/other/lost", text, "stream", 0);
+  };
+  lost(R"({"first": 2, "last": 5, "count": 2, "reason": "full"})");  // 3 and 4 come all the same
+  event(3);
+  event(4);
+  event(7);                                                             // 6 is a gap,
+  lost(R"({"first": 6, "last": 6, "count": 1, "reason": "refused"})");  // which this explains
+  event(8);
+  event(10);  // 9 is a gap that nobody explains
+  EXPECT_EQ(8, listening.wait()) << listening.output();
+  EXPECT_THAT(listening.output(), HasSubstr("4 events did not come"));
 }
 
 }  // namespace

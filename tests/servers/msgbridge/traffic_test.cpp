@@ -218,4 +218,46 @@ TEST_F(BridgeDown, AnswersAreJsonAndMasked) {
             msgbridge::call_answer_text(5, std::string("\0\xff", 2), true));
 }
 
+// ---- JSON that would take too long ----
+
+std::string with_members(size_t count, const std::string &value) {
+  std::string text = "{";
+  for (size_t i = 0; i < count; ++i) {
+    text += (i > 0 ? ",\"" : "\"") + std::to_string(i) + "\":" + value;
+  }
+  return text + "}";
+}
+
+TEST(BridgeJson, IsBoundedInDepthAndMembers) {
+  const auto takes = [](const std::string &text) {
+    return msgbridge::parse_json(text).has_value();
+  };
+  const std::string deep = std::string(32, '[') + std::string(32, ']');
+  EXPECT_TRUE(takes(deep));
+  EXPECT_FALSE(takes("[" + deep + "]"));
+  EXPECT_TRUE(takes("[" + deep.substr(1, 62) + "," + deep.substr(1, 62) + "]"))
+      << "a level that has been left counts no more";
+  EXPECT_TRUE(takes(with_members(1024, "7")));
+  EXPECT_FALSE(takes(with_members(1025, "7")));
+  EXPECT_FALSE(takes("[{}, " + with_members(1025, "{}") + "]"));
+  EXPECT_TRUE(takes("[" + with_members(600, "{\"a\": 1}") + "," + with_members(600, "1") + "]"))
+      << "each object for itself";
+  EXPECT_TRUE(takes("[\"" + std::string(5000, ':') + std::string(50, '[') + "\\\":\"]"))
+      << "texts hold what they like";
+  std::string list = "[0";
+  for (int i = 0; i < 5000; ++i) list += ",0";
+  EXPECT_TRUE(takes(list + "]"));
+}
+
+TEST(BridgeJson, OfTooManyMembersIsNoEventAndNoRequest) {
+  Upward upward = upward_of("[{}]");
+  EXPECT_FALSE(upward.take(ORP_MSG_EVENT_WAN, event("Up", with_members(20'000, "1")), kNow));
+  EXPECT_EQ(1u, upward.counters().unreadable);
+
+  const Config config = config_of(R"("down": {"calls": [{"app": "cms", "type": "0x4242"}]})");
+  const Request request = msgbridge::read_request(
+      {"gw/me/call/cms/0x4242", with_members(5000, "1")}, kBase, config.down, types());
+  EXPECT_EQ(AnswerStatus::kBadRequest, std::get<Refusal>(request).status);
+}
+
 }  // namespace
