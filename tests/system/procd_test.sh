@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # procd_test.sh SOURCE: the init script that comes before the servers', on a root as OpenWrt has it,
 # where /var is a link to /tmp and that has run: a directory without links for bodies, the group, and
-# the shared directories, however often it runs and whatever was there.
+# the shared directories, however often it runs, whatever was there, and after a restart of the
+# system, which keeps the root's files and none of its mounts.
 set -euo pipefail
 source=$(realpath "$1")
 root=/var/router
@@ -32,7 +33,12 @@ group_add_next() { echo "$1:x:65531:" >>/etc/group; }
 logger() { echo "logged: $*"; }
 SH
 
-for time in first second; do
+for time in first second restarted; do
+  if [[ $time == restarted ]]; then
+    umount -R "$root/var"
+    rm -r "$root/tmp" && mkdir -p "$root/tmp/run"
+    echo kept >"$root/tmp/run/other"
+  fi
   said=$(chroot "$root" sh -c '. /etc/functions; . /etc/init; start' 2>&1) || fail "$time: $said"
   [[ -z $said ]] || fail "$time: $said"
   [[ $(chroot "$root" readlink -f /var/run/msg) == /var/run/msg ]] || fail "$time: a link is on the way"
