@@ -15,6 +15,7 @@ namespace {
 
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 using namespace test::mlog;
 
 int64_t uptime_ms() {
@@ -90,6 +91,26 @@ TEST(MlogShow, ShowsWhatIsWanted) {
     EXPECT_EQ(2, output.status) << bad.front();
     EXPECT_THAT(output.text, HasSubstr("mlog: ")) << bad.front();
   }
+}
+
+// The uptime would fit into the running boot.
+TEST(MlogShow, FilesFromElsewhereHaveNoTimesOfDay) {
+  write_ring("wan", line(uptime_ms(), "of another machine"));
+  std::filesystem::create_directory("/var/uploaded");
+  std::filesystem::rename("/var/mlogfile/wan.log", "/var/uploaded/wan.log");
+  write_ring("wan", line(uptime_ms(), "of this one"));
+
+  const std::string up = "up [0-9]+\\.[0-9]{3} s wan INFO: of another machine\n";
+  for (const std::vector<std::string> &words : std::vector<std::vector<std::string>>{
+           {"/var/uploaded"}, {"--directory", "/var/uploaded"}, {"/var/uploaded/wan.log"}}) {
+    EXPECT_THAT(text_of(words), MatchesRegex(up));
+  }
+  EXPECT_THAT(text_of({"/var/uploaded", "--json"}), Not(HasSubstr("\"time\"")));
+  EXPECT_EQ(text_of({"/var/uploaded", "--since", "boot"}), "");
+  EXPECT_THAT(text_of({"/var/mlogfile", "/var/../var/uploaded"}),
+              MatchesRegex("[0-9-]+ [0-9:.]+ wan INFO: of this one\n" + up));
+  std::filesystem::create_symlink("/var/mlogfile", "/var/link");
+  EXPECT_THAT(text_of({"/var/link"}), MatchesRegex("[0-9-]+ [0-9:.]+ wan INFO: of this one\n"));
 }
 
 TEST(MlogShow, PrintsTimesAndTextsForPeople) {

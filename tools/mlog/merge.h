@@ -22,6 +22,9 @@ struct Source {
   // How many boots after its last one the device has seen, as far as that is known: 1 when the file
   // was last written before the running boot.
   unsigned boots_since = 0;
+  // It is not where this machine's log server writes, so its uptimes are those of another machine
+  // or of a boot that nobody knows.
+  bool elsewhere = false;
 };
 
 // Opens a file. Throws std::runtime_error with a text for the user. With `written_only` see
@@ -40,6 +43,7 @@ class Merge {
   bool next();
   const Cursor &cursor() const { return cursors_[heap_.front()]; }
   size_t index() const { return heap_.front(); }  // of the source
+  const Source &source() const { return (*sources_)[index()]; }
   // Counted back from the running one.
   unsigned boot() const { return boot_of(heap_.front()); }
 

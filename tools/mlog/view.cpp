@@ -124,6 +124,16 @@ void raise_descriptor_limit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// Whether this machine's log server writes its files to another place than that of a file.
+bool is_elsewhere(const std::string &path) try {
+  std::error_code error;
+  const fs::path there = fs::weakly_canonical(fs::absolute(path, error).parent_path(), error);
+  return there != fs::weakly_canonical(server_directory(), error);
+} catch (const std::exception &) {
+  // With --directory its configuration need not be readable, and then nobody knows.
+  return true;
+}
+
 std::string format_uptime(int64_t uptime_ms) {
   return fmt::format("{}.{:03} s", uptime_ms / 1000, uptime_ms % 1000);
 }
@@ -149,6 +159,7 @@ class View {
       if (options_.follow && !fs::exists(path)) continue;
       try {
         sources.push_back(open_source(path, clocks_, options_.follow));
+        sources.back().elsewhere = is_elsewhere(path);
       } catch (const std::exception &error) {
         complain(error.what());
         continue;
@@ -161,14 +172,16 @@ class View {
   }
 
   // The time of day of an entry of a boot, counted back from the running one.
-  std::optional<int64_t> time_of(const Entry &entry, unsigned boot) const {
-    if (boot != 0 || !entry.has_head) return std::nullopt;
+  std::optional<int64_t> time_of(const Entry &entry, unsigned boot, bool elsewhere) const {
+    if (boot != 0 || elsewhere || !entry.has_head) return std::nullopt;
     return clocks_.boot_ms + entry.uptime_ms;
+  }
+  std::optional<int64_t> time_of(const Merge &merge) const {
+    return time_of(merge.cursor().entry(), merge.boot(), merge.source().elsewhere);
   }
 
   bool wants(const Merge &merge) const {
-    const Entry &entry = merge.cursor().entry();
-    return filter_.wants(entry, time_of(entry, merge.boot()));
+    return filter_.wants(merge.cursor().entry(), time_of(merge));
   }
 
   // Prints what is wanted of a merge, `most` entries, with a marker where another boot begins.
@@ -178,7 +191,7 @@ class View {
     while (most > 0 && merge->next()) {
       const Cursor &cursor = merge->cursor();
       const unsigned boot = merge->boot();
-      const std::optional<int64_t> time_ms = time_of(cursor.entry(), boot);
+      const std::optional<int64_t> time_ms = time_of(*merge);
       if (!filter_.wants(cursor.entry(), time_ms)) continue;
       if (marks_boots_ && last_boot && *last_boot != boot) mark_restart(last_ms, cursor.key_ms());
       printer_.print(cursor.entry(), time_ms, sources[merge->index()].path);
@@ -213,6 +226,7 @@ class View {
  private:
   // A file that is followed.
   struct Track {
+    bool elsewhere = false;
     std::unique_ptr<Follower> follower;
     int64_t key_ms = 0;
   };
@@ -221,6 +235,7 @@ class View {
     int64_t key_ms;
     std::string text;
     const std::string *path;
+    bool elsewhere;
   };
 
   void mark_restart(int64_t from_ms, int64_t to_ms) {
@@ -258,7 +273,7 @@ void View::collect(const std::string &path, Track *track) {
       for (auto &[other, reset] : tracks_) reset.key_ms = 0;
     }
     if (entry.has_head) track->key_ms = std::max(track->key_ms, entry.uptime_ms);
-    added_.push_back({track->key_ms, std::move(text), &path});
+    added_.push_back({track->key_ms, std::move(text), &path, track->elsewhere});
   }
   if (track->follower->missed()) tell_missed(path);
 }
@@ -269,7 +284,7 @@ void View::print_added() {
   });
   for (const Added &added : added_) {
     const Entry entry(added.text);
-    const std::optional<int64_t> time_ms = time_of(entry, 0);
+    const std::optional<int64_t> time_ms = time_of(entry, 0, added.elsewhere);
     if (filter_.wants(entry, time_ms)) printer_.print(entry, time_ms, *added.path);
   }
   added_.clear();
@@ -287,6 +302,7 @@ void View::follow(std::vector<Source> sources) {
     while (last.next() && !last.entry().has_head) {
     }
     Track &track = tracks_[source.path];
+    track.elsewhere = source.elsewhere;
     track.follower = std::make_unique<Follower>(source.file, &source.layout);
     track.key_ms = last.entry().has_head ? last.entry().uptime_ms : 0;
   }
@@ -301,6 +317,7 @@ void View::follow(std::vector<Source> sources) {
         if (track.follower && track.follower->file().is_at(path)) continue;
         auto file = std::make_shared<RingFile>(path);
         if (track.follower) collect(tracks_.find(path)->first, &track);
+        track.elsewhere = is_elsewhere(path);
         track.follower = std::make_unique<Follower>(std::move(file), nullptr);
       } catch (const std::exception &) {
         // It is not there yet, or no more.
