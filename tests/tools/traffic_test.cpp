@@ -23,8 +23,10 @@ using test::kAsk;
 using test::kPanel;
 using test::kStation;
 using test::kThird;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using traffic::Event;
 using traffic::Filter;
 using traffic::Model;
@@ -190,6 +192,10 @@ TEST_F(Traffic, FiltersByWhatARecordTells) {
   const Event known = read();
   EXPECT_TRUE(matches("type=keep-alive to=server", known));
   EXPECT_TRUE(matches("type=keep-*", known));
+
+  EXPECT_TRUE(Filter("app=panel and not (lost or kind=delivered)", catalogue_, 0).names_kind());
+  EXPECT_FALSE(Filter("app=kind", catalogue_, 0).names_kind());
+  EXPECT_FALSE(Filter().names_kind());
 }
 
 // What a body looks like when it is shown masked.
@@ -288,10 +294,15 @@ TEST_F(Traffic, ACaptureIsReadBackAsItWasWritten) {
                                "msgsvr");
   message(kPanel, kStation, kAsk, 7, "from 192.168.100.24");
   const Event request = read();
-  writer.add(request, model_, false);
-  message(kStation, kPanel, kAsk, 7, "yes", 9);
+  writer.begin_section("process 1", model_);
+  writer.add(request, model_, traffic::Masking::kNone);
+  message(kStation, kPanel, kAsk, 7, "yes at 192.168.100.24", 9);
   const Event answer = read();
-  writer.add(answer, model_, true);
+  writer.add(answer, model_, traffic::Masking::kMask);
+  EXPECT_THAT(capture, AllOf(HasSubstr("Clients: 1 panel, 2 station"), HasSubstr("process 1")));
+  // The next server uses the same numbers.
+  writer.begin_section("process 2", Model());
+  writer.add(request, model_, traffic::Masking::kDone);
 
   traffic::PcapngReader reader(capture);
   std::optional<traffic::Packet> packet = reader.next();
@@ -303,11 +314,21 @@ TEST_F(Traffic, ACaptureIsReadBackAsItWasWritten) {
   EXPECT_EQ(packet->header->ulMsgType, kAsk);
   EXPECT_EQ(packet->kept, "from 192.168.100.24");
   EXPECT_FALSE(packet->masked);
+  EXPECT_EQ(packet->section, 1u);
   packet = reader.next();
   ASSERT_TRUE(packet && packet->header);
   EXPECT_EQ(packet->answers, request.record.number);
   EXPECT_EQ(packet->header->ulMsgData, 9u);
   EXPECT_TRUE(packet->masked);
+  EXPECT_THAT(packet->kept, Not(HasSubstr("192.168.100.24")));
+  EXPECT_EQ(packet->section, 1u);
+  EXPECT_EQ(packet->entry().header.size(), flight::kHeaderSize);
+  packet = reader.next();
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->section, 2u);
+  EXPECT_EQ(packet->record.number, request.record.number);
+  EXPECT_TRUE(packet->masked);
+  EXPECT_EQ(packet->kept, "from 192.168.100.24");
   EXPECT_EQ(reader.next(), std::nullopt);
 
   for (size_t size = 1; size < capture.size(); ++size) {

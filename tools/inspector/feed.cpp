@@ -22,7 +22,6 @@
 namespace inspector {
 namespace {
 
-using flight::Kind;
 using servers::ExitStatus;
 using servers::Failure;
 using Clock = std::chrono::steady_clock;
@@ -100,50 +99,15 @@ bool is_capture(std::string_view bytes) {
   return bytes.starts_with("\x0a\x0d\x0d\x0a");
 }
 
-// The header as the recorder wrote it.
-ORP_MSG_HEADER_ST recorded(ORP_MSG_HEADER_ST header) {
-  for (uint32_t *word :
-       {&header.ulMsgType, &header.ulSeqNum, &header.ulMsgData, &header.ulDataLen}) {
-    *word = flight::little(*word);
-  }
-  return header;
-}
-
 std::string walk_capture(std::string_view bytes,
                          const std::function<void(const traffic::Packet &)> &use) {
   try {
     traffic::PcapngReader reader(bytes);
-    while (const std::optional<traffic::Packet> packet = reader.next()) {
-      const bool possible = packet->record.kind > 0 && packet->record.kind <= flight::kLastKind &&
-                            packet->record.loss <= flight::kLastLoss;
-      const bool complete =
-          packet->record.kind != static_cast<uint8_t>(Kind::kAccepted) || packet->header;
-      if (!possible || !complete) return "a packet is no record of this bus";
-      use(*packet);
-    }
+    while (const std::optional<traffic::Packet> packet = reader.next()) use(*packet);
   } catch (const std::runtime_error &error) {
     return error.what();
   }
   return {};
-}
-
-void use_packet(const traffic::Packet &packet, Bus *bus, const Use &use) {
-  flight::Entry entry;
-  entry.record = packet.record;
-  entry.kept = packet.kept;
-  ORP_MSG_HEADER_ST header{};
-  if (packet.header && entry.kind() == Kind::kAccepted) {
-    header = recorded(*packet.header);
-    entry.header = {reinterpret_cast<const char *>(&header), sizeof header};
-  }
-  // A part of a recording need not have the records of the names.
-  if (bus != nullptr) {
-    for (const auto &[id, label] :
-         {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
-      if (!label.empty() && label[0] != '#') bus->recording.name_client(id, label);
-    }
-  }
-  use(entry, packet.wall_ns);
 }
 
 }  // namespace
@@ -153,25 +117,43 @@ void load_past(Bus *bus, const std::string &path) {
   const bool capture = is_capture(file);
   // The reader of flight files has its own copy.
   if (!capture) file = {};
-  const auto walk = [&](Bus *names, const Use &use) {
-    if (!capture) return walk_flight(path, use);
-    return walk_capture(file,
-                        [&](const traffic::Packet &packet) { use_packet(packet, names, use); });
-  };
   uint64_t count = 0, first_ns = ~uint64_t{0}, last_ns = 0;
-  const std::string problem = walk(nullptr, [&](const flight::Entry &, uint64_t wall_ns) {
+  size_t most_kept = 0;
+  const auto measure = [&](const flight::Entry &entry, uint64_t wall_ns) {
     ++count;
     first_ns = std::min(first_ns, wall_ns);
     last_ns = std::max(last_ns, wall_ns);
-  });
+    most_kept = std::max(most_kept, entry.kept.size());
+  };
+  const std::string problem = capture ? walk_capture(file,
+                                                     [&](const traffic::Packet &packet) {
+                                                       measure(packet.entry(), packet.wall_ns);
+                                                     })
+                                      : walk_flight(path, measure);
   if (count == 0 && !problem.empty()) throw Failure(ExitStatus::kBadBody, path + ": " + problem);
 
   bus->source = path;
-  bus->recording.begin_past(count, count == 0 ? 0 : last_ns - first_ns);
-  begin_server(bus, 0);
-  walk(bus, [bus](const flight::Entry &entry, uint64_t wall_ns) {
-    bus->recording.take(entry, wall_ns);
-  });
+  Recording &recording = bus->recording;
+  recording.begin_past(count, count == 0 ? 0 : last_ns - first_ns);
+  const auto body_limit = static_cast<uint32_t>(std::min<size_t>(most_kept, flight::kMostKept));
+  if (capture) {
+    uint32_t section = 0;
+    walk_capture(file, [&](const traffic::Packet &packet) {
+      if (packet.section != section) begin_server(bus, body_limit);
+      section = packet.section;
+      // A part of a recording need not have the records of the names.
+      for (const auto &[id, label] :
+           {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
+        if (!label.starts_with('#')) recording.name_client(id, label);
+      }
+      recording.take(packet.entry(), packet.wall_ns);
+    });
+  } else {
+    begin_server(bus, body_limit);
+    walk_flight(path, [&recording](const flight::Entry &entry, uint64_t wall_ns) {
+      recording.take(entry, wall_ns);
+    });
+  }
   bus->set_state(problem.empty() ? SourceState::kPast : SourceState::kDamaged, problem);
 }
 

@@ -12,7 +12,7 @@ using traffic::Event;
 using traffic::Message;
 using traffic::Model;
 
-constexpr size_t kModelBytes = size_t{64} << 20;
+constexpr size_t kModelBytes = size_t{16} << 20;
 constexpr size_t kMessageOverhead = 512;
 // A file is shown in at most so many stretches of time.
 constexpr uint64_t kPastStretches = 500;
@@ -22,14 +22,6 @@ constexpr size_t kMostServers = 64;
 Model make_model(uint32_t body_limit) {
   const size_t most = kModelBytes / (std::min(body_limit, flight::kMostKept) + kMessageOverhead);
   return Model(std::min<size_t>(most, 65536));
-}
-
-void tell_name(Model *model, traffic::ClientId id, std::string_view name) {
-  flight::Entry entry;
-  entry.record.kind = static_cast<uint8_t>(Kind::kNamed);
-  entry.record.from = id;
-  entry.kept = name;
-  model->take(entry, 0);
 }
 
 // A model that knows the clients and nothing else.
@@ -43,7 +35,7 @@ Model names_of(const Model &model) {
     entry.record.b = client.uid;
     entry.kept = client.program;
     names.take(entry, 0);
-    tell_name(&names, id, client.name);
+    names.learn_name(id, client.name);
   }
   return names;
 }
@@ -61,7 +53,7 @@ Recording::Recording(const catalogue::Catalogue &catalogue, bool masked)
 Recording::Recording(const catalogue::Catalogue &catalogue, bool masked, const Limits &limits)
     : masked_(masked),
       limits_(limits),
-      text_(catalogue, masked, msgctl::EventText::Colours::kNone),
+      text_(catalogue, false, msgctl::EventText::Colours::kNone),
       sampler_(limits.per_second),
       rare_(limits.per_second) {
   models_.emplace(server_, Model(1));
@@ -79,19 +71,18 @@ void Recording::begin_server(uint32_t body_limit) {
 }
 
 void Recording::begin_past(uint64_t count, uint64_t span_ns) {
+  past_ = true;
   summary_ = Summary(std::max(span_ns / kPastStretches + 1, kLeastStretch_ns));
   sampler_.keep_one_in(count / limits_.records + 1);
   rare_.keep_one_in(count / limits_.records + 1);
 }
 
 void Recording::name_client(traffic::ClientId id, std::string_view name) {
-  Model &model = models_.at(server_);
-  if (id == 0 || !model.client(id).name.empty()) return;
-  tell_name(&model, id, name);
+  models_.at(server_).learn_name(id, name);
 }
 
 void Recording::count_missed(const flight::Record &record, uint64_t wall_ns) {
-  if (last_number_ != 0 && record.number > last_number_ + 1) {
+  if (!past_ && last_number_ != 0 && record.number > last_number_ + 1) {
     const uint64_t count = record.number - last_number_ - 1;
     missed_ += count;
     summary_.missed(count, wall_ns);
@@ -106,7 +97,11 @@ void Recording::take(const flight::Entry &entry, uint64_t wall_ns) {
   last_wall_ns_ = std::max(last_wall_ns_, wall_ns);
   Model &model = models_.at(server_);
   const Event event = model.take(entry, wall_ns);
-  text_.take(event);
+  if (event.kind() == Kind::kHttpRequest) {
+    Event shown = event;
+    shown.text = masked(event.text);
+    text_.take(shown);
+  }
   summary_.take(event, model);
   update_copies(event);
   if (event.kind() == Kind::kClock) return;
@@ -155,13 +150,27 @@ std::shared_ptr<Message> Recording::copy_of(const Message &message) {
   if (const auto known = messages_.find(message.number); known != messages_.end()) {
     return known->second;
   }
-  auto copy = std::make_shared<Message>(message);
+  auto copy = std::make_unique<Message>(message);
   if (masked_) traffic::mask_body(copy->body, copy->length > copy->body.size());
-  return copy;
+  const size_t size = sizeof(Message) + copy->body.size();
+  *message_bytes_ += size;
+  return {copy.release(), [size, bytes = message_bytes_](const Message *last) {
+            *bytes -= size;
+            delete last;
+          }};
 }
 
-std::string Recording::json_of(const Event &event) const {
-  Json json{{"seq", end_}, {"server", server_}, {"at_us", event.wall_ns / 1000}};
+std::string Recording::masked(const std::string &text) const {
+  return masked_ ? traffic::masked(text) : text;
+}
+
+std::string Recording::line_of(const Kept &kept) const {
+  return text_.line(event_of(kept), model_of(kept));
+}
+
+std::string Recording::json_of(const Kept &kept) const {
+  const Event event = event_of(kept);
+  Json json{{"seq", kept.sequence}, {"server", kept.server}, {"at_us", kept.wall_ns / 1000}};
   json.update(text_.json(event, models_.at(server_)));
   if (event.kind() == Kind::kAccepted) {
     json["line"] = text_.body(*event.message);
@@ -174,15 +183,11 @@ std::string Recording::json_of(const Event &event) const {
 }
 
 size_t Recording::size_of(const Kept &kept) {
-  const size_t body = kept.record.kind == static_cast<uint8_t>(Kind::kAccepted) && kept.message
-                          ? kept.message->body.size() + sizeof(Message)
-                          : 0;
-  return sizeof kept + kept.text.size() + kept.json.size() + body;
+  return sizeof kept + kept.text.size() + kept.json.size();
 }
 
 void Recording::keep(const Event &event) {
-  Kept kept{end_, server_, event.record, event.wall_ns, event.text, nullptr, nullptr, {}};
-  if (masked_) kept.text = traffic::masked(kept.text);
+  Kept kept{end_, server_, event.record, event.wall_ns, masked(event.text), nullptr, nullptr, {}};
   if (event.request != nullptr) kept.request = copy_of(*event.request);
   if (event.message != nullptr) {
     // The number of one that is accepted is its own from now on, whatever a file says.
@@ -190,11 +195,11 @@ void Recording::keep(const Event &event) {
     kept.message = copy_of(*event.message);
     if (event.kind() == Kind::kAccepted) messages_[event.record.number] = kept.message;
   }
-  kept.json = json_of(event);
+  kept.json = json_of(kept);
   bytes_ += size_of(kept);
   ++end_;
   kept_.push_back(std::move(kept));
-  while (kept_.size() > limits_.records || (bytes_ > limits_.bytes && kept_.size() > 1)) {
+  while (kept_.size() > limits_.records || (bytes() > limits_.bytes && kept_.size() > 1)) {
     forget_oldest();
   }
 }

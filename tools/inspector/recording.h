@@ -45,7 +45,8 @@ class Recording {
   struct Limits {
     uint32_t per_second = 1000;  // records kept
     size_t records = 100'000;
-    size_t bytes = size_t{64} << 20;
+    // With the messages that the model remembers, which have a fixed room beside it, 64 MiB.
+    size_t bytes = size_t{48} << 20;
   };
 
   Recording(const catalogue::Catalogue &catalogue, bool masked);
@@ -55,6 +56,7 @@ class Recording {
   // numbers mean others from here on.
   void begin_server(uint32_t body_limit);
   // The records of a file follow, `count` of them over `span_ns`: all of it is to be remembered.
+  // Numbers that are not there were not wanted by whoever made the file.
   void begin_past(uint64_t count, uint64_t span_ns);
 
   void take(const flight::Entry &entry, uint64_t wall_ns);
@@ -71,6 +73,8 @@ class Recording {
 
   // The record as it was taken; valid as long as `kept`.
   static traffic::Event event_of(const Kept &kept);
+  // In a line for people, masked if that is wanted.
+  std::string line_of(const Kept &kept) const;
   // Knows the clients that the record names.
   const traffic::Model &model_of(const Kept &kept) const;
   const traffic::Model &model() const { return models_.at(server_); }
@@ -80,7 +84,7 @@ class Recording {
   uint64_t left_out() const { return left_out_; }  // of them not kept, for there were too many
   uint64_t missed() const { return missed_; }      // overwritten before they could be read
   uint64_t forgotten() const { return end_ - 1 - kept_.size(); }  // kept once
-  size_t bytes() const { return bytes_; }
+  size_t bytes() const { return bytes_ + *message_bytes_; }
   uint64_t one_in() const { return sampler_.one_in(); }
   uint64_t first_wall_ns() const { return first_wall_ns_; }
   uint64_t last_wall_ns() const { return last_wall_ns_; }
@@ -90,14 +94,15 @@ class Recording {
   bool wants(const traffic::Event &event);
   void keep(const traffic::Event &event);
   std::shared_ptr<traffic::Message> copy_of(const traffic::Message &message);
+  std::string masked(const std::string &text) const;
   void update_copies(const traffic::Event &event);
-  std::string json_of(const traffic::Event &event) const;
+  std::string json_of(const Kept &kept) const;
   void forget_oldest();
   static size_t size_of(const Kept &kept);
 
   const bool masked_;
   Limits limits_;
-  msgctl::EventText text_;
+  msgctl::EventText text_;  // gets what is masked already
   Sampler sampler_;
   Sampler rare_;  // for what happens seldom, so that it is seen beside a flood of messages
   Summary summary_;
@@ -107,7 +112,10 @@ class Recording {
   uint64_t end_ = 1;
   // Copies of messages that are kept, of the running server, by number.
   std::unordered_map<uint64_t, std::shared_ptr<traffic::Message>> messages_;
-  size_t bytes_ = 0;
+  size_t bytes_ = 0;  // of what is kept, without the copies of messages
+  // Of all copies of messages: a copy lives as long as any record that refers to it.
+  std::shared_ptr<size_t> message_bytes_ = std::make_shared<size_t>(0);
+  bool past_ = false;
   uint64_t last_number_ = 0;
   uint64_t records_ = 0;
   uint64_t left_out_ = 0;

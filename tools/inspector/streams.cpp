@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include "traffic/pcapng.h"
@@ -19,12 +22,34 @@ constexpr size_t kMostInBatch = 400;
 // The others wait for the lock no longer than it takes to look at so many records.
 constexpr uint64_t kMostLookedAt = 2000;
 
+// A lock is not fair: whoever waits for it gets it while others rest.
+constexpr std::chrono::milliseconds kBetweenPieces(1);
+
 // Goes through the records of a selection, a few at a time.
 class Cursor {
  public:
   // From the sequence `next` up to and without `end`.
   Cursor(Bus *bus, Selection selection, uint64_t next, uint64_t end = ~uint64_t{0})
       : bus_(bus), selection_(std::move(selection)), next_(next), end_(end) {}
+
+  // Looks until `use` has had some, and lets go of the lock meanwhile; false when all has been
+  // looked at.
+  template <typename Use>
+  bool find(Use use) {
+    for (;;) {
+      {
+        const std::lock_guard lock(bus_->mutex);
+        if (bus_->ends) return false;
+        size_t used = 0;
+        const bool more = step([&](const Kept &kept) {
+          use(kept);
+          ++used;
+        });
+        if (!more || used > 0) return more;
+      }
+      std::this_thread::sleep_for(kBetweenPieces);
+    }
+  }
 
   // To be called with the lock held; false when all has been looked at.
   template <typename Use>
@@ -121,24 +146,32 @@ class Capture final : public Stream {
  public:
   Capture(Cursor cursor, bool masked)
       : cursor_(std::move(cursor)),
-        masked_(masked),
+        masking_(masked ? traffic::Masking::kDone : traffic::Masking::kNone),
         writer_([this](std::string_view bytes) { out_ += bytes; }, "msginspect " MSGAPI_VERSION,
                 "msgsvr") {}
 
   std::string next() override {
-    const std::lock_guard lock(cursor_.bus().mutex);
-    bool more = true;
-    while (more && out_.empty()) {
-      more = cursor_.step([this](const Kept &kept) {
-        writer_.add(Recording::event_of(kept), cursor_.bus().recording.model_of(kept), masked_);
-      });
-    }
+    cursor_.find([this](const Kept &kept) { add(kept); });
+    // A capture without packets is one as well.
+    if (out_.empty() && !server_) begin(0, traffic::Model(1));
     return std::exchange(out_, {});
   }
 
  private:
+  void begin(uint32_t server, const traffic::Model &model) {
+    server_ = server;
+    writer_.begin_section(fmt::format("message server {}", server), model);
+  }
+  void add(const Kept &kept) {
+    const Recording &recording = cursor_.bus().recording;
+    const traffic::Model &model = recording.model_of(kept);
+    if (server_ != kept.server) begin(kept.server, model);
+    writer_.add(Recording::event_of(kept), model, masking_, recording.line_of(kept));
+  }
+
   Cursor cursor_;
-  bool masked_;
+  traffic::Masking masking_;
+  std::optional<uint32_t> server_;  // whose section has begun
   std::string out_;
   traffic::PcapngWriter writer_;
 };
@@ -150,14 +183,10 @@ class JsonList final : public Stream {
   std::string next() override {
     if (ended_) return {};
     std::string out = std::exchange(begun_, true) ? "" : "[\n";
-    const std::lock_guard lock(cursor_.bus().mutex);
-    bool more = true;
-    while (more && out.size() < 4) {
-      more = cursor_.step([&](const Kept &kept) {
-        if (std::exchange(has_one_, true)) out += ",\n";
-        out += kept.json;
-      });
-    }
+    const bool more = cursor_.find([&](const Kept &kept) {
+      if (std::exchange(has_one_, true)) out += ",\n";
+      out += kept.json;
+    });
     if (!more) {
       ended_ = true;
       out += "\n]\n";

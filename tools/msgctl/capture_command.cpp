@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,13 +74,25 @@ class Output {
     written_ = 0;
     if (options_.output == "-") return;
     // Only the owner may read what passed between daemons.
-    file_.reset(::open(options_.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+    file_.reset(::open(options_.output.c_str(), kFlags, 0600));
     if (!file_) fail();
+    // It may have been there with another mode.
+    struct stat status {};
+    if (::fstat(fd(), &status) != 0 ||
+        (S_ISREG(status.st_mode) && ::fchmod(fd(), S_IRUSR | S_IWUSR) != 0)) {
+      fail();
+    }
   }
 
   [[noreturn]] void fail() const {
-    throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kAnswerError,
-                  options_.output + ": " + std::strerror(errno));
+    if (errno == ELOOP) {
+      throw Failure(ExitStatus::kAnswerError,
+                    options_.output + ": this is a symbolic link: name the file itself");
+    }
+    throw Failure(
+        errno == EACCES || errno == EPERM ? ExitStatus::kNotPermitted : ExitStatus::kAnswerError,
+        options_.output + ": " + std::strerror(errno));
   }
 
   const Options &options_;
@@ -97,15 +110,28 @@ void capture(const Options &options, Context *context) {
   }
   const traffic::Filter filter = make_filter(options.flight, *context);
   const bool masked = !options.flight.no_mask;
+  const traffic::Masking masking = masked ? traffic::Masking::kMask : traffic::Masking::kNone;
   EventText text(context->catalogue, masked, EventText::Colours::kNone);
   Source source(options.flight.file);
   Output output(options);
   uint64_t packets = 0;
-  const auto begin = [&] {
-    return traffic::PcapngWriter([&output](std::string_view bytes) { output.add(bytes); },
-                                 "msgctl " MSGAPI_VERSION, "msgsvr");
+  traffic::PcapngWriter writer([&output](std::string_view bytes) { output.add(bytes); },
+                               "msgctl " MSGAPI_VERSION, "msgsvr");
+  const auto begin_section = [&](const traffic::Model &model) {
+    writer.begin_section(fmt::format("msgsvr, process {}, started {}", source.head().pid,
+                                     date_text(source.head().wall_ns)),
+                         model);
   };
-  traffic::PcapngWriter writer = begin();
+  {
+    // Who has connected before what is to be captured is known as well.
+    Source names(options.flight.file);
+    try {
+      names.read([](const Event &) {});
+    } catch (const Failure &) {
+      // It will be said after what comes before the damage.
+    }
+    begin_section(names.model());
+  }
   // An analyser that reads a pipe shows the interface at once.
   output.flush();
 
@@ -114,9 +140,9 @@ void capture(const Options &options, Context *context) {
     if (!filter.matches(event, source.model())) return;
     if (output.full()) {
       output.rotate();
-      writer = begin();
+      begin_section(source.model());
     }
-    writer.add(event, source.model(), masked, text.line(event, source.model()));
+    writer.add(event, source.model(), masking, text.line(event, source.model()));
     ++packets;
   };
   source.on_missed = [&](uint64_t count) {
@@ -124,7 +150,10 @@ void capture(const Options &options, Context *context) {
     std::fprintf(stderr, "msgctl: %llu records were overwritten before they could be read\n",
                  static_cast<unsigned long long>(count));
   };
-  source.on_replaced = [&text] { text.forget(); };
+  source.on_replaced = [&] {
+    text.forget();
+    begin_section(source.model());
+  };
 
   source.read(take);
   output.flush();

@@ -70,7 +70,15 @@ bus.experts = {malformed, lost, not_kept}
 -- Record numbers begin anew with each server, so what belongs together is found while the packets
 -- are read in their order and then kept by the number of the frame.
 local requests, link, answered = {}, {}, {}
-function bus.init() requests, link, answered = {}, {}, {} end
+local last_number, last_section = UInt64(0), nil
+function bus.init()
+  requests, link, answered = {}, {}, {}
+  last_number, last_section = UInt64(0), nil
+end
+
+-- The section of the file tells servers apart; where the analyser does not know it, numbers that
+-- begin anew do.
+local known, section_field = pcall(Field.new, "frame.section_number")
 
 local function type_name(number)
   for _, each in ipairs(types) do
@@ -160,6 +168,9 @@ end
 
 local function link_frames(pinfo, number, answers, time)
   if pinfo.visited then return end
+  local section = known and section_field() and section_field().value or nil
+  if section ~= last_section or number < last_number then requests = {} end
+  last_number, last_section = number, section
   requests[tostring(number)] = {frame = pinfo.number, time = time}
   local request = requests[tostring(answers)]
   if answers ~= UInt64(0) and request and request.time <= time then

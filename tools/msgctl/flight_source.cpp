@@ -144,7 +144,11 @@ traffic::Filter make_filter(const FlightOptions &options, const Context &context
     traffic::Filter filter(text, context.catalogue, clock_ns(CLOCK_REALTIME));
     if (text.empty()) return filter;
     Source source(options.file);
-    source.read([](const traffic::Event &) {});
+    try {
+      source.read([](const traffic::Event &) {});
+    } catch (const Failure &) {
+      // The command will say so; the time of what comes before the damage is known.
+    }
     if (source.alive()) return filter;
     return traffic::Filter(text, context.catalogue, source.wall_ns(source.last_ns()));
   } catch (const traffic::FilterError &error) {

@@ -42,9 +42,10 @@ class Source {
   // Hands on what has been recorded and was not read yet, but no more than a whole ring: whoever
   // wants what came meanwhile reads again.
   void read(const Take &take);
-  // The same for ever, or to the end of a file that is not the running server's, with `turn` after each round of 20 ms at least; ends when `turn` returns
-  // false, on SIGINT and SIGTERM, and when nobody reads standard output any more. When a new server
-  // has put a new file in this one's place, that is read from then on.
+  // The same for ever, or to the end of a file that is not the running server's, with `turn` after
+  // each round of 20 ms at least; ends when `turn` returns false, on SIGINT and SIGTERM, and when
+  // nobody reads standard output any more. When a new server has put a new file in this one's
+  // place, that is read from then on.
   void follow(const Take &take, const std::function<bool()> &turn);
 
   // Called in between events: so many records were overwritten before they could be read.

@@ -28,7 +28,7 @@ bool said_elsewhere(const Event &event) {
 
 void monitor(const Options &options, Context *context) {
   const traffic::Filter filter = make_filter(options.flight, *context);
-  const bool all = options.all || options.flight.filter_text().find("kind") != std::string::npos;
+  const bool all = options.all || filter.names_kind();
   EventText text(context->catalogue, !options.flight.no_mask);
   Source source(options.flight.file);
   // The end of the history, when only so many lines of it are wanted.

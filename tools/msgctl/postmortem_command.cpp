@@ -41,7 +41,10 @@ struct TimedLine {
 };
 
 void postmortem(const Options &options, Context *context) {
-  Source source(dead_file(options.flight.file));
+  FlightOptions flight = options.flight;
+  flight.file = dead_file(flight.file);
+  const traffic::Filter filter = make_filter(flight, *context);
+  Source source(flight.file);
   EventText text(context->catalogue, !options.flight.no_mask);
   const uint64_t stretch_ns = options.seconds * uint64_t{1'000'000'000};
   std::deque<TimedLine> last;
@@ -51,13 +54,16 @@ void postmortem(const Options &options, Context *context) {
   const auto take = [&](const Event &event) {
     text.take(event);
     const flight::Record &record = event.record;
+    const bool wanted = filter.matches(event, source.model());
     if (event.kind() == flight::Kind::kAccepted && event.message->to != 0) {
-      queued.emplace(record.number, *event.message);
+      if (wanted) queued.emplace(record.number, *event.message);
     } else if (event.kind() == flight::Kind::kDelivered || event.kind() == flight::Kind::kLost) {
       queued.erase(record.about);
     } else if (event.kind() == flight::Kind::kEnded) {
       std::erase_if(queued, [&record](const auto &each) { return each.second.to == record.from; });
     }
+    while (!last.empty() && record.time_ns - last.front().time_ns > stretch_ns) last.pop_front();
+    if (!wanted) return;
     if (context->json) {
       last.push_back({record.time_ns, {text.json(event, source.model()), {}}});
     } else {
@@ -65,7 +71,6 @@ void postmortem(const Options &options, Context *context) {
           {record.time_ns,
            {nullptr, time_text(event.wall_ns) + " " + text.line(event, source.model())}});
     }
-    while (record.time_ns - last.front().time_ns > stretch_ns) last.pop_front();
   };
   try {
     source.read(take);
@@ -74,9 +79,11 @@ void postmortem(const Options &options, Context *context) {
     damage = failure.what();
   }
 
+  while (!last.empty() && source.last_ns() - last.front().time_ns > stretch_ns) last.pop_front();
+
   const bool alive = source.alive();
   const traffic::Model &model = source.model();
-  const std::vector<traffic::Wait> waits = model.waits(answered_by(context->catalogue));
+  const auto [waits, stuck] = waiting(source, answered_by(context->catalogue), filter);
   const std::string end = date_text(source.wall_ns(source.last_ns()));
   if (context->json) {
     print_json({{"file", source.path()},
@@ -103,7 +110,7 @@ void postmortem(const Options &options, Context *context) {
                   {"accepted", date_text(source.wall_ns(message.accepted_ns))}});
     }
     for (const traffic::Wait &wait : waits) print_json(wait_json(wait, source, text));
-    for (const Deadlock &each : deadlocks(waits)) print_json(deadlock_json(each, source));
+    for (const Deadlock &each : stuck) print_json(deadlock_json(each, source));
     for (const TimedLine &each : last) each.line.print();
   } else {
     const auto title = [](const std::string &words) {
@@ -133,7 +140,7 @@ void postmortem(const Options &options, Context *context) {
     if (queued.empty()) print_line("nothing");
     title("Requests without an answer");
     for (const std::string &line : waits_lines(waits, source, text)) print_line(line);
-    for (const Deadlock &each : deadlocks(waits)) {
+    for (const Deadlock &each : stuck) {
       print_line(coloured(Colour::kRed, deadlock_line(each, source)));
     }
     if (waits.empty()) print_line("none");
@@ -152,6 +159,7 @@ void add_postmortem_command(servers::CommandLine *line, Context *context) {
                     [context] { postmortem(options, context); });
   add_flight_options(&command, context, &options.flight, Personal::kMasked);
   command.number("--seconds", &options.seconds, "How much of the end to show", {0, 86400});
+  add_filter(&command, &options.flight);
 }
 
 }  // namespace msgctl

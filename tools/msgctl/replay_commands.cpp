@@ -10,12 +10,14 @@
 #include <iterator>
 #include <map>
 #include <optional>
-#include <unordered_map>
+#include <set>
+#include <vector>
 
 #include "common/printable.h"
 #include "msgctl/bus.h"
 #include "msgctl/context.h"
 #include "msgctl/output.h"
+#include "traffic/filter.h"
 #include "traffic/pcapng.h"
 
 namespace msgctl {
@@ -28,16 +30,25 @@ struct Options {
   std::string to;
   std::string of;
   std::string speed = "1";
+  std::vector<std::string> filter;  // its words
   uint32_t count = 0;
   bool live = false;
 };
 
+// A record of a capture: a server's numbers mean others after its restart.
+struct Id {
+  uint32_t section;
+  uint64_t number;
+
+  auto operator<=>(const Id &) const = default;
+};
+
 // A message of a capture, on its way to one receiver.
 struct Recorded {
-  uint64_t number;
+  Id id;
   uint64_t wall_ns;
   std::string to;
-  uint64_t answers;
+  std::optional<Id> answers;
   uint32_t type;
   uint32_t data;
   std::string body;
@@ -69,66 +80,123 @@ std::string name_of(const std::string &label) {
   return label.ends_with(']') ? label.substr(0, label.rfind('[')) : label;
 }
 
-// What can be sent again of the traffic with `name`. Throws when bodies are missing or masked.
-Capture load(const std::string &path, const std::string &name) {
+std::string contents_of(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kNoSuch,
                   path + ": " + std::strerror(errno));
   }
-  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  Capture capture;
-  std::unordered_map<uint64_t, Recorded> events;  // accepted for nobody in particular
-  try {
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Times in it refer to the capture's last packet.
+traffic::Filter filter_of(const Options &options, const std::string &bytes,
+                          const catalogue::Catalogue &catalogue) {
+  const std::string text = fmt::format("{}", fmt::join(options.filter, " "));
+  uint64_t last_ns = 0;
+  if (!text.empty()) {
     traffic::PcapngReader reader(bytes);
-    while (const std::optional<traffic::Packet> packet = reader.next()) {
-      const auto kind = static_cast<flight::Kind>(packet->record.kind);
-      const std::string from = name_of(packet->from), to = name_of(packet->to);
-      if (kind == flight::Kind::kDelivered && to == name) {
-        if (const auto event = events.find(packet->record.about); event != events.end()) {
-          capture.messages.push_back(event->second);
-          capture.messages.back().to = to;
-        }
-      }
-      if (kind != flight::Kind::kAccepted || !packet->header) continue;
-      const ORP_MSG_HEADER_ST &header = *packet->header;
-      const bool theirs = from == name || to == name;
-      if (!theirs && packet->record.to != 0) continue;
-      if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
-        if (theirs) ++capture.in_files;
-        continue;
-      }
-      if (theirs && packet->record.a > packet->kept.size()) {
-        throw Failure(ExitStatus::kBadBody,
-                      fmt::format("{}: record {} has {} of its {} body bytes: run msgsvr with "
-                                  "--flight-body {} and capture again",
-                                  path, packet->record.number, packet->kept.size(),
-                                  packet->record.a, flight::kMostKept));
-      }
-      if (theirs && packet->masked && packet->record.a > 0) {
-        throw Failure(ExitStatus::kBadBody,
-                      fmt::format("{}: its bodies are masked: capture with --no-mask", path));
-      }
-      Recorded message{packet->record.number,
-                       packet->wall_ns,
-                       to,
-                       packet->answers,
-                       header.ulMsgType & ORP_MSG_TYPE_MASK,
-                       header.ulMsgData,
-                       packet->kept};
-      if (theirs) {
-        capture.messages.push_back(std::move(message));
-      } else if (packet->record.a == packet->kept.size() && !packet->masked) {
-        events.emplace(message.number, std::move(message));
+    while (const auto packet = reader.next()) last_ns = std::max(last_ns, packet->wall_ns);
+  }
+  try {
+    return {text, catalogue, last_ns};
+  } catch (const traffic::FilterError &error) {
+    throw servers::UsageError(std::string("filter: ") + error.what());
+  }
+}
+
+// What can be sent again of the traffic with one application, as a capture has it.
+class Loader {
+ public:
+  Loader(const std::string &path, const std::string &name) : path_(path), name_(name) {}
+
+  // Throws when bodies are missing or masked.
+  Capture load(const Options &options, const catalogue::Catalogue &catalogue) {
+    const std::string bytes = contents_of(path_);
+    try {
+      const traffic::Filter filter = filter_of(options, bytes, catalogue);
+      traffic::PcapngReader reader(bytes);
+      while (const auto packet = reader.next()) take(*packet, filter);
+    } catch (const Failure &) {
+      throw;
+    } catch (const servers::UsageError &) {
+      throw;
+    } catch (const std::runtime_error &error) {
+      throw Failure(ExitStatus::kBadBody, path_ + ": " + error.what());
+    }
+    return std::move(capture_);
+  }
+
+ private:
+  void take(const traffic::Packet &packet, const traffic::Filter &filter) {
+    const std::string from = name_of(packet.from), to = name_of(packet.to);
+    if (packet.section != section_) model_ = traffic::Model();
+    section_ = packet.section;
+    if (!from.starts_with('#')) model_.learn_name(packet.record.from, from);
+    if (!to.starts_with('#')) model_.learn_name(packet.record.to, to);
+    const bool fits = filter.matches(model_.take(packet.entry(), packet.wall_ns), model_);
+
+    const auto kind = static_cast<flight::Kind>(packet.record.kind);
+    if (kind == flight::Kind::kDelivered && to == name_ && fits) {
+      if (const auto event = events_.find({section_, packet.record.about});
+          event != events_.end()) {
+        capture_.messages.push_back(event->second);
+        capture_.messages.back().to = to;
       }
     }
-  } catch (const Failure &) {
-    throw;
-  } catch (const std::runtime_error &error) {
-    throw Failure(ExitStatus::kBadBody, path + ": " + error.what());
+    if (kind == flight::Kind::kAccepted) accept(packet, from, to, fits);
   }
-  return capture;
-}
+
+  void accept(const traffic::Packet &packet, const std::string &from, const std::string &to,
+              bool fits) {
+    const Id id{section_, packet.record.number};
+    const bool theirs = from == name_ || to == name_;
+    if (!theirs && packet.record.to != 0) return;
+    std::optional<Id> answers;
+    if (packet.answers != 0) answers = Id{section_, packet.answers};
+    // The filter chooses requests; their answers belong to them.
+    if (theirs && !(answers ? chosen_.contains(*answers) : fits)) return;
+    if (theirs) chosen_.insert(id);
+
+    const ORP_MSG_HEADER_ST &header = *packet.header;
+    if ((header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
+      if (theirs) ++capture_.in_files;
+      return;
+    }
+    const bool whole = packet.record.a <= packet.kept.size();
+    if (theirs && !whole) {
+      throw Failure(
+          ExitStatus::kBadBody,
+          fmt::format("{}: record {} has {} of its {} body bytes: run msgsvr with "
+                      "--flight-body {} and capture again",
+                      path_, id.number, packet.kept.size(), packet.record.a, flight::kMostKept));
+    }
+    if (theirs && packet.masked && packet.record.a > 0) {
+      throw Failure(ExitStatus::kBadBody,
+                    fmt::format("{}: its bodies are masked: capture with --no-mask", path_));
+    }
+    Recorded message{id,
+                     packet.wall_ns,
+                     to,
+                     answers,
+                     header.ulMsgType & ORP_MSG_TYPE_MASK,
+                     header.ulMsgData,
+                     packet.kept};
+    if (theirs) {
+      capture_.messages.push_back(std::move(message));
+    } else if (whole && !packet.masked) {
+      events_.insert_or_assign(id, std::move(message));
+    }
+  }
+
+  const std::string &path_;
+  const std::string &name_;
+  Capture capture_;
+  uint32_t section_ = 0;
+  traffic::Model model_;
+  std::set<Id> chosen_;
+  std::map<Id, Recorded> events_;  // accepted for nobody in particular
+};
 
 double speed_of(const std::string &text) {
   double speed = 0;
@@ -219,19 +287,20 @@ void replay(const Options &options, Context *context) {
   refuse_other_buses(options.live);
   const double speed = speed_of(options.speed);
   const std::string of = options.of.empty() ? options.to : options.of;
-  const Capture capture = load(options.file, of);
-  std::unordered_map<uint64_t, const Recorded *> answers;  // by the number of the request
+  const Capture capture = Loader(options.file, of).load(options, context->catalogue);
+  std::map<Id, const Recorded *> answers;  // by the request
   for (const Recorded &message : capture.messages) {
-    if (message.answers != 0 && message.to != of) answers[message.answers] = &message;
+    if (message.answers && message.to != of) answers[*message.answers] = &message;
   }
   std::vector<const Recorded *> requests;
   for (const Recorded &message : capture.messages) {
-    if (message.to == of && message.answers == 0) requests.push_back(&message);
+    if (message.to == of && !message.answers) requests.push_back(&message);
   }
   if (requests.empty()) {
-    throw Failure(ExitStatus::kNoSuch,
-                  fmt::format("{}: nothing in it was sent to '{}' (--of names another receiver)",
-                              options.file, of));
+    throw Failure(
+        ExitStatus::kNoSuch,
+        fmt::format("{}: nothing wanted in it was sent to '{}' (--of names another receiver)",
+                    options.file, of));
   }
 
   Player player(*context, receiver_name(options.to));
@@ -243,7 +312,7 @@ void replay(const Options &options, Context *context) {
       player.receive_until(start + std::chrono::nanoseconds(static_cast<int64_t>(
                                        static_cast<double>(pause_ns) / speed)));
     }
-    const auto answer = answers.find(message->number);
+    const auto answer = answers.find(message->id);
     player.send(*message, answer == answers.end() ? nullptr : answer->second);
   }
   player.receive_answers(in_ms(context->timeout_ms));
@@ -279,13 +348,14 @@ void mock(const Options &options, Context *context) {
   refuse_other_buses(options.live);
   if (context->as.empty()) throw servers::UsageError("mock: --as NAME is missing");
   const std::string of = options.of.empty() ? context->as : options.of;
-  const Capture capture = load(options.file, of);
-  std::unordered_map<uint64_t, const Recorded *> requests;
+  const Capture capture = Loader(options.file, of).load(options, context->catalogue);
+  std::map<Id, const Recorded *> requests;
   std::map<uint32_t, Answers> answers;
   for (const Recorded &message : capture.messages) {
-    if (message.to == of) requests[message.number] = &message;
-    const auto request = requests.find(message.answers);
-    if (message.answers == 0 || request == requests.end()) continue;
+    if (message.to == of) requests[message.id] = &message;
+    if (!message.answers) continue;
+    const auto request = requests.find(*message.answers);
+    if (request == requests.end()) continue;
     answers[message.type].pairs.push_back({request->second, &message});
   }
   if (answers.empty()) {
@@ -316,13 +386,13 @@ void mock(const Options &options, Context *context) {
       print_json({{"from", from},
                   {"type", type},
                   {"data", request->ulMsgData},
-                  {"answer", answer == nullptr ? Json(nullptr) : Json(answer->number)}});
+                  {"answer", answer == nullptr ? Json(nullptr) : Json(answer->id.number)}});
     } else {
       print_line(fmt::format("{}  {} = {}: {}", printable(from),
                              printable(context->catalogue.describe(type)), request->ulMsgData,
                              answer == nullptr
                                  ? std::string("no answer to that was captured")
-                                 : fmt::format("answered as in record {}", answer->number)));
+                                 : fmt::format("answered as in record {}", answer->id.number)));
     }
   }
 }
@@ -337,6 +407,9 @@ void add_replay_commands(servers::CommandLine *line, Context *context) {
     command->flag("--live", &options.live, "Also on a bus that is not a sandbox's");
     command->argument("FILE", &options.file, "A capture with bodies, made with --no-mask",
                       servers::Presence::kRequired);
+    command->arguments("FILTER", &options.filter,
+                       "Which of its requests and events: type=wifi-scan and from=panel",
+                       servers::Presence::kOptional);
   };
   servers::Command replay_command =
       line->command("replay", "Send an application what it was sent in a capture", [context] {

@@ -278,10 +278,16 @@ size_t rows_that_fit() {
 }
 
 void top(const Options &options, Context *context) {
+  const traffic::Filter filter = make_filter(options.flight, *context);
   const EventText text(context->catalogue, true);
   Source source(options.flight.file);
   Activity activity;
-  const auto take = [&activity](const Event &event) { activity.take(event); };
+  const auto take = [&](const Event &event) {
+    // What empties a queue empties what is counted of it.
+    const bool ends_queue =
+        event.kind() == flight::Kind::kRelieved || event.kind() == flight::Kind::kEnded;
+    if (ends_queue || filter.matches(event, source.model())) activity.take(event);
+  };
   source.on_replaced = [&activity] { activity.forget(); };
   const auto print = [&](uint64_t until_ns, size_t rows) {
     const uint64_t first_ns = activity.first_ns();
@@ -334,6 +340,7 @@ void add_top_command(servers::CommandLine *line, Context *context) {
   add_flight_options(&command, context, &options.flight);
   command.number("--interval", &options.interval_s, "Seconds between two pictures", {1, 3600});
   command.flag("--once", &options.once, "One picture of all that is recorded, for scripts");
+  add_filter(&command, &options.flight);
 }
 
 }  // namespace msgctl

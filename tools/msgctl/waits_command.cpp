@@ -38,6 +38,7 @@ void report(const Options &options, const Context &context, const Source &source
 }
 
 void waits(const Options &options, Context *context) {
+  const traffic::Filter filter = make_filter(options.flight, *context);
   Source source(options.flight.file);
   if (options.watch_s != 0 && !source.follows()) {
     throw servers::UsageError("waits: --watch looks at the running server, not at a file");
@@ -46,20 +47,20 @@ void waits(const Options &options, Context *context) {
   const auto ignore = [](const Event &) {};
   source.read(ignore);
   if (options.watch_s == 0) {
-    const std::vector<Wait> found = source.model().waits(answered);
-    report(options, *context, source, found, deadlocks(found));
+    const Waiting found = waiting(source, answered, filter);
+    report(options, *context, source, found.waits, found.deadlocks);
     return;
   }
 
   source.follow(ignore, [&] {
-    const std::vector<Wait> found = source.model().waits(answered);
-    for (const Deadlock &deadlock : deadlocks(found)) {
+    const Waiting found = waiting(source, answered, filter);
+    for (const Deadlock &deadlock : found.deadlocks) {
       const uint64_t now_ns = source.now_ns();
       if (now_ns < deadlock.since_ns ||
           now_ns - deadlock.since_ns < options.watch_s * uint64_t{1'000'000'000}) {
         continue;
       }
-      report(options, *context, source, found, {deadlock});
+      report(options, *context, source, found.waits, {deadlock});
       context->status = ExitStatus::kAnswerError;
       return false;
     }
@@ -78,6 +79,7 @@ void add_waits_command(servers::CommandLine *line, Context *context) {
   command.number("--watch", &options.watch_s,
                  "Wait until a circle has lasted so many seconds, then end with status 1",
                  {1, 86400});
+  add_filter(&command, &options.flight);
 }
 
 }  // namespace msgctl

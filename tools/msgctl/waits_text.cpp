@@ -49,6 +49,25 @@ std::vector<Deadlock> deadlocks(const std::vector<Wait> &waits) {
   return found;
 }
 
+Waiting waiting(const Source &source, const traffic::Model::Known &answered,
+                const traffic::Filter &filter) {
+  const std::vector<Wait> all = source.model().waits(answered);
+  Waiting wanted;
+  std::set<uint64_t> numbers;
+  for (const Wait &wait : all) {
+    const Message &request = *wait.request;
+    if (!filter.matches(request, source.wall_ns(request.accepted_ns), source.model())) continue;
+    wanted.waits.push_back(wait);
+    numbers.insert(request.number);
+  }
+  for (Deadlock &each : deadlocks(all)) {
+    const bool has_one = std::any_of(each.requests.begin(), each.requests.end(),
+                                     [&](uint64_t number) { return numbers.contains(number); });
+    if (has_one) wanted.deadlocks.push_back(std::move(each));
+  }
+  return wanted;
+}
+
 std::string deadlock_line(const Deadlock &deadlock, const Source &source) {
   std::string path;
   for (const ClientId client : deadlock.clients) path += label(source.model(), client) + " -> ";

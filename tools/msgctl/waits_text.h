@@ -19,6 +19,14 @@ struct Deadlock {
 
 std::vector<Deadlock> deadlocks(const std::vector<traffic::Wait> &waits);
 
+// The requests without an answer that the filter wants, and the circles with such a request.
+struct Waiting {
+  std::vector<traffic::Wait> waits;
+  std::vector<Deadlock> deadlocks;
+};
+Waiting waiting(const Source &source, const traffic::Model::Known &answered,
+                const traffic::Filter &filter);
+
 // "panel -> station -> panel: a probable deadlock for 2.30 s"
 std::string deadlock_line(const Deadlock &deadlock, const Source &source);
 Json deadlock_json(const Deadlock &deadlock, const Source &source);

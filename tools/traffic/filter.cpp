@@ -164,6 +164,10 @@ struct Filter::Node {
   const catalogue::Catalogue *catalogue = nullptr;
 
   bool holds(const Event &event, const Model &model) const;
+  bool names_kind() const {
+    return what == What::kKind || std::any_of(parts.begin(), parts.end(),
+                                              [](const auto &part) { return part->names_kind(); });
+  }
 
  private:
   bool type_fits(uint32_t type) const;
@@ -507,6 +511,23 @@ Filter &Filter::operator=(Filter &&) noexcept = default;
 
 bool Filter::matches(const Event &event, const Model &model) const {
   return root_ == nullptr || root_->holds(event, model);
+}
+
+bool Filter::matches(const Message &message, uint64_t wall_ns, const Model &model) const {
+  Event event;
+  event.record.kind = static_cast<uint8_t>(Kind::kAccepted);
+  event.record.from = message.from;
+  event.record.to = message.to;
+  event.record.number = message.number;
+  event.record.time_ns = message.accepted_ns;
+  event.record.a = message.length;
+  event.wall_ns = wall_ns;
+  event.message = &message;
+  return matches(event, model);
+}
+
+bool Filter::names_kind() const {
+  return root_ != nullptr && root_->names_kind();
 }
 
 }  // namespace traffic

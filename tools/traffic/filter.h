@@ -45,6 +45,10 @@ class Filter {
   Filter &operator=(Filter &&) noexcept;
 
   bool matches(const Event &event, const Model &model) const;
+  // The same for a message when it was accepted, at `wall_ns`.
+  bool matches(const Message &message, uint64_t wall_ns, const Model &model) const;
+  // It has a term for kinds of records.
+  bool names_kind() const;
 
   struct Node;
 

@@ -173,6 +173,11 @@ const Client &Model::client(ClientId id) const {
   return entry == clients_.end() ? kUnknown : entry->second;
 }
 
+void Model::learn_name(ClientId id, std::string_view name) {
+  if (id == 0 || name.empty()) return;
+  if (Client &client = clients_[id]; client.name.empty()) client.name = name;
+}
+
 std::string Model::label(ClientId id) const {
   if (id == 0) return "server";
   const Client &known = client(id);

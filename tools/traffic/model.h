@@ -86,6 +86,8 @@ class Model {
 
   // What is known about a client; an empty one if that is nothing.
   const Client &client(ClientId id) const;
+  // What a client is called, from elsewhere than its records, which come first.
+  void learn_name(ClientId id, std::string_view name);
   const std::map<ClientId, Client> &clients() const { return clients_; }
   // "wifi", "wifi[123]" while several have the name, "#7" for a client without one, "server".
   std::string label(ClientId id) const;

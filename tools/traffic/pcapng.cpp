@@ -1,9 +1,12 @@
 #include "traffic/pcapng.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
+#include "common/printable.h"
 #include "traffic/mask.h"
 
 namespace traffic {
@@ -20,6 +23,7 @@ constexpr uint16_t kOptionEnd = 0;
 constexpr uint16_t kComment = 1;
 constexpr uint16_t kUserApplication = 4;
 constexpr uint16_t kInterfaceName = 2;
+constexpr uint16_t kInterfaceDescription = 3;
 constexpr uint16_t kTimeResolution = 9;
 constexpr char kNanoseconds = 9;
 
@@ -79,16 +83,29 @@ void reverse_header(ORP_MSG_HEADER_ST *header) {
   }
 }
 
+// "Clients: 1 panel, 2 station"; as many as there is room for.
+std::string clients_text(const Model &model) {
+  std::string text;
+  for (const auto &[id, client] : model.clients()) {
+    if (id == 0 || client.ended || client.name.empty()) continue;
+    const std::string one = fmt::format("{} {}", id, servers::printable(client.name));
+    if (text.size() + one.size() + 2 > kMostComment) break;
+    text += (text.empty() ? "Clients: " : ", ") + one;
+  }
+  return text;
+}
+
 }  // namespace
 
-std::string packet_of(const Event &event, const Model &model, bool masked) {
+std::string packet_of(const Event &event, const Model &model, Masking masking) {
+  const bool masked = masking != Masking::kNone;
   const Message *message = event.message;
   flight::Record record = event.record;
   std::string kept = event.text;
   if (message != nullptr && event.kind() == flight::Kind::kAccepted) kept = message->body;
-  if (masked && message != nullptr) {
+  if (masking == Masking::kMask && message != nullptr) {
     mask_body(kept, message->length > kept.size());
-  } else if (masked && !kept.empty()) {
+  } else if (masking == Masking::kMask && !kept.empty()) {
     kept = traffic::masked(kept);
   }
   record.kept = static_cast<uint16_t>(kept.size());
@@ -114,28 +131,34 @@ std::string packet_of(const Event &event, const Model &model, bool masked) {
 }
 
 PcapngWriter::PcapngWriter(Sink sink, std::string_view application, std::string_view interface)
-    : sink_(std::move(sink)) {
+    : sink_(std::move(sink)), application_(application), interface_(interface) {}
+
+void PcapngWriter::begin_section(std::string_view server, const Model &model) {
   std::string section;
   put(&section, kByteOrderMagic);
   put(&section, uint16_t{1});
   put(&section, uint16_t{0});
   put(&section, ~uint64_t{0});  // the section's length is not known
-  put_option(&section, kUserApplication, application);
+  put_option(&section, kUserApplication, application_);
   put_option(&section, kOptionEnd, {});
 
   std::string description;
   put(&description, kLinkType);
   put(&description, uint16_t{0});
   put(&description, uint32_t{0});  // no limit
-  put_option(&description, kInterfaceName, interface);
+  if (const std::string clients = clients_text(model); !clients.empty()) {
+    put_option(&description, kComment, clients);
+  }
+  put_option(&description, kInterfaceName, interface_);
+  put_option(&description, kInterfaceDescription, server);
   put_option(&description, kTimeResolution, {&kNanoseconds, 1});
   put_option(&description, kOptionEnd, {});
   sink_(block(kSectionHeader, section) + block(kInterface, description));
 }
 
-void PcapngWriter::add(const Event &event, const Model &model, bool masked,
+void PcapngWriter::add(const Event &event, const Model &model, Masking masking,
                        std::string_view comment) {
-  const std::string packet = packet_of(event, model, masked);
+  const std::string packet = packet_of(event, model, masking);
   std::string content;
   put(&content, uint32_t{0});  // the interface
   put(&content, static_cast<uint32_t>(event.wall_ns >> 32));
@@ -151,17 +174,28 @@ void PcapngWriter::add(const Event &event, const Model &model, bool masked,
   sink_(block(kEnhancedPacket, std::move(content)));
 }
 
+flight::Entry Packet::entry() const {
+  flight::Entry entry;
+  entry.record = record;
+  entry.kept = kept;
+  if (entry.kind() == flight::Kind::kAccepted) entry.header = recorded_header;
+  return entry;
+}
+
 std::optional<Packet> PcapngReader::next() {
   constexpr size_t kBlockEnds = 12, kPacketBlockHead = 20;
   while (!rest_.empty()) {
     if (rest_.size() < kBlockEnds) throw std::runtime_error("the capture ends within a block");
     const auto type = get<uint32_t>(rest_, 0);
     const auto size = get<uint32_t>(rest_, 4);
-    if (!begun_ && (type != kSectionHeader || rest_.size() < 28 ||
-                    get<uint32_t>(rest_, 8) != kByteOrderMagic)) {
-      throw std::runtime_error("this is no pcapng capture in little-endian order");
+    if (sections_ == 0 || type == kSectionHeader) {
+      if (type != kSectionHeader || rest_.size() < 28 ||
+          get<uint32_t>(rest_, 8) != kByteOrderMagic) {
+        throw std::runtime_error("this is no pcapng capture in little-endian order");
+      }
+      ++sections_;
+      interfaces_ = 0;
     }
-    begun_ = true;
     if (size < kBlockEnds || size % 4 != 0) throw std::runtime_error("a block's size cannot be");
     if (size > rest_.size()) throw std::runtime_error("the capture ends within a block");
     const std::string_view content = rest_.substr(8, size - kBlockEnds);
@@ -185,6 +219,7 @@ std::optional<Packet> PcapngReader::next() {
     if (get<uint16_t>(bytes, 0) != 1) throw std::runtime_error("a packet is of another version");
 
     Packet packet;
+    packet.section = sections_;
     packet.wall_ns = uint64_t{get<uint32_t>(content, 4)} << 32 | get<uint32_t>(content, 8);
     const auto flags = get<uint16_t>(bytes, 2);
     packet.masked = (flags & kFlagMasked) != 0;
@@ -204,10 +239,16 @@ std::optional<Packet> PcapngReader::next() {
       }
       packet.header.emplace();
       std::memcpy(&*packet.header, bytes.data() + at, sizeof *packet.header);
+      std::memcpy(packet.recorded_header.data(), bytes.data() + at, sizeof *packet.header);
       reverse_header(&*packet.header);
       at += sizeof *packet.header;
     }
     packet.kept = bytes.substr(at, packet.record.kept);
+    const bool accepted = packet.record.kind == static_cast<uint8_t>(flight::Kind::kAccepted);
+    if (packet.record.kind == 0 || packet.record.kind > flight::kLastKind ||
+        packet.record.loss > flight::kLastLoss || (accepted && !packet.header)) {
+      throw std::runtime_error("a packet is no record of this bus");
+    }
     return packet;
   }
   return std::nullopt;
