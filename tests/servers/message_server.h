@@ -36,7 +36,9 @@ class MessageServer : public Services {
 
   // Connections that have just been closed may still be there for a moment.
   void expect_no_descriptors_but_of(ptrdiff_t clients) const {
-    for (int i = 0; i < 1000 && open_descriptors() != idle_descriptors_ + clients; ++i) settle();
+    for (int i = 0; i < kPatience_ms && open_descriptors() != idle_descriptors_ + clients; ++i) {
+      ::usleep(1000);
+    }
     EXPECT_EQ(idle_descriptors_ + clients, open_descriptors());
   }
 

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -133,10 +132,7 @@ TEST_F(HttpServer, ServesAgainWhenThereAreDescriptorsAgain) {
 
 TEST_F(HttpServer, LosesNoneOfManyLargeRequests) {
   constexpr int kCount = 40;
-  server_->stop(SIGTERM);
-  start({"--http", "8080", "--http-timeout", "60000"});
-  app_ = std::make_unique<RawClient>("status");
-  enter("/dev");
+  serve({"--http-timeout", "60000"});
   std::ofstream("/var/large") << std::string(2000000, 'b');
   const std::string command =
       "for i in $(seq " + std::to_string(kCount) +
@@ -156,10 +152,7 @@ TEST_F(HttpServer, LosesNoneOfManyLargeRequests) {
 }
 
 TEST_F(HttpServer, RefusesWhatAnApplicationThatDoesNotReadCannotBeGiven) {
-  server_->stop(SIGTERM);
-  start({"--http", "8080", "--http-timeout", "1000", "--queue", "16384", "--cut-through", "4096"});
-  app_ = std::make_unique<RawClient>("status");
-  enter("/dev");
+  serve({"--queue", "16384", "--cut-through", "4096"});
   const int small = 2048;
   ASSERT_EQ(0, ::setsockopt(app_->fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
   // Its queue fills up, and what waits for it is dropped.

@@ -2,11 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -60,19 +58,20 @@ TEST_F(Restful, SaysWhyThereIsNoAnswer) {
   }
   EXPECT_EQ("404", status_of("/dev/" + std::string(64, 'h')));
 
+  auto gone = curl("/dev/info");
+  app_->read();
+  app_->close();
+  EXPECT_EQ("502", status_in(gone.get()));
+  EXPECT_EQ("404", status_of("/dev/info"));
+
   // An answer that comes too late goes nowhere.
+  serve({"--http-timeout", "500"});
   auto slow = curl("/dev/info");
   const Frame request = next_request();
   EXPECT_EQ("504", status_in(slow.get()));
   EXPECT_TRUE(server_->wait_for("has not answered GET /dev/info"));
   answer(app_.get(), request, "late");
   app_->drain();
-
-  auto gone = curl("/dev/info");
-  app_->read();
-  app_->close();
-  EXPECT_EQ("502", status_in(gone.get()));
-  EXPECT_EQ("404", status_of("/dev/info"));
 }
 
 TEST_F(Restful, RefusesBodiesThatNoApplicationWouldBeGiven) {
@@ -171,8 +170,8 @@ TEST_F(Restful, AnswersHead) {
                                         testing::Not(HasSubstr("text|"))));
 }
 
+// At once: a time-out is another status.
 TEST_F(Restful, SaysAtOnceThatAnAnswerIsTooLong) {
-  const auto begin = std::chrono::steady_clock::now();
   for (const bool in_file : {false, true}) {
     auto got = curl("/dev/info");
     const Frame request = next_request();
@@ -192,7 +191,6 @@ TEST_F(Restful, SaysAtOnceThatAnAnswerIsTooLong) {
     EXPECT_TRUE(server_->wait_for("cannot be passed on: too long"));
     app_->drain();
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2 * std::chrono::seconds(2)) << "no time-out";
 }
 
 }  // namespace

@@ -233,7 +233,7 @@ TEST(MsgsvrSoak, HostileClientsCostOthersNothing) {
   RecordProperty("exchanged", std::to_string(exchanged));
   RecordProperty("hostile_acts", std::to_string(acts));
   // All that they held is given back.
-  for (int i = 0; i < 1000 && descriptors() != idle; ++i) RawClient("settle").drain();
+  for (int i = 0; i < test::kPatience_ms && descriptors() != idle; ++i) ::usleep(1000);
   EXPECT_EQ(idle, descriptors());
   std::ifstream statm(directory + "/statm");
   size_t pages = 0;

@@ -1,12 +1,15 @@
 // A message server that takes restful requests by HTTP, and an application that serves them.
 #pragma once
 
+#include <signal.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "msgapi/restful.h"
 #include "servers/services.h"
@@ -20,7 +23,7 @@ class Restful : public Services {
   // Runs curl next to the test, which plays the application meanwhile: the body, the status and the
   // type of the answer.
   static std::future<std::string> curl(const std::string &path, const std::string &options = "") {
-    const std::string command = "curl -sg --max-time 20 -w '|%{http_code}|%{content_type}' " +
+    const std::string command = "curl -sg --max-time 60 -w '|%{http_code}|%{content_type}' " +
                                 options + " 'http://127.0.0.1:8080" + path + "' >/var/http";
     return std::async(std::launch::async, [command] {
       [[maybe_unused]] const int status = std::system(command.c_str());
@@ -28,8 +31,14 @@ class Restful : public Services {
     });
   }
 
-  Restful() {
-    start({"--http", "8080", "--http-timeout", "2000"});
+  // An answer may take what a busy machine needs.
+  Restful() { serve({"--http-timeout", "30000"}); }
+
+  // Begins, or begins anew, with these options.
+  void serve(std::vector<std::string> options) {
+    if (server_ != nullptr) server_->stop(SIGTERM);
+    options.insert(options.end(), {"--http", "8080"});
+    start(options);
     app_ = std::make_unique<RawClient>("status");
     enter("/dev");
   }
