@@ -65,7 +65,7 @@ passes_a_body() {
   as() { exec chroot --userspec="$1:$1" --groups="$group" "$root" "${@:2}"; }
   chroot "$root" msgsvr >"$log" 2>&1 &
   servers=($!)
-  for ((tries = 0; tries < 200; ++tries)); do
+  for ((tries = 0; tries < 1000; ++tries)); do
     grep -q ready "$log" && ready=1 && break
     sleep 0.05
   done
@@ -73,7 +73,7 @@ passes_a_body() {
   grep -q 'receivers refuse' "$log" && fail "msgsvr sees a link"
   as "$receiver" large serve >/dev/null 2>&1 &
   servers+=($!)
-  for ((tries = 0; tries < 20; ++tries)); do
+  for ((tries = 0; tries < 200; ++tries)); do
     output=$( (as "$sender" large send) 2>>"$log") && break
     sleep 0.2
   done

@@ -30,9 +30,9 @@ export sender receiver members
 # shellcheck disable=SC2016 # expanded inside
 output=$("$build/bin/with_servers.sh" bash -euc '
   as "$receiver" /var/large serve &
-  for try in 1 2 3 4 5 6 7 8 9 10; do
+  for ((tries = 0; tries < 200; ++tries)); do
     (as "$sender" /var/large send) && break
-    sleep 0.5
+    sleep 0.1
   done
   kill "$!"
   ls /var/run/msg' 2>/var/log/servers.log) || fail "it failed after: $output"
