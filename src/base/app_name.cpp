@@ -1,5 +1,5 @@
-// The process's application name lives down here because the layers below the message context,
-// which sets it, show it.
+// The process's application name. The message context sets it; it lives here because lower layers
+// show it.
 
 #include "msgapi/trace.h"
 

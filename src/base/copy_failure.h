@@ -1,5 +1,5 @@
-// What is printed when a text or a record does not fit its field, unless the interface has a line
-// of its own for that failure or says that it is silent, as DNS packets, paths and bridges are.
+// What is printed when a text or a record does not fit its field. Functions whose interface names
+// another line, or none (DNS packets, paths, bridges), do not use it.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@
 
 namespace msgapi {
 
-// One line on standard output that names the place of the call, the bounded function that refused
-// and its error: -1 of a formatting one, an errno of a copying one.
+// One line on standard output that names the place of the call, the bounded function that refused,
+// and its error: -1 from a formatting function, an errno from a copying one.
 inline void print_copy_failure(const char *function, int error, const char *file = __builtin_FILE(),
                                uint32_t line = __builtin_LINE()) {
   std::printf("file %s, line %u: %s failed, err = %d\n", file, line, function, error);

@@ -1,8 +1,8 @@
 // The one reader and the one writer for bytes (or wider units) whose length somebody else chose.
 //
 // Both carry their bound. An access that would cross it reads zero or writes nothing, and ok() is
-// false from then on: a parser may therefore read a whole record and look once. Multi-byte integers
-// are big-endian, as on the wire.
+// false from then on. So a parser may read a whole record and check once. Multi-byte integers are
+// big-endian, as on the wire.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// Counts the messages that this process dropped on their way in, by reason. With this a test proves
-// that what was sent is what was delivered and what was counted. Not part of the interface.
+// Counts the messages that this process dropped on their way in, by reason. Tests use it to prove
+// that every message was either delivered or counted. Not part of the interface.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 namespace msgapi {
 
 struct DropCount {
-  uint32_t too_long;    // announced a body beyond what is read
+  uint32_t too_long;    // announced a body that is too long to be read
   uint32_t no_memory;   // for the body
   uint32_t read;        // an error, silence, or the end of the stream inside a message
   uint32_t completion;  // the body could not be completed: the file that carries it, as a rule

@@ -18,7 +18,7 @@ bool list_contains(const T *head, const std::type_identity_t<T> *node) {
   return each != nullptr;
 }
 
-// A record is in one list at a time, and in it once: a second time would tie a knot.
+// A record may be in one list only, and only once: a second entry would close the list to a circle.
 template <typename T>
 void list_append(T *&head, T *node) {
   assert(!list_contains(head, node));
@@ -39,7 +39,7 @@ void list_delete(T *&head, T *node, ORP_LIST_RELEASE release = nullptr) {
   ORP_ListDeleteItem(static_cast<void *>(&head), node, release);
 }
 
-// Unlinks the record that the link at `place` points to, in a walk over the links, and returns it.
+// For a walk over the links: unlinks the record that the link at `place` points to, and returns it.
 template <typename T>
 T *list_unlink_at(T **place) {
   T *node = *place;

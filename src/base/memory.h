@@ -29,15 +29,15 @@ void *guarded_zalloc(uint64_t size);
 // A cleared plain block of `size` bytes followed by a buffer of `tail_size`, at *tail.
 void *plain_zalloc_with_tail(uint64_t size, uint64_t tail_size, void **tail);
 
-// Grows `block` through the platform's tracked reallocation, which has no upper bound: this is how
-// bodies beyond kMaxGuardedSize come to be. Null leaves `block` as it is.
+// Grows `block` through the platform's tracked reallocation, which has no upper bound: bodies
+// beyond kMaxGuardedSize exist only through it. Null leaves `block` as it is.
 void *grow(void *block, uint64_t old_size, uint64_t new_size, const char *tag, uint32_t line);
 
 // An unguarded plain block for sizes the library itself has bounded; null for size 0.
 void *plain_alloc(uint64_t size);
 
-// Makes the nth allocation from now on (1 is the next) fail, once; 0 switches that off. Every
-// function above counts. For tests of the paths without memory.
+// Makes the nth allocation from now on (1 is the next) fail, once; 0 switches that off. Calls of
+// every function above are counted. For tests of what happens without memory.
 void fail_allocation(uint32_t nth);
 
 struct FreeDeleter {

@@ -1,7 +1,7 @@
 // The status vocabulary that the loop and the message layer share.
 //
-// The values are the C codes themselves, so entry points hand them out with code() and no table
-// stands between.
+// The values are the C codes themselves, so entry points hand them out with code(), without a
+// table.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ enum class [[nodiscard]] Status : uint32_t{
     kTooLong = ORP_ERR_NOT_WRITABLE,
     kNoHandOver = ORP_ERR_HAND_OVER,
 
-    // Of functions that say no more than that.
+    // From functions that give no reason.
     kFailed = 1,
 };
 

@@ -12,8 +12,8 @@ namespace msgapi {
 bool copy_exact(std::span<char> out, std::string_view text);
 void copy_cut(std::span<char> out, std::string_view text);
 
-// The same with "?" for every byte that is no printable ASCII: for text from outside in lines for a
-// person.
+// The same with "?" for every byte that is no printable ASCII. For foreign text in lines that a
+// person reads.
 void copy_printable(std::span<char> out, std::string_view text);
 
 __attribute__((format(printf, 2, 3))) bool format_exact(std::span<char> out, const char *format,
@@ -38,8 +38,8 @@ bool is_terminated(std::span<const char> field);
 // Takes the first word, bounded by white space, off the front of `text`; empty when there is none.
 std::string_view cut_word(std::string_view *text);
 
-// Takes what stands before the first `separator`, or all of it, off the front of `text`, with the
-// separator. After the last piece, which may be empty, `text` has null data.
+// Takes everything up to the first `separator`, or all of it, off the front of `text`; the
+// separator is dropped. After the last piece, which may be empty, `text` has null data.
 std::string_view cut_piece(std::string_view *text, char separator);
 
 }  // namespace msgapi

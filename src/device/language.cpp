@@ -9,8 +9,8 @@
 namespace msgapi::device {
 namespace {
 
-// In the order of the table that the set-up programs share; its short codes play no part here. The
-// first entry of a language is the one for its two letters alone.
+// In the order of the table that the set-up programs share (its short codes are not used here). The
+// first entry of a language also stands for its two letters alone.
 constexpr const char *kCodes[] = {
     "en_us", "fr_fr", "pt_pt", "zh_cn", "es_es", "it_it", "de_de", "ar_sa", "ru_ru",
     "tr_tr", "vi_vn", "uk_ua", "zh_hk", "zh_tw", "sv_se", "es_ar", "sl_sl", "sk_sk",

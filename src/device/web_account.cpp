@@ -25,7 +25,7 @@ constexpr uint32_t kForceGuide = 0x62211704;
 constexpr uint32_t kGuideStatus = 0x61A0B20F;
 constexpr uint32_t kSoftwareVersion = 0x80000337;
 
-// The level of the account that the first-login rule looks at.
+// The first-login rule looks at the first account of this level.
 constexpr uint32_t kFirstLoginLevel = 2;
 
 constexpr std::string_view kGuideFreeVersion = "K7210-402-CUST 10.0.5.1(C233)";
@@ -51,7 +51,7 @@ std::optional<uint32_t> read_number(const ORP_DB_KEY_ST *key, uint32_t parameter
   return value;
 }
 
-// The level of the account if it has that name. An account that is gone by now has none.
+// The level of the account if it has that name. None for an account that is gone by now.
 std::optional<uint32_t> level_if_named(const ORP_DB_KEY_ST &key, std::string_view name) {
   void *record = nullptr;
   if (ORP_DBGetObj(&key, &record) != 0 || record == nullptr) return std::nullopt;

@@ -79,7 +79,7 @@ void mask_uuid_tail(const Found &found) {
   for (char &c : found.match.last(12)) c = '*';
 }
 
-// A value that is shown by itself ends with its text, so nothing after the address is kept.
+// The text of a single value ends with the value, so nothing after the address stays readable.
 void mask_mac_and_rest(const Found &found) {
   mask_all_but(found.match, ':');
   mask_all_but(found.rest, ':');
@@ -105,7 +105,7 @@ constexpr Rule kLogRules[] = {
 };
 constexpr Rule kLogIpv6Rule[] = {{Pattern::kIpv6, mask_all}};
 
-// Selected by a bit mask: bit n stands for row n.
+// A bit mask selects rows: bit n stands for row n.
 constexpr Rule kValueRules[] = {
     {Pattern::kMac, mask_mac_positions},  {Pattern::kIpv4, mask_middle_numbers},
     {Pattern::kUuidTail, mask_uuid_tail}, {Pattern::kMac, mask_mac_and_rest},
@@ -144,7 +144,7 @@ void apply_rows(uint32_t rows, std::span<char> text) {
 char g_value[260];
 
 const char *blur_value(const char *text, uint32_t rows) {
-  // What does not fit is not shown at all rather than shown in part.
+  // A value that does not fit is not shown, not even in part.
   if (text == nullptr) return "";
   if (!copy_exact(g_value, text)) {
     print_copy_failure("snprintf_s", -1);

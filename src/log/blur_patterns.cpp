@@ -1,11 +1,11 @@
-// The finders are written by hand: log servers blur every line, and a regular expression engine
-// spends a hundred times longer on it.
+// The finders are written by hand, because log servers blur every line and a regular expression
+// engine takes a hundred times longer.
 //
 // Every pattern but the serial number has separators at known distances. The text is read in blocks
-// of 64 characters, a bit of a machine word for each: where a separator stands, the bit is set, and
-// shifting and combining the words leaves bits only where the distances are right. What is left,
-// next to nothing in text without personal data, is decided character by character. Serial numbers
-// are runs of 16 characters of one class and found with the same shifts.
+// of 64 characters. Each block becomes a machine word, with a bit set for each separator. Shifting
+// and combining the words leaves bits only where the distances are right. The few places that are
+// left (almost none in text without personal data) are decided character by character. Serial
+// numbers are runs of 16 characters of one class; the same shifts find them.
 //
 // The groups of an IP address are looked at once, because separators delimit them. Only the first
 // group may be the end of a longer run of digits. Leftmost matching takes as many of the run's last
@@ -69,8 +69,8 @@ Match ipv4_around(std::string_view text, size_t from, size_t dot) {
   }
 }
 
-// Where an address ends whose first `groups` groups (each with its colon) are followed by a second
-// colon at `colon`.
+// The end of an address that has `groups` groups, each with its colon, before a second colon at
+// `colon`.
 size_t end_of_compressed(std::string_view text, size_t colon, size_t groups) {
   size_t end = colon + 1;
   const auto is_colon = [&](size_t at) { return at < text.size() && text[at] == ':'; };
@@ -154,8 +154,8 @@ uint64_t read_block(const char *block) {
   return found;
 }
 #else
-// Eight characters at a time: the highest bit of every byte of `word` that holds a member, in an
-// arithmetic in which no byte carries into the next.
+// Eight characters at a time: sets the highest bit of every byte of `word` that holds a member. No
+// byte carries into the next.
 constexpr uint64_t kOnes = 0x0101010101010101;
 constexpr uint64_t kHighBits = 0x80 * kOnes;
 
@@ -197,7 +197,7 @@ uint64_t read_block(const char *block) {
 }
 #endif
 
-// The same for what there is of the text from `at` on, without members beyond its end.
+// The same for the rest of the text from `at` on; there are no members beyond its end.
 template <Class kClass>
 uint64_t read_at(std::string_view text, size_t at) {
   if (at >= text.size()) return 0;
@@ -212,11 +212,11 @@ struct Window {
   uint64_t here;
   uint64_t next;
 
-  // What stands `distance` (1 to 63) characters further on.
+  // The bits of the characters `distance` (1 to 63) further on.
   uint64_t ahead(int distance) const { return here >> distance | next << (64 - distance); }
 
-  // The same where a run of `length` (1 to 63) set bits and `distance` more of them begins, when
-  // this window tells where runs of `length` begin.
+  // If this window marks where runs of some length begin, the result marks where runs begin that
+  // are `distance` (1 to 63) longer.
   Window longer(int distance) const { return {here & ahead(distance), next & next >> distance}; }
 };
 
@@ -267,8 +267,8 @@ Match find_first(std::string_view text, size_t at, Pick pick, Decide decide) {
   return {};
 }
 
-// Compares a pattern of fixed size with its picture: "X" a hex digit, "S" a separator of MAC
-// addresses, "U" a digit or capital, any other character itself.
+// Compares text with a picture of fixed size: "X" stands for a hex digit, "S" for a separator of
+// MAC addresses, "U" for a digit or capital, any other character for itself.
 bool fits(std::string_view picture, std::string_view text, size_t at) {
   if (text.size() - at < picture.size()) return false;
   for (size_t i = 0; i < picture.size(); ++i) {
@@ -282,7 +282,7 @@ bool fits(std::string_view picture, std::string_view text, size_t at) {
   return true;
 }
 
-// `lead` is how far the character that is picked stands from the start of the picture.
+// `lead` is the distance of the picked character from the start of the picture.
 template <Class kClass, typename Pick>
 Match find_picture(std::string_view picture, size_t lead, std::string_view text, size_t from,
                    Pick pick) {

@@ -1,8 +1,8 @@
 // Module log client: formats log lines and requests and exchanges them with the log server.
 //
 // A socket is opened for every line and closed after it. There is no connection to lose, no queue
-// to overflow and no state between calls but the time of the last complaint, so a log call works in
-// any thread at any time. A line that cannot be sent goes to standard error.
+// to overflow, and no state between calls except the time of the last complaint. So a log call
+// works in any thread at any time. A line that cannot be sent goes to standard error.
 
 #include "log/client.h"
 
@@ -35,7 +35,7 @@ struct LevelName {
   uint32_t level;
 };
 
-// Lines show the first name of a level. It has four characters, so that the column keeps its width.
+// Lines show the first name of a level. It has four characters so that columns stay aligned.
 constexpr LevelName kLevelNames[] = {
     {"NONE", MLOG_LEVEL_NONE},  {"FATL", MLOG_LEVEL_FATAL},  {"FATAL", MLOG_LEVEL_FATAL},
     {"ERRO", MLOG_LEVEL_ERROR}, {"ERROR", MLOG_LEVEL_ERROR}, {"WARN", MLOG_LEVEL_WARN},
@@ -80,8 +80,8 @@ size_t following_bytes(std::string_view text) {
   return count;
 }
 
-// Writes one line to standard error. The text may come from anywhere and must neither begin
-// another line nor drive a terminal: C1 control characters do that, too, alone or as UTF-8.
+// Writes one line to standard error. The text may come from anywhere: it must neither begin another
+// line nor control a terminal, which C1 control characters also do, alone or as UTF-8.
 void print_error_line(std::span<char> line) {
   const std::span<char> text = line.first(std::strlen(line.data()));
   for (size_t i = 0; i < text.size(); ++i) {
@@ -97,10 +97,10 @@ void print_error_line(std::span<char> line) {
   std::fprintf(stderr, "%s\n", line.data());
 }
 
-// Prints a line that the log server does not get, and at most once a minute the reason with it:
-// what it is about (null: the module's name as a whole) and errno.
+// Prints a line that the log server does not get and, at most once a minute, the reason: the path
+// or name that failed (null: the module's name as a whole) and errno.
 void print_lost_line(const char *module, uint32_t level, const char *text, const char *path) {
-  // Of the boot-time clock, so 0 only in a process that has never complained.
+  // By the boot-time clock: 0 only in a process that has never complained.
   static std::atomic<uint32_t> last_complaint_s{0};
   const int reason = errno;
   const int64_t now_ms = uptime_ms();
@@ -147,7 +147,7 @@ bool build_line(MlogMsg *message, const char *module, uint32_t level, const char
   return true;
 }
 
-// A text that does not fit comes back cut, and as false.
+// False, with the text cut, when it does not fit.
 __attribute__((format(printf, 2, 0))) bool format_text(std::span<char> out, const char *format,
                                                        va_list arguments) {
   const int callers_errno = errno;  // for %m

@@ -32,7 +32,7 @@ constexpr size_t kHeaderSize = MLOG_FILE_HEADER_SIZE;
 
 static_assert(sizeof(void *) != 4 || sizeof(MlogFile) == 16);
 
-// The numbers stand in a console line.
+// The numbers appear in a console line.
 enum class FileCheck {
   kUsable = 0,
   kNotResolved = 2,
@@ -78,7 +78,7 @@ bool write_header(const MlogFile &file) {
   return true;
 }
 
-// An unreadable header leaves zeroes, which no ring is continued with.
+// An unreadable header leaves zeroes; no ring is continued with those.
 void read_header(MlogFile *file, uint32_t max_size) {
   if (std::fseek(file->stream, 0, SEEK_SET) != 0) {
     std::printf("[MLOG][ERROR][%d]: seek file header failed\n", __LINE__);
@@ -159,7 +159,7 @@ bool write_ring(MlogFile *file, uint32_t max_size, std::span<char> data) {
     std::printf("[MLOG][ERROR][%d]: seek file offset failed\n", __LINE__);
     return false;
   }
-  // A short write shows in the stream's error flag; the ring goes on after it all the same.
+  // A short write shows in the stream's error flag; the ring goes on in either case.
   const size_t written = std::fwrite(data.data(), 1, data.size(), file->stream);
   static_cast<void>(written);
   file->offset += static_cast<long>(size);

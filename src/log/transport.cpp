@@ -1,9 +1,9 @@
 // Log transport: Unix datagrams between short-lived client sockets and the log server, and the
 // netlink channel to the kernel.
 //
-// A Unix datagram socket that is not connected polls writable whatever the receiver's queue holds,
-// so a full queue is waited for inside sendto() itself, bounded by SO_SNDTIMEO: the kernel wakes
-// the sender when the receiver takes a message.
+// poll() says that an unconnected Unix datagram socket is writable even when the receiver's queue
+// is full. So sendto() itself waits for the queue, bounded by SO_SNDTIMEO (socket(7)): the kernel
+// wakes the sender when the receiver takes a message.
 
 #include "log/transport.h"
 
@@ -75,7 +75,7 @@ os::UniqueFd open_client(const char *name) {
     return {};
   }
   if (::mkdir(MLOG_IPC_PATH, kDirectoryMode) == 0) {
-    // Not less than that by the caller's umask: other users' programs log, too.
+    // The caller's umask must not narrow the mode: other users' programs log, too.
     ::chmod(MLOG_IPC_PATH, kDirectoryMode);
   } else if (errno != EEXIST) {
     std::printf("[MLOG][ERROR][%d]: create mlog ipc path failed\n", __LINE__);
@@ -219,7 +219,7 @@ ClientSocket::~ClientSocket() {
 }
 
 Status send_message(int fd, const MlogMsg *message, const char *server) {
-  // The block is the caller's, so its length is, too; the socket's buffer is the only limit.
+  // The caller vouches for the block's length; the socket's buffer is the only limit.
   sockaddr_un address;
   size_t size;
   if (__builtin_add_overflow(message->length, size_t{MLOG_HEAD_SIZE}, &size)) {

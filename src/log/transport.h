@@ -27,7 +27,7 @@ class ClientSocket {
   os::UniqueFd fd_;
 };
 
-// Both give kOk or kNoSocket. What MlogSendMsg() promises, with errno after a failure:
+// As MlogSendMsg(): kOk, or kNoSocket with errno.
 Status send_message(int fd, const MlogMsg *message, const char *server);
 // Sends a request to the log server and receives the reply into the same block, within 2 seconds in
 // all.

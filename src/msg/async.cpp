@@ -10,7 +10,7 @@
 namespace msgapi::msg {
 namespace {
 
-// Makes the watcher call `callback` with what answers `request`, which has been sent.
+// Makes the watcher call `callback` with the answer to `request`, which has been sent.
 Status await_answer(OrpUvMsg *watcher, const Header &request, uint32_t timeout_ms,
                     ORP_WORD user_data, ORP_MSG_ANSWER_PROC callback) {
   Owned<OrpUvMsgPending> entry = make<OrpUvMsgPending>(nullptr, request.ulMsgType, request.ulSeqNum,

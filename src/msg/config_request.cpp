@@ -45,7 +45,7 @@ Result<uint32_t> file_request(uint32_t type, const char *path) {
   return exchange_for_data(&request.header, kFileTimeoutMs);
 }
 
-// What the exported functions do, of which some have two names.
+// The work of the exported functions, some of which have two names.
 
 uint32_t save() {
   return code(send_header(kServer, ORP_MSG_SAVE_CFG, ORP_CFM_GetCurrUser()));

@@ -88,7 +88,7 @@ os::UniqueFd connect_remote(const char *host, uint16_t port) {
   return socket;
 }
 
-// A daemon that only passes the status on would leave nobody a hint.
+// Many daemons only pass the status on, so the reason is logged here.
 void log_unreachable(const char *where, int error) {
   const char *meaning = error == EACCES || error == EPERM ? "this user may not use it"
                         : error == ENOENT                 ? "no message server runs here"
@@ -101,7 +101,8 @@ void log_unreachable(const char *where, int error) {
 
 // ---- The message watcher ----
 
-// Of the message that the watcher is reading. It reads one at a time, and nothing runs in between.
+// About the message that the watcher is reading. It reads one at a time, and nothing runs in
+// between.
 bool g_body_in_file;
 
 uint32_t read_length(Header *header, uint32_t *wants_completion) {
@@ -168,7 +169,7 @@ void send_keep_alive(ORP_WORD /*data*/) {
   (void)send_header(kServer, ORP_MSG_KEEP_ALIVE, 0);
 }
 
-// A registration decides anew: what an earlier one asked for ends.
+// Each registration decides anew: the keep-alive that an earlier one asked for ends.
 void stop_keep_alive() {
   const auto is_keep_alive = [](const OrpUvTimer *timer) {
     return timer->callback == send_keep_alive;
@@ -193,8 +194,8 @@ void destroy() {
   clear_context();
 }
 
-// Destroys a connection that never came into use. What the registration put aside goes with it:
-// nobody has seen it, and an application that keeps trying must not lose memory.
+// Destroys a connection that never came into use. The messages that the registration put aside go
+// with it: nobody has seen them, and an application that keeps trying must not leak memory.
 void abandon() {
   destroy_queue(&g_stMsgCtx.pstQueue);
   destroy();
@@ -228,7 +229,7 @@ Status register_process() {
 
 enum class Loop { kUsed, kNotUsed };
 
-// A code, because it may be one of the notify client's.
+// Returns a code, because it may be one of the notify client's.
 uint32_t connect_process(const char *name, Loop loop) {
   if (g_stMsgCtx.slSocket >= 0) return ORP_OK;
   ::signal(SIGPIPE, SIG_IGN);

@@ -1,7 +1,7 @@
 // The process's message context: one connection, one name, one sequence counter.
 //
-// g_stMsgCtx is part of the interface and read by other programs of the platform, so it is the
-// state itself and not a view of it. Used on the thread that owns the connection.
+// g_stMsgCtx is part of the interface and applications read it, so it is the state itself and not a
+// view of it. Used on the thread that owns the connection.
 #pragma once
 
 #include <cstdint>
@@ -40,7 +40,7 @@ inline uint32_t receive_board() {
 // Whether `fd` is the connection to the server on this machine, a Unix socket, and not the one to
 // another board.
 bool is_local_connection(int fd);
-// Tells that the context's socket, until it is cleared, leads to another board.
+// From now on, until the context is cleared, its socket leads to another board.
 void set_remote_connection();
 
 // The context's message watcher, or null when there is none or its loop has let it go.

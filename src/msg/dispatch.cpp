@@ -1,8 +1,8 @@
 // Dispatch: the gate, and the registry of procedures by message type.
 //
-// A procedure may change the registry while it is walked, its own registration included. Every walk
-// under way (a procedure may run the loop, and with it another walk) is therefore known, and a
-// registration that goes is taken out of their way before it is freed.
+// A procedure may change the registry while it is walked, its own registration included, and may
+// run the loop, which starts another walk. So all walks under way are known, and a registration is
+// taken out of their way before it is freed.
 
 #include "msg/dispatch.h"
 
@@ -76,7 +76,8 @@ constexpr std::string_view kExitingDaemons[] = {
     "dhcps", "ssdpd", "ntwksync", "kobridge", "devmngr", "coapclient", "datacli",
 };
 
-// After the registrations of the same type and a priority up to its own; others keep their places.
+// Puts it after the registrations of its type with a priority up to its own; others keep their
+// places.
 void insert(Registration *registration) {
   Registration **place = &g_registry;
   while (*place != nullptr &&

@@ -8,7 +8,7 @@
 
 namespace msgapi::msg {
 
-// The gate: every message that reaches the application comes in here; see ORP_MSG_FilterProc.
+// The gate: every message enters the application here; see ORP_MSG_FilterProc.
 void take_in(Header *message);
 
 // ORP_MSG_RegMsgProcEx; either procedure may be null.

@@ -1,9 +1,8 @@
 // DM messages.
 //
-// A body says itself how long it is, and that is what the functions on bodies go by: a body may be
-// a copy without a header in front of it, and the length in a header is the application's to set. A
-// body that comes from another process is therefore held to the length of its message once, when it
-// has been received.
+// The functions on bodies go by the lengths in the body: a body may be a copy without a header in
+// front of it, and the application may set any length in a header. So the lengths of a body from
+// another process are checked against its message once, on receipt.
 
 #include "msg/dm_message.h"
 
@@ -36,7 +35,7 @@ const DmBody *as_dm(const void *body) {
   return as_dm(const_cast<void *>(body));
 }
 
-// Makes room for an item of `size` bytes. Where there is none, frees the message and returns null.
+// Makes room for an item of `size` bytes. Without memory, frees the message and returns null.
 DmBody *reserve(DmBody *dm, uint64_t size) {
   if (size <= dm->free) return dm;
   Owned<Header> block(head_of(dm));
@@ -55,8 +54,8 @@ DmBody *reserve(DmBody *dm, uint64_t size) {
   return dm;
 }
 
-// Bytes that go into an item. They may lie in the message that they are added to, which moves when
-// it grows.
+// Bytes that go into an item. They may lie in the message to which the item is added, and that
+// moves when it grows.
 class Source {
  public:
   Source(const void *bytes, size_t size, const DmBody *dm)
@@ -67,7 +66,7 @@ class Source {
     if (inside_) offset_ = place - start;
   }
 
-  // Writes the bytes to `out` in the message `dm` and answers where they end.
+  // Writes the bytes to `out` in the message `dm` and returns where they end.
   char *write(char *out, const DmBody *dm) const {
     const char *from = inside_ ? reinterpret_cast<const char *>(dm) + offset_ : bytes_;
     if (size_ > 0) std::memmove(out, from, size_);

@@ -32,8 +32,8 @@ static_assert(sizeof(DmItemHead) == 12);
 // A new message without items, the header in front of what is returned. Null without memory.
 DmBody *build_dm(std::string_view destination, uint32_t sub_type);
 
-// Appends an item; what it consists of may lie in the message itself. False, with the message freed
-// and *dm null, when there is no room for it. The body is sound: see is_sound().
+// Appends an item to a sound body (see is_sound()); name and value may lie in the message itself.
+// False, with the message freed and *dm null, when there is no room for it.
 bool append_item(DmBody **dm, uint32_t type, const char *name, std::span<const char> value);
 
 // Whether a body can be added to or sent.
@@ -48,8 +48,8 @@ inline Header *head_of(DmBody *dm) {
 // Seals a sound body and sends its message, which stays the caller's.
 Status send_dm(DmBody *dm);
 
-// ORP_DMMSG_GetItemEx for a body of `carried` bytes: of an item that ends after them the value is
-// what is there. `carried` is at least what the body says that it uses. False when there is no
+// ORP_DMMSG_GetItemEx for a body of `carried` bytes, at least as many as the body says it uses. The
+// value of an item that ends after them is cut to the bytes that are there. False when there is no
 // further item, or none that can be read.
 bool read_item(const void *body, uint64_t carried, ORP_DMMSG_ITEM_ST *out, const void **cursor);
 
@@ -58,9 +58,9 @@ inline bool may_carry_dm(uint32_t type) {
   return type == ORP_DMMSG_TYPE || type >> 8 == ORP_MSG_EVENT_PAGE;
 }
 
-// Makes the DM body of such a message, as it was received, fit what the message carries: one that
-// claims to use more is no DM body any longer, and one that claims free room after the end of the
-// message is sealed. Other bodies stay as they are.
+// Makes the received DM body of such a message fit the bytes that the message carries. A body that
+// claims to use more loses its magic; one that claims free room after the end of the message is
+// sealed. Other bodies stay as they are.
 void hold_to_length(Header *message);
 
 }  // namespace msgapi::msg

@@ -22,9 +22,9 @@ namespace {
 
 constexpr uint32_t kStopAllTimeoutMs = 20000;
 
-// Asks the application to exit and waits for its answer. Whatever comes of it, the server decides.
+// Asks the application to exit and waits for its answer. The server goes on whatever the answer is.
 void stop(const char *name) {
-  // The first word is long-standing and looked for in consoles.
+  // The first word is long-standing: people search consoles for it.
   std::printf("ineted app %s should stop. we will safe exit process [%s] now.\n", name, name);
   Header request = build_header(name, ORP_MSG_EXIT, 0);
   const Result<Owned<Header>> reply = exchange(&request, g_ulSafeExitMsgTimeout);
@@ -95,8 +95,8 @@ extern "C" uint32_t ORP_UTIL_KillAllDynApp() {
   return data_or_code(exchange_for_data(&request, kStopAllTimeoutMs));
 }
 
-// The exchange of this request has always been started without the request, so it fails at once and
-// callers treat the wait as unavailable. Only a name that does not fit is told apart.
+// This function has always started the exchange without a request, so it fails at once, and callers
+// treat the wait as unavailable. Only a name that does not fit has another status.
 extern "C" uint32_t ORP_MSG_OrpSyncWait(const char *name, uint32_t /*timeoutMs*/) {
   char field[ORP_APP_NAME_SIZE];
   return code(copy_or_report(field, text_or_empty(name)) ? Status::kBadArgument : Status::kSystem);

@@ -15,7 +15,7 @@
 namespace msgapi::msg {
 namespace {
 
-// Where DM events are published; the server passes them on.
+// The receiver of DM events, the server, which passes them on.
 constexpr char kPublishTo[] = "mic";
 constexpr char kEventType[] = "EventType";
 
@@ -45,8 +45,8 @@ void deliver_converted(const Header &message) {
   deliver(message.ulMsgType, text.get(), static_cast<uint32_t>(std::strlen(text.get())));
 }
 
-// A DM message under construction. What fails is answered as one of the codes of DM messages, which
-// callers of the interface get as they are.
+// A DM message under construction. A failure is one of the codes of DM messages, which callers of
+// the interface get as they are.
 class DmEvent {
  public:
   DmEvent() = default;
@@ -63,7 +63,7 @@ class DmEvent {
 
   uint32_t add(const char *name, const char *value) {
     const size_t size = std::strlen(value) + 1;
-    // A failed item has taken the message with it; those after it find none.
+    // A failed item has freed the message; items after it find none.
     if (size > UINT32_MAX || body_ == nullptr) return ORP_DMMSG_ERR;
     return append_item(&body_, 0, name, {value, size}) ? 0 : ORP_DMMSG_ERR_GROW;
   }

@@ -89,7 +89,7 @@ bool add_item(const ORP_DMMSG_ITEM_ST &item, const char *module, Conversion *con
   return conversion->payload && add_text(conversion->payload.get(), item.pcName, value.c_str());
 }
 
-// Its own words are believed from here on: they say no more than what is there.
+// From here on the lengths in the body can be trusted: they stay within the message.
 bool is_whole_dm_body(const Header &message) {
   if (message.ulDataLen < sizeof(DmBody)) return false;
   const auto *dm = reinterpret_cast<const DmBody *>(body(&message));

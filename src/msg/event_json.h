@@ -33,8 +33,8 @@ bool add_text(cJSON *object, const char *name, const char *value);
 
 enum class Layout { kIndented, kOneLine };
 
-// The object's text, or null without memory. In a block of the library's own: an application may
-// give cJSON an allocator whose blocks free() does not know.
+// The object's text, or null without memory. It is in a block of the library's own, because an
+// application may give cJSON an allocator whose blocks free() does not know.
 Owned<char> print(const cJSON *json, Layout layout);
 
 }  // namespace msgapi::msg

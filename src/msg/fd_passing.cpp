@@ -1,4 +1,4 @@
-// Passing descriptors as ancillary data of the message connection.
+// Passing descriptors as ancillary data of the message connection (SCM_RIGHTS, unix(7)).
 
 #include "msgapi/fdpass.h"
 
@@ -17,14 +17,14 @@
 namespace msgapi::msg {
 namespace {
 
-// What travels beside the descriptor.
+// The bytes that carry the descriptor.
 constexpr size_t kMarkSize = 2;
 
 // Room for exactly one descriptor: 16 bytes on a 32-bit target.
 constexpr size_t kControlSize = CMSG_SPACE(sizeof(int));
 static_assert(sizeof(void *) != 4 || kControlSize == 16);
 
-// One buffer a direction for the life of the process, made at its first use.
+// One buffer for each direction, made at its first use and kept for the life of the process.
 char *control_buffer(char *&buffer) {
   if (buffer == nullptr) buffer = static_cast<char *>(guarded_alloc(kControlSize));
   if (buffer != nullptr) std::memset(buffer, 0, kControlSize);
@@ -91,7 +91,7 @@ Result<os::UniqueFd> receive_descriptor(int socket, uint32_t timeout_ms) {
   const ssize_t received = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
   if (received < 0) return Status::kSystem;
 
-  // Taken before anything is refused: what arrived is open already and would stay so.
+  // Taken before anything is refused: descriptors that arrived are open, and would stay open.
   Arrived arrived = take_descriptors(&message);
   if (received == 0) return Status::kPeerGone;
   const bool is_mark = received == kMarkSize && data[0] == 0 && data[1] == 0;

@@ -1,9 +1,9 @@
 // Hand-over files.
 //
-// The directory may be shared by applications that do not trust each other. A file is therefore
-// created exclusively, and on receipt opened once, at the resolved path that was checked, without
-// following a link; everything else is done on that descriptor. A path may also be a link from
-// anywhere to a file in the directory, whose removal takes the link.
+// Applications that do not trust each other may share the directory. So the sender creates a file
+// exclusively. The receiver opens it once, at the resolved path that was checked, without following
+// a link, and does everything else on that descriptor. A path may also be a link from anywhere to a
+// file in the directory; removing it then removes the link.
 
 #include "msg/hand_over.h"
 
@@ -51,7 +51,7 @@ bool write_all(int fd, const char *data, size_t size) {
 // Creates a file under a fresh number.
 os::UniqueFd create_file(HandOverPath *path) {
   for (int collisions = 0; collisions < kMaxCollisions; ++collisions) {
-    *path = {};  // it travels zero-filled, whatever number was tried before
+    *path = {};  // the path travels zero-filled, whatever number was tried before
     uint32_t number;
     if (ORP_UTIL_GetRandomNumber(&number) != 0) break;
     format_cut(path->text, ORP_MSG_HAND_OVER_PREFIX "%u", number);
@@ -80,8 +80,9 @@ constexpr std::string_view kDirectory = "/var/run/msg/";
 constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr int kDirectoryFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
-// Opens a path as senders write it unless a part of it is a link, in one step where the kernel can
-// (5.6): such a path is its own resolved form. Nothing when that cannot be told.
+// Opens a path of the form that senders write, unless a part of it is a link; such a path is its
+// own resolved form. One step, openat2(2), where the kernel has it (5.6). Nothing when the kernel
+// cannot tell.
 os::UniqueFd open_plain(const char *path) {
 #ifdef RESOLVE_NO_SYMLINKS
   if (begins_with(path, ORP_MSG_HAND_OVER_PREFIX) &&
@@ -96,8 +97,8 @@ os::UniqueFd open_plain(const char *path) {
   return os::UniqueFd();
 }
 
-// Opens a resolved path below the directory, where a part of it may have been swapped for a link
-// since it was resolved: one part after another, following none.
+// Opens a resolved path below the directory, one part after another, following no link: a part may
+// have been replaced with a link since the path was resolved.
 os::UniqueFd open_resolved(std::string_view path) {
   os::UniqueFd place(::open(kDirectory.data(), kDirectoryFlags));
   path.remove_prefix(kDirectory.size());
@@ -110,8 +111,8 @@ os::UniqueFd open_resolved(std::string_view path) {
   return place;
 }
 
-// The name that a message gives of its file, in the directory where it stands. Held open, because
-// the path to it may change.
+// The name that a message gives for its file, and the directory of that name, held open because the
+// path to it may change.
 struct Named {
   os::UniqueFd directory;
   const char *name = nullptr;
@@ -121,20 +122,20 @@ Named open_parent(char *path) {
   char *slash = std::strrchr(path, '/');
   if (slash == nullptr) return {os::UniqueFd(::open(".", kDirectoryFlags)), path};
 
-  // With its slash: the parent may be the root.
+  // The parent's path keeps its slash: it may be the root.
   const char kept = std::exchange(slash[1], '\0');
   Named named{os::UniqueFd(::open(path, kDirectoryFlags)), slash + 1};
   slash[1] = kept;
   return named;
 }
 
-// The file with the body, open, and the name under which it goes.
+// The file with the body, open, and the name to remove.
 struct BodyFile {
   char path[ORP_MSG_HAND_OVER_PATH_SIZE];
   os::UniqueFd fd;
   struct stat info;
   Named named;
-  const char *refusal = nullptr;  // why it is not taken, where errno does not say it
+  const char *refusal = nullptr;  // why it is refused, where errno does not say it
 };
 
 Status open_body_file(const Header &message, BodyFile *file) {
@@ -163,8 +164,8 @@ Status open_body_file(const Header &message, BodyFile *file) {
   return Status::kOk;
 }
 
-// Removes what the message names: of a link the link. Only while it leads to the file that was
-// opened, so that nobody can have another file removed.
+// Removes what the message names; if that is a link, the link. Only while the name leads to the
+// file that was opened, so that nobody can make us remove another file.
 int remove_named(const BodyFile &file) {
   const int directory = file.named.directory.get();
   if (file.named.name == nullptr) return ::unlink(file.path);
@@ -177,8 +178,8 @@ int remove_named(const BodyFile &file) {
   return ::unlinkat(directory, file.named.name, 0);
 }
 
-// Path and sender come from outside: what could be taken for more than text is shown as "?". The
-// path stands last because the log cuts long lines.
+// Path and sender come from outside, so control characters are shown as "?". The path comes last
+// because the log cuts long lines.
 void log_failure(const char *what, int error, const Header &message, const BodyFile &file) {
   char path[sizeof file.path];
   char from[ORP_APP_NAME_SIZE];
@@ -194,7 +195,7 @@ void remove_body_file(const Header &message, const BodyFile &file) {
   log_failure("cannot be removed and stays", errno, message, file);
 }
 
-// Reads up to `size` bytes; fewer when the file is shorter than it was. -1 on failure.
+// Reads up to `size` bytes, fewer if the file has become shorter. -1 on failure.
 ssize_t read_up_to(int fd, char *out, size_t size) {
   size_t done = 0;
   while (done < size) {
@@ -217,7 +218,7 @@ Status take_over(Header **message, BodyFile *file) {
     return Status::kBadArgument;
   }
 
-  // The file is read into its place at once: a second buffer would double what a large body costs.
+  // The file is read straight into the message: a second buffer would double a large body's cost.
   void *grown = grow(*message, block_size(**message), ORP_MSG_HEADER_SIZE + size + kZeroTail,
                      __func__, __LINE__);
   if (grown == nullptr) {

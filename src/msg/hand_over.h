@@ -1,6 +1,6 @@
-// Bodies too long for the socket, handed over through a file.
+// Bodies that are too long for the socket travel in a hand-over file.
 //
-// The sender creates the file and owns it until the message that names it is on its way; the
+// The sender creates the file and owns it until the message that names it is on its way. The
 // receiver reads and deletes it. A file that nobody receives stays where it is.
 #pragma once
 
@@ -24,8 +24,8 @@ static_assert(sizeof(HandOverMessage) == 300);
 // when that fails.
 Result<HandOverPath> store_body(const Header &message);
 
-// Replaces the body of a message that is the path of a file by the file's contents, and deletes the
-// file. On kNoMemory the message is freed and *message null; otherwise it stays the caller's.
+// Replaces a message's body, the path of a file, with the file's contents, and deletes the file. On
+// kNoMemory the message is freed and *message null; otherwise it stays the caller's.
 Status complete_hand_over(Header **message);
 
 }  // namespace msgapi::msg

@@ -19,7 +19,7 @@ Owned<Header> build_response(const Header &request, uint32_t data, const void *c
   if (!response) return nullptr;
 
   if (content == nullptr) {
-    // This form takes a number from the counter although the request's own replaces it.
+    // Takes a number from the counter, although the request's own replaces it.
     *response = build_header(sender(request), request.ulMsgType, data);
   } else {
     copy_cut(response->aucRecvApp, sender(request));

@@ -1,7 +1,7 @@
 // Messages put aside: they arrived while a synchronous wait looked for another one.
 //
-// The wait takes them past the message watcher, answers to pending requests among them. These still
-// reach their requests: when the queue is dispatched, or before, when a request's time is over.
+// The wait reads them past the message watcher. Answers to pending requests among them still reach
+// their requests: when the queue is dispatched, or earlier, when a request's time is over.
 
 #include "msg/queue.h"
 

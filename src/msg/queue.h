@@ -15,12 +15,12 @@ Status append_to_queue(QueueNode **head, Header *message, ORP_WORD extra);
 // Frees the nodes with their messages, and counts these as dropped.
 void destroy_queue(QueueNode **head);
 
-// Takes the message that answers the pending request of the connection's watcher out of the queue
-// of messages put aside; null when there is none.
+// Takes out of the queue of messages put aside the one that answers `entry`, a pending request of
+// the connection's watcher; null when there is none.
 Header *take_answer_from_queue(const OrpUvMsgPending *entry);
 
-// Dispatches the messages put aside, and what is added meanwhile. What answers a pending request
-// goes to it.
+// Dispatches the messages put aside, and those that are added meanwhile. An answer to a pending
+// request goes to that request.
 void dispatch_put_aside();
 
 }  // namespace msgapi::msg

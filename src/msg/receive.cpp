@@ -1,8 +1,8 @@
 // Receiving, without the event loop: one message from a descriptor into a new block.
 //
-// The header is waited for and then read with one read, which takes it whole or fails: the writer
-// writes it whole, so a part of one means that the stream is out of step. The body usually stands
-// after it already and is read before any further wait.
+// After a wait the header is read with one read. A part of a header means that the stream is out of
+// step, because writers write it whole. The body has usually arrived by then, so it is read before
+// any further wait.
 
 #include "msg/receive.h"
 
@@ -36,7 +36,7 @@ Status read_header(int fd, Header *header) {
     return os::status_of(piece.end);
 
   ++g_dropped.read;
-  // What a short read left in errno says nothing, so 0 stands in its place.
+  // A short read sets no errno, so 0 is shown.
   std::printf("msgapi fail to read for not a head length, ret=%d, errno=%d, fd=%d, pid=%d\n",
               static_cast<int>(piece.count), 0, fd, static_cast<int>(::getpid()));
   return Status::kSystem;
@@ -76,7 +76,7 @@ Status receive_body(int fd, Owned<Header> *message, uint32_t timeout_ms) {
 Status complete(Owned<Header> *message) {
   Header *block = message->release();
   const Status status = complete_hand_over(&block);
-  assert((block == nullptr) == (status == Status::kNoMemory));  // whose the block is now
+  assert((block == nullptr) == (status == Status::kNoMemory));  // who owns the block now
   message->reset(block);
   if (status != Status::kOk) ++g_dropped.completion;
   return status;
@@ -132,7 +132,7 @@ bool prepare_header(Header *header) {
 
 namespace {
 
-// As an exported function was asked to.
+// Receives as the exported functions were asked to.
 Status receive_given(int fd, Header **out, uint32_t timeout_ms, bool convert) {
   if (out == nullptr) return Status::kBadArgument;
   *out = nullptr;

@@ -13,7 +13,7 @@ namespace msgapi::msg {
 bool await_readable(int fd, uint32_t timeout_ms);
 
 // Brings a received header to host order, records the sender's board in the context and reduces the
-// type to its 20 bits. True when the body is the path of a file.
+// type to its 20 bits. True when the body is the path of a hand-over file.
 bool prepare_header(Header *header);
 
 // One message; see ORP_MSG_ReceiveWithEndian for the rules and the statuses.

@@ -1,4 +1,4 @@
-// Restful handlers: their registrations, the procedure that requests reach, and request messages.
+// Restful handlers: their registrations, the procedure that takes requests, and request messages.
 
 #include "msgapi/restful.h"
 
@@ -24,7 +24,7 @@ static_assert(sizeof(void *) != 4 || sizeof(Row) == 8);
 constexpr size_t kListSize = 4096;
 constexpr size_t kEntrySize = 128;
 
-// What a request message has beyond its text: header, body fields and a NUL.
+// Bytes of a request message beyond its text: header, body fields and a NUL.
 constexpr uint64_t kRequestOverhead = ORP_MSG_HEADER_SIZE + sizeof(Request) + 1;
 constexpr uint32_t kFirstRefusedLength = 0xFFFFFF4F;
 
@@ -47,7 +47,7 @@ ORP_MSG_RESTFUL_HANDLER find_handler(const Request &request) {
   const std::string_view path = field_text(request.aucPath);
   for (const Registration *each = g_registrations; each != nullptr; each = each->next) {
     if (path != each->path) continue;
-    // Of several registrations of one path the first alone counts.
+    // When a path has several registrations, only the first counts.
     const Row *row = find_row(each->table, field_text(request.aucHandler));
     return row == nullptr ? nullptr : row->pfHandler;
   }
@@ -106,7 +106,7 @@ void dispatch(Header *message) {
   if (status == 0) respond(*message, text);
 }
 
-// The dispatcher is registered once a process. After a failure the next registration goes on where
+// The dispatcher is registered once in a process. After a failure the next call continues where
 // this one stopped.
 Status register_dispatcher() {
   constexpr uint32_t kTypes[] = {ORP_MSG_RESTFUL_REQUEST_A, ORP_MSG_RESTFUL_REQUEST,
@@ -178,7 +178,7 @@ Owned<Header> build_request(uint32_t code_word, uint32_t second, std::string_vie
   auto *request = reinterpret_cast<Request *>(body(message.get()));
   request->ulCode = code_word;
   request->ulSecond = second;
-  // Cut, they would select another handler.
+  // If they were cut, they would select another handler.
   if (!copy_or_report(request->aucPath, path) || !copy_or_report(request->aucHandler, handler)) {
     return nullptr;
   }

@@ -1,13 +1,13 @@
 // Sending.
 //
-// A message is written straight from the caller's block: its header is stamped with the board
-// number and put into the connection's byte order in place, and restored afterwards.
+// A message is written straight from the caller's block: its header gets the board number and the
+// connection's byte order in place, and is restored afterwards.
 //
-// On the process's connection within this machine a write is first tried without blocking, which is
-// all it takes when the socket has room. If the write fails with an error that a wait could
-// explain, the sender waits for the socket and writes again. Such a socket takes a message whole or
-// not at all. TCP would take the part for which there is room, although it does not count as
-// writable then, and the rest might never go: on any other descriptor the wait comes first.
+// On the process's connection within this machine, a write without blocking comes first; that is
+// enough when the socket has room. When it fails with an error that the wait deals with or reports
+// (a full socket, a signal, a bad descriptor), the sender waits and writes again. Such a socket
+// takes a message whole or not at all. On any other descriptor the wait comes first: TCP takes a
+// part of a message even while poll() does not call it writable, and the rest might never go.
 
 #include "msg/send.h"
 
@@ -52,7 +52,7 @@ bool await_writable(int fd, const Header &message) {
   }
 }
 
-// Whether a wait could explain why the first try failed.
+// Whether the wait deals with this error of the first try, or reports it.
 bool wait_could_explain(int error) {
   return error == EAGAIN || error == EINTR || error == EBADF || error == ENOTSOCK;
 }
@@ -76,8 +76,8 @@ void log_write_failure(const Header &message, int error) {
              message.aucRecvApp, message.aucSendApp, send_board(), error);
 }
 
-// Leaves the header as the result demands: its type proper after kOk and kPeerGone, untouched after
-// kNotWritable, as it was sent after kSystem.
+// Leaves the header as the interface says for each status: with the type proper after kOk and
+// kPeerGone, untouched after kNotWritable, as it was sent after kSystem.
 Status write_message(const Target &target, Header *message, bool waited) {
   const uint64_t total = block_size(*message);
   const uint32_t type = message->ulMsgType;
@@ -142,7 +142,7 @@ Status send_to(const Target &target, Header *message) {
                                         : wait_and_write(target, message);
 }
 
-// As an exported function was given it.
+// Sends what an exported function was given.
 Status send_given(int fd, const sockaddr *address, socklen_t address_size, Header *message) {
   if (message == nullptr || fd < 0) return Status::kBadArgument;
   return send_to({fd, address, address_size}, message);
@@ -188,7 +188,7 @@ Status send_header(std::string_view destination, uint32_t type, uint32_t data) {
 
 Status send_header_under(uint32_t sequence, std::string_view destination, uint32_t type,
                          uint32_t data) {
-  // Takes a number from the counter although another replaces it.
+  // Takes a number from the counter, although another replaces it.
   Header header = build_header(destination, type, data);
   header.ulSeqNum = sequence;
   return send(&header);
@@ -237,7 +237,7 @@ extern "C" uint32_t ORP_MSG_SendSimpleMsgWithSeqNum(const char *dstApp, uint32_t
   return code(send_header_under(seq, text_or_empty(dstApp), type, data));
 }
 
-// Of the following: with a body the number stays 0, without one it is a fresh one. Receivers know
+// In the following functions the number is 0 with a body, and fresh without one. Receivers rely on
 // the difference.
 
 extern "C" uint32_t ORP_MSG_SendMsgData(const char *dstApp, uint32_t type, const void *body,

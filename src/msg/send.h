@@ -1,7 +1,6 @@
 // Sending, for the rest of the library. msgapi/msg.h says what each way promises.
 //
-// The status is the library's own or, where the application's hook takes the message, what the hook
-// answers.
+// The status is the library's own or, when the application's hook takes the message, the hook's.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +21,7 @@ Status send(Header *message, Hook hook = Hook::kAsked);
 // A header without a body, under the next sequence number.
 Status send_header(std::string_view destination, uint32_t type, uint32_t data);
 
-// The same under the number of another message, whose answer it is as a rule.
+// The same under the number of another message, usually the request that it answers.
 Status send_header_under(uint32_t sequence, std::string_view destination, uint32_t type,
                          uint32_t data);
 
@@ -36,7 +35,7 @@ Status send_record(std::string_view destination, uint32_t type, const T &record)
   return send_content(destination, type, {reinterpret_cast<const char *>(&record), sizeof record});
 }
 
-// What a C caller gives as a body; a null pointer is for the caller to look at.
+// A body as a C caller gives it; the caller of this function has checked for null.
 inline std::span<const char> content_of(const void *body, uint32_t size) {
   return {static_cast<const char *>(body), size};
 }

@@ -1,7 +1,7 @@
 // Synchronous requests: send, then read messages until the answer comes, putting aside the others.
 //
-// The first message of the right type (and, where asked for, sender) is the answer; the sequence
-// number is deliberately not compared.
+// The first message of the right type (and, if requested, from the right sender) is the answer; the
+// sequence number is deliberately not compared.
 
 #include <string_view>
 
@@ -24,7 +24,7 @@ constexpr uint32_t kDefaultWait_ms = 60000;
 constexpr uint32_t kServerWait_ms = 5000;
 constexpr uint32_t kMaxQueued = 1000;
 
-// What a wait looks for. The sequence number only appears in trace records.
+// What a wait looks for. The sequence number is for trace records only.
 struct Expected {
   uint32_t type;
   uint32_t sequence;
@@ -110,7 +110,7 @@ Result<Owned<Header>> receive_expected(const Expected &expected, uint32_t timeou
   return std::move(end.answer);
 }
 
-// Whose answer counts. kReceiver: only that of the application that the request is for.
+// Whose answer counts. kReceiver: only that of the application to which the request is addressed.
 enum class From { kAnyone, kReceiver };
 
 Result<Owned<Header>> receive_answer(const Header &request, From from, uint32_t timeout_ms) {
@@ -146,7 +146,7 @@ Result<Owned<Header>> exchange_with_receiver(Header *request, uint32_t timeout_m
   return receive_answer(*request, From::kReceiver, timeout_ms);
 }
 
-// Both are tried, and their codes laid over each other, whatever comes of the first.
+// Both are tried whatever the first returns; the result is the bitwise OR of their codes.
 uint32_t safe_exit(const char *application) {
   Header request = build_header(application, ORP_MSG_EXIT, 0);
   const Status asked = exchange(&request, kServerWait_ms).status();
@@ -155,7 +155,8 @@ uint32_t safe_exit(const char *application) {
   return code(asked) | code(send(&notice.header));
 }
 
-// The answer becomes the caller's, or *out null: a procedure that ran meanwhile may have set it.
+// Gives the answer to the caller, or sets *out to null: a procedure that ran meanwhile may have set
+// it.
 uint32_t hand_out(Result<Owned<Header>> answer, Header **out) {
   *out = answer ? answer->release() : nullptr;
   return code(answer.status());

@@ -50,14 +50,14 @@ void receive_ready(ORP_UTIL_SOCKBASE_ST *sock_base, uint32_t /*event*/) {
     return;
   }
   // A synchronous request of another callback in this pass may have put messages aside; they come
-  // first, in the next iteration. It may also have read what was there, and waiting for more would
-  // hold the loop.
+  // first, in the next iteration. It may also have read everything, and a wait for more would hold
+  // up the loop.
   if (g_client.put_aside != nullptr) return;
   if (fd == sock_base->io.fd && os::wait_readable(fd, 0) == os::Readiness::kTimeout) return;
 
   const Result<Owned<Received>> received = receive_message(fd, kReceiveWait_ms);
   if (received.status() == Status::kPeerGone) {
-    // Nothing can come any more, but the descriptor would be ready for ever.
+    // Nothing more can come, but the descriptor would be ready for ever.
     uv::listen(sock_base, ORP_UTIL_SOCKBASE_NONE);
   }
   if (received) (void)deliver(&(*received)->message);
@@ -68,7 +68,7 @@ void deliver_put_aside(OrpUvIdle *idle) {
     (void)uv::delete_watcher(&idle->head);
     return;
   }
-  // Only what is there now: a procedure may put further messages aside in every call.
+  // Deliver only what is there now: procedures may put further messages aside.
   for (uint32_t count = ORP_ListGetCount(g_client.put_aside); count > 0; --count) {
     const Owned<Received> received(g_client.put_aside);
     if (!received) return;  // a procedure destroyed the client

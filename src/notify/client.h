@@ -28,8 +28,8 @@ struct Client {
   ORP_NOTIFYCLT_SYNC_ANY_PROC any_sync = nullptr;
   ORP_NOTIFYCLT_ASYNC_ANY_PROC any_async = nullptr;
   Received *put_aside = nullptr;
-  // What Init gave to the loop. The loop may free them without a word: they are compared and
-  // looked up, never followed.
+  // What Init gave to the loop. The loop may free them unnoticed, so these pointers are compared
+  // and looked up, never followed.
   ORP_UTIL_SOCKBASE_ST *sock_base = nullptr;
   int watched_fd = -1;
   OrpUvIdle *idle = nullptr;
@@ -46,7 +46,7 @@ Status deliver(NOTIFY_MSG *message);
 // ORP_NOTIFYCLT_InitByName: starts the client, if the application of that name is one.
 Status start_client_named(const char *name);
 
-// What an application gives as an item of data; a null pointer is none.
+// An item of data as an application gives it; a null pointer is no data.
 inline Bytes item(const void *data, uint32_t length) {
   return data == nullptr ? Bytes() : Bytes(static_cast<const char *>(data), length);
 }

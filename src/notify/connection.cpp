@@ -28,11 +28,12 @@ namespace {
 
 constexpr uint32_t kWritableWait_ms = 10000;
 constexpr uint32_t kMaxFailures = 9;
-// A head whose first bytes have arrived is followed by the others at once; after this it is short.
+// When the first bytes of a head have arrived, the others follow at once; after this time they are
+// missing.
 constexpr uint32_t kHeadRest_ms = 1000;
 
 pthread_mutex_t g_send_mutex = PTHREAD_MUTEX_INITIALIZER;
-// Sends in a row that found the connection not writable. It is looked at outside the mutex, too.
+// Sends in a row that found the connection not writable. Also read outside the mutex.
 constinit std::atomic<uint32_t> g_failures{0};
 
 class SendLock {
@@ -61,7 +62,7 @@ Status write_message(int fd, const NOTIFY_MSG &message) {
   const auto *bytes = reinterpret_cast<const char *>(&message);
   const size_t size = sizeof message + message.data_len;
   for (size_t sent = 0; sent < size;) {
-    // MSG_NOSIGNAL: the process may not have set SIGPIPE aside.
+    // MSG_NOSIGNAL: the process may not ignore SIGPIPE.
     const ssize_t count = ::send(fd, bytes + sent, size - sent, MSG_NOSIGNAL);
     if (count >= 0) {
       sent += static_cast<size_t>(count);
@@ -234,7 +235,7 @@ Status send_message(int fd, const NOTIFY_MSG *message) {
 }
 
 Result<Owned<Received>> receive_message(int fd, uint32_t timeout_ms) {
-  // Nothing is allocated for a message that does not come.
+  // Wait first, so that nothing is allocated for a message that does not come.
   if (os::wait_readable_through_signals(fd, timeout_ms) == os::Readiness::kTimeout) {
     return report_silence(timeout_ms);
   }

@@ -1,8 +1,8 @@
 // Synchronous notify requests.
 //
-// A request reads the connection itself. What arrives before its reply is put aside in the block it
-// was read into, which costs no memory and cannot fail, and an idle procedure of the loop delivers
-// it.
+// A request reads the connection itself. A message that arrives before the reply is put aside in
+// the block into which it was read; that needs no memory and cannot fail. An idle procedure of the
+// loop delivers it.
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// The raw system call fills two longs on every target, whatever width the C library was built to
-// give time_t; callers are promised that the clocks come from the kernel itself.
+// The raw system call fills two longs on every target, whatever width the C library's time_t has.
+// The interface promises that the clocks come from the kernel itself.
 
 #include "os/clock.h"
 

@@ -7,7 +7,7 @@
 
 namespace msgapi::os {
 
-// Closing keeps errno and reports nothing: a writer that must know flushes first.
+// Closing keeps errno and reports nothing: a writer that needs to know flushes first.
 struct FileCloser {
   void operator()(std::FILE *file) const {
     const int saved = errno;

@@ -24,8 +24,8 @@ Status status_of(ReadEnd end) {
   return Status::kSystem;
 }
 
-// False after the time-out. A descriptor that cannot be waited for is left to the read, which says
-// why.
+// False after the time-out. True also for a descriptor that cannot be waited for, because the read
+// that follows says why.
 bool StreamReader::wait() {
   if (policy_.patience_ms == ReadPolicy::kBlock) return true;
   if (policy_.interrupted == Interrupted::kGoesOn) {

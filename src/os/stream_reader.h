@@ -1,10 +1,10 @@
-// Reading messages from a stream: the one place that decides when a read is tried, when it is
-// waited for, and what ends the stream.
+// Reading messages from a stream: the one place that decides when a read is tried, when it waits,
+// and what ends the stream.
 //
 // Nothing is read beyond what the caller asks for, although reading ahead would save calls. Other
-// readers may share the connection (a synchronous wait reads past the event loop's watcher), and
-// what one of them had read ahead the others would never see. Descriptors travel between messages,
-// too, and are lost to whoever reads their place with a plain read.
+// readers may share the connection (a synchronous wait reads past the event loop's watcher); they
+// would never see what one reader has read ahead. Descriptors travel between messages, too, and a
+// plain read of their place loses them.
 #pragma once
 
 #include <sys/types.h>
@@ -27,7 +27,8 @@ enum class ReadEnd {
 
 Status status_of(ReadEnd end);
 
-// How a message or a part of one was read, and how much of it there is, also after a failure.
+// How reading a message, or a part of one, ended, and how much of it there is, also after a
+// failure.
 struct Filled {
   ReadEnd end;
   size_t count;
@@ -52,8 +53,8 @@ struct ReadPolicy {
   static constexpr uint32_t kBlock = UINT32_MAX;
 };
 
-// Reads from one descriptor. A socket is tried first and waited for only where that finds nothing,
-// because a message usually is there already; a descriptor of another kind is waited for first.
+// Reads from one descriptor. On a socket the read comes first, and the wait only when nothing was
+// there, because a message usually is there already. On any other descriptor the wait comes first.
 class StreamReader {
  public:
   StreamReader(int fd, ReadPolicy policy) : fd_(fd), policy_(policy) {}

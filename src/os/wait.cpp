@@ -1,5 +1,5 @@
-// Waiting for one descriptor, with poll(): for a set of one it answers as select() does, and it
-// knows no limit on descriptor numbers. Hang-ups and errors count as ready; the read or write that
+// Waiting for one descriptor, with poll(): for a single descriptor it answers as select() does, and
+// descriptor numbers are not limited. Hang-ups and errors count as ready; the read or write that
 // follows says what happened.
 
 #include "os/wait.h"

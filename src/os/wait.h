@@ -11,13 +11,13 @@ enum class Readiness {
   kFailed,  // errno says why; EBADF for a descriptor that is not open
 };
 
-// Waits up to `timeout_ms` (at most INT32_MAX) until the descriptor can be read or written without
-// blocking; end of stream and errors count as ready. They agree with select() on the one
-// descriptor but know no limit of 1024. A signal ends them with kFailed and EINTR.
+// Wait up to `timeout_ms` (at most INT32_MAX) until the descriptor can be read or written without
+// blocking. End of stream and errors count as ready. They answer as select() does, without its
+// limit of 1024. A signal ends them with kFailed and EINTR.
 Readiness wait_readable(int fd, uint32_t timeout_ms);
 Readiness wait_writable(int fd, uint32_t timeout_ms);
 
-// The same, waiting on after a signal for what is left of the time.
+// The same, but after a signal they go on waiting for what is left of the time.
 Readiness wait_readable_through_signals(int fd, uint32_t timeout_ms);
 Readiness wait_writable_through_signals(int fd, uint32_t timeout_ms);
 

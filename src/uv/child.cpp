@@ -55,8 +55,8 @@ void write_exec_failure(const char *file, int error) {
   [[maybe_unused]] const ssize_t ignored = ::writev(STDOUT_FILENO, line, 5);
 }
 
-// Caught signals get their default action, as exec would give them, but before they are unblocked:
-// a signal that is sent to the child must not run the parent's handler in it.
+// Caught signals get their default action, which exec would give them, before they are unblocked: a
+// signal that is sent to the child must not run the parent's handler there.
 void reset_signals(const sigset_t &mask) {
   for (int signal = 1; signal < NSIG; ++signal) {
     struct sigaction action;
@@ -157,8 +157,8 @@ void Child::run(const sigset_t &mask) {
 }
 
 bool Child::set_up() {
-  // A new session has a process group of its own (setsid(2)): what is sent to the parent's group,
-  // by a terminal say, does not reach the child.
+  // A new session has a process group of its own (setsid(2)): signals to the parent's group, from a
+  // terminal say, do not reach the child.
   if ((options_.flags & ORP_UV_SPAWN_SETSID) != 0) ::setsid();
   close_inherited();
   if (options_.cwd != nullptr && ::chdir(options_.cwd) != 0) return false;
@@ -194,10 +194,10 @@ bool Child::is_kept(int fd) const {
          fd == standard_[2].get();
 }
 
-// Groups first, the user last: after setuid() the child may not change its groups any more. A child
-// that cannot take on the ids that were asked for does not run, because it would have other rights
-// than it should. Supplementary groups that cannot be set are only reported, because a parent that
-// is not root may never set them.
+// Groups first, the user last: after setuid() the child may no longer change its groups. A child
+// that cannot take on the requested ids does not run, because it would run with the wrong rights.
+// Supplementary groups that cannot be set are only reported, because a parent that is not root may
+// never set them (setgroups(2)).
 bool Child::set_ids() const {
   const uint32_t flags = options_.flags;
   if ((flags & (ORP_UV_SPAWN_SETUID | ORP_UV_SPAWN_SETGID)) != 0 &&

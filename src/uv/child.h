@@ -20,8 +20,8 @@ struct Pipe {
   os::UniqueFd read, write;
 };
 
-// Close-on-exec, with both ends above the standard descriptors, so that moving an end onto one of
-// those never hits another end. No ends when it cannot be made.
+// Close-on-exec, with both ends above the standard descriptors: moving an end onto one of those
+// then never hits another end. No ends when the pipe cannot be made.
 Pipe make_pipe();
 
 class Child {
@@ -36,8 +36,8 @@ class Child {
   void set_standard(int target, os::UniqueFd fd) { standard_[target] = std::move(fd); }
 
   // Makes the child, which closes inherited descriptors up to `highest_fd` (50 when that is below
-  // 4), gets ready and waits. Its number is in *pid before any signal, that of its own end
-  // included, is handled.
+  // 4), gets ready and waits. *pid is set before any signal is handled, that of the child's own end
+  // included.
   Status make(int highest_fd, int32_t *pid);
 
   // Lets the child go on to exec, and closes this side's copies of its ends.

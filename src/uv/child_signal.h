@@ -1,8 +1,9 @@
-// SIGCHLD: keeping its handler away from what it reads, and not sleeping through it.
+// SIGCHLD: its handler must not run while what it reads is changed, and no wait may sleep through
+// it.
 //
-// The handler looks for process watchers in the lists of the default loops, so lists, and the
+// The handler looks for process watchers in the lists of the default loops. So these lists, and the
 // choice of the default loop, change only with the signal blocked. That costs two system calls, and
-// is done only once a process has installed the handler.
+// is done only after the process has installed the handler.
 #pragma once
 
 #include <csignal>

@@ -55,8 +55,9 @@ class CommandWords {
   void *symbols_ = nullptr;
 };
 
-// Makes the options run as the system user `name`. Only where the look-up tells that there is no
-// such user are they left alone: after a failure nobody knows whose rights the command should have.
+// Makes the options run as the system user `name`. They stay unchanged when the look-up says that
+// there is no such user. A failed look-up is an error, because nobody knows then whose rights the
+// command should have.
 Status use_user(const char *name, OrpUvSpawnOptions *options) {
   const Owned<char> buffer(static_cast<char *>(plain_alloc(kUserBuffer)));
   if (!buffer) return Status::kNoMemory;
@@ -119,7 +120,7 @@ void sleep_ms(uint32_t ms) {
 
 // False when it must not be killed. A child that has ended meanwhile counts as killed.
 bool kill_child(pid_t pid) {
-  const ChildSignalBlock block;  // its number stays its own
+  const ChildSignalBlock block;  // so that its number is not given to another process meanwhile
   return ::waitid(P_PID, static_cast<id_t>(pid), nullptr, WEXITED | WNOHANG | WNOWAIT) != 0 ||
          ::kill(pid, SIGKILL) == 0;
 }
@@ -169,7 +170,7 @@ int32_t run_and_wait(char *const *args, uint32_t timeout_ms, uint32_t poll_ms,
   OrpUvSpawnOptions options = {};
   options.file = path;
   options.args = args;
-  // By the program's name as it stands, on purpose: a shell's script plays no part here.
+  // By the program's name as it stands, on purpose: the script of a shell does not count here.
   if (use_user(args[0], &options) != Status::kOk) return -1;
   Child child(options);
   int32_t pid;

@@ -1,5 +1,5 @@
-// This file alone knows everything that points to a watcher, of every kind. A new pointer to a
-// watcher is cut in release_watcher().
+// This file alone knows everything that can point to a watcher of any kind. Whoever adds such a
+// pointer cuts it in release_watcher().
 
 #include "uv/freeing.h"
 
@@ -59,8 +59,7 @@ void release_watcher(OrpUvLoop *loop, OrpUvWatcher *watcher, bool loop_gone) {
 }
 
 Status defer_free(OrpUvLoop *loop, void *data) {
-  // The watcher would be created only after this check, so never is. Callers rely on keeping the
-  // block.
+  // Nothing creates the watcher, so this fails in practice. Callers rely on keeping the block.
   if (loop->deferredFree == nullptr) return Status::kBadArgument;
 
   Owned<DeferredData> entry = make<DeferredData>();
@@ -90,8 +89,8 @@ void sweep_deleted(OrpUvLoop *loop) {
       continue;
     }
     OrpUvWatcher *watcher = list_unlink_at(place);
-    // Nobody holds a watcher between the passes of the outermost run. A count that has reached its
-    // limit says no more.
+    // Nobody holds a watcher between the passes of the outermost run. (A count that has reached its
+    // limit stays there and proves nothing.)
     assert(!is_held(watcher) || (watcher->status & kHeldMask) == kHeldMask);
     ORP_TRACE_PrintInfo("UVLoopSafeDelete", __LINE__, 0, "loop", kTraceLevel,
                         "Delete handle %p with flag %x data %p now ...",
@@ -128,7 +127,7 @@ void destroy_loop(OrpUvLoop *loop) {
     init_loop(loop);
     return;
   }
-  // Somebody walks the list. What is left in it are records of no type for the next safe point.
+  // Somebody walks the list: the records stay in it, without a type, until the next safe point.
   OrpUvWatcher *const watchers = loop->watchers;
   const uint32_t depth = loop->flags & kWalkDepthMask;
   init_loop(loop);

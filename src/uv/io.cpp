@@ -1,7 +1,7 @@
 // I/O watchers.
 //
-// A watcher's events are remembered in its record; the descriptor's bits live in the loop's sets,
-// from which each wait takes a copy.
+// A watcher's record holds its events; the loop's sets hold the descriptor's bits, and each wait
+// takes a copy of them.
 
 #include "uv/io.h"
 
@@ -113,7 +113,7 @@ OrpUvIo *find_io(OrpUvLoop *loop, int fd) {
 
 void take_descriptor_away(OrpUvIo *watcher) {
   OrpUvLoop *loop = watcher->head.loop;
-  // The write and error sets keep their bits; the filter keeps those away from select().
+  // The write and error sets keep their bits; the loop's filter keeps them away from select().
   set_remove(loop->readSet, watcher->fd);
   watcher->fd = -1;
   loop->flags |= kLoopFilterSets;

@@ -15,8 +15,8 @@ Status force_io(OrpUvIo *watcher, uint32_t events);
 void skip_pass(OrpUvLoop *loop, bool on);
 OrpUvIo *find_io(OrpUvLoop *loop, int fd);
 
-// Takes a descriptor that is closed, or no longer the watcher's, away from it: fd becomes -1, what
-// is armed stays armed, and nothing waits for the descriptor until another start arms it.
+// Takes away a descriptor that is closed or no longer the watcher's: fd becomes -1, what is armed
+// stays armed, and nothing waits for the descriptor until another start arms it.
 void take_descriptor_away(OrpUvIo *watcher);
 
 }  // namespace msgapi::uv

@@ -37,8 +37,8 @@ struct Waiting {
   WorkingSet read, error, write;
 };
 
-// The descriptors that live watchers wait for. What else a set holds was left there by a watcher
-// that lost its descriptor, was freed without being stopped or has read the end of its stream.
+// The descriptors that live watchers wait for. Any other bit in a set was left there by a watcher
+// that lost its descriptor, was freed without being stopped, or has read the end of its stream.
 struct Wanted {
   OrpUvDescriptorSet read, error, write;
 };
@@ -82,7 +82,8 @@ int wait_for(OrpUvLoop *loop, Waiting *sets, timespec timeout) {
   const timespec *limit = timeout.tv_sec == kNoTimeout_s ? nullptr : &timeout;
   if (loop->reaper == nullptr) return ::pselect(count, read, write, error, limit, nullptr);
 
-  // A child that is reaped between the reaper's look and the wait must not be slept through.
+  // A child may be reaped between the reaper's look and the wait; the wait must not sleep through
+  // it.
   const ChildSignalBlock block;
   if (exit_waits(loop)) {
     timeout = {};
@@ -103,7 +104,7 @@ bool call_forced(const OrpUvForced *entry) {
   return true;
 }
 
-// Queued events, before and instead of ready descriptors. True when one was delivered. What the
+// Delivers queued events, instead of ready descriptors. True when one was delivered. What the
 // callbacks queue waits for the next iteration.
 bool deliver_forced(OrpUvLoop *loop) {
   OrpUvForced *batch = loop->forced;
@@ -121,7 +122,7 @@ bool deliver_forced(OrpUvLoop *loop) {
   return delivered;
 }
 
-// A real event takes the place of the same event queued for it.
+// A real event replaces the same event when that was queued for the watcher.
 void drop_forced(OrpUvLoop *loop, const OrpUvIo *watcher, uint32_t event) {
   for (OrpUvForced **place = &loop->forced; *place != nullptr; place = &(*place)->link) {
     if ((*place)->watcher == watcher && (*place)->events == event) {
@@ -155,7 +156,7 @@ void call_io(OrpUvLoop *loop, OrpUvIo *io, uint32_t event) {
 }
 
 // Calls the watchers whose descriptors are in `ready`. *called: a callback has run since select()
-// answered, so that descriptors may have been closed since.
+// returned, so descriptors may have been closed since.
 void dispatch(OrpUvLoop *loop, const WorkingSet &ready, uint32_t event, bool *called) {
   skip_pass(loop, false);
   sweep_deleted(loop);
@@ -222,19 +223,19 @@ void recover_from_bad_descriptors(OrpUvLoop *loop) {
   loop->flags |= kLoopFilterSets;
 }
 
-// One wait, and what it brings.
+// One wait, and delivery of what it found.
 //
-// Queued events do not replace the wait, they cut it to a look: a descriptor that is not open any
-// more comes to light in every iteration. Where one of them is delivered, the ready descriptors are
-// left alone. That loses nothing, because they are still ready in the next iteration. A run ends as
-// idle only after a second look, so that it never ends on something that came with the time-out.
+// Queued events do not replace the wait; they shorten it to a look, so that a closed descriptor is
+// noticed in every iteration. When one of them is delivered, ready descriptors are left alone. That
+// loses nothing, because they are still ready in the next iteration. A run ends as idle only after
+// a second look, so it never misses an event that came together with the time-out.
 Status select_step(OrpUvLoop *loop) {
   Waiting sets;
   copy_sets(loop, &sets);
 
   ORP_TIME_ST *limit = &loop->selectTimeout;
   const bool forced = loop->forced != nullptr;
-  // Time that forced events cut short does not count as idle.
+  // A wait that forced events cut short does not count as idle time.
   const bool idle_due = !forced && loop->idleTime != 0 &&
                         static_cast<int32_t>(loop->idleTime / 1000) <= limit->seconds;
   timespec timeout = {.tv_sec = 0, .tv_nsec = 1000};
@@ -269,7 +270,7 @@ Status select_step(OrpUvLoop *loop) {
   return Status::kSystem;
 }
 
-// In a synchronous spawn only pipes are worth waiting for: the child's end shows by reaping.
+// In a synchronous spawn only pipes are worth a wait: the reaper reports the child's end.
 bool has_to_wait(const OrpUvLoop *loop) {
   for (OrpUvWatcher *watcher = loop->watchers; watcher != nullptr; watcher = watcher->link) {
     if (has_type(watcher, ORP_UV_IO)) {
@@ -306,11 +307,10 @@ Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
     }
     ++loop->iteration;
   }
-  // The one stop bit belongs to the run that ends by it, even where a run around this one was
-  // meant.
+  // There is one stop bit: the run that ends by it clears it, even if an outer run was meant.
   loop->flags &= ~ORP_UV_LOOP_STOP;
 
-  // What the pass around an inner run still holds as ready, this run may have served.
+  // This inner run may have served what the pass around it still takes for ready.
   if (walk.is_inner()) skip_pass(loop, true);
   return result;
 }

@@ -1,7 +1,7 @@
 // Message watchers: whole messages from a stream socket.
 //
-// select() has announced data when a message is read, so a message costs one call for its header
-// and one for its body. Only where a piece is missing does the reader wait, and the loop with it.
+// A message is read after select() has announced data, so it costs one call for its header and one
+// for its body. Only when a piece is missing does the reader wait, and the loop waits with it.
 
 #include "uv/message_watcher.h"
 
@@ -108,7 +108,7 @@ void note_end_of_stream(OrpUvIo *io) {
   io->head.loop->flags |= kLoopFilterSets;
 }
 
-// The I/O callback: one message, or none and nobody is told.
+// The I/O callback: takes one message, if it can be read.
 void receive(OrpUvIo *io, uint32_t /*event*/) {
   auto *watcher = reinterpret_cast<OrpUvMsg *>(io);
   const bool raw = (io->head.status & ORP_UV_MSG_RAW) != 0;

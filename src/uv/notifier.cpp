@@ -1,8 +1,8 @@
 // Notifiers.
 //
 // The notifier's spare word counts the notifications under way. Entries that are unregistered
-// meanwhile lose their procedure and name but stay linked, so that every walk finds its way, and
-// are freed when the outermost notification ends.
+// meanwhile lose their procedure and name but stay linked, so that every walk finds its successor.
+// They are freed when the outermost notification ends.
 
 #include "msgapi/notifier.h"
 

@@ -28,7 +28,7 @@ void call_traced(const OrpUvMsgPending *entry, ORP_MSG_HEADER_ST *message, bool 
 
 TakeAnswer g_take_answer;
 
-// The entries are chained by those who make them, so one that is not there is no fault of ours and
+// Requesters chain the entries themselves, so an entry that is not in the list is not our fault: it
 // is passed over.
 void unchain(OrpUvMsg *watcher, OrpUvMsgPending *entry) {
   ORP_ListDeleteItemEx(&watcher->pending, entry);

@@ -1,9 +1,8 @@
-// Pending requests, the entries of message watchers: who may still reach one, and when it goes.
+// Pending requests, the entries of message watchers: who can reach one, and when it is freed.
 //
-// An entry is reached from its watcher's list and from its timer. It is taken away from both before
-// its procedure is called, so that nothing the procedure does (run the loop, start the next
-// request, delete the watcher) can find it a second time, and it is freed when the procedure has
-// returned.
+// An entry is reached from its watcher's list and from its timer. Both let go of it before its
+// procedure is called, so nothing that the procedure does (run the loop, start the next request,
+// delete the watcher) can find it a second time. It is freed when the procedure has returned.
 #pragma once
 
 #include "msgapi/loop.h"
@@ -13,9 +12,9 @@ namespace msgapi::uv {
 // Ends the first of the watcher's entries that `message` answers; false when there is none.
 bool answer_pending(OrpUvMsg *watcher, ORP_MSG_HEADER_ST *message);
 
-// Whoever reads messages past their watcher, and keeps them to deliver them later, sets this: an
-// entry whose time is over is asked about first. The procedure hands over the message that answers
-// the entry, which is freed after its procedure, or null.
+// Set by code that reads messages past their watcher and delivers them later. It is asked before an
+// entry times out. It hands over the message that answers the entry, or null; the message is freed
+// after the entry's procedure.
 using TakeAnswer = ORP_MSG_HEADER_ST *(*)(const OrpUvMsgPending *entry);
 void set_take_answer(TakeAnswer procedure);
 

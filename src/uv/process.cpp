@@ -102,7 +102,7 @@ Status make_redirects(OrpUvProcess *process, const OrpUvSpawnOptions &options, C
 
 // The private loop of a synchronous spawn, and what its exit procedure needs.
 struct SyncSpawn {
-  OrpUvLoop loop;  // first: the process watcher leads here
+  OrpUvLoop loop;  // first, so that the process watcher's loop pointer leads to this record
   ORP_UV_EXIT_PROC user_exit;
   uint32_t result;
 };
@@ -144,7 +144,7 @@ void report_exit(OrpUvProcess *process) {
     process->exited = 0;
   }
 
-  // A run that a callback of the report begins would wait for what the report has already taken.
+  // A callback of the report may begin a run, which would wait for what the report has taken.
   if (process->exitProc == sync_exit) process->head.loop->flags |= kLoopEnded;
   drain(process, STDOUT_FILENO);
   drain(process, STDERR_FILENO);
@@ -153,7 +153,7 @@ void report_exit(OrpUvProcess *process) {
     process->exitProc(process, pid, status.exit_code, status.term_signal);
   }
   if (process->name != nullptr) {
-    // "start" also at the end: that is the record's text.
+    // The record says "start" at the end, too; that text is kept.
     ORP_TRACE_PrintInfo(kFunction, __LINE__, 0, "track", kTraceLevel,
                         "[start exit-proc %lld:%d:%s] %p", iteration(), pid, process->name,
                         address(process->exitProc));
@@ -245,7 +245,7 @@ Status start_child(OrpUvProcess *process, const OrpUvSpawnOptions &options,
 
 // ---- Synchronous spawn ----
 
-// Takes down what the run has left: after a time-out the child may go on, its pipes do not.
+// Cleans up after the run: after a time-out the child may go on, but its pipes are closed.
 void end_sync(SyncSpawn *sync) {
   for (OrpUvWatcher *watcher = sync->loop.watchers; watcher != nullptr; watcher = watcher->link) {
     if (has_type(watcher, ORP_UV_REDIRECT)) delete_redirect(as<OrpUvIo>(watcher));
@@ -271,7 +271,7 @@ uint32_t spawn_and_wait(const OrpUvSpawnOptions &user, uint32_t timeout_ms) {
   set_default_loop_override(nullptr);
   destroy_loop(&sync.loop);
 
-  // Children of the loop that was put aside may have been reaped meanwhile.
+  // Children of the overridden default loop may have been reaped meanwhile.
   g_child_reaped = 1;
   return status == Status::kOk ? sync.result : code(status);
 }

@@ -13,7 +13,8 @@
 namespace msgapi::uv {
 namespace {
 
-// Statuses of children without a watcher, newest over oldest. Changed with SIGCHLD blocked.
+// Statuses of children without a watcher; the newest overwrites the oldest. Changed only with
+// SIGCHLD blocked.
 struct KnownStatus {
   pid_t pid;  // 0: free
   int status;
@@ -22,10 +23,10 @@ constexpr uint32_t kKnownStatuses = 64;
 KnownStatus g_known[kKnownStatuses];
 uint32_t g_next_known;
 
-// All process watchers that spawns have made. Changed with SIGCHLD blocked.
+// All process watchers that spawns have made. Changed only with SIGCHLD blocked.
 SpawnedProcess *g_spawned;
 
-// The thread that runs the loops: the handler acts on it alone.
+// The thread that runs the loops: the handler does its work only there.
 pid_t g_owner;
 
 pid_t this_thread() {
@@ -105,7 +106,7 @@ void record_status(pid_t pid, int status, ORP_UV_WAIT_ST *record) {
 
 void on_child_signal(int /*signal*/) {
   const int saved_errno = errno;
-  // Another thread may have been picked; it must not run in parallel to the owner of the lists.
+  // The kernel may have picked another thread, which must not touch the lists beside their owner.
   const bool handed_on =
       this_thread() != g_owner && ::syscall(SYS_tgkill, ::getpid(), g_owner, SIGCHLD) == 0;
   if (!handed_on) {
@@ -152,7 +153,7 @@ ChildState look_at_child(pid_t pid, int *status) {
     return ChildState::kRunning;
   }
 
-  // Somebody else, the handler as a rule, has reaped it.
+  // Somebody else, usually the handler, has reaped it.
   if (take_known(pid, status)) return ChildState::kEnded;
   const OrpUvProcess *process = find_process(pid, true);
   if (process == nullptr) return ChildState::kUnknown;

@@ -25,16 +25,16 @@ void install_child_handler();
 // Reaps every child that has ended; see OrpUvProcessWaitpid.
 pid_t reap_children(ORP_UV_WAIT_ST *record);
 
-// What is known of a child, which is reaped if it has ended: its status, kRunning, or kUnknown.
+// Looks at a child, and reaps it if it has ended. Only kEnded sets *status.
 enum class ChildState { kRunning, kEnded, kUnknown };
 ChildState look_at_child(pid_t pid, int *status);
 
-// A process is about to be made, with SIGCHLD blocked, under this number: what the table holds for
-// an earlier one is void.
+// Call with SIGCHLD blocked when a process gets this number: forgets the status that the table
+// holds for an earlier process of the same number.
 void forget_status(pid_t pid);
 
-// A process watcher that a spawn has made. The handler finds those in a list of their own: it knows
-// no loops but the default ones. Nothing else sees the link that follows the public record.
+// A process watcher that a spawn has made. The handler finds these in a list of their own, because
+// it knows only the default loops. Nothing else sees the link that follows the public record.
 struct SpawnedProcess {
   OrpUvProcess process;
   SpawnedProcess *link;
@@ -43,7 +43,8 @@ struct SpawnedProcess {
 // From now on the watcher gets the status of the child whose number it holds.
 void enlist(SpawnedProcess *spawned);
 
-// The watcher goes, with SIGCHLD blocked: a status that it has not reported stays known.
+// Call with SIGCHLD blocked before the watcher is freed: a status that it has not reported stays
+// known.
 void delist(SpawnedProcess *spawned);
 
 }  // namespace msgapi::uv

@@ -1,7 +1,7 @@
 // The pipes between a process watcher and its child: who points to whom.
 //
-// A redirect is an I/O watcher whose data word is its process watcher, which has it in one of three
-// slots. Either of the two may be freed first.
+// A redirect is an I/O watcher. Its data word points to its process watcher, one of whose three
+// slots points back. Either of the two may be freed first.
 #pragma once
 
 #include "msgapi/process.h"

@@ -103,7 +103,7 @@ ORP_UTIL_SOCKBASE_ST *register_socket(int fd, ORP_UTIL_SOCKBASE_PROC proc, uint3
   switch (mode) {
     case ORP_UTIL_SOCKBASE_NONE:
     case ORP_UTIL_SOCKBASE_READ:
-      // Mode 0 is armed and disarmed again: it leaves a started watcher.
+      // Mode 0 arms and disarms again, which leaves a started watcher.
       (void)start_io(&sock_base->io, ORP_UV_READABLE);
       listen(sock_base, mode);
       break;
@@ -129,7 +129,7 @@ void leave_response(OrpUvIo *sock_base) {
   disconnect_socket_base(reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(sock_base->head.data));
 }
 
-// A timer that has been ended has left its wait.
+// An ended timer has another callback: its data word no longer leads to a wait.
 void leave_response(OrpUvTimer *timer) {
   if (timer->callback != response_timed_out) return;
   reinterpret_cast<ORP_UTIL_SOCK_RESP_ST *>(timer->head.data)->timer = nullptr;

@@ -1,8 +1,8 @@
 // Socket bases, and waits for one response: who points to whom.
 //
-// The record of a wait has a socket base and a timer, and both lead back to it by their data words.
-// The record is the caller's until it ends the wait; the two belong to the loop, which may free
-// either first.
+// The record of a wait points to a socket base and a timer, and their data words point back. The
+// record is the caller's until it ends the wait. Socket base and timer belong to the loop, which
+// may free either first.
 #pragma once
 
 #include "msgapi/sockbase.h"

@@ -61,9 +61,9 @@ void set_expiry(OrpUvTimer *timer, const ORP_TIME_ST &expiry) {
   timer->expiryUsec = expiry.microseconds;
 }
 
-// Arms the timer, from the moment of this call: also for an inner run of its own procedure. A timer
+// Arms the timer from the moment of this call, also for an inner run of its own procedure. A timer
 // that is set after the timer pass, by an idle procedure say, must not wait for the next event, so
-// the coming wait learns of it, too.
+// this also shortens the coming wait.
 void expire_in(OrpUvTimer *timer, uint32_t ms) {
   ORP_TIME_ST now;
   (void)os::read_monotonic(&now);
@@ -72,7 +72,7 @@ void expire_in(OrpUvTimer *timer, uint32_t ms) {
   if (timer->head.loop != nullptr) lower(&timer->head.loop->selectTimeout, span_of(ms));
 }
 
-// Calls a due timer and schedules its next expiry; *timeout learns of it.
+// Calls a due timer, schedules its next expiry, and lowers *timeout to it.
 void fire(OrpUvLoop *loop, OrpUvTimer *timer, ORP_TIME_ST *timeout) {
   // The procedure may end the timer; the caller holds the record.
   const ORP_TIMER_PROC callback = timer->callback;

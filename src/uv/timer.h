@@ -9,8 +9,8 @@ namespace msgapi::uv {
 // Seconds of a time-out that stand for none at all.
 constexpr int32_t kNoTimeout_s = 0x7fffffff;
 
-// A new, started timer, which calls `count` times (0: until it ends); null without memory. A name
-// is for the eyes of a debugger only.
+// A new, started timer that fires `count` times (0: until it is ended); null without memory. The
+// name is for debuggers only.
 OrpUvTimer *add_timer(uint32_t interval_ms, uint32_t count, ORP_TIMER_PROC callback, ORP_WORD data,
                       const char *name = nullptr);
 

@@ -1,5 +1,5 @@
-// Trace points: they all have one level, and a record costs one call of ORP_TRACE_PrintInfo. What
-// is recorded of messages stands here as a whole; the other records stand where they are written.
+// Trace points: all have one level, and each record costs one call of ORP_TRACE_PrintInfo. All
+// records about messages are in this file; the other records are where they are written.
 #pragma once
 
 #include "msgapi/msg.h"
@@ -91,8 +91,8 @@ class MessageTrace {
 
 #undef MSGAPI_TRACED_MESSAGE
 
-// A message on its way through a procedure, which may change or free it: both records, before and
-// after, tell what came.
+// A message that is handed to a procedure, which may change or free it: the records before and
+// after both show the message as it came.
 class HandledMessage {
  public:
   HandledMessage(const char *function, const ORP_MSG_HEADER_ST &header)

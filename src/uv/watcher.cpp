@@ -10,8 +10,8 @@ namespace {
 static_assert(sizeof(void *) != 4 || sizeof(OrpUvWatcher) == 16);
 static_assert(sizeof(void *) != 4 || sizeof(OrpUvForced) == 12);
 
-// A record that is initialised twice must not tie a knot into the list. The walks that hold it go
-// on holding it: their count is returned. A record that is not in the list may contain anything.
+// A record that is initialised twice must not close the list to a circle. Walks that hold it go on
+// holding it: their count is returned. A record that is not in the list may contain anything.
 uint32_t unlink_if_chained(OrpUvLoop *loop, const OrpUvWatcher *watcher) {
   for (OrpUvWatcher **place = &loop->watchers; *place != nullptr; place = &(*place)->link) {
     if (*place == watcher) return list_unlink_at(place)->status & kHeldMask;

@@ -1,8 +1,8 @@
 // The watchers of a loop: their list, deletion, and walks over them.
 //
-// A walk over the list takes the successor before it calls, and holds both across the callback: a
-// run of the loop inside that callback frees what is deleted, but nothing that is held. Below the
-// outermost run nobody holds anything, so what was spared goes at its next safe point.
+// A walk over the list takes the successor before it calls, and holds both across the callback. A
+// run of the loop inside that callback frees deleted watchers, but none that is held. Between the
+// passes of the outermost run nobody holds anything, so its next safe point frees the rest.
 #pragma once
 
 #include <cassert>
@@ -59,8 +59,8 @@ class WalkScope {
   uint32_t outer_;
 };
 
-// Keeps a watcher (or null) from being freed by an inner run. A count that has reached its end
-// stays there: such a watcher waits for the outermost run.
+// Keeps an inner run from freeing a watcher (or null). A count that has reached its limit stays
+// there: such a watcher is freed by the outermost run.
 inline void hold(OrpUvWatcher *watcher) {
   if (watcher != nullptr && (watcher->status & kHeldMask) != kHeldMask) {
     watcher->status += kHeldUnit;

@@ -10,8 +10,7 @@
 namespace msgapi::charset {
 namespace {
 
-// What a character stands for as a hex digit, by arithmetic alone: characters that are none give
-// meaningless values.
+// The value of a hex digit, by arithmetic alone: any other character gives a meaningless value.
 constexpr uint8_t loose_hex_value(char character) {
   const auto code = static_cast<uint8_t>(character);
   if (code >= '0' && code <= '9') return static_cast<uint8_t>(code - '0');
@@ -35,7 +34,7 @@ uint32_t hex_text_value(std::span<const char> text, uint32_t *value) {
   for (const char character : text) {
     const int digit = hex_value(character);
     if (digit >= 0) *value = *value << 4 | static_cast<uint32_t>(digit);
-    // Only the last character counts: one that is no digit is forgiven when a digit follows.
+    // Only the last character decides: one before it that is no digit is forgiven.
     status = digit >= 0 ? CL_OK : CL_ERR_ARGUMENT;
   }
   return status;

@@ -1,7 +1,7 @@
 // The codecs between 16-bit units and UTF-8 (RFC 3629 section 3, up to three bytes a character:
 // what one unit can hold).
 //
-// Each has a loop for the many characters for which both bounds are known to suffice, and one
+// Each has a fast loop that runs while both buffers surely suffice for any character, and one
 // careful step for the rest: long sequences, errors and the ends of the buffers.
 
 #include <algorithm>
@@ -20,7 +20,7 @@ namespace {
 using UnitReader = Reader<uint16_t>;
 using UnitWriter = Writer<uint16_t>;
 
-// Most bytes that a unit becomes.
+// The most bytes that one unit becomes.
 constexpr size_t kMaxUnitSize = 3;
 
 constexpr size_t utf8_size(uint16_t unit) {
@@ -49,16 +49,15 @@ inline size_t encode(uint32_t unit, char *out) {
   return 3;
 }
 
-// The loops for many characters are for little-endian hosts and move ASCII in words of eight bytes
-// or four units.
+// The fast loops are for little-endian hosts and move ASCII in words of eight bytes or four units.
 constexpr bool kLittleEndian = std::endian::native == std::endian::little;
 constexpr ptrdiff_t kWordBytes = 8;
 constexpr ptrdiff_t kWordUnits = 4;
 constexpr uint64_t kEveryByte = 0x0101010101010101;
 constexpr uint64_t kEveryUnit = 0x0001000100010001;
 
-// Whether each byte, or unit, is 1..0x7F: its top bits are clear, and it does not borrow for being
-// zero.
+// Whether each byte, or unit, is 1..0x7F: its top bits are clear, and subtracting 1 does not
+// borrow, as it would from zero.
 constexpr bool has_ascii_bytes_only(uint64_t word) {
   return ((word | (word - kEveryByte)) & (kEveryByte * 0x80)) == 0;
 }
@@ -73,7 +72,7 @@ constexpr uint32_t packed(uint64_t word) {
   return static_cast<uint32_t>(word | word >> 16);
 }
 
-// Converts units up to a zero one, as long as both sides have room for a character of any size.
+// Converts units until a zero one, as long as both sides have room for a character of any size.
 void ucs2_to_utf8_run(UnitReader *in, TextWriter *out) {
   if constexpr (!kLittleEndian) return;
   while (const size_t safe = std::min(in->left(), out->left() / kMaxUnitSize)) {
@@ -128,8 +127,8 @@ constexpr size_t sequence_size(uint8_t lead) {
   return static_cast<size_t>(std::countl_one(lead));
 }
 
-// Converts characters of up to three bytes up to a zero one, as long as both sides have room for
-// one of any size.
+// Converts characters of up to three bytes until a zero one, as long as both sides have room for a
+// character of any size.
 void utf8_to_ucs2_run(ByteReader *in, UnitWriter *out) {
   if constexpr (!kLittleEndian) return;
   while (const size_t safe = std::min(in->left() / kMaxUnitSize, out->left())) {

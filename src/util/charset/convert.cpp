@@ -1,7 +1,7 @@
 // Conversion of whole strings by the kernel's conversion device, and guessing an encoding.
 //
-// The device is asked twice: first for the length of the result, then for the result itself. How it
-// answers, and which encodings it knows, is the platform's.
+// The device is asked twice: first for the length of the result, then for the result itself. The
+// platform decides which encodings it knows.
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -171,7 +171,7 @@ extern "C" char *ORP_NLS_TryConvertToUtf8(const char *text) {
 extern "C" const char *ORP_NLS_TryConvertToUtf8NoFree(const char *text) {
   Owned<char> converted = guess_utf8(text);
   if (!converted) return text;
-  // Only now: `text` may be what was kept.
+  // Freed only now: `text` may be the kept text.
   std::free(std::exchange(g_kept_text, converted.release()));
   return g_kept_text;
 }

@@ -52,7 +52,7 @@ Owned<ORP_DNS_PACKET_ST> build_request(std::string_view name) {
 
   const std::span<uint8_t> message = writable_message_of(packet.get());
   set_header_field(packet.get(), kFlagsAt, kQuery);
-  // In host order, unlike every other field; senders correct it with the identifier.
+  // In host order, unlike every other field; senders correct it when they set the identifier.
   store<uint16_t>(&message[kQuestionCountAt], 1);
 
   ByteWriter out(message, kHeaderSize);

@@ -1,9 +1,9 @@
 // Reading DNS messages: names with their compression (RFC 1035 section 4.1.4), questions, records,
 // and the walk over them.
 //
-// All readers follow one rule for names: every byte of one, its last included, must be followed by
-// another byte of the packet. The lengths of questions and records and the lengths that reading
-// consumes differ in places (see the header); relays rely on each as it is.
+// All readers follow one rule for names: every byte of a name, its last included, must be followed
+// by another byte of the packet. The length of a question or record and the bytes that reading it
+// consumes differ in some cases (see the header); relays rely on each as it is.
 
 #include "util/dns/packet.h"
 
@@ -39,7 +39,7 @@ const uint8_t *position_in(const ORP_DNS_PACKET_ST *packet, std::optional<size_t
   return offset ? ORP_DNS_PACKET_MESSAGE(packet) + *offset : nullptr;
 }
 
-// What the lengths have in common: 0 for anything malformed.
+// The part that all lengths share: the name's. 0 for anything malformed.
 size_t name_length(std::span<const uint8_t> message, size_t offset) {
   ByteReader in(message, offset);
   for (;;) {
@@ -68,8 +68,8 @@ bool put_label(TextWriter *out, std::span<const uint8_t> label) {
 }
 
 // Reads the name at `offset` into `text`, through its pointers (RFC 1035 section 4.1.4).
-// `*consumed` gets what the name takes at `offset`; a name of labels that ends in a pointer leaves
-// it as it is.
+// `*consumed` receives the bytes that the name takes at `offset`; a name of labels that ends in a
+// pointer leaves it untouched.
 bool read_name(std::span<const uint8_t> message, size_t offset, std::span<char> text,
                uint32_t *consumed) {
   TextWriter out(text);

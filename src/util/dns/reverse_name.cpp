@@ -63,7 +63,7 @@ uint32_t address_of(std::string_view name, std::span<char> text, uint32_t *is_ip
   if (text.size() < 2 || prefix.size() > text.size() - 2) return ORP_DNS_ERR_ARGUMENT;
 
   if (!reverse_labels(prefix, text)) return kEmptyLabel;
-  // One past the text: callers pass a zeroed buffer, and the byte between is theirs.
+  // One past the end: callers pass a zeroed buffer, so the byte between is the text's NUL.
   text[prefix.size() + 1] = '\0';
   if (!ipv4) group_digits(text);
 

@@ -114,7 +114,7 @@ extern "C" void ORP_UTIL_BIDisguiseMacAddress(const char *text, char *out, uint3
     return;
   }
 
-  // Never the stripped text itself, whatever it holds: that would show what is to be masked.
+  // Print the bytes, never the stripped text: that might show what is to be masked.
   std::array<char, ORP_MAC_TEXT_SIZE> digits;
   std::array<uint8_t, ORP_MAC_SIZE> mac{};
   strip_cut(text, ':', digits);

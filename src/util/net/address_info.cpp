@@ -26,8 +26,8 @@ namespace {
 
 using Record = ORP_UTIL_ADDRINFO_ST;
 
-// The longest address that a record holds: with the 32 bytes of a record on the device, and a byte
-// more, the sum still fits 32 bits.
+// The longest address that a record holds: together with the 32 bytes of a record on the device and
+// one byte more it still fits 32 bits.
 constexpr uint32_t kMaxAddressSize = 0xFFFFFFDE;
 
 static_assert(sizeof(Record) == (sizeof(void *) == 4 ? 32 : 48));
@@ -157,7 +157,7 @@ bool is_same_address(const Record &left, const Record &right) {
 
 bool is_loopback(const Record &record) {
   if (record.addr == nullptr || record.addrlen < sizeof(sockaddr_in)) return false;
-  // Of 127/8 only this one: deliberate.
+  // Only 127.0.0.1, no other address of 127/8: deliberate.
   if (const sockaddr_in *ipv4 = as_ipv4(record)) {
     return ipv4->sin_addr.s_addr == htonl(INADDR_LOOPBACK);
   }

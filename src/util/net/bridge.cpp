@@ -23,9 +23,9 @@ static_assert(sizeof(ORP_UTIL_BR_FDB_ST) == 43);
 constexpr const char *kShowFile = "/var/brctlshow.rst";
 constexpr const char *kMacFile = "/var/brctlshowmacs.rst";
 
-// A result file from before its first command to the end of the query: whatever stood at its path
-// is removed first, so that nothing stale is read when a command writes nothing, and it is not
-// opened through a link.
+// A result file, from before the first command to the end of the query. Whatever is at its path is
+// removed first, so that nothing stale is read when a command writes nothing. It is not opened
+// through a link.
 class ResultFile {
  public:
   explicit ResultFile(const char *path) : path_(path) { ::unlink(path_); }
@@ -46,11 +46,11 @@ class ResultFile {
 };
 
 // Fills kMacFile with the forwarding tables of `bridge`, or of every bridge when it is null.
-// Returns how many bridges that were; `caller` tags the commands.
+// Returns the number of bridges; `caller` tags the commands.
 uint32_t write_mac_file(const char *caller, const char *bridge) {
   const ResultFile show(kShowFile);
   ORP_UTIL_VExecCmdNoHang(caller, __LINE__, "brctl show > %s", kShowFile);
-  // The heading is a comment to a shell, which therefore writes no file.
+  // To a shell the heading is a comment, so this command writes no file.
   ORP_UTIL_VExecCmdNoHang(caller, __LINE__, "echo #brctl showmacs result: >%s", kMacFile);
   const os::UniqueFd fd = show.open();
   if (!fd) return 0;

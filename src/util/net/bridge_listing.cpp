@@ -19,7 +19,7 @@ bool is_stp_flag(std::string_view word) {
   return word == "no" || word == "yes";
 }
 
-// Appends ",name", without the comma to an empty text, when all of it fits.
+// Appends ",name" when all of it fits; to an empty text without the comma.
 void append_name(std::span<char> out, size_t *length, std::string_view name) {
   const size_t comma = *length == 0 ? 0 : 1;
   if (out.size() - *length <= comma + name.size()) return;

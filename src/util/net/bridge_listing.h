@@ -34,7 +34,7 @@ struct ShowLine {
 
   // The line of a bridge, of any name, with its first interface.
   bool has_bridge_and_interface() const;
-  // The line of a bridge with a bridge's name; without an interface, too, if `bare_too`.
+  // The line of a bridge with a bridge's name; with `bare_too` also one without an interface.
   bool is_bridge(bool bare_too) const;
 };
 ShowLine parse_show_line(std::string_view line);
@@ -48,7 +48,7 @@ struct MacLine {
   std::array<char, kListingLineSize> interface;
 };
 
-// The following read a whole listing from a descriptor.
+// The functions below read a whole listing from a descriptor.
 
 // Writes the names of all bridges, separated by ",", to `out`; those that do not fit are left out.
 // Returns how many bridges there are.

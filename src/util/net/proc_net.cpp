@@ -40,8 +40,8 @@ uint32_t counter(std::string_view digits) {
   return static_cast<uint32_t>(value);
 }
 
-// True when `line` holds `name` with a ":" directly after it. Any place will do, also the end of a
-// longer name: that is deliberate.
+// True when `line` holds `name` with a ":" directly after it. It may be the end of a longer name:
+// that is deliberate.
 bool belongs_to(std::string_view line, std::string_view name) {
   for (size_t at = line.find(name); at != std::string_view::npos; at = line.find(name, at + 1)) {
     if (at + name.size() < line.size() && line[at + name.size()] == ':') return true;

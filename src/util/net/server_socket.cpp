@@ -24,8 +24,8 @@
 namespace msgapi::net {
 namespace {
 
-// Options of the platform's kernel that tell on which interface a packet arrived. A stock kernel
-// knows the first as IP_MINTTL, where 1 changes nothing, and the second not at all.
+// Options of the platform's kernel that tell on which interface a packet arrived. In a stock kernel
+// the first is IP_MINTTL (ip(7)), where 1 changes nothing, and the second does not exist.
 constexpr int kIpReceiveDevice = 21;
 constexpr int kIpv6ReceiveDevice = 97;
 

@@ -23,7 +23,8 @@ int close_socket(int fd) {
   if (flags >= 0 && (flags & O_NONBLOCK) != 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
   ::shutdown(fd, SHUT_RDWR);
 
-  // An interrupted close() has released the descriptor: to try again could only hit another one.
+  // An interrupted close() has released the descriptor (close(2)): a second try could only hit
+  // another one.
   return ::close(fd) == 0 || errno == EINTR ? 0 : -1;
 }
 

@@ -1,8 +1,8 @@
 // Interface counters over routing netlink (rtnetlink(7)): one request, one answer, on a socket that
 // the process keeps.
 //
-// The kernel answers an RTM_GETLINK request before send() returns, or fails the next receive when
-// it had no memory for the answer; waiting for the answer therefore always ends.
+// The kernel answers an RTM_GETLINK request before send() returns. When it has no memory for the
+// answer, the next receive fails. So a wait for the answer always ends.
 
 #include "util/netlink/link_stats.h"
 
@@ -33,8 +33,8 @@ static_assert(sizeof(ORP_UTIL_DEV_STATS_ST) == sizeof(rtnl_link_stats));
 static_assert(offsetof(ORP_UTIL_DEV_STATS_ST, rx_nohandler) ==
               offsetof(rtnl_link_stats, rx_nohandler));
 
-// Sets this reader's port id apart from those of other netlink users of the process, which take the
-// plain process id.
+// Makes this reader's port id differ from those of the process's other netlink users, which take
+// the plain process id.
 constexpr uint32_t kPortIdPattern = 0x98765421;
 
 // A reply with this header flag did not fit on the kernel's side.
@@ -128,7 +128,7 @@ std::span<const uint8_t> receive_reply() {
     }
     if (size == 0) return {};
     if (errno == EAGAIN) {
-      // Whatever ends this wait, the next receive tells what it was.
+      // Whatever ends this wait, the next receive reports it.
       (void)os::wait_readable(g_client.netlink_fd, INT32_MAX);
     } else if (errno != EINTR) {
       return {};

@@ -16,7 +16,8 @@ namespace {
 
 constexpr std::string_view kStorageRoot = "/mnt";
 
-// Base64 of a platform that counts in 32 bits; null on failure and for an empty result.
+// Base64 (RFC 4648, section 4) by the platform, which counts in 32 bits; null on failure and for an
+// empty result.
 Owned<char> encode_piece(std::string_view piece) {
   char *encoded = nullptr;
   if (piece.size() > UINT32_MAX) return nullptr;
@@ -50,7 +51,7 @@ bool put_pieces(TextWriter *out, std::string_view text, char separator, char mar
 
 bool encode(std::string_view path, TextWriter *out) {
   if (path.find(kStorageRoot) != path.npos) {
-    // Whatever stands there: the root is assumed to be in front.
+    // Whatever these characters are: the root is assumed to be in front.
     path.remove_prefix(kStorageRoot.size());
     if (path.starts_with('/')) path.remove_prefix(1);
   }

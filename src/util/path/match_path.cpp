@@ -1,9 +1,9 @@
 // Path patterns.
 //
-// A pattern is matched as the set of its places that the path read so far can have led to; each
+// Matching keeps the set of places in the pattern to which the path read so far can have led; each
 // character of the path moves the whole set at once. Trying one run length after another gives the
-// same answers but takes exponential time for patterns like "*a*a*a*b", and patterns come from
-// other processes. Remembering only the last "*" would not do: "?" may match "/", so that a longer
+// same answers, but takes exponential time for patterns like "*a*a*a*b", and patterns come from
+// other processes. Remembering only the last "*" is not enough: because "?" may match "/", a longer
 // run of an earlier "*" can succeed where the shortest one leads into a "/".
 
 #include <algorithm>
@@ -36,7 +36,7 @@ void advance(std::string_view pattern, std::span<bool> reached, char character) 
         is_run ? length == 2 || character != '/' : pattern[at] == '?' || pattern[at] == character;
     const bool stays = is_run && was_here && matches;
     reached[at] = arrives || stays;
-    // A run may also be empty: where it begins, it has ended.
+    // A run may be empty: the place where it begins is also one where it ends.
     arrives = is_run ? reached[at] : was_here && matches;
     at += length;
   }

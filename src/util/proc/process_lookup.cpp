@@ -1,7 +1,6 @@
 // Finding processes by name in /proc.
 //
-// /proc is read while processes come and go: whatever cannot be opened or read any more is passed
-// over.
+// Processes come and go while /proc is read: what can no longer be opened or read is passed over.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -99,7 +98,7 @@ uint32_t *no_match(const char *name) {
   auto *list = static_cast<uint32_t *>(plain_alloc((is_init ? 2 : 1) * sizeof(uint32_t)));
   if (list == nullptr) return nullptr;
   list[0] = is_init ? 1 : kNotFound;
-  if (is_init) list[1] = 0;  // the other form has no end, on purpose
+  if (is_init) list[1] = 0;  // the other form has no end mark, on purpose
   return list;
 }
 

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view kApiPrefix = "/api/";
 
-// Puts `text` without each `part` (not empty) as far as it fits, and returns how often it occurs.
+// Puts `text` without any `part` (not empty), as far as it fits. Returns how often `part` occurs.
 uint32_t put_without(TextWriter *out, std::string_view text, std::string_view part) {
   uint32_t count = 0;
   while (!text.empty()) {

@@ -1,8 +1,8 @@
 // Dates written as year-month-day "T" hour:minute:second: reading, checking and comparing them.
 //
-// What is accepted and what is not is long-standing; applications store such texts, so the oddities
-// stay: 30 February passes, offsets are checked but not applied, and differences are computed only
-// for day numbers whose seconds fit 32 bits.
+// Applications store such texts, so the long-standing oddities stay: 30 February passes, offsets
+// are checked but not applied, and differences are computed only for day numbers whose seconds fit
+// 32 bits.
 
 #include <array>
 #include <compare>
@@ -87,7 +87,7 @@ bool read_date(std::string_view date, DateTime *out) {
            read_digits(slice(date, 4, 2), 2, &out->ulMonth) &&
            read_digits(slice(date, 6, 2), 2, &out->ulDay);
   }
-  // The last piece is all that is left: a fourth one makes it too long.
+  // The last piece is everything that is left, so a fourth piece makes it too long.
   return read_digits(cut_piece(&date, '-'), 4, &out->ulYear) &&
          read_digits(cut_piece(&date, '-'), 2, &out->ulMonth) && read_digits(date, 2, &out->ulDay);
 }
@@ -170,8 +170,8 @@ uint32_t day_number(const DateTime &at) {
   return years * 365 + years / 4 + years / 400 - years / 100 + day_of_year(at);
 }
 
-// Seconds since the first day, as long as they fit 32 bits. Those of the years of our era do not;
-// the bound is part of the interface.
+// Seconds since the first day, if they fit 32 bits. Today's do not; the bound is part of the
+// interface.
 std::optional<uint32_t> seconds_of(const DateTime &at) {
   constexpr uint32_t kDaySeconds = 86400;
   const uint32_t day = day_number(at);

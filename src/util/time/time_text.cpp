@@ -1,8 +1,8 @@
 // The current time as text, and two clocks.
 //
-// The texts stand in two process-wide buffers, one for UTC and one for local time, as the interface
-// has it: a text lives until the next call. A C library whose time_t has 32 bits has no time after
-// 19 January 2038, and there is no text then.
+// The interface promises two process-wide buffers, one for UTC and one for local time: a text lives
+// until the next call. A C library with a 32-bit time_t has no time, and so no text, after 19
+// January 2038.
 
 #include <ctime>
 #include <span>

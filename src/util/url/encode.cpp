@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kLongestUri = 0x55555553;
 
-// What one byte becomes: up to three characters, and then how many they are.
+// What one byte becomes: up to three characters, followed by their number.
 struct Code {
   char text[4];
 

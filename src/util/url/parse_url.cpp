@@ -66,7 +66,7 @@ bool split(char *url, const Outputs &outputs) {
     bracket = std::strchr(++host, ']');
     if (bracket == nullptr) return false;
   }
-  // Looked for independently: a ":" in the path counts when there is none before it.
+  // Port and path are looked for independently: without a port, a ":" in the path counts.
   char *const search = bracket == nullptr ? host : bracket;
   char *const colon = std::strchr(search, ':');
   char *const slash = std::strchr(search, '/');
