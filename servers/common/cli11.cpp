@@ -1,4 +1,4 @@
-// All that uses CLI11, which takes seconds to compile: command lines and files of sections.
+// Everything that uses CLI11, which takes seconds to compile: command lines and files of sections.
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -9,7 +9,7 @@
 namespace servers {
 namespace {
 
-// What the user typed is quoted in messages, and must not command the terminal.
+// Messages quote what the user typed; it must not control the terminal.
 std::string printable(std::string text) {
   for (size_t i = 0; i < text.size(); ++i) {
     char &c = text[i];

@@ -1,7 +1,7 @@
-// The command line of a program: its options, arguments and commands, their help and what is said
+// The command line of a program: its options, arguments and commands, their help and the messages
 // about mistakes, alike in every program. `--help` and `--version` are always there.
 //
-// Only command_line.cpp includes the library that does the work: it takes seconds to compile.
+// Only cli11.cpp includes the library that does the work, because it takes seconds to compile.
 #pragma once
 
 #include <concepts>
@@ -22,10 +22,10 @@ class App;
 
 namespace servers {
 
-// The exit status of a program whose command line makes no sense.
+// The exit status after a mistake in the command line.
 constexpr int kUsageStatus = 2;
 
-// A mistake in the command line that only the program itself can see.
+// A mistake in the command line that only the program itself can find.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -45,8 +45,8 @@ constexpr Range kAll = {std::numeric_limits<T>::min(),
 
 enum class Presence { kOptional, kRequired };
 
-// What a command takes. Options are called "--long" or "-s,--long". What is pointed to keeps its
-// value when the option is not given, and must outlive parse(); the help shows it as the default
+// What a command takes. Options are named "--long" or "-s,--long". The value that a pointer leads
+// to stays when the option is not given, and must outlive parse(). The help shows it as the default
 // unless it is empty or out of range.
 class Command {
  public:
@@ -55,7 +55,7 @@ class Command {
   void option(const char *names, std::string *value, const char *help);
   // May be given several times, each time with one value; the first replaces the default.
   void option(const char *names, std::vector<std::string> *values, const char *help);
-  // One of `choices`, in capitals or not; `*value` gets the form that stands in the list.
+  // One of `choices`, in capitals or not; `*value` gets the form that is in the list.
   void choice(const char *names, std::string *value, std::initializer_list<const char *> choices,
               const char *help);
   void flag(const char *names, bool *value, const char *help);
@@ -89,18 +89,18 @@ class CommandLine : public Command {
   CommandLine &operator=(const CommandLine &) = delete;
 
   // A command of a program that does several things. `action` runs within parse(), after everything
-  // has been checked; what it throws passes through, but for UsageError. A program with commands
-  // needs one.
+  // has been checked; its exceptions pass through, except for UsageError. A program with commands
+  // must be given one.
   Command command(const char *name, const char *help, std::function<void()> action);
 
-  // Fills in the values. Returns the exit status when that is all there is to do: 0 after --help
-  // and --version, kUsageStatus after a mistake, which standard error then names.
+  // Fills in the values. Returns an exit status when the program should end: 0 after --help and
+  // --version, kUsageStatus after a mistake, which has been printed on standard error.
   std::optional<int> parse(int argc, char **argv);
 
   // Says what is wrong with the command line. Returns kUsageStatus.
   int usage_error(const std::string &mistake) const;
 
-  // Mistakes are told in this way in place of lines on standard error.
+  // Mistakes are given to `tell` instead of standard error.
   void tell_mistakes(std::function<void(const std::string &)> tell) { tell_ = std::move(tell); }
 
  private:

@@ -1,5 +1,5 @@
-// The filter names what is refused, not what is allowed: C libraries and kernels that come later
-// use calls that nobody has thought of yet, and a server that cannot go on helps nobody.
+// The filter names what is refused, not what is allowed: later C libraries and kernels use calls
+// that nobody knows yet, and a server that cannot go on helps nobody. Filter: seccomp(2).
 
 #include "common/confine.h"
 
@@ -39,8 +39,8 @@ constexpr const char *kRefused[] = {
 
 constexpr const char *kPrograms[] = {"execve", "execveat"};
 
-// Whether all rules are there: 0, or the library's negative errno. A call that this architecture
-// does not have needs none.
+// Adds the rule for a call. 0, or the library's negative errno. A call that this architecture does
+// not have needs no rule.
 int refuse(scmp_filter_ctx filter, const char *name) {
   const int number = ::seccomp_syscall_resolve_name(name);
   if (number == __NR_SCMP_ERROR) return 0;

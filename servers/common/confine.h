@@ -1,4 +1,4 @@
-// Gives up, for good, what no server needs.
+// Gives up, for good, rights that no server needs.
 #pragma once
 
 namespace servers {
@@ -8,8 +8,8 @@ enum class Programs { kNone, kStarted };
 
 // From here on the process and what it starts gain no rights by executing a program, and the kernel
 // refuses them (EPERM) system calls that no server needs: tracing other processes, mounting,
-// namespaces, the machine's clock, name and kernel; with kNone also executing programs. For all
-// threads. What the kernel, or this build, cannot do is logged and left.
+// namespaces, the machine's clock, name and kernel; with kNone also executing programs. Holds for
+// all threads. What the kernel, or this build, cannot refuse is logged and stays allowed.
 void confine(Programs programs) noexcept;
 
 }  // namespace servers

@@ -108,7 +108,7 @@ void EventLoop::cancel(TimerId timer) {
   if (entry == due_.end()) return;
   timers_.erase({entry->second, timer});
   due_.erase(entry);
-  // The timerfd may now fire early for nothing, which run_due_timers() puts right.
+  // The timerfd may now fire early for nothing; run_due_timers() then arms it again.
 }
 
 void EventLoop::arm_timer() {
@@ -185,7 +185,7 @@ void EventLoop::call(int event) noexcept {
     watch->ready(entry.events);
   } catch (const std::exception &error) {
     if (entry.data.ptr == nullptr) {
-      // It has removed itself, so nothing of it is left to end.
+      // The watch has removed itself, so there is nothing left to end.
       report("what a descriptor brought is not done", error.what());
     } else {
       ++failures_;

@@ -1,8 +1,8 @@
 // The servers' event loop: descriptors through epoll, signals through a signalfd, timers through
 // one timerfd. One thread; every callback may add and remove anything, itself included.
 //
-// An exception of a callback never leaves the loop. It is counted, and the watch whose ready()
-// threw is told by failed(). One client's trouble so ends that client and not the server.
+// An exception of a callback never leaves the loop. It is counted, and failed() of the watch whose
+// ready() threw is called. So one client's trouble ends that client and not the server.
 #pragma once
 
 #include <signal.h>
@@ -23,14 +23,14 @@ namespace servers {
 
 class EventLoop {
  public:
-  // What is told when a descriptor is ready.
+  // Is told when a descriptor is ready.
   class Watch {
    public:
     virtual ~Watch() = default;
     // `events` are those of epoll: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
     virtual void ready(uint32_t events) = 0;
-    // ready() has thrown, perhaps half-way, and the watch is still registered. Ends what the watch
-    // serves; may remove and retire the watch. Unless overridden, it only logs that.
+    // ready() has thrown, perhaps half-way, and the watch is still registered. Should end what the
+    // watch serves; may remove and retire the watch. Unless overridden, it only logs.
     virtual void failed(const char *why) noexcept;
 
    private:
@@ -57,8 +57,8 @@ class EventLoop {
   // Keeps `watch` until the callbacks of the running turn have returned.
   void retire(std::unique_ptr<Watch> watch) noexcept;
 
-  // Calls `procedure` and returns whether it returned. What it throws is counted and logged, with
-  // the words `what` for what has failed.
+  // Calls `procedure`. False if it threw: the exception is counted and logged, with the words
+  // `what` for what has failed.
   template <typename Function>
   bool attempt(const char *what, Function procedure) noexcept {
     try {

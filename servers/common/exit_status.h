@@ -9,11 +9,11 @@ namespace servers {
 enum class ExitStatus : int {
   kDone = 0,
   kAnswerError = 1,   // the receiver answered an error, or the program failed in another way
-  kUsage = 2,         // the command line makes no sense
+  kUsage = 2,         // a mistake in the command line
   kNoServer = 3,      // no server, or it left
   kNoSuch = 4,        // no such receiver, type or path
   kTimeout = 5,       // nothing came in time
-  kBadBody = 6,       // a body or a file is not what it should be
+  kBadBody = 6,       // a body or a file is malformed
   kNotPermitted = 7,  // the user may not do that
   kLost = 8,          // something was lost meanwhile
 };

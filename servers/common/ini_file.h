@@ -17,7 +17,7 @@ struct IniItem {
   std::vector<std::string> values;
 };
 
-// In the file's order. Throws std::runtime_error for what cannot be read.
+// In the file's order. Throws std::runtime_error for a file that cannot be read.
 std::vector<IniItem> read_ini(std::istream &file);
 
 }  // namespace servers

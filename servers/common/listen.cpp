@@ -39,21 +39,21 @@ sockaddr_un unix_address(const std::string &path) {
   return address;
 }
 
-// Nobody listens at that socket. Only a refused connection tells: without a descriptor to ask with,
-// for example, a living server must be assumed. False with errno set otherwise, which is 0 when
-// somebody has answered.
+// Whether nobody listens at that socket. Only a refused connection proves it; after any other
+// failure, without a free descriptor for example, a living server must be assumed. When false,
+// errno is set: 0 if somebody has answered.
 bool is_dead(const sockaddr_un &address) {
   const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!probe) return false;
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
   if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
-    errno = 0;  // a full backlog is a living server's
+    errno = 0;  // a full backlog belongs to a living server
     return false;
   }
   return errno == ECONNREFUSED;
 }
 
-// The kernel has no descriptor or no memory for a connection, which stays where it is.
+// The kernel has no descriptor or no memory for a connection, which stays in the backlog.
 bool is_shortage(int error) {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
 }
@@ -152,7 +152,8 @@ UniqueFd Acceptor::accept() {
     const std::string reason = std::strerror(errno);
     spare_.reset();
     UniqueFd refused(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    // What still waits is reported again at once: without a pause, nothing else would get on.
+    // epoll reports the waiting connection again at once; without a pause nothing else gets its
+    // turn.
     if (!refused && is_shortage(errno)) ::poll(nullptr, 0, kShortagePause_ms);
     if (refused) log_line("a connection is refused: {}", reason);
     refused.reset();

@@ -11,18 +11,17 @@
 namespace servers {
 
 // A non-blocking listening stream socket at `path`, with exactly the permissions `mode` from the
-// moment it exists. A socket that a dead server left is replaced; a living server's is not. Throws
+// moment it exists. Replaces a socket that a dead server left, but not a living server's. Throws
 // std::runtime_error with a text for the user.
 UniqueFd listen_unix(const std::string &path, mode_t mode);
-// Removes the socket once nobody listens there any more: another server may have taken the path
-// over.
+// Removes the socket if nobody listens there: another server may have taken the path over.
 void remove_unix(const std::string &path);
 
 // The same on "ADDRESS:PORT" (a numeric IPv4 address, or "[ADDRESS]:PORT" for IPv6), the
 // port being 1 to 65535.
 UniqueFd listen_tcp(const std::string &address_and_port);
 
-// Accepts connections from a listening socket; never leaves one pending for want of descriptors.
+// Accepts connections from a listening socket; never leaves one waiting for want of descriptors.
 class Acceptor {
  public:
   explicit Acceptor(UniqueFd listener);

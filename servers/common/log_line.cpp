@@ -31,7 +31,7 @@ bool takes_a_line() {
   return ::poll(&error, 1, 0) == 1 && (error.revents & POLLOUT) != 0;
 }
 
-// A line without memory of its own, so that it can say that there is none.
+// A line that allocates nothing, so that it can report a lack of memory.
 class Line {
  public:
   template <typename... Arguments>
@@ -64,7 +64,7 @@ void add_time_stamp(Line *line) {
 }
 
 // Sends a line to the log server: a head of type and length, then the text with its NUL. Never
-// waits for room in its queue, and is false when it does not take the line.
+// waits for room in the server's queue. False when the server does not take the line.
 bool send_line(std::string_view text) {
   constexpr size_t kHeadSize = 8;
   constexpr size_t kLongestPayload = 1016;
@@ -124,7 +124,7 @@ void write_log_line(std::string_view text) noexcept try {
   const std::string_view whole = line.finish();
   if (::write(STDERR_FILENO, whole.data(), whole.size()) < 0) ++g_dropped;
 } catch (...) {
-  // fmt would throw for a format that the compiler has checked already.
+  // fmt throws only for a bad format, and the compiler has checked it.
   ++g_dropped;
 }
 

@@ -44,7 +44,7 @@ std::optional<Network> Network::parse(std::string_view text) {
     if (error != std::errc() || end != digits.end() || prefix > most) return std::nullopt;
   }
   network.prefix_ = offset + prefix;
-  // What stands behind the prefix would be a mistake about the network's size.
+  // A bit behind the prefix would be a mistake about the network's size.
   for (unsigned bit = network.prefix_; bit < 128; ++bit) {
     if ((bytes[bit / 8] & (0x80u >> (bit % 8))) != 0) return std::nullopt;
   }

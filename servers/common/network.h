@@ -12,8 +12,8 @@ namespace servers {
 
 class Network {
  public:
-  // "192.168.1.0/24", "fd00::/8", or a single address; none for anything else, bits behind the
-  // prefix included.
+  // "192.168.1.0/24", "fd00::/8", or a single address. None for anything else, also for set bits
+  // behind the prefix.
   static std::optional<Network> parse(std::string_view text);
   // An IPv4 address in IPv6's form is the IPv4 address.
   bool contains(const sockaddr_storage &address) const;

@@ -73,7 +73,7 @@ struct OutputQueue::Chunk {
   size_t frames_written = 0;  // so many of them, the first
   Stream *stream = nullptr;   // which this chunk belongs to
   bool open = false;          // the stream goes on after this chunk's bytes
-  bool headless = false;      // the first frame's beginning is not, or may not be, here
+  bool headless = false;      // the first frame did not, or may not, begin in this chunk
   UniqueFd descriptor;
   std::shared_ptr<void> descriptor_owner;
 
@@ -162,7 +162,7 @@ bool OutputQueue::keep(const Frame &frame, size_t offset) noexcept {
   }
 }
 
-// Returns the first frame that is not written to its end, and in *offset how far it is.
+// Returns the first frame that is not written to its end, and in *offset how many bytes of it are.
 size_t OutputQueue::write_directly(std::span<const Frame> frames, size_t *offset) {
   std::array<iovec, kMostPieces> pieces;
   size_t next = 0;
@@ -210,7 +210,7 @@ size_t OutputQueue::write_directly(std::span<const Frame> frames, size_t *offset
   return next;
 }
 
-// One chunk, to be put in its place when nothing can fail any more.
+// One chunk in a list of its own; moving it to its place later cannot fail.
 OutputQueue::Chunks OutputQueue::make_chunk(size_t capacity) {
   Chunks chunks(1);
   chunks.front().data = std::make_unique_for_overwrite<char[]>(capacity);
@@ -291,10 +291,10 @@ void OutputQueue::extend(Stream *stream, std::span<const char> bytes) {
   if (stream->to_come == 0) finish(stream);
 }
 
-// The bytes that the socket took count as arrived, whether or not the rest finds memory.
+// Bytes that the socket took count as arrived, even if there is no memory for the rest.
 void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   assert(stream->last->open && stream->last->stream == stream);
-  // If nothing waits before these bytes, they need no copy as far as the socket takes them.
+  // If nothing waits before these bytes, those that the socket takes need no copy.
   const Chunk &front = chunks_.front();
   if (stream->last == chunks_.begin() && front.written == front.size && !broken_) {
     while (!bytes.empty()) {
@@ -325,7 +325,7 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
     next.frames = std::move(last->frames);
     last->frames.clear();
     last->open = false;
-    // A chunk without bytes would hide from blocked() that there are some after it.
+    // A chunk without bytes would hide the bytes after it from blocked().
     if (last->written == last->size) chunks_.erase(before);
     last = &next;
   }
@@ -334,7 +334,7 @@ void OutputQueue::add_to(Stream *stream, std::span<const char> bytes) {
   stream->to_come -= bytes.size();
 }
 
-// Nothing more is added to the stream: forgets it, and lets out what waits after it.
+// Nothing more is added to the stream: forgets it, so that what waits after it can be written.
 void OutputQueue::finish(Stream *stream) noexcept {
   stream->last->open = false;
   for (Chunk::End &frame : stream->last->frames) frame.offset = stream->last->size;
@@ -405,7 +405,7 @@ void OutputQueue::flush() noexcept {
   }
 }
 
-// Frames end as their last bytes are written, not when their chunk does.
+// A frame ends when its last byte is written, not when its chunk ends.
 void OutputQueue::complete_frames(Chunk &chunk) {
   if (chunk.open) return;
   while (chunk.frames_written < chunk.frames.size()) {

@@ -24,8 +24,8 @@ namespace servers {
 
 class OutputQueue {
  public:
-  // Travels with a frame and comes back when the frame is written or lost: whom to tell, and what
-  // about. The queue does not look inside. Every queued frame has one, so it is kept small.
+  // Travels with a frame and comes back when the frame is written or lost: says whom to tell, and
+  // about what. The queue does not look inside. Every queued frame has one, so it is kept small.
   struct Tag {
     uint32_t origin = 0;          // whose message it is
     uint32_t type : 30 = 0;       // the message's
@@ -43,15 +43,15 @@ class OutputQueue {
   };
   struct Stream;
 
-  // Is told what becomes of frames while the queue is at work; it must leave the queue alone.
+  // Is told what becomes of frames while the queue is at work; it must not call the queue.
   class Observer {
    public:
-    // The socket has taken bytes; what is told next is their doing.
+    // The socket has taken bytes; the calls that follow are about them.
     virtual void wrote() noexcept = 0;
     // The last byte of a frame is written.
     virtual void written(const Tag &tag) noexcept = 0;
     virtual void descriptor_passed(const Tag &tag) noexcept = 0;
-    // The kernel does not pass it on.
+    // The kernel does not pass the descriptor on.
     virtual void descriptor_dropped(const Tag &tag) noexcept = 0;
 
    protected:
@@ -79,28 +79,28 @@ class OutputQueue {
   bool send_descriptor(UniqueFd fd, Tag tag, size_t reserve = 0,
                        std::shared_ptr<void> owner = nullptr);
 
-  // Begins a frame of which `begin` is there and `to_come` (not 0) more bytes will follow. Null
-  // when refused. The queue owns the stream; the handle is valid until the last byte has been
-  // given to extend(), give_up() is called, or the queue is gone.
+  // Begins a frame: `begin` is there, and `to_come` (not 0) more bytes will follow. Null when
+  // refused. The queue owns the stream. The handle is valid until the last byte has been given to
+  // extend(), give_up() is called, or the queue is gone.
   Stream *open_stream(std::span<const char> begin, uint64_t to_come, Tag tag, size_t reserve = 0);
-  // At most as many bytes as are still to come. When memory is short it throws std::bad_alloc; the
-  // stream must then be given up.
+  // Adds bytes, at most as many as are still to come. Without memory it throws std::bad_alloc, and
+  // the stream must be given up.
   void extend(Stream *stream, std::span<const char> bytes);
-  // The rest will not come. A frame of which nothing has been written is taken back (true);
-  // otherwise its rest is filled with zero bytes, so that the reader stays in step (false).
+  // The rest will not come. When nothing of the frame has been written, it is taken back (true).
+  // Otherwise zero bytes fill its rest, so that the reader stays in step (false).
   bool give_up(Stream *stream) noexcept;
 
   // Writes what the socket takes; called when it has become writable.
   void flush() noexcept;
 
-  // Bytes are there that the socket did not take: wait until it is writable, then flush().
+  // True when the socket did not take all bytes: wait until it is writable, then flush().
   bool blocked() const;
-  // The tag of the stream whose next bytes have not come while the socket would take them: all that
-  // is queued waits for these. Null when there is none.
+  // The socket would take more, but the next bytes of a stream have not come, and everything queued
+  // waits for them: the stream's tag. Null when that is not so.
   const Tag *awaited() const;
   // The reader is gone; nothing more will be written.
   bool broken() const { return broken_; }
-  // From now on as if the reader were gone; the socket is not touched again.
+  // Makes the queue act as if the reader were gone; the socket is not touched again.
   void close() { broken_ = true; }
   bool empty() const { return chunks_.empty(); }
   size_t weight() const { return weight_; }
@@ -111,11 +111,11 @@ class OutputQueue {
   uint64_t frames_written() const { return frames_written_; }
   uint64_t bytes_written() const { return bytes_written_; }
 
-  // Empties the queue: the tags of all frames that have not been written to their end. Open
+  // Empties the queue. Returns the tags of all frames that have not been written to their end; open
   // streams are gone without a tag.
   std::vector<Tag> take_unwritten();
-  // The same, one after the other with their bytes; no bytes where the queue has not got them from
-  // the frame's beginning to its end. Anything but this queue may be used meanwhile.
+  // The same, one after the other with their bytes; without bytes when the queue does not have the
+  // whole frame. Anything but this queue may be used meanwhile.
   using Lost = std::function<void(const Tag &tag, std::span<const char> frame)>;
   void take_unwritten(const Lost &lost);
 

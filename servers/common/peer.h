@@ -30,14 +30,14 @@ class Peer : public EventLoop::Watch {
 
   // The loop begins to watch it, for input. Throws std::system_error.
   void begin_watch();
-  // Watches it for input if `input`, and for room in the socket while bytes wait for that. Throws
+  // Watches it for input if `input`, and for room in the socket while bytes wait. Throws
   // std::system_error, and has then changed nothing.
   void update_watch(bool input);
   void end_watch() noexcept;
 
-  // So many messages for it found no room in its queue. Logs it, once until it reads again.
+  // `count` messages for it found no room in its queue. Logged once until it reads again.
   void note_overflow(uint64_t count) noexcept;
-  // Its queue is empty: logs what it has missed.
+  // Its queue is empty: logs how many messages it has missed.
   void note_empty() noexcept;
   // Since its queue was last empty.
   uint64_t overflowed() const { return overflowed_; }
