@@ -18,7 +18,7 @@
 namespace flight {
 namespace {
 
-// A writer that is this far ahead again and again gets a rest from the reader, which comes back.
+// After so many copies that the writer overtook, the reader pauses and comes back later.
 constexpr int kMostRetries = 64;
 
 [[noreturn]] void fail(const std::string &path, const std::string &why) {
@@ -45,8 +45,8 @@ OpenFile open_file(const std::string &path) {
   return file;
 }
 
-// The writer moves the tail before it overwrites anything. So what lies behind the tail of now was
-// whole in the copy.
+// The writer moves the tail before it overwrites anything. So whatever lies behind the present tail
+// is whole in the copy.
 void drop_overwritten(int fd, char *copied_head) {
   FileHead now;
   if (::pread(fd, &now, sizeof now, 0) != static_cast<ssize_t>(sizeof now)) return;
@@ -164,7 +164,7 @@ uint64_t Reader::position(size_t offset) const {
 
 void Reader::copy(uint64_t at, size_t size) {
   std::memcpy(buffer_.get(), base_ + kRingOffset + (at & (head_.ring_size - 1)), size);
-  // The caller's look at the tail comes after every byte of the copy.
+  // The caller must look at the tail only after every byte is copied.
   std::atomic_thread_fence(std::memory_order_acquire);
 }
 
@@ -173,7 +173,7 @@ Reader::Next Reader::next(Entry *entry) {
     const uint64_t head = position(offsetof(FileHead, head));
     const uint64_t tail = position(offsetof(FileHead, tail));
     if (tail > head || head - tail > head_.ring_size || tail % 8 != 0 || head % 8 != 0) {
-      // The head was read first and may be older than the tail, but then a new look shows it.
+      // The head was read first and may be older than the tail; then a new look shows it.
       if (mapped_ == 0) return Next::kDamaged;
       if (++retries == kMostRetries) return Next::kDamaged;
       continue;

@@ -29,14 +29,15 @@ class Reader {
   enum class Next {
     kEntry,    // *entry is filled
     kNothing,  // everything that is written has been read
-    kDamaged,  // the ring does not hold what the format promises; reading cannot go on
+    kDamaged,  // the ring breaks the format's rules; reading cannot go on
   };
 
   // Maps the file of a running server. Throws std::runtime_error with a text for the user. Only for
-  // a file that nobody but the server can cut short: reading beyond its end would be SIGBUS.
+  // a file that nobody but the server can cut short: reading beyond its end raises SIGBUS
+  // (mmap(2)).
   static Reader follow(const std::string &path);
-  // Takes a copy of any file; whoever cuts or overwrites the file then does no harm. Of one that is
-  // being written it has the records that were whole before and after the copying.
+  // Takes a copy of any file, so that cutting or overwriting the file does no harm. From a file
+  // that is being written it keeps the records that were whole both before and after the copying.
   static Reader load(const std::string &path);
   // The bytes of such a file.
   explicit Reader(std::vector<char> bytes);
@@ -50,22 +51,22 @@ class Reader {
 
   // The next record, the oldest that is still there first. Fillers are passed over.
   Next next(Entry *entry);
-  // Goes on after what is written now.
+  // Goes on after everything that is written now.
   void skip_to_end();
 
   // Records that were overwritten before the first one that was read.
   uint64_t before_first() const { return first_number_ == 0 ? 0 : first_number_ - 1; }
   uint64_t seen() const { return seen_; }
-  // Records that were overwritten, since the first one that was read, before they could be read.
+  // Records after the first one that was read that were overwritten before they could be read.
   uint64_t missed() const { return missed_; }
 
   // What is written from now on will be read.
   bool follows() const { return mapped_ != 0; }
-  // A server that was started anew has put another file in this one's place.
+  // Whether a new server has put another file in this one's place.
   bool replaced() const;
 
-  // Wall clock, ns since 1970, at a time of the server's monotonic clock: by the clock record that
-  // was read last.
+  // The wall clock, ns since 1970, at a time of the server's monotonic clock, according to the
+  // clock record that was read last.
   uint64_t wall_ns(uint64_t time_ns) const { return time_ns + wall_minus_monotonic_; }
 
  private:

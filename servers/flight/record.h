@@ -1,4 +1,4 @@
-// What the flight recorder keeps: the records and the file they are in. docs/flight-file.md has the
+// What the flight recorder keeps: the records and their file. docs/flight-file.md describes the
 // format for those who read it without this code.
 //
 // The file is a page of facts and then a ring. Positions count the bytes ever written to the ring;
@@ -44,8 +44,8 @@ enum class Loss : uint8_t {
   kQueueFull = 2,     // no room in the receiver's queue
   kReceiverGone = 3,  // the receiver left before it got it
   kCutShort = 4,      // it stopped in the middle; the receiver got zeros for the rest, or nothing
-  kNotServed = 5,     // the server has no use for it
-  kMalformed = 6,     // the header cannot be; its client was ended
+  kNotServed = 5,     // the server does not serve it
+  kMalformed = 6,     // the header is malformed; its client was ended
   kNotPermitted = 7,  // a rule or a quota forbids it
   kDescriptor = 8,    // a descriptor that could not be passed on
 };

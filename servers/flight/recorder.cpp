@@ -20,7 +20,7 @@
 namespace flight {
 namespace {
 
-// A reader finds the wall clock near every record: one second or so many records away at most.
+// A reader finds the wall clock near every record: at most so long or so many records away.
 constexpr uint64_t kClockEvery_ns = 1'000'000'000;
 constexpr uint64_t kClockEveryRecords = 256;
 
@@ -38,13 +38,13 @@ std::atomic_ref<uint64_t> position(char *base, size_t offset) {
   return std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t *>(base + offset));
 }
 
-// A file of that size whose blocks are there. Its name goes when it fails.
+// A file of that size whose blocks are allocated. After a failure no name is left.
 servers::UniqueFd make_file(const std::string &path, off_t size) {
   ::unlink(path.c_str());
   servers::UniqueFd fd(
       ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd) fail(path, errno);
-  // A write to a page that a full file system cannot provide would be a fatal signal.
+  // Writing to a page that a full file system cannot provide raises SIGBUS (mmap(2)).
   const int error = ::posix_fallocate(fd.get(), 0, size);
   if (error != 0) {
     ::unlink(path.c_str());
@@ -183,7 +183,7 @@ uint64_t Recorder::write(Record record, const void *header, std::span<const char
   record.time_ns = now_ns_;
   make_room(record.size);
 
-  // A reader's look at this memory meanwhile shows in the tail that it was too late.
+  // A reader that looks at this memory meanwhile finds from the tail that it was too late.
   char *to = place(head_);
   head_ += record.size;
   record = little(record);
@@ -206,7 +206,7 @@ void Recorder::make_room(uint32_t size) {
       tail_ += little(oldest);
     } while (end - tail_ > ring_size_);
     position(base_, offsetof(FileHead, tail)).store(little(tail_), std::memory_order_relaxed);
-    // Whoever sees a byte of what follows sees the new tail.
+    // Whoever sees a byte that is written after this also sees the new tail.
     std::atomic_thread_fence(std::memory_order_release);
   }
   if (filler == 0) return;

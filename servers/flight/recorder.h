@@ -15,8 +15,8 @@ class Recorder {
   // Records nothing, and numbers everything 0.
   Recorder() = default;
   // A new ring of `ring_size` bytes (a power of two from kLeastRing to kMostRing) at `path`, mode
-  // 0600; an old file there moves to `path` + ".1". Of each body the first `body_limit` bytes are
-  // kept, kMostKept at most. The memory is allocated at once, so that writing never fails. Throws
+  // 0600; an old file there moves to `path` + ".1". The first `body_limit` bytes of each body are
+  // kept, kMostKept at most. The memory is allocated at once, so writing never fails. Throws
   // std::system_error.
   Recorder(const std::string &path, uint64_t ring_size, uint32_t body_limit);
   ~Recorder();
@@ -24,13 +24,13 @@ class Recorder {
   Recorder &operator=(Recorder &&other) noexcept;
 
   bool on() const { return base_ != nullptr; }
-  // Of its ring; 0 if it is off.
+  // Bytes of the ring; 0 if the recorder is off.
   uint64_t ring_size() const { return on() ? ring_size_ : 0; }
   // Records written since the start: the number of the last one.
   uint64_t count() const { return number_; }
 
-  // Reads the clock. The records that follow bear this time: call it after each system call that
-  // brought or took messages, once for all of them.
+  // Reads the clock. The records that follow carry this time: call it once after each system call
+  // that brought or took messages.
   void tick();
 
   // Each returns the number of its record, 0 if the recorder is off.

@@ -59,7 +59,7 @@ void check_module(const std::string &module) {
   if (!is_module_name(module)) throw std::runtime_error(module + ": not a module's name");
 }
 
-// False for a key that is none of a module's.
+// False for a key that a module cannot have.
 bool set_limit(const Item &item, ModuleLimits *limits) {
   if (item.name == "max_size") {
     limits->max_size = number(item, kSmallestFile, MLOG_FILE_MAX_SIZE);
@@ -108,7 +108,7 @@ Config read_config(const std::string &path) {
   Config config;
   try {
     const std::vector<Item> items = servers::read_ini(file);
-    // What a section leaves out is as in the rest of the file, wherever that stands.
+    // What a section leaves out is taken from the general keys, wherever they are in the file.
     for (const Item &item : items) {
       if (item.section.empty()) set_key(item, &config);
     }

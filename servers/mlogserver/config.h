@@ -14,7 +14,7 @@ namespace mlogserver {
 struct ModuleLimits {
   uint32_t max_size = 256 * 1024;    // of the module's file, in bytes
   uint32_t level = MLOG_LEVEL_INFO;  // less important lines are dropped
-  // Of more lines than rate_limit in rate_interval_s seconds the rest is dropped; 0: no limit.
+  // Lines beyond rate_limit in rate_interval_s seconds are dropped; 0: no limit.
   uint32_t rate_limit = 0;
   uint32_t rate_interval_s = 30;
 };
@@ -31,8 +31,8 @@ struct Config {
   const ModuleLimits &limits_of(const std::string &module) const;
 };
 
-// Reads the configuration file, whose keys mlogserver.conf explains. Throws std::runtime_error with
-// a text for the user when it cannot be read or holds what it should not.
+// Reads the configuration file; mlogserver.conf explains its keys. Throws std::runtime_error with a
+// text for the user when the file cannot be read or has a mistake.
 Config read_config(const std::string &path);
 
 }  // namespace mlogserver

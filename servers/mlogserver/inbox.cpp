@@ -28,7 +28,8 @@ struct Inbox::Layout {
   std::array<mmsghdr, kSlots> messages;
   std::array<iovec, kSlots> parts;
   std::array<sockaddr_un, kSlots> senders;
-  // Who has sent it. Room for nothing else, so that descriptors that a client passes are closed.
+  // Who has sent it (SCM_CREDENTIALS, unix(7)). There is room for nothing else, so the kernel
+  // closes descriptors that a client passes.
   struct alignas(cmsghdr) Control {
     char bytes[CMSG_SPACE(sizeof(ucred))];
   };
@@ -39,7 +40,7 @@ struct Inbox::Layout {
 Inbox::Inbox(const std::string &path) : path_(path) {
   const servers::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   struct stat status {};
-  // The blocks are allocated now: a full disk must not be met inside the mapping.
+  // The blocks are allocated now, because a full disk inside the mapping would raise SIGBUS.
   const bool usable = fd && ::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
                       ::posix_fallocate(fd.get(), 0, sizeof(Layout)) == 0 &&
                       ::ftruncate(fd.get(), sizeof(Layout)) == 0;
@@ -94,7 +95,7 @@ const sockaddr_un &Inbox::sender(size_t slot, socklen_t *size) const {
 
 ucred Inbox::credentials(size_t slot) const {
   ucred credentials{.pid = 0, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
-  // Nothing but the length is taken from the header: its pointers may be a killed server's.
+  // Only the lengths are taken from the header: its pointers may be a killed server's.
   msghdr header{};
   header.msg_control = layout_->controls[slot].bytes;
   header.msg_controllen = std::min<size_t>(layout_->messages[slot].msg_hdr.msg_controllen,

@@ -13,9 +13,9 @@
 
 namespace mlogserver {
 
-// The kernel receives into a shared mapping of a file in memory, so a datagram that has left the
+// The kernel receives into a shared mapping of a file in memory. So a datagram that has left the
 // socket is not lost with the process: the next server finds it in the file. A datagram that was
-// handled but not yet marked as done is handled twice then.
+// handled but not yet marked as done is then handled twice.
 class Inbox {
  public:
   static constexpr size_t kSlots = 64;

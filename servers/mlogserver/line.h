@@ -17,22 +17,23 @@ struct LineHead {
   size_t end;  // where the ":" stands
 };
 
-// Names come from other processes and become file names: at most 97 printable ASCII characters, no
-// "/", no "." in front; and not like one of the server's own files in the directory of the sockets.
+// Names come from other processes and become file names. A name has at most 97 printable ASCII
+// characters, no "/", no "." in front, and does not look like one of the server's own files in the
+// directory of the sockets.
 bool is_module_name(std::string_view name);
 
 // False when the line does not begin that way or names no proper module. `marked` lines have a
 // bracket with their sender in front of the ":", others must not.
 bool parse_line_head(std::string_view line, bool marked, LineHead *head);
 
-// Writes who has sent a line into it: as one more bracket in front of the head's ":", or in front
-// of a line without a proper head, so that no sender can write such a bracket for another one.
+// Writes a line's sender into it: as one more bracket in front of the head's ":", or in front of a
+// line without a proper head. So no sender can write such a bracket for another one.
 void mark_sender(pid_t sender, std::string *line);
 
-// Adds a logged text to `out` so that it stays one line of its module and drives no terminal:
-// inside it a line feed is followed by a tab, which no line begins with, and other control
-// characters than tabs become "?", those of C1 (U+0080 to U+009F, or such bytes outside of UTF-8)
-// included. Line feeds at its end are left out. UTF-8 and Latin-1 text stay as they are.
+// Adds a logged text to `out` so that it stays one line of its module and controls no terminal. A
+// line feed inside it is followed by a tab, with which no line begins. Control characters other
+// than tabs become "?", those of C1 (U+0080 to U+009F, or such bytes outside of UTF-8) included.
+// Line feeds at its end are left out. UTF-8 and Latin-1 text stay as they are.
 void add_clean_text(std::string_view text, std::string *out);
 
 }  // namespace mlogserver

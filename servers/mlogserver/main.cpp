@@ -75,7 +75,7 @@ void run(const Options &options) {
 
   loop.add(server.fd(), EPOLLIN, &server);
   loop.on_signal(SIGHUP, [&] {
-    server.drain();  // what was sent before the signal is kept as it was then
+    server.drain();  // lines sent before the signal are kept by the old configuration
     attempt([&] { reload(options, &store); });
   });
   loop.on_signal(SIGUSR1, [&] { attempt([&] { print_counters(server, store); }); });
@@ -106,7 +106,7 @@ int main(int argc, char **argv) try {
 
   servers::set_log_name("mlogserver");
   ::umask(0027);
-  std::signal(SIGPIPE, SIG_IGN);  // whoever read standard error may be gone
+  std::signal(SIGPIPE, SIG_IGN);  // the reader of standard error may be gone
   if (confined) servers::confine(servers::Programs::kNone);
   run(options);
   return EXIT_SUCCESS;

@@ -1,4 +1,4 @@
-// What the server is asked about itself, by statistics messages about names that no module has.
+// Questions to the server about itself: statistics messages about names that no module has.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,7 @@
-// A failure to write is reported once, a full disk once for all files. Nothing is tried for a
-// second then, and on a full disk not before there is room again. What is lost meanwhile is
-// counted, and each module's file gets a line that says how many of its lines are missing. What a
-// failed write has changed in the file is put back, so that no torn line and no hole stays.
+// A failure to write is reported once, a full disk once for all files. Then nothing is tried for a
+// second, or on a full disk until there is room again. Lines that are lost meanwhile are counted,
+// and each module's file gets a line that says how many of its lines are missing. What a failed
+// write has changed in the file is put back, so that no torn line and no hole stays.
 
 #include "ring_store.h"
 
@@ -30,7 +30,7 @@ using std::chrono::steady_clock;
 
 constexpr const char *kOther = "other";
 constexpr std::chrono::seconds kRetryAfter(1);
-// What must be free before writing is tried again.
+// Bytes that must be free before writing is tried again.
 constexpr uint64_t kRoom = 65536;
 
 constexpr size_t kMaxLevels = 256;
@@ -93,7 +93,7 @@ void RingStore::append_line(std::span<char> line) {
   const bool parsed = parse_line_head({line.data(), line.size()}, marks_senders(), &head);
   // The levels are bits, the more important the lower; "NONE" is 0.
   if (parsed && head.level > level_of(head.module)) {
-    // Only what has a file is counted by its name: names are anybody's to invent.
+    // Only modules with a file are counted by name, because anybody can invent names.
     std::string module(head.module);
     ++counters_[rings_.count(module) > 0 ? module : kOther].below_level;
     return;
@@ -201,7 +201,7 @@ bool RingStore::ready(const std::string &module, Ring *ring) {
   };
   if (!may_try(disk_full_) || !may_try(ring->outage) || !disk_has_room()) return false;
   if (ring->file != nullptr) {
-    // A file that somebody removed would take lines that nobody finds.
+    // Lines that go to a removed file are lost, so look whether it still has a name.
     struct stat status {};
     if (::fstat(::fileno(ring->file->stream), &status) == 0 && status.st_nlink > 0) return true;
     ring->file.reset();
@@ -266,7 +266,7 @@ bool RingStore::write(Ring *ring, std::span<char> line) {
       std::ferror(file.stream) != 0) {
     report_failure(ring);
     take_back(*ring, before);
-    // What is dirty is put on the disk now: after the file is closed nobody would.
+    // Dirty data goes to the disk now: after the file is closed nobody would sync it.
     complete_ = (!ring->dirty || ::fsync(::fileno(file.stream)) == 0) && complete_;
     ring->dirty = false;
     // Opened anew, the file goes on where its header says.

@@ -28,15 +28,15 @@ class RingStore {
  public:
   explicit RingStore(Config config);
 
-  // Closes the files and goes on with another configuration. What sync() still has to tell, and the
-  // notices of lost lines that still have to be written, are kept. When it throws, nothing has
-  // changed.
+  // Closes the files and goes on with another configuration. It keeps what sync() still has to
+  // report, and the notices of lost lines that still have to be written. When it throws, nothing
+  // has changed.
   void reconfigure(Config config);
 
-  // Adds a line, which ends with a line feed, to the file of its module and blurs it on the way (in
-  // place). What is written has left the process when this returns. Lines that name no proper
-  // module, or one too many, go to the file "other". A line that there is no memory for is lost and
-  // counted.
+  // Adds a line, which ends with a line feed, to the file of its module, and blurs it on the way
+  // (in place). A written line has left the process when this returns. Lines that name no proper
+  // module, or one too many, go to the file "other". A line for which there is no memory is lost
+  // and counted.
   void append(std::span<char> line) noexcept;
 
   // False unless every line since the last call is on the disk.
@@ -47,7 +47,7 @@ class RingStore {
   bool set_level(std::string_view module, std::optional<uint32_t> level);
   uint32_t level_of(std::string_view module) const;
 
-  // Tells in their files of the lines that were dropped in intervals that are over, or in all.
+  // Writes into the files how many lines were dropped: in intervals that are over, or in all.
   void tell_dropped(bool all) noexcept;
   // When the next interval with dropped lines is over, if there is one.
   std::optional<std::chrono::steady_clock::time_point> next_notice() const;
@@ -55,7 +55,7 @@ class RingStore {
   // Whether lines say which process has sent them.
   bool marks_senders() const { return config_.sender_pids; }
 
-  // What keeps lines from being written now, for the user; empty when nothing does.
+  // Why lines cannot be written now, for the user; empty when they can.
   std::string state() const;
 
   const std::string &directory() const { return directory_; }
@@ -70,7 +70,7 @@ class RingStore {
   struct FileDeleter {
     void operator()(MlogFile *file) const { MlogFileDestructor(file); }
   };
-  // Nothing can be written since a failure, which was reported once; it is tried again at times.
+  // Since a failure, which was reported once, nothing can be written; it is tried again at times.
   struct Outage {
     bool active = false;
     int reason = 0;  // an errno, 0 for a file that is no log file
@@ -90,13 +90,13 @@ class RingStore {
     Outage outage;
   };
 
-  // What a failed write is taken back with.
+  // What is needed to undo a failed write.
   struct Before {
     long overturn;
     long offset;
     size_t size;         // of the file
     size_t begin;        // where the line goes
-    size_t overwritten;  // bytes there, which overwritten_ holds
+    size_t overwritten;  // bytes there; overwritten_ holds them
   };
 
   void append_line(std::span<char> line);
@@ -104,7 +104,7 @@ class RingStore {
   std::string file_name_of(std::string_view module);
   bool is_within_limit(const ModuleLimits &limits, const std::string &module, Ring *ring);
   bool tell_dropped(const std::string &module, Ring *ring);
-  // Whether a line can be tried to be written.
+  // Whether writing a line may be tried now.
   bool ready(const std::string &module, Ring *ring);
   bool open(const std::string &module, Ring *ring);
   bool write(Ring *ring, std::span<char> line);

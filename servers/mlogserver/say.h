@@ -1,4 +1,4 @@
-// Lines of the server's own log that may be left out, but must not fail.
+// Lines of the server's own log that may be left out, but must not throw.
 #pragma once
 
 #include <exception>
@@ -13,7 +13,7 @@ void say(fmt::format_string<Arguments...> format, Arguments &&...arguments) noex
   try {
     servers::log_line(format, std::forward<Arguments>(arguments)...);
   } catch (const std::exception &) {
-    // No memory for the line. What it is about is counted.
+    // No memory for the line. The event itself is counted.
   }
 }
 

@@ -1,5 +1,5 @@
-// The socket is emptied in batches: clients wait while its short queue is full, so the sooner a
-// datagram is out of it the better. A client that does not take its reply never holds up the rest.
+// The socket is emptied in batches, because clients wait while its short queue is full. A client
+// that does not take its reply never holds up the others.
 
 #include "server.h"
 
@@ -61,7 +61,7 @@ servers::UniqueFd open_socket() {
 
   servers::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) fail("socket");
-  // Says who sends what, for what not everybody may ask.
+  // The kernel says who sends what (SO_PASSCRED, unix(7)): not everybody may ask for everything.
   const int on = 1;
   if (::setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) fail("SO_PASSCRED");
   ::unlink(kSocketPath);
@@ -125,7 +125,7 @@ void Server::take_over() {
 }
 
 void Server::drain() {
-  // More than the queue of a socket holds, but an end: clients that never pause must not keep the
+  // More than the queue of a socket holds, but bounded: clients that never pause must not keep the
   // server from its signals.
   for (int batches = 0; batches < kMaxBatches; ++batches) {
     const size_t count = inbox_.receive(fd_.get());

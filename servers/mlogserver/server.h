@@ -27,8 +27,8 @@ struct Counters {
 
 class Server final : public servers::EventLoop::Watch {
  public:
-  // Takes over the lines that a killed server left. Throws std::runtime_error when the
-  // socket cannot be had, for instance from a running server.
+  // Takes over the lines that a killed server left. Throws std::runtime_error when it cannot have
+  // the socket, for instance because another server runs.
   Server(servers::EventLoop *loop, RingStore *store);
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
@@ -54,7 +54,7 @@ class Server final : public servers::EventLoop::Watch {
   bool dispatch(const MlogMsg &head, std::span<char> payload, const Sender &sender);
   bool keep_line(std::span<const char> payload, pid_t sender);
   bool set_statistics(std::span<const char> payload, const Sender &sender);
-  // What is asked about the server itself: questions.h.
+  // Questions about the server itself; questions.h names them.
   bool set_own(const std::string &question, const std::string &text, const Sender &sender);
   std::string answer_own(const std::string &question) const;
   bool get_statistics(std::span<const char> payload, const Sender &sender);

@@ -20,7 +20,7 @@ struct Frame {
   std::span<const char> data() const { return bytes.subspan(sizeof head); }
 };
 
-// Memory that several readers share, as part of what more of them share.
+// Memory that several readers share. It may itself be a part of a larger budget.
 class Budget {
  public:
   explicit Budget(size_t limit, Budget *whole = nullptr) : limit_(limit), whole_(whole) {}
@@ -45,8 +45,8 @@ class Budget {
 
 class FrameReader {
  public:
-  // A reader may keep so much of an unfinished message without taking it from the budget, so that
-  // short messages that arrive in pieces pass whatever others do.
+  // A reader may keep so much of an unfinished message without taking it from the budget. So short
+  // messages that arrive in pieces pass whatever other clients do.
   static constexpr size_t kFree = 4096;
 
   // `budget` must live until reset().
@@ -62,18 +62,17 @@ class FrameReader {
   // The beginning of an unfinished message is copied.
   std::optional<Frame> next();
 
-  // Messages that were thrown away, or are being so as they arrive, because there was no room for
-  // them.
+  // Messages that were thrown away for want of room, or are being thrown away as they arrive.
   uint64_t refused() const { return refused_; }
 
   // Ends the life of all frames.
   void release();
-  // Ends it all; nothing is taken from the budget any more.
+  // Drops everything and gives all memory back to the budget.
   void reset();
 
   // A head states more data than ORP_NOTIFYCLT_MAX_DATA: where the next message begins is unknown.
   bool malformed() const { return malformed_; }
-  // The first bytes of a message are there, and not all of it.
+  // Whether only a part of a message is there.
   bool inside_message() const { return head_size_ > 0 || to_skip_ > 0; }
 
  private:

@@ -64,7 +64,7 @@ void run(const std::string &path, const notifyserver::Limits &limits,
   servers::log_line("ready");
   loop.run();
 
-  // Once more, for what was sent just before.
+  // One more turn, for what was sent just before.
   loop.turn(0);
   server.finish();
   server.log_statistics();

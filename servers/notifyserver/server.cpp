@@ -185,8 +185,8 @@ void Server::serve(Client &from, const Frame &frame) {
     return;
   }
 
-  // The server takes no requests. It answers without data, as a module without a procedure does, so
-  // that the requester does not wait for nothing.
+  // The server serves no requests. It answers without data, as a module without a procedure does,
+  // so that the requester does not wait in vain.
   ++statistics_.answered;
   NOTIFY_MSG &answer = answers_.emplace_back();
   answer = {};
@@ -259,7 +259,7 @@ void Server::queue(Client &to, std::span<const char> bytes) {
   to.route.push_back({bytes.data(), bytes.size(), {}});
 }
 
-// Writes what read_from() routed, which lies in the sender's buffer until then.
+// Writes what read_from() routed; those messages stay in the sender's buffer until then.
 void Server::flush_routes() {
   Client *failed = nullptr;
   while (!routed_.empty()) {

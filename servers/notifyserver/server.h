@@ -3,8 +3,8 @@
 // One turn of the loop reads what one client has sent, routes every whole message in it, and then
 // writes to each destination once. Messages travel untouched: only the head's destination decides.
 //
-// A failed allocation, or a connection that epoll does not take, ends at most the client that
-// brought it about. The bytes of unfinished messages are bounded for each user and in all.
+// A failed allocation, or a connection that epoll refuses, ends at most the client that caused it.
+// The bytes of unfinished messages are bounded for each user and in all.
 #pragma once
 
 #include <sys/types.h>
@@ -30,11 +30,11 @@
 namespace notifyserver {
 
 struct Statistics {
-  uint64_t received = 0;       // whole messages, for whomever
+  uint64_t received = 0;       // whole messages, for any receiver
   uint64_t delivered = 0;      // written to clients that are gone; the living count their own
   uint64_t registered = 0;     // registrations that were accepted
   uint64_t answered = 0;       // synchronous requests to the server itself
-  uint64_t unserved = 0;       // messages for the server that it has no use for
+  uint64_t unserved = 0;       // messages for the server that it does not serve
   uint64_t no_module = 0;      // lost: nobody has the destination's id
   uint64_t overflows = 0;      // lost: no room in the destination's queue
   uint64_t died_with = 0;      // lost: waited for a client that went away
@@ -58,8 +58,8 @@ struct Limits {
 // Who may do what. Root may do everything.
 struct Rules {
   mode_t mode = 0666;  // of the socket: applications run under users of their own
-  // Who else may register as a module; one that is not here is for everybody. When there are any,
-  // messages bear their sender's module as their source.
+  // Who else may register as a module; a module that is not here is open to everybody. If the map
+  // is not empty, messages carry their sender's module as their source.
   std::map<uint32_t, std::set<uid_t>> owners = {};
 };
 

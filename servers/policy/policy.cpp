@@ -20,7 +20,7 @@ constexpr std::string_view kServiceWords[] = {
     "login",          "login-limits",  "exit-others",       "sync-points"};
 static_assert(std::size(kServiceWords) == kServices);
 
-// What root and the server's group alone may ask for unless a rule says otherwise.
+// Services for root and the server's group alone, unless a rule says otherwise.
 constexpr Service kSensitive[] = {Service::kConfigExport,    Service::kConfigImport,
                                   Service::kConfigRestore,   Service::kReboot,
                                   Service::kApplicationStop, Service::kLoginLimits};
@@ -124,7 +124,7 @@ Policy::Policy(gid_t own_group) {
 }
 
 void Policy::add_built_in(gid_t own_group) {
-  if (!default_) return;  // it is stricter
+  if (!default_) return;  // the default denies all of it already
   Rule rule;
   rule.number = Decision::kBuiltIn;
   for (const Service service : kSensitive) rule.names.emplace_back(word_of(service));

@@ -1,4 +1,4 @@
-// Who may do what at the message server: rules in order, of which the first that fits decides.
+// Who may do what at the message server: a list of rules, the first that fits decides.
 // docs/policy.md has the file's format.
 #pragma once
 
@@ -53,8 +53,9 @@ enum class Service : uint8_t {
 inline constexpr size_t kServices = 12;
 std::string_view word_of(Service service);
 std::optional<Service> service_of(std::string_view word);
-// What a message for the server asks for: none, or something that everybody may, for most types.
-// `data` is its ulMsgData. ORP_MSG_EXIT asks for kExitOthers if it names another application.
+// The service that a message to the server asks for; most types ask for none, or for one that
+// everybody may have. `data` is its ulMsgData. ORP_MSG_EXIT asks for kExitOthers if it names
+// another application.
 std::optional<Service> service_of(uint32_t type, uint32_t data);
 
 // Who asks, as the kernel knows it.
@@ -91,17 +92,17 @@ struct BadPolicy : std::runtime_error {
   catalogue::Problem problem;
 };
 
-// What a rule says of a name or a path: "*" stands for any characters, also none, "?" for one.
-// Takes time in proportion to the product of both lengths at most.
+// Whether a name or a path fits a rule's pattern: "*" stands for any characters, also none, "?" for
+// one. The time is at most proportional to the product of both lengths.
 bool matches(std::string_view pattern, std::string_view text) noexcept;
 
 class Policy {
  public:
-  // What holds without a file. Members of `own_group`, the server's, may ask for what else only
-  // root may: exporting, importing and restoring the configuration, stopping applications,
-  // rebooting, lifting login locks and their limits.
+  // The policy without a file: everything is allowed, except what only root and members of
+  // `own_group`, the server's, may do: exporting, importing and restoring the configuration,
+  // stopping applications, rebooting, and changing login locks and limits.
   explicit Policy(gid_t own_group);
-  // The rules of `text`; what they do not decide of the above stays as it is. `file` is named in
+  // The rules of `text`; where they do not decide, the restrictions above stay. `file` is named in
   // problems and reasons. Throws BadPolicy.
   Policy(std::string_view text, std::string_view file, const catalogue::Catalogue &types,
          gid_t own_group);

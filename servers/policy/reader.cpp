@@ -35,7 +35,7 @@ std::optional<uint32_t> decimal(std::string_view text) {
   return number;
 }
 
-// Calls `take` for each of a list that is not empty, or for the one that stands alone.
+// Calls `take` for each value of a list, which must not be empty, or for a single value.
 template <typename Take>
 void each(const JsonValue &value, std::string_view name, Take take) {
   if (value.kind != JsonValue::Kind::kList) return take(value);
@@ -83,8 +83,8 @@ uint32_t id_in(const JsonValue &value, std::string_view name, const char *kind, 
   return *number;
 }
 
-// Numbers by name. Each is looked up once: a file may name one in each of its rules, and the server
-// routes nothing while it reads.
+// Numbers by name. Each name is looked up once: a file may use it in every rule, and the server
+// routes nothing while it reads the file.
 class Ids {
  public:
   using Find = std::optional<uint32_t> (*)(const char *name);
