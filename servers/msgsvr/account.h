@@ -1,5 +1,5 @@
-// What the server keeps for its clients. It is counted for each connection and for each user, so
-// that nobody can fill the server at the expense of others.
+// What the server keeps for its clients is counted for each connection and for each user, so that
+// nobody can fill the server at the expense of others.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@ constexpr size_t kKindsKept = 6;
 // quarter of it.
 using Limits = std::array<size_t, kKindsKept>;
 
-// A connection's account leads to the one of its user; a user's leads nowhere.
+// A connection's account points to its user's; a user's account points to none.
 struct Account {
   std::string name;  // of the user, for log lines
   std::shared_ptr<Account> user;
@@ -30,8 +30,8 @@ struct Account {
   size_t of(Kept kind) const { return kept[static_cast<size_t>(kind)]; }
 };
 
-// A part of what a connection and its user may have, given back at its end. It may outlive the
-// connection, not the other way round.
+// A part of what a connection and its user may have; its destructor gives it back. It may outlive
+// the connection.
 class Share {
  public:
   Share() = default;
@@ -58,7 +58,7 @@ class Share {
   // The account of the user whose share it is; null for none.
   const Account *user() const { return account_ == nullptr ? nullptr : account_->user.get(); }
 
-  // False, and as before, when that would be more than the connection or its user may have.
+  // False, without a change, when that would be more than the connection or its user may have.
   bool grow(const Limits &limits, size_t more = 1) {
     if (own_part_is_full(limits, more) || account_->user->kept[kind_] + more > limits[kind_]) {
       return false;
@@ -67,7 +67,7 @@ class Share {
     amount_ += more;
     return true;
   }
-  // Whether it is the connection that may not have so much more.
+  // Whether the connection's own limit, and not its user's, forbids so much more.
   bool own_part_is_full(const Limits &limits, size_t more = 1) const {
     const bool one_of_many = static_cast<Kept>(kind_) != Kept::kConnections;
     return account_->kept[kind_] + more > (one_of_many ? limits[kind_] / 4 : limits[kind_]);

@@ -28,7 +28,7 @@ Share Accounts::share(const std::shared_ptr<Account> &connection, Kept kind,
   return share;
 }
 
-// Each doubling of the number is worth a line, not each refusal.
+// Logs a line for each doubling of the number, not for each refusal.
 void Accounts::note_refusal(const Account &connection, std::string_view what) {
   journal_->over_limit();
   Account &user = *connection.user;

@@ -1,4 +1,4 @@
-// Who has how much of what the server keeps for its clients.
+// How much each user has of what the server keeps for its clients.
 #pragma once
 
 #include <functional>
@@ -20,8 +20,8 @@ class Accounts {
 
   // For a new connection of that user.
   std::shared_ptr<Account> open(std::string user_name);
-  // One more of that kind for the connection; an empty share if that is one too many. If only its
-  // user has too many, `make_room` may give up something that nobody owns any more, and says
+  // Takes one more of that kind for the connection; an empty share if that is one too many. If only
+  // its user has too many, `make_room` may give up something that nobody owns any more, and returns
   // whether it did.
   using MakeRoom = std::function<bool(const Account &user)>;
   Share share(const std::shared_ptr<Account> &connection, Kept kind,

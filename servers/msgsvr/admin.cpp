@@ -1,9 +1,9 @@
 // The admin socket: HTTP on a Unix socket, for those who look after the server. The interface is in
 // docs/admin-interface.md.
 //
-// The loop only copies the facts that an answer needs. A thread makes the text: that asks the
-// kernel for programs and the user database for names, which may take its time. One answer is made
-// after the other, so that however many ask, there is one set of facts in memory.
+// The loop only copies the facts that an answer needs. A thread makes the text, because it asks the
+// kernel for programs and the user database for names, which may take long. One answer is made
+// after the other, so there is only one set of facts in memory, however many ask.
 
 #include <grp.h>
 #include <sys/stat.h>
@@ -88,7 +88,7 @@ HttpAnswer answer_of(const Facts &facts) {
   return failure(500, "unknown question");
 }
 
-// For the server's own user; with a group also for that.
+// Only for the server's own user and, if there is one, the group.
 servers::UniqueFd listen_privately(const std::string &path, const std::string &group) {
   servers::UniqueFd fd = servers::listen_unix(path, 0600);
   if (group.empty()) return fd;

@@ -1,5 +1,5 @@
-// One connection to the message server: what is known about it, and where it stands in both
-// directions. Server does the work.
+// One connection to the message server: what is known about it, and its state in both directions.
+// Server does the work.
 #pragma once
 
 #include <array>
@@ -25,8 +25,8 @@ using servers::UniqueFd;
 class Server;
 struct Client;
 
-// Where the names in a header lead. Most headers of a client bear the same two names as the one
-// before, so the last answer is kept. It is good until any name changes hands.
+// Where the names in a header lead. Most headers of a client have the same two names as the one
+// before, so the last answer is kept. It is valid until any name changes hands.
 struct Route {
   std::array<char, size_t{2} * ORP_APP_NAME_SIZE> names{};  // sender and receiver, as in the header
   uint64_t epoch = 0;                                       // of the server's names; 0: never
@@ -34,7 +34,7 @@ struct Route {
   bool foreign = false;  // the sender's name is not the client's
   Client *to = nullptr;  // null: the server, or nobody
 
-  // What the policy says of a message of this type there, as long as the gate's epoch is this one.
+  // The policy's verdict on a message of this type there, valid while the gate's epoch is this one.
   uint64_t judged = 0;
   uint32_t type = 0;
   bool passes = false;
@@ -44,8 +44,7 @@ struct Route {
 struct Inbound {
   Route route;
 
-  // The beginning of a frame that is kept until it is whole. Its full size is known once the header
-  // is there.
+  // The beginning of a frame that is kept until it is whole. The header tells the full size.
   std::vector<char> partial;
   size_t partial_size = 0;
   Share partial_share;
@@ -74,8 +73,8 @@ struct Backlog {
   EventLoop::TimerId timer = 0;
   uint64_t bytes_at_check = 0;
   uint64_t frames_at_check = 0;
-  bool slow = false;       // it has used up the patience: nobody waits for it until it is empty
-  bool half_full = false;  // it has been since it was last empty
+  bool slow = false;       // it has used up the patience: nobody waits until its queue is empty
+  bool half_full = false;  // the queue was more than half full since it was last empty
 };
 
 struct Client final : servers::Peer, OutputQueue::Observer {

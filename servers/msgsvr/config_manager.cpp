@@ -1,8 +1,8 @@
 // The configuration manager: saves, checks, exports, imports and resets the configuration store on
 // behalf of the applications.
 //
-// The store may be busy for seconds, so the work is done on a thread of its own, one request after
-// the other, and answered when it is done. What nobody waits for gets no answer.
+// The store may be busy for seconds, so a thread of its own does one request after the other, and
+// the answer follows. A request for whose answer nobody waits gets none.
 
 #include <cstdlib>
 #include <cstring>
@@ -27,7 +27,7 @@ using servers::log_line;
 
 constexpr size_t kLargestImage = 64 << 20;
 
-// The requester's other results are those of the store.
+// All other results that a requester gets come from the store.
 uint32_t result_of(SealStatus status) {
   return static_cast<uint32_t>(status);
 }
@@ -112,7 +112,7 @@ class ConfigManager final : public Service {
     });
   }
 
-  // What leaves the device or comes to it is always logged.
+  // A configuration that leaves the device or comes to it is always logged.
   template <typename Job>
   void transfer(Client &from, const Message &request, const char *what, Job job) {
     const std::string path = path_in(request);

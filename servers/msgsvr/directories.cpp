@@ -1,8 +1,8 @@
-// A receiver may be another user than the sender, and removes the file from the directory: all
-// users need the right to write there. The sticky bit keeps files for their owners; root's server
-// makes each file its receiver's (hand_over.h), another user's server cannot, and does without the
-// bit: receivers then read files as one of the others. There is no set-group-ID bit: it would make
-// all receivers members of the files' group, to whom their mode gives nothing.
+// A receiver may be another user than the sender, and removes the file from the directory, so all
+// users need the right to write there. The sticky bit keeps files for their owners; a server that
+// runs as root gives each file to its receiver (hand_over.h). A server of another user cannot, and
+// does without the bit: receivers then read files as "others". There is no set-group-ID bit,
+// because it would make all receivers members of the files' group, to which the mode gives nothing.
 
 #include "msgsvr/directories.h"
 

@@ -1,10 +1,10 @@
-// The directory of the files that carry large bodies.
+// The directory of hand-over files.
 #pragma once
 
 namespace msgsvr {
 
-// Makes it when it is missing: for the group "msgapi" where the system has that, otherwise for the
-// server's own user alone. Logs what keeps applications from using it.
+// Makes the directory when it is missing: for the group "msgapi" if the system has it, otherwise
+// for the server's own user alone. Logs why applications cannot use it, if they cannot.
 void prepare_body_directory();
 
 }  // namespace msgsvr

@@ -2,9 +2,9 @@
 // socket sees traffic. The application gets that socket as descriptor 3, with LISTEN_FDS=1 and
 // LISTEN_PID set, and accepts the connections itself.
 //
-// An application that ends well is started again by the next traffic; one that crashes is started
-// again after a delay that doubles with each crash. 0x5001 switches one on, off, or restarts it,
-// 0x504D stops them all.
+// An application that ends with status 0 is started again by the next traffic; one that crashes is
+// started again after a delay that doubles with each crash. 0x5001 switches one on, off, or
+// restarts it; 0x504D stops them all.
 
 #include <fcntl.h>
 #include <grp.h>
@@ -46,7 +46,7 @@ using Clock = EventLoop::Clock;
 constexpr int kPassedFd = 3;
 constexpr auto kFirstDelay = 1000ms;
 constexpr auto kLongestDelay = 60000ms;
-// An application that has run for so long has not crashed at once.
+// After running this long, the next crash counts as the first.
 constexpr auto kSteady = 60s;
 // After this an application that was asked to stop is killed.
 constexpr auto kStopTime = 5000ms;
@@ -310,7 +310,7 @@ class DynamicApps final : public Service {
       return;
     }
     app.failure = std::move(failure);
-    ::setpgid(pid, pid);  // as the child does: whoever is first
+    ::setpgid(pid, pid);  // as the child does, because either may run first (setpgid(2))
     app.pid = pid;
     app.started = Clock::now();
     log_line("{} is started, process {}", app.config.name.text(), pid);
@@ -347,7 +347,7 @@ class DynamicApps final : public Service {
     const bool asked = std::exchange(app.stopping, false);
     const bool restart = std::exchange(app.restart, false);
     server_->loop().cancel(app.timer);
-    // Processes of its group that still run go with it.
+    // Kills the processes of its group that still run.
     ::kill(-app.pid, SIGKILL);
     app.pid = 0;
     log_end(app, status);
@@ -422,7 +422,7 @@ class DynamicApps final : public Service {
     }
   }
 
-  // An application may do with itself what it likes: its process group was made for it here.
+  // An application may stop and restart itself; it is recognised by the process group made for it.
   bool may_update(Client &from, const App &app, uint32_t what) {
     const bool itself = app.pid > 0 && from.peer.pid > 0 && ::getpgid(from.peer.pid) == app.pid;
     const auto service = policy::service_of(ORP_MSG_DYNAPP_UPDATE, what);
@@ -439,7 +439,7 @@ class DynamicApps final : public Service {
       stop_listening(*app);
       stop(*app);
     }
-    // A process waits once: another request of it takes the first one's place.
+    // A process waits only once: another request replaces its first.
     std::erase_if(waiting_, [&](const auto &each) { return each.first == from.id; });
     waiting_.push_back({from.id, message.header});
     answer_stop_all();

@@ -1,8 +1,8 @@
-// Events: who has subscribed to what (0x702, 0x703), and passing what is published for the server
-// on to everyone who has.
+// Events: who has subscribed to what (0x702, 0x703), and passing on to them what publishers send to
+// the server.
 //
 // A process subscribes itself, for as long as its connection lives, or it subscribes a name. An
-// event then goes to the process that bears the name when the event comes. Nobody gets an event
+// event then goes to the process that has the name when the event comes. Nobody gets an event
 // twice.
 
 #include <unistd.h>
@@ -32,7 +32,7 @@ struct Process {
 struct Named {
   AppName name;
   uint32_t owner;  // the client that made the subscription, 0 when it has gone
-  uint64_t gone;   // when that was, in the order of such ends
+  uint64_t gone;   // when that was: a running number of such ends
   Share share;
 };
 
@@ -93,7 +93,7 @@ class Events final : public Service {
       Subscribers &known = entry->second;
       const auto same = std::ranges::find_if(
           known.names, [&](const Named &each) { return name && each.name == *name; });
-      // One whose maker has gone gets a new owner.
+      // A subscription whose maker has gone gets a new owner.
       if (same != known.names.end() && same->owner == 0) {
         known.names.erase(same);
       } else if (same != known.names.end() ||
@@ -160,11 +160,11 @@ class Events final : public Service {
       add_receivers(ORP_MSG_ALL_EVENTS);
     }
     if (receivers_.empty() && !is_event(message.type())) return false;
-    // One may have subscribed itself, by its name, and to all events.
+    // A client may be subscribed by itself, by its name, and to all events.
     std::ranges::sort(receivers_, {}, &Client::id);
     receivers_.erase(std::unique(receivers_.begin(), receivers_.end()), receivers_.end());
     std::erase_if(receivers_, [&](Client *to) {
-      // What is no event is a message that takes this way.
+      // A message of another type that was subscribed to is judged as a message.
       if (server_->gate().passes_event(from, *to, message.type()) &&
           (is_event(message.type()) || server_->gate().passes(from, to, message.type()))) {
         return false;
@@ -177,13 +177,13 @@ class Events final : public Service {
       publish_file(from, message);
       return true;
     }
-    // Nobody is told of losses: a publisher has no use for news of each slow subscriber.
+    // Nobody is told of losses: a publisher cannot do anything about slow subscribers.
     for (Client *to : receivers_) server_->outbox().pass(*to, from, message);
     return true;
   }
 
-  // The file that carries the body has one reader, so every subscriber gets a name of its own for
-  // it, and the publisher's name goes.
+  // A hand-over file has one reader, who removes it. So every subscriber gets a name of its own for
+  // the file, and the publisher's name is removed.
   void publish_file(Client &from, const Message &message) {
     const auto original = hand_over_path(message.body);
     const UniqueFd file = original ? open_hand_over(*original, from.peer.uid) : UniqueFd();

@@ -1,11 +1,10 @@
 // Slow readers.
 //
-// Nobody waits for a reader for long. While its queue is more than half full, the input of those
-// who send to it rests. A reader that is merely slower than its senders thus keeps up without loss.
-// Each sender may have brought one more read by then; the queue may exceed its limit by as much
-// again to hold that. A reader that takes next to nothing for the length of the patience has used
-// it up. From then on nobody waits for it, and what does not fit is lost, until its queue has been
-// empty.
+// While a reader's queue is more than half full, the server does not read from those who send to
+// it. So a reader that is merely slower than its senders keeps up without loss. Each sender may
+// still bring one more read; for that the queue may grow to twice its limit. Nobody waits for a
+// reader for long: one that takes next to nothing for the length of the patience has used it up.
+// From then on nobody waits for it, and what does not fit is lost, until its queue has been empty.
 
 #include "msgsvr/flow.h"
 
@@ -45,8 +44,8 @@ void Flow::watch(Client &reader) {
     release_all(reader);
     return;
   }
-  // The reader waits for the rest of a long message. Its sender must go on, or the queue stays
-  // full.
+  // The reader waits for the rest of a long message. That message's sender must go on, or the queue
+  // stays full.
   if (const OutputQueue::Tag *awaited = reader.out.awaited()) release(reader, awaited->origin);
   if (routed_ != nullptr && !routed_->ended && !reader.backlog.slow &&
       reader.out.weight() > high_mark(reader.out) && !is_owed(reader, *routed_)) {
@@ -81,8 +80,8 @@ void Flow::check_patience(Client &reader) {
     client->backlog.timer = 0;
     if (client->backlog.held.empty()) return;
     const OutputQueue &out = client->out;
-    // A queue that waits for the rest of a long message is not its reader's fault, and the
-    // sender of that has a time of its own.
+    // When the queue waits for the rest of a long message, the reader is not to blame. The
+    // message's sender has a time limit of its own.
     const bool reads = out.awaited() != nullptr ||
                        out.bytes_written() - client->backlog.bytes_at_check >= kLeastBytes ||
                        out.frames_written() - client->backlog.frames_at_check >= kLeastFrames;

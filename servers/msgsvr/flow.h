@@ -1,4 +1,4 @@
-// Slow readers: whose input rests because somebody does not keep up, and for how long.
+// Slow readers: which senders are not read from because a receiver does not keep up, and how long.
 #pragma once
 
 #include <chrono>
@@ -14,11 +14,11 @@ struct Client;
 
 class Flow {
  public:
-  // What it needs of whoever has the clients.
+  // What Flow needs from the owner of the clients.
   class Clients {
    public:
     virtual Client *by_id(uint32_t id) = 0;
-    // Looks anew at what the loop should watch of `client`.
+    // Decides anew what the loop should watch `client` for.
     virtual void update_interest(Client &client) noexcept = 0;
     virtual void flush() noexcept = 0;
 
@@ -31,8 +31,8 @@ class Flow {
        std::chrono::milliseconds patience)
       : clients_(clients), loop_(loop), journal_(journal), patience_(patience) {}
 
-  // Until end_routing() the input of `sender` is being routed, so that it rests when a queue that
-  // it fills is more than half full.
+  // Until end_routing() the input of `sender` is being routed: it rests when it makes a queue more
+  // than half full.
   void begin_routing(Client &sender) { routed_ = &sender; }
   void end_routing() { routed_ = nullptr; }
 

@@ -23,9 +23,9 @@ using policy::Service;
 using policy::Who;
 using servers::log_line;
 
-// Answers that are kept for one client; whoever needs more has them given anew.
+// Answers that are kept for one client; beyond that they are worked out anew.
 constexpr size_t kMostAnswers = 512;
-// Rules of which the log speaks for one client.
+// Rules that the log names for one client.
 constexpr size_t kMostTold = 64;
 
 enum class About : uint64_t { kMessage, kEvent };
@@ -35,21 +35,21 @@ uint64_t key_of(About what, uint32_t client, uint32_t type) {
   return (static_cast<uint64_t>(what) << 52) | (uint64_t{client} << 20) | type;
 }
 
-// Whether the server does something about it that has an action of its own.
+// Whether another action than kSend decides about it.
 bool is_judged_elsewhere(uint32_t type) {
   return type == ORP_MSG_REGISTER || type == ORP_MSG_SUBSCRIBE || type == ORP_MSG_UNSUBSCRIBE ||
          policy::service_of(type, 0);
 }
 
-// Whether the log has still to speak of that.
+// Notes the reason. True if the log has not named it yet.
 bool note(std::vector<uint64_t> *told, uint64_t reason) {
   if (told->size() >= kMostTold || std::ranges::count(*told, reason) > 0) return false;
   told->push_back(reason);
   return true;
 }
 
-// Whether the log has still to say that this rule refuses. Where no rule of the file does, what is
-// asked for takes its place.
+// Notes that this rule refuses. True if the log has not said so yet. When no rule of the file
+// refuses, the action that is asked for stands for the rule.
 bool note(std::vector<uint64_t> *told, const Decision &decision, const Question &question) {
   uint64_t reason = decision.rule;
   if (decision.line == 0) {
@@ -88,12 +88,12 @@ void Gate::replace(policy::Policy policy) {
   policy_ = std::move(policy);
   note_limits();
   ++epoch_;
-  // The log speaks anew: its rules are others.
+  // The rules are new, so the log names them anew.
   ++generation_;
   told_.clear();
 }
 
-// What others were answered about it as a receiver went by its name.
+// Answers that others got about it as a receiver depended on its name.
 void Gate::renaming(const Client &client, const AppName &name) {
   if (client.frames_in > 1 && name != client.name) ++epoch_;
 }
@@ -106,7 +106,7 @@ std::vector<uint64_t> &Gate::told_of(Client &client) const {
 
 void Gate::refuse(Client &client, Fault fault, std::string_view what) {
   journal_->refused();
-  // No number of a rule is so large.
+  // Larger than the number of any rule.
   if (note(&told_of(client), UINT64_MAX - static_cast<uint64_t>(fault))) {
     log_line("{} of {} {}, which nobody may", client.label(), client.account->user->name, what);
   }
@@ -122,7 +122,7 @@ const Who &Gate::who_is(Client &client) {
     return *who;
   }
   who->user = client.peer.uid;
-  // Of a connection without a peer, which nothing but a test has, nothing is known.
+  // Only tests have connections without a peer; nothing is known about those.
   if (who->user == Who::kUnknown) return *who;
   who->groups = groups_of(client.fd.get());
   who->groups.push_back(client.peer.gid);
@@ -164,7 +164,7 @@ std::string Gate::text_of(const Question &question) {
   return {};
 }
 
-// The answer that is kept under the key, if any. Makes room for another one.
+// The answer that is kept under the key, if any. First drops answers that are outdated or too many.
 std::optional<bool> Gate::kept(Client &client, uint64_t key) const {
   Passport &passport = client.passport;
   if (std::exchange(passport.epoch, epoch_) != epoch_ || passport.answers.size() >= kMostAnswers) {

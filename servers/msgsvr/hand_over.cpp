@@ -40,7 +40,7 @@ std::string path_of(uint32_t number) {
 
 // Receivers run as other users and read by the bit for others; the mode is the library's.
 constexpr mode_t kFileMode = 01204;
-// Of a file that has become its receiver's.
+// The mode of a file that was given to its receiver.
 constexpr mode_t kFileModeOfReceiver = 0600;
 
 // Random, and not 0; 0 when there is no randomness.
@@ -52,20 +52,21 @@ uint32_t fresh_number() {
   return number;
 }
 
-// Whether a receiver may be unable to read or remove a file, and the server can do something about
-// it: an ordinary user removes only its own files from a sticky directory, and the mode of a body
-// lets everybody read it but its owner.
+// Whether the receiver must own the file, and the server can give it. An ordinary user removes only
+// its own files from a sticky directory, and the mode 01204 lets a file's own user and group not
+// read it, only others.
 bool must_own(uid_t receiver) {
   return receiver != kUnknownUser && receiver != 0 && ::geteuid() == 0;
 }
 
-// Leads to the open file whatever its name is now.
+// A path that leads to the open file whatever its name is now (proc(5), /proc/PID/fd).
 std::string path_by_descriptor(const servers::UniqueFd &file) {
   return "/proc/self/fd/" + std::to_string(file.get());
 }
 
-// Without the bits of others first: who owned it must not be able to give more of it away. Where
-// the owner cannot be changed the receiver reads the file as one of the others, as before.
+// The bits for others are removed first, so that the former owner cannot open the file to more
+// users. When the owner cannot be changed, the receiver reads the file as one of the others, as
+// before.
 void give(const servers::UniqueFd &file, uid_t receiver) {
   const std::string path = path_by_descriptor(file);
   if (::chmod(path.c_str(), kFileModeOfReceiver) != 0) return;
@@ -75,8 +76,8 @@ void give(const servers::UniqueFd &file, uid_t receiver) {
 }
 
 uint32_t copy_for(const servers::UniqueFd &file, off_t size, uid_t receiver) {
-  // No application is given a longer body, and the copy takes memory that its publisher, whose file
-  // may be all holes, has not.
+  // No application is given a longer body. The copy takes real memory, while the publisher's file
+  // may be all holes.
   if (size > off_t{ORP_MSG_MAX_DISPATCHED_BODY}) {
     errno = EFBIG;
     return 0;
@@ -116,11 +117,12 @@ servers::UniqueFd open_hand_over(const std::string &path, uid_t sender) {
 }
 
 bool pass_hand_over(std::span<const char> body, uid_t sender, uid_t receiver) {
-  // What is no such path its receiver refuses.
+  // The receiver refuses any other path.
   const char *path = checked_path(body);
   if (path == nullptr || sender == kUnknownUser) return true;
   const servers::UniqueFd file(::open(path, O_PATH | O_CLOEXEC | O_NOFOLLOW));
-  // The receiver sees that there is none. For want of descriptors nobody knows whose it is.
+  // When there is no such file, the receiver sees that. Without free descriptors nobody knows whose
+  // file it is, so the message is refused.
   if (!file) return errno != EMFILE && errno != ENFILE && errno != ENOMEM;
   struct stat status {};
   if (::fstat(file.get(), &status) != 0) return false;

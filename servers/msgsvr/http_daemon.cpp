@@ -1,16 +1,16 @@
-// The HTTP library runs on a thread of its own, polled by an event loop of its own; only requests
-// that are whole cross over to the message loop, and only answers come back. What the library does,
-// and how long it takes, therefore never stops a message; where it would abort the process (it does
-// when the kernel refuses it something that it thinks cannot be refused), its thread is parked
-// instead, and HttpFront starts another. The two crossings cost a GET some microseconds.
+// The HTTP library runs on a thread of its own, polled by an event loop of its own. Only whole
+// requests cross over to the message loop, and only answers come back. So nothing that the library
+// does, however long it takes, stops a message. The library aborts the process when the kernel
+// refuses it something that it thinks cannot be refused; its thread is parked instead, and
+// HttpFront starts another. The two crossings cost a GET some microseconds.
 //
-// Connections are accepted here and not by the library, which takes its listening socket out of its
-// descriptor set when there are too many and has no way back from some of these states.
+// Connections are accepted here and not by the library. When there are too many, the library takes
+// its listening socket out of its descriptor set, and from some of these states it has no way back.
 //
-// Nobody can lock others out. When all places are taken a new connection gets the place of one that
-// has no whole request yet: of the network that has most connections, the one that has been quiet
-// the longest. Longer bodies are received while there is room for them; the other connections are
-// not read from meanwhile, which costs nothing.
+// Nobody can lock others out. When all places are taken, a new connection replaces one that has no
+// whole request yet: of the network with the most connections, the one that has been quiet the
+// longest. Longer bodies are received while there is room for them; until there is, their
+// connections are not read from, which costs nothing.
 
 #include "msgsvr/http_daemon.h"
 
@@ -48,7 +48,7 @@ constexpr std::chrono::milliseconds kWaitingSweepPeriod{100};
 
 // Bodies of all requests together, received or being received, until they are answered.
 constexpr size_t kMostHeld = size_t{32} << 20;
-// Shorter ones are not counted: with all connections they are as much as one long one.
+// Shorter ones are not counted: those of all connections together are as much as one long body.
 constexpr size_t kShortBody = 16384;
 
 constexpr int kLostAnswer = 4;
@@ -68,7 +68,7 @@ HttpAnswer busy(const char *why) {
   return {MHD_HTTP_SERVICE_UNAVAILABLE, why, "text/plain", true};
 }
 
-// What addresses of one network have in common: all of an IPv4 address, the first half of another.
+// The network of an address: all of an IPv4 address, the first half of an IPv6 address.
 std::string network_of(const sockaddr *address) {
   if (address->sa_family == AF_INET) {
     const auto &ip4 = reinterpret_cast<const sockaddr_in *>(address)->sin_addr;
@@ -101,8 +101,8 @@ struct HttpDaemon::Exchange {
   HttpAnswer answer;
 };
 
-// What the library calls. No exception goes through it: a request for which there is no memory
-// ends its connection.
+// The functions that the library calls. No exception may pass through the library: a request for
+// which there is no memory ends its connection.
 struct HttpCallbacks {
   using Connection = HttpDaemon::Connection;
   using Exchange = HttpDaemon::Exchange;
@@ -135,8 +135,8 @@ struct HttpCallbacks {
         ::MHD_get_connection_info(library, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context);
   }
 
-  // The first call for a connection's next request. What it returned would never be seen again if
-  // the library did not like the request, so it returns nothing.
+  // The first call for a connection's next request. It returns nothing to the library, which would
+  // lose it when it refuses the request.
   static void *log_uri(void *daemon, const char *uri, MHD_Connection *library) {
     Connection *connection = context_of(library);
     if (connection == nullptr) return nullptr;
@@ -184,7 +184,7 @@ struct HttpCallbacks {
     if (exchange != nullptr) static_cast<HttpDaemon *>(daemon)->complete(*exchange);
   }
 
-  // The library's last word; it would abort.
+  // The library's last call before it aborts.
   static void panic(void *, const char *, unsigned, const char *reason) {
     if (t_daemon == nullptr) std::abort();
     t_daemon->park(reason == nullptr ? "the HTTP library gave up" : reason);
@@ -257,7 +257,7 @@ void HttpDaemon::stop_daemon() {
   ::MHD_stop_daemon(daemon_);
 }
 
-// Nothing of the library may be touched any more, and nothing that it points to freed.
+// From now on nothing of the library may be touched, and nothing that it points to may be freed.
 void HttpDaemon::park(std::string_view reason) {
   for (const auto &[library, connection] : connections_) {
     ::close(connection.fd);
@@ -326,8 +326,8 @@ void HttpDaemon::condemn(Connection &connection) {
   }
 }
 
-// The library takes a query apart, though nobody asks for the parts, and does not answer when they
-// do not fit its memory. Nothing else has been sent for this request yet.
+// The library splits a query, though nobody asks for the parts, and does not answer when they do
+// not fit its memory. So this answers. Nothing else has been sent for this request yet.
 void HttpDaemon::refuse_uri(Connection &connection) {
   constexpr std::string_view kTooLong =
       "HTTP/1.1 414 URI Too Long\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
@@ -359,7 +359,7 @@ void HttpDaemon::plan_sweep() {
   });
 }
 
-// Ends what takes too long.
+// Ends requests and connections that take too long.
 void HttpDaemon::sweep() {
   const Clock::time_point now = Clock::now();
   for (auto &[library, connection] : connections_) {
@@ -389,8 +389,9 @@ int HttpDaemon::begin(Connection &connection, Exchange &exchange, const char *me
   exchange.request.path = path;
   exchange.request.query = std::move(connection.query);
 
-  // What is announced to be too large need not be sent by a client that waits to be told. Another
-  // is already sending it, and would see a broken connection instead of an early answer.
+  // A client that waits for "100 Continue" (RFC 9110, section 10.1.1) need not send a body that is
+  // too large. Any other client is already sending it, and would see a broken connection instead of
+  // an early answer.
   const auto header = [&exchange](const char *name) {
     const char *value = ::MHD_lookup_connection_value(exchange.library, MHD_HEADER_KIND, name);
     return std::string_view(value == nullptr ? "" : value);
@@ -433,7 +434,7 @@ bool HttpDaemon::reserve(Exchange &exchange) {
   return true;
 }
 
-// Lets those go on for whom there is room by now.
+// Lets requests go on for which there is room now.
 void HttpDaemon::grant() {
   while (!waiting_.empty() && reserve(*waiting_.front())) {
     ::MHD_resume_connection(waiting_.front()->library);

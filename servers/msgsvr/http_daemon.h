@@ -41,7 +41,7 @@ struct HttpAnswer {
 
 struct HttpLimits {
   size_t longest_body = 0;               // a longer one is answered with 413
-  size_t body_head = 0;                  // what every body leaves free in front
+  size_t body_head = 0;                  // bytes to leave free in front of every body
   std::chrono::milliseconds patience{};  // how long a request may wait for room
   size_t connections = 128;              // at a time
   bool json = false;                     // the daemon's own refusals are {"error": …}
@@ -50,7 +50,7 @@ struct HttpLimits {
 
 class HttpDaemon {
  public:
-  // A whole request, or, without one, that nobody waits for the answer any more.
+  // A whole request; without one: nobody waits for the answer of that id any more.
   struct Event {
     uint64_t id;
     std::optional<HttpRequest> request;
@@ -65,11 +65,11 @@ class HttpDaemon {
   // Only after stop() has returned true.
   ~HttpDaemon() = default;
 
-  // Answers what is open with 503, and ends the thread. False if that has broken down: it stands
-  // for ever, and the object under it must.
+  // Answers open requests with 503, and ends the thread. False if the thread has broken down: then
+  // it never ends, and this object must never be destroyed.
   bool stop();
 
-  Mailbox<Event> events;  // rings as well when the thread has broken down
+  Mailbox<Event> events;  // also rings when the thread has broken down
   Mailbox<Reply> replies;
 
   // The thread has stopped for good, with this reason, and has closed its connections.

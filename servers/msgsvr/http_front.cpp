@@ -82,7 +82,7 @@ void HttpFront::ready(uint32_t) {
   log_line("HTTP is interrupted, its thread has stopped: {}", daemon_->reason());
   loop_->remove(daemon_->events.fd(), this);
   const uint64_t next_id = daemon_->next_id();
-  static_cast<void>(daemon_.release());  // its thread still stands on it
+  static_cast<void>(daemon_.release());  // its parked thread still uses it
   for (const uint64_t id : std::exchange(open_, {})) abandoned_(id);
   start_anew(next_id);
 }

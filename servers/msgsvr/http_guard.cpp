@@ -56,7 +56,7 @@ bool is_same_origin(std::string_view origin, std::string_view host) {
   return false;
 }
 
-// Takes as long wherever they differ.
+// Takes the same time wherever they differ, so that the time tells nothing about the token.
 bool is_token(std::string_view given, std::string_view token) {
   unsigned char difference = given.size() == token.size() ? 0 : 1;
   for (size_t i = 0; i < given.size(); ++i) {

@@ -1,4 +1,4 @@
-// What clients send: cutting it into frames and routing them.
+// Input from clients: cutting it into frames and routing them.
 //
 // A frame that is not whole when its beginning arrives is kept if it is short. A longer one is
 // passed on as it arrives (cut-through). Its header and the first bytes of its body open a stream
@@ -28,15 +28,15 @@ using servers::log_line;
 // The longest body that the server itself takes. Applications are not given longer ones, either.
 constexpr size_t kLongestServerBody = ORP_MSG_MAX_DISPATCHED_BODY;
 
-// So much of a message whose rest is still to come is kept for everybody without being counted, so
-// that a message that merely arrived in two pieces is never refused.
+// So many bytes of an unfinished message are kept for everybody without being counted. So a message
+// that merely arrived in two pieces is never refused.
 constexpr size_t kUncounted = 4096;
 
 // A client without a name has nothing to say but its registration, which is never longer.
 constexpr size_t kLongestOfNobody = 65536;
 
-// When so many frames wait they are written before the rest of a read is routed. One event may be
-// for many.
+// When so many frames wait, they are written before the rest of a read is routed: one event may be
+// for many subscribers.
 constexpr size_t kMostPosted = 8192;
 
 // The bytes that a sender must bring between two checks while its message is passed on.
@@ -73,8 +73,8 @@ OutputQueue::Tag tag_of(const Client &from, const Header &header, uint64_t recor
   return tag;
 }
 
-// What only the server says. Applications know the notice of an undelivered message by its type
-// alone, whoever is its sender. `strict`: nothing else is said to others in the server's name.
+// Whether only the server may send this. Applications know the notice of an undelivered message by
+// its type alone, whoever sent it. `strict`: nobody else may send anything in the server's name.
 bool is_forged(const Header &header, bool strict, bool to_server) {
   const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
   if (type == ORP_MSG_UNDELIVERABLE) return true;
@@ -213,7 +213,8 @@ std::span<char> Server::pass_on(Client &from, std::span<char> bytes) {
   return bytes.subspan(count);
 }
 
-// Adds to the frame that is being kept; returns what is left when it, or its header, is whole.
+// Adds to the frame that is being kept. Returns the bytes that are left once the frame, or its
+// header, is whole.
 std::span<char> Server::assemble(Client &from, std::span<char> bytes) {
   std::vector<char> &partial = from.in.partial;
   const bool in_header = partial.size() < kHeaderSize;
@@ -270,7 +271,7 @@ void Server::begin_frame(Client &from, std::span<char> begin, Header header, con
   from.in.last_to = 0;
   from.in.last_tag = tag_of(from, header, record);
   Loss loss = obstacle(from, header);
-  // A path is never so long: nobody would look whose file it names.
+  // A path is never so long, so nobody would check whose file it names.
   if (loss == Loss::kNone && !route.to_server &&
       (header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
     gate_.refuse(from, Gate::Fault::kForeignFile, "names a body file in a long message");
@@ -401,8 +402,8 @@ const Route *Server::resolve(Client &from, const Header &header) {
   return &route;
 }
 
-// The message has another sender than its client, whose name takes that one's place if it must. A
-// registration bears the name that the client would like to have.
+// The message names another sender than its client. Puts the client's name there if the policy
+// wants that. A registration is exempt: it has the name that the client would like to get.
 void Server::check_sender(Client &from, std::span<char> frame, Header *header) {
   const uint32_t type = header->ulMsgType & ORP_MSG_TYPE_MASK;
   if (from.in.route.to_server && type == ORP_MSG_REGISTER) return;
@@ -411,13 +412,12 @@ void Server::check_sender(Client &from, std::span<char> frame, Header *header) {
   from.name.store(frame.data() + offsetof(Header, aucSendApp));
 }
 
-// What keeps a message from going where its names, which have just been looked up, lead; none if
-// nothing does.
+// Why a message may not go where its names lead, which have just been looked up; none if it may.
 Loss Server::obstacle(Client &from, const Header &header) {
   Route &route = from.in.route;
   const uint32_t type = header.ulMsgType & ORP_MSG_TYPE_MASK;
   if (!route.to_server && route.to == nullptr) return Loss::kNoSuchName;
-  // Also what the server would pass on as an event, to those who have subscribed.
+  // This also holds for a message that the server would pass on to subscribers as an event.
   if (is_forged(header, gate_.policy().has_file(), route.to_server)) {
     gate_.refuse(from, Gate::Fault::kForged, "says what only the server does");
     return Loss::kNotPermitted;

@@ -1,5 +1,5 @@
-// What happens to messages and connections. Whoever does something tells it here once; the counters
-// and the flight recorder both follow from that, so they agree.
+// What happens to messages and connections. Code that does something reports it here once; counters
+// and flight recorder both come from that report, so they agree.
 #pragma once
 
 #include <array>
@@ -21,7 +21,7 @@ using servers::OutputQueue;
 struct Client;
 
 struct Statistics {
-  uint64_t frames_in = 0;  // messages received, for whomever
+  uint64_t frames_in = 0;  // messages received, for any receiver
   uint64_t bytes_in = 0;
   uint64_t frames_out = 0;  // of clients that are gone; the living count their own
   uint64_t bytes_out = 0;
@@ -29,7 +29,7 @@ struct Statistics {
   uint64_t told = 0;    // notices to senders of what was lost
   uint64_t untold = 0;  // lost where nobody is told: events, and the server's own messages
   uint64_t descriptors_passed = 0;
-  uint64_t over_limit = 0;  // what clients may not have any more of
+  uint64_t over_limit = 0;  // requests for more than a client may have
   uint64_t failures = 0;  // clients and requests that were given up for want of memory and the like
   uint64_t connections = 0;
   uint64_t refused = 0;  // by the policy, whatever was asked
@@ -38,7 +38,7 @@ struct Statistics {
   uint64_t of(Loss loss) const { return lost[static_cast<size_t>(loss)]; }
 };
 
-// Sender or receiver of a message, which need not be connected any more.
+// Sender or receiver of a message; it may have left.
 struct Party {
   uint32_t id = 0;  // 0: the server, or nobody
   AppName name;
@@ -57,12 +57,12 @@ struct Culprit {
   AppName to;
   uint64_t count = 0;
   std::time_t last_at = 0;
-  uint64_t last_loss = 0;  // the same moment as the number of a loss, which no two have in common
+  uint64_t last_loss = 0;  // the running number of its last loss; no two losses have the same
 };
 
 class Journal {
  public:
-  // When there is no room for another pair it takes the place of the one with the fewest losses.
+  // Without room, a new pair replaces the one with the fewest losses.
   static constexpr size_t kMostCulprits = 64;
   using Culprits = std::array<Culprit, kMostCulprits>;
 
@@ -72,12 +72,12 @@ class Journal {
   const Statistics &statistics() const { return statistics_; }
   const Culprits &culprits() const { return culprits_; }
 
-  // The time of what is told next: a system call has just brought or taken bytes.
+  // A system call has just brought or taken bytes: this is the time of the reports that follow.
   void tick() noexcept {
     recorder_.tick();
     stale_ = false;
   }
-  // What is told next happens in another turn of the loop.
+  // The reports that follow belong to another turn of the loop.
   void turn_ends() noexcept { stale_ = true; }
 
   void connected(const Client &client) noexcept;
@@ -96,7 +96,7 @@ class Journal {
   // `to` is null where no client would have got it.
   void lost(Loss loss, const OutputQueue::Tag &tag, const Party &from, Client *to,
             const AppName &to_name) noexcept;
-  // Whether the sender of what was lost is told of it.
+  // Counts whether the sender of a lost message is told.
   void told(bool sent) noexcept { ++(sent ? statistics_.told : statistics_.untold); }
   // Such a notice is lost itself.
   void notice_lost() noexcept { --statistics_.told; }
@@ -111,7 +111,7 @@ class Journal {
   std::atomic<uint64_t> &http_refusals() { return http_refusals_; }
   uint64_t http_refused() const { return http_refusals_; }
   void foreign_sender() noexcept { ++statistics_.foreign; }
-  // A registration that was refused in its answer: the recorder knows it as lost.
+  // A registration whose answer refuses it: the recorder shows it as lost.
   void refused_name(const Client &from, uint64_t record, uint32_t sequence) noexcept;
 
   // Returns the number for http_answered(). `method` as in restful requests.

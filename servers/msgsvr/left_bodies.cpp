@@ -17,7 +17,7 @@ namespace msgsvr {
 namespace {
 
 constexpr std::chrono::seconds kMostPeriod = std::chrono::hours(1);
-// What one who fills the directory can have the server remember.
+// Bounds what somebody who fills the directory can make the server remember.
 constexpr size_t kMostFiles = 10000;
 
 constexpr std::string_view kPrefix = ORP_MSG_HAND_OVER_PREFIX;

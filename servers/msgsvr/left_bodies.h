@@ -1,5 +1,5 @@
-// Body files that nobody takes over: their receiver refused them, as all receivers do where the
-// directory is reached through a link, or ended before it read.
+// Hand-over files that nobody takes over: their receiver ended before it read, or refused them, as
+// all receivers do where the directory is reached through a link.
 #pragma once
 
 #include <sys/types.h>
@@ -15,12 +15,12 @@ namespace msgsvr {
 
 class LeftBodies {
  public:
-  // From now on removes each that has been seen for `age`, and logs how many those were.
+  // From now on removes each file that has been seen for `age`, and logs how many were removed.
   LeftBodies(servers::EventLoop *loop, std::chrono::seconds age);
 
  private:
   using Clock = std::chrono::steady_clock;
-  // A file by its number and when that was last given to one.
+  // A file: its inode number, and when that number was last given to a file.
   using File = std::pair<ino_t, int64_t>;
 
   void sweep();
@@ -28,7 +28,8 @@ class LeftBodies {
 
   servers::EventLoop *loop_;
   std::chrono::seconds age_;
-  // Since when: dates of files say nothing on a device that gets the time of day after its start.
+  // Since when. Dates of files mean nothing on a device that learns the time of day after its
+  // start.
   std::map<File, Clock::time_point> seen_;
 };
 

@@ -2,9 +2,9 @@
 // too often is locked out for a growing time. See msgapi/login_records.h for the records and the
 // rules.
 //
-// Each time is kept as the rest of it, by the monotonic clock: the wall clock of a device jumps
-// when it first learns the time. The state is written to a file when the server stops, and a moment
-// after each change. A thread of its own does that, since the disk may take long.
+// Times are kept as what is left of them, by the monotonic clock, because a device's wall clock
+// jumps when it first learns the time. The state is written to a file when the server stops, and a
+// moment after each change. A thread of its own writes, because the disk may take long.
 
 #include <arpa/inet.h>
 
@@ -46,7 +46,7 @@ constexpr seconds kMemory = 24h;
 constexpr uint32_t kMostFailedTimes = 1000;
 constexpr auto kSaveDelay = 200ms;
 
-// Clients choose the account names that they try.
+// Bounded, because clients choose the account names that they try.
 constexpr size_t kMostRecords = 4096;
 
 struct Record {
@@ -98,7 +98,7 @@ class LoginControl final : public Service {
   ~LoginControl() override {
     try {
       worker_.reset();
-      // Also without a change: less is left of the forbidden time.
+      // Save even without a change: less is left of the forbidden time.
       const bool known = save_timer_ != 0 || !records_.empty();
       if (known && !path_.empty() && !replace_file(path_, state())) complain(errno);
     } catch (const std::exception &error) {

@@ -33,7 +33,7 @@ namespace {
 using msgsvr::Options;
 using servers::log_line;
 
-// The smallest queue holds a frame that is kept until it is whole, and some more.
+// The smallest queue, in frames of the longest kind that is kept until it is whole.
 constexpr size_t kQueuePerFrame = 2;
 
 void add_options(servers::Command *command, Options *options, std::vector<std::string> *tcp_from) {
@@ -134,8 +134,8 @@ size_t raise_descriptor_limit() {
   return limit.rlim_max;
 }
 
-// No user gets all of the server's descriptors, and everybody may send what is kept until it is
-// whole.
+// Limits options so that no user gets all of the server's descriptors, and everybody can send a
+// message that is kept until it is whole.
 void fit_limits(size_t descriptors, Options *options) {
   const auto limit = [&](msgsvr::Kept kind) -> size_t & {
     return options->limits[static_cast<size_t>(kind)];
@@ -148,8 +148,8 @@ void fit_limits(size_t descriptors, Options *options) {
   unfinished = std::max(unfinished, 8 * options->cut_through);
 }
 
-// Nobody is served worse without it, so a failure is but a log line. The file of a server that is
-// still running stays: this one listens already.
+// Clients do not need the recorder, so a failure is only a log line. This runs after the server
+// listens, so the file is not that of a server that is still running.
 void start_recording(const Options &options, msgsvr::Server *server) {
   if (options.flight_size == 0) return;
   const uint64_t size = std::bit_ceil(std::max(options.flight_size, flight::kLeastRing));
@@ -169,10 +169,10 @@ void start_admin(const Options &options, msgsvr::Server *server, msgsvr::Service
   }
 }
 
-// None when there is no file and need not be one. Throws policy::BadPolicy.
+// None when there is no file and none is needed. Throws policy::BadPolicy.
 std::optional<policy::Policy> read_policy(const Options &options) {
   if (options.policy == "none") return std::nullopt;
-  // Any other error is the reader's to report: rules that cannot be read are not rules that allow.
+  // The reader reports any other error: rules that cannot be read must not count as allowing.
   if (options.policy == policy::kDefaultFile && ::access(policy::kDefaultFile, F_OK) != 0 &&
       (errno == ENOENT || errno == ENOTDIR)) {
     return std::nullopt;

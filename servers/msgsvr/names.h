@@ -1,7 +1,7 @@
-// Which client bears which name.
+// Which client has which name.
 //
-// Several clients may bear one name. The one that has borne it the longest gets the messages for
-// it; when that one goes, the next takes its place.
+// Several clients may have one name. The one that has had it the longest gets the messages for it;
+// when that one goes, the next does.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ class Names {
  public:
   // The clients of that name, oldest first.
   std::span<Client *const> bearers(const AppName &name) const;
-  // The one that gets the messages for that name; null when nobody bears it.
+  // The one that gets the messages for that name; null when nobody has it.
   Client *receiver(const AppName &name) const;
 
   // Gives `client` that name in place of the one it had; an empty one leaves it without. False if
@@ -29,7 +29,7 @@ class Names {
   void release(const Client &client) noexcept;
   void clear() noexcept { clients_.clear(); }
 
-  // What was looked up is good as long as this stays the same. Never 0.
+  // Results of look-ups are valid as long as this stays the same. Never 0.
   uint64_t epoch() const { return epoch_; }
 
  private:

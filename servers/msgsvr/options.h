@@ -27,12 +27,12 @@ struct Options {
   size_t queue_limit = 1 << 20;
   // A longer frame is passed on while it arrives, a shorter one when it is whole.
   size_t cut_through = 65536;
-  // A sender whose frame is being passed on must go on within this time. A reader of the library
-  // gives up a message that pauses for a second, and then is out of step for ever.
+  // A sender whose frame is being passed on must go on within this time. The library gives up a
+  // message that pauses for a second, and its stream is then out of step for ever.
   uint32_t stall_ms = 500;
   // How long senders wait for a reader that takes next to nothing.
   uint32_t patience_ms = 200;
-  // How long files of large bodies stay that nobody takes over; 0: for ever.
+  // How long hand-over files stay that nobody takes over; 0: for ever.
   uint32_t body_age_s = 86400;
   // In the order of Kept.
   Limits limits = {4096, 16 << 20, 4096, 1024, 4096, 256};
@@ -41,7 +41,7 @@ struct Options {
   uint64_t flight_size = 1 << 20;
   uint32_t flight_body = 0;
 
-  std::string policy = policy::kDefaultFile;  // need not be there if it is this one
+  std::string policy = policy::kDefaultFile;  // only this one may be missing
 
   // Services.
   std::string admin = "/var/run/msgsvr.admin";  // "none" for none

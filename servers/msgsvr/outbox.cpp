@@ -82,7 +82,7 @@ void Outbox::reply(Client &to, const Message &request, uint32_t data, std::span<
   Header header{};
   header.ulMsgType = request.type();
   header.ulSeqNum = request.header.ulSeqNum;
-  // A requester may insist that the answer comes from the name that it asked.
+  // A requester may insist that the answer comes from the name to which it sent the request.
   std::memcpy(header.aucSendApp, request.header.aucRecvApp, sizeof header.aucSendApp);
   to.name.store(header.aucRecvApp);
   header.ulMsgData = data;
@@ -139,7 +139,7 @@ void Outbox::post(Client &to, const OutputQueue::Frame &frame) {
 }
 
 void Outbox::flush() noexcept {
-  // Telling a sender of its loss touches that sender, so this goes on until nobody is touched.
+  // A notice to a sender touches that sender's queue, so this goes on until no queue is touched.
   while (!touched_.empty()) {
     Client &to = *touched_.back();
     touched_.pop_back();

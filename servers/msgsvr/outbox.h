@@ -1,8 +1,8 @@
 // What one turn of the loop sends.
 //
 // Sending only notes what is to be written. flush() writes to each destination once, at the end of
-// the turn. Until then frames are only referred to: those of clients stay in the read buffer, those
-// that the server made in the scratch memory.
+// the turn. Until then frames are not copied: a client's stay in the read buffer, the server's own
+// in the scratch memory.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +49,7 @@ class Outbox {
   Outbox(Clients *clients, servers::EventLoop *loop, Journal *journal, Flow *flow)
       : clients_(clients), loop_(loop), journal_(journal), flow_(flow) {}
 
-  // For the services. A callback of theirs that the Server has not made calls flush() at its end.
+  // For the services. A callback that is none of Server's handlers must call flush() at its end.
 
   // A message of the server's own. ulDataLen is set from `body`. When it is lost, nobody is told;
   // a `file` (its number) that travels with the message is then removed.
@@ -62,9 +62,9 @@ class Outbox {
   // A message as `from` has sent it to the server; its bytes must stay until flush(). When it is
   // lost, nobody is told.
   void pass(Client &to, const Client &from, const Message &message);
-  // What `from` has sent to the server is lost, and it is told.
+  // A message of `from` to the server is lost, and `from` is told.
   void lose(Client &from, const Message &message, Loss loss) noexcept;
-  // It is lost and nobody is told: to the client `to`, or to everybody.
+  // The message is lost, to the client `to` or to everybody, and nobody is told.
   void lose_silently(const Client &from, const Message &message, Loss loss,
                      Client *to = nullptr) noexcept;
   void flush() noexcept;

@@ -8,9 +8,9 @@
 
 namespace msgsvr {
 
-// The program's path, in `buffer`; where the kernel keeps that from the server, which may run with
-// fewer rights than the process, the first word of its command line, which is the process's own
-// word. Empty when neither can be found out.
+// The program's path, in `buffer`. When the kernel hides it, because the server runs with fewer
+// rights than the process, it is the first word of the command line, which the process itself
+// chooses. Empty when neither can be found out.
 std::string_view program_of(pid_t pid, std::span<char> buffer) noexcept;
 
 }  // namespace msgsvr

@@ -1,4 +1,4 @@
-// Names of processes (0x701), how many bear one (0x705), asking them to end (0x706), and whether
+// Names of processes (0x701), how many have a name (0x705), asking them to end (0x706), and whether
 // they are alive (0x708, 0x709).
 
 #include <algorithm>
@@ -67,7 +67,7 @@ class Registration final : public Service {
     if (server_->names().take(from, name)) server_->journal().named(from);
     const bool swap = server_->options().swap_all ||
                       std::ranges::count(server_->options().swap_names, name.text()) > 0;
-    // Words for the client to read as they are: bodies are never converted.
+    // The client reads these words as they are, because bodies are never converted.
     const uint32_t keep_alive[] = {period_.count() > 0 ? 1u : 0u,
                                    static_cast<uint32_t>(period_.count())};
     char body[sizeof keep_alive];

@@ -69,7 +69,7 @@ Json traffic(uint64_t messages, uint64_t bytes) {
   return {{"messages", messages}, {"bytes", bytes}};
 }
 
-// Written as it stands: there may be thousands of clients.
+// Written by hand, without a JSON tree: there may be thousands of clients.
 std::string json_text_of(const ClientFacts &client, Users *users) {
   const pid_t pid = client.peer.pid;
   std::string text =

@@ -1,5 +1,5 @@
-// What the server says about itself on its admin socket: facts gathered in one go by the message
-// loop, and their texts, which another thread makes of them.
+// What the server says about itself on its admin socket. The message loop gathers the facts in one
+// go, and another thread makes texts of them.
 #pragma once
 
 #include <sys/socket.h>

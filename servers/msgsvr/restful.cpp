@@ -1,17 +1,17 @@
 // Restful requests: applications register paths (0x109), and a request for one of them becomes a
 // message (0x10D) to the application, whose answer goes back to the requester.
 //
-// A request for PATH goes to the longest registered text that matches. A text matches if it matches
-// all of PATH: it is then a path and a handler's name, divided at its last "/". A text that is its
-// registration's only one also matches if it matches PATH up to the last "/": the rest of PATH is
-// then the handler's name. Texts may be patterns.
+// A request for PATH goes to the longest registered text that matches. A text that matches all of
+// PATH is a path and a handler's name, divided at the last "/". A text that is alone in its
+// registration also matches PATH up to the last "/": the rest of PATH is then the handler's name.
+// Texts may be patterns.
 //
-// A request by HTTP that does not fit the application's queue is held until it does, for as long as
-// an answer may take. When a request is given up and its body lies in a file that the application
-// has not taken yet, the file is removed: an application that reads nothing does not fill the
+// An HTTP request that does not fit the application's queue is held until it does, for as long as
+// an answer may take. When a request is given up and the application has not taken its hand-over
+// file yet, the file is removed, so that an application that reads nothing does not fill the
 // device.
 //
-// Requests come from HTTP clients, or from other applications as messages for nobody in particular.
+// Requests come from HTTP clients, or from other applications as messages without a receiver.
 // Answers to the latter go to the requester directly.
 
 #include <algorithm>
@@ -78,7 +78,7 @@ struct Pending {
   std::string what = {};  // for log lines
   EventLoop::TimerId timer = 0;
   std::optional<SpooledBody> unsent = {};
-  uint32_t file = 0;  // the sent body's
+  uint32_t file = 0;  // number of the hand-over file that was sent; 0: none
 };
 
 // For the journal: a method that is not served, and the status of a client that left early.
@@ -272,7 +272,7 @@ class Restful final : public Service {
     }
   }
 
-  // False when there is no room for it in the application's queue, and while others wait for that.
+  // False when there is no room for it in the application's queue, or while others wait for room.
   bool try_to_send(uint32_t sequence, Pending &pending) {
     Client *client = server_->by_id(pending.client);
     if (client == nullptr) return false;
@@ -355,7 +355,7 @@ class Restful final : public Service {
     std::memcpy(&head, message.body.data(), std::min(message.body.size(), sizeof head));
     const std::string path(head.aucPath, ::strnlen(head.aucPath, sizeof head.aucPath));
     const std::string name(head.aucHandler, ::strnlen(head.aucHandler, sizeof head.aucHandler));
-    // The requester names the registration itself, as it stands.
+    // The requester gives the registration's own text.
     const auto entry = std::ranges::find_if(registrations_, [&](const Registration &r) {
       return (r.single && r.text == path) || r.text == path + "/" + name;
     });

@@ -5,8 +5,8 @@
 //   12  4  0
 //   16  24 nonce
 //
-// encrypted with XChaCha20-Poly1305 (draft-irtf-cfrg-xchacha), the first 16 bytes of the head being
-// authenticated with the content.
+// The content is encrypted with XChaCha20-Poly1305 (draft-irtf-cfrg-xchacha); the first 16 bytes of
+// the head are authenticated with it.
 
 #include "msgsvr/sealed_file.h"
 
@@ -55,14 +55,14 @@ bool read_all(int fd, void *data, size_t size) {
   return true;
 }
 
-// Where a sealed file is or will be. The directory stays the same one, whatever becomes of its
-// path meanwhile.
+// Where a sealed file is or will be. The directory is held open, so it stays the same one whatever
+// becomes of its path.
 struct Place {
   UniqueFd directory;
   std::string name;
 };
 
-// A name in a directory, and no way out of it.
+// Whether this is a plain name in a directory, with no way out of it.
 bool is_plain(std::string_view name) {
   return !name.empty() && name != "." && name != "..";
 }
@@ -73,9 +73,9 @@ bool same_file(int one, const struct stat &other) {
          status.st_ino == other.st_ino;
 }
 
-// The place that `path` names, if sealed files may be there. One directory after the other is
-// opened, links being refused, so that nobody can lead us elsewhere: not by a link that is there,
-// nor by one that takes a directory's place at the right moment.
+// The place that `path` names, if sealed files may be there. Opens one directory after the other
+// and refuses links. So nobody can lead us elsewhere, neither by an existing link nor by one that
+// replaces a directory at the right moment.
 std::optional<Place> place_of(const SealOptions &options, const std::string &path) {
   std::string base;
   for (const std::string &each : options.directories) {
@@ -108,7 +108,7 @@ UniqueFd open_file(const Place &place) {
                            O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
 }
 
-// Nothing is there, or a regular file that begins as a sealed one does.
+// Whether nothing is there, or a regular file that begins like a sealed one.
 bool may_be_replaced(const Place &place) {
   struct stat status {};
   if (::fstatat(place.directory.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {

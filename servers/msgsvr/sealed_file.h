@@ -1,5 +1,5 @@
-// Files that only this device can read and that nobody else can have made: authenticated
-// encryption with a key of the device's own.
+// Files that only this device can read or make: authenticated encryption with a key of the device's
+// own.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace msgsvr {
 
-// As requesters see them.
+// The values are those that requesters get.
 enum class SealStatus : uint32_t {
   kOk = 0,
   // Not an absolute path to where such files may be, or a link is on the way.
@@ -21,7 +21,7 @@ enum class SealStatus : uint32_t {
   kNotRead = ORP_CFM_ERR_FILE_READ,
   // Not such a file, damaged, cut off, or made with another key.
   kForeign = ORP_CFM_ERR_FILE_FOREIGN,
-  kTaken = ORP_CFM_ERR_FILE_TAKEN,  // something else than such a file has that name
+  kTaken = ORP_CFM_ERR_FILE_TAKEN,  // something other than a sealed file has that name
 };
 
 // What it means, for log lines.
@@ -33,8 +33,8 @@ struct SealOptions {
   std::vector<std::string> directories;  // each ends in "/"; they may be links themselves
 };
 
-// Writes `content` to `path`, which appears whole or not at all, readable for its owner only, and
-// may replace another sealed file. The key is made if there is none.
+// Writes `content` to `path`. The file appears whole or not at all, is readable for its owner only,
+// and may replace another sealed file. The key is made if there is none.
 SealStatus write_sealed(const SealOptions &options, const std::string &path,
                         std::span<const char> content, uint32_t user);
 

@@ -1,4 +1,4 @@
-// Connections: their begin, their end and what is served to them.
+// Connections: how they begin and end, and what the services see of them.
 
 #include "msgsvr/server.h"
 
@@ -24,7 +24,7 @@ using servers::log_line;
 constexpr size_t kReadSize = 131072;
 constexpr size_t kReadsInQueue = 3;
 
-// A burst of connections does not keep the connected waiting.
+// Bounded, so that a burst of connections does not keep connected clients waiting.
 constexpr int kMostAccepted = 64;
 
 // A board that vanished is noticed after about a minute.
@@ -136,7 +136,7 @@ void Server::take_in(UniqueFd fd) {
   const uint32_t id = ++last_id_;
   auto owner = std::make_unique<Client>(this, id, std::move(fd), options_.queue_limit);
   Client &client = *owner;
-  // Its TCP peer has gone already, and who it was can no longer be told.
+  // Its TCP peer has gone already, and its address is no longer known.
   if (client.address.empty() && !servers::local_address(client.fd.get()).empty()) return;
   client.account = accounts_.open(user_name(client));
   if (!is_served(client)) return;
@@ -152,7 +152,7 @@ void Server::take_in(UniqueFd fd) {
   journal_.connected(client);
 }
 
-// Over TCP only those of listed networks are.
+// Over TCP only boards of listed networks are served.
 bool Server::is_served(const Client &client) {
   if (client.address.empty() || options_.tcp_from.empty()) return true;
   sockaddr_storage address{};
@@ -214,8 +214,8 @@ void Server::writable(Client &to) {
   outbox_.flush();
 }
 
-// The client receives nothing any more. Its input is still read: it may have sent its last words
-// and then closed with unread messages.
+// Nothing more is sent to the client. Its input is still read: it may have sent messages and then
+// closed with unread ones.
 void Server::silence(Client &client) noexcept {
   names_.release(client);
   client.out.close();
@@ -230,7 +230,7 @@ void Server::silence(Client &client) noexcept {
 
 void Server::end(Client &client, std::string_view why) noexcept {
   if (client.ended) return;
-  // Its end may bring messages for itself. From here on they neither ask epoll for the descriptor
+  // Its end may cause messages for itself. From here on these neither use its descriptor in epoll
   // nor end it once more.
   client.ended = true;
   client.end_watch();
@@ -261,7 +261,7 @@ void Server::log_end(const Client &client, std::string_view why) const {
   }
 }
 
-// Handling its input has thrown. What the server had to send by then is sent, and the client ends.
+// Handling its input has thrown. Sends what is ready, and ends the client.
 void Server::fail(Client &client, const char *why) noexcept {
   journal_.failure();
   flow_.end_routing();

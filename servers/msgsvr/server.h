@@ -40,21 +40,21 @@ class Server final : private Flow::Clients, private Outbox::Clients {
 
   // Serves the connections that arrive at a listening socket.
   void listen(UniqueFd listener);
-  // Serves a connected stream socket. Null, with the socket closed, when its user has as many as
-  // may be, or when that fails.
+  // Serves a connected stream socket. Null, with the socket closed, on failure or when its user has
+  // too many.
   Client *adopt(UniqueFd fd) noexcept;
 
   // For the services.
 
-  // `handler` gets every message of this type that is for the server, with its body in place.
+  // `handler` gets every message of this type for the server, with its whole body.
   void serve(uint32_t type, Handler handler);
   // `handler` gets messages for the server whose type has no handler of its own. It returns false
-  // for those that it does not want, either.
+  // for those that it does not serve.
   void serve_rest(std::function<bool(Client &, const Message &)> handler);
   // `handler` is told of every client that is gone. It may send, but not to that client.
   void on_gone(GoneHandler handler) { gone_.push_back(std::move(handler)); }
-  // `handler` is told of every message for the server that is too long for it, or whose body cannot
-  // be read from its file.
+  // `handler` is told of every message for the server that is too long, or whose hand-over file
+  // cannot be read.
   void on_refused(RefusedHandler handler) { refused_messages_.push_back(std::move(handler)); }
 
   EventLoop &loop() { return *loop_; }
@@ -67,7 +67,7 @@ class Server final : private Flow::Clients, private Outbox::Clients {
   Gate &gate() { return gate_; }
   // Ends that client for the reason `why`; false when it is not there.
   bool disconnect(uint32_t id, std::string_view why) noexcept;
-  // Notes that `client` is refused more of what is limited, and tells it that its request is lost.
+  // Notes that `client` may not have more of `what`, and tells it that its request is lost.
   void refuse(Client &client, const Message &request, std::string_view what);
 
   Journal &journal() { return journal_; }

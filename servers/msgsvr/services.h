@@ -11,11 +11,11 @@ namespace msgsvr {
 
 struct Inventory;
 
-// A service's state, kept by whoever runs the server.
+// A service's state. Whoever runs the server owns it.
 class Service {
  public:
   virtual ~Service() = default;
-  // Adds what it keeps for clients.
+  // Adds to the inventory what this service keeps for clients.
   virtual void list(Inventory *) const {}
 };
 using Services = std::vector<std::unique_ptr<Service>>;

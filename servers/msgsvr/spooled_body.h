@@ -1,5 +1,5 @@
-// A message's body that comes piece by piece: in memory as long as it may travel in the message
-// itself, in a hand-over file from then on.
+// A message's body that comes piece by piece. It is in memory as long as it may travel in the
+// message itself, and then in a hand-over file.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ namespace msgsvr {
 
 class SpooledBody {
  public:
-  // A text follows `head_size` bytes, which are known last.
+  // The body is `head_size` bytes, which are filled in last, and a text.
   explicit SpooledBody(size_t head_size);
   SpooledBody(SpooledBody &&other) noexcept;
   SpooledBody(const SpooledBody &) = delete;
@@ -22,19 +22,19 @@ class SpooledBody {
   // Removes the file, unless it was given away.
   ~SpooledBody();
 
-  // Both false, with errno set, when there is no room.
+  // append() and finish() are false, with errno set, when there is no room.
   bool append(std::string_view text);
   // Nothing more comes: fills in the head, and ends the text with a NUL.
   bool finish(std::span<const char> head);
 
   size_t text_size() const { return size_ - head_size_; }
 
-  // Once it is finished. A body has a file (number not 0) or is in memory.
+  // Call these after finish(). A body has a file (number not 0) or is in memory.
   uint32_t file() const { return file_; }
   std::string_view memory() const { return memory_; }
   // The whole body, wherever it is; false with errno set.
   bool read(std::string *out) const;
-  // The file is somebody else's from now on.
+  // From now on somebody else owns the file.
   uint32_t give_away();
   // Removes the file.
   void discard();

@@ -1,7 +1,7 @@
 // Named synchronisation points: a process waits at one (0x5018) until another releases it (0x5019).
 //
-// A release lets everybody go who waits there. If nobody waits it is remembered, and lets the next
-// process go that comes.
+// A release lets every process that waits there go on. If none waits, the release is remembered and
+// lets the next process that comes go on.
 
 #include <algorithm>
 #include <string>
@@ -17,7 +17,7 @@ namespace {
 
 using servers::log_line;
 
-// Names come from clients.
+// Bounded, because names come from clients.
 constexpr size_t kLongestName = 255;
 
 class SyncPoints final : public Service {
@@ -42,9 +42,9 @@ class SyncPoints final : public Service {
   };
   struct Point {
     std::vector<Waiter> waiting;
-    Share released;      // none: it is not
+    Share released;      // none: it is not released
     uint32_t owner = 0;  // who released it, 0 when it has gone
-    uint64_t gone = 0;   // when that was, in the order of such ends
+    uint64_t gone = 0;   // when that was: a running number of such ends
     bool idle() const { return waiting.empty() && !released; }
   };
 
@@ -60,7 +60,7 @@ class SyncPoints final : public Service {
     std::erase_if(points_, [](const auto &entry) { return entry.second.idle(); });
   }
 
-  // Gives up the release that has been without its client the longest.
+  // Gives up the release whose client went first.
   bool make_room(const Account &user) {
     auto oldest = points_.end();
     for (auto entry = points_.begin(); entry != points_.end(); ++entry) {
@@ -99,7 +99,7 @@ class SyncPoints final : public Service {
       server_->outbox().reply(from, message, 0);
       return;
     }
-    // A process waits once: another request of it takes the first one's place.
+    // A process waits only once: another request replaces its first.
     if (entry != points_.end()) {
       for (Waiter &waiter : entry->second.waiting) {
         if (waiter.client != from.id) continue;
@@ -129,7 +129,7 @@ class SyncPoints final : public Service {
       return;
     }
     if (entry != points_.end() && entry->second.owner != 0) return;
-    // The release of a client that has gone becomes this one's.
+    // A release whose client has gone now belongs to this client.
     if (entry != points_.end()) points_.erase(entry);
     Share place = share(from);
     if (!place) {

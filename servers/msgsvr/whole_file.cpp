@@ -41,7 +41,7 @@ bool replace(int directory, const std::string &fresh, const std::string &name,
     errno = reason;
     return false;
   }
-  // The new name, too, is to be on the disk when this returns.
+  // The new name must be on the disk, too, when this returns (fsync(2)).
   ::fsync(directory);
   return true;
 }

@@ -18,7 +18,7 @@ static_assert(sizeof(Header) == ORP_MSG_HEADER_SIZE);
 
 constexpr size_t kHeaderSize = ORP_MSG_HEADER_SIZE;
 
-// The server's own name; the empty name means it, too.
+// The server's own name; the empty name also means the server.
 constexpr std::string_view kServerName = "mic";
 
 inline void swap_header(Header *header) {
@@ -70,7 +70,7 @@ class AppName {
 // A whole message that is for the server itself.
 struct Message {
   Header header;                // in host order, with the transport's flags
-  std::span<const char> body;   // what a hand-over file held, if the body came in one
+  std::span<const char> body;   // the contents of the hand-over file, if there was one
   std::span<const char> frame;  // header and body as they came, in the sender's byte order
   uint64_t record = 0;          // its number in the journal
 

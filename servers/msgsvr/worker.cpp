@@ -18,7 +18,7 @@ Worker::Worker(servers::EventLoop *loop)
     : loop_(loop), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
   loop_->add(wake_.get(), EPOLLIN, this);
-  // Signals are the loop's.
+  // Only the loop's thread takes signals.
   sigset_t all, before;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_BLOCK, &all, &before);
@@ -49,7 +49,7 @@ void Worker::work() {
   for (;;) {
     changed_.wait(lock, [this] { return ends_ || !waiting_.empty(); });
     if (ends_) return;
-    std::list<Task> task;  // moved as it is, so that its end needs no memory
+    std::list<Task> task;  // a list node is moved whole, so ending a task needs no memory
     task.splice(task.begin(), waiting_, waiting_.begin());
     lock.unlock();
     try {
