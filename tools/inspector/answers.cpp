@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <deque>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "common/printable.h"
@@ -21,6 +23,7 @@
 #include "msgctl/child.h"
 #include "msgctl/output.h"
 #include "traffic/decode.h"
+#include "traffic/mask.h"
 
 namespace inspector {
 namespace {
@@ -190,7 +193,7 @@ Selection Answers::selection_of(const Request &request) const {
   const std::string text = text_of(request, "filter");
   Selection selection;
   selection.filter = traffic::Filter(text, context_->catalogue, now_ns());
-  selection.all = text_of(request, "all") == "1" || text.find("kind") != std::string::npos;
+  selection.all = text_of(request, "all") == "1" || selection.filter.names_kind();
   selection.range = range_of(request);
   return selection;
 }
@@ -213,6 +216,8 @@ Answer Answers::records(const Request &request) const {
   uint64_t before = 0, last = 0;
   bool more = true;
   do {
+    // A lock is not fair: whoever waits for it gets it while others rest.
+    if (last != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const std::lock_guard lock(bus_->mutex);
     const Recording &recording = bus_->recording;
     if (last == 0) before = last = recording.end_sequence();
@@ -314,22 +319,23 @@ Json Answers::recorded_clients() const {
   const std::lock_guard lock(bus_->mutex);
   for (const auto &[id, client] : bus_->recording.model().clients()) {
     if (id == 0) continue;
+    const auto shown = [this](const std::string &text) {
+      return servers::printable(settings_.masked ? traffic::masked(text) : text);
+    };
     list.push_back({{"id", id},
                     {"name", servers::printable(client.name)},
                     {"pid", client.pid},
                     {"uid", client.uid},
-                    {"program", servers::printable(client.program)},
+                    {"program", shown(client.program)},
                     {"left", client.ended},
-                    {"last_words", servers::printable(client.last_words)}});
+                    {"last_words", shown(client.last_words)}});
   }
   return {{"clients", std::move(list)}};
 }
 
 Answer Answers::send(const Request &request) const {
   if (!settings_.allow_send) return problem(403, "start msginspect with --allow-send to send");
-  const bool ours = std::find(settings_.origins.begin(), settings_.origins.end(), request.origin) !=
-                    settings_.origins.end();
-  if (!ours) return problem(403, "this was not asked by the inspector's own page");
+  if (!request.from_own_page) return problem(403, "this was not asked by the inspector's own page");
   const Json json = traffic::parsed(request.body);
   const std::string to = msgctl::text_at(json, "to"), type = msgctl::text_at(json, "type");
   const std::string body = msgctl::text_at(json, "body");
@@ -340,15 +346,17 @@ Answer Answers::send(const Request &request) const {
   if (!is_word(to) || !is_word(type) || body.find('\0') != std::string::npos) {
     throw BadRequest("to, type: who is to get which message?");
   }
-  std::vector<std::string> words{
-      program_beside("msgctl"),
-      answered ? "call" : "send",
-      "--json",
-      "--timeout",
-      std::to_string(kSendTimeout_ms),
-      to,
-      type,
-      std::to_string(static_cast<uint32_t>(msgctl::count_at(json, "data")))};
+  const uint64_t data = msgctl::count_at(json, "data");
+  const bool is_number = !json.contains("data") || json["data"].is_number_unsigned();
+  if (!is_number || data > UINT32_MAX) throw BadRequest("data: a number from 0 to 4294967295");
+  std::vector<std::string> words{program_beside("msgctl"),
+                                 answered ? "call" : "send",
+                                 "--json",
+                                 "--timeout",
+                                 std::to_string(kSendTimeout_ms),
+                                 to,
+                                 type,
+                                 std::to_string(data)};
   if (!body.empty()) words.push_back("text:" + body);
   const msgctl::ChildResult result =
       msgctl::run_child(words, {}, {}, 2 * kSendTimeout_ms, size_t{1} << 20);

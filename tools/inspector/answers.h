@@ -15,9 +15,8 @@ namespace inspector {
 struct Settings {
   std::string log_directory;
   bool masked = true;
-  bool past = false;                 // a file is shown: nothing is asked of a running server
-  bool allow_send = false;           // messages may be sent
-  std::vector<std::string> origins;  // of the page, by which those who send are known
+  bool past = false;        // a file is shown: nothing is asked of a running server
+  bool allow_send = false;  // messages may be sent
 };
 
 // `bus` and `context` must outlive it and its streams.

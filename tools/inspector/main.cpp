@@ -61,7 +61,8 @@ UniqueFd inherited(std::string_view number) {
 
 UniqueFd listen(const std::string &where) {
   if (where.starts_with(kInherited)) return inherited(std::string_view(where).substr(3));
-  return servers::listen_tcp(where);
+  // A port alone is one of this machine only.
+  return servers::listen_tcp(where.starts_with(':') ? "127.0.0.1" + where : where);
 }
 
 struct Place {
@@ -112,13 +113,12 @@ void hold_signals() {
   ::pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 }
 
-inspector::Settings settings_of(const Options &options, const std::vector<std::string> &hosts) {
+inspector::Settings settings_of(const Options &options) {
   inspector::Settings settings;
   settings.log_directory = options.logs.empty() ? mlog::server_directory() : options.logs;
   settings.masked = !options.no_mask;
   settings.past = !options.file.empty();
   settings.allow_send = options.allow_send && !settings.past;
-  for (const std::string &host : hosts) settings.origins.push_back("http://" + host);
   return settings;
 }
 
@@ -140,7 +140,7 @@ void inspect(const Options &options, const msgctl::Context &context) {
   } else {
     inspector::load_past(&bus, options.file);
   }
-  const inspector::Answers answers(&bus, &context, settings_of(options, hosts));
+  const inspector::Answers answers(&bus, &context, settings_of(options));
   const inspector::Web web(std::move(listener), token, hosts, std::cref(answers));
   std::printf("http://%s/%s/\n", hosts[0].c_str(), token.c_str());
   std::fflush(stdout);
@@ -160,7 +160,7 @@ int main(int argc, char **argv) {
   servers::CommandLine line("msginspect",
                             "Shows the message bus in a browser: who talks to whom, each message, "
                             "how long it takes. Prints the address to open.");
-  line.option("--listen", &options.listen, "ADDRESS:PORT, or fd:N for a socket that is open");
+  line.option("--listen", &options.listen, "[ADDRESS]:PORT, or fd:N for a socket that is open");
   line.option("-f,--file", &options.file, "Show a capture (pcapng) or a flight file, not the bus");
   line.flag("--no-mask", &options.no_mask, "Show personal data");
   line.flag("--allow-send", &options.allow_send, "The page may send messages");

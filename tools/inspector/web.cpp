@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/listen.h"
+
 namespace inspector {
 namespace {
 
@@ -33,6 +35,27 @@ constexpr std::pair<const char *, const char *> kHeaders[] = {
 std::string_view header_of(MHD_Connection *connection, const char *name) {
   const char *value = ::MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
   return value == nullptr ? std::string_view() : value;
+}
+
+// A browser leaves out the port that is usual.
+std::string with_port(std::string_view host) {
+  const size_t colon = host.rfind(':');
+  const bool has_port = colon != std::string_view::npos && host.find(']', colon) == host.npos;
+  return std::string(host) + (has_port ? "" : ":80");
+}
+
+// "ADDRESS:PORT" of our end. Somebody's page can have a name lead there, but not an address.
+std::string address_of(MHD_Connection *connection) {
+  const MHD_ConnectionInfo *info =
+      ::MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+  if (info == nullptr) return {};
+  constexpr std::string_view kMapped = "[::ffff:";
+  std::string address = servers::local_address(info->connect_fd);
+  // An IPv4 address on a socket for both.
+  if (address.starts_with(kMapped) && address.find('.') != std::string::npos) {
+    address.erase(address.find(']'), 1).erase(0, kMapped.size());
+  }
+  return address;
 }
 
 // How long it takes does not depend on where they differ.
@@ -145,16 +168,18 @@ struct WebCallbacks {
     return MHD_YES;
   }
 
-  static bool is_served(const Web &web, std::string_view host) {
-    return std::any_of(web.hosts_.begin(), web.hosts_.end(), [host](const std::string &served) {
-      return served.size() == host.size() &&
-             ::strncasecmp(served.data(), host.data(), host.size()) == 0;
-    });
+  static bool is_served(const Web &web, MHD_Connection *connection, std::string_view host) {
+    const auto is = [whole = with_port(host)](const std::string &served) {
+      return ::strcasecmp(served.c_str(), whole.c_str()) == 0;
+    };
+    return !host.empty() &&
+           (is(address_of(connection)) || std::any_of(web.hosts_.begin(), web.hosts_.end(), is));
   }
 
   static Answer answer(Web *web, MHD_Connection *connection, std::string_view url,
                        std::string_view method, Exchange *exchange) {
-    if (!is_served(*web, header_of(connection, MHD_HTTP_HEADER_HOST))) {
+    const std::string_view host = header_of(connection, MHD_HTTP_HEADER_HOST);
+    if (!is_served(*web, connection, host)) {
       return refusal(MHD_HTTP_MISDIRECTED_REQUEST, "this is another host\n");
     }
     const size_t end = std::min(url.find('/', 1), url.size());
@@ -165,7 +190,7 @@ struct WebCallbacks {
     Request request;
     request.method = method == "HEAD" ? "GET" : method;
     request.path = url.substr(end + 1);
-    request.origin = header_of(connection, "Origin");
+    request.from_own_page = header_of(connection, "Origin") == "http://" + std::string(host);
     request.body = std::move(exchange->body);
     ::MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &argument, &request.arguments);
     try {

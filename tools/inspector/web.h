@@ -20,7 +20,7 @@ struct Request {
   std::string method;  // "GET" also for HEAD
   std::string path;    // after the token: "v1/status"
   std::map<std::string, std::string> arguments;
-  std::string origin;  // the header, if there is one
+  bool from_own_page = false;  // its Origin header says that the page by this Host asks
   std::string body;
 };
 
@@ -44,7 +44,8 @@ class Web {
  public:
   using Handler = std::function<Answer(const Request &)>;
 
-  // `hosts` are the Host headers that are served. The handler is called from several threads, and
+  // `hosts`, "ADDRESS:PORT", are the Host headers that are served beside the address to which a
+  // connection was made; port 80 may be left out. The handler is called from several threads, and
   // what it throws is answered with 500. Throws std::runtime_error.
   Web(servers::UniqueFd listener, std::string token, std::vector<std::string> hosts,
       Handler handler);

@@ -395,8 +395,10 @@ async function refresh() {
   const range = currentRange();
   try {
     state.summary = await ask("v1/summary", { from: range.from, to: range.to, type: state.type });
-  } catch {
-    return; // the connection's trouble is told elsewhere
+  } catch (error) {
+    // While there is a stream of records, its end tells of the connection.
+    if (!source && !(error instanceof Refused)) lose(error.message, attempt);
+    return;
   }
   showTimeline();
   await show();
