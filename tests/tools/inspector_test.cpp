@@ -1,5 +1,6 @@
 #include <curl/curl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -287,7 +288,7 @@ TEST_F(InspectorTest, TellsBrowsersWhatComes) {
   inspector.wait_for_records(2);
 
   std::thread sender([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    inspector.wait_for("v1/status", [](const Json &status) { return status["browsers"] == 1; });
     server.message(kPanel, kStation, kAsk, 1, "not this");
     server.message(kPanel, kStation, kAsk, 2, R"({"password": "hunter2"})", 42);
   });
@@ -328,6 +329,53 @@ TEST_F(InspectorTest, GoesOnWithTheNextServer) {
 
   EXPECT_EQ(inspector.json("v1/records?filter=from%3Dpanel")["records"].size(), 3u);
   EXPECT_EQ(inspector.json("v1/records?filter=from%3Dother")["records"].size(), 3u);
+  EXPECT_THAT(inspector.get("v1/export?format=json&filter=lost").body, testing::StrEq("[\n\n]\n"));
+
+  // What is exported keeps them apart, too.
+  constexpr const char *kCapture = "/var/both.pcapng";
+  std::ofstream(kCapture, std::ios::binary) << inspector.get("v1/export?format=pcapng").body;
+  EXPECT_THAT(test::contents(kCapture),
+              AllOf(HasSubstr("Clients: 1 panel"), HasSubstr("panel -> #2  0x1234 #1 = 3")));
+  std::ofstream("/var/none.pcapng", std::ios::binary)
+      << inspector.get("v1/export?format=pcapng&filter=lost").body;
+  inspector.stop();
+  {
+    const Inspector none({"--file", "/var/none.pcapng", "--token-file", ""});
+    EXPECT_EQ(none.json("v1/status")["state"], "past");
+  }
+  const Inspector past({"--file", kCapture, "--token-file", ""});
+  EXPECT_EQ(past.json("v1/status")["servers"], 2);
+  EXPECT_EQ(past.json("v1/records?filter=from%3Dpanel")["records"].size(), 3u);
+  EXPECT_EQ(past.json("v1/records?filter=from%3Dother")["records"].size(), 3u);
+  EXPECT_EQ(past.json("v1/records?filter=answer")["records"].size(), 2u);
+}
+
+TEST_F(InspectorTest, IsServedByTheNamesOfItsAddress) {
+  {
+    const Inspector usual({"--listen", ":80", "--token-file", ""});
+    EXPECT_THAT(usual.base(), StartsWith("http://127.0.0.1:80/"));
+    for (const char *host : {"Host: 127.0.0.1", "Host: localhost", "Host: 127.0.0.1:80"}) {
+      EXPECT_EQ(usual.get("v1/status", {.headers = {host}}).status, 200) << host;
+    }
+    for (const char *host : {"Host: 127.0.0.1:8970", "Host: evil.example", "Host: 127.0.0.2"}) {
+      EXPECT_EQ(usual.get("v1/status", {.headers = {host}}).status, 421) << host;
+    }
+  }
+  for (const char *any : {"0.0.0.0:8970", "[::]:8970"}) {
+    const Inspector all({"--listen", any, "--token-file", "", "--allow-send"});
+    const std::string place = all.base().substr(all.base().find(":8970"));
+    for (const char *address : {"http://127.0.0.1", "http://127.0.0.2"}) {
+      EXPECT_EQ(fetch(address + place + "v1/status").status, 200) << any;
+      EXPECT_EQ(
+          fetch(address + place + "v1/status", {.headers = {"Host: evil.example:8970"}}).status,
+          421);
+      // The page by that address is our own.
+      const Ask ours{.headers = {std::string("Origin: ") + address + ":8970"},
+                     .method = "POST",
+                     .upload = "{}"};
+      EXPECT_EQ(fetch(address + place + "v1/send", ours).status, 400);
+    }
+  }
 }
 
 TEST_F(InspectorTest, ShowsThePast) {
@@ -430,6 +478,11 @@ TEST_F(InspectorTest, SendsForItsOwnPageWhereThatIsAllowed) {
   EXPECT_EQ(send(R"({"to": "nobody", "type": "0x1234"})", kOurs).json()["status"], 4);
   EXPECT_EQ(send(R"({"to": "--help", "type": "0x1234"})", kOurs).status, 400);
   EXPECT_EQ(send("[", kOurs).status, 400);
+  for (const char *data : {"4294967296", "-1", "1.5", "\"1\""}) {
+    const std::string body =
+        R"({"to": "server", "type": "factory-mode", "data": )" + std::string(data) + "}";
+    EXPECT_EQ(send(body.c_str(), kOurs).status, 400) << data;
+  }
   EXPECT_FALSE(inspector.json("v1/clients")["clients"].is_null());
   EXPECT_EQ(inspector.json("v1/stats")["pid"], server.pid());
 }
@@ -454,6 +507,21 @@ TEST(InspectorToken, IsKeptWhereNobodyElseReadsIt) {
   warning.clear();
   EXPECT_EQ(inspector::token_of("/nowhere/token", &warning).size(), 32u);
   EXPECT_NE(warning, "");
+
+  // On a full disk; a part of a token would be in the way of all later ones.
+  warning.clear();
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit few{10, before.rlim_max};
+  std::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &few);
+  EXPECT_EQ(inspector::token_of("/var/other", &warning).size(), 32u);
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_NE(warning, "");
+  warning.clear();
+  const std::string kept = inspector::token_of("/var/other", &warning);
+  EXPECT_EQ(inspector::token_of("/var/other", &warning), kept);
+  EXPECT_EQ(warning, "");
 }
 
 TEST(InspectorSampler, KeepsBurstsAndThinsFloodsByExchange) {
@@ -507,6 +575,41 @@ TEST_F(InspectorRecording, ForgetsTheOldestAtItsLimits) {
   EXPECT_EQ(few.at(few.first_sequence()).sequence, few.first_sequence());
   EXPECT_LE(small.bytes(), 10'000u);
   EXPECT_GT(small.end_sequence() - small.first_sequence(), 2u);
+}
+
+// What refers to a message keeps its body.
+TEST_F(InspectorRecording, CountsEveryBodyThatItHolds) {
+  constexpr size_t kBody = 250;
+  Recording recording(catalogue_, true, {.records = 8});
+  recording.begin_server(256);
+  const std::string body(kBody, 'x');
+  // Each is asked first and answered much later: the answers hold the requests.
+  for (uint32_t i = 0; i < 40; ++i) server_.message(kPanel, kStation, kAsk, i, body);
+  for (uint32_t i = 0; i < 40; ++i) server_.message(kStation, kPanel, kAsk, i, body);
+  read(&recording);
+
+  size_t least = 0;
+  for (uint64_t at = recording.first_sequence(); at < recording.end_sequence(); ++at) {
+    const inspector::Kept &kept = recording.at(at);
+    ASSERT_TRUE(kept.message && kept.request);
+    least += kept.message->body.size() + kept.request->body.size() + kept.json.size();
+  }
+  EXPECT_GE(least, 8 * 2 * kBody);
+  EXPECT_GT(recording.bytes(), least);
+  EXPECT_LT(recording.bytes(), 3 * least);
+}
+
+// A capture need not have all records, and nothing was missed for that.
+TEST_F(InspectorRecording, MissesNothingInAFile) {
+  Recording recording(catalogue_, true);
+  recording.begin_past(2, 0);
+  flight::Entry entry;
+  entry.record.kind = static_cast<uint8_t>(flight::Kind::kNamed);
+  for (const uint64_t number : {3, 90}) {
+    entry.record.number = number;
+    recording.take(entry, 0);
+  }
+  EXPECT_EQ(recording.missed(), 0u);
 }
 
 // Whatever the speed of the machine: the times are those of the records.
