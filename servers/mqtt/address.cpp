@@ -12,11 +12,23 @@ namespace {
 
 constexpr size_t kLongestHost = 253;  // RFC 1035 section 2.3.4
 constexpr size_t kLongestTopic = 1024;
+// MQTT 5, 3.1.3.6. Tokens that clouds give out as passwords have some thousands of bytes.
+constexpr size_t kLongestPassword = 65535;
 
 bool is_host(std::string_view host) {
   if (host.empty() || host.size() > kLongestHost) return false;
   return host.find_first_not_of(
              "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:%") == host.npos;
+}
+
+std::string password_in(const catalogue::JsonValue &root) {
+  const catalogue::JsonValue *value = root.member("password");
+  if (value == nullptr) return "";
+  if (value->kind != catalogue::JsonValue::Kind::kText || value->text.size() > kLongestPassword ||
+      value->text.find('\0') != std::string::npos) {
+    catalogue::fail(*value, "'password' must be a text of at most 65535 bytes without NUL");
+  }
+  return std::string(value->text);
 }
 
 }  // namespace
@@ -74,7 +86,7 @@ Credentials read_credentials(const std::string &path) {
   catalogue::expect_object(root, "a file of credentials");
   catalogue::allow(root, {"user", "password"});
   return {std::string(catalogue::text_in(catalogue::required(root, "user"), "user")),
-          std::string(catalogue::optional_text(root, "password"))};
+          password_in(root)};
 }
 
 bool is_topic(std::string_view topic) {

@@ -164,6 +164,16 @@ TEST(BridgeConfig, CredentialsAreTheirOwnersAlone) {
 
   ASSERT_EQ(0, ::chmod(path.c_str(), 0600));
   EXPECT_EQ("secret", mqtt::read_credentials(path).password);
+
+  const auto read = [&path](const std::string &password) {
+    std::ofstream(path) << R"({"user": "gw", "password": ")" << password << "\"}";
+    return mqtt::read_credentials(path).password;
+  };
+  const std::string token(65535, 'x');
+  EXPECT_EQ(token, read(token));
+  EXPECT_THROW(read(token + "x"), catalogue::JsonError);
+  EXPECT_THROW(read("a\\u0000b"), catalogue::JsonError);
+  EXPECT_EQ("", read(""));
 }
 
 TEST(BridgeTopics, KeepForeignTextInItsLevel) {
