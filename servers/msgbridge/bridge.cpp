@@ -73,7 +73,9 @@ void Bridge::take_event(uint32_t type, std::string_view data) {
   std::optional<Event> event = upward_.take(type, data, Spool::system_clock());
   if (!event) return;
   spool_.append(std::move(*event));
-  if (spool_.unwritten_bytes() > kBatchBytes && disk_problem_.empty()) {
+  if (!disk_problem_.empty()) {
+    commit_timer_.start_if_idle(kDiskPeriod_ms);
+  } else if (spool_.unwritten_bytes() > kBatchBytes) {
     commit();
   } else {
     commit_timer_.start_within(config_->spool.commit_ms);

@@ -74,7 +74,8 @@ Request read_rest(std::string_view rest, std::string_view payload, const DownRul
   }
   const bool is_query = method->word == "get" || method->word == "delete";
   if (!is_query && !parse_json(payload)) {
-    return refuse(AnswerStatus::kBadRequest, "the body is no JSON, or goes too deep, or has too many members");
+    return refuse(AnswerStatus::kBadRequest,
+                  "the body is no JSON, or goes too deep, or has too many members");
   }
   return request;
 }

@@ -43,7 +43,8 @@ class Link {
   Link &operator=(const Link &) = delete;
 
   void start();
-  bool up() const { return up_; }
+  // False from end() on.
+  bool up() const { return up_ && !over_; }
   // How many publications may wait for their acknowledgement.
   uint16_t window() const { return window_; }
   uint64_t connections() const { return connections_; }

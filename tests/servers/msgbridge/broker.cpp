@@ -150,6 +150,7 @@ void Proxy::carry(int client) {
         left -= size;
         going = left > 0;
       }
+      if (hold_) continue;
       if (::send(entry.fd == client ? server : client, bytes.data(), size, MSG_NOSIGNAL) < 0) {
         going = false;
       }

@@ -43,6 +43,8 @@ class Proxy {
 
   // Closed, nobody gets through, and who is there is thrown out.
   void open(bool open) { open_ = open; }
+  // Held, connections stay, and what comes is thrown away.
+  void hold(bool hold) { hold_ = hold; }
   // Every connection is cut when so many bytes have come back from the broker; 0: none is.
   void cut_after(std::function<size_t()> bytes);
   int connections() const { return connections_; }
@@ -54,6 +56,7 @@ class Proxy {
   uint16_t target_;
   int listener_;
   std::atomic<bool> open_ = true;
+  std::atomic<bool> hold_ = false;
   std::atomic<bool> stop_ = false;
   std::atomic<int> connections_ = 0;
   std::mutex lock_;

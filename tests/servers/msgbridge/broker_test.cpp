@@ -666,8 +666,65 @@ TEST_F(BridgeWithRules, WhatNeedsNoAcknowledgementLeavesTheSpool) {
   EXPECT_EQ(201u, account.heard);
   EXPECT_EQ(0u, account.twice);
   EXPECT_TRUE(account.in_order);
+  for (const char *file : {"", "/spool.db", "/spool.db-wal"}) {
+    const auto status = fs::status(std::string("/var/spool/msgbridge") + file);
+    EXPECT_EQ(fs::perms::none,
+              status.permissions() & (fs::perms::group_all | fs::perms::others_all))
+        << "events are nobody else's: " << file;
+  }
   EXPECT_EQ(0, bridge->stop(SIGTERM));
   EXPECT_THAT(bridge->output(), HasSubstr("0 events wait"));
+}
+
+// ---- More that goes wrong ----
+
+TEST_F(BridgeAndBroker, GoesOnWhenItsSpoolIsDamaged) {
+  test::Broker broker(kBrokerPort);
+  test::Proxy proxy(kProxyPort, kBrokerPort);
+  proxy.open(false);
+  configure(R"("spool": {"path": "/var/spool.db", "reserve": false})");
+  test::Listener listener(kBrokerPort, "gw/#", &record_);
+  auto bridge = start_bridge();
+  publish(3000);  // more than it keeps in memory
+  settle("/var/spool.db-wal");
+  for (const char *file : {"/var/spool.db", "/var/spool.db-wal"}) {
+    std::fstream pages(file, std::ios::in | std::ios::out | std::ios::binary);
+    pages.seekp(4096);
+    const std::string garbage(fs::file_size(file) - 4096, '\x7f');
+    ASSERT_TRUE(pages.write(garbage.data(), static_cast<std::streamsize>(garbage.size())).flush());
+  }
+  proxy.open(true);
+  ASSERT_TRUE(record_.wait_for("gw/me/lost", "damaged")) << bridge->output();
+  publish(10);
+  const uint64_t last = last_sequence();
+  const Account account = test::account_of(record_.all(), last);
+  EXPECT_EQ(3011u, last);
+  EXPECT_EQ(0u, account.missing);
+  EXPECT_LE(11u, account.heard);
+  EXPECT_TRUE(account.in_order);
+  EXPECT_TRUE(bridge->wait_for("was damaged, is begun anew")) << bridge->output();
+}
+
+TEST_F(BridgeAndBroker, NoticesWhenNothingComesThroughAnyMore) {
+  test::Broker broker(kBrokerPort);
+  test::Proxy proxy(kProxyPort, kBrokerPort);
+  configure("", "mqtt://127.0.0.1:" + std::to_string(kProxyPort), R"(, "keep_alive_s": 5)");
+  test::Listener listener(kBrokerPort, "gw/#", &record_);
+  auto bridge = start_bridge();
+  ASSERT_TRUE(record_.wait_for(kStatus, "online"));
+  publish(100);
+  proxy.hold(true);  // every packet is dropped, and no connection ends
+  publish(100);
+  ASSERT_TRUE(bridge->wait_for("has ended")) << bridge->output();
+  proxy.open(false);  // an attempt that has come in between need not wait
+  proxy.hold(false);
+  std::this_thread::sleep_for(milliseconds(100));
+  proxy.open(true);
+  const uint64_t last = last_sequence();
+  const Account account = test::account_of(record_.all(), last);
+  EXPECT_EQ(201u, last);
+  EXPECT_EQ(last, account.heard);
+  EXPECT_TRUE(account.in_order);
 }
 
 // ---- What the fleet's tool cannot do ----
