@@ -1,21 +1,31 @@
 #!/usr/bin/env python3
-"""mutants.py FOLDER [--count N] [--seed S] [--list]: how many small faults do the tests find?
+"""mutants.py FOLDER [--count N] [--seed S] [--minutes M] [--list]: how many small faults do the
+tests find?
 
 Changes one place of the sources of FOLDER (src/msg, say) at a time: turns a comparison or a
-condition around, moves a bound by one, drops a call. Builds the folder's tests with it and runs
-them. A mutant that no test finds has survived and is shown. All of this happens in a copy of the
-tree below build/mutants."""
+condition around, moves a bound by one, drops a call. Builds the folder's test programs with it, and
+runs their cases one by one until one fails: first those that have found a mutant of the same file,
+then those of the test file of its name, then the others, quick ones first. A mutant that no case
+finds has survived and is shown. All of this happens in a copy of the tree below build/mutants,
+without debug information, so that a mutant costs one compilation and one link."""
 
 import argparse
+import os
 import pathlib
 import random
 import re
 import shutil
+import signal
 import subprocess
 import sys
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 COPY = ROOT / "build" / "mutants" / "tree"
+BIN = COPY / "build" / "debug" / "bin"
+
+# A case that takes so many times as long as without a change, and some seconds, does not end.
+SLOWER, GRACE_S = 10, 10
 
 # What is replaced by what; blanks around an operator keep template brackets out.
 OPERATORS = [
@@ -58,24 +68,81 @@ def mutants_of(path):
 
 
 def tests_of(folder):
-    """The test programs of a folder: those of the nearest folder below tests/ that has some."""
+    """The test programs of a folder, and where their sources are: those of the nearest folder below
+    tests/ that has some."""
     parts = pathlib.PurePath(folder).parts
     mirror = ROOT / "tests" / pathlib.Path(*(parts[1:] if parts[0] == "src" else parts))
     while mirror != ROOT:
         lists = mirror / "CMakeLists.txt"
         names = re.findall(r"^msgapi_test\((\w+)", lists.read_text(), re.M) if lists.exists() else []
         if names:
-            return names
+            return names, mirror
         mirror = mirror.parent
     sys.exit(f"mutants: no tests belong to {folder}")
 
 
 def run(words, timeout=None):
-    try:
-        return subprocess.run(words, cwd=COPY, capture_output=True, text=True,
-                              timeout=timeout).returncode == 0
-    except subprocess.TimeoutExpired:
-        return False
+    """Whether it succeeds in time; what it has started ends with it."""
+    with subprocess.Popen(words, cwd=COPY, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                          stdin=subprocess.DEVNULL, start_new_session=True,
+                          env={**os.environ, "MSGAPI_BIN": str(BIN)}) as process:
+        try:
+            return process.wait(timeout) == 0
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGKILL)
+            return False
+
+
+class Cases:
+    """The cases of some test programs, each a process of its own in the sandbox."""
+
+    def __init__(self, programs, sources):
+        self.usual_s = {}   # by (program, case), without a change
+        self.file_of = {}   # the test file that it stands in
+        self.killed = {}    # by source file: the cases that have found its mutants, the latest first
+        stands_in = {}
+        for path in sorted(sources.rglob("*.cpp")):
+            for suite, name in re.findall(r"^(?:TYPED_)?TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", path.read_text(),
+                                          re.M):
+                stands_in[f"{suite}.{name}"] = path.stem
+        for program in programs:
+            listing = subprocess.run([BIN / "sandbox", "--", BIN / program, "--gtest_list_tests"],
+                                     capture_output=True, text=True, check=True).stdout
+            suite = ""
+            for line in listing.splitlines():
+                word = line.split("#")[0].rstrip()
+                if word.endswith(".") and not line.startswith(" "):
+                    suite = word
+                elif line.startswith("  ") and "DISABLED_" not in line:
+                    case = (program, suite + word.strip())
+                    plain = re.sub(r"/\w+$", "", re.sub(r"^\w+/", "", case[1]))
+                    self.file_of[case] = stands_in.get(plain, "")
+                    self.usual_s[case] = 0.0
+
+    def passes(self, case, limit_s=None):
+        return run([str(BIN / "sandbox"), "--", str(BIN / case[0]), f"--gtest_filter={case[1]}"],
+                   limit_s)
+
+    def measure(self):
+        for case in list(self.usual_s):
+            begin = time.monotonic()
+            if not self.passes(case, 300):
+                sys.exit(f"mutants: {case[1]} fails before anything is changed")
+            self.usual_s[case] = time.monotonic() - begin
+
+    def find(self, source):
+        """The case that fails, if one does."""
+        found_before = self.killed.setdefault(source, [])
+        own = f"{source.stem}_test"
+        others = sorted((case for case in self.usual_s if case not in found_before),
+                        key=lambda case: (self.file_of[case] != own, self.usual_s[case]))
+        for case in [*found_before, *others]:
+            if not self.passes(case, GRACE_S + SLOWER * self.usual_s[case]):
+                if case in found_before:
+                    found_before.remove(case)
+                found_before.insert(0, case)
+                return case
+        return None
 
 
 def copy_tree():
@@ -91,11 +158,20 @@ def copy_tree():
             shutil.copy(source, target)
 
 
+def configure():
+    """Without debug information, and with the quicker linker if it is there."""
+    options = [f"-DCMAKE_{language}_FLAGS_DEBUG=-g0" for language in ("C", "CXX")]
+    if shutil.which("ld.lld"):
+        options.append("-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld")
+    return run(["cmake", "--preset", "debug", *options])
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("folder")
     parser.add_argument("--count", type=int, default=50)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--minutes", type=float, default=0, help="begin no mutant after so many")
     parser.add_argument("--list", action="store_true", help="only show the mutants")
     options = parser.parse_args()
 
@@ -111,32 +187,37 @@ def main():
             print(f"{path}:{number + 1}: {text.strip()}")
         return
 
-    tests = tests_of(folder)
+    programs, sources = tests_of(folder)
     copy_tree()
-    build = ["cmake", "--build", "--preset", "debug", "--target", "sandbox", *tests]
-    check = ["ctest", "--preset", "debug", "-L", f"^({'|'.join(tests)})$", "--stop-on-failure",
-             "--parallel", "2", "--timeout", "60", "--no-tests=error"]
-    if not (run(["cmake", "--preset", "debug"]) and run(build) and run(check)):
-        sys.exit("mutants: the tests do not pass before anything is changed")
+    build = ["ninja", "-C", "build/debug", *programs]
+    if not (configure() and run(["ninja", "-C", "build/debug", "sandbox"]) and run(build)):
+        sys.exit("mutants: the tests do not compile before anything is changed")
+    cases = Cases(programs, sources)
+    cases.measure()
 
     killed, survivors, broken = 0, [], 0
+    begin = time.monotonic()
     for at, (path, number, text) in enumerate(chosen, 1):
+        if options.minutes and time.monotonic() - begin > options.minutes * 60:
+            break
         target = COPY / path
         original = target.read_text()
         lines = original.splitlines()
         before, lines[number] = lines[number], text
+        started = time.monotonic()
         target.write_text("\n".join(lines) + "\n")
         try:
             if not run(build, 600):
                 broken, outcome = broken + 1, "does not compile"
-            elif run(check, 900):
+            elif (case := cases.find(path)) is None:
                 survivors.append((path, number, before, text))
                 outcome = "SURVIVES"
             else:
-                killed, outcome = killed + 1, "found"
+                killed, outcome = killed + 1, f"found by {case[1]}"
         finally:
             target.write_text(original)
-        print(f"[{at}/{len(chosen)}] {path}:{number + 1}: {text.strip()[:70]}: {outcome}", flush=True)
+        print(f"[{at}/{len(chosen)}] {path}:{number + 1}: {text.strip()[:70]}: {outcome} "
+              f"({time.monotonic() - started:.1f} s)", flush=True)
 
     print(f"\n{killed} found, {len(survivors)} survive, {broken} do not compile "
           f"({len(every)} mutants in {folder})")
