@@ -98,8 +98,11 @@ class Journal {
             const AppName &to_name) noexcept;
   // Counts whether the sender of a lost message is told.
   void told(bool sent) noexcept { ++(sent ? statistics_.told : statistics_.untold); }
-  // Such a notice is lost itself.
-  void notice_lost() noexcept { --statistics_.told; }
+  // Such a notice is lost itself: of that message, too, nobody is told.
+  void notice_lost() noexcept {
+    --statistics_.told;
+    ++statistics_.untold;
+  }
 
   void half_full(const Client &reader) noexcept;
   void empty_again(const Client &reader) noexcept;

@@ -83,6 +83,7 @@ void Client::descriptor_dropped(const OutputQueue::Tag &tag) noexcept {
   const Client *from = server->by_id(tag.origin);
   server->journal().lost(Loss::kDescriptor, tag, from == nullptr ? Party{} : party_of(*from), this,
                          name);
+  server->journal().told(false);
 }
 
 std::string Client::label() const {

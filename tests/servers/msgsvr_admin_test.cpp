@@ -235,6 +235,26 @@ TEST_F(MsgsvrAdmin, CountsWhatTheServerHasDone) {
   EXPECT_EQ("nobody", later[1]["to"]);
 }
 
+TEST_F(MsgsvrAdmin, CountsWhoseNoticeIsLostAsToldToNobody) {
+  start();
+  constexpr int kSent = 2000;
+  RawClient pub("pub");
+  for (int i = 0; i < kSent; ++i) pub.send({.type = kType, .to = "nobody"});
+  pub.close();
+
+  json stats;
+  for (int i = 0; i < 100; ++i) {
+    RawClient("settle").drain();
+    stats = get("/v1/stats");
+    if (stats["lost"]["receiver_gone"] != 0) break;
+  }
+  uint64_t lost = 0;
+  for (const json &count : stats["lost"]) lost += count.get<uint64_t>();
+  EXPECT_EQ(kSent, stats["lost"]["no_such_name"]);
+  EXPECT_NE(0, stats["lost"]["receiver_gone"]);
+  EXPECT_EQ(lost, stats["senders_told"].get<uint64_t>() + stats["nobody_told"].get<uint64_t>());
+}
+
 TEST_F(MsgsvrAdmin, SpeaksOpenMetrics) {
   start({"--flight", "0"});
   RawClient a("a\"b\\c");
