@@ -6,8 +6,13 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <utility>
+#include <vector>
 
 #include "support/allocation.h"
 #include "support/file.h"
@@ -17,6 +22,9 @@ namespace {
 
 // What the next look-ups of a user by name answer; 0: what they find.
 int g_look_up_error;
+
+// Learns of each sleep, in milliseconds.
+std::function<void(int64_t ms)> g_on_sleep;
 
 }  // namespace
 
@@ -30,6 +38,11 @@ extern "C" int getpwnam_r(const char *name, passwd *record, char *buffer, size_t
   using Function = int (*)(const char *, passwd *, char *, size_t, passwd **);
   static const auto original = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "getpwnam_r"));
   return original(name, record, buffer, size, result);
+}
+
+extern "C" int nanosleep(const timespec *time, timespec *left) {
+  if (g_on_sleep) g_on_sleep(int64_t{time->tv_sec} * 1000 + time->tv_nsec / 1000000);
+  return ::clock_nanosleep(CLOCK_MONOTONIC, 0, time, left) == 0 ? 0 : -1;
 }
 
 namespace msgapi {
@@ -101,6 +114,22 @@ TEST_F(ExecCommandTest, WaitForPidFindsTheStatusWhoeverCollectedIt) {
   EXPECT_EQ(0x10005, ORP_UTIL_WaitForPidEx(child, 5, 1, 1));
   EXPECT_EQ(-1, ::kill(child, 0)) << "killed and reaped";
   for (const int32_t bad : {0, -1, 1}) EXPECT_EQ(-1, ORP_UTIL_WaitForPidEx(bad, 0, 0, 0));
+}
+
+TEST_F(ExecCommandTest, LooksForTheChildAsOftenAsItIsAskedTo) {
+  for (const auto &[poll_ms, nap_ms] : {std::pair{0u, 10}, std::pair{30u, 30}}) {
+    const pid_t child = ::fork();
+    while (child == 0) ::pause();
+    std::vector<int64_t> naps;
+    g_on_sleep = [&](int64_t ms) {
+      naps.push_back(ms);
+      ::kill(child, SIGKILL);
+    };
+    EXPECT_EQ(128 + SIGKILL, ORP_UTIL_WaitForPidEx(child, 60000, poll_ms, 0));
+    EXPECT_THAT(naps, testing::Each(nap_ms));
+    EXPECT_FALSE(naps.empty());
+  }
+  g_on_sleep = nullptr;
 }
 
 TEST_F(ExecCommandTest, WithoutAnAnswerAboutTheUserTheCommandDoesNotRun) {

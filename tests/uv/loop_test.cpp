@@ -44,6 +44,19 @@ TEST_F(LoopTest, IteratesTimersThenIdleProceduresThenDescriptorsByEvent) {
   EXPECT_EQ(1u, OrpUvLoopGetCurIdx(&loop_));
 }
 
+TEST_F(LoopTest, IdleWatcherOfTheCallerIsCalledOnceItHasAProcedure) {
+  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_UV_IdleInit(&loop_, nullptr));
+  auto *idle = new_record<OrpUvIdle>();
+  ASSERT_EQ(ORP_OK, ORP_UV_IdleInit(&loop_, idle));
+  idle->head.data = 3;
+  turn(&loop_);
+  EXPECT_THAT(calls, IsEmpty());
+
+  idle->proc = record_idle;
+  turn(&loop_);
+  EXPECT_THAT(calls, ElementsAre("idle3"));
+}
+
 TEST_F(LoopTest, StopEndsTheRunBeforeTheWaitAndIsForgotten) {
   OrpUvLoop *loop = OrpUvLoopGetDefault();
   ORP_UV_IdleStart(nullptr, [](OrpUvIdle *self) {

@@ -66,6 +66,18 @@ TEST_F(SocketBaseTest, ForcesAReadEvent) {
   EXPECT_THAT(calls, ElementsAre("1:1", "2:1"));
 }
 
+TEST_F(SocketBaseTest, TakesDescriptorZeroLikeAnyOther) {
+  const int fd = socket();
+  ASSERT_EQ(0, ::dup2(fd, 0));
+  ::close(fd);
+  ORP_UTIL_SOCKBASE_ST *made = ORP_UTIL_SockBaseRegNew(0, 0, event, 0, 1);
+
+  EXPECT_EQ(ORP_OK, ORP_UTIL_SocketBaseForceLoop(made));
+  ORP_UV_LoopRun(nullptr, 1);
+
+  EXPECT_THAT(calls, ElementsAre("1:1"));
+}
+
 TEST_F(SocketBaseTest, DeletesByWatcherOrDescriptorInsideACallback) {
   ORP_UTIL_SOCKBASE_ST *first = ORP_UTIL_SockBaseRegNew(readable_socket(), 0, event, 1, 1);
   const int first_fd = first->io.fd;
