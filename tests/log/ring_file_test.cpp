@@ -100,11 +100,13 @@ TEST(RingFile, RefusesBadArguments) {
 
 TEST(RingFile, GoesOnWhereItsHeaderSays) {
   { Ring(100).write(std::string(30, 'a')); }
+  CaptureStdout();
   {
     Ring ring(100);
     ring.write("bb");
     ring.write(std::string(10, 'c'));
   }
+  EXPECT_THAT(GetCapturedStdout(), testing::Not(HasSubstr("[ERROR]")));
 
   EXPECT_EQ("[overturn=001][offset=0000000073][uploadoffset=001^0000001023]\n" +
                 std::string(10, 'c') + std::string(20, 'a') + "bb",

@@ -248,6 +248,28 @@ TEST(MlogSendRecvMsg, ExchangesInOneBlock) {
   EXPECT_EQ("", server.receive()) << "a bad capacity is seen before anything is sent";
 }
 
+TEST(MlogSendRecvMsg, TakesDescriptorZeroLikeAnyOther) {
+  FakeLogServer server;
+  const UniqueFd client = open_client("client");
+  ASSERT_EQ(0, ::dup2(client.get(), 0));
+  MlogMsg message{.type = 4, .length = 8, .payload = "request"};
+
+  EXPECT_EQ(0, MlogSendMsg(0, &message, "mlogServer"));
+  EXPECT_EQ(16u, server.receive().size());
+  server.reply(message_bytes(5, 3, "yes"));
+  EXPECT_EQ(0, MlogRecvMsg(0, &message, 2, nullptr, 0));
+  EXPECT_EQ(5u, message.type);
+
+  std::thread answering([&] {
+    server.receive(true);
+    server.reply(message_bytes(6, 0));
+  });
+  message.length = 8;
+  EXPECT_EQ(0, MlogSendRecvMsg(0, &message, &message, 2, "mlogServer"));
+  answering.join();
+  EXPECT_EQ(6u, message.type);
+}
+
 // The kernel of a development machine has no log channel; a socket pair carries the same bytes.
 struct NetlinkPair {
   NetlinkPair() {
