@@ -1,10 +1,10 @@
 // doc_tables [--check] FILE...: the tables of message types and statuses in the documents, from the
 // catalogue.
 //
-// A table stands between the lines "<!-- message types: GROUP... -->" and "<!-- end -->"; with
+// A table is between the lines "<!-- message types: GROUP... -->" and "<!-- end -->". With
 // "<!-- message types, served: GROUP... -->" it says what the server does and not what travels.
-// "<!-- statuses: FAMILY... -->" begins one of statuses. Files are rewritten in place. With --check
-// nothing is written, and a file that would change is named.
+// "<!-- statuses: FAMILY... -->" begins a table of statuses. Files are rewritten in place. With
+// --check nothing is written, and files that would change are named.
 
 #include <cstdio>
 #include <fstream>
@@ -131,7 +131,7 @@ std::string status_rows(const std::string &family) {
   return rows;
 }
 
-// A kind of table: the line that begins it, up to its words, and how it is made.
+// A kind of table: the beginning of its first line, up to the words, and how it is made.
 struct Table {
   std::string_view marker;
   std::string_view head;
@@ -174,7 +174,7 @@ std::string with_tables(const std::string &document) {
   return out;
 }
 
-// Whether the document holds the right tables, now.
+// Whether the document now holds the right tables.
 bool update(const std::string &path, bool check) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot be read");

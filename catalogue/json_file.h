@@ -22,13 +22,13 @@ struct Problem {
 };
 Problem problem_in(std::string_view file, const JsonError &error);
 
-// A file's bytes. Throws Unreadable, also for what is no regular file or larger than `most`.
+// A file's bytes. Throws Unreadable, also if it is no regular file or larger than `most`.
 struct Unreadable : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 std::string file_contents(const std::string &path, size_t most = 256 << 10);
 
-// What somebody else wrote, as a problem may show it.
+// Foreign text, made fit to be shown in a problem.
 std::string shown(std::string_view text);
 
 // All of these throw a JsonError with the line of the value.

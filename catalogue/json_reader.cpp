@@ -10,7 +10,7 @@ namespace {
 constexpr size_t kMostLevels = 16;
 constexpr size_t kMostMembers = 64;
 
-// The parser takes characters from here, so that its position is known.
+// The parser takes its characters from here, so its position is known.
 struct Position {
   const char *next;
   size_t lines_before = 0;  // line feeds in front of the character that was taken last
@@ -20,7 +20,7 @@ struct Position {
     lines_before += after_line_feed ? 1 : 0;
     after_line_feed = *next++ == '\n';
   }
-  // Of a value that has just been read. The parser may have taken one character beyond it.
+  // The line of a value that has just been read. The parser may have taken one character beyond it.
   size_t line() const { return lines_before + 1; }
 };
 

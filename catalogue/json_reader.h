@@ -1,4 +1,4 @@
-// JSON whose values know the line on which they stand, so that a mistake can be pointed at.
+// JSON values that know their line in the file, so that problems can name it.
 #pragma once
 
 #include <cstddef>

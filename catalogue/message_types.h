@@ -1,6 +1,6 @@
-// The catalogue of message types: for every type that the library or a server knows, what a person
-// or a tool wants to know about it. The numbers are those of msgapi/messages.h; what applications
-// describe of their own comes from files (catalogue/type_files.h).
+// The catalogue of message types: what a person or a tool wants to know about every type that the
+// library or a server knows. The numbers are those of msgapi/messages.h. Applications describe
+// their own types in files (catalogue/type_files.h).
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ enum class Body : uint8_t {
   kItems,    // a DM body: named items
   kEvent,    // what the publisher sent: a DM body or JSON text
   kRestful,  // code, second word, path, handler, text
-  kRecord,   // what `record` names
+  kRecord,   // the record that `record` names
   kPath,     // the path of a file, with its NUL
 };
 
@@ -43,7 +43,7 @@ enum class Group : uint8_t {
   kOwn,  // described by an application
 };
 
-// In the order in which a row of the table reads; there are few of them.
+// Members are in the order in which a row of the table reads; there are few records.
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 struct MessageType {
   uint32_t number;

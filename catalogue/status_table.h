@@ -56,7 +56,7 @@ inline constexpr StatusNumber kStatuses[] = {
     {ORP_ERR_NOT_WRITABLE, "ORP_ERR_NOT_WRITABLE", kMessages,
      "not writable within 10 s; from a watcher: the message is too long"},
     {ORP_ERR_HAND_OVER, "ORP_ERR_HAND_OVER", kMessages,
-     "the file that carries a large body was not written"},
+     "the hand-over file of a large body was not written"},
 
     {CFM_OK, "CFM_OK", kStore, "done"},
     {CFM_ERR_ARGUMENT, "CFM_ERR_ARGUMENT", kStore,
@@ -82,7 +82,7 @@ inline constexpr StatusNumber kStatuses[] = {
     {ORP_CFM_ERR_FILE_FOREIGN, "ORP_CFM_ERR_FILE_FOREIGN", kConfiguration,
      "the file is damaged, cut off or not written by this device"},
     {ORP_CFM_ERR_FILE_TAKEN, "ORP_CFM_ERR_FILE_TAKEN", kConfiguration,
-     "something else than a configuration file has that name"},
+     "something other than a configuration file has that name"},
 
     {ORP_DMMSG_ERR, "ORP_DMMSG_ERR", kItems,
      "a bad argument, wrong magic, a damaged body, or no further item"},

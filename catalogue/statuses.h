@@ -1,9 +1,8 @@
-// The catalogue of statuses: for every number by which a public function says how it went, its name
-// and a sentence.
+// The catalogue of statuses: a name and a sentence for every number that a public function returns.
 //
-// Several families of functions use the same numbers with meanings of their own. So a number is
-// looked up in the family of the function that returned it; families that hand on what the message
-// layer or the configuration store returned to them fall back on those.
+// Several families of functions give the same numbers different meanings. So a number is looked up
+// in the family of the function that returned it. Families that hand on statuses of the message
+// layer or the configuration store fall back on those.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +19,11 @@ namespace catalogue {
 // All of them, family by family.
 std::span<const StatusNumber> statuses();
 
-// What the number means in every family that has it, for somebody who has nothing but the number.
+// What the number means in every family that has it, for somebody who knows only the number.
 std::vector<StatusNumber> meanings(int64_t number);
 
-// In hexadecimal digits from 0x10000 on, where most families begin to count; as a decimal number
-// below that.
+// The number as text: hexadecimal from 0x10000 on, where most families begin to count, else
+// decimal.
 std::string status_text(int64_t number);
 
 // For people: "ORP_ERR_TIMEOUT (0x10005): what was waited for did not come in time", or the number

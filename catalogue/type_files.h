@@ -19,8 +19,8 @@ namespace catalogue {
 inline constexpr std::string_view kTypeDirectories[] = {"/usr/share/msgapi/messages.d",
                                                         "/etc/msgapi/messages.d"};
 
-// The types of the library and the servers, and those that were added. What it hands out lives as
-// long as it does.
+// The types of the library and the servers, and those that were added. References that it hands out
+// are valid as long as it lives.
 class Catalogue {
  public:
   Catalogue();

@@ -16,6 +16,6 @@
 #define ORP_ERR_MEMORY 0x10006u        /* no memory, or a length beyond its limit */
 #define ORP_ERR_SYSTEM 0x10007u        /* a system call or a bounded copy failed */
 #define ORP_ERR_NOT_WRITABLE 0x10008u  /* not writable within 10 s; watcher: message too long */
-#define ORP_ERR_HAND_OVER 0x1000du     /* the file that carries a large body was not written */
+#define ORP_ERR_HAND_OVER 0x1000du     /* the hand-over file of a large body was not written */
 
 #endif

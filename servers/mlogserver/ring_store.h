@@ -60,7 +60,7 @@ class RingStore {
 
   const std::string &directory() const { return directory_; }
   const std::map<std::string, ModuleCounters> &counters() const { return counters_; }
-  // Lines that were given up because something else than writing them failed.
+  // Lines that were given up because something other than writing them failed.
   uint64_t given_up() const { return given_up_; }
 
   // No line may be longer.
