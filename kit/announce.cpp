@@ -11,10 +11,10 @@ namespace msgkit {
 namespace {
 
 constexpr char kServer[] = "";
-constexpr size_t kListSize = 4096;  // what the library announces of an expanded table at most
+constexpr size_t kListSize = 4096;  // the longest list that the library announces, and a NUL
 constexpr size_t kEntrySize = 128;
 
-// Lists in the order of their making; nothing leaves them.
+// Lists in the order in which entries were made; nothing is removed.
 struct Subscription {
   Subscription *link;
   uint32_t event;
@@ -24,7 +24,7 @@ struct Path {
   const char *path;
   const ORP_MSG_RESTFUL_ROW_ST *table;
   uint32_t expand;
-  bool in_process;  // the library has the table, and must not be given it twice
+  bool in_process;  // the library has the table already, and must not get it twice
 };
 struct Notification {
   Notification *link;
@@ -52,7 +52,7 @@ T *find(T *record, Matches matches) {
 }
 
 void subscribe(const Subscription &subscription) {
-  // A failure means that the connection has ended, which is noticed by itself.
+  // A failure means that the connection has ended, which is noticed elsewhere.
   if (subscription.event == ORP_MSG_ALL_EVENTS) {
     (void)ORP_EVT_SubscribeAllEvent();
   } else {

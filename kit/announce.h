@@ -1,4 +1,4 @@
-// What the servers have to be told anew with every connection.
+// What the servers must be told anew on every connection.
 #pragma once
 
 namespace msgkit {

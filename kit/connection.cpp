@@ -1,8 +1,8 @@
 // Staying connected.
 //
-// Both connections are in one epoll set that asks for nothing but their ends, so the loop, which
-// watches the set's descriptor, is woken by no message. What has arrived before an end is read
-// first: the end counts once there is nothing left to read.
+// Both connections are in one epoll set that asks only for their ends, and the loop watches the
+// set's descriptor. So messages do not wake it. What arrived before an end is read first: the end
+// counts when nothing is left to read.
 
 #include <sys/epoll.h>
 #include <sys/random.h>
@@ -36,7 +36,7 @@ struct Link {
   OrpUvTimer *timer;  // of the next attempt
 };
 
-// What the library clears with a connection.
+// What the library clears when a connection ends.
 struct Context {
   ORP_MSG_PROC procedure;
   uint32_t sequence;
@@ -58,7 +58,7 @@ void save_context() {
                g_stMsgCtx.ulFlags & kSendBoard};
 }
 
-// Sequence numbers go on: an answer of the time before must not fit a request of today.
+// Sequence numbers go on: an answer to an old request must not fit a new one.
 void restore_context() {
   g_stMsgCtx.pfMsgProc = g_context.procedure;
   g_stMsgCtx.ulSeqNum = g_context.sequence;
@@ -66,7 +66,7 @@ void restore_context() {
   g_stMsgCtx.ulFlags = (g_stMsgCtx.ulFlags & ~kSendBoard) | g_context.board;
 }
 
-// The loop may have freed the watcher without a word.
+// The loop may have freed the watcher unnoticed.
 void check_watcher(OrpUvWatcher *watcher, ORP_WORD argument) {
   auto *wanted = reinterpret_cast<OrpUvMsg **>(argument);
   const bool found = reinterpret_cast<OrpUvMsg *>(watcher) == g_stMsgCtx.pstWatcher;
@@ -74,7 +74,7 @@ void check_watcher(OrpUvWatcher *watcher, ORP_WORD argument) {
 }
 
 // Destroys the connection and its watcher, which the library leaves in the loop, and ends the
-// requests that wait for answers that cannot come any more.
+// pending requests, because their answers can no longer come.
 void destroy_messages() {
   OrpUvMsg *watcher = nullptr;
   if (g_stMsgCtx.pstWatcher != nullptr) {
@@ -105,8 +105,8 @@ void unwatch_end(uint32_t server) {
   if (fd >= 0) (void)::epoll_ctl(g_epoll, EPOLL_CTL_DEL, fd, nullptr);
 }
 
-// The loop reads what is left, a message in each iteration; it cannot where the descriptor does not
-// fit its sets.
+// The loop reads what is left, one message in each iteration, unless the descriptor does not fit
+// its sets.
 bool has_unread(int fd) {
   char byte;
   return fd<ORP_UV_MAX_DESCRIPTORS && ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT)> 0;
@@ -126,7 +126,7 @@ void find_notify_connection(OrpUvWatcher *watcher, ORP_WORD argument) {
 
 // ---- Attempts ----
 
-// Many daemons lose the same server at the same moment: they must not all come back at the same.
+// Many daemons lose the same server at the same moment; they must not all come back at once.
 uint32_t delay_ms(uint32_t failures) {
   const uint32_t longest =
       failures > 5 ? kLongestDelay_ms : std::min(kFirstDelay_ms << failures, kLongestDelay_ms);
@@ -222,8 +222,8 @@ void lose_messages() {
   report(MSGKIT_MESSAGE_SERVER, 0);
 }
 
-// The notify client is destroyed with the next attempt: until then the loop delivers what a
-// synchronous request put aside.
+// The next attempt destroys the notify client; until then the loop delivers what a synchronous
+// request put aside.
 void lose_notifications() {
   unwatch_end(MSGKIT_NOTIFY_SERVER);
   try_later(MSGKIT_NOTIFY_SERVER);

@@ -26,7 +26,7 @@ void end(const char *reason, const char *who) {
   mlog_print(g_daemon->pcName, MLOG_LEVEL_INFO, "Ends: %s%s.", reason, who);
   g_ending = true;
   stop_loop(0);
-  // A procedure may be running the loop: that stop ends its run only.
+  // A procedure may be running the loop: this stop then ends only its run.
   if (g_stop_again == nullptr) g_stop_again = ORP_UTIL_TimerAdd(kStopAgain_ms, 0, stop_loop, 0);
 }
 

@@ -1,7 +1,7 @@
 // Signals as events of the loop.
 //
 // A handler notes the signal and wakes the loop through an eventfd. A blocked signal and a signalfd
-// would do without a handler, but a spawned child keeps the mask: SIGTERM would not end it.
+// would need no handler, but a spawned child inherits the mask, so SIGTERM would not end it.
 
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -25,7 +25,7 @@ std::array<Watched, NSIG> g_watched;
 std::array<std::atomic<bool>, NSIG> g_raised;
 ORP_UTIL_SOCKBASE_ST *g_sock_base;
 std::atomic<int> g_wake_fd = -1;
-// A child made with fork() shares the descriptor, and what it catches is not the parent's.
+// A child made with fork() shares the descriptor, but its signals are not the parent's.
 pid_t g_pid;
 
 void note(int signal) {
@@ -33,7 +33,7 @@ void note(int signal) {
   if (::getpid() == g_pid) {
     const uint64_t one = 1;
     g_raised[static_cast<size_t>(signal)] = true;
-    // Full means that the loop is going to look anyway.
+    // When the counter is full, the loop is going to look anyway.
     [[maybe_unused]] const ssize_t written = ::write(g_wake_fd, &one, sizeof one);
   }
   errno = saved_errno;
