@@ -1,7 +1,6 @@
-// brctl: the bridge tool as the platform has it, for hosts. It lists bridges ("show") and the
-// addresses that a bridge has learnt ("showmacs BRIDGE"), the latter with the interface's name as a
-// fifth column. Everything comes from the kernel's /sys/class/net, of the network namespace that
-// the mounted sysfs belongs to.
+// brctl: the platform's bridge tool, for hosts. It lists bridges ("show") and the addresses that a
+// bridge has learnt ("showmacs BRIDGE", with the interface's name as a fifth column). Everything
+// comes from the kernel's /sys/class/net, for the network namespace of the mounted sysfs.
 
 #include <linux/if_bridge.h>
 

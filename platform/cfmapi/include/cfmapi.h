@@ -8,16 +8,16 @@
  *   objects      lists of instances numbered from 1, each a set of parameters;
  *   application data and equipment items, each with numbers of their own.
  *
- * A value has a type and a size. A number is one uint32_t in the host's byte order. A text is
- * counted with its NUL; a bytes value is as long as it was stored. What may be stored under an
- * identifier (its type and the largest size) is fixed when the identifier is defined, from a file
- * of defaults or with cfmctl; see cfmstore.h for that side.
+ * A value has a type and a size. A number is one uint32_t in the host's byte order. The size of a
+ * text includes its NUL; a bytes value is as long as it was stored. The type and the largest size
+ * of an identifier are fixed when it is defined, from a file of defaults or with cfmctl
+ * (cfmstore.h).
  *
- * The database is CFM_STORE_PATH (write-ahead log, opened at the first call, closed before a
- * fork() and reopened after it). Every call is one transaction: several processes and threads may
- * use the store at once, a reader never waits for a writer, and a writer waits up to
- * CFM_BUSY_TIMEOUT_MS for another one. A process that dies while it writes leaves the store as it
- * was before that call.
+ * The database is CFM_STORE_PATH, with a write-ahead log. It is opened at the first call, closed
+ * before a fork() and reopened after it. Every call is one transaction, so several processes and
+ * threads may use the store at once. A reader never waits for a writer; a writer waits up to
+ * CFM_BUSY_TIMEOUT_MS for another one. When a process dies while it writes, the store is as it was
+ * before that call.
  */
 #ifndef CFMAPI_H
 #define CFMAPI_H
@@ -74,7 +74,7 @@ typedef struct ORP_DB_KEY_ST {
  * Reads a parameter: of the instance `key`, or of the whole device with a null key.
  *
  * `value` has `size` bytes. A number needs 4, a text its length and the NUL, a bytes value its
- * length; what is left of the buffer is zeroed.
+ * length; the rest of the buffer is zeroed.
  *
  * Returns CFM_OK, CFM_ERR_ARGUMENT, CFM_ERR_NOT_FOUND, CFM_ERR_TOO_SMALL, CFM_ERR_DAMAGED,
  * CFM_ERR_BUSY, CFM_ERR_UNAVAILABLE, CFM_ERR_MEMORY or CFM_ERR_VERSION.
@@ -87,11 +87,11 @@ CFMAPI_EXPORT uint32_t ORP_DBGetPara(const ORP_DB_KEY_ST *key, uint32_t para, vo
  * null key.
  *
  * `value` has `size` bytes: exactly 4 for a number; a text ends at the first NUL within them or at
- * their end; a bytes value is all of them. When the call returns, every other process reads the
- * new value; it survives a loss of power once the store was saved (CFM_StoreSave).
+ * their end; a bytes value is all of them. When the call returns, every other process reads the new
+ * value. It survives a loss of power after the store was saved (CFM_StoreSave).
  *
- * Returns what ORP_DBGetPara returns without CFM_ERR_TOO_SMALL, and CFM_ERR_TYPE (a number that is
- * not 4 bytes long) or CFM_ERR_TOO_LONG.
+ * Returns the statuses of ORP_DBGetPara except CFM_ERR_TOO_SMALL, and CFM_ERR_TYPE (a number that
+ * is not 4 bytes long) or CFM_ERR_TOO_LONG.
  */
 CFMAPI_EXPORT uint32_t ORP_DBSetPara(const ORP_DB_KEY_ST *key, uint32_t para, const void *value,
                                      uint32_t size);
@@ -111,13 +111,13 @@ CFMAPI_EXPORT uint32_t ORP_DBGetNumOfObjs(uint32_t object, uint32_t *count,
 /*
  * Reads a whole instance as a record of pointer-wide words.
  *
- * Word n (from 1) belongs to the parameter whose identifier ends in the byte n: a number stands in
- * the word itself, a text (with its NUL) or bytes value behind a pointer. Parameters that the
- * instance does not have are 0. There are at least CFM_OBJ_MIN_WORDS words, and always enough for
- * the instance's last parameter.
+ * Word n (from 1) belongs to the parameter whose identifier ends in the byte n. It holds a number
+ * itself, or a pointer to a text (with its NUL) or a bytes value. Parameters that the instance does
+ * not have are 0. There are at least CFM_OBJ_MIN_WORDS words, and always enough for the instance's
+ * last parameter.
  *
  * Sets *record to null first. On CFM_OK *record belongs to the caller, who releases it with
- * ORP_CFM_FreeObj; it is one block, so texts live as long as it does.
+ * ORP_CFM_FreeObj. It is one block, so its texts are valid as long as the record.
  *
  * Returns what ORP_DBGetNumOfObjs returns, or CFM_ERR_NOT_FOUND.
  */

@@ -1,5 +1,5 @@
 /*
- * Keeping the host port's configuration store: what the configuration manager and cfmctl need
+ * Looking after the host port's configuration store: what the configuration manager and cfmctl need
  * beyond cfmapi.h. Not part of the product's configuration library. C99; statuses, threads and
  * processes as in cfmapi.h.
  */
@@ -38,13 +38,14 @@ typedef struct CFM_VALUE {
 /* Called for one value, which lives until the call returns. Non-zero ends the walk. */
 typedef uint32_t (*CFM_VALUE_PROC)(const CFM_VALUE *value, void *user);
 
-/* Makes CFM_StoreDefine write the defaults too, which CFM_StoreRestoreDefaults brings back. */
+/* Makes CFM_StoreDefine write the values as defaults, too: CFM_StoreRestoreDefaults restores them.
+ */
 #define CFM_DEFINE_DEFAULT 1u
 
 /*
- * Writes `count` values, all or none, replacing what stands under their identifiers, types and
- * sizes included, and creating instances that do not exist. Creates the store when there is none.
- * `flags` is 0 or CFM_DEFINE_DEFAULT.
+ * Writes `count` values, all or none. Replaces what is there under their identifiers, types and
+ * sizes included, and creates missing instances. Creates the store when there is none. `flags` is 0
+ * or CFM_DEFINE_DEFAULT.
  *
  * Returns CFM_OK, CFM_ERR_ARGUMENT (null data, unknown area or type, size 0 or beyond
  * CFM_MAX_VALUE_SIZE, object without instance or the reverse, object outside the parameters),
@@ -87,8 +88,8 @@ CFMAPI_EXPORT uint32_t CFM_StoreSave(void);
 CFMAPI_EXPORT uint32_t CFM_StoreCheck(void);
 
 /*
- * Puts the defaults in the place of all parameters, instances and application data, in one step.
- * Equipment data stays: it belongs to the device. Statuses of CFM_StoreDefine.
+ * Replaces all parameters, instances and application data with the defaults, in one step. Equipment
+ * data stays, because it belongs to the device. Statuses of CFM_StoreDefine.
  */
 CFMAPI_EXPORT uint32_t CFM_StoreRestoreDefaults(void);
 
@@ -103,14 +104,14 @@ CFMAPI_EXPORT uint32_t CFM_StoreRestoreAppData(void);
 CFMAPI_EXPORT uint32_t CFM_StoreExport(void **image, uint32_t *size);
 
 /*
- * Verifies an image that CFM_StoreExport made without changing anything: CFM_OK, CFM_ERR_DAMAGED,
+ * Verifies an image that CFM_StoreExport made, and changes nothing: CFM_OK, CFM_ERR_DAMAGED,
  * CFM_ERR_VERSION, CFM_ERR_ARGUMENT or CFM_ERR_MEMORY. Works without a store.
  */
 CFMAPI_EXPORT uint32_t CFM_StoreCheckImage(const void *image, uint32_t size);
 
 /*
- * Puts what an image holds in the place of what the store holds, all or nothing; equipment data
- * stays. Creates the store when there is none. Statuses of CFM_StoreCheckImage and CFM_StoreDefine.
+ * Replaces the contents of the store with those of an image, all or nothing; equipment data stays.
+ * Creates the store when there is none. Statuses of CFM_StoreCheckImage and CFM_StoreDefine.
  */
 CFMAPI_EXPORT uint32_t CFM_StoreImport(const void *image, uint32_t size);
 

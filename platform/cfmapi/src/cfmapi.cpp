@@ -14,7 +14,7 @@ namespace {
 
 std::atomic<uint32_t> g_current_user;
 
-// Where a value stands.
+// The place of a value.
 struct Place {
   uint32_t area;
   uint32_t object;
@@ -30,7 +30,7 @@ constexpr char kSelectValue[] =
     "SELECT type, size, data FROM value"
     " WHERE layer = 0 AND area = ? AND object = ? AND instance = ? AND id = ?";
 
-// The value as it goes into a caller's buffer, but for a text's NUL.
+// The value as it goes into a caller's buffer, without a text's NUL.
 std::span<const char> stored_bytes(const Statement &row, int column, uint32_t &number) {
   if (row.number(0) != CFM_TYPE_NUMBER) return row.bytes(column);
   number = row.number(column);
@@ -70,10 +70,10 @@ uint32_t write_value(const Place &place, std::span<const char> value) {
   if (found != SQLITE_ROW) return status_of(found);
   const uint32_t type = row.number(0);
   const size_t room = row.number(1);
-  // A reader that is still open at COMMIT keeps SQLite from emptying its log, which then grows.
+  // A reader that is still open at COMMIT keeps SQLite from emptying its log, which would grow.
   row.again();
 
-  // Nothing is written for a value that stays: flash wears.
+  // An unchanged value is not written, because flash wears out.
   Statement update(session.db(),
                    "UPDATE value SET data = ?1 WHERE layer = 0 AND area = ?2 AND object = ?3"
                    " AND instance = ?4 AND id = ?5 AND data IS NOT ?1");
@@ -109,8 +109,8 @@ bool instance_exists(sqlite3 *db, const ORP_DB_KEY_ST &key, int *result) {
   return *result == SQLITE_ROW;
 }
 
-// The words come first in the block, then what they point to; each text gets a NUL. Two passes
-// over one view of the store: one for the size, one to fill.
+// The words come first in the block, then the data that they point to; each text gets a NUL. Two
+// passes over one view of the store: one for the size, one to fill the block.
 uint32_t read_record(const ORP_DB_KEY_ST &key, void **record) {
   const Session session;
   if (session.status() != CFM_OK) return session.status();

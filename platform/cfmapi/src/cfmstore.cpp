@@ -1,9 +1,8 @@
-// Keeping the store: definitions, defaults, walks, images.
+// Looking after the store: definitions, defaults, walks, images.
 //
-// An image is a database of its own in memory, with the same tables and rules, so that exporting
-// and importing are statements that copy rows and every rule of the tables holds for what comes
-// in. Before its rows are read, an image must have exactly our tables: nothing else in it is ever
-// evaluated.
+// An image is a database of its own in memory, with the same tables and rules. So export and import
+// are statements that copy rows, and every rule of the tables holds for imported rows. Before its
+// rows are read, an image must have exactly our tables: nothing else in it is ever evaluated.
 
 #include "cfmstore.h"
 
@@ -116,7 +115,7 @@ uint32_t take_snapshot(Snapshot *out) {
   const Transaction view(session.db(), Transaction::Kind::kRead);
   if (view.result() != SQLITE_OK) return status_of(view.result());
 
-  // A number takes its four bytes; length() of it would be that of its digits.
+  // A number takes four bytes; length() would count its digits.
   Statement total(session.db(),
                   "SELECT count(*), ifnull(sum(max(length(data), 4) + 1), 0) FROM value"
                   " WHERE layer = 0");
@@ -159,7 +158,7 @@ uint32_t restore_defaults(const char *statements) {
   return status_of(result == SQLITE_OK ? transaction.commit() : result);
 }
 
-// What SQLite hands over.
+// Frees what SQLite hands over.
 struct SqliteFree {
   void operator()(void *block) const { sqlite3_free(block); }
 };
@@ -189,7 +188,7 @@ class Scratch {
 
 constexpr char kValueColumns[] = "layer, area, object, instance, id, type, size, data";
 
-// Whether the database `db` of an image has the tables of a store and nothing else, by comparing
+// Whether the database `db` of an image has the tables of a store and nothing else: compares it
 // with a fresh one.
 uint32_t check_tables(sqlite3 *db) {
   const Scratch fresh;
@@ -226,7 +225,7 @@ uint32_t open_image(const Scratch &scratch, const void *image, uint32_t size) {
                           SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_READONLY);
   if (result != SQLITE_OK) return status_of(result);
 
-  // What cannot even be opened, an empty file included, is no image.
+  // Bytes that cannot even be opened, an empty file included, are no image.
   uint32_t status = check_identity(scratch.db(), "main");
   if (status == CFM_ERR_UNAVAILABLE) status = CFM_ERR_DAMAGED;
   if (status == CFM_OK) status = check_tables(scratch.db());
@@ -294,8 +293,8 @@ uint32_t export_image(void **image, uint32_t *size) {
   return CFM_OK;
 }
 
-// The rows go through a scratch store first: an image may be a sound database and still break our
-// rules, and that is told without touching the store.
+// The rows go through a scratch store first, because an image may be a sound database and still
+// break our rules. The store itself is not touched.
 uint32_t check_image(const Scratch &checked, const void *image, uint32_t size) {
   if (checked.db() == nullptr) return CFM_ERR_MEMORY;
   const Scratch opened;

@@ -1,9 +1,9 @@
 // Opening the store.
 //
-// One connection a process, opened at the first call and used under a mutex. SQLite connections
-// and their file locks do not survive a fork(), so the connection is closed right before one and
-// the next call of either process opens its own. Nothing is written back at close: what a
-// write-ahead log holds is found by whoever opens the store next.
+// Each process has one connection, opened at the first call and used under a mutex. SQLite
+// connections and their file locks do not survive a fork(). So the connection is closed right
+// before a fork, and the next call of either process opens its own. Nothing is written back at
+// close: whoever opens the store next finds what the write-ahead log holds.
 
 #include "store.h"
 
@@ -25,7 +25,8 @@ constexpr mode_t kDirectoryMode = 0770;
 constexpr mode_t kFileMode = 0660;
 
 // SQLite copies the log into the database every 1000 pages, about 4 MB, and then begins it anew.
-// What one large transaction or a long reader made of it beyond this is cut off then.
+// When a large transaction or a long reader has made it longer than this, it is then cut to this
+// size.
 #define CFM_LOG_LIMIT "5242880"
 
 pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -50,7 +51,7 @@ void install_fork_handlers() {
   pthread_atfork(before_fork, after_fork, after_fork);
 }
 
-// Holds the lock under which a store comes to be, so that two processes do not both create one.
+// Holds the lock for creating a store, so that two processes do not both create one.
 class CreationLock {
  public:
   CreationLock() {
@@ -79,8 +80,8 @@ void create_file() {
   ::close(fd);
 }
 
-// A file that cannot be opened for writing at the moment (too many open files, say) SQLite opens
-// for reading, and stays with that. Whoever may write does not.
+// When a file cannot be opened for writing at the moment (too many open files, say), SQLite opens
+// it for reading and stays with that. A process that may write must not stay so.
 bool is_needlessly_read_only(sqlite3 *db) {
   return sqlite3_db_readonly(db, "main") == 1 &&
          ::faccessat(AT_FDCWD, CFM_STORE_PATH, W_OK, AT_EACCESS) == 0;
@@ -111,7 +112,7 @@ uint32_t open_connection(sqlite3 **out) {
   return status;
 }
 
-// An empty file counts as no store: it is what a process leaves that dies while it creates one.
+// An empty file counts as no store: a process that dies while it creates one leaves such a file.
 uint32_t open_store(Open how) {
   sqlite3 *db = nullptr;
   uint32_t status = open_connection(&db);
@@ -144,8 +145,7 @@ int pragma_number(sqlite3 *db, const char *schema, const char *pragma) {
 
 }  // namespace
 
-// The rules for values are in the tables, so that nothing that comes in, by whatever road, breaks
-// them.
+// The rules for values are in the tables, so that no row breaks them, however it comes in.
 const char kSchema[] =
     "CREATE TABLE value("
     "layer INTEGER NOT NULL CHECK(layer BETWEEN 0 AND 1),"
@@ -179,7 +179,7 @@ uint32_t status_of(int result) {
       return CFM_OK;
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-    case SQLITE_CONSTRAINT:  // values are checked before; what is left came from a bad image
+    case SQLITE_CONSTRAINT:  // values were checked before, so the row came from a bad image
     case SQLITE_ERROR:       // our own statements fail only on tables that are not ours
       return CFM_ERR_DAMAGED;
     case SQLITE_BUSY:
@@ -242,8 +242,8 @@ Session::Session(Open open) {
 }
 
 Session::~Session() {
-  // The log files, too, are opened for reading where opening them for writing failed. The next call
-  // tries again; for a process that may only read, that is what it finds again.
+  // SQLite also opens the log files for reading when opening them for writing failed. The next call
+  // tries again; for a process that may only read, the result is the same.
   if (g_db != nullptr && (sqlite3_errcode(g_db) & 0xFF) == SQLITE_READONLY) close_connection();
   pthread_mutex_unlock(&g_mutex);
 }

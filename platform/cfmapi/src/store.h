@@ -20,7 +20,7 @@ enum class Open {
 // The tables of a store and of an image of one. Layer 0 holds what is in force, layer 1 the
 // defaults.
 extern const char kSchema[];
-// Written into every database, so that a file of something else is recognised.
+// Written into every database, so that a foreign file is recognised.
 constexpr int kApplicationId = 0x43464D31;
 constexpr int kSchemaVersion = 1;
 
@@ -60,7 +60,7 @@ class Statement {
     return *this;
   }
   Statement &bind(std::span<const char> bytes) {
-    // An empty blob needs a pointer all the same: null would bind NULL.
+    // An empty blob also needs a pointer: null would bind NULL.
     const char *data = bytes.empty() ? "" : bytes.data();
     if (result_ == SQLITE_OK) {
       result_ = sqlite3_bind_blob64(statement_, next_++, data, bytes.size(), SQLITE_STATIC);
@@ -132,7 +132,7 @@ uint32_t check_integrity(sqlite3 *db, const char *schema);
 // Lists the instances of one object, or of all with object 0, as ORP_DBGetNumOfObjs does.
 uint32_t list_instances(uint32_t object, uint32_t *count, ORP_DB_KEY_ST **instances);
 
-// The settings of every connection, whose files are read as if they were hostile.
+// The settings of every connection: files are read as if they were hostile.
 void harden(sqlite3 *db);
 
 struct FreeDeleter {

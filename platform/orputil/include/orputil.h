@@ -26,7 +26,7 @@ typedef void (*ORP_LIST_RELEASE)(void *node);
 /* Non-zero for the record that is looked for. */
 typedef uint32_t (*ORP_LIST_MATCH)(const void *node, const void *key);
 
-/* Chains `node` behind the last record. */
+/* Chains `node` after the last record. */
 ORPUTIL_EXPORT void ORP_ListAppend(void *head, void *node);
 /* Unlinks `node`, calls `release` (when given) on it and frees it with free(). No effect, and no
  * call, when it is not in the list. */
@@ -53,8 +53,8 @@ ORPUTIL_EXPORT void *ORP_ListFindItem(void *first, ORP_LIST_MATCH match, const v
 ORPUTIL_EXPORT void *OrpReallocInternal(void *block, size_t old_size, size_t new_size,
                                         const char *tag, uint32_t line);
 /*
- * One cleared allocation of `size` bytes followed by a buffer of `trailing_size` bytes, whose
- * address is stored in *trailing. Null when there is no memory or the sum wraps. Free with free().
+ * One cleared block: `size` bytes, then a buffer of `trailing_size` bytes, whose address is stored
+ * in *trailing. Null when there is no memory or the sum wraps. Free it with free().
  */
 ORPUTIL_EXPORT void *__ORP_UTIL_CallocVarg(size_t size, size_t trailing_size, void **trailing);
 
@@ -96,7 +96,8 @@ ORPUTIL_EXPORT uint32_t ORP_UTIL_StrIdxArrayGetIdxByStr(const ORP_STR_IDX *table
 ORPUTIL_EXPORT const char *ORP_UTIL_StrIdxArrayGetStrByIdx(const ORP_STR_IDX *table,
                                                            uint32_t index);
 
-/* UTC now as "%Y-%m-%dT%H:%M:%SZ" in a buffer that the next call overwrites; null on failure. */
+/* The current UTC time as "%Y-%m-%dT%H:%M:%SZ", in a buffer that the next call overwrites; null on
+ * failure. */
 ORPUTIL_EXPORT const char *ORP_UTIL_GetUtcTimeWithFormat(void);
 
 /*
@@ -107,13 +108,12 @@ ORPUTIL_EXPORT const char *ORP_UTIL_GetUtcTimeWithFormat(void);
  * with "-", and made only of letters, digits and "._-/:@%+=,"; else 0. */
 ORPUTIL_EXPORT uint32_t ORP_VALID_CmdArgs(const char *text);
 /*
- * Runs a command without waiting for what it leaves running. It is split into words as
- * ORP_UTIL_ParseArgsEx does, comments included, and understands "> FILE" or ">> FILE" behind the
- * words and then a "&"; nothing is expanded, no shell is involved, and other shell syntax ("|",
- * ";", "<", "2>", a second line) is refused. A result file is created afresh for ">" and never
- * reached through a symbolic link; it exists even when the program then cannot be started. The
- * program is looked up as by ORP_UTIL_GetExeFullPath and starts with default signals and with no
- * descriptor but 0, 1 and 2.
+ * Runs a command without waiting for what it leaves running. ORP_UTIL_ParseArgsEx's rules split it
+ * into words, comments included. "> FILE" or ">> FILE" may follow the words, and then a "&".
+ * Nothing is expanded, no shell is involved, and other shell syntax ("|", ";", "<", "2>", a second
+ * line) is refused. A result file is created afresh for ">" and never reached through a symbolic
+ * link; it exists even when the program then cannot be started. ORP_UTIL_GetExeFullPath looks the
+ * program up. It starts with default signals and with no descriptor but 0, 1 and 2.
  *
  * Returns once the command has ended (with "&": once it has started): 0, whatever its exit status,
  * or 1 when it could not be started. The caller's other children are left alone, and a SIGCHLD
@@ -143,10 +143,10 @@ ORPUTIL_EXPORT uint32_t ORP_UTIL_ParseArgsEx(const char *command, char ***args, 
 ORPUTIL_EXPORT void UtilFreeSymbols(void *symbols);
 ORPUTIL_EXPORT void ORP_UTIL_FreeArgs(char **args);
 /*
- * The full path of `program` in `out` (`size` bytes): a name with "/" as it stands, otherwise the
- * first executable regular file of that name in an absolute directory of PATH (never the current
- * directory). 0; or 1, with an empty `out`, when there is none, it does not fit or an argument is
- * null.
+ * Writes the full path of `program` to `out` (`size` bytes): a name with "/" unchanged, otherwise
+ * the first executable regular file of that name in an absolute directory of PATH (never the
+ * current directory). Returns 0; or 1, with an empty `out`, when there is none, it does not fit or
+ * an argument is null.
  */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_GetExeFullPath(const char *program, char *out, uint32_t size);
 
@@ -165,7 +165,7 @@ ORPUTIL_EXPORT uint32_t ORP_UTIL_WriteBufToFile(const char *path, const void *da
  * where others may not write, and is what this host port sets. 0, or 1 on failure. */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_RemoveAndroidWPerm(const char *path, const char *mode,
                                                     const char *mode_for_others);
-/* Takes back root rights that were put aside with seteuid(). 0, or 1 when that is refused. */
+/* Takes back root rights that seteuid() gave up for a while. 0, or 1 when that is refused. */
 ORPUTIL_EXPORT uint32_t ORP_UTIL_UpRootPrivileges(void);
 
 #endif

@@ -26,8 +26,8 @@ char *text_buffer(uint64_t length) {
              : static_cast<char *>(std::malloc(static_cast<size_t>(length) + 1));
 }
 
-// Decodes the last four characters, of which `padding` are "=", and those before them, which hold
-// none. False for characters outside the alphabet and for bits behind the last byte.
+// Decodes the text; `padding` of its last characters are "=". False for characters outside the
+// alphabet and for bits behind the last byte.
 bool decode(const char *text, uint32_t length, uint32_t padding, char *out) {
   for (uint32_t at = 0; at < length; at += 4) {
     const uint32_t absent = at + 4 == length ? padding : 0;

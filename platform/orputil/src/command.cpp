@@ -1,9 +1,9 @@
 // Running commands without a shell.
 //
-// The command is started with posix_spawn(), so it costs no copy of a large process and works in
-// threaded ones. It begins with default signals, none blocked, and no descriptor but 0 to 2. A
-// command that stays in the background is started by an intermediate process that ends at once:
-// the system then reaps it, and nobody here has to.
+// The command is started with posix_spawn(), which copies no large process and works in threaded
+// ones. The command begins with default signals, none blocked, and no descriptor but 0 to 2. An
+// intermediate process that ends at once starts a background command, so the system reaps that and
+// nobody here has to.
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -66,8 +66,8 @@ Fd open_existing(const char *path, int flags) {
   return S_ISREG(info.st_mode) || S_ISCHR(info.st_mode) ? std::move(file) : Fd(-1);
 }
 
-// A result file is made anew, so that neither a link nor an open descriptor of somebody else leads
-// into it. Character devices such as /dev/null are used as they are.
+// A result file is made anew, so that neither a link nor somebody else's open descriptor leads to
+// it. Character devices such as /dev/null are used as they are.
 Fd create_result_file(const char *path) {
   struct stat info;
   if (::lstat(path, &info) == 0) {
@@ -133,7 +133,7 @@ bool run_in_foreground(const SpawnSettings &settings, const char *program, char 
 }
 
 bool run_in_background(const SpawnSettings &settings, const char *program, char **words) {
-  // No handler of the caller may run in its copy.
+  // No handler of the caller may run in the child, its copy.
   sigset_t all, before;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
@@ -153,7 +153,7 @@ bool run_in_background(const SpawnSettings &settings, const char *program, char 
 bool run(const Command &command) {
   Fd output(-1);
   if (command.result_file != nullptr) {
-    // Before anything can fail, as a shell does: nobody takes an old result for the new one.
+    // Opened before anything can fail, as a shell does, so that nobody takes an old result for new.
     output = command.append ? open_existing(command.result_file, O_APPEND | O_CREAT)
                             : create_result_file(command.result_file);
     if (!output) return false;

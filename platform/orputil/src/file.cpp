@@ -82,7 +82,7 @@ extern "C" uint32_t ORP_UTIL_ReadFileToBuf(const char *path, char **out, uint32_
   *out = nullptr;
   *size = 0;
 
-  // Without blocking, so that a pipe found in the file's place does not hold the caller.
+  // Without blocking, so that a pipe in the file's place does not hold the caller up.
   const Fd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat info;
   if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return kSystem;

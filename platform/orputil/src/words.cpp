@@ -140,9 +140,9 @@ class Scanner {
   bool operators_;
 };
 
-// The block for the words of `text`: a vector for as many as there can be, then their characters
-// at *room. A word takes at least one character and words are separated, so a text of n characters
-// holds at most (n + 1) / 2.
+// The block for the words of `text`: a vector with room for all of them, then their characters at
+// *room. A word takes at least one character and words are separated, so a text of n characters
+// holds at most (n + 1) / 2 words.
 char **make_block(const char *text, char **room) {
   const size_t length = std::strlen(text);
   if (length > UINT32_MAX / 16) return nullptr;
