@@ -46,7 +46,7 @@ void make(const std::string &path) {
   if (members == nullptr) {
     // Whatever the umask.
     ::chmod(path.c_str(), kForServer);
-    log_line("{}: made for this user alone, as there is no group {}", path, kGroup);
+    log_line("{}: made for this user alone, because there is no group {}", path, kGroup);
   } else if (::chown(path.c_str(), static_cast<uid_t>(-1), members->gr_gid) != 0 ||
              ::chmod(path.c_str(), ::geteuid() == 0 ? kForGroup | kSticky : kForGroup) != 0) {
     log_line("{}: not given to the group {}: {}", path, kGroup, std::strerror(errno));

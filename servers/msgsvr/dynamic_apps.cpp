@@ -385,7 +385,7 @@ class DynamicApps final : public Service {
     const auto entry = std::ranges::find_if(
         apps_, [&](const auto &app) { return name && app->config.name == *name; });
     if (entry == apps_.end()) {
-      log_line("{} speaks of {}, which is no dynamic application", from.label(),
+      log_line("{} asks for {}, which is no dynamic application", from.label(),
                name ? name->text() : "nobody");
       server_->outbox().lose(from, message, Loss::kNotServed);
       return;

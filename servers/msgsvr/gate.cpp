@@ -228,7 +228,7 @@ bool Gate::may_request(const std::string &address, std::string_view method, std:
   if (decision.allowed) return true;
   journal_->refused();
   if (note(&told_, decision, question)) {
-    log_line("who comes by HTTP to {} may not {}: {}", address, text_of(question),
+    log_line("HTTP clients of {} may not {}: {}", address, text_of(question),
              policy_.source_of(decision));
   }
   return false;

@@ -38,23 +38,23 @@ constexpr size_t kQueuePerFrame = 2;
 
 void add_options(servers::Command *command, Options *options, std::vector<std::string> *tcp_from) {
   command->option("--socket", &options->socket_path, "Path of the Unix socket");
-  command->option("--mode", &options->socket_mode, "Its permissions, octal");
+  command->option("--mode", &options->socket_mode, "Permissions of that socket, octal");
   command->option("--tcp", &options->tcp,
-                  "ADDRESS:PORT for the applications of secondary boards; anybody who reaches it "
+                  "ADDRESS:PORT for the applications of secondary boards; everybody who reaches it "
                   "is served");
   command->option("--tcp-from", tcp_from,
-                  "ADDRESS[/PREFIX] of those who are served there; repeatable");
+                  "ADDRESS[/PREFIX]: serve only boards of this network over TCP; repeatable");
   command->number("--keepalive", &options->keep_alive_s,
-                  "Ask clients for a sign of life every so many seconds; 0: do not", {0, 86400});
+                  "Ask clients for a keep-alive every so many seconds; 0: do not", {0, 86400});
   command->option("--policy", &options->policy,
-                  "File that says who may do what; none: only what is built in");
+                  "File that says who may do what; none: only the built-in rules");
   command->flag("--seccomp", &options->confined,
                 "Give up rights that the server does not need, also for what it starts");
   command->flag("--log-server", &options->log_server,
-                "Log to the log server as module msgsvr, to standard error while it is not there");
+                "Log to the log server as module msgsvr; without it, to standard error");
   command->flag("--swap", &options->swap_all, "Register clients in the other byte order");
   command->option("--swap-app", &options->swap_names,
-                  "Only the application of this name; repeatable");
+                  "Do so only for the application of this name; repeatable");
   command->number("--queue", &options->queue_limit, "Bytes that may wait for one client",
                   {16384, 1 << 30});
   command->number("--cut-through", &options->cut_through,
@@ -66,8 +66,7 @@ void add_options(servers::Command *command, Options *options, std::vector<std::s
                   "Milliseconds that senders wait for a reader that takes next to nothing",
                   {1, 60000});
   command->number("--body-age", &options->body_age_s,
-                  "Seconds after which files of large bodies that nobody took over are removed; 0: "
-                  "never",
+                  "Seconds after which hand-over files that nobody took over are removed; 0: never",
                   {0, 31536000});
 }
 
@@ -77,14 +76,14 @@ void add_flight_options(servers::Command *command, Options *options) {
       "Bytes of the flight recorder's file, rounded up to a power of two; 0: no recorder",
       {0, flight::kMostRing});
   command->number("--flight-body", &options->flight_body,
-                  "Bytes of each message's body that it keeps", {0, flight::kMostKept});
+                  "Bytes of each message's body that the recorder keeps", {0, flight::kMostKept});
 }
 
 void add_admin_options(servers::Command *command, Options *options) {
   command->option("--admin", &options->admin,
-                  "Unix socket that answers questions about the server by HTTP; none: no such");
+                  "Unix socket that answers questions about the server by HTTP; none: no socket");
   command->option("--admin-group", &options->admin_group,
-                  "The group that may use it, besides the server's user");
+                  "Group that may use that socket, besides the server's user");
 }
 
 // What the clients of one user may make the server keep; see docs/message-server.md.
@@ -106,23 +105,23 @@ void add_limit_options(servers::Command *command, Options *options) {
 void add_service_options(servers::Command *command, Options *options) {
   command->option(
       "--http", &options->http,
-      "[ADDRESS:]PORT for restful requests by HTTP, the address 127.0.0.1 unless one is "
-      "given; anybody who reaches it is served");
+      "[ADDRESS:]PORT for restful requests by HTTP, at 127.0.0.1 unless an address is given; "
+      "everybody who reaches it is served");
   command->option("--http-host", &options->http_hosts,
                   "A name by which HTTP clients may call this server, besides its addresses and "
                   "localhost; repeatable");
   command->option("--http-token", &options->http_token,
                   "File with the token that HTTP clients must send (Authorization: Bearer)");
   command->number("--http-timeout", &options->http_timeout_ms,
-                  "Milliseconds that an application has to answer one", {1, 600000});
+                  "Milliseconds that an application has to answer an HTTP request", {1, 600000});
   command->option("--apps", &options->applications, "File that lists the dynamic applications");
   command->option("--login-state", &options->login_state,
-                  "File in which login control keeps what it knows; empty: nowhere");
+                  "File for the state of login control; empty: no file");
   command->option("--export-key", &options->export_key,
                   "File with the key of exported configurations, made at first use");
   command->option("--export-dir", &options->export_directories,
                   "Directory below which configurations are exported and imported; repeatable");
-  command->flag("--factory-mode", &options->factory_mode, "The device is in the factory");
+  command->flag("--factory-mode", &options->factory_mode, "Say that the device is in factory mode");
 }
 
 // Every client needs a descriptor.

@@ -87,12 +87,11 @@ int main(int argc, char **argv) try {
   line.option("--mode", &mode, "Permissions of the socket, octal");
   std::vector<std::string> owners;
   line.option("--own", &owners,
-              "MODULE=USER: besides root only this user may register as the module; repeatable. "
-              "Messages then bear the module of their sender");
+              "MODULE=USER: only this user and root may register as the module; repeatable. "
+              "Messages then carry the module of their sender");
   bool log_server = false;
-  line.flag(
-      "--log-server", &log_server,
-      "Log to the log server as module notifyserver, to standard error while it is not there");
+  line.flag("--log-server", &log_server,
+            "Log to the log server as module notifyserver; without it, to standard error");
   bool confined = false;
   line.flag("--seccomp", &confined, "Give up rights that the server does not need");
   if (const std::optional<int> status = line.parse(argc, argv)) return *status;
