@@ -149,7 +149,7 @@ void RingStore::tell_dropped(bool all) noexcept {
     try {
       if (tell_dropped(module, &ring)) continue;
     } catch (const std::exception &) {
-      // It is told later.
+      // A later line reports it.
     }
     ring.interval_end = now + kRetryAfter;
   }

@@ -22,7 +22,7 @@ struct Counters {
   uint64_t malformed = 0;      // datagrams that no client sends
   uint64_t unanswered = 0;     // replies that their client could not take
   uint64_t stats_refused = 0;  // statistics of modules beyond the limit, levels from others
-  uint64_t given_up = 0;       // requests for which a call of the server's failed
+  uint64_t given_up = 0;       // requests that failed with a call of the server's own
 };
 
 class Server final : public servers::EventLoop::Watch {

@@ -50,7 +50,7 @@ class ConfigManager final : public Service {
       });
     }
     server->serve(ORP_MSG_RESTORE_DEFAULTS, [this](Client &from, const Message &request) {
-      // Mode and user, of which this port needs neither.
+      // The body is mode and user; this port needs neither.
       if (request.body.size() < 8) return;
       run(from, "bringing back the defaults of", [] { return CFM_StoreRestoreDefaults(); });
     });

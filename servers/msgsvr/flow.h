@@ -41,8 +41,8 @@ class Flow {
   // Nobody waits for `reader` any more.
   void release_all(Client &reader) noexcept;
 
-  // Whether `reader` has read everything up to a long message of which `sender` owes the next
-  // bytes.
+  // Whether `reader` has read everything up to a long message, and `sender` owes the next bytes of
+  // that message.
   static bool is_owed(const Client &reader, const Client &sender);
   // By how much a message for `reader` may exceed the limit of its queue.
   static size_t reserve_of(const Client &reader);

@@ -33,11 +33,11 @@ class Scratch {
 
 class Outbox {
  public:
-  // What it needs of whoever has the clients.
+  // What Outbox needs from the owner of the clients.
   class Clients {
    public:
     virtual Client *by_id(uint32_t id) = 0;
-    // Looks anew at what the loop should watch of `client`.
+    // Decides anew what the loop should watch `client` for.
     virtual void update_interest(Client &client) noexcept = 0;
     // `client` can no longer be written to.
     virtual void silence(Client &client) noexcept = 0;
@@ -69,12 +69,12 @@ class Outbox {
                      Client *to = nullptr) noexcept;
   void flush() noexcept;
 
-  // For whoever reads what clients send.
+  // For the code that reads what clients send.
 
   void post(Client &to, const OutputQueue::Frame &frame);
   // Frames that wait for flush().
   size_t posted() const { return posted_; }
-  // A message of `from` reaches no client; it is told.
+  // A message of `from` reaches no client; `from` is told.
   void lose_unrouted(Client &from, const Header &header, const OutputQueue::Tag &tag,
                      Loss loss) noexcept;
   // Tells `to` that its message cannot be delivered.

@@ -315,7 +315,7 @@ void Server::shut_down() {
     client->end_watch();
     journal_.ended(*client, "the server ends");
   }
-  // Nobody is told of anybody's end any more.
+  // From here on nobody is told that a client has gone.
   clients_.clear();
   names_.clear();
 }

@@ -10,7 +10,7 @@ struct DropCount {
   uint32_t too_long;    // announced a body that is too long to be read
   uint32_t no_memory;   // for the body
   uint32_t read;        // an error, silence, or the end of the stream inside a message
-  uint32_t completion;  // the body could not be completed: the file that carries it, as a rule
+  uint32_t completion;  // the body could not be completed, usually from its hand-over file
   uint32_t name;        // refused at the gate: a name without NUL
   uint32_t oversize;    // dropped at the gate: body too long to be dispatched
   uint32_t queue;       // not queued, or in a queue that was given up

@@ -59,7 +59,7 @@ class StreamReader {
  public:
   StreamReader(int fd, ReadPolicy policy) : fd_(fd), policy_(policy) {}
 
-  // One read of up to out.size() bytes, of which there is at least one.
+  // One read of up to out.size() bytes; `out` is not empty.
   Piece read_some(std::span<char> out);
 
   // Reads until `out` is full.

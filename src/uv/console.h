@@ -3,8 +3,7 @@
 
 namespace msgapi::uv {
 
-// Prints one diagnostic, which carries the fixed number by which it is known instead of its place
-// in the source.
+// Prints one diagnostic with its own fixed number in place of a source line.
 __attribute__((format(printf, 2, 3))) void print_debug(int line, const char *format, ...);
 
 }  // namespace msgapi::uv
