@@ -161,8 +161,8 @@ typedef struct MSGKIT_DAEMON_ST {
  * acknowledges the request, and disconnects. SIGHUP calls pfReload and is ignored without one.
  * Start, end and the reason are logged.
  *
- * Who asks it to exit waits 5 s for the acknowledgement (ORP_MSG_SafeExitProcesses): pfStop should
- * be done by then.
+ * Whoever asks it to exit waits 5 s for the acknowledgement (ORP_MSG_SafeExitProcesses): pfStop
+ * should be done by then.
  *
  * Returns the exit status of the process: 0 after an orderly end, 1 when the daemon could not start
  * or the loop failed; the log says why.

@@ -1,5 +1,5 @@
 // The filter names what is refused, not what is allowed: later C libraries and kernels use calls
-// that nobody knows yet, and a server that cannot go on helps nobody. Filter: seccomp(2).
+// that nobody knows yet, and a server that cannot go on helps nobody (seccomp(2)).
 
 #include "common/confine.h"
 
