@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "decisions.h"
-#include "msgapi/messages.h"
 #include "policy/policy.h"
 
 namespace {

@@ -15,7 +15,6 @@
 #include "common/command_line.h"
 #include "common/exit_status.h"
 #include "msgapi/kit.h"
-#include "msgapi/log.h"
 #include "msgbridge/bridge.h"
 #include "msgbridge/guard.h"
 #include "msgbridge/identity.h"

@@ -1,0 +1,96 @@
+// Which HTTP requests the message server lets in at all.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "servers/users.h"
+#include "support/file.h"
+
+namespace {
+
+using Trust = test::Users;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+// What the server answers to such a request, whoever would serve it: 404 is let in.
+class HttpDoor : public Trust {
+ protected:
+  static std::string status_of(const std::string &options,
+                               const std::string &url = "http://127.0.0.1:8080/x") {
+    EXPECT_NE(-1,
+              std::system(("curl -sg --max-time 20 -o /var/body -D /var/head -w '%{http_code}' " +
+                           options + " " + url + " >/var/http")
+                              .c_str()));
+    return test::contents("/var/http");
+  }
+};
+
+TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
+  start({"--http", "8080", "--http-host", "gateway.lan"});
+  const std::pair<const char *, const char *> kAsked[] = {
+      {"", "404"},
+      {"-H 'Host: localhost'", "404"},
+      {"-H 'Host: Gateway.LAN.:8080'", "404"},
+      {"-H 'Host: [::1]:8080'", "404"},
+      {"--http1.0 -H 'Host:'", "404"},
+      {"-H 'Host: evil.example'", "421"},
+      {"-H 'Host: gateway.lan.evil.example:8080'", "421"},
+      {"-H 'Host: 127.0.0.1.evil.example'", "421"},
+      {"-H 'Origin: http://127.0.0.1:8080'", "404"},
+      {"-H 'Origin: https://127.0.0.1:8080'", "404"},
+      {"-H 'Origin: http://127.0.0.1'", "403"},
+      {"-H 'Origin: http://evil.example' -d x", "403"},
+      {"-H 'Origin: null'", "403"},
+      {"-H 'Host: evil.example' -H 'Origin: http://evil.example'", "421"},
+      {"-H 'Sec-Fetch-Site: cross-site'", "403"},
+      {"-H 'Sec-Fetch-Site: same-origin'", "404"},
+      {"-H 'Sec-Fetch-Site: none'", "404"},
+  };
+  for (const auto &[options, status] : kAsked) EXPECT_EQ(status, status_of(options)) << options;
+  // A refused body is not waited for by the next request of the connection.
+  EXPECT_EQ("403404",
+            status_of("-H 'Origin: null' --data-binary @" + std::string(::getenv("MSGAPI_BIN")) +
+                      "/msgsvr http://127.0.0.1:8080/y --next -s -o /var/body -w '%{http_code}'"));
+  EXPECT_EQ("404", status_of(""));
+  EXPECT_THAT(log(), HasSubstr("refused by HTTP 9"));
+  EXPECT_THAT(test::contents("/var/head"),
+              AllOf(HasSubstr("Cross-Origin-Resource-Policy: same-origin"),
+                    Not(HasSubstr("Access-Control-Allow"))));
+}
+
+TEST_F(HttpDoor, OpensWithTheToken) {
+  const std::string path = "/var/token";
+  std::ofstream(path) << "0123456789abcdef\n";
+  std::filesystem::permissions(path, std::filesystem::perms(0640));
+  start({"--http", "8080", "--http-token", path});
+  EXPECT_EQ("401", status_of(""));
+  EXPECT_THAT(test::contents("/var/head"), HasSubstr("WWW-Authenticate: Bearer"));
+  EXPECT_EQ("404", status_of("-H 'Authorization: Bearer 0123456789abcdef'"));
+  EXPECT_EQ("404", status_of("-H 'Authorization: bearer 0123456789abcdef'"));
+  for (const char *wrong : {"Bearer 0123456789abcdeF", "Bearer 0123456789abcdef0", "Bearer ",
+                            "Bearer", "Basic 0123456789abcdef"}) {
+    EXPECT_EQ("401", status_of("-H 'Authorization: " + std::string(wrong) + "'")) << wrong;
+  }
+
+  for (const auto &[text, mode, why] :
+       {std::tuple("0123456789abcdef", 0644, "others may read the token"),
+        std::tuple("0123456789abcde", 0600, "is no token"),
+        std::tuple("0123456789 abcdef", 0600, "is no token")}) {
+    std::ofstream(path) << text;
+    std::filesystem::permissions(path, static_cast<std::filesystem::perms>(mode));
+    test::Process server("msgsvr", {"--socket", "/var/run/other", "--admin", "none", "--flight",
+                                    "0", "--http", "8081", "--http-token", path});
+    EXPECT_EQ(1, server.wait());
+    EXPECT_THAT(server.output(), HasSubstr(why));
+  }
+}
+
+}  // namespace

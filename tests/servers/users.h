@@ -1,0 +1,97 @@
+// Clients of several users, for tests of what the message server lets each of them do.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "servers/services.h"
+#include "support/message_peer.h"
+
+namespace test {
+
+inline constexpr const char *kPolicyFile = "/var/policy.json";
+inline constexpr uid_t kUser = 1234;
+inline constexpr gid_t kGroup = 4321;
+
+class Users : public Services {
+ protected:
+  void SetUp() override {
+    if (!can_be_others()) GTEST_SKIP() << "an ordinary user's sandbox has no other users";
+  }
+
+  // The kernel keeps the users of each thread, and hands on those of the one that connects.
+  template <typename Do>
+  static void as(uid_t user, const std::vector<gid_t> &groups, Do what) {
+    std::thread([&] {
+      const bool changed = ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0 &&
+                           ::syscall(SYS_setresgid, user, user, user) == 0 &&
+                           ::syscall(SYS_setresuid, user, user, user) == 0;
+      what(changed);
+    }).join();
+  }
+
+  static bool can_be_others() {
+    bool can = false;
+    as(kUser, {kGroup}, [&](bool changed) { can = changed; });
+    return can;
+  }
+
+  // Connected, with what it says as its sender, but not registered.
+  static std::unique_ptr<RawClient> stranger(const std::string &name,
+                                             const std::vector<gid_t> &groups = {}) {
+    std::unique_ptr<RawClient> client;
+    as(kUser, groups,
+       [&](bool) { client = std::make_unique<RawClient>(name, RawClient::Register::kNo); });
+    return client;
+  }
+
+  static std::unique_ptr<RawClient> user(const std::string &name,
+                                         const std::vector<gid_t> &groups = {}) {
+    auto client = stranger(name, groups);
+    EXPECT_TRUE(registers(client.get()));
+    return client;
+  }
+
+  // A refused registration is answered under an empty name.
+  static bool registers(RawClient *client) {
+    const auto reply = client->enter();
+    return reply && reply->to == client->name();
+  }
+
+  static void write(const std::string &rules, const std::string &otherwise = "allow") {
+    std::ofstream(kPolicyFile) << "{\"default\": \"" << otherwise << "\", \"rules\": [\n"
+                               << rules << "]}";
+  }
+
+  void start_with(const std::string &rules, std::vector<std::string> arguments = {}) {
+    write(rules);
+    arguments.insert(arguments.end(), {"--policy", kPolicyFile});
+    start(arguments);
+  }
+
+  static Frame notice(uint32_t type, const std::string &to) {
+    return {.type = ORP_MSG_UNDELIVERABLE, .to = to, .data = type};
+  }
+
+  // What the log says until the server ends in order.
+  std::string log() {
+    EXPECT_EQ(0, server_->stop(SIGTERM));
+    return server_->output();
+  }
+
+  static size_t count(const std::string &text, const std::string &part) {
+    size_t found = 0;
+    for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++found;
+    return found;
+  }
+};
+
+}  // namespace test
