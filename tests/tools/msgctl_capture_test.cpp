@@ -4,6 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +36,18 @@ class MsgctlCapture : public test::RecorderFixture {
  protected:
   MsgctlCapture() : test::RecorderFixture(flight::kPath, 256) {}
 };
+
+// As far as the file goes: it may be in the middle of being written.
+std::vector<traffic::Packet> packets_of(const std::string &path) {
+  const std::string capture = test::contents(path);
+  std::vector<traffic::Packet> packets;
+  traffic::PcapngReader reader(capture);
+  try {
+    while (auto packet = reader.next()) packets.push_back(std::move(*packet));
+  } catch (const std::runtime_error &) {
+  }
+  return packets;
+}
 
 TEST_F(MsgctlCapture, CapturesAreReadBackAndRotate) {
   for (uint32_t i = 0; i < 200; ++i) exchange(i, "question", "answer", i);
@@ -60,6 +77,125 @@ TEST_F(MsgctlCapture, CapturesAreReadBackAndRotate) {
     EXPECT_TRUE(traffic::PcapngReader(part).next());
   }
   EXPECT_EQ(test::contents(path + ".3"), "");
+  // The records of their names are not among these packets.
+  EXPECT_THAT(test::contents(path), HasSubstr("Clients: 1 panel, 2 station"));
+}
+
+TEST_F(MsgctlCapture, OnlyItsOwnerMayReadACapture) {
+  exchange(1, "secret");
+  const std::string path = "/var/run/c.pcapng", link = "/var/run/link";
+  std::ofstream(path) << "was there before, and all could read it";
+  std::filesystem::permissions(path, std::filesystem::perms{0644});
+  ASSERT_EQ(run({"capture", "-w", path}).status, 0);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0600});
+  std::ofstream("/var/run/other") << "of somebody else";
+  std::filesystem::create_symlink("/var/run/other", link);
+  const Output refused = run({"capture", "-w", link});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.text, HasSubstr("symbolic link"));
+  EXPECT_EQ(test::contents("/var/run/other"), "of somebody else");
+}
+
+// Sets the wall time of each packet, seconds since 1970.
+void set_times(std::string *capture, const std::vector<uint64_t> &seconds) {
+  constexpr size_t kHigh = 12;
+  size_t packet = 0;
+  for (size_t at = 0; at < capture->size();) {
+    uint32_t words[2];
+    std::memcpy(words, capture->data() + at, sizeof words);
+    if (words[0] == 6) {
+      const uint64_t ns = seconds.at(packet++) * 1'000'000'000;
+      const uint32_t time[2] = {static_cast<uint32_t>(ns >> 32), static_cast<uint32_t>(ns)};
+      std::memcpy(capture->data() + at + kHigh, time, sizeof time);
+    }
+    at += words[1];
+  }
+}
+
+TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
+  using std::chrono::steady_clock;
+  const std::string path = "/var/run/c.pcapng";
+  for (uint32_t i = 1; i <= 3; ++i) message(kPanel, kStation, kAsk, i, "", i);
+  message(kPanel, kStation, kAsk + 1, 4, "of another type");
+  ASSERT_EQ(run({"capture", "-w", path, "--no-mask", "kind=accepted"}).status, 0);
+  std::string capture = test::contents(path);
+  // Half a minute, and an hour.
+  set_times(&capture, {1000, 1030, 4600, 4600});
+  std::ofstream(path, std::ios::binary) << capture;
+
+  test::Process server("msgsvr");
+  ASSERT_TRUE(server.wait_for("ready"));
+  std::mutex mutex;
+  std::vector<std::pair<uint32_t, steady_clock::time_point>> arrived;  // data and time
+  const test::Application station("station", [&](test::RawClient &self, const test::Frame &frame) {
+    const std::lock_guard lock(mutex);
+    if (frame.type == kAsk) arrived.emplace_back(frame.data, steady_clock::now());
+    self.answer(frame);
+  });
+  const auto replay = [&](const std::string &speed, const std::vector<std::string> &filter,
+                          size_t expected) {
+    const auto count = [&] {
+      const std::lock_guard lock(mutex);
+      return arrived.size();
+    };
+    {
+      const std::lock_guard lock(mutex);
+      arrived.clear();
+    }
+    std::vector<std::string> words{"replay", path, "--to", "station", "--speed", speed};
+    words.insert(words.end(), filter.begin(), filter.end());
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(run(words).status, 0);
+    const std::chrono::duration<double> took = steady_clock::now() - begin;
+    EXPECT_TRUE(test::eventually([&] { return count() >= expected; }));
+    EXPECT_EQ(count(), expected);
+    return took.count();
+  };
+  // 30 s at this speed are half a second.
+  replay("60", {"data=1-2", "type=0x1234"}, 2);
+  ASSERT_EQ(arrived.size(), 2u);
+  const std::chrono::duration<double> between = arrived[1].second - arrived[0].second;
+  EXPECT_GE(between.count(), 0.4);
+  EXPECT_LT(between.count(), 29);
+
+  EXPECT_LT(replay("0", {}, 3), 3600);
+  EXPECT_EQ(run({"replay", path, "--to", "station", "data=9"}).status, 4);
+  EXPECT_EQ(run({"replay", path, "--to", "station", "data"}).status, 2);
+  // Before the capture's last packet.
+  replay("0", {"since=-1s"}, 1);
+}
+
+// Clients and records of two servers have the same numbers.
+TEST_F(MsgctlCapture, ACaptureKeepsServersApart) {
+  const std::string path = "/var/run/c.pcapng";
+  test::Process capture("msgctl", {"capture", "--live", "-w", path, "--no-mask"});
+  const auto wait_for_packets = [&path](size_t count) {
+    EXPECT_TRUE(test::eventually([&] { return packets_of(path).size() >= count; }));
+  };
+  exchange(1, "question", "answer", 5);
+  wait_for_packets(9);
+  recorder_ = flight::Recorder(flight::kPath, flight::kLeastRing, 256);
+  connect(kPanel, "panel");
+  connect(kStation, "station");
+  exchange(2, "a later question", "another", 6);
+  wait_for_packets(18);
+  EXPECT_EQ(capture.stop(SIGTERM), 0);
+
+  const std::vector<traffic::Packet> packets = packets_of(path);
+  ASSERT_EQ(packets.size(), 18u);
+  for (size_t i = 0; i < packets.size(); ++i) {
+    EXPECT_EQ(packets[i].section, i < 9 ? 1u : 2u) << i;
+    EXPECT_EQ(packets[i].record.number, packets[i % 9].record.number);
+  }
+  test::Process server("msgsvr");
+  ASSERT_TRUE(server.wait_for("ready"));
+  const test::Application station("station", [](test::RawClient &self, const test::Frame &request) {
+    if (request.type != kAsk) return;
+    const bool first = request.body == "question";
+    self.answer(request, first ? 5 : 6, first ? "answer" : "another");
+  });
+  EXPECT_THAT(run({"replay", path, "--to", "station", "--speed", "0", "--json"}).text,
+              HasSubstr("\"sent\":2,\"answered_alike\":2,"));
 }
 
 TEST_F(MsgctlCapture, ADissectorShowsEveryFieldInTshark) {
@@ -98,8 +234,107 @@ TEST_F(MsgctlCapture, ADissectorShowsEveryFieldInTshark) {
   EXPECT_THAT(fields("msgapi.malformed", "-e msgapi.sequence"), testing::StrEq("8\n"));
   EXPECT_THAT(fields("msgapi.message_lost", "-e msgapi.loss -e msgapi.sequence"),
               testing::StrEq("2|9\n"));
+  EXPECT_THAT(
+      fields("frame.number == 1",
+             "-e msgapi.version -e msgapi.masked -e msgapi.number -e msgapi.kept -e "
+             "msgapi.from_id -e msgapi.to_id -e msgapi.sender -e msgapi.receiver -e "
+             "msgapi.board -e msgapi.body_in_file -e msgapi.data_length -e msgapi.length -e "
+             "msgapi.dm.error -e msgapi.dm.sub_type"),
+      testing::MatchesRegex("1\\|0\\|[0-9]+\\|44\\|1\\|2\\|panel\\|station\\|0\\|0\\|44"
+                            "\\|44\\|0\\|0\n"));
+  EXPECT_THAT(fields("msgapi.kind == 6", "-e msgapi.about -e msgapi.number").size(),
+              testing::Gt(3u));
   EXPECT_THAT(fields("_ws.lua.error", "-e frame.number"), testing::StrEq(""));
   EXPECT_THAT(shell("cd /var/run && capinfos -T -m -c c.pcapng 2>&1").text, HasSubstr(",7\n"));
+}
+
+// The other kinds of records, and another server's.
+TEST_F(MsgctlCapture, TsharkShowsWhatIsNoMessage) {
+  if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+  flight::Record facts;
+  facts.a = 1;
+  facts.b = 4;
+  const uint64_t http = recorder_.note(flight::Kind::kHttpRequest, facts, "/dev/info");
+  facts = {};
+  facts.about = http;
+  facts.a = 404;
+  recorder_.note(flight::Kind::kHttpAnswer, facts);
+  facts = {};
+  facts.to = kStation;
+  facts.a = 700;
+  facts.b = 1000;
+  recorder_.note(flight::Kind::kBacklog, facts);
+  facts.a = 3;
+  recorder_.note(flight::Kind::kRelieved, facts);
+  facts = {};
+  facts.from = kPanel;
+  facts.a = 2;
+  recorder_.note(flight::Kind::kEnded, facts, "it was told to");
+
+  ASSERT_EQ(
+      shell("cd /var/run && msgctl dissector > msgapi.lua && msgctl capture -w c.pcapng").status,
+      0);
+  const auto fields = [](int kind, const std::string &names) {
+    return shell(
+               "cd /var/run && HOME=/var/run tshark -r c.pcapng -X lua_script:msgapi.lua -Y "
+               "'msgapi.kind == " +
+               std::to_string(kind) + " && !msgapi.malformed' -T fields -E separator='|' " + names +
+               " 2>/dev/null")
+        .text;
+  };
+  EXPECT_EQ(fields(2, "-e msgapi.process -e msgapi.user -e msgapi.text"),
+            "101|0|/usr/bin/program\n102|0|/usr/bin/program\n");
+  EXPECT_EQ(fields(3, "-e msgapi.from_id -e msgapi.text"), "1|panel\n2|station\n");
+  EXPECT_EQ(fields(11, "-e msgapi.http.method -e msgapi.length -e msgapi.text"), "1|4|/dev/info\n");
+  EXPECT_EQ(fields(12, "-e msgapi.http.status -e msgapi.about"),
+            "404|" + std::to_string(http) + "\n");
+  EXPECT_EQ(fields(8, "-e msgapi.to -e msgapi.queue.bytes -e msgapi.queue.limit"),
+            "station|700|1000\n");
+  EXPECT_EQ(fields(9, "-e msgapi.lost"), "3\n");
+  EXPECT_EQ(fields(4, "-e msgapi.from -e msgapi.lost -e msgapi.text"), "panel|2|it was told to\n");
+}
+
+TEST_F(MsgctlCapture, TsharkFlagsPacketsThatAreMalformed) {
+  if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+  struct Damage {
+    const char *what;
+    size_t offset;  // in the packet
+    std::string bytes;
+  };
+  const Damage kDamages[] = {{"version", 0, std::string("\2\0", 2)},
+                             {"kind", 52, "\x63"},
+                             {"loss", 53, "\x63"},
+                             {"kept more than is there", 54, "\xff\xff"},
+                             {"a sender without its NUL", 104, "twelve bytes"},
+                             {"a receiver without its NUL", 116, "twelve bytes"},
+                             {"no header", 2, std::string("\0\0", 2)}};
+  for (uint32_t i = 0; i <= std::size(kDamages); ++i) message(kPanel, kStation, kAsk, i, "body");
+  const std::string path = "/var/run/c.pcapng";
+  ASSERT_EQ(run({"capture", "-w", path, "--no-mask", "kind=accepted"}).status, 0);
+  std::string capture = test::contents(path);
+  constexpr size_t kPacketInBlock = 28;
+  size_t packet = 0, at = 0;
+  while (at < capture.size() && packet < std::size(kDamages)) {
+    uint32_t words[2];
+    std::memcpy(words, capture.data() + at, sizeof words);
+    if (words[0] == 6) {
+      const Damage &damage = kDamages[packet++];
+      capture.replace(at + kPacketInBlock + damage.offset, damage.bytes.size(), damage.bytes);
+    }
+    at += words[1];
+  }
+  std::ofstream(path, std::ios::binary) << capture;
+
+  const auto frames = [](const std::string &filter) {
+    return shell(
+               "cd /var/run && msgctl dissector > msgapi.lua && HOME=/var/run tshark -r c.pcapng "
+               "-X lua_script:msgapi.lua -Y '" +
+               filter + "' -T fields -e frame.number 2>/dev/null")
+        .text;
+  };
+  EXPECT_EQ(frames("msgapi.malformed"), "1\n2\n3\n4\n5\n6\n7\n");
+  EXPECT_EQ(frames("!msgapi.malformed"), "8\n");
+  EXPECT_EQ(frames("_ws.lua.error"), "");
 }
 
 TEST_F(MsgctlCapture, TheBusIsAnInterfaceOfWireshark) {
@@ -140,6 +375,7 @@ TEST_F(MsgctlCapture, ACaptureStandsInForAnApplication) {
   test::Process server("msgsvr");
   ASSERT_TRUE(server.wait_for("ready"));
   EXPECT_EQ(run({"replay", open, "--to", "station", "--speed", "0"}).status, 4);
+  EXPECT_EQ(run({"mock", open, "--as", "station", "data=99"}).status, 4);
   test::Process mock("msgctl", {"mock", open, "--as", "station", "-n", "2", "--json"});
   ASSERT_EQ(run({"wait", "station"}).status, 0);
   const Output replay = run({"replay", open, "--to", "station", "--json"});

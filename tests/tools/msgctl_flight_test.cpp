@@ -34,6 +34,7 @@ using test::lines_of;
 using test::Output;
 using test::run;
 using test::shell;
+using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
@@ -209,6 +210,54 @@ TEST_F(MsgctlFlight, NobodyReadsPersonalDataUnlessItIsAskedFor) {
   }
 }
 
+// Each kind, wherever it stands, in all that the commands say.
+TEST_F(MsgctlFlight, EveryKindOfPersonalDataIsMasked) {
+  const std::string values[] = {"AA:BB:CC:DD:EE:FF",
+                                "192.168.100.24",
+                                "2001:db8::1:2:3",
+                                "A1B2C3D4E5F6G7H8",
+                                "01234567-89ab-cdef-0123-456789abcdef",
+                                "hunter22secret",
+                                "490154203237518",
+                                "somebodys-net"};
+  std::string items(24, '\0');
+  items.replace(0, 2, "\xbf\xfe");
+  items.append("\0\0\0\0\5\0\0\0\x0e\0\0\0SSID\0somebodys-net\0", 31);
+  uint32_t sequence = 0;
+  for (const std::string &body :
+       {"peer " + values[0] + " has " + values[1] + " and " + values[2],
+        "serial " + values[3] + " of " + values[4], "wifi password=" + values[5] + " up",
+        "{\"password\": [\"" + values[5] + "\"], \"imei\": " + values[6] + "}",
+        "{\"login\": {\"value\": \"" + values[5] + "\"}}",
+        "{\"text\": \"{\\\"ssid\\\": \\\"" + values[7] + "\\\"}\"}", items,
+        "/login?user=" + values[7] + "&token=" + values[5]}) {
+    exchange(++sequence, body, body);
+  }
+  // A client may have put some into what it says of itself.
+  flight::Record facts;
+  facts.from = kThird;
+  recorder_.note(flight::Kind::kConnected, facts, values[1] + ":4711");
+  recorder_.note(flight::Kind::kEnded, facts, "lost " + values[0]);
+  recorder_.note(flight::Kind::kHttpRequest, facts, "/device/" + values[4]);
+
+  for (const std::vector<std::string> &command :
+       std::vector<std::vector<std::string>>{{"monitor", "--history-only", "--all"},
+                                             {"monitor", "--history-only", "--all", "--json"},
+                                             {"capture", "-w", "-"},
+                                             {"diagram"},
+                                             {"diagram", "--svg"},
+                                             {"diagram", "--mermaid"},
+                                             {"postmortem"},
+                                             {"postmortem", "--json"}}) {
+    const std::string shown = run(command).text;
+    for (const std::string &value : values) {
+      EXPECT_THAT(shown, Not(HasSubstr(value))) << command[0] << " " << command.back();
+    }
+  }
+  const std::string open = run({"monitor", "--history-only", "--all", "--no-mask"}).text;
+  for (const std::string &value : values) EXPECT_THAT(open, HasSubstr(value));
+}
+
 TEST_F(MsgctlFlight, EndsWhenNobodyReads) {
   for (uint32_t i = 0; i < 100; ++i) exchange(i);
   for (const char *command : {"monitor", "monitor --json", "capture --live -w -"}) {
@@ -307,6 +356,32 @@ TEST_F(MsgctlFlight, TopCountsAndEndsWithItsReader) {
   EXPECT_EQ(lines[0]["queues"][0]["to"], "station");
   EXPECT_EQ(lines[0]["queues"][0]["waiting"], 1);
   EXPECT_THAT(run({"top", "--once"}).text, HasSubstr("DEEPEST QUEUES"));
+}
+
+// One filter language for all commands; replay and mock have their test beside captures.
+TEST_F(MsgctlFlight, EveryCommandTakesAFilter) {
+  connect(kThird, "third");
+  exchange(1);
+  message(kThird, kStation, kAnswered, 2);
+  message(kPanel, kStation, kAnswered, 3, "queued");
+  message(kStation, kPanel, kAnswered, 4);
+
+  const std::vector<Json> top = lines_of(run({"top", "--once", "--json", "from=third"}).text);
+  EXPECT_EQ(top.at(0)["messages"], 1);
+  EXPECT_EQ(top.at(0)["pairs"].size(), 1u);
+  EXPECT_EQ(lines_of(run({"waits", "--json"}).text).size(), 4u);
+  const std::vector<Json> waits = lines_of(run({"waits", "--json", "from=third"}).text);
+  ASSERT_EQ(waits.size(), 1u);
+  EXPECT_EQ(waits[0]["sequence"], 2);
+  EXPECT_THAT(run({"waits", "from=panel"}).text, HasSubstr("panel -> station -> panel"));
+  const std::string dead = run({"postmortem", "from=panel", "and", "type=count-processes"}).text;
+  EXPECT_THAT(dead, AllOf(ContainsRegex("Queued[^:]*: accepted, not delivered\n[^\n]* #3, 6 B\n\n"),
+                          HasSubstr("panel waits for station"), Not(HasSubstr("third waits")),
+                          ContainsRegex("The last 1 s\n[^\n]* #3 [^\n]*\n$")));
+  for (const char *command :
+       {"top", "waits", "postmortem", "monitor", "capture", "latency", "diagram"}) {
+    EXPECT_EQ(run({command, "from"}).status, 2) << command;
+  }
 }
 
 TEST_F(MsgctlFlight, TopEndsOnAKeyAndLeavesTheTerminalAsItWas) {

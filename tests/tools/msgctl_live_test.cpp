@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "msgapi/messages.h"
 #include "tools/msgctl_support.h"
 
 namespace {
@@ -60,7 +61,8 @@ TEST_F(MsgctlLive, LatenciesAreThoseThatAClientMeasures) {
   EXPECT_EQ((*row)["total"]["count"], kExchanges);
   EXPECT_NEAR(ns("total", "p50_ns"), median, 0.1 * median);
   EXPECT_GE(ns("handler", "p50_ns"), static_cast<double>(nanoseconds(kWork).count()));
-  EXPECT_LE(ns("total", "max_ns"), measured.back());
+  // The server records a delivery after it, and other processes may come in between.
+  EXPECT_LE(ns("total", "max_ns"), 2 * measured.back());
 }
 
 TEST_F(MsgctlLive, ADeadlockOfDaemonsIsNamedWithinASecond) {
@@ -86,6 +88,53 @@ TEST_F(MsgctlLive, ADeadlockOfDaemonsIsNamedWithinASecond) {
   EXPECT_THAT(run({"waits"}).text,
               AllOf(HasSubstr("asker waits for left: "), HasSubstr("\n  left waits for right: "),
                     HasSubstr("left -> right -> left: a probable deadlock for ")));
+}
+
+TEST_F(MsgctlLive, PostmortemTellsOfAServerThatWasKilled) {
+  constexpr uint32_t kMessages = 400;
+  RawClient slow("slow");
+  RawClient asker("asker");
+  // More than the socket takes.
+  for (uint32_t i = 1; i <= kMessages; ++i) {
+    asker.send({.type = kOwnType, .to = "slow", .body = std::string(2000, 'x'), .sequence = i});
+  }
+  // Answered by the catalogue, and never by this one.
+  asker.send({.type = ORP_MSG_COUNT_PROCESSES, .to = "slow", .sequence = 1000});
+  asker.send({.type = ORP_MSG_COUNT_PROCESSES, .to = "server", .body = "x", .sequence = 1001});
+  EXPECT_TRUE(test::eventually([] {
+    return !run({"monitor", "--history-only", "from=asker", "to=server", "type=count-processes"})
+                .text.empty();
+  }));
+  const pid_t pid = server_->pid();
+  EXPECT_EQ(server_->stop(SIGKILL), 128 + SIGKILL);
+
+  const auto check = [&] {
+    const std::vector<json> lines = lines_of(run({"postmortem", "--json", "from=asker"}).text);
+    const auto with = [&lines](const char *member) {
+      std::vector<json> found;
+      std::ranges::copy_if(lines, std::back_inserter(found),
+                           [member](const json &each) { return each.contains(member); });
+      return found;
+    };
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0]["process"], pid);
+    EXPECT_EQ(lines[0]["running"], false);
+    EXPECT_EQ(with("connected").size(), 2u);
+    const std::vector<json> queued = with("queued");
+    ASSERT_GT(queued.size(), 10u);
+    ASSERT_LT(queued.size(), kMessages + 2);
+    for (const json &each : queued) EXPECT_EQ(each["to"], "slow");
+    EXPECT_EQ(queued.back()["type_name"], "count-processes (0x705)");
+    const std::vector<json> waits = with("certain");
+    const auto unanswered =
+        std::ranges::count_if(waits, [](const json &each) { return each["sequence"] == 1000; });
+    EXPECT_EQ(unanswered, 1) << "nobody answered it";
+    EXPECT_EQ(lines.back()["sequence"], 1001) << "the last thing that was sent";
+  };
+  check();
+  // Its successor has put its own file in that place.
+  start();
+  check();
 }
 
 // In a root that is no sandbox's, with the same bus.

@@ -5,11 +5,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <thread>
+
+#include "support/soak.h"
 
 namespace test {
 
@@ -35,6 +39,15 @@ Output shell(const std::string &command) {
   while (const size_t got = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, got);
   const int status = ::pclose(pipe);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+}
+
+bool eventually(const std::function<bool()> &holds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience_ms);
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
 }
 
 std::vector<json> lines_of(const std::string &text) {

@@ -35,6 +35,9 @@ Output run(const Words &words);
 // A command line of a shell in which "msgctl" is ours; its standard output and its status.
 Output shell(const std::string &command);
 
+// Waits until it holds; false when that takes longer than kPatience_ms.
+bool eventually(const std::function<bool()> &holds);
+
 // The JSON value on each line.
 std::vector<nlohmann::json> lines_of(const std::string &text);
 
