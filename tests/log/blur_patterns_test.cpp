@@ -99,4 +99,19 @@ TEST(Find, AgreesWithRegexecOfTheExpressions) {
   for (const uint64_t count : matches) EXPECT_GT(count, texts / 50) << "the texts prove little";
 }
 
+TEST(Find, LooksAtNothingBeyondTheText) {
+  TextMaker maker(test::seed() + 1);
+  for (size_t i = 0; i < 4000; ++i) {
+    const std::string text = maker.make();
+    const std::string_view beginning = std::string_view(text).substr(0, i % (text.size() + 1));
+    const std::string alone(beginning);
+    for (size_t which = 0; which < std::size(test::kExpressions); ++which) {
+      const auto pattern = static_cast<Pattern>(which);
+      const Match within = find(pattern, beginning, 0), right = find(pattern, alone, 0);
+      ASSERT_EQ(right.length, within.length) << '"' << alone << "\" of \"" << text << '"';
+      ASSERT_EQ(right.start, within.start) << alone;
+    }
+  }
+}
+
 }  // namespace

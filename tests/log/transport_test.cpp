@@ -79,6 +79,19 @@ TEST(MlogSocketOpen, RefusesWhatCannotNameAClient) {
   open_client(std::string(97, 'x').c_str());
 }
 
+TEST(MlogSocketOpen, SaysWhenTheDirectoryCannotBeMade) {
+  EXPECT_EXIT(
+      {
+        ::dup2(STDERR_FILENO, STDOUT_FILENO);
+        ::mkdir("/var/empty", 0700);
+        int32_t fd = 0;
+        const bool failed = ::chroot("/var/empty") == 0 && MlogSocketOpen("client", &fd) == -2;
+        std::fflush(stdout);
+        ::_exit(failed && fd == -1 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "\\[MLOG\\]\\[ERROR\\]\\[[0-9]+\\]: create mlog ipc path failed");
+}
+
 TEST(MlogSocketClose, ClosesTheDescriptorWhateverTheName) {
   const test::FdCheck fds;
 
