@@ -597,7 +597,7 @@ TEST_F(Fleet, ListsAsksAndNamesWhoIsMissing) {
   EXPECT_THAT(one.text, HasSubstr("1 asked, 1 answered, 0 of them errors, 0 missing"));
   EXPECT_THAT(one.text, HasSubstr("median"));
 
-  const Output all = fleet({"call", "cms", "0x4242", "1", "--timeout", "1500"});
+  const Output all = fleet({"call", "cms", "0x4242", "1", "--timeout", "3000"});
   EXPECT_EQ(5, all.status) << all.text;
   EXPECT_THAT(all.text, HasSubstr("me 200 2"));
   EXPECT_THAT(all.text, HasSubstr("2 asked, 1 answered, 0 of them errors, 1 missing"));
