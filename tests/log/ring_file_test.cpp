@@ -123,6 +123,8 @@ TEST(RingFile, ReplacesWhatItCannotGoOnWith) {
   } const cases[] = {
       {"[overturn=002][offset=0000000070][uploadoffset=002^0000000500]\n", "uploaded in part",
        "]: overturn = 2, offset = 70\n"},
+      {"[overturn=002][offset=0000000070][uploadoffset=002^0000000000]\n", "nothing uploaded",
+       "]: overturn = 2, offset = 70\n"},
       {"[overturn=002][offset=0000000062][uploadoffset=002^0000001023]\n", "inside the header",
        kUnparsable},
       {"[overturn=002][offset=0000000201][uploadoffset=002^0000001023]\n", "beyond the limit",
@@ -145,7 +147,10 @@ TEST(RingFile, ReplacesWhatItCannotGoOnWith) {
 
     { const Ring ring(200); }
 
-    EXPECT_THAT(GetCapturedStdout(), HasSubstr(says)) << reason;
+    const std::string said = GetCapturedStdout();
+    EXPECT_THAT(said, HasSubstr(says)) << reason;
+    EXPECT_EQ(says == kUnreadable || says == kUnparsable, said.find("[ERROR]") != std::string::npos)
+        << reason;
     EXPECT_EQ(kEmptyRing, content()) << reason;
   }
 
