@@ -118,9 +118,9 @@ TEST(MlogPrint, PrintsWhatTheServerDoesNotGetAndTheReasonOnceAMinute) {
                 MlogPrint("wan", 8, "one\n");
                 mlog_print("wan", 2, "two\n[1][x][FATL]:\x1b[2J");
                 MlogPrint("a/b", 8, "three");
-                MlogPrint(
-                    "wan", 8,
-                    "\xc2\x9b \x9b \xff\x9b \xe0\xc2\x9b caf\xc3\xa9 \xe2\x82\x9b \xc2\xa0 \xc3");
+                MlogPrint("wan", 8,
+                          "\xc2\x9b \x9b \xff\x9b \xe0\xc2\x9b caf\xc3\xa9 \xe2\x82\x9b \xc2\xa0 "
+                          "\xe0\xa4\x85 \xf0\x9f\x98\x80 \xc3");
               }),
               MatchesRegex("mlog: /var/mlog/mlogServer: No such file or directory; log lines are "
                            "printed here until the log server takes them\n"
@@ -128,7 +128,7 @@ TEST(MlogPrint, PrintsWhatTheServerDoesNotGetAndTheReasonOnceAMinute) {
                            "mlog: .*\\[ERRO\\]:two\\?\\[1\\]\\[x\\]\\[FATL\\]:\\?\\[2J\n"
                            "mlog: .*\\[a/b\\]\\[INFO\\]:three\n"
                            "mlog: .*\\[INFO\\]:\\?\\? \\? \xff\\? \xe0\\?\\? caf\xc3\xa9 "
-                           "\xe2\x82\x9b \xc2\xa0 \xc3\n"));
+                           "\xe2\x82\x9b \xc2\xa0 \xe0\xa4\x85 \xf0\x9f\x98\x80 \xc3\n"));
 }
 
 // Makes `call` in a process of its own whose boot-time clock is so far ahead; false where nobody
