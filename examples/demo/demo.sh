@@ -6,15 +6,20 @@ PATH=$bin:$PATH
 
 usage() {
   cat <<'HELP'
-usage: demo.sh
+usage: demo.sh [--inspect]
 Starts the servers and the demo's daemons and shows, scene by scene, what they do and the commands
 that show it. On a terminal it waits a second before each command (not with CI in the environment).
+With --inspect the bus is shown as a page meanwhile, whose address is printed; on a terminal the page
+stays until a key is pressed. It is there for browsers outside when `sandbox --listen` has opened the
+socket, as `./dev demo --inspect` does.
 It runs in the sandbox only: `sandbox -- demo.sh`, or `./dev demo` in the sources.
 The exit status is 0 when everything went as it should.
 HELP
 }
+inspect=''
 case "${1:-} $#" in
   "--help 1") usage && exit ;;
+  "--inspect 1") inspect=127.0.0.1:8970 ;;
   " 0") ;;
   *) usage >&2 && exit 2 ;;
 esac
@@ -65,6 +70,7 @@ end() {
   trap - EXIT
   { ((!${#daemons[@]})) || kill -KILL "${daemons[@]}" || true
     ((!${#servers[@]})) || kill "${servers[@]}" || true
+    [[ -z ${inspector:-} ]] || kill "$inspector" || true
     wait
   } 2>/dev/null
   exit "$status"
@@ -90,6 +96,16 @@ start_server() {
 }
 
 echo "What servers and daemons say on their own is in $lines."
+if [[ -n $inspect ]]; then
+  [[ $(readlink /proc/self/fd/3) != socket:* ]] || inspect=fd:3
+  rm -f /var/inspector.address
+  mkfifo /var/inspector.address
+  msginspect --listen "$inspect" >/var/inspector.address 2>>"$lines" &
+  inspector=$!
+  read -r address </var/inspector.address || fail "msginspect ended"
+  [[ $inspect != fd:3 ]] || exec 3<&-
+  echo "The bus in a browser: $address"
+fi
 cat >/var/demo-apps.json <<JSON
 {"applications": [
   {"name": "greeter", "executable": "$bin/demo_greeter", "listen": "tcp:127.0.0.1:7000"}
@@ -192,6 +208,11 @@ for server in msgsvr notifyserver mlogserver; do
   wait "${servers[$server]}" || fail "$server did not end cleanly"
   unset "servers[$server]"
 done
+
+if [[ -n $inspect && -t 0 && -t 1 ]]; then
+  read -r -s -n 1 -p "Press a key to end; until then the page shows what was: $address" || true
+  echo
+fi
 
 title "every step went as it should"
 cat <<'TEXT'
