@@ -243,8 +243,11 @@ Session::Session(Open open) {
 
 Session::~Session() {
   // SQLite also opens the log files for reading when opening them for writing failed. The next call
-  // tries again; for a process that may only read, the result is the same.
-  if (g_db != nullptr && (sqlite3_errcode(g_db) & 0xFF) == SQLITE_READONLY) close_connection();
+  // tries again; for a process that may only read, the result is the same. And a transaction that
+  // could not even be rolled back, for want of memory, would be in the way of every later one.
+  const bool unfit = g_db != nullptr && ((sqlite3_errcode(g_db) & 0xFF) == SQLITE_READONLY ||
+                                         sqlite3_get_autocommit(g_db) == 0);
+  if (unfit) close_connection();
   pthread_mutex_unlock(&g_mutex);
 }
 
