@@ -99,6 +99,9 @@ TEST(MlogPrint, SaysWhatFailed) {
                 MlogPrintWithType(2, "wan", 8, nullptr);
               }),
               MatchesRegex("(\\[MLOG\\]\\[ERROR\\]\\[[0-9]+\\]: input parameter is invalid\n){2}"));
+  EXPECT_THAT(output_of([] { mlog_print("wan", 8, "%ls", L"\xFFFF"); }),
+              HasSubstr(": generate log buffer of module wan failed\n"))
+      << "a character that the locale does not have";
   EXPECT_EQ("", output_of([] {
               MlogPrint(nullptr, 8, "x");
               MlogPrint("wan", 8, nullptr);
