@@ -36,17 +36,13 @@ void add_loss(Losses *losses, Loss loss, const std::set<uint64_t> &told,
            (one.last + 1 == next.first || !waits_between(one.last, next.first));
   };
   while (losses->contains(loss.first)) ++loss.first;
-  auto next = losses->upper_bound(loss.first);
+  const auto next = losses->upper_bound(loss.first);
   if (next != losses->begin()) {
     const auto before = std::prev(next);
     if (!told.contains(before->first) && joins(before->second, loss)) {
       loss = joined(before->second, loss);
-      next = losses->erase(before);
+      losses->erase(before);
     }
-  }
-  if (next != losses->end() && !told.contains(next->first) && joins(loss, next->second)) {
-    loss = joined(loss, next->second);
-    losses->erase(next);
   }
   losses->emplace(loss.first, loss);
   if (losses->size() <= kMostLosses + told.size()) return;

@@ -27,8 +27,9 @@ struct Loss {
 using Losses = std::map<uint64_t, Loss>;
 
 // Notices that nobody has been told of yet are as few as their order among the events that still
-// wait allows: neighbours for the same reason become one. Beyond this number neighbours become one
-// whatever their reasons (that of the more events stays) and whatever waits between them.
+// wait allows: what follows one for the same reason joins it, which keeps its first number, as it
+// may have been told on an earlier connection. Beyond this number neighbours become one whatever
+// their reasons (that of the more events stays) and whatever waits between them.
 inline constexpr size_t kMostLosses = 256;
 
 // Adds what has been given up. Those in `told`, by their first numbers, stay as they are.
