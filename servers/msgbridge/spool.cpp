@@ -190,8 +190,7 @@ void Spool::open_file() {
 // For a file that is made anew while the spool knows what was in the one before.
 void Spool::lose_file() {
   std::ranges::sort(acknowledged_);
-  const auto twice = std::ranges::unique(acknowledged_);
-  acknowledged_.erase(twice.begin(), twice.end());
+  acknowledged_.erase(std::unique(acknowledged_.begin(), acknowledged_.end()), acknowledged_.end());
   for (const uint64_t sequence : acknowledged_) state_.oldest += sequence == state_.oldest ? 1 : 0;
   const uint64_t count = state_.count - std::min<uint64_t>(state_.count, acknowledged_.size());
   acknowledged_.clear();
