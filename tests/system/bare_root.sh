@@ -43,7 +43,7 @@ copy() {
 }
 copy /bin/sh
 for program in cat chgrp getent groupadd install ischroot ldconfig ln mkdir mount mountpoint mv \
-  readlink rm rmdir umount; do
+  readlink rm rmdir umount useradd; do
   copy "$(command -v "$program")"
 done
 copy "$build"/bin/{msgsvr,notifyserver,mlogserver,msgctl,mlog,cfmctl} "$build"/lib/lib*.so.*

@@ -304,7 +304,7 @@ TEST_F(BridgeAndBroker, SurvivesAFullDisk) {
   proxy.open(true);
   const uint64_t last = last_sequence();
   const Account account = test::account_of(record_.all(), last);
-  EXPECT_EQ(6021u, last);
+  EXPECT_EQ(6021u, last) << bridge->output();
   EXPECT_EQ(0u, account.missing);
   EXPECT_EQ(last, account.heard + account.given_up);
   EXPECT_TRUE(account.in_order);
