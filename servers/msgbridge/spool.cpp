@@ -25,6 +25,7 @@ constexpr uint64_t kLeastRoom = 64 << 10;
 constexpr int64_t kLimitedTime_ms = 60'000;
 constexpr size_t kReserveStep = 256 << 10;
 constexpr int kMostTries = 3;
+constexpr const char *kDamaged = "was damaged";
 constexpr int kApplication = 0x6d736270;
 constexpr int kVersion = 1;
 // No gateway's clock is right before.
@@ -123,7 +124,7 @@ Spool::Now Spool::system_clock() {
 
 Spool::Spool(SpoolOptions options, Clock clock)
     : options_(std::move(options)), clock_(clock), now_(clock()), limit_(options_.bytes) {
-  open(false);
+  open();
 }
 
 Spool::~Spool() = default;
@@ -135,17 +136,19 @@ bool Spool::failed(const std::exception &error) {
   return false;
 }
 
-bool Spool::open(bool damaged) {
+// With a reason a new file takes the place of what is there.
+bool Spool::open(const char *reason) {
   file_.reset();
   try {
     std::error_code error;
     fs::create_directories(fs::path(options_.path).parent_path(), error);
-    if (!damaged) {
+    if (reason == nullptr) {
       try {
         open_file();
         return true;
       } catch (const DiskError &damage) {
         if (!damage.is_damage()) throw;
+        reason = kDamaged;
       }
     }
     // Nobody can mend it here, and the gateway's events of today matter more.
@@ -153,7 +156,7 @@ bool Spool::open(bool damaged) {
     const bool is_known = !stream_.empty();
     const uint64_t before = state_.given_up;
     open_file();
-    problem_ = options_.path + ": was damaged, is begun anew";
+    problem_ = options_.path + ": " + reason + ", is begun anew";
     if (is_known) problem_ += "; " + std::to_string(state_.given_up - before) + " events are lost";
     return true;
   } catch (const std::exception &error) {
@@ -322,7 +325,7 @@ bool Spool::commit() {
   problem_.clear();
   now_ = clock_();
   if (now_.boot_ms - limited_at_ms_ > kLimitedTime_ms) limit_ = options_.bytes;
-  for (int tries = 0; tries < kMostTries && (file_ || open(false)); ++tries) {
+  for (int tries = 0; tries < kMostTries && (file_ || open()); ++tries) {
     try {
       if (is_due()) write();
       unread_ = false;
@@ -359,15 +362,25 @@ void Spool::written() {
   acknowledged_losses_.clear();
 }
 
+// Whether the broker has all that is in the file.
+bool Spool::nothing_waits() const {
+  const std::set<uint64_t> acknowledged(acknowledged_.begin(), acknowledged_.end());
+  return refused_.empty() && acknowledged.size() == state_.count;
+}
+
 // Puts back what a transaction has changed. True when the same may be tried again at once.
 bool Spool::recover(const std::exception &error) {
   failed(error);
   roll_back();
   const auto *disk = dynamic_cast<const DiskError *>(&error);
   if (disk == nullptr || disk->code == SQLITE_NOMEM || disk->code == SQLITE_BUSY) return false;
-  if (disk->is_damage()) return open(true);
+  if (disk->is_damage()) return open(kDamaged);
   // A smaller spool may fit the disk.
-  if (disk->code == SQLITE_FULL) return file_ != nullptr && shrink();
+  if (disk->code == SQLITE_FULL) {
+    // Its log may fill the disk, so that nothing can be removed any more: it holds what the broker
+    // has by now.
+    return file_ != nullptr && (shrink() || (nothing_waits() && open("has no room to be emptied")));
+  }
   // The next attempt opens what is there then.
   file_.reset();
   return false;

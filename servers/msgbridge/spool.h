@@ -104,7 +104,8 @@ class Spool {
     Losses losses;
   };
 
-  bool open(bool damaged);
+  bool open(const char *reason = nullptr);
+  bool nothing_waits() const;
   void open_file();
   void put_aside() const;
   void make_tables(const File &file);
