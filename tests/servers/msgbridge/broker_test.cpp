@@ -715,6 +715,8 @@ TEST_F(BridgeAndBroker, NoticesWhenNothingComesThroughAnyMore) {
   publish(100);
   proxy.hold(true);  // every packet is dropped, and no connection ends
   publish(100);
+  // Its question, and as long for an answer, take ten seconds, in which it says nothing.
+  std::this_thread::sleep_for(milliseconds(5000));
   ASSERT_TRUE(bridge->wait_for("has ended")) << bridge->output();
   proxy.open(false);  // an attempt that has come in between need not wait
   proxy.hold(false);
