@@ -1,7 +1,5 @@
 #include "line.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <string>
 
@@ -69,28 +67,17 @@ void add_clean_text(std::string_view text, std::string *out) {
   }
 }
 
-bool parse_line_head(std::string_view line, bool marked, LineHead *head) {
+bool parse_line_head(std::string_view line, LineHead *head) {
   const char *begin = line.data();
   std::string_view uptime;
   std::string_view level;
-  std::string_view sender;
   if (!cut_bracket(&line, &uptime) || !cut_bracket(&line, &head->module) ||
-      !cut_bracket(&line, &level) || (marked && !cut_bracket(&line, &sender)) ||
-      !line.starts_with(':') || !is_module_name(head->module)) {
+      !cut_bracket(&line, &level) || !line.starts_with(':') || !is_module_name(head->module)) {
     return false;
   }
   head->level = MlogGetLogLevel(std::string(level).c_str());
   head->end = static_cast<size_t>(line.data() - begin);
   return true;
-}
-
-void mark_sender(pid_t sender, std::string *line) {
-  LineHead head{};
-  if (parse_line_head(*line, false, &head)) {
-    line->insert(head.end, fmt::format("[{}]", sender));
-  } else {
-    line->insert(0, fmt::format("from {}: ", sender));
-  }
 }
 
 }  // namespace mlogserver

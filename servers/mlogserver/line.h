@@ -1,8 +1,6 @@
 // What a log line says about itself.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -22,13 +20,8 @@ struct LineHead {
 // directory of the sockets.
 bool is_module_name(std::string_view name);
 
-// False when the line does not begin that way or names no proper module. `marked` lines have a
-// bracket with their sender in front of the ":", others must not.
-bool parse_line_head(std::string_view line, bool marked, LineHead *head);
-
-// Writes a line's sender into it: as one more bracket in front of the head's ":", or in front of a
-// line without a proper head. So no sender can write such a bracket for another one.
-void mark_sender(pid_t sender, std::string *line);
+// False when the line does not begin that way or names no proper module.
+bool parse_line_head(std::string_view line, LineHead *head);
 
 // Adds a logged text to `out` so that it stays one line of its module and controls no terminal. A
 // line feed inside it is followed by a tab, with which no line begins. Control characters other

@@ -77,9 +77,9 @@ std::string RingStore::file_name_of(std::string_view module) {
   return fits ? name : kOther;
 }
 
-void RingStore::append(std::span<char> line) noexcept {
+void RingStore::append(std::string *line, pid_t sender) noexcept {
   try {
-    append_line(line);
+    append_line(line, sender);
     giving_up_ = false;
   } catch (const std::exception &error) {
     ++given_up_;
@@ -88,21 +88,29 @@ void RingStore::append(std::span<char> line) noexcept {
   }
 }
 
-void RingStore::append_line(std::span<char> line) {
+void RingStore::append_line(std::string *line, pid_t sender) {
   LineHead head{};
-  const bool parsed = parse_line_head({line.data(), line.size()}, marks_senders(), &head);
+  const bool parsed = parse_line_head(*line, &head);
+  const std::string name(parsed ? head.module : kOther);
   // The levels are bits, the more important the lower; "NONE" is 0.
-  if (parsed && head.level > level_of(head.module)) {
+  if (parsed && head.level > level_of(name)) {
     // Only modules with a file are counted by name, because anybody can invent names.
-    std::string module(head.module);
-    ++counters_[rings_.count(module) > 0 ? module : kOther].below_level;
+    ++counters_[rings_.count(name) > 0 ? name : kOther].below_level;
     return;
   }
+  if (config_.sender_pids) {
+    // In either place no sender can write such a thing for another one.
+    if (parsed) {
+      line->insert(head.end, fmt::format("[{}]", sender));
+    } else {
+      line->insert(0, fmt::format("from {}: ", sender));
+    }
+  }
 
-  const std::string module = parsed ? file_name_of(head.module) : kOther;
+  const std::string module = parsed ? file_name_of(name) : kOther;
   ModuleCounters &counters = counters_[module];
   Ring &ring = rings_[module];
-  const ModuleLimits &limits = config_.limits_of(parsed ? std::string(head.module) : kOther);
+  const ModuleLimits &limits = config_.limits_of(name);
   if (!is_within_limit(limits, module, &ring)) {
     ++counters.dropped;
     ++ring.dropped;
@@ -114,7 +122,7 @@ void RingStore::append_line(std::span<char> line) {
     written = write(&ring, text);
     if (written) ring.lost = 0;
   }
-  if (written && write(&ring, line)) {
+  if (written && write(&ring, *line)) {
     ++counters.kept;
   } else {
     ++counters.lost;

@@ -33,11 +33,11 @@ class RingStore {
   // has changed.
   void reconfigure(Config config);
 
-  // Adds a line, which ends with a line feed, to the file of its module, and blurs it on the way
-  // (in place). A written line has left the process when this returns. Lines that name no proper
-  // module, or one too many, go to the file "other". A line for which there is no memory is lost
-  // and counted.
-  void append(std::span<char> line) noexcept;
+  // Adds a line, which ends with a line feed, to the file of its module. On the way, in place, it
+  // gets its sender if the configuration says so, and is blurred. A written line has left the
+  // process when this returns. Lines that name no proper module, or one too many, go to the file
+  // "other". A line for which there is no memory is lost and counted.
+  void append(std::string *line, pid_t sender) noexcept;
 
   // False unless every line since the last call is on the disk.
   bool sync() noexcept;
@@ -51,9 +51,6 @@ class RingStore {
   void tell_dropped(bool all) noexcept;
   // When the next interval with dropped lines is over, if there is one.
   std::optional<std::chrono::steady_clock::time_point> next_notice() const;
-
-  // Whether lines say which process has sent them.
-  bool marks_senders() const { return config_.sender_pids; }
 
   // Why lines cannot be written now, for the user; empty when they can.
   std::string state() const;
@@ -99,7 +96,7 @@ class RingStore {
     size_t overwritten;  // bytes there; overwritten_ holds them
   };
 
-  void append_line(std::span<char> line);
+  void append_line(std::string *line, pid_t sender);
   bool sync_files() noexcept;
   std::string file_name_of(std::string_view module);
   bool is_within_limit(const ModuleLimits &limits, const std::string &module, Ring *ring);

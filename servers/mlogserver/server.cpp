@@ -196,9 +196,8 @@ bool Server::keep_line(std::span<const char> payload, pid_t sender) {
   if (length == 0) return false;
   line_.clear();
   add_clean_text({payload.data(), length}, &line_);
-  if (store_->marks_senders()) mark_sender(sender, &line_);
   line_ += '\n';
-  store_->append(line_);
+  store_->append(&line_, sender);
   return true;
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "common/log_line.h"
 #include "common/unique_fd.h"
@@ -71,7 +72,12 @@ void give(const servers::UniqueFd &file, uid_t receiver) {
   const std::string path = path_by_descriptor(file);
   if (::chmod(path.c_str(), kFileModeOfReceiver) != 0) return;
   if (::fchownat(file.get(), "", receiver, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0) return;
-  servers::log_line("a body file cannot be given to user {}: {}", receiver, std::strerror(errno));
+  // The server has lost the right to, or never had it: each file would say the same.
+  static bool told = false;
+  if (!std::exchange(told, true)) {
+    servers::log_line("hand-over files stay their senders', because they cannot be given away: {}",
+                      std::strerror(errno));
+  }
   ::chmod(path.c_str(), kFileMode);
 }
 

@@ -401,7 +401,7 @@ int HttpDaemon::begin(Connection &connection, Exchange &exchange, const char *me
         *limits_.guard, {header(MHD_HTTP_HEADER_HOST), header(MHD_HTTP_HEADER_ORIGIN),
                          header("Sec-Fetch-Site"), header(MHD_HTTP_HEADER_AUTHORIZATION)});
     if (refusal) {
-      ++*limits_.guard->refusals;
+      if (limits_.guard->refusals != nullptr) ++*limits_.guard->refusals;
       exchange.refused = true;
       exchange.answer = {refusal->status, refusal->why};
       exchange.answer.challenge = refusal->status == MHD_HTTP_UNAUTHORIZED;

@@ -14,7 +14,7 @@ namespace msgsvr {
 struct HttpGuard {
   std::vector<std::string> hosts = {};  // names of the server, besides its addresses and localhost
   std::string token = {};               // empty: none is asked for
-  std::atomic<uint64_t> *refusals = nullptr;  // counts them, for whoever reads it
+  std::atomic<uint64_t> *refusals = nullptr;  // where to count them; null: nowhere
 };
 
 // The headers that count, empty where there is none.

@@ -274,7 +274,7 @@ void Server::begin_frame(Client &from, std::span<char> begin, Header header, con
   // A path is never so long, so nobody would check whose file it names.
   if (loss == Loss::kNone && !route.to_server &&
       (header.ulMsgType & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
-    gate_.refuse(from, Gate::Fault::kForeignFile, "names a body file in a long message");
+    gate_.refuse(from, Gate::Fault::kForeignFile, "names a hand-over file in a long message");
     loss = Loss::kNotPermitted;
   }
   if (loss == Loss::kNone && !route.to_server) {

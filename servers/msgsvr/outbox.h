@@ -34,11 +34,8 @@ class Scratch {
 class Outbox {
  public:
   // What Outbox needs from the owner of the clients.
-  class Clients {
+  class Clients : public Flow::Clients {
    public:
-    virtual Client *by_id(uint32_t id) = 0;
-    // Decides anew what the loop should watch `client` for.
-    virtual void update_interest(Client &client) noexcept = 0;
     // `client` can no longer be written to.
     virtual void silence(Client &client) noexcept = 0;
 

@@ -27,7 +27,7 @@
 
 namespace msgsvr {
 
-class Server final : private Flow::Clients, private Outbox::Clients {
+class Server final : private Outbox::Clients {
  public:
   using Handler = std::function<void(Client &from, const Message &message)>;
   using GoneHandler = std::function<void(Client &client)>;

@@ -2,12 +2,12 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdarg>
-#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "msg/connection_fixture.h"
+#include "support/trace_records.h"
 
 namespace msgapi::msg {
 namespace {
@@ -15,36 +15,11 @@ namespace {
 using testing::ElementsAre;
 using testing::MatchesRegex;
 
-std::vector<std::string> g_records;
-
-}  // namespace
-}  // namespace msgapi::msg
-
-// Stands in for the library's, which writes nothing: the linker leads its calls here.
-extern "C" uint32_t __wrap_ORP_TRACE_PrintInfo(const char *function, uint32_t /*line*/,
-                                               uint32_t /*reserved*/, const char *category,
-                                               uint32_t level, const char *format, ...) {
-  char text[400];
-  va_list values;
-  va_start(values, format);
-  std::vsnprintf(text, sizeof text, format, values);
-  va_end(values);
-  if (std::string(text).find("msg type:") == std::string::npos) return 0;
-  msgapi::msg::g_records.push_back(std::string(function) + " " + category + " " +
-                                   std::to_string(level) + ": " + text);
-  return 0;
-}
-
-namespace msgapi::msg {
-namespace {
-
 constexpr uint32_t kRequest = 0x1234;
 constexpr uint32_t kOther = 0x4321;
 
 std::vector<std::string> records_of(const std::function<void()> &action) {
-  g_records.clear();
-  action();
-  return g_records;
+  return test::trace_records("msg type:", action);
 }
 
 TEST(TraceRecords, TellOfEachMessageOnItsWay) {

@@ -120,7 +120,7 @@ TEST(LogServerMemory, GivesUpOneRequestAndGoesOn) {
 TEST(LogServerMemory, AConfigurationThatThereIsNoMemoryForChangesNothing) {
   mlogserver::RingStore store(mlogserver::Config{});
   std::string line = "[1][wan][INFO]:text\n";
-  store.append(line);
+  store.append(&line, 1);
 
   for (unsigned nth = 1;; ++nth) {
     mlogserver::Config config;

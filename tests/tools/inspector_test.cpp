@@ -644,22 +644,14 @@ TEST_F(InspectorRecording, CountsWhatItCouldNotRead) {
   EXPECT_EQ(recording.missed() + recording.records(), server_.recorder_.count());
 }
 
-// As a capture may have it that somebody has put together.
 TEST_F(InspectorRecording, ARepeatedNumberMeansTheLaterMessage) {
   Recording recording(catalogue_, true, {.records = 4});
-  ORP_MSG_HEADER_ST header{};
-  flight::Entry entry;
-  entry.record.kind = static_cast<uint8_t>(flight::Kind::kAccepted);
-  entry.record.from = kPanel;
-  entry.record.to = kStation;
-  entry.header = {reinterpret_cast<const char *>(&header), sizeof header};
+  test::MadeUpMessage message;
   for (const uint64_t number : {1, 2, 1, 1, 3, 2, 4, 5, 6, 7, 1, 8}) {
-    entry.record.number = number;
-    ++header.ulSeqNum;
-    recording.take(entry, 0);
+    recording.take(message.numbered(number), 0);
     const inspector::Kept &kept = recording.at(recording.end_sequence() - 1);
     ASSERT_NE(kept.message, nullptr) << number;
-    EXPECT_EQ(kept.message->header.ulSeqNum, header.ulSeqNum);
+    EXPECT_EQ(kept.message->header.ulSeqNum, message.sequence());
   }
   EXPECT_EQ(recording.missed(), 0u);
 }

@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "flight/reader.h"
 #include "flight/recorder.h"
 #include "msgapi/msg.h"
 
@@ -63,6 +64,28 @@ class RecordedBus {
 
  private:
   std::map<uint32_t, std::string> names_;
+};
+
+// An accepted message under any number, as a file may have it that somebody has put together.
+class MadeUpMessage {
+ public:
+  MadeUpMessage() {
+    entry_.record.kind = static_cast<uint8_t>(flight::Kind::kAccepted);
+    entry_.record.from = kPanel;
+    entry_.record.to = kStation;
+    entry_.header = {reinterpret_cast<const char *>(&header_), sizeof header_};
+  }
+  // Another message each time, as its sequence number tells.
+  const flight::Entry &numbered(uint64_t number) {
+    entry_.record.number = number;
+    ++header_.ulSeqNum;
+    return entry_;
+  }
+  uint32_t sequence() const { return header_.ulSeqNum; }
+
+ private:
+  ORP_MSG_HEADER_ST header_{};
+  flight::Entry entry_;
 };
 
 // With two clients, the panel and the station.

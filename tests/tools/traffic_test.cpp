@@ -89,22 +89,14 @@ TEST_F(Traffic, LinksAnAnswerWithItsRequest) {
   EXPECT_EQ(model_.label(99), "#99");
 }
 
-// As a file may have it.
 TEST_F(Traffic, ARepeatedNumberMeansTheLaterMessage) {
   constexpr size_t kMost = 4;
   Model model(kMost);
-  ORP_MSG_HEADER_ST header{};
-  flight::Entry entry;
-  entry.record.kind = static_cast<uint8_t>(flight::Kind::kAccepted);
-  entry.record.from = kPanel;
-  entry.record.to = kStation;
-  entry.header = {reinterpret_cast<const char *>(&header), sizeof header};
+  test::MadeUpMessage message;
   for (const uint64_t number : {1, 2, 3, 4, 1, 1, 5, 1, 6, 6, 2}) {
-    entry.record.number = number;
-    ++header.ulSeqNum;
-    const Event event = model.take(entry, 0);
+    const Event event = model.take(message.numbered(number), 0);
     ASSERT_NE(event.message, nullptr) << number;
-    EXPECT_EQ(event.message->header.ulSeqNum, header.ulSeqNum);
+    EXPECT_EQ(event.message->header.ulSeqNum, message.sequence());
   }
   EXPECT_EQ(model.messages().size(), kMost);
 }
