@@ -265,7 +265,16 @@ TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
       {"login --token 'a' --password = \"two words\" -v",
        "login --token 'a' --password = \"*********\" -v"},
       {R"({"n": "pin=47 psk=\"a b\"", "user": 5, "m": "psk="})",
-       R"({"n": "pin=** psk=\"***\"", "user": 0, "m": "psk="})"}};
+       R"({"n": "pin=** psk=\"***\"", "user": 0, "m": "psk="})"},
+      // Escapes within quotes, an escaped sign, and a string that ends where a value would begin.
+      {R"({"n":"psk=\"a\\\\b secret\""})", R"({"n":"psk=\"*************\""})"},
+      {R"(psk="a\"b c" psk='a\'b')", R"(psk="******" psk='****')"},
+      {R"({"n":"psk\u003dabc"})", R"({"n":"psk\u003d***"})"},
+      {R"({"a":"xxpin=" , "b":"open"})", R"({"a":"xxpin=" , "b":"open"})"},
+      // A quote that is none of JSON's.
+      {R"(5" wide {"psk":"abc"} and "open")", R"(5" wide {"psk":"***"} and "open")"},
+      {R"(PreSharedKey=abc wifi_pass=abc {"Authorization": "Bearer abc"})",
+       R"(PreSharedKey=*** wifi_pass=*** {"Authorization": "**********"})"}};
   for (const auto &[open, hidden] : rows) EXPECT_EQ(shown_masked(open), hidden);
   // JSON in an item, and after the fields of a restful request.
   EXPECT_EQ(shown_masked(dm_body({{"payload", R"({"psk": "abc"})"}})),

@@ -14,6 +14,8 @@
 namespace traffic {
 namespace {
 
+constexpr std::string_view kBlanks = " \t";
+
 // Where the characters of a text begin, and its end. In the text of a JSON string an escape
 // sequence is one character.
 enum class Form { kPlain, kJson };
@@ -131,19 +133,58 @@ void hide_number(std::span<char> digits) {
   digits.back() = '0';
 }
 
-void hide_members(std::span<char> text);
+// What the name in front of an equals sign says, which is the last of `before` but for blanks.
+Care assigned(std::string_view before) {
+  const size_t sign = before.find_last_not_of(kBlanks);
+  if (sign == before.npos || before[sign] != '=') return Care::kNone;
+  before = before.substr(0, sign);
+  const size_t last = before.find_last_not_of(kBlanks);
+  if (last == before.npos) return Care::kNone;
+  size_t begin = last + 1;
+  while (begin > 0 && (is_of_word(before[begin - 1]) || is_in(before[begin - 1], "-_."))) --begin;
+  return care_of(before.substr(begin, last + 1 - begin));
+}
 
-// The text of a JSON string, which may hold JSON itself.
-void hide_string(std::span<char> string, Care care) {
-  hide(string, care, Form::kJson);
-  if (care != Care::kNone) return;
-  // A name within would have quotes, and these their escapes.
+// Up to the next such quote that is not escaped.
+size_t end_of_quoted(std::string_view text, size_t at, char quote) {
+  while (at < text.size() && text[at] != quote) at += text[at] == '\\' ? 2 : 1;
+  return std::min(at, text.size());
+}
+
+// name=value and name='value', as command lines, addresses of the web and settings have it.
+void hide_assignments(std::span<char> text) {
+  const std::string_view whole(text.data(), text.size());
+  for (size_t sign = whole.find('='); sign != whole.npos; sign = whole.find('=', sign + 1)) {
+    const Care care = assigned(whole.substr(0, sign + 1));
+    size_t begin = whole.find_first_not_of(kBlanks, sign + 1);
+    if (care == Care::kNone || begin == whole.npos) continue;
+    size_t end;
+    if (text[begin] == '\'') {
+      end = end_of_quoted(whole, ++begin, '\'');
+    } else {
+      end = std::min(whole.find_first_of(" \t\r\n&;,'", begin), whole.size());
+    }
+    hide(text.subspan(begin, end - begin), care);
+    sign = std::max(sign, end - 1);
+  }
+}
+
+void hide_members(std::span<char> text, int depth);
+
+// The text of a JSON string, which may hold assignments, and JSON itself.
+void hide_string(std::span<char> string, Care care, int depth) {
+  // Nobody wraps so often what is to be read.
+  constexpr int kDeepest = 8;
   const std::string_view text(string.data(), string.size());
-  if (text.find('\\') == std::string_view::npos) return;
+  if (care == Care::kNone && text.find_first_of("\\=\"") == text.npos) return;
+  if (care != Care::kNone || depth > kDeepest) {
+    hide(string, std::max(care, depth > kDeepest ? Care::kSecret : Care::kNone), Form::kJson);
+    return;
+  }
   const std::string plain = unescaped(text);
   const std::vector<size_t> begins = characters(text, Form::kJson);
   std::string hidden = plain;
-  hide_members(hidden);
+  hide_members(hidden, depth + 1);
   for (size_t i = 0; i < plain.size(); ++i) {
     if (hidden[i] == plain[i]) continue;
     const auto character = string.subspan(begins[i], begins[i + 1] - begins[i]);
@@ -152,34 +193,36 @@ void hide_string(std::span<char> string, Care care) {
 }
 
 // The members of JSON objects: "name": "value". A name also speaks for what is in the array or the
-// object that is its value.
-void hide_members(std::span<char> text) {
-  const auto end_of_string = [text](size_t at) {
-    while (at < text.size() && text[at] != '"') at += text[at] == '\\' ? 2 : 1;
-    return std::min(at, text.size());
-  };
-  const auto skip_space = [text](size_t at) {
-    while (at < text.size() && is_in(text[at], " \t\r\n")) ++at;
-    return at;
-  };
+// object that is its value. And what is assigned, in strings and between them.
+void hide_members(std::span<char> text, int depth) {
+  const std::string_view whole(text.data(), text.size());
   std::vector<Care> around;  // of each bracket that is open
   const auto inherited = [&around] { return around.empty() ? Care::kNone : around.back(); };
   Care care = Care::kNone;  // of the value that comes
   bool named = false;       // its name has been read
-  for (size_t at = 0; at < text.size();) {
+  size_t gap = 0;           // the end of the last string
+  size_t at = 0;
+  while (at < text.size()) {
     const char c = text[at];
     if (c == '"') {
-      const size_t begin = at + 1, end = end_of_string(begin);
-      const std::span<char> string = text.subspan(begin, end - begin);
-      at = skip_space(std::min(end + 1, text.size()));
-      if (!named && at < text.size() && text[at] == ':') {
-        const std::string_view name(string.data(), string.size());
-        care = std::max(inherited(), care_of(unescaped(name)));
+      hide_assignments(text.subspan(gap, at - gap));
+      const size_t begin = at + 1, end = end_of_quoted(whole, begin, '"');
+      const size_t next = std::min(whole.find_first_not_of(" \t\r\n", end + 1), whole.size());
+      if (!named && next < whole.size() && text[next] == ':') {
+        care = std::max(inherited(), care_of(unescaped(whole.substr(begin, end - begin))));
         named = true;
-        ++at;
+        gap = at = next + 1;
         continue;
       }
-      hide_string(string, care);
+      const Care value_care = std::max(care, assigned(whole.substr(0, at)));
+      // A quote without another one begins no string.
+      if (value_care == Care::kNone && around.empty() && end == text.size()) {
+        gap = begin;
+        break;
+      }
+      hide_string(text.subspan(begin, end - begin), value_care, depth);
+      // Outside of brackets a quote need not be JSON's: the next may be the first of a pair.
+      gap = at = around.empty() ? end : std::min(end + 1, text.size());
     } else if (is_in(c, "{[")) {
       around.push_back(care);
       ++at;
@@ -197,55 +240,24 @@ void hide_members(std::span<char> text) {
     care = inherited();
     named = false;
   }
-}
-
-// name=value, as command lines, addresses of the web and settings have it.
-void hide_assignments(std::span<char> text) {
-  constexpr std::string_view kSpaces = " \t";
-  const std::string_view whole(text.data(), text.size());
-  for (size_t sign = 1; sign + 1 < text.size(); ++sign) {
-    if (text[sign] != '=') continue;
-    size_t name_end = sign;
-    while (name_end > 0 && is_in(text[name_end - 1], kSpaces)) --name_end;
-    size_t name_begin = name_end;
-    while (name_begin > 0 &&
-           (is_of_word(text[name_begin - 1]) || is_in(text[name_begin - 1], "-_.")))
-      --name_begin;
-    const Care care = care_of({text.data() + name_begin, name_end - name_begin});
-    if (care == Care::kNone) continue;
-    size_t begin = std::min(whole.find_first_not_of(kSpaces, sign + 1), text.size());
-    // In the text of a JSON string a quote is escaped.
-    const bool escaped = whole.substr(begin).starts_with('\\');
-    const size_t quote = begin + (escaped ? 1 : 0);
-    size_t end;
-    if (quote < text.size() && is_in(text[quote], "\"'")) {
-      begin = quote + 1;
-      end = whole.find_first_of(escaped ? '\\' : text[quote], begin);
-      // The JSON string ends here, and has no value.
-      if (!escaped && (begin == text.size() || is_in(text[begin], ",:}]"))) continue;
-    } else {
-      end = begin;
-      while (end < text.size() && !is_in(text[end], " \t\r\n&;,\"'"))
-        end += text[end] == '\\' ? 2 : 1;
-    }
-    end = std::min(end, text.size());
-    hide(text.subspan(begin, end - begin), care, Form::kJson);
-    sign = std::max(sign, end - 1);
-  }
+  hide_assignments(text.subspan(gap));
 }
 
 void hide_text(std::span<char> bytes) {
-  for_each_text(bytes, hide_members);
-  for_each_text(bytes, hide_assignments);
-  for_each_text(bytes, hide_patterns);
+  for_each_text(bytes, [](std::span<char> text) {
+    hide_members(text, 0);
+    hide_patterns(text);
+  });
 }
 
 }  // namespace
 
 Care care_of(std::string_view name) {
-  constexpr std::array<std::string_view, 11> kSecret{"passw",  "passphrase", "pwd",       "psk",
-                                                     "secret", "wepkey",     "token",     "wpakey",
-                                                     "pin",    "puk",        "privatekey"};
+  constexpr std::array<std::string_view, 10> kSecret{
+      "passw",  "passphrase", "secret",     "wepkey",        "token",
+      "wpakey", "sharedkey",  "privatekey", "authorization", "cookie"};
+  // Words at the end only: "wifi_pin", but not "pinned".
+  constexpr std::array<std::string_view, 5> kSecretEnd{"psk", "pin", "puk", "pwd", "pass"};
   constexpr std::array<std::string_view, 13> kPersonal{
       "ssid",  "account", "user", "login",       "serial",   "imei",      "imsi",
       "iccid", "msisdn",  "mail", "phonenumber", "hostname", "devicename"};
@@ -255,11 +267,12 @@ Care care_of(std::string_view name) {
       plain += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
   }
-  const auto in_name = [&plain](std::string_view word) {
-    // Three letters are a word only at the end ("wifi_pin", but not "pinned").
-    return word.size() == 3 ? plain.ends_with(word) : plain.find(word) != std::string::npos;
-  };
-  if (std::any_of(kSecret.begin(), kSecret.end(), in_name)) return Care::kSecret;
+  const auto in_name = [&plain](std::string_view word) { return plain.find(word) != plain.npos; };
+  const auto at_end = [&plain](std::string_view word) { return plain.ends_with(word); };
+  if (std::any_of(kSecret.begin(), kSecret.end(), in_name) ||
+      std::any_of(kSecretEnd.begin(), kSecretEnd.end(), at_end)) {
+    return Care::kSecret;
+  }
   if (std::any_of(kPersonal.begin(), kPersonal.end(), in_name)) return Care::kPersonal;
   return Care::kNone;
 }

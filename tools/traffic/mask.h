@@ -11,8 +11,10 @@ namespace traffic {
 // library masks them in logs, wherever they stand; the values of DM items and of members of JSON
 // objects whose names say that they are personal (accounts, SSIDs, numbers of a subscriber) but for
 // their first and last character; secrets (passwords, keys) whole; with an array or an object all
-// that is in it. The same for name=value in a text, and for JSON in a text of JSON. `cut`: the body
-// goes on beyond these bytes, so what looks like the beginning of an address at their end goes too.
+// that is in it. The same for name=value in a text, up to the first blank where there are no
+// quotes, and for JSON in a text of JSON; what is wrapped more than eight times is hidden whole.
+// `cut`: the body goes on beyond these bytes, so what looks like the beginning of an address at
+// their end goes too.
 void mask_body(std::span<char> body, bool cut);
 
 // The same for a text that is not a body, a path say.
