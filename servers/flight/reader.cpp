@@ -48,6 +48,8 @@ OpenFile open_file(const std::string &path) {
 // The writer moves the tail before it overwrites anything. So whatever lies behind the present tail
 // is whole in the copy.
 void drop_overwritten(int fd, char *copied_head) {
+  // Only after every byte is copied.
+  std::atomic_thread_fence(std::memory_order_acquire);
   FileHead now;
   if (::pread(fd, &now, sizeof now, 0) != static_cast<ssize_t>(sizeof now)) return;
   FileHead then;

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,6 +113,7 @@ TEST_F(MsgctlFlight, ACopyOfAFileThatIsBeingWrittenIsWhole) {
     for (uint32_t i = 0; !ends; ++i) message(kPanel, kStation, kAsk, i, std::string(i % 256, 'x'));
   });
   constexpr int kCopies = 300;
+  uint64_t read = 0;
   for (int i = 0; i < kCopies; ++i) {
     flight::Reader reader = flight::Reader::load(flight::kPath);
     flight::Reader::Next next;
@@ -121,9 +123,31 @@ TEST_F(MsgctlFlight, ACopyOfAFileThatIsBeingWrittenIsWhole) {
     } while (next == flight::Reader::Next::kEntry);
     EXPECT_EQ(next, flight::Reader::Next::kNothing);
     EXPECT_EQ(reader.missed(), 0u);
+    read += reader.seen();
   }
   ends = true;
   writer.join();
+  EXPECT_GT(read, 10u * kCopies);
+}
+
+// As the file of a server that crashed may be, which is what this command is for.
+TEST_F(MsgctlFlight, PostmortemTellsWhatCameBeforeADamage) {
+  exchange(1, "before");
+  const uint64_t head = recorder_.count();
+  EXPECT_GT(head, 0u);
+  flight::FileHead file;
+  std::fstream ring(flight::kPath, std::ios::in | std::ios::out | std::ios::binary);
+  ring.read(reinterpret_cast<char *>(&file), sizeof file);
+  const uint64_t end = file.head;
+  exchange(2, "after");
+  // The size of the first record after that.
+  const std::string zeros(8, '\0');
+  ring.seekp(static_cast<std::streamoff>(flight::kRingOffset + end % file.ring_size));
+  ring.write(zeros.data(), static_cast<std::streamsize>(zeros.size())).flush();
+
+  const Output output = run({"postmortem"});
+  EXPECT_THAT(output.text, AllOf(HasSubstr("the ring is damaged"), HasSubstr("before"),
+                                 HasSubstr("panel"), Not(HasSubstr("after\""))));
 }
 
 TEST_F(MsgctlFlight, MonitorSaysWhatItMissed) {
@@ -249,7 +273,10 @@ TEST_F(MsgctlFlight, EveryKindOfPersonalDataIsMasked) {
                                              {"diagram", "--mermaid"},
                                              {"postmortem"},
                                              {"postmortem", "--json"}}) {
-    const std::string shown = run(command).text;
+    const Output output = run(command);
+    const std::string &shown = output.text;
+    EXPECT_EQ(output.status, 0) << command[0];
+    EXPECT_THAT(shown, AllOf(HasSubstr("panel"), HasSubstr("station"))) << command[0];
     for (const std::string &value : values) {
       EXPECT_THAT(shown, Not(HasSubstr(value))) << command[0] << " " << command.back();
     }
@@ -369,6 +396,8 @@ TEST_F(MsgctlFlight, EveryCommandTakesAFilter) {
   const std::vector<Json> top = lines_of(run({"top", "--once", "--json", "from=third"}).text);
   EXPECT_EQ(top.at(0)["messages"], 1);
   EXPECT_EQ(top.at(0)["pairs"].size(), 1u);
+  EXPECT_EQ(top.at(0)["seconds"], lines_of(run({"top", "--once", "--json"}).text).at(0)["seconds"])
+      << "the rates of what is wanted are of the whole stretch";
   EXPECT_EQ(lines_of(run({"waits", "--json"}).text).size(), 4u);
   const std::vector<Json> waits = lines_of(run({"waits", "--json", "from=third"}).text);
   ASSERT_EQ(waits.size(), 1u);

@@ -241,6 +241,16 @@ TEST(Mask, LeavesNoPersonalDataWhereverItStands) {
   }
 }
 
+TEST(CaptureLabels, HoldNamesAlsoWhereTheyAreCut) {
+  for (const auto &[label, name] : {std::pair("station", "station"),
+                                    {"station[123]", "station"},
+                                    {"wifimanager[123", "wifimanager"},
+                                    {"a[b", "a[b"},
+                                    {"#7", "#7"}}) {
+    EXPECT_EQ(traffic::name_in_label(label), name);
+  }
+}
+
 TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
   EXPECT_EQ(shown_masked(dm_body({{"SSID", "home-net"}, {"WifiPassword", "hunter22"}, {"n", "5"}})),
             dm_body({{"SSID", "h******t"}, {"WifiPassword", "********"}, {"n", "5"}}));

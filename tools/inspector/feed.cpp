@@ -70,6 +70,8 @@ std::string walk_flight(const std::string &path, const Use &use) {
   return {};
 }
 
+constexpr off_t kLargestFile = off_t{1} << 30;
+
 // A copy, for somebody may cut the file short at any time.
 std::string contents_of(const std::string &path) {
   const servers::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -81,6 +83,9 @@ std::string contents_of(const std::string &path) {
   if (!fd || ::fstat(fd.get(), &status) != 0) fail();
   if (!S_ISREG(status.st_mode) || status.st_size == 0) {
     throw Failure(ExitStatus::kBadBody, path + ": this is no capture and no flight file");
+  }
+  if (status.st_size > kLargestFile) {
+    throw Failure(ExitStatus::kBadBody, path + ": is larger than 1 GiB; capture less of it");
   }
   std::string bytes(static_cast<size_t>(status.st_size), '\0');
   size_t have = 0;
@@ -144,7 +149,8 @@ void load_past(Bus *bus, const std::string &path) {
       // A part of a recording need not have the records of the names.
       for (const auto &[id, label] :
            {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
-        if (!label.starts_with('#')) recording.name_client(id, label);
+        const std::string name = traffic::name_in_label(label);
+        if (!name.starts_with('#')) recording.name_client(id, name);
       }
       recording.take(packet.entry(), packet.wall_ns);
     });

@@ -74,21 +74,24 @@ class Output {
     written_ = 0;
     if (options_.output == "-") return;
     // Only the owner may read what passed between daemons.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
     file_.reset(::open(options_.output.c_str(), kFlags, 0600));
     if (!file_) fail();
-    // It may have been there with another mode.
+    // It may have been there with another mode. Somebody else's stays as it is.
     struct stat status {};
     if (::fstat(fd(), &status) != 0 ||
-        (S_ISREG(status.st_mode) && ::fchmod(fd(), S_IRUSR | S_IWUSR) != 0)) {
+        (S_ISREG(status.st_mode) &&
+         (::fchmod(fd(), S_IRUSR | S_IWUSR) != 0 || ::ftruncate(fd(), 0) != 0))) {
       fail();
     }
   }
 
   [[noreturn]] void fail() const {
     if (errno == ELOOP) {
-      throw Failure(ExitStatus::kAnswerError,
-                    options_.output + ": this is a symbolic link: name the file itself");
+      throw Failure(
+          ExitStatus::kAnswerError,
+          options_.output +
+              ": this is a symbolic link: name the file itself, or - for standard output");
     }
     throw Failure(
         errno == EACCES || errno == EPERM ? ExitStatus::kNotPermitted : ExitStatus::kAnswerError,
@@ -125,11 +128,7 @@ void capture(const Options &options, Context *context) {
   {
     // Who has connected before what is to be captured is known as well.
     Source names(options.flight.file);
-    try {
-      names.read([](const Event &) {});
-    } catch (const Failure &) {
-      // It will be said after what comes before the damage.
-    }
+    names.read_to_damage();  // which is told after what comes before it
     begin_section(names.model());
   }
   // An analyser that reads a pipe shows the interface at once.

@@ -15,6 +15,7 @@
 #include "msgctl/body.h"
 #include "msgctl/message_text.h"
 #include "msgctl/output.h"
+#include "traffic/decode.h"
 
 namespace msgctl {
 namespace {
@@ -87,7 +88,7 @@ std::string event_body(uint32_t event, const PublishWords &words) {
     return make_items(items, 0);
   }
   if (!items.empty()) throw servers::UsageError("give items or --payload, not both");
-  Json payload = Json::parse(body_text(words.payload), nullptr, false);
+  Json payload = traffic::parsed(body_text(words.payload));
   if (!payload.is_object()) {
     throw Failure(ExitStatus::kBadBody, "--payload is no JSON object: " + words.payload);
   }

@@ -241,15 +241,18 @@ struct Statuses {
 
 Statuses statuses(Broker *broker, const Words &words, Deadline deadline) {
   Statuses found;
-  Deadline quiet = in_ms(kQuiet_ms);
+  // A short time-out is no reason to take a silent broker for one that is still sending.
+  uint32_t pause_ms = kQuiet_ms;
+  Deadline quiet = in_ms(pause_ms);
   broker->on_arrival([&](const Arrived &arrived) {
     const std::string gateway = gateway_in(arrived.topic, words.prefix);
     if (gateway.empty() || !arrived.topic.ends_with("/status")) return;
     found.gateways[gateway] = parsed(arrived.payload);
-    quiet = in_ms(kQuiet_ms);
+    quiet = in_ms(pause_ms);
   });
   broker->subscribe(words.prefix + "/+/status", deadline);
-  quiet = in_ms(kQuiet_ms);
+  pause_ms = std::min(kQuiet_ms, static_cast<uint32_t>(ms_until(deadline)) / 2);
+  quiet = in_ms(pause_ms);
   broker->run(deadline, [&quiet] { return ms_until(quiet) == 0; });
   broker->on_arrival(nullptr);
   found.complete = ms_until(quiet) == 0;
@@ -293,6 +296,11 @@ void list(const Context &context, const Words &words) {
 
 // ---- Events ----
 
+// Gateways say their numbers themselves, whatever they are.
+void add_bounded(uint64_t *sum, uint64_t count) {
+  *sum += std::min(count, UINT64_MAX - *sum);
+}
+
 // The numbers of one gateway's events. Numbers can be missed twice, as a gap and in a notice of the
 // gateway's, whichever comes first: they count once.
 class Stream {
@@ -315,12 +323,14 @@ class Stream {
     }
     std::erase_if(notices_, [sequence](const Notice &each) { return each.last < sequence; });
     last_ = std::max(last_, sequence);
-    unexplained_ += gap;
+    add_bounded(&unexplained_, gap);
     return gap;
   }
 
   // How many events of it have not been counted yet.
   uint64_t notice(uint64_t first, uint64_t last, uint64_t count) {
+    if (last < first) return 0;
+    count = std::min(count, last - first + 1);
     const uint64_t known = first <= last_ ? std::min(unexplained_, count) : 0;
     unexplained_ -= known;
     if (last > last_ && notices_.size() < kMostNotices) notices_.push_back({first, last, count});
@@ -363,7 +373,8 @@ void listen(Context *context, const Words &words) {
     if (!stream.is(arrived.stream)) stream.begin(arrived.stream);
     if (arrived.topic.ends_with("/lost")) {
       const uint64_t count = number_in(payload, "count");
-      lost += stream.notice(number_in(payload, "first"), number_in(payload, "last"), count);
+      add_bounded(&lost,
+                  stream.notice(number_in(payload, "first"), number_in(payload, "last"), count));
       print_line(context->json ? json_text({{"gateway", printable(gateway)}, {"lost", payload}})
                                : fmt::format("{} gave up {} events: {}", printable(gateway), count,
                                              member(payload, "reason")));
@@ -372,7 +383,7 @@ void listen(Context *context, const Words &words) {
     const std::optional<uint64_t> missing = stream.event(arrived.sequence);
     if (!missing) return;
     if (counts && *missing > 0) {
-      lost += *missing;
+      add_bounded(&lost, *missing);
       if (!context->json) {
         print_line(fmt::format("{} {} events are missing here", printable(gateway), *missing));
       }

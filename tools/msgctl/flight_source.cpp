@@ -109,6 +109,15 @@ void Source::read(const Take &take) {
   }
 }
 
+std::string Source::read_to_damage(const Take &take) {
+  try {
+    read(take);
+  } catch (const Failure &damage) {
+    return damage.what();
+  }
+  return {};
+}
+
 void Source::follow(const Take &take, const std::function<bool()> &turn) {
   end_on_signals();
   while (g_ended == 0) {
@@ -144,11 +153,8 @@ traffic::Filter make_filter(const FlightOptions &options, const Context &context
     traffic::Filter filter(text, context.catalogue, clock_ns(CLOCK_REALTIME));
     if (text.empty()) return filter;
     Source source(options.file);
-    try {
-      source.read([](const traffic::Event &) {});
-    } catch (const Failure &) {
-      // The command will say so; the time of what comes before the damage is known.
-    }
+    // Of a damage the command will tell; the time of what comes before it is known.
+    source.read_to_damage();
     if (source.alive()) return filter;
     return traffic::Filter(text, context.catalogue, source.wall_ns(source.last_ns()));
   } catch (const traffic::FilterError &error) {

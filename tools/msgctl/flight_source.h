@@ -42,6 +42,9 @@ class Source {
   // Hands on what has been recorded and was not read yet, but no more than a whole ring: whoever
   // wants what came meanwhile reads again.
   void read(const Take &take);
+  // The same up to a damage, which is precious all the more after a crash: says what it is, nothing
+  // where there is none.
+  std::string read_to_damage(const Take &take = [](const traffic::Event &) {});
   // The same for ever, or to the end of a file that is not the running server's, with `turn` after
   // each round of 20 ms at least; ends when `turn` returns false, on SIGINT and SIGTERM, and when
   // nobody reads standard output any more. When a new server has put a new file in this one's

@@ -31,7 +31,7 @@ std::string dead_file(const std::string &wanted) {
   if (::access(wanted.c_str(), F_OK) != 0)
     return ::access(before.c_str(), F_OK) == 0 ? before : wanted;
   Source present(wanted);
-  present.read([](const Event &) {});
+  present.read_to_damage();
   return present.alive() && ::access(before.c_str(), F_OK) == 0 ? before : wanted;
 }
 
@@ -49,7 +49,6 @@ void postmortem(const Options &options, Context *context) {
   const uint64_t stretch_ns = options.seconds * uint64_t{1'000'000'000};
   std::deque<TimedLine> last;
   std::map<uint64_t, Message> queued;  // by number
-  std::string damage;
 
   const auto take = [&](const Event &event) {
     text.take(event);
@@ -72,12 +71,7 @@ void postmortem(const Options &options, Context *context) {
            {nullptr, time_text(event.wall_ns) + " " + text.line(event, source.model())}});
     }
   };
-  try {
-    source.read(take);
-  } catch (const Failure &failure) {
-    // What could be read is all the more precious.
-    damage = failure.what();
-  }
+  const std::string damage = source.read_to_damage(take);
 
   while (!last.empty() && source.last_ns() - last.front().time_ns > stretch_ns) last.pop_front();
 

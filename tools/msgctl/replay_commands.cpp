@@ -75,11 +75,6 @@ void refuse_other_buses(bool live) {
                 "real: run it in the sandbox, or give --live");
 }
 
-// "station" for "station[123]", as labels of captures tell clients of the same name apart.
-std::string name_of(const std::string &label) {
-  return label.ends_with(']') ? label.substr(0, label.rfind('[')) : label;
-}
-
 std::string contents_of(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
@@ -129,7 +124,8 @@ class Loader {
 
  private:
   void take(const traffic::Packet &packet, const traffic::Filter &filter) {
-    const std::string from = name_of(packet.from), to = name_of(packet.to);
+    const std::string from = traffic::name_in_label(packet.from);
+    const std::string to = traffic::name_in_label(packet.to);
     if (packet.section != section_) model_ = traffic::Model();
     section_ = packet.section;
     if (!from.starts_with('#')) model_.learn_name(packet.record.from, from);

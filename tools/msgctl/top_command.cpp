@@ -50,9 +50,12 @@ struct Queue {
 // What happened in a stretch of time, and the queues at its end.
 class Activity {
  public:
+  // The stretch begins with whatever comes first.
+  void note_time(uint64_t time_ns) {
+    if (first_ns_ == 0) first_ns_ = time_ns;
+  }
   void take(const Event &event) {
     const flight::Record &record = event.record;
-    if (first_ns_ == 0) first_ns_ = record.time_ns;
     switch (event.kind()) {
       case flight::Kind::kAccepted: {
         const uint64_t bytes = flight::kHeaderSize + uint64_t{record.a};
@@ -286,6 +289,7 @@ void top(const Options &options, Context *context) {
     // What empties a queue empties what is counted of it.
     const bool ends_queue =
         event.kind() == flight::Kind::kRelieved || event.kind() == flight::Kind::kEnded;
+    activity.note_time(event.record.time_ns);
     if (ends_queue || filter.matches(event, source.model())) activity.take(event);
   };
   source.on_replaced = [&activity] { activity.forget(); };

@@ -174,6 +174,12 @@ void PcapngWriter::add(const Event &event, const Model &model, Masking masking,
   sink_(block(kEnhancedPacket, std::move(content)));
 }
 
+std::string name_in_label(std::string_view label) {
+  const bool may_be_cut = label.size() == kLabelSize - 1;
+  if (label.ends_with(']') || may_be_cut) label = label.substr(0, label.rfind('['));
+  return std::string(label);
+}
+
 flight::Entry Packet::entry() const {
   flight::Entry entry;
   entry.record = record;

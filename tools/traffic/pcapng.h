@@ -61,6 +61,10 @@ class PcapngWriter {
 // The packet's bytes alone.
 std::string packet_of(const Event &event, const Model &model, Masking masking);
 
+// The client's name in a label, which cuts names that are long and tells clients of the same name
+// apart: "station" for "station[123]". Where there is no name the label is "#" and a number.
+std::string name_in_label(std::string_view label);
+
 // Reads such a capture back.
 struct Packet {
   uint32_t section = 0;  // 1, 2, 3 ...: numbers of clients and records hold within it
