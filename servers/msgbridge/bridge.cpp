@@ -86,7 +86,8 @@ void Bridge::commit() {
   commit_timer_.stop();
   const bool done = spool_.commit();
   report_spool();
-  if (!done) commit_timer_.start(kDiskPeriod_ms);
+  // What was written in spite of a problem has to show that the next is written without one.
+  if (!done || !disk_problem_.empty()) commit_timer_.start(kDiskPeriod_ms);
   pump();
 }
 

@@ -21,11 +21,10 @@ constexpr size_t kReadAhead = 64;
 constexpr size_t kReadAheadBytes = 128 << 10;
 constexpr uint64_t kTailLimit = 512 << 10;
 constexpr uint64_t kLeastRoom = 64 << 10;
-// After so long a disk that was full may have more room.
-constexpr int64_t kLimitedTime_ms = 60'000;
-constexpr size_t kReserveStep = 256 << 10;
+// Space is taken in steps as long as the log may be.
+constexpr uint64_t kReserveStep = 256 << 10;
+constexpr uint64_t kSmallReserveStep = 32 << 10;
 constexpr int kMostTries = 3;
-constexpr const char *kDamaged = "was damaged";
 constexpr int kApplication = 0x6d736270;
 constexpr int kVersion = 1;
 // No gateway's clock is right before.
@@ -125,6 +124,9 @@ Spool::Now Spool::system_clock() {
 Spool::Spool(SpoolOptions options, Clock clock)
     : options_(std::move(options)), clock_(clock), now_(clock()), limit_(options_.bytes) {
   open();
+  if (problem_.empty() && disk_is_small()) {
+    problem_ = options_.path + ": the disk is small, " + std::to_string(limit_) + " bytes are kept";
+  }
 }
 
 Spool::~Spool() = default;
@@ -136,41 +138,45 @@ bool Spool::failed(const std::exception &error) {
   return false;
 }
 
-// With a reason a new file takes the place of what is there.
-bool Spool::open(const char *reason) {
+bool Spool::open(Anew anew) {
   file_.reset();
   try {
     std::error_code error;
     fs::create_directories(fs::path(options_.path).parent_path(), error);
-    if (reason == nullptr) {
+    if (anew == Anew::kNo) {
       try {
         open_file();
         return true;
       } catch (const DiskError &damage) {
         if (!damage.is_damage()) throw;
-        reason = kDamaged;
+        anew = Anew::kDamaged;
       }
     }
-    // Nobody can mend it here, and the gateway's events of today matter more.
-    put_aside();
+    // Nobody can mend a damaged one here, and the gateway's events of today matter more.
+    put_aside(anew);
     const bool is_known = !stream_.empty();
     const uint64_t before = state_.given_up;
     open_file();
-    problem_ = options_.path + ": " + reason + ", is begun anew";
-    if (is_known) problem_ += "; " + std::to_string(state_.given_up - before) + " events are lost";
+    problem_ = options_.path +
+               (anew == Anew::kDamaged ? ": was damaged" : ": had no room to be emptied") +
+               ", is begun anew";
+    if (is_known && state_.given_up > before) {
+      problem_ += "; " + std::to_string(state_.given_up - before) + " events are lost";
+    }
     return true;
   } catch (const std::exception &error) {
     return failed(error);
   }
 }
 
-// Under another name, unless a new one would have no room beside it.
-void Spool::put_aside() const {
+// A damaged one gets another name, unless a new one would have no room beside it.
+void Spool::put_aside(Anew anew) const {
   std::error_code error;
   const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
-  const bool keep = !error && space.available > options_.bytes + options_.bytes / 2;
+  const bool damaged = anew == Anew::kDamaged;
+  const bool keep = damaged && !error && space.available > options_.bytes + options_.bytes / 2;
   for (const char *part : {"", "-wal", "-journal"}) {
-    fs::remove(options_.path + ".damaged" + part, error);
+    if (damaged) fs::remove(options_.path + ".damaged" + part, error);
     if (keep) fs::rename(options_.path + part, options_.path + ".damaged" + part, error);
     fs::remove(options_.path + part, error);
   }
@@ -187,6 +193,9 @@ void Spool::open_file() {
   }
   file_ = std::move(file);
   load();
+  limit_ = std::min(limit_, most());
+  // What is written goes through the log. On a small disk a long one could not be written back.
+  if (disk_is_small()) file_->db.execute("PRAGMA wal_autocheckpoint=8");
   if (options_.reserve) reserve();
 }
 
@@ -195,17 +204,24 @@ void Spool::lose_file() {
   std::ranges::sort(acknowledged_);
   acknowledged_.erase(std::unique(acknowledged_.begin(), acknowledged_.end()), acknowledged_.end());
   for (const uint64_t sequence : acknowledged_) state_.oldest += sequence == state_.oldest ? 1 : 0;
-  const uint64_t count = state_.count - std::min<uint64_t>(state_.count, acknowledged_.size());
+  uint64_t count = state_.count - std::min<uint64_t>(state_.count, acknowledged_.size());
+  const auto lose_here = [this](const Loss &loss) {
+    state_.given_up += loss.count;
+    add_loss(&state_.losses, loss, told_losses_, [](uint64_t, uint64_t) { return false; });
+  };
+  for (const uint64_t sequence : std::set(refused_.begin(), refused_.end())) {
+    if (count == 0 || std::ranges::binary_search(acknowledged_, sequence)) continue;
+    --count;
+    lose_here({sequence, sequence, 1, Reason::kRefused});
+  }
   acknowledged_.clear();
   refused_.clear();
   state_.count = state_.bytes = 0;
   state_.boot = 0;
   ahead_.clear();
-  ++begun_anew_;
   if (count == 0) return;
-  state_.given_up += count;
-  add_loss(&state_.losses, {state_.oldest, state_.next - 1, count, Reason::kDamaged}, told_losses_,
-           [](uint64_t, uint64_t) { return false; });
+  ++begun_anew_;
+  lose_here({state_.oldest, state_.next - 1, count, Reason::kDamaged});
 }
 
 void Spool::make_tables(const File &file) {
@@ -281,8 +297,27 @@ void Spool::load() {
   ahead_.clear();
 }
 
+// How much a file may hold on this disk. Its log needs about as much again.
+uint64_t Spool::most() const {
+  std::error_code error;
+  const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
+  if (error) return options_.bytes;
+  return std::min(options_.bytes, std::max<uint64_t>(space.capacity / 4, kLeastRoom));
+}
+
+bool Spool::disk_is_small() const {
+  return limit_ < options_.bytes;
+}
+
+// A disk that was full may have room again, for what waits in memory and its way through the log.
+void Spool::look_for_room() {
+  std::error_code error;
+  const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
+  if (!error && space.available > 2 * (tail_bytes_ + kLeastRoom)) limit_ = most();
+}
+
 void Spool::reserve() {
-  const uint64_t wanted = options_.bytes + options_.bytes / 4;
+  const uint64_t wanted = limit_ + limit_ / 4;
   const Database &db = file_->db;
   const auto size = [&db] {
     return static_cast<uint64_t>(
@@ -292,10 +327,11 @@ void Spool::reserve() {
   if (there >= wanted) return;
   try {
     // In steps, so that the log stays short.
+    const uint64_t step = disk_is_small() ? kSmallReserveStep : kReserveStep;
     db.execute("CREATE TABLE room(bytes BLOB)");
     {
       const Statement grow = db.prepare("INSERT INTO room VALUES(zeroblob(?))");
-      for (; there < wanted; there += kReserveStep) Query(grow, {kReserveStep}).step();
+      for (; there < wanted; there += step) Query(grow, {number(step)}).step();
     }
     db.execute("DROP TABLE room");
   } catch (const DiskError &error) {
@@ -324,7 +360,7 @@ bool Spool::is_due() {
 bool Spool::commit() {
   problem_.clear();
   now_ = clock_();
-  if (now_.boot_ms - limited_at_ms_ > kLimitedTime_ms) limit_ = options_.bytes;
+  if (disk_is_small()) look_for_room();
   for (int tries = 0; tries < kMostTries && (file_ || open()); ++tries) {
     try {
       if (is_due()) write();
@@ -362,10 +398,20 @@ void Spool::written() {
   acknowledged_losses_.clear();
 }
 
-// Whether the broker has all that is in the file.
+// Whether the broker has had all that is in the file.
 bool Spool::nothing_waits() const {
-  const std::set<uint64_t> acknowledged(acknowledged_.begin(), acknowledged_.end());
-  return refused_.empty() && acknowledged.size() == state_.count;
+  std::set<uint64_t> done(acknowledged_.begin(), acknowledged_.end());
+  done.insert(refused_.begin(), refused_.end());
+  try {
+    const Statement all = file_->db.prepare("SELECT sequence FROM events");
+    Query query(all, {});
+    while (query.step()) {
+      if (!done.contains(query.count(0))) return false;
+    }
+    return true;
+  } catch (const std::exception &) {
+    return false;
+  }
 }
 
 // Puts back what a transaction has changed. True when the same may be tried again at once.
@@ -374,12 +420,12 @@ bool Spool::recover(const std::exception &error) {
   roll_back();
   const auto *disk = dynamic_cast<const DiskError *>(&error);
   if (disk == nullptr || disk->code == SQLITE_NOMEM || disk->code == SQLITE_BUSY) return false;
-  if (disk->is_damage()) return open(kDamaged);
+  if (disk->is_damage()) return open(Anew::kDamaged);
   // A smaller spool may fit the disk.
   if (disk->code == SQLITE_FULL) {
     // Its log may fill the disk, so that nothing can be removed any more: it holds what the broker
     // has by now.
-    return file_ != nullptr && (shrink() || (nothing_waits() && open("has no room to be emptied")));
+    return file_ != nullptr && (shrink() || (nothing_waits() && open(Anew::kFull)));
   }
   // The next attempt opens what is there then.
   file_.reset();
@@ -464,8 +510,12 @@ void Spool::give_up_unwritten() {
   state_.next += unwritten_;
 }
 
+Reason Spool::no_room() const {
+  return disk_is_small() ? Reason::kDisk : Reason::kFull;
+}
+
 void Spool::make_room(uint64_t size) {
-  while (state_.bytes + size > limit_ && give_up_oldest(Reason::kFull)) {
+  while (state_.bytes + size > limit_ && give_up_oldest(no_room())) {
   }
 }
 
@@ -486,25 +536,38 @@ bool Spool::give_up_oldest(Reason reason) {
   return true;
 }
 
-// The disk is full: gives up the oldest, for what has come to fit in the space that frees. The
-// spool stays that small for a while.
+// The disk is full. Until it has room the spool is half as large as what there is, and gives up the
+// oldest for what has come to fit. True when something has changed, so that it is worth a try.
 bool Spool::shrink() {
+  const uint64_t smaller = std::max(std::min(limit_, state_.bytes + tail_bytes_) / 2, kLeastRoom);
+  const bool less = smaller < limit_;
+  limit_ = std::min(limit_, smaller);
   try {
+    empty_log();
     Query(file_->begin, {}).step();
+    const uint64_t before = state_.count;
     remove_acknowledged();
-    const uint64_t room = std::max(2 * tail_bytes_, kLeastRoom);
-    const uint64_t most = state_.bytes - std::min(state_.bytes, room);
-    bool some = false;
-    while (state_.bytes > most && give_up_oldest(Reason::kDisk)) some = true;
+    const uint64_t kept = limit_ - std::min(limit_, std::max(tail_bytes_, limit_ / 2));
+    while (state_.bytes > kept && give_up_oldest(Reason::kDisk)) {
+    }
+    const bool some = state_.count < before;
     write_state();
     Query(file_->commit, {}).step();
     written();
-    limit_ = std::max(state_.bytes + tail_bytes_, kLeastRoom);
-    limited_at_ms_ = now_.boot_ms;
-    return some;
+    return some || less;
   } catch (const std::exception &) {
     roll_back();
     return false;
+  }
+}
+
+// Writes the log back, whose space may be all that is left. It keeps the space, which others would
+// take otherwise.
+void Spool::empty_log() {
+  try {
+    file_->db.execute("PRAGMA wal_checkpoint");
+  } catch (const DiskError &) {
+    // There may be room once something is removed.
   }
 }
 
@@ -522,7 +585,7 @@ void Spool::insert(const Event &event) {
   const uint64_t sequence = state_.next++;
   const uint64_t size = weight(event);
   if (size > limit_) {
-    lose({sequence, sequence, 1, Reason::kFull});
+    lose({sequence, sequence, 1, no_room()});
     return;
   }
   make_room(size);

@@ -104,13 +104,18 @@ class Spool {
     Losses losses;
   };
 
-  bool open(const char *reason = nullptr);
+  // Whether a new file takes the place of what is there, and why.
+  enum class Anew : uint8_t { kNo, kDamaged, kFull };
+  bool open(Anew anew = Anew::kNo);
   bool nothing_waits() const;
   void open_file();
-  void put_aside() const;
+  void put_aside(Anew anew) const;
   void make_tables(const File &file);
   void lose_file();
   void load();
+  uint64_t most() const;
+  bool disk_is_small() const;
+  void look_for_room();
   void reserve();
   bool is_due();
   void write();
@@ -122,9 +127,11 @@ class Spool {
   bool has_old();
   void give_up_old();
   void give_up_unwritten();
+  Reason no_room() const;
   void make_room(uint64_t size);
   bool give_up_oldest(Reason reason);
   bool shrink();
+  void empty_log();
   void lose(const Loss &loss);
   bool waits_between(uint64_t after, uint64_t before);
   void insert(const Event &event);
@@ -148,7 +155,6 @@ class Spool {
   uint32_t begun_anew_ = 0;
   bool unread_ = false;
   uint64_t limit_;  // options_.bytes, or less while the disk has no more
-  int64_t limited_at_ms_ = 0;
 
   std::deque<Event> tail_;  // appended, not yet committed
   uint64_t tail_bytes_ = 0;

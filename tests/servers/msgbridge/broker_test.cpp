@@ -281,7 +281,7 @@ TEST_F(BridgeAndBroker, CountsWhatItGivesUpWhileTheBrokerIsAway) {
 
 TEST_F(BridgeAndBroker, SurvivesAFullDisk) {
   fs::create_directories("/var/small");
-  ASSERT_EQ(0, ::mount("small", "/var/small", "tmpfs", 0, "size=4m"));
+  ASSERT_EQ(0, ::mount("small", "/var/small", "tmpfs", 0, "size=1m"));
   test::Broker broker(kBrokerPort);
   test::Proxy proxy(kProxyPort, kBrokerPort);
   proxy.open(false);

@@ -208,11 +208,12 @@ TEST(Spool, IsBegunAnewWhenItIsDamaged) {
 // A disk of its own, which can be filled.
 class SpoolOnSmallDisk : public testing::Test {
  protected:
-  SpoolOnSmallDisk() {
-    fs::create_directories("/var/spool_test");
-    EXPECT_EQ(0, ::mount("small", "/var/spool_test", "tmpfs", 0, "size=1m"));
-  }
+  SpoolOnSmallDisk() { fs::create_directories("/var/spool_test"); }
   ~SpoolOnSmallDisk() override { ::umount2("/var/spool_test", MNT_DETACH); }
+
+  static void mount(const char *size) {
+    ASSERT_EQ(0, ::mount("small", "/var/spool_test", "tmpfs", 0, size));
+  }
 
   static void fill() {
     std::ofstream file("/var/spool_test/filler", std::ios::binary);
@@ -224,6 +225,7 @@ class SpoolOnSmallDisk : public testing::Test {
 };
 
 TEST_F(SpoolOnSmallDisk, ItsOwnSpaceIsReserved) {
+  mount("size=1m");
   SpoolOptions reserving = options(256 << 10);
   reserving.reserve = true;
   Spool spool(reserving, now);
@@ -239,6 +241,7 @@ TEST_F(SpoolOnSmallDisk, ItsOwnSpaceIsReserved) {
 }
 
 TEST_F(SpoolOnSmallDisk, WhatAFullDiskRefusesIsCountedExactly) {
+  mount("size=4m");
   Spool spool(options(), now);
   add_and_commit(&spool, {"a", "b"});
   fill();
@@ -247,7 +250,7 @@ TEST_F(SpoolOnSmallDisk, WhatAFullDiskRefusesIsCountedExactly) {
   bool refused = false;
   for (int i = 0; i < 1500; ++i, ++appended) {
     add(&spool, payload);
-    refused |= !spool.commit();
+    if (i % 10 == 9) refused |= !spool.commit();
   }
   EXPECT_TRUE(refused);
   free();
@@ -275,6 +278,7 @@ TEST_F(SpoolOnSmallDisk, WhatAFullDiskRefusesIsCountedExactly) {
 }
 
 TEST_F(SpoolOnSmallDisk, StartsWithoutADisk) {
+  mount("size=1m");
   fill();
   Spool spool(options(), now);
   add(&spool, "a");
@@ -285,6 +289,75 @@ TEST_F(SpoolOnSmallDisk, StartsWithoutADisk) {
   ASSERT_TRUE(spool.commit()) << spool.problem();
   EXPECT_THAT(read(&spool), ElementsAre("1 a"));
 }
+
+// Disks that the spool would outgrow: whatever others leave of them, it never stops for good.
+struct SmallDisk {
+  const char *size;
+  bool reserve;
+  size_t payload;
+
+  friend void PrintTo(const SmallDisk &disk, std::ostream *out) {
+    *out << disk.size << (disk.reserve ? ", reserved" : "");
+  }
+};
+
+class SpoolOutgrowsDisk : public SpoolOnSmallDisk, public testing::WithParamInterface<SmallDisk> {};
+
+TEST_P(SpoolOutgrowsDisk, GoesOnAndCountsWhatItGivesUp) {
+  mount(GetParam().size);
+  SpoolOptions small = options();
+  small.reserve = GetParam().reserve;
+  Spool spool(small, now);
+  const std::string payload(GetParam().payload, 'x');
+  uint64_t heard = 0;
+  const auto commit_soon = [&spool] {
+    for (int i = 0; i < 5; ++i) {
+      if (spool.commit()) return true;
+    }
+    return false;
+  };
+  // The broker takes everything, in parts.
+  const auto drain = [&] {
+    for (size_t part = 1; part > 0;) {
+      part = 0;
+      while (const auto item = part < 100 ? spool.next() : std::nullopt) {
+        const auto *loss = std::get_if<Loss>(&*item);
+        spool.acknowledge(loss != nullptr ? loss->first : std::get<Event>(*item).sequence);
+        heard += loss != nullptr ? 0 : 1;
+        ++part;
+      }
+      ASSERT_TRUE(commit_soon()) << spool.problem();
+    }
+  };
+  uint64_t appended = 0;
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 20; ++i, ++appended) add(&spool, payload);
+    ASSERT_TRUE(commit_soon()) << round << spool.problem();
+    fill();
+    for (int i = 0; i < 2000; ++i, ++appended) {
+      add(&spool, payload);
+      if (i % 25 == 0) spool.commit();
+    }
+    free();
+    ASSERT_TRUE(commit_soon()) << round << spool.problem();
+    EXPECT_EQ(appended, spool.last_sequence());
+    drain();
+    EXPECT_EQ(appended, heard + spool.given_up());
+    EXPECT_EQ(0u, spool.waiting());
+  }
+  EXPECT_LT(20u, heard);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , SpoolOutgrowsDisk,
+    testing::Values(SmallDisk{"size=400k", false, 100}, SmallDisk{"size=400k", false, 1000},
+                    SmallDisk{"size=400k", true, 100}, SmallDisk{"size=400k", true, 1000},
+                    SmallDisk{"size=1m", false, 2100}, SmallDisk{"size=1m", true, 4000}),
+    [](const testing::TestParamInfo<SmallDisk> &test) {
+      const SmallDisk &disk = test.param;
+      return std::string(disk.size).substr(5) + (disk.reserve ? "_reserved_" : "_") +
+             std::to_string(disk.payload);
+    });
 
 // What a model says after random work: everything comes, in order, or is counted.
 TEST(SpoolModel, LosesNothingUncounted) {
