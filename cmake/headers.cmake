@@ -1,0 +1,28 @@
+# The headers that cost servers and tools most, compiled once for libraries and once for programs,
+# whose code is relocated in different ways. Every file still includes what it uses: clang's
+# configurations compile without.
+find_package(fmt REQUIRED)
+find_package(nlohmann_json REQUIRED)
+foreach(kind library program)
+  add_library(${kind}_headers OBJECT ${CMAKE_CURRENT_LIST_DIR}/headers.cpp)
+  target_link_libraries(${kind}_headers PRIVATE fmt::fmt nlohmann_json::nlohmann_json)
+  target_precompile_headers(${kind}_headers PRIVATE
+    <algorithm> <chrono> <filesystem> <fstream> <functional> <map> <memory> <optional> <set> <span>
+    <stdexcept> <string> <string_view> <unordered_map> <utility> <vector>
+    <fmt/format.h> <nlohmann/json.hpp>)
+endforeach()
+set_target_properties(program_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+target_compile_options(program_headers PRIVATE ${CMAKE_CXX_COMPILE_OPTIONS_PIE})
+
+# msgapi_precompile(TARGET...): for targets that link servers_common, and so are compiled like the
+# headers.
+function(msgapi_precompile)
+  foreach(target ${ARGN})
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL EXECUTABLE)
+      target_precompile_headers(${target} REUSE_FROM program_headers)
+    else()
+      target_precompile_headers(${target} REUSE_FROM library_headers)
+    endif()
+  endforeach()
+endfunction()

@@ -1,0 +1,1 @@
+// Nothing but a reason to compile the headers that this target brings.
