@@ -376,6 +376,17 @@ TEST_F(Traffic, ShowsBodiesByTheirContent) {
   EXPECT_EQ(line(std::string("wifi\0\0\0\0\0\0\0\0", 12), ORP_MSG_COUNT_PROCESSES), "wifi");
 }
 
+TEST_F(Traffic, JsonMayHaveTheMembersThatToolsUseThemselves) {
+  for (const char *text :
+       {R"({"items":[1]})", R"({"items":[{}]})", R"({"items":7})", R"({"hex":5})",
+        R"({"missing":"x"})", R"({"code":1,"handler":2})", R"({"file":null})"}) {
+    traffic::Message foreign;
+    foreign.body = text;
+    foreign.length = static_cast<uint32_t>(foreign.body.size());
+    EXPECT_EQ(traffic::body_line(foreign, catalogue_), text);
+  }
+}
+
 TEST_F(Traffic, ShowsTheFieldsOfRestfulRequests) {
   const auto shown = [this](const std::string &body, uint32_t length) {
     ORP_MSG_HEADER_ST header{};

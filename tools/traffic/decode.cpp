@@ -95,18 +95,30 @@ Json restful_json(std::string_view body) {
               {"text", text_json(field(sizeof(ORP_MSG_RESTFUL_REQ_ST), body.size()))}};
 }
 
-std::string restful_line(const Json &request) {
+std::string json_line(const Json &json) {
+  return servers::printable(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+std::string restful_line(const Json &request, bool is_cut) {
   std::string line =
       fmt::format("code={} path={} handler={}", request["code"].get<uint32_t>(),
                   request["path"].get<std::string>(), request["handler"].get<std::string>());
   const Json &text = request["text"];
   if (text != "") {
-    line += " text=" +
-            (text.is_string()
-                 ? text.get<std::string>()
-                 : servers::printable(text.dump(-1, ' ', false, Json::error_handler_t::replace)));
+    line += " text=" + (text.is_string() ? text.get<std::string>() : json_line(text));
   }
-  if (request.contains("missing")) line += " ...";
+  return line + (is_cut ? " ..." : "");
+}
+
+std::string items_line(const Json &body, bool is_cut) {
+  std::string line;
+  for (const Json &item : body["items"]) {
+    const Json &value = item["value"];
+    line += fmt::format("{}{}={}", line.empty() ? "" : " ", item["name"].get<std::string>(),
+                        value.is_string() ? servers::printable(value.get<std::string>())
+                                          : value["hex"].get<std::string>());
+  }
+  if (is_cut) line += line.empty() ? "..." : " ...";
   return line;
 }
 
@@ -134,6 +146,58 @@ bool is_bounded(std::string_view json, size_t most) {
   return true;
 }
 
+// What a body was taken for. JSON of somebody else's may have any members, so they do not tell.
+enum class Form { kNone, kRestful, kItems, kHex, kText };
+
+struct ReadBody {
+  Form form;
+  Json json;
+  size_t missing;  // bytes that were not kept
+};
+
+// With what the catalogue says of its type, or without.
+ReadBody read_kept(const Message &message, const catalogue::Content *content, size_t missing) {
+  const std::string_view body = message.body;
+  if (content != nullptr && content->body == catalogue::Body::kRestful &&
+      body.size() >= offsetof(ORP_MSG_RESTFUL_REQ_ST, aucPath)) {
+    return {Form::kRestful, restful_json(body), missing};
+  }
+  if (is_dm(body)) return {Form::kItems, items_json(body), missing};
+  if (content != nullptr && content->body == catalogue::Body::kName) {
+    return {Form::kText, servers::printable(without_nul(body.substr(0, ORP_APP_NAME_SIZE))),
+            missing};
+  }
+  // The end of one that is cut may be a part of a character.
+  const size_t whole = body.size() - std::min<size_t>(body.size(), 3);
+  if (is_text(body) || (missing > 0 && is_text(body.substr(0, whole)))) {
+    return {Form::kText, text_json(body), missing};
+  }
+  return {Form::kHex, Json{{"hex", hex(body)}}, missing};
+}
+
+ReadBody read_body(const Message &message, const catalogue::Catalogue &catalogue) {
+  if (message.length == 0) return {Form::kNone, nullptr, 0};
+  const std::string_view body = message.body;
+  const size_t missing = message.length - std::min<size_t>(body.size(), message.length);
+  if (body.empty()) return {Form::kNone, Json{{"missing", missing}}, missing};
+  if (message.body_in_file) {
+    return {Form::kText, Json{{"file", servers::printable(without_nul(body))}}, 0};
+  }
+  const catalogue::MessageType *type = catalogue.find(message.type());
+  const catalogue::Content *content = nullptr;
+  if (type != nullptr) {
+    content = message.answers != 0 && type->answer ? &*type->answer : &type->request;
+  }
+  ReadBody read = read_kept(message, content, missing);
+  if (missing == 0) return read;
+  if (read.json.is_object()) {
+    read.json["missing"] = missing;
+  } else if (read.json.is_string()) {
+    read.json = read.json.get<std::string>() + "...";
+  }
+  return read;
+}
+
 }  // namespace
 
 Json parsed(std::string_view text, size_t most_nested) {
@@ -142,64 +206,24 @@ Json parsed(std::string_view text, size_t most_nested) {
 }
 
 Json body_json(const Message &message, const catalogue::Catalogue &catalogue) {
-  if (message.length == 0) return nullptr;
-  const std::string_view body = message.body;
-  const size_t missing = message.length - std::min<size_t>(body.size(), message.length);
-  if (body.empty()) return Json{{"missing", missing}};
-
-  if (message.body_in_file) return Json{{"file", servers::printable(without_nul(body))}};
-  const catalogue::MessageType *type = catalogue.find(message.type());
-  const catalogue::Content *content = nullptr;
-  if (type != nullptr) {
-    content = message.answers != 0 && type->answer ? &*type->answer : &type->request;
-  }
-  Json json;
-  if (content != nullptr && content->body == catalogue::Body::kRestful &&
-      body.size() >= offsetof(ORP_MSG_RESTFUL_REQ_ST, aucPath)) {
-    json = restful_json(body);
-  } else if (is_dm(body)) {
-    json = items_json(body);
-  } else if (content != nullptr && content->body == catalogue::Body::kName) {
-    json = servers::printable(without_nul(body.substr(0, ORP_APP_NAME_SIZE)));
-  } else if (is_text(body) ||
-             (missing > 0 &&
-              is_text(body.substr(0, body.size() - std::min<size_t>(body.size(), 3))))) {
-    json = text_json(body);
-  } else {
-    json = Json{{"hex", hex(body)}};
-  }
-  if (missing == 0) return json;
-  if (json.is_object()) {
-    json["missing"] = missing;
-  } else if (json.is_string()) {
-    json = json.get<std::string>() + "...";
-  }
-  return json;
+  return read_body(message, catalogue).json;
 }
 
 std::string body_line(const Message &message, const catalogue::Catalogue &catalogue) {
-  const Json json = body_json(message, catalogue);
-  if (json.is_null()) return "";
-  if (json.is_string()) return servers::printable(json.get<std::string>());
-  if (json.is_object() && json.contains("items")) {
-    std::string line;
-    for (const Json &item : json["items"]) {
-      const Json &value = item["value"];
-      line += fmt::format("{}{}={}", line.empty() ? "" : " ", item["name"].get<std::string>(),
-                          value.is_string() ? servers::printable(value.get<std::string>())
-                                            : value["hex"].get<std::string>());
-    }
-    if (json.contains("missing")) line += line.empty() ? "..." : " ...";
-    return line;
+  const auto [form, json, missing] = read_body(message, catalogue);
+  switch (form) {
+    case Form::kNone:
+      return missing == 0 ? "" : fmt::format("({} bytes)", missing);
+    case Form::kRestful:
+      return restful_line(json, missing > 0);
+    case Form::kItems:
+      return items_line(json, missing > 0);
+    case Form::kHex:
+      return "hex " + json["hex"].get<std::string>();
+    case Form::kText:
+      return json.is_string() ? servers::printable(json.get<std::string>()) : json_line(json);
   }
-  if (json.is_object() && json.contains("handler") && json.contains("code")) {
-    return restful_line(json);
-  }
-  if (json.is_object() && json.size() == 1 && json.contains("missing")) {
-    return fmt::format("({} bytes)", json["missing"].get<size_t>());
-  }
-  if (json.is_object() && json.contains("hex")) return "hex " + json["hex"].get<std::string>();
-  return servers::printable(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  return "";
 }
 
 }  // namespace traffic
