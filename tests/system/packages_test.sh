@@ -63,6 +63,31 @@ grep -rhoP -- '-D\KMSGAPI_[A-Z_]+' packaging docs/packaging.md | while read -r o
   grep -q "^$option:" "$build/CMakeCache.txt" || { echo "no such option: $option"; exit 1; }
 done
 
+# listed FILE PATTERN...: one of them fits it, or a directory that it is in
+listed() {
+  local file=$1 pattern
+  shift
+  for pattern; do
+    # shellcheck disable=SC2053 # these are patterns
+    [[ $file == $pattern || $file == $pattern/* ]] && return
+  done
+  echo "in no package of the recipe: $file"
+  return 1
+}
+mapfile -t patterns < <(grep -hoP '\$\(PKG_INSTALL_DIR\)\K/usr/s?bin/\S+' packaging/openwrt/Makefile)
+for program in "$root"/usr/{sbin,bin}/*; do listed "${program#"$root"}" "${patterns[@]}"; done
+mapfile -t patterns < <(grep -hoP '\$\(PKG_BUILD_DIR\)/\K\S+' packaging/openwrt/Makefile)
+for script in packaging/procd/*; do listed "$script" "${patterns[@]}"; done
+mapfile -t patterns < <(grep -hoE '[a-z]+\.service' packaging/yocto/*.bb)
+for unit in "$root"/usr/lib/systemd/system/*.service; do listed "${unit##*/}" "${patterns[@]}"; done
+# What the recipe says, and what Yocto takes into the other packages by itself.
+# shellcheck disable=SC2016 # the recipe's variables
+read -ra patterns < <(tr -d '\\\n' <"$(echo packaging/yocto/*.bb)" | grep -oP 'FILES\S+ = "\K[^"]+' |
+  sed 's|${sbindir}|/usr/sbin|g; s|${bindir}|/usr/bin|g; s|${libdir}|/usr/lib|g; s|${prefix}|/usr|g
+    s|${datadir}|/usr/share|g; s|${systemd_system_unitdir}|/usr/lib/systemd/system|g')
+patterns+=('/usr/lib/lib*' /usr/lib/{pkgconfig,cmake} /usr/include /usr/share/man)
+while read -r file; do listed "$file" "${patterns[@]}"; done < <(cd "$root" && find usr -type f -printf '/%p\n')
+
 packages --purge libmsgapi1 libmsgapi-dev msgapi-servers
 "$source/tests/system/bare_root.sh" "$source" "$build" "$work/packages"
 left=$(find "$root" -path "$root/var" -prune -o -type f -print)
