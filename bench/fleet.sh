@@ -67,7 +67,14 @@ for ((last = -1, now = 0; now < wanted && now != last; now = $(grep -c sequence 
   sleep 2
 done
 after=$(used)
+# It writes what it still has when it ends.
 kill "$sub"
+wait "$sub" || true
+grep -q sequence heard || {
+  echo "fleet.sh: no event arrived"
+  tail -n 3 broker.log bus.log bridge1.log
+  exit 1
+} >&2
 
 awk -v bridges="$bridges" -v wanted="$wanted" -v start="$start" -v ticks="$((after - before))" \
   -v hz="$(getconf CLK_TCK)" -v RS='\033' '

@@ -10,6 +10,7 @@ finds has survived and is shown. All of this happens in a copy of the tree below
 without debug information, so that a mutant costs one compilation and one link."""
 
 import argparse
+import contextlib
 import os
 import pathlib
 import random
@@ -89,8 +90,11 @@ def run(words, timeout=None):
         try:
             return process.wait(timeout) == 0
         except subprocess.TimeoutExpired:
-            os.killpg(process.pid, signal.SIGKILL)
             return False
+        finally:
+            # Also when this is interrupted: nobody else can reach the session.
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGKILL)
 
 
 class Cases:
@@ -225,4 +229,13 @@ def main():
         print(f"{path}:{number + 1}\n  - {before.strip()}\n  + {text.strip()}")
 
 
-main()
+def end(*_):
+    raise KeyboardInterrupt
+
+
+signal.signal(signal.SIGTERM, end)
+signal.signal(signal.SIGHUP, end)
+try:
+    main()
+except KeyboardInterrupt:
+    sys.exit("mutants: interrupted; the copy's sources are as they were")
