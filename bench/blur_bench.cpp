@@ -1,6 +1,6 @@
 // Masking of personal data in buffers of 1 KiB: the library's two calls for log files, beside the
-// same rules done with regexec(), and beside RE2 and Hyperscan, which only find the values (all
-// patterns in one pass) and mask nothing.
+// same rules with regexec(). RE2 and Hyperscan only find the values, all patterns in one pass, and
+// mask nothing.
 
 #include <benchmark/benchmark.h>
 #include <regex.h>
@@ -29,7 +29,7 @@ std::string fill(const std::string &lines) {
   return text;
 }
 
-// Lines of a gateway's daemons in which nothing is to be masked.
+// Lines of a gateway's daemons without anything to mask.
 const std::string &clean_text() {
   static const std::string text = fill(
       "[00000123456][wan][INFO]:link eth0.2 is up, speed 1000, duplex full, mtu 1492\n"

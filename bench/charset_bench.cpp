@@ -1,5 +1,5 @@
-// UTF-8 to 16-bit units and back, for texts of several kinds, beside iconv and, where installed,
-// ICU. Rates are of UTF-8 bytes.
+// UTF-8 to 16-bit units and back, for texts of several kinds, beside iconv and, if installed, ICU.
+// Rates count bytes of UTF-8.
 
 #include <benchmark/benchmark.h>
 #include <iconv.h>

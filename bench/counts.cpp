@@ -1,8 +1,8 @@
 // counts --list | --calls NAME | NAME: fixed work whose instructions are counted.
 //
-// `valgrind --tool=callgrind --collect-atstart=no counts NAME` collects kTimes repetitions of the
-// work of that name and nothing else; `--calls` prints the system calls of one repetition. Unlike a
-// time, neither depends on what else the machine does. bench/counts.py does all of it.
+// `valgrind --tool=callgrind --collect-atstart=no counts NAME` collects kTimes repetitions of that
+// work and nothing else; `--calls` prints the system calls of one repetition. Unlike times, these
+// numbers do not depend on what else the machine does. bench/counts.py runs all of it.
 
 #include <arpa/nameser.h>
 #include <fcntl.h>
@@ -50,7 +50,7 @@ ORP_MSG_HEADER_ST *message_of(uint32_t body_size) {
   return message;
 }
 
-// Takes what has arrived. One system call of the harness.
+// Takes what has arrived, with one system call of the harness.
 void take(int fd) {
   char buffer[8192];
   check(::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) > 0, "nothing has arrived");
@@ -74,7 +74,7 @@ using Work = std::function<void()>;
 
 // ---- The client --------------------------------------------------------------------------------
 
-// The peer's end of the process's connection.
+// Gives the process a connection and returns the peer's end of it.
 int connect_context() {
   static const Pair pair;
   g_stMsgCtx.slSocket = pair.ends[0];
@@ -113,7 +113,7 @@ Work request() {
   };
 }
 
-// Among twenty registered types.
+// Dispatches one message among twenty registered types.
 Work dispatch() {
   for (uint32_t type = 0x1230; type < 0x1244; ++type) {
     ORP_MSG_RegMsgProc(
@@ -136,7 +136,7 @@ Work log_line() {
   };
 }
 
-// What the log server does with each line.
+// The work of the log server for each line.
 Work masked_ring_line() {
   static MlogTarget target = {256 * 1024, MlogFileConstructor("/var/tmp/counts.log", 256 * 1024)};
   check(target.file != nullptr, "MlogFileConstructor");
@@ -213,7 +213,7 @@ Work server_event() {
 
 // ---- The loop ----------------------------------------------------------------------------------
 
-// One turn with one readable descriptor among `count`, and `timers` that are not due.
+// One iteration with one readable descriptor among `count`, and with `timers` that are not due.
 Work loop_turn(int count, int timers) {
   OrpUvLoop *loop = OrpUvLoopGetDefault();
   for (int i = 0; i < count; ++i) {

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """counts.py DIRECTORY [--accept]: counts the instructions and the system calls of each piece of
-fixed work of DIRECTORY/counts and compares them with bench/counts.txt, or renews that.
+fixed work in DIRECTORY/counts and compares them with bench/counts.txt, or renews that file.
 
-Fails when a count is more than 3 % above the table's. With another compiler, C library or processor
-than the table's nothing is compared. Runs in the sandbox."""
+Fails when a count is more than 3 % above the table's. Compares nothing when the compiler, the C
+library or the processor is not the table's. Runs in the sandbox."""
 
 import concurrent.futures
 import os
@@ -21,8 +21,8 @@ HEAD = """# Instructions and system calls for one operation, those of the harnes
 FOR = "# With "
 
 
-# What the numbers depend on besides the sources. The C library has its functions in several forms
-# for processors of different kinds.
+# What the numbers depend on besides the sources. The C library has some functions in several forms,
+# one for each kind of processor.
 def surroundings():
     compiler = run(["c++", "-dumpfullversion", "-dumpversion"]).stdout.strip()
     flags = pathlib.Path("/proc/cpuinfo").read_text()
@@ -43,7 +43,7 @@ def count(program, name):
     collected = re.search(r"Collected : (\d+)", counted.stderr)
     if not collected:
         sys.exit(f"counts: {name}: callgrind has counted nothing")
-    # The last line is the program's answer; what the library prints stands before it.
+    # The last line is the program's answer. The library may print lines before it.
     calls = int(run([program, "--calls", name]).stdout.split()[-1])
     return round(int(collected[1]) / int(counted.stdout.split()[-1])), calls
 

@@ -1,5 +1,5 @@
-// DM messages and events. Each measurement stands beside the bare work that it cannot do without:
-// copying the same bytes, and making and printing the same object with cJSON alone.
+// DM messages and events, each beside the bare work that it cannot do without: copying the same
+// bytes, or making and printing the same object with cJSON alone.
 
 #include <benchmark/benchmark.h>
 #include <cJSON.h>
@@ -19,7 +19,7 @@ struct Item {
   std::string value;
 };
 
-// As a link event has them: names of 6 to 8 characters, values of 12 to 15.
+// Items like those of a link event: names of 6 to 8 characters, values of 12 to 15.
 std::vector<Item> make_items(size_t count) {
   std::vector<Item> items;
   for (size_t i = 0; i < count; ++i) {

@@ -91,7 +91,7 @@ pid_t run_broker(int controller) {
   ::_exit(127);
 }
 
-// Makes the broker serve the socket. The bus must stay open: the broker ends with it.
+// Makes the broker serve the socket. The returned bus must stay open: the broker ends with it.
 sd_bus *control(int fd) {
   sd_bus *bus = nullptr;
   check(sd_bus_new(&bus), "sd_bus_new");

@@ -9,12 +9,11 @@ namespace bench {
 // A request and its response.
 class DbusRoundTrip {
  public:
-  // Starts the broker and the answering process. Null, with a line that says why, where that does
-  // not work.
+  // Starts the broker and the answering process. Null when that fails, after printing why.
   static std::unique_ptr<DbusRoundTrip> start();
   virtual ~DbusRoundTrip() = default;
 
-  // The time of one call with `size` bytes there and back, in microseconds.
+  // The time of one call with `size` bytes in each direction, in microseconds.
   virtual double once(size_t size) = 0;
 };
 
@@ -26,7 +25,7 @@ class DbusFanOut {
   static std::unique_ptr<DbusFanOut> start(int subscribers, int burst, int confirmations);
   virtual ~DbusFanOut() = default;
 
-  // Sends that many signals with `size` bytes each.
+  // Sends `count` signals with `size` bytes each.
   virtual void send(int count, size_t size) = 0;
 };
 

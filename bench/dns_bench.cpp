@@ -1,5 +1,5 @@
 // Walking a reply of ten records under one compressed name, and building an answer, beside the
-// system's resolver and, where installed, c-ares and ldns.
+// system's resolver and, if installed, c-ares and ldns.
 
 #include <arpa/nameser.h>
 #include <benchmark/benchmark.h>
@@ -107,7 +107,7 @@ void build_answer(benchmark::State &state) {
 BENCHMARK(build_answer);
 
 #ifdef HAVE_LDNS
-// Answers a parsed query, so that both start from what a relay has at hand.
+// Answers a parsed query: like the library's side, it starts from what a relay has at hand.
 void build_answer_ldns(benchmark::State &state) {
   const PacketOwner query = make_packet(captures::kPoolQuery);
   ldns_pkt *parsed = nullptr;

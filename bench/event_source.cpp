@@ -1,6 +1,6 @@
-// event_source RATE SECONDS: publishes so many events a second on the bus, each with the moment of
-// its publishing (seconds since 1970, with a fraction) in its payload; prints how many there were.
-// For bench/fleet.sh, which starts the servers.
+// event_source RATE SECONDS: publishes RATE events a second on the bus. The payload of each has the
+// time of its publishing (seconds since 1970, with a fraction). Prints how many there were. For
+// bench/fleet.sh, which starts the servers.
 
 #include <unistd.h>
 
@@ -28,7 +28,7 @@ int main(int argc, char **argv) {
   const auto count = static_cast<long>(rate * seconds);
   for (long published = 0; published < count; ++published) {
     const auto due = begin + std::chrono::duration<double>(static_cast<double>(published) / rate);
-    // Sleeping is late by some tens of microseconds: what is due meanwhile follows at once.
+    // Sleeping ends some tens of microseconds late: events that are due by then follow at once.
     if (due > steady_clock::now()) {
       std::this_thread::sleep_until(std::chrono::time_point_cast<steady_clock::duration>(due));
     }

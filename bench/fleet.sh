@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# fleet.sh [BRIDGES [SECONDS [EVENTS]]]: so many bridges on one broker of this machine, EVENTS a
-# second published on their bus for SECONDS; prints what arrived, how long it took from publishing an
-# event on the bus to the broker's subscriber, and what a bridge costs. In the sandbox, with the
-# programs of a bench build first in PATH:
+# fleet.sh [BRIDGES [SECONDS [EVENTS]]]: connects BRIDGES bridges to one broker on this machine, and
+# publishes EVENTS events a second on their bus for SECONDS. Prints what arrived, how long an event
+# took from the bus to a subscriber of the broker, and what a bridge costs. Run it in the sandbox,
+# with the programs of a bench build first in PATH:
 #
 #   PATH=$PWD/build/bench/bin:$PATH build/bench/bin/sandbox -- bench/fleet.sh 200 120 25
 #   PATH=$PWD/build/bench/bin:$PATH build/bench/bin/sandbox -- bench/fleet.sh 1 5 5000
 #
-# All bridges are on one bus, so each event goes up once for each of them, and subscriber, broker,
+# All bridges are on one bus, so each event goes up once for each of them. Subscriber, broker,
 # message server and publisher share the machine with them. Needs mosquitto and mosquitto-clients.
 set -euo pipefail
 bridges=${1:-200} seconds=${2:-120} events=${3:-25}
@@ -22,7 +22,7 @@ for program in mosquitto mosquitto_sub msgsvr msgbridge event_source; do
     exit 1
   }
 done
-# Nothing here may touch a bus that is in use.
+# This must not touch a bus that is in use.
 [[ $(stat -f -c %T /var) == tmpfs ]] || {
   echo "fleet.sh: run it in the sandbox" >&2
   exit 1
@@ -33,11 +33,11 @@ cd "$work"
 ulimit -n 65536 2>/dev/null || ulimit -n "$(ulimit -Hn)"
 printf 'user root\nlistener 1883 127.0.0.1\nallow_anonymous true\nmax_queued_messages 0\nmax_inflight_messages 1000\n' >broker.conf
 mosquitto -c broker.conf >broker.log 2>&1 &
-# A bus of its own for each would be fairer to the bus; here its queues must hold for all.
+# On a real gateway a bridge has its own bus; here one bus carries the load of all.
 msgsvr --user-subscriptions 65536 >bus.log 2>&1 &
 until [[ -S /var/run/msgsvr ]]; do sleep 0.1; done
 
-# What so many spools reserve must fit the sandbox's memory.
+# The sandbox's files are memory, which must hold the space that all spools reserve.
 bytes=$((bridges > 8 ? 262144 : 4194304))
 pids=()
 for ((i = 1; i <= bridges; ++i)); do
@@ -61,7 +61,7 @@ before=$(used)
 start=$(date +%s%N)
 event_source "$events" "$seconds"
 wanted=$((events * seconds * bridges))
-# Until nothing has come for two seconds.
+# Waits until nothing has come for two seconds.
 for ((last = -1, now = 0; now < wanted && now != last; now = $(grep -c sequence heard || true))); do
   last=$now
   sleep 2

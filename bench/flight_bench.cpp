@@ -1,4 +1,4 @@
-// What a record of the flight recorder costs.
+// The cost of one record of the flight recorder.
 
 #include <benchmark/benchmark.h>
 

@@ -1,8 +1,8 @@
-// Messages between processes: the library through msgsvr, beside the raw limit of the same machine:
-// three processes that only read, forward and write the same bytes on Unix sockets, with one
-// select() before each read; and, where it is installed, beside sd-bus over dbus-broker. Everything
-// runs on one processor, because unpinned figures depend on where the scheduler happens to put the
-// processes; the sides take turns within each series, so that all see the same machine.
+// Messages between processes: the library through msgsvr, beside the raw limit of the same machine
+// and, if installed, beside sd-bus over dbus-broker. The raw side has three processes that only
+// read, forward and write the same bytes on Unix sockets, with one select() before each read.
+// Everything runs on one processor, because otherwise the figures depend on where the scheduler
+// puts the processes. The sides take turns within each series, so that all see the same machine.
 //
 // Usage: ipc_bench [SCALE]; SCALE multiplies the number of measurements (default 1).
 
@@ -82,7 +82,7 @@ void pin_to_one_processor() {
   check(::sched_setaffinity(0, sizeof allowed, &allowed) == 0, "sched_setaffinity");
 }
 
-// Processes that end with this one's measurement.
+// Child processes that end with a measurement.
 class Processes {
  public:
   Processes() = default;
@@ -160,7 +160,7 @@ struct Channel {
   int ends[2];
 };
 
-// Passes everything on between the two descriptors, in pieces as large as they come.
+// Forwards everything between the two descriptors, in the pieces in which it comes.
 void forward(int left, int right) {
   std::vector<char> buffer(kRawBuffer);
   for (;;) {
@@ -203,7 +203,8 @@ class RawRoundTrip {
   Processes processes_;
 };
 
-// Messages of `size` bytes in one direction; the reader takes one at a time and confirms the last.
+// Messages of `size` bytes in one direction. The reader takes them one by one and confirms the
+// last.
 class RawOneWay {
  public:
   RawOneWay(size_t size, int count) : message_(size, 'x'), count_(count) {
@@ -237,7 +238,7 @@ class RawOneWay {
   Processes processes_;
 };
 
-// The same to many readers: a forwarder repeats what it reads to each; or, `direct`, the sender
+// The same to many readers: a forwarder repeats to each what it reads. With `direct` the sender
 // itself writes every message to each.
 class RawFanOut {
  public:
@@ -320,7 +321,7 @@ void connect_as(const char *name) {
   if (ORP_MSG_Init(name) != ORP_OK || g_stMsgCtx.slSocket < 0) fail("ORP_MSG_Init");
 }
 
-// An application that answers on its event loop, once it is known to the server.
+// Starts an application that serves on its event loop. Returns when the server knows it.
 void serve_as(const std::string &name, Processes *processes, const std::function<void()> &set_up) {
   Channel ready;
   processes->run([&] {
@@ -338,7 +339,7 @@ void serve_as(const std::string &name, Processes *processes, const std::function
   ::close(ready.ends[1]);
 }
 
-// Sends the request back as its own response: nothing is copied here, as on the raw side.
+// Sends the request back as its own response, without copying, like the raw side.
 void echo(ORP_MSG_HEADER_ST *message) {
   std::memcpy(message->aucRecvApp, message->aucSendApp, sizeof message->aucRecvApp);
   if (ORP_MSG_Send(message) != ORP_OK) fail("echo");
@@ -371,7 +372,7 @@ double library_round_trip(Message *request) {
   return took;
 }
 
-// Counts one-way messages and events; confirms whenever it has got as many as one burst holds.
+// Counts one-way messages and events. Confirms whenever it has got a whole burst.
 int g_burst;
 int g_confirmations;
 void count(ORP_MSG_HEADER_ST * /*message*/) {
@@ -516,7 +517,7 @@ void print_fan_out() {
   }
 }
 
-// A GET on a kept connection, until its whole answer is there.
+// Sends GETs on one connection and waits for each whole answer.
 class HttpClient {
  public:
   explicit HttpClient(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -557,7 +558,7 @@ uint32_t tell_info(const ORP_MSG_RESTFUL_REQ_ST * /*request*/, char **response) 
 MHD_Result answer_at_once(void * /*data*/, MHD_Connection *connection, const char * /*url*/,
                           const char * /*method*/, const char * /*version*/,
                           const char * /*upload*/, size_t * /*upload_size*/, void **state) {
-  // An answer to the first call, before the request is read, would end the connection.
+  // The first call comes before the request is read; an answer then would end the connection.
   if (std::exchange(*state, connection) == nullptr) return MHD_YES;
   MHD_Response *response = ::MHD_create_response_from_buffer(
       std::strlen(kHttpText), const_cast<char *>(kHttpText), MHD_RESPMEM_PERSISTENT);
@@ -567,7 +568,7 @@ MHD_Result answer_at_once(void * /*data*/, MHD_Connection *connection, const cha
   return result;
 }
 
-// An application's answer by HTTP, beside the same HTTP library that answers by itself.
+// An application's answer by HTTP, beside an answer that the same HTTP library gives by itself.
 void print_http() {
   constexpr int kPerRound = 500;
   Processes processes;
@@ -601,7 +602,7 @@ void print_http() {
               times.median() / bare_times.median());
 }
 
-// The median round trip through a server of its own.
+// The median round trip through a new server with these options.
 double median_round_trip(const Options &options) {
   constexpr int kRequests = 2000;
   Processes processes;
@@ -615,7 +616,7 @@ double median_round_trip(const Options &options) {
   return times.median();
 }
 
-// The same in a process that has no connection from a measurement before.
+// The same in a new process, which has no connection from an earlier measurement.
 double median_in_new_process(const Options &options) {
   Channel result;
   Processes measurement;
@@ -630,13 +631,13 @@ double median_in_new_process(const Options &options) {
   return median;
 }
 
-// Round trips through servers that differ in one thing.
+// Round trips through two servers that differ in one option.
 void print_pair(const char *what, const Options &off, const Options &on) {
   const Options *options[] = {&off, &on};
   Series times[2];
   Series ratios;
   for (int round = 0; round < scaled(kRounds); ++round) {
-    // Whichever comes first in one pair comes second in the next.
+    // The one that comes first in this pair comes second in the next.
     for (const bool which : {round % 2 == 0, round % 2 != 0}) {
       times[which].values.push_back(median_in_new_process(*options[which]));
     }
@@ -646,7 +647,7 @@ void print_pair(const char *what, const Options &off, const Options &on) {
   std::printf("%10.2f %10.2f %7.3f\n", times[0].median(), times[1].median(), ratios.median());
 }
 
-// A policy that has to look at every message, of which the last rule lets these through.
+// A policy of 105 rules: 100 deny other types to another user, then the rest allows everything.
 std::string write_policy() {
   constexpr const char *kPath = "/var/bench_policy.json";
   constexpr int kRules = 100;
@@ -671,7 +672,7 @@ int main(int argc, char **argv) {
   pin_to_one_processor();
   std::signal(SIGPIPE, SIG_IGN);
 
-  // Before this process has a server and a connection.
+  // Measured before this process has a server and a connection.
   print_pair("the flight recorder", {"--flight", "0"}, {});
   print_pair("a policy of 105 rules", {}, {"--policy", write_policy()});
 

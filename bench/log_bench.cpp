@@ -1,6 +1,6 @@
-// The log: a line from the client, beside its bare system calls; a ring write, beside a plain
-// append; and lines from the client to the disk through mlogserver, beside syslog(3) to a receiver
-// that does nothing but append to a file.
+// The log: a line from the client, beside the bare system calls; a ring write, beside a plain
+// append; lines from the client to the disk through mlogserver, beside syslog(3) to a receiver that
+// only appends to a file.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -97,7 +97,7 @@ void RingWrite(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-// What a ring costs without masking: data and header, each to its place.
+// The cost of a ring without masking: data and header, each written to its place.
 void RingWriteBareCalls(benchmark::State &state) {
   const int fd = ::open("/var/ring", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   const std::string data = line();
@@ -121,7 +121,7 @@ void PlainAppend(benchmark::State &state) {
   uint64_t size = 0;
   for (auto _ : state) {
     if (::write(fd, data.data(), data.size()) < 0) std::abort();
-    // Bounded, as the ring is.
+    // Bounded like the ring.
     if ((size += data.size()) > 256 * 1024) {
       if (::ftruncate(fd, 0) != 0) std::abort();
       size = 0;
@@ -146,7 +146,7 @@ pid_t start_server() {
   return pid;
 }
 
-// A burst of lines and a flush, which answers when all of them are on the disk.
+// A burst of lines and a flush, which returns when all of them are on the disk.
 void ClientToDisk(benchmark::State &state) {
   const pid_t server = start_server();
   for (auto _ : state) {
@@ -172,7 +172,7 @@ void receive_syslog(int socket, int done) {
 }
 
 void SyslogToDisk(benchmark::State &state) {
-  // syslog(3) knows one path only, so this process gets a /dev of its own.
+  // syslog(3) knows only one path, so this process gets a /dev of its own.
   if (::unshare(CLONE_NEWNS) != 0 || ::mount("dev", "/dev", "tmpfs", 0, nullptr) != 0) {
     state.SkipWithError("/dev/log cannot be made");
     return;

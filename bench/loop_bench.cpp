@@ -1,7 +1,7 @@
-// The cost of one iteration of the event loop, beside a bare loop around select(), alone and with
-// the raw clock call that every iteration of the loop begins with.
+// The cost of one iteration of the event loop, beside a bare loop around select(), with and without
+// the raw clock call with which every iteration begins.
 //
-// One descriptor of `descriptors` is readable for ever. Both loops find it and call a procedure.
+// One of `descriptors` descriptors is always readable. Both loops find it and call a procedure.
 
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>

@@ -26,14 +26,15 @@ std::string path_of(int module) {
   return "/var/mlogfile/m" + std::to_string(module) + ".log";
 }
 
-// Rings in their second turn, whose lines come about alternately. Returns their size in bytes.
+// Writes rings up to their second turn, with lines that alternate between them. Returns their size
+// in bytes.
 int64_t write_rings() {
   static int64_t size = 0;
   if (size > 0) return size;
   ::mkdir("/var/mlogfile", 0755);
   for (int module = 0; module < kModules; ++module) {
     MlogTarget target{kFileSize, MlogFileConstructor(path_of(module).c_str(), kFileSize)};
-    // Many lines in one buffer, so that this takes less time than what is measured.
+    // Many lines in one buffer, so that this takes less time than the measurement.
     int64_t uptime_ms = module;
     while (target.file->overturn == 0 || target.file->offset < kFileSize / 2) {
       std::string buffer;
@@ -90,7 +91,7 @@ std::string program() {
   return std::string(directory == nullptr ? "." : directory) + "/mlog";
 }
 
-// Starts mlog with its output in a pipe, whose other end is returned.
+// Starts mlog with its output in a pipe. Returns the end to read from.
 int start(const std::vector<const char *> &options, pid_t *pid) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) std::abort();
@@ -109,7 +110,7 @@ int start(const std::vector<const char *> &options, pid_t *pid) {
   return ends[0];
 }
 
-// The program from its start: to the first bytes, and through everything.
+// The program from its start to its first bytes, or with `all` to its last.
 void Program(benchmark::State &state, const std::vector<const char *> &options, bool all) {
   const int64_t size = write_rings();
   for (auto _ : state) {

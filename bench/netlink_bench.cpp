@@ -1,7 +1,7 @@
-// The counters of one interface: over routing netlink and from /proc/net/dev by the library, beside
-// libnl, with the number of interfaces as argument. The interface is the last one, which
-// /proc/net/dev lists behind all others. Needs a network namespace of its own (./dev bench gives it
-// one).
+// The counters of one interface: by the library over routing netlink (rtnetlink(7)) and from
+// /proc/net/dev, beside libnl. The argument is the number of interfaces; the last one is read,
+// which /proc/net/dev lists behind all others. Needs a network namespace of its own: ./dev bench
+// gives it one.
 
 #include <benchmark/benchmark.h>
 
@@ -28,7 +28,7 @@ bool ip_link(const std::string &what) {
   return std::system(("ip link " + what).c_str()) == 0;
 }
 
-// Makes the number of interfaces what the benchmark wants; false without the rights to.
+// Makes as many interfaces as the benchmark wants. False without the right to.
 bool prepare(benchmark::State &state) {
   bool done = true;
   while (done && g_interfaces < state.range(0)) {

@@ -1,7 +1,7 @@
 // Starting children with the event loop, beside posix_spawn() and a bare fork() and execvp().
 //
-// ToExec: until the child has reached exec, seen by the end of a close-on-exec pipe it holds.
-// WholeLife: until its exit is known; the rate is children per second, one after another.
+// ToExec: until the child has reached exec, which closes its close-on-exec end of a pipe.
+// WholeLife: until its exit is known. The rate is children per second, one after the other.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -98,7 +98,7 @@ void whole_life(benchmark::State &state, pid_t (*start)(), void (*wait)(pid_t)) 
   state.SetItemsProcessed(state.iterations());
 }
 
-// The loop comes last: its SIGCHLD handler stays and would reap the others' children.
+// The loop comes last, because its SIGCHLD handler stays and would reap the others' children.
 BENCHMARK_CAPTURE(to_exec, Fork, start_with_fork, wait_with_waitpid)->UseRealTime();
 BENCHMARK_CAPTURE(to_exec, PosixSpawn, start_with_posix_spawn, wait_with_waitpid)->UseRealTime();
 BENCHMARK_CAPTURE(whole_life, Fork, start_with_fork, wait_with_waitpid)->UseRealTime();

@@ -1,4 +1,4 @@
-// Escaping 200 bytes, beside a plain table with one allocation and, where installed, libcurl.
+// Escaping 200 bytes, beside a plain table with one allocation and, if installed, libcurl.
 
 #include <benchmark/benchmark.h>
 
@@ -44,7 +44,8 @@ void escape_uri(benchmark::State &state) {
 }
 BENCHMARK(escape_uri);
 
-// The yardstick: room for the longest result, one pass over a table of what stays.
+// The yardstick: one allocation for the longest result, and one pass with a table of characters
+// that stay.
 void escape_by_table(benchmark::State &state) {
   std::array<bool, 256> kept{};
   for (size_t byte = 0; byte < kept.size(); ++byte) {

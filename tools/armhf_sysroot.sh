@@ -9,9 +9,9 @@ set -euo pipefail
 }
 sysroot=$1
 
-# With everything they depend on.
+# Unpacked with everything that they depend on.
 readonly runtime=(libc6 libcjson1 libcurl4 libfmt9 libmicrohttpd12 libmosquitto1 libsodium23 libsqlite3-0 libstdc++6)
-# Alone: the compiler brings its own C library headers.
+# Unpacked alone: the compiler brings its own headers of the C library.
 readonly development=(
   libcjson-dev libcli11-dev libcurl4-openssl-dev libfmt-dev libgmock-dev libgtest-dev
   libmicrohttpd-dev libmosquitto-dev libseccomp-dev libsodium-dev libsqlite3-dev nlohmann-json3-dev

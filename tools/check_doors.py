@@ -2,15 +2,15 @@
 """check_doors.py [SOURCES]: fails when the library's own code calls an exported function.
 
 Exported functions are doors for programs: they check arguments and turn C codes into types and back.
-Code inside namespace msgapi calls the typed function that stands for the same thing. One door may
-lead to another, where it is only a second name."""
+Code inside namespace msgapi calls the typed function behind the door. A door may call another one
+when it is only a second name for it."""
 
 import pathlib
 import re
 import sys
 
 ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[1]).resolve()
-# Where trace records go: a program may put a function of its own in its place.
+# Takes the trace records: a program may replace it with a function of its own.
 ALLOWED = {"ORP_TRACE_PrintInfo"}
 
 NOT_CODE = re.compile(r'//[^\n]*|"(?:\\.|[^"\\\n])*"')
@@ -26,7 +26,7 @@ def main():
         if path.suffix not in (".h", ".cpp"):
             continue
         text = path.read_text()
-        own = text[: max(text.rfind(END), 0)]  # what follows are the doors
+        own = text[: max(text.rfind(END), 0)]  # the doors follow
         for number, line in enumerate(NOT_CODE.sub("", own).split("\n"), 1):
             for name in CALL.findall(line):
                 if name in exported and not name.startswith("g_"):

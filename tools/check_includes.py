@@ -2,9 +2,9 @@
 """check_includes.py [SOURCES]: fails when files include each other in a circle, or when a folder of
 src/ includes one above it.
 
-A source file and its header count as one. What is known and still to be mended stands in
-check_includes.known beside this script, one line each, a circle by its folders; a line that is no
-longer true fails, too."""
+A source file and its header count as one. Faults that are known but not yet mended are listed in
+check_includes.known beside this script, one a line; a circle is named by its folders. A line that is
+no longer true fails, too."""
 
 import pathlib
 import re
@@ -12,7 +12,7 @@ import sys
 
 ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[1]).resolve()
 PLACES = ["src", "servers", "catalogue", "kit", "tools", "examples", "platform"]
-# The public headers are one interface: they are looked at for circles of their own only.
+# The public headers are one interface: only circles among themselves count.
 SEARCHED = [ROOT / "src", ROOT / "servers", ROOT / "include", ROOT]
 ORDER = ["base", "os", "util", "uv", "log", "notify", "msg", "device"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)

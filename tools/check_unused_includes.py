@@ -2,8 +2,8 @@
 """check_unused_includes.py [SOURCES]: fails when a file includes a header of the project and mentions
 none of the names that the header declares.
 
-A name counts wherever it stands, a comment excepted, so what is reported is not used. What is
-included through another header only is not looked for."""
+A name counts wherever it is mentioned, except in a comment, so what is reported is certainly unused.
+Headers that are included only through another header are not checked."""
 
 import pathlib
 import re
@@ -14,18 +14,18 @@ PLACES = ["src", "platform", "catalogue", "kit", "servers", "tools", "examples",
 SEARCHED = [ROOT / "src", ROOT / "servers", ROOT / "include", ROOT / "tests", ROOT,
             *sorted(ROOT.glob("platform/*/include"))]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"(.*)$', re.M)
-# Literals are matched as well, because "/*" and "//" in one begin no comment.
+# Literals are matched as well, because "/*" and "//" inside a literal begin no comment.
 COMMENT = re.compile(r'''(R"(\w*)\(.*?\)\2"|"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\\n])')'''
                      r"|//[^\n]*|/\*.*?\*/", re.S)
 WORD = re.compile(r"\b[A-Za-z_]\w*\b")
-# What a header makes known: functions, types, macros, constants, variables.
+# What a header declares: functions, types, macros, constants, variables.
 DECLARED = re.compile(
     r"\b(\w+)\s*\(|\b(?:enum class|enum|struct|class|union)\s+(?:\[\[\w+\]\]\s*)?(\w+)|\}\s*(\w+)\s*;"
     r"|\busing\s+(\w+)\s*=|#\s*define\s+(\w+)|\b(k[A-Z]\w*|[gm]_\w+|[A-Z][A-Z0-9_]+)\b"
 )
 NO_NAMES = set("if for while switch return sizeof static_assert defined class struct explicit operator "
                "const auto void char int bool size get std MSGAPI_EXPORT MSGAPI_PRINTF".split())
-# Whole interfaces, which are included for what stands in them.
+# Headers that only include others: they are included for what those declare.
 INTERFACES = {"msgapi.h"}
 
 

@@ -1,8 +1,9 @@
 #!/bin/sh
-# doxygen_filter.sh HEADER: the header with its comments marked for Doxygen. The headers themselves
-# stay plain C: the comment at the top describes the file, one in front of a declaration or on a line
-# of its own in a record describes what follows it up to the next empty line, comment or brace, one
-# behind a field or value what stands before it. Section headings ("---- ") stay as they are.
+# doxygen_filter.sh HEADER: prints the header with its comments marked for Doxygen, so that the headers
+# themselves stay plain C. The comment at the top describes the file. A comment in front of a
+# declaration, or on a line of its own in a record, describes what follows up to the next empty line,
+# comment or brace. A comment behind a field or value describes that one. Section headings ("---- ")
+# stay as they are.
 awk '
   function close_group() { if (grouped) print "///@}"; grouped = 0 }
   function close_fields() { if (fields) print "///@}"; fields = 0 }

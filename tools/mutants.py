@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""mutants.py FOLDER [--count N] [--seed S] [--minutes M] [--list]: how many small faults do the
-tests find?
+"""mutants.py FOLDER [--count N] [--seed S] [--minutes M] [--list]: shows how many small faults the
+tests find.
 
-Changes one place of the sources of FOLDER (src/msg, say) at a time: turns a comparison or a
-condition around, moves a bound by one, drops a call. Builds the folder's test programs with it, and
-runs their cases one by one until one fails: first those that have found a mutant of the same file,
-then those of the test file of its name, then the others, quick ones first. A mutant that no case
-finds has survived and is shown. All of this happens in a copy of the tree below build/mutants,
-without debug information, so that a mutant costs one compilation and one link."""
+Changes one place in the sources of FOLDER (for example src/msg) at a time: reverses a comparison or
+a condition, moves a bound by one, drops a call. Builds the folder's test programs with the change
+and runs their cases one by one until one fails: first those that have found a mutant of the same
+file, then those of the test file with the same name, then the others, quick ones first. A mutant
+that no case finds has survived and is shown. All of this happens in a copy of the tree below
+build/mutants, without debug information, so a mutant costs one compilation and one link."""
 
 import argparse
 import contextlib
@@ -25,10 +25,10 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 COPY = ROOT / "build" / "mutants" / "tree"
 BIN = COPY / "build" / "debug" / "bin"
 
-# A case that takes so many times as long as without a change, and some seconds, does not end.
+# A case counts as endless after this many times its usual time, plus some seconds.
 SLOWER, GRACE_S = 10, 10
 
-# What is replaced by what; blanks around an operator keep template brackets out.
+# What is replaced by what. The blanks around an operator exclude template brackets.
 OPERATORS = [
     (" < ", " <= "), (" <= ", " < "), (" > ", " >= "), (" >= ", " > "), (" == ", " != "),
     (" != ", " == "), (" && ", " || "), (" || ", " && "), (" + 1", " + 2"), (" + 1", ""),
@@ -39,7 +39,7 @@ CALL = re.compile(r"^\s+(?!return|throw|using|delete|co_)[A-Za-z_][\w:.>()\-]*\(
 
 
 def code_of(line):
-    """The part of a line that is code, or nothing where a change would mean nothing."""
+    """The part of a line that is code; empty where a change would mean nothing."""
     stripped = line.strip()
     if not stripped or stripped.startswith(("//", "#", "*", "/*", "static_assert", "assert(")):
         return ""
@@ -69,8 +69,8 @@ def mutants_of(path):
 
 
 def tests_of(folder):
-    """The test programs of a folder, and where their sources are: those of the nearest folder below
-    tests/ that has some."""
+    """The test programs of a folder and the folder of their sources: the nearest one below tests/ that
+    has some."""
     parts = pathlib.PurePath(folder).parts
     mirror = ROOT / "tests" / pathlib.Path(*(parts[1:] if parts[0] == "src" else parts))
     while mirror != ROOT:
@@ -83,7 +83,7 @@ def tests_of(folder):
 
 
 def run(words, timeout=None):
-    """Whether it succeeds in time; what it has started ends with it."""
+    """Whether the program succeeds in time. Its children end with it."""
     with subprocess.Popen(words, cwd=COPY, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                           stdin=subprocess.DEVNULL, start_new_session=True,
                           env={**os.environ, "MSGAPI_BIN": str(BIN)}) as process:
@@ -98,11 +98,11 @@ def run(words, timeout=None):
 
 
 class Cases:
-    """The cases of some test programs, each a process of its own in the sandbox."""
+    """The cases of some test programs. Each case runs in a process of its own in the sandbox."""
 
     def __init__(self, programs, sources):
         self.usual_s = {}   # by (program, case), without a change
-        self.file_of = {}   # the test file that it stands in
+        self.file_of = {}   # the test file of a case
         self.killed = {}    # by source file: the cases that have found its mutants, the latest first
         stands_in = {}
         for path in sorted(sources.rglob("*.cpp")):
@@ -135,7 +135,7 @@ class Cases:
             self.usual_s[case] = time.monotonic() - begin
 
     def find(self, source):
-        """The case that fails, if one does."""
+        """The first case that fails, if any does."""
         found_before = self.killed.setdefault(source, [])
         own = f"{source.stem}_test"
         others = sorted((case for case in self.usual_s if case not in found_before),
@@ -157,7 +157,7 @@ def copy_tree():
         if not source.is_file():
             continue
         target.parent.mkdir(parents=True, exist_ok=True)
-        # A file that is as it was keeps its time, and so what was built of it.
+        # An unchanged file keeps its time, so that nothing is built again for it.
         if not target.exists() or target.read_bytes() != source.read_bytes():
             shutil.copy(source, target)
 

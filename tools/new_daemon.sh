@@ -16,7 +16,7 @@ case "${1:-} $#" in
   *) usage >&2 && exit 2 ;;
 esac
 name=$1 directory=${2:-$1}
-# It becomes an application's name, a file's and a target's.
+# The name becomes that of an application, of files and of a build target.
 if [[ ! $name =~ ^[a-z][a-z0-9_]{0,10}$ || $name == test ]]; then
   echo "new_daemon: '$name' cannot be an application's name: up to 11 of a-z, 0-9 and _, a letter" \
     "first, and not 'test'" >&2

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # shell.sh [--http PORT] [--inspect] [COMMAND [ARGUMENT...]]: fills the configuration store with its
-# defaults, starts the servers, with HTTP on port 8080 or PORT, and runs COMMAND, or else an interactive
-# shell. With --inspect the bus is shown as a page, whose address is in $INSPECTOR; it is there for
-# browsers outside when `sandbox --listen` has opened the socket.
-# For use inside the sandbox, with the programs in PATH. What the servers say goes to a file. The
-# exit status is the command's.
+# defaults, starts the servers, with HTTP on port 8080 or PORT, and runs COMMAND, or else an
+# interactive shell. With --inspect the bus is shown as a page, whose address is in $INSPECTOR.
+# Browsers outside reach the page when `sandbox --listen` has opened the socket.
+# For use inside the sandbox, with the programs in PATH. The servers' output goes to a file. The exit
+# status is the command's.
 set -euo pipefail
 readonly server_lines=/var/log/servers.log
 
-# The shell that stands between the servers: with the terminal as its standard error again.
+# with_servers.sh runs this script again as its COMMAND: standard error becomes the terminal again.
 if [[ ${1:-} == --within ]]; then
   exec 2>&3 3>&-
   exec "${@:2}"
@@ -71,6 +71,6 @@ cfmctl import --defaults "$(dirname "$0")/cfmctl/defaults.json"
 
 status=0
 with_servers.sh "--http=127.0.0.1:$port" "$(realpath "$0")" --within "$@" 3>&2 2>"$server_lines" || status=$?
-# A server that did not start or did not end well is news; its own lines say why.
+# A server that did not start or end well must be reported; its own lines say why.
 if grep -q '^with_servers: ' "$server_lines"; then tail -n 5 "$server_lines" >&2; fi
 exit "$status"

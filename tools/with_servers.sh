@@ -27,7 +27,7 @@ if ! grep -q '^sandbox / tmpfs ' /proc/self/mounts; then
 fi
 
 servers=()
-# Whatever happens, no server stays.
+# No server is left behind, whatever happens.
 end_servers() {
   status=$?
   trap - EXIT

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kLongestHost = 253;  // RFC 1035 section 2.3.4
 constexpr size_t kLongestTopic = 1024;
-// MQTT 5, 3.1.3.6. Tokens that clouds give out as passwords have some thousands of bytes.
+// MQTT 5, 3.1.3.6. Clouds give out tokens of some thousand bytes as passwords.
 constexpr size_t kLongestPassword = 65535;
 
 bool is_host(std::string_view host) {

@@ -1,5 +1,5 @@
-// What the bridge and the fleet's tool know about a broker: where it is, how to trust it, and who
-// they are there.
+// What the bridge and the fleet's tool know about a broker: its address, how to trust it, and the
+// credentials for it.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ struct Address {
 };
 
 // "mqtt://HOST[:PORT]" or "mqtts://HOST[:PORT]", with an IPv6 address in brackets; the ports are
-// 1883 and 8883 without one. Throws std::invalid_argument with what is wrong.
+// 1883 and 8883 without one. Throws std::invalid_argument that says what is wrong.
 Address read_address(std::string_view text);
 
 // Files in PEM form. Without a `ca` the system's authorities are trusted.
@@ -40,8 +40,8 @@ struct Credentials {
 // also when others than the file's owner may read it.
 Credentials read_credentials(const std::string &path);
 
-// A topic that may be published to: UTF-8 without control characters and wildcards, 1 to 1024
-// bytes, and none of the broker's own ("$...").
+// Whether `topic` may be published to: UTF-8 without control characters and wildcards, 1 to 1024
+// bytes, and not one of the broker's own ("$...").
 bool is_topic(std::string_view topic);
 
 }  // namespace mqtt

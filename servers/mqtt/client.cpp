@@ -34,7 +34,7 @@ void set_tls(mosquitto *client, const Tls &tls) {
     check(mosquitto_int_option(client, MOSQ_OPT_TLS_USE_OS_CERTS, 1), "the system's authorities");
   }
   if (!tls.ca.empty() || !tls.certificate.empty()) {
-    // It takes a certificate of ours only together with authorities, which may be a directory.
+    // The library takes a certificate of ours only together with authorities; a directory will do.
     check(
         mosquitto_tls_set(client, path_or_null(tls.ca), tls.ca.empty() ? "/etc/ssl/certs" : nullptr,
                           path_or_null(tls.certificate), path_or_null(tls.key), nullptr),

@@ -1,5 +1,5 @@
-// libmosquitto as the bridge and the fleet's tool use it: MQTT 5, with what a broker is told about
-// who connects, and errors in words.
+// libmosquitto as the bridge and the fleet's tool use it: clients for MQTT 5 with TLS and
+// credentials, properties, and errors in words.
 #pragma once
 
 #include <mosquitto.h>
@@ -19,15 +19,15 @@ struct Destroy {
 };
 using Client = std::unique_ptr<mosquitto, Destroy>;
 
-// A client that has not connected yet; `object` goes to its callbacks. Every connection begins a
-// session of its own. Throws std::runtime_error, also for files of `tls` that cannot be used.
+// A client that has not connected yet. Its callbacks get `object`. Every connection begins a new
+// session. Throws std::runtime_error, also for files of `tls` that cannot be used.
 Client make_client(const std::string &id, void *object, const Address &address, const Tls &tls,
                    const std::optional<Credentials> &credentials);
 
-// What a MOSQ_ERR_* says, with errno's words where they say more.
+// The text of a MOSQ_ERR_*; for MOSQ_ERR_ERRNO that of `number`, which is errno.
 std::string error_text(int error, int number);
 
-// A list of MQTT 5 properties that is being made.
+// Builds a list of MQTT 5 properties.
 class Properties {
  public:
   Properties() = default;
@@ -44,14 +44,14 @@ class Properties {
   void add_user(const char *name, const std::string &value);
 
   const mosquitto_property *get() const { return list_; }
-  // For who takes the list over.
+  // Gives the list away; the caller frees it.
   mosquitto_property *release();
 
  private:
   mosquitto_property *list_ = nullptr;
 };
 
-// Of a publication that has arrived; none where there is none.
+// Properties of a publication that has arrived; none if it lacks them.
 std::optional<std::string> text_property(const mosquitto_property *list, int identifier);
 std::optional<std::string> bytes_property(const mosquitto_property *list, int identifier);
 std::optional<std::string> user_property(const mosquitto_property *list, std::string_view name);

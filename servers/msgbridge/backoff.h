@@ -1,4 +1,4 @@
-// When to try again.
+// How long to wait before the next attempt to connect.
 #pragma once
 
 #include <algorithm>
@@ -8,9 +8,9 @@
 
 namespace msgbridge {
 
-// How long to wait after so many failures: anywhere between nearly nothing and a limit that doubles
-// with each; `random` is any number. Gateways that lost one broker at one moment come back spread
-// over the whole of that time.
+// The time to wait after `failures` failures: a random time up to a limit that doubles with each
+// failure. `random` is any number. So gateways that lost their broker at the same moment come back
+// spread over the whole time.
 inline uint32_t backoff_ms(const Reconnect &reconnect, uint32_t failures, uint32_t random) {
   constexpr uint64_t kLeast_ms = 10;
   const uint64_t limit = std::min<uint64_t>(

@@ -11,18 +11,18 @@
 namespace msgbridge {
 namespace {
 
-// A disk that refuses is tried again after.
+// After this time a disk that has refused is tried again.
 constexpr uint32_t kDiskPeriod_ms = 1000;
 constexpr uint32_t kAgePeriod_ms = 60'000;
 constexpr uint32_t kDrainPeriod_ms = 20;
-// Acknowledgements are written with the next events, or alone after this time: what is lost of them
-// with the process is sent again, and every write wears the flash.
+// Acknowledgements are written with the next events, or alone after this time. They may wait: when
+// the process is killed, their events are sent again, and every write wears the flash.
 constexpr uint32_t kAcknowledgePeriod_ms = 1000;
-// What one turn of the loop sends before it looks at what else there is.
+// One call sends at most so many, so that the loop can serve everything else.
 constexpr int kMostSent = 256;
-// So much is written without waiting for more.
+// This much is written at once, without waiting for more.
 constexpr uint64_t kBatchBytes = 256 << 10;
-// Answers that the broker has not taken; who floods the bridge with requests gets none beyond.
+// Answers that may wait for the broker. A flood of requests gets no answers beyond that.
 constexpr size_t kMostAnswers = 256;
 constexpr size_t kLongestCorrelation = 1024;
 
@@ -55,7 +55,8 @@ Bridge::Bridge(const Config *config, const catalogue::Catalogue *types, const st
         commit();
       }),
       metrics_timer_([this] { publish_metrics(); }),
-      // At most what a period of the timer and a late loop make of it.
+      // Up to a tenth of a second's events at once: the timer has a period, and the loop may be
+      // late.
       drain_(config->spool.per_second, std::max(config->spool.per_second / 10.0, 1.0)) {
   if (!spool_.problem().empty()) say(MLOG_LEVEL_WARN, "The spool: {}.", spool_.problem());
 }
@@ -86,7 +87,7 @@ void Bridge::commit() {
   commit_timer_.stop();
   const bool done = spool_.commit();
   report_spool();
-  // What was written in spite of a problem has to show that the next is written without one.
+  // After a problem the next commit shows whether it is over.
   if (!done || !disk_problem_.empty()) commit_timer_.start(kDiskPeriod_ms);
   pump();
 }
@@ -102,7 +103,7 @@ void Bridge::report_spool() {
   }
   if (spool_.begun_anew() == begun_anew_) return;
   begun_anew_ = spool_.begun_anew();
-  // What is on its way has become a loss: its acknowledgements must not be taken for the loss's.
+  // Events on their way have become a loss. Their acknowledgements must not count for the loss.
   if (link_.up()) link_.end("the spool has lost what was on its way");
 }
 
@@ -140,7 +141,7 @@ mqtt::Properties &Bridge::describe(mqtt::Properties *properties, uint64_t sequen
   return *properties;
 }
 
-// False when the connection does not take it now.
+// False when the connection does not take the item now.
 bool Bridge::send(const Item &item) {
   mqtt::Properties properties;
   Link::Sent sent{};
@@ -205,7 +206,7 @@ void Bridge::acknowledged(int id, int reason) {
     spool_.acknowledge(number);
   }
   commit_timer_.start_within(kAcknowledgePeriod_ms);
-  // What follows is sent from the loop: this may be within a call of the broker's library.
+  // The next events are sent from the loop, because this may run within a call of libmosquitto.
   pump_timer_.start_if_idle(1);
 }
 
@@ -239,7 +240,7 @@ void Bridge::ended() {
   held_.reset();
   in_flight_.clear();
   answers_.clear();
-  commit();  // what has been acknowledged is not sent again
+  commit();  // so that acknowledged events are not sent again
   spool_.rewind();
 }
 
@@ -288,7 +289,7 @@ void Bridge::bus_changed(bool connected) {
 void Bridge::arrived(const mosquitto_message &message, const mosquitto_property *properties) {
   ReplyTo to{mqtt::text_property(properties, MQTT_PROP_RESPONSE_TOPIC).value_or(""),
              mqtt::bytes_property(properties, MQTT_PROP_CORRELATION_DATA).value_or("")};
-  // Without a place for the answer nobody could be told how it went.
+  // Without a topic for the answer, nobody would learn what became of the request.
   if (!may_answer_to(to.topic, base_) || to.correlation.size() > kLongestCorrelation ||
       answers_.size() >= kMostAnswers) {
     ++unanswerable_;

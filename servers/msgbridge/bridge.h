@@ -1,4 +1,5 @@
-// The bridge: events from the bus through the spool to the broker, requests from there to the bus.
+// The bridge: takes events from the bus through the spool to the broker, and requests from the
+// broker to the bus.
 #pragma once
 
 #include <cstdint>
@@ -20,15 +21,15 @@ namespace msgbridge {
 
 class Bridge {
  public:
-  // Both must outlive it.
+  // `config` and `types` must outlive this.
   Bridge(const Config *config, const catalogue::Catalogue *types, const std::string &gateway);
 
   void start();
-  // What the rules want.
+  // Its rules say which events to subscribe to.
   const Upward &upward() const { return upward_; }
   void take_event(uint32_t type, std::string_view data);
   void bus_changed(bool connected);
-  // What is there is on the disk, and the broker knows that the gateway has gone.
+  // Writes everything to the disk and tells the broker that the gateway goes.
   void stop();
 
  private:
@@ -61,15 +62,15 @@ class Bridge {
 
   std::unordered_map<int, uint64_t> in_flight_;  // publications: the spool's number
   std::unordered_set<int> answers_;              // publications that are answers
-  // While send() runs: publications that are done before their number is known, as those with QoS 0
-  // are when the socket takes them at once.
+  // Publications that are done while send() still runs, before their number is known: those with
+  // QoS 0 when the socket takes them at once.
   std::unordered_set<int> early_;
   bool sending_ = false;
-  std::optional<Item> held_;  // the next to be sent
-  TokenBucket drain_;         // lets what waited go out at a limited rate
+  std::optional<Item> held_;  // the next item to be sent
+  TokenBucket drain_;         // limits the rate of events that have waited
   uint64_t backlog_end_ = 0;  // the last event that waited for this connection
-  std::string disk_problem_;  // as it was logged
-  uint32_t begun_anew_ = 0;   // the spool, when this connection began or before
+  std::string disk_problem_;  // the last one that was logged
+  uint32_t begun_anew_ = 0;   // spool_.begun_anew() when it was last looked at
   uint64_t unanswerable_ = 0;
 };
 

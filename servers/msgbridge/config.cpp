@@ -23,7 +23,7 @@ using catalogue::truth_in;
 
 constexpr std::string_view kUsualTopic = "{prefix}/{gateway}/event/{module}/{event}";
 constexpr uint64_t kDay_ms = uint64_t{24} * 60 * 60 * 1000;
-// Below the prefix: where the fleet's tool gets its answers, so no gateway's name.
+// The fleet's tool gets its answers below PREFIX/answers, so no gateway may have this name.
 constexpr std::string_view kAnswers = "answers";
 
 template <typename Number>
@@ -47,7 +47,7 @@ const std::vector<JsonValue> &list_in(const JsonValue &value, const std::string 
   return value.items;
 }
 
-// Runs `make`, and turns its complaint into one about that value.
+// Runs `make`. Its std::invalid_argument becomes an error at `value`'s place in the file.
 template <typename Make>
 auto made_of(const JsonValue &value, Make make) {
   try {

@@ -15,24 +15,24 @@ namespace msgbridge {
 
 inline constexpr const char *kConfigFile = "/etc/msgapi/bridge.json";
 
-// Which events go up, and how. Texts that are matched may hold "*" and "?".
+// Which events go up, and how. Texts that are matched may have the wildcards "*" and "?".
 struct UpRule {
   std::string module;
   std::string event;
   std::vector<std::pair<std::string, std::string>> payload;  // members that must match
-  bool send = true;                                          // false: these stay here
+  bool send = true;                                          // false: the events stay here
   TopicTemplate topic;
   int qos = 1;
   bool retain = false;
-  uint32_t per_second = 0;  // 0: as many as come
+  uint32_t per_second = 0;  // 0: no limit
   uint32_t one_in = 1;
   bool mask = true;
 };
 
-// A resource, or resources, that may be asked for from outside.
+// Resources that may be asked for from outside.
 struct RestRule {
   uint32_t code;     // of the method
-  std::string path;  // a pattern of paths as restful registrations have them
+  std::string path;  // a pattern, as in restful registrations
   bool mask = true;
 };
 
@@ -56,10 +56,10 @@ struct SpoolOptions {
   std::string path = "/var/spool/msgbridge/spool.db";
   uint64_t bytes = 4 << 20;
   uint64_t age_s = uint64_t{7} * 24 * 60 * 60;
-  uint32_t per_second = 1000;  // how fast what waited is sent; 0: as fast as it goes
+  uint32_t per_second = 1000;  // the rate of events that have waited; 0: no limit
   uint32_t commit_ms = 20;
-  bool sync = true;     // each commit is on the disk, and not only with the kernel
-  bool reserve = true;  // takes the space at once, so that a full disk does not matter
+  bool sync = true;     // each commit reaches the disk; otherwise only the kernel
+  bool reserve = true;  // takes all space at once, so that a full disk does not matter
 };
 
 struct Reconnect {
@@ -77,7 +77,7 @@ struct Config {
   Reconnect reconnect;
 
   std::string prefix = "gw";
-  std::string gateway;        // empty: gateway_item, or what the machine is known by
+  std::string gateway;        // empty: from gateway_item, or else made of the machine's id
   uint32_t gateway_item = 0;  // the item of equipment data that holds the name; 0: none
   std::vector<UpRule> up;
   DownRules down;
@@ -85,7 +85,7 @@ struct Config {
   uint32_t metrics_s = 0;
 };
 
-// The codes of restful methods, as the message server gives them to requests by HTTP.
+// The codes of restful methods, as in requests that come to the message server by HTTP.
 struct Method {
   std::string_view word;
   uint32_t code;
@@ -93,7 +93,7 @@ struct Method {
 inline constexpr Method kMethods[] = {
     {"get", 0}, {"post", 1}, {"put", 2}, {"delete", 3}, {"patch", 4}};
 
-// True for types that nobody outside may use: those of the library and the servers, and events.
+// True for types that nobody outside may send: those of the library and the servers, and events.
 bool is_reserved_type(uint32_t type);
 
 // Throws catalogue::JsonError. `types` has the names of message types.

@@ -3,7 +3,8 @@
 namespace msgbridge {
 namespace {
 
-// The log is reused from its beginning once this many pages of it have been written back.
+// SQLite writes the log back to the database when it has wal_autocheckpoint pages, and then begins
+// it anew.
 constexpr const char *kSettings =
     "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA temp_store=MEMORY;"
     "PRAGMA cache_size=-256; PRAGMA wal_autocheckpoint=64; PRAGMA mmap_size=0;"
@@ -25,7 +26,7 @@ Database::Database(const std::string &path, bool sync) {
   sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   execute(kSettings);
   execute(sync ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-  // The log keeps its space, so that a disk that others have filled still takes what fits there.
+  // The log keeps its space, so that it can still be written when others have filled the disk.
   int keep = 1;
   sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
 }

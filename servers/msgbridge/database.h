@@ -1,5 +1,5 @@
-// SQLite as the spool uses it: a database of this process alone, statements that are kept, and
-// errors as exceptions.
+// SQLite as the spool uses it: a database for this process alone, prepared statements, and errors
+// as exceptions.
 #pragma once
 
 #include <sqlite3.h>
@@ -15,10 +15,10 @@ namespace msgbridge {
 struct DiskError : std::runtime_error {
   DiskError(int result, const std::string &what) : std::runtime_error(what), code(result & 0xff) {}
 
-  // The file is not what this process wrote: no retry will mend it.
+  // The file is damaged or no database: no retry will mend it.
   bool is_damage() const { return code == SQLITE_CORRUPT || code == SQLITE_NOTADB; }
 
-  int code;  // without SQLite's extension of it
+  int code;  // SQLite's primary result code
 };
 
 struct FinalizeStatement {
@@ -26,10 +26,10 @@ struct FinalizeStatement {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-// Must outlive its statements: with one of them left, the connection and its lock would stay.
+// Must outlive its statements: while one of them is left, the connection and its lock stay.
 class Database {
  public:
-  // Every commit is on the disk with `sync`, and otherwise with the kernel.
+  // With `sync` every commit reaches the disk, otherwise only the kernel.
   Database(const std::string &path, bool sync);
   Database(const Database &) = delete;
   Database &operator=(const Database &) = delete;
@@ -55,10 +55,10 @@ class Query {
   Query(const Query &) = delete;
   Query &operator=(const Query &) = delete;
 
-  // Texts must stay until the statement has run.
+  // The texts must stay alive until the statement has run.
   void bind_text(int index, const std::string &text);
   void bind_blob(int index, const std::string &bytes);
-  // True for a row.
+  // True when there is a row to read.
   bool step();
   int64_t number(int column) const { return sqlite3_column_int64(statement_, column); }
   uint64_t count(int column) const { return static_cast<uint64_t>(number(column)); }

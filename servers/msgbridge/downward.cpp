@@ -22,7 +22,7 @@ Refusal refuse(AnswerStatus status, std::string why) {
   return {status, std::move(why)};
 }
 
-// The level in front of the next "/", which is taken off with it.
+// Cuts the level in front of the next "/" off `*rest`, and the "/" with it.
 std::string_view cut_level(std::string_view *rest) {
   const size_t slash = std::min(rest->find('/'), rest->size());
   const std::string_view level = rest->substr(0, slash);
@@ -32,7 +32,7 @@ std::string_view cut_level(std::string_view *rest) {
 
 bool is_utf8_text(std::string_view text) {
   if (text.find('\0') != text.npos) return false;
-  // Who writes JSON has to know UTF-8.
+  // The JSON library throws for text that is no UTF-8.
   Json json = text;
   try {
     (void)json.dump();
@@ -80,7 +80,7 @@ Request read_rest(std::string_view rest, std::string_view payload, const DownRul
   return request;
 }
 
-// What the payload of a call says, into `request`; what is wrong with it, if anything.
+// Reads the payload of a call into `*request`. Returns what is wrong with it, if anything.
 std::optional<std::string> read_call_payload(std::string_view payload, CallRequest *request) {
   if (payload.empty()) return std::nullopt;
   const std::optional<Json> json = parse_json(payload);
@@ -120,7 +120,7 @@ Request read_call(std::string_view rest, std::string_view payload, const DownRul
   return request;
 }
 
-// A body of an answer as JSON: what is JSON already, a text, or the digits of bytes.
+// Adds the body of an answer: JSON as it is, text as a string, other bytes as hexadecimal digits.
 void add_body(Json *answer, std::string_view body, bool mask) {
   const std::string_view text = body.ends_with('\0') ? body.substr(0, body.size() - 1) : body;
   if (text.empty()) return;
@@ -139,7 +139,7 @@ void add_body(Json *answer, std::string_view body, bool mask) {
     (*answer)["hex"] = std::move(digits);
     return;
   } else {
-    // Nobody can tell what is personal in bytes.
+    // Nobody can tell what is personal in these bytes.
     (*answer)["masked_bytes"] = body.size();
     return;
   }

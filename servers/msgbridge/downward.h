@@ -1,5 +1,5 @@
-// What comes from outside: read, held against what the configuration allows, and answered. Nothing
-// here sends anything.
+// Reads requests from outside, compares them with what the configuration allows, and makes the
+// texts of answers. Nothing here sends anything.
 #pragma once
 
 #include <cstdint>
@@ -11,12 +11,12 @@
 
 namespace msgbridge {
 
-// Numbers as those of HTTP, which whoever reads an answer knows.
+// HTTP's status codes (RFC 9110, 15), which readers of answers know.
 enum class AnswerStatus : int {
   kDone = 200,
-  kBadRequest = 400,   // no JSON, or not what a request is made of
+  kBadRequest = 400,   // no JSON, or no request
   kForbidden = 403,    // the configuration does not allow it
-  kNotFound = 404,     // nobody serves the path, or has the name
+  kNotFound = 404,     // nobody serves the path or has the name
   kTooLarge = 413,     // a body longer than the configuration allows
   kBusy = 429,         // as many requests as the configuration allows are under way
   kUnavailable = 503,  // there is no connection to the message server
@@ -60,8 +60,8 @@ using Request = std::variant<RestRequest, CallRequest, Refusal>;
 Request read_request(const Publication &publication, std::string_view base, const DownRules &rules,
                      const catalogue::Catalogue &types);
 
-// May an answer go there? Not below the gateway's own topics, where it could be taken for an event,
-// a status or another request.
+// Whether an answer may go to `topic`. The gateway's own topics are refused: there it could be
+// taken for an event, a status or another request.
 bool may_answer_to(std::string_view topic, std::string_view base);
 
 // The payloads of answers, one JSON object each.

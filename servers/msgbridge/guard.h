@@ -1,4 +1,4 @@
-// What C libraries call: an exception must not go through their frames.
+// For procedures that C libraries call: no exception may pass through their frames.
 #pragma once
 
 #include <exception>
@@ -7,14 +7,14 @@
 
 namespace msgbridge {
 
-// False when `procedure` threw, which is logged as what it was about.
+// Runs `procedure`. False when it threw, which is logged as "`what` failed".
 template <typename Procedure>
 bool guarded(const char *what, Procedure &&procedure) noexcept {
   try {
     procedure();
     return true;
   } catch (const std::exception &error) {
-    // Without memory to be asked for.
+    // mlog_print() allocates nothing: memory may be short.
     mlog_print(kName, MLOG_LEVEL_ERROR, "%s failed: %s.", what, error.what());
   } catch (...) {
     mlog_print(kName, MLOG_LEVEL_ERROR, "%s failed.", what);

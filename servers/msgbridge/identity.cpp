@@ -24,7 +24,7 @@ std::string item_text(uint32_t item) {
   return text.data();
 }
 
-// machine-id(5) asks for a keyed hash.
+// machine-id(5) asks programs to publish only a keyed hash of the id.
 std::string machine_text() {
   constexpr std::string_view kKey = "msgbridge gateway name";
   std::string machine;

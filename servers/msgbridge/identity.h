@@ -1,4 +1,4 @@
-// By what name the fleet knows this gateway.
+// The name by which the fleet knows this gateway.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace msgbridge {
 
-// The configuration's; or the item of equipment data that it names; or made of /etc/machine-id,
-// which itself is nobody else's business. Throws std::runtime_error when there is none.
+// From the configuration, or from the item of equipment data that it names, or else made of
+// /etc/machine-id, which itself stays secret. Throws std::runtime_error when there is no name.
 std::string gateway_name(const Config &config);
 
 }  // namespace msgbridge

@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kMostLevels = 32;
 
-// `care`: what the names above say.
+// `care` is what the names of the members around the value say.
 bool mask_under(traffic::Care care, Json *json) {
   bool some = false;
   if (json->is_object()) {
@@ -26,7 +26,7 @@ bool mask_under(traffic::Care care, Json *json) {
     *json = std::move(masked);
     some = true;
   } else if (json->is_number()) {
-    // Only its name tells.
+    // A number is personal only by the name of its member.
     if (traffic::masked_value(care, json->dump()) == json->dump()) return false;
     *json = 0;
     some = true;

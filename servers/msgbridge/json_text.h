@@ -10,14 +10,14 @@ namespace msgbridge {
 
 using Json = nlohmann::ordered_json;
 
-// None for what is no JSON, goes deeper than 32 levels, or has an object of more than 1024 members.
+// None for a text that is no JSON, has more than 32 levels, or an object of more than 1024 members.
 std::optional<Json> parse_json(std::string_view text);
 
-// UTF-8 on one line, whatever the texts in it hold.
+// The JSON on one line, always UTF-8: bytes that are none are replaced.
 std::string json_line(const Json &json);
 
-// Masks personal data in all texts and numbers: by the name of the member and by how it looks.
-// Returns whether there was any.
+// Masks personal data in all texts and numbers, by the names of members and by its form. Returns
+// whether there was any.
 bool mask_json(Json *json);
 
 }  // namespace msgbridge

@@ -25,25 +25,26 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// For looking up the name, connecting, TLS, and the broker's answer.
+// For everything together: looking up the name, connecting, TLS, and the broker's answer.
 constexpr uint32_t kAttemptTime_ms = 20'000;
-// Threads of attempts that were given up, and still wait for the system.
+// Threads that may wait for the system at once, those of attempts that were given up included.
 constexpr int kMostThreads = 4;
-// A connection that lasts so long was none of those that fail at once.
+// A connection that has lasted longer counts as a success: the waiting times begin anew.
 constexpr int64_t kLasting_ms = 10'000;
 constexpr uint32_t kKeepAlivePeriod_ms = 1000;
 constexpr uint32_t kHandshakePeriod_ms = 20;
 constexpr milliseconds kFarewellTime{1000};
 constexpr uint16_t kReceiveMaximum = 32;
-// The broker throws away what is longer; the largest request that is refused in words is below.
+// The broker drops longer packets (MQTT 5, 3.1.2.11.4). Requests that the bridge refuses with a
+// text are below this limit.
 constexpr uint32_t kLargestPacket = 1 << 20;
 
-// What one turn of the loop reads of TLS.
+// Reads of TLS in one turn of the loop, so that the rest gets its turn.
 constexpr int kMostReads = 64;
 
 std::atomic<int> g_threads = 0;
 
-// Of a thread, from before its start to its end.
+// Counts a thread from before its start to its end.
 struct Counted {
   Counted() { ++g_threads; }
   ~Counted() { --g_threads; }
@@ -65,13 +66,13 @@ uint32_t random_number() {
 
 }  // namespace
 
-// One attempt to connect, and the connection that comes of it. A thread that is given up keeps it
-// for itself.
+// One attempt to connect, and then the connection. The thread of an attempt that is given up owns
+// the attempt alone.
 struct Link::Attempt {
   Link *link;
   mqtt::Address address;
   mqtt::Properties properties;
-  mqtt::Client client;  // the last to be made, the first to go
+  mqtt::Client client;
   int error = MOSQ_ERR_SUCCESS;
   int number = 0;  // errno
   std::atomic<bool> done = false;
@@ -117,7 +118,7 @@ Link::Link(const Config *config, std::string client_id, Will will, LinkHandlers 
 
 Link::~Link() {
   if (socket_ != nullptr) ORP_UTIL_SocketBaseDelete(socket_);
-  // The eventfd stays: a thread may still write to it.
+  // The eventfd stays open: a thread may still write to it.
 }
 
 void Link::start() {
@@ -183,7 +184,7 @@ void Link::attempt() {
   patience_.start(kAttemptTime_ms);
 }
 
-// A thread has come back, perhaps one that nobody waits for any more.
+// A thread is done, perhaps that of an attempt that was given up.
 void Link::attempted() {
   uint64_t count;
   (void)!::read(wake_fd_, &count, sizeof count);
@@ -231,7 +232,8 @@ void Link::service(uint32_t event) {
   after_call(error);
 }
 
-// TLS may hold packets of which the socket shows nothing any more, so it is read until it has none.
+// TLS may hold packets of which the socket shows nothing any more (SSL_pending(3)), so it is read
+// until nothing is left.
 int Link::read_packets() {
   mosquitto *client = current_->client.get();
   for (int reads = 0; reads < kMostReads; ++reads) {
@@ -245,7 +247,7 @@ int Link::read_packets() {
   return MOSQ_ERR_SUCCESS;
 }
 
-// After every call that may have run callbacks.
+// To be called after every call of the library that may have run callbacks.
 void Link::after_call(int error) {
   const int number = errno;
   if (error != MOSQ_ERR_SUCCESS && trouble_.empty()) {
@@ -263,7 +265,8 @@ void Link::after_call(int error) {
 void Link::update_interest() {
   if (!current_ || socket_ == nullptr) return;
   const bool want = mosquitto_want_write(current_->client.get());
-  // During the handshake of TLS what waits may wait for the broker's words and not for room.
+  // During the handshake of TLS the library may want to write, but first needs input: watching for
+  // room would never rest.
   const bool watch = want && (up_ || !current_->address.tls);
   if (want && !watch) handshake_.start_if_idle(kHandshakePeriod_ms);
   if (watch == writing_) return;
@@ -305,7 +308,7 @@ void Link::end(const std::string &why) {
   if (!current_) return;
   trouble_ = why;
   over_ = true;
-  handshake_.start_if_idle(1);  // which looks whether it is over
+  handshake_.start_if_idle(1);  // ends the connection from the loop
 }
 
 Link::Sent Link::publish(const std::string &topic, std::string_view payload, int qos, bool retain,
@@ -356,7 +359,7 @@ void Link::farewell(const std::string &topic, std::string_view payload) {
 
 namespace {
 
-// The library looks at errno after its callbacks: what they left there is not its socket's.
+// The library looks at errno after its callbacks, as if its socket had set it.
 template <typename Procedure>
 void called_back(Procedure &&procedure) noexcept {
   guarded("What came from the broker", procedure);
@@ -394,7 +397,7 @@ void Link::on_disconnect(mosquitto * /*client*/, void *object, int reason,
   Link *link = static_cast<Attempt *>(object)->link;
   link->over_ = true;
   called_back([=] {
-    // Below 0x80 it is an error of the library's, which says the same in its own way.
+    // Reason codes below 0x80 are the library's own errors; after_call() has their texts.
     if (link->trouble_.empty() && reason >= 0x80) {
       link->trouble_ = std::string("the broker ends it: ") + mosquitto_reason_string(reason);
     }
@@ -413,10 +416,10 @@ void Link::on_message(mosquitto * /*client*/, void *object, const mosquitto_mess
   if (link->handlers_.arrived) called_back([=] { link->handlers_.arrived(*message, properties); });
 }
 
-// In the thread of an attempt, too.
+// Also runs in the thread of an attempt.
 void Link::on_log(mosquitto * /*client*/, void *object, int level, const char *text) {
   if (level != MOSQ_LOG_ERR) return;
-  const int number = errno;  // what the library is about to look at
+  const int number = errno;  // the library reads it after this call
   guarded("A line of the broker's library", [=] {
     auto *made = static_cast<Attempt *>(object);
     const std::lock_guard<std::mutex> hold(made->trouble_lock);

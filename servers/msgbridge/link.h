@@ -1,9 +1,9 @@
 // The connection to the broker, on the library's loop.
 //
-// An attempt to connect looks up a name and may wait long, so it runs in a thread; from there on
-// everything happens on the loop. Nothing of a connection is kept when it ends: what the broker has
-// not acknowledged is its user's to send again. Then another attempt follows, after a random time
-// whose limit doubles with each failure, so that a fleet does not come back all at once.
+// An attempt to connect looks up a name and may wait long, so it runs in a thread; everything after
+// it happens on the loop. Nothing of a connection is kept when it ends: the user of the link must
+// send again what the broker has not acknowledged. Then another attempt follows, after a random
+// time whose limit doubles with each failure, so that a fleet does not come back all at once.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ namespace msgbridge {
 struct LinkHandlers {
   std::function<void()> connected;
   std::function<void()> ended;
-  // The broker has it, or refuses it: a reason code of MQTT 5 from 0x80 on.
+  // The broker has the publication, or refuses it with a reason code of MQTT 5 from 0x80 on.
   std::function<void(int id, int reason)> acknowledged;
   std::function<void(const mosquitto_message &message, const mosquitto_property *properties)>
       arrived;
@@ -31,7 +31,8 @@ struct LinkHandlers {
 
 class Link {
  public:
-  // What the broker makes known, retained, when this connection ends without a farewell.
+  // What the broker publishes, retained, when this connection ends without a farewell (MQTT 5,
+  // 3.1.2.5).
   struct Will {
     std::string topic;
     std::string payload;
@@ -45,7 +46,7 @@ class Link {
   void start();
   // False from end() on.
   bool up() const { return up_ && !over_; }
-  // How many publications may wait for their acknowledgement.
+  // How many publications may wait for their acknowledgements at once.
   uint16_t window() const { return window_; }
   uint64_t connections() const { return connections_; }
 
@@ -57,9 +58,9 @@ class Link {
   Sent publish(const std::string &topic, std::string_view payload, int qos, bool retain,
                const mqtt::Properties &properties);
   void subscribe(const std::string &topics);
-  // Ends the connection, once what is running has returned; another one follows.
+  // Ends the connection from the loop, after the running call has returned. Another one follows.
   void end(const std::string &why);
-  // Publishes a last retained message, takes leave and waits for neither long.
+  // Publishes a last retained message and disconnects. Waits at most a second.
   void farewell(const std::string &topic, std::string_view payload);
 
  private:
@@ -96,7 +97,7 @@ class Link {
   ORP_UTIL_SOCKBASE_ST *wake_up_ = nullptr;  // the thread's eventfd
   int wake_fd_ = -1;
   Timer retry_timer_;
-  Timer patience_;  // for an attempt
+  Timer patience_;  // ends an attempt that takes too long
   Timer handshake_;
   Timer keep_alive_;
   size_t next_broker_ = 0;

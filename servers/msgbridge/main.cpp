@@ -1,5 +1,6 @@
-// msgbridge: joins the gateway's message bus to an MQTT broker, an application like any other.
-// Events go up, as the configuration's rules say; what it allows may be asked for from there.
+// msgbridge: joins the gateway's message bus to an MQTT broker. For the message server it is an
+// application like any other. Events go up by the configuration's rules; requests that it allows
+// come down.
 
 #include <malloc.h>
 #include <sys/stat.h>
@@ -87,14 +88,14 @@ int run(const std::string &path, bool check) {
                 topic_level(gateway).c_str());
     return EXIT_SUCCESS;
   }
-  // What waits is nobody else's to read.
+  // Only this user may read the events that wait.
   ::umask(S_IRWXG | S_IRWXO);
-  // The thread of an attempt needs no arena of its own.
+  // The threads of attempts need no arenas of their own (mallopt(3)).
   ::mallopt(M_ARENA_MAX, 1);
   g_bridge = std::make_unique<Bridge>(&config, &types, gateway);
   const MSGKIT_DAEMON_ST daemon = {kName, start, changed, nullptr, stop};
   const int status = msgkit_run_daemon(&daemon);
-  // Without ends of objects and libraries: a thread may still wait for the system.
+  // No destructors run: a thread may still wait for the system and use the libraries.
   std::fflush(nullptr);
   ::_exit(status);
 }

@@ -37,8 +37,8 @@ Requests::Requests(const Config *config, const catalogue::Catalogue *types, std:
     if (ORP_MSG_RegMsgProc(type, procedure, 0, &handle) != ORP_OK) throw std::bad_alloc();
     registrations_.insert(handle);
   };
-  // Answers are told from requests of the same type by their sequence numbers and senders: the
-  // bridge serves nothing.
+  // The bridge serves no requests, so everything of these types is an answer, or not for it:
+  // sequence number and sender tell.
   const ORP_MSG_PROC take_answer = [](ORP_MSG_HEADER_ST *message) {
     guarded("An answer to a request", [message] { g_requests->answered(*message); });
   };
@@ -60,7 +60,7 @@ Requests::~Requests() {
 
 void Requests::take(const Publication &publication, ReplyTo to) {
   ++counters_.requests;
-  // A flood is refused before anything of it is read.
+  // A flood is refused before its requests are even read.
   if (pending_.size() >= config_->down.in_flight) {
     refuse(to, AnswerStatus::kBusy, "too many requests are under way; ask again later");
     return;
@@ -106,7 +106,7 @@ void Requests::send(ORP_MSG_HEADER_ST *message, Pending pending, uint32_t timeou
   }
   const uint32_t sequence = message->ulSeqNum;
   pending.timer = std::make_unique<Timer>([this, sequence] {
-    // The timer is what runs: it goes when this returns.
+    // finish() gives away this very timer; `late` keeps it alive until this returns.
     if (const auto late = finish(sequence)) {
       ++counters_.timed_out;
       refuse(late->to, AnswerStatus::kTimeout, "the application does not answer");
@@ -132,7 +132,7 @@ std::optional<Requests::Pending> Requests::finish(uint32_t sequence) {
 void Requests::answered(const ORP_MSG_HEADER_ST &message) {
   const auto entry = pending_.find(message.ulSeqNum);
   if (entry == pending_.end() || entry->second.type != (message.ulMsgType & ORP_MSG_TYPE_MASK)) {
-    return;  // too late, or somebody's request
+    return;  // a late answer, or somebody's request
   }
   if (!entry->second.app.empty() && entry->second.app != sender_of(message)) return;
   const auto pending = finish(message.ulSeqNum);

@@ -31,17 +31,17 @@ class Requests {
     uint64_t timed_out = 0;
   };
 
-  // There is one in a process: the library's procedures find it. Registers them for the types that
-  // the rules allow.
+  // Registers procedures for the types that the rules allow. Only one may live in a process: the
+  // procedures must find it.
   Requests(const Config *config, const catalogue::Catalogue *types, std::string base,
            Answer answer);
   ~Requests();
   Requests(const Requests &) = delete;
   Requests &operator=(const Requests &) = delete;
 
-  // Answers at once what cannot be done; sends the rest on and answers later.
+  // Sends a request on the bus and answers later. Answers at once if that cannot be done.
   void take(const Publication &publication, ReplyTo to);
-  // The message server has gone, and every answer with it.
+  // The message server has gone: no answer will come.
   void fail_all();
 
   size_t under_way() const { return pending_.size(); }

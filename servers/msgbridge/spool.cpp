@@ -21,13 +21,13 @@ constexpr size_t kReadAhead = 64;
 constexpr size_t kReadAheadBytes = 128 << 10;
 constexpr uint64_t kTailLimit = 512 << 10;
 constexpr uint64_t kLeastRoom = 64 << 10;
-// Space is taken in steps as long as the log may be.
+// Space is taken in steps of the log's usual length.
 constexpr uint64_t kReserveStep = 256 << 10;
 constexpr uint64_t kSmallReserveStep = 32 << 10;
 constexpr int kMostTries = 3;
 constexpr int kApplication = 0x6d736270;
 constexpr int kVersion = 1;
-// No gateway's clock is right before.
+// A clock that shows an earlier time is not set.
 constexpr int64_t kPlausible_ms = 1'700'000'000'000;
 
 constexpr const char *kTables =
@@ -70,11 +70,11 @@ int64_t milliseconds(clockid_t clock) {
 
 }  // namespace
 
-// The open database and what is asked of it. It may still have no tables when it is made.
+// The open database and its statements. Before prepare() it may have no tables yet.
 struct Spool::File {
   File(const SpoolOptions &options) : db(options.path, options.sync) {}
 
-  // Throws when it is somebody else's.
+  // Throws when the file is somebody else's.
   bool is_new() const {
     const int64_t version = db.number("PRAGMA user_version");
     if (version == 0 && db.number("SELECT count(*) FROM sqlite_master") == 0) return true;
@@ -107,7 +107,7 @@ struct Spool::File {
     keep_state = db.prepare("UPDATE state SET next=?, given_up=?");
   }
 
-  Database db;  // the last to go
+  Database db;  // declared first: destroyed after its statements
   Statement begin, commit, insert, sum, remove, oldest, read, between, keep_loss, remove_loss,
       keep_state;
 };
@@ -152,7 +152,7 @@ bool Spool::open(Anew anew) {
         anew = Anew::kDamaged;
       }
     }
-    // Nobody can mend a damaged one here, and the gateway's events of today matter more.
+    // Nobody can mend a damaged file on a gateway, and new events must be kept.
     put_aside(anew);
     const bool is_known = !stream_.empty();
     const uint64_t before = state_.given_up;
@@ -169,7 +169,7 @@ bool Spool::open(Anew anew) {
   }
 }
 
-// A damaged one gets another name, unless a new one would have no room beside it.
+// Removes the file. A damaged one is renamed instead, if a new one has room beside it.
 void Spool::put_aside(Anew anew) const {
   std::error_code error;
   const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
@@ -188,18 +188,18 @@ void Spool::open_file() {
   try {
     file->prepare();
   } catch (const DiskError &error) {
-    // Our file, and a table is missing.
+    // The file is ours, so a table is missing.
     throw error.code == SQLITE_ERROR ? DiskError(SQLITE_CORRUPT, error.what()) : error;
   }
   file_ = std::move(file);
   load();
   limit_ = std::min(limit_, most());
-  // What is written goes through the log. On a small disk a long one could not be written back.
+  // Everything is written through the log. On a small disk a long log could not be written back.
   if (disk_is_small()) file_->db.execute("PRAGMA wal_autocheckpoint=8");
   if (options_.reserve) reserve();
 }
 
-// For a file that is made anew while the spool knows what was in the one before.
+// A new file is made while the spool knows what the old one held: that becomes a loss.
 void Spool::lose_file() {
   std::ranges::sort(acknowledged_);
   acknowledged_.erase(std::unique(acknowledged_.begin(), acknowledged_.end()), acknowledged_.end());
@@ -251,7 +251,7 @@ void Spool::make_tables(const File &file) {
   db.execute(text);
 }
 
-// What is kept in memory beside the file.
+// Reads the file's state into memory.
 void Spool::load() {
   State state;
   const Database &db = file_->db;
@@ -297,7 +297,7 @@ void Spool::load() {
   ahead_.clear();
 }
 
-// How much a file may hold on this disk. Its log needs about as much again.
+// How many bytes of events a file may hold on this disk. Its log needs about as much again.
 uint64_t Spool::most() const {
   std::error_code error;
   const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
@@ -309,7 +309,8 @@ bool Spool::disk_is_small() const {
   return limit_ < options_.bytes;
 }
 
-// A disk that was full may have room again, for what waits in memory and its way through the log.
+// A disk that was full may have room again, for the events in memory and for their way through the
+// log.
 void Spool::look_for_room() {
   std::error_code error;
   const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
@@ -326,7 +327,7 @@ void Spool::reserve() {
   uint64_t there = size();
   if (there >= wanted) return;
   try {
-    // In steps, so that the log stays short.
+    // In steps, so that SQLite's log stays short.
     const uint64_t step = disk_is_small() ? kSmallReserveStep : kReserveStep;
     db.execute("CREATE TABLE room(bytes BLOB)");
     {
@@ -340,7 +341,7 @@ void Spool::reserve() {
     try {
       db.execute("DROP TABLE IF EXISTS room");
     } catch (const DiskError &) {
-      // The next start tries again.
+      // The next start drops it.
     }
   }
 }
@@ -389,7 +390,7 @@ void Spool::write() {
   unwritten_ = 0;
 }
 
-// After a transaction with remove_acknowledged().
+// To be called after a transaction with remove_acknowledged() has been committed.
 void Spool::written() {
   kept_ = state_;
   acknowledged_.clear();
@@ -398,7 +399,7 @@ void Spool::written() {
   acknowledged_losses_.clear();
 }
 
-// Whether the broker has had all that is in the file.
+// Whether the broker has acknowledged or refused everything in the file.
 bool Spool::nothing_waits() const {
   std::set<uint64_t> done(acknowledged_.begin(), acknowledged_.end());
   done.insert(refused_.begin(), refused_.end());
@@ -414,7 +415,7 @@ bool Spool::nothing_waits() const {
   }
 }
 
-// Puts back what a transaction has changed. True when the same may be tried again at once.
+// Undoes a transaction that has failed. True when it may be tried again at once.
 bool Spool::recover(const std::exception &error) {
   failed(error);
   roll_back();
@@ -423,18 +424,18 @@ bool Spool::recover(const std::exception &error) {
   if (disk->is_damage()) return open(Anew::kDamaged);
   // A smaller spool may fit the disk.
   if (disk->code == SQLITE_FULL) {
-    // Its log may fill the disk, so that nothing can be removed any more: it holds what the broker
-    // has by now.
+    // Without room for the log nothing can be removed. If the broker has had everything, a new file
+    // loses nothing.
     return file_ != nullptr && (shrink() || (nothing_waits() && open(Anew::kFull)));
   }
-  // The next attempt opens what is there then.
+  // The next attempt opens the file again.
   file_.reset();
   return false;
 }
 
 void Spool::roll_back() {
   state_ = kept_;
-  ahead_.clear();  // some of it may have been given up in what has been rolled back
+  ahead_.clear();  // the transaction may have removed events from it that are in the file again
   try {
     if (file_ && file_->db.in_transaction()) file_->db.execute("ROLLBACK");
   } catch (const std::exception &) {
@@ -456,7 +457,7 @@ void Spool::note_boot() {
   if (state_.boot == 0) throw std::runtime_error("this run of the system cannot be noted");
 }
 
-// How many there were.
+// Returns how many events it has removed.
 uint64_t Spool::remove(uint64_t first, uint64_t last) {
   uint64_t count, bytes;
   {
@@ -473,7 +474,7 @@ uint64_t Spool::remove(uint64_t first, uint64_t last) {
 }
 
 void Spool::remove_acknowledged() {
-  // Acknowledgements mostly come in order: each run of numbers goes at once.
+  // Acknowledgements mostly come in order, so each run of numbers is removed at once.
   std::ranges::sort(acknowledged_);
   for (size_t i = 0; i < acknowledged_.size();) {
     const size_t begin = i;
@@ -503,7 +504,7 @@ void Spool::give_up_old() {
   while (has_old()) give_up_oldest(Reason::kOld);
 }
 
-// What the disk did not take has its place behind everything that is there.
+// Events that the disk did not take get the numbers behind all others.
 void Spool::give_up_unwritten() {
   if (unwritten_ == 0) return;
   lose({state_.next, state_.next + unwritten_ - 1, unwritten_, Reason::kDisk});
@@ -519,7 +520,7 @@ void Spool::make_room(uint64_t size) {
   }
 }
 
-// Events that are on their way to the broker stay. False when there is no other.
+// Events on their way to the broker stay. False when there is no other.
 bool Spool::give_up_oldest(Reason reason) {
   uint64_t sequence, size;
   {
@@ -536,8 +537,9 @@ bool Spool::give_up_oldest(Reason reason) {
   return true;
 }
 
-// The disk is full. Until it has room the spool is half as large as what there is, and gives up the
-// oldest for what has come to fit. True when something has changed, so that it is worth a try.
+// The disk is full. Until it has room, the spool is half as large as everything that it holds now,
+// and gives up the oldest events to make room for new ones. True when something has changed, so
+// that another attempt makes sense.
 bool Spool::shrink() {
   const uint64_t smaller = std::max(std::min(limit_, state_.bytes + tail_bytes_) / 2, kLeastRoom);
   const bool less = smaller < limit_;
@@ -561,13 +563,13 @@ bool Spool::shrink() {
   }
 }
 
-// Writes the log back, whose space may be all that is left. It keeps the space, which others would
-// take otherwise.
+// Writes the log back, because its space may be all that is left. The log keeps the space, which
+// others would take otherwise.
 void Spool::empty_log() {
   try {
     file_->db.execute("PRAGMA wal_checkpoint");
   } catch (const DiskError &) {
-    // There may be room once something is removed.
+    // There may be room after something has been removed.
   }
 }
 
@@ -598,7 +600,7 @@ void Spool::insert(const Event &event) {
   ++state_.count;
 }
 
-// What differs from what the file says.
+// Writes what differs from the file.
 void Spool::write_state() {
   for (const auto &[first, loss] : kept_.losses) {
     if (!state_.losses.contains(first)) Query(file_->remove_loss, {number(first)}).step();
@@ -617,7 +619,7 @@ void Spool::write_state() {
   state_.oldest = query.step() ? query.count(0) : state_.next;
 }
 
-// The memory that waits for a disk is bounded, too.
+// Bounds the memory of events that wait for the disk.
 void Spool::bound_tail() {
   while (tail_bytes_ > kTailLimit && !tail_.empty()) {
     tail_bytes_ -= weight(tail_.front());
@@ -652,7 +654,7 @@ std::optional<Loss> Spool::next_loss() const {
 std::optional<Item> Spool::next() {
   if (!file_) return std::nullopt;
   try {
-    // An event that is not handed out is in the file: nothing has to be read when none is.
+    // Without an event that has not been handed out there is nothing to read.
     if (ahead_.empty() && handed_out_ + 1 < state_.next) read_ahead();
     const std::optional<Loss> loss = next_loss();
     if (loss && (ahead_.empty() || loss->first < ahead_.front().sequence)) {
@@ -681,7 +683,7 @@ void Spool::acknowledge(uint64_t sequence) {
 
 void Spool::refuse(uint64_t sequence) {
   if (told_losses_.contains(sequence)) {
-    acknowledged_losses_.insert(sequence);  // nobody can be told
+    acknowledged_losses_.insert(sequence);  // the broker does not take the notice: forget it
   } else {
     refused_.push_back(sequence);
   }

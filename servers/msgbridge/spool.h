@@ -1,15 +1,16 @@
-// The spool: events that wait for the broker, on the disk, in the order of their coming.
+// The spool: events that wait for the broker, on the disk, in the order in which they came.
 //
-// An event is appended in memory; commit() writes what came since the last one, in one transaction.
-// From then on it has a sequence number, is handed out by next(), and stays until the broker has
-// acknowledged it, also when the process is killed or the power fails.
+// append() keeps an event in memory; commit() writes all appended events in one transaction. Then
+// the event has a sequence number, next() hands it out, and it stays until the broker has
+// acknowledged it, even when the process is killed or the power fails.
 //
-// The spool is bounded. What does not fit is given up, the oldest first, and so is what waits too
-// long and what the disk does not take. Whatever is given up leaves a Loss, which is handed out in
-// its place and stays until it is acknowledged, too. Sequence numbers have no other gaps.
+// The spool is bounded. It gives up events that do not fit, the oldest first, events that wait too
+// long, and events that the disk does not take. Each leaves a Loss, which is handed out in its
+// place and stays until it is acknowledged, too. Sequence numbers have no other gaps.
 //
-// A file that turns out to be damaged is put aside. The next one goes on with the same numbers,
-// and what was in the old one is a Loss; only at the start nobody knows what that was.
+// A damaged file is renamed. The next file goes on with the same numbers, and everything that was
+// in the old one becomes a Loss. Only when the file is damaged at the start, nobody knows what was
+// in it: then the numbers begin anew.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +29,8 @@
 namespace msgbridge {
 
 struct Event {
-  uint64_t sequence = 0;  // from commit() on
-  std::string boot;       // the system's run in which it came
+  uint64_t sequence = 0;  // known after commit()
+  std::string boot;       // the kernel's id of the boot in which it came
   int64_t wall_ms = 0;    // since 1970
   std::string topic;
   std::string payload;
@@ -41,8 +42,8 @@ using Item = std::variant<Event, Loss>;
 
 class Spool {
  public:
-  // What time it is. Ages are told by the clock that runs on while the system sleeps; the wall
-  // clock counts between two runs of the system, if it was right in both.
+  // The current time. Ages are measured with CLOCK_BOOTTIME, which also counts while the system
+  // sleeps. For events of an earlier boot the wall clock counts, if it was set in both boots.
   struct Now {
     std::string boot;
     int64_t boot_ms;
@@ -56,39 +57,39 @@ class Spool {
   Spool(const Spool &) = delete;
   Spool &operator=(const Spool &) = delete;
 
-  // What an event weighs: its topic, its payload and this much.
+  // An event counts with its topic, its payload and this many bytes.
   static constexpr size_t kEventWeight = 128;
 
   void append(Event event);
-  // Without anything to write it leaves the file as it is. False when the disk refused; what was
-  // appended is kept, up to a limit, and should be committed again after a while. Gives up what is
-  // too old. problem() says what it was.
+  // Writes what has changed, and gives up events that are too old. Does not touch the file when
+  // nothing has changed. False when the disk refused, and problem() says why: appended events are
+  // kept in memory, up to a limit, and should be committed again after a while.
   bool commit();
   const std::string &problem() const { return problem_; }
   // False when next() found no readable file; commit() tries to mend that.
   bool reads() const { return file_ != nullptr && !unread_; }
-  // How often a damaged file was replaced. What had been handed out before is no more: it became a
-  // loss, and must not be acknowledged.
+  // How often a damaged file with events was replaced. Events that were handed out before have
+  // become a loss and must not be acknowledged.
   uint32_t begun_anew() const { return begun_anew_; }
 
-  // What should be sent next; none when everything has been handed out, and when the file cannot be
+  // The next item to be sent. None when everything has been handed out, and when the file cannot be
   // read.
   std::optional<Item> next();
-  // The broker has it: an event by its sequence number, a loss by its first.
+  // The broker has the item: an event by its sequence number, a loss by its first number.
   void acknowledge(uint64_t sequence);
-  // The broker does not want it. The event becomes a loss.
+  // The broker has refused the item. An event becomes a loss.
   void refuse(uint64_t sequence);
   // Hands out again what has not been acknowledged.
   void rewind();
 
-  // Names the run of sequence numbers; a spool that is made anew begins another one.
+  // A random name for this series of sequence numbers. A new spool begins another series.
   const std::string &stream() const { return stream_; }
   uint64_t last_sequence() const { return state_.next - 1; }
   uint64_t waiting() const { return state_.count + tail_.size(); }
   uint64_t waiting_bytes() const { return state_.bytes + tail_bytes_; }
-  // Appended, not committed yet.
+  // The size of events that are appended and not yet committed.
   uint64_t unwritten_bytes() const { return tail_bytes_; }
-  // Since the spool was made.
+  // Events given up since the spool was made.
   uint64_t given_up() const { return state_.given_up; }
 
  private:
@@ -100,11 +101,11 @@ class Spool {
     uint64_t count = 0;
     uint64_t bytes = 0;
     uint64_t given_up = 0;
-    int64_t boot = 0;  // now_.boot in the table of boots; 0: is not there yet
+    int64_t boot = 0;  // the id of now_.boot in the table of boots; 0: not there yet
     Losses losses;
   };
 
-  // Whether a new file takes the place of what is there, and why.
+  // Whether a new file replaces the one that is there, and why.
   enum class Anew : uint8_t { kNo, kDamaged, kFull };
   bool open(Anew anew = Anew::kNo);
   bool nothing_waits() const;
@@ -151,20 +152,20 @@ class Spool {
   std::unique_ptr<File> file_;
   std::string stream_;
   State state_;
-  State kept_;  // as of the last commit; what a transaction that fails has changed is put back
+  State kept_;  // as of the last commit, to undo a failed transaction
   uint32_t begun_anew_ = 0;
   bool unread_ = false;
-  uint64_t limit_;  // options_.bytes, or less while the disk has no more
+  uint64_t limit_;  // options_.bytes, or less while the disk is small or full
 
   std::deque<Event> tail_;  // appended, not yet committed
   uint64_t tail_bytes_ = 0;
-  uint64_t unwritten_ = 0;  // given up of the tail since the last commit
+  uint64_t unwritten_ = 0;  // events of the tail that were given up since the last commit
 
   uint64_t handed_out_ = 0;  // the last event that next() handed out
   std::deque<Event> ahead_;  // read, not handed out yet
   std::vector<uint64_t> acknowledged_, refused_;
-  // By their first numbers: those that have been handed out, and of them what is acknowledged and
-  // still in the file.
+  // By their first numbers: losses that have been handed out, and those of them that are
+  // acknowledged but still in the file.
   std::set<uint64_t> told_losses_, acknowledged_losses_;
 };
 

@@ -14,7 +14,7 @@ namespace msgbridge {
 
 class Timer {
  public:
-  // A procedure that throws, as it may when memory is short, runs again after a second.
+  // A procedure that throws, for example without memory, runs again after a second.
   explicit Timer(std::function<void()> procedure) : procedure_(std::move(procedure)) {}
   ~Timer() {
     stop();
@@ -23,17 +23,17 @@ class Timer {
   Timer(const Timer &) = delete;
   Timer &operator=(const Timer &) = delete;
 
-  // From now; an earlier start counts no more.
+  // Fires after `ms`. An earlier start no longer counts.
   void start(uint32_t ms) {
     stop();
     due_ = Clock::now() + std::chrono::milliseconds(ms);
     timer_ = ORP_UTIL_TimerAdd(std::max(ms, 1u), 1, fire, reinterpret_cast<ORP_WORD>(this));
   }
-  // Unless it is running.
+  // Does nothing while it is running.
   void start_if_idle(uint32_t ms) {
     if (timer_ == nullptr) start(ms);
   }
-  // Unless it fires before that anyway.
+  // Does nothing if it fires within `ms` already.
   void start_within(uint32_t ms) {
     if (timer_ == nullptr || due_ > Clock::now() + std::chrono::milliseconds(ms)) start(ms);
   }
@@ -45,8 +45,8 @@ class Timer {
 
   static void fire(ORP_WORD self) {
     auto *timer = reinterpret_cast<Timer *>(self);
-    timer->timer_ = nullptr;  // the loop ends it after this
-    // The procedure may end the timer, and with it itself.
+    timer->timer_ = nullptr;  // the loop deletes its watcher after this call
+    // The procedure may destroy this timer, and itself with it.
     bool ended = false;
     timer->ended_ = &ended;
     const bool done = guarded("A timer's work", [timer] {
@@ -61,7 +61,7 @@ class Timer {
   std::function<void()> procedure_;
   OrpUvTimer *timer_ = nullptr;
   Clock::time_point due_;
-  bool *ended_ = nullptr;  // where to tell, while the procedure runs, that this has gone
+  bool *ended_ = nullptr;  // while the procedure runs: set when this is destroyed
 };
 
 }  // namespace msgbridge

@@ -1,4 +1,4 @@
-// How many may pass in a second.
+// Limits a rate.
 #pragma once
 
 #include <algorithm>
@@ -6,8 +6,8 @@
 
 namespace msgbridge {
 
-// Lets `per_second` through in a second, and up to `most` at once after a pause; all of them when
-// it is 0. Times are of one clock that runs on.
+// Lets `per_second` through in a second, and up to `most` at once after a pause. 0: no limit. All
+// times must be of one monotonic clock.
 class TokenBucket {
  public:
   TokenBucket(uint32_t per_second, double most)

@@ -1,4 +1,4 @@
-// Topics: where events go, made from a template.
+// Topics of events, made from a template.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace msgbridge {
 
-// `text` as one level of a topic: "/", "+", "#", "%", control characters and bytes that are no
+// `text` as one level of a topic. "/", "+", "#", "%", control characters and bytes that are no
 // UTF-8 become "%2F" and so on, which a receiver can undo. "-" for an empty text. At most 512
 // bytes.
 std::string topic_level(std::string_view text);
@@ -19,11 +19,11 @@ struct TopicValues {
   std::string_view event;
 };
 
-// "{prefix}/{gateway}/event/{module}/{event}": the names in braces stand for values, of which all
-// but the prefix become one level each.
+// "{prefix}/{gateway}/event/{module}/{event}": values replace the names in braces. Each value
+// becomes one level, except the prefix, which may have several.
 class TopicTemplate {
  public:
-  // Throws std::invalid_argument with what is wrong.
+  // Throws std::invalid_argument that says what is wrong.
   explicit TopicTemplate(std::string_view text);
 
   std::string expand(const TopicValues &values) const;

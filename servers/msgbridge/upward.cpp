@@ -35,7 +35,7 @@ bool payload_matches(const UpRule &rule, const Json &event) {
   });
 }
 
-// A DM body as the JSON that subscribers of other events get.
+// Makes of a DM body the JSON that subscribers of other events get.
 std::optional<std::string> convert(uint32_t type, std::string_view body) {
   const std::unique_ptr<ORP_MSG_HEADER_ST, Free> message(
       static_cast<ORP_MSG_HEADER_ST *>(std::calloc(1, ORP_MSG_HEADER_SIZE + body.size())));

@@ -1,5 +1,5 @@
-// What happens to an event before it is put into the spool: which rule is for it, whether its rate
-// lets it pass, where it goes and what of it is masked.
+// What happens to an event before it is put into the spool: finding its rule, limiting its rate,
+// making its topic, and masking.
 #pragma once
 
 #include <cstdint>
@@ -14,23 +14,23 @@
 
 namespace msgbridge {
 
-// The text that subscribers get of an event: `data` itself, or made of it where they get the
-// publisher's DM body. None for what is no JSON object.
+// The text of an event: made of `data` where that is a publisher's DM body, else `data` up to its
+// first NUL. The text need not be JSON.
 std::optional<std::string> event_text(uint32_t type, std::string_view data);
 
 class Upward {
  public:
   struct Counters {
-    uint64_t taken = 0;       // into the spool
-    uint64_t no_rule = 0;     // no rule is for it, or one that keeps it here
-    uint64_t limited = 0;     // beyond its rule's rate
-    uint64_t sampled = 0;     // left out by its rule's sampling
-    uint64_t unreadable = 0;  // no JSON object
+    uint64_t taken = 0;       // put into the spool
+    uint64_t no_rule = 0;     // without a rule, or with one that keeps them here
+    uint64_t limited = 0;     // beyond their rule's rate
+    uint64_t sampled = 0;     // left out by their rule's sampling
+    uint64_t unreadable = 0;  // no JSON objects
   };
 
   Upward(std::vector<UpRule> rules, std::string prefix, std::string gateway);
 
-  // What goes up of an event that has arrived; none when nothing does.
+  // The event to send for one that has arrived on the bus; none when it stays here.
   std::optional<Event> take(uint32_t type, std::string_view data, const Spool::Now &now);
 
   // The events to subscribe to; empty: all of them.

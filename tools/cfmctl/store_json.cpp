@@ -76,8 +76,7 @@ Value value_from_json(const Place &place, const json &member) {
   return value;
 }
 
-// Adds the values of `members`, an object of {identifier: value}. Whatever is wrong with one is
-// reported with its place.
+// Adds the values of `members`, an object of {identifier: value}. Errors name the value's place.
 void add_values(const json &members, Place place, const std::string &path, Contents *out) {
   if (!members.is_object()) throw Error(path + ": an object of values is expected here");
   for (const auto &[key, member] : members.items()) {

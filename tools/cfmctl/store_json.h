@@ -19,7 +19,7 @@ struct Error : std::runtime_error {
 // Throws an Error that names the status, unless it is CFM_OK.
 void check(uint32_t status);
 
-// Where a value stands.
+// Where a value is in the store.
 struct Place {
   uint32_t area = CFM_AREA_PARAMETER;
   uint32_t object = 0;
@@ -47,7 +47,7 @@ std::string parse_hex(std::string_view text);
 std::string hex(std::string_view bytes);
 std::string hex_id(uint32_t id);
 
-// What a value shows to people: a number, a text, or bytes in hexadecimal digits.
+// A value as people read it: a number, a text, or bytes in hexadecimal digits.
 std::string shown(const Value &value);
 
 nlohmann::ordered_json to_json(const Contents &contents);

@@ -1,12 +1,12 @@
 // Stands in for the kernel's conversion device on machines without it.
 //
-// Preloaded into a program (LD_PRELOAD=libconvertdev.so), it answers the opening of /proc/convert
-// and the device's request with the C library's iconv, whose encoding names it takes. Everything
-// else goes to the kernel as it is.
+// Preloaded into a program (LD_PRELOAD=libconvertdev.so), it opens /proc/convert and answers the
+// device's request with the C library's iconv. It knows iconv's encoding names. All other calls go
+// to the kernel unchanged.
 //
 // Characters that the output encoding lacks become "?" and mark the request as unclean. Bytes that
-// mean nothing in the input encoding mark it too: measuring then covers what comes before them, and
-// converting fails with EILSEQ. That is what lets callers find out an encoding by trying.
+// mean nothing in the input encoding mark it, too: measuring then covers the bytes before them, and
+// converting fails with EILSEQ. So callers can find out an encoding by trying.
 
 #include <fcntl.h>
 #include <iconv.h>
@@ -44,8 +44,8 @@ class Iconv {
 
   bool ok() const { return handle_ != reinterpret_cast<iconv_t>(-1); }
 
-  // Appends what `*input` becomes and cuts it off; stops early, with false, at what cannot be
-  // converted.
+  // Appends the converted characters and cuts them off `*input`. Stops early, with false, at the
+  // first that cannot be converted.
   bool convert(std::string_view *input, std::string *output) {
     while (!input->empty()) {
       char buffer[256];
@@ -69,7 +69,7 @@ struct Converted {
   bool exact = true;  // nothing replaced
 };
 
-// Nothing when an encoding is unknown.
+// None when an encoding is unknown.
 std::optional<Converted> convert(std::string_view input, const std::string &input_encoding,
                                  const std::string &output_encoding) {
   Iconv decoder("WCHAR_T", input_encoding), encoder(output_encoding, "WCHAR_T");
@@ -118,7 +118,7 @@ int answer(ORP_NLS_REQUEST_ST *request) {
   return 0;
 }
 
-// Callers do not expect an exception from what they take for a system call.
+// For its callers this is a system call, which throws nothing.
 int answer_without_exceptions(ORP_NLS_REQUEST_ST *request) try {
   return answer(request);
 } catch (const std::bad_alloc &) {
@@ -168,7 +168,7 @@ CONVERTDEV_EXPORT int open64(const char *path, int flags, ...) {
   return open_path(path, flags | O_LARGEFILE, mode);
 }
 
-// What a program calls that was built with checks of its own.
+// Programs built with _FORTIFY_SOURCE call this one.
 CONVERTDEV_EXPORT int __open_2(const char *path, int flags) {
   return open_path(path, flags, 0);
 }

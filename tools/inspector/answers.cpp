@@ -55,7 +55,7 @@ Answer page_part(const char *type, std::string_view text) {
   return answer;
 }
 
-// What the user is to mend.
+// A mistake in the request, which the user can correct.
 struct BadRequest : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -133,7 +133,7 @@ std::string random_word() {
   return fmt::format("{:016x}", number);
 }
 
-// The program that stands beside this one, or else the one in PATH.
+// The program in the same directory as this one, or else the one in PATH.
 std::string program_beside(const char *name) {
   std::error_code error;
   const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
@@ -208,7 +208,7 @@ Answer Answers::status() const {
   return json_answer(json);
 }
 
-// The newest of the selection. Between pieces of the search others may use the bus.
+// The newest records of the selection. Others may use the bus between pieces of the search.
 Answer Answers::records(const Request &request) const {
   const Selection selection = selection_of(request);
   const uint64_t most = std::min(number_of(request, "limit").value_or(1000), kMostRecords);
@@ -216,7 +216,7 @@ Answer Answers::records(const Request &request) const {
   uint64_t before = 0, last = 0;
   bool more = true;
   do {
-    // A lock is not fair: whoever waits for it gets it while others rest.
+    // The lock is not fair: other threads get it only while this one sleeps.
     if (last != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const std::lock_guard lock(bus_->mutex);
     const Recording &recording = bus_->recording;
@@ -241,7 +241,7 @@ Answer Answers::events(const Request &request) const {
   {
     const std::lock_guard lock(bus_->mutex);
     after = number_of(request, "after").value_or(bus_->recording.end_sequence() - 1);
-    // From another life of the inspector.
+    // The browser counts from an inspector that ran before this one.
     if (after >= bus_->recording.end_sequence()) after = bus_->recording.end_sequence() - 1;
   }
   Answer answer;
@@ -291,7 +291,7 @@ Answer Answers::logs(const Request &request) const {
       log_lines(settings_.log_directory, range_of(request), static_cast<size_t>(most)));
 }
 
-// What the server says of them; without it what the recording says, and why.
+// What the server says about them; without a server what the recording says, and why.
 Answer Answers::clients() const {
   if (!settings_.past) {
     try {

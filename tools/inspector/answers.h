@@ -1,4 +1,4 @@
-// What the inspector's page asks for: the page itself, and JSON below v1/ (docs/inspector.md).
+// Answers what a browser asks of the inspector: the page, and JSON below v1/ (docs/inspector.md).
 #pragma once
 
 #include <atomic>
@@ -19,7 +19,7 @@ struct Settings {
   bool allow_send = false;  // messages may be sent
 };
 
-// `bus` and `context` must outlive it and its streams.
+// `bus` and `context` must outlive this and its streams.
 class Answers {
  public:
   Answers(Bus *bus, const msgctl::Context *context, Settings settings);
@@ -44,7 +44,7 @@ class Answers {
   Bus *bus_;
   const msgctl::Context *context_;
   const Settings settings_;
-  const std::string session_;  // tells this process from the one before
+  const std::string session_;  // random, so that a page notices another process
   std::shared_ptr<std::atomic<int>> streams_ = std::make_shared<std::atomic<int>>(0);
 };
 

@@ -1,4 +1,4 @@
-// What all threads of the inspector share: the recording, and how its source is.
+// What all threads of the inspector share: the recording, and the state of its source.
 #pragma once
 
 #include <condition_variable>
@@ -22,14 +22,14 @@ struct Bus {
   Bus(const catalogue::Catalogue &catalogue, bool masked) : recording(catalogue, masked) {}
 
   mutable std::mutex mutex;
-  std::condition_variable news;  // of anything below
+  std::condition_variable news;  // something below has changed
   Recording recording;
   std::string source;  // the file
   SourceState state = SourceState::kWaiting;
-  std::string reason;         // of another state than live and past
-  uint32_t servers = 0;       // that were seen
+  std::string reason;         // of the state; "" for live and past
+  uint32_t servers = 0;       // seen so far
   uint64_t server_at_us = 0;  // when the last of them was found
-  bool ends = false;          // the inspector does
+  bool ends = false;          // the inspector ends
 
   void set_state(SourceState to, std::string why = {}) {
     const std::lock_guard lock(mutex);

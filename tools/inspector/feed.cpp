@@ -27,10 +27,10 @@ using servers::Failure;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kTurn(15);
-// What a turn may take of it: the rest is the bus's.
+// How much of a turn may be spent on reading: the bus gets the rest of the processor.
 constexpr std::chrono::milliseconds kReading(6);
 constexpr std::chrono::milliseconds kRetry(250);
-// Others wait for the lock no longer than this many records take.
+// Records read in one go: other threads wait for the lock so long.
 constexpr int kAtOnce = 256;
 
 uint64_t now_us() {
@@ -47,7 +47,7 @@ void begin_server(Bus *bus, uint32_t body_limit) {
   bus->news.notify_all();
 }
 
-// Looks at every record of a file in turn; returns what is wrong with it, "" if nothing is.
+// A walk calls `use` for every record of a file. Returns what is wrong with the file, else "".
 using Use = std::function<void(const flight::Entry &entry, uint64_t wall_ns)>;
 using Walk = std::function<std::string(const Use &use)>;
 
@@ -72,7 +72,7 @@ std::string walk_flight(const std::string &path, const Use &use) {
 
 constexpr off_t kLargestFile = off_t{1} << 30;
 
-// A copy, for somebody may cut the file short at any time.
+// Copied instead of mapped, because somebody may cut the file short at any time.
 std::string contents_of(const std::string &path) {
   const servers::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   const auto fail = [&path] {
@@ -120,7 +120,7 @@ std::string walk_capture(std::string_view bytes,
 void load_past(Bus *bus, const std::string &path) {
   std::string file = contents_of(path);
   const bool capture = is_capture(file);
-  // The reader of flight files has its own copy.
+  // The reader of flight files makes its own copy.
   if (!capture) file = {};
   uint64_t count = 0, first_ns = ~uint64_t{0}, last_ns = 0;
   size_t most_kept = 0;
@@ -146,7 +146,7 @@ void load_past(Bus *bus, const std::string &path) {
     walk_capture(file, [&](const traffic::Packet &packet) {
       if (packet.section != section) begin_server(bus, body_limit);
       section = packet.section;
-      // A part of a recording need not have the records of the names.
+      // A part of a recording may lack the records that name the clients.
       for (const auto &[id, label] :
            {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
         const std::string name = traffic::name_in_label(label);
@@ -198,7 +198,7 @@ bool Feed::open() {
   return true;
 }
 
-// Reads a little; true when there may be more.
+// Reads some records; true when there may be more.
 bool Feed::read_some() {
   const std::lock_guard lock(bus_->mutex);
   flight::Entry entry;
@@ -222,7 +222,7 @@ void Feed::turn() {
   const Clock::time_point end = Clock::now() + kReading;
   while (!damaged_ && read_some() && Clock::now() < end) {
   }
-  // Everything that the old server wrote has been read before the new file is.
+  // The new file is opened only when everything that the old server wrote has been read.
   if (replaced && read_ == before && ::access(path_.c_str(), R_OK) == 0) {
     reader_.reset();
     open();

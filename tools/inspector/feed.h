@@ -1,4 +1,4 @@
-// Brings the traffic in: from the flight recorder of a running server, or from a file of the past.
+// Reads the traffic: from the flight recorder of a running server, or from a file of the past.
 #pragma once
 
 #include <optional>
@@ -10,12 +10,12 @@
 
 namespace inspector {
 
-// Reads a capture or a flight file from its beginning to its end. What is damaged is told in the
-// bus's state, and what came before it is there. Throws a Failure when it is no such file at all.
+// Reads a capture or a flight file from its beginning to its end. At a damage it stops: the bus's
+// state tells of it, and the records before it are there. Throws a Failure for any other file.
 void load_past(Bus *bus, const std::string &path);
 
-// Follows the flight recorder at `path`, from one server to the next, in a thread of its own, with
-// a bounded part of a processor. Ends when the bus does.
+// Follows the flight recorder at `path`, from one server to the next, in a thread of its own that
+// uses a bounded share of a processor. Ends when the bus does.
 class Feed {
  public:
   Feed(Bus *bus, std::string path);
@@ -25,7 +25,7 @@ class Feed {
 
  private:
   void run();
-  // False when the bus ends.
+  // Sleeps until the next turn. False when the bus ends.
   bool rest();
   bool open();
   void turn();

@@ -36,7 +36,7 @@ std::vector<mlog::Source> open_sources(const std::string &directory, const mlog:
   return sources;
 }
 
-// With its line feeds, but without the tabs that the server puts behind them.
+// Printable except for its line feeds, and without the tabs that the log server puts behind these.
 std::string shown(std::string_view text) {
   std::string lines;
   for (;;) {

@@ -9,8 +9,8 @@
 namespace inspector {
 
 // {"lines": [{"at_us", "module", "level", "text"}, ...], "more", "problems": [text, ...]}: the
-// newest `most` lines of the range, the oldest first, of this boot: only of those the time is
-// known. `more`: there are older ones in the range.
+// newest `most` lines of the range, the oldest first. Only lines of this boot, because the time of
+// earlier ones is not known. `more`: the range has older ones.
 Json log_lines(const std::string &directory, const Range &range, size_t most);
 
 }  // namespace inspector

@@ -46,7 +46,7 @@ struct Options {
   bool allow_send = false;
 };
 
-// A listening socket that whoever started us has opened: "fd:3".
+// "fd:3": a listening socket that the parent process has opened.
 UniqueFd inherited(std::string_view number) {
   int fd = -1;
   const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), fd);
@@ -61,12 +61,12 @@ UniqueFd inherited(std::string_view number) {
 
 UniqueFd listen(const std::string &where) {
   if (where.starts_with(kInherited)) return inherited(std::string_view(where).substr(3));
-  // A port alone is one of this machine only.
+  // A port alone listens for this machine only.
   return servers::listen_tcp(where.starts_with(':') ? "127.0.0.1" + where : where);
 }
 
 struct Place {
-  std::string address;  // as in an address of the web
+  std::string address;  // as in a URL: IPv6 in brackets
   uint16_t port = 0;
   bool loopback = false;
 };
@@ -89,7 +89,8 @@ Place place_of(int fd) {
   throw servers::UsageError("--listen: this is no socket of the Internet");
 }
 
-// Names of machines are not served: a page of somebody else's could have one lead here.
+// Names of machines are not served, because somebody else's page could make a name of its own
+// resolve to this address (DNS rebinding).
 std::vector<std::string> hosts_of(const Place &place) {
   std::vector<std::string> hosts{fmt::format("{}:{}", place.address, place.port)};
   if (place.loopback) hosts.push_back(fmt::format("localhost:{}", place.port));
@@ -104,7 +105,7 @@ void wait_for_end() {
   ::sigwait(&ends, &signal);
 }
 
-// Before the first thread, which inherits it.
+// Called before the first thread starts, because threads inherit the mask.
 void hold_signals() {
   std::signal(SIGPIPE, SIG_IGN);
   sigset_t ends;
@@ -131,7 +132,7 @@ void inspect(const Options &options, const msgctl::Context &context) {
   if (!warning.empty()) std::fprintf(stderr, "msginspect: %s\n", warning.c_str());
 
   hold_signals();
-  // The bus comes first on a machine with much to do.
+  // On a busy machine the bus comes first.
   ::setpriority(PRIO_PROCESS, 0, 5);
   Bus bus(context.catalogue, !options.no_mask);
   std::optional<inspector::Feed> feed;

@@ -1,4 +1,4 @@
-// The page, as it stands in page/.
+// The files of page/, compiled in.
 #pragma once
 
 #include <string_view>

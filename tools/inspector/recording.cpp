@@ -14,7 +14,7 @@ using traffic::Model;
 
 constexpr size_t kModelBytes = size_t{16} << 20;
 constexpr size_t kMessageOverhead = 512;
-// A file is shown in at most so many stretches of time.
+// A file is shown in at most this many stretches of time.
 constexpr uint64_t kPastStretches = 500;
 constexpr uint64_t kLeastStretch_ns = 10'000'000;
 constexpr size_t kMostServers = 64;
@@ -133,7 +133,7 @@ bool Recording::wants(const Event &event) {
   }
 }
 
-// What became of messages that are kept.
+// Writes what became of messages into the copies that are kept.
 void Recording::update_copies(const Event &event) {
   for (const Message *message : {event.message, event.request}) {
     if (message == nullptr) continue;
@@ -190,7 +190,7 @@ void Recording::keep(const Event &event) {
   Kept kept{end_, server_, event.record, event.wall_ns, masked(event.text), nullptr, nullptr, {}};
   if (event.request != nullptr) kept.request = copy_of(*event.request);
   if (event.message != nullptr) {
-    // The number of one that is accepted is its own from now on, whatever a file says.
+    // A damaged file may repeat a number: from now on it means this message.
     if (event.kind() == Kind::kAccepted) messages_.erase(event.record.number);
     kept.message = copy_of(*event.message);
     if (event.kind() == Kind::kAccepted) messages_[event.record.number] = kept.message;

@@ -1,4 +1,4 @@
-// Chooses which records are kept when there are more than anybody could look at.
+// Chooses which records are kept when there are too many to look at.
 #pragma once
 
 #include <algorithm>
@@ -7,12 +7,12 @@
 
 namespace inspector {
 
-// Keeps all records while they are few, a burst of them too, and of a lasting flood every second,
-// fourth, eighth ... exchange, so that what belongs together stays together. The times decide, so
-// that a file has the same records whenever it is read.
+// Keeps all records while they are few, and in a burst. Of a lasting flood it keeps every second,
+// fourth, eighth ... exchange, whole, so that what belongs together stays together. Only the
+// records' times decide, so that every reading of a file keeps the same records.
 class Sampler {
  public:
-  // About so many records a second are kept in the long run.
+  // In the long run about `per_second` records a second are kept.
   explicit Sampler(uint32_t per_second)
       : per_window_(std::max(per_second / kWindows, 1u)), credit_(most_credit()) {}
 
@@ -22,7 +22,7 @@ class Sampler {
     fixed_ = true;
   }
 
-  // Whether a record is kept. `exchange` is the same number for all that belongs together.
+  // Whether a record is kept. `exchange` is the same number for all records that belong together.
   bool wants(uint64_t exchange, uint64_t time_ns) {
     if (fixed_) return chosen(exchange);
     if (time_ns - window_begin_ns_ >= kWindow_ns) begin_window(time_ns);
@@ -32,7 +32,7 @@ class Sampler {
     return true;
   }
 
-  // A record is kept whatever the load, for it belongs to one that is.
+  // Counts a record that is kept whatever the load, because it belongs to one that was kept.
   void charge(uint64_t time_ns) {
     if (fixed_) return;
     if (time_ns - window_begin_ns_ >= kWindow_ns) begin_window(time_ns);
@@ -52,17 +52,17 @@ class Sampler {
   void begin_window(uint64_t time_ns) {
     const uint64_t windows = std::min((time_ns - window_begin_ns_) / kWindow_ns, kBurstWindows);
     credit_ = std::min(credit_ + windows * per_window_, most_credit());
-    // Rounded up: what is chosen should fit.
+    // Rounded up, so that what is chosen fits.
     const uint64_t wanted = std::bit_ceil((seen_ + per_window_ - 1) / per_window_);
-    // A flood that has lasted is over when all of it would fit.
+    // After a lasting flood, everything is kept again only once all of a window would fit.
     const bool burst = one_in_ == 1 && credit_ > most_credit() / 2;
     one_in_ = burst ? 1 : std::max<uint64_t>(wanted, 1);
     seen_ = 0;
     window_begin_ns_ = time_ns;
   }
 
-  // Numbers of messages follow patterns, their products with a large odd number do not. One in 2n
-  // is also one in n, so what is chosen stays so while the load changes little.
+  // Numbers of messages follow patterns; their products with a large odd number do not. An exchange
+  // that is one in 2n is also one in n, so the choice changes little when the load does.
   bool chosen(uint64_t exchange) const {
     return ((exchange * 0x9e3779b97f4a7c15u) >> 32) % one_in_ == 0;
   }

@@ -19,21 +19,21 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kBetweenBatches(100);
 constexpr std::chrono::milliseconds kStatusEvery(1000);
 constexpr size_t kMostInBatch = 400;
-// The others wait for the lock no longer than it takes to look at so many records.
+// Records looked at in one go: other threads wait for the lock so long.
 constexpr uint64_t kMostLookedAt = 2000;
 
-// A lock is not fair: whoever waits for it gets it while others rest.
+// The lock is not fair: other threads get it only while this one sleeps.
 constexpr std::chrono::milliseconds kBetweenPieces(1);
 
 // Goes through the records of a selection, a few at a time.
 class Cursor {
  public:
-  // From the sequence `next` up to and without `end`.
+  // From sequence `next` up to, but without, `end`.
   Cursor(Bus *bus, Selection selection, uint64_t next, uint64_t end = ~uint64_t{0})
       : bus_(bus), selection_(std::move(selection)), next_(next), end_(end) {}
 
-  // Looks until `use` has had some, and lets go of the lock meanwhile; false when all has been
-  // looked at.
+  // Searches until `use` has been called, and unlocks between pieces of the search. False when all
+  // records have been looked at.
   template <typename Use>
   bool find(Use use) {
     for (;;) {
@@ -51,7 +51,7 @@ class Cursor {
     }
   }
 
-  // To be called with the lock held; false when all has been looked at.
+  // Looks at one piece. Call with the lock held. False when all records have been looked at.
   template <typename Use>
   bool step(Use use) {
     const Recording &recording = bus_->recording;
@@ -80,7 +80,7 @@ class Cursor {
   Selection selection_;
   uint64_t next_;
   uint64_t end_;
-  uint64_t skipped_ = 0;  // forgotten before it was their turn
+  uint64_t skipped_ = 0;  // forgotten by the recording before they were looked at
 };
 
 class LiveRecords final : public Stream {
@@ -104,14 +104,14 @@ class LiveRecords final : public Stream {
       });
     }
     const uint64_t skipped = cursor_.take_skipped();
-    // A comment: the reader learns nothing, but we that it has gone.
+    // An empty comment: writing it shows whether the reader is still there.
     if (records.empty() && skipped == 0) return ":\n\n";
     return fmt::format("id: {}\nevent: records\ndata: {{\"records\":[{}],\"skipped\":{}}}\n\n",
                        cursor_.last(), records, skipped);
   }
 
  private:
-  // Until there may be something to say; false when the bus ends.
+  // Waits until there may be something to say; false when the bus ends.
   bool wait() {
     Bus &bus = cursor_.bus();
     std::unique_lock lock(bus.mutex);
@@ -152,7 +152,7 @@ class Capture final : public Stream {
 
   std::string next() override {
     cursor_.find([this](const Kept &kept) { add(kept); });
-    // A capture without packets is one as well.
+    // A capture without packets is a valid file, too.
     if (out_.empty() && !server_) begin(0, traffic::Model(1));
     return std::exchange(out_, {});
   }
@@ -171,7 +171,7 @@ class Capture final : public Stream {
 
   Cursor cursor_;
   traffic::Masking masking_;
-  std::optional<uint32_t> server_;  // whose section has begun
+  std::optional<uint32_t> server_;  // of the section that has begun
   std::string out_;
   traffic::PcapngWriter writer_;
 };

@@ -16,7 +16,7 @@ using traffic::Event;
 using traffic::Model;
 
 constexpr unsigned kClassBits = 3;
-// A message that waits longer than that has a receiver that does not keep up.
+// The receiver of a message that waits longer does not keep up.
 constexpr uint64_t kSlow_ns = 100'000'000;
 
 Json spread_json(const Spread &spread) {
@@ -103,7 +103,8 @@ void Summary::Times::add(const Times &other) {
 
 Summary::Stretch &Summary::stretch_at(uint64_t wall_ns) {
   const uint64_t begin_ns = wall_ns / width_ns_ * width_ns_;
-  // When somebody sets the clock back, the last stretch takes what comes until it has caught up.
+  // When somebody sets the clock back, the last stretch takes everything until the clock has caught
+  // up.
   if (stretches_.empty() || begin_ns > stretches_.back().begin_ns) {
     stretches_.emplace_back().begin_ns = begin_ns;
     if (stretches_.size() > kMostStretches) stretches_.pop_front();
@@ -158,7 +159,7 @@ Summary::Node Summary::node_of(traffic::ClientId id, const Model &model) {
 
 Summary::Edge &Summary::edge_of(Stretch &stretch, const Event &event, const Model &model) {
   std::pair ends{node_of(event.record.from, model), node_of(event.record.to, model)};
-  // Who is not there is seen as well.
+  // The map also shows receivers that are not there.
   if (const std::string name = wanted_name(event); !name.empty()) ends.second = intern(name);
   if (stretch.edges.size() >= kMostEdges && !stretch.edges.contains(ends)) ends = {0, 0};
   return stretch.edges[ends];
@@ -171,7 +172,7 @@ void Summary::take(const Event &event, const Model &model) {
     case Kind::kConnected:
     case Kind::kNamed:
     case Kind::kEnded:
-      // What several clients are called depends on who else has the name.
+      // A client's label depends on who else has its name.
       nodes_by_client_.clear();
       break;
     case Kind::kAccepted: {
@@ -182,7 +183,7 @@ void Summary::take(const Event &event, const Model &model) {
       break;
     }
     case Kind::kDelivered: {
-      // Was sent to the server, and is one more message for each of its receivers.
+      // An event was sent to the server; each delivery of it is one more message.
       const bool of_event = event.message != nullptr && event.message->to == 0;
       Edge &edge = edge_of(stretch, event, model);
       if (of_event) {

@@ -1,5 +1,5 @@
-// The traffic in numbers: who talks to whom, how much of it is lost, how long it takes, in
-// stretches of time. Every record that was read counts, also those that are not kept.
+// The traffic in numbers, by stretches of time: who talks to whom, how much of it is lost, how long
+// it takes. Every record that was read counts, kept or not.
 #pragma once
 
 #include <cstdint>
@@ -26,10 +26,11 @@ struct Range {
   uint64_t to_ns = ~uint64_t{0};
 };
 
-// The name that nobody had, of a message that was lost for that; else "".
+// The receiver's name if the event is the loss of a message because nobody had that name; else "".
 std::string wanted_name(const traffic::Event &event);
 
-// Times, counted in eight classes for each power of two, of which there are few in use.
+// Times, counted in eight classes for each power of two. Only classes in use take memory, and they
+// are few.
 class Spread {
  public:
   void add(uint64_t ns, uint32_t count = 1);
@@ -37,9 +38,9 @@ class Spread {
 
   uint64_t count() const { return count_; }
   uint64_t max() const { return max_; }
-  // The upper end of the class in which the value lies, but no more than the maximum.
+  // The upper end of the quantile's class, but no more than the maximum.
   uint64_t quantile(double fraction) const;
-  // Count by the power of two below the times.
+  // Counts by the power of two at or below the times.
   std::map<unsigned, uint64_t> octaves() const;
 
  private:
@@ -57,13 +58,13 @@ class Summary {
   explicit Summary(uint64_t width_ns = 1'000'000'000) : width_ns_(width_ns) {}
 
   void take(const traffic::Event &event, const traffic::Model &model);
-  // So many records before `wall_ns` could not be read.
+  // `count` records before `wall_ns` could not be read.
   void missed(uint64_t count, uint64_t wall_ns) { stretch_at(wall_ns).missed += count; }
-  // Another server has begun: clients' numbers mean others from here on.
+  // Another server has begun: numbers of clients now mean other ones.
   void begin_server() { nodes_by_client_.clear(); }
 
-  // Everything of a range, and the stretches of all that is remembered. `type` has its times drawn
-  // out in full; without one all types together.
+  // Everything of a range, and all stretches that are remembered. With the full distribution of the
+  // times of `type`, or without one of all types together.
   Json json(const Range &range, std::optional<uint32_t> type,
             const catalogue::Catalogue &catalogue) const;
 
@@ -73,7 +74,7 @@ class Summary {
   static constexpr size_t kMostTypes = 64;
   static constexpr size_t kMostNodes = 4096;
 
-  using Node = uint16_t;  // an index of names_; 0 stands for all that there was no room for
+  using Node = uint16_t;  // an index of names_; 0 stands for all names without room
 
   struct Edge {
     uint64_t messages = 0;

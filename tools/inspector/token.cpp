@@ -36,7 +36,7 @@ bool is_token(const std::string &text) {
          text.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
-// The file's token, if it has one that only we can know.
+// The file's token, if it has one and no other user can read or write it.
 std::string read_token(int fd) {
   struct stat status {};
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != ::geteuid() ||
@@ -77,7 +77,7 @@ std::string token_of(const std::string &path, std::string *warning) {
   if (made && write_whole(made.get(), token)) return token;
   *warning =
       fmt::format("{}: {}; the address holds for this start only", path, std::strerror(errno));
-  // A part of a token would be in the way for ever.
+  // A file with a part of a token would be refused at every start.
   if (made) ::unlink(path.c_str());
   return token;
 }

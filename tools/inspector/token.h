@@ -7,10 +7,10 @@ namespace inspector {
 
 inline constexpr const char *kTokenPath = "/var/run/msginspect.token";
 
-// The token in the file at `path`, or a new one that is put there, so that pages find the inspector
-// again after it was started anew. A file that others may read, or that is not ours, is not
-// believed and not touched: `*warning` then says so, and the token is of this start only. "" for
-// the path: always a new one.
+// The token in the file at `path`, or a new one that is written there, so that open pages find the
+// inspector again after a restart. A file that others may read, or that is not ours, is neither
+// believed nor changed: `*warning` says so, and the token holds for this start only. Without a path
+// ("") the token is always new.
 std::string token_of(const std::string &path, std::string *warning);
 
 }  // namespace inspector

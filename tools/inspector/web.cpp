@@ -14,7 +14,7 @@
 namespace inspector {
 namespace {
 
-// Each has a thread. A browser opens up to six.
+// Each connection has a thread. A browser opens up to six.
 constexpr unsigned kMostConnections = 64;
 constexpr unsigned kIdleSeconds = 60;
 constexpr size_t kLongestBody = 65536;
@@ -37,28 +37,28 @@ std::string_view header_of(MHD_Connection *connection, const char *name) {
   return value == nullptr ? std::string_view() : value;
 }
 
-// A browser leaves out the port that is usual.
+// A browser leaves out the default port (RFC 9110, 4.2.3).
 std::string with_port(std::string_view host) {
   const size_t colon = host.rfind(':');
   const bool has_port = colon != std::string_view::npos && host.find(']', colon) == host.npos;
   return std::string(host) + (has_port ? "" : ":80");
 }
 
-// "ADDRESS:PORT" of our end. Somebody's page can have a name lead there, but not an address.
+// "ADDRESS:PORT" of our end. Somebody's page can make a name lead there, but not another address.
 std::string address_of(MHD_Connection *connection) {
   const MHD_ConnectionInfo *info =
       ::MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
   if (info == nullptr) return {};
   constexpr std::string_view kMapped = "[::ffff:";
   std::string address = servers::local_address(info->connect_fd);
-  // An IPv4 address on a socket for both.
+  // An IPv4 address on a socket of both families (RFC 4291, 2.5.5.2).
   if (address.starts_with(kMapped) && address.find('.') != std::string::npos) {
     address.erase(address.find(']'), 1).erase(0, kMapped.size());
   }
   return address;
 }
 
-// How long it takes does not depend on where they differ.
+// The time that it takes does not depend on where they differ.
 bool same_secret(std::string_view left, std::string_view right) {
   if (left.size() != right.size()) return false;
   unsigned char difference = 0;
@@ -76,7 +76,7 @@ Answer refusal(unsigned status, const char *why) {
   return answer;
 }
 
-// What the library reads a stream's bytes through.
+// Through this the HTTP library reads a stream.
 struct Reading {
   std::unique_ptr<Stream> stream;
   std::string rest;
@@ -135,7 +135,7 @@ struct Exchange {
 
 }  // namespace
 
-// What the library calls. No exception goes through it.
+// What the HTTP library calls. No exception may pass through its frames.
 struct WebCallbacks {
   static MHD_Result access(void *web, MHD_Connection *connection, const char *url,
                            const char *method, const char *, const char *upload,
@@ -195,7 +195,7 @@ struct WebCallbacks {
     ::MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &argument, &request.arguments);
     try {
       Answer answer = web->handler_(request);
-      // Nobody would end it.
+      // Nobody reads the stream of a HEAD request, so nothing would end it.
       if (method == "HEAD") answer.stream.reset();
       return answer;
     } catch (const std::exception &error) {
@@ -207,7 +207,7 @@ struct WebCallbacks {
 Web::Web(servers::UniqueFd listener, std::string token, std::vector<std::string> hosts,
          Handler handler)
     : token_(std::move(token)), hosts_(std::move(hosts)), handler_(std::move(handler)) {
-  // A thread each: an answer may wait for the message server, and a slow reader only for itself.
+  // A thread each: an answer may wait for the message server, and a slow reader delays only itself.
   daemon_ = ::MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ITC,
       0, nullptr, nullptr, &WebCallbacks::access, this, MHD_OPTION_LISTEN_SOCKET, listener.get(),

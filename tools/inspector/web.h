@@ -1,7 +1,7 @@
-// The HTTP side: who may ask, and what every answer carries. What is answered is the handler's.
+// The HTTP side: who may ask, and which headers every answer has. The handler makes the answers.
 //
-// Nothing is said to a request without the token, or to one whose Host header is another than the
-// listener's: a page of somebody else's in the same browser can do neither.
+// A request without the token is refused, and so is one whose Host header is not the listener's
+// address. So somebody else's page in the same browser learns nothing.
 #pragma once
 
 #include <functional>
@@ -20,15 +20,15 @@ struct Request {
   std::string method;  // "GET" also for HEAD
   std::string path;    // after the token: "v1/status"
   std::map<std::string, std::string> arguments;
-  bool from_own_page = false;  // its Origin header says that the page by this Host asks
+  bool from_own_page = false;  // its Origin header names this Host
   std::string body;
 };
 
-// An answer that goes on.
+// An answer of unknown length.
 class Stream {
  public:
   virtual ~Stream() = default;
-  // The next bytes, waiting for them as long as that takes; "" at the end.
+  // Waits for the next bytes; "" at the end.
   virtual std::string next() = 0;
 };
 
@@ -37,19 +37,19 @@ struct Answer {
   std::string type = "application/json";
   std::string body;
   std::unique_ptr<Stream> stream;  // instead of the body
-  std::string file;                // the name under which it is to be stored, if so
+  std::string file;                // the name to store it under; "": it is shown
 };
 
 class Web {
  public:
   using Handler = std::function<Answer(const Request &)>;
 
-  // `hosts`, "ADDRESS:PORT", are the Host headers that are served beside the address to which a
-  // connection was made; port 80 may be left out. The handler is called from several threads, and
-  // what it throws is answered with 500. Throws std::runtime_error.
+  // `hosts`, "ADDRESS:PORT", are the Host headers that are served, beside the address to which a
+  // connection was made; requests may leave out port 80. The handler is called from several
+  // threads, and its exceptions become answers with 500. Throws std::runtime_error.
   Web(servers::UniqueFd listener, std::string token, std::vector<std::string> hosts,
       Handler handler);
-  // Streams must have ended, or be about to.
+  // Waits for all answers: their streams must have ended, or be about to.
   ~Web();
   Web(const Web &) = delete;
   Web &operator=(const Web &) = delete;

@@ -7,7 +7,7 @@
 
 namespace mlog {
 
-// Exit statuses, alike in all programs of this system.
+// Exit statuses, as servers/common/exit_status.h has them for all programs.
 constexpr int kReceiverRefused = 1;
 constexpr int kNoServer = 3;
 constexpr int kNoSuchModule = 4;
@@ -15,18 +15,18 @@ constexpr int kNotPermitted = 7;
 constexpr int kLinesLost = 8;
 
 struct Options {
-  // Which files, and what of them.
+  // Which files, and which of their entries.
   std::string directory;
-  std::vector<std::string> files;  // or names of modules
+  std::vector<std::string> files;  // paths or names of modules
   std::vector<std::string> modules;
   std::string levels = "INFO";
   std::string pattern;
   bool match_case = false;
   std::string since;
   std::string until;
-  int64_t lines = -1;  // the last ones only; all when negative
+  int64_t lines = -1;  // only the last ones; all when negative
 
-  // How.
+  // How they are printed.
   std::string output = "short";
   bool json = false;
   bool utc = false;
@@ -45,7 +45,7 @@ struct Options {
   std::vector<std::string> words;
 };
 
-// Says what is wrong. The exit status becomes `status` unless it already is another than 0.
+// Prints what is wrong on standard error. The first call decides the exit status.
 void complain(const std::string &text, int status = kReceiverRefused);
 int exit_status();
 void set_exit_status(int status);
@@ -53,15 +53,15 @@ void set_exit_status(int status);
 // Where the server keeps its files.
 std::string log_directory(const Options &options);
 
-// All files as one log.
+// Prints all files as one log.
 void show(const Options &options);
-// File after file, as they are.
+// Prints file after file, each as it is.
 void cat(const Options &options);
 void tail(const Options &options);
-// One line about each file.
+// Prints one line about each file.
 void stat(const Options &options);
 
-// Lines of shell scripts and other programs.
+// Log lines for shell scripts and for other programs.
 void print(const Options &options);
 void run(const Options &options);
 

@@ -5,7 +5,7 @@
 
 namespace mlog {
 
-// By the server's configuration. Throws std::runtime_error with a text for the user when that
+// Taken from the server's configuration. Throws std::runtime_error with a text for the user when it
 // cannot be read.
 std::string server_directory();
 

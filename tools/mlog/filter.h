@@ -1,4 +1,4 @@
-// Which entries are wanted.
+// Chooses entries by level, module, text and time.
 #pragma once
 
 #include <regex.h>
@@ -14,14 +14,14 @@
 
 namespace mlog {
 
-// Levels are bits, the more important the lower; 0 is none.
+// Levels are bits: the lower the bit, the more important the level. 0 is none.
 struct LevelRange {
   uint32_t from = 0;
   uint32_t to = UINT32_MAX;
 };
 
-// "WARN": that and what is more important; "ERRO..WARN"; names in any case or their beginnings, or
-// the numbers 0, 1, 2, 4 and 8. Nothing for any other text.
+// "WARN" means WARN and more important levels, "ERRO..WARN" a range. Names in any case or their
+// beginnings, or the numbers 0, 1, 2, 4 and 8. None for any other text.
 std::optional<LevelRange> parse_levels(std::string_view text);
 
 // An extended regular expression. Throws std::runtime_error with a text for the user.
@@ -39,18 +39,18 @@ class Pattern {
     }
   };
   std::unique_ptr<regex_t, Free> compiled_;
-  mutable std::string text_;  // with a NUL, as the C library wants it
+  mutable std::string text_;  // the text that is matched: regexec() wants a NUL at its end
 };
 
 struct Filter {
   LevelRange levels;
-  std::vector<std::string> modules;  // names with the wildcards of the shell; none: all
+  std::vector<std::string> modules;  // names with the shell's wildcards; empty: all
   std::optional<Pattern> pattern;
   std::optional<int64_t> since_ms;  // of the time of day
   std::optional<int64_t> until_ms;
 
-  // `time_ms` is the entry's time of day, if that is known: without one an entry is older than
-  // whatever has one.
+  // `time_ms` is the entry's time of day, if that is known. An entry without one counts as older
+  // than any with one.
   bool wants(const Entry &entry, std::optional<int64_t> time_ms) const;
 };
 

@@ -139,7 +139,7 @@ void add_requests(servers::CommandLine *line, Options *options) {
   command.flag("--json", &options->json, "One JSON object for each module");
 }
 
-// Without a command mlog shows logs.
+// `mlog` without a command is `mlog show`.
 std::vector<char *> with_command(int argc, char **argv) {
   static std::string show = "show";
   std::vector<char *> arguments(argv, argv + argc);

@@ -6,7 +6,7 @@
 namespace mlog {
 namespace {
 
-// The clock of the files and the one that is read here may be set at different moments.
+// Files carry the wall clock of their last change, which may have been corrected since.
 constexpr int64_t kDoubt_ms = 60000;
 
 }  // namespace
@@ -16,7 +16,7 @@ Source open_source(const std::string &path, const Clocks &clocks, bool written_o
   source.layout = look_at(*source.file, written_only);
   const std::optional<int64_t> modified_ms = source.file->modified_ms();
   if (modified_ms && *modified_ms + kDoubt_ms < clocks.boot_ms) source.boots_since = 1;
-  // Neither is a line from the future of this boot.
+  // A line with an uptime that this boot has not reached yet is of an earlier boot, too.
   Cursor last = Cursor::backwards(source.file.get(), source.layout);
   while (last.next()) {
     if (!last.entry().has_head) continue;

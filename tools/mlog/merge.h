@@ -19,32 +19,32 @@ struct Source {
   std::string path;
   std::shared_ptr<const RingFile> file;
   Layout layout;
-  // How many boots after its last one the device has seen, as far as that is known: 1 when the file
-  // was last written before the running boot.
+  // How many times the device has booted since the file was last written, as far as that is known:
+  // 1 when it was before the running boot.
   unsigned boots_since = 0;
-  // It is not where this machine's log server writes, so its uptimes are those of another machine
-  // or of a boot that nobody knows.
+  // The file is not where this machine's log server writes, so its uptimes are those of another
+  // machine or of an unknown boot.
   bool elsewhere = false;
 };
 
-// Opens a file. Throws std::runtime_error with a text for the user. With `written_only` see
+// Opens a file. Throws std::runtime_error with a text for the user. For `written_only` see
 // look_at().
 Source open_source(const std::string &path, const Clocks &clocks, bool written_only);
 
-// Goes through the entries of all files: older boots first, within a boot by uptime, entries of one
-// millisecond by file and in it by arrival; or all of it from the other end. What arrived in one
-// file in one order always comes in that order, also when its times go back. Holds one window of
-// each file.
+// Goes through the entries of all files: older boots first, within a boot by uptime, within a
+// millisecond by file, within a file by arrival; or all of it from the other end. Entries of one
+// file always keep their order of arrival, even when their times go back. Holds one window of each
+// file in memory.
 class Merge {
  public:
-  // All cursors go in the same direction. `sources` must live as long.
+  // All cursors go in the same direction. `sources` must outlive this.
   Merge(const std::vector<Source> &sources, std::vector<Cursor> cursors, bool forward);
 
   bool next();
   const Cursor &cursor() const { return cursors_[heap_.front()]; }
   size_t index() const { return heap_.front(); }  // of the source
   const Source &source() const { return (*sources_)[index()]; }
-  // Counted back from the running one.
+  // The entry's boot, counted back from the running one.
   unsigned boot() const { return boot_of(heap_.front()); }
 
   // Entries of this source were overwritten before they were read.
@@ -67,7 +67,7 @@ class Merge {
 // All entries, the oldest or the newest first.
 Merge merge_all(const std::vector<Source> &sources, bool forward);
 
-// From one place of each source on, the oldest first. Sources without a place have nothing.
+// The entries from one place of each source on, the oldest first; none of a source without a place.
 Merge merge_from(const std::vector<Source> &sources,
                  const std::vector<std::optional<Place>> &places);
 

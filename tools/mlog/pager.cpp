@@ -27,7 +27,7 @@ Pager::Pager() {
   arguments.push_back(nullptr);
 
   int input[2];
-  int failure[2];  // closed by a program that could be run
+  int failure[2];  // execvp() closes the child's end; a failure is written to it
   if (::pipe2(input, O_CLOEXEC) != 0) return;
   const servers::UniqueFd read_end(input[0]);
   const servers::UniqueFd write_end(input[1]);
@@ -39,7 +39,7 @@ Pager::Pager() {
   if (pid_ < 0) return;
   if (pid_ == 0) {
     ::dup2(read_end.get(), STDIN_FILENO);
-    // End at once when it fits a screen, let colours through, leave the text on the screen.
+    // F: end at once if the text fits the screen. R: let colours through. X: leave the text there.
     ::setenv("LESS", "FRSXMK", 0);
     ::execvp(arguments[0], arguments.data());
     const char reason = 1;
@@ -57,7 +57,8 @@ Pager::Pager() {
     return;
   }
   ::dup2(write_end.get(), STDOUT_FILENO);
-  // An interrupt is the pager's: it would otherwise be left alone with the terminal.
+  // Interrupts are for the pager. If one ended this process, the shell and the pager would both
+  // read the terminal.
   ::signal(SIGINT, SIG_IGN);
 }
 

@@ -1,18 +1,18 @@
-// Shows what is printed page by page.
+// Shows the output page by page.
 #pragma once
 
 #include <sys/types.h>
 
 namespace mlog {
 
-// From its construction to its end standard output goes to the program that PAGER names, or to
-// less; when neither can be run, or PAGER is empty or "cat", it stays as it is.
+// While it lives, standard output goes to the program that PAGER names, or to less without PAGER.
+// Standard output stays as it is when that cannot be run, or when PAGER is empty or "cat".
 class Pager {
  public:
   Pager();
   Pager(const Pager &) = delete;
   Pager &operator=(const Pager &) = delete;
-  // Waits until the user is done.
+  // Waits until the user leaves the pager.
   ~Pager();
 
  private:

@@ -35,7 +35,7 @@ bool needs_cleaning(std::string_view text) {
   });
 }
 
-// The text as it was logged: the tab that the server puts after a line feed is taken away.
+// The text as it was logged, without the tab that the server puts behind each line feed.
 std::string original(std::string_view text) {
   std::string result;
   result.reserve(text.size());
@@ -53,7 +53,7 @@ void Printer::add_clean(std::string_view text) {
     out_.append(text);
     return;
   }
-  // Line by line: their line feeds have their tabs already.
+  // Line by line, because the line feeds have their tabs already.
   for (;;) {
     const size_t end = text.find('\n');
     mlogserver::add_clean_text(text.substr(0, end), &out_);
@@ -78,7 +78,7 @@ void Printer::add_time(int64_t time_ms, bool iso) {
   if (iso) out_ += 'Z';
 }
 
-// Most texts need no escapes, for which building JSON values would take ten times as long.
+// Most texts need no escapes. Building a JSON value for each would take ten times as long.
 void Printer::add_json_string(std::string_view text) {
   const bool is_plain = std::all_of(text.begin(), text.end(), [](char c) {
     return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';

@@ -13,9 +13,9 @@ namespace mlog {
 
 enum class Output {
   kShort,  // time, module, level and text
-  kFull,   // the same with the uptime and the file
+  kFull,   // the same, with the uptime and the file
   kJson,   // one object for each entry
-  kRaw,    // as it stands in the file
+  kRaw,    // as in the file
 };
 
 struct PrintOptions {
@@ -23,7 +23,7 @@ struct PrintOptions {
   bool utc = false;
   bool raw_time = false;  // raw: the time of day (UTC) instead of the uptime
   bool colour = false;
-  bool clean = false;  // raw: what a terminal may obey is shown as "?", as the others always do
+  bool clean = false;  // raw: "?" for what a terminal may obey; the other forms always do that
 };
 
 class Printer {
@@ -37,10 +37,10 @@ class Printer {
 
   // `time_ms` is the time of day, if it is known; `path` names the entry's file.
   void print(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path);
-  // A line about the log, as from one boot to the next. Raw output has none.
+  // Prints a line about the log, for example that another boot begins. Raw output has none.
   void print_marker(std::string_view text);
 
-  // What was printed is out when this returns. False when nobody reads it any more.
+  // Writes out everything that was printed. False when nobody reads it any more.
   bool flush();
 
  private:
@@ -54,7 +54,7 @@ class Printer {
   PrintOptions options_;
   std::string out_;
   bool broken_ = false;
-  // The second that was formatted last.
+  // The second that was formatted last, and its text: most entries share it with the one before.
   int64_t formatted_s_ = INT64_MIN;
   bool formatted_iso_ = false;
   std::string formatted_;

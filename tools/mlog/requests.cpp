@@ -21,8 +21,8 @@
 namespace mlog {
 namespace {
 
-// The library reports failures on standard output, which is for answers; here they are told on
-// standard error, once.
+// Keeps the library's reports of failures off standard output, which is for answers. complain_of()
+// prints them on standard error, once.
 class QuietLibrary {
  public:
   QuietLibrary() {
@@ -58,7 +58,7 @@ void complain_of(int32_t result) {
   }
 }
 
-// Nothing, and told, without a server.
+// None without a server, after saying so.
 std::optional<std::string> ask(const std::string &question) {
   int32_t result = 0;
   std::optional<std::string> answer = statistics_of(question, &result);
@@ -95,7 +95,7 @@ void flush() {
     complain_of(result);
     return;
   }
-  // It has not been done, or lines before it are lost: the server knows.
+  // The flush failed, or lines before it are lost: the server knows which.
   const std::optional<std::string> state = ask(mlogserver::kStateQuestion);
   if (!state) return;
   if (state->empty()) {

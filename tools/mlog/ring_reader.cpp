@@ -1,5 +1,5 @@
-// The writer never waits for a reader. So a window counts only as far as a look at the header after
-// reading says that it has not been written over meanwhile; what has been is skipped and told.
+// The writer never waits for a reader. So the header is read again after each window: it tells how
+// much of the window has been written over meanwhile. That part is skipped and reported as missed.
 
 #include "ring_reader.h"
 
@@ -23,9 +23,9 @@ namespace {
 
 constexpr size_t kHeaderSize = MLOG_FILE_HEADER_SIZE;
 constexpr size_t kWindow = 65536;
-// The longest line that the server writes, and what may precede it.
+// Room for the longest line that the server writes and for what may precede it.
 constexpr size_t kNear = 8192;
-// No head of a line is longer: uptime, module, level.
+// No head of a line is longer: uptime, module, level, process.
 constexpr size_t kLongestHead = 320;
 
 bool cut_prefix(std::string_view *text, std::string_view prefix) {
@@ -44,7 +44,7 @@ bool cut_number(std::string_view *text, size_t digits, long *value) {
   return true;
 }
 
-// Takes "[text]" off the front; it ends within the line.
+// Takes "[text]" off the front. The bracket must end within the line.
 bool cut_bracket(std::string_view *line, std::string_view *text) {
   if (line->empty() || line->front() != '[') return false;
   const size_t limit = std::min(line->size(), kLongestHead);
@@ -74,7 +74,7 @@ bool cut_uptime(std::string_view *line, int64_t *uptime_ms) {
   return true;
 }
 
-// "[text]", if the line begins with one, has to be a number.
+// Takes "[PID]" off the front, if the line begins with a bracket. False if it holds no number.
 bool cut_pid(std::string_view *line, std::optional<uint32_t> *pid) {
   std::string_view text;
   if (!cut_bracket(line, &text)) return true;
@@ -105,8 +105,8 @@ uint32_t level_of(std::string_view name) {
   return MlogGetLogLevel(std::string(name).c_str());
 }
 
-// The end of the line that begins at `begin`, its line feed included. A hole, which a full disk may
-// leave, ends a line, too.
+// The end of the line that begins at `begin`, its line feed included. A hole (zero bytes, which a
+// full disk may leave) ends a line, too.
 size_t end_of_line(std::string_view text, size_t begin) {
   const char *from = text.data() + begin;
   const auto *feed = static_cast<const char *>(std::memchr(from, '\n', text.size() - begin));
@@ -135,10 +135,10 @@ size_t end_of_entry(std::string_view text) {
   return end;
 }
 
-// Where the turn before ends in the last bytes of a file. Behind it may stand what is older still,
-// because a buffer is never split: less than the first buffer of the running turn, which did not
-// fit. `text` begins with a line, `last_ms` is the uptime before it, if that is known, and
-// `first_ms` that of the first buffer of the running turn.
+// Where the turn before the running one ends in the last bytes of a file. Still older bytes may be
+// behind it, because a buffer is never split: the first buffer of the running turn did not fit
+// there, so they are fewer than its bytes. `text` begins with a line. `last_ms` is the uptime
+// before it, if that is known, and `first_ms` the uptime of the running turn's first buffer.
 size_t end_of_turn(std::string_view text, size_t first_size, std::optional<int64_t> last_ms,
                    std::optional<int64_t> first_ms) {
   // Lines of one moment may come in any order.
@@ -147,10 +147,10 @@ size_t end_of_turn(std::string_view text, size_t first_size, std::optional<int64
     Head head;
     const bool headed = parse_head(text.substr(at), &head);
     if (text.size() - at < first_size) {
-      // The rest of a line that was written over.
+      // The rest of a line whose beginning was written over.
       if (!headed && text[at] != '\t') return at;
-      // A line whose uptime has no place between those before and after it, whether or not the
-      // device started anew between them.
+      // A line whose uptime does not fit between those before and after it, even if the device
+      // restarted between them.
       if (headed && last_ms && first_ms) {
         const bool follows = head.uptime_ms >= *last_ms - kDisorder_ms;
         const bool precedes = head.uptime_ms <= *first_ms + kDisorder_ms;
@@ -180,7 +180,7 @@ First first_of_turn(const RingFile &file, size_t end) {
   return first;
 }
 
-// Skips the rest of a line that has lost its beginning to a newer one.
+// Skips the rest of a line whose beginning a newer line has overwritten.
 size_t begin_of_older(const RingFile &file, Layout::Part part) {
   std::string bytes;
   file.read(part.begin, std::min(kNear, part.end - part.begin), &bytes);
@@ -196,7 +196,7 @@ size_t end_of_older(const RingFile &file, Layout::Part part, const First &first)
   const size_t near = std::min(part.end - part.begin, first.size + kNear);
   std::string bytes;
   file.read(part.end - near, near, &bytes);
-  // From the first whole line on.
+  // Begins with the first whole line.
   size_t skipped = 0;
   if (near < part.end - part.begin) skipped = end_of_line(bytes, 0);
   const std::string_view text = std::string_view(bytes).substr(skipped);
@@ -269,7 +269,7 @@ std::optional<RingHeader> RingFile::header() const {
   std::string bytes;
   read(0, kHeaderSize, &bytes);
   if (!fd_) return parse_header(bytes);
-  // A read may meet a write half-way; twice the same bytes are whole.
+  // A read may meet a write half-way. Bytes that are the same twice are whole.
   for (int attempts = 0; attempts < 100; ++attempts) {
     std::string again;
     read(0, kHeaderSize, &again);
@@ -283,7 +283,7 @@ size_t RingFile::size() const {
   if (!fd_) return bytes_.size();
   struct stat status {};
   if (::fstat(fd_.get(), &status) != 0) return 0;
-  // A ring never exceeds its limit; of anything larger the beginning tells enough.
+  // A ring never exceeds its limit; of a larger file only the beginning is looked at.
   return std::min<size_t>(static_cast<size_t>(status.st_size), MLOG_FILE_MAX_SIZE);
 }
 
@@ -308,7 +308,8 @@ Layout look_at(const RingFile &file, bool written_only) {
                          layout.file_size > static_cast<size_t>(layout.header->offset) &&
                          layout.header->overturn == 0 && !written_only;
        ++attempts) {
-    // The server writes the header after the line: a moment tells whether it is at it just now.
+    // The server writes the header after the line. A moment later the header shows whether the
+    // server is writing just now.
     ::usleep(1000);
     const std::optional<RingHeader> before = std::exchange(layout.header, file.header());
     if (layout.header == before) break;
@@ -406,7 +407,7 @@ bool Cursor::next_forward() {
   for (;;) {
     const std::string_view left = std::string_view(window_).substr(begin_);
     const size_t size = left.empty() ? 0 : end_of_entry(left);
-    // An entry is whole when the next one begins in the window, with a whole head.
+    // An entry is known to be whole when the next one begins in the window, with a whole head.
     if (left.size() < size + kLongestHead && fill_forward()) continue;
     if (left.empty()) {
       if (!enter_next_part()) return false;
@@ -431,8 +432,8 @@ bool Cursor::fill_forward() {
   const size_t lost_to = overwritten_to();
   if (lost_to <= position) return true;
   missed_ = true;
-  // The line at the end of what was there before has lost its end, the first that is left perhaps
-  // its beginning.
+  // The last line of the window before has lost its end, and the first line that is left may have
+  // lost its beginning.
   std::string kept = window_.substr(0, window_.size() - got);
   kept.erase(kept.rfind('\n') + 1);
   std::string_view rest = std::string_view(window_).substr(window_.size() - got);
@@ -465,7 +466,7 @@ bool Cursor::enter_next_part() {
   return true;
 }
 
-// The window holds what stands from read_to_ on; its first end_ bytes have not been passed yet.
+// The window holds the bytes from read_to_ on; its first end_ bytes have not been passed yet.
 bool Cursor::next_backward() {
   for (;;) {
     const std::string_view left = std::string_view(window_).substr(0, end_);
@@ -473,12 +474,12 @@ bool Cursor::next_backward() {
       if (!fill_backward() && !enter_next_part()) return false;
       continue;
     }
-    // The last line with a head begins the entry, and the first line of the part does.
+    // The entry begins with the last line that has a head, or with the first line of the part.
     size_t begin = left.size();
     do {
       begin = begin_of_last_line(left.substr(0, begin));
     } while (begin > 0 && !has_head(left.substr(begin)));
-    // What begins the window may be the rest of a line.
+    // The window may begin with the rest of a line.
     if (begin == 0 && fill_backward()) continue;
 
     entry_at_ = read_to_ + begin;
@@ -510,8 +511,8 @@ bool Cursor::fill_backward() {
   return end_ > 0;
 }
 
-// Whether the uptime never goes back in a file, as in most. Heads are compared as they are written,
-// with 11 digits, which takes a tenth of the time of reading them. False when that cannot be told.
+// Whether the uptime never goes back in a file, as in most. Uptimes are compared as texts of 11
+// digits, which takes a tenth of the time of parsing heads. False when that does not tell.
 static bool never_goes_back(const RingFile &file, const Layout &layout) {
   constexpr size_t kDigits = 11;
   std::array<char, kDigits> latest;
@@ -544,7 +545,7 @@ static bool never_goes_back(const RingFile &file, const Layout &layout) {
           return false;
         }
       }
-      // The next window begins with the line that did not end in this one.
+      // The next window begins with the line that does not end in this one.
       const auto passed = static_cast<size_t>(line - window.data());
       if (passed == 0) return false;
       position += passed;
@@ -588,7 +589,7 @@ unsigned count_restarts(const RingFile &file, const Layout &layout) {
 
 Ring read_ring(std::string_view bytes) {
   Ring ring;
-  // Holes that a full disk left.
+  // Zero bytes that a full disk has left.
   const size_t holes = static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\0'));
   const RingFile file(bytes);
   const Layout layout = look_at(file);
@@ -639,7 +640,7 @@ void Follower::poll(std::vector<std::string> *entries) {
   std::string newer;  // of the running one
   bool whole = false;
   if (same_turn && offset < begin) {
-    // A line that a full disk did not take as a whole was taken back.
+    // The server has taken back a line that did not fit on the full disk.
     remember(*now);
     return;
   }
@@ -665,7 +666,7 @@ void Follower::poll(std::vector<std::string> *entries) {
     return;
   }
 
-  // The writer was faster by a turn, or has begun the file anew: all that is there is new.
+  // The writer is a whole turn ahead, or has begun the file anew: everything in it is new.
   missed_ = missed_ || (header_ && (now->overturn != 0 || header_->overturn != 0));
   const Layout layout = look_at(*file_, true);
   Cursor cursor = Cursor::forwards(file_.get(), layout, 0);

@@ -1,4 +1,4 @@
-// Lines of shell scripts and of programs that know nothing of the log.
+// Log lines for shell scripts and for programs that know nothing of the log.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -28,7 +28,7 @@ namespace mlog {
 namespace {
 
 constexpr const char *kDefaultModule = "shell";
-// A line that was never ended is one after this many bytes.
+// A line without an end is cut after this many bytes.
 constexpr size_t kLongestLine = 65536;
 
 uint32_t level_of(const std::string &name) {
@@ -45,7 +45,7 @@ int64_t uptime_ms() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-// Sends lines as a module. What the server does not take goes to standard error.
+// Sends lines as a module. Lines that the server does not take go to standard error.
 class Sender {
  public:
   explicit Sender(std::string module) : module_(std::move(module)) {
@@ -64,12 +64,12 @@ class Sender {
   // Whether the server took every line so far.
   bool all_taken() const { return !told_; }
 
-  // A text that does not fit a line becomes several, cut between characters.
+  // A text that is too long for a line becomes several lines, cut between characters.
   void send(uint32_t level, std::string_view text) {
     do {
       std::string line =
           fmt::format("[{:011}][{}][{}]:", uptime_ms(), module_, MlogGetLogLevelString(level));
-      // The line feed and the NUL.
+      // Two bytes are for the line feed and the NUL.
       const size_t room = MLOG_MAX_PAYLOAD - line.size() - 2;
       size_t size = std::min(room, text.size());
       const auto continues = [&](size_t at) {
@@ -113,7 +113,7 @@ class Pipe {
 
   int fd() const { return fd_.get(); }
 
-  // Sends the lines that are there; false at the end of the output.
+  // Sends the lines that have come; false at the end of the output.
   bool read(Sender *sender) {
     std::array<char, 4096> bytes;
     const ssize_t got = ::read(fd_.get(), bytes.data(), bytes.size());
@@ -137,7 +137,7 @@ class Pipe {
   std::string rest_;
 };
 
-// Both ends of a pipe, first the one to read from.
+// The ends of a pipe: the one to read from, the one to write to.
 std::array<servers::UniqueFd, 2> open_pipe() {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error(std::strerror(errno));
@@ -190,13 +190,13 @@ void run(const Options &options) {
     ::dup2(output[1].get(), STDOUT_FILENO);
     ::dup2(errors[1].get(), STDERR_FILENO);
     ::execvp(arguments[0], arguments.data());
-    // Standard error is the log by now, and what started this is told by the status.
+    // Standard error is the log by now; the parent learns of the failure by the status.
     ::dprintf(STDERR_FILENO, "%s: %s\n", arguments[0], std::strerror(errno));
     ::_exit(errno == ENOENT ? 127 : 126);
   }
   output[1].reset();
   errors[1].reset();
-  // The program gets the terminal's signals itself; its last words are still to be read.
+  // The terminal sends its signals to the program, too. This process stays to read its last lines.
   for (const int signal : {SIGINT, SIGQUIT}) ::signal(signal, SIG_IGN);
   std::vector<Pipe> pipes;
   pipes.emplace_back(std::move(output[0]), level);

@@ -24,7 +24,7 @@ int64_t floor_div(int64_t value, int64_t by) {
   return value / by - (value % by < 0 ? 1 : 0);
 }
 
-// What local time is ahead of UTC at a time; 0 for times that the C library cannot say it of.
+// How far local time is ahead of UTC at a time; 0 where the C library cannot tell.
 int64_t zone_ms(int64_t time_ms) {
   const int64_t seconds = floor_div(time_ms, kSecond_ms);
   if (seconds < std::numeric_limits<time_t>::min() ||
@@ -36,7 +36,7 @@ int64_t zone_ms(int64_t time_ms) {
   return ::localtime_r(&time, &local) == nullptr ? 0 : int64_t{local.tm_gmtoff} * kSecond_ms;
 }
 
-// The time at which clocks on the wall show what they show in UTC at `wall_ms`.
+// The time at which a local clock shows what a clock in UTC shows at `wall_ms`.
 int64_t from_wall(int64_t wall_ms, bool utc) {
   if (utc) return wall_ms;
   const int64_t guess_ms = wall_ms - zone_ms(wall_ms);
@@ -60,7 +60,7 @@ std::string format_wall(int64_t wall_ms, char separator) {
                      rest_ms % kSecond_ms);
 }
 
-// Takes what it reads off the front of a text.
+// Reads pieces of a text from its front.
 class Scanner {
  public:
   explicit Scanner(std::string_view text) : text_(text) {}
@@ -184,8 +184,9 @@ std::optional<int64_t> parse_date(Scanner *scan) {
 }  // namespace
 
 Clocks read_clocks() {
-  // Both clocks run alike, so the time of the boot is the same number until somebody sets the time.
-  // A reading of one lies between two of the other: many such bounds leave next to no doubt.
+  // Both clocks run alike, so the time of the boot stays the same until somebody sets the time.
+  // Each reading of one clock lies between two of the other; many such bounds leave next to no
+  // doubt.
   Clocks clocks;
   int64_t least_ns = INT64_MIN;
   int64_t most_ns = INT64_MAX;

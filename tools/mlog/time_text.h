@@ -1,5 +1,5 @@
 // Points in time as people write and read them. All are milliseconds since 1970 in 64 bits, so
-// nothing ends in 2038, whatever time_t is.
+// nothing ends in 2038, however long time_t is.
 #pragma once
 
 #include <cstdint>
@@ -15,14 +15,14 @@ struct Clocks {
   int64_t boot_ms = 0;    // when the running system's boot-time clock was 0
 };
 
-// The time of the boot is the same in every call until somebody sets the time, so a line always has
+// Every call returns the same time of the boot until somebody sets the time, so a line always gets
 // the same time of day.
 Clocks read_clocks();
 
 // "2026-11-22", "2026-11-22 02:10", with seconds and with fractions of them, "T" in place of the
 // blank, "Z" behind it for UTC; "02:10" of today; "now", "today", "yesterday", "boot"; "-5min",
-// "-1h30min", "5min ago"; "@" and seconds since 1970. Local time unless `utc`. Nothing for any
-// other text.
+// "-1h30min", "5min ago"; "@" and seconds since 1970. Local time unless `utc`. None for any other
+// text.
 std::optional<int64_t> parse_time(std::string_view text, const Clocks &clocks, bool utc);
 
 // "2026-11-22 02:10:32.123", in local time unless `utc`.

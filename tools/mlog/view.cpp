@@ -35,8 +35,8 @@ namespace fs = std::filesystem;
 constexpr std::chrono::milliseconds kLookEvery(100);
 constexpr int64_t kLinesBeforeFollowing = 10;
 
-// The named files, or all of the directory in the order of their names. While they are followed,
-// what is not there yet is waited for and no mistake.
+// The named files, or all of the directory in the order of their names. With --follow a file need
+// not exist yet.
 std::vector<std::string> ring_files(const Options &options) {
   const std::string directory = log_directory(options);
   std::vector<std::string> paths;
@@ -116,7 +116,7 @@ PrintOptions make_print_options(const Options &options) {
   return print;
 }
 
-// Every file needs a descriptor.
+// Every file needs a descriptor, and a directory may hold more files than the usual limit.
 void raise_descriptor_limit() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -124,13 +124,13 @@ void raise_descriptor_limit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Whether this machine's log server writes its files to another place than that of a file.
+// Whether a file is not where this machine's log server writes.
 bool is_elsewhere(const std::string &path) try {
   std::error_code error;
   const fs::path there = fs::weakly_canonical(fs::absolute(path, error).parent_path(), error);
   return there != fs::weakly_canonical(server_directory(), error);
 } catch (const std::exception &) {
-  // With --directory its configuration need not be readable, and then nobody knows.
+  // With --directory the server's configuration need not be readable. Nobody knows then.
   return true;
 }
 
@@ -152,7 +152,7 @@ class View {
   const Filter &filter() const { return filter_; }
   Printer &printer() { return printer_; }
 
-  // The files that can be read, after their problems were told.
+  // Opens the files that can be read and reports their problems.
   std::vector<Source> open() {
     std::vector<Source> sources;
     for (const std::string &path : ring_files(options_)) {
@@ -171,7 +171,8 @@ class View {
     return sources;
   }
 
-  // The time of day of an entry of a boot, counted back from the running one.
+  // The time of day of an entry; none for an earlier boot. Boots are counted back from the running
+  // one.
   std::optional<int64_t> time_of(const Entry &entry, unsigned boot, bool elsewhere) const {
     if (boot != 0 || elsewhere || !entry.has_head) return std::nullopt;
     return clocks_.boot_ms + entry.uptime_ms;
@@ -184,7 +185,7 @@ class View {
     return filter_.wants(merge.cursor().entry(), time_of(merge));
   }
 
-  // Prints what is wanted of a merge, `most` entries, with a marker where another boot begins.
+  // Prints up to `most` wanted entries of a merge, with a marker where another boot begins.
   void print(Merge *merge, const std::vector<Source> &sources, int64_t most = INT64_MAX) {
     std::optional<unsigned> last_boot;
     int64_t last_ms = 0;
@@ -204,7 +205,7 @@ class View {
     }
   }
 
-  // From where on the last `count` wanted entries of all stand.
+  // Where the last `count` wanted entries of all files begin, for each file.
   std::vector<std::optional<Place>> last_places(const std::vector<Source> &sources,
                                                 int64_t count) const {
     std::vector<std::optional<Place>> places(sources.size());
@@ -217,8 +218,7 @@ class View {
     return places;
   }
 
-  // Goes on with what is added to these files and to new ones, for ever. Returns when nobody reads
-  // the output any more.
+  // Prints what is added to these files and to new ones until nobody reads the output any more.
   void follow(std::vector<Source> sources);
 
   void without_markers() { marks_boots_ = false; }
@@ -267,7 +267,7 @@ void View::collect(const std::string &path, Track *track) {
   for (std::string &text : texts) {
     const Entry entry(text);
     if (entry.has_head && entry.uptime_ms + kSmallStep_ms < track->key_ms) {
-      // The order of arrival holds: what came before goes out before.
+      // The uptime starts again at a restart, so what came before it must be printed first.
       print_added();
       if (marks_boots_) mark_restart(track->key_ms, entry.uptime_ms);
       for (auto &[other, reset] : tracks_) reset.key_ms = 0;
@@ -290,7 +290,7 @@ void View::print_added() {
   added_.clear();
 }
 
-// A pipe that nobody reads any more says so without being written to.
+// A pipe tells that nobody reads it any more without being written to (poll(2), POLLERR).
 bool View::is_read() const {
   pollfd output{STDOUT_FILENO, 0, 0};
   return ::poll(&output, 1, 0) <= 0 || (output.revents & (POLLERR | POLLNVAL)) == 0;
@@ -313,14 +313,14 @@ void View::follow(std::vector<Source> sources) {
     for (const std::string &path : ring_files(options_)) {
       Track &track = tracks_[path];
       try {
-        // A file that was removed is read to its end before the one that took its place.
+        // A file that was replaced is read to its end before its successor.
         if (track.follower && track.follower->file().is_at(path)) continue;
         auto file = std::make_shared<RingFile>(path);
         if (track.follower) collect(tracks_.find(path)->first, &track);
         track.elsewhere = is_elsewhere(path);
         track.follower = std::make_unique<Follower>(std::move(file), nullptr);
       } catch (const std::exception &) {
-        // It is not there yet, or no more.
+        // It is not there yet, or not any more.
       }
     }
     clocks_ = read_clocks();
@@ -342,7 +342,7 @@ struct ModuleCount {
   uint64_t dropped = 0;  // by the limit of the module
 };
 
-// What the server's notices in the log say of lines that are not in it.
+// Counts the lost lines that the server's notices in the log tell of.
 void count_notice(std::string_view message, ModuleCount *count) {
   constexpr std::string_view kServer = "mlogserver: ";
   if (!message.starts_with(kServer)) return;

@@ -11,7 +11,7 @@
 namespace msgctl {
 namespace {
 
-// More than a list of all the clients that a server can have.
+// More than the list of all clients that a server can have.
 constexpr size_t kMostBytes = size_t{64} << 20;
 
 size_t take(char *bytes, size_t size, size_t count, void *text) {

@@ -1,4 +1,4 @@
-// The message server's answers about itself, over its admin socket (docs/admin-interface.md).
+// Asks the message server about itself over its admin socket (docs/admin-interface.md).
 #pragma once
 
 #include <cstdint>
@@ -16,11 +16,11 @@ class Admin {
  public:
   explicit Admin(const Context &context) : timeout_ms_(context.timeout_ms) {}
 
-  // What the server says at that place, "/v1/clients". Throws a Failure that says why not.
+  // The server's answer for a place like "/v1/clients". Throws a Failure with the reason.
   Json get(const std::string &place) const;
   void remove(const std::string &place) const;
 
-  // The list that a member of the answer holds.
+  // The list in one member of the answer.
   std::vector<Json> list(const std::string &place, const char *member) const;
 
  private:
@@ -29,7 +29,7 @@ class Admin {
   uint32_t timeout_ms_;
 };
 
-// Members of what a server said, with their default where they are missing or of another kind.
+// Members of an answer; empty or 0 where they are missing or of another kind.
 std::string text_at(const Json &json, const char *member);
 double number_at(const Json &json, const char *member);
 uint64_t count_at(const Json &json, const char *member);

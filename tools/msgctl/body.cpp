@@ -126,7 +126,7 @@ std::string make_items(const std::vector<std::string> &items, uint32_t sub_type)
     }
   }
   const std::unique_ptr<void, FreeItems> body(raw);
-  // Sealed as sending does it: no more bytes than are in use, none free.
+  // Sealed as the library does when it sends: only the bytes in use, none free.
   uint32_t words[3];
   std::memcpy(words, body.get(), sizeof words);
   words[1] -= words[2];

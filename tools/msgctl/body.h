@@ -11,7 +11,7 @@
 
 namespace msgctl {
 
-// What the user said about a body:
+// How the user gives a body:
 //   TEXT           as it is, with a NUL behind it
 //   text:TEXT      the same, for a text that begins like one of the following
 //   @FILE, -       the bytes of a file, of standard input
@@ -29,14 +29,14 @@ struct BodyWords {
 // The options for DM items; the word is an argument, which each command places itself.
 void add_item_options(servers::Command *command, BodyWords *words);
 
-// The bytes. Where the catalogue says that a type's body is a name, the text fills the field of a
-// name. Throws a Failure for what cannot be made sense of.
+// The bytes of the body. Where the catalogue says that a type's body is a name, the text is padded
+// to the size of a name. Throws a Failure for words without a meaning.
 std::string make_body(const BodyWords &words, const catalogue::Content *content = nullptr);
 
 // A sealed DM body of the items.
 std::string make_items(const std::vector<std::string> &items, uint32_t sub_type);
 
-// The text of a body that must be one: of the word, of the file or of standard input.
+// A body that must be text: the word itself, or the text of a file or of standard input.
 std::string body_text(const std::string &word);
 
 // "0x10", "16".

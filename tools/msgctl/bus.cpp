@@ -17,12 +17,12 @@ namespace {
 
 constexpr size_t kLongestName = ORP_APP_NAME_SIZE - 1;
 
-// How long after the server has routed a message a notice about it may still come: the receiver
-// left with the message in its queue.
+// After the server has routed a message, a notice about it may still come for this long: when the
+// receiver leaves with the message in its queue.
 constexpr uint32_t kLateNotice_ms = 20;
 
-// The process's number in the five characters that "msgctl" leaves: digits, or letters for a number
-// that needs more of them.
+// "msgctl" leaves five characters of a name for the process's number: digits, or letters when the
+// number has more digits.
 std::string own_name() {
   const auto pid = static_cast<uint32_t>(::getpid());
   if (pid <= 99999) return fmt::format("msgctl{}", pid);
@@ -229,7 +229,7 @@ Message Bus::answer(const std::string &to, uint32_t type, uint32_t sequence, Dea
   while (Message message = receive(deadline)) {
     if (is_notice(*message, type, sequence)) fail_undelivered(to, type, deadline);
     if ((message->ulMsgType & ORP_MSG_TYPE_MASK) != type) continue;
-    // Some applications do not carry the number back: theirs is known by its sender.
+    // Some applications do not return the sequence number: their answer is known by its sender.
     if (message->ulSeqNum == sequence || (!to.empty() && sender_of(*message) == to)) return message;
   }
   throw Failure(ExitStatus::kTimeout,
@@ -244,8 +244,8 @@ uint32_t Bus::count(const std::string &name, Deadline deadline) {
 }
 
 void Bus::settle(const std::string &to, uint32_t type, uint32_t sequence, Deadline deadline) {
-  // The server takes a client's messages in order, so its answer to this one comes after its notice
-  // about the earlier one.
+  // The server takes a client's messages in order, so it answers this one after any notice about
+  // the earlier one.
   const uint32_t barrier = send("", ORP_MSG_FACTORY_MODE, 0, {});
   bool routed = false;
   while (Message message = receive(routed ? in_ms(kLateNotice_ms) : deadline)) {

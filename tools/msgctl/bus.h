@@ -1,5 +1,4 @@
-// msgctl's place on the message bus: one connection under a name of its own, on which it sends and
-// waits for what comes.
+// msgctl's place on the message bus: one connection under a name of its own, to send and receive.
 #pragma once
 
 #include <chrono>
@@ -20,9 +19,9 @@ namespace msgctl {
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
 
-// So long from now.
+// `ms` from now.
 Deadline in_ms(uint64_t ms);
-// How long it is until then, at least 0.
+// The time left until then; 0 when it has passed.
 uint32_t ms_until(Deadline deadline);
 
 struct FreeMessage {
@@ -32,25 +31,26 @@ using Message = std::unique_ptr<ORP_MSG_HEADER_ST, FreeMessage>;
 
 std::string sender_of(const ORP_MSG_HEADER_ST &message);
 std::string_view body_of(const ORP_MSG_HEADER_ST &message);
-// For what tools say about messages. `answer`: it answers a request.
+// The message as the tools' text functions take it. `answer`: it answers a request.
 traffic::Message recorded(const ORP_MSG_HEADER_ST &message, bool answer);
 
-// How people write the message server where a receiver's name is expected.
+// What people type for the message server in place of a receiver's name.
 inline constexpr std::string_view kServerWord = "server";
 
-// The name in a header of what the user called `word`: empty for the message server. Throws a usage
-// error for a name that no application can have.
+// The receiver in a message header for what the user typed: empty for the message server. Throws a
+// usage error for a name that no application can have.
 std::string receiver_name(const std::string &word);
 // "wifi", or "the message server".
 std::string receiver_text(const std::string &name);
 
 class Bus {
  public:
-  // What for: answers go to the oldest client of a name, so that somebody who waits for one needs a
-  // name for himself.
+  // Answers go to the oldest client of a name, so a client that waits for answers needs a name that
+  // nobody else has.
   enum class Purpose { kSends, kIsAnswered };
 
-  // Registers, until `deadline`. Throws a Failure that says what is wrong with the server.
+  // Registers. Throws a Failure that says what is wrong with the server, at the latest at
+  // `deadline`.
   Bus(const Context &context, Purpose purpose, Deadline deadline);
   Bus(const Context &context, Purpose purpose) : Bus(context, purpose, in_ms(context.timeout_ms)) {}
   ~Bus();
@@ -59,32 +59,33 @@ class Bus {
 
   const std::string &name() const { return name_; }
 
-  // Sends with a sequence number of its own, which it returns, or with `sequence`.
+  // Sends with `sequence`, or with a new sequence number. Returns the number.
   uint32_t send(const std::string &to, uint32_t type, uint32_t data, std::string_view body,
                 std::optional<uint32_t> sequence = {});
 
-  // The next message of any kind; null when none comes until then. A reader of standard output who
-  // has gone ends the process meanwhile, as it would at the next line.
+  // The next message of any kind; null when none comes until then. Ends the process when nobody
+  // reads standard output any more, as printing the next line would.
   Message receive(Deadline deadline);
 
-  // The answer to a request. Throws when it could not be delivered, or when no answer comes.
+  // Sends a request and returns its answer. Throws when the request was not delivered, or when no
+  // answer comes.
   Message ask(const std::string &to, uint32_t type, uint32_t data, std::string_view body,
               Deadline deadline);
-  // The same for one that has been sent.
+  // The same for a request that has been sent already.
   Message answer(const std::string &to, uint32_t type, uint32_t sequence, Deadline deadline);
 
   // How many clients have that name.
   uint32_t count(const std::string &name, Deadline deadline);
 
-  // Waits until the server has routed all that was sent before. Throws when it says that the
-  // message with that type and number was not delivered.
+  // Waits until the server has routed everything that was sent before. Throws when the server says
+  // that the message with this type and sequence number was not delivered.
   void settle(const std::string &to, uint32_t type, uint32_t sequence, Deadline deadline);
 
-  // This client sends nothing by itself for long: the server is not to watch for that.
+  // Tells the server not to watch this client: it will send nothing for a long time.
   void stay_quietly();
 
-  // Subscribes to an event, or to all (ORP_MSG_ALL_EVENTS). What comes meanwhile is received next.
-  // Throws when the server refuses that.
+  // Subscribes to an event, or to all (ORP_MSG_ALL_EVENTS). Messages that come meanwhile are
+  // received next. Throws when the server refuses.
   void subscribe(uint32_t event, Deadline deadline);
 
  private:
@@ -93,10 +94,10 @@ class Bus {
 
   const Context &context_;
   std::string name_;
-  std::deque<Message> early_;  // came before its reader asked for it
+  std::deque<Message> early_;  // came while subscribe() waited
 };
 
-// What a status of the library means for the user.
+// Throws the Failure that a status of the library means for the user.
 [[noreturn]] void fail(uint32_t status, const std::string &what);
 
 }  // namespace msgctl

@@ -35,7 +35,8 @@ Request request_of(const Context &context, const Words &words) {
   return request;
 }
 
-// The meaning of an error depends on who answered; the configuration manager hands on the store's.
+// The meaning of a status depends on who answered. The catalogue's first one is shown: that of the
+// message layer, if it has one.
 std::string status_sentence(uint32_t status) {
   const auto meanings = catalogue::meanings(status);
   std::string text = catalogue::status_text(status);

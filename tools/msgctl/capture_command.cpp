@@ -49,7 +49,7 @@ class Output {
     while (!rest.empty()) {
       const ssize_t count = ::write(fd(), rest.data(), rest.size());
       if (count < 0 && errno == EINTR) continue;
-      // Whoever read the pipe has seen enough.
+      // The reader of the pipe has seen enough.
       if (count < 0 && errno == EPIPE) std::_Exit(0);
       if (count < 0) fail();
       rest.remove_prefix(static_cast<size_t>(count));
@@ -73,11 +73,11 @@ class Output {
   void open() {
     written_ = 0;
     if (options_.output == "-") return;
-    // Only the owner may read what passed between daemons.
+    // Daemons' messages may hold secrets: only the owner may read them.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
     file_.reset(::open(options_.output.c_str(), kFlags, 0600));
     if (!file_) fail();
-    // It may have been there with another mode. Somebody else's stays as it is.
+    // The file may have been there with another mode. Somebody else's file stays as it is.
     struct stat status {};
     if (::fstat(fd(), &status) != 0 ||
         (S_ISREG(status.st_mode) &&
@@ -126,12 +126,12 @@ void capture(const Options &options, Context *context) {
                          model);
   };
   {
-    // Who has connected before what is to be captured is known as well.
+    // The whole ring is read for the names: a client may have connected before the captured part.
     Source names(options.flight.file);
-    names.read_to_damage();  // which is told after what comes before it
+    names.read_to_damage();  // source.read() below reports the damage
     begin_section(names.model());
   }
-  // An analyser that reads a pipe shows the interface at once.
+  // So an analyser that reads a pipe shows the interface at once.
   output.flush();
 
   const auto take = [&](const Event &event) {

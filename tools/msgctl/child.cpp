@@ -63,7 +63,8 @@ pid_t start(const std::vector<std::string> &arguments, const std::vector<std::st
   ::posix_spawnattr_init(&attributes);
   ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
   ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-  // We ignore it; the program is not to inherit that. A group of its own is ended as a whole.
+  // We ignore SIGPIPE; the program must not inherit that. With a group of its own, the program and
+  // its children can be ended together.
   sigset_t defaults;
   ::sigemptyset(&defaults);
   ::sigaddset(&defaults, SIGPIPE);
@@ -111,7 +112,7 @@ ChildResult run_child(const std::vector<std::string> &arguments,
     }
     if (entries[1].revents != 0) {
       const ssize_t written = ::write(in.write.get(), input.data(), input.size());
-      // A program need not read what it has no use for.
+      // The program need not read its input.
       if (written < 0 && errno != EAGAIN) in.write.reset();
       if (written > 0) input.remove_prefix(static_cast<size_t>(written));
       if (input.empty()) in.write.reset();
@@ -124,7 +125,7 @@ ChildResult run_child(const std::vector<std::string> &arguments,
     }
   }
   int status = 0;
-  // It closed its output and goes on: that is not waited for longer.
+  // The program may close its output and go on; it still gets no more than the time-out.
   while (::waitpid(pid, &status, WNOHANG) == 0) {
     if (ms_until(deadline) == 0) {
       result.timed_out = true;

@@ -53,7 +53,7 @@ std::string user_text(const Json &client) {
   return std::to_string(count_at(client, "uid"));
 }
 
-// Numbers fall, so that what matters stands above; names and ids rise.
+// Numbers are sorted downwards, so that the largest come first; names and ids upwards.
 void sort_by(const std::string &key, std::vector<Json> *clients) {
   using Key = std::function<double(const Json &)>;
   const std::map<std::string, Key> kNumbers = {

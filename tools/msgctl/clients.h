@@ -1,4 +1,4 @@
-// Clients as the message server tells of them.
+// Clients as the message server describes them.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace msgctl {
 
-// Those that have a name, or the one with a number ("#7"). Throws a Failure when there is none.
+// All clients with a name, or the one with a number ("#7"). Throws a Failure when there is none.
 std::vector<Json> clients_named(const Admin &admin, const std::string &name);
 
 }  // namespace msgctl

@@ -1,4 +1,4 @@
-// msgctl complete: the words that a shell offers, from the live bus where that may be asked.
+// msgctl complete: the words that a shell offers, from the live bus if the user may ask it.
 
 #include <fmt/format.h>
 
@@ -15,7 +15,7 @@
 namespace msgctl {
 namespace {
 
-// A shell evaluates some of what it is offered: words of other characters are left out.
+// A shell evaluates some of the words that it offers, so words with other characters are left out.
 bool harmless(const std::string &word) {
   return !word.empty() && std::ranges::all_of(word, [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -23,7 +23,7 @@ bool harmless(const std::string &word) {
   });
 }
 
-// No server is no mistake here: then there is nothing to offer.
+// Without a server there is nothing to offer, which is no error here.
 std::set<std::string> from_server(const Context &context, const char *place, const char *list,
                                   const char *member) {
   std::set<std::string> words;

@@ -1,4 +1,4 @@
-// What every command of msgctl knows.
+// What every command of msgctl uses.
 #pragma once
 
 #include <cstdint>
@@ -18,11 +18,11 @@ struct Context {
   uint32_t timeout_ms = 5000;
   std::string as;  // the name under which msgctl registers; empty: "msgctl" and its process
   catalogue::Catalogue catalogue;
-  // What the process ends with when the command returns.
+  // The exit status of the process when the command returns.
   ExitStatus status = ExitStatus::kDone;
 };
 
-// Each adds the commands of one file. `context` outlives the command line.
+// Each adds the commands of one source file. `context` must outlive the command line.
 void add_catalogue_commands(servers::CommandLine *line, Context *context);
 void add_call_commands(servers::CommandLine *line, Context *context);
 void add_client_commands(servers::CommandLine *line, Context *context);
@@ -36,7 +36,7 @@ void add_restful_commands(servers::CommandLine *line, Context *context);
 void add_serve_command(servers::CommandLine *line, Context *context);
 void add_server_commands(servers::CommandLine *line, Context *context);
 void add_wait_command(servers::CommandLine *line, Context *context);
-// On recorded traffic.
+// Commands on recorded traffic.
 void add_monitor_command(servers::CommandLine *line, Context *context);
 void add_capture_command(servers::CommandLine *line, Context *context);
 void add_latency_command(servers::CommandLine *line, Context *context);

@@ -28,7 +28,7 @@ struct Options {
 
 struct Arrow {
   uint64_t wall_ns;
-  size_t from;  // participants
+  size_t from;  // indices of participants
   size_t to;
   bool answer;
   bool lost;
@@ -105,7 +105,7 @@ Diagram read(const Options &options, const Context &context) {
 
 void print_text(const Diagram &diagram) {
   constexpr size_t kTime = 16;  // "14:30:05.123456 "
-  // Wide enough for the longest name beside another.
+  // Every column has room for the longest name.
   size_t column = 12;
   for (const std::string &name : diagram.participants) column = std::max(column, width(name) + 2);
   const auto middle = [column](size_t index) { return index * column + column / 2; };
@@ -135,8 +135,8 @@ void print_text(const Diagram &diagram) {
   }
 }
 
-// Everything but letters, digits and a few marks as the number of its character, so that no text
-// can end a line or a statement of the diagram.
+// Every character except letters, digits and a few marks becomes its number, so that no text can
+// end a line or a statement of the diagram.
 std::string mermaid_text(const std::string &text) {
   std::string safe;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -146,7 +146,7 @@ std::string mermaid_text(const std::string &text) {
       safe += c;
       continue;
     }
-    // The characters of UTF-8 are taken whole; the text is printable, so they are well-formed.
+    // The text is printable, so its UTF-8 is well-formed: whole characters can be taken.
     const auto lead = static_cast<unsigned char>(c);
     const size_t more = lead < 0x80 ? 0 : lead < 0xe0 ? 1 : lead < 0xf0 ? 2 : 3;
     uint32_t code = more == 0 ? lead : lead & (0x3fu >> more);

@@ -1,5 +1,5 @@
--- A packet is one record of the flight recorder; tools/traffic/pcapng.h has its layout. The tables
--- `types`, `kinds` and `losses` stand before this.
+-- A packet is one record of the flight recorder; tools/traffic/pcapng.h has its layout. msgctl
+-- prints the tables `types`, `kinds` and `losses` before this text.
 
 local bus = Proto("msgapi", "Message bus")
 
@@ -67,8 +67,8 @@ local not_kept = ProtoExpert.new("msgapi.not_kept", "The rest of the body was no
                                  expert.group.UNDECODED, expert.severity.NOTE)
 bus.experts = {malformed, lost, not_kept}
 
--- Record numbers begin anew with each server, so what belongs together is found while the packets
--- are read in their order and then kept by the number of the frame.
+-- Record numbers begin anew with each server. So what belongs together is found while the packets
+-- are first read, in order, and is then kept by the number of the frame.
 local requests, link, answered = {}, {}, {}
 local last_number, last_section = UInt64(0), nil
 function bus.init()
@@ -76,8 +76,8 @@ function bus.init()
   last_number, last_section = UInt64(0), nil
 end
 
--- The section of the file tells servers apart; where the analyser does not know it, numbers that
--- begin anew do.
+-- The section of the file tells servers apart. An older analyser does not know it: then numbers
+-- that begin anew tell of another server.
 local known, section_field = pcall(Field.new, "frame.section_number")
 
 local function type_name(number)
@@ -89,10 +89,10 @@ local function type_name(number)
   return string.format("0x%x", number)
 end
 
--- What stands before the first NUL, if there is one.
+-- The bytes before the first NUL, or all of them.
 local function text_of(range) return range:raw():match("^[^\0]*") end
 
--- Characters, and perhaps one NUL at the end.
+-- Whether these are characters, with at most one NUL, at the end.
 local function is_text(range)
   local bytes = range:bytes()
   local last = bytes:len() - 1
@@ -117,7 +117,7 @@ local function add_items(body, whole, tree)
     end
     local value_at = at + DM_ITEM_HEAD + name_size
     local there = math.min(value_size, size - value_at)
-    -- The last value may end a little beyond, as it always could.
+    -- Senders have always been allowed to let the last value end a little beyond.
     if whole and value_size > there + DM_ITEM_HEAD then
       tree:add_proto_expert_info(malformed, "An item's value goes beyond the body")
     end
@@ -145,7 +145,7 @@ local function add_items(body, whole, tree)
   return table.concat(shown, " ")
 end
 
--- Returns what the list of packets shows of it.
+-- Returns the text for the list of packets.
 local function add_body(body, length, pinfo, tree)
   local whole = body:len() >= length
   local branch = tree:add(f.body, body)
@@ -304,7 +304,7 @@ local function dissect(packet, pinfo, tree)
   pinfo.cols.info:set(info)
 end
 
--- Wireshark shows what of the packet is there if something is wrong after all.
+-- If reading fails all the same, Wireshark shows what has been read of the packet.
 function bus.dissector(packet, pinfo, tree)
   pinfo.cols.protocol:set("MSGAPI")
   dissect(packet, pinfo, tree)

@@ -1,4 +1,4 @@
-// msgctl dissector: what Wireshark needs to understand captures of the bus.
+// msgctl dissector: prints what Wireshark needs to understand captures of the bus.
 
 #include <fmt/format.h>
 
@@ -11,7 +11,7 @@
 namespace msgctl {
 namespace {
 
-// A string of Lua, whatever a catalogue file holds.
+// A Lua string literal. A catalogue file may hold any characters.
 std::string quoted(std::string_view text) {
   std::string lua = "\"";
   for (const char c : servers::printable(text)) {
@@ -29,7 +29,7 @@ void print_dissector(const Context &context) {
       "-- Wireshark's dissector of captures of the message bus: msgctl dissector > msgapi.lua,\n"
       "-- then into the personal Lua plugins (Help, About Wireshark, Folders), or\n"
       "-- tshark -X lua_script:msgapi.lua\n\nlocal types = {\n";
-  // The first that fits counts: single types before the ranges around them.
+  // The first entry that fits counts, so single types come before the ranges around them.
   for (const bool ranges : {false, true}) {
     for (const catalogue::MessageType &type : context.catalogue.types()) {
       if ((type.last != type.number) != ranges) continue;

@@ -1,5 +1,4 @@
-// msgctl doctor: looks at all that the bus needs, and says what to do where something is not as it
-// should be.
+// msgctl doctor: checks everything that the bus needs, and says how to mend what is wrong.
 
 #include <fmt/format.h>
 #include <pwd.h>
@@ -35,7 +34,7 @@ namespace fs = std::filesystem;
 
 constexpr const char *kBodyDirectory = "/var/run/msg";
 constexpr const char *kLogSocket = "/var/mlog/mlogServer";
-// Somebody takes the file of a body within moments, or nobody will.
+// A receiver takes its hand-over file within moments, or never.
 constexpr auto kStaleAge = std::chrono::minutes(1);
 
 enum class Verdict { kFine, kHint, kProblem };
@@ -47,7 +46,7 @@ class Report {
   void fine(const char *subject, const std::string &text) {
     add(Verdict::kFine, subject, text, "");
   }
-  // Works, but is not as it should be.
+  // It works, but is not as it should be.
   void hint(const char *subject, const std::string &text, const std::string &advice) {
     add(Verdict::kHint, subject, text, advice);
   }
@@ -93,7 +92,7 @@ int try_to_connect(const char *path, int type) {
   if (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
     return 0;
   }
-  return errno == EAGAIN ? 0 : errno;  // its backlog is full
+  return errno == EAGAIN ? 0 : errno;  // a full backlog: somebody listens
 }
 
 void look_at_socket(Report *report, const char *subject, const char *path, int type,
@@ -220,7 +219,7 @@ bool look_at_bus(Report *report, const Context &context) {
   }
 }
 
-// The limit and the number of a process's descriptors, as far as it may be looked at.
+// Compares the number of a process's descriptors with their limit, if /proc lets us.
 void look_at_descriptors(Report *report, uint64_t pid) {
   constexpr const char *kSubject = "descriptors";
   const std::string process = fmt::format("/proc/{}", pid);
@@ -320,7 +319,7 @@ void look_at_server(Report *report, const Context &context) {
   }
 }
 
-// Sockets of notify clients that were killed.
+// Counts sockets that killed notify clients have left.
 void look_at_notify_clients(Report *report) {
   size_t stale = 0;
   std::error_code error;

@@ -20,20 +20,20 @@ class EventText {
             Colours colours = Colours::kAsTerminal)
       : catalogue_(catalogue), masked_(masked), colours_(colours) {}
 
-  // Remembers what later events refer to. To be called once for each event, before the others.
+  // Remembers what later events refer to. Call it once for each event, before the other functions.
   void take(const traffic::Event &event);
   void forget() { http_.clear(); }
 
-  // Without the time, printable.
+  // A line without the time, printable.
   std::string line(const traffic::Event &event, const traffic::Model &model) const;
   Json json(const traffic::Event &event, const traffic::Model &model) const;
 
   // "panel -> station"
   std::string pair(traffic::ClientId from, traffic::ClientId to, const traffic::Model &model) const;
   std::string type(uint32_t type) const;
-  // The body on one line, masked if that is wanted.
+  // The body on one line, masked if this masks.
   std::string body(const traffic::Message &message) const;
-  // A text of a record, masked if that is wanted, and printable.
+  // A text of a record, masked if this masks, and printable.
   std::string shown(const std::string &text) const;
 
  private:
@@ -45,7 +45,7 @@ class EventText {
   std::string paint(Colour colour, std::string_view text) const;
   traffic::Message without_personal_data(const traffic::Message &message) const;
   std::string message_text(const traffic::Event &event) const;
-  // Since the request of an answer; none for anything else.
+  // The time between a request and this answer to it; none for other events.
   std::optional<uint64_t> after_ns(const traffic::Event &event) const;
 
   const catalogue::Catalogue &catalogue_;
@@ -54,9 +54,9 @@ class EventText {
   std::map<uint64_t, HttpRequest> http_;  // by the number of the record
 };
 
-// One line of output, of either form.
+// One line of output, as JSON or as text.
 struct Line {
-  Json json;         // null: the text counts
+  Json json;         // null: the line is text
   std::string text;  // printable
 
   void print() const {

@@ -50,7 +50,7 @@ std::string timestamp() {
                      utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
 }
 
-// What happened is the item EventType, which the first word without "=" stands for.
+// Takes the event type out of `items`: the first word if it has no "=", or else the item EventType.
 std::string take_event_type(std::vector<std::string> *items) {
   if (!items->empty() && items->front().find('=') == std::string::npos) {
     std::string word = items->front();
@@ -79,7 +79,7 @@ std::string event_body(uint32_t event, const PublishWords &words) {
   std::vector<std::string> items = words.items;
   const std::string what = take_event_type(&items);
   if (words.payload.empty()) {
-    // Without any other item the library's subscribers would not be given the event.
+    // The library does not hand its subscribers an event without any other item.
     if (items.empty() && event >= ORP_MSG_FIRST_JSON_EVENT) {
       throw servers::UsageError(
           "an event of this module needs an item, KEY=VALUE: subscribers get no empty ones");
@@ -122,7 +122,7 @@ void publish(const Context &context, const PublishWords &words) {
   }
 }
 
-// How many messages the server lost for this client, as far as it may be asked.
+// How many messages the server lost for this client; 0 if this user may not ask.
 uint64_t lost_for_us(const Context &context) {
   try {
     for (const Json &client : Admin(context).list("/v1/clients", "clients")) {

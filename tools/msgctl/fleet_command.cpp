@@ -29,7 +29,7 @@ using servers::printable;
 
 constexpr uint16_t kKeepAlive_s = 30;
 constexpr int kLoopTime_ms = 50;
-// What a broker has retained comes at once; when it pauses for so long, that was all.
+// A broker sends retained messages at once; after a pause this long it has sent all of them.
 constexpr uint32_t kQuiet_ms = 500;
 constexpr uint16_t kInFlight = 1000;
 constexpr size_t kMostNamed = 10;
@@ -89,8 +89,8 @@ class Broker {
     mosquitto_message_v5_callback_set(client_.get(),
                                       [](mosquitto *, void *self, const mosquitto_message *message,
                                          const mosquitto_property *list) {
-                                        // An exception must not go through the library's frames:
-                                        // run() throws it on.
+                                        // No exception may pass through the library's frames:
+                                        // run() rethrows it.
                                         auto *broker = static_cast<Broker *>(self);
                                         try {
                                           if (!broker->failure_) broker->take(*message, list);
@@ -102,7 +102,7 @@ class Broker {
                                [](mosquitto *, void *self, int level, const char *text) {
                                  if (level != MOSQ_LOG_ERR) return;
                                  auto *broker = static_cast<Broker *>(self);
-                                 const int number = errno;  // the library looks at it next
+                                 const int number = errno;  // the library reads it after this call
                                  try {
                                    broker->trouble_ = text;
                                  } catch (...) {
@@ -149,7 +149,7 @@ class Broker {
           address_);
   }
 
-  // Until then, or until `done`.
+  // Serves the connection until `deadline`, or until `done`.
   void run(Deadline deadline, const std::function<bool()> &done) { run(deadline, address_, done); }
 
  private:
@@ -214,14 +214,14 @@ class Broker {
   std::exception_ptr failure_;
 };
 
-// The level between the prefix and what follows; empty when the topic is another one.
+// The topic's level behind the prefix, which is the gateway; empty for topics without the prefix.
 std::string gateway_in(const std::string &topic, const std::string &prefix) {
   if (!topic.starts_with(prefix + "/")) return "";
   const size_t begin = prefix.size() + 1;
   return topic.substr(begin, std::min(topic.find('/', begin), topic.size()) - begin);
 }
 
-// What is no JSON, and what would be too much of it, as a text.
+// The JSON, or a text if it is none or beyond the limits of traffic::parsed().
 Json parsed(const std::string &text) {
   Json json = traffic::parsed(text);
   return json.is_discarded() ? Json(printable(text)) : json;
@@ -236,12 +236,12 @@ std::string member(const Json &object, const char *name) {
 // The retained statuses, by gateway.
 struct Statuses {
   std::map<std::string, Json> gateways;
-  bool complete;  // false: the broker was still sending at the end
+  bool complete;  // false: the broker was still sending at the deadline
 };
 
 Statuses statuses(Broker *broker, const Words &words, Deadline deadline) {
   Statuses found;
-  // A short time-out is no reason to take a silent broker for one that is still sending.
+  // A short time-out needs a shorter pause, or a silent broker would count as one that still sends.
   uint32_t pause_ms = kQuiet_ms;
   Deadline quiet = in_ms(pause_ms);
   broker->on_arrival([&](const Arrived &arrived) {
@@ -296,22 +296,23 @@ void list(const Context &context, const Words &words) {
 
 // ---- Events ----
 
-// Gateways say their numbers themselves, whatever they are.
+// The numbers come from gateways and may be anything, so sums stop at the largest number.
 void add_bounded(uint64_t *sum, uint64_t count) {
   *sum += std::min(count, UINT64_MAX - *sum);
 }
 
-// The numbers of one gateway's events. Numbers can be missed twice, as a gap and in a notice of the
-// gateway's, whichever comes first: they count once.
+// The numbers of one gateway's events. A missing event can be seen twice, as a gap and in a notice
+// of the gateway, in either order. It counts once.
 class Stream {
  public:
-  // What notices told of numbers is remembered until their events would have come.
+  // A notice is remembered until a later event has come.
   static constexpr size_t kMostNotices = 256;
 
   bool is(const std::string &name) const { return name_ == name; }
   void begin(const std::string &name) { *this = Stream{}, name_ = name; }
 
-  // How many events are missing between the last one and this; none when it came before.
+  // How many events are missing between the last one and this one, beyond those that notices have
+  // told of; none when this one came before.
   std::optional<uint64_t> event(uint64_t sequence) {
     if (sequence != 0 && sequence <= last_) return std::nullopt;
     uint64_t gap = last_ == 0 || sequence == 0 ? 0 : sequence - last_ - 1;
@@ -327,7 +328,7 @@ class Stream {
     return gap;
   }
 
-  // How many events of it have not been counted yet.
+  // How many of the notice's events have not been counted yet.
   uint64_t notice(uint64_t first, uint64_t last, uint64_t count) {
     if (last < first) return 0;
     count = std::min(count, last - first + 1);
@@ -344,7 +345,7 @@ class Stream {
 
   std::string name_;
   uint64_t last_ = 0;
-  uint64_t unexplained_ = 0;  // missing, and in no notice
+  uint64_t unexplained_ = 0;  // missing events that no notice has told of
   std::vector<Notice> notices_;
 };
 
@@ -359,7 +360,7 @@ void listen(Context *context, const Words &words) {
   const auto level = [&words](size_t index) {
     return index < words.words.size() ? words.words[index] : std::string("+");
   };
-  // Of a part of the events the numbers have gaps.
+  // A selection of events has gaps in its numbers, so missing ones are counted only without one.
   const bool counts = words.words.empty();
   Broker broker(*context, words);
   std::map<std::string, Stream> streams;
@@ -418,7 +419,7 @@ void listen(Context *context, const Words &words) {
 // ---- Requests ----
 
 struct Question {
-  std::string below;  // the topic behind the gateway
+  std::string below;  // the topic's levels behind the gateway
   std::string payload;
 };
 

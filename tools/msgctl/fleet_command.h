@@ -1,4 +1,4 @@
-// Built where libmosquitto is.
+// Built only where libmosquitto is installed.
 #pragma once
 
 #include "msgctl/context.h"

@@ -28,7 +28,7 @@ void end_on_signals() {
   ::sigaction(SIGTERM, &action, nullptr);
 }
 
-// False when nobody reads standard output any more.
+// Sleeps. False when nobody reads standard output any more.
 bool rest() {
   pollfd output{STDOUT_FILENO, 0, 0};
   if (::poll(&output, 1, kPoll_ms) > 0) return (output.revents & (POLLERR | POLLHUP)) == 0;
@@ -124,7 +124,7 @@ void Source::follow(const Take &take, const std::function<bool()> &turn) {
     const bool replaced = reader_.replaced();
     const uint64_t before = reader_.seen();
     read(take);
-    // Everything that the old server wrote has been read before the new file is.
+    // The new file is opened only when everything that the old server wrote has been read.
     if (replaced && reader_.seen() == before && ::access(path_.c_str(), R_OK) == 0) {
       reader_ = open_flight(path_);
       model_ = traffic::Model();
@@ -149,11 +149,11 @@ uint64_t Source::now_ns() const {
 traffic::Filter make_filter(const FlightOptions &options, const Context &context) {
   const std::string text = options.filter_text();
   try {
-    // A mistake is named before anything is opened.
+    // Before any file is opened, so that a mistake in the filter is reported first.
     traffic::Filter filter(text, context.catalogue, clock_ns(CLOCK_REALTIME));
     if (text.empty()) return filter;
     Source source(options.file);
-    // Of a damage the command will tell; the time of what comes before it is known.
+    // The command itself reports a damage; here the last time before it counts.
     source.read_to_damage();
     if (source.alive()) return filter;
     return traffic::Filter(text, context.catalogue, source.wall_ns(source.last_ns()));

@@ -13,7 +13,7 @@
 
 namespace msgctl {
 
-// What the commands on recorded traffic have in common.
+// Options that all commands on recorded traffic have.
 struct FlightOptions {
   std::string file = flight::kPath;
   std::vector<std::string> filter;  // its words
@@ -22,14 +22,14 @@ struct FlightOptions {
   std::string filter_text() const;
 };
 
-enum class Personal { kShown, kMasked };  // masked: the command has --no-mask
+enum class Personal { kShown, kMasked };  // kMasked: the command has --no-mask
 
 void add_flight_options(servers::Command *command, Context *context, FlightOptions *options,
                         Personal personal = Personal::kShown);
 void add_filter(servers::Command *command, FlightOptions *options);
 
-// Follows the file of the running server, and takes a copy of any other. Throws a Failure that says
-// what is wrong with it.
+// Follows the file of the running server; copies any other file. Throws a Failure that says what is
+// wrong with the file.
 flight::Reader open_flight(const std::string &path);
 
 class Source {
@@ -39,21 +39,21 @@ class Source {
   // Throws a Failure that says what is wrong with the file.
   explicit Source(std::string path);
 
-  // Hands on what has been recorded and was not read yet, but no more than a whole ring: whoever
-  // wants what came meanwhile reads again.
+  // Gives `take` the records that were not read yet, but no more than a whole ring: the server may
+  // write faster than `take` reads.
   void read(const Take &take);
-  // The same up to a damage, which is precious all the more after a crash: says what it is, nothing
-  // where there is none.
+  // The same up to a damage: the records before it matter most after a crash. Returns what is wrong
+  // or "".
   std::string read_to_damage(const Take &take = [](const traffic::Event &) {});
-  // The same for ever, or to the end of a file that is not the running server's, with `turn` after
-  // each round of 20 ms at least; ends when `turn` returns false, on SIGINT and SIGTERM, and when
-  // nobody reads standard output any more. When a new server has put a new file in this one's
-  // place, that is read from then on.
+  // The same for ever, or to the end of a file that is not the running server's. Calls `turn` after
+  // each round, which takes at least 20 ms. Ends when `turn` returns false, on SIGINT and SIGTERM,
+  // and when nobody reads standard output any more. When a new server has replaced the file, its
+  // file is read from then on.
   void follow(const Take &take, const std::function<bool()> &turn);
 
-  // Called in between events: so many records were overwritten before they could be read.
+  // Called between events: `count` records were overwritten before they could be read.
   std::function<void(uint64_t count)> on_missed = [](uint64_t) {};
-  // A server that was started anew has a file of its own; the model has been emptied.
+  // Called when a new server has replaced the file; the model has been emptied.
   std::function<void()> on_replaced = [] {};
   uint64_t missed() const { return missed_; }
 
@@ -66,7 +66,7 @@ class Source {
   uint64_t records() const { return reader_.seen(); }
   uint64_t before_first() const { return reader_.before_first(); }
 
-  // More may come.
+  // More records may come.
   bool follows() const { return reader_.follows(); }
   // The server that writes the file runs.
   bool alive() const;

@@ -18,7 +18,7 @@ namespace {
 using traffic::Event;
 using traffic::Histogram;
 
-// Whoever sends a message of each type costs no more memory than this many rows.
+// Bounds the memory even when somebody sends messages of all types.
 constexpr size_t kMostRows = 1000;
 constexpr const char *kOthers = "(others)";
 
@@ -49,8 +49,8 @@ Json histogram_json(const Histogram &histogram) {
           {"max_ns", histogram.max()}};
 }
 
-// One line for each power of two between the least and the longest time; all below a microsecond
-// are one.
+// One line for each power of two between the least and the longest time; times below 2048 ns share
+// one line.
 void draw(const char *word, const Histogram &histogram) {
   constexpr unsigned kWidth = 50, kMicrosecond = 10;
   unsigned first = 64, last = 0;
@@ -70,7 +70,7 @@ void draw(const char *word, const Histogram &histogram) {
   print_line(fmt::format("{} time of {} messages", word, histogram.count()));
   for (unsigned power = first; power <= last && power < 64; ++power) {
     const uint64_t here = count(power);
-    // Something is always seen of what is there.
+    // A line that has any messages shows at least one mark.
     const auto width = static_cast<size_t>(here * kWidth / most) + (here > 0 ? 1 : 0);
     print_line(fmt::format("{:>8} {:>8}  {}", "< " + duration_text(uint64_t{2} << power), here,
                            coloured(Colour::kBlue, std::string(width, '#'))));
@@ -100,7 +100,7 @@ void latency(const Options &options, Context *context) {
       add(spans, row(text.type(event.message->type())));
       return;
     }
-    // The time of an answer is that of the request's pair.
+    // The times of an answer belong to the request's pair.
     const flight::Record &record = event.record;
     add({spans.queue_ns, {}, {}}, row(text.pair(record.from, record.to, source.model())));
     if (event.request != nullptr && (spans.handler_ns || spans.total_ns)) {

@@ -36,7 +36,7 @@ void add_common_options(servers::Command *command, Context *context) {
 }  // namespace msgctl
 
 int main(int argc, char **argv) {
-  // A reader that has gone shows as EPIPE.
+  // Without the signal, a reader that has gone shows as EPIPE.
   std::signal(SIGPIPE, SIG_IGN);
   Context context;
   servers::CommandLine line("msgctl", "Looks at the message bus, and takes part in it.");
@@ -68,7 +68,7 @@ int main(int argc, char **argv) {
   for (const catalogue::Problem &problem : context.catalogue.load()) {
     std::fprintf(stderr, "msgctl: %s\n", problem.text().c_str());
   }
-  // A mistake may stand before the option that says how to tell it.
+  // A mistake may come before --json on the command line.
   if (std::any_of(argv + 1, argv + argc,
                   [](const char *word) { return word == std::string_view("--json"); })) {
     line.tell_mistakes([](const std::string &mistake) {

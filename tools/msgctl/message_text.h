@@ -1,4 +1,4 @@
-// Messages that msgctl received, as it prints them.
+// Formats messages that msgctl has received.
 #pragma once
 
 #include <optional>
@@ -15,7 +15,7 @@ enum class Role { kRequest, kAnswer };
 // {"from", "type", "name", "sequence", "data", "length", "body"}
 Json message_json(const Context &context, const ORP_MSG_HEADER_ST &message, Role role);
 
-// The body on one line, "" without one.
+// The body on one line, "" without a body.
 std::string body_line(const Context &context, const ORP_MSG_HEADER_ST &message, Role role);
 
 // A type by its name, constant or number. Throws a Failure.
@@ -25,7 +25,7 @@ uint32_t event_number(const Context &context, const std::string &word);
 // "wan", or "0x2da42".
 std::string event_text(uint32_t event);
 
-// The answer's word, where the catalogue calls it a status, if that is an error.
+// The answer's data word, if the catalogue says that it is a status and the status is an error.
 std::optional<uint32_t> error_of(const Context &context, const ORP_MSG_HEADER_ST &answer);
 
 }  // namespace msgctl

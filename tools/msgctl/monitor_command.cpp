@@ -21,7 +21,7 @@ struct Options {
   bool all = false;
 };
 
-// Deliveries and clock records say little that the other lines do not say.
+// Deliveries and clock records mostly repeat what other lines say.
 bool said_elsewhere(const Event &event) {
   return event.kind() == flight::Kind::kDelivered || event.kind() == flight::Kind::kClock;
 }
@@ -31,7 +31,7 @@ void monitor(const Options &options, Context *context) {
   const bool all = options.all || filter.names_kind();
   EventText text(context->catalogue, !options.flight.no_mask);
   Source source(options.flight.file);
-  // The end of the history, when only so many lines of it are wanted.
+  // The last lines of the history, when only some are wanted.
   const bool few = options.lines != UINT32_MAX;
   std::deque<Line> last;
   bool history = true;

@@ -103,7 +103,7 @@ void request(const Context &context, const Words &words) {
   void *raw = nullptr;
   uint32_t length = 0;
   {
-    // The library waits 20 s for each message.
+    // The library waits 20 s for each message, whatever --timeout says.
     const PatienceAlarm alarm(context, context.timeout_ms,
                               fmt::format("module {} did not answer type {} in {} ms (--timeout): "
                                           "nobody may have registered it",
@@ -118,7 +118,7 @@ void request(const Context &context, const Words &words) {
   const std::unique_ptr<void, decltype(&std::free)> owned(raw, &std::free);
   const std::string_view answer =
       raw == nullptr ? std::string_view() : std::string_view(static_cast<char *>(raw), length);
-  // The catalogue knows nothing of notifications: what a body looks like is all there is.
+  // The catalogue has no notifications, so the body is shown by what it looks like.
   traffic::Message message;
   message.header.ulMsgType = ORP_MSG_TYPE_MASK;
   message.length = length;

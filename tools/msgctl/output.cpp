@@ -76,7 +76,7 @@ void print_line(std::string_view text) {
 
 std::string json_text(const Json &json) {
   const std::string dump = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  // DEL and the C1 controls are allowed in JSON, and command terminals.
+  // JSON allows DEL and the C1 controls unescaped (RFC 8259, 7), and terminals obey them.
   std::string text;
   text.reserve(dump.size());
   for (size_t i = 0; i < dump.size(); ++i) {

@@ -1,5 +1,5 @@
-// What msgctl prints: lines on standard output, each at once, tables, and errors on standard error.
-// No byte from outside reaches the terminal unless it is printable.
+// Prints for msgctl: lines and tables on standard output, each line at once, and errors on standard
+// error. Callers make texts from outside printable first.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -13,23 +13,23 @@ namespace msgctl {
 
 using Json = nlohmann::ordered_json;
 
-// Standard output is a terminal that wants colours (and NO_COLOR is not set).
+// Whether to use colours: standard output is a terminal, and NO_COLOR is not set.
 bool colours();
 
 enum class Colour { kNone, kDim, kRed, kGreen, kYellow, kBlue };
-// `text`, already printable, in a colour if there are any.
+// `text`, already printable, in a colour if colours are used.
 std::string coloured(Colour colour, std::string_view text);
 
-// Writes a line, at once. A reader that has gone ends the process quietly, as it ends `cat`.
+// Writes a line at once. Ends the process quietly when the reader has gone, as `cat` does.
 void print_line(std::string_view text);
 // One JSON object on one line, as UTF-8 whatever its texts hold.
 void print_json(const Json &json);
-// The same as text. No control character stands in it as itself.
+// The same as a text. Control characters in it are escaped.
 std::string json_text(const Json &json);
 // Bytes as they are.
 void print_bytes(std::string_view bytes);
 
-// What standard error gets about a failure: a line of text or of JSON, with its line feed.
+// The line about a failure for standard error, as text or as JSON, with its line feed.
 std::string error_line(bool json, servers::ExitStatus status, std::string_view text);
 
 // A table with aligned columns. Cells must be printable.

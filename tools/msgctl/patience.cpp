@@ -13,7 +13,8 @@
 namespace msgctl {
 namespace {
 
-// What the handler writes: made before, as it may neither allocate nor wait.
+// What the signal handler writes. Made beforehand, because the handler may not allocate
+// (signal-safety(7)).
 std::string &last_line() {
   static std::string line;
   return line;

@@ -1,4 +1,4 @@
-// Calls of the library that wait and print as they like, held to what the user asked for.
+// For calls of the library with a time-out and messages of their own: holds them to msgctl's.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace msgctl {
 
-// While it lives, the process ends with the status for a time-out, and that text on standard error,
-// after `ms`. One at a time.
+// Unless it is destroyed within `ms`, the process ends with the exit status for a time-out and
+// `text` on standard error. Only one may live at a time.
 class PatienceAlarm {
  public:
   PatienceAlarm(const Context &context, uint32_t ms, const std::string &text);
@@ -22,8 +22,8 @@ class PatienceAlarm {
   servers::UniqueFd error_;
 };
 
-// While it lives, standard output and standard error go nowhere: the library says there what it
-// cannot log, and what msgctl prints is for programs, too. What PatienceAlarm says still arrives.
+// While it lives, standard output and standard error go to /dev/null: the library writes there what
+// it cannot log, and programs read what msgctl prints. PatienceAlarm's text still gets through.
 class QuietOutput {
  public:
   QuietOutput();

@@ -28,13 +28,13 @@ uint64_t at(const std::vector<uint64_t> &sorted, double share) {
   return sorted[index];
 }
 
-// Microseconds, as round trips are.
+// In microseconds, the usual unit of round trips.
 std::string us(uint64_t ns) {
   return fmt::format("{:.1f} us", static_cast<double>(ns) / 1e3);
 }
 
-// One round trip. The library's own wait is used as an application uses it: a look of ours at the
-// socket before would be measured, too.
+// One round trip, waited for with the library's own function like in an application: a poll() of
+// ours before it would be measured, too.
 Message round_trip(Bus *bus, const std::string &to, uint32_t type, const std::string &body,
                    uint32_t timeout_ms, uint64_t *took_ns) {
   const Clock::time_point start = Clock::now();
@@ -64,7 +64,7 @@ void ping(const Context &context, const Words &words) {
   const std::string body(words.size, '\0');
 
   Bus bus(context, Bus::Purpose::kIsAnswered);
-  // The first one tells whether there is somebody who answers, and is not counted.
+  // The first one only shows whether somebody answers, and is not counted.
   (void)bus.ask(to, type, 0, body, in_ms(context.timeout_ms));
   std::vector<uint64_t> times;
   times.reserve(words.count);

@@ -1,4 +1,4 @@
-// msgctl policy: the message server's policy, before the server has it.
+// msgctl policy: checks, asks and learns policies without the message server.
 
 #include <fmt/format.h>
 #include <grp.h>
@@ -69,7 +69,7 @@ void add_groups_of(const passwd &user, std::vector<gid_t> *groups) {
   groups->insert(groups->end(), found.begin(), found.begin() + count);
 }
 
-// Whoever calls, unless the options say somebody.
+// The client that the options describe, or else the calling user.
 Who who_of(const Words &words) {
   Who who;
   who.board = words.board;
@@ -120,7 +120,7 @@ void check(const Words &words, const Context &context) {
   }
 }
 
-// What the words of a question stand for; the names are those of the manual page.
+// What each word of a question means. The names are those of the manual page.
 enum class Place : uint8_t { kName, kType, kService, kMethod, kPath };
 struct Form {
   Action action;
@@ -141,7 +141,7 @@ const std::vector<Form> &forms() {
   return forms;
 }
 
-// Refers to the words.
+// The question refers to `words`.
 Question question_of(const std::vector<std::string> &words, const Context &context) {
   const auto action = words.empty() ? std::nullopt : policy::action_of(words.front());
   const auto form = action ? std::ranges::find(forms(), *action, &Form::action) : forms().end();
@@ -204,7 +204,7 @@ void test(const Words &words, Context *context) {
   if (!decision.allowed) context->status = ExitStatus::kNotPermitted;
 }
 
-// What has been seen of one kind of client: nobody for requests by HTTP.
+// What the clients of one user have been seen doing, and how often.
 struct Seen {
   std::map<std::string, int> own;
   std::map<std::string, int> speak_for;
@@ -214,7 +214,7 @@ struct Seen {
   std::map<std::string, int> services;
 };
 
-// A pattern that fits the name. What it may not hold, or would mean something, fits any character.
+// A pattern that matches the name. "?" replaces characters that a pattern may not hold, and "*".
 std::string pattern_of(std::string_view name) {
   std::string pattern(name);
   std::ranges::replace_if(
@@ -239,7 +239,7 @@ class Lesson {
         if (event.message != nullptr) note(*event.message, model, 1);
         break;
       case flight::Kind::kLost:
-        // What was refused is not to be allowed because it was tried.
+        // A refused attempt is not to be allowed only because it was made: take it back.
         if (event.message != nullptr && event.loss() == flight::Loss::kNotPermitted) {
           note(*event.message, model, -1);
         }
@@ -266,13 +266,13 @@ class Lesson {
       Json methods = method == "GET" ? Json{"GET", "HEAD"} : Json{method};
       rules.push_back({{"allow", "http"}, {"methods", methods}, {"paths", paths}});
     }
-    // Who may send what is said above.
+    // The rules above say who may send, so everybody may receive.
     rules.push_back({{"allow", "receive"}});
     return {{"default", "deny"}, {"rules", rules}};
   }
 
  private:
-  using User = std::optional<uid_t>;  // none: over TCP
+  using User = std::optional<uid_t>;  // none: a client over TCP
 
   Seen &of(traffic::ClientId id, const traffic::Model &model) {
     const uid_t user = model.client(id).uid;
@@ -314,7 +314,7 @@ class Lesson {
     }
   }
 
-  // What the server was sent, and gave to an application: an event, or a request for a path.
+  // A message to the server that it passed on to an application: an event, or a request for a path.
   void note_passed_on(const traffic::Message &message, traffic::ClientId to,
                       const traffic::Model &model) {
     if (message.from == 0 || message.to != 0 || to == 0) return;
@@ -346,7 +346,7 @@ class Lesson {
     for (const auto &[type, count] : counts) {
       if (count <= 0) continue;
       const catalogue::MessageType *known = context_.catalogue.find(type);
-      // The name of a range stands for all of it.
+      // The name of a range means all of its types.
       const bool named =
           known != nullptr && (known->number == known->last || type == known->number);
       types.push_back(named ? std::string(known->name) : fmt::format("0x{:x}", type));

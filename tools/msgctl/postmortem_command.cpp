@@ -1,4 +1,4 @@
-// msgctl postmortem: what a dead server left.
+// msgctl postmortem: reads what a dead server has left.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -24,7 +24,7 @@ struct Options {
   uint32_t seconds = 1;
 };
 
-// The file of a server that is gone: the present one, or else the one before.
+// The file of a server that is gone: the current file, or else the one before it.
 std::string dead_file(const std::string &wanted) {
   if (wanted != flight::kPath) return wanted;
   const std::string before = wanted + ".1";

@@ -1,4 +1,4 @@
-// msgctl replay, msgctl mock: a capture's messages against an application, or answers in its place.
+// msgctl replay, msgctl mock: a capture's messages are sent to an application, or answered for it.
 
 #include <fmt/format.h>
 
@@ -35,7 +35,7 @@ struct Options {
   bool live = false;
 };
 
-// A record of a capture: a server's numbers mean others after its restart.
+// Names a record of a capture: numbers are unique only within a server's section.
 struct Id {
   uint32_t section;
   uint64_t number;
@@ -59,7 +59,7 @@ struct Capture {
   uint64_t in_files = 0;  // messages to the application whose bodies were in files
 };
 
-// The sandbox's root is a file system whose source has that name.
+// The root of the sandbox is a tmpfs whose source has that name (tools/sandbox).
 bool in_sandbox() {
   std::ifstream mounts("/proc/self/mounts");
   for (std::string line; std::getline(mounts, line);) {
@@ -84,7 +84,7 @@ std::string contents_of(const std::string &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Times in it refer to the capture's last packet.
+// Times in the filter refer to the capture's last packet.
 traffic::Filter filter_of(const Options &options, const std::string &bytes,
                           const catalogue::Catalogue &catalogue) {
   const std::string text = fmt::format("{}", fmt::join(options.filter, " "));
@@ -100,7 +100,7 @@ traffic::Filter filter_of(const Options &options, const std::string &bytes,
   }
 }
 
-// What can be sent again of the traffic with one application, as a capture has it.
+// Loads from a capture the messages from and to one application that can be sent again.
 class Loader {
  public:
   Loader(const std::string &path, const std::string &name) : path_(path), name_(name) {}
@@ -150,7 +150,7 @@ class Loader {
     if (!theirs && packet.record.to != 0) return;
     std::optional<Id> answers;
     if (packet.answers != 0) answers = Id{section_, packet.answers};
-    // The filter chooses requests; their answers belong to them.
+    // The filter chooses requests; their answers come along.
     if (theirs && !(answers ? chosen_.contains(*answers) : fits)) return;
     if (theirs) chosen_.insert(id);
 
@@ -191,13 +191,13 @@ class Loader {
   uint32_t section_ = 0;
   traffic::Model model_;
   std::set<Id> chosen_;
-  std::map<Id, Recorded> events_;  // accepted for nobody in particular
+  std::map<Id, Recorded> events_;  // accepted without a receiver of their own
 };
 
 double speed_of(const std::string &text) {
   double speed = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), speed);
-  // Also false for what is no number.
+  // The comparisons are also false for NaN.
   if (error != std::errc() || end != text.data() + text.size() || !(speed >= 0 && speed <= 1e6)) {
     throw servers::UsageError("'" + text +
                               "' is no speed: 1 is that of the capture, 2 is twice as "
@@ -206,7 +206,7 @@ double speed_of(const std::string &text) {
   return speed;
 }
 
-// Sends, and counts what comes back.
+// Sends requests and compares the answers with the recorded ones.
 class Player {
  public:
   Player(const Context &context, std::string to)
@@ -324,7 +324,7 @@ struct Answers {
   std::vector<Pair> pairs;
   size_t next = 0;
 
-  // That to the same request, to one with the same data, or else the next one.
+  // The answer to the same request, or else to one with the same data word, or else the next one.
   const Recorded &choose(const ORP_MSG_HEADER_ST &request) {
     const auto same = [&request](bool with_body) {
       return [&request, with_body](const Pair &pair) {

@@ -26,7 +26,7 @@ struct Method {
   uint32_t code;
   const char *help;
 };
-// The codes that the server gives requests by HTTP.
+// The codes that the server writes into requests that come by HTTP.
 constexpr Method kMethods[] = {{"get", 0, "Ask for a resource"},
                                {"post", 1, "Post to a resource"},
                                {"put", 2, "Replace a resource"},
@@ -59,8 +59,8 @@ bool matches(const std::string &pattern, const std::string &path) {
   return ORP_UTIL_MatchPrefixPath(pattern.c_str(), path.c_str()) == 1;
 }
 
-// A request names a registration as it stands, which for a pattern only the server knows. It tells
-// those who may ask; for others a path is what it seems to be.
+// A request must name a registration exactly, and only the server knows which pattern fits a path.
+// Users that may not ask it get the path split at its last slash.
 Target target_of(const Context &context, const std::string &path) {
   const Target plain = split(path);
   std::vector<Json> entries;

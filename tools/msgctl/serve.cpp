@@ -15,7 +15,7 @@
 namespace msgctl {
 namespace {
 
-// What the library of a receiver hands to its procedures.
+// The longest body that the library of a receiver hands to its procedures.
 constexpr size_t kMostOutput = ORP_MSG_MAX_DISPATCHED_BODY;
 
 struct Words {

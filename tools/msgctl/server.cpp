@@ -1,4 +1,4 @@
-// msgctl count, exit, sync, disconnect, stats: what the message server offers and counts.
+// msgctl count, exit, sync, disconnect, stats: the message server's services and counters.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -41,8 +41,8 @@ void count(const Context &context, const Words &words) {
   }
 }
 
-// As the library's ORP_MSG_SafeExitProcesses: the oldest client of the name is asked and waited
-// for, then the server asks all of them.
+// Like ORP_MSG_SafeExitProcesses: asks the oldest client of the name and waits for its answer, then
+// has the server ask all of them.
 void ask_to_exit(const Context &context, const Words &words) {
   const std::string name = application(words.name);
   const Deadline deadline = in_ms(context.timeout_ms);

@@ -42,15 +42,15 @@ struct Answer {
 };
 
 struct Queue {
-  uint64_t waiting = 0;  // messages that were accepted and not delivered
-  uint32_t bytes = 0;    // as the server said when more than half of it was full
+  uint64_t waiting = 0;  // messages that were accepted and not yet delivered
+  uint32_t bytes = 0;    // in the queue, when the server last reported it more than half full
   uint32_t limit = 0;
 };
 
 // What happened in a stretch of time, and the queues at its end.
 class Activity {
  public:
-  // The stretch begins with whatever comes first.
+  // The stretch begins with the first event.
   void note_time(uint64_t time_ns) {
     if (first_ns_ == 0) first_ns_ = time_ns;
   }
@@ -73,7 +73,7 @@ class Activity {
       case flight::Kind::kDelivered:
       case flight::Kind::kLost:
         if (event.kind() == flight::Kind::kLost) ++lost_;
-        // An event is accepted for nobody in particular.
+        // An event was not accepted for one receiver, so no queue has counted it.
         if (event.message != nullptr && event.message->to == record.to) {
           if (Queue &queue = queues_[record.to]; queue.waiting > 0) --queue.waiting;
         }
@@ -99,7 +99,7 @@ class Activity {
     }
   }
 
-  // The queues stay, everything else begins anew.
+  // Begins a new stretch. Only the queues stay.
   void begin(uint64_t now_ns) {
     first_ns_ = now_ns;
     all_ = {};
@@ -236,7 +236,7 @@ void Activity::print_json_lines(const Source &source, const EventText &text, dou
               {"queues", queues}});
 }
 
-// The terminal gives each key at once and shows none. As it was before when this ends.
+// While it lives, the terminal gives each key at once and echoes none.
 class Keys {
  public:
   Keys() {
@@ -253,7 +253,7 @@ class Keys {
   Keys(const Keys &) = delete;
   Keys &operator=(const Keys &) = delete;
 
-  // "q" has been pressed, or the line has been hung up.
+  // Whether "q" has been pressed, or the line has hung up.
   bool quit() const {
     pollfd input{STDIN_FILENO, POLLIN, 0};
     while (set_ && ::poll(&input, 1, 0) > 0) {
@@ -286,7 +286,7 @@ void top(const Options &options, Context *context) {
   Source source(options.flight.file);
   Activity activity;
   const auto take = [&](const Event &event) {
-    // What empties a queue empties what is counted of it.
+    // Whatever the filter is: when a queue is empty, its count must be, too.
     const bool ends_queue =
         event.kind() == flight::Kind::kRelieved || event.kind() == flight::Kind::kEnded;
     activity.note_time(event.record.time_ns);
@@ -319,7 +319,7 @@ void top(const Options &options, Context *context) {
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
   };
   uint64_t next_ns = now_ns();
-  bool past = true;  // the first picture is that of everything there is
+  bool past = true;  // the first picture shows everything that the file holds
   source.follow(take, [&] {
     if (keys.quit()) return false;
     const uint64_t now = now_ns();

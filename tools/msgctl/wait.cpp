@@ -1,4 +1,4 @@
-// msgctl wait: until an application is there, or gone, or an event comes.
+// msgctl wait: waits until an application is there or gone, or until an event comes.
 
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -15,7 +15,7 @@
 namespace msgctl {
 namespace {
 
-// The server does not tell when somebody comes or goes.
+// The server does not tell when somebody comes or goes, so it is asked again and again.
 constexpr uint32_t kLook_ms = 50;
 
 struct Words {
@@ -28,7 +28,7 @@ void pause_until(Deadline deadline) {
   ::usleep(1000 * std::min(kLook_ms, ms_until(deadline)));
 }
 
-// Scripts wait while a system starts: the server, too, may still have to come.
+// Scripts wait while a system starts, so the server itself may not be there yet.
 void wait_for_server(Deadline deadline) {
   struct stat status {};
   while (::stat(ORP_MSG_SERVER_PATH, &status) != 0 && ms_until(deadline) > 0) {
@@ -56,7 +56,7 @@ void wait_for_application(const Context &context, const std::string &name, bool 
   if (there) wait_for_server(deadline);
   Bus bus(context, Bus::Purpose::kIsAnswered, deadline);
   for (;;) {
-    // The last look still gets time for its answer.
+    // The last question still gets time for its answer.
     const uint32_t count = bus.count(name, std::max(deadline, in_ms(1000)));
     if ((count > 0) == there) {
       if (context.json) print_json({{"name", name}, {"clients", count}});

@@ -15,7 +15,7 @@ using traffic::ClientId;
 using traffic::Message;
 using traffic::Wait;
 
-// Deeper trees are cut: they only cost room.
+// Deeper trees are cut: they would only take room.
 constexpr size_t kMostDepth = 32;
 
 uint64_t age_ns(uint64_t since_ns, const Source &source) {
@@ -26,7 +26,7 @@ uint64_t age_ns(uint64_t since_ns, const Source &source) {
 }  // namespace
 
 std::vector<Deadlock> deadlocks(const std::vector<Wait> &waits) {
-  // Whoever goes on sending is not stuck.
+  // A client that goes on sending is not stuck.
   std::vector<Wait> silent;
   std::map<ClientId, const Wait *> by_client;
   std::copy_if(waits.begin(), waits.end(), std::back_inserter(silent),
@@ -43,7 +43,7 @@ std::vector<Deadlock> deadlocks(const std::vector<Wait> &waits) {
       deadlock.since_ns = std::max(deadlock.since_ns, wait.request->accepted_ns);
       deadlock.certain = deadlock.certain && wait.certain;
     }
-    // One that sends itself something may well not want an answer.
+    // A client that sends itself a message may well not expect an answer.
     if (circle.size() > 1 || deadlock.certain) found.push_back(std::move(deadlock));
   }
   return found;
@@ -120,7 +120,7 @@ std::vector<std::string> waits_lines(const std::vector<Wait> &waits, const Sourc
       self(self, request.to, depth + 1);
     }
   };
-  // Those for whom nobody waits are the roots; a circle has none and begins anywhere.
+  // Clients for whom nobody waits are the roots. A circle has no root and begins anywhere.
   for (const auto &[client, own] : by_client) {
     if (!awaited.contains(client)) print(print, client, 0);
   }

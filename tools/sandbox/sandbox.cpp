@@ -1,15 +1,15 @@
-// sandbox: runs one command in a private user, mount, process and network namespace in which the
+// sandbox: runs one command in private user, mount, process and network namespaces, in which the
 // fixed paths of the library exist and can be written.
 //
-// With --listen the command gets a listening socket of the machine's own network, which stays in
-// that network wherever it is used: the one way into the sandbox.
+// With --listen the command gets a listening socket of the machine's own network. A socket stays in
+// the network in which it was made (network_namespaces(7)): this is the only way into the sandbox.
 //
-// The command sees the machine's files on a root of its own: every directory of the machine is
-// bound into a fresh tmpfs, but for the trees in which the library's fixed paths lie (/var, /mnt,
-// ...), which are empty directories of that tmpfs. Of the machine's own trees of these names only
-// what the command cannot do without is there: /var/lib and /var/cache, which cannot be written,
-// and the part in which the command, this program or the working directory lies. When the command
-// ends, its namespaces and everything in them are gone.
+// The command has a root of its own: a fresh tmpfs, into which every directory of the machine is
+// bound except for the trees that hold the library's fixed paths (/var, /mnt, ...). These are empty
+// directories of the tmpfs. Of the machine's own trees with these names the command gets only what
+// it cannot do without: /var/lib and /var/cache, read-only, and the part that holds the command,
+// this program or the working directory. When the command ends, its namespaces and everything in
+// them are gone.
 //
 // Three processes: the launcher (forwards signals and the exit status), the init of the process
 // namespace (reaps orphans), and the command.
@@ -50,8 +50,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Each holds a fixed path of the library or a place that it takes files from. /tmp is the
-// machine's: by it files pass in and out.
+// Each holds a fixed path of the library or a place that it takes files from. /tmp stays the
+// machine's, so that files can pass in and out.
 constexpr const char *kPrivateTrees[] = {"app", "data", "html", "mnt", "online", "system", "var"};
 
 constexpr int kUsage = 2;
@@ -95,9 +95,10 @@ void enter_namespaces() {
   write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n");
 }
 
-// Keeps what is mounted here out of the machine's sight. In a chroot the root is no mount, which
-// this and pivot_root need: joining the mount namespace that the process is in already leads to its
-// real root, and the chroot's directory, bound to itself, becomes a mount there.
+// Keeps what is mounted here out of the machine's sight. This and pivot_root(2) need a root that is
+// a mount point, which it is not in a chroot. Joining the mount namespace in which the process is
+// already leads to the real root (setns(2)); there the chroot's directory is bound to itself, which
+// makes it a mount point.
 void make_mounts_private() {
   constexpr unsigned long kPrivate = MS_REC | MS_PRIVATE;
   if (::mount(nullptr, "/", nullptr, kPrivate, nullptr) == 0) return;
@@ -130,12 +131,12 @@ void show(const fs::path &source, const fs::path &target) {
     std::ofstream{target};
   }
   if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-    // An entry that cannot be bound (a mount of another user, say) is simply not shown.
+    // An entry that cannot be bound, for example another user's mount, is not shown.
     fs::remove(target);
   }
 }
 
-// Makes `target` a directory of ours that shows what `source` holds, but for `hidden`.
+// Makes `target` a directory of ours that shows what `source` holds, except for `hidden`.
 void mirror(const fs::path &source, const fs::path &target, const std::set<std::string> &hidden) {
   fs::create_directories(target);
   std::error_code ignored;
@@ -145,12 +146,12 @@ void mirror(const fs::path &source, const fs::path &target, const std::set<std::
   }
 }
 
-// Before the machine's own views are detached: an ordinary user may mount a fresh one only beside
-// one that is visible.
+// Call it before the machine's own views are detached: an ordinary user may mount a fresh one only
+// while another one is visible (user_namespaces(7)).
 void mount_kernel_views(const fs::path &root) {
   constexpr unsigned long kFlags = MS_NOSUID | MS_NODEV | MS_NOEXEC;
   check(::mount("proc", (root / "proc").c_str(), "proc", kFlags, nullptr) == 0, "mount /proc");
-  // A container may refuse a fresh sysfs; only tests of interfaces under /sys miss it then.
+  // A container may refuse a fresh sysfs. Only tests of interfaces below /sys miss it then.
   ::mount("sysfs", (root / "sys").c_str(), "sysfs", kFlags, nullptr);
 }
 
@@ -169,7 +170,7 @@ void show_what_holds(const fs::path &path, const fs::path &root) {
   show("/" / entry, root / entry);
 }
 
-// Packages' data bases and caches, which programs of the machine read.
+// For the packages' databases and caches, which programs of the machine read.
 void show_read_only(const fs::path &directory, const fs::path &root) {
   const fs::path target = root / directory;
   if (!fs::is_directory("/" / directory) || fs::exists(target)) return;
@@ -183,17 +184,17 @@ void show_read_only(const fs::path &directory, const fs::path &root) {
   }
 }
 
-// `used` are the paths that must be visible.
+// `used` are paths that must be visible on the new root.
 void build_root(const std::vector<fs::path> &used) {
   make_mounts_private();
 
   const fs::path here = fs::current_path();
-  // The place where the new root is built, removed again as soon as the root is entered.
+  // Where the new root is built. Removed as soon as the root is entered.
   char place[] = "/tmp/sandbox.XXXXXX";
   check(::mkdtemp(place) != nullptr, "make a directory in /tmp");
   const fs::path root = place;
-  // Large folios, where the kernel has them, make the files that carry large bodies cheap. The
-  // source's name is what scripts know the sandbox by.
+  // Large folios, if the kernel has them, make hand-over files cheap. Scripts know the sandbox by
+  // the name of the mount's source.
   check(::mount("sandbox", place, "tmpfs", 0, "mode=0755,huge=within_size") == 0 ||
             ::mount("sandbox", place, "tmpfs", 0, "mode=0755") == 0,
         "mount a root");
@@ -221,7 +222,7 @@ void build_root(const std::vector<fs::path> &used) {
   if (::chdir(here.c_str()) != 0) check(::chdir("/") == 0, "chdir");
 }
 
-// "127.0.0.1:8970". The command has it as the descriptor 3, and nothing else.
+// Listens at an address like "127.0.0.1:8970". The command gets the socket as descriptor 3.
 void listen_outside(const std::string &where) {
   constexpr int kDescriptor = 3;
   const size_t colon = where.rfind(':');
@@ -258,8 +259,8 @@ void bring_up_loopback() {
   ::close(fd);
 }
 
-// Where this program stands. To be asked before the namespaces are entered, from which the link
-// cannot be read when the machine is a chroot; a bare one may have no /proc at all.
+// The directory of this program. Call it before the namespaces are entered: in a chroot the link
+// cannot be read afterwards. A bare system may have no /proc at all.
 fs::path own_directory() {
   std::error_code failure;
   const fs::path link = fs::read_symlink("/proc/self/exe", failure);
@@ -267,7 +268,7 @@ fs::path own_directory() {
   return fs::canonical(reinterpret_cast<const char *>(::getauxval(AT_EXECFN))).parent_path();
 }
 
-// The host's forms of the platform's programs stand beside this one and come before the machine's.
+// The host's forms of the platform's programs are beside this one, and come before the machine's.
 void put_programs_first(const fs::path &directory) {
   const char *rest = std::getenv("PATH");
   std::string path = directory;
@@ -291,7 +292,7 @@ void forward_signals_to(pid_t child) {
   for (int signal : kForwarded) ::sigaction(signal, &action, nullptr);
 }
 
-// Signals wait while a child is made, so that none is lost before they can be forwarded.
+// Blocks signals while the child is made, so that none is lost before they can be forwarded.
 pid_t fork_with_signals_held() {
   sigset_t held, before;
   sigemptyset(&held);

@@ -26,7 +26,7 @@ std::string hex(std::string_view bytes) {
   return text;
 }
 
-// Characters and perhaps one NUL at the end.
+// Whether these are characters, with at most one NUL, at the end.
 bool is_text(std::string_view bytes) {
   if (bytes.ends_with('\0')) bytes.remove_suffix(1);
   while (!bytes.empty()) {
@@ -47,7 +47,7 @@ Json value_json(std::string_view bytes) {
   return Json{{"hex", hex(bytes)}};
 }
 
-// docs/events.md has the layout; nothing is believed that the bytes do not have.
+// docs/events.md has the layout. Sizes are never believed beyond the bytes that are there.
 Json items_json(std::string_view body) {
   constexpr size_t kHead = 24, kItemHead = 12;
   Json items = Json::array();
@@ -70,7 +70,7 @@ bool is_dm(std::string_view body) {
   return body.size() >= 24 && word_at(body, 0) == ORP_DMMSG_MAGIC;
 }
 
-// Whether texts in it are to be shown as the JSON that they are.
+// The text as a value: JSON objects and arrays as such, other texts as a string.
 Json text_json(std::string_view body) {
   const std::string_view text = without_nul(body);
   if (text.starts_with('{') || text.starts_with('[')) {
@@ -80,7 +80,7 @@ Json text_json(std::string_view body) {
   return servers::printable(text);
 }
 
-// docs/restful.md has the layout. Of a body that was not kept whole, as far as it goes.
+// docs/restful.md has the layout. A body that was not kept whole is shown as far as it goes.
 Json restful_json(std::string_view body) {
   const auto field = [body](size_t at, size_t size) {
     return body.substr(std::min(at, body.size()), size);
@@ -122,7 +122,7 @@ std::string items_line(const Json &body, bool is_cut) {
   return line;
 }
 
-// Whether it has no more levels than that, and no object with too many members.
+// Whether the JSON has at most `most` levels, and no object with too many members.
 bool is_bounded(std::string_view json, size_t most) {
   std::vector<size_t> members;  // on each level
   bool in_string = false;

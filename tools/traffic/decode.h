@@ -1,4 +1,4 @@
-// Bodies of messages as people and programs read them.
+// Message bodies in forms that people and programs can read.
 #pragma once
 
 #include <cstddef>
@@ -13,18 +13,17 @@ namespace traffic {
 
 using Json = nlohmann::ordered_json;
 
-// Values are copied and written recursively, so text from outside may not nest at will.
+// JSON values are copied and written recursively, so nesting is bounded for texts from outside.
 constexpr size_t kMostNested = 100;
-// Each member of an object is looked for among all of them.
+// Finding a member takes a walk over all members of its object, so their number is bounded, too.
 constexpr size_t kMostMembers = 1024;
-// The value of a JSON text; a discarded one for what is none, nests deeper, or has an object with
-// more members.
+// The value of a JSON text. A discarded value for a text that is no JSON or exceeds these limits.
 Json parsed(std::string_view text, size_t most_nested = kMostNested);
 
-// The body by what the catalogue says of its type, or by what it looks like: the fields of a
-// restful request, DM items, JSON, text, or {"hex": "..."}; null without one. What was not kept is
-// named in the member "missing" of objects, and is "..." at the end of texts. Texts that are no
-// UTF-8 have their bad bytes as \x1b.
+// The body as the catalogue describes its type, or else as what it looks like: the fields of a
+// restful request, DM items, JSON, text, or {"hex": "..."}; null without a body. When a body was
+// not kept whole, an object has a member "missing", and a text ends with "...". Bytes that are no
+// UTF-8 are shown as \x1b.
 Json body_json(const Message &message, const catalogue::Catalogue &catalogue);
 
 // The same on one line without control characters, "" without a body.

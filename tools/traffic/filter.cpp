@@ -22,7 +22,7 @@ using flight::Kind;
 using flight::Loss;
 
 constexpr uint64_t kSecond_ns = 1'000'000'000;
-// Deeper parentheses are a mistake, and would only cost stack.
+// Nobody nests parentheses deeper than by mistake, and each level takes stack.
 constexpr int kMostDepth = 64;
 
 enum class Compare { kEqual, kUnequal, kLess, kLessEqual, kGreater, kGreaterEqual };
@@ -83,7 +83,7 @@ bool is_event(uint32_t type) {
   return type >> 8 == ORP_MSG_EVENT_PAGE;
 }
 
-// "-5s", "14:30", "2026-03-01T14:30:00.5"; since 1970.
+// "-5s", "14:30", "2026-03-01T14:30:00.5" as ns since 1970.
 std::optional<uint64_t> point_in_time(std::string_view text, uint64_t now_ns) {
   if (text.starts_with('-')) {
     constexpr std::array<std::pair<std::string_view, uint64_t>, 5> kUnits{
@@ -376,7 +376,7 @@ class Parser {
     if (item.find_first_of("*?[") != std::string::npos) return {{1, 0}, item};
     if (const auto number = catalogue_->number_of(item)) {
       const catalogue::MessageType *known = catalogue_->find(*number);
-      // The name of a range of types means all of them, a number only itself.
+      // The name of a range means all of its types, a number only itself.
       const bool by_name = known != nullptr && known->name == item;
       return {{*number, by_name ? known->last : *number}, ""};
     }
@@ -405,7 +405,7 @@ class Parser {
   int depth_ = 0;
 };
 
-// The type that a record tells of, if it does.
+// The message type that a record is about, if it is about one.
 std::optional<uint32_t> type_of(const Event &event) {
   if (event.message != nullptr) return event.message->type();
   switch (event.kind()) {

@@ -14,7 +14,7 @@
 //   kind=   accepted, delivered, lost, connected ...; see docs/flight-file.md
 //   loss=   queue-full ...; "lost" alone: any loss
 //   since=, until=     -5s, -10min, 14:30, 14:30:05.250, 2026-03-01T14:30:00 (UTC)
-//   answer, request    messages that answer another, or were answered
+//   answer, request    messages that answer a request, requests that were answered
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,7 @@
 
 namespace traffic {
 
-// What is wrong with a filter, with the place in it, for the user.
+// A mistake in a filter; what() tells the user what is wrong, and where.
 struct FilterError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -37,17 +37,17 @@ class Filter {
  public:
   // Matches everything.
   Filter();
-  // `now_ns`, since 1970, is what relative times and times of day refer to. The catalogue must
-  // outlive the filter. Throws FilterError.
+  // Relative times and times of day refer to `now_ns`, since 1970. The catalogue must outlive the
+  // filter. Throws FilterError.
   Filter(std::string_view text, const catalogue::Catalogue &catalogue, uint64_t now_ns);
   ~Filter();
   Filter(Filter &&) noexcept;
   Filter &operator=(Filter &&) noexcept;
 
   bool matches(const Event &event, const Model &model) const;
-  // The same for a message when it was accepted, at `wall_ns`.
+  // Whether the record that accepted `message`, at `wall_ns`, would match.
   bool matches(const Message &message, uint64_t wall_ns, const Model &model) const;
-  // It has a term for kinds of records.
+  // Whether the filter has a term for kinds of records.
   bool names_kind() const;
 
   struct Node;

@@ -9,7 +9,7 @@ namespace traffic {
 size_t Histogram::class_of(uint64_t value) {
   if (value < (uint64_t{1} << kBits)) return static_cast<size_t>(value);
   const unsigned shift = static_cast<unsigned>(std::bit_width(value)) - kBits - 1;
-  // What follows the leading bit numbers the classes of that power of two.
+  // The bits behind the leading one number the classes of this power of two.
   return (size_t{shift} << kBits) + static_cast<size_t>(value >> shift);
 }
 

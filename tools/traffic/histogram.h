@@ -1,4 +1,4 @@
-// Times, counted in classes that grow with them: any quantile is known to 3 %.
+// Times, counted in classes that grow with them, so that any quantile is known to about 3 %.
 #pragma once
 
 #include <array>
@@ -19,8 +19,8 @@ class Histogram {
   // class, but no more than the maximum. 0 without values.
   uint64_t quantile(double fraction) const;
 
-  // How many values lie from `first` up to and without `last`; the ends count by whole classes, so
-  // they should be powers of two.
+  // How many values lie from `first` up to, but without, `last`. Only whole classes are counted, so
+  // both should be powers of two.
   uint64_t between(uint64_t first, uint64_t last) const;
 
  private:

@@ -3,7 +3,7 @@
 namespace traffic {
 namespace {
 
-// The clock is monotonic, but a file may say anything.
+// The recorder's clock is monotonic, but a damaged file may say anything.
 uint64_t span(uint64_t from_ns, uint64_t to_ns) {
   return to_ns < from_ns ? 0 : to_ns - from_ns;
 }

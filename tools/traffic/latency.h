@@ -15,14 +15,14 @@ struct Times {
   Histogram total;    // a request accepted until its answer was delivered
 };
 
-// What one event adds: at most one of each.
+// The times that one event adds, at most one of each kind.
 struct Spans {
   std::optional<uint64_t> queue_ns;
   std::optional<uint64_t> handler_ns;
   std::optional<uint64_t> total_ns;
 };
 
-// A request that the server itself answers counts as delivered when it was accepted.
+// A request to the server itself counts as delivered when it is accepted.
 Spans spans_of(const Event &event);
 
 }  // namespace traffic

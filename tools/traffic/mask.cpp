@@ -16,8 +16,8 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t";
 
-// Where the characters of a text begin, and its end. In the text of a JSON string an escape
-// sequence is one character.
+// Where each character of a text begins, and then the text's end. In the text of a JSON string an
+// escape sequence (RFC 8259, 7) is one character.
 enum class Form { kPlain, kJson };
 std::vector<size_t> characters(std::string_view text, Form form) {
   constexpr size_t kEscape = 2, kUnicodeEscape = 6;
@@ -35,7 +35,7 @@ std::vector<size_t> characters(std::string_view text, Form form) {
   return begins;
 }
 
-// One * for each byte; personal values keep their first and last character.
+// Writes one * for each byte. Personal values keep their first and last character.
 void hide(std::span<char> value, Care care, Form form = Form::kPlain) {
   if (care == Care::kNone) return;
   while (!value.empty() && value.back() == '\0') value = value.first(value.size() - 1);
@@ -57,7 +57,7 @@ void for_each_text(std::span<char> bytes, Hide hide_in) {
   }
 }
 
-// As the library masks a text in a log.
+// Masks as the library does in logs.
 void hide_patterns(std::span<char> bytes) {
   std::string text(bytes.begin(), bytes.end());
   MlogBlurString(text.data(), static_cast<uint32_t>(text.size()));
@@ -65,7 +65,7 @@ void hide_patterns(std::span<char> bytes) {
   std::copy(text.begin(), text.end(), bytes.begin());
 }
 
-// The beginning of a value that the end of the bytes cuts off is not found by a pattern.
+// Hides what may be the beginning of an address at the end of cut bytes: no pattern finds it.
 void hide_cut_end(std::span<char> bytes) {
   for (size_t i = bytes.size(); i > 0; --i) {
     char &c = bytes[i - 1];
@@ -82,7 +82,7 @@ uint32_t word_at(std::span<const char> bytes, size_t at) {
   return word;
 }
 
-// docs/events.md has the layout. What is left of a cut body is enough.
+// docs/events.md has the layout. A cut body is masked as far as it goes.
 void hide_items(std::span<char> body) {
   constexpr size_t kHead = 24, kItemHead = 12;
   size_t at = kHead;
@@ -107,7 +107,8 @@ bool is_of_word(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0;
 }
 
-// The text of a JSON string. What is no ASCII character does not matter here.
+// The text of a JSON string, to look for names and assignments in. These are ASCII, so other
+// characters need not come out right.
 std::string unescaped(std::string_view text) {
   constexpr size_t kUnicodeEscape = 6;
   const std::vector<size_t> begins = characters(text, Form::kJson);
@@ -127,13 +128,14 @@ std::string unescaped(std::string_view text) {
   return plain;
 }
 
-// What stands there instead is a number for whoever reads the JSON: without zeros before it.
+// Replaces digits by blanks and one 0, so that the text stays JSON: a number has no leading zeros
+// (RFC 8259, 6).
 void hide_number(std::span<char> digits) {
   std::fill(digits.begin(), digits.end(), ' ');
   digits.back() = '0';
 }
 
-// What the name in front of an equals sign says, which is the last of `before` but for blanks.
+// `before` ends with an equals sign, and perhaps blanks: the care of the name in front of the sign.
 Care assigned(std::string_view before) {
   const size_t sign = before.find_last_not_of(kBlanks);
   if (sign == before.npos || before[sign] != '=') return Care::kNone;
@@ -145,13 +147,13 @@ Care assigned(std::string_view before) {
   return care_of(before.substr(begin, last + 1 - begin));
 }
 
-// Up to the next such quote that is not escaped.
+// The position of the next `quote` that is not escaped, or the end.
 size_t end_of_quoted(std::string_view text, size_t at, char quote) {
   while (at < text.size() && text[at] != quote) at += text[at] == '\\' ? 2 : 1;
   return std::min(at, text.size());
 }
 
-// name=value and name='value', as command lines, addresses of the web and settings have it.
+// Hides the values of name=value and name='value', as in command lines, URLs and settings.
 void hide_assignments(std::span<char> text) {
   const std::string_view whole(text.data(), text.size());
   for (size_t sign = whole.find('='); sign != whole.npos; sign = whole.find('=', sign + 1)) {
@@ -171,9 +173,9 @@ void hide_assignments(std::span<char> text) {
 
 void hide_members(std::span<char> text, int depth);
 
-// The text of a JSON string, which may hold assignments, and JSON itself.
+// Masks the text of a JSON string, which may itself hold assignments and JSON.
 void hide_string(std::span<char> string, Care care, int depth) {
-  // Nobody wraps so often what is to be read.
+  // JSON that is to be read is not wrapped this often.
   constexpr int kDeepest = 8;
   const std::string_view text(string.data(), string.size());
   if (care == Care::kNone && text.find_first_of("\\=\"") == text.npos) return;
@@ -192,14 +194,14 @@ void hide_string(std::span<char> string, Care care, int depth) {
   }
 }
 
-// The members of JSON objects: "name": "value". A name also speaks for what is in the array or the
-// object that is its value. And what is assigned, in strings and between them.
+// Masks the members of JSON objects, "name": "value". When the value is an array or an object, the
+// name also counts for everything in it. Masks assignments, too, in strings and between them.
 void hide_members(std::span<char> text, int depth) {
   const std::string_view whole(text.data(), text.size());
   std::vector<Care> around;  // of each bracket that is open
   const auto inherited = [&around] { return around.empty() ? Care::kNone : around.back(); };
-  Care care = Care::kNone;  // of the value that comes
-  bool named = false;       // its name has been read
+  Care care = Care::kNone;  // of the next value
+  bool named = false;       // the name of that value has been read
   size_t gap = 0;           // the end of the last string
   size_t at = 0;
   while (at < text.size()) {
@@ -215,13 +217,13 @@ void hide_members(std::span<char> text, int depth) {
         continue;
       }
       const Care value_care = std::max(care, assigned(whole.substr(0, at)));
-      // A quote without another one begins no string.
+      // A quote without a second one begins no string.
       if (value_care == Care::kNone && around.empty() && end == text.size()) {
         gap = begin;
         break;
       }
       hide_string(text.subspan(begin, end - begin), value_care, depth);
-      // Outside of brackets a quote need not be JSON's: the next may be the first of a pair.
+      // Outside of brackets a quote need not be JSON's, so the closing one may open the next pair.
       gap = at = around.empty() ? end : std::min(end + 1, text.size());
     } else if (is_in(c, "{[")) {
       around.push_back(care);
@@ -256,7 +258,7 @@ Care care_of(std::string_view name) {
   constexpr std::array<std::string_view, 10> kSecret{
       "passw",  "passphrase", "secret",     "wepkey",        "token",
       "wpakey", "sharedkey",  "privatekey", "authorization", "cookie"};
-  // Words at the end only: "wifi_pin", but not "pinned".
+  // These count only as the last word: "wifi_pin", but not "pinned".
   constexpr std::array<std::string_view, 5> kSecretEnd{"psk", "pin", "puk", "pwd", "pass"};
   constexpr std::array<std::string_view, 13> kPersonal{
       "ssid",  "account", "user", "login",       "serial",   "imei",      "imsi",
@@ -282,7 +284,7 @@ void mask_body(std::span<char> body, bool cut) {
   if (body.size() >= kDmHead && word_at(body, 0) == ORP_DMMSG_MAGIC) {
     hide_items(body);
   }
-  // JSON may stand in an item or after the fields of a restful request.
+  // An item may hold JSON, and so may a restful request after its fields.
   hide_text(body);
   if (cut) hide_cut_end(body);
 }

@@ -76,12 +76,12 @@ void Model::end(const flight::Record &record, std::string_view reason) {
   if (!client.ended) ended_.push_back(record.from);
   client.ended = true;
   client.last_words = reason;
-  // Nobody waits for it, and it waits for nobody.
+  // Nobody waits for this client any more, and it waits for nobody.
   std::erase_if(open_, [&record](const auto &each) {
     return std::get<0>(each.first) == record.from || std::get<1>(each.first) == record.from;
   });
   if (ended_.size() <= kMostEnded) return;
-  // Its number is never used again, though a file may say anything.
+  // A server never uses a number again, but a damaged file may say anything.
   const auto oldest = clients_.find(ended_.front());
   ended_.pop_front();
   if (oldest == clients_.end() || !oldest->second.ended) return;
@@ -108,14 +108,14 @@ void Model::accept(const flight::Entry &entry) {
   message.body = entry.text();
   message.accepted_ns = record.time_ns;
 
-  // The record of its name may be overwritten already.
+  // The record of the sender's name may be overwritten already.
   Client &sender = clients_[message.from];
   if (message.from != 0 && sender.name.empty()) sender.name = name_of(header.aucSendApp);
   if (message.to != 0 && clients_[message.to].name.empty()) {
     clients_[message.to].name = name_of(header.aucRecvApp);
   }
 
-  // A file may repeat a number. The later message takes the place of the earlier one.
+  // A damaged file may repeat a number. The later message replaces the earlier one.
   if (const auto earlier = messages_.find(message.number); earlier != messages_.end()) {
     close(earlier->second);
     messages_.erase(earlier);
@@ -196,7 +196,7 @@ std::vector<Wait> Model::waits(const Known &answered) const {
     const std::optional<bool> known = answered(request->type());
     if (known == false) continue;
     const bool by_type = known == true || answers_by_type_.contains(request->type());
-    // Whoever waits synchronously sends nothing meanwhile.
+    // A client that waits synchronously sends nothing meanwhile.
     const auto last = last_sent_.find(request->from);
     const bool silent = last != last_sent_.end() && last->second == number;
     if (by_type || silent) found.push_back({request, by_type && silent, silent});
@@ -213,7 +213,7 @@ std::vector<std::vector<ClientId>> Model::circles(const std::vector<Wait> &waits
   std::vector<std::vector<ClientId>> circles;
   std::set<ClientId> done;
   std::vector<ClientId> path;
-  // Follows every way from `at`; a client that is met again on the way closes a circle.
+  // Follows every path from `at`. A client that is met again on the path closes a circle.
   const auto walk = [&](const auto &self, ClientId at) -> void {
     if (const auto met = std::find(path.begin(), path.end(), at); met != path.end()) {
       circles.emplace_back(met, path.end());

@@ -2,7 +2,8 @@
 // and which message answers which.
 //
 // An answer has its request's type and sequence number and goes the other way. Nothing in a message
-// says whether its sender expects one; requests() decides that by what has been seen.
+// says whether its sender expects an answer; waits() decides that by the catalogue and by what has
+// been seen.
 #pragma once
 
 #include <cstdint>
@@ -27,12 +28,13 @@ struct Client {
   std::string name;  // empty without one
   uint32_t pid = 0;
   uint32_t uid = 0;
-  std::string program;  // or the address of another board
+  std::string program;  // or the address of a client on another board
   bool ended = false;
   std::string last_words;  // why it ended
 };
 
-// One message on its way to one receiver. An event that several get has one for each.
+// A message that the server has accepted. An event is one message to the server, however many
+// applications get it.
 struct Message {
   uint64_t number = 0;  // of the record that accepted it
   ClientId from = 0;
@@ -45,9 +47,9 @@ struct Message {
   uint64_t accepted_ns = 0;
   uint64_t delivered_ns = 0;  // to the first receiver; 0: not yet
   flight::Loss loss = flight::Loss::kNone;
-  uint64_t answers = 0;      // number of the request that this one answers
-  uint64_t answered_by = 0;  // number of its answer
-  uint64_t answered_ns = 0;  // when that was accepted
+  uint64_t answers = 0;      // number of the request that this one answers; 0: none
+  uint64_t answered_by = 0;  // number of its answer; 0: none yet
+  uint64_t answered_ns = 0;  // when the answer was accepted
 
   uint32_t type() const { return header.ulMsgType; }
 };
@@ -57,7 +59,7 @@ struct Event {
   flight::Record record;
   uint64_t wall_ns = 0;              // since 1970
   std::string text;                  // of records that have one
-  const Message *message = nullptr;  // of what it tells; null when that is not known any more
+  const Message *message = nullptr;  // that it is about; null when that is not known (any more)
   const Message *request = nullptr;  // that the message answers
 
   flight::Kind kind() const { return static_cast<flight::Kind>(record.kind); }
@@ -67,26 +69,26 @@ struct Event {
 // A request without an answer.
 struct Wait {
   const Message *request;
-  // Messages of that type are known to be answered, and its sender has sent nothing since.
+  // Messages of this type are known to be answered, and the sender has sent nothing since.
   bool certain;
-  // Its sender has sent nothing since: it may be waiting synchronously.
+  // The sender has sent nothing since: it may be waiting synchronously.
   bool silent;
 };
 
 class Model {
  public:
-  // Clients that have left are remembered for a while: the last of them.
+  // So many clients that have left are remembered.
   static constexpr size_t kMostEnded = 1024;
 
-  // How many messages are remembered.
+  // Remembers the last `most_messages` messages.
   explicit Model(size_t most_messages = 65536) : most_messages_(most_messages) {}
 
-  // What the event points to is valid until the next call.
+  // The pointers in the event are valid until the next call.
   Event take(const flight::Entry &entry, uint64_t wall_ns);
 
-  // What is known about a client; an empty one if that is nothing.
+  // What is known about a client; an empty Client for an unknown one.
   const Client &client(ClientId id) const;
-  // What a client is called, from elsewhere than its records, which come first.
+  // Gives a client a name from another source. Its own records take precedence.
   void learn_name(ClientId id, std::string_view name);
   const std::map<ClientId, Client> &clients() const { return clients_; }
   // "wifi", "wifi[123]" while several have the name, "#7" for a client without one, "server".
@@ -94,12 +96,12 @@ class Model {
   const Message *message(uint64_t number) const;
   const std::deque<uint64_t> &messages() const { return order_; }
 
-  // Requests whose answer is expected and has not come, the oldest first. `answered` tells of a
-  // type whether the catalogue knows it to be answered (true), or not to be (false).
+  // Requests whose answer is expected and has not come, the oldest first. `answered` says whether
+  // messages of a type are answered, as far as the catalogue knows the type.
   using Known = std::function<std::optional<bool>(uint32_t type)>;
   std::vector<Wait> waits(const Known &answered) const;
 
-  // Who waits for himself in the end: clients in the order in which they wait for each other.
+  // Circles of waiting: clients in the order in which each waits for the next.
   static std::vector<std::vector<ClientId>> circles(const std::vector<Wait> &waits);
 
  private:
@@ -108,7 +110,7 @@ class Model {
   void accept(const flight::Entry &entry);
   void end(const flight::Record &record, std::string_view reason);
   void link(Message *message);
-  // Nobody waits for its answer any more.
+  // Nobody waits for the message's answer any more.
   void close(const Message &message);
   void forget_oldest();
   Message *find(uint64_t number);

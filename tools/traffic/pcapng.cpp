@@ -27,7 +27,7 @@ constexpr uint16_t kInterfaceDescription = 3;
 constexpr uint16_t kTimeResolution = 9;
 constexpr char kNanoseconds = 9;
 
-// The length of an option is a 16-bit number; nobody reads that much in a comment.
+// An option's length is a 16-bit number, but nobody reads that much in a comment.
 constexpr size_t kMostComment = 4096;
 
 constexpr size_t kLabelSize = 16;
@@ -83,7 +83,7 @@ void reverse_header(ORP_MSG_HEADER_ST *header) {
   }
 }
 
-// "Clients: 1 panel, 2 station"; as many as there is room for.
+// "Clients: 1 panel, 2 station", as many as fit.
 std::string clients_text(const Model &model) {
   std::string text;
   for (const auto &[id, client] : model.clients()) {

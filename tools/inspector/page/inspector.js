@@ -1,5 +1,5 @@
-// The inspector's page. What comes from the bus goes into it as text, never as HTML: make() and
-// draw() are the only ways in which elements come about.
+// The inspector's page. Whatever comes from the bus is inserted as text, never as HTML: only make()
+// and draw() create elements.
 "use strict";
 
 // --- Small tools ------------------------------------------------------------------------------
@@ -25,7 +25,7 @@ const make = (tag, attributes = {}, ...children) =>
 const draw = (tag, attributes = {}, ...children) =>
   fill(document.createElementNS("http://www.w3.org/2000/svg", tag), attributes, children);
 
-// What a click does, a key does, too.
+// Acts on a click and on Enter or the space bar.
 function pressable(action) {
   return {
     tabindex: 0,
@@ -70,11 +70,11 @@ const shorten = (text, most) => (text.length > most ? text.slice(0, most - 1) + 
 
 // --- What is known ----------------------------------------------------------------------------
 
-const mostRecords = 5000; // that the page remembers
-const mostRows = 300; // that a table shows
+const mostRecords = 5000; // the page remembers
+const mostRows = 300; // a table shows
 
 const state = {
-  status: null, // as the inspector last told
+  status: null, // the last one that came from the inspector
   connected: false,
   view: "map",
   filter: "",
@@ -82,7 +82,7 @@ const state = {
   held: [], // came while paused
   range: null, // {from, to} in µs since 1970; null: live, or the whole file
   window_s: 60,
-  records: [], // in the order of their coming
+  records: [], // in the order in which they came
   skipped: 0,
   summary: null,
   type: null, // whose latency is drawn
@@ -92,7 +92,7 @@ const state = {
 const isPast = () => Boolean(state.status && state.status.past);
 const now = () => (state.status ? state.status.now_us + (performance.now() - state.told) * 1000 : 0);
 
-// The range of all views: its end is open while it is live.
+// The range of all views; without an end while it is live.
 function currentRange() {
   if (state.range) return state.range;
   if (isPast()) return { from: state.status.first_at_us, to: state.status.last_at_us };
@@ -121,7 +121,7 @@ async function ask(path, parameters) {
   try {
     why = JSON.parse(text).error;
   } catch {
-    // It was a plain text.
+    // The reason is plain text.
   }
   throw answer.status === 400 ? new Refused(why) : new Error(why);
 }
@@ -136,7 +136,7 @@ const asked = () => ({
 // --- The connection -----------------------------------------------------------------------------
 
 let source = null;
-let attempt = 0; // the newest try to connect; older ones are forgotten
+let attempt = 0; // the newest attempt to connect; answers to older ones are dropped
 
 function note(text) {
   const time = secondText(Date.now() * 1000);
@@ -144,7 +144,7 @@ function note(text) {
   while ($("notes").children.length > 4) $("notes").firstChild.remove();
 }
 
-// Loads the records of the selection and goes on with those that come.
+// Loads the records of the selection, then follows new ones.
 async function connect() {
   const mine = ++attempt;
   if (source) source.close();
@@ -396,7 +396,7 @@ async function refresh() {
   try {
     state.summary = await ask("v1/summary", { from: range.from, to: range.to, type: state.type });
   } catch (error) {
-    // While there is a stream of records, its end tells of the connection.
+    // While there is a stream of records, only its end tells that the connection is lost.
     if (!source && !(error instanceof Refused)) lose(error.message, attempt);
     return;
   }
@@ -406,13 +406,13 @@ async function refresh() {
 
 // --- The map ------------------------------------------------------------------------------------
 
-const slots = new Map(); // a place for each name, kept for good, so that the map stays as it is
-const drawn = new Map(); // elements by what they stand for
+const slots = new Map(); // a place for each name, kept for good, so that nothing on the map moves
+const drawn = new Map(); // elements by the node or edge that they show
 
 function slotOf(name) {
   if (!slots.has(name)) slots.set(name, slots.size + (slots.has("server") || name === "server" ? 0 : 1));
   const index = name === "server" ? 0 : slots.get(name);
-  // A sunflower's seeds: every place is fixed, however many there are.
+  // Placed like a sunflower's seeds: no place depends on how many names there are.
   const radius = index === 0 ? 0 : 150 + 62 * Math.sqrt(index - 1);
   const angle = index * 2.39996;
   return { x: radius * 1.25 * Math.cos(angle), y: radius * 0.82 * Math.sin(angle) };
@@ -428,7 +428,7 @@ function elementOf(key, create) {
   return element;
 }
 
-// A curve, so that both directions are seen, and where its middle is.
+// A curve, so that both directions can be seen, and its middle.
 function curve(from, to) {
   const [dx, dy] = [to.x - from.x, to.y - from.y];
   const length = Math.hypot(dx, dy) || 1;
@@ -502,7 +502,7 @@ function showMap() {
   const wanted = [...edges.map((edge) => drawEdge(edge, span)),
     ...[...traffic].map(([name, count]) => drawNode(name, count))];
   const map = $("map");
-  // In place, so that what has the focus keeps it.
+  // Elements are reused, so that the one with the focus keeps it.
   const keep = new Set(wanted);
   for (const child of [...map.children]) if (!keep.has(child)) child.remove();
   for (const [key, element] of drawn) if (!keep.has(element)) drawn.delete(key);
@@ -812,7 +812,7 @@ function select(seq) {
 const linkTo = (record, text) =>
   make("button", { type: "button", onclick: () => openRecord(record.seq) }, text);
 
-// What belongs to a message: its request, its answer, what became of it.
+// Links to what belongs to a message: its request, its answer, its deliveries and losses.
 function relatives(record) {
   const same = (other) => other.server === record.server && other.seq !== record.seq;
   const found = [];
@@ -867,7 +867,7 @@ async function openClient(client) {
   try {
     if (!isPast()) full = await ask(`v1/clients/${client.id}`);
   } catch {
-    // It has left meanwhile: what the list said is shown.
+    // The client has left meanwhile: what the list said is shown.
   }
   openDetail(full.name || `#${full.id}`, [
     ["Program", full.program], ["Process", full.pid], ["User", full.user ?? full.uid], ["Address", full.address],
@@ -907,7 +907,7 @@ async function tick() {
   setTimeout(tick, restFor(1000));
 }
 
-// --- All begins here ----------------------------------------------------------------------------
+// --- The start ----------------------------------------------------------------------------------
 
 function tabKeys(event) {
   const names = Object.keys(views);

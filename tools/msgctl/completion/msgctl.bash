@@ -8,7 +8,7 @@ _msgctl_options() {
   msgctl "$1" --help 2>/dev/null | grep -oE -- '(^|[ ,])--[a-z-]+' | tr -d ' ,' | sort -u
 }
 
-# The kinds of words that stand at each place of a command.
+# The kind of words at each place of a command.
 _msgctl_kind() {
   case $1:$2 in
     info:1 | exit:1 | count:1 | wait:1 | ping:1 | disconnect:1 | call:1 | send:1) echo names ;;

@@ -15,7 +15,7 @@ end
 # Options that have a value.
 set -g __msgctl_valued --{answer,argument,as,board,body,broker,by,ca,certificate,count,credentials,dm,event,exec,file,for,from,gateway,gone,group,interval,keep,key,lines,most,of,payload,policy,prefix,rotate,seconds,server-group,size,sort,speed,sub-type,timeout,to,type,user,write} -f -n -w
 
-# True when so many words, and options besides, stand before this one: the command and its arguments.
+# True when that many words come before this one: the command and its arguments, without options.
 function __msgctl_place
     set -l place 0
     set -l before ''
