@@ -1,10 +1,11 @@
-// doc_tables [--check] FILE...: the tables of message types and statuses in the documents, from the
-// catalogue.
+// doc_tables [--check] FILE...: makes the tables of message types and statuses in the documents
+// from the catalogue.
 //
 // A table is between the lines "<!-- message types: GROUP... -->" and "<!-- end -->". With
-// "<!-- message types, served: GROUP... -->" it says what the server does and not what travels.
+// "<!-- message types, served: GROUP... -->" it has only the type, the answer and what the server
+// does.
 // "<!-- statuses: FAMILY... -->" begins a table of statuses. Files are rewritten in place. With
-// --check nothing is written, and files that would change are named.
+// --check nothing is written, and the files that would change are named.
 
 #include <cstdio>
 #include <fstream>
@@ -131,7 +132,7 @@ std::string status_rows(const std::string &family) {
   return rows;
 }
 
-// A kind of table: the beginning of its first line, up to the words, and how it is made.
+// A kind of table: the beginning of the line before it, up to the words, and how it is made.
 struct Table {
   std::string_view marker;
   std::string_view head;

@@ -1,5 +1,5 @@
-// What readers of JSON files share: the file's bytes, members by their name and kind, and problems
-// that point into the file.
+// Shared by readers of JSON files: the file's bytes, members by their name and kind, and problems
+// that name their line in the file.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 
 namespace catalogue {
 
-// What is wrong with a file. No part of it holds control characters.
+// What is wrong with a file. No text in it has control characters.
 struct Problem {
   std::string file;
   size_t line;  // 0: the file as a whole
@@ -28,7 +28,7 @@ struct Unreadable : std::runtime_error {
 };
 std::string file_contents(const std::string &path, size_t most = 256 << 10);
 
-// Foreign text, made fit to be shown in a problem.
+// Foreign text in a form that can be shown in a problem.
 std::string shown(std::string_view text);
 
 // All of these throw a JsonError with the line of the value.

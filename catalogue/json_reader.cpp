@@ -10,10 +10,10 @@ namespace {
 constexpr size_t kMostLevels = 16;
 constexpr size_t kMostMembers = 64;
 
-// The parser takes its characters from here, so its position is known.
+// The parser takes its characters from here, so that its position is known.
 struct Position {
   const char *next;
-  size_t lines_before = 0;  // line feeds in front of the character that was taken last
+  size_t lines_before = 0;  // line feeds before the character that was taken last
   bool after_line_feed = false;
 
   void take() {

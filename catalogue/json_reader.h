@@ -1,4 +1,4 @@
-// JSON values that know their line in the file, so that problems can name it.
+// JSON values with their line in the file, so that problems can name it.
 #pragma once
 
 #include <cstddef>
@@ -27,12 +27,12 @@ struct JsonValue {
   std::vector<JsonValue> items;    // of a list, or the values of an object's members
   std::vector<std::string> names;  // of an object's members
 
-  // An object's; null when there is none.
+  // The member of an object; null when there is none.
   const JsonValue *member(std::string_view name) const;
 };
 
-// Throws a JsonError, also for a name that an object has twice, for more than 16 levels and for
-// more than 64 members of one object.
+// Throws a JsonError, also for a name that comes twice in an object, for more than 16 levels, and
+// for more than 64 members of one object.
 JsonValue read_json(std::string_view text);
 
 }  // namespace catalogue

@@ -1,6 +1,6 @@
-// The catalogue of message types: what a person or a tool wants to know about every type that the
-// library or a server knows. The numbers are those of msgapi/messages.h. Applications describe
-// their own types in files (catalogue/type_files.h).
+// The catalogue of message types: everything about the types that the library or a server knows,
+// for people and tools. The numbers are those of msgapi/messages.h. Applications describe their own
+// types in files (catalogue/type_files.h).
 #pragma once
 
 #include <cstdint>
@@ -54,22 +54,22 @@ struct MessageType {
   std::string_view to;
   Content request;
   std::optional<Content> answer;  // none: nobody answers
-  uint32_t timeout_ms;       // how long requesters customarily wait; 0: no custom, or no answer
-  std::string_view meaning;  // one sentence or less
-  uint32_t last = number;    // of a range of types that begins with `number`
+  uint32_t timeout_ms;            // how long requesters usually wait; 0: not known, or no answer
+  std::string_view meaning;       // one sentence or less
+  uint32_t last = number;         // the end of a range of types that begins with `number`
 };
 
 // All types that the library or a server knows, by number.
 std::span<const MessageType> message_types();
 
-// The type with that number (its low 20 bits count), null when it is not known. A type that is only
-// part of a range is described by the range.
+// The type with that number, of which the low 20 bits count; null when it is not known. A type in a
+// range without an entry of its own has the range's.
 const MessageType *find(uint32_t type, std::span<const MessageType> types = message_types());
 
 // For people: "import-cfg-file (0x5027)", or the number alone.
 std::string describe(uint32_t type, std::span<const MessageType> types = message_types());
 
-// The number of a type that is given by its name, its constant, or as a number ("0x5027", "20519").
+// The number of a type that is given by name, by constant, or as a number ("0x5027", "20519").
 std::optional<uint32_t> number_of(std::string_view text,
                                   std::span<const MessageType> types = message_types());
 

@@ -1,5 +1,5 @@
-// The table of statuses, for the catalogue and for what must run without the C++ runtime: nothing
-// here needs more than headers.
+// The table of statuses, for the catalogue and for code that must run without the C++ runtime: it
+// needs only headers.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace catalogue {
 enum class StatusFamily : uint8_t {
   kMessages,       // the loop and the message layer (msgapi/status.h)
   kStore,          // the configuration store (cfmapi.h)
-  kConfiguration,  // requests to the configuration manager; falls back on both
+  kConfiguration,  // requests to the configuration manager; falls back on these two
   kItems,          // DM messages; falls back on messages
   kEvents,         // falls back on DM messages, then messages
   kLogin,          // falls back on messages
@@ -160,7 +160,7 @@ inline constexpr StatusNumber kStatuses[] = {
     {1, "", kPlain, "a bad argument, or what was asked for is not there"},
 };
 
-// Whose statuses a family hands on.
+// A family passes on the statuses of another one.
 struct FallBack {
   StatusFamily family;
   StatusFamily to;
@@ -179,7 +179,7 @@ constexpr const StatusNumber *find_in(StatusFamily family, int64_t number) {
 
 }  // namespace table
 
-// What the number means when a function of the family returned it; null when that says nothing.
+// The meaning of a number that a function of the family has returned; null when it has none.
 constexpr const StatusNumber *find_status(int64_t number,
                                           StatusFamily family = StatusFamily::kMessages) {
   if (const StatusNumber *own = table::find_in(family, number)) return own;

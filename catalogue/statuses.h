@@ -19,7 +19,7 @@ namespace catalogue {
 // All of them, family by family.
 std::span<const StatusNumber> statuses();
 
-// What the number means in every family that has it, for somebody who knows only the number.
+// The number's meanings in all families that have it, for those who know only the number.
 std::vector<StatusNumber> meanings(int64_t number);
 
 // The number as text: hexadecimal from 0x10000 on, where most families begin to count, else

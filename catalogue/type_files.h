@@ -14,24 +14,24 @@
 
 namespace catalogue {
 
-// Where the files are: those of packages, then those of the device, which replace a file of the
-// same name.
+// Where the files are: first those of packages, then those of the device, which replace a file of
+// the same name.
 inline constexpr std::string_view kTypeDirectories[] = {"/usr/share/msgapi/messages.d",
                                                         "/etc/msgapi/messages.d"};
 
-// The types of the library and the servers, and those that were added. References that it hands out
-// are valid as long as it lives.
+// The types of the library and the servers, and those that were added. References into it are valid
+// as long as it lives.
 class Catalogue {
  public:
   Catalogue();
   Catalogue(const Catalogue &) = delete;
   Catalogue &operator=(const Catalogue &) = delete;
 
-  // Adds the types that `text` describes, all or none; `file` is named in the problem.
+  // Adds the types that `text` describes, all or none. The problem names `file`.
   std::optional<Problem> add(std::string_view text, std::string_view file);
 
-  // Adds the files "*.json" of the directories, in the order of their names. One with a problem is
-  // skipped; a directory may be missing.
+  // Adds the files "*.json" of the directories, in the order of their names. Skips a file with a
+  // problem. A directory may be missing.
   std::vector<Problem> load(std::span<const std::string_view> directories = kTypeDirectories);
 
   std::span<const MessageType> types() const { return types_; }
@@ -43,7 +43,7 @@ class Catalogue {
 
  private:
   std::vector<MessageType> types_;
-  std::deque<std::string> texts_;  // what the added types point to
+  std::deque<std::string> texts_;  // to which the added types point
 };
 
 }  // namespace catalogue

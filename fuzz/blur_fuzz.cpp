@@ -1,4 +1,4 @@
-// The finders of personal data, compared with regexec() of the plain expressions on any text.
+// The finders of personal data, compared with regexec() and the plain expressions on any text.
 
 #include <cstdint>
 #include <cstdlib>
@@ -12,7 +12,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
   static const test::PosixPatterns posix;
-  // Blocks without a NUL behind them: one byte too many read is a report.
+  // No NUL behind the block: AddressSanitizer reports a byte read too many.
   const std::vector<char> block(data, data + size);
   const std::string text(block.data(), ::strnlen(block.data(), block.size()));
   const std::string_view view(block.data(), text.size());

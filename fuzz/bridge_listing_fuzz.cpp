@@ -1,5 +1,5 @@
-// Listings of the bridge tool: whatever they hold, what is taken from them is bounded and
-// terminated.
+// Listings of the bridge tool: whatever they hold, texts taken from them are bounded and end with a
+// NUL.
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,5 +1,6 @@
-// Files of message types made from the input, as applications write them, some with mistakes. What
-// is right is found as it was written; a mistake is told with its line, and adds nothing.
+// Files of message types like those of applications, made from the input, some with mistakes. Right
+// types are found as they were written; a file with a mistake is reported with its line and adds
+// nothing.
 
 #include <cstdint>
 #include <optional>
@@ -39,7 +40,7 @@ class File {
 
   std::string text = "{\"messages\": [";
   std::vector<Type> types;
-  std::set<size_t> mistakes;  // the lines of those of the first message that has any
+  std::set<size_t> mistakes;  // the lines of mistakes in the first message that has any
 
   void make() {
     for (size_t count = decisions_.below(8); count > 0 && mistakes.empty(); --count) add();
@@ -47,7 +48,7 @@ class File {
   }
 
  private:
-  // Every member has a line of its own.
+  // Writes a member on a line of its own.
   void line(const std::string &member, bool wrong = false) {
     text += '\n' + member;
     ++line_;
@@ -56,7 +57,7 @@ class File {
 
   static std::string quoted(const std::string &value) { return '"' + value + '"'; }
 
-  // A text as JSON may write it: some characters as escapes.
+  // A JSON string with some characters as escapes.
   std::string json(const std::string &value) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string written;
@@ -149,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::set<std::string> names;
   for (const catalogue::MessageType &type : types.types()) names.emplace(type.name);
 
-  // Several files, one after the other.
+  // Adds several files, one after the other.
   for (size_t count = 1 + decisions.below(3); count > 0; --count) {
     std::set<uint32_t> all_numbers = numbers;
     std::set<std::string> all_names = names;

@@ -20,8 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   } catch (const std::exception &) {
     return 0;
   }
-  // What was read is written in a form that reads the same. The order of keys has no
-  // meaning: values come in that of a file's own keys, in which "16" stands before "9".
+  // Contents that were read are written in a form that reads the same. The order of keys means
+  // nothing: a JSON object sorts its keys as texts, "16" before "9".
   const auto written = [](const cfmctl::Contents &each) {
     return nlohmann::json::parse(cfmctl::to_json(each).dump());
   };

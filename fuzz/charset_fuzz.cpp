@@ -20,7 +20,7 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// What iconv makes of valid UTF-8 of characters of up to three bytes; nothing for other input.
+// iconv's result for valid UTF-8 with characters of up to three bytes; none for other input.
 std::optional<Units> peer_units(const std::string &text) {
   static const iconv_t to_16 = ::iconv_open("UCS-2", "UTF-8");
   ::iconv(to_16, nullptr, nullptr, nullptr, nullptr);
@@ -96,7 +96,7 @@ void bytes_and_text(const std::string &input, uint32_t cut) {
     require(std::equal(back.begin(), back.begin() + pairs_size, bytes));
   }
 
-  // Foreign hex text, and room for less than it needs.
+  // Foreign hex text, with less room than it needs.
   const std::unique_ptr<uint8_t[]> short_out(new uint8_t[cut]);
   size = cut;
   CL_StringToBytes(input.c_str(), count, short_out.get(), &size);

@@ -1,4 +1,4 @@
-// Command lines: whatever their text, words stay within their block and end.
+// Command lines: whatever their text, the words stay within their block and end with a NUL.
 
 #include <cstdint>
 #include <cstdlib>

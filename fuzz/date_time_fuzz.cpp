@@ -1,4 +1,4 @@
-// Dates, beside a second reading of the accepted form by a regular expression.
+// Dates, beside a regular expression for the accepted form.
 
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Takes decisions from a fuzzer's input, a byte for each; after its end all are 0.
+// Takes decisions from a fuzzer's input, a byte for each. After the input's end all are 0.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace fuzz {
 
-// Ends the run, naming its place, unless `holds`.
+// Ends the run and names the caller's line, unless `holds`.
 inline void check(bool holds, const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
   if (holds) return;
   std::fprintf(stderr, "%s:%d: this must hold\n", file, line);

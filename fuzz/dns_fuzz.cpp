@@ -1,4 +1,4 @@
-// DNS messages: every reader at every position, the builders on top, and names beside the system's
+// DNS messages: every reader at every position, then the builders, and names beside the system's
 // resolver.
 
 #include <arpa/nameser.h>
@@ -63,7 +63,7 @@ void compare_name(const ORP_DNS_PACKET_ST *packet, const uint8_t *position) {
     if (peer_length >= 0) {
       const std::string expected = unescape(peer_text);
       require(std::strlen(text) != expected.size() || expected == text);
-      // A NUL in a label ends our text.
+      // A NUL in a label ends the library's text.
       require(expected.find('\0') != std::string::npos || expected == text);
       require(static_cast<uint32_t>(peer_length) == length);
     } else {
@@ -74,7 +74,7 @@ void compare_name(const ORP_DNS_PACKET_ST *packet, const uint8_t *position) {
     return;
   }
   if (peer_length < 0 || length == 0) return;
-  // Both measured it, so what remains are dots in labels and what pointers lead to.
+  // Both read the same length, so only dots in labels and the targets of pointers may differ.
   const bool has_pointer = (position[length - 2] & 0xC0) == 0xC0;
   require(std::strstr(peer_text, "\\.") != nullptr || has_pointer);
 }

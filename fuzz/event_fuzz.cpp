@@ -1,4 +1,4 @@
-// DM bodies from other processes: walking, adding to, and converting them into JSON.
+// DM bodies from other processes: walking them, adding to them, and converting them into JSON.
 //
 // The first byte chooses the event type and whether the body's head is made to fit its length, so
 // that most inputs reach the items.
@@ -25,7 +25,7 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// In a block that ends `tail` zeros behind the message.
+// Makes a message in a block that ends with `tail` zeros behind it.
 Message make_message(const uint8_t *data, size_t size, uint8_t choice, size_t tail = 0) {
   Message message(
       static_cast<ORP_MSG_HEADER_ST *>(std::calloc(1, ORP_MSG_HEADER_SIZE + size + tail)));
@@ -42,7 +42,7 @@ Message make_message(const uint8_t *data, size_t size, uint8_t choice, size_t ta
   return message;
 }
 
-// As the library hands it to the application.
+// Makes a message as the library hands it to the application.
 Message receive(const uint8_t *data, size_t size, uint8_t choice) {
   Message message = make_message(data, size, choice, msgapi::kZeroTail);
   msgapi::msg::hold_to_length(message.get());
@@ -108,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const Message received = receive(data + 1, size - 1, data[0]);
   walk(received.get());
 
-  // Bytes behind the last item may become items when one is added; they are bounded all the same.
+  // Bytes behind the last item may count as items once one is added; they stay within the body.
   void *body = receive(data + 1, size - 1, data[0]).release() + 1;
   if (ORP_DMMSG_AppendItem(&body, 7, "added", data, static_cast<uint32_t>(size)) == 0) {
     walk(ORP_MSG_GetMsgHead(body));

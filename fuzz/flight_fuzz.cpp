@@ -1,5 +1,5 @@
-// Flight files in any state. The ring is large, so the input is laid over one that is otherwise
-// zero: its first 64 bytes are the head, the rest comes where the tail points.
+// Flight files in any state. The ring is large, so the input is written into one of zeros: its
+// first 64 bytes are the head, and the rest goes where the tail points.
 
 #include <algorithm>
 #include <cstdint>
@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint64_t bytes = 0;
     int sum = 0;
     while (reader.next(&entry) == flight::Reader::Next::kEntry) {
-      // Every byte that an entry names can be read, and nothing is given out twice.
+      // Every byte of an entry can be read, and nothing is returned twice.
       for (const char c : entry.header) sum ^= c;
       for (const char c : entry.kept) sum ^= c;
       bytes += entry.header.size() + entry.kept.size();

@@ -1,7 +1,7 @@
-// A flight recorder that writes what the input says, beside a reader that follows now and then: it
-// gets every record, in order and as it was written, but for those that were overwritten before it
-// came, which it counts. In the end, when the input says so, some bytes of the file are changed:
-// reading it stays within it.
+// A flight recorder that writes what the input says, beside a reader that follows now and then. The
+// reader gets every record in order and as it was written, except for those that were overwritten
+// before it came, which it counts. At the end the input may change some bytes of the file: reading
+// it then stays within the file.
 
 #include <algorithm>
 #include <cstdint>
@@ -72,7 +72,7 @@ class World {
     }
   }
 
-  // All that is left, as somebody sees it who comes after the writer's death.
+  // Reads everything that is left, like somebody who comes after the writer's death.
   void finish(Decisions *decisions) {
     read(SIZE_MAX);
     check(at_end_);
@@ -131,7 +131,7 @@ class World {
       last_ = number;
       check(jumped_ == reader_.missed() + reader_.before_first());
       while (!expected_.empty() && expected_.front().number < number) expected_.pop_front();
-      // Clock records come by themselves.
+      // The recorder writes clock records by itself.
       if (entry.kind() == Kind::kClock) continue;
       check(!expected_.empty() && expected_.front().number == number);
       const Written &right = expected_.front();
@@ -150,7 +150,7 @@ class World {
       Reader reader(std::move(bytes));
       Entry entry;
       size_t total = 0;
-      std::string copied;  // every byte that an entry names can be read
+      std::string copied;  // every byte of an entry can be read
       while (reader.next(&entry) == Reader::Next::kEntry) {
         copied.assign(entry.header.data(), entry.header.size());
         copied.assign(entry.kept.data(), entry.kept.size());

@@ -1,5 +1,5 @@
-// What reads messages from streams, over whatever a stream holds: a message watcher, framed and
-// raw, and the reader below it and below every other reception, under each policy.
+// Readers of messages on a stream that may hold anything: a message watcher, framed and raw, and
+// the reader below it and below every other reception, with each of its policies.
 //
 // Input: one byte of choices (1: raw, 2: an answer is waited for, 4: the reader alone, 8: from a
 // pipe, 16: it blocks, 32: signals do not start a wait anew), then the stream up to its end.
@@ -30,7 +30,7 @@ uint32_t length_of(ORP_MSG_HEADER_ST *header, uint32_t *flag) {
   return header->ulDataLen;
 }
 
-// Replaces, takes or refuses the message, as its first word says.
+// Replaces, takes or refuses the message by its first word.
 uint32_t complete(ORP_MSG_HEADER_ST **message) {
   const uint32_t what = (*message)->ulMsgType % 4;
   if (what == 0) return ORP_OK;
@@ -63,8 +63,8 @@ void stop_at_end(OrpUvIdle *idle) {
   if ((watcher->io.head.status & msgapi::uv::kEndOfStream) != 0) OrpUvLoopStop(idle->head.loop);
 }
 
-// Takes the stream in pieces, as long as the byte before each says. What is read is what was
-// written, in order and no more, and the end comes after the last byte.
+// Takes the stream in pieces, each as long as the byte before it says. Everything that was written
+// is read, in order and nothing else, and the end comes after the last byte.
 void read_pieces(int fd, uint8_t choices, std::span<const uint8_t> stream) {
   using namespace msgapi::os;
   const bool blocks = (choices & 16) != 0;

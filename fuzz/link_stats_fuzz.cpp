@@ -1,6 +1,6 @@
-// Replies of routing netlink: whatever their lengths claim, the walk stays inside.
+// Replies of routing netlink: whatever their lengths claim, the walk stays inside the datagram.
 //
-// Input: the datagram; the port id is that of its first message, so that the walk goes on.
+// Input: the datagram. The port id is that of its first message, so that the walk goes on.
 
 #include <linux/netlink.h>
 

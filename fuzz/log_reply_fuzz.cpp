@@ -1,4 +1,4 @@
-// Datagrams from a stranger, taken by the receive calls of the log transport.
+// Datagrams from a stranger, received by the calls of the log transport.
 //
 // Input: two bytes of buffer size, then the datagram.
 
@@ -18,7 +18,7 @@ namespace {
 struct Pair {
   Pair() {
     if (::socketpair(AF_UNIX, SOCK_DGRAM, 0, fds) != 0) std::abort();
-    // The diagnostics of refused messages are not what is looked at.
+    // Without the diagnostics of refused messages.
     if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
   }
   int fds[2];
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   data += 2;
   size -= 2;
 
-  // A block of exactly the stated capacity: one byte beyond it is a report.
+  // A block of exactly the stated capacity: AddressSanitizer reports a byte beyond it.
   std::vector<char> block(MLOG_HEAD_SIZE + room);
   MlogMsg *message = reinterpret_cast<MlogMsg *>(block.data());
   msgapi::store(block.data() + 4, uint32_t{room});

@@ -48,8 +48,8 @@ void take_answer(ORP_MSG_HEADER_ST *message, uint32_t /*timed_out*/, ORP_WORD /*
   if (message != nullptr) read_message(message);
 }
 
-// Sees every message that the library sends, in place of the socket. The registration is where the
-// server comes in: it accepts the connection and says all it has to say.
+// Gets every message that the library sends, in place of the socket. When the registration comes,
+// it plays the server: it accepts the connection and sends the whole input.
 uint32_t play_server(ORP_MSG_HEADER_ST *message, uint32_t *handled, int32_t * /*descriptor*/) {
   *handled = 1;
   if (message->ulMsgType != ORP_MSG_REGISTER) return ORP_OK;
@@ -73,7 +73,7 @@ std::string registration_reply(bool swap) {
 }
 
 void prepare() {
-  // The diagnostics of refused messages are not what is looked at.
+  // Without the diagnostics of refused messages.
   if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
   g_listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address = {};
@@ -85,7 +85,7 @@ void prepare() {
   }
   g_pfMsgSendHook = play_server;
   ORP_MSG_RegMsgProcEx(kType, read_message, answer_message, 0, nullptr);
-  // Unclaimed, this one would end the process of a daemon of certain names.
+  // Without a procedure for it, this message would end the process of a daemon with certain names.
   ORP_MSG_RegMsgProc(ORP_MSG_EXIT, read_message, 0, nullptr);
   ORP_EVT_SubscribeAllEventCallBack([](uint32_t, const void *data, uint32_t length) -> uint32_t {
     for (uint32_t i = 0; i < length; ++i) g_sum += static_cast<const uint8_t *>(data)[i];

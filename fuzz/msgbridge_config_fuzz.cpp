@@ -1,5 +1,6 @@
-// The bridge's configuration: a problem points into the file and can be printed; what is taken
-// lets nobody use what is reserved, and makes topics that can be published to.
+// The bridge's configuration: a problem names a line of the file and can be printed. A
+// configuration that is accepted allows no reserved types and makes topics that can be published
+// to.
 
 #include <algorithm>
 #include <cstdint>

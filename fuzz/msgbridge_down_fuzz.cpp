@@ -1,6 +1,7 @@
-// What comes from a broker: the topic, a line feed, then the payload. Whatever comes, only what the
-// configuration allows becomes a request, and everything else is refused in words that can be
-// shown. What an application answers becomes JSON.
+// Publications from a broker. Only what the configuration allows becomes a request; everything else
+// is refused with a text that can be shown. Any answer of an application becomes JSON.
+//
+// Input: the topic, a line feed, then the payload.
 
 #include <algorithm>
 #include <cstdint>

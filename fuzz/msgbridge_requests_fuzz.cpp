@@ -1,5 +1,5 @@
-// What a configuration of the bridge allows, and requests that are nearly that, both made from the
-// input: a request is what it would have to be by the documentation, and nothing else gets through.
+// Configurations of the bridge and requests that nearly fit them, both made from the input.
+// Requests are accepted exactly when the documentation says so, and become what it says.
 
 #include <algorithm>
 #include <cstdint>
@@ -23,7 +23,7 @@ constexpr std::string_view kBase = "gw/me";
 constexpr uint32_t kTypes[] = {0x4242, 0x4243, 0x4344};
 constexpr std::string_view kApps[] = {"cms", "web", "a"};
 
-// "?" one character, "*" any but "/", "**" any.
+// "?" matches one character, "*" any without "/", "**" any.
 bool fits(std::string_view pattern, std::string_view path) {
   if (pattern.empty()) return path.empty();
   if (pattern[0] == '*') {
@@ -62,7 +62,7 @@ std::string make_path(Decisions *decisions, bool pattern) {
   for (size_t levels = 1 + decisions->below(4); levels > 0; --levels) {
     path += "/" + decisions->text(pattern ? "ab*?" : "ab", 3);
   }
-  // Runs of stars longer than two are read in their own way.
+  // Three stars and more have a meaning of their own, which fits() does not know.
   for (size_t at; (at = path.find("***")) != path.npos;) path.erase(at, 1);
   return path;
 }
@@ -92,7 +92,7 @@ std::string make_config(Decisions *decisions, Allowed *allowed) {
          "]}}";
 }
 
-// JSON of some depth, and what it means as `depth` grows beyond what is taken.
+// JSON of some depth, which may go beyond what the bridge takes.
 std::string make_json(Decisions *decisions, int depth) {
   switch (depth > 5 ? decisions->below(4) : decisions->below(7)) {
     case 0:
@@ -141,7 +141,7 @@ AnswerStatus status_of(const Request &request) {
 void ask_rest(Decisions *decisions, const Config &config, const Allowed &allowed,
               const catalogue::Catalogue &types) {
   const size_t method = decisions->below(std::size(kMethods));
-  // Some of what a rule's own pattern is, so that some fit.
+  // Some paths are made of a rule's pattern, so that some fit.
   std::string path = make_path(decisions, false);
   if (!allowed.rest.empty() && decisions->one_in(2)) {
     path = decisions->one_of(allowed.rest).path;

@@ -1,4 +1,4 @@
-// What clients may send to the notify server: however a stream is cut into reads, the same messages
+// Streams from clients to the notify server: however a stream is cut into reads, the same messages
 // come out.
 //
 // Input: one byte of read size, then the stream.
@@ -18,7 +18,7 @@ std::vector<std::string> read_in_pieces(const uint8_t *data, size_t size, size_t
   notifyserver::FrameReader reader(&budget);
   std::vector<std::string> frames;
   for (size_t at = 0; at < size && !reader.malformed();) {
-    // A block of its own, so that nothing is read behind its end or after its life.
+    // Each piece is a block of its own, so that reads behind its end or after its life are found.
     std::vector<char> bytes(data + at, data + at + std::min(piece, size - at));
     reader.feed(bytes);
     at += bytes.size();

@@ -1,4 +1,4 @@
-// What a notify server may send: received message by message and delivered.
+// Streams from a notify server, received message by message and delivered.
 //
 // Input: the bytes of the stream up to its end.
 
@@ -16,7 +16,7 @@ namespace {
 
 uint32_t g_sum;
 
-// Reads every byte that a procedure may: the item ends with the data and its zero bytes.
+// Reads every byte that a procedure may read: the item ends with zero bytes behind its data.
 void read_item(const void *item) {
   for (const auto *at = static_cast<const char *>(item); at != nullptr && *at != 0; ++at) {
     g_sum += static_cast<uint8_t>(*at);
@@ -24,7 +24,7 @@ void read_item(const void *item) {
 }
 
 void prepare() {
-  // The diagnostics of refused messages are not what is looked at.
+  // Without the diagnostics of refused messages.
   if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
   ORP_NOTIYCLT_RegMsgProc(
       [](uint32_t, void *data, void **reply, uint32_t *length) {

@@ -1,4 +1,4 @@
-// Path patterns beside their definition, and path coding there and back.
+// Path patterns beside their definition, and paths that are encoded and decoded again.
 
 #include <algorithm>
 #include <cstdint>
@@ -17,7 +17,7 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// Each run is tried from the longest on; takes exponential time.
+// Tries each run from the longest on, which takes exponential time.
 bool matches(const char *pattern, const char *path) {
   if (*pattern == '\0') return *path == '\0';
   if (*pattern == '?') return *path != '\0' && matches(pattern + 1, path + 1);
@@ -64,7 +64,7 @@ void code(const std::string &path, uint32_t size) {
 
 }  // namespace
 
-// The patterns, a NUL and the path.
+// Input: the patterns, a NUL and the path.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string input(reinterpret_cast<const char *>(data), size);
   const std::string patterns = input.c_str();

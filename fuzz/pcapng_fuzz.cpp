@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     size_t bytes = 0;
     while (const auto packet = reader.next()) {
       bytes += traffic::kPacketHead + packet->kept.size();
-      // Nothing is given out twice, and nothing that is not there.
+      // Nothing is returned twice, and nothing that is not in the file.
       if (bytes > size || packet->kept.size() > packet->record.kept) std::abort();
     }
   } catch (const std::runtime_error &) {

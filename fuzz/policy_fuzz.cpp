@@ -1,5 +1,5 @@
-// Policies of the message server: a problem points into the file and can be printed, and what is
-// taken decides every question as the rules of the file say, however the file is laid out.
+// Policies of the message server: a problem names a line of the file and can be printed. A policy
+// that is accepted decides every question by the rules of the file, however the file is laid out.
 
 #include <algorithm>
 #include <cstdint>
@@ -64,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Policy laid_out_anew(contents.dump(1), "file.json", types, 7);
     check(policy.size() == contents["rules"].size());
     const File file{std::move(contents), lines, std::move(policy), std::move(laid_out_anew)};
-    // The name and the path are the file's own words, so that they meet its patterns.
+    // The name and the path are taken from the file, so that they may match its patterns.
     const std::string_view word = std::string_view(text).substr(text.size() / 2, 11);
     for (const Who &who : {Who{0, {0}, {}}, Who{65534, {65534, 7}, {}},
                            Who{Who::kUnknown, {}, "192.168.7.1:5050"}}) {

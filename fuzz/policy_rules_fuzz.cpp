@@ -1,5 +1,5 @@
-// Policies of many rules made from the input, and questions to them: the answer is that of the
-// first rule that fits, worked out here as the documentation says it, rule by rule.
+// Policies of many rules made from the input, and questions to them. The answer must be that of the
+// first rule that fits, worked out here rule by rule as the documentation says.
 
 #include <algorithm>
 #include <cstdint>
@@ -75,7 +75,7 @@ bool fits(const Rule &rule, const Who &who, const Question &question) {
          std::ranges::any_of(who.groups, [&](gid_t group) { return holds(rule.groups, group); });
 }
 
-// What of a rule's members is about the thing itself; none for the other actions.
+// The member of a rule that names the object of the action; none for the other actions.
 std::string_view names_member(Action action) {
   switch (action) {
     case Action::kSend:
@@ -170,8 +170,7 @@ class Maker {
     return digits;
   }
 
-  // A member with one text or a list of some, or none at all. An empty text is a pattern like
-  // another.
+  // Writes a member with one text or with a list, or no member. Some texts are empty.
   template <typename Make>
   std::vector<std::string> texts(std::string_view member, Make make) {
     const size_t count = decisions_.below(5) % 4;

@@ -1,4 +1,4 @@
-// The tables of /proc/net, with names and ports that occur in the seeds.
+// The tables of /proc/net, asked for names and ports that are in the seeds.
 
 #include <sys/mman.h>
 #include <unistd.h>

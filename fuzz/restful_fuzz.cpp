@@ -14,7 +14,7 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// Reads everything a handler may read.
+// Reads everything that a handler may read.
 uint32_t handle(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
   *response = ::strdup(ORP_MSG_RESTFUL_TEXT(request));
   require(std::strlen(request->aucPath) > 0);

@@ -1,7 +1,8 @@
-// A ring file found on disk in any state, then written to, beside a model of the ring.
+// A ring file that is found on the disk in any state and then written to, beside a model of the
+// ring.
 //
 // Input: two bytes of size limit, one byte of content length, the content; then a byte for each
-// write, its size (0 stands for closing the file and opening it again).
+// write, its size (0 means: close the file and open it again).
 
 #include <unistd.h>
 
@@ -27,7 +28,7 @@ struct Setup {
   Setup() {
     path = "/dev/shm/ring_file_fuzz." + std::to_string(::getpid());
     std::atexit([] { ::unlink(path.c_str()); });
-    // The diagnostics of damaged headers are not what is looked at.
+    // Without the diagnostics of damaged headers.
     require(std::freopen("/dev/null", "w", stdout) != nullptr);
   }
   static inline std::string path;
@@ -87,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   require(target.file->offset >= long{kHeaderSize} && target.file->overturn >= 0 &&
           target.file->overturn <= 999 && target.file->uploadOffset == MLOG_NEW_FILE_FLAG);
   Model model{content(), target.file->offset, target.file->overturn};
-  // Either the file goes on as it was or it is an empty ring.
+  // The file either goes on as it was, or is an empty ring.
   require(model.bytes == before ||
           (model.bytes == header_of(*target.file) && model.offset == long{kHeaderSize}));
 
@@ -98,7 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       require(target.file != nullptr);
       if (content() != model.bytes || target.file->offset != model.offset ||
           target.file->overturn != model.overturn) {
-        // Only what the header does not hold any more may be given up.
+        // The ring may begin anew only when its numbers no longer fit the header, or when the limit
+        // has no room for a header.
         require(model.overturn > 999 || limit < kHeaderSize);
         model = {content(), target.file->offset, target.file->overturn};
       }

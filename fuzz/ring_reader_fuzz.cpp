@@ -30,11 +30,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const mlog::Ring ring = mlog::read_ring(bytes);
   size_t text_size = 0;
   for (const mlog::Entry &entry : ring.entries) text_size += entry.text.size() + 1;
-  // Nothing is invented: every entry ends with a line feed in the file, or with a hole or the file.
+  // Nothing is invented: every entry ends at a line feed, at a hole, or at the file's end.
   if (text_size > 2 * size + 1) std::abort();
   if (ring.header != mlog::parse_header(bytes)) std::abort();
 
-  // The same entries from either end, and from any place on.
+  // The entries are the same from either end, and from any place on.
   const auto file = std::make_shared<const mlog::RingFile>(std::string_view(bytes));
   const mlog::Layout layout = mlog::look_at(*file);
   const std::vector<std::string> forwards = texts_of(mlog::Cursor::forwards(file.get(), layout, 0));
@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   if (mlog::count_restarts(*file, layout) > forwards.size()) std::abort();
 
-  // Followed from every state that a header can name.
+  // Follows the file from every state that a header can name.
   const long overturn = ring.header ? ring.header->overturn : 0;
   for (const long offset : {63L, 70L, static_cast<long>(size)}) {
     for (const long before : {overturn, overturn - 1, overturn - 2}) {

@@ -1,10 +1,10 @@
-// Clients of the message server that keep its rules, in any order of what they may do: connect,
-// register, subscribe, publish, send in pieces, ask, read a little, pass descriptors, leave. The
-// input is a program of such steps, three bytes each.
+// Clients of the message server do, in any order, what its rules allow: connect, register,
+// subscribe, publish, send in pieces, ask, read a little, pass descriptors, leave. The input is a
+// program of such steps, three bytes each.
 //
-// Nobody who keeps the rules is disconnected. Every message arrives whole, or with zeros for the
-// end of a long one; those of one sender in order, and none twice. What the server counts is what
-// has been written and read.
+// Nobody who keeps the rules is disconnected. Every message arrives whole, or with zeros in place
+// of the end of a long one. Messages of one sender come in order, and none twice. The server's
+// counts are what has been written and read.
 
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -31,7 +31,7 @@
 #include "msgsvr/services.h"
 #include "support/frame.h"
 
-// Instead of the log.
+// Replaces the log.
 void servers::write_log_line(std::string_view) noexcept {}
 
 namespace {
@@ -46,7 +46,7 @@ constexpr uint32_t kData = 0x1234;
 constexpr uint32_t kUnserved = 0x7777;
 constexpr uint32_t kEvent = ORP_MSG_EVENT_DEVICE;
 constexpr uint32_t kCutThrough = 300;
-// "s" has its headers reversed. Nobody is "nobody".
+// "s" has the other byte order. No client has the name "nobody".
 constexpr std::array kNames = {"a", "b", "s", "wide", "nobody"};
 constexpr size_t kTaken = kNames.size() - 1;
 constexpr std::array<uint32_t, 16> kSizes = {0,   1,    2,    40,   200,  255,  259,   260,
@@ -67,7 +67,7 @@ struct Peer {
   std::string received;
   std::map<uint32_t, uint32_t> last;  // number of the last data message, by the sender's connection
   bool in_message() const { return !outgoing.empty() && started; }
-  bool owes_zero = false;  // the second byte that comes with a descriptor is still to come
+  bool owes_zero = false;  // the second byte that belongs to a descriptor is still to come
   bool started = false;    // a part of the first message in `outgoing` has been written
 };
 
@@ -94,8 +94,8 @@ class World {
   }
 
   void finish() {
-    // Everybody goes on until nothing moves any more. Patience and stalls are a millisecond, so
-    // that nobody's bytes wait for long.
+    // Everybody goes on until nothing moves any more. The server's patience and stall time are a
+    // millisecond, so that nothing waits for long.
     int turns = 0;
     for (int quiet = 0; quiet < 3; ++turns) {
       check(turns < 3000);
@@ -154,12 +154,12 @@ class World {
     loop_.turn(0);
     read(peer, SIZE_MAX);
     if (unread_of(*peer) != 0) exact_ = false;
-    // A part of a message has been taken, or not, depending on its length.
+    // The server may have counted the message that was begun, or not, depending on its length.
     if (peer->started) exact_ = false;
     *peer = Peer();
   }
 
-  // Puts a message behind what is to be written.
+  // Appends a message to the bytes to be written.
   void send(Peer *peer, const Frame &frame) {
     if (peer->outgoing.size() > 100000) return;
     Frame mine = frame;
@@ -177,7 +177,7 @@ class World {
                 .sequence = number});
   }
 
-  // The byte order may change with the answer, so that nothing else may be on its way.
+  // The byte order may change with the answer, so nothing else may be on its way.
   void enter(Peer *peer, uint8_t x) {
     write(peer, SIZE_MAX);
     if (!peer->outgoing.empty()) return;
@@ -190,7 +190,7 @@ class World {
       loop_.turn(turns < 10 ? 0 : 1);
       read(peer, SIZE_MAX);
     }
-    // Its input may rest because of a reader who is slow.
+    // The server may not be reading from it because of a slow reader.
     if (!answered_) close(peer);
   }
 
@@ -288,7 +288,7 @@ class World {
     return std::string(std::array{"/p", "/p/q", "/p/h|/q/h", "/*/h"}[x % 4]) + '\0';
   }
 
-  // Behind a message of its own, which says to whom.
+  // Sends a descriptor behind a message that names its receiver.
   void pass_descriptor(Peer *peer, uint8_t x, uint8_t y) {
     send_data(peer, x, y);
     write(peer, SIZE_MAX);
@@ -302,7 +302,7 @@ class World {
       const size_t size = std::min({most, peer->outgoing.size(), size_t{4096}});
       const ssize_t count =
           ::send(peer->fd.get(), peer->outgoing.data(), size, MSG_NOSIGNAL | MSG_DONTWAIT);
-      // Who keeps the rules is not disconnected.
+      // A client that keeps the rules is not disconnected.
       if (count < 0) {
         check(errno == EAGAIN);
         return;
@@ -348,8 +348,8 @@ class World {
       take_frames(peer);
       const cmsghdr *head = CMSG_FIRSTHDR(&message);
       if (head == nullptr) continue;
-      // A read ends behind what a descriptor comes with: two zero bytes between two messages, or
-      // the first of them where no more was asked for.
+      // A read ends behind the bytes that carry a descriptor: two zero bytes between two messages,
+      // or the first of them if no more was asked for.
       check(head->cmsg_type == SCM_RIGHTS && head->cmsg_len == CMSG_LEN(sizeof(int)));
       const UniqueFd fd(*reinterpret_cast<const int *>(CMSG_DATA(head)));
       check(peer->received.size() == 1 || peer->received.size() == 2);
@@ -406,7 +406,7 @@ class World {
     if (exact_ && std::ranges::none_of(peers_, &Peer::in_message)) {
       check(counted.frames_in == written_);
     }
-    // A message with zeros for its end has been read, and is not delivered.
+    // A message with zeros in place of its end has been read, but the server counts it as lost.
     check(out <= read_ && read_ <= out + counted.of(flight::Loss::kCutShort));
     check(cut_short_ <= counted.of(flight::Loss::kCutShort));
     check(notices_ <= counted.told);

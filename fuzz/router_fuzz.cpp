@@ -1,8 +1,7 @@
-// The message server's router and those of its services that look into bodies: three connections
-// write what the input says, with descriptors if it says so, end in either way, and read or not;
-// one only reads. They have names from the start, so that each may be its own or another's
-// receiver. Whatever arrives, the reader's bytes must be whole frames, and the server must go on
-// without an exception that reached its loop.
+// The message server's router and the services that look into bodies. Three connections write what
+// the input says, pass descriptors, end in either way, and read or not; one only reads. They have
+// names from the start, so each may be its own or another's receiver. Whatever arrives, the reader
+// gets whole frames, and no exception reaches the server's loop.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,7 +21,7 @@
 #include "msgsvr/services.h"
 #include "support/frame.h"
 
-// Instead of the log.
+// Replaces the log.
 void servers::write_log_line(std::string_view) noexcept {}
 
 namespace {
@@ -100,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     input = input.subspan(3 + count);
     if (!writer) {
       writer = connect_to(&server);
-      // Of the writers one has no name.
+      // One of the writers has no name.
       const std::string name = registration(std::array{"", "self", "other"}[which]);
       if (which > 0 && ::write(writer.get(), name.data(), name.size()) < 0) std::abort();
     }
@@ -109,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       test::send_with_descriptors(writer.get(), std::string(bytes.begin(), bytes.end()) + "\0"s,
                                   descriptors);
     } else if (action == 7) {
-      // As often as the socket takes it.
+      // Sends as long as the socket takes it.
       for (int i = 0; i < 64; ++i) {
         if (::send(writer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) break;
         if (i % 8 == 7) loop.turn(0);
@@ -125,7 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     loop.turn(0);
   }
 
-  // Senders that are gone leave nothing half done.
+  // Nothing may stay half done after its sender has gone.
   for (UniqueFd &writer : writers) writer.reset();
   for (int quiet = 0; quiet < 3;) {
     const size_t before = received.size();

@@ -1,4 +1,4 @@
-// Validators, substring removal and request paths beside plain versions of them.
+// Validators, substring removal and request paths, beside plain versions of them.
 
 #include <algorithm>
 #include <cstdint>
@@ -54,7 +54,7 @@ void split(const std::string &path, uint32_t size) {
 
 }  // namespace
 
-// A size, a text, a NUL and another text.
+// Input: a size, a text, a NUL and another text.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
   const std::string input(reinterpret_cast<const char *>(data) + 1, size - 1);

@@ -1,5 +1,5 @@
-// Files in which applications describe their message types: a problem points into the file and can
-// be printed, and what is taken is what the file says.
+// Files in which applications describe their message types: a problem names a line of the file and
+// can be printed, and the types that are added are those of the file.
 
 #include <algorithm>
 #include <cstdint>
@@ -25,7 +25,7 @@ bool is_printable(std::string_view text) {
   return servers::printable(text) == text;
 }
 
-// `what` of an object as another reader sees it.
+// The text of member `what`, as another reader sees it.
 std::string text_of(const json &object, const char *what) {
   return object.value(what, std::string());
 }
@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(types.find(added[i].number)->name == added[i].name);
     check(types.number_of(added[i].name) == added[i].number);
   }
-  // Each type stands once.
+  // The same types cannot be added twice.
   check(added.empty() || types.add(text, "file.json"));
   return 0;
 }

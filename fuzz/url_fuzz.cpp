@@ -1,4 +1,4 @@
-// URL encoding beside a plain one, and URL parsing.
+// URL encoding beside a plain version, and URL parsing.
 
 #include <cctype>
 #include <cstdint>
@@ -58,7 +58,7 @@ std::string take(char *text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text(
-      std::string(reinterpret_cast<const char *>(data), size).c_str());  // up to a NUL
+      std::string(reinterpret_cast<const char *>(data), size).c_str());  // up to the first NUL
   require(take(ORP_UTIL_UrlEncode(text.c_str())) == expected_form(text));
   const std::string escaped = take(ORP_UTIL_GetEscapedUri(text.c_str()));
   require(escaped == expected_uri(text));
