@@ -2,8 +2,7 @@
 // from the catalogue.
 //
 // A table is between the lines "<!-- message types: GROUP... -->" and "<!-- end -->". With
-// "<!-- message types, served: GROUP... -->" it has only the type, the answer and what the server
-// does.
+// "<!-- message types, served: GROUP... -->" it has only the type, the answer and the meaning.
 // "<!-- statuses: FAMILY... -->" begins a table of statuses. Files are rewritten in place. With
 // --check nothing is written, and the files that would change are named.
 

@@ -1,6 +1,6 @@
 #!/bin/sh
 # emulated.sh SANDBOX EMULATOR... PROGRAM [ARGUMENT...]: runs a test program under emulation in the
-# sandbox, but for the cases in emulation_skips.txt, which it reports as skipped.
+# sandbox, except for the cases in emulation_skips.txt, which it reports as skipped.
 set -eu
 
 for argument; do

@@ -10,8 +10,7 @@ else()
   set(run_in_sandbox ${MSGAPI_SANDBOX} --)
 endif()
 
-# What every test includes first, compiled once. Position-independent as programs are, which is what
-# uses it.
+# The headers that every test includes first, compiled once, for position-independent programs.
 add_library(test_headers OBJECT ${CMAKE_CURRENT_LIST_DIR}/support/headers.cpp)
 target_link_libraries(test_headers PRIVATE test_support GTest::gmock)
 set_target_properties(test_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
@@ -20,8 +19,8 @@ target_precompile_headers(test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
 
 # msgapi_test(NAME sources... [LIBRARIES libs...]): one test program of GoogleTest cases.
 #
-# Every case runs as a process of its own inside the sandbox: the library keeps process-wide state
-# and fixed paths, so cases neither see each other's state nor the machine's.
+# Every case runs in a process of its own inside the sandbox: the library has process-wide state and
+# fixed paths, and a case must see neither another case's state nor the machine's.
 function(msgapi_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES")
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})

@@ -1,4 +1,4 @@
-// What the shared library shows to the dynamic linker, read from its file.
+// What the shared library's file tells the dynamic linker.
 
 #include <elf.h>
 #include <gmock/gmock.h>
@@ -33,8 +33,8 @@ class SharedLibrary {
     sections_ = at<ElfW(Shdr)>(head.e_shoff, head.e_shnum);
   }
 
-  // Names that others can link with; those of versions, which are absolute, and sections, which
-  // have none, are not counted.
+  // Names that others can link with. Versions, which are absolute, and sections, which have no
+  // name, do not count.
   Names exported() const {
     Names names;
     for (const auto &symbol : entries<ElfW(Sym)>(SHT_DYNSYM)) {
@@ -54,7 +54,7 @@ class SharedLibrary {
   }
 
   struct Size {
-    size_t file = 0;      // all that is loaded
+    size_t file = 0;      // everything that is loaded
     size_t writable = 0;  // in memory
   };
   Size size() const {
@@ -100,7 +100,7 @@ class SharedLibrary {
     return {};
   }
 
-  // The dynamic names are the one string table that is loaded.
+  // Of the string tables only that of the dynamic names is loaded.
   std::string dynamic_text(size_t offset) const {
     for (const auto &section : sections_) {
       if (section.sh_type == SHT_STRTAB && (section.sh_flags & SHF_ALLOC) != 0) {
@@ -125,7 +125,7 @@ Names listed_names() {
 
 Names names_with_stored_type() {
   const std::string text = contents(MSGAPI_ABI_DIRECTORY "/prototypes.h");
-  // At the start of a line: a type, then the name before its arguments, an array bound or the end.
+  // At the start of a line a type, then the name, then arguments, an array bound or the end.
   static const std::regex declaration(R"((?:^|\n)\w[\w *]*?(\w+)(?:\[\w+\])?(?:\(|;))");
   Names names;
   for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
@@ -197,7 +197,7 @@ TEST(Abi, NamesItsSourcesAsTheyStandInTheTree) {
 TEST(Abi, RunsNoConstructor) {
   if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers register every library";
 
-  // The one is the compiler's own, in every shared library.
+  // Every shared library has one, which is the compiler's.
   EXPECT_GE(1u, SharedLibrary(MSGAPI_LIBRARY).constructors());
 }
 

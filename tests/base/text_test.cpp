@@ -20,7 +20,7 @@ TEST(CopyCut, ShortensToTheField) {
   copy_cut(out, "abcdef");
   EXPECT_STREQ("abc", out);
 
-  // As long as the field, which leaves no room for the end.
+  // A text as long as the field leaves no room for the NUL.
   char field_and_next[] = "wxyz!";
   copy_cut(std::span(field_and_next, 4), "defg");
   EXPECT_STREQ("def", field_and_next);

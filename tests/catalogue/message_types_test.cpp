@@ -105,9 +105,9 @@ TEST(MessageTypes, AreFoundByNameConstantAndNumber) {
   }
 }
 
-// The source without comments and texts, line by line as before.
+// The source without comments and texts. The lines keep their numbers.
 std::string code_of(std::string_view source) {
-  // What opens and closes them; a backslash in a text takes the next character with it.
+  // How comments and texts begin and end. A backslash in a text escapes the next character.
   static constexpr struct {
     std::string_view begin, end;
     bool escapes;
@@ -134,7 +134,7 @@ std::string code_of(std::string_view source) {
   return code;
 }
 
-// "FILE:LINE: 0x701" for each place where the number of a known type stands in the code.
+// "FILE:LINE: 0x701" for each place where the code has the number of a known type.
 std::vector<std::string> raw_numbers(const fs::path &file) {
   static const std::regex number(R"(\b0x[0-9a-fA-F]+)");
   const std::string code = code_of(contents(file));
@@ -159,7 +159,7 @@ TEST(MessageTypes, AreNumberedInOnePlace) {
     for (const auto &entry : fs::recursive_directory_iterator(kSource / folder)) {
       static const std::set<std::string> kCode = {".h", ".cpp", ".c"};
       const fs::path &path = entry.path();
-      // The tests of the catalogue itself show numbers.
+      // The tests of the catalogue itself may have numbers.
       if (!kCode.contains(path.extension()) || path == header ||
           path.parent_path() == kSource / "tests/catalogue") {
         continue;

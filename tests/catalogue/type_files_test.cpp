@@ -27,7 +27,7 @@ std::string contents(const std::string &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// A file of one message, whose further members stand on lines of their own from line 4 on.
+// A file of one message. Its further members begin on line 4.
 std::string file_of(const std::string &members) {
   return "{\"messages\": [{\n\"type\": \"0x1001\", \"name\": \"read-it\",\n"
          "\"from\": \"web\", \"to\": \"cms\", \"meaning\": \"reads it\"" +

@@ -30,7 +30,7 @@ TEST(LoginControl, ExchangesWholeRecords) {
   Connection connection("self");
   for (const auto &each : kCases) {
     const std::string request = counted_bytes(each.request);
-    // The first message of its type is the reply, also when it is there before the request.
+    // The first message of its type is the reply, even if it is there before the request.
     const auto reply_with = [&](size_t size) {
       connection.peer.send({.type = each.type, .body = counted_bytes(size)});
     };
@@ -64,7 +64,7 @@ TEST(LoginControl, TriesOnceMoreAfterATimeOut) {
   Connection connection("self");
   const std::string request(200, 'r');
   std::string result(20, 'x');
-  // Answers the second request only.
+  // Answers only the second request.
   std::thread service([&connection] {
     connection.peer.read();
     connection.peer.answer(connection.peer.read(), 0, counted_bytes(20));

@@ -53,7 +53,7 @@ bool station_answers() {
                  [](const Frame &frame) { return frame.data == kTemperature; });
 }
 
-// The path has to have been registered anew.
+// Whether the path is registered again.
 bool status_answers() {
   std::string fields(sizeof(ORP_MSG_RESTFUL_REQ_ST) + 1, '\0');
   fields.replace(8, 4, "/dev");
@@ -88,7 +88,7 @@ TEST(Restarts, OfEveryServerAreSurvivedByTheDemo) {
 }
 
 bool g_notified;
-// "web" is told of every reading, over the notify server.
+// The notify server tells "web" of every reading.
 TEST(Restarts, OfTheNotifyServerAloneAreSurvived) {
   auto notify_server = start("notifyserver");
   auto message_server = start("msgsvr");

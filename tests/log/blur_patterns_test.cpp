@@ -13,8 +13,8 @@ namespace {
 
 using namespace msgapi::blur;
 
-// Values with a fault here and there. X stands for a hex digit, @ for a group of them, # for a
-// number, $ for a capital or digit and ~ for a separator.
+// Makes values with some faults. X means a hex digit, @ a group of them, # a number, $ a capital or
+// digit, and ~ a separator.
 class TextMaker {
  public:
   explicit TextMaker(uint32_t seed) : random_(seed) {}

@@ -35,7 +35,7 @@ class FakeLogServer {
     EXPECT_EQ(0, ::bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
   }
 
-  // The next datagram, waited for when `wait`; empty when there is none.
+  // The next datagram; empty when there is none. With `wait` it waits for one.
   std::string receive(bool wait = false) {
     char bytes[2048];
     sockaddr_un peer{};
@@ -46,7 +46,7 @@ class FakeLogServer {
     return got < 0 ? "" : std::string(bytes, static_cast<size_t>(got));
   }
 
-  // The text of the next log line, as its payload holds it.
+  // The text in the next log line's payload.
   std::string line() {
     const std::string datagram = receive();
     if (datagram.size() < MLOG_HEAD_SIZE + 1) return "";

@@ -1,5 +1,5 @@
-// Blurring as its rules are stated: with regcomp() and regexec() of the plain expressions. Slow;
-// what the library's own finders are compared with.
+// Blurring by its rules as they are stated: regcomp() and regexec() of the plain expressions. Slow,
+// but the measure for the library's own finders.
 #pragma once
 
 #include <regex.h>
@@ -59,8 +59,8 @@ class PosixPatterns {
             static_cast<size_t>(match.rm_eo - match.rm_so)};
   }
 
-  // Calls found(pattern, start of the search, match) for every search of every pattern, the one
-  // that finds nothing included, until it returns false.
+  // Calls found(pattern, start of the search, match) for every search of every pattern, also for
+  // the one that finds nothing, until it returns false.
   template <typename Found>
   bool all_searches(const std::string &text, Found found) const {
     for (size_t i = 0; i < std::size(kExpressions); ++i) {

@@ -71,7 +71,7 @@ TEST(RingFile, BlursWhatItWritesAndReadsNothingBeyond) {
   Ring ring(1000);
   std::string data = "at 10.0.0.1 and fe80::1 and 10.0.0.22";
 
-  // The address at the end is cut off before its last digit.
+  // The last digit of the address at the end is cut off.
   EXPECT_EQ(0, MlogFileWrite(ring.target(), data.data(), static_cast<uint32_t>(data.size() - 1)));
 
   EXPECT_EQ("at 10.*.*.1 and ******* and 10.*.*.2", content().substr(63));

@@ -41,7 +41,7 @@ milliseconds time_limit(int fd, int option) {
   return milliseconds(limit.tv_sec * 1000 + limit.tv_usec / 1000);
 }
 
-// Interrupts the system calls of this thread every 50 ms from now on.
+// From now on interrupts the system calls of this thread every 50 ms.
 void interrupt_again_and_again() {
   struct sigaction action {};
   action.sa_handler = [](int) {};
@@ -146,7 +146,7 @@ TEST(ExchangeInTime, GoesOnWhenAFullQueueGetsRoomAndWaitsForTheRestOfItsTime) {
   MlogMsg message{};
 
   std::thread reader([&] {
-    // The sender has met the full queue once it has limited its wait.
+    // When the sender has limited its wait, it has met the full queue.
     while (time_limit(client.get(), SO_SNDTIMEO) == milliseconds(0)) {
     }
     std::this_thread::sleep_for(milliseconds(20));  // a part of the two seconds

@@ -72,8 +72,8 @@ TEST_F(AsyncRequest, KeepsTheAnswerOfAnAsynchronousRequestThatASynchronousWaitRe
     hear(message);
   });
 
-  // The second has its answer in time and is timed out all the same when that is not looked for:
-  // its timer is due before the loop is idle.
+  // The second request gets its answer in time. It would time out all the same if the timer did not
+  // look for the answer: the timer is due before the loop is idle.
   EXPECT_EQ(ORP_OK, request_async(0x34, kIdle_ms, 'a'));
   EXPECT_EQ(ORP_OK, request_async(0x34, 20, 'b'));
   uint32_t result;

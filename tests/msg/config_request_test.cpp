@@ -35,7 +35,8 @@ TEST(ConfigRequest, SendsWithoutWaitingForTheCurrentUser) {
   connection.peer.expect({.type = ORP_MSG_REBOOT, .data = 8});
 }
 
-// The replies are there before the requests are sent: the first message of the type is the answer.
+// The replies are there before the requests are sent, because the first message of the type is the
+// answer.
 
 TEST(ConfigRequest, ReturnsTheDataOfTheReply) {
   Connection connection("self");

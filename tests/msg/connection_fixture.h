@@ -23,7 +23,7 @@ inline void run_loop() {
   EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, kIdle_ms)) << "nothing happened";
 }
 
-// Runs the loop over what is there.
+// Runs the loop until nothing is left to do.
 inline void run_loop_dry() {
   EXPECT_EQ(ORP_ERR_TIMEOUT, ORP_UV_LoopRun(nullptr, 1));
 }
@@ -32,7 +32,7 @@ inline void stop_loop() {
   OrpUvLoopStop(OrpUvLoopGetDefault());
 }
 
-// The messages that were dispatched. One of type 0xEEE stops the loop.
+// The types of the messages that were dispatched. A message of type 0xEEE stops the loop.
 inline Types g_heard;
 inline void hear(Header *message) {
   if (message->ulMsgType == 0xeee) {

@@ -37,7 +37,7 @@ using test::MessagePeer;
 
 constexpr uint16_t kPort = 7000;
 
-// On this board or another one.
+// The server is on this board, or on another one.
 TEST_F(Connect, RegistersItsNameAndTakesWhatTheServerConfirms) {
   for (const uint16_t port : {uint16_t{0}, kPort}) {
     const auto script = [](MessagePeer &peer) {
@@ -120,7 +120,7 @@ TEST_F(Connect, OfAUserWhoMayNotSaysWhichPathAndWhy) {
       log.next());
 }
 
-// It shows as a destroyed context only.
+// Afterwards the context is as after its destruction.
 TEST_F(Connect, IsUndoneWhenTheRegistrationFails) {
   const test::FdCheck no_leak;
   const Frame reply = {.type = ORP_MSG_REGISTER, .to = "self", .body = std::string(8, '\0')};
@@ -209,7 +209,7 @@ TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 }
 
-// As a message that the application reads itself.
+// Like a message that the application reads itself.
 TEST_F(Connect, HoldsADmBodyToItsMessageBeforeItIsDispatched) {
   const auto claims = [](uint32_t capacity) {
     const DmBody head{ORP_DMMSG_MAGIC, capacity, 0, 0, 0, 0};
@@ -260,7 +260,7 @@ TEST_F(Connect, SurvivesAServerThatDiesAtAnyByte) {
     });
     g_heard.clear();
     await_script();
-    run_loop_dry();  // at no cost once the end is seen
+    run_loop_dry();  // does not spin after the end of the stream
 
     EXPECT_EQ(Types{1}, g_heard) << size;
     EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_MSG_SendSimpleMsg("peer", 1, 0)) << size;

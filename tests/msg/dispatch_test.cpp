@@ -97,7 +97,7 @@ TEST(Registry, MayBeChangedWhileItIsWalked) {
       1,
       [](Header *message) {
         record<'a'>(message);
-        // Inside an inner walk, so that the outer one must notice too.
+        // Inside an inner walk, so that the outer walk must notice it, too.
         if (!nested) {
           nested = true;
           ORP_MSG_DefaultMsgProcs(message);

@@ -30,7 +30,7 @@ std::string item(uint32_t type, const std::string &name, const std::string &valu
          bytes_of(static_cast<uint32_t>(value.size())) + name + value;
 }
 
-// A message with that body, as an application gets it that reads it from its connection.
+// A message with that body, as an application reads it from its connection.
 test::MessageBlock arrived(const std::string &bytes, uint32_t type = ORP_DMMSG_TYPE) {
   test::Connection connection;
   connection.peer.send({.type = type, .body = bytes});
@@ -59,7 +59,7 @@ class CopiedBody {
   char *pages_;
 };
 
-// What a body begins with.
+// The head of a body.
 std::string start(uint32_t capacity, uint32_t free) {
   return bytes_of(DmBody{ORP_DMMSG_MAGIC, capacity, free, 0, 0, 0});
 }
@@ -218,7 +218,7 @@ TEST(DmMessage, GoesByTheBodysOwnWordsWhateverTheHeaderSays) {
   ORP_DMMSG_Free(body);
 }
 
-// However the message comes: read by the application, or by its loop.
+// Whether the application reads the message itself, or its loop does.
 TEST(DmMessage, IsHeldToItsMessageWhenItIsReceived) {
   const std::string good = item(1, std::string("n\0", 2), "v");
   const std::tuple<std::string, const char *, uint32_t, const char *> kCases[] = {

@@ -93,7 +93,7 @@ TEST(EventModules, MapTypesAndNames) {
 }
 
 TEST(EventContent, IsTheWholeEventAsIndentedJson) {
-  // The last type counts, wherever it stands, and numbers stay as they were written.
+  // The last type counts, wherever it is among the items, and numbers stay as they were written.
   const std::vector<Item> items = {kType,
                                    kItem,
                                    {"n2", "unterminated"},
@@ -223,7 +223,7 @@ TEST(Publish, SendsJsonOnOneLineToTheServer) {
   connection.peer.expect({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS});
 }
 
-// What the callbacks saw, in order.
+// What the callbacks got, in order.
 std::vector<std::string> g_seen;
 
 template <char kName, uint32_t kStatus>

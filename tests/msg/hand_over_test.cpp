@@ -23,7 +23,7 @@ void write_file(const std::string &path, const std::string &content) {
   std::ofstream(path) << content;
 }
 
-// Completes a message whose body is `field`; its new body, or the status in words.
+// Completes a message whose body is `field`. Returns its new body, or the status in words.
 std::string completed(const std::string &field) {
   const test::FdCheck no_leak;
   Header *message = test::make_block({.body = field}).release();
@@ -96,7 +96,7 @@ TEST(HandOver, TakesEveryPathThatLeadsToABodyFileAndRemovesWhatIsNamed) {
     EXPECT_FALSE(fs::exists(deep));
   }
 
-  // A link goes and its target stays, wherever the link stands.
+  // A link is removed and its target stays, wherever the link is.
   write_file(kFile, "target");
   fs::current_path("/var");
   for (const std::string link :
@@ -106,7 +106,7 @@ TEST(HandOver, TakesEveryPathThatLeadsToABodyFileAndRemovesWhatIsNamed) {
     EXPECT_FALSE(fs::is_symlink(link));
     EXPECT_TRUE(fs::exists(kFile));
   }
-  // Of a link to the directory nothing goes but the file.
+  // Through a link to the directory only the file is removed.
   fs::create_symlink("/var/run/msg", "/var/by_link");
   EXPECT_EQ("target", completed(path_field("/var/by_link/msg_file_1")));
   EXPECT_TRUE(fs::is_symlink("/var/by_link"));

@@ -77,8 +77,7 @@ TEST(Receive, TakesBodiesBeyondTheGuardedAllocator) {
   EXPECT_TRUE(large == received.frame);
 }
 
-// What the receiver sees of a peer that sends `size` bytes of a message and then closes, or stays
-// silent.
+// A peer sends `size` bytes of a message and then closes the connection, or stays silent.
 TEST(Receive, GivesAMessageUpThatEndsAtAnyByte) {
   const std::string bytes = Frame{.type = 1, .body = "12345"}.bytes();
   for (size_t size = 0; size < bytes.size(); ++size) {

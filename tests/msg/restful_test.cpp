@@ -16,7 +16,7 @@ using test::Connection;
 using test::Frame;
 using test::padded;
 
-// What the handlers saw.
+// What the handlers got.
 std::vector<std::string> g_seen;
 
 uint32_t echo(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
@@ -46,7 +46,7 @@ std::string request_body(const std::string &path, const std::string &handler,
   return std::string(8, '\7') + padded(path, 64) + padded(handler, 64) + text;
 }
 
-// Hands a request to the registered procedures, as the loop does.
+// Hands a request to the registered procedures like the loop.
 void dispatch(const std::string &body, uint32_t type = ORP_MSG_RESTFUL_REQUEST) {
   ORP_MSG_DefaultMsgProcs(test::make_block({type, "self", body, 11, 12, "asker"}).get());
 }
@@ -71,7 +71,7 @@ TEST(RestfulRegistration, StopsTheListBeforeWhatNoLongerFits) {
   rows.push_back({nullptr, nullptr});
 
   EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProcEx("/path", rows.data(), 1));
-  // Too long for the socket: it comes by the name of a file.
+  // Too long for the socket: it comes in a hand-over file.
   const std::string file = connection.peer.read().body;
   EXPECT_EQ(32u * 127 + 31 + 1, std::filesystem::file_size(file.c_str()));
   EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_RegRestfulProcEx("/paths", rows.data(), 1));
@@ -121,7 +121,7 @@ TEST_F(RestfulRequest, IsAnsweredWithTheHandlersText) {
 }
 
 TEST_F(RestfulRequest, IsNotAnsweredWhenNothingFitsOrTheHandlerFails) {
-  // "only" is of the second registration.
+  // "only" is in the second registration.
   for (const char *name : {"bad", "unknown", "gone", "only"}) {
     dispatch(request_body("/dev", name, kNoText));
   }

@@ -138,7 +138,7 @@ TEST(Send, WaitsForRoomWhateverInterruptsIt) {
   EXPECT_TRUE(sent == received);
 }
 
-// TCP has room for a part of a message while it does not count as writable.
+// A TCP socket may have room for a part of a message while it does not count as writable.
 TEST(Send, LeavesNoPartOfAMessageOnAConnectionToAnotherBoardThatIsFull) {
   constexpr uint16_t kPort = 7000;
   std::atomic<bool> read_on = false;

@@ -1,4 +1,4 @@
-// What trace records say of a message. Tools read the records, so their texts stay as they are.
+// What trace records say about a message. Tools read the records, so their texts must not change.
 
 #include <gmock/gmock.h>
 

@@ -6,7 +6,7 @@
 
 using namespace msgapi::notify;
 
-// Stands in for the C library's.
+// Replaces the C library's.
 extern "C" int poll(pollfd *entries, nfds_t count, int timeout_ms) {
   timespec wait{};
   const int ready = ::ppoll(entries, count, &wait, nullptr);

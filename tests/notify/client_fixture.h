@@ -29,7 +29,7 @@ constexpr uint32_t kOwnId = 8;
 constexpr uint32_t kOther = 26;
 constexpr uint32_t kType = 0x1234;
 
-// What procedures were called with, in words; they are plain functions.
+// What the procedures, which are plain functions, were called with, in words.
 inline std::vector<std::string> g_calls;
 inline std::function<void()> g_during_call;
 
@@ -50,7 +50,7 @@ inline void take_any_notification(uint32_t type, void *first, void *second) {
   note("any async " + std::to_string(type) + " " + text_of(first) + " " + text_of(second));
 }
 
-// Answers where there is room for an answer.
+// Answers if there is room for an answer.
 inline void take_request(void *data, uint32_t *reply_length, void **reply) {
   const bool answerable = reply_length != nullptr && reply != nullptr;
   note((answerable ? "sync " : "stray ") + text_of(data));
@@ -90,7 +90,7 @@ inline void expect_message(const NotifyMessage &expected, const NotifyMessage &g
   EXPECT_EQ(expected.bytes(), got.bytes());
 }
 
-// Everything that is ready, and then the idle procedures.
+// Serves everything that is ready, and then runs the idle procedures.
 inline void run_loop() {
   EXPECT_EQ(ORP_ERR_TIMEOUT, OrpUvLoopRun(nullptr, 1));
 }
@@ -111,7 +111,7 @@ inline uint32_t post() {
   return ORP_NOTIFYCLT_PostSimpleAsynNotify(kOther, kType, 1, 2);
 }
 
-// What `call` prints.
+// The output of `call`.
 template <typename Call>
 inline std::string output_of(Call call) {
   testing::internal::CaptureStdout();

@@ -1,4 +1,4 @@
-// The client's connection: its beginning, its end, and what is posted on it.
+// The client's connection: its beginning, its end, and messages that are posted on it.
 
 #include "notify/client_fixture.h"
 
@@ -44,7 +44,7 @@ TEST_F(NotifyClient, RegistersItsModuleAndPostsItems) {
 
 TEST_F(NotifyClient, RemovesItsSocketWhenItDisconnectsOrExits) {
   connect();
-  // A child has the parent's connection, too, but not its socket's name.
+  // A child inherits the parent's connection, but must not remove its socket's name.
   for (const bool destroys : {true, false}) {
     const pid_t child = ::fork();
     if (child == 0) {

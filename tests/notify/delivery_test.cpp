@@ -1,4 +1,4 @@
-// What the client receives, and which procedure takes it.
+// Messages that the client receives, and the procedures that take them.
 
 #include "notify/client_fixture.h"
 
@@ -50,7 +50,7 @@ TEST_F(NotifyClient, AnswersRequests) {
   expect_message({{kType, 77, kOwnId, kOther, 1, ORP_NOTIFYCLT_REPLY, 6, 0, 0, 0, 0, 0}, "answer"},
                  answer_to(request("you")));
 
-  // The server itself gets no answer, neither does a reply that nobody waits for.
+  // The server itself gets no answer, nor does a reply that nobody waits for.
   NotifyMessage from_server = request("server");
   from_server.head.source_id = ORP_NOTIFYCLT_SERVER;
   EXPECT_EQ(0u, answer_to(from_server).head.msg_type);
@@ -108,7 +108,7 @@ TEST_F(NotifyClient, StaysInStepWithoutMemory) {
   EXPECT_THAT(g_calls, ElementsAre("async \"kept\" null", "async \"next\" null"));
 }
 
-// A dead server is reported once and costs no time.
+// A dead server is reported once, and the loop does not spin.
 TEST_F(NotifyClient, StopsReadingWhenTheServerIsGone) {
   const std::string bytes = notification("data").bytes();
   const std::pair<size_t, const char *> cases[] = {

@@ -38,8 +38,8 @@ TEST_F(NotifyClient, GetsTheReplyToItsRequest) {
   EXPECT_EQ(nullptr, data);
 }
 
-// Another callback asks in the pass in which the connection is ready, too: what it leaves there is
-// not waited for, and comes after what it put aside.
+// Another callback asks in the pass in which the connection is ready, too. The connection's own
+// turn must not wait when the request has read everything; messages that were put aside come first.
 TEST_F(NotifyClient, KeepsTheOrderAfterARequestOfAnotherCallback) {
   ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
   const msgapi::os::UniqueFd ready(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -73,7 +73,7 @@ TEST_F(NotifyClient, MayDoAnythingInsideAProcedure) {
   server_.send(reply(2, ""));
   g_during_call = [&] {
     EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
-    // The next one, when it is delivered, ends it all.
+    // The next message destroys the client when it is delivered.
     g_during_call = [&] {
       server_.send(notification("never"));
       server_.send(reply(3, ""));

@@ -28,7 +28,7 @@ std::string decode(std::string_view text) {
   return result;
 }
 
-// The vectors of RFC 4648 section 10, and bytes that use all of the alphabet's ends.
+// The vectors of RFC 4648 section 10, and bytes for the ends of the alphabet's ranges.
 TEST(Base64, EncodesAndDecodesTheStandardVectors) {
   constexpr std::string_view kVectors[][2] = {{"", ""},
                                               {"f", "Zg=="},
@@ -47,7 +47,7 @@ TEST(Base64, EncodesAndDecodesTheStandardVectors) {
 }
 
 TEST(Base64, RefusesWhatIsNotStrictlyEncoded) {
-  // Padding that is missing, alone or inside; bits behind the last byte; foreign characters.
+  // Padding that is missing, alone or in the middle; bits behind the last byte; foreign characters.
   for (const char *text : {"Zg", "Zg=", "Z===", "====", "Zg==Zg==", "Zh==", "Zm9=", "Zm 9v===",
                            "Zm9v\n", "Zm9-", "Zm9\x80"}) {
     EXPECT_EQ("", decode(text)) << text;

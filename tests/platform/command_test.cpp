@@ -25,7 +25,7 @@ uint32_t run(const std::string &command) {
   return ORP_UTIL_ExecCmdNoHang(__func__, __LINE__, command.c_str());
 }
 
-// What it writes to /var/out.
+// What the command writes to /var/out.
 std::string result_of(const std::string &command) {
   EXPECT_EQ(0u, run(command));
   return contents("/var/out");
@@ -36,7 +36,7 @@ void make_script(const char *path, const char *text) {
   ASSERT_EQ(0, ::chmod(path, 0755));
 }
 
-// Waits for what a command in the background writes.
+// Waits until a command in the background has written `text`.
 bool appears(const char *path, const std::string &text) {
   for (int i = 0; i < 20000 && contents(path) != text; ++i) ::usleep(1000);
   return contents(path) == text;

@@ -28,7 +28,7 @@ TEST(Files, AreReadAsTheyWereWrittenAndTerminated) {
     ASSERT_EQ(0u, ORP_UTIL_WriteBufToFile(kPath, text.data(), static_cast<uint32_t>(size)));
     EXPECT_EQ(text + '\0', read_file(kPath));
   }
-  // The kernel's own files say that they are empty.
+  // The kernel's own files have the size 0.
   EXPECT_NE(std::string::npos, read_file("/proc/self/status").find("Name:"));
 }
 

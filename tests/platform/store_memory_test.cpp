@@ -26,8 +26,8 @@ void *reallocate(void *block, int size) {
   return fails() ? nullptr : g_usual.xRealloc(block, size);
 }
 
-// A rollback needs memory, too. Where it gets none the transaction would stay open, and every later
-// one be refused.
+// A rollback needs memory, too. If it gets none, the transaction must not stay open, or every later
+// one would be refused.
 TEST(StoreWithoutMemory, WorksAgainAfterwards) {
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &g_usual);
   sqlite3_mem_methods failing = g_usual;

@@ -144,7 +144,7 @@ TEST(Store, WalkShowsOneViewAndMayChangeTheStore) {
                                CFM_PARA_WEB_USER_LEVEL, kBytes, CFM_EQUIP_SOFTWARE_VERSION));
 }
 
-// Images, as CFM_StoreExport hands them out.
+// Images from CFM_StoreExport.
 
 std::string exported() {
   void *block = nullptr;
@@ -224,7 +224,7 @@ TEST(StoreImage, IsRefusedWhenDamagedOrForeignAndTheStoreStaysAsItWas) {
   EXPECT_EQ(CFM_ERR_VERSION, import(image_of("CREATE TABLE value(x);" + marked + "2")));
   EXPECT_EQ(7u, stored_number());
   EXPECT_EQ(CFM_OK, CFM_StoreCheck());
-  // Flipped bytes may hit data, which no structure covers; what they may not do is harm.
+  // Flipped bytes may hit data, which nothing checks; but they must do no harm.
   for (size_t i = 0; i < image.size(); i += 97) {
     std::string flipped = image;
     flipped[i] = static_cast<char>(~flipped[i]);
@@ -292,7 +292,7 @@ TEST(Store, SurvivesWritersThatAreKilled) {
     });
     char byte;
     for (int writes = 0; writes < 3; ++writes) ASSERT_EQ(1, ::read(ready[0], &byte, 1));
-    // Another moment of the next write in every round.
+    // Each round kills the writer at another moment of its writes.
     for (int i = 0; i < round * 100; ++i) (void)::getppid();
     ::kill(writer, SIGKILL);
     EXPECT_TRUE(WIFSIGNALED(status_of(writer)));
@@ -322,8 +322,8 @@ int open_or_fail(const char *path, int flags, int mode) {
   return ::open(path, flags, mode);
 }
 
-// A missing descriptor, at whichever of the files it happens, costs one call at most. SQLite opens
-// for reading what it could not open for writing, and keeps that.
+// A missing descriptor costs one call at most, whichever file it was for. SQLite opens a file for
+// reading when it cannot open it for writing, and keeps that.
 TEST(Store, StaysWritableAfterADescriptorWasMissingOnce) {
   seed();
   sqlite3_vfs *vfs = sqlite3_vfs_find(nullptr);

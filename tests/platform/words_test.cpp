@@ -11,7 +11,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// Nothing when the text cannot be split.
+// None when the text cannot be split.
 std::optional<Words> split(const char *text) {
   char **args;
   uint32_t count;

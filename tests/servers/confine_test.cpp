@@ -21,7 +21,7 @@ namespace {
 using servers::Programs;
 using testing::HasSubstr;
 
-// The exit status of a child that is confined and then does it.
+// The exit status of a child that is confined and then calls `what`.
 template <typename Do>
 int status_of(Programs programs, Do what) {
   const pid_t child = ::fork();

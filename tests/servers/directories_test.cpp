@@ -48,7 +48,7 @@ TEST(BodyDirectory, IsRidOfBodiesThatNobodyTakesOver) {
   fs::create_symlink(directory + "target", directory + "msg_file_link");
   fs::create_directory(directory + "msg_file_directory");
   {
-    // A date says nothing: the time of day may have been set since.
+    // A file's date proves nothing: the clock may have been set since.
     test::Process server("msgsvr");
     ASSERT_TRUE(server.wait_for("ready"));
     EXPECT_EQ(0, server.stop(SIGTERM));
@@ -59,8 +59,8 @@ TEST(BodyDirectory, IsRidOfBodiesThatNobodyTakesOver) {
 
   test::Process forgetful("msgsvr", {"--body-age", "2"});
   ASSERT_TRUE(forgetful.wait_for("ready"));
-  // The time begins with the file, not with its name, also where the server sees no moment without
-  // the name.
+  // The time begins with the file, not with its name, even if the server never sees the name
+  // missing.
   ::kill(forgetful.pid(), SIGSTOP);
   std::ofstream(directory + "next") << "of another message";
   fs::rename(directory + "next", directory + "msg_file_3");

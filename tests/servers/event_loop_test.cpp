@@ -45,7 +45,7 @@ TEST(EventLoop, TellsTheWatchWhoseCallbackThrewAndGoesOn) {
   Throwing one(&loop);
   auto gone = std::make_unique<Throwing>(&loop);
   Throwing &removed = *gone;
-  // One that has retired itself is not told, but lives until the turn has ended.
+  // A watch that has retired itself is not told, but lives until the turn has ended.
   removed.before = [&] {
     loop.remove(removed.fd(), &removed);
     loop.retire(std::move(gone));

@@ -38,7 +38,7 @@ Header header_of(uint32_t value) {
   return header;
 }
 
-// A message whose every byte follows from `value`.
+// Records a message of which every byte follows from `value`.
 void record_message(Recorder *recorder, uint32_t value) {
   recorder->tick();
   const Header header = header_of(value);
@@ -46,7 +46,7 @@ void record_message(Recorder *recorder, uint32_t value) {
   recorder->accepted(value, value + 1, header.data(), static_cast<uint32_t>(body.size()), body);
 }
 
-// The message's value; fails the test when a byte of it is not what it was.
+// The message's value. Fails the test when a byte is not what it was.
 uint32_t check_message(const Entry &entry, uint32_t body_limit) {
   const uint32_t value = entry.record.from;
   const Header header = header_of(value);
@@ -274,7 +274,7 @@ TEST(FlightReader, NamesADamagedRing) {
   };
   ASSERT_EQ(Reader::Next::kNothing, ends_with(good));
 
-  // Every byte of the positions and of some records, with values that matter.
+  // Changes bytes of the positions and of some records to values that matter.
   std::minstd_rand random(test::seed());
   for (int i = 0; i < 3000; ++i) {
     std::vector<char> bytes = good;

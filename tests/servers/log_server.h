@@ -1,4 +1,4 @@
-// A log server for a test, a client that sends it what it likes, and a disk that fills up.
+// A log server for a test, a client that sends any messages, and a disk that fills up.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@
 
 namespace test {
 
-// The log data of a module whose file has not turned over.
+// The log data of a module whose ring has not turned yet.
 inline std::string log_of(const std::string &module,
                           const std::string &directory = "/var/mlogfile") {
   const std::string content = contents(directory + "/" + module + ".log");
@@ -42,7 +42,7 @@ struct LogServer : Process {
   }
 };
 
-// A client that sends what it likes.
+// A client that sends any messages.
 class Sender {
  public:
   Sender() { EXPECT_EQ(0, MlogSocketOpen("sender", &fd_)); }
@@ -68,7 +68,7 @@ class Sender {
   int32_t fd_ = -1;
 };
 
-// A small disk, and what fills it.
+// A small disk, and a file that fills it.
 class SmallDisk {
  public:
   SmallDisk() {

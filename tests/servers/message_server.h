@@ -1,4 +1,4 @@
-// A message server for a test, and what tests with several raw clients of it share.
+// A message server for a test, and helpers for tests with several raw clients.
 #pragma once
 
 #include <sys/wait.h>
@@ -16,7 +16,7 @@
 
 namespace test {
 
-// Where the receiver's name is in a message as it travels.
+// The position of the receiver's name in a message on the wire.
 constexpr size_t kReceiverField = offsetof(ORP_MSG_HEADER_ST, aucRecvApp);
 
 class MessageServer : public Services {
@@ -42,8 +42,8 @@ class MessageServer : public Services {
     EXPECT_EQ(idle_descriptors_ + clients, open_descriptors());
   }
 
-  // Waits until the server has dealt with everything that other clients did before, also with the
-  // end of their connections: a client that has been served just now may overtake those.
+  // Waits until the server has dealt with everything that other clients did before, the end of
+  // their connections included, which a client that was just served may overtake.
   static void settle() { RawClient("settle").drain(); }
 
   static void subscribe(RawClient *client, uint32_t type = ORP_MSG_EVENT_WLAN) {

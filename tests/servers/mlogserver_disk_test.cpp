@@ -108,7 +108,7 @@ TEST(LogServerKill, LosesNoLineThatItHasTaken) {
       sender.send(MLOG_TYPE_LOG, "[1][wan][INFO]:" + std::to_string(number++) + "\n");
     }
     sender.wait_until_taken();
-    // It may be anywhere between taking the last lines and writing them.
+    // The server may be anywhere between taking the last lines and writing them.
     ASSERT_EQ(128 + SIGKILL, server.stop(SIGKILL));
   }
   LogServer server(arguments);
@@ -130,7 +130,7 @@ TEST(LogServerKill, LosesNoLineThatItHasTaken) {
 TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
   LogServer first;
   first.stop(SIGKILL);
-  // The inbox of another version, and what could have been left in its place.
+  // The inbox of another version, and other files that may be in its place.
   for (const std::string &junk : {std::string(200000, 'x'), std::string("short"), std::string()}) {
     std::ofstream("/var/mlog/mlogServer.inbox", std::ios::trunc) << junk;
     LogServer next;

@@ -1,4 +1,4 @@
-// The log server with its allocations failing: each costs a line or a request, never the server.
+// The log server with failing allocations: each costs a line or a request, but never the server.
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -27,7 +27,7 @@ bool fails() {
   return t_fails;
 }
 
-// From the `nth` allocation of this thread on all fail, until the guard is gone.
+// While it lives, all allocations of this thread fail from the `nth` on.
 class NoMemory {
  public:
   explicit NoMemory(unsigned nth) { t_allocations_left = nth; }
@@ -70,7 +70,7 @@ class Client {
     std::memcpy(message.payload, payload.data(), payload.size());
     EXPECT_EQ(0, MlogSendMsg(fd_, &message, MLOG_SERVER_NAME));
   }
-  // The length field of the next answer; nothing when there is none yet.
+  // The length field of the next answer; none when there is no answer yet.
   std::optional<uint32_t> answer() {
     MlogMsg message;
     if (::recv(fd_, &message, sizeof message, MSG_DONTWAIT) < 0) return std::nullopt;
@@ -105,7 +105,7 @@ TEST(LogServerMemory, GivesUpOneRequestAndGoesOn) {
       server.drain();
       happened = guard.happened();
     }
-    // Whatever was given up, the server knows whether a line was lost and serves the next request.
+    // Whatever was given up, the server knows whether a line was lost, and serves the next request.
     const bool written = !test::contents("/var/mlogfile/" + module + ".log").empty() &&
                          test::contents("/var/mlogfile/" + module + ".log").ends_with(":text\n");
     client.answer();  // to the request for statistics, if it was served
@@ -142,7 +142,7 @@ TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
   servers::EventLoop loop;
   mlogserver::Server server(&loop, &store);
   Client client;
-  // Once with descriptors: a sanitizer needs some to look at a type for the first time.
+  // Once with descriptors: a sanitizer needs one when it looks at a type for the first time.
   std::filesystem::create_directories("/var/mlogfile/lan.log");
   client.send(MLOG_TYPE_LOG, "[1][lan][INFO]:lost\n");
   server.drain();
@@ -158,7 +158,7 @@ TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
   client.send(MLOG_TYPE_FLUSH, "");
   server.drain();
   EXPECT_EQ(UINT32_MAX, client.answer());
-  // Without a descriptor to look with, a second server does not take the first one's place.
+  // Without a descriptor to ask with, a second server does not replace the first one.
   EXPECT_THROW(mlogserver::Server second(&loop, &store), std::runtime_error);
 
   ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));

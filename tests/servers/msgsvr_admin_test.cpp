@@ -42,9 +42,9 @@ using testing::HasSubstr;
 
 constexpr const char *kSocket = "/var/run/msgsvr.admin";
 
-// The samples of an OpenMetrics 1.0 text, by name and labels; none when a line breaks a rule: each
-// family begins with TYPE and HELP, is in one piece and bears its type's suffix, names and labels
-// are well-formed, no sample comes twice, and the text ends with "# EOF".
+// The samples of an OpenMetrics 1.0 text, by name and labels; none when a line breaks a rule. Each
+// family begins with TYPE and HELP, is in one piece and has its type's suffix. Names and labels are
+// well-formed, no sample comes twice, and the text ends with "# EOF".
 std::optional<std::map<std::string, double>> parse_open_metrics(const std::string &text) {
   static const std::regex kTypeLine(R"(# TYPE ([a-z_:][a-z0-9_:]*) (counter|gauge))");
   static const std::regex kHelpLine(R"(# HELP ([a-z_:][a-z0-9_:]*) .+)");
@@ -221,7 +221,7 @@ TEST_F(MsgsvrAdmin, CountsWhatTheServerHasDone) {
   EXPECT_EQ(1048576, stats["flight"]["size"]);
   EXPECT_GT(stats["flight"]["records"], 30);
 
-  // However many names nobody has, and whoever comes late: the worst stay.
+  // However many names nobody has, and whichever come late, the worst stay in the list.
   for (int i = 0; i < 500; ++i) {
     pub.send({.type = kType, .to = "no" + std::to_string(i)});
     if (i > 400) pub.send({.type = kType, .to = "late"});

@@ -1,4 +1,4 @@
-// Hand-over files with clients of several users: whose they are, and whose they become.
+// Hand-over files with clients of several users: who owns them before and after they are passed on.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// Bodies in files, whose directory anybody may write to: it is sticky.
+// Anybody may write to the directory of hand-over files: it is sticky.
 class BodyFiles : public Trust {
  protected:
   static constexpr uid_t kReceiver = 2345;
@@ -41,7 +41,7 @@ class BodyFiles : public Trust {
     return client;
   }
 
-  // As the library makes it.
+  // Makes the file like the library.
   static void make_file(uid_t user) {
     as(user, {}, [&](bool) {
       const int fd = ::open(kPath, O_WRONLY | O_CREAT | O_EXCL, 0600);
@@ -89,8 +89,8 @@ TEST_F(BodyFiles, BecomeTheirReceivers) {
   EXPECT_TRUE(can_read(kReceiver, kPath));
   EXPECT_TRUE(can_remove(kReceiver, kPath));
 
-  // Also between processes of one user, whom the library's mode does not let read. For root nothing
-  // has to change.
+  // The library's mode does not let processes of the same user read, so the file changes for them,
+  // too. For root nothing has to change.
   RawClient root("root");
   const auto other = client_of(kUser, "other");
   for (RawClient *to : {&root, other.get()}) {
@@ -117,7 +117,7 @@ TEST_F(BodyFiles, OfOthersNobodyHandsOver) {
   hostile->send(message(ORP_MSG_EVENT_WAN, "mic"));
   hostile->send(message(kType, "nobody"));
   hostile->drain();
-  // Nor in a message so long that the server passes it on as it comes.
+  // Nor with a message that is so long that the server passes it on while it arrives.
   Frame longer = message(kType, "receiver");
   longer.body.resize(400000);
   hostile->send(longer);
@@ -137,7 +137,7 @@ TEST_F(BodyFiles, GoWithTheirMessages) {
   const auto sender = client_of(kUser, "sender");
   {
     const auto receiver = client_of(kReceiver, "receiver");
-    // It leaves before it reads.
+    // The receiver leaves before it reads.
     receiver->send({.type = kType, .to = "receiver", .body = std::string(400000, 'f')});
     make_file(kUser);
     sender->send(message(kType, "receiver"));

@@ -19,7 +19,7 @@ class CutThrough : public test::MessageServer {
  protected:
   static constexpr size_t kBody = 1000000;
 
-  // Patient enough for a busy machine; where senders stop, they stop for good.
+  // The stall time is long enough for a busy machine; senders that stop here stop for good.
   CutThrough() : MessageServer({"--stall", "2000"}) {
     std::string body(kBody, '\0');
     for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i % 251);
@@ -35,7 +35,7 @@ class CutThrough : public test::MessageServer {
 TEST_F(CutThrough, PassesALongFrameOnWhileItArrives) {
   a_.send_bytes(std::string_view(frame_).substr(0, 30000));
   EXPECT_EQ(frame_.substr(0, 30000), b_.receive_bytes(30000));
-  // What others send meanwhile waits until the frame is whole.
+  // Messages that others send meanwhile wait until the frame is whole.
   c_.send({.type = kType, .to = "b", .body = "after"});
   settle();
   in_child([&] { return a_.send_bytes(std::string_view(frame_).substr(30000)); });
@@ -68,7 +68,7 @@ TEST_F(CutThrough, FillsTheFrameUpWhenItsSenderStops) {
   EXPECT_EQ(std::string::npos, got.body.find_first_not_of('\0', 89960));
   expect_undeliverable(&a_, kType, 11);
   expect_delivery(&c_, &b_);
-  // The rest goes nowhere, and the sender is still served.
+  // The rest is dropped, and the sender is still served.
   a_.send_bytes(std::string_view(frame_).substr(90000));
   EXPECT_THAT(a_.drain(), IsEmpty());
   expect_delivery(&a_, &b_);
@@ -87,7 +87,7 @@ TEST_F(CutThrough, TellsTheSenderWhenTheReceiverDies) {
 }
 
 TEST_F(CutThrough, TakesBackAFrameOfWhichNothingWasSeen) {
-  // Fills b's socket, so that the frame waits behind.
+  // Fills b's socket, so that the frame has to wait.
   constexpr int kFilling = 300;
   const Frame filling = {.type = kType, .to = "b", .body = std::string(1000, 'f')};
   for (int i = 0; i < kFilling; ++i) c_.send(filling);
@@ -100,7 +100,7 @@ TEST_F(CutThrough, TakesBackAFrameOfWhichNothingWasSeen) {
 }
 
 TEST_F(CutThrough, GivesUpAFrameWhoseReaderDoesNotRead) {
-  // The sender is not held up for ever, and nobody else notices.
+  // The sender is not blocked for ever, and nobody else is delayed.
   a_.send({.type = kType, .to = "b", .body = std::string(8 << 20, 'l'), .sequence = 3});
   expect_delivery(&c_, &c_);
   expect_undeliverable(&a_, kType, 3);

@@ -27,7 +27,7 @@ class Descriptors : public test::MessageServer {
     EXPECT_TRUE(test::send_with_descriptors(client.fd(), bytes, count));
   }
 
-  // One read as ORP_MSG_RecvFd does it; whether it brought a descriptor and its two bytes alone.
+  // Reads once, like ORP_MSG_RecvFd. Whether that brought a descriptor and only its two bytes.
   static bool receives_a_descriptor(const RawClient &client) {
     char bytes[4096];
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
@@ -102,7 +102,7 @@ TEST_F(Descriptors, InsideAMessageEndTheClient) {
   for (const Frame &got : b.drain()) EXPECT_EQ("12345678", got.body);
 }
 
-// A full read buffer may end between the transfer's two bytes.
+// A full read buffer may end between a descriptor's two bytes.
 TEST_F(Descriptors, ArriveAtAnyPlaceInALongRow) {
   RawClient a("a");
   RawClient b("b");
@@ -110,7 +110,7 @@ TEST_F(Descriptors, ArriveAtAnyPlaceInALongRow) {
       Frame{.type = kType, .to = "b", .body = std::string(960, 'r')}.bytes("a");
 
   for (size_t extra = 0; extra < 8; ++extra) {
-    // 65536 bytes, give or take a few, are there before the server reads.
+    // About 65536 bytes are there before the server reads.
     ::kill(server_->pid(), SIGSTOP);
     const size_t whole = 65;
     std::string row;

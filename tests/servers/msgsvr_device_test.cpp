@@ -1,4 +1,4 @@
-// What applications ask the message server about the device itself.
+// Requests of applications to the message server about the device itself.
 
 #include <gtest/gtest.h>
 #include <signal.h>

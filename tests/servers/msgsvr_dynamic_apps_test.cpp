@@ -37,7 +37,7 @@ class DynamicApps : public Services {
     start({"--apps", "/var/apps.json"});
   }
 
-  // Connects and returns all that the application sends; nullopt when nobody listens.
+  // Connects and returns everything that the application sends; none when nobody listens.
   static std::optional<std::string> visit() {
     const int fd = connect_to(7001);
     if (fd < 0) return std::nullopt;
@@ -65,7 +65,7 @@ TEST_F(DynamicApps, StartAtTheFirstConnection) {
 
   const auto first = visit();
   EXPECT_THAT(first, Optional(testing::StartsWith("1 ")));
-  // It ended well; the next connection starts it anew.
+  // The application has ended well; the next connection starts it again.
   ASSERT_TRUE(server_->wait_for("dyn has ended: exit status 0"));
   EXPECT_THAT(visit(), testing::AllOf(Optional(testing::StartsWith("1 ")), testing::Ne(first)));
 }

@@ -1,4 +1,5 @@
-// Events at the message server: who gets them, in which file, and at whose expense.
+// Events at the message server: who gets them, in which hand-over files, and who pays for slow
+// subscribers.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +25,7 @@ using testing::Not;
 
 class MsgsvrEvents : public test::MessageServer {
  protected:
-  // All that `client` has got, one after the other.
+  // All bodies that `client` has got, one after the other.
   static std::string received(RawClient *client) {
     settle();
     std::string bodies;
@@ -40,7 +41,7 @@ class MsgsvrEvents : public test::MessageServer {
   static void publish(RawClient *from, const std::string &body,
                       uint32_t type = ORP_MSG_EVENT_WLAN) {
     from->send({.type = type, .body = body});
-    // An event that nobody wants is no failure.
+    // An event without subscribers is no failure.
     EXPECT_THAT(from->drain(), IsEmpty());
   }
 };
@@ -130,7 +131,7 @@ TEST_F(MsgsvrEvents, GivesEverySubscriberItsOwnFileOfALargeEvent) {
   }
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 
-  // Anything but a hand-over file stays where it is and goes nowhere.
+  // A file that is no hand-over file stays where it is and is not passed on.
   std::ofstream("/var/run/msg/other") << "x";
   for (const char *bad : {"/var/run/msg/other", "/etc/passwd", "/var/run/msg/msg_file_../other"}) {
     publish(bad);
@@ -155,14 +156,14 @@ TEST_F(MsgsvrEvents, DelaysNobodyForASubscriberThatDoesNotRead) {
     return true;
   });
   for (uint32_t i = 0; i < kCount; ++i) ASSERT_EQ(i, well.read().sequence);
-  // Publishers are not bothered; the loss is counted.
+  // The publisher gets no notice; the loss is counted.
   EXPECT_THAT(publisher.drain(), IsEmpty());
   const size_t received = stuck.drain().size();
   EXPECT_LT(received, kCount);
   EXPECT_TRUE(server_->wait_for(std::to_string(kCount - received) + " messages for it were lost"));
 }
 
-// Everybody is busy on this machine's few processors, so that the subscribers fall behind at times.
+// The machine's few processors are busy, so the subscribers fall behind at times.
 TEST_F(MsgsvrEvents, LosesNoneOfManyEventsForTenSubscribersThatKeepReading) {
   start({"--queue", "131072", "--patience", "30000"});
   constexpr uint32_t kCount = 100000;

@@ -1,5 +1,5 @@
-// The message server inside the test, with every allocation and every epoll_ctl that it makes
-// failing in turn: a client or a request is given up, the server and the other clients go on.
+// The message server inside the test, with each of its allocations and calls of epoll_ctl failing
+// in turn: a client or a request is given up, the server and the other clients go on.
 //
 // A program of its own, because it replaces operator new and epoll_ctl.
 
@@ -31,7 +31,7 @@
 
 namespace {
 
-// The calls that are still to succeed; after that one fails, or all do.
+// How many calls still succeed. The one after them fails, or all after them do.
 struct Fault {
   bool armed = false;
   bool lasting = false;
@@ -147,7 +147,7 @@ class World {
   std::vector<std::unique_ptr<msgsvr::Service>> services_;
 };
 
-// Whole frames only, or as many bytes as came before the end of the connection.
+// Expects whole frames only, or the bytes that came before the connection ended.
 void expect_frames(MessagePeer *client) {
   std::string bytes;
   char buffer[4096];
@@ -165,7 +165,7 @@ void expect_frames(MessagePeer *client) {
   }
 }
 
-// What clients do; what they find in the end must be whole frames.
+// The clients' work. In the end each must have got whole frames.
 void act(World *world) {
   MessagePeer a = world->connect("a");
   MessagePeer b = world->connect("b");
@@ -186,7 +186,7 @@ void act(World *world) {
     a.send_bytes(piece);
     world->turn();
   }
-  // Passed on as it arrives, to a reader that is behind, with a descriptor after it.
+  // Passed on while it arrives, to a slow reader, with a descriptor after it.
   const std::string stream =
       Frame{.type = kType, .to = "b", .body = std::string(20000, 's')}.bytes("a");
   for (size_t at = 0; at < stream.size(); at += 7000) {
@@ -233,7 +233,7 @@ class Faults : public testing::TestWithParam<bool> {
   }
 
   void fail_each(Fault *fault) {
-    act_once(nullptr);  // what the first run alone opens or allocates
+    act_once(nullptr);  // some things are opened or allocated only by the first run
     const test::FdCheck fd_check;
     long nth = 0;
     for (bool struck = true; struck; ++nth) {
@@ -266,7 +266,7 @@ TEST_P(Faults, OfEpollGiveUpAClientOrARequest) {
 }
 INSTANTIATE_TEST_SUITE_P(OnceAndForGood, Faults, testing::Bool());
 
-// A reader of a stream is not left out of step by a fault.
+// A fault leaves the reader of a stream in step.
 TEST(StreamFaults, LeaveTheReaderInStep) {
   for (long nth = 0; nth < 60; ++nth) {
     g_allocation.left = g_epoll_ctl.left = -1;

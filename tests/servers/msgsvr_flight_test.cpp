@@ -1,4 +1,4 @@
-// What the message server's flight recorder holds after real traffic.
+// The message server's flight recorder after real traffic.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ using test::RawClient;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-// An entry that stays.
+// A copy of an entry.
 struct Noted {
   flight::Record record;
   ORP_MSG_HEADER_ST header{};
@@ -79,7 +79,7 @@ class MsgsvrFlight : public test::Services {
     return found;
   }
 
-  // The server's number of the client that was named so last.
+  // The server's number of the last client with this name.
   static uint32_t id_of(const std::vector<Noted> &all, const std::string &name) {
     uint32_t id = 0;
     for (const Noted &each : of(all, Kind::kNamed)) {
@@ -210,7 +210,7 @@ TEST_F(MsgsvrFlight, CountsWhatTheStatisticsCount) {
   RawClient a("a");
   RawClient slow("slow");
   RawClient gone("gone");
-  // A queue that overflows, is emptied, and one whose reader leaves.
+  // A queue that overflows and is emptied, and one whose reader leaves.
   for (uint32_t i = 0; i < 2000; ++i) {
     for (const char *to : {"slow", "gone", "nobody"}) {
       a.send({.type = kType, .to = to, .body = std::string(i % 900, 'x')});
@@ -223,7 +223,7 @@ TEST_F(MsgsvrFlight, CountsWhatTheStatisticsCount) {
   // A single connection may have one point.
   for (const char *point : {"p", "q"}) a.send({.type = ORP_MSG_SYNC_POST, .body = point});
   a.drain();
-  // A descriptor goes where the message before it went, and this one went nowhere.
+  // A descriptor goes where the message before it went. This one went nowhere.
   a.send({.type = kType, .to = "nobody", .sequence = 77});
   ASSERT_TRUE(test::send_with_descriptors(a.fd(), std::string(2, '\0')));
   EXPECT_TRUE(server_->wait_for("a descriptor of"));
@@ -252,7 +252,7 @@ TEST_F(MsgsvrFlight, CountsWhatTheStatisticsCount) {
               return n.record.from != 0;
             }));
   EXPECT_EQ(counter("; out"), of(all, Kind::kDelivered).size());
-  // Every message has exactly one fate, but for those that are for the server.
+  // Every message has exactly one fate, except for those to the server.
   std::map<uint64_t, int> fates;
   for (const Noted &each : all) {
     if (each.kind() == Kind::kDelivered || each.kind() == Kind::kLost) ++fates[each.record.about];
@@ -308,7 +308,7 @@ TEST_F(MsgsvrFlight, SurvivesTheServerAndIsMovedAsideByTheNext) {
   start();
   EXPECT_TRUE(fate(records(std::string(flight::kPath) + ".1"), 77, Kind::kDelivered));
   EXPECT_TRUE(of(records(), Kind::kAccepted).empty());
-  // A server that does not get the socket leaves the file to the one that has it.
+  // A server that does not get the socket leaves the file to the server that has the socket.
   test::Process second("msgsvr");
   EXPECT_EQ(1, second.wait());
   RawClient c("c");
@@ -327,7 +327,7 @@ TEST_F(MsgsvrFlight, IsReadableWheneverTheServerWasKilled) {
       std::this_thread::sleep_for(pause);
       ::kill(server_->pid(), SIGKILL);
     });
-    // One message on its way at a time.
+    // One message at a time is on its way.
     uint32_t arrived = 0;
     while (a.send({.type = kType, .to = "b", .sequence = arrived + 1}) && b.receive()) ++arrived;
     killer.join();
@@ -340,7 +340,7 @@ TEST_F(MsgsvrFlight, IsReadableWheneverTheServerWasKilled) {
       if (all[i].kind() == Kind::kAccepted && all[i].header.ulMsgType == kType) ++accepted;
       if (all[i].kind() == Kind::kDelivered && all[i].record.a == kType) ++delivered;
     }
-    // What arrived had been recorded before; its delivery may just have been about to be.
+    // A message is recorded before it arrives, its delivery perhaps a moment later.
     ASSERT_GE(accepted, arrived) << "round " << round;
     ASSERT_GE(delivered + 1, arrived) << "round " << round;
     ASSERT_LE(accepted, arrived + 1) << "round " << round;
@@ -374,7 +374,7 @@ TEST_F(MsgsvrFlight, AFollowerKnowsWhatItMissed) {
       frames += test::Frame{.type = kType, .to = "b"}.bytes("a");
     for (uint32_t sent = 0; sent < kMessages; sent += kAtOnce) {
       if (!a.send_bytes(frames)) break;
-      // So that none is lost for want of room.
+      // Read at once, so that no message is lost for lack of room.
       EXPECT_EQ(frames.size(), b.receive_bytes(frames.size()).size());
     }
     all_sent = true;
@@ -385,7 +385,7 @@ TEST_F(MsgsvrFlight, AFollowerKnowsWhatItMissed) {
     while (reader.next(&entry) == Reader::Next::kEntry) {
       accepted += entry.kind() == Kind::kAccepted;
       delivered += entry.kind() == Kind::kDelivered;
-      // It keeps up for a while, and then does not.
+      // The reader keeps up for a while, and then falls behind.
       if (++read % 10'000 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   };
@@ -407,8 +407,8 @@ TEST_F(MsgsvrFlight, AFollowerKnowsWhatItMissed) {
   EXPECT_GT(reader.missed(), 1000u);
   ::kill(server_->pid(), SIGUSR1);
   EXPECT_TRUE(server_->wait_for("given up"));
-  // What it saw are of those that the server knows of, and what the server knows of was seen or
-  // missed.
+  // The reader has seen no more messages than the server has counted, and has seen or missed each
+  // of these.
   EXPECT_LE(delivered, counter("; out"));
   EXPECT_GE(delivered + reader.missed(), counter("; out"));
   EXPECT_GE(accepted + reader.missed(), counter("; in"));

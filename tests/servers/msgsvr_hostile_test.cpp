@@ -1,5 +1,5 @@
-// The message server as a process and clients that mean it no good: it stays, what it keeps for
-// them stays bounded, and the others are served.
+// The message server as a process, with hostile clients: it survives, what it keeps for them stays
+// bounded, and the others are served.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ class HostileClients : public test::MessageServer {
     EXPECT_EQ("ok", a.read().body);
   }
 
-  // What the server occupies, in bytes.
+  // The server's memory in bytes.
   size_t memory() const {
     std::ifstream file("/proc/" + std::to_string(server_->pid()) + "/statm");
     size_t pages = 0;
@@ -63,7 +63,7 @@ class HostileClients : public test::MessageServer {
   }
 };
 
-// Each is its own receiver when it ends.
+// Clients that are their own receivers when they end.
 class OwnReceivers : public HostileClients {
  protected:
   OwnReceivers() { start(); }
@@ -112,7 +112,7 @@ TEST_F(OwnReceivers, MayEndWhileSomebodyElseSendsThemALongMessage) {
   flood(&client);
 }
 
-// A long message is not cut while its reader reads, be it in small steps or beside another sender.
+// A long message is not cut while its reader reads, even in small steps or with another sender.
 class SlowReaders : public HostileClients {
  protected:
   SlowReaders() { start({"--queue", "262144", "--patience", "300"}); }
@@ -174,7 +174,7 @@ TEST_F(HostileClients, OccupyLittleWithMessagesThatNeverEnd) {
 #ifndef __SANITIZE_ADDRESS__
   EXPECT_LT(grown, size_t{48} << 20);
 #endif
-  // A message in two pieces still finds its place, and the share comes back.
+  // There is still room for a message in two pieces, and its share becomes free again.
   RawClient fine("fine");
   const std::string frame = Frame{.type = kType, .to = "fine", .body = "two"}.bytes("fine");
   fine.send_bytes(std::string_view(frame).substr(0, 41));
@@ -213,7 +213,7 @@ TEST_F(HostileClients, FillOnlyTheirOwnPartOfWhatIsKeptForEverybody) {
     EXPECT_TRUE(server_->wait_for("has as many synchronisation points"));
     EXPECT_TRUE(server_->wait_for("has as many restful paths"));
 
-    // Others of the same user still have theirs.
+    // Other clients of the same user still get theirs.
     RawClient fine("fine");
     fine.send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WLAN});
     fine.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/mine", 6)});
@@ -224,7 +224,7 @@ TEST_F(HostileClients, FillOnlyTheirOwnPartOfWhatIsKeptForEverybody) {
     EXPECT_EQ(0u, fine.ask({.type = ORP_MSG_SYNC_WAIT, .body = padded("mine", 5), .data = 9}).data);
   }
 
-  // What clients that have gone left behind makes room, the oldest first.
+  // Things that clients left behind are removed to make room, the oldest first.
   for (int round = 0; round < 12; ++round) {
     RawClient next("next");
     for (Frame &frame : points) frame.body = "r" + std::to_string(round) + frame.body;
@@ -242,7 +242,7 @@ TEST_F(HostileClients, CannotUseUpTheDescriptors) {
   start();
   std::vector<RawClient> readers;
   for (int i = 0; i < 6; ++i) readers.emplace_back("r" + std::to_string(i));
-  // The readers' sockets are full, so that all that follows waits in the server.
+  // The readers' sockets are full, so that everything after it waits in the server.
   for (const RawClient &reader : readers) {
     RawClient filler("filler");
     for (int i = 0; i < 300; ++i) {
@@ -282,7 +282,7 @@ TEST_F(HostileClients, HaveNoMoreConnectionsThanTheirUserMay) {
   expect_service();
 }
 
-// Files of messages that nobody gets go, if they are their sender's.
+// Hand-over files of messages that nobody gets are removed, if they belong to the sender.
 TEST_F(HostileClients, LeaveNoFilesOfMessagesThatAreLost) {
   start({"--queue", "131072", "--patience", "20"});
   int made = 0;
@@ -309,7 +309,7 @@ TEST_F(HostileClients, LeaveNoFilesOfMessagesThatAreLost) {
     a.send(in_file("reader"));
     while (a.receive(0)) ++lost;
   }
-  // Notices may follow the answer to what was asked after their cause.
+  // Notices may come after the answer to a later request.
   for (int i = 0; i < 2; ++i) lost += a.drain().size();
   EXPECT_GT(lost, 0u);
   EXPECT_EQ(4000, files() + static_cast<ptrdiff_t>(lost));

@@ -1,4 +1,4 @@
-// HTTP clients of the message server that are many, slow or mean no good.
+// HTTP clients of the message server that are many, slow or hostile.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,13 +28,13 @@ using testing::Not;
 
 class HttpServer : public test::Restful {};
 
-// Connections that a client of HTTP means to keep, and what they get.
+// HTTP connections that their client wants to keep, and what they get.
 class HttpClients {
  public:
   ~HttpClients() {
     for (const int fd : fds_) ::close(fd);
   }
-  // Opens one and sends the bytes; false when there is none.
+  // Opens a connection and sends the bytes; false when that fails.
   bool open(const std::string &bytes) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = test::loopback(8080);
@@ -44,7 +44,7 @@ class HttpClients {
            ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(bytes.size());
   }
-  // All that the last one gets until its end, or for ten seconds.
+  // Everything that the last connection gets until its end, or within ten seconds.
   std::string read() const {
     const timeval patience{10, 0};
     ::setsockopt(fds_.back(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
@@ -67,7 +67,7 @@ constexpr const char *kUnknown =
 TEST_F(HttpServer, LocksNobodyOut) {
   const rlimit limit{4096, 4096};
   ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
-  // Silent ones, such as stop in the head, and such as stop in the body.
+  // Connections that are silent, that stop within the head, and that stop within the body.
   for (const std::string &begin :
        {std::string(), std::string("GET /dev/info HTTP/1.1\r\nHo"),
         std::string("POST /dev/info HTTP/1.1\r\nHost: localhost\r\nContent-Length: "
@@ -86,7 +86,8 @@ TEST_F(HttpServer, GoesOnAfterManyConnectionsAndOddRequests) {
     HttpClients many;
     for (int i = 0; i < 150; ++i) many.open(kUnknown);
   }
-  // No request, and none to come: it stays until its time is over or its place is wanted.
+  // No request, and none will come: the connection stays until its time is over or its place is
+  // needed.
   HttpClients garbage;
   garbage.open(std::string("\0\xff\r\n", 4));
   std::string arguments = "GET /a?";
@@ -114,7 +115,7 @@ TEST_F(HttpServer, ServesAgainWhenThereAreDescriptorsAgain) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer's own checks need descriptors in the server";
 #endif
-  // No more descriptors than it has.
+  // The server may open no more descriptors than it has.
   const std::string descriptors = "/proc/" + std::to_string(server_->pid()) + "/fd/";
   rlim_t lowest_free = 0;
   while (std::filesystem::is_symlink(descriptors + std::to_string(lowest_free))) ++lowest_free;
@@ -155,7 +156,7 @@ TEST_F(HttpServer, RefusesWhatAnApplicationThatDoesNotReadCannotBeGiven) {
   serve({"--queue", "16384", "--cut-through", "4096"});
   const int small = 2048;
   ASSERT_EQ(0, ::setsockopt(app_->fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
-  // Its queue fills up, and what waits for it is dropped.
+  // The client's queue fills up, and what waits for it is dropped.
   RawClient other("other");
   for (const size_t size : {2000, 10}) {
     for (int i = 0; i < 400; ++i) {

@@ -1,4 +1,4 @@
-// Which HTTP requests the message server lets in at all.
+// Which HTTP requests the message server accepts at all.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-// What the server answers to such a request, whoever would serve it: 404 is let in.
+// The server's status for a request; 404 means that it was accepted, but nobody serves it.
 class HttpDoor : public Trust {
  protected:
   static std::string status_of(const std::string &options,
@@ -55,7 +55,7 @@ TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
       {"-H 'Sec-Fetch-Site: none'", "404"},
   };
   for (const auto &[options, status] : kAsked) EXPECT_EQ(status, status_of(options)) << options;
-  // A refused body is not waited for by the next request of the connection.
+  // The next request of the connection does not wait for a refused body.
   EXPECT_EQ("403404",
             status_of("-H 'Origin: null' --data-binary @" + std::string(::getenv("MSGAPI_BIN")) +
                       "/msgsvr http://127.0.0.1:8080/y --next -s -o /var/body -w '%{http_code}'"));

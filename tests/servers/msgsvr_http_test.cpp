@@ -64,7 +64,7 @@ TEST_F(Restful, SaysWhyThereIsNoAnswer) {
   EXPECT_EQ("502", status_in(gone.get()));
   EXPECT_EQ("404", status_of("/dev/info"));
 
-  // An answer that comes too late goes nowhere.
+  // An answer that comes too late is dropped.
   serve({"--http-timeout", "500"});
   auto slow = curl("/dev/info");
   const Frame request = next_request();
@@ -98,7 +98,7 @@ TEST_F(Restful, FindsTheLongestMatchingRegistration) {
   EXPECT_EQ("/dev info", target_of("/dev/info"));
   EXPECT_EQ("/net wan", target_of("/net/wan"));
   EXPECT_EQ("/net/lan up", target_of("/net/lan/up"));
-  // Without a list the registration would stand for what is below it.
+  // A registration without a list would also serve what is below it.
   EXPECT_EQ("404", target_of("/net/wan/up"));
   EXPECT_EQ("/api/* status", target_of("/api/wan/status"));
   EXPECT_EQ("/api/?an/* state", target_of("/api/lan/1/state"));
@@ -170,7 +170,7 @@ TEST_F(Restful, AnswersHead) {
                                         testing::Not(HasSubstr("text|"))));
 }
 
-// At once: a time-out is another status.
+// Not after a time-out, which is another status.
 TEST_F(Restful, SaysAtOnceThatAnAnswerIsTooLong) {
   for (const bool in_file : {false, true}) {
     auto got = curl("/dev/info");

@@ -123,7 +123,7 @@ TEST_F(Login, RemembersAcrossRestartsAndForgetsWhenTold) {
   clear("0.0.0.0");
   EXPECT_EQ(0u, round_of("0.0.0.0"));
 
-  // Kept a moment after the change, so that a server that is killed loses next to nothing.
+  // The state is written soon after the change, so a server that is killed loses next to nothing.
   attempt("10.9.9.9");
   while (test::contents(kState).find("10.9.9.9") == std::string::npos) web_->drain();
   restart(SIGKILL);

@@ -1,4 +1,4 @@
-// The message server's policy with clients of several users: who they are comes from the kernel.
+// The message server's policy with clients of several users. The kernel says who they are.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -99,7 +99,7 @@ TEST_F(Trust, NamesBelongToWhomTheRulesSay) {
   EXPECT_THAT(text, HasSubstr("refused by the policy 3"));
 }
 
-// Whoever waits for a daemon's name to become free does not get it.
+// A client that waits for a daemon's name to become free does not get it.
 TEST_F(Trust, AFreedNameIsNotForTheTaking) {
   start_with(R"({"allow": "own", "names": "wifi", "user": 0}, {"deny": "own", "names": "wifi"})");
   std::atomic<bool> done = false;
@@ -154,7 +154,7 @@ TEST_F(Trust, MessagesGoWhereTheRulesLetThem) {
   wifi.expect(notice(0x2010, "wifi"));
   wifi.send({.type = 0x2110, .to = "web", .body = "yes"});
   EXPECT_EQ("yes", web->read().body);
-  // A descriptor that follows a refused message goes nowhere.
+  // A descriptor after a refused message is dropped.
   web->send({.type = kType, .to = "wifi"});
   web->expect(notice(kType, "web"));
   test::send_with_descriptors(web->fd(), std::string(2, '\0'));
@@ -208,7 +208,7 @@ TEST_F(Trust, NobodyForgesTheServersWords) {
     forger->send_bytes(Frame{.type = ORP_MSG_EXIT, .to = "victim"}.bytes(sender));
     forger->expect(notice(ORP_MSG_EXIT, "forger"));
   }
-  // Nor by the way of events, to which it has subscribed its victim.
+  // Nor as an event to which it has subscribed its victim.
   forger->send(
       {.type = ORP_MSG_SUBSCRIBE, .body = padded("victim"), .data = ORP_MSG_UNDELIVERABLE});
   forger->drain();
@@ -268,7 +268,7 @@ TEST_F(Trust, WithAFileMessagesBearTheirSendersName) {
   EXPECT_EQ("proxy", sender_of("wifi", 300000)) << "passed on as it arrives";
   EXPECT_EQ("lamp2", sender_of("lamp2", 300000));
 
-  // Who has no name speaks for nobody, least of all for the server.
+  // A client without a name speaks for nobody, and certainly not for the server.
   const auto nameless = stranger("");
   for (const char *sender : {"", "mic", "wifi", "lamp1"}) {
     nameless->send_bytes(Frame{.type = kType, .to = "victim"}.bytes(sender));
@@ -293,7 +293,7 @@ TEST_F(Trust, EventsReachOnlyWhoMayHaveThem) {
   wifi.drain();
   web->send({.type = ORP_MSG_UNSUBSCRIBE, .body = padded("wifi"), .data = ORP_MSG_EVENT_USB});
   web->expect(notice(ORP_MSG_UNSUBSCRIBE, "web"));
-  // All events are those that it may have.
+  // "All events" are those that the client may have.
   web->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS});
   web->send({.type = ORP_MSG_SUBSCRIBE, .body = padded("web"), .data = ORP_MSG_EVENT_DHCP});
   EXPECT_THAT(web->drain(), IsEmpty());
@@ -329,7 +329,7 @@ TEST_F(Trust, ServicesAreForWhomTheRulesSay) {
   EXPECT_TRUE(wifi.quiet());
 }
 
-// It asks with msgctl, run by a user who may not stop others.
+// The application asks with msgctl, as a user who may not stop others.
 TEST_F(Trust, ADynamicApplicationMayStopItself) {
   constexpr const char *kSocket = "/var/dyn.sock";
   const char *bin = ::getenv("MSGAPI_BIN");
@@ -418,7 +418,7 @@ TEST_F(Trust, BoardsComeFromListedNetworks) {
   EXPECT_TRUE(from("127.0.0.1").closed());
   EXPECT_THAT(log(), AllOf(HasSubstr("10.9.9.7:"), HasSubstr("of no network that is served")));
 
-  // One that is gone when the server looks: nobody knows where it was.
+  // A client that has gone when the server looks: its address is not known any more.
   start({"--tcp", "0.0.0.0:5050", "--tcp-from", "10.9.8.0/24"});
   RawClient victim("victim");
   ::kill(server_->pid(), SIGSTOP);
@@ -496,7 +496,7 @@ TEST_F(Trust, ReloadsUnderLoad) {
     }
     done = true;
   });
-  // The last rules hold soon after their log line.
+  // The last rules take effect soon after their log line.
   for (int after = 0; !done || ((sent < 1000 || refused == 0) && after < 1000);) {
     exchange();
     if (done) ++after;

@@ -72,7 +72,7 @@ TEST_F(MsgsvrProcess, RefusesConnectionsItHasNoDescriptorsForAndGoesOn) {
   GTEST_SKIP() << "the sanitizer's own checks need descriptors in the server";
 #endif
   start();
-  // The server's limit is its hard limit, which is taken down from outside.
+  // The server uses its hard limit, which is lowered from outside.
   const rlimit few{32, 32};
   ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &few, nullptr));
   RawClient a("a");
@@ -102,7 +102,7 @@ TEST(MessageServerAddresses, AreCheckedAndNamed) {
 TEST(MessageServerSocket, StaysALivingServersWhateverTheOtherLacks) {
   test::Process server("msgsvr");
   ASSERT_TRUE(server.wait_for("ready"));
-  // With so few descriptors that at some point asking for the living server is what fails.
+  // With so few descriptors, asking for the running server is the call that fails at some point.
   for (int most = 3; most < 24; ++most) {
     const std::string command = "ulimit -n " + std::to_string(most) + "; timeout 5 \"" +
                                 std::getenv("MSGAPI_BIN") + "/msgsvr\" 2>/dev/null";

@@ -129,8 +129,8 @@ TEST_F(MsgsvrRouting, EndsOnlyTheClientOfAMalformedFrameAndSaysWhy) {
   expect_delivery(&a, &b);
 }
 
-// The reader stops reading: nobody else is delayed for long, and each message is either delivered
-// or reported to its sender.
+// A reader stops reading. Nobody else is delayed for long, and each message is either delivered or
+// reported to its sender.
 TEST_F(MsgsvrRouting, AccountsForEveryMessageToASlowReader) {
   start({"--queue", "262144"});
   RawClient a("a");
@@ -147,7 +147,7 @@ TEST_F(MsgsvrRouting, AccountsForEveryMessageToASlowReader) {
     }
     if (i % 1000 == 0) expect_delivery(&c, &c);
   }
-  // Notices for what came in the same read as the first of these may follow its answer.
+  // Notices about messages of the same read may come after the first answer.
   for (int i = 0; i < 2; ++i) told += static_cast<uint32_t>(a.drain().size());
 
   uint32_t received = 0;
@@ -183,7 +183,7 @@ TEST_F(MsgsvrRouting, TellsSendersOfMessagesThatWaitedForADeadReader) {
     ASSERT_EQ(ORP_MSG_UNDELIVERABLE, notice.type);
     ASSERT_EQ(kType, notice.data);
   }
-  // The rest had been handed to the socket of a process that was there.
+  // The socket had taken the others while the process was there.
   EXPECT_GT(told.size(), 1000u);
   EXPECT_LT(told.size(), kCount);
 }

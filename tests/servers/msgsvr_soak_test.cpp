@@ -1,5 +1,5 @@
-// The message server as a process, with random clients that keep no rule beside pairs of clients
-// that do: whatever the former send, the latter lose nothing.
+// The message server as a process, with random clients that keep no rules and pairs of clients that
+// do: whatever the former send, the latter lose nothing.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -97,7 +97,7 @@ class Vandal {
     if (below(4) != 0) send(clients_.back(), Frame{.type = ORP_MSG_REGISTER}.bytes(name));
   }
 
-  // Never waits for the server: what it does not take now is not sent.
+  // Never waits for the server: bytes that it does not take at once are not sent.
   static void send(const RawClient &client, const std::string &bytes) {
     ::send(client.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   }
@@ -137,7 +137,7 @@ class Vandal {
     for (size_t sent = 0; sent < 300000; sent += frame.size()) send(client, frame);
   }
 
-  // What makes the server keep something, or give it up.
+  // A request that makes the server keep something or give something up.
   Frame request() {
     const std::string name = "k" + std::to_string(below(2000));
     switch (below(9)) {
@@ -171,7 +171,7 @@ class Vandal {
   std::vector<RawClient> clients_;
 };
 
-// The next message of the other of the pair; the server's notices of losses are none of its.
+// Whether the partner's next message comes; a notice of a loss in its place is a failure.
 bool expect_ping(RawClient *client, uint32_t sequence, size_t size) {
   const Frame frame = client->read();
   return frame.type == kPing && frame.sequence == sequence && frame.body.size() == size;
@@ -204,7 +204,7 @@ TEST(MsgsvrSoak, HostileClientsCostOthersNothing) {
       RawClient pong("pong" + std::to_string(i));
       std::mt19937 random(test::seed() + static_cast<uint32_t>(i));
       for (uint32_t sequence = 1; steady_clock::now() < end && !lost;) {
-        // Some on their way at a time, now and then a long one.
+        // Several messages are on their way at a time, now and then a long one.
         std::vector<size_t> sizes;
         for (uint32_t n = 1 + random() % 8; n > 0; --n) sizes.push_back(random() % 4000);
         if (random() % 50 == 0) sizes.push_back(150000);
@@ -232,7 +232,7 @@ TEST(MsgsvrSoak, HostileClientsCostOthersNothing) {
   EXPECT_GT(exchanged, 100u);
   RecordProperty("exchanged", std::to_string(exchanged));
   RecordProperty("hostile_acts", std::to_string(acts));
-  // All that they held is given back.
+  // The server releases everything that it held for them.
   for (int i = 0; i < test::kPatience_ms && descriptors() != idle; ++i) ::usleep(1000);
   EXPECT_EQ(idle, descriptors());
   std::ifstream statm(directory + "/statm");

@@ -87,7 +87,7 @@ int echo() {
   return OrpUvLoopRun(nullptr, 20000) == 0 ? 0 : 1;
 }
 
-// What the module answers; "-" and the status when it does not.
+// The module's answer; "-" and the status when it does not answer.
 std::string ask(uint32_t module, const std::string &data) {
   void *reply = nullptr;
   uint32_t length = 0;
@@ -186,7 +186,7 @@ TEST(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   EXPECT_NE(0, ::access("/var/run/notify/notifyserver", F_OK));
   ORP_NOTIFYCLT_Destroy();
   Server third;
-  // What a server that was killed leaves is replaced.
+  // The socket that a killed server has left is replaced.
   third.stop(SIGKILL);
   Server fourth;
   EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
@@ -215,7 +215,7 @@ TEST(NotifyServer, LosesAndCountsWhatAClientDoesNotRead) {
   std::sscanf(output.c_str() + output.rfind("overflows"), "overflows %u", &lost);
   EXPECT_LT(0u, lost);
 
-  // What was not lost comes whole and in its order.
+  // Messages that were not lost come whole and in order.
   for (uint32_t i = 0; i < kMessages - lost; ++i) {
     const std::string got = web.receive().data;
     ASSERT_EQ(std::string(reinterpret_cast<const char *>(&i), sizeof i) + data, got);
@@ -230,7 +230,7 @@ size_t resident_bytes(pid_t pid) {
   return resident * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
 }
 
-// A message whose last byte is missing, as far as the server reads it at once.
+// Sends a message without its last byte, as much of it as the server takes at once.
 void send_unfinished(NotifyPeer &peer, size_t size) {
   NotifyMessage begun = message(kType, kWeb, std::string(size, 'x'));
   std::string bytes = begun.bytes();
@@ -253,7 +253,7 @@ TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
     EXPECT_LT(resident_bytes(server.pid()), before + 30000000);
 #endif
 
-    // Short messages pass, in pieces too, and so do long ones of another user.
+    // Short messages still pass, also in pieces, and so do long ones of another user.
     NotifyPeer cms;
     for (const char byte : message(kType, kWeb, "pieces").bytes()) cms.send(std::string(1, byte));
     EXPECT_EQ("pieces", web.receive().data);
@@ -264,7 +264,7 @@ TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
       EXPECT_EQ(0, ::seteuid(0));
     }
 
-    // A refused message is read to its end; what follows it is whole again.
+    // A refused message is read to its end; the next message is whole again.
     cms.send(message(kType, kWeb, std::string(3000000, 'c')));
     cms.send(message(kType, kWeb, "in step"));
     EXPECT_EQ("in step", web.receive().data);
@@ -278,8 +278,8 @@ TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
 }
 
 #if !defined(MSGAPI_EMULATED) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// From now on the kernel refuses, to this process and those it starts, `call` when its argument
-// number `argument` is `value` or more, in its lower half.
+// From now on the kernel refuses `call` to this process and its children when the lower half of
+// argument number `argument` is `value` or more.
 void refuse_system_call(uint32_t call, uint32_t argument, uint32_t value, uint32_t error) {
   sock_filter rules[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -303,7 +303,7 @@ TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
   refuse_system_call(SYS_epoll_ctl, 2, kFirstRefused, ENOSPC);
   refuse_system_call(SYS_mmap, 1, kTooLarge, ENOMEM);
   refuse_system_call(SYS_mremap, 2, kTooLarge, ENOMEM);
-  refuse_system_call(SYS_brk, 0, 1, 0);  // which fails by what it returns
+  refuse_system_call(SYS_brk, 0, 1, 0);  // brk's return value says that it has failed
   Server server;
   NotifyPeer web;
   NotifyPeer cms;

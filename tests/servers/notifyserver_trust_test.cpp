@@ -25,7 +25,7 @@ constexpr uint32_t kWeb = 26;
 constexpr uint32_t kType = 0x77;
 constexpr uid_t kUser = 1234;
 
-// The kernel hands on the user of the thread that connects; null if it cannot be another one.
+// The kernel passes on the user of the thread that connects. Null if it cannot be another user.
 std::unique_ptr<NotifyPeer> peer_of(uid_t user) {
   std::unique_ptr<NotifyPeer> peer;
   std::thread([&] {
@@ -69,7 +69,7 @@ TEST(NotifyTrust, ModulesBelongToTheUsersOfTheCommandLine) {
   enter(other.get(), 20);
   ASSERT_TRUE(server.wait_for("is registered"));
 
-  // Messages bear the module of their sender, long ones that come in pieces, too.
+  // Messages carry their sender's module, also long ones that come in pieces.
   other->send(message(kWeb, kCms));
   EXPECT_EQ(20u, cms.receive().head.source_id);
   const std::string large(300000, 'x');

@@ -43,7 +43,7 @@ class OutputQueueTest : public testing::Test {
     return sent;
   }
 
-  // Everything that comes, with the queue flushed whenever nothing is there.
+  // Receives everything; flushes the queue whenever nothing is there.
   std::string receive(OutputQueue *queue) {
     std::string all;
     char buffer[5000];

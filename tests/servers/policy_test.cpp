@@ -299,7 +299,7 @@ TEST(PolicyFile, MayHaveTenThousandRules) {
   EXPECT_FALSE(policy.decide(kRoot, {Action::kOwn, "last"}).allowed);
 }
 
-// The same rules in a form of the test's own, walked through without any preparation.
+// The same rules in the test's own form, which is walked through without any preparation.
 struct ModelRule {
   Action action;
   bool allows;

@@ -1,4 +1,4 @@
-// A message server that takes restful requests by HTTP, and an application that serves them.
+// A message server with HTTP, and an application that serves restful requests.
 #pragma once
 
 #include <signal.h>
@@ -20,8 +20,8 @@ namespace test {
 
 class Restful : public Services {
  protected:
-  // Runs curl next to the test, which plays the application meanwhile: the body, the status and the
-  // type of the answer.
+  // Runs curl beside the test, which plays the application meanwhile. Returns the body, the status
+  // and the type of the answer.
   static std::future<std::string> curl(const std::string &path, const std::string &options = "") {
     const std::string command = "curl -sg --max-time 60 -w '|%{http_code}|%{content_type}' " +
                                 options + " 'http://127.0.0.1:8080" + path + "' >/var/http";
@@ -31,10 +31,10 @@ class Restful : public Services {
     });
   }
 
-  // An answer may take what a busy machine needs.
+  // A busy machine may need long for an answer.
   Restful() { serve({"--http-timeout", "30000"}); }
 
-  // Begins, or begins anew, with these options.
+  // Starts the server, or starts it again, with these options.
   void serve(std::vector<std::string> options) {
     if (server_ != nullptr) server_->stop(SIGTERM);
     options.insert(options.end(), {"--http", "8080"});
@@ -48,7 +48,7 @@ class Restful : public Services {
     app_->drain();
   }
 
-  // The application's next request, its body in place wherever it travelled.
+  // The application's next request, with its body even if that came in a hand-over file.
   Frame next_request() {
     Frame request = app_->read();
     if ((request.type & ORP_MSG_TYPE_BODY_IN_FILE) != 0) {
@@ -71,7 +71,7 @@ class Restful : public Services {
   static std::string text_of(const Frame &frame) {
     return frame.body.substr(sizeof(ORP_MSG_RESTFUL_REQ_ST)).c_str();
   }
-  // As the library's dispatcher answers.
+  // Answers like the library's dispatcher.
   static void answer(RawClient *client, const Frame &request, const std::string &text) {
     client->send({.type = request.type,
                   .to = request.from,
@@ -85,7 +85,7 @@ class Restful : public Services {
     return status_in(curl(path, options).get());
   }
 
-  // The request that a GET of `path` becomes, as "PATH HANDLER", or the HTTP status without one.
+  // The request that a GET of `path` becomes, as "PATH HANDLER"; the HTTP status if there is none.
   std::string target_of(const std::string &path) {
     auto got = curl(path);
     while (got.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {

@@ -1,4 +1,4 @@
-// A message server for a test, and what its services' tests share.
+// A message server for a test, and helpers for the tests of its services.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 
 namespace test {
 
-// Types of the tests' own, of which the server knows nothing.
+// Types of the tests, which the server does not know.
 constexpr uint32_t kType = 0x1234;
 constexpr uint32_t kUnservedType = 0x7777;
 

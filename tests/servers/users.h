@@ -1,4 +1,4 @@
-// Clients of several users, for tests of what the message server lets each of them do.
+// Clients of several users, for tests of what the message server allows each of them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,8 @@ class Users : public Services {
     if (!can_be_others()) GTEST_SKIP() << "an ordinary user's sandbox has no other users";
   }
 
-  // The kernel keeps the users of each thread, and hands on those of the one that connects.
+  // The kernel keeps a user for each thread (credentials(7)) and passes on that of the one that
+  // connects.
   template <typename Do>
   static void as(uid_t user, const std::vector<gid_t> &groups, Do what) {
     std::thread([&] {
@@ -44,7 +45,7 @@ class Users : public Services {
     return can;
   }
 
-  // Connected, with what it says as its sender, but not registered.
+  // A client that is connected but not registered; its messages name `name` as their sender.
   static std::unique_ptr<RawClient> stranger(const std::string &name,
                                              const std::vector<gid_t> &groups = {}) {
     std::unique_ptr<RawClient> client;
@@ -81,7 +82,7 @@ class Users : public Services {
     return {.type = ORP_MSG_UNDELIVERABLE, .to = to, .data = type};
   }
 
-  // What the log says until the server ends in order.
+  // Ends the server and returns its whole log.
   std::string log() {
     EXPECT_EQ(0, server_->stop(SIGTERM));
     return server_->output();

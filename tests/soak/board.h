@@ -10,8 +10,9 @@
 namespace soak {
 
 // Clients by number. Regulars live as long as the run; every message between them is accounted for.
-// Mayflies are killed at any moment. The giver passes descriptors to the taker, who gets nothing
-// else: other messages may come between a message and its descriptor. The browser asks by HTTP.
+// Mayflies are killed at any moment. The giver passes descriptors to the taker, which gets nothing
+// else, because other messages may come between a message and its descriptor. The browser asks by
+// HTTP.
 constexpr uint32_t kRegulars = 6;
 constexpr uint32_t kMayflies = 2;
 constexpr uint32_t kSpeakers = kRegulars + kMayflies;
@@ -20,7 +21,7 @@ constexpr uint32_t kTaker = kGiver + 1;
 constexpr uint32_t kBrowser = kTaker + 1;
 constexpr uint32_t kClients = kBrowser + 1;
 
-// Application names and log modules. The first two are those that the notify client knows.
+// Application names and log modules. The notify client knows the first two.
 constexpr std::array<const char *, kClients> kNames = {
     "cms", "web", "s2", "s3", "s4", "s5", "m0", "m1", "giver", "taker", "browser"};
 constexpr uint32_t kCms = 0;
@@ -33,7 +34,7 @@ constexpr bool is_mayfly(uint32_t client) {
   return client >= kRegulars && client < kSpeakers;
 }
 
-// Events come as they are published, as a DM message or as JSON; each has subscribers of its own.
+// Events come as they are published, as DM items or as JSON. Each kind has subscribers of its own.
 enum Event : uint32_t { kAsItems, kAsJson, kEvents };
 constexpr bool subscribes(uint32_t client, uint32_t event) {
   return is_regular(client) && (event == kAsItems ? client % 2 == 1 : client % 3 == 0);
@@ -51,7 +52,7 @@ class Counter {
   std::atomic<uint64_t> count_ = 0;
 };
 
-// Since the client's connection to the message server was made.
+// Counts since the client has connected to the message server.
 struct Traffic {
   std::array<Counter, kSpeakers> sent, received, told;
   Counter sent_nowhere, told_nowhere;
@@ -62,12 +63,12 @@ struct Traffic {
   Counter passed, taken;
 };
 
-// Since the client's connection to the notify server was made.
+// Counts since the client has connected to the notify server.
 struct Notifications {
   Counter posted, received, failures;
 };
 
-// Lines from `first` to `last` that one log server has taken, as a flush has shown.
+// Lines from `first` to `last` that one log server has taken: a flush has confirmed it.
 struct Flushed {
   uint64_t first = 0, last = 0;
 };
@@ -78,7 +79,7 @@ struct Lines {
   Counter flushes;  // how many of these there are
 };
 
-// Since the beginning, for the table.
+// Counts since the beginning, for the table.
 struct Totals {
   Counter sent, received, told, bytes;
   Counter waited_for, answered_later, unanswered;
@@ -92,9 +93,9 @@ struct Totals {
 };
 
 struct Slot {
-  Counter epoch;         // of the message server that it works with; 0: not connected
-  Counter notify_epoch;  // the same of the notify server; only of those that it knows
-  Counter paused;        // the last pause in which it has come to rest
+  Counter epoch;         // number of the message server that it works with; 0: not connected
+  Counter notify_epoch;  // the same of the notify server, only for clients that it knows
+  Counter paused;        // the last pause in which the client has come to rest
   Traffic traffic;
   Notifications notifications;
   Lines lines;
@@ -107,7 +108,7 @@ struct Board {
   Counter notify_epoch, notify_all_there;
   Counter log_epoch;
   Counter serving;         // 0 from before the message server is killed until all are there again
-  Counter pause, resumed;  // unequal: come to rest
+  Counter pause, resumed;  // unequal: clients must come to rest
   Counter stop;
   Slot slots[kClients];
   std::atomic<bool> failed = false;

@@ -1,9 +1,9 @@
-// A client does at random what applications do, and looks at whatever arrives: nothing twice,
-// nothing out of order, every body whole, every procedure called as often as it has to be.
+// A client does at random what applications do, and checks everything that arrives: nothing comes
+// twice or out of order, every body is whole, and every procedure is called as often as it must be.
 //
-// A message carries the sender's connection in its data word and its number for this receiver in
-// its sequence number. Requests have a type for each pair, direction and way. Who waits for an
-// answer asks clients of higher numbers only, so that no two wait for each other.
+// A message has the number of the sender's connection in its data word, and its number for this
+// receiver as its sequence number. Requests have a type for each pair, direction and way. A client
+// that waits for an answer asks only clients with higher numbers, so no two wait for each other.
 
 #include "client.h"
 
@@ -47,7 +47,7 @@ constexpr uint32_t kNotifyRequest = 6;
 constexpr uint32_t kProbe = 1;  // to the notify server itself
 
 constexpr uint32_t kTick_ms = 10;
-// Longer than a client can be held up by anything that it does itself.
+// Longer than anything that a client does itself can take.
 constexpr uint32_t kPatience_ms = 20000;
 constexpr uint32_t kPatienceWithMayflies_ms = 300;
 constexpr uint32_t kMostAsked = 8;
@@ -70,7 +70,7 @@ uint32_t g_self;
 uint32_t g_incarnation;
 std::mt19937 g_random;
 uint32_t g_connection;         // its number
-bool g_connected;              // the kit says so
+bool g_connected;              // according to the kit
 uint32_t g_notify_connection;  // 0: none
 std::array<uint32_t, kSpeakers> g_numbers;
 std::array<Position, kSpeakers> g_heard;
@@ -79,7 +79,7 @@ Position g_notice_heard;
 std::map<uint32_t, Asked> g_asked;
 uint32_t g_last_asked;
 uint32_t g_children;
-uint32_t g_given;  // descriptors of which the taker has not said that it has them
+uint32_t g_given;  // descriptors that the taker has not confirmed yet
 uint64_t g_log_epoch, g_first_line;
 
 [[noreturn]] __attribute__((format(printf, 1, 2))) void fail(const char *format, ...) {
@@ -135,7 +135,7 @@ void check_body(const ORP_MSG_HEADER_ST *message, uint32_t size, char byte) {
   }
 }
 
-// Whether this comes after all before it.
+// Whether this number comes after all that were heard before.
 bool comes_next(Position *heard, uint32_t connection, uint32_t number) {
   if (connection < heard->connection) return false;
   if (connection > heard->connection) *heard = {connection, 0};
@@ -144,7 +144,7 @@ bool comes_next(Position *heard, uint32_t connection, uint32_t number) {
   return true;
 }
 
-// A send that went wrong ends with the connection, or the driver sees it.
+// False when the send failed. The driver allows no failures on a connection that lasts.
 bool sent(uint32_t status) {
   if (status == ORP_OK) return true;
   if (status == ORP_ERR_NOT_WRITABLE) fail("the message server takes nothing for 10 s");
@@ -255,8 +255,8 @@ ORP_MSG_HEADER_ST *message_with(uint32_t size, uint32_t type, uint32_t to, uint3
   return message;
 }
 
-// To and from mayflies no body travels in a file: what a killed process leaves would have to be
-// told from what is lost.
+// Messages to and from mayflies have no body in a file: files that a killed process leaves would
+// look like files that were lost.
 void send_message(uint32_t to) {
   uint32_t number = g_numbers[to] + 1;
   if (is_mayfly(to) || is_mayfly(g_self)) {
@@ -278,7 +278,8 @@ void send_nowhere() {
   totals().sent.add();
 }
 
-// A wait for an answer would take that of an earlier asynchronous request of its type for its own.
+// Types differ by way: a synchronous wait would take the answer to an earlier asynchronous request
+// of its type for its own.
 enum Way : uint32_t { kWaitedFor, kLater, kWays };
 uint32_t request_type(uint32_t asker, uint32_t to, Way way) {
   return kRequest + (asker * kSpeakers + to) * kWays + way;
@@ -321,7 +322,7 @@ void ask_for_later(uint32_t to) {
   const bool mayfly = is_mayfly(to) || is_mayfly(g_self);
   const uint32_t size = kSizes[below(mayfly ? 2 : 3)];
   const uint32_t id = ++g_last_asked;
-  // Before the send, which may find the connection's end.
+  // Noted before the send, which may find the connection's end.
   g_asked[id] = {to, size, letter(id), steady_clock::now()};
   if (!sent(ORP_MSG_AsyncSendAndReceive(
           message_with(size, request_type(g_self, to, kLater), to, id, letter(id)),
@@ -457,7 +458,7 @@ void give_descriptor() {
 
 // ---- Its connections ----
 
-// What was sent on the connection before has been dealt with once this is answered.
+// When the server has answered this, it has dealt with everything that was sent before.
 void settle_in() {
   const uint64_t epoch = g_board->epoch;
   if (ORP_MSG_GetNumOfProcesses(kNames[g_self]) != 0) g_slot->epoch.set(epoch);
@@ -501,7 +502,7 @@ void speak() {
   if (!all_there) return;
   if (is_mayfly(g_self)) send_message(below(kRegulars));
   if (is_regular(g_self) && one_in(4)) send_message(kRegulars + below(kMayflies));
-  // A mayfly would not live to count a notice.
+  // A mayfly asks only regulars: it might not live to count the notice when another mayfly is gone.
   if (one_in(4)) {
     ask_for_later(is_mayfly(g_self) ? below(kRegulars)
                                     : (g_self + 1 + below(kSpeakers - 1)) % kSpeakers);
@@ -575,7 +576,7 @@ void run_application() {
 
 // ---- The browser ----
 
-// What comes until the server closes the connection.
+// Everything that comes until the server closes the connection.
 std::string get(const std::string &path) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};

@@ -8,10 +8,10 @@
 
 namespace soak {
 
-// The text of a client's log line, as it stands in the ring file.
+// The text of a client's log line in the ring file.
 std::string line_text(uint32_t incarnation, uint64_t number);
 
-// A client's whole life, in a process of its own. Its first failure goes to the board.
+// A client's whole life, in a process of its own. It writes its first failure to the board.
 [[noreturn]] void run_client(Board *board, uint32_t client, uint32_t incarnation, uint32_t seed);
 
 }  // namespace soak

@@ -13,7 +13,7 @@
 namespace soak {
 namespace {
 
-// The lines of a ring file, oldest first.
+// The lines of a ring file, the oldest first.
 std::string in_order(const std::string &file) {
   long overturn = 0;
   size_t offset = 0;
@@ -26,8 +26,8 @@ std::string in_order(const std::string &file) {
   return overturn == 0 ? newer : file.substr(offset) + newer;
 }
 
-// The numbers of a life's lines in `text`, in order; only lines that are there from "soak" to "end"
-// count.
+// The numbers of a life's lines in `text`, in order. Only lines that are whole, from "soak" to
+// "end", count.
 std::vector<uint64_t> numbers_in(const std::string &text, uint32_t incarnation) {
   std::vector<uint64_t> numbers;
   std::istringstream lines(text);
@@ -46,7 +46,7 @@ std::vector<uint64_t> numbers_in(const std::string &text, uint32_t incarnation) 
   return numbers;
 }
 
-// Datagrams that may wait for a server's socket.
+// How many datagrams may wait in a server's socket.
 uint64_t queue_length() {
   uint64_t length = 10;
   std::ifstream("/proc/sys/net/unix/max_dgram_qlen") >> length;
@@ -89,7 +89,7 @@ std::string LogCheck::verify() {
       if (number < last)
         return "line " + std::to_string(number) + " of " + who + " comes after " +
                std::to_string(last);
-      // What was looked at before may have been written over.
+      // Lines that were checked before may have been written over.
       twice += number == last && number >= life.first;
       where[number] = Where::kFile;
       last = number;

@@ -1,4 +1,4 @@
-// Whether every log line is where it has to be.
+// Checks that every log line is where it must be.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,13 @@ namespace soak {
 
 class LogCheck {
  public:
-  // What `client` wrote in its life `incarnation`, since the last call for it: `done` lines, and
-  // one more if it was killed in the middle.
+  // Adds what `client` wrote in its life `incarnation` since the last call for it: `done` lines,
+  // and one more if it was killed in the middle.
   void add(uint32_t client, uint32_t incarnation, const Lines &lines);
   void log_server_killed() { ++kills_; }
 
-  // Looks for all of these in the ring files and on the clients' standard error; the log server has
-  // written what it has. A line may be missing only when it waited in the socket of a log server
+  // Looks for all of these in the ring files and on the clients' standard error, after the log
+  // server has been flushed. A line may be missing only if it was in the socket of a log server
   // that was killed. Returns what is wrong, or "".
   std::string verify();
 
@@ -39,7 +39,7 @@ class LogCheck {
   uint64_t found_ = 0, told_ = 0, lost_ = 0;
 };
 
-// Where a client's or server's standard output and error go.
+// The file of a client's or server's standard output and error.
 std::string output_path(const std::string &name);
 
 }  // namespace soak

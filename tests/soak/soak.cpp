@@ -1,11 +1,11 @@
 // soak [--seconds N] [--seed N]: everything at once, with servers killed and started again.
 //
 // Clients send, ask, publish, log, start children, notify and pass descriptors at random; a browser
-// asks by HTTP; mayflies die at any moment by SIGKILL, and so does each server. Every now and then
-// all come to rest, and what was sent must be what has arrived and what somebody was told of. In
-// the last part of a run no server dies: there memory must not grow.
+// asks by HTTP. Mayflies are killed by SIGKILL at any moment, and so is each server. Every now and
+// then everybody comes to rest: everything that was sent must have arrived or been reported. In the
+// last part of a run no server dies: there memory must not grow.
 //
-// Runs in the sandbox, whose fixed paths it uses. The seed fixes what is done, not when.
+// Runs in the sandbox, whose fixed paths it uses. The seed fixes what is done, but not when.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -47,7 +47,7 @@ using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// For what must come about; machines may be loaded.
+// How long something that must happen may take; machines may be loaded.
 constexpr auto kPatience = 40s;
 // Memory of its own that a process may gain between the first rest without deaths of servers and
 // the last one. The allocators keep what the largest queue so far has needed, by 64 KiB and more at
@@ -59,7 +59,7 @@ constexpr bool kMeasuresMemory = false;  // the sanitizers keep what is freed
 constexpr bool kMeasuresMemory = true;
 #endif
 
-// Something is not as it must be.
+// A check has failed.
 class Fault : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -167,7 +167,7 @@ class Soak {
  private:
   uint64_t below(uint64_t limit) { return random_() % limit; }
   uint64_t between(uint64_t least, uint64_t most) { return least + below(most - least + 1); }
-  // How long servers live, about.
+  // About how long servers live.
   uint64_t round_ms() const { return std::clamp<uint64_t>(seconds_ * 1000 / 14, 300, 6000); }
 
   Slot &slot(uint32_t client) const { return board_->slots[client]; }
@@ -269,10 +269,10 @@ void Soak::wait_for_all() {
   board_->serving.set(board_->epoch);
 }
 
-// Nobody but those whose time has come may end.
+// Fails if anybody has ended who was not killed or told to.
 void Soak::look_after_all() {
   if (board_->failed) {
-    std::this_thread::sleep_for(50ms);  // it is still writing what it has to say
+    std::this_thread::sleep_for(50ms);  // the client is still writing its message
     throw Fault(board_->failure);
   }
   int status = 0;
@@ -309,7 +309,7 @@ void Soak::kill_mayfly(uint32_t client) {
   ++mayfly_deaths_;
 }
 
-// Lets all go on; mayflies come and go.
+// Lets everybody go on. Mayflies come and go.
 void Soak::work(uint64_t for_ms) {
   const auto end = steady_clock::now() + milliseconds(for_ms);
   do {
@@ -325,7 +325,7 @@ void Soak::work(uint64_t for_ms) {
   } while (steady_clock::now() < end);
 }
 
-// One of the servers or several, in the midst of everything.
+// Kills one or several of the servers while everybody works.
 void Soak::kill_servers() {
   std::vector<Kind> dying;
   while (dying.empty()) {
@@ -398,8 +398,8 @@ nlohmann::json Soak::ask_server(const std::string &path) const {
   return nlohmann::json::parse(answer.substr(body + 4));
 }
 
-// What keeps sent from being received and told; "" when nothing does. Everybody rests, so that it
-// comes to that in the end.
+// How the messages that were sent differ from those received plus those reported; "" when they do
+// not. While everybody rests, "" must come in the end.
 std::string Soak::traffic_difference() {
   const auto say = [](const std::string &what, uint64_t sent, uint64_t got, uint64_t told) {
     return what + ": " + std::to_string(sent) + " sent, " + std::to_string(got) + " received, " +
@@ -451,8 +451,8 @@ std::string Soak::traffic_difference() {
   uint64_t lost = 0;
   for (const auto &[kind, count] : stats["lost"].items()) lost += count.get<uint64_t>();
   if (told != notices) return say("notices", told, notices, 0);
-  // The server's own answers to a mayfly that is gone count with the events of which nobody is
-  // told.
+  // The server's own answers to a mayfly that has gone count together with lost events: nobody is
+  // told of them.
   if (untold < events_missing) {
     return std::to_string(events_missing) + " events are missing, the server counts " +
            std::to_string(untold) + where;
@@ -469,7 +469,8 @@ std::string Soak::descriptor_difference() {
   const auto check = [&](const std::string &name, pid_t pid) -> std::string {
     const size_t open = use_of(pid).descriptors;
     const auto known = descriptors_.emplace(name, open).first;
-    // The first look may have met what is just going, so that fewer are the measure from then on.
+    // The first look may have counted descriptors that were just being closed, so a smaller number
+    // becomes the measure.
     if (open <= known->second) known->second = open;
     if (open == known->second) return "";
     return name + " has " + std::to_string(open) + " descriptors at rest, and had " +
@@ -487,7 +488,7 @@ std::string Soak::descriptor_difference() {
   return difference;
 }
 
-// Files of bodies that nobody has taken over: only what a killed server was to pass on.
+// Hand-over files that nobody has taken over: only killed servers may leave some.
 void Soak::check_left_files() {
   uint64_t left = 0;
   std::error_code error;
@@ -501,7 +502,7 @@ void Soak::check_left_files() {
   }
 }
 
-// Everybody rests, and the accounts must agree.
+// Brings everybody to rest and compares the accounts.
 void Soak::audit() {
   board_->pause.set(++pauses_);
   until([&]() -> std::string {
@@ -516,7 +517,7 @@ void Soak::audit() {
     if (clients_[client] != 0) kill_mayfly(client);
   }
   until([&] { return traffic_difference(); });
-  // A new server has not opened everything before it has served.
+  // A new server opens some descriptors only when it serves.
   until([&] { return descriptor_difference(); });
   check_left_files();
 
@@ -611,7 +612,7 @@ void Soak::print_table() const {
   }
 }
 
-// The last lines of everybody.
+// Prints the last lines of everybody.
 void Soak::print_outputs() const {
   const auto show = [](const std::string &name) {
     constexpr size_t kShown = 1500;

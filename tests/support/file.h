@@ -1,4 +1,4 @@
-// Files as tests look at them.
+// Reading files in tests.
 #pragma once
 
 #include <fstream>

@@ -1,4 +1,4 @@
-// A message as it travels, for tests and fuzz targets.
+// A message on the wire, for tests and fuzz targets.
 #pragma once
 
 #include <sys/socket.h>
@@ -32,7 +32,8 @@ struct Frame {
   std::string from = {};
 
   bool operator==(const Frame &) const = default;
-  // As it travels: from `sender` unless that is empty, `swapped` in the other byte order.
+  // The bytes on the wire: from `sender` unless that is empty, and with `swapped` in the other byte
+  // order.
   std::string bytes(std::string_view sender = {}, bool swapped = false) const {
     ORP_MSG_HEADER_ST header = {};
     header.ulMsgType = type;

@@ -1,1 +1,1 @@
-// Nothing but the headers that are compiled once for all tests: tests/test_support.cmake.
+// Only the headers that are compiled once for all tests (tests/test_support.cmake).

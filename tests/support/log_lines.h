@@ -1,4 +1,4 @@
-// The log server's end of the log client: what the code under test logs.
+// Plays the log server: gives the lines that the code under test logs.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The far end of a message connection, played by the test: whole messages or single bytes, in
-// either byte order, without help from the library. Everything it waits for is bounded in time.
+// either byte order, without help from the library. Every wait is bounded in time.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ std::ostream &operator<<(std::ostream &out, const Frame &frame);
 using MessageBlock = msgapi::Owned<ORP_MSG_HEADER_ST>;
 MessageBlock make_block(const Frame &frame);
 
-// An application's name as a body or in one: with zeros up to the size of its field.
+// An application's name, with zeros up to the size of its field.
 std::string padded(std::string name, size_t size = ORP_APP_NAME_SIZE);
 
 class MessagePeer {
@@ -40,30 +40,30 @@ class MessagePeer {
   bool swapped() const { return swapped_; }
   void close() { fd_.reset(); }
 
-  // Blocks until everything is written; false when the other end is gone. A frame goes out from
-  // this peer's name, when it has one.
+  // Blocks until everything is written; false when the other end has gone. If this peer has a name,
+  // frames name it as their sender.
   bool send(const Frame &frame) { return send_bytes(frame.bytes(name_, swapped_)); }
   bool send_bytes(std::string_view bytes);
 
-  // The next frame; none when nothing (more) comes for `timeout_ms`, or at the end of the stream.
-  // The header is read with a single read, which must bring all of it.
+  // The next frame; none when nothing (more) comes within `timeout_ms`, or at the stream's end. A
+  // single read must bring the whole header.
   std::optional<Frame> receive(int timeout_ms = kPatience_ms);
-  // The same; a failed expectation and an empty frame when none comes.
+  // The same. When none comes, the test fails and the frame is empty.
   Frame read();
   // Expects that frame next, from any sender and with any number where `expected` has none.
   void expect(const Frame &expected, const char *file = __builtin_FILE(),
               int line = __builtin_LINE());
-  // Exactly `count` bytes as they come, fewer when nothing more comes.
+  // The next `count` bytes; fewer when nothing more comes.
   std::string receive_bytes(size_t count, int timeout_ms = kPatience_ms);
-  // True when nothing more is there to read: no byte has arrived.
+  // True when no byte is there to be read.
   bool quiet();
-  // Waits for the end of the stream; what comes before is dropped.
+  // Waits for the end of the stream and drops everything before it.
   bool closed();
 
-  // Sends back what answers `request`.
+  // Sends an answer to `request`.
   void answer(const Frame &request, uint32_t data = 0, const std::string &body = {});
-  // Reads the registration and confirms it under `name`. With `swap` the client is told that
-  // headers travel reversed from then on. Returns the request.
+  // Reads the registration and confirms it under `name`. With `swap` the answer tells the client to
+  // swap the byte order of headers from then on. Returns the request.
   Frame accept_registration(const std::string &name, bool swap = false, uint32_t keep_alive = 0,
                             uint32_t period_s = 0);
 
@@ -92,8 +92,8 @@ class RawClient : public MessagePeer {
 
   // Sends a request and waits for the frame of its type; others are dropped.
   Frame ask(const Frame &request);
-  // Everything the server had for this client before now has arrived afterwards: asks it for
-  // something and returns what comes before the answer.
+  // Asks the server for something and returns the frames that come before the answer: everything
+  // that the server had for this client.
   std::vector<Frame> drain();
 };
 

@@ -24,7 +24,7 @@
 namespace test {
 namespace {
 
-// Asks `condition` until it holds and fails the test when it does not in kPatience_ms.
+// Checks `condition` until it holds. Fails the test when it does not within kPatience_ms.
 template <typename Condition>
 void wait_until(const Condition &condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience_ms);
@@ -56,7 +56,7 @@ void teach_bridge(const std::string &bridge, const std::string &peer, const std:
   place.sll_family = AF_PACKET;
   place.sll_ifindex = static_cast<int>(::if_nametoindex(peer.c_str()));
 
-  // To everybody, of the type kept for experiments.
+  // A broadcast of the local experimental EtherType (IEEE 802).
   unsigned char frame[60] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0x88, 0xb5};
   unsigned char *source = frame + 6;
   ASSERT_EQ(6, std::sscanf(mac.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &source[0], &source[1],

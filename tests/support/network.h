@@ -14,11 +14,11 @@ void run(const std::string &command);
 // Makes the bridge `name`, without addresses, and brings it up.
 void add_bridge(const std::string &name);
 
-// Makes a pair of Ethernet interfaces that are each other's cable, both up; `port` becomes a port
-// of `bridge`.
+// Makes a pair of connected Ethernet interfaces (veth(4)), both up. `port` becomes a port of
+// `bridge`.
 void add_bridge_port(const std::string &bridge, const std::string &port, const std::string &peer);
 
-// Lets `bridge` learn `mac`, which comes in from the interface `peer` at the far end of a port.
+// Lets `bridge` learn `mac`: a frame from it comes from `peer`, the far end of a port.
 void teach_bridge(const std::string &bridge, const std::string &peer, const std::string &mac);
 
 // A port of this machine.
@@ -30,7 +30,7 @@ void send_over_loopback(int count, size_t size);
 // Makes `program` a shell script that comes before every other program of this name.
 void replace_program(const std::string &program, const std::string &script);
 
-// A descriptor to read `text` from, open for the whole test.
+// A descriptor from which `text` can be read. It stays open for the whole test.
 int readable(const std::string &text);
 
 // A socket's option that is an int.

@@ -1,5 +1,5 @@
-// The far end of a notify connection, played by the test on its own thread: sockets hold what
-// either side has sent until the other reads it.
+// The far end of a notify connection, played by the test on its own thread: the sockets hold what
+// either side has sent until the other one reads it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -80,7 +80,7 @@ class FakeNotifyServer : public NotifyPeer {
     EXPECT_EQ(0, ::listen(listener_.get(), 10));
   }
 
-  // Takes the connection that waits; the former one is closed.
+  // Accepts the connection that waits and closes the former one.
   void accept() { fd_.reset(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
   bool somebody_connects() const { return has_data(listener_.get()); }
 

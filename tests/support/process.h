@@ -19,15 +19,15 @@ class Process {
 
   pid_t pid() const { return pid_; }
 
-  // Reads on until the output holds `text` somewhere behind the last text that was waited for;
-  // false when the program ends first or says nothing for kPatience_ms.
+  // Reads on until the output has `text` somewhere after the last text that was waited for. False
+  // when the program ends first or prints nothing for kPatience_ms.
   bool wait_for(const std::string &text);
 
-  // Waits for the end of the program: its exit status, or 128 and the number of the signal that
-  // ended it; -1 when it says nothing for so long.
+  // Waits for the end of the program. Returns its exit status, or 128 plus the number of the signal
+  // that ended it; -1 when it prints nothing for kPatience_ms.
   int wait();
 
-  // Sends `signal` and waits for the end.
+  // Sends `signal` and waits like wait().
   int stop(int signal);
 
   // What has been read so far.

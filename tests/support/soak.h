@@ -17,7 +17,7 @@ inline uint32_t soak_factor() {
   return from_environment("MSGAPI_SOAK", 1);
 }
 
-// Where its random numbers start.
+// The seed of its random numbers.
 inline uint32_t seed() {
   return from_environment("MSGAPI_SEED", 1);
 }
@@ -29,7 +29,7 @@ inline constexpr int kSlowness = 10;
 inline constexpr int kSlowness = 1;
 #endif
 
-// How long a test waits for what must come.
+// How long a test waits for something that must come.
 inline constexpr int kPatience_ms = 10000 * kSlowness;
 
 }  // namespace test

@@ -10,7 +10,7 @@
 
 namespace test {
 
-// Defines a value, which becomes its own default.
+// Defines a value, which is its own default.
 inline void define(uint32_t area, uint32_t id, uint32_t type, uint32_t size, std::string_view value,
                    ORP_DB_KEY_ST key = {}) {
   const CFM_VALUE each = {area, key.ulObject, key.ulInstance, id,

@@ -1,5 +1,5 @@
-// The child is traced; system calls that the code under test does not make mark the begin and the
-// end of what is counted.
+// The child is traced (ptrace(2)). System calls that the code under test does not make mark the
+// beginning and the end of what is counted.
 
 #include "support/system_calls.h"
 
@@ -17,7 +17,7 @@ namespace {
 
 constexpr long kMarker = SYS_getppid;
 
-// Declared here because <sys/ptrace.h> and <linux/ptrace.h> do not go together.
+// Declared here because <sys/ptrace.h> and <linux/ptrace.h> cannot both be included.
 long trace(long request, pid_t child, unsigned long address, void *data) {
   return ::syscall(SYS_ptrace, request, child, address, data);
 }

@@ -7,7 +7,7 @@
 
 namespace test {
 
-// Whether calls can be counted here: not where tracing is forbidden or under emulation.
+// Whether calls can be counted here: not if tracing is forbidden, and not under emulation.
 bool can_count_system_calls();
 
 struct SystemCall {
@@ -15,9 +15,9 @@ struct SystemCall {
   uint64_t arguments[6];
 };
 
-// The system calls of action(), in order. The action runs in a child
-// process with a copy of everything, once to warm up caches and once to be counted; prepare() runs
-// before each, uncounted. What the child does is lost with it, expectations included.
+// The system calls of action(), in order. It runs in a child process, a copy of this one: once to
+// warm up caches, and once to be counted. prepare() runs before each and is not counted. Everything
+// that the child does is lost with it, expectations included.
 std::vector<SystemCall> system_calls(const std::function<void()> &prepare,
                                      const std::function<void()> &action);
 

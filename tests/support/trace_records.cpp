@@ -12,7 +12,7 @@ std::vector<std::string> g_records;
 
 }  // namespace
 
-// Stands in for the library's, which writes nothing: the linker leads its calls here.
+// Replaces the library's function, which writes nothing: the linker redirects the calls to it.
 extern "C" uint32_t __wrap_ORP_TRACE_PrintInfo(const char *function, uint32_t /*line*/,
                                                uint32_t /*reserved*/, const char *category,
                                                uint32_t level, const char *format, ...) {

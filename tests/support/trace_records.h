@@ -1,4 +1,4 @@
-// What the library traces. The program is linked with --wrap=ORP_TRACE_PrintInfo.
+// The library's trace records. The program must be linked with --wrap=ORP_TRACE_PrintInfo.
 #pragma once
 
 #include <functional>
@@ -8,7 +8,8 @@
 
 namespace test {
 
-// The records with `part` in their text that `action` makes: "FUNCTION CATEGORY LEVEL: TEXT".
+// The records that `action` makes and that have `part` in their text: "FUNCTION CATEGORY LEVEL:
+// TEXT".
 std::vector<std::string> trace_records(std::string_view part, const std::function<void()> &action);
 
 }  // namespace test

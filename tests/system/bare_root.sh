@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# bare_root.sh SOURCE BUILD PACKAGES: the Debian packages, installed by dpkg into a root that holds
-# nothing but a shell and what they need, make it one in which two users of the group msgapi pass
-# bodies through files, though its /var/run was a link; removed, they leave the link. (Part of
+# bare_root.sh SOURCE BUILD PACKAGES: dpkg installs the Debian packages into a root that has only a
+# shell and what they need. Then two users of the group msgapi can pass bodies through hand-over files,
+# even if /var/run was a link before. When the packages are removed, the link is there again. (Part of
 # packages_test.sh, in the sandbox.)
 set -euo pipefail
 source=$(realpath "$1")
@@ -27,7 +27,7 @@ fail() {
   exit 1
 }
 
-# What dpkg's scripts run, and the libraries of other packages.
+# The programs that dpkg's scripts run, and the libraries of other packages.
 mkdir -p "$root"/{dev,etc,proc,run,tmp,usr,var/lib/dpkg/{updates,info}}
 for directory in bin sbin lib lib32 lib64; do
   if [[ -L /$directory ]]; then
@@ -86,7 +86,7 @@ with_dpkg() {
   dpkg --root="$root" --force-depends --log=/dev/null "$@" >"$log" 2>&1 || fail "dpkg $1 fails"
 }
 
-# In a chroot, as when an image is made, and as in a system that runs.
+# In a chroot, as when an image is made, and as on a running system.
 for kind in image system; do
   rm -rf "$root/var/run"
   ln -s /run "$root/var/run"

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""demo_test.py BIN: the demo goes through all its scenes, and tshark reads every field of the capture
-that it makes as it stands in the file. For use inside the sandbox. BIN has the programs."""
+"""demo_test.py BIN: the demo goes through all its scenes, and tshark reads every field of its capture
+as it is in the file. For use inside the sandbox. BIN has the programs."""
 
 import pathlib
 import shutil
@@ -24,7 +24,7 @@ def text(field):
 
 
 def packets():
-    """Of each packet what tools/traffic/pcapng.h says of its bytes, by the names of the dissector."""
+    """The fields of each packet by tools/traffic/pcapng.h, with the dissector's names."""
     capture = CAPTURE.read_bytes()
     at = 0
     while at < len(capture):
@@ -59,7 +59,7 @@ def as_tshark_reads(names):
 
 
 def plain(value):
-    """Numbers in any notation, and what different versions call true."""
+    """The same text for a number in any notation, and for true as different versions write it."""
     value = {"True": "1", "False": "0"}.get(value, value)
     return str(int(value, 0)) if value[:1].isdigit() and value.replace("x", "").isalnum() else value
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# dev_test.sh SOURCE: ./dev says how the tests went, also when there are none of that name. It runs
-# in a tree of its own that has nothing to build.
+# dev_test.sh SOURCE: ./dev says how the tests went, also when no test has the given name. It runs in
+# a tree of its own that has nothing to build.
 set -euo pipefail
 source=$(realpath "$1")
 
@@ -24,7 +24,7 @@ for preset in debug asan; do
   touch build/$preset/{build.ninja,CMakeCache.txt}
   printf 'add_test(%s %s)\n' Good.One /bin/true Bad.One /bin/false >build/$preset/CTestTestfile.cmake
 done
-# All is built, and every package is there.
+# Stubs say that everything is built and every package is installed.
 printf '#!/bin/sh\nexit 0\n' >/var/stubs/cmake
 printf '#!/bin/sh\necho installed\n' >/var/stubs/dpkg-query
 chmod +x /var/stubs/*

@@ -1,4 +1,4 @@
-// The example as dig and the system's resolver see it. A second relay plays the upstream server.
+// The example, asked by dig and by the system's resolver. A second relay plays the upstream server.
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -120,8 +120,8 @@ TEST_F(DnsRelay, PassesQueriesOnAndAgesWhatItRemembers) {
   EXPECT_GT(ttl, 200);
 }
 
-// A server for "test." on port 5300: what it answers stands in the first label of the name. It
-// counts what it is asked.
+// A server for "test." on port 5300. The first label of a name says what it answers. It counts its
+// queries.
 constexpr const char *kUpstream = R"(
 import socket, struct, sys, threading
 def answer(query, tcp):
@@ -199,14 +199,14 @@ TEST_F(DnsRelayBehindAServer, RemembersWhatThereIsNot) {
   dig("nodata-1.test AAAA");
   EXPECT_EQ(2, times_asked("nodata-1")) << "another type of record may be there";
 
-  // The SOA record comes along, its TTL not above its MINIMUM and aged.
+  // The SOA record comes along. Its TTL is not above its MINIMUM (RFC 2308, 5), and has aged.
   for (const std::string &answer : {no_name, no_record}) {
     EXPECT_THAT(answer, HasSubstr("ANSWER: 0, AUTHORITY: 1, ADDITIONAL: 0"));
     EXPECT_THAT(answer,
                 testing::ContainsRegex("est\\.\t+(30|2[0-9])\tIN\tSOA\t[Tt]est\\. [Tt]est\\. 1"));
   }
 
-  // Neither without that record nor after a failure.
+  // Answers without that record are not kept, nor are failures.
   for (const char *name : {"bare.test", "fail.test"}) dig(name), dig(name);
   EXPECT_EQ(2, times_asked("bare"));
   EXPECT_EQ(2, times_asked("fail"));
@@ -216,8 +216,8 @@ TEST_F(DnsRelayBehindAServer, AnswersOverTcp) {
   EXPECT_THAT(dig("+tcp box.lan"), HasSubstr("192.0.2.10"));
   EXPECT_THAT(dig("+tcp nx-2.test"), HasSubstr("status: NXDOMAIN"));
   EXPECT_THAT(dig("+ignore long-1.test TXT"), HasSubstr("flags: qr tc rd ra"));
-  // What does not fit is asked for over TCP only when there is room for it; dig repeats so by
-  // itself.
+  // The relay asks over TCP only when the client has room for the long answer; dig repeats a
+  // truncated query over TCP by itself.
   EXPECT_EQ(0, times_asked("over TCP"));
   const std::string whole = dig("long-2.test TXT");
   EXPECT_THAT(whole, HasSubstr("ANSWER: 20,"));

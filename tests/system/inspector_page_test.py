@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """inspector_page_test.py BIN SOURCE PICTURES: the inspector's page in a real browser, for use inside
-the sandbox. BIN has the programs. Pictures of all views are put into the directory PICTURES, for a
-person to look at. Ends with 77 where there is no browser."""
+the sandbox. BIN has the programs. Writes pictures of all views into the directory PICTURES, for a
+person to look at. Ends with 77 if there is no browser."""
 
 import base64
 import http.client
@@ -19,7 +19,7 @@ BIN, SOURCE, PICTURES = (pathlib.Path(word) for word in sys.argv[1:4])
 PATIENCE_S = 120
 DRIVER_PORT = 9515
 ENTER, RIGHT, ESCAPE = "\ue007", "\ue014", "\ue00c"
-# Eleven characters, the longest name there is; both would be elements if they were taken for HTML.
+# Names have at most eleven characters. Both of these would be elements if they were taken for HTML.
 IMAGE_NAME, SCRIPT_NAME = "<img src=x>", "<script>x"
 EVIL_BODY = "<img src=x onerror=\"document.title='owned'\"><script>document.title='owned'</script>"
 EVIL_LOG = "<b>bold</b><script>document.title='owned'</script> \x1b[31mred"
@@ -86,7 +86,7 @@ def start_inspector(*arguments):
 
 
 class Browser:
-    """A browser behind its driver (W3C WebDriver), as far as this test needs it."""
+    """A browser that is controlled by its driver (W3C WebDriver), as far as this test needs it."""
 
     def __init__(self):
         start_in = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
@@ -149,7 +149,7 @@ class Browser:
         (PICTURES / f"{name}.png").write_bytes(png)
 
     def small_picture(self, name, width, height):
-        """The upper left part, in three quarters of its size."""
+        """Takes a picture of the upper left part, at three quarters of its size."""
         clip = {"x": 0, "y": 0, "width": width, "height": height, "scale": 0.75}
         shot = self.command("POST", "/goog/cdp/execute", {
             "cmd": "Page.captureScreenshot", "params": {"format": "png", "clip": clip}})
@@ -181,7 +181,7 @@ def view(browser, name):
 def open_live(browser, address):
     browser.open(address)
     eventually("the page is live", lambda: browser.text("#status") == "Live")
-    # This machine may be slow: what passed a minute ago is still of interest.
+    # This machine may be slow, so the window must show more than the last minute.
     browser.js("""
         document.getElementById('window').value = '600';
         document.getElementById('window').dispatchEvent(new Event('change'))""")
@@ -268,7 +268,7 @@ def pauses(browser):
 def details(browser):
     set_filter(browser, "answer and from=station")
     eventually("answers are shown", lambda: names_in(browser, 2) == {"station"})
-    # With the keyboard alone.
+    # With the keyboard only.
     browser.keys("#stream tbody tr", ENTER)
     eventually("the body is shown", lambda: '"channel": 6' in browser.text("#detail-body"))
     browser.picture("detail")
@@ -338,14 +338,14 @@ def takes_nothing_for_html(browser):
     browser.picture("foreign-text")
     browser.click("#close")
     set_filter(browser, "")
-    # The page's own rules refuse it, too.
+    # The page's Content-Security-Policy refuses it, too.
     refused = browser.js("try { document.body.innerHTML = '<b>x</b>'; return false } catch { return true }")
     expect(refused, "the page lets HTML in")
     stop(station)
 
 
 def picture_for_the_readme(browser):
-    """A small bus, of which the picture in docs/ is taken."""
+    """A small bus for the picture in docs/."""
     others = [serve(name) for name in ("wifi", "wan")]
     for sender, receiver, times in (("panel", "wifi", 12), ("cloud", "wan", 3), ("panel", "station", 2)):
         for _ in range(times):
@@ -362,7 +362,7 @@ def picture_for_the_readme(browser):
 
 
 def contrast(browser):
-    """WCAG 2.1, 1.4.3: 4.5 to 1."""
+    """Contrast of text: 4.5 to 1 (WCAG 2.1, 1.4.3)."""
     for scheme in ("light", "dark"):
         browser.media(prefers_color_scheme=scheme, prefers_reduced_motion="reduce")
         colours = browser.js("""
@@ -400,7 +400,7 @@ def refuses_another_token(browser, address):
 
 
 def stays_responsive(browser):
-    """100 000 messages a second, or as many as this machine can make, for ten seconds."""
+    """The page under 100 000 messages a second, or as many as this machine can make, for ten seconds."""
     view(browser, "stream")
     flood = start("flood", "100000", "10", stdout=subprocess.PIPE, text=True)
     times = []
@@ -419,7 +419,7 @@ def stays_responsive(browser):
     times.sort()
     print(f"flood: {flood.stdout.read().strip()}; {browser.text('#counts')}; "
           f"clicks: median {times[len(times) // 2] * 1000:.0f} ms, slowest {times[-1] * 1000:.0f} ms")
-    # On a machine that does much else the browser waits for it, too.
+    # On a busy machine the browser itself has to wait.
     expect(times[len(times) // 2] < 10 and times[-1] < PATIENCE_S, f"a click took {times[-1]:.1f} s")
     eventually("nothing is lost behind the flood", lambda: (talk(1), any(
         "how warm" in text for text in browser.texts("#stream td.what")))[1])
@@ -461,7 +461,7 @@ def shows_the_past(browser, capture):
 
 
 def sends_where_allowed(browser):
-    """With a page of its own."""
+    """Sending, with an inspector of its own."""
     inspector, address = start_inspector("--allow-send", "--listen", "127.0.0.1:8972", "--token-file", "")
     browser.open(address)
     eventually("there is a form", lambda: not browser.js("return document.getElementById('send').hidden"))
@@ -487,7 +487,7 @@ def check_all(browser, server, inspector, address):
     contrast(browser)
     refuses_another_token(browser, address)
     stays_responsive(browser)
-    # By now the filters' mistakes have been told on the page; nothing else may have gone wrong.
+    # The page has shown the filters' mistakes by now; nothing else may have gone wrong.
     wrong = [line for line in browser.complaints() if "400 (Bad Request)" not in line
              and "TrustedHTML" not in line and "/favicon.ico" not in line]
     expect(not wrong, f"the browser complains: {wrong}")

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# install_test.sh SOURCE BUILD: what `cmake --install` puts somewhere works there at once: the
-# programs, a program built with pkg-config's flags, one built with the CMake package. (Below /usr
-# the packages' test shows it.)
+# install_test.sh SOURCE BUILD: what `cmake --install` installs works at once: the programs, a program
+# built with pkg-config's flags, and one built with the CMake package. (The packages' test shows the
+# same below /usr.)
 set -euo pipefail
 source=$(realpath "$1")
 build=$(realpath "$2")
@@ -24,7 +24,7 @@ add_executable(hello hello.c)
 target_link_libraries(hello PRIVATE msgapi::msgapi)
 CMAKE
 
-# The machine's own /usr/local stays as it is.
+# The machine's own /usr/local must not change.
 mount -t tmpfs install /usr/local
 for prefix in /usr/local /var/private/prefix; do
   cmake --install "$build" --prefix "$prefix" >/var/install.log || fail "not installed in $prefix"
@@ -34,7 +34,7 @@ for prefix in /usr/local /var/private/prefix; do
     [[ $said == "${program#*/} "[0-9]* ]] || fail "$prefix/$program --version: $said"
   done
 
-  # /usr/local is one of pkg-config's own places.
+  # pkg-config looks below /usr/local by itself.
   [[ $prefix == /usr/local ]] || export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
   # shellcheck disable=SC2046 # the flags are words
   cc -std=c99 "$work/hello.c" $(pkg-config --cflags --libs libmsgapi) -o "$work/by_pkg_config" \
@@ -43,7 +43,7 @@ for prefix in /usr/local /var/private/prefix; do
   { cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" &&
     cmake --build "$work/build"; } >/var/install.log 2>&1 || fail "CMake's package in $prefix"
 
-  # Beside the installed servers.
+  # The script runs the servers in its own directory.
   cp "$build/bin/with_servers.sh" "$prefix/sbin/"
   for hello in "$work/by_pkg_config" "$work/build/hello"; do
     ldd "$hello" >/var/install.log

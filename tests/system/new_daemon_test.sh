@@ -22,7 +22,7 @@ cp "$build/bin/with_servers.sh" "$prefix/sbin/"
 "$prefix/sbin/with_servers.sh" ctest --test-dir /var/sample/build --output-on-failure \
   >/var/new.log 2>&1 || fail "its test fails"
 
-# With pkg-config, and without a C++ compiler or its runtime.
+# Built with pkg-config, without a C++ compiler and its runtime.
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 # shellcheck disable=SC2046 # the flags are words
 cc -std=c99 -Wall -Werror /var/sample/main.c $(pkg-config --cflags --libs libmsgapi-kit) \

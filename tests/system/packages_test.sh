@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# packages_test.sh SOURCE BUILD: the Debian packages can be made, installed into a root of their
-# own, used there to compile and run the README's daemon, and removed without leaving anything. What
-# the recipes for other systems name is there.
+# packages_test.sh SOURCE BUILD: the Debian packages can be made, installed into a root of their own,
+# used there to compile and run the README's daemon, and removed without leaving anything. The files
+# that the recipes for other systems name exist.
 set -euo pipefail
 source=$(realpath "$1")
 build=$(realpath "$2")

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# procd_test.sh SOURCE: the init script that comes before the servers', on a root as OpenWrt has it,
-# where /var is a link to /tmp and that has run: a directory without links for bodies, the group, and
-# the shared directories, however often it runs, whatever was there, and after a restart of the
-# system, which keeps the root's files and none of its mounts.
+# procd_test.sh SOURCE: the init script that runs before the servers', on a root like OpenWrt's, where
+# /var is a link to /tmp and /tmp has a directory run. The script makes a path without links for
+# hand-over files, the group, and the shared directories: however often it runs, whatever was there,
+# and after a restart of the system, which keeps the root's files but none of its mounts.
 set -euo pipefail
 source=$(realpath "$1")
 root=/var/router
@@ -26,7 +26,7 @@ echo 'root:x:0:' >"$root/etc/group"
 ln -s tmp "$root/var"
 echo kept >"$root/var/run/other"
 cp "$source/packaging/procd/msgapi.init" "$root/etc/init"
-# What rc.common and its functions give a script.
+# The functions that rc.common gives a script.
 cat >"$root/etc/functions" <<'SH'
 group_exists() { grep -q "^$1:" /etc/group; }
 group_add_next() { echo "$1:x:65531:" >>/etc/group; }

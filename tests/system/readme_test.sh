@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# readme_test.sh SOURCE BUILD: the commands that the README gives for its daemon, from building the
-# library to compiling, in a clean copy of the project; the daemon, run beside the servers of BUILD,
-# prints what the README says.
+# readme_test.sh SOURCE BUILD: runs the README's commands for its daemon, from building the library to
+# compiling, in a clean copy of the project. The daemon then runs with the servers of BUILD and prints
+# what the README says.
 set -euo pipefail
 source=$(realpath "$1")
 build=$(realpath "$2")
 
-# Always the same path, so that a compiler cache knows it; the sandbox's /var goes with the sandbox.
+# The same path in every run, for the compiler's cache. The sandbox's /var goes with the sandbox.
 copy=/var/readme
 mkdir "$copy"
 tar -C "$source" --exclude=./build --exclude=./.git -c . | tar -C "$copy" --no-same-owner -x

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# sandbox_test.sh BIN: what runs in the sandbox changes nothing outside, wherever the library's fixed
-# paths lead, also when the machine is a chroot; and the scripts that start servers on fixed paths
-# refuse to do so elsewhere. A sandbox plays the machine, so that the real one is not at risk.
+# sandbox_test.sh BIN: a command in the sandbox changes nothing outside, wherever the library's fixed
+# paths lead, also when the machine is a chroot. The scripts that start servers on fixed paths refuse to
+# do so elsewhere. A sandbox plays the machine, so that the real one is not at risk.
 set -euo pipefail
 bin=$(realpath "$1")
 
@@ -10,11 +10,11 @@ fail() {
   exit 1
 }
 
-# Files of every kind at the fixed paths, and in the trees around them.
+# Files at the fixed paths, and in the trees around them.
 paths=(/var/{cfm/cfm.db,mlogfile/log,mlog/mlogcfg,run/msgsvr,run/msg/msg_file_1} /var/policy_custom/a
   /var/{msgsvr-login.json,image.bin,other/file} /mnt/{file,mlog/log,usb/file} /online/log/webapp.log
   /app/{config/a,webroot/a} /data/userdata/a /html/a /system/a)
-# Nothing here may be real.
+# None of these may be real files.
 for path in "${paths[@]}"; do [[ ! -e $path ]] || fail "$path is there already"; done
 mkdir -p /var/{cfm,mlogfile,mlog,run/msg,run/notify,policy_custom,other,place} /mnt/{mlog,usb} \
   /online/log /app/{config,webroot} /data/userdata /html /system
@@ -30,7 +30,7 @@ overwrite='for path; do mkdir -p "${path%/*}" && echo changed >"$path" || exit 1
 after=$(state)
 [[ $after == "$before" ]] || fail "the machine changed: $(diff <(echo "$before") <(echo "$after"))"
 
-# A checkout below /var is there when work is done in it.
+# A working directory below /var is there in the sandbox.
 cd /var/place
 "$bin/sandbox" -- touch /var/place/made
 [[ -f made ]] || fail "the working directory is not there"
@@ -58,7 +58,7 @@ chroot "$root" "$bin/sandbox" -- sh -c '
 mount -t proc proc "$root/proc"
 chroot "$root" "$bin/sandbox" -- test ! -e /var/cfm || fail "no sandbox in a chroot with /proc"
 
-# Nor do the scripts that start servers run where the fixed paths are the machine's.
+# The scripts that start servers do not run where the fixed paths are the machine's.
 for command in "with_servers.sh true" demo.sh; do
   status=0
   # shellcheck disable=SC2086 # words
@@ -66,7 +66,7 @@ for command in "with_servers.sh true" demo.sh; do
   [[ $status == 2 && $output == *"not the sandbox"* ]] || fail "$command: $status, $output"
 done
 
-# A socket of the network outside works inside.
+# A socket of the outer network works inside.
 "$bin/sandbox" --listen 127.0.0.1:8970 -- "$bin/msginspect" --listen fd:3 >/var/address 2>/dev/null &
 for ((i = 0; i < 250; ++i)); do
   grep -q http /var/address && break

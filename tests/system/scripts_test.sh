@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# scripts_test.sh BIN: the scripts that start servers end them, however they end themselves.
+# scripts_test.sh BIN: the scripts that start servers also end them, however the scripts end.
 set -euo pipefail
 bin=$(realpath "$1")
 
@@ -31,7 +31,7 @@ expect 1 "$servers" --queue=nonsense true
 mkdir /var/run/msgsvr
 expect 1 "$servers" true
 rmdir /var/run/msgsvr
-# A scene fails when a daemon runs.
+# The demo ends with the status of a daemon that fails.
 mkdir /var/fails
 cp "$bin"/{mlogserver,notifyserver,msgsvr,with_servers.sh,demo.sh,demo_*} /var/fails/
 printf '#!/bin/sh\nexit 9\n' >/var/fails/demo_panel

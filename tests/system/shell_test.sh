@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# shell_test.sh SHELL: what a command in the developers' shell finds, and what comes back from it.
+# shell_test.sh SHELL: what a command finds in the developers' shell, and what comes back from it.
 set -euo pipefail
 shell=$1
 
@@ -13,7 +13,7 @@ output=$("$shell" --http 8099 bash -c '
   cfmctl get 0x61A11703
   echo of the command >&2
   exit 7' 2>&1) && status=0 || status=$?
-# No handler is registered, the store holds its defaults, and the servers are not heard.
+# No handler is registered, the store has its defaults, and the servers' lines are not printed.
 expected=$'404 3\nof the command'
 [[ $status == 7 && $output == "$expected" ]] || fail "status $status, output: $output"
 grep -q 'msgsvr.* ready' /var/log/servers.log || fail "the servers' own lines are lost"

@@ -1,4 +1,4 @@
-// The example as a user runs it.
+// The example, run like a user runs it.
 
 #include <gmock/gmock.h>
 #include <signal.h>

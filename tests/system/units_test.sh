@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# units_test.sh SOURCE: what systemd itself thinks of the units of the packages, without running them.
+# units_test.sh SOURCE: systemd itself checks the packages' units, without running them.
 set -euo pipefail
 source=$(realpath "$1")
 
@@ -18,7 +18,7 @@ for unit in "$source"/packaging/systemd/*.service; do
     echo "${unit##*/}: the exposure level $exposure is not below 2.5"
     exit 1
   fi
-  # A misspelt name is but a warning.
+  # For systemd a misspelt name is only a warning.
   if grep -iE 'unknown|failed to parse|ignoring' <<<"$report"; then
     echo "${unit##*/}: see above"
     exit 1

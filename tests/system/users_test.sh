@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# users_test.sh SOURCE BUILD: two ordinary users, members of one group, send each other bodies that
-# travel through files, with the directories as the packages make them.
+# users_test.sh SOURCE BUILD: two ordinary users, members of one group, send each other bodies in
+# hand-over files, with the directories that the packages make.
 set -euo pipefail
 source=$(realpath "$1")
 build=$(realpath "$2")
@@ -16,7 +16,7 @@ fail() {
   exit 1
 }
 
-# The lines of the packages' file that systemd-tmpfiles would act on, with a group of ours.
+# Does what systemd-tmpfiles would do with the packages' file, with a group of ours.
 while read -r kind path mode _; do
   [[ $kind == d ]] && install -d -g "$members" -m "$mode" "${path/#\/run//var/run}"
 done <"$source/packaging/systemd/msgapi.tmpfiles"

@@ -43,7 +43,7 @@ using Json = nlohmann::json;
 
 constexpr const char *kScript = "<script>alert(1)</script>";
 
-// --- A recorder in the place of a server's ------------------------------------------------------
+// --- A recorder in place of a server's ----------------------------------------------------------
 
 class Server : public test::RecordedBus {
  public:
@@ -76,7 +76,7 @@ struct Ask {
   std::vector<std::string> headers = {};
   const char *method = "GET";
   const char *upload = nullptr;
-  // Called with all that has come; the transfer is ended when it returns true.
+  // Called with everything that has come; the transfer ends when it returns true.
   std::function<bool(const std::string &body)> enough = {};
   long timeout_ms = test::kPatience_ms;
 };
@@ -140,7 +140,7 @@ class Inspector {
     EXPECT_EQ(reply.status, 200) << place << ": " << reply.body;
     return reply.json();
   }
-  // Once `true_of` holds of the answer; it is asked again until then.
+  // Asks again and again until `true_of` holds for the answer, and returns it.
   Json wait_for(const std::string &place, const std::function<bool(const Json &)> &true_of) const {
     const auto end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(test::kPatience_ms);
@@ -260,7 +260,7 @@ TEST_F(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
   EXPECT_EQ(count("filter=from%3Dstation"), 3u) << "with its coming and its name";
   EXPECT_EQ(count("filter=body%3Dhunter2"), 0u) << "what is masked cannot be searched for";
   EXPECT_EQ(count("limit=3"), 3u);
-  // Records may fall into one microsecond.
+  // Several records may have the same microsecond.
   const Json middle = records[5]["at_us"];
   const auto until_middle = std::count_if(
       records.begin(), records.end(), [&](const Json &each) { return each["at_us"] <= middle; });
@@ -275,7 +275,7 @@ TEST_F(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
   EXPECT_EQ((*lost)["lost"], 1);
   EXPECT_EQ(summary["types"][0]["total"]["count"], 1);
   EXPECT_EQ(summary["timeline"].back()[2], 1);
-  // No server answers: what the recording says of the clients, and why.
+  // Without a server the answer has what the recording says about the clients, and why.
   const Json clients = inspector.json("v1/clients");
   EXPECT_EQ(clients["clients"].size(), 2u);
   EXPECT_THAT(clients["error"], HasSubstr("msgsvr.admin"));
@@ -302,7 +302,7 @@ TEST_F(InspectorTest, TellsBrowsersWhatComes) {
               AllOf(StartsWith("event: status\ndata: {"),
                     HasSubstr("\nid: 4\nevent: records\ndata: {\"records\":[{\"seq\":4,"),
                     Not(HasSubstr("not this"))));
-  // A browser that looks on does not keep it from ending.
+  // An open browser does not keep the inspector from ending.
   std::thread watcher([&] { inspector.get("v1/events"); });
   inspector.wait_for("v1/status", [](const Json &status) { return status["browsers"] >= 1; });
   EXPECT_EQ(inspector.stop(), 0);
@@ -321,7 +321,7 @@ TEST_F(InspectorTest, GoesOnWithTheNextServer) {
   EXPECT_EQ(inspector.json("v1/status")["state"], "live");
   server.reset();
   server = std::make_unique<Server>();
-  // The same numbers mean others now.
+  // The same numbers mean other clients now.
   server->connect(kPanel, "other");
   server->exchange(1);
   inspector.wait_for("v1/status", [](const Json &status) { return status["servers"] == 2; });
@@ -331,7 +331,7 @@ TEST_F(InspectorTest, GoesOnWithTheNextServer) {
   EXPECT_EQ(inspector.json("v1/records?filter=from%3Dother")["records"].size(), 3u);
   EXPECT_THAT(inspector.get("v1/export?format=json&filter=lost").body, testing::StrEq("[\n\n]\n"));
 
-  // What is exported keeps them apart, too.
+  // Exports keep them apart, too.
   constexpr const char *kCapture = "/var/both.pcapng";
   std::ofstream(kCapture, std::ios::binary) << inspector.get("v1/export?format=pcapng").body;
   EXPECT_THAT(test::contents(kCapture),
@@ -369,7 +369,7 @@ TEST_F(InspectorTest, IsServedByTheNamesOfItsAddress) {
       EXPECT_EQ(
           fetch(address + place + "v1/status", {.headers = {"Host: evil.example:8970"}}).status,
           421);
-      // The page by that address is our own.
+      // A page by that address is the inspector's own.
       const Ask ours{.headers = {std::string("Origin: ") + address + ":8970"},
                      .method = "POST",
                      .upload = "{}"};
@@ -508,7 +508,7 @@ TEST(InspectorToken, IsKeptWhereNobodyElseReadsIt) {
   EXPECT_EQ(inspector::token_of("/nowhere/token", &warning).size(), 32u);
   EXPECT_NE(warning, "");
 
-  // On a full disk; a part of a token would be in the way of all later ones.
+  // On a full disk: a part of a token must not stay, because every later start would refuse it.
   warning.clear();
   rlimit before{};
   ::getrlimit(RLIMIT_FSIZE, &before);
@@ -544,7 +544,7 @@ TEST(InspectorSampler, KeepsBurstsAndThinsFloodsByExchange) {
   EXPECT_GT(flood.one_in(), 100u);
 }
 
-// --- What is remembered -------------------------------------------------------------------------
+// --- The recording ------------------------------------------------------------------------------
 
 class InspectorRecording : public testing::Test {
  protected:
@@ -577,13 +577,13 @@ TEST_F(InspectorRecording, ForgetsTheOldestAtItsLimits) {
   EXPECT_GT(small.end_sequence() - small.first_sequence(), 2u);
 }
 
-// What refers to a message keeps its body.
+// A message's body stays as long as a record refers to the message.
 TEST_F(InspectorRecording, CountsEveryBodyThatItHolds) {
   constexpr size_t kBody = 250;
   Recording recording(catalogue_, true, {.records = 8});
   recording.begin_server(256);
   const std::string body(kBody, 'x');
-  // Each is asked first and answered much later: the answers hold the requests.
+  // All requests come first and all answers much later: the answers keep the requests.
   for (uint32_t i = 0; i < 40; ++i) server_.message(kPanel, kStation, kAsk, i, body);
   for (uint32_t i = 0; i < 40; ++i) server_.message(kStation, kPanel, kAsk, i, body);
   read(&recording);
@@ -599,7 +599,7 @@ TEST_F(InspectorRecording, CountsEveryBodyThatItHolds) {
   EXPECT_LT(recording.bytes(), 3 * least);
 }
 
-// A capture need not have all records, and nothing was missed for that.
+// A capture may have only some records; that does not mean that others were missed.
 TEST_F(InspectorRecording, MissesNothingInAFile) {
   Recording recording(catalogue_, true);
   recording.begin_past(2, 0);
@@ -612,7 +612,7 @@ TEST_F(InspectorRecording, MissesNothingInAFile) {
   EXPECT_EQ(recording.missed(), 0u);
 }
 
-// Whatever the speed of the machine: the times are those of the records.
+// The times are those of the records, so the speed of the machine does not matter.
 TEST_F(InspectorRecording, KeepsLittleOfAFloodAndCountsAll) {
   constexpr uint32_t kExchanges = 1500;
   Recording recording(catalogue_, true, {.per_second = 20});

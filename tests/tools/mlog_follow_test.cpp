@@ -1,4 +1,4 @@
-// "mlog -f" beside a log server that goes on.
+// "mlog -f" beside a log server that goes on writing.
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -36,7 +36,7 @@ TEST(MlogFollow, LosesAndDoublesNoLineWhateverHappensToTheFile) {
   log("wan", 1);
   // Through several turns of the ring.
   for (int i = 0; i < 12; ++i) log("wan", 30);
-  // The file is removed, and written meanwhile.
+  // The file is removed while lines are written.
   std::filesystem::remove("/var/mlogfile/wan.log");
   log("wan", 5);
   std::filesystem::remove("/var/mlogfile/wan.log");

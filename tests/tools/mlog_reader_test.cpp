@@ -78,13 +78,13 @@ class RandomRing {
   std::vector<Line> lines_;
 };
 
-// Where the older turn ends, continuation lines of a line that was there a turn before may be left,
-// and nothing tells them from the last line's own.
+// At the end of the older turn there may be continuation lines of a line that was there a turn
+// before. Nothing tells them from the last line's own.
 bool same(const std::string &expected, const std::string &got) {
   return expected == got || got.starts_with(expected + "\n\tmore of it");
 }
 
-// Where two long lists differ, "" when they do not.
+// How two long lists differ; "" when they do not.
 std::string difference(const std::vector<std::string> &expected,
                        const std::vector<std::string> &got) {
   for (size_t i = 0; i < std::max(expected.size(), got.size()); ++i) {
@@ -126,7 +126,7 @@ TEST(RingCursor, FindsWhatWasWrittenInBothDirections) {
   }
 }
 
-// By what the merge sorts: the boot (older ones have the greater number), the uptime, the file.
+// The keys of the merge: the boot (older boots have greater numbers), the uptime, the file.
 struct Sorted {
   unsigned boot;
   int64_t key_ms;
@@ -196,7 +196,7 @@ TEST(Merge, FindsWhatIsOverwrittenWhileItReads) {
   ASSERT_TRUE(forwards.next());
   ASSERT_TRUE(backwards.next());
   const int64_t first = forwards.entry().uptime_ms;
-  write(2000, 2900);  // over half of what the cursors stand before
+  write(2000, 2900);  // overwrites half of what the cursors have still to read
 
   int64_t last = first;
   int count = 0;
@@ -233,15 +233,15 @@ TEST(Follower, GoesThroughTurnsAndFilesThatAreBegunAnew) {
     return texts;
   };
 
-  // Behind the turn with number 999 comes number 1, here with nothing of its end unread.
+  // Turn number 1 comes after number 999, whose end has been read already.
   put(header(1, 63 + 27) + line(20, "b"));
   EXPECT_THAT(poll(), ElementsAre("b"));
   put(header(1, 63 + 54) + line(20, "b") + line(30, "c"));
   EXPECT_THAT(poll(), ElementsAre("c"));
-  // A line that is not in the header yet is none.
+  // A line that the header does not cover yet is not read.
   put(header(1, 63 + 54) + line(20, "b") + line(30, "c") + line(40, "d"));
   EXPECT_THAT(poll(), ElementsAre());
-  // A line that did not fit the disk is taken back, and comes later.
+  // A line that did not fit on the disk is taken back, and comes later.
   put(header(1, 63 + 81));
   EXPECT_THAT(poll(), ElementsAre("d"));
   put(header(1, 63 + 54));

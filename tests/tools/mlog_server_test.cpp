@@ -1,4 +1,4 @@
-// The commands that write lines and ask the server.
+// The commands that write lines, and those that ask the server.
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -143,7 +143,7 @@ TEST(MlogRateLimit, DropsAndTells) {
     MlogPrint("wan", MLOG_LEVEL_INFO, "line %d", i);
     MlogPrint("lan", MLOG_LEVEL_INFO, "line %d", i);
   }
-  // The interval ends although nothing comes any more. On a slow machine there are two.
+  // The interval ends even if nothing more comes. On a slow machine there are two intervals.
   int kept = 0, dropped = 0;
   std::string log;
   for (int i = 0; i < 600 && kept + dropped < 25; ++i) {

@@ -32,7 +32,7 @@ std::string text_of(const std::vector<std::string> &arguments) {
   return output.text;
 }
 
-// Three modules with lines of one time.
+// Writes three modules with lines of the same times.
 void write_three() {
   write_ring("wan", line(10, "w1") + line(30, "w2", "WARN"));
   write_ring("lan", line(10, "l1", "INFO", "lan") + line(20, "l2", "ERRO", "lan"));
@@ -95,7 +95,7 @@ TEST(MlogShow, ShowsWhatIsWanted) {
   }
 }
 
-// The uptime would fit into the running boot.
+// The uptime would fit the running boot, but it is another machine's.
 TEST(MlogShow, FilesFromElsewhereHaveNoTimesOfDay) {
   write_ring("wan", line(uptime_ms(), "of another machine"));
   std::filesystem::create_directory("/var/uploaded");
@@ -206,7 +206,7 @@ TEST(MlogShow, CountsLinesAndWhatIsNotThere) {
 
 TEST(MlogShow, GivesItsPagerWhatATerminalWouldShow) {
   write_ring("wan", line(1, "a") + line(2, "b"));
-  // What the program prints on a terminal, its line ends as the program wrote them.
+  // The program's output on a terminal, with the line ends that the program wrote.
   const auto on_terminal = [](const std::string &pager, const std::string &options) {
     const std::string command = "script -qec \"PAGER='" + pager + "' " + std::getenv("MSGAPI_BIN") +
                                 "/mlog -o raw " + options + "\" /dev/null </dev/null";

@@ -1,4 +1,4 @@
-// Ring files as tests write them, and runs of the mlog program.
+// Writes ring files, and runs the mlog program.
 #pragma once
 
 #include <gtest/gtest.h>

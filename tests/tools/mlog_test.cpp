@@ -29,7 +29,7 @@ TEST(ReadRing, PutsBothTurnsInOrder) {
   const std::string older = line(10, "a") + line(20, "b");
   const int offset = 63 + static_cast<int>(newer.size());
 
-  // The oldest line lost its beginning, its whole self, or nothing.
+  // The oldest line has lost its beginning, its whole text, or nothing.
   for (const std::string &remnant :
        {std::string("alf a line\n"), std::string("\n"), std::string()}) {
     const mlog::Ring ring = mlog::read_ring(header(1, offset) + newer + remnant + older);

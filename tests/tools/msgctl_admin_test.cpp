@@ -1,4 +1,4 @@
-// What the server says about itself, and what is wrong with a machine.
+// Commands on what the server says about itself, and on what is wrong with a machine.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -31,7 +31,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// Against the server itself, where it has the interface.
+// With a real server.
 TEST_F(Msgctl, ShowsWhatTheServerKnows) {
   RawClient wifi("wifi");
   wifi.send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WAN});

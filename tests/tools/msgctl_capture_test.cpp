@@ -1,4 +1,4 @@
-// Captures, who reads them, and who takes them for the real thing.
+// Captures, their readers, and the commands that send them again.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -31,13 +31,13 @@ using test::shell;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-// A recorder where msgctl looks for it.
+// A recorder whose file is where msgctl looks for it.
 class MsgctlCapture : public test::RecorderFixture {
  protected:
   MsgctlCapture() : test::RecorderFixture(flight::kPath, 256) {}
 };
 
-// As far as the file goes: it may be in the middle of being written.
+// The packets as far as the file goes: it may still be being written.
 std::vector<traffic::Packet> packets_of(const std::string &path) {
   const std::string capture = test::contents(path);
   std::vector<traffic::Packet> packets;
@@ -77,7 +77,7 @@ TEST_F(MsgctlCapture, CapturesAreReadBackAndRotate) {
     EXPECT_TRUE(traffic::PcapngReader(part).next());
   }
   EXPECT_EQ(test::contents(path + ".3"), "");
-  // The records of their names are not among these packets.
+  // The records that name the clients are not among these packets.
   EXPECT_THAT(test::contents(path), HasSubstr("Clients: 1 panel, 2 station"));
 }
 
@@ -119,7 +119,7 @@ TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
   message(kPanel, kStation, kAsk + 1, 4, "of another type");
   ASSERT_EQ(run({"capture", "-w", path, "--no-mask", "kind=accepted"}).status, 0);
   std::string capture = test::contents(path);
-  // Half a minute, and an hour.
+  // Half a minute after the first, and an hour.
   set_times(&capture, {1000, 1030, 4600, 4600});
   std::ofstream(path, std::ios::binary) << capture;
 
@@ -161,7 +161,7 @@ TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
   EXPECT_LT(replay("0", {}, 3), 3600);
   EXPECT_EQ(run({"replay", path, "--to", "station", "data=9"}).status, 4);
   EXPECT_EQ(run({"replay", path, "--to", "station", "data"}).status, 2);
-  // Before the capture's last packet.
+  // One second before the capture's last packet.
   replay("0", {"since=-1s"}, 1);
 }
 
@@ -248,7 +248,7 @@ TEST_F(MsgctlCapture, ADissectorShowsEveryFieldInTshark) {
   EXPECT_THAT(shell("cd /var/run && capinfos -T -m -c c.pcapng 2>&1").text, HasSubstr(",7\n"));
 }
 
-// The other kinds of records, and another server's.
+// The other kinds of records, and those of another server.
 TEST_F(MsgctlCapture, TsharkShowsWhatIsNoMessage) {
   if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
   flight::Record facts;

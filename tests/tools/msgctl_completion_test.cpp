@@ -1,4 +1,4 @@
-// The help, and what shells offer.
+// The help, and the words that shells offer.
 
 #include <gmock/gmock.h>
 
@@ -45,7 +45,7 @@ TEST_F(Msgctl, CompletesInBash) {
   EXPECT_EQ("/var/file.pcapng ", complete("msgctl replay --to wifi /var/file"));
 }
 
-// By zsh's own completion system: the line after the tab key.
+// The line after the tab key, by zsh's own completion system.
 TEST_F(Msgctl, CompletesInZsh) {
   if (shell("command -v zsh").status != 0) GTEST_SKIP() << "zsh is not installed";
   RawClient wifi("wifi");

@@ -1,4 +1,4 @@
-// Events and messages of others, as they are shown.
+// How events and messages of others are shown.
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -29,7 +29,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-// Publishes until somebody has seen it: who is registered need not have subscribed yet.
+// Publishes until somebody has seen it: a client that is registered may not have subscribed yet.
 class Publisher {
  public:
   explicit Publisher(Words words)

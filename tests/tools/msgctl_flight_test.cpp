@@ -41,7 +41,7 @@ using testing::HasSubstr;
 using testing::Not;
 using Json = nlohmann::json;
 
-// Answered, by the catalogue.
+// A type that is answered, by the catalogue.
 constexpr uint32_t kAnswered = ORP_MSG_COUNT_PROCESSES;
 
 // A server's recorder at the place where msgctl looks for it.
@@ -88,7 +88,7 @@ TEST_F(MsgctlFlight, MonitorGoesOnWithANewServer) {
   EXPECT_EQ(monitor.stop(SIGTERM), 0);
 }
 
-// Also when somebody cuts it short meanwhile.
+// Also when somebody cuts the file short meanwhile.
 TEST_F(MsgctlFlight, AnotherFileIsReadToItsEnd) {
   exchange(1, "of the past");
   const std::string copy = "/var/run/copy";
@@ -130,7 +130,7 @@ TEST_F(MsgctlFlight, ACopyOfAFileThatIsBeingWrittenIsWhole) {
   EXPECT_GT(read, 10u * kCopies);
 }
 
-// As the file of a server that crashed may be, which is what this command is for.
+// A server that has crashed may leave such a file, and this command is for crashes.
 TEST_F(MsgctlFlight, PostmortemTellsWhatCameBeforeADamage) {
   exchange(1, "before");
   const uint64_t head = recorder_.count();
@@ -140,7 +140,7 @@ TEST_F(MsgctlFlight, PostmortemTellsWhatCameBeforeADamage) {
   ring.read(reinterpret_cast<char *>(&file), sizeof file);
   const uint64_t end = file.head;
   exchange(2, "after");
-  // The size of the first record after that.
+  // Overwrites the size of the next record.
   const std::string zeros(8, '\0');
   ring.seekp(static_cast<std::streamoff>(flight::kRingOffset + end % file.ring_size));
   ring.write(zeros.data(), static_cast<std::streamsize>(zeros.size())).flush();
@@ -234,7 +234,7 @@ TEST_F(MsgctlFlight, NobodyReadsPersonalDataUnlessItIsAskedFor) {
   }
 }
 
-// Each kind, wherever it stands, in all that the commands say.
+// Each kind, wherever it is, in the output of all commands.
 TEST_F(MsgctlFlight, EveryKindOfPersonalDataIsMasked) {
   const std::string values[] = {"AA:BB:CC:DD:EE:FF",
                                 "192.168.100.24",
@@ -257,7 +257,7 @@ TEST_F(MsgctlFlight, EveryKindOfPersonalDataIsMasked) {
         "/login?user=" + values[7] + "&token=" + values[5]}) {
     exchange(++sequence, body, body);
   }
-  // A client may have put some into what it says of itself.
+  // A client's own texts may hold personal data.
   flight::Record facts;
   facts.from = kThird;
   recorder_.note(flight::Kind::kConnected, facts, values[1] + ":4711");
@@ -291,7 +291,7 @@ TEST_F(MsgctlFlight, EndsWhenNobodyReads) {
     const Output output = shell(std::string("timeout 60 msgctl ") + command + " | head -c 1");
     EXPECT_EQ(output.text.size(), 1u) << command;
   }
-  // Nothing more comes, and still it sees that the reader has gone.
+  // Even if nothing more comes, it sees that its reader has gone.
   EXPECT_EQ(shell("bash -c 'timeout 60 msgctl monitor -n 0 | true; exit ${PIPESTATUS[0]}'").status,
             0);
 }
@@ -306,7 +306,7 @@ TEST_F(MsgctlFlight, LatenciesAreThoseThatWereRecorded) {
     const uint64_t answer = message(kStation, kPanel, kAsk, i);
     deliver(answer, kStation, kPanel, kAsk, i);
   }
-  // What the records say themselves.
+  // The times by the records themselves.
   std::vector<uint64_t> handler, total;
   flight::Reader reader = flight::Reader::follow(flight::kPath);
   flight::Entry entry;
@@ -385,7 +385,7 @@ TEST_F(MsgctlFlight, TopCountsAndEndsWithItsReader) {
   EXPECT_THAT(run({"top", "--once"}).text, HasSubstr("DEEPEST QUEUES"));
 }
 
-// One filter language for all commands; replay and mock have their test beside captures.
+// All commands have the same filter language. Replay and mock are tested with captures.
 TEST_F(MsgctlFlight, EveryCommandTakesAFilter) {
   connect(kThird, "third");
   exchange(1);
@@ -443,7 +443,7 @@ TEST_F(MsgctlFlight, TopEndsOnAKeyAndLeavesTheTerminalAsItWas) {
 
   EXPECT_TRUE(reads_until("DEEPEST QUEUES"));
   EXPECT_FALSE(echoes());
-  // Another key changes nothing: there is a second picture.
+  // Another key does nothing: the next picture comes.
   EXPECT_EQ(::write(terminal, "x", 1), 1);
   EXPECT_TRUE(reads_until("DEEPEST QUEUES"));
   EXPECT_EQ(::write(terminal, "q", 1), 1);

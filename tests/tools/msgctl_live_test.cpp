@@ -61,7 +61,7 @@ TEST_F(MsgctlLive, LatenciesAreThoseThatAClientMeasures) {
   EXPECT_EQ((*row)["total"]["count"], kExchanges);
   EXPECT_NEAR(ns("total", "p50_ns"), median, 0.1 * median);
   EXPECT_GE(ns("handler", "p50_ns"), static_cast<double>(nanoseconds(kWork).count()));
-  // The server records a delivery after it, and other processes may come in between.
+  // The server records a delivery after it has happened, and other processes may run in between.
   EXPECT_LE(ns("total", "max_ns"), 2 * measured.back());
 }
 
@@ -70,7 +70,7 @@ TEST_F(MsgctlLive, ADeadlockOfDaemonsIsNamedWithinASecond) {
   ASSERT_EQ(run({"wait", "left"}).status, 0);
   Process right("demo_knot", {"right"});
   ASSERT_EQ(run({"wait", "right"}).status, 0);
-  // Passed on once it comes back.
+  // The question is passed on, and comes back.
   ASSERT_EQ(run({"call", "left", "0x1004", "1"}).text, "0\n");
   EXPECT_THAT(run({"waits"}).text, HasSubstr("nobody waits"));
 
@@ -98,7 +98,7 @@ TEST_F(MsgctlLive, PostmortemTellsOfAServerThatWasKilled) {
   for (uint32_t i = 1; i <= kMessages; ++i) {
     asker.send({.type = kOwnType, .to = "slow", .body = std::string(2000, 'x'), .sequence = i});
   }
-  // Answered by the catalogue, and never by this one.
+  // By the catalogue this type is answered, but "slow" never answers.
   asker.send({.type = ORP_MSG_COUNT_PROCESSES, .to = "slow", .sequence = 1000});
   asker.send({.type = ORP_MSG_COUNT_PROCESSES, .to = "server", .body = "x", .sequence = 1001});
   EXPECT_TRUE(test::eventually([] {
@@ -132,12 +132,12 @@ TEST_F(MsgctlLive, PostmortemTellsOfAServerThatWasKilled) {
     EXPECT_EQ(lines.back()["sequence"], 1001) << "the last thing that was sent";
   };
   check();
-  // Its successor has put its own file in that place.
+  // The next server has put its own file in that place.
   start();
   check();
 }
 
-// In a root that is no sandbox's, with the same bus.
+// In a root that is not a sandbox's, with the same bus.
 TEST_F(MsgctlLive, StandInsRefuseABusThatIsNoSandboxs) {
   server_->stop(SIGTERM);
   start({"--flight-body", "100"});

@@ -1,4 +1,4 @@
-// msgctl policy: what it says about a policy is what the server does.
+// msgctl policy says about a policy what the server does with it.
 
 #include <gmock/gmock.h>
 #include <signal.h>

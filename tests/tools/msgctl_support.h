@@ -1,4 +1,4 @@
-// Runs msgctl as a shell does, and what it talks to.
+// Runs msgctl like a shell, and plays the programs that it talks to.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,22 +26,22 @@ struct Output {
   std::string text;
 };
 
-// Where the project's program `name` is.
+// The path of the project's program `name`.
 std::string path_of(const std::string &name);
 
-// msgctl with these words; its output with its errors.
+// Runs msgctl with these words. The output includes standard error.
 Output run(const Words &words);
 
-// A command line of a shell in which "msgctl" is ours; its standard output and its status.
+// Runs a shell's command line in which "msgctl" is ours. Returns its standard output and status.
 Output shell(const std::string &command);
 
-// Waits until it holds; false when that takes longer than kPatience_ms.
+// Waits until `holds` returns true; false when that takes longer than kPatience_ms.
 bool eventually(const std::function<bool()> &holds);
 
 // The JSON value on each line.
 std::vector<nlohmann::json> lines_of(const std::string &text);
 
-// With a message server.
+// A fixture with a message server.
 class Msgctl : public testing::Test {
  protected:
   void SetUp() override { start(); }
@@ -54,7 +54,7 @@ class Msgctl : public testing::Test {
   std::unique_ptr<Process> server_;
 };
 
-// Answers what comes, in a thread, until it is destroyed.
+// Answers requests in a thread until it is destroyed.
 class Application {
  public:
   using Answer = std::function<void(RawClient &, const Frame &)>;
@@ -91,7 +91,7 @@ class Admin {
   std::thread thread_;
 };
 
-// What the server says of a client.
+// What the server says about a client.
 nlohmann::json client(int id, const std::string &name, int queued = 0);
 
 }  // namespace test

@@ -1,4 +1,4 @@
-// Requests and their answers, and what else an application does.
+// Requests and their answers, and the other things that an application does.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -55,7 +55,7 @@ TEST_F(Msgctl, CallPrintsTheAnswer) {
   EXPECT_EQ(json({{"a", {1}}}), answer["body"]);
   EXPECT_GT(answer["took_ms"], 0.0);
 
-  // Bodies of any length come back, through files where they are long.
+  // Bodies of any length come back, long ones in hand-over files.
   Process served("msgctl", {"serve", "0x1234", "--as", "served", "--echo", "--quiet"});
   ASSERT_EQ(0, run({"wait", "served"}).status);
   const std::string large(300000, 'x');
@@ -192,14 +192,14 @@ TEST_F(Msgctl, ServeAnswersAsAnApplication) {
   for (const char *name : {"fixed", "program", "slow"}) ASSERT_EQ(0, run({"wait", name}).status);
 
   EXPECT_EQ("7 yes\n", run({"call", "fixed", "0x1234"}).text);
-  // What a body says is never given to a shell.
+  // No body is ever given to a shell.
   EXPECT_THAT(run({"call", "program", "0x1234", "5", "$(touch /var/owned)", "--as", "me"}).text,
               StartsWith("3 me 0x1234 5 20 $(touch /var/owned)"));
   EXPECT_NE(0, ::access("/var/owned", F_OK));
   EXPECT_EQ(5, run({"call", "slow", "0x1234", "--timeout", "1000"}).status);
   EXPECT_TRUE(slow.wait_for("sleep was ended"));
 
-  // A request of another type is named; one to exit is followed.
+  // It reports a request of another type, and obeys a request to exit.
   run({"send", "fixed", "0x777"});
   EXPECT_TRUE(fixed.wait_for("which is not served"));
   EXPECT_EQ(0, run({"exit", "fixed"}).status);

@@ -1,4 +1,4 @@
-// A flight recorder that is filled as the message server fills it, for tests of what reads it.
+// A flight recorder that is filled like the message server's, for tests of its readers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace test {
 constexpr uint32_t kPanel = 1, kStation = 2, kThird = 3;
 constexpr uint32_t kAsk = 0x1234;
 
-// What a server writes.
+// Writes what a server writes.
 class RecordedBus {
  public:
   RecordedBus(const std::string &path, uint64_t ring_size, uint32_t body_limit)
@@ -66,7 +66,7 @@ class RecordedBus {
   std::map<uint32_t, std::string> names_;
 };
 
-// An accepted message under any number, as a file may have it that somebody has put together.
+// An accepted message with any number, as in a file that somebody has made up.
 class MadeUpMessage {
  public:
   MadeUpMessage() {
@@ -75,7 +75,7 @@ class MadeUpMessage {
     entry_.record.to = kStation;
     entry_.header = {reinterpret_cast<const char *>(&header_), sizeof header_};
   }
-  // Another message each time, as its sequence number tells.
+  // Another message each time: its sequence number differs.
   const flight::Entry &numbered(uint64_t number) {
     entry_.record.number = number;
     ++header_.ulSeqNum;
@@ -88,7 +88,7 @@ class MadeUpMessage {
   flight::Entry entry_;
 };
 
-// With two clients, the panel and the station.
+// A fixture with two clients, the panel and the station.
 class RecorderFixture : public testing::Test, protected RecordedBus {
  protected:
   RecorderFixture(const std::string &path, uint32_t body_limit)

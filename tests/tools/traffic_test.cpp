@@ -31,7 +31,7 @@ using traffic::Event;
 using traffic::Filter;
 using traffic::Model;
 
-// A recorder and what is read from it.
+// A recorder, and the events that are read from it.
 class Traffic : public test::RecorderFixture {
  protected:
   Traffic() : test::RecorderFixture(kPath, 64) {}
@@ -190,7 +190,7 @@ TEST_F(Traffic, FiltersByWhatARecordTells) {
   EXPECT_FALSE(Filter().names_kind());
 }
 
-// What a body looks like when it is shown masked.
+// The masked body.
 std::string shown_masked(std::string body, bool cut = false) {
   traffic::mask_body(body, cut);
   return body;
@@ -256,7 +256,7 @@ TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
             dm_body({{"SSID", "h******t"}, {"WifiPassword", "********"}, {"n", "5"}}));
   EXPECT_EQ(shown_masked(R"({"ssid": "home \"net", "psk":"abc", "imei": 490154203237518, "n": 5})"),
             R"({"ssid": "h********t", "psk":"***", "imei":               0, "n": 5})");
-  // The name speaks for all that is in its value; a text may hold JSON, names may be escaped.
+  // A name counts for everything in its value; a text may hold JSON; names may be escaped.
   const std::pair<std::string, std::string> rows[] = {
       {R"({"password": ["hunter2", 12], "n": 5})", R"({"password": ["*******",  0], "n": 5})"},
       {R"({"password": {"value": "x", "n": [3]}, "n": 5})",
@@ -281,7 +281,7 @@ TEST(Mask, GoesByTheNamesOfItemsAndMembers) {
       {R"(psk="a\"b c" psk='a\'b')", R"(psk="******" psk='****')"},
       {R"({"n":"psk\u003dabc"})", R"({"n":"psk\u003d***"})"},
       {R"({"a":"xxpin=" , "b":"open"})", R"({"a":"xxpin=" , "b":"open"})"},
-      // A quote that is none of JSON's.
+      // A quote that does not belong to JSON.
       {R"(5" wide {"psk":"abc"} and "open")", R"(5" wide {"psk":"***"} and "open")"},
       {R"(PreSharedKey=abc wifi_pass=abc {"Authorization": "Bearer abc"})",
        R"(PreSharedKey=*** wifi_pass=*** {"Authorization": "**********"})"}};
@@ -366,7 +366,7 @@ TEST_F(Traffic, ShowsBodiesByTheirContent) {
   EXPECT_EQ(line(dm_body({{"if", "eth0"}, {"up", "1"}})), "if=eth0 up=1");
   EXPECT_EQ(line(std::string("\1\2\3", 3)), "hex 010203");
   EXPECT_EQ(line(std::string(100, 'x')), std::string(64, 'x') + "...");
-  // What nests without end is shown as it is; writing it as JSON would take any stack.
+  // A text that nests too deeply is shown as text: writing it as JSON would overflow the stack.
   traffic::Message deep;
   deep.body = std::string(200'000, '[') + std::string(200'000, ']');
   deep.length = static_cast<uint32_t>(deep.body.size());
@@ -403,7 +403,7 @@ TEST_F(Traffic, ShowsTheFieldsOfRestfulRequests) {
   EXPECT_EQ(line(restful_body("/dev", "name", "new\x1b"), 140),
             "code=2 path=/dev handler=name text=new\\x1b");
   EXPECT_EQ(line(restful_body("/dev", "name", ""), 136), "code=2 path=/dev handler=name");
-  // What was not kept, and what is too short to be one.
+  // A body that was not kept whole, and one that is too short for a request.
   EXPECT_EQ(line(body.substr(0, 64), 145), "code=2 path=/dev handler= ...");
   EXPECT_EQ(line(body.substr(0, 7), 7), "hex 02000000000000");
   const traffic::Json json = traffic::body_json(shown(body, 200), catalogue_);
@@ -460,7 +460,7 @@ TEST(Printable, ShowsWhatCouldCommandATerminal) {
             "plain \xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82");
   EXPECT_EQ(servers::printable(std::string_view("\x1b[2J\n\0\x7f", 7)), "\\x1b[2J\\x0a\\x00\\x7f");
   EXPECT_EQ(servers::printable("\xc2\x9b\x9b\xff\xc3"), "\\xc2\\x9b\\x9b\\xff\\xc3");
-  // Overlong, a surrogate, beyond the last code point.
+  // Overlong forms, a surrogate, and beyond the last code point (RFC 3629, 3).
   EXPECT_EQ(servers::printable("\xc0\xaf\xe0\x80\xaf\xed\xa0\x80\xf4\x90\x80\x80"),
             "\\xc0\\xaf\\xe0\\x80\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
 }

@@ -1,11 +1,11 @@
 // torture [--points COUNT] [NAME...]: makes one call after the other of a scenario fail.
 //
 // A scenario runs in a child with its first call of the C library failing, then in another child
-// with its second, until one passes untouched; with --points so many calls are chosen, evenly
-// among all. What a server does is another scenario: there the server's calls fail while a client
-// works, or while it starts. After each failure the process must be there, have said what its
-// headers state, own no more descriptors and blocks of memory than without the failure, and do the
-// same work again.
+// with its second, until one run passes untouched. With --points, COUNT calls are chosen evenly.
+// Servers are scenarios, too: the server's calls fail while a client works, or while the server
+// starts. After each failure the process must not have crashed, must have returned statuses that
+// its headers state, must own no more descriptors and blocks of memory than without the failure,
+// and must do the same work again.
 //
 // Runs in the sandbox, whose fixed paths it uses, and starts the servers that it needs.
 
@@ -43,7 +43,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-constexpr int kLongest_s = 60;  // what takes longer hangs
+constexpr int kLongest_s = 60;  // a run that takes longer hangs
 constexpr int kClientPatience_s = 4;
 constexpr int kReported = 9;  // exit status of a child that has said what is wrong
 constexpr const char *kPlanPath = "/var/tmp/torture.plan";
@@ -70,7 +70,7 @@ void say(const char *what) {
                g_plan->struck != 0 ? g_plan->caller : "-", what);
 }
 
-// Set in a child when something was not as it must be.
+// Set in a child when a check has failed.
 bool g_child_failed;
 
 template <typename Function>
@@ -93,7 +93,7 @@ void wait_a_little() {
   std::this_thread::sleep_for(5ms);
 }
 
-// Gives the plan out anew.
+// Makes a new plan: how the `nth` call fails.
 void plan(uint32_t nth, uint32_t variant) {
   g_plan->armed = 0;
   g_plan->nth = nth;
@@ -112,7 +112,7 @@ pid_t start(const std::function<void()> &work) {
   return child;
 }
 
-// What ended: "" for exit status 0.
+// How a process ended; "" for exit status 0.
 std::string end_of(int status) {
   if (WIFSIGNALED(status)) {
     return WTERMSIG(status) == SIGALRM ? "it hangs" : "signal " + std::to_string(WTERMSIG(status));
@@ -137,8 +137,8 @@ void count_point() {
 
 // ---- Which calls fail --------------------------------------------------------------------------
 
-// Runs attempt() for one call after the other. It arms the plan itself, and returns when nothing
-// more can fail. `all` is how many calls there are.
+// Runs attempt() for one call after the other until nothing more can fail. attempt() arms the plan
+// itself. `all` is the number of calls.
 void for_each_point(uint32_t all, const std::function<void()> &attempt) {
   if (g_points != 0) {
     const uint32_t points = std::min(g_points, all);
@@ -160,14 +160,14 @@ void for_each_point(uint32_t all, const std::function<void()> &attempt) {
 
 // ---- Scenarios in a child ----------------------------------------------------------------------
 
-// What a process has after two runs.
+// What a process owns after two runs.
 struct Possessions {
   uint32_t descriptors;
   int32_t blocks;  // more than before
 };
 
-// In a child: the scenario with the plan armed, then twice untouched. `usual` is what it has then
-// without a failure; zeros: not known yet.
+// In a child: runs the scenario with the plan armed, then twice untouched. `usual` is what it owns
+// then without a failure; zeros: not known yet.
 Possessions run_twice(const Scenario &scenario, const Possessions &usual) {
   of_shim<Attach>(kAttach)(g_plan);
   const int32_t blocks_before = blocks();
@@ -191,7 +191,7 @@ Possessions run_twice(const Scenario &scenario, const Possessions &usual) {
   }
   must(again, "the next untouched run does not work");
   must(scenario.run(), "the run after the next does not work");
-  // The configuration store closes its connection, with all that this caches, before a fork().
+  // Before a fork() the configuration store closes its connection and everything that this caches.
   ::waitpid(start([] {}), nullptr, 0);
   const Possessions now = {descriptors(), blocks() - blocks_before};
   if (usual.descriptors != 0) {
@@ -269,7 +269,7 @@ bool has_ended(pid_t child, int *status) {
   return ::waitpid(child, status, WNOHANG) == child;
 }
 
-// Until the server takes clients or has ended; false when it has, with *status.
+// Waits until the server takes clients. False when it has ended, with *status.
 bool wait_for(const Server &server, pid_t pid, int *status) {
   for (int tries = 0; tries < 4000; ++tries) {
     if (::access(server.socket, F_OK) == 0) return true;
@@ -282,7 +282,7 @@ bool wait_for(const Server &server, pid_t pid, int *status) {
   return false;
 }
 
-// SIGTERM, and the end within a bounded time.
+// Sends SIGTERM and waits for the end for a bounded time.
 int stop(pid_t pid) {
   int status = 0;
   ::kill(pid, SIGTERM);
@@ -325,11 +325,11 @@ bool client_works(const Scenario &scenario) {
   int status = 0;
   const pid_t child = start([&] {
     of_shim<Attach>(kAttach)(nullptr);
-    // What a failure of the server has lost does not come any more.
+    // A message that the server's failure has lost will never come.
     ::alarm(kClientPatience_s);
     const int null = ::open("/dev/null", O_RDWR);
     ::dup2(null, STDOUT_FILENO);
-    // Also what `must` says: the client sees what the server's failure did to it.
+    // must() is silenced, too: the client only sees what the server's failure did to it.
     if (::getenv("TORTURE_SHOW") == nullptr) ::dup2(null, STDERR_FILENO);
     ::close(null);
     ::_exit(scenario.run() ? 0 : 1);
@@ -338,7 +338,7 @@ bool client_works(const Scenario &scenario) {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// A server and the application that clients talk to through it.
+// A server, and the application (the servant) that clients reach through it.
 class World {
  public:
   explicit World(const Server &server) : server_(server) {}
@@ -347,7 +347,7 @@ class World {
     kill_now(pid_);
   }
 
-  // False when the server ended instead; *status tells how.
+  // False when the server has ended; *status tells how.
   bool begin(bool with_shim, int *status) {
     pid_ = start_server(server_, with_shim);
     if (wait_for(server_, pid_, status)) return true;
@@ -384,7 +384,7 @@ class World {
   uint32_t open_descriptors() const { return descriptors_of(pid_); }
 
  private:
-  // Returns when it is registered, or gone.
+  // Returns when the servant is registered, or has ended.
   void start_servant() {
     static int ready[2];
     if (::pipe2(ready, O_CLOEXEC) != 0) std::abort();
@@ -419,7 +419,7 @@ void torture_start(const Server &server) {
     if (g_plan->struck != 0) count_point();
     if (!there || !world.works(scenario)) {
       if (there && world.is_there(&status)) return count_fault("the server does not serve");
-      // It may give up because a call failed, if it says so.
+      // The server may give up because a call failed, if its exit status says so.
       if (!WIFEXITED(status) || WEXITSTATUS(status) == 0 || g_plan->struck == 0) {
         count_fault("at its start: " + described(status));
       }
@@ -488,7 +488,7 @@ void *map_plan() {
   return memory;
 }
 
-// What can be asked for: every scenario, and every server's start and service.
+// The jobs that can be named: every scenario, and every server's start and service.
 struct Job {
   std::string name;
   std::function<void()> run;
@@ -558,17 +558,18 @@ int usage() {
   return 2;
 }
 
-// Starts this program again with the shim, whose place is beside the libraries.
+// Starts this program again with the shim, which is beside the libraries.
 int start_with_shim(char **words) {
   const fs::path shim = bin().parent_path() / "lib" / "libtorture_shim.so";
-  // The dynamic linker only warns of what it cannot load, and would start this program for ever.
+  // The dynamic linker only warns of an object that it cannot load: this would start itself for
+  // ever.
   const char *loaded = std::getenv("LD_PRELOAD");
   if (loaded != nullptr && shim == loaded) {
     std::fprintf(stderr, "torture: %s cannot be loaded\n", loaded);
     return 1;
   }
   ::setenv("LD_PRELOAD", shim.c_str(), 1);
-  // The shim stands before the sanitizers' library, as it must.
+  // The shim must come before the sanitizers' library, which this option allows.
   const char *options = std::getenv("ASAN_OPTIONS");
   const std::string with_shim =
       std::string(options == nullptr ? "" : options) +
@@ -605,7 +606,7 @@ int main_program(int count, char **words) {
     chosen.insert(chosen.end(), servers.begin(), servers.end());
   }
 
-  // Lines of the library are no allocation.
+  // A buffer of our own, so that a line that the library prints is no allocation.
   static char line[BUFSIZ];
   std::setvbuf(stdout, line, _IOLBF, sizeof line);
 

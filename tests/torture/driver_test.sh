@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# driver_test.sh BUILD: the driver fails where nothing was put to the test.
+# driver_test.sh BUILD: the driver fails when it has tested nothing.
 set -euo pipefail
 build=$(realpath "$1")
 
@@ -7,7 +7,7 @@ fail() {
   echo "driver_test: $*"
   exit 1
 }
-# expect_failure TEXT WORD...: of the driver beside the programs and the shim in /var/place
+# expect_failure TEXT WORD...: the driver in /var/place, beside programs and shim, must fail with TEXT
 expect_failure() {
   local text=$1 got=0
   shift
@@ -27,7 +27,7 @@ expect_failure "$shim cannot be loaded" text
 cp "$build/lib/libtorture_idle_shim.so" $shim
 expect_failure 'no call has failed' --points 1 text
 
-# A server that gives up says so by its exit status.
+# A server that gives up must say so with its exit status.
 cp "$build/lib/libtorture_shim.so" $shim
 printf '#!/bin/sh\n%q/bin/mlogserver --no-such-option 2>/dev/null\nexit 0\n' "$build" \
   >/var/place/bin/mlogserver

@@ -1,4 +1,4 @@
-// A shim that lets every call be: what the driver must not take for a success.
+// A shim that makes no call fail. The driver must not take that for a success.
 
 #include "plan.h"
 

@@ -1,4 +1,4 @@
-// What goes through the servers: messages, events, restful requests, notifications, log lines.
+// Scenarios through the servers: messages, events, restful requests, notifications, log lines.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -21,7 +21,7 @@ constexpr uint32_t kOwn = 0x1235;
 constexpr uint32_t kNotice = 0x77;
 constexpr uint32_t kOwnModule = 8;
 constexpr uint32_t kServantModule = 26;
-// What must come comes at once; this is for what a failure has lost.
+// Everything comes at once, except for messages that a failure has lost.
 constexpr uint32_t kPatience_ms = 700;
 
 const auto kSendStatuses = {int64_t{ORP_ERR_NOT_CONNECTED}, int64_t{ORP_ERR_PEER_GONE},
@@ -32,7 +32,7 @@ const auto kRequestStatuses = {int64_t{ORP_ERR_NOT_CONNECTED}, int64_t{ORP_ERR_P
                                int64_t{ORP_ERR_SYSTEM},        int64_t{ORP_ERR_MEMORY},
                                int64_t{ORP_ERR_TIMEOUT},       int64_t{ORP_ERR_ARGUMENT}};
 
-// The process's connection, for the time of a scenario.
+// The process's connection while a scenario runs.
 class Connection {
  public:
   enum Kind { kWithLoop, kAlone };
@@ -76,7 +76,7 @@ bool is_pattern(const ORP_MSG_HEADER_ST *message, uint32_t size) {
   return true;
 }
 
-// A message with a body of `size` bytes. The scenario's own, so made of static memory.
+// A message with a body of `size` bytes, in static memory: making it must not fail.
 ORP_MSG_HEADER_ST *message_with(uint32_t size, uint32_t type, const char *receiver) {
   alignas(8) static char memory[ORP_MSG_HEADER_SIZE + 0x10000];
   auto *message = reinterpret_cast<ORP_MSG_HEADER_ST *>(memory);
@@ -222,12 +222,12 @@ bool restful() {
   if (!succeeded("ORP_MSG_SendAndRecv", status, kRequestStatuses)) return false;
   const bool right = answer->ulDataLen >= 7 &&
                      std::strstr(reinterpret_cast<char *>(answer + 1), "{\"a\":1}") != nullptr;
-  // A servant without memory answers without a text; here it is the server's and nobody's fault.
+  // A servant without memory answers without a text. That is no fault.
   std::free(answer);
   return right;
 }
 
-// Both ends are this process's, so that what is passed can be looked at.
+// Both ends belong to this process, so that it can look at what was passed.
 bool descriptor() {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;

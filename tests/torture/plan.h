@@ -1,4 +1,4 @@
-// What the driver and the preloaded shim tell each other, in memory that both map.
+// Shared by the driver and the preloaded shim, in memory that both map.
 #pragma once
 
 #include <atomic>
@@ -6,29 +6,29 @@
 
 namespace torture {
 
-// The variable that names the file with the plan of a program that is started with the shim; its
-// calls are counted from its first one on if the plan is armed then.
+// The environment variable with the path of the plan, for a program that is started with the shim.
+// If the plan is armed by then, its calls are counted from the first one on.
 inline constexpr const char *kPlanVariable = "TORTURE_PLAN";
 
 struct Plan {
   // Set by the driver.
   std::atomic<uint32_t> armed;  // calls are counted and may fail
   uint32_t nth;                 // the call that fails, from 1; 0: none
-  uint32_t variant;             // how: an index into what can befall that call, modulo their number
+  uint32_t variant;             // how it fails: the number of the way, modulo that call's variants
 
   // Set by the shim.
   std::atomic<uint32_t> count;   // calls while armed
   std::atomic<uint32_t> struck;  // 1 as soon as the nth call has failed
   uint32_t variants;             // how many ways that call has to fail
-  int32_t error;                 // its errno; -1: it did less than it was asked for
+  int32_t error;                 // its errno; -1: it did only a part
   char call[24];                 // its name
   char caller[120];              // object and offset in it, for addr2line
 };
 
-// A function of the shim, found with dlsym(): it uses `plan` from now on.
+// A function of the shim, found with dlsym(3): makes it use `plan` from now on.
 using Attach = void(Plan *plan);
 inline constexpr const char *kAttach = "torture_attach";
-// And another: how many blocks of memory the process has.
+// Another one: the number of memory blocks that the process has.
 using Blocks = int32_t();
 inline constexpr const char *kBlocks = "torture_blocks";
 

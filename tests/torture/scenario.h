@@ -1,4 +1,4 @@
-// What scenarios are made of.
+// What a scenario is, and helpers for scenarios.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 namespace torture {
 
-// Work that calls the library, in a process of its own with nothing set up. Run again after its
-// end, it does the same again. True: everything was done and checked. False: something was not,
-// and a call said so or could not have said so.
+// Work that calls the library, in a process of its own in which nothing is set up. When it runs
+// again, it does the same again. True: everything was done and checked. False: something was not
+// done, and a call has reported that, or had no way to.
 struct Scenario {
   const char *name;
   bool (*run)();
@@ -18,17 +18,16 @@ struct Scenario {
 std::span<const Scenario> message_scenarios();
 std::span<const Scenario> utility_scenarios();
 
-// The applications that scenarios talk to; they run in processes of their own, call ready() when
+// The applications that scenarios talk to. They run in processes of their own, call ready() when
 // they are registered, and never return.
 [[noreturn]] void serve_messages(void (*ready)());
 [[noreturn]] void serve_notifications(void (*ready)());
 inline constexpr const char *kMessageServant = "servant";
 
-// Whether a call succeeded (status 0). A status that is not among those that its header states is a
-// fault.
+// Whether a call succeeded (status 0). A status that its header does not state is a fault.
 bool succeeded(const char *call, int64_t status, std::initializer_list<int64_t> stated);
 
-// A fault unless `holds`; returns it.
+// Reports a fault unless `holds`. Returns `holds`.
 bool must(bool holds, const char *what);
 
 }  // namespace torture

@@ -1,10 +1,10 @@
-// Preloaded: stands between a program with its libraries and the C library, and makes one call fail
-// as the plan says. What fails is not done, but for close(), which closes and fails, and for short
-// counts, which do a part.
+// The preloaded object comes between a program with its libraries and the C library, and makes one
+// call fail as the plan says. A failing call does nothing, except for close(), which closes and
+// fails, and for short counts, which do a part.
 //
-// Calls that the C library makes inside itself are not seen, so its stream functions fail as a
-// whole; its own allocations are left alone, because parts of it (the name service switch) do not
-// survive without memory.
+// Calls inside the C library are not seen, so its stream functions fail as a whole. Its own
+// allocations do not fail, because parts of it (the name service switch) do not survive without
+// memory.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -34,8 +34,8 @@
 
 #include "plan.h"
 
-// On the 64-bit machines that this is for, the C library's functions with 64 at the end of their
-// names are the ones without.
+// This is for 64-bit machines, where the C library's functions with 64 at the end of their names
+// are the same as those without.
 static_assert(sizeof(off_t) == sizeof(off64_t));
 
 namespace {
@@ -46,8 +46,8 @@ constexpr int kShort = -1;
 
 Plan *g_plan;
 
-// Set while the shim itself or a function that it stands for is at work: what that calls is its
-// own business.
+// Set while the shim itself, or a function that it wraps, is at work: the calls of that do not
+// count.
 thread_local bool g_inside __attribute__((tls_model("initial-exec")));
 
 class Inside {
@@ -61,11 +61,11 @@ class Inside {
   const bool before_ = g_inside;
 };
 
-// Memory for what dlsym() may allocate while the real allocator is being looked up.
+// Memory for dlsym(), which may allocate while the real allocator is being looked up.
 char g_early[4096];
 size_t g_early_used;
 
-// Blocks that this process has from malloc() and its kin.
+// Blocks that this process has from malloc() and the like.
 std::atomic<int32_t> g_blocks;
 
 bool is_early(const void *block) {
@@ -80,7 +80,7 @@ void *early_alloc(size_t size) {
   return block;
 }
 
-// The function that this library hides.
+// The function that this object hides.
 template <typename Function>
 Function *next(const char *name) {
   const Inside inside;
@@ -104,12 +104,12 @@ void record(const char *call, int error, size_t variants, const void *caller) {
   g_plan->struck = 1;
 }
 
-// Counts a call. 0 when it is to be made, otherwise how it fails: an errno, or kShort.
+// Counts a call. 0 when it is to be made; otherwise the errno of its failure, or kShort.
 [[gnu::noinline]] int strike_at(const void *caller, const char *call, std::span<const int> faults) {
   if (g_plan == nullptr || g_inside || g_plan->armed.load(std::memory_order_relaxed) == 0) return 0;
   if (faults.empty()) return 0;
   if (g_plan->count.fetch_add(1) + 1 != g_plan->nth) return 0;
-  int fitting[8];  // without those that the place of the call rules out
+  int fitting[8];  // without zeros, which mean faults that cannot happen here
   size_t count = 0;
   for (const int fault : faults) {
     if (fault != 0) fitting[count++] = fault;
@@ -137,7 +137,7 @@ bool never_waits(int fd, int flags = 0) {
          (static_cast<int>(next<decltype(::fcntl)>("fcntl")(fd, F_GETFL)) & O_NONBLOCK) != 0;
 }
 
-// Of sockets: their type; otherwise -1.
+// The type of a socket; -1 for other descriptors.
 int socket_type(int fd) {
   int type = -1;
   socklen_t size = sizeof type;
@@ -147,8 +147,7 @@ int socket_type(int fd) {
   return type;
 }
 
-// What can befall reading and writing `size` bytes, by what the descriptor is. Zero stands for what
-// cannot.
+// How reading and writing `size` bytes can fail, by the kind of descriptor. Zero: it cannot.
 struct Transfer {
   Transfer(int fd, size_t size, int flags) : type(socket_type(fd)) {
     const bool datagram = type >= 0 && type != SOCK_STREAM;
@@ -161,12 +160,12 @@ struct Transfer {
   int type, partly, interrupted, read_error, write_error;
 };
 
-// O_TMPFILE is several bits, one of which is O_DIRECTORY.
+// O_TMPFILE has several bits; one of them is O_DIRECTORY.
 bool takes_mode(int flags) {
   return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-// What only fails on what is no descriptor or no flag does so here all the same.
+// Calls that only fail for a bad descriptor or flag fail here all the same.
 std::span<const int> fcntl_faults(int command, const void *argument) {
   static constexpr int kCopy[] = {EMFILE}, kLock[] = {EAGAIN, ENOLCK}, kWait[] = {EINTR, ENOLCK},
                        kOther[] = {EINVAL};
@@ -175,8 +174,8 @@ std::span<const int> fcntl_faults(int command, const void *argument) {
     case F_DUPFD_CLOEXEC:
       return kCopy;
     case F_SETLK:
-      // Linux refuses an unlock only for want of memory where it splits a range. SQLite counts a
-      // lock that stays for the rest of the process then, which nothing above it can mend.
+      // Linux refuses an unlock only when it lacks the memory to split a range. SQLite then counts
+      // a lock that stays for the rest of the process, and nothing above SQLite can mend that.
       if (static_cast<const struct flock *>(argument)->l_type == F_UNLCK) return {};
       return kLock;
     case F_SETLKW:
@@ -186,7 +185,7 @@ std::span<const int> fcntl_faults(int command, const void *argument) {
   }
 }
 
-// Where the C library is.
+// Where the C library is in memory.
 uintptr_t g_libc_begin, g_libc_end;
 
 bool is_libc(const void *caller) {
@@ -223,7 +222,7 @@ void attach(Plan *plan) {
 using Main = int(int, char **, char **);
 Main *g_main;
 
-// Counts from here on: nothing can be done about what fails before main().
+// Counts from here on: a program can do nothing about failures before main().
 int counted_main(int count, char **words, char **environment) {
   const char *path = std::getenv(torture::kPlanVariable);
   if (path != nullptr) {
@@ -253,7 +252,7 @@ int32_t torture_blocks() {
   return g_blocks;
 }
 
-// With this the program's start code calls main().
+// The program's start code calls main() with this function.
 int __libc_start_main(Main *main, int count, char **words, void (*init)(), void (*fini)(),
                       void (*loader_fini)(), void *stack_end) {
   g_main = main;
@@ -500,7 +499,7 @@ ssize_t pwrite(int fd, const void *buffer, size_t size, off_t offset) {
 ssize_t pwrite64(int fd, const void *buffer, size_t size, off64_t offset)
     __attribute__((alias("pwrite")));
 
-// Of several pieces, only the first is written.
+// A short count writes only the first piece.
 ssize_t writev(int fd, const iovec *pieces, int count) {
   static const auto real = next<ssize_t(int, const iovec *, int)>("writev");
   if (armed()) {
@@ -693,8 +692,7 @@ int fflush(FILE *stream) {
 
 }  // extern "C"
 
-// An allocator of the sanitizers is not called through malloc() here; without them new is malloc(),
-// and counted once.
+// The sanitizers' operator new does not call malloc(). Without them it does, and counts once.
 void *operator new(size_t size) {
   static const auto real = next<void *(size_t)>("_Znwm");
   if (strike("new", {ENOMEM}) != 0) throw std::bad_alloc();

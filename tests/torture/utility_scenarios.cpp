@@ -1,4 +1,4 @@
-// What a process does on its own: children, ring files, the configuration store, the utilities.
+// Scenarios without servers: children, ring files, the configuration store, the utilities.
 
 #include <cjson/cJSON.h>
 #include <fcntl.h>
@@ -50,8 +50,8 @@ bool spawn() {
   const uint32_t status = OrpUvProcessSpawnSync(&options, 2000);
   if (status == ORP_ERR_MEMORY || status == ORP_ERR_SYSTEM) return false;
   const bool ran = status == 3 && std::strcmp(g_output, "hello\n") == 0;
-  // A pipe that could not be made is left out, and the shell reads and writes what it inherits;
-  // 127: its own set-up failed. The time-out is 0, too.
+  // Without a pipe that could not be made, the shell reads and writes what it inherits. 127: its
+  // own set-up failed. A time-out also returns 0.
   must(status == 3 || status == 0 || status == 127 || status == 1 || status == 2,
        "a spawn returns the child's exit code or a status");
   return ran;
@@ -131,7 +131,7 @@ bool store() {
 
 // ---- Utilities ---------------------------------------------------------------------------------
 
-// Frees what a function returned; whether it was anything.
+// Frees the block that a function returned. Whether there was one.
 bool had(void *block) {
   std::free(block);
   return block != nullptr;

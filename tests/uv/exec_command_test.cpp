@@ -20,15 +20,15 @@
 
 namespace {
 
-// What the next look-ups of a user by name answer; 0: what they find.
+// The error of the next look-ups of a user by name; 0: they really look.
 int g_look_up_error;
 
-// Learns of each sleep, in milliseconds.
+// Is told of each sleep, in milliseconds.
 std::function<void(int64_t ms)> g_on_sleep;
 
 }  // namespace
 
-// Stands before the C library's function.
+// Replaces the C library's function, and calls it.
 extern "C" int getpwnam_r(const char *name, passwd *record, char *buffer, size_t size,
                           passwd **result) {
   if (g_look_up_error != 0) {
@@ -98,7 +98,7 @@ TEST_F(ExecCommandTest, WaitForPidFindsTheStatusWhoeverCollectedIt) {
   EXPECT_EQ(9, WEXITSTATUS(record.status));
   EXPECT_EQ(9, ORP_UTIL_WaitForPidEx(record.pid, 0, 0, 0)) << "remembered";
 
-  // Beside the handler, which reaps everything.
+  // With the handler, which reaps everything.
   Command command = Command::shell("exit 6");
   EXPECT_EQ(6, ORP_UTIL_WaitForPidEx(spawn(command)->pid, 0, 0, 0));
   child = child_that([] { ::raise(SIGTERM); });

@@ -24,8 +24,8 @@ T *new_record() {
   return static_cast<T *>(std::calloc(1, sizeof(T)));
 }
 
-// A loop of the test's own, destroyed at the end; the default loop is, too. What is static needs no
-// reset: every case is a process.
+// A loop of the test's own. At the end it is destroyed, and so is the default loop. Static objects
+// need no reset, because every case is a process of its own.
 class LoopTest : public testing::Test {
  public:
   static void recorded(const std::string &call) {
@@ -55,7 +55,7 @@ class LoopTest : public testing::Test {
     EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(loop, 0));
   }
 
-  // One end of a new socket pair is returned and belongs to the caller, the other one is `peer_`.
+  // Makes a socket pair. The returned end belongs to the caller, the other one is `peer_`.
   int socket(int type = SOCK_STREAM) {
     int pair[2];
     EXPECT_EQ(0, ::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, pair));
@@ -96,7 +96,7 @@ class LoopTest : public testing::Test {
     return io;
   }
 
-  // Records "<name>:<event>", then does what the test wants done in the callback.
+  // Records "<name>:<event>", then calls on_call.
   static void record_event(OrpUvIo *io, uint32_t event) {
     calls.push_back(std::to_string(io->head.data) + ":" + std::to_string(event));
     if (on_call) on_call(io);

@@ -1,4 +1,4 @@
-// A model of the loop: what its record holds, and which callback comes next.
+// A model of the loop: which watchers it has, and which callback comes next.
 #pragma once
 
 #include <algorithm>
@@ -38,7 +38,7 @@ struct Item {
   }
 };
 
-// A callback by its watcher's number; kNothing: the run ends.
+// A callback, by its watcher's number. kNothing: the run ends.
 struct Call {
   uint32_t id, event;
   bool operator==(const Call &) const = default;
@@ -50,12 +50,12 @@ inline std::ostream &operator<<(std::ostream &out, const Call &call) {
 
 class ExpectedRun;
 
-// What the loop's record holds. Items stand in list order; freed ones are passed over.
+// What the loop's record holds. Items are in list order; freed ones are skipped.
 struct Model {
   std::vector<Item> items;
   std::vector<Call> forced;
   bool skip = false, stop = false;
-  std::vector<ExpectedRun *> runs;  // those under way, the innermost last
+  std::vector<ExpectedRun *> runs;  // under way, the innermost last
 
   uint32_t successor(uint32_t id) const {
     while (++id < items.size() && items[id].freed) {
@@ -63,7 +63,7 @@ struct Model {
     return id < items.size() ? id : kNothing;
   }
 
-  // Frees what is deleted and not held by a run around the innermost one.
+  // Frees deleted items that no run around the innermost one holds.
   void sweep();
 };
 
@@ -88,9 +88,8 @@ class ExpectedRun {
     return {kNothing, 0};
   }
 
-  // Inside a call, a walk needs the watcher that is called and the one that comes next; the
-  // reaper's walk takes place inside the call of the reaper. Queued events need their watchers,
-  // too.
+  // During a call, a walk holds the watcher that is called and the next one. The reaper's walk
+  // happens within the call of the reaper. Queued events hold their watchers, too.
   bool holds(uint32_t id) const {
     if (id == current_) return true;
     if (phase_ == kForced) {
@@ -189,7 +188,7 @@ class ExpectedRun {
     return kNothing;
   }
 
-  // The reaper's walk, inside its turn as an idle procedure.
+  // The reaper's walk, within its call as an idle procedure.
   Call next_exit() {
     while (exit_position_ != kNothing) {
       const uint32_t id = exit_position_;
@@ -214,7 +213,7 @@ class ExpectedRun {
     return {kNothing, 0};
   }
 
-  // What the loop does with a timer or a process watcher when its call has returned.
+  // What the loop does with a timer or a process watcher after its call has returned.
   void settle_last() {
     if (last_ == kNothing) return;
     Item &item = model_.items[std::exchange(last_, kNothing)];

@@ -1,8 +1,8 @@
 // The loop against a model of it.
 //
-// Random operations are applied to the loop and to a plain model, many of them inside callbacks and
-// in inner runs. The model knows at every moment which callback has to come next; each one that
-// comes is compared with it, and so are the records after every run.
+// Random operations are applied to the loop and to a plain model, many of them within callbacks and
+// in inner runs. At every moment the model knows which callback must come next. Each callback is
+// compared with that, and so are the records after every run.
 
 #include <algorithm>
 #include <random>
@@ -27,7 +27,7 @@ class LoopModelTest : public testing::Test {
     add_idle();  // item 0, the controller
     for (uint32_t round = 0; round < rounds && !HasFailure(); ++round) {
       for (uint32_t n = pick(6); n > 0; --n) act(false);
-      inner_limit_ = calls_ + 100;  // idle procedures that run the loop breed
+      inner_limit_ = calls_ + 100;  // idle procedures that run the loop multiply
       run();
     }
 

@@ -1,4 +1,4 @@
-// Single behaviours of the loop; loop_model_test.cpp covers how they combine.
+// Single behaviours of the loop; loop_model_test.cpp covers their combinations.
 
 #include "uv/loop.h"
 
@@ -111,7 +111,7 @@ TEST_F(LoopTest, IdleProceduresMayLowerTheWait) {
   EXPECT_EQ(1u, loop_.iteration);
 }
 
-// One-shot timers of a loop, each started by the one before.
+// One-shot timers of a loop. Each is started by the one before.
 struct TimerChain {
   OrpUvLoop *loop;
   uint32_t left;
@@ -204,7 +204,7 @@ TEST_F(LoopTest, LosesADescriptorThatWasClosedBehindItsBack) {
   EXPECT_NE(0u, loop_.writeSet[fd / 32] & loop_.errorSet[fd / 32] & bit)
       << "the record keeps the other sets";
 
-  // Another socket takes the number: it is waited for as far as it is armed anew, and no further.
+  // Another socket gets the number. The loop waits only for the events that are armed anew.
   const int again = socket();
   ASSERT_EQ(fd, again);
   OrpUvIo *heir = watch(again, ORP_UV_READABLE, 3);

@@ -56,7 +56,7 @@ class MessageWatcherTest : public LoopTest {
     ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(peer_, bytes.data(), bytes.size()));
   }
 
-  // A request that waits for its answer on `watcher`; 0: without a time-out.
+  // A request that waits for its answer on `watcher`. `timeout_ms` of 0: without a time-out.
   void expect_answer(OrpUvMsg *watcher, uint32_t type, uint32_t seq, uint32_t timeout_ms) {
     auto *entry = new_record<OrpUvMsgPending>();
     entry->key1 = type;

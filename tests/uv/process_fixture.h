@@ -1,4 +1,4 @@
-// What the tests of child processes share: spawning with everything recorded.
+// Helpers for the tests of child processes: spawning, with everything recorded.
 #pragma once
 
 #include <sys/wait.h>
@@ -10,7 +10,7 @@
 
 namespace msgapi {
 
-// An argument vector, and options for it.
+// An argument vector and spawn options.
 class Command {
  public:
   explicit Command(std::vector<std::string> words) : words_(std::move(words)) {
@@ -57,7 +57,7 @@ class ProcessTest : public LoopTest {
     turn(OrpUvLoopGetDefault());
   }
 
-  // What a shell script prints with these options.
+  // The output of a shell script that is spawned with these options.
   std::string printed(Command &command, uint32_t flags = 0) {
     output.clear();
     spawn(command, flags | ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR);

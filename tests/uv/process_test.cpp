@@ -117,7 +117,7 @@ TEST_F(ProcessTest, OptionsShapeTheChild) {
 }
 
 TEST_F(ProcessTest, ClosesInheritedDescriptorsUpToTheLoopsHighest) {
-  // Not close-on-exec, as other libraries leave them.
+  // Not close-on-exec, like descriptors that other libraries leave open.
   for (const int fd : {20, 21, 60}) ASSERT_EQ(fd, ::fcntl(0, F_DUPFD, fd));
   Command command = Command::shell(
       "for fd in 20 21 60; do [ -e /proc/$$/fd/$fd ] && echo $fd; done > /var/open; :");

@@ -1,6 +1,6 @@
 /*
- * storm_child OUT ERR EXIT SIGNAL: writes so many bytes to standard output and error, then ends by
- * SIGNAL or, when that is 0, exits with EXIT. In C so that it starts fast.
+ * storm_child OUT ERR EXIT SIGNAL: writes OUT bytes to standard output and ERR bytes to standard
+ * error. Then ends by SIGNAL or, when that is 0, exits with EXIT. In C, so that it starts fast.
  */
 #include <signal.h>
 #include <stdlib.h>

@@ -27,7 +27,7 @@ class TimerTest : public LoopTest {
     return timer;
   }
 
-  // One timer pass at the given time; the wait that it allows.
+  // Runs one timer pass at the given time. Returns the wait that it allows.
   ORP_TIME_ST pass_at(int32_t seconds, int32_t microseconds) {
     loop_.now = {seconds, microseconds};
     ORP_TIME_ST timeout;

@@ -1,5 +1,5 @@
-// What trace records say of child processes. Tools read the records, so their texts stay as they
-// are.
+// What trace records say about child processes. Tools read the records, so their texts must not
+// change.
 
 #include <gmock/gmock.h>
 

@@ -41,7 +41,7 @@ TEST_F(WatcherTest, SafeFreeWorksOnlyWithItsWatcher) {
   run();
   EXPECT_EQ(0u, loop_.deferredFree->head.data);
 
-  // What waits goes with the loop; the leak checker watches.
+  // The loop frees what waits to be freed; the leak checker watches.
   EXPECT_EQ(ORP_OK, OrpUvLoopSafeFree(&loop_, std::malloc(1)));
   OrpUvIoForcedLoop(watch(socket(), 1), 1);
   ORP_UV_LoopDestroy(&loop_);

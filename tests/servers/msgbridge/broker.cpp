@@ -32,7 +32,7 @@ int connect_to(uint16_t port) {
   return -1;
 }
 
-// Closes with a reset: what is on its way is gone.
+// Closes with a reset, so that everything on its way is lost.
 void reset(int fd) {
   const linger now{1, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);

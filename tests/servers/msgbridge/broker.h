@@ -1,4 +1,4 @@
-// A real broker, a road to it that can be cut, and somebody who listens there.
+// A real broker, a proxy in front of it that can be cut, and a client that listens there.
 #pragma once
 
 #include <mosquitto.h>
@@ -17,7 +17,7 @@
 
 namespace test {
 
-// Where Debian has it; "" when it is not installed.
+// Debian's path of the broker; "" when it is not installed.
 std::string broker_program();
 
 class Broker {
@@ -41,11 +41,11 @@ class Proxy {
   Proxy(uint16_t port, uint16_t target);
   ~Proxy();
 
-  // Closed, nobody gets through, and who is there is thrown out.
+  // While it is closed, nobody gets through; those who are connected are disconnected.
   void open(bool open) { open_ = open; }
-  // Held, connections stay, and what comes is thrown away.
+  // While it is held, connections stay, but everything that arrives is dropped.
   void hold(bool hold) { hold_ = hold; }
-  // Every connection is cut when so many bytes have come back from the broker; 0: none is.
+  // Cuts every connection when so many bytes have come back from the broker; 0: cuts none.
   void cut_after(std::function<size_t()> bytes);
   int connections() const { return connections_; }
 
@@ -73,11 +73,11 @@ struct Received {
   bool retained = false;
 };
 
-// What listeners hear, in the order of its coming.
+// What listeners have heard, in the order in which it came.
 class Record {
  public:
   void add(Received received);
-  // False when that does not become true for so long.
+  // Waits until `is_there` holds; false when it does not within `patience`.
   bool wait(const std::function<bool(const std::vector<Received> &)> &is_there,
             std::chrono::seconds patience = std::chrono::seconds(30));
   bool wait_for(const std::string &topic, const std::string &part);
@@ -89,8 +89,8 @@ class Record {
   std::vector<Received> received_;
 };
 
-// Subscribed when the constructor returns. Uses QoS 0, so that the broker passes on what it gets at
-// once, and not in its own time.
+// Has subscribed when the constructor returns. Uses QoS 0, so that the broker passes everything on
+// at once.
 class Listener {
  public:
   Listener(uint16_t port, const std::string &topics, Record *record);
@@ -100,12 +100,12 @@ class Listener {
   void publish(const std::string &topic, const std::string &payload,
                const std::string &answer_to = "", const std::string &correlation = "");
 
-  // As a bridge publishes, with the number of an event.
+  // Publishes like a bridge, with the number of an event.
   void publish_as(const std::string &topic, const std::string &payload, const std::string &stream,
                   uint64_t sequence);
   void publish_retained(const std::string &topic, const std::string &payload);
 
-  // After the broker's end: until everything that it sent has been heard.
+  // After the broker's end: waits until everything that it sent has been heard.
   void wait_for_end() const;
 
  private:
@@ -115,8 +115,8 @@ class Listener {
   std::atomic<bool> ended_ = false;
 };
 
-// Everything that an accountant needs: each number from 1 to `last` was heard or is in a notice of
-// loss, first hearings are in order, and nothing was heard that does not exist.
+// The accounts of a test: each number from 1 to `last` must have been heard or be in a notice of
+// loss, the first hearings must be in order, and no other number may be heard.
 struct Account {
   uint64_t heard = 0;     // different events
   uint64_t twice = 0;     // heard again

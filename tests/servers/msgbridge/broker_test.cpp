@@ -57,7 +57,8 @@ class BridgeAndBroker : public testing::Test {
   }
   ~BridgeAndBroker() override { ORP_MSG_Destroy(); }
 
-  // Through the proxy unless told otherwise; the rest of the configuration as `members` say.
+  // The bridge connects through the proxy unless `address` says otherwise. `members` are the rest
+  // of the configuration.
   static void configure(const std::string &members = "",
                         const std::string &address = "mqtt://127.0.0.1:" +
                                                      std::to_string(kProxyPort),
@@ -74,14 +75,14 @@ class BridgeAndBroker : public testing::Test {
     return bridge;
   }
 
-  // Numbered from 1 on.
+  // Publishes events with the numbers from 1 on.
   void publish(int count) {
     for (int i = 0; i < count; ++i) publish_one(std::to_string(++published_));
   }
   static void publish_one(const std::string &number, const char *type = "Count") {
     ASSERT_EQ(ORP_OK, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, type, "number", number.c_str()));
   }
-  // Until the bridge has written all that has come.
+  // Waits until the bridge has written everything that has come.
   static void settle(const std::string &file) {
     std::error_code none;
     auto before = fs::last_write_time(file, none);
@@ -92,7 +93,7 @@ class BridgeAndBroker : public testing::Test {
       before = now;
     }
   }
-  // Until the process has worked off what there is, however slow the machine is.
+  // Waits until the process has nothing left to do, however slow the machine is.
   static void wait_until_idle(pid_t pid) {
     const auto read = [pid] {
       std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -109,7 +110,7 @@ class BridgeAndBroker : public testing::Test {
       before = used;
     }
   }
-  // A last event, after which all others have come.
+  // Publishes a last event and returns its number; all others have come by then.
   uint64_t last_sequence(const std::string &name = "End") {
     publish_one("0", name.c_str());
     const std::string topic = "gw/me/event/wan/" + name;
@@ -168,7 +169,7 @@ TEST_F(BridgeAndBroker, SurvivesBrokersThatAreKilled) {
     publish(150);
     killer.join();
     publish(50);
-    // Whoever listens is there before the bridge is.
+    // The listener connects before the bridge does.
     listener->wait_for_end();
     listener.reset();
     broker.start();
@@ -191,7 +192,7 @@ TEST_F(BridgeAndBroker, SurvivesCutsInTheMiddleOfAcknowledgements) {
   configure();
   test::Listener listener(kBrokerPort, "gw/#", &record_);
   auto bridge = start_bridge();
-  // Until there have been some cuts, however slow the machine is.
+  // Goes on until there have been some cuts, however slow the machine is.
   const int rounds = 10 * static_cast<int>(std::min(test::soak_factor(), 10u));
   int count = 0;
   for (int i = 0; i < rounds || (proxy.connections() <= 5 && i < 50 * rounds); ++i) {
@@ -238,7 +239,7 @@ TEST_F(BridgeAndBroker, SurvivesItsOwnDeath) {
   EXPECT_EQ(0u, account.missing) << "of " << last;
   EXPECT_EQ(0u, account.given_up);
   EXPECT_TRUE(account.in_order);
-  // What was published while the bridge was dead nobody took. Between that nothing is missing.
+  // Nobody took the events that were published while the bridge was dead. No others are missing.
   int before = 0, gaps = 0;
   for (const auto &[sequence, payload] : account.payloads) {
     if (sequence == last) break;
@@ -348,7 +349,7 @@ class BridgeAndTls : public BridgeAndBroker {
           ".pem -CAkey /var/" + authority + ".key -CAcreateserial -extfile /var/names -out /var/" +
           name + ".pem");
   }
-  // Whether it gets through with these settings of TLS.
+  // Whether the bridge gets through with these settings of TLS.
   bool connects(const std::string &address, const std::string &tls) {
     configure("", address, R"(, "tls": {)" + tls + "}");
     auto bridge = start_bridge();
@@ -427,7 +428,7 @@ class BridgeDownward : public BridgeAndBroker {
     begin(20000);
   }
 
-  // Begins, or begins anew, with a bridge that waits so long for an application's answer.
+  // Starts the bridge, or starts it again, with this time-out for an application's answer.
   void begin(int timeout_ms) {
     bridge_.reset();
     configure(R"("down": {"in_flight": 3, "timeout_ms": )" + std::to_string(timeout_ms) +
@@ -438,7 +439,7 @@ class BridgeDownward : public BridgeAndBroker {
     test::Record online;
     test::Listener waiting(kBrokerPort, kStatus, &online);
     ASSERT_TRUE(online.wait_for(kStatus, "online"));
-    // Subscriptions follow the status.
+    // The bridge subscribes after it has published its status.
     const size_t before = record_.all().size();
     for (int tries = 0; tries < 200 && record_.all().size() == before; ++tries) {
       listener_->publish("gw/me/call/cms/0", "", "answers/ready");
@@ -551,7 +552,7 @@ class Fleet : public BridgeDownward {
     return {status, process.output()};
   }
 
-  // Publishes until the process prints it: it has subscribed to the last of its topics by then.
+  // Publishes until the process prints an event: by then it has subscribed to its last topic.
   bool heard_of_by(Process *listening) {
     std::atomic<bool> stop = false;
     std::thread publisher([&] {
@@ -567,7 +568,7 @@ class Fleet : public BridgeDownward {
     return heard;
   }
 
-  // A gateway that is nothing but its status: it answers nothing.
+  // A gateway that has only a status and answers nothing.
   void add_silent(const std::string &name) {
     listener_->publish_retained("gw/" + name + "/status", R"({"state": "online", "sequence": 7})");
   }
@@ -617,7 +618,7 @@ TEST_F(Fleet, ListensAndCountsWhatIsMissing) {
       "--gateway", "other",     "-n",
       "200"};
   Process listening("msgctl", words);
-  // The broker has its subscriptions when it gets what comes to the first.
+  // When the process hears an event of its last topic, the broker has all its subscriptions.
   ASSERT_TRUE(heard_of_by(&listening)) << listening.output();
   publish(1);
   ASSERT_TRUE(listening.wait_for("Count")) << listening.output();
@@ -715,7 +716,7 @@ TEST_F(BridgeAndBroker, NoticesWhenNothingComesThroughAnyMore) {
   publish(100);
   proxy.hold(true);  // every packet is dropped, and no connection ends
   publish(100);
-  // Its question, and as long for an answer, take ten seconds, in which it says nothing.
+  // The keep-alive and the wait for its answer take ten seconds, in which the bridge logs nothing.
   std::this_thread::sleep_for(milliseconds(5000));
   ASSERT_TRUE(bridge->wait_for("has ended")) << bridge->output();
   proxy.open(false);  // an attempt that has come in between need not wait

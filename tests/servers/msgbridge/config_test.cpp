@@ -32,7 +32,7 @@ const catalogue::Catalogue &types() {
   return *types;
 }
 
-// `members` stand on line 2.
+// `members` are on line 2.
 std::string file_of(const std::string &members) {
   return "{\"broker\": {\"addresses\": [\"mqtt://broker\"]},\n" + members + "}";
 }
@@ -202,7 +202,7 @@ TEST(BridgeBackoff, SpreadsAFleetOverItsLimit) {
   std::mt19937 random(1);
   for (const auto &[failures, limit_ms] :
        {std::pair(0u, 1000u), {3u, 8000u}, {6u, 60'000u}, {1000u, 60'000u}}) {
-    // Ten thousand gateways that have lost their broker at one moment.
+    // Ten thousand gateways that have lost their broker at the same moment.
     std::vector<int> tenths(11);
     for (int i = 0; i < 10'000; ++i) {
       const uint32_t delay =

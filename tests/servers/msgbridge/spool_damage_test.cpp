@@ -1,5 +1,5 @@
-// What the spool does when its file turns out to be damaged, and that it leaves the disk alone when
-// there is nothing to write.
+// The spool when its file turns out to be damaged, and that it does not touch the disk without
+// anything to write.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -50,7 +50,7 @@ void add(Spool *spool, int count) {
   ASSERT_TRUE(spool->commit()) << spool->problem();
 }
 
-// All but the first page of the file and of its log.
+// Damages all pages of the file and of its log except the first.
 void damage() {
   for (const char *part : {"", "-wal"}) {
     const int fd = ::open((kPath + part).c_str(), O_WRONLY);
@@ -64,7 +64,7 @@ void damage() {
   }
 }
 
-// Which numbers came, and what was said of the others.
+// Which numbers came, and which losses were reported.
 struct Heard {
   std::set<uint64_t> events;
   std::vector<Loss> losses;
@@ -123,7 +123,7 @@ TEST(SpoolDamage, IsNoticedWhileWritingAndNothingNewIsLost) {
   const size_t files = open_files();
   for (uint32_t round = 1; round <= 5; ++round) {
     damage();
-    // Written where the pages are that have been damaged; a few may still fit beside them.
+    // Writes until a damaged page is touched; some events may still fit beside these pages.
     for (int i = 0; i < 50 && spool.begun_anew() < round; ++i) add(&spool, 20);
     ASSERT_EQ(round, spool.begun_anew());
     add(&spool, 600);

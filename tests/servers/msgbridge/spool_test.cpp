@@ -65,7 +65,7 @@ std::string text_of(const Item &item) {
          std::to_string(loss.last) + " " + std::to_string(loss.count);
 }
 
-// All that it hands out, as "SEQUENCE PAYLOAD" and "REASON FIRST-LAST COUNT".
+// Everything that the spool hands out, as "SEQUENCE PAYLOAD" and "REASON FIRST-LAST COUNT".
 std::vector<std::string> read(Spool *spool) {
   std::vector<std::string> texts;
   while (const auto item = spool->next()) texts.push_back(text_of(*item));
@@ -128,7 +128,7 @@ TEST(Spool, GivesUpTheOldestAndSaysHowMany) {
   EXPECT_EQ(6u, spool.given_up());
   EXPECT_EQ("full 1-6 6", text_of(*spool.next()));
   EXPECT_EQ("7 " + large, text_of(*spool.next()));
-  // What has been handed out stays; the next one goes, and has a notice of its own.
+  // The notice that was handed out stays as it is; the next loss gets a notice of its own.
   for (int i = 0; i < 2; ++i) add(&spool, large);
   ASSERT_TRUE(spool.commit());
   EXPECT_EQ("full 8-9 2", text_of(*spool.next()));
@@ -290,7 +290,7 @@ TEST_F(SpoolOnSmallDisk, StartsWithoutADisk) {
   EXPECT_THAT(read(&spool), ElementsAre("1 a"));
 }
 
-// Disks that the spool would outgrow: whatever others leave of them, it never stops for good.
+// Disks that are too small for the spool: whatever others leave of them, it never stops for good.
 struct SmallDisk {
   const char *size;
   bool reserve;
@@ -359,7 +359,7 @@ INSTANTIATE_TEST_SUITE_P(
              std::to_string(disk.payload);
     });
 
-// What a model says after random work: everything comes, in order, or is counted.
+// Random work beside a model: every event comes, in order, or is counted as lost.
 TEST(SpoolModel, LosesNothingUncounted) {
   std::mt19937 random(test::seed());
   const auto below = [&random](uint32_t limit) { return random() % limit; };
@@ -436,7 +436,7 @@ TEST(SpoolModel, LosesNothingUncounted) {
   }
   EXPECT_EQ(spool->given_up(), counted);
   EXPECT_LT(0u, counted);
-  // One that was handed out and came back may have been given up as well.
+  // An event that was handed out and came back may have been given up, too.
   uint64_t missed = 0;
   for (uint64_t i = 1; i <= appended; ++i) {
     if (received.contains(i)) continue;
@@ -464,7 +464,7 @@ TEST(SpoolKilled, HasEverythingThatWasCommitted) {
       }
     }
     ::close(ends[1]);
-    // From its first promise on.
+    // Waits for its first promise.
     uint64_t last;
     ASSERT_EQ(ssize_t{sizeof last}, ::read(ends[0], &last, sizeof last));
     promised = last;

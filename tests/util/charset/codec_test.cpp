@@ -20,7 +20,7 @@ struct Coded {
   std::string text() const { return {out.begin(), out.end()}; }
 };
 
-// What a codec makes of `in`, in a buffer of exactly `capacity` for the memory checker.
+// A codec's result for `in`, in a buffer of exactly `capacity` for the memory checker.
 template <typename In, typename Out>
 Coded<Out> code(uint32_t (*codec)(const In *, uint32_t, Out *, uint32_t *), const In *in,
                 size_t count, uint32_t capacity) {
@@ -113,7 +113,7 @@ TEST(Utf8, BringsEveryUnitBackFromBetweenRunsOfAscii) {
   Units units;
   for (uint32_t unit = 1; unit <= 0xFFFF; ++unit) {
     units.push_back(static_cast<uint16_t>(unit));
-    // ASCII is moved in words; their places shift with these.
+    // ASCII is copied in words; these shift the words' positions.
     units.insert(units.end(), unit % 11, 'a');
   }
   const auto count = static_cast<uint32_t>(units.size());
@@ -143,7 +143,7 @@ TEST(Codecs, ProduceNothingWithTooLittleRoomOrArguments) {
   EXPECT_EQ(CL_ERR_ROOM, code(cl_widecharToByteOrder, bytes, 2, 3).status);
   EXPECT_EQ(CL_ERR_ROOM, code(cl_byteOrderToWideChar, bytes, 4, 2).status);
   EXPECT_EQ(CL_ERR_ROOM, code(cl_bytesToString, bytes, 3, 6).status);
-  // Twice these would wrap.
+  // Twice these counts would wrap.
   EXPECT_EQ(CL_ERR_ROOM, code(CL_WideCharToByteOrder, bytes, 0x80000001, 2).status);
   EXPECT_EQ(CL_ERR_ROOM, code(CL_BytesToString, bytes, 0x80000001, 3).status);
 
@@ -175,7 +175,7 @@ TEST(HexText, IsReadWithoutValidation) {
       {"meaningless by arithmetic", "g1G1", 4, 2, CL_OK, "\x01\x01"},
   };
   for (const auto &[why, text, count, capacity, status, bytes] : kCases) {
-    // As long as the count says, an odd one's next character included.
+    // As long as the count says, with one more character for an odd count.
     std::vector<char> exact(text.begin(), text.end());
     exact.resize(count + count % 2);
     const auto coded = code(CL_StringToBytes, exact.data(), count, capacity);

@@ -1,4 +1,4 @@
-// Runs with the stand-in for the conversion device linked in.
+// Linked with the library that stands in for the conversion device.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -43,7 +43,7 @@ TEST(Convert, MeasuresPartlyOnlyWhenAsked) {
   EXPECT_EQ(ORP_NLS_NO_LENGTH, ORP_NLS_ConvertGetLength("utf8", "ab\xff", 3, "cp936", 0));
   EXPECT_EQ(2u, ORP_NLS_ConvertGetLength("utf8", "ab\xff", 3, "cp936", 1));
   EXPECT_EQ(ORP_NLS_NO_LENGTH, ORP_NLS_ConvertGetLength("utf8", "ab", 2, "no-such-encoding", 1));
-  // A character that the output lacks is unclean but convertible.
+  // A character that the output encoding lacks is unclean, but convertible.
   EXPECT_EQ(ORP_NLS_NO_LENGTH, ORP_NLS_ConvertGetLength("utf8", "\u4e2d", 3, "iso8859-1", 0));
   EXPECT_EQ("?", take(ORP_NLS_ConvertString("utf8", "\u4e2d", 3, "iso8859-1", nullptr)));
 }
@@ -65,7 +65,7 @@ TEST(Convert, OpensTheDeviceOnceAndTriesAgainAfterAFailure) {
 TEST(GuessEncoding, TakesTheFirstThatFits) {
   EXPECT_EQ("\u4e2d", take(ORP_NLS_TryConvertToUtf8("\u4e2d")));
   EXPECT_EQ("\u4e2d", take(ORP_NLS_TryConvertToUtf8("\xd6\xd0")));
-  // Nothing in cp936.
+  // These mean nothing in cp936.
   EXPECT_EQ("\u4e00", take(ORP_NLS_TryConvertToUtf8("\xa4\x40")));
   EXPECT_EQ("\u00ff\u00fe", take(ORP_NLS_TryConvertToUtf8("\xff\xfe")));
 }
@@ -73,7 +73,7 @@ TEST(GuessEncoding, TakesTheFirstThatFits) {
 TEST(GuessEncoding, KeepsItsLastResult) {
   const char *first = ORP_NLS_TryConvertToUtf8NoFree("\xd6\xd0");
   EXPECT_STREQ("\u4e2d", first);
-  // What was kept may itself be the input.
+  // The text that was kept may itself be the input.
   const char *second = ORP_NLS_TryConvertToUtf8NoFree(first);
   EXPECT_STREQ("\u4e2d", second);
   EXPECT_EQ(nullptr, ORP_NLS_TryConvertToUtf8NoFree(nullptr));

@@ -29,7 +29,7 @@ TEST(DnsBuildRequest, WritesAnAddressQueryWithTheCountInHostOrder) {
   std::memcpy(&expected[4], &one, sizeof one);
   EXPECT_EQ(expected, message_of(own(ORP_DNS_PacketBuildRequest("www.de"))));
 
-  // Empty labels are skipped, but count for the length.
+  // Empty labels are skipped, but count in the length.
   expected.insert(expected.end(), 3, 0);
   EXPECT_EQ(expected, message_of(own(ORP_DNS_PacketBuildRequest(".www..de."))));
 }
@@ -70,7 +70,7 @@ TEST(DnsBuildResponse, AppendsTheRecordBehindTheWholeQuery) {
 
 TEST(DnsBuildResponse, AgesTheTtl) {
   const PacketOwner query = make_packet(captures::kPoolQuery);
-  // Uptimes below 100 s wrap to a moment before the start, which is as long ago.
+  // Below an uptime of 100 s this wraps, and the difference is still 100 s.
   const uint32_t cached_at_s = uptime_s() - 100;
 
   const PacketOwner reply = respond(query, 600, cached_at_s);
@@ -106,7 +106,7 @@ TEST(DnsReplies, SetFlagsAndCounts) {
   std::fill(&expected[6], &expected[10], 0);
   expected[3] = 3;
   EXPECT_EQ(expected, message_of(own(ORP_DNS_PacketBuildErrorResponse(query.get(), 3))));
-  // Added, not masked: higher codes reach the other flags.
+  // The code is added without a mask, so higher codes change the other flags.
   expected[3] = 0x80;
   EXPECT_EQ(expected, message_of(own(ORP_DNS_PacketBuildErrorResponse(query.get(), 0x10080))));
 }

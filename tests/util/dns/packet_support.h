@@ -1,4 +1,5 @@
-// Packets for tests, in blocks of exactly their size so that a memory checker sees every slip.
+// Packets for tests, in blocks of exactly their size, so that a memory checker sees every read
+// beyond them.
 #pragma once
 
 #include <cstdlib>

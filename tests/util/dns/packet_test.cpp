@@ -18,7 +18,7 @@ struct Read {
   uint32_t consumed;
 };
 
-// With one of the two functions that read a record.
+// Reads a record with one of the two functions for that.
 Read read(decltype(&ORP_DNS_PacketGetValuesOfRR) reader, const PacketOwner &packet,
           const uint8_t *place) {
   Read read{};
@@ -30,7 +30,7 @@ Read read_record(const PacketOwner &packet, const uint8_t *place) {
   return read(ORP_DNS_PacketGetValuesOfRR, packet, place);
 }
 
-// A packet's records, walked as the header tells.
+// A packet's records, as many as the header says.
 std::vector<ORP_DNS_RR_ST> walk(const PacketOwner &packet) {
   std::vector<ORP_DNS_RR_ST> records;
   for (const uint8_t *place = ORP_DNS_PacketGetFirstRR(packet.get()); place != nullptr;
@@ -100,8 +100,8 @@ Bytes operator+(Bytes left, const Bytes &right) {
   return left;
 }
 
-// `count` pointers, each but the last to a label "a" with the next pointer behind it; the last to
-// a whole name "a".
+// `count` pointers (RFC 1035, 4.1.4). Each leads to a label "a" with the next pointer behind it,
+// the last one to a whole name "a".
 Bytes pointer_chain(uint8_t count) {
   Bytes message;
   for (uint8_t i = 1; i <= count; ++i) {
@@ -115,7 +115,7 @@ const Bytes kFullLabel = Bytes{63} + Bytes(63, 'x');
 
 const struct {
   const char *why;
-  Bytes message;  // the name is what begins at `offset`
+  Bytes message;  // the name begins at `offset`
   size_t offset;
   uint32_t length;
   const char *text;  // null: malformed
@@ -220,7 +220,7 @@ TEST(DnsRecord, CountsItsDataLengthIn16Bits) {
   EXPECT_EQ(11u, ORP_DNS_PacketGetRRLen(packet.get(), at(packet, 0)));
 }
 
-// A name of labels and a pointer consumes nothing, so what follows is read from the name itself.
+// A name of labels and a pointer consumes nothing, so the fields are read from the name itself.
 TEST(DnsRecord, ReadsItsFieldsFromANameOfLabelsAndAPointer) {
   const PacketOwner packet = make_packet(Bytes{1, 'a', 0, 1, 'b', 0xC0, 0, 0, 1, 0, 1});
 

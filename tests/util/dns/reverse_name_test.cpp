@@ -47,7 +47,7 @@ TEST(DnsReverseName, BecomesItsAddress) {
   }
 }
 
-// The byte behind the text is the caller's; the NUL stands one further on.
+// The byte behind the text stays as it is; the NUL is written one byte further on.
 TEST(DnsReverseName, WritesTheNulOnePastTheText) {
   for (const uint32_t size : {9u, 8u, 1u, 0u}) {
     std::string address(9, 'x');

@@ -75,7 +75,7 @@ TEST(DisguiseMacAddress, MasksTheOctetsAndKeepsTheSeparators) {
 TEST(BiDisguiseMacAddress, ShowsFourOctetsInUpperCase) {
   EXPECT_EQ("00:1A:22:33:**:**", bi_disguised("00:1a:22:33:44:55"));
   EXPECT_EQ("00:1a:22:33:44:5", bi_disguised("00:1a:22:33:44:5")) << "untouched";
-  // What cannot be read is never shown as it stands.
+  // Parts that cannot be read are never shown as they are.
   EXPECT_EQ("00:00:00:00:**:**", bi_disguised("00-1a-22-33-44-55"));
   EXPECT_EQ("01:00:00:00:**:**", bi_disguised("01:zz:22:33:44:55"));
 }
@@ -98,7 +98,7 @@ TEST(HexStr2Bin, ReadsPairsUntilOneDoesNotRead) {
   ORP_UTIL_HexStr2Bin(out, 2, "ABCDEF");
   EXPECT_THAT(out, ElementsAre(0xab, 0xcd, 9, 9)) << "output full";
 
-  // A pair is read as a number, and one digit makes a number.
+  // A pair is read as a number, and one digit is enough for a number.
   ORP_UTIL_HexStr2Bin(out, sizeof out, "2g03zz04");
   EXPECT_THAT(out, ElementsAre(0x02, 0x03, 9, 9)) << "stops at zz";
 

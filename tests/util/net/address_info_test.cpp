@@ -148,7 +148,7 @@ TEST(AddrInfo, IsLoopbackForTwoAddressesOnly) {
   EXPECT_EQ(0u, loopback("::ffff:127.0.0.1"));
 }
 
-// The relay example, which knows two names, in the place of this test's name server.
+// The relay example, which knows two names, as this test's name server.
 test::Process name_server(std::vector<std::string> options = {}) {
   std::ofstream("/var/hosts") << "192.0.2.7 printer.lan\n2001:db8::7 printer.lan\n"
                                  "2001:db8::8 camera.lan\n";
@@ -201,7 +201,7 @@ TEST(GetIpAddresses, AsksForIpv4UnlessTheConfigurationSaysOtherwise) {
 }
 
 TEST(GetIpAddresses, TriesOnceMoreWhenTheResolverSaysSo) {
-  // Counts what the relay passes on and never answers, so that the relay reports a failure.
+  // Counts the relay's queries and never answers, so that the relay reports a failure.
   const msgapi::os::UniqueFd upstream(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const sockaddr_in place = test::loopback(5301);
   ASSERT_EQ(0, ::bind(upstream.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place));

@@ -42,8 +42,8 @@ TEST(Multicast, ReachesTheMembersOfAGroup) {
   EXPECT_EQ(0u, ORP_UTIL_SocketJoinMcast(sender.get(), "239.1.2.3", loopback.get()));
   EXPECT_EQ(1, broadcasts(receiver));
 
-  // Without a route only the interface chosen by the join lets this out. An emulated system may
-  // not know how to choose.
+  // Without a route this leaves only by the interface that the join has chosen. An emulated system
+  // may not be able to choose.
   const in_addr any{};
   if (::setsockopt(udp_socket().get(), IPPROTO_IP, IP_MULTICAST_IF, &any, sizeof any) != 0) {
     test::run("ip route add 239.0.0.0/8 dev lo");

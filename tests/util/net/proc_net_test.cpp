@@ -19,7 +19,7 @@ using msgapi::os::UniqueFd;
 using test::readable;
 using testing::ElementsAre;
 
-// The result of a query, which has to report so many lines.
+// The result of a query that must report `count` lines.
 template <typename Query>
 uint32_t with_failed_lines(int count, Query query) {
   std::string expected;
@@ -128,7 +128,7 @@ TEST(InterfaceTable, IsSearchedForTheNameBeforeAColon) {
   EXPECT_FALSE(counters_in("eth0\n", "eth0")) << "no colon";
   EXPECT_FALSE(msgapi::net::find_interface_counters(readable("eth0" + ones), "eth0"))
       << "a heading";
-  // No room for a blank in a line as long as the buffer: the name and its counter stay one word.
+  // A line as long as the buffer has no room for a blank: the name and its counter stay one word.
   const std::string full = "eth0:1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16" + std::string(468, ' ');
   EXPECT_FALSE(counters_in(full, "eth0"));
 }

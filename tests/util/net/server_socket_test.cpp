@@ -50,11 +50,11 @@ uint32_t scope_of(const Server &server) {
   return address_of(server).sin6_scope_id;
 }
 
-// Whether a datagram that arrives on "lo" gets to the server.
+// Whether the server gets a datagram that arrives on "lo".
 bool hears_loopback(const Server &server) {
   const sockaddr_in6 address = address_of(server);
   const UniqueFd client(::socket(address.sin6_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  // The wildcard address as a destination is this machine.
+  // The wildcard address as a destination means this machine.
   EXPECT_EQ(0,
             ::connect(client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
   EXPECT_EQ(1, ::send(client.get(), "x", 1, 0));
@@ -63,7 +63,7 @@ bool hears_loopback(const Server &server) {
   return errno != ECONNREFUSED;
 }
 
-// What is printed about an option of the platform's kernel: `text`, unless this kernel takes it.
+// The output about an option of the platform's kernel: `text`, unless this kernel knows the option.
 std::string refusal(int family, int level, int name, const char *text) {
   const UniqueFd fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int one = 1;
@@ -150,7 +150,7 @@ TEST(ServerSocketScope, IsBr0UnlessADeviceIsGiven) {
   EXPECT_EQ(br0, scope_of(create("fe80::7%br1", 0, 0))) << "a scope in the text does not count";
   EXPECT_FALSE(create("fe80::7", 0, 0, "nosuch0").fd);
 
-  // A group of link scope needs an interface; only for datagrams br0 is filled in.
+  // A group of link scope needs an interface. br0 is filled in only for datagrams.
   EXPECT_EQ(br0, scope_of(create("ff02::1:3", 0, ORP_SOCKET_DATAGRAM)));
   EXPECT_EQ(br1, scope_of(create("ff02::1:3", 0, ORP_SOCKET_DATAGRAM, "br1")));
 

@@ -1,5 +1,5 @@
-// A stock kernel has no netlink protocol 25; these tests put one in its place that it has, and look
-// at what is sent.
+// A stock kernel has no netlink protocol 25. These tests replace it with a protocol that the kernel
+// has, and look at what is sent.
 
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
@@ -20,7 +20,7 @@ namespace {
 
 bool g_protocol_exists = true;
 constexpr int kStandIn = NETLINK_KOBJECT_UEVENT;
-int g_send_error;  // what sending fails with; 0 succeeds
+int g_send_error;  // the errno of sending; 0: it succeeds
 std::vector<uint8_t> g_sent;
 sockaddr_nl g_destination;
 
@@ -80,7 +80,7 @@ TEST(SendToKernel, FailsWhenThePortIdIsTaken) {
 
 TEST(SendToKernel, FailsWithoutADatagram) {
   EXPECT_EQ(1u, ORP_Netlink_SendToKernel(nullptr, 1, 7));
-  // From the first on the padded size, or the length with its header, does not fit 32 bits.
+  // The padded size, or the length with its header, does not fit into 32 bits.
   for (const uint32_t length : {0xFFFFFFEDu, 0xFFFFFFFFu, 0x800000u}) {
     EXPECT_EQ(1u, ORP_Netlink_SendToKernel("x", length, 7)) << length;
   }

@@ -27,7 +27,7 @@
 namespace {
 
 std::vector<std::vector<uint8_t>> g_requests;
-std::deque<int> g_receive_errors;  // what the next receives fail with before one is let through
+std::deque<int> g_receive_errors;  // errnos of the next receives, before one succeeds
 int g_receive_flags;               // set in the flags of every receive
 
 }  // namespace
@@ -62,7 +62,7 @@ constexpr uint32_t kPort = 0x98765421;
 
 using Stats = ORP_UTIL_DEV_STATS_ST;
 
-// What a reading leaves untouched when it fails.
+// Counters with a pattern that a failed reading must leave untouched.
 const Stats &marked() {
   static Stats stats;
   std::memset(&stats, 0xA5, sizeof stats);
@@ -81,7 +81,7 @@ TEST(DevStats, MoveWithTheTraffic) {
   test::send_over_loopback(10, 1000);
 
   const Stats after = stats_of("lo");
-  // Each datagram goes out once and is answered by the report that nobody listens.
+  // Each datagram goes out once, and the answer reports that nobody listens.
   EXPECT_GE(after.tx_packets - before.tx_packets, 10u);
   EXPECT_GE(after.tx_bytes - before.tx_bytes, 10u * 1028);
   EXPECT_EQ(after, stats_of("lo", ORP_UTIL_get_dev_stats));
@@ -126,7 +126,8 @@ TEST(DevStats, AreReadByAForkedChildOnSocketsOfItsOwn) {
   stats_of("lo");
   const uint32_t own_port = static_cast<uint32_t>(::getpid()) | kPort;
 
-  // A child whose process id makes the same port id cannot have a socket beside its parent's.
+  // Port ids are unique (netlink(7)): a child whose process id makes its parent's port id gets no
+  // socket.
   for (bool port_differs = false; !port_differs;) {
     const pid_t child = ::fork();
     if (child == 0) ::_exit(stats_of("lo") == marked() ? 1 : 0);
@@ -156,7 +157,7 @@ TEST(DevStats, WaitForTheAnswerAndAreUntouchedWhenItIsLostOrCut) {
 TEST(DevStats, TryAgainAfterAFailedSetUp) {
   rlimit before;
   ::getrlimit(RLIMIT_NOFILE, &before);
-  // No descriptor for the sockets at all, then one for the first of the two.
+  // Without any descriptor for the sockets, then with one for the first of the two.
   for (uint32_t spare : {0u, 1u}) {
     const test::FdCheck descriptors;
     testing::internal::CaptureStdout();
@@ -170,8 +171,8 @@ TEST(DevStats, TryAgainAfterAFailedSetUp) {
   EXPECT_NE(marked(), stats_of("lo"));
 }
 
-// The counters in a reply of these records, whose lengths are the test's to choose. The reply ends
-// with its block, so that reading past it is noticed.
+// The counters in a reply of these records, whose lengths the test chooses. The reply ends with its
+// block, so that reading past it is noticed.
 template <typename... T>
 std::optional<ORP_UTIL_DEV_STATS_ST> read(const T &...records) {
   std::string bytes;

@@ -13,7 +13,7 @@ using Coder = uint32_t (*)(const char *text, char *out, uint32_t size);
 using Coded = std::pair<uint32_t, std::string>;
 
 Coded code(Coder coder, const char *text, uint32_t size = 100) {
-  // Of exactly this size, for the memory checker.
+  // A block of exactly this size, for the memory checker.
   const std::unique_ptr<char[]> out(new char[size]);
   std::memset(out.get(), 'o', size);
   const uint32_t status = coder(text, out.get(), size);

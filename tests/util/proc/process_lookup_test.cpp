@@ -39,7 +39,7 @@ class Sleeper {
     char unused;
     EXPECT_EQ(0, ::read(ready[0], &unused, 1)) << "closed by exec";
     ::close(ready[0]);
-    // Which closes descriptors before it sets the command line.
+    // exec closes descriptors before it sets the command line.
     const std::string path = "/proc/" + std::to_string(pid_) + "/cmdline";
     while (std::ifstream(path).get() == EOF) ::usleep(100);
   }

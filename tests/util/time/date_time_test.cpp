@@ -100,7 +100,7 @@ TEST(TimeDifference, IsInSecondsWithinItsBounds) {
       {"0004-02-28T00:00:00", "0004-03-01T00:00:00", 2 * 86400, 0, "leap year"},
       {"0002-01-01T00:00:00", "0001-12-31T23:59:59", 1, 1, "backwards"},
       {"0100-01-01T00:00:00", "0100-01-01T00:00:00", kUnwritten, 0, "the same"},
-      // Day 49710 of the calendar is 6 February of 137; 2^32 seconds end on it at 06:28:16.
+      // Day 49710 of the calendar is 6 February 137; 2^32 seconds end on it at 06:28:16.
       {"0137-02-06T06:28:14", "0137-02-06T06:28:15", 1, 0, "the last second"},
       {"0137-02-06T06:28:14", "0137-02-06T06:28:16", kUnwritten, 0, "behind it"},
       {"0137-02-06T00:00:00", "0137-02-07T00:00:00", kUnwritten, 0, "the day behind it"},

@@ -11,7 +11,7 @@ time_t g_time = 1622801412;
 
 }  // namespace
 
-// Stands in for the C library's.
+// Replaces the C library's.
 extern "C" time_t time(time_t *) noexcept {
   return g_time;
 }

@@ -42,7 +42,7 @@ TEST(EscapedUri, LeavesExistingEscapesAlone) {
 TEST(UrlEncoders, RefuseWhatTheAllocatorRefuses) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(nullptr, ORP_UTIL_UrlEncode(std::string(0x800000, 'a').c_str()));
-  // Judged by the room that the longest result would take.
+  // The limit is for the room that the longest result could take.
   EXPECT_EQ(nullptr, ORP_UTIL_GetEscapedUri(std::string(0x2AAAAB, 'a').c_str()));
   EXPECT_EQ(
       "error: not host tool, but malloc 4M, return NULL, malloc len=8388609\n"

@@ -9,7 +9,7 @@
 
 namespace {
 
-// What ORP_UTIL_ParseUrl stores; texts that are null read "(null)".
+// What ORP_UTIL_ParseUrl stores; "(null)" for texts that are null.
 struct Parts {
   uint32_t result = 9;
   uint32_t protocol = 9;
@@ -32,7 +32,7 @@ Parts parse(const char *url) {
 const struct {
   const char *url;
   uint32_t result;
-  // What is stored, before a failure too.
+  // What is stored, also before a failure.
   uint32_t protocol;
   const char *host;
   uint32_t port;
