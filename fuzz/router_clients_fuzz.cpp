@@ -288,7 +288,7 @@ class World {
     return std::string(std::array{"/p", "/p/q", "/p/h|/q/h", "/*/h"}[x % 4]) + '\0';
   }
 
-  // Sends a descriptor behind a message that names its receiver.
+  // Sends a descriptor after a message that names its receiver.
   void pass_descriptor(Peer *peer, uint8_t x, uint8_t y) {
     send_data(peer, x, y);
     write(peer, SIZE_MAX);

@@ -504,7 +504,7 @@ void Spool::give_up_old() {
   while (has_old()) give_up_oldest(Reason::kOld);
 }
 
-// Events that the disk did not take get the numbers behind all others.
+// Events that the disk did not take get the numbers after all others.
 void Spool::give_up_unwritten() {
   if (unwritten_ == 0) return;
   lose({state_.next, state_.next + unwritten_ - 1, unwritten_, Reason::kDisk});

@@ -100,7 +100,7 @@ class SharedLibrary {
     return {};
   }
 
-  // Of the string tables only that of the dynamic names is loaded.
+  // Only the string table of the dynamic names is loaded.
   std::string dynamic_text(size_t offset) const {
     for (const auto &section : sections_) {
       if (section.sh_type == SHT_STRTAB && (section.sh_flags & SHF_ALLOC) != 0) {

@@ -21,7 +21,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-// What `call` prints.
+// The output of `call`.
 template <typename Call>
 std::string output_of(Call call) {
   testing::internal::CaptureStdout();
@@ -108,7 +108,7 @@ TEST(MlogPrint, SaysWhatFailed) {
             }));
 }
 
-// What `call` prints as errors.
+// The error output of `call`.
 template <typename Call>
 std::string errors_of(Call call) {
   testing::internal::CaptureStderr();
@@ -134,8 +134,8 @@ TEST(MlogPrint, PrintsWhatTheServerDoesNotGetAndTheReasonOnceAMinute) {
                            "\xe2\x82\x9b \xc2\xa0 \xe0\xa4\x85 \xf0\x9f\x98\x80 \xc3\n"));
 }
 
-// Makes `call` in a process of its own whose boot-time clock is so far ahead; false where nobody
-// can have such a clock (time_namespaces(7)).
+// Makes `call` in a process of its own whose boot-time clock is `seconds` ahead. False if no
+// process can have such a clock here (time_namespaces(7)).
 template <typename Call>
 bool call_later(int seconds, Call call) {
   const pid_t child = ::fork();
@@ -144,7 +144,7 @@ bool call_later(int seconds, Call call) {
     std::ofstream offsets("/proc/self/timens_offsets");
     offsets << "boottime " << seconds << " 0" << std::flush;
     if (!offsets) ::_exit(1);
-    // The clock is that of children.
+    // Only children get the new clock.
     const pid_t later = ::fork();
     if (later == 0) {
       call();
@@ -337,7 +337,7 @@ TEST(UseSharePartition, ReadsTheFirstShareLine) {
       {"[SHARE]=-1\n", 1},
       {"[SHARE]=yes\n", 0},
       {"[SHARE]=4294967297\n", 1},
-      // Whatever the C library makes of it, which depends on the width of a long.
+      // The C library's result depends on the width of a long.
       {"[SHARE]=4294967296\n", std::atoi("4294967296") == 0 ? 0 : 1}};
   ::mkdir(MLOG_IPC_PATH, 0770);
   for (const auto &[content, uses] : cases) {

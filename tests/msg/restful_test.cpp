@@ -16,7 +16,7 @@ using test::Connection;
 using test::Frame;
 using test::padded;
 
-// What the handlers got.
+// What the handlers note, in order.
 std::vector<std::string> g_seen;
 
 uint32_t echo(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {

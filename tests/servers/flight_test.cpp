@@ -62,7 +62,7 @@ std::vector<char> file_bytes(const std::string &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// What two processes share.
+// Shared by two processes.
 struct Shared {
   std::atomic<uint64_t> count = 0;
   std::atomic<bool> done = false;

@@ -171,7 +171,7 @@ TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
 }
 
 TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
-  // A file whose next line begins the turn behind the 999th.
+  // A file whose next line begins the turn after number 999.
   std::filesystem::create_directory("/var/a");
   std::ofstream("/var/a/lan.log")
       << "[overturn=999][offset=0000004096][uploadoffset=999^0000001023]\n";

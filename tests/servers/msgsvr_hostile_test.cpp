@@ -164,7 +164,7 @@ TEST_F(HostileClients, OccupyLittleWithMessagesThatNeverEnd) {
       Frame{.type = ORP_MSG_RESTFUL_REGISTER, .body = std::string(2000000, 'h')}.bytes("x");
   std::vector<RawClient> many;
   for (int i = 0; i < 120; ++i) {
-    // Some with a name of their own, some without.
+    // Some clients have a name of their own, some have none.
     const auto how = i % 2 == 0 ? RawClient::Register::kYes : RawClient::Register::kNo;
     many.emplace_back("x" + std::to_string(i), how);
     many.back().send_bytes(std::string_view(half).substr(0, half.size() - 1));

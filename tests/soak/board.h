@@ -1,4 +1,4 @@
-// What the driver and its clients tell each other, in memory that they share.
+// The memory in which the driver and its clients tell each other what they do.
 #pragma once
 
 #include <sys/types.h>

@@ -30,7 +30,7 @@ class Process {
   // Sends `signal` and waits like wait().
   int stop(int signal);
 
-  // What has been read so far.
+  // The output that has been read so far.
   const std::string &output() const { return output_; }
 
  private:

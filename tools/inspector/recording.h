@@ -61,7 +61,7 @@ class Recording {
   void begin_past(uint64_t count, uint64_t span_ns);
 
   void take(const flight::Entry &entry, uint64_t wall_ns);
-  // What a client is called, from elsewhere than its records.
+  // Gives a client a name from another source. Its own records take precedence.
   void name_client(traffic::ClientId id, std::string_view name);
 
   // The records from first_sequence() up to, but without, end_sequence() are kept.
