@@ -1,10 +1,10 @@
-# The headers that cost servers and tools most, compiled once for libraries and once for programs,
-# whose code is relocated in different ways. Every file still includes what it uses: clang's
-# configurations compile without, and so do optimized builds, in which gcc 12 takes more of GCC bug
-# 105651 (build_settings.cmake) for faults when texts come from a precompiled header.
+# The headers that cost servers and tools most time. They are compiled once for libraries and once
+# for programs, whose code is relocated in different ways. Every file still includes what it uses,
+# because clang's configurations and optimized builds compile without these. In optimized builds
+# gcc 12 gives more false warnings of GCC bug 105651 (build_settings.cmake) with precompiled headers.
 
-# msgapi_precompile(TARGET...): for targets that link servers_common, and so are compiled like the
-# headers.
+# msgapi_precompile(TARGET...): for targets that link servers_common and are therefore compiled like
+# the headers.
 if(NOT CMAKE_BUILD_TYPE STREQUAL Debug)
   function(msgapi_precompile)
   endfunction()

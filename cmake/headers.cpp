@@ -1,1 +1,1 @@
-// Nothing but a reason to compile the headers that this target brings.
+// Empty: this target only needs a source file so that its headers are compiled.

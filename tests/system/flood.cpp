@@ -1,5 +1,5 @@
-// flood RATE SECONDS: one application sends another so many messages of 40 bytes a second, for so
-// long; prints how many came, and at what rate. The message server is there already.
+// flood RATE SECONDS: one application sends another RATE messages of 40 bytes a second for SECONDS.
+// Prints how many came, and at what rate. The message server must be running.
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -23,7 +23,8 @@ using std::chrono::steady_clock;
 constexpr char kSink[] = "floodsink";
 constexpr uint32_t kDrop = 0x1234;
 constexpr uint32_t kReport = 0x1235;
-// What is due is sent in one go so often; sleeping is not exact enough for single messages.
+// How often the messages that are due are sent together: sleeping is not exact enough for single
+// messages.
 constexpr std::chrono::milliseconds kTurn{1};
 constexpr unsigned long kMostInATurn = 10'000;
 
@@ -77,14 +78,14 @@ int main(int argc, char **argv) {
   };
   unsigned long sent = 0;
   while (since() < seconds) {
-    // A machine that cannot send so many at least ends in time.
+    // A machine that cannot send that many still ends in time.
     const auto due = std::min(static_cast<unsigned long>(since() * rate), sent + kMostInATurn);
     for (; sent < due; ++sent) {
       if (ORP_MSG_SendSimpleMsg(kSink, kDrop, 0) != ORP_OK) fail("cannot send");
     }
     std::this_thread::sleep_for(kTurn);
   }
-  // What has been sent before is ahead of it.
+  // Everything that was sent before arrives before it.
   if (ORP_MSG_SendAndRecvMsgData(kSink, kReport, 0, 60'000, &received) != ORP_OK) {
     fail("the receiver does not answer");
   }

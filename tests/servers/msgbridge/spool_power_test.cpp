@@ -1,5 +1,5 @@
-// What is left of the spool when the power fails. Below the database stands a disk that keeps what
-// was written since the last sync apart: of that, a failing disk keeps some pieces, and not others.
+// What is left of the spool when the power fails. A disk below the database keeps apart what was
+// written since the last sync: when the power fails, some pieces of that are lost.
 
 #include <gmock/gmock.h>
 #include <sqlite3.h>
@@ -34,7 +34,7 @@ using msgbridge::SpoolOptions;
 
 const std::string kDirectory = "/var/spool_power";
 const std::string kPath = kDirectory + "/spool.db";
-// Disks write whole sectors; a piece of a write that is longer may be there and the rest not.
+// Disks write whole sectors. Of a longer write, some sectors may be there and others not.
 constexpr size_t kSector = 512;
 
 Spool::Now g_now{"boot-1", 1'000'000, 1'800'000'000'000};
@@ -43,7 +43,7 @@ Spool::Now now() {
   return g_now;
 }
 
-// What the disk is sure to have of a file, and what has been written to it since.
+// What the disk certainly has of a file, and what has been written to the file since.
 struct Image {
   struct Change {
     size_t offset;
@@ -61,7 +61,7 @@ void apply(const Image::Change &change, std::string *content) {
 
 std::map<std::string, Image> g_images;
 
-// What the files hold after the power has failed now.
+// The files' contents if the power fails now.
 std::map<std::string, std::string> after_failure(std::mt19937 *random) {
   std::map<std::string, std::string> files;
   for (const auto &[path, image] : g_images) {
@@ -86,7 +86,7 @@ std::map<std::string, std::string> after_failure(std::mt19937 *random) {
   return files;
 }
 
-// ---- The database's road to the disk ----
+// ---- Between the database and the disk ---------------------------------------------------------
 
 sqlite3_vfs *g_disk = nullptr;
 
@@ -160,7 +160,7 @@ int characteristics(sqlite3_file * /*file*/) {
   return SQLITE_IOCAP_POWERSAFE_OVERWRITE;
 }
 
-// Version 1: without shared memory, which a database that is locked as a whole does not need.
+// Version 1 has no shared memory: a database that is locked as a whole does not need it.
 const sqlite3_io_methods kMethods = {
     1,       close_file, read_file, write_file, truncate_file, sync_file,       file_size,
     lock,    unlock,     is_locked, control,    sector_size,   characteristics, nullptr,
@@ -190,7 +190,7 @@ void put_disk_below_the_database() {
   ASSERT_EQ(SQLITE_OK, sqlite3_vfs_register(&vfs, 1));
 }
 
-// ---- What must be left ----
+// ---- What must be left -------------------------------------------------------------------------
 
 SpoolOptions options(bool sync) {
   SpoolOptions options;
@@ -202,14 +202,14 @@ SpoolOptions options(bool sync) {
   return options;
 }
 
-// The numbers that it stands for.
+// The numbers that an item covers.
 std::pair<uint64_t, uint64_t> range_of(const Item &item) {
   if (const auto *event = std::get_if<Event>(&item)) return {event->sequence, event->sequence};
   const auto &loss = std::get<Loss>(item);
   return {loss.first, loss.last};
 }
 
-// The files as they are found at the next start.
+// Makes the files that the next start finds.
 void start_from(const std::map<std::string, std::string> &files) {
   fs::remove_all(kDirectory);
   fs::create_directories(kDirectory);
@@ -220,8 +220,8 @@ void start_from(const std::map<std::string, std::string> &files) {
   }
 }
 
-// Whether the power fails between two of the database's calls or in a commit does not matter: what
-// counts is which writes the disk has, and those are the same.
+// It does not matter whether the power fails between two calls of the database or within a commit:
+// only the writes that the disk has count, and these are the same.
 class SpoolWithoutPower : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
@@ -245,7 +245,7 @@ TEST_P(SpoolWithoutPower, HasEverythingThatWasSynced) {
       ASSERT_LE(promised, spool.last_sequence()) << failure;
       promised = spool.last_sequence();
 
-      // All that waits, in order, and losses for what does not.
+      // Everything that waits, in order, and losses for the rest.
       std::set<uint64_t> found;
       for (uint64_t last = 0; const auto item = spool.next();) {
         const uint64_t before = last;
