@@ -67,7 +67,7 @@ for ((last = -1, now = 0; now < wanted && now != last; now = $(grep -c sequence 
   sleep 2
 done
 after=$(used)
-# It writes what it still has when it ends.
+# The subscriber writes what it still has when it ends.
 kill "$sub"
 wait "$sub" || true
 grep -q sequence heard || {

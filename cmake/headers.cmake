@@ -1,7 +1,7 @@
 # The headers that cost servers and tools most time. They are compiled once for libraries and once
 # for programs, whose code is relocated in different ways. Every file still includes what it uses,
 # because clang's configurations and optimized builds compile without these. In optimized builds
-# gcc 12 gives more false warnings of GCC bug 105651 (build_settings.cmake) with precompiled headers.
+# gcc 12 has more false warnings of GCC bug 105651 (build_settings.cmake) with precompiled headers.
 
 # msgapi_precompile(TARGET...): for targets that link servers_common and are therefore compiled like
 # the headers.

@@ -1,5 +1,5 @@
-// Bodies of messages as tools show them: whatever they hold, there is a line that a terminal can be
-// given and JSON that can be written, and masking changes characters and nothing else.
+// Message bodies as tools show them. Whatever they hold, the line can be printed on a terminal, the
+// JSON can be written, and masking only replaces characters.
 //
 // Input: one byte for the type, one of choices (1: the body was cut, 2: it is in a file, 4: it is
 // an answer's), then the body.

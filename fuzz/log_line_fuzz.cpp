@@ -1,5 +1,5 @@
-// Lines that any process may send to the log server: what is taken of one names a file below the
-// server's directory, and what is written of it begins no line of its own and commands no terminal.
+// Lines that any process may send to the log server. The module in a line names a file below the
+// server's directory, and the text that is written begins no other line and controls no terminal.
 
 #include <cstdint>
 #include <string>
@@ -11,7 +11,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   using fuzz::check;
-  // A block of its own: one byte too many read is a report.
+  // A block of its own: AddressSanitizer reports a byte read too many.
   const std::vector<char> block(data, data + size);
   const std::string_view line(block.data(), block.size());
 

@@ -92,7 +92,7 @@ def run(words, timeout=None):
         except subprocess.TimeoutExpired:
             return False
         finally:
-            # Also when this is interrupted: nobody else can reach the session.
+            # Also after an interrupt: nobody else can end the processes of that session.
             with contextlib.suppress(ProcessLookupError):
                 os.killpg(process.pid, signal.SIGKILL)
 

@@ -146,7 +146,7 @@ bool is_bounded(std::string_view json, size_t most) {
   return true;
 }
 
-// What a body was taken for. JSON of somebody else's may have any members, so they do not tell.
+// What a body was read as. The JSON's members do not tell: foreign JSON may have any members.
 enum class Form { kNone, kRestful, kItems, kHex, kText };
 
 struct ReadBody {
@@ -155,7 +155,8 @@ struct ReadBody {
   size_t missing;  // bytes that were not kept
 };
 
-// With what the catalogue says of its type, or without.
+// Reads the kept bytes as `content` says; without it, or if they do not fit, as what they look
+// like.
 ReadBody read_kept(const Message &message, const catalogue::Content *content, size_t missing) {
   const std::string_view body = message.body;
   if (content != nullptr && content->body == catalogue::Body::kRestful &&
@@ -167,7 +168,7 @@ ReadBody read_kept(const Message &message, const catalogue::Content *content, si
     return {Form::kText, servers::printable(without_nul(body.substr(0, ORP_APP_NAME_SIZE))),
             missing};
   }
-  // The end of one that is cut may be a part of a character.
+  // A cut body may end within a character.
   const size_t whole = body.size() - std::min<size_t>(body.size(), 3);
   if (is_text(body) || (missing > 0 && is_text(body.substr(0, whole)))) {
     return {Form::kText, text_json(body), missing};
