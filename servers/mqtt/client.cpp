@@ -1,6 +1,7 @@
 #include "mqtt/client.h"
 
 #include <mqtt_protocol.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -29,7 +30,14 @@ const char *path_or_null(const std::string &path) {
   return path.empty() ? nullptr : path.c_str();
 }
 
+// The library says of none which it is, nor what is wrong with it.
+void check_readable(const std::string &path) {
+  if (path.empty() || ::access(path.c_str(), R_OK) == 0) return;
+  throw std::runtime_error(path + ": " + std::strerror(errno));
+}
+
 void set_tls(mosquitto *client, const Tls &tls) {
+  for (const std::string *path : {&tls.ca, &tls.certificate, &tls.key}) check_readable(*path);
   if (tls.ca.empty()) {
     check(mosquitto_int_option(client, MOSQ_OPT_TLS_USE_OS_CERTS, 1), "the system's authorities");
   }

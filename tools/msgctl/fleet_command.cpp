@@ -128,9 +128,13 @@ class Broker {
   const std::string &id() const { return id_; }
   void on_arrival(std::function<void(const Arrived &)> take) { take_ = std::move(take); }
 
-  void subscribe(const std::string &topics, Deadline deadline) {
+  // Of what the broker has retained, or only of what comes from now on.
+  enum class Retained { kSent, kNotSent };
+  void subscribe(const std::string &topics, Retained retained, Deadline deadline) {
     subscribed_ = false;
-    check(mosquitto_subscribe_v5(client_.get(), nullptr, topics.c_str(), 1, 0, nullptr), address_);
+    const int options = retained == Retained::kSent ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER;
+    check(mosquitto_subscribe_v5(client_.get(), nullptr, topics.c_str(), 1, options, nullptr),
+          address_);
     run(deadline, [this] { return subscribed_; });
     if (!subscribed_) throw Failure(ExitStatus::kTimeout, "the broker does not answer");
     if (refused_) {
@@ -185,7 +189,8 @@ class Broker {
       const auto wait_ms = static_cast<int>(std::min<uint32_t>(ms_until(deadline), kLoopTime_ms));
       const int error = mosquitto_loop(client_.get(), wait_ms, 1);
       if (failure_) std::rethrow_exception(failure_);
-      check(error, address);
+      // A broker that refuses says so, and ends the connection.
+      if (!done()) check(error, address);
     }
   }
 
@@ -250,7 +255,7 @@ Statuses statuses(Broker *broker, const Words &words, Deadline deadline) {
     found.gateways[gateway] = parsed(arrived.payload);
     quiet = in_ms(pause_ms);
   });
-  broker->subscribe(words.prefix + "/+/status", deadline);
+  broker->subscribe(words.prefix + "/+/status", Broker::Retained::kSent, deadline);
   pause_ms = std::min(kQuiet_ms, static_cast<uint32_t>(ms_until(deadline)) / 2);
   quiet = in_ms(pause_ms);
   broker->run(deadline, [&quiet] { return ms_until(quiet) == 0; });
@@ -372,7 +377,8 @@ void listen(Context *context, const Words &words) {
     const Json payload = parsed(arrived.payload);
     Stream &stream = streams[gateway];
     if (!stream.is(arrived.stream)) stream.begin(arrived.stream);
-    if (arrived.topic.ends_with("/lost")) {
+    // An event may be called "lost", too.
+    if (arrived.topic == fmt::format("{}/{}/lost", words.prefix, gateway)) {
       const uint64_t count = number_in(payload, "count");
       add_bounded(&lost,
                   stream.notice(number_in(payload, "first"), number_in(payload, "last"), count));
@@ -404,8 +410,12 @@ void listen(Context *context, const Words &words) {
     }
   });
   const Deadline subscribed = in_ms(context->timeout_ms);
-  if (counts) broker.subscribe(words.prefix + "/+/lost", subscribed);
-  broker.subscribe(fmt::format("{}/+/event/{}/{}", words.prefix, level(0), level(1)), subscribed);
+  // An event that is retained has come long ago: what came since then is not missing.
+  const auto subscribe = [&](const std::string &topics) {
+    broker.subscribe(topics, Broker::Retained::kNotSent, subscribed);
+  };
+  if (counts) subscribe(words.prefix + "/+/lost");
+  subscribe(fmt::format("{}/+/event/{}/{}", words.prefix, level(0), level(1)));
   const Deadline end = words.seconds > 0 ? in_ms(uint64_t{words.seconds} * 1000) : Deadline::max();
   broker.run(end, [&] { return words.count > 0 && printed >= words.count; });
   if (lost > 0) {
@@ -436,8 +446,12 @@ Question question_of(const Words &words) {
   Json payload = Json::object();
   if (words.words.size() > 2) payload["data"] = number(words.words[2], "data word");
   if (words.words.size() > 3) payload["body"] = words.words[3];
-  return {fmt::format("call/{}/{}", words.words[0], words.words[1]),
-          payload.empty() ? "" : payload.dump()};
+  try {
+    return {fmt::format("call/{}/{}", words.words[0], words.words[1]),
+            payload.empty() ? "" : payload.dump()};
+  } catch (const Json::exception &) {
+    throw Failure(ExitStatus::kBadBody, "the body is no UTF-8, which JSON needs");
+  }
 }
 
 struct Answers {
@@ -527,7 +541,7 @@ void ask(Context *context, const Words &words) {
   broker.on_arrival([&](const Arrived &arrived) {
     if (arrived.topic == answer_to) take_answer(*context, arrived, &answers);
   });
-  broker.subscribe(answer_to, in_ms(context->timeout_ms));
+  broker.subscribe(answer_to, Broker::Retained::kNotSent, in_ms(context->timeout_ms));
   for (const std::string &gateway : gateways) {
     const std::string topic = fmt::format("{}/{}/{}", words.prefix, gateway, question.below);
     if (!mqtt::is_topic(topic)) throw servers::UsageError("'" + printable(topic) + "' is no topic");
@@ -555,6 +569,9 @@ void fleet(Context *context, Words words) {
     throw servers::UsageError("name the fleet's broker: --broker mqtts://HOST");
   }
   if (!mqtt::is_topic(words.prefix)) throw servers::UsageError("--prefix is no topic");
+  if (words.tls.certificate.empty() != words.tls.key.empty()) {
+    throw servers::UsageError("--certificate and --key belong together");
+  }
   if (words.action == "list") {
     if (!words.words.empty()) throw servers::UsageError("list takes no more words");
     list(*context, words);

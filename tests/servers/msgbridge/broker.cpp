@@ -257,7 +257,7 @@ void Listener::publish(const std::string &topic, const std::string &payload,
 }
 
 void Listener::publish_as(const std::string &topic, const std::string &payload,
-                          const std::string &stream, uint64_t sequence) {
+                          const std::string &stream, uint64_t sequence, bool retain) {
   mosquitto_property *properties = nullptr;
   const std::string number = std::to_string(sequence);
   mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, "stream",
@@ -266,7 +266,7 @@ void Listener::publish_as(const std::string &topic, const std::string &payload,
                                      number.c_str());
   EXPECT_EQ(0,
             mosquitto_publish_v5(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                                 payload.data(), 1, false, properties));
+                                 payload.data(), 1, retain, properties));
   mosquitto_property_free_all(&properties);
 }
 

@@ -102,7 +102,7 @@ class Listener {
 
   // Publishes like a bridge, with the number of an event.
   void publish_as(const std::string &topic, const std::string &payload, const std::string &stream,
-                  uint64_t sequence);
+                  uint64_t sequence, bool retain = false);
   void publish_retained(const std::string &topic, const std::string &payload);
 
   // After the broker's end: waits until everything that it sent has been heard.

@@ -633,9 +633,15 @@ TEST_F(Fleet, SaysWhatIsWrong) {
   EXPECT_EQ(2, fleet({"dance"}).status);
   EXPECT_EQ(2, fleet({"get", "dev"}).status);
   EXPECT_EQ(2, fleet({"call", "cms"}).status);
+  EXPECT_EQ(6, fleet({"call", "cms", "0x4242", "1", "\xff"}).status);
   EXPECT_EQ(2, fleet({"--prefix", "a/#", "list"}).status);
+  EXPECT_EQ(2, fleet({"--key", "/dev/null", "list"}).status);
   EXPECT_EQ(4, fleet({"--prefix", "nobody", "get", "/dev/info"}).status);
   EXPECT_EQ(6, fleet({"--credentials", "/nonexistent", "list"}).status);
+  Process untrusting("msgctl",
+                     {"fleet", "--broker", "mqtts://127.0.0.1", "--ca", "/nonexistent", "list"});
+  EXPECT_EQ(2, untrusting.wait());
+  EXPECT_THAT(untrusting.output(), HasSubstr("/nonexistent: No such file"));
   broker_->kill();
   const Output none = fleet({"list"});
   EXPECT_EQ(3, none.status);
@@ -732,7 +738,24 @@ TEST_F(BridgeAndBroker, NoticesWhenNothingComesThroughAnyMore) {
 
 // ---- What the fleet's tool cannot do ----
 
-class FleetInTrouble : public Fleet {};
+class FleetInTrouble : public Fleet {
+ protected:
+  // Publishes an event with that number until the process has printed it: it has subscribed to all
+  // its topics by then.
+  static bool hears(Process *listening, test::Listener *gateway, uint64_t sequence) {
+    std::atomic<bool> stop = false;
+    std::thread publisher([&] {
+      while (!stop) {
+        gateway->publish_as("gw/other/event/wan/Hello", "{}", "stream", sequence);
+        std::this_thread::sleep_for(milliseconds(50));
+      }
+    });
+    const bool heard = listening->wait_for("sequence");
+    stop = true;
+    publisher.join();
+    return heard;
+  }
+};
 
 TEST_F(FleetInTrouble, SaysThatItsListIsNotComplete) {
   std::atomic<bool> stop = false;
@@ -784,17 +807,7 @@ TEST_F(FleetInTrouble, WhatIsMissingCountsOnce) {
   const auto event = [&gateway](int sequence) {
     gateway.publish_as("gw/other/event/wan/Hello", "{}", "stream", sequence);
   };
-  std::atomic<bool> stop = false;
-  std::thread first([&] {
-    while (!stop) {
-      event(1);  // until it has subscribed
-      std::this_thread::sleep_for(milliseconds(50));
-    }
-  });
-  const bool heard = listening.wait_for("sequence");
-  stop = true;
-  first.join();
-  ASSERT_TRUE(heard) << listening.output();
+  ASSERT_TRUE(hears(&listening, &gateway, 1)) << listening.output();
   const auto lost = [&gateway](const char *text) {
     gateway.publish_as("gw/other/lost", text, "stream", 0);
   };
@@ -807,6 +820,27 @@ TEST_F(FleetInTrouble, WhatIsMissingCountsOnce) {
   event(10);  // 9 is a gap that nobody explains
   EXPECT_EQ(8, listening.wait()) << listening.output();
   EXPECT_THAT(listening.output(), HasSubstr("4 events did not come"));
+}
+
+TEST_F(FleetInTrouble, WhatIsRetainedOrCalledLostIsNotMissing) {
+  test::Listener gateway(kBrokerPort, "none", &record_);
+  gateway.publish_as("gw/other/event/wan/State", "{}", "stream", 1, true);
+  Process listening(
+      "msgctl", {"fleet", "--broker", "mqtt://127.0.0.1:" + std::to_string(kBrokerPort), "listen",
+                 "-n", "3", "--json"});
+  ASSERT_TRUE(hears(&listening, &gateway, 100)) << listening.output();
+  gateway.publish_as("gw/other/event/usb/lost", "{}", "stream", 101);
+  gateway.publish_as("gw/other/event/wan/Hello", "{}", "stream", 102);
+  EXPECT_EQ(0, listening.wait()) << listening.output();
+  EXPECT_THAT(listening.output(), HasSubstr("\"topic\":\"gw/other/event/usb/lost\""));
+}
+
+TEST_F(FleetInTrouble, SaysThatItIsNotLetIn) {
+  test::Broker strict(kProxyPort, "allow_anonymous false\n");
+  Process list("msgctl",
+               {"fleet", "--broker", "mqtt://127.0.0.1:" + std::to_string(kProxyPort), "list"});
+  EXPECT_EQ(7, list.wait()) << list.output();
+  EXPECT_THAT(list.output(), HasSubstr("refuses: Not authorized"));
 }
 
 }  // namespace
