@@ -37,7 +37,8 @@ Bridge::Bridge(const Config *config, const catalogue::Catalogue *types, const st
       boot_(Spool::system_clock().boot),
       spool_(config->spool),
       upward_(config->up, config->prefix, gateway),
-      link_(config, config->client_id.empty() ? gateway : config->client_id,
+      // Brokers take UTF-8 for a client's id, and no "/", "+" or "#" in one that rules refer to.
+      link_(config, config->client_id.empty() ? topic_level(gateway) : config->client_id,
             {topic("status"), status_text("offline")},
             {[this] { connected(); }, [this] { ended(); },
              [this](int id, int reason) { acknowledged(id, reason); },

@@ -7,8 +7,10 @@
 
 namespace msgbridge {
 
-// From the configuration, or from the item of equipment data that it names, or else made of
-// /etc/machine-id, which itself stays secret. Throws std::runtime_error when there is no name.
-std::string gateway_name(const Config &config);
+inline constexpr const char *kMachineId = "/etc/machine-id";
+
+// From the configuration, or from the item of equipment data that it names, or else made of the
+// machine's id, which itself stays secret. Throws std::runtime_error when there is no name.
+std::string gateway_name(const Config &config, const std::string &machine_id = kMachineId);
 
 }  // namespace msgbridge

@@ -72,12 +72,12 @@ struct Link::Attempt {
   Link *link;
   mqtt::Address address;
   mqtt::Properties properties;
-  mqtt::Client client;
   int error = MOSQ_ERR_SUCCESS;
   int number = 0;  // errno
   std::atomic<bool> done = false;
   std::mutex trouble_lock;
   std::string trouble;  // what the library logged last as an error
+  mqtt::Client client;  // the first to go: it may log until then
 
   std::string why() {
     const std::lock_guard<std::mutex> hold(trouble_lock);

@@ -112,6 +112,7 @@ std::optional<Event> Upward::take(uint32_t type, std::string_view data, const Sp
 std::vector<uint32_t> Upward::types() const {
   std::vector<uint32_t> types;
   for (const UpRule &rule : rules_) {
+    if (!rule.send) continue;
     const uint32_t type = ORP_EVT_GetMsgTypeByEventModuleName(rule.module.c_str());
     if (type == ORP_MSG_ALL_EVENTS) return {};
     if (std::ranges::count(types, type) == 0) types.push_back(type);

@@ -416,6 +416,16 @@ TEST_F(BridgeAndBroker, ShowsItsCredentials) {
   EXPECT_TRUE(bridge->wait_for("Connected to mqtt")) << bridge->output();
 }
 
+TEST_F(BridgeAndBroker, IsKnownToTheBrokersRulesByItsNameInTopics) {
+  std::ofstream("/var/rules") << "topic read gw/#\npattern write gw/%c/#\n";
+  test::Broker broker(kBrokerPort, "allow_anonymous true\nacl_file /var/rules\n");
+  test::Listener listener(kBrokerPort, "gw/#", &record_);
+  std::ofstream(kConfig) << R"({"broker": {"addresses": ["mqtt://127.0.0.1:)" << kBrokerPort
+                         << R"("]}, "gateway": "floor/1"})";
+  auto bridge = start_bridge();
+  EXPECT_TRUE(record_.wait_for("gw/floor%2F1/status", "online")) << bridge->output();
+}
+
 // ---- Down ----
 
 class BridgeDownward : public BridgeAndBroker {

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <fstream>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "msgbridge/backoff.h"
+#include "msgbridge/identity.h"
 #include "msgbridge/topics.h"
 
 namespace {
@@ -195,6 +197,26 @@ TEST(BridgeTopics, KeepForeignTextInItsLevel) {
     EXPECT_TRUE(mqtt::is_topic(msgbridge::topic_level(each.text)));
   }
   EXPECT_GE(512u, msgbridge::topic_level(std::string(10000, '/')).size());
+}
+
+TEST(BridgeName, IsMadeOfTheMachinesIdAndDoesNotTellIt) {
+  constexpr const char *kFile = "/var/machine-id";
+  const auto name_with = [](const std::string &contents) {
+    std::ofstream(kFile) << contents << "\n";
+    return msgbridge::gateway_name(Config(), kFile);
+  };
+  const std::string id = "0123456789abcdef0123456789abcdef";
+  const std::string name = name_with(id);
+  EXPECT_EQ(32u, name.size());
+  EXPECT_NE(id, name);
+  EXPECT_EQ(name, name_with(id));
+  EXPECT_NE(name, name_with("1" + id.substr(1)));
+
+  // What every machine of a kind has is no name.
+  for (const char *none : {"", "uninitialized", "00000000000000000000000000000000", "0123456789"}) {
+    EXPECT_THROW(name_with(none), std::runtime_error) << none;
+  }
+  EXPECT_THROW(msgbridge::gateway_name(Config(), "/nonexistent"), std::runtime_error);
 }
 
 TEST(BridgeBackoff, SpreadsAFleetOverItsLimit) {

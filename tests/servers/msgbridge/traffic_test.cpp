@@ -21,7 +21,9 @@ using msgbridge::Request;
 using msgbridge::RestRequest;
 using msgbridge::Spool;
 using msgbridge::Upward;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 const catalogue::Catalogue &types() {
@@ -73,6 +75,15 @@ TEST(BridgeUp, TheFirstRuleThatFitsDecides) {
   EXPECT_EQ(5u, upward.counters().taken);
   EXPECT_EQ(2u, upward.counters().no_rule);
   EXPECT_EQ(2u, upward.counters().unreadable);
+}
+
+TEST(BridgeUp, SubscribesToWhatIsSentAndNoMore) {
+  const auto types = [](const char *rules) { return upward_of(rules).types(); };
+  EXPECT_THAT(types(R"([{"module": "wlan", "send": false}, {"module": "wan"}, {"module": "wan"}])"),
+              ElementsAre(ORP_MSG_EVENT_WAN));
+  EXPECT_THAT(types(R"([{"event": "Debug*", "send": false}, {"module": "lan"}])"),
+              ElementsAre(ORP_MSG_EVENT_LAN));
+  EXPECT_THAT(types(R"([{"module": "wan"}, {"module": "w*"}])"), IsEmpty()) << "all of them";
 }
 
 TEST(BridgeUp, SendsWhatSubscribersGet) {
