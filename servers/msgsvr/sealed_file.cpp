@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 #include "msgsvr/whole_file.h"
 
 namespace msgsvr {
@@ -128,7 +129,8 @@ bool make_key(const std::string &path, Key *key) {
   const UniqueFd file(::mkostemp(fresh.data(), O_CLOEXEC));  // mode 0600
   if (!file) return false;
   const bool made =
-      write_all(file.get(), {reinterpret_cast<const char *>(key->bytes.data()), kKeySize}) &&
+      servers::write_all(file.get(),
+                         {reinterpret_cast<const char *>(key->bytes.data()), kKeySize}) &&
       ::fsync(file.get()) == 0 && ::link(fresh.c_str(), path.c_str()) == 0;
   ::unlink(fresh.c_str());
   return made;

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "common/write_all.h"
 #include "msgsvr/hand_over.h"
-#include "msgsvr/whole_file.h"
 
 namespace msgsvr {
 
@@ -38,11 +38,11 @@ bool SpooledBody::write(std::string_view bytes) {
   }
   if (file_ == 0) {
     fd_ = create_hand_over(&file_);
-    if (!fd_ || !write_all(fd_.get(), memory_)) return false;
+    if (!fd_ || !servers::write_all(fd_.get(), memory_)) return false;
     memory_.clear();
     memory_.shrink_to_fit();
   }
-  return write_all(fd_.get(), bytes);
+  return servers::write_all(fd_.get(), bytes);
 }
 
 bool SpooledBody::append(std::string_view text) {

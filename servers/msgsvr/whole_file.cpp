@@ -10,22 +10,13 @@
 #include <cstdio>
 
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 
 namespace msgsvr {
+namespace {
 
 using servers::UniqueFd;
-
-bool write_all(int fd, std::span<const char> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::write(fd, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
-    bytes = bytes.subspan(static_cast<size_t>(count));
-  }
-  return true;
-}
-
-namespace {
+using servers::write_all;
 
 // `fresh` must not exist.
 bool replace(int directory, const std::string &fresh, const std::string &name,

@@ -6,9 +6,6 @@
 
 namespace msgsvr {
 
-// False with errno set when not all could be written.
-bool write_all(int fd, std::span<const char> bytes);
-
 // Puts a new file (mode 0600) with that content in the place of `path`. Whoever opens `path`, also
 // after a loss of power, finds the old content or the new one. False, with errno set and `path` as
 // it was, on failure. Waits for the disk.

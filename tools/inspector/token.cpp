@@ -9,10 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 #include <system_error>
 
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 
 namespace inspector {
 namespace {
@@ -49,16 +49,6 @@ std::string read_token(int fd) {
   return is_token(token) ? token : std::string();
 }
 
-bool write_whole(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(fd, text.data(), text.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    text.remove_prefix(static_cast<size_t>(count));
-  }
-  return true;
-}
-
 }  // namespace
 
 std::string token_of(const std::string &path, std::string *warning) {
@@ -74,7 +64,7 @@ std::string token_of(const std::string &path, std::string *warning) {
   }
   std::string token = new_token();
   const UniqueFd made(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | kFlags, 0600));
-  if (made && write_whole(made.get(), token)) return token;
+  if (made && servers::write_all(made.get(), token)) return token;
   *warning =
       fmt::format("{}: {}; the address holds for this start only", path, std::strerror(errno));
   // A file with a part of a token would be refused at every start.

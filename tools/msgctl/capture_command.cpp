@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 #include "msgctl/context.h"
 #include "msgctl/event_text.h"
 #include "msgctl/flight_source.h"
@@ -45,14 +46,10 @@ class Output {
   bool full() const { return options_.rotate > 0 && written_ >= options_.rotate; }
 
   void flush() {
-    std::string_view rest = buffer_;
-    while (!rest.empty()) {
-      const ssize_t count = ::write(fd(), rest.data(), rest.size());
-      if (count < 0 && errno == EINTR) continue;
+    if (!servers::write_all(fd(), buffer_)) {
       // The reader of the pipe has seen enough.
-      if (count < 0 && errno == EPIPE) std::_Exit(0);
-      if (count < 0) fail();
-      rest.remove_prefix(static_cast<size_t>(count));
+      if (errno == EPIPE) std::_Exit(0);
+      fail();
     }
     buffer_.clear();
   }

@@ -11,22 +11,16 @@
 
 #include "common/exit_status.h"
 #include "common/printable.h"
+#include "common/write_all.h"
 
 namespace msgctl {
 namespace {
 
-void write_all(std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0 && errno == EPIPE) std::_Exit(0);
-    if (written < 0) {
-      throw servers::Failure(
-          servers::ExitStatus::kAnswerError,
-          std::string("standard output cannot be written: ") + std::strerror(errno));
-    }
-    text.remove_prefix(static_cast<size_t>(written));
-  }
+void write_out(std::string_view text) {
+  if (servers::write_all(STDOUT_FILENO, text)) return;
+  if (errno == EPIPE) std::_Exit(0);
+  throw servers::Failure(servers::ExitStatus::kAnswerError,
+                         std::string("standard output cannot be written: ") + std::strerror(errno));
 }
 
 // Columns on a terminal: characters, not bytes.
@@ -71,7 +65,7 @@ std::string coloured(Colour colour, std::string_view text) {
 void print_line(std::string_view text) {
   std::string line(text);
   line += '\n';
-  write_all(line);
+  write_out(line);
 }
 
 std::string json_text(const Json &json) {
@@ -99,7 +93,7 @@ void print_json(const Json &json) {
 }
 
 void print_bytes(std::string_view bytes) {
-  write_all(bytes);
+  write_out(bytes);
 }
 
 std::string error_line(bool json, servers::ExitStatus status, std::string_view text) {
