@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/printable.h"
@@ -27,6 +28,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::Pair;
 using traffic::Event;
 using traffic::Filter;
 using traffic::Model;
@@ -99,6 +101,13 @@ TEST_F(Traffic, ARepeatedNumberMeansTheLaterMessage) {
     EXPECT_EQ(event.message->header.ulSeqNum, message.sequence());
   }
   EXPECT_EQ(model.messages().size(), kMost);
+
+  // Only the later ones wait for an answer.
+  std::vector<std::pair<uint64_t, uint32_t>> waiting;
+  for (const traffic::Wait &wait : model.waits([](uint32_t) { return true; })) {
+    waiting.emplace_back(wait.request->number, wait.request->header.ulSeqNum);
+  }
+  EXPECT_THAT(waiting, ElementsAre(Pair(1, 8), Pair(2, 11), Pair(5, 7), Pair(6, 10)));
 }
 
 TEST_F(Traffic, KnowsWhoWaits) {
