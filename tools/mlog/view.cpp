@@ -124,14 +124,20 @@ void raise_descriptor_limit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Whether a file is not where this machine's log server writes.
-bool is_elsewhere(const std::string &path) try {
+// Where this machine's log server writes its files, by its configuration; empty when that cannot be
+// read, as it need not be with --directory.
+fs::path server_place() try {
+  std::error_code error;
+  return fs::weakly_canonical(server_directory(), error);
+} catch (const std::exception &) {
+  return {};
+}
+
+// Whether a file is anywhere else, or nobody knows.
+bool is_elsewhere(const std::string &path, const fs::path &server_place) {
   std::error_code error;
   const fs::path there = fs::weakly_canonical(fs::absolute(path, error).parent_path(), error);
-  return there != fs::weakly_canonical(server_directory(), error);
-} catch (const std::exception &) {
-  // With --directory the server's configuration need not be readable. Nobody knows then.
-  return true;
+  return there.empty() || there != server_place;
 }
 
 std::string format_uptime(int64_t uptime_ms) {
@@ -155,11 +161,12 @@ class View {
   // Opens the files that can be read and reports their problems.
   std::vector<Source> open() {
     std::vector<Source> sources;
+    const fs::path place = server_place();
     for (const std::string &path : ring_files(options_)) {
       if (options_.follow && !fs::exists(path)) continue;
       try {
         sources.push_back(open_source(path, clocks_, options_.follow));
-        sources.back().elsewhere = is_elsewhere(path);
+        sources.back().elsewhere = is_elsewhere(path, place);
       } catch (const std::exception &error) {
         complain(error.what());
         continue;
@@ -317,7 +324,7 @@ void View::follow(std::vector<Source> sources) {
         if (track.follower && track.follower->file().is_at(path)) continue;
         auto file = std::make_shared<RingFile>(path);
         if (track.follower) collect(tracks_.find(path)->first, &track);
-        track.elsewhere = is_elsewhere(path);
+        track.elsewhere = is_elsewhere(path, server_place());
         track.follower = std::make_unique<Follower>(std::move(file), nullptr);
       } catch (const std::exception &) {
         // It is not there yet, or not any more.
