@@ -442,6 +442,16 @@ def survives_restarts(browser, server, inspector):
                "The inspector was started anew." in browser.text("#notes"))
     eventually("it goes on", lambda: browser.text("#status") == "Live")
     browser.picture("reconnected")
+    # With a mistake in the filter there is no stream of records that would end.
+    set_filter(browser, "form=station")
+    eventually("the mistake is told", lambda: "no such key" in browser.text("#filter-problem"))
+    stop(inspector)
+    eventually("the loss is told without a stream", lambda: "Not connected" in browser.text("#status"))
+    inspector, _ = start_inspector()
+    eventually("the page is connected without a stream", lambda: browser.text("#status") == "Live")
+    set_filter(browser, "")
+    run("msgctl", "call", "--as", "panel3", "station2", "0x1234")
+    eventually("the stream goes on", lambda: "panel3" in names_in(browser, 2))
     stop(station)
     return server, inspector
 

@@ -7,12 +7,10 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
 #include <deque>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "common/printable.h"
@@ -216,8 +214,7 @@ Answer Answers::records(const Request &request) const {
   uint64_t before = 0, last = 0;
   bool more = true;
   do {
-    // The lock is not fair: other threads get it only while this one sleeps.
-    if (last != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (last != 0) let_others_in();
     const std::lock_guard lock(bus_->mutex);
     const Recording &recording = bus_->recording;
     if (last == 0) before = last = recording.end_sequence();

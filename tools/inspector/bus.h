@@ -1,10 +1,12 @@
 // What all threads of the inspector share: the recording, and the state of its source.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "inspector/recording.h"
 
@@ -17,6 +19,12 @@ enum class SourceState {
   kPast,     // a file, read to its end
   kDamaged,
 };
+
+// To be called between two pieces of long work on the bus, without its lock. The lock is not fair:
+// other threads get it only while this one sleeps.
+inline void let_others_in() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
 
 struct Bus {
   Bus(const catalogue::Catalogue &catalogue, bool masked) : recording(catalogue, masked) {}

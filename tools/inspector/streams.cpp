@@ -6,7 +6,6 @@
 #include <chrono>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <utility>
 
 #include "traffic/pcapng.h"
@@ -21,9 +20,6 @@ constexpr std::chrono::milliseconds kStatusEvery(1000);
 constexpr size_t kMostInBatch = 400;
 // Records looked at in one go: other threads wait for the lock so long.
 constexpr uint64_t kMostLookedAt = 2000;
-
-// The lock is not fair: other threads get it only while this one sleeps.
-constexpr std::chrono::milliseconds kBetweenPieces(1);
 
 // Goes through the records of a selection, a few at a time.
 class Cursor {
@@ -47,7 +43,7 @@ class Cursor {
         });
         if (!more || used > 0) return more;
       }
-      std::this_thread::sleep_for(kBetweenPieces);
+      let_others_in();
     }
   }
 
