@@ -153,9 +153,8 @@ void Reader::start() {
       size != kRingOffset + head_.ring_size) {
     refuse("its size is not what it says");
   }
-  wall_minus_monotonic_ = head_.wall_ns - head_.monotonic_ns;
   buffer_ = std::make_unique<uint64_t[]>(kMostRecord / sizeof(uint64_t) + 1);
-  at_ = position(offsetof(FileHead, tail));
+  rewind();
 }
 
 uint64_t Reader::position(size_t offset) const {
@@ -240,6 +239,13 @@ void Reader::account(const Record &record) {
 void Reader::skip_to_end() {
   at_ = position(offsetof(FileHead, head));
   skipped_ = true;
+}
+
+void Reader::rewind() {
+  at_ = position(offsetof(FileHead, tail));
+  skipped_ = false;
+  first_number_ = last_number_ = seen_ = missed_ = 0;
+  wall_minus_monotonic_ = head_.wall_ns - head_.monotonic_ns;
 }
 
 bool Reader::replaced() const {

@@ -53,6 +53,8 @@ class Reader {
   Next next(Entry *entry);
   // Goes on after everything that is written now.
   void skip_to_end();
+  // Begins again, with the oldest record that is there now.
+  void rewind();
 
   // Records that were overwritten before the first one that was read.
   uint64_t before_first() const { return first_number_ == 0 ? 0 : first_number_ - 1; }

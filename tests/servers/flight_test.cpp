@@ -12,6 +12,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "flight/reader.h"
@@ -256,6 +257,29 @@ TEST(FlightReader, RefusesWhatIsNoFileOfTheRecorder) {
   EXPECT_THAT(refusal(changed(16, flight::kLeastRing - 8, 8)), testing::HasSubstr("its size"));
   EXPECT_THROW(Reader::follow("/nonexistent"), std::runtime_error);
   EXPECT_THROW(Reader::follow("/dev/zero"), std::runtime_error);
+}
+
+TEST(FlightReader, ReadsAgainAsIfForTheFirstTime) {
+  Recorder recorder(kPath, flight::kLeastRing, 300);
+  for (uint32_t i = 0; i < 10; ++i) record_message(&recorder, i);
+  for (const bool follows : {true, false}) {
+    Reader reader = follows ? Reader::follow(kPath) : Reader::load(kPath);
+    const auto read = [&reader] {
+      std::vector<std::pair<uint64_t, uint64_t>> seen;
+      Entry entry;
+      while (reader.next(&entry) == Reader::Next::kEntry) {
+        seen.emplace_back(entry.record.number, reader.wall_ns(entry.record.time_ns));
+      }
+      return seen;
+    };
+    const auto first = read();
+    EXPECT_LE(10u, first.size());
+    EXPECT_TRUE(read().empty());
+    reader.rewind();
+    EXPECT_EQ(first, read());
+    EXPECT_EQ(first.size(), reader.seen());
+    EXPECT_EQ(0u, reader.missed());
+  }
 }
 
 TEST(FlightReader, NamesADamagedRing) {

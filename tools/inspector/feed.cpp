@@ -10,9 +10,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "common/exit_status.h"
 #include "common/unique_fd.h"
@@ -47,16 +48,13 @@ void begin_server(Bus *bus, uint32_t body_limit) {
   bus->news.notify_all();
 }
 
-// A walk calls `use` for every record of a file. Returns what is wrong with the file, else "".
-using Use = std::function<void(const flight::Entry &entry, uint64_t wall_ns)>;
-using Walk = std::function<std::string(const Use &use)>;
-
-std::string walk_flight(const std::string &path, const Use &use) {
-  flight::Reader reader = msgctl::open_flight(path);
+// Calls `use` for every record. Returns what is wrong with the file, else "".
+template <typename Use>
+std::string walk_flight(flight::Reader *reader, Use use) {
   flight::Entry entry;
   uint64_t bytes = 0;
-  while (bytes <= reader.head().ring_size) {
-    switch (reader.next(&entry)) {
+  while (bytes <= reader->head().ring_size) {
+    switch (reader->next(&entry)) {
       case flight::Reader::Next::kNothing:
         return {};
       case flight::Reader::Next::kDamaged:
@@ -65,15 +63,28 @@ std::string walk_flight(const std::string &path, const Use &use) {
         break;
     }
     bytes += entry.record.size;
-    use(entry, reader.wall_ns(entry.record.time_ns));
+    use(entry, reader->wall_ns(entry.record.time_ns));
+  }
+  return {};
+}
+
+template <typename Use>
+std::string walk_capture(std::string_view bytes, Use use) {
+  try {
+    traffic::PcapngReader reader(bytes);
+    while (const std::optional<traffic::Packet> packet = reader.next()) use(*packet);
+  } catch (const std::runtime_error &error) {
+    return error.what();
   }
   return {};
 }
 
 constexpr off_t kLargestFile = off_t{1} << 30;
+constexpr std::string_view kCaptureBegin = "\x0a\x0d\x0d\x0a";
 
-// Copied instead of mapped, because somebody may cut the file short at any time.
-std::string contents_of(const std::string &path) {
+// A capture, copied instead of mapped, because somebody may cut the file short at any time; none of
+// another file.
+std::optional<std::string> capture_in(const std::string &path) {
   const servers::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   const auto fail = [&path] {
     throw Failure(errno == EACCES ? ExitStatus::kNotPermitted : ExitStatus::kNoSuch,
@@ -84,83 +95,98 @@ std::string contents_of(const std::string &path) {
   if (!S_ISREG(status.st_mode) || status.st_size == 0) {
     throw Failure(ExitStatus::kBadBody, path + ": this is no capture and no flight file");
   }
+  std::string bytes(kCaptureBegin.size(), '\0');
+  size_t have = 0;
+  const auto read_rest = [&] {
+    while (have < bytes.size()) {
+      const ssize_t count = ::read(fd.get(), bytes.data() + have, bytes.size() - have);
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) fail();
+      if (count == 0) break;
+      have += static_cast<size_t>(count);
+    }
+  };
+  read_rest();
+  if (bytes != kCaptureBegin) return std::nullopt;
   if (status.st_size > kLargestFile) {
     throw Failure(ExitStatus::kBadBody, path + ": is larger than 1 GiB; capture less of it");
   }
-  std::string bytes(static_cast<size_t>(status.st_size), '\0');
-  size_t have = 0;
-  while (have < bytes.size()) {
-    const ssize_t count = ::read(fd.get(), bytes.data() + have, bytes.size() - have);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) fail();
-    if (count == 0) break;
-    have += static_cast<size_t>(count);
-  }
+  bytes.resize(std::max(bytes.size(), static_cast<size_t>(status.st_size)));
+  read_rest();
   bytes.resize(have);
   return bytes;
 }
 
-bool is_capture(std::string_view bytes) {
-  return bytes.starts_with("\x0a\x0d\x0d\x0a");
+// What is to be known of all records before the first is taken.
+struct Extent {
+  uint64_t count = 0, first_ns = ~uint64_t{0}, last_ns = 0;
+  size_t most_kept = 0;
+
+  void add(const flight::Entry &entry, uint64_t wall_ns) {
+    ++count;
+    first_ns = std::min(first_ns, wall_ns);
+    last_ns = std::max(last_ns, wall_ns);
+    most_kept = std::max(most_kept, entry.kept.size());
+  }
+  uint64_t span_ns() const { return count == 0 ? 0 : last_ns - first_ns; }
+  uint32_t body_limit() const {
+    return static_cast<uint32_t>(std::min<size_t>(most_kept, flight::kMostKept));
+  }
+};
+
+// `problem`: how the first look at the file ended.
+void begin_past(Bus *bus, const std::string &path, const Extent &extent,
+                const std::string &problem) {
+  if (extent.count == 0 && !problem.empty()) {
+    throw Failure(ExitStatus::kBadBody, path + ": " + problem);
+  }
+  bus->source = path;
+  bus->recording.begin_past(extent.count, extent.span_ns());
 }
 
-std::string walk_capture(std::string_view bytes,
-                         const std::function<void(const traffic::Packet &)> &use) {
-  try {
-    traffic::PcapngReader reader(bytes);
-    while (const std::optional<traffic::Packet> packet = reader.next()) use(*packet);
-  } catch (const std::runtime_error &error) {
-    return error.what();
-  }
-  return {};
+std::string load_capture(Bus *bus, const std::string &path, std::string_view bytes) {
+  Extent extent;
+  std::string problem = walk_capture(bytes, [&extent](const traffic::Packet &packet) {
+    extent.add(packet.entry(), packet.wall_ns);
+  });
+  begin_past(bus, path, extent, problem);
+  uint32_t section = 0;
+  walk_capture(bytes, [&](const traffic::Packet &packet) {
+    if (packet.section != section) begin_server(bus, extent.body_limit());
+    section = packet.section;
+    // A part of a recording may lack the records that name the clients.
+    for (const auto &[id, label] :
+         {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
+      const std::string name = traffic::name_in_label(label);
+      if (!name.starts_with('#')) bus->recording.name_client(id, name);
+    }
+    bus->recording.take(packet.entry(), packet.wall_ns);
+  });
+  return problem;
+}
+
+std::string load_flight(Bus *bus, const std::string &path) {
+  flight::Reader reader = msgctl::open_flight(path);
+  Extent extent;
+  std::string problem = walk_flight(
+      &reader,
+      [&extent](const flight::Entry &entry, uint64_t wall_ns) { extent.add(entry, wall_ns); });
+  begin_past(bus, path, extent, problem);
+  begin_server(bus, extent.body_limit());
+  reader.rewind();
+  walk_flight(&reader, [bus](const flight::Entry &entry, uint64_t wall_ns) {
+    bus->recording.take(entry, wall_ns);
+  });
+  return problem;
 }
 
 }  // namespace
 
 void load_past(Bus *bus, const std::string &path) {
-  std::string file = contents_of(path);
-  const bool capture = is_capture(file);
-  // The reader of flight files makes its own copy.
-  if (!capture) file = {};
-  uint64_t count = 0, first_ns = ~uint64_t{0}, last_ns = 0;
-  size_t most_kept = 0;
-  const auto measure = [&](const flight::Entry &entry, uint64_t wall_ns) {
-    ++count;
-    first_ns = std::min(first_ns, wall_ns);
-    last_ns = std::max(last_ns, wall_ns);
-    most_kept = std::max(most_kept, entry.kept.size());
-  };
-  const std::string problem = capture ? walk_capture(file,
-                                                     [&](const traffic::Packet &packet) {
-                                                       measure(packet.entry(), packet.wall_ns);
-                                                     })
-                                      : walk_flight(path, measure);
-  if (count == 0 && !problem.empty()) throw Failure(ExitStatus::kBadBody, path + ": " + problem);
-
-  bus->source = path;
-  Recording &recording = bus->recording;
-  recording.begin_past(count, count == 0 ? 0 : last_ns - first_ns);
-  const auto body_limit = static_cast<uint32_t>(std::min<size_t>(most_kept, flight::kMostKept));
-  if (capture) {
-    uint32_t section = 0;
-    walk_capture(file, [&](const traffic::Packet &packet) {
-      if (packet.section != section) begin_server(bus, body_limit);
-      section = packet.section;
-      // A part of a recording may lack the records that name the clients.
-      for (const auto &[id, label] :
-           {std::pair(packet.record.from, packet.from), std::pair(packet.record.to, packet.to)}) {
-        const std::string name = traffic::name_in_label(label);
-        if (!name.starts_with('#')) recording.name_client(id, name);
-      }
-      recording.take(packet.entry(), packet.wall_ns);
-    });
-  } else {
-    begin_server(bus, body_limit);
-    walk_flight(path, [&recording](const flight::Entry &entry, uint64_t wall_ns) {
-      recording.take(entry, wall_ns);
-    });
-  }
-  bus->set_state(problem.empty() ? SourceState::kPast : SourceState::kDamaged, problem);
+  const std::optional<std::string> capture = capture_in(path);
+  std::string problem = capture ? load_capture(bus, path, *capture) : load_flight(bus, path);
+  const SourceState state = problem.empty() ? SourceState::kPast : SourceState::kDamaged;
+  bus->set_state(state, std::move(problem));
 }
 
 Feed::Feed(Bus *bus, std::string path) : bus_(bus), path_(std::move(path)) {

@@ -122,12 +122,10 @@ void capture(const Options &options, Context *context) {
                                      date_text(source.head().wall_ns)),
                          model);
   };
-  {
-    // The whole ring is read for the names: a client may have connected before the captured part.
-    Source names(options.flight.file);
-    names.read_to_damage();  // source.read() below reports the damage
-    begin_section(names.model());
-  }
+  // The whole ring is read for the names: a client may have connected before the captured part.
+  source.read_to_damage();  // source.read() below reports the damage
+  begin_section(source.model());
+  source.rewind();
   // So an analyser that reads a pipe shows the interface at once.
   output.flush();
 

@@ -118,6 +118,12 @@ std::string Source::read_to_damage(const Take &take) {
   return {};
 }
 
+void Source::rewind() {
+  reader_.rewind();
+  model_ = traffic::Model();
+  last_ns_ = reader_missed_ = missed_ = 0;
+}
+
 void Source::follow(const Take &take, const std::function<bool()> &turn) {
   end_on_signals();
   while (g_ended == 0) {

@@ -45,10 +45,12 @@ class Source {
   // The same up to a damage: the records before it matter most after a crash. Returns what is wrong
   // or "".
   std::string read_to_damage(const Take &take = [](const traffic::Event &) {});
-  // The same for ever, or to the end of a file that is not the running server's. Calls `turn` after
-  // each round, which takes at least 20 ms. Ends when `turn` returns false, on SIGINT and SIGTERM,
-  // and when nobody reads standard output any more. When a new server has replaced the file, its
-  // file is read from then on.
+  // Reads from the beginning again, as if for the first time.
+  void rewind();
+  // The same as read() for ever, or to the end of a file that is not the running server's. Calls
+  // `turn` after each round, which takes at least 20 ms. Ends when `turn` returns false, on SIGINT
+  // and SIGTERM, and when nobody reads standard output any more. When a new server has replaced the
+  // file, its file is read from then on.
   void follow(const Take &take, const std::function<bool()> &turn);
 
   // Called between events: `count` records were overwritten before they could be read.
