@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -119,7 +120,9 @@ TEST(Registry, SendsTheReplyOfASyncProcedure) {
   Connection connection("self");
   const auto answer = [](Header *message) -> Header * {
     Header *reply = ORP_MSG_MsgRespBuilder(message, 55, "answer", 6);
-    reply->ulMsgType = 0x99;  // replaced by the type of the request
+    // Replaced by the type and the sender of the request.
+    reply->ulMsgType = 0x99;
+    std::strcpy(reply->aucRecvApp, "elsewhere");
     return reply;
   };
   ORP_MSG_RegMsgProcEx(0x1234, record<'a'>, answer, 0, nullptr);

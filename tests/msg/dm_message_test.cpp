@@ -237,6 +237,9 @@ TEST(DmMessage, IsHeldToItsMessageWhenItIsReceived) {
       EXPECT_EQ(capacity, head(message.get() + 1).capacity) << what;
     }
   }
+  const DmBody unused{ORP_DMMSG_MAGIC, 24, 24, 9, 1, 8};
+  EXPECT_EQ(9u, ORP_DMMSG_GetErrCode(arrived(bytes_of(unused)).get() + 1))
+      << "it claims no more than arrived";
   EXPECT_EQ(ORP_DMMSG_MAGIC, head(arrived(start(40, 0) + good, 0x1234).get() + 1).magic)
       << "bodies of other messages are none of the library's business";
 }

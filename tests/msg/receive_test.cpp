@@ -132,6 +132,10 @@ TEST(Receive, ReadsPipesAndRefusesWhatCannotBeRead) {
   const os::UniqueFd in(ends[0]), out(ends[1]);
   ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(out.get(), bytes.data(), bytes.size()));
   EXPECT_EQ("body", Received(in.get()).frame.body);
+  // A daemon without standard input may have any descriptor as 0.
+  ASSERT_EQ(0, ::dup2(in.get(), 0));
+  ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(out.get(), bytes.data(), bytes.size()));
+  EXPECT_EQ("body", Received(0).frame.body);
 
   Header *message = nullptr;
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_Recv(0, nullptr, 1));

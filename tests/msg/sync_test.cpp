@@ -142,14 +142,18 @@ TEST(SystemCalls, AnExchangeIsOneSendOneWaitAndOneReadForEachPart) {
 TEST(SendAndRecv, RefusesBadArguments) {
   Header request = {};
   Header *response = &request;
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendAndRecv(nullptr, &response, 1));
-  EXPECT_EQ(nullptr, response);
+  for (auto *exchange : {ORP_MSG_SendAndRecv, ORP_MSG_SendAndReceiveWithAppName}) {
+    response = &request;
+    EXPECT_EQ(ORP_ERR_ARGUMENT, exchange(nullptr, &response, 1));
+    EXPECT_EQ(nullptr, response);
+    EXPECT_EQ(ORP_ERR_ARGUMENT, exchange(&request, nullptr, 1));
+  }
   for (auto *wait : {ORP_MSG_RecvResp, ORP_MSG_RecvResWithAppName}) {
     response = &request;
     EXPECT_EQ(ORP_ERR_ARGUMENT, wait(nullptr, &response, 1));
     EXPECT_EQ(nullptr, response);
+    EXPECT_EQ(ORP_ERR_ARGUMENT, wait(&request, nullptr, 1));
   }
-  EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_SendAndRecv(&request, nullptr, 1));
   EXPECT_EQ(ORP_ERR_NOT_CONNECTED, ORP_MSG_SendAndRecv(&request, &response, 1));
   EXPECT_EQ(ORP_ERR_ARGUMENT, ORP_MSG_ReceiveWithType(1, &response, 1)) << "no connection";
 }
