@@ -329,6 +329,7 @@ TEST_F(MsgsvrAdmin, IsForThoseWhoMay) {
   ASSERT_EQ(0, ::stat(kSocket, &status));
   EXPECT_EQ(0660u, status.st_mode & 07777);
   EXPECT_EQ(::getgid(), status.st_gid);
+  EXPECT_THAT(server_->output(), testing::Not(HasSubstr("cannot be given")));
   server_->stop(SIGTERM);
 
   start({"--admin", "none"});

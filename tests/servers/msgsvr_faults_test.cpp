@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -22,12 +23,15 @@
 #include <vector>
 
 #include "common/event_loop.h"
+#include "common/listen.h"
 #include "msgapi/restful.h"
+#include "msgsvr/http_front.h"
 #include "msgsvr/server.h"
 #include "msgsvr/services.h"
 #include "msgsvr/worker.h"
 #include "support/fd_check.h"
 #include "support/message_peer.h"
+#include "support/network.h"
 
 namespace {
 
@@ -115,9 +119,11 @@ class World {
     ::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     MessagePeer client(ends[1], false, name);
     UniqueFd server_end(ends[0]);
+    const uint64_t failures_before = failures();
     arm(true);
-    server_->adopt(std::move(server_end));
+    const msgsvr::Client *taken = server_->adopt(std::move(server_end));
     arm(false);
+    EXPECT_EQ(failures() == failures_before, taken != nullptr) << "taken in whole or not at all";
     client.send({.type = ORP_MSG_REGISTER, .sequence = 1});
     turn();
     return client;
@@ -321,6 +327,40 @@ TEST(WorkerFaults, AreNotTakenForResults) {
   EXPECT_THROW(msgsvr::Worker another(&loop), std::system_error);
   ::setrlimit(RLIMIT_NOFILE, &before);
 #endif
+}
+
+TEST(HttpFaults, GiveUpTheRequestAndTellItsClient) {
+  g_allocation.left = g_epoll_ctl.left = -1;
+  servers::EventLoop loop;
+  std::vector<uint64_t> begun;
+  std::vector<uint64_t> abandoned;
+  msgsvr::HttpFront front(
+      &loop, servers::listen_tcp("127.0.0.1:8080"), {.patience = std::chrono::seconds(10)},
+      [&](uint64_t id, const msgsvr::HttpRequest &) {
+        begun.push_back(id);
+        throw std::bad_alloc();
+      },
+      [&](uint64_t id) { abandoned.push_back(id); });
+  const UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = test::loopback(8080);
+  ASSERT_EQ(0,
+            ::connect(client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  const std::string_view get = "GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+  ASSERT_EQ(static_cast<ssize_t>(get.size()), ::send(client.get(), get.data(), get.size(), 0));
+
+  std::string answer;
+  char buffer[4096];
+  ssize_t count = -1;
+  for (int turns = 0; count != 0 && turns < 400; ++turns) {
+    loop.turn(50);
+    while ((count = ::recv(client.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+      answer.append(buffer, static_cast<size_t>(count));
+    }
+  }
+
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 503 ")) << answer;
+  EXPECT_EQ(1u, begun.size());
+  EXPECT_EQ(begun, abandoned) << "what the handler had begun is cleared away";
 }
 
 }  // namespace

@@ -141,6 +141,7 @@ TEST_F(MsgsvrFlight, RecordsEachMessageItsFateAndItsClients) {
   a.send_bytes(cut.substr(0, 100000));
   EXPECT_TRUE(server_->wait_for("is cut short"));
   b.read();
+  const std::chrono::nanoseconds before_close = std::chrono::steady_clock::now().time_since_epoch();
   b.close();
   a.close();
   RawClient bad("bad");
@@ -202,6 +203,8 @@ TEST_F(MsgsvrFlight, RecordsEachMessageItsFateAndItsClients) {
   ASSERT_EQ(3u, ended.size());
   EXPECT_EQ(id_b, ended[0].record.from);
   EXPECT_EQ(1u, ended[0].record.a);
+  EXPECT_GE(ended[0].record.time_ns, static_cast<uint64_t>(before_close.count()))
+      << "its own time, not that of the last bytes before it";
   EXPECT_THAT(ended[2].text, HasSubstr("unterminated name"));
 }
 
@@ -228,6 +231,10 @@ TEST_F(MsgsvrFlight, CountsWhatTheStatisticsCount) {
   ASSERT_TRUE(test::send_with_descriptors(a.fd(), std::string(2, '\0')));
   EXPECT_TRUE(server_->wait_for("a descriptor of"));
   a.drain();
+  // Inside a message it ends its client.
+  RawClient inside("inside");
+  ASSERT_TRUE(test::send_with_descriptors(inside.fd(), "ab"));
+  EXPECT_TRUE(inside.closed());
 
   ::kill(server_->pid(), SIGUSR1);
   EXPECT_TRUE(server_->wait_for("given up"));
@@ -245,7 +252,8 @@ TEST_F(MsgsvrFlight, CountsWhatTheStatisticsCount) {
   EXPECT_GT(counter("receiver died"), 0u);
   EXPECT_EQ(1u, counter("not permitted"));
   const auto descriptors = of(all, Kind::kLost, Loss::kDescriptor);
-  ASSERT_EQ(1u, descriptors.size());
+  ASSERT_EQ(2u, descriptors.size());
+  EXPECT_EQ(id_of(all, "inside"), descriptors[1].record.from);
   EXPECT_EQ(77u, descriptors[0].record.b);
   EXPECT_EQ(descriptors[0].record.about, fate(all, 77, Kind::kLost)->record.about);
   EXPECT_EQ(counter("; in"), std::ranges::count_if(of(all, Kind::kAccepted), [](const Noted &n) {

@@ -220,6 +220,7 @@ TEST_F(Trust, NobodyForgesTheServersWords) {
   EXPECT_EQ("forger", victim.read().from);
   const std::string text = log();
   EXPECT_EQ(1u, count(text, "says what only the server does, which nobody may")) << text;
+  EXPECT_THAT(text, HasSubstr("refused by the policy 6"));
 }
 
 TEST_F(Trust, ASubscriptionIsNoWayRoundTheRules) {

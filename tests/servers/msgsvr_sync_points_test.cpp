@@ -45,6 +45,12 @@ TEST_F(MsgsvrSyncPoints, LetEverybodyGoWhoWaitsThere) {
 }
 
 TEST_F(MsgsvrSyncPoints, KeepAReleaseForTheNextThatComesOnce) {
+  {
+    // Nobody is waiting any more when it comes.
+    RawClient early("early");
+    early.send(wait_at("boot", 5));
+    EXPECT_THAT(early.drain(), IsEmpty());
+  }
   RawClient late("late");
 
   release("boot");
@@ -56,8 +62,13 @@ TEST_F(MsgsvrSyncPoints, KeepAReleaseForTheNextThatComesOnce) {
 
 TEST_F(MsgsvrSyncPoints, HaveNames) {
   RawClient client("client");
-  client.send(wait_at("", 8));
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type);
+  for (const size_t bad_length : {0, 256}) {
+    client.send(wait_at(std::string(bad_length, 'n'), 8));
+    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type) << bad_length;
+  }
+  const std::string longest(255, 'n');
+  release(longest);
+  EXPECT_EQ(9u, client.ask(wait_at(longest, 9)).sequence);
 }
 
 }  // namespace
