@@ -153,6 +153,7 @@ TEST_F(MsgsvrAdmin, ListsClientsAndWhatTheServerKeepsForThem) {
   EXPECT_FALSE(facts["swapped"]);
   EXPECT_EQ(1 + 1 + 4 + 1, facts["in"]["messages"]);
   EXPECT_EQ(2, client("web")["out"]["messages"]);
+  EXPECT_EQ(40 + 10, client("web")["in"]["bytes"]);
   EXPECT_EQ(40 + 8 + 45, client("web")["out"]["bytes"]);
   facts = client("board");
   EXPECT_THAT(facts["address"].get<std::string>(), HasSubstr("127.0.0.1:"));
