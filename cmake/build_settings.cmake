@@ -39,8 +39,12 @@ endif()
 if(MSGAPI_COVERAGE)
   # Servers and children count, too, and at once: several processes share a file of counters.
   set(NO_UNDEFINED)
-  add_compile_options(--coverage -fprofile-update=atomic)
-  add_link_options(--coverage)
+  add_library(coverage_at_end STATIC ${CMAKE_CURRENT_LIST_DIR}/coverage.c)
+  # Each library and program has its own, which writes its own counters.
+  set_target_properties(coverage_at_end PROPERTIES C_VISIBILITY_PRESET hidden)
+  link_libraries($<BUILD_INTERFACE:coverage_at_end>)
+  add_compile_options(--coverage -fprofile-update=atomic -g0)
+  add_link_options(--coverage -Wl,--wrap=_exit,--wrap=execv,--wrap=execve,--wrap=execvp)
 endif()
 if(MSGAPI_FUZZ)
   # An optimized build, but its assertions are part of what is fuzzed.

@@ -36,6 +36,9 @@ Process::Process(const std::string &name, const std::vector<std::string> &argume
 }
 
 Process::~Process() {
+#ifdef MSGAPI_COVERAGE
+  if (pid_ > 0) stop(SIGTERM);  // only what ends in order writes what it has counted
+#endif
   if (pid_ > 0) {
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
