@@ -44,7 +44,9 @@ if(MSGAPI_COVERAGE)
   set_target_properties(coverage_at_end PROPERTIES C_VISIBILITY_PRESET hidden)
   link_libraries($<BUILD_INTERFACE:coverage_at_end>)
   add_compile_options(--coverage -fprofile-update=atomic -g0)
-  add_link_options(--coverage -Wl,--wrap=_exit,--wrap=execv,--wrap=execve,--wrap=execvp)
+  # -u: libraries that follow it on the command line call it, too.
+  add_link_options(--coverage -Wl,-u,__wrap__exit
+    -Wl,--wrap=_exit,--wrap=execv,--wrap=execve,--wrap=execvp)
 endif()
 if(MSGAPI_FUZZ)
   # An optimized build, but its assertions are part of what is fuzzed.
