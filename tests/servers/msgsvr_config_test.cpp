@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,12 +12,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "cfmapi.h"
 #include "msgapi/dmmsg.h"
@@ -37,6 +42,12 @@ class ConfigManager : public test::Services {
     std::filesystem::create_directories(CFM_STORE_DIRECTORY);
     test::define_number(CFM_PARA_LOGIN_WAIT, 3);
     start();
+    client_ = std::make_unique<RawClient>("web");
+  }
+
+  void restart(const std::vector<std::string> &arguments) {
+    EXPECT_EQ(0, server_->stop(SIGTERM));
+    start(arguments);
     client_ = std::make_unique<RawClient>("web");
   }
 
@@ -141,6 +152,44 @@ TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
   EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/usb//./x.cfg"));
   EXPECT_EQ(0u, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/usb/x.cfg"));
   EXPECT_TRUE(std::filesystem::is_empty("/app/elsewhere"));
+}
+
+TEST_F(ConfigManager, KeepsExportsAndTheKeyWhereItIsTold) {
+  for (const char *each : {"/var/exports", "/var/exports2", "/var/keys"}) {
+    std::filesystem::create_directory(each);
+  }
+  restart({"--export-dir", "/var/exports", "--export-dir", "/var/keys/", "--export-key",
+           "/var/keys/device"});
+
+  EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/var/exports/x.cfg"));
+  EXPECT_EQ(0u, ask(ORP_MSG_CHECK_CFG_FILE, "/var/exports/x.cfg"));
+  EXPECT_EQ(32u, std::filesystem::file_size("/var/keys/device"));
+  EXPECT_FALSE(std::filesystem::exists("/var/cfm/export.key"));
+  // Beside the named directories, in none that was there before, and not where the key is.
+  for (const char *path :
+       {"/var/exports2/x.cfg", "/var/exports", kFile, "/tmp/x.cfg", "/var/keys/x.cfg"}) {
+    EXPECT_EQ(ORP_CFM_ERR_FILE_PLACE, ask(ORP_MSG_EXPORT_CFG_FILE, path)) << path;
+  }
+}
+
+TEST_F(ConfigManager, SaysWhatAFileOrTheKeyLacks) {
+  EXPECT_EQ(ORP_CFM_ERR_FILE_KEY, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/none")) << "no key yet";
+  ASSERT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, kFile));
+  std::filesystem::create_directory("/mnt/full");
+  ASSERT_EQ(0, ::mount("full", "/mnt/full", "tmpfs", 0, "size=4k")) << std::strerror(errno);
+  std::filesystem::create_directory("/mnt/directory");
+  std::ofstream("/mnt/sparse") << "x";
+  std::filesystem::resize_file("/mnt/sparse", (64 << 20) + 100);
+
+  EXPECT_EQ(ORP_CFM_ERR_FILE_WRITE, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/full/x.cfg"));
+  EXPECT_TRUE(std::filesystem::is_empty("/mnt/full"));
+  EXPECT_EQ(ORP_CFM_ERR_FILE_READ, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/none"));
+  EXPECT_EQ(ORP_CFM_ERR_FILE_FOREIGN, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/directory"));
+  EXPECT_EQ(ORP_CFM_ERR_FILE_FOREIGN, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/sparse")) << "too large";
+
+  restart({"--export-key", "/var/none/key"});
+  EXPECT_EQ(ORP_CFM_ERR_FILE_KEY, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/new.cfg"));
+  EXPECT_FALSE(std::filesystem::exists("/mnt/new.cfg"));
 }
 
 TEST_F(ConfigManager, ReplacesOnlyEarlierExports) {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "common/listen.h"
 #include "msgapi/dynapp.h"
 #include "servers/services.h"
 #include "support/message_peer.h"
@@ -19,6 +20,7 @@
 
 namespace {
 
+using servers::UniqueFd;
 using test::RawClient;
 using test::Services;
 using testing::HasSubstr;
@@ -89,6 +91,8 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
     client.drain();
   };
 
+  update(ORP_DYNAPP_RESTART);
+  ASSERT_TRUE(server_->wait_for("dyn is started")) << "before anybody has come";
   EXPECT_EQ("1", visit());
   EXPECT_EQ("2", visit());
   update(ORP_DYNAPP_RESTART);
@@ -98,6 +102,14 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
 
   update(ORP_DYNAPP_OFF);
   ASSERT_TRUE(server_->wait_for("dyn has ended"));
+  EXPECT_FALSE(visit());
+  {
+    const UniqueFd taken = servers::listen_tcp("127.0.0.1:7001");
+    update(ORP_DYNAPP_ON);
+    ASSERT_TRUE(server_->wait_for("127.0.0.1:7001: Address already in use"));
+  }
+  update(99);
+  ASSERT_TRUE(server_->wait_for("asks for the unknown action 99 of dyn"));
   EXPECT_FALSE(visit());
   update(ORP_DYNAPP_ON);
   EXPECT_EQ("1", visit());
@@ -156,6 +168,15 @@ TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
     EXPECT_EQ(1, server.wait()) << entry;
     EXPECT_THAT(server.output(),
                 testing::AllOf(HasSubstr("/var/apps.json: "), HasSubstr(complaint)));
+  }
+}
+
+TEST_F(DynamicApps, NeedAList) {
+  for (const char *text : {"{}", "[]", R"({"applications": {}})"}) {
+    std::ofstream("/var/apps.json") << text;
+    test::Process server("msgsvr", {"--apps", "/var/apps.json"});
+    EXPECT_EQ(1, server.wait()) << text;
+    EXPECT_THAT(server.output(), HasSubstr("/var/apps.json: ")) << text;
   }
 }
 

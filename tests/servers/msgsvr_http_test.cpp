@@ -106,6 +106,40 @@ TEST_F(Restful, FindsTheLongestMatchingRegistration) {
   EXPECT_EQ("404", target_of("/api/x/y/z/shallow"));
 }
 
+TEST_F(Restful, GivesAnApplicationOfAnotherBoardTheWholeBody) {
+  serve({"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
+  RawClient board("board", uint16_t{7070});
+  board.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = test::padded("/board", 7)});
+  board.drain();
+  const std::string body(100000, 'b');
+  std::ofstream("/var/body") << body;
+
+  auto got = curl("/board/info", "-d @/var/body");
+
+  const Frame request = board.read();
+  EXPECT_EQ(ORP_MSG_RESTFUL_REQUEST, request.type) << "it shares no files with the server";
+  EXPECT_STREQ("/board", head_of(request).aucPath);
+  EXPECT_TRUE(body == text_of(request));
+  answer(&board, request, "far");
+  EXPECT_EQ("far|200|text/plain; charset=utf-8", got.get());
+  EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
+}
+
+TEST_F(Restful, TellsWhoRegistersAPathThatCannotBe) {
+  RawClient client("client");
+  std::string many;
+  for (int i = 0; i <= 4096; ++i) many += "/p|";
+  for (const std::string &texts :
+       {"/" + std::string(127, 'p'), "/ok|/" + std::string(127, 'p'), many}) {
+    client.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
+    const Frame notice = client.read();
+    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type) << texts.size();
+    EXPECT_EQ(ORP_MSG_RESTFUL_REGISTER, notice.data) << texts.size();
+  }
+  client.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = "/" + std::string(126, 'p') + '\0'});
+  EXPECT_THAT(client.drain(), testing::IsEmpty());
+}
+
 TEST_F(Restful, TakesTheApplicationsAnswerAloneAlsoFromAFile) {
   RawClient impostor("impostor");
   auto got = curl("/dev/info");

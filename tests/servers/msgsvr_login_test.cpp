@@ -9,6 +9,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "msgapi/login_records.h"
 #include "servers/services.h"
@@ -27,9 +28,9 @@ class Login : public Services {
  protected:
   Login() { restart(); }
 
-  void restart(int signal = SIGTERM) {
+  void restart(int signal = SIGTERM, const std::vector<std::string> &arguments = {}) {
     if (server_) server_->stop(signal);
-    start();
+    start(arguments);
     web_ = std::make_unique<RawClient>("web");
   }
 
@@ -134,6 +135,41 @@ TEST_F(Login, RemembersAcrossRestartsAndForgetsWhenTold) {
   restart();
   EXPECT_THAT(server_->output(), HasSubstr("is damaged"));
   EXPECT_EQ(0u, round_of("10.9.9.9"));
+}
+
+TEST_F(Login, KeepsItsStateWhereItIsTold) {
+  const struct {
+    std::string file;
+    uint32_t round;  // known after a restart
+    const char *complaint;
+  } cases[] = {
+      {"/var/other.json", 1, ""},
+      {"", 0, ""},
+      {"/var/none/login.json", 0, "login control cannot write /var/none/login.json: No such file"},
+  };
+  for (const auto &each : cases) {
+    const std::vector<std::string> arguments = {"--login-state", each.file};
+    restart(SIGTERM, arguments);
+    set_limit({1, 500});
+    EXPECT_EQ(1u, attempt("10.0.0.2").ulRound);
+    EXPECT_EQ(0, server_->stop(SIGTERM));
+    EXPECT_THAT(server_->output(), HasSubstr(each.complaint)) << each.file;
+
+    server_.reset();
+    restart(SIGTERM, arguments);
+    EXPECT_EQ(each.round, round_of("10.0.0.2")) << each.file;
+  }
+  EXPECT_FALSE(std::filesystem::exists(kState));
+}
+
+TEST_F(Login, ManyInventedNamesDoNotPushOutWhoIsForbidden) {
+  set_limit({2, 500});
+  for (int i = 0; i < 2; ++i) attempt("10.0.0.2");
+  for (int i = 0; i < 4200; ++i) attempt("10.0.0.3", ORP_LCTRL_FAILED, "n" + std::to_string(i));
+
+  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, check("10.0.0.2").ulVerdict);
+  EXPECT_EQ(0u, check("10.0.0.3", "n0").ulFailedTimes) << "quiet the longest";
+  EXPECT_EQ(1u, check("10.0.0.3", "n4199").ulFailedTimes);
 }
 
 TEST_F(Login, ForbidsForLongerWithEveryRound) {

@@ -99,6 +99,23 @@ TEST(MessageServerAddresses, AreCheckedAndNamed) {
   EXPECT_TRUE(server.wait_for("ready on /var/run/msgsvr, TCP 127.0.0.1:7000, HTTP 127.0.0.1:8080"));
 }
 
+TEST(MessageServerOptions, ThatCannotBeAreNamed) {
+  const struct {
+    std::vector<std::string> options;
+    const char *complaint;
+  } cases[] = {
+      {{"--queue", "65536", "--cut-through", "65536"}, "--queue must be at least 2 times"},
+      {{"--mode", "0888"}, "--mode 0888 is no octal mode"},
+      {{"--mode", "1777"}, "--mode 1777 is no octal mode"},
+      {{"--tcp-from", "lan"}, "--tcp-from lan is no ADDRESS"},
+  };
+  for (const auto &[options, complaint] : cases) {
+    test::Process server("msgsvr", options);
+    EXPECT_EQ(2, server.wait()) << complaint;
+    EXPECT_THAT(server.output(), HasSubstr(complaint));
+  }
+}
+
 TEST(MessageServerSocket, StaysALivingServersWhateverTheOtherLacks) {
   test::Process server("msgsvr");
   ASSERT_TRUE(server.wait_for("ready"));

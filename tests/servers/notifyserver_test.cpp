@@ -179,6 +179,8 @@ TEST(NotifyServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   EXPECT_THAT(second.output(), HasSubstr("a server is running there"));
   ASSERT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_Init(kCms));
   EXPECT_TRUE(server.wait_for("module 8 (cms, process"));
+  ::kill(server.pid(), SIGHUP);  // ends no server
+  EXPECT_TRUE(server.wait_for("no file to read anew"));
   ::kill(server.pid(), SIGUSR1);
   EXPECT_TRUE(server.wait_for("clients 1"));
 
