@@ -45,12 +45,6 @@ TEST_F(MsgsvrSyncPoints, LetEverybodyGoWhoWaitsThere) {
 }
 
 TEST_F(MsgsvrSyncPoints, KeepAReleaseForTheNextThatComesOnce) {
-  {
-    // Nobody is waiting any more when it comes.
-    RawClient early("early");
-    early.send(wait_at("boot", 5));
-    EXPECT_THAT(early.drain(), IsEmpty());
-  }
   RawClient late("late");
 
   release("boot");
@@ -60,13 +54,28 @@ TEST_F(MsgsvrSyncPoints, KeepAReleaseForTheNextThatComesOnce) {
   EXPECT_THAT(late.drain(), IsEmpty());
 }
 
+TEST_F(MsgsvrSyncPoints, AnswerTheLastRequestOfAProcessThatAsksAgain) {
+  RawClient one("one");
+  for (const uint32_t sequence : {4u, 5u}) one.send(wait_at("boot", sequence));
+  EXPECT_THAT(one.drain(), IsEmpty());
+
+  release("boot");
+
+  EXPECT_EQ(5u, one.read().sequence);
+  EXPECT_THAT(one.drain(), IsEmpty());
+}
+
 TEST_F(MsgsvrSyncPoints, HaveNames) {
   RawClient client("client");
-  for (const size_t bad_length : {0, 256}) {
-    client.send(wait_at(std::string(bad_length, 'n'), 8));
-    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type) << bad_length;
+  for (const uint32_t type : {ORP_MSG_SYNC_WAIT, ORP_MSG_SYNC_POST}) {
+    for (const size_t size : {0, 256}) {
+      client.send({.type = type, .body = std::string(size, 'p') + '\0', .sequence = 8});
+      const Frame notice = client.read();
+      EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type) << size;
+      EXPECT_EQ(type, notice.data) << size;
+    }
   }
-  const std::string longest(255, 'n');
+  const std::string longest(255, 'p');
   release(longest);
   EXPECT_EQ(9u, client.ask(wait_at(longest, 9)).sequence);
 }
