@@ -333,6 +333,17 @@ TEST_F(MsgsvrAdmin, IsForThoseWhoMay) {
   EXPECT_THAT(server_->output(), testing::Not(HasSubstr("cannot be given")));
   server_->stop(SIGTERM);
 
+  start({"--admin-group", "no such group"});
+  EXPECT_THAT(server_->output(), HasSubstr("there is no group no such group: "));
+  ASSERT_EQ(0, ::stat(kSocket, &status));
+  EXPECT_EQ(0600u, status.st_mode & 07777);
+  server_->stop(SIGTERM);
+
+  // Clients are served without it.
+  start({"--admin", "/var/none/admin"});
+  EXPECT_THAT(server_->output(), HasSubstr("there is no admin socket: "));
+  server_->stop(SIGTERM);
+
   start({"--admin", "none"});
   EXPECT_FALSE(std::filesystem::exists(kSocket));
 }
