@@ -1,7 +1,11 @@
 // Everything that uses CLI11, which takes seconds to compile: command lines and files of sections.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "common/command_line.h"
 #include "common/ini_file.h"
@@ -22,6 +26,33 @@ std::string printable(std::string text) {
 
 bool required(Presence presence) {
   return presence == Presence::kRequired;
+}
+
+// Whether somewhere there is such an option, with a value.
+bool takes_value(CLI::App *app, const std::string &option) {
+  if (const CLI::Option *known = app->get_option_no_throw(option))
+    return known->get_type_size() > 0;
+  const std::vector<CLI::App *> commands = app->get_subcommands({});
+  return std::ranges::any_of(commands,
+                             [&option](CLI::App *each) { return takes_value(each, option); });
+}
+
+// The words, last one first, as CLI11 wants them. It takes "--option=" for an option without a
+// value: an empty value has to be a word of its own.
+std::vector<std::string> words_backwards(CLI::App *app, int argc, char **argv) {
+  std::vector<std::string> words;
+  bool options = true;
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    options = options && word != "--";
+    const std::string option = word.substr(0, word.size() - (word.ends_with('=') ? 1 : 0));
+    const bool empty = options && option.size() < word.size() && option.starts_with("--") &&
+                       takes_value(app, option);
+    words.push_back(empty ? option : std::move(word));
+    if (empty) words.emplace_back();
+  }
+  std::ranges::reverse(words);
+  return words;
 }
 
 }  // namespace
@@ -81,7 +112,7 @@ Command CommandLine::command(const char *name, const char *help, std::function<v
 
 std::optional<int> CommandLine::parse(int argc, char **argv) {
   try {
-    app_->parse(argc, argv);
+    app_->parse(words_backwards(app_, argc, argv));
     return std::nullopt;
   } catch (const CLI::Success &done) {
     return app_->exit(done);

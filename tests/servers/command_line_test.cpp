@@ -73,6 +73,16 @@ TEST(CommandLine, TakesOneValueForEachTimeAnOptionIsGiven) {
   EXPECT_EQ("file", values.file);
 }
 
+TEST(CommandLine, TakesEmptyValues) {
+  CommandLine line("tool", "A tool.");
+  const Values values(&line);
+  EXPECT_EQ(std::nullopt, parse(&line, {"--name=", "--place=", "--", "--name="}));
+  EXPECT_EQ("", values.name);
+  EXPECT_THAT(values.places, ElementsAre(""));
+  EXPECT_EQ("--name=", values.file);
+  EXPECT_EQ(kUsageStatus, parse(&line, {"--count="}));
+}
+
 TEST(CommandLine, NamesTheProgramAndTheMistake) {
   const struct {
     std::vector<std::string> words;
