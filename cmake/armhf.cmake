@@ -1,4 +1,4 @@
-# ARMv7 hard-float, as Debian's armhf. tools/armhf_sysroot.sh fills the sysroot.
+# ARMv7 hard-float, as Debian's armhf. tools/sysroot.sh fills the sysroot.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 

@@ -54,7 +54,7 @@ inline constexpr uint8_t kLastLoss = 8;
 inline constexpr size_t kHeaderSize = 40;  // of a message, in the server's byte order
 
 // `from` and `to` are the server's numbers of its clients; 0 is the server itself, or nobody.
-struct Record {
+struct alignas(8) Record {
   uint32_t size = 0;  // of the whole record, a multiple of 8
   uint8_t kind = 0;
   uint8_t loss = 0;
@@ -67,7 +67,7 @@ struct Record {
   uint32_t a = 0;
   uint32_t b = 0;
 };
-static_assert(sizeof(Record) == 48 && alignof(Record) == 8);
+static_assert(sizeof(Record) == 48);
 
 // The first page of the file.
 struct FileHead {

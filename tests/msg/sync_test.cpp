@@ -121,6 +121,9 @@ TEST(SendAndRecv, DropsAndCountsWhatItCannotQueue) {
 }
 
 TEST(SystemCalls, AnExchangeIsOneSendOneWaitAndOneReadForEachPart) {
+#ifdef __i386__
+  GTEST_SKIP() << "sending is one of the calls in socketcall(2) here";
+#endif
   if (!test::can_count_system_calls()) GTEST_SKIP() << "tracing is not possible here";
   Connection connection;
   for (const std::string body : {"", "body"}) {
