@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -142,9 +143,18 @@ TEST(SpoolDamage, IsNoticedWhileWritingAndNothingNewIsLost) {
   EXPECT_LE(600u, heard.events.size());
 }
 
+// What another program does with the file.
+int done_by_another(const char *sql) {
+  sqlite3 *database = nullptr;
+  int result = sqlite3_open(kPath.c_str(), &database);
+  if (result == SQLITE_OK) result = sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
+  sqlite3_close(database);
+  return result;
+}
+
 TEST(SpoolDamage, AFileWithoutItsTablesIsDamagedAndAnotherProgramsIsNot) {
   { Spool spool(options(), now); }
-  ASSERT_EQ(0, std::system(("sqlite3 " + kPath + " 'DROP TABLE lost'").c_str()));
+  ASSERT_EQ(SQLITE_OK, done_by_another("DROP TABLE lost"));
   {
     Spool spool(options(), now);
     EXPECT_THAT(spool.problem(), HasSubstr("damaged"));
@@ -152,11 +162,11 @@ TEST(SpoolDamage, AFileWithoutItsTablesIsDamagedAndAnotherProgramsIsNot) {
   }
   fs::remove_all("/var/damaged");
   fs::create_directory("/var/damaged");
-  ASSERT_EQ(0, std::system(("sqlite3 " + kPath + " 'CREATE TABLE theirs(a)'").c_str()));
+  ASSERT_EQ(SQLITE_OK, done_by_another("CREATE TABLE theirs(a)"));
   Spool spool(options(), now);
   EXPECT_THAT(spool.problem(), HasSubstr("another program"));
   EXPECT_FALSE(spool.commit());
-  EXPECT_EQ(0, std::system(("sqlite3 " + kPath + " 'SELECT * FROM theirs'").c_str()));
+  EXPECT_EQ(SQLITE_OK, done_by_another("SELECT * FROM theirs"));
 }
 
 TEST(SpoolAtRest, WritesNothing) {
