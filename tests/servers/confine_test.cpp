@@ -45,6 +45,9 @@ int execute() {
 }
 
 TEST(Confine, RefusesWhatNoServerNeeds) {
+#ifdef __i386__
+  GTEST_SKIP() << "socketcall(2) hides from a filter which kind of socket it is asked for";
+#endif
   if (!has_filter()) GTEST_SKIP() << "this build or kernel has no filters of system calls";
   EXPECT_EQ(EPERM, status_of(Programs::kNone, execute));
   EXPECT_EQ(0, status_of(Programs::kStarted, execute));
@@ -69,6 +72,9 @@ TEST(Confine, RefusesWhatNoServerNeeds) {
 using ConfinedServer = test::Services;
 
 TEST_F(ConfinedServer, ServesAsEver) {
+#ifdef __i386__
+  GTEST_SKIP() << "socketcall(2) hides from a filter which kind of socket it is asked for";
+#endif
   start({"--seccomp", "--http", "8080", "--tcp", "127.0.0.1:5050"});
   std::ifstream file("/proc/" + std::to_string(server_->pid()) + "/status");
   const std::string status{std::istreambuf_iterator<char>(file), {}};

@@ -303,7 +303,11 @@ TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
   constexpr uint32_t kTooLarge = 4000000;  // the largest library is smaller
   const std::string large = message(kType, kWeb, std::string(8000000, 'x')).bytes();
   refuse_system_call(SYS_epoll_ctl, 2, kFirstRefused, ENOSPC);
+#ifdef SYS_mmap2
+  refuse_system_call(SYS_mmap2, 1, kTooLarge, ENOMEM);
+#else
   refuse_system_call(SYS_mmap, 1, kTooLarge, ENOMEM);
+#endif
   refuse_system_call(SYS_mremap, 2, kTooLarge, ENOMEM);
   refuse_system_call(SYS_brk, 0, 1, 0);  // brk's return value says that it has failed
   Server server;

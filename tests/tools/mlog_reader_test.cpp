@@ -259,6 +259,7 @@ TEST(Follower, GoesThroughTurnsAndFilesThatAreBegunAnew) {
 }
 
 TEST(TimeText, IsReadAndWrittenBeyond2038) {
+  if (sizeof(time_t) < 8) GTEST_SKIP() << "the C library's local times end in 2038 here";
   ::setenv("TZ", "UTC-1", 1);  // an hour ahead
   ::tzset();
   mlog::Clocks clocks;
