@@ -172,9 +172,8 @@ bool Spool::open(Anew anew) {
 // Removes the file. A damaged one is renamed instead, if a new one has room beside it.
 void Spool::put_aside(Anew anew) const {
   std::error_code error;
-  const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
   const bool damaged = anew == Anew::kDamaged;
-  const bool keep = damaged && !error && space.available > options_.bytes + options_.bytes / 2;
+  const bool keep = damaged && disk().available > options_.bytes + options_.bytes / 2;
   for (const char *part : {"", "-wal", "-journal"}) {
     if (damaged) fs::remove(options_.path + ".damaged" + part, error);
     if (keep) fs::rename(options_.path + part, options_.path + ".damaged" + part, error);
@@ -297,12 +296,15 @@ void Spool::load() {
   ahead_.clear();
 }
 
+// When the disk cannot be asked, its figures are the largest that there are.
+fs::space_info Spool::disk() const {
+  std::error_code error;
+  return fs::space(fs::path(options_.path).parent_path(), error);
+}
+
 // How many bytes of events a file may hold on this disk. Its log needs about as much again.
 uint64_t Spool::most() const {
-  std::error_code error;
-  const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
-  if (error) return options_.bytes;
-  return std::min(options_.bytes, std::max<uint64_t>(space.capacity / 4, kLeastRoom));
+  return std::min(options_.bytes, std::max(disk().capacity / 4, kLeastRoom));
 }
 
 bool Spool::disk_is_small() const {
@@ -312,9 +314,7 @@ bool Spool::disk_is_small() const {
 // A disk that was full may have room again, for the events in memory and for their way through the
 // log.
 void Spool::look_for_room() {
-  std::error_code error;
-  const fs::space_info space = fs::space(fs::path(options_.path).parent_path(), error);
-  if (!error && space.available > 2 * (tail_bytes_ + kLeastRoom)) limit_ = most();
+  if (disk().available > 2 * (tail_bytes_ + kLeastRoom)) limit_ = most();
 }
 
 void Spool::reserve() {

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <deque>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <set>
@@ -114,6 +115,7 @@ class Spool {
   void make_tables(const File &file);
   void lose_file();
   void load();
+  std::filesystem::space_info disk() const;
   uint64_t most() const;
   bool disk_is_small() const;
   void look_for_room();
