@@ -9,13 +9,12 @@
 namespace catalogue {
 namespace {
 
-using enum StatusFamily;
 using table::kStatuses;
 
 constexpr std::string_view kFamilyWords[] = {
     "messages", "store",   "configuration", "items", "events",  "login", "processes", "paths",
     "blur",     "bridges", "notify",        "dns",   "charset", "log",   "sockets",   "plain"};
-static_assert(std::size(kFamilyWords) == static_cast<size_t>(kPlain) + 1);
+static_assert(std::size(kFamilyWords) == static_cast<size_t>(StatusFamily::kPlain) + 1);
 
 }  // namespace
 

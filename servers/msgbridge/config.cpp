@@ -5,6 +5,7 @@
 
 #include "msgapi/event.h"
 #include "msgapi/msg.h"
+#include "msgapi/path.h"
 #include "msgapi/restful.h"
 
 namespace msgbridge {
@@ -225,6 +226,10 @@ void read_names(const JsonValue &root, Config *config) {
 }
 
 }  // namespace
+
+bool matches(const std::string &pattern, const std::string &text) {
+  return ORP_UTIL_MatchPrefixPath(pattern.c_str(), text.c_str()) == 1;
+}
 
 bool is_reserved_type(uint32_t type) {
   return type >> 8 == ORP_MSG_EVENT_PAGE || catalogue::find(type) != nullptr;

@@ -96,6 +96,9 @@ inline constexpr Method kMethods[] = {
 // True for types that nobody outside may send: those of the library and the servers, and events.
 bool is_reserved_type(uint32_t type);
 
+// Whether a rule's pattern, of names as in restful registrations, covers `text`.
+bool matches(const std::string &pattern, const std::string &text);
+
 // Throws catalogue::JsonError. `types` has the names of message types.
 Config read_config(std::string_view text, const catalogue::Catalogue &types);
 

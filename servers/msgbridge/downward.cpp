@@ -5,7 +5,6 @@
 
 #include "common/printable.h"
 #include "mqtt/address.h"
-#include "msgapi/path.h"
 #include "msgapi/restful.h"
 #include "msgbridge/json_text.h"
 
@@ -14,7 +13,7 @@ namespace {
 
 constexpr size_t kLongestShown = 100;
 
-std::string shown(std::string_view text) {
+std::string excerpt(std::string_view text) {
   return servers::printable(text.substr(0, kLongestShown));
 }
 
@@ -42,15 +41,11 @@ bool is_utf8_text(std::string_view text) {
   }
 }
 
-bool matches(const std::string &pattern, const std::string &path) {
-  return ORP_UTIL_MatchPrefixPath(pattern.c_str(), path.c_str()) == 1;
-}
-
 Request read_rest(std::string_view rest, std::string_view payload, const DownRules &rules) {
   const std::string_view word = cut_level(&rest);
   const auto *method = std::ranges::find(kMethods, word, &Method::word);
   if (method == std::end(kMethods)) {
-    return refuse(AnswerStatus::kBadRequest, "'" + shown(word) + "' is no method");
+    return refuse(AnswerStatus::kBadRequest, "'" + excerpt(word) + "' is no method");
   }
   const std::string path = "/" + std::string(rest);
   if (!mqtt::is_topic(path)) return refuse(AnswerStatus::kBadRequest, "the path is none");
@@ -58,8 +53,8 @@ Request read_rest(std::string_view rest, std::string_view payload, const DownRul
     return each.code == method->code && matches(each.path, path);
   });
   if (rule == rules.rest.end()) {
-    return refuse(AnswerStatus::kForbidden,
-                  "the gateway's configuration does not allow " + shown(word) + " " + shown(path));
+    return refuse(AnswerStatus::kForbidden, "the gateway's configuration does not allow " +
+                                                excerpt(word) + " " + excerpt(path));
   }
   const size_t slash = path.rfind('/');
   RestRequest request{method->code, path.substr(0, slash), path.substr(slash + 1),
@@ -67,7 +62,7 @@ Request read_rest(std::string_view rest, std::string_view payload, const DownRul
   if (request.path.empty() || request.handler.empty() ||
       request.path.size() >= ORP_MSG_RESTFUL_FIELD_SIZE ||
       request.handler.size() >= ORP_MSG_RESTFUL_FIELD_SIZE) {
-    return refuse(AnswerStatus::kNotFound, "nobody can serve " + shown(path));
+    return refuse(AnswerStatus::kNotFound, "nobody can serve " + excerpt(path));
   }
   if (!is_utf8_text(payload)) {
     return refuse(AnswerStatus::kBadRequest, "the body is not UTF-8, or holds a NUL");
@@ -97,7 +92,7 @@ std::optional<std::string> read_call_payload(std::string_view payload, CallReque
       if (text.find('\0') != std::string::npos) return "'body' holds a NUL";
       if (!value.is_null()) request->body = std::move(text) + '\0';
     } else {
-      return "'" + shown(name) + "' is not known; a call has 'data' and 'body'";
+      return "'" + excerpt(name) + "' is not known; a call has 'data' and 'body'";
     }
   }
   return std::nullopt;
@@ -111,7 +106,7 @@ Request read_call(std::string_view rest, std::string_view payload, const DownRul
       rules.calls, [&](const CallRule &each) { return each.app == app && each.type == type; });
   if (rule == rules.calls.end() || is_reserved_type(rule->type)) {
     return refuse(AnswerStatus::kForbidden, "the gateway's configuration does not allow " +
-                                                shown(rest) + " to " + shown(app));
+                                                excerpt(rest) + " to " + excerpt(app));
   }
   CallRequest request{rule->app, rule->type, 0, {}, rule->timeout_ms, rule->mask};
   if (const auto wrong = read_call_payload(payload, &request)) {

@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "msgapi/event.h"
-#include "msgapi/path.h"
 #include "msgbridge/json_text.h"
 
 namespace msgbridge {
@@ -15,10 +14,6 @@ namespace {
 struct Free {
   void operator()(void *block) const { std::free(block); }
 };
-
-bool matches(const std::string &pattern, const std::string &text) {
-  return ORP_UTIL_MatchPrefixPath(pattern.c_str(), text.c_str()) == 1;
-}
 
 std::string member_text(const Json &object, const std::string &name) {
   const auto member = object.find(name);

@@ -62,7 +62,7 @@ struct Facts {
   Totals totals;
 };
 
-double seconds(std::chrono::duration<double> time) {
+double in_seconds(std::chrono::duration<double> time) {
   return time.count();
 }
 
@@ -221,8 +221,8 @@ class Admin final : public Service {
             client.name,
             client.peer,
             client.address,
-            seconds(client.connected_at.time_since_epoch()),
-            seconds(EventLoop::Clock::now() - client.connected),
+            in_seconds(client.connected_at.time_since_epoch()),
+            in_seconds(EventLoop::Clock::now() - client.connected),
             client.swapped,
             client.backlog.slow,
             client.holds > 0,
@@ -247,8 +247,8 @@ class Admin final : public Service {
   Totals totals() const {
     const Journal &journal = server_->journal();
     Totals totals{};
-    totals.started_at = seconds(started_at_.time_since_epoch());
-    totals.uptime_s = seconds(EventLoop::Clock::now() - started_);
+    totals.started_at = in_seconds(started_at_.time_since_epoch());
+    totals.uptime_s = in_seconds(EventLoop::Clock::now() - started_);
     totals.clients = server_->clients().size();
     totals.statistics = journal.statistics();
     for (const auto &[id, client] : server_->clients()) {

@@ -19,7 +19,6 @@ namespace {
 using policy::Action;
 using policy::Decision;
 using policy::Question;
-using policy::Service;
 using policy::Who;
 using servers::log_line;
 
@@ -206,7 +205,7 @@ bool Gate::may_subscribe(Client &client, const std::optional<AppName> &name, uin
                             : Question{Action::kSubscribe, {}, type});
 }
 
-bool Gate::may_use(Client &client, Service service) {
+bool Gate::may_use(Client &client, policy::Service service) {
   return ask(client, {Action::kService, policy::word_of(service)});
 }
 
@@ -214,7 +213,7 @@ bool Gate::may_ask(Client &client, const Message &message) {
   const uint32_t type = message.type();
   const auto service = policy::service_of(type, message.header.ulMsgData);
   if (!service || type == ORP_MSG_DYNAPP_UPDATE || type == ORP_MSG_DYNAPP_STOP_ALL) return true;
-  if (*service == Service::kExitOthers) {
+  if (*service == policy::Service::kExitOthers) {
     const auto name = message.name_in_body();
     if (!name || *name == client.name) return true;
   }

@@ -17,7 +17,6 @@ namespace {
 
 // The receiver of DM events, the server, which passes them on.
 constexpr char kPublishTo[] = "mic";
-constexpr char kEventType[] = "EventType";
 
 // Never removed, so callbacks may add more while the list is walked.
 struct Callback {

@@ -13,8 +13,6 @@
 namespace msgapi::msg {
 namespace {
 
-constexpr char kEventType[] = "EventType";
-
 struct Module {
   uint32_t type;
   const char *name;

@@ -11,6 +11,9 @@
 
 namespace msgapi::msg {
 
+// The name of the type's item and member.
+inline constexpr char kEventType[] = "EventType";
+
 struct JsonDeleter {
   void operator()(cJSON *json) const { cJSON_Delete(json); }
 };

@@ -27,7 +27,7 @@
 namespace msgapi::msg {
 namespace {
 
-constexpr uint32_t kDefaultWait_ms = 20000;
+constexpr uint32_t kReceiveWait_ms = 20000;
 
 Status read_header(int fd, Header *header) {
   os::StreamReader reader(fd, {.patience_ms = os::ReadPolicy::kBlock});
@@ -106,7 +106,7 @@ Result<Owned<Header>> receive_message(int fd, uint32_t timeout_ms, bool convert)
 }
 
 bool await_readable(int fd, uint32_t timeout_ms) {
-  const uint32_t wait_ms = timeout_ms == 0 ? kDefaultWait_ms : timeout_ms;
+  const uint32_t wait_ms = timeout_ms == 0 ? kReceiveWait_ms : timeout_ms;
   for (;;) {
     switch (os::wait_readable(fd, wait_ms)) {
       case os::Readiness::kReady:

@@ -29,12 +29,12 @@ constexpr uint64_t kRequestOverhead = ORP_MSG_HEADER_SIZE + sizeof(Request) + 1;
 constexpr uint32_t kFirstRefusedLength = 0xFFFFFF4F;
 
 // Never removed. Chained in the order of registration.
-struct Registration {
-  Registration *next;
+struct RegisteredTable {
+  RegisteredTable *next;
   char *path;
   const Row *table;
 };
-Registration *g_registrations;
+RegisteredTable *g_tables;
 
 const Row *find_row(const Row *table, std::string_view name) {
   for (const Row *row = table; row->pcName != nullptr; ++row) {
@@ -45,7 +45,7 @@ const Row *find_row(const Row *table, std::string_view name) {
 
 ORP_MSG_RESTFUL_HANDLER find_handler(const Request &request) {
   const std::string_view path = field_text(request.aucPath);
-  for (const Registration *each = g_registrations; each != nullptr; each = each->next) {
+  for (const RegisteredTable *each = g_tables; each != nullptr; each = each->next) {
     if (path != each->path) continue;
     // When a path has several registrations, only the first counts.
     const Row *row = find_row(each->table, field_text(request.aucHandler));
@@ -93,7 +93,7 @@ void respond(const Header &request, const char *text) {
   }
 }
 
-void dispatch(Header *message) {
+void dispatch_request(Header *message) {
   if (message == nullptr || message->ulDataLen < sizeof(Request)) return;
   const RequestText request(*message);
   if (request.get() == nullptr) return;
@@ -113,7 +113,8 @@ Status register_dispatcher() {
                                  ORP_MSG_RESTFUL_REQUEST_E};
   static size_t registered = 0;
   for (; registered < std::size(kTypes); ++registered) {
-    const Status status = register_procedure(kTypes[registered], dispatch, nullptr, 0).status();
+    const Status status =
+        register_procedure(kTypes[registered], dispatch_request, nullptr, 0).status();
     if (status != Status::kOk) return status;
   }
   return Status::kOk;
@@ -157,13 +158,13 @@ Status register_table(const char *path, const Row *table, bool expand) {
   Status status = announce(path, table, expand);
   if (status != Status::kOk) return status;
 
-  Owned<Registration> registration = make<Registration>(nullptr, nullptr, table);
+  Owned<RegisteredTable> registration = make<RegisteredTable>(nullptr, nullptr, table);
   Owned<char> path_copy = duplicate_text(path);
   if (!registration || !path_copy) return Status::kNoMemory;
   status = register_dispatcher();
   if (status != Status::kOk) return status;
   registration->path = path_copy.release();
-  list_append(g_registrations, registration.release());
+  list_append(g_tables, registration.release());
   return Status::kOk;
 }
 

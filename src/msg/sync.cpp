@@ -20,7 +20,7 @@ namespace {
 
 using uv::kTraceLevel;
 
-constexpr uint32_t kDefaultWait_ms = 60000;
+constexpr uint32_t kAnswerWait_ms = 60000;
 constexpr uint32_t kServerWait_ms = 5000;
 constexpr uint32_t kMaxQueued = 1000;
 
@@ -77,7 +77,7 @@ struct WaitEnd {
 
 WaitEnd wait_for(const Expected &expected, uint32_t timeout_ms) {
   uint32_t queued = 0;
-  uint64_t left_ms = timeout_ms == 0 ? kDefaultWait_ms : timeout_ms;
+  uint64_t left_ms = timeout_ms == 0 ? kAnswerWait_ms : timeout_ms;
   for (;;) {
     if (g_stMsgCtx.slSocket < 0) return {Status::kBadArgument, queued};
     const Stopwatch watch;

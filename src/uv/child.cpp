@@ -20,7 +20,6 @@ namespace {
 
 constexpr int kFirstInherited = 3;
 constexpr int kExitFailed = 127;
-constexpr size_t kUserBuffer = 1 << 14;
 constexpr int kMaxUserGroups = 1 << 16;  // the kernel's limit
 
 // Moves a descriptor above the standard ones.

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <csignal>
+#include <cstddef>
 
 #include "base/memory.h"
 #include "base/status.h"
@@ -15,6 +16,9 @@
 #include "os/fd.h"
 
 namespace msgapi::uv {
+
+// For the texts of one entry of the user database.
+inline constexpr size_t kUserBuffer = 1 << 14;
 
 struct Pipe {
   os::UniqueFd read, write;

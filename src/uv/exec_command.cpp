@@ -27,7 +27,6 @@ namespace {
 constexpr size_t kCommandSize = 512;
 constexpr size_t kPathSize = 256;
 constexpr size_t kAppNameSize = 256;
-constexpr size_t kUserBuffer = 1 << 14;
 constexpr uint32_t kDefaultPoll_ms = 10;
 
 // The words of a command line. There are none when it is too long: a command that was cut is

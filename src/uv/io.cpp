@@ -18,8 +18,6 @@ namespace {
 
 static_assert(sizeof(void *) != 4 || sizeof(OrpUvIo) == 28);
 
-constexpr uint32_t kAllEvents = ORP_UV_READABLE | ORP_UV_WRITABLE | ORP_UV_EXCEPTION;
-
 bool is_usable(const OrpUvIo *watcher) {
   return watcher != nullptr && watcher->head.loop != nullptr;
 }

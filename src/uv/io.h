@@ -6,6 +6,8 @@
 
 namespace msgapi::uv {
 
+inline constexpr uint32_t kAllEvents = ORP_UV_READABLE | ORP_UV_WRITABLE | ORP_UV_EXCEPTION;
+
 Status init_io(OrpUvLoop *loop, OrpUvIo *watcher, int fd, ORP_UV_IO_PROC callback);
 Status start_io(OrpUvIo *watcher, uint32_t events);
 Status stop_io(OrpUvIo *watcher, uint32_t events);

@@ -15,8 +15,6 @@ namespace {
 static_assert(sizeof(void *) != 4 || sizeof(ORP_UTIL_SOCKBASE_ST) == 32);
 static_assert(sizeof(void *) != 4 || sizeof(ORP_UTIL_SOCK_RESP_ST) == 20);
 
-constexpr uint32_t kAllEvents = ORP_UV_READABLE | ORP_UV_WRITABLE | ORP_UV_EXCEPTION;
-
 OrpUvIo *io_of(ORP_UTIL_SOCKBASE_ST *sock_base) {
   return sock_base == nullptr ? nullptr : &sock_base->io;
 }

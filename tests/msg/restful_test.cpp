@@ -17,12 +17,12 @@ using test::Frame;
 using test::padded;
 
 // What the handlers note, in order.
-std::vector<std::string> g_seen;
+std::vector<std::string> g_handled;
 
 uint32_t echo(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
-  g_seen.push_back(ORP_MSG_RESTFUL_TEXT(request));
+  g_handled.push_back(ORP_MSG_RESTFUL_TEXT(request));
   EXPECT_EQ(nullptr, *response);
-  *response = ::strdup(("echo " + g_seen.back()).c_str());
+  *response = ::strdup(("echo " + g_handled.back()).c_str());
   return 0;
 }
 
@@ -87,11 +87,11 @@ TEST(RestfulRegistration, ReportsFailuresAndLeavesNothing) {
     msgapi::fail_allocation(nth);
     EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_RegRestfulProc("/dev", kTable));
     dispatch(request_body("/dev", "info", std::string("x\0", 2)));
-    EXPECT_TRUE(g_seen.empty());
+    EXPECT_TRUE(g_handled.empty());
   }
   EXPECT_EQ(ORP_OK, ORP_MSG_RegRestfulProc("/dev", kTable));
   dispatch(request_body("/dev", "info", std::string("x\0", 2)));
-  EXPECT_EQ(std::vector<std::string>{"x"}, g_seen) << "one dispatcher, one call";
+  EXPECT_EQ(std::vector<std::string>{"x"}, g_handled) << "one dispatcher, one call";
 }
 
 // A process with two registrations of one path and one of another.
@@ -129,17 +129,17 @@ TEST_F(RestfulRequest, IsNotAnsweredWhenNothingFitsOrTheHandlerFails) {
   dispatch(request_body("/dev", "info", "").substr(0, 135));
   dispatch(request_body("/dev", "info", kNoText), 0x10B);
   EXPECT_TRUE(connection.peer.quiet());
-  EXPECT_TRUE(g_seen.empty());
+  EXPECT_TRUE(g_handled.empty());
 }
 
 TEST_F(RestfulRequest, TextThatIsMissingOrUnterminatedIsReadWithinTheMessage) {
   dispatch(request_body("/dev", "info", ""));
   dispatch(request_body("/dev", "info", "unterminated"));
-  EXPECT_EQ((std::vector<std::string>{"", "unterminated"}), g_seen);
+  EXPECT_EQ((std::vector<std::string>{"", "unterminated"}), g_handled);
 
   msgapi::fail_allocation(1);
   dispatch(request_body("/dev", "info", ""));
-  EXPECT_EQ(2u, g_seen.size()) << "dropped without memory";
+  EXPECT_EQ(2u, g_handled.size()) << "dropped without memory";
 }
 
 TEST_F(RestfulRequest, FieldsWithoutANulAreReadWithinTheirSize) {

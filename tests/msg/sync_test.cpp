@@ -24,11 +24,11 @@ namespace {
 using test::Connection;
 using test::padded;
 
-constexpr uint32_t kLong_ms = 20000;
+constexpr uint32_t kPatience_ms = 20000;
 
 // One exchange of the request `type` with "peer".
 struct Exchange {
-  explicit Exchange(uint32_t type, uint32_t timeout_ms = kLong_ms, const char *to = "peer",
+  explicit Exchange(uint32_t type, uint32_t timeout_ms = kPatience_ms, const char *to = "peer",
                     decltype(ORP_MSG_SendAndRecv) *exchange = ORP_MSG_SendAndRecv) {
     Header request = build_header(to, type, 0);
     Header *block = &request;
@@ -167,7 +167,7 @@ TEST(SendAndReceiveWithAppName, TakesTheAnswerOfTheAskedApplicationOnly) {
   connection.peer.send({.type = 0x1234, .data = 2, .from = "pee"});
   connection.peer.send({.type = 0x1234, .data = 3, .from = "peer"});
 
-  EXPECT_EQ(3u, Exchange(0x1234, kLong_ms, "peer", ORP_MSG_SendAndReceiveWithAppName).data);
+  EXPECT_EQ(3u, Exchange(0x1234, kPatience_ms, "peer", ORP_MSG_SendAndReceiveWithAppName).data);
   EXPECT_EQ(2u, drained().size());
 }
 
@@ -178,7 +178,7 @@ TEST(LoopBack, HandsTheRequestToTheGateAndReadsTheAnswerFromTheServer) {
     ORP_MSG_SendSimpleMsgWithSeqNum(message->aucSendApp, message->ulMsgType, 77, message->ulSeqNum);
   });
   std::thread server([&] { connection.peer.send(connection.peer.read()); });
-  EXPECT_EQ(77u, Exchange(0x1234, kLong_ms, "self").data);
+  EXPECT_EQ(77u, Exchange(0x1234, kPatience_ms, "self").data);
   server.join();
 }
 
@@ -186,7 +186,7 @@ TEST(LoopBack, NeedsANameAndNeverTakesTheRegistration) {
   for (const char *name : {"", "self"}) {
     Connection connection(name);
     connection.peer.send({.type = ORP_MSG_REGISTER});
-    EXPECT_EQ(ORP_OK, Exchange(ORP_MSG_REGISTER, kLong_ms, name).status);
+    EXPECT_EQ(ORP_OK, Exchange(ORP_MSG_REGISTER, kPatience_ms, name).status);
     connection.peer.expect({.type = ORP_MSG_REGISTER, .to = name});
   }
 }
@@ -208,7 +208,7 @@ TEST(SendHook, IsBypassedByRequestsOfUnnamedProcessesAndMic) {
     asked = 0;
     Connection connection(name);
     connection.peer.send({.type = type, .from = "peer"});
-    EXPECT_EQ(ORP_OK, Exchange(type, kLong_ms, "peer", exchange).status);
+    EXPECT_EQ(ORP_OK, Exchange(type, kPatience_ms, "peer", exchange).status);
     EXPECT_EQ(times, asked) << name << " " << type;
     EXPECT_TRUE(g_pfMsgSendHook == +hook) << "restored";
   }
@@ -219,7 +219,7 @@ TEST(SendAndRecvMsgData, ReturnsTheDataWordOfTheAnswer) {
   Connection connection;
   connection.peer.send({.type = 0x1234, .data = 99});
   uint32_t result = 1;
-  EXPECT_EQ(ORP_OK, ORP_MSG_SendAndRecvMsgData("peer", 0x1234, 5, kLong_ms, &result));
+  EXPECT_EQ(ORP_OK, ORP_MSG_SendAndRecvMsgData("peer", 0x1234, 5, kPatience_ms, &result));
   connection.peer.expect({.type = 0x1234, .to = "peer", .data = 5});
   EXPECT_EQ(ORP_ERR_TIMEOUT, ORP_MSG_SendAndRecvMsgData("peer", 0x1234, 5, 1, &result));
   EXPECT_EQ(0u, result);

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr uint32_t kNumber = 0x61A11703;
+constexpr uint32_t kStoredNumber = 0x61A11703;
 
 sqlite3_mem_methods g_usual;
 uint32_t g_left;  // until an allocation fails; 0: none does
@@ -36,7 +36,7 @@ TEST(StoreWithoutMemory, WorksAgainAfterwards) {
   if (sqlite3_config(SQLITE_CONFIG_MALLOC, &failing) != SQLITE_OK) {
     GTEST_SKIP() << "another test of this process has used SQLite";
   }
-  test::define_number(kNumber, 7);
+  test::define_number(kStoredNumber, 7);
   test::define_number(CFM_PARA_WEB_USER_LEVEL, 2, {CFM_OBJ_WEB_USER, 1});
 
   uint32_t failed = 0;
@@ -48,7 +48,7 @@ TEST(StoreWithoutMemory, WorksAgainAfterwards) {
     const bool all_taken = g_left > 0;
     g_left = 0;
     if (listed == CFM_OK) std::free(keys);
-    ASSERT_EQ(CFM_OK, ORP_DBSetPara(nullptr, kNumber, &nth, sizeof nth)) << nth;
+    ASSERT_EQ(CFM_OK, ORP_DBSetPara(nullptr, kStoredNumber, &nth, sizeof nth)) << nth;
     if (all_taken) break;
     ++failed;
   }

@@ -33,7 +33,7 @@ using testing::HasSubstr;
 
 constexpr uint32_t kCms = 8;
 constexpr uint32_t kWeb = 26;
-constexpr uint32_t kType = 0x77;
+constexpr uint32_t kNoticeType = 0x77;
 
 // A client process of its own: registers as a module and exits with what `body` returns.
 class Module {
@@ -76,11 +76,11 @@ NotifyMessage registration(uint32_t module) {
 
 // A module that echoes requests until it gets a notification of two items.
 int echo() {
-  ORP_NOTIFYCLT_RegSyncMsgProc(kType, [](void *data, uint32_t *reply_length, void **reply) {
+  ORP_NOTIFYCLT_RegSyncMsgProc(kNoticeType, [](void *data, uint32_t *reply_length, void **reply) {
     *reply = ::strdup(static_cast<char *>(data));
     *reply_length = static_cast<uint32_t>(std::strlen(static_cast<char *>(data)));
   });
-  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, [](void *first, void *second) {
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kNoticeType, [](void *first, void *second) {
     const std::string items[] = {static_cast<char *>(first), static_cast<char *>(second)};
     if (items[0] == "stopplease" && items[1] == "please") OrpUvLoopStop(OrpUvLoopGetDefault());
   });
@@ -91,8 +91,9 @@ int echo() {
 std::string ask(uint32_t module, const std::string &data) {
   void *reply = nullptr;
   uint32_t length = 0;
-  const uint32_t status = ORP_NOTIFYCLT_SendSynNotify(
-      module, kType, data.data(), static_cast<uint32_t>(data.size()), &reply, &length, nullptr);
+  const uint32_t status =
+      ORP_NOTIFYCLT_SendSynNotify(module, kNoticeType, data.data(),
+                                  static_cast<uint32_t>(data.size()), &reply, &length, nullptr);
   std::string text = status == ORP_NOTIFYCLT_OK ? std::string(static_cast<char *>(reply), length)
                                                 : "-" + std::to_string(status);
   std::free(reply);
@@ -121,7 +122,8 @@ TEST(NotifyServer, PassesRequestsAndNotificationsToTheOldestProcessOfAModule) {
   EXPECT_EQ("question", ask(kWeb, "question"));
   const std::string large(6000000, 'x');
   EXPECT_EQ(large, ask(kWeb, large));
-  EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, "stop", 4, "please", 6));
+  EXPECT_EQ(ORP_NOTIFYCLT_OK,
+            ORP_NOTIFYCLT_PostAsynNotify(kWeb, kNoticeType, "stop", 4, "please", 6));
   EXPECT_EQ(0, first.wait());
   EXPECT_TRUE(server.wait_for(") left"));
   EXPECT_EQ("still there", ask(kWeb, "still there"));
@@ -137,7 +139,7 @@ TEST(NotifyServer, SaysWhatItCannotDeliverAndAnswersWhatItDoesNotServe) {
   NotifyPeer stranger;
 
   for (const uint32_t module : {99u, 99u, 0u, 110u, UINT32_MAX}) {
-    EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostSimpleAsynNotify(module, kType, 1, 2));
+    EXPECT_EQ(ORP_NOTIFYCLT_OK, ORP_NOTIFYCLT_PostSimpleAsynNotify(module, kNoticeType, 1, 2));
   }
   EXPECT_EQ("", ask(ORP_NOTIFYCLT_SERVER, "what"));
   EXPECT_TRUE(server.wait_for("there is no module 99"));
@@ -155,14 +157,14 @@ TEST(NotifyServer, PutsPiecesTogetherAndEndsOnlyTheClientThatSendsNonsense) {
   NotifyPeer cms;
   web.send(registration(kWeb));
   EXPECT_TRUE(server.wait_for("module 26"));
-  for (const char byte : message(kType, kWeb, "data").bytes()) cms.send(std::string(1, byte));
+  for (const char byte : message(kNoticeType, kWeb, "data").bytes()) cms.send(std::string(1, byte));
   EXPECT_EQ("data", web.receive().data);
 
-  web.send(message(kType, kWeb, "whole").bytes().substr(0, 50));
-  NotifyMessage too_long = message(kType, kWeb, "");
+  web.send(message(kNoticeType, kWeb, "whole").bytes().substr(0, 50));
+  NotifyMessage too_long = message(kNoticeType, kWeb, "");
   too_long.head.data_len = ORP_NOTIFYCLT_MAX_DATA + 1;
   cms.send(registration(kCms));
-  cms.send(message(kType, kCms, "ok"));
+  cms.send(message(kNoticeType, kCms, "ok"));
   cms.send(std::string(reinterpret_cast<const char *>(&too_long.head), sizeof too_long.head));
   EXPECT_EQ("ok", cms.receive().data);
   EXPECT_EQ(UINT32_MAX, cms.receive().head.msg_type);
@@ -206,7 +208,7 @@ TEST(NotifyServer, LosesAndCountsWhatAClientDoesNotRead) {
   const std::string data(1000, 'x');
   for (uint32_t i = 0; i < kMessages; ++i) {
     EXPECT_EQ(ORP_NOTIFYCLT_OK,
-              ORP_NOTIFYCLT_PostAsynNotify(kWeb, kType, &i, sizeof i, data.data(), 1000));
+              ORP_NOTIFYCLT_PostAsynNotify(kWeb, kNoticeType, &i, sizeof i, data.data(), 1000));
   }
   EXPECT_EQ("others are served", ask(35, "others are served"));
   EXPECT_TRUE(server.wait_for("does not read: its queue of 100000 bytes is full"));
@@ -234,7 +236,7 @@ size_t resident_bytes(pid_t pid) {
 
 // Sends a message without its last byte, as much of it as the server takes at once.
 void send_unfinished(NotifyPeer &peer, size_t size) {
-  NotifyMessage begun = message(kType, kWeb, std::string(size, 'x'));
+  NotifyMessage begun = message(kNoticeType, kWeb, std::string(size, 'x'));
   std::string bytes = begun.bytes();
   bytes.pop_back();
   peer.send(bytes);
@@ -257,23 +259,24 @@ TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
 
     // Short messages still pass, also in pieces, and so do long ones of another user.
     NotifyPeer cms;
-    for (const char byte : message(kType, kWeb, "pieces").bytes()) cms.send(std::string(1, byte));
+    for (const char byte : message(kNoticeType, kWeb, "pieces").bytes())
+      cms.send(std::string(1, byte));
     EXPECT_EQ("pieces", web.receive().data);
     if (::seteuid(65534) == 0) {
       NotifyPeer other;
-      other.send(message(kType, kWeb, std::string(3000000, 'o')));
+      other.send(message(kNoticeType, kWeb, std::string(3000000, 'o')));
       EXPECT_TRUE(std::string(3000000, 'o') == web.receive().data);
       EXPECT_EQ(0, ::seteuid(0));
     }
 
     // A refused message is read to its end; the next message is whole again.
-    cms.send(message(kType, kWeb, std::string(3000000, 'c')));
-    cms.send(message(kType, kWeb, "in step"));
+    cms.send(message(kNoticeType, kWeb, std::string(3000000, 'c')));
+    cms.send(message(kNoticeType, kWeb, "in step"));
     EXPECT_EQ("in step", web.receive().data);
   }
   for (int i = 0; i < 40; ++i) EXPECT_TRUE(server.wait_for("left"));
   NotifyPeer cms;
-  cms.send(message(kType, kWeb, std::string(3000000, 'x')));
+  cms.send(message(kNoticeType, kWeb, std::string(3000000, 'x')));
   EXPECT_TRUE(std::string(3000000, 'x') == web.receive().data);
   EXPECT_THAT(server.statistics_at_end(), ContainsRegex("no_module 0 overflows 0 died_with 0 "
                                                         "refused (39|40) malformed 0"));
@@ -301,7 +304,7 @@ TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
   // Its own descriptors and those of the first clients are below this.
   constexpr uint32_t kFirstRefused = 20;
   constexpr uint32_t kTooLarge = 4000000;  // the largest library is smaller
-  const std::string large = message(kType, kWeb, std::string(8000000, 'x')).bytes();
+  const std::string large = message(kNoticeType, kWeb, std::string(8000000, 'x')).bytes();
   refuse_system_call(SYS_epoll_ctl, 2, kFirstRefused, ENOSPC);
 #ifdef SYS_mmap2
   refuse_system_call(SYS_mmap2, 1, kTooLarge, ENOMEM);
@@ -323,7 +326,7 @@ TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
   }
   // No memory for the whole message.
   cms.send(large);
-  cms.send(message(kType, kWeb, "still there"));
+  cms.send(message(kNoticeType, kWeb, "still there"));
   EXPECT_EQ("still there", web.receive().data);
   EXPECT_THAT(server.statistics_at_end(), HasSubstr("refused 1"));
 }

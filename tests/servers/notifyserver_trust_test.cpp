@@ -22,8 +22,8 @@ using testing::HasSubstr;
 
 constexpr uint32_t kCms = 8;
 constexpr uint32_t kWeb = 26;
-constexpr uint32_t kType = 0x77;
-constexpr uid_t kUser = 1234;
+constexpr uint32_t kNoticeType = 0x77;
+constexpr uid_t kWebUser = 1234;
 
 // The kernel passes on the user of the thread that connects. Null if it cannot be another user.
 std::unique_ptr<NotifyPeer> peer_of(uid_t user) {
@@ -36,7 +36,7 @@ std::unique_ptr<NotifyPeer> peer_of(uid_t user) {
 
 NotifyMessage message(uint32_t source, uint32_t destination, const std::string &data = "data") {
   NotifyMessage message{{}, data};
-  message.head.msg_type = kType;
+  message.head.msg_type = kNoticeType;
   message.head.source_id = source;
   message.head.des_id = destination;
   message.head.ack_tag = ORP_NOTIFYCLT_REQUEST;
@@ -57,13 +57,13 @@ TEST(NotifyTrust, ModulesBelongToTheUsersOfTheCommandLine) {
   NotifyPeer cms;
   enter(&cms, kCms);
   ASSERT_TRUE(server.wait_for("is registered"));
-  const auto web = peer_of(kUser);
+  const auto web = peer_of(kWebUser);
   if (web == nullptr) GTEST_SKIP() << "an ordinary user's sandbox has no other users";
   enter(web.get(), kCms);
   ASSERT_TRUE(server.wait_for("of user 1234 may not be module 8"));
   enter(web.get(), kWeb);
   ASSERT_TRUE(server.wait_for("is registered"));
-  const auto other = peer_of(kUser + 1);
+  const auto other = peer_of(kWebUser + 1);
   enter(other.get(), kWeb);
   ASSERT_TRUE(server.wait_for("of user 1235 may not be module 26"));
   enter(other.get(), 20);

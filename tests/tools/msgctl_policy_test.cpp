@@ -24,14 +24,14 @@ using testing::StartsWith;
 
 constexpr const char *kFile = "/var/policy.json";
 
-Output run(Words words) {
+Output run_policy(Words words) {
   words.insert(words.begin(), "policy");
   return test::run(words);
 }
 
 Output ask(Words words) {
   words.insert(words.begin(), {"test", "--policy", kFile});
-  return run(std::move(words));
+  return run_policy(std::move(words));
 }
 
 void write(const std::string &text) {
@@ -40,16 +40,17 @@ void write(const std::string &text) {
 
 TEST(MsgctlPolicy, ChecksAFile) {
   write("{\"default\": \"allow\",\n \"rules\": [{\"deny\": \"own\"}]}");
-  EXPECT_EQ("/var/policy.json: 1 rules\n", run({"check", kFile}).text);
+  EXPECT_EQ("/var/policy.json: 1 rules\n", run_policy({"check", kFile}).text);
 
   write("{\"default\": \"allow\",\n \"rules\": [{\"deny\": \"owe\"}]}");
-  const Output bad = run({"check", kFile});
+  const Output bad = run_policy({"check", kFile});
   EXPECT_EQ(6, bad.status);
   EXPECT_THAT(bad.text, StartsWith("msgctl: /var/policy.json:2: 'owe' is not one of"));
 
-  EXPECT_EQ(4, run({"check", "/var/none"}).status);
-  EXPECT_EQ(2, run({"check", kFile, kFile}).status);
-  EXPECT_THAT(run({"check"}).text, HasSubstr("/etc/msgapi/policy.json is not there: the built-in"));
+  EXPECT_EQ(4, run_policy({"check", "/var/none"}).status);
+  EXPECT_EQ(2, run_policy({"check", kFile, kFile}).status);
+  EXPECT_THAT(run_policy({"check"}).text,
+              HasSubstr("/etc/msgapi/policy.json is not there: the built-in"));
 }
 
 TEST(MsgctlPolicy, SaysWhichRuleDecides) {
@@ -115,10 +116,10 @@ TEST(MsgctlPolicy, LearnsWhatTheFlightRecorderHasSeen) {
     EXPECT_EQ(3u, wifi.drain().size());
   }
 
-  const Output policy = run({"learn"});
+  const Output policy = run_policy({"learn"});
   ASSERT_EQ(0, policy.status) << policy.text;
   write(policy.text);
-  EXPECT_EQ(0, run({"check", kFile}).status) << policy.text;
+  EXPECT_EQ(0, run_policy({"check", kFile}).status) << policy.text;
 
   for (const Words &allowed : std::vector<Words>{{"own", "wifi"},
                                                  {"own", "pan*l"},

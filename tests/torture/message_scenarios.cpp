@@ -304,7 +304,7 @@ bool notify() {
   return done;
 }
 
-constexpr Scenario kScenarios[] = {
+constexpr Scenario kMessageScenarios[] = {
     {"asynchronous_request", asynchronous_request},
     {"connect", connect_alone},
     {"connect_with_loop", connect_with_loop},
@@ -330,7 +330,7 @@ void echo_data(void *data, uint32_t *length, void **reply) {
 }  // namespace
 
 std::span<const Scenario> message_scenarios() {
-  return kScenarios;
+  return kMessageScenarios;
 }
 
 void serve_messages(void (*ready)()) {

@@ -251,7 +251,7 @@ bool files() {
          status.st_size == sizeof line - 1;
 }
 
-constexpr Scenario kScenarios[] = {
+constexpr Scenario kUtilityScenarios[] = {
     {"command", command}, {"data", data},       {"dns", dns},
     {"files", files},     {"network", network}, {"ring_file", ring_file},
     {"spawn", spawn},     {"store", store},     {"text", text},
@@ -260,7 +260,7 @@ constexpr Scenario kScenarios[] = {
 }  // namespace
 
 std::span<const Scenario> utility_scenarios() {
-  return kScenarios;
+  return kUtilityScenarios;
 }
 
 }  // namespace torture

@@ -12,7 +12,7 @@
 namespace msgctl {
 namespace {
 
-struct Words {
+struct CallWords {
   std::string receiver;
   std::string type;
   std::string data;
@@ -27,7 +27,7 @@ struct Request {
   std::string body;
 };
 
-Request request_of(const Context &context, const Words &words) {
+Request request_of(const Context &context, const CallWords &words) {
   Request request{receiver_name(words.receiver), type_number(context, words.type), 0, {}};
   if (!words.data.empty()) request.data = number(words.data, "data word");
   const catalogue::MessageType *type = context.catalogue.find(request.type);
@@ -44,7 +44,7 @@ std::string status_sentence(uint32_t status) {
   return fmt::format("{} {}: {}", text, meanings.front().name, meanings.front().sentence);
 }
 
-void call(Context *context, const Words &words) {
+void call(Context *context, const CallWords &words) {
   const Request request = request_of(*context, words);
   const Deadline deadline = in_ms(context->timeout_ms);
   Bus bus(*context, Bus::Purpose::kIsAnswered, deadline);
@@ -69,7 +69,7 @@ void call(Context *context, const Words &words) {
   }
 }
 
-void send(Context *context, const Words &words) {
+void send(Context *context, const CallWords &words) {
   const Request request = request_of(*context, words);
   const Deadline deadline = in_ms(context->timeout_ms);
   Bus bus(*context, Bus::Purpose::kSends, deadline);
@@ -83,7 +83,7 @@ void send(Context *context, const Words &words) {
   }
 }
 
-void add_arguments(servers::Command *command, Context *context, Words *words) {
+void add_arguments(servers::Command *command, Context *context, CallWords *words) {
   add_common_options(command, context);
   add_item_options(command, &words->body);
   command->argument("NAME", &words->receiver, "The receiver; 'server' for the message server",
@@ -100,7 +100,7 @@ void add_arguments(servers::Command *command, Context *context, Words *words) {
 }  // namespace
 
 void add_call_commands(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static CallWords words;
   servers::Command call_command = line->command("call", "Send a request and print the answer",
                                                 [context] { call(context, words); });
   add_arguments(&call_command, context, &words);

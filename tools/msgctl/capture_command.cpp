@@ -24,7 +24,7 @@ using traffic::Event;
 
 constexpr size_t kBuffer = 65536;
 
-struct Options {
+struct CaptureOptions {
   FlightOptions flight;
   std::string output;
   bool live = false;
@@ -35,7 +35,7 @@ struct Options {
 // The file, or the pipe, that takes the capture. FILE.1 is the one before, FILE.2 that before it.
 class Output {
  public:
-  explicit Output(const Options &options) : options_(options) { open(); }
+  explicit Output(const CaptureOptions &options) : options_(options) { open(); }
 
   void add(std::string_view bytes) {
     buffer_ += bytes;
@@ -95,13 +95,13 @@ class Output {
         options_.output + ": " + std::strerror(errno));
   }
 
-  const Options &options_;
+  const CaptureOptions &options_;
   servers::UniqueFd file_;
   std::string buffer_;
   uint64_t written_ = 0;
 };
 
-void capture(const Options &options, Context *context) {
+void capture(const CaptureOptions &options, Context *context) {
   if (options.output == "-" && ::isatty(STDOUT_FILENO) == 1) {
     throw servers::UsageError("a capture does not belong on a terminal: give -w FILE, or a pipe");
   }
@@ -166,7 +166,7 @@ void capture(const Options &options, Context *context) {
 }  // namespace
 
 void add_capture_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static CaptureOptions options;
   servers::Command command = line->command(
       "capture", "Write what passed as a pcapng file, for Wireshark and for replay", [context] {
         if (options.output.empty()) {

@@ -18,7 +18,7 @@ namespace {
 
 using servers::printable;
 
-struct Words {
+struct ClientWords {
   std::string name;
   std::string sort = "id";
   bool names = false;
@@ -71,7 +71,7 @@ void sort_by(const std::string &key, std::vector<Json> *clients) {
   }
 }
 
-void list(const Context &context, const Words &words) {
+void list(const Context &context, const ClientWords &words) {
   std::vector<Json> clients = Admin(context).list("/v1/clients", "clients");
   sort_by(words.sort, &clients);
   if (words.names) {
@@ -166,7 +166,7 @@ void print_client(const Context &context, const Json &client) {
                          : fmt::format("{} ago", duration(keep_alive, "last_s")));
 }
 
-void info(const Context &context, const Words &words) {
+void info(const Context &context, const ClientWords &words) {
   const Admin admin(context);
   bool first = true;
   for (const Json &client : clients_named(admin, words.name)) {
@@ -199,7 +199,7 @@ std::vector<Json> clients_named(const Admin &admin, const std::string &name) {
 }
 
 void add_client_commands(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static ClientWords words;
   servers::Command list_command = line->command("list", "List the clients of the message server",
                                                 [context] { list(*context, words); });
   add_common_options(&list_command, context);

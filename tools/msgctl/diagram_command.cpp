@@ -19,7 +19,7 @@ namespace {
 using traffic::ClientId;
 using traffic::Event;
 
-struct Options {
+struct DiagramOptions {
   FlightOptions flight;
   bool mermaid = false;
   bool svg = false;
@@ -58,7 +58,7 @@ size_t width(const std::string &text) {
   }));
 }
 
-Diagram read(const Options &options, const Context &context) {
+Diagram read(const DiagramOptions &options, const Context &context) {
   constexpr size_t kMostBody = 60;
   const traffic::Filter filter = make_filter(options.flight, context);
   const EventText text(context.catalogue, !options.flight.no_mask);
@@ -235,7 +235,7 @@ void print_svg(const Diagram &diagram) {
   print_line("</svg>");
 }
 
-void draw(const Options &options, const Context &context) {
+void draw(const DiagramOptions &options, const Context &context) {
   if (options.mermaid && options.svg) throw servers::UsageError("either --mermaid or --svg");
   const Diagram diagram = read(options, context);
   if (options.mermaid) {
@@ -254,7 +254,7 @@ void draw(const Options &options, const Context &context) {
 }  // namespace
 
 void add_diagram_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static DiagramOptions options;
   servers::Command command = line->command("diagram", "Draw what passed as a sequence diagram",
                                            [context] { draw(options, *context); });
   command.option("-f,--file", &options.flight.file,

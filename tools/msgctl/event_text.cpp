@@ -14,7 +14,6 @@ namespace {
 using flight::Kind;
 using servers::printable;
 using traffic::Event;
-using traffic::Message;
 using traffic::Model;
 
 constexpr size_t kMostHttpRequests = 1024;
@@ -52,8 +51,8 @@ std::string EventText::shown(const std::string &text) const {
   return printable(masked_ ? traffic::masked(text) : text);
 }
 
-Message EventText::without_personal_data(const Message &message) const {
-  Message copy = message;
+traffic::Message EventText::without_personal_data(const traffic::Message &message) const {
+  traffic::Message copy = message;
   if (masked_) traffic::mask_body(copy.body, copy.length > copy.body.size());
   return copy;
 }
@@ -67,7 +66,7 @@ std::string EventText::type(uint32_t type) const {
   return printable(catalogue_.describe(type));
 }
 
-std::string EventText::body(const Message &message) const {
+std::string EventText::body(const traffic::Message &message) const {
   return traffic::body_line(without_personal_data(message), catalogue_);
 }
 
@@ -82,7 +81,7 @@ std::optional<uint64_t> EventText::after_ns(const Event &event) const {
 }
 
 std::string EventText::message_text(const Event &event) const {
-  const Message &message = *event.message;
+  const traffic::Message &message = *event.message;
   std::string text = fmt::format("{} #{} = {}", type(message.type()), message.header.ulSeqNum,
                                  message.header.ulMsgData);
   if (message.length > 0) text += fmt::format(", {} B", message.length);
@@ -199,7 +198,7 @@ Json EventText::json(const Event &event, const Model &model) const {
     case Kind::kDescriptor:
       clients();
       if (event.message != nullptr) {
-        const Message &message = *event.message;
+        const traffic::Message &message = *event.message;
         json["type"] = message.type();
         const catalogue::MessageType *known = catalogue_.find(message.type());
         json["type_name"] = known == nullptr ? Json(nullptr) : Json(known->name);

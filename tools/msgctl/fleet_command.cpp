@@ -34,7 +34,7 @@ constexpr uint32_t kQuiet_ms = 500;
 constexpr uint16_t kInFlight = 1000;
 constexpr size_t kMostNamed = 10;
 
-struct Words {
+struct FleetWords {
   std::string action;
   std::vector<std::string> words;
   std::string broker;
@@ -65,7 +65,7 @@ std::string random_id() {
 // A connection to the broker.
 class Broker {
  public:
-  Broker(const Context &context, const Words &words) : id_(random_id()) {
+  Broker(const Context &context, const FleetWords &words) : id_(random_id()) {
     mosquitto_lib_init();
     const mqtt::Address address = address_of(words);
     const std::optional<mqtt::Credentials> credentials = credentials_of(words);
@@ -157,7 +157,7 @@ class Broker {
   void run(Deadline deadline, const std::function<bool()> &done) { run(deadline, address_, done); }
 
  private:
-  static mqtt::Address address_of(const Words &words) {
+  static mqtt::Address address_of(const FleetWords &words) {
     try {
       return mqtt::read_address(words.broker);
     } catch (const std::invalid_argument &error) {
@@ -165,7 +165,7 @@ class Broker {
     }
   }
 
-  static std::optional<mqtt::Credentials> credentials_of(const Words &words) {
+  static std::optional<mqtt::Credentials> credentials_of(const FleetWords &words) {
     if (words.credentials.empty()) return std::nullopt;
     try {
       return mqtt::read_credentials(words.credentials);
@@ -244,7 +244,7 @@ struct Statuses {
   bool complete;  // false: the broker was still sending at the deadline
 };
 
-Statuses statuses(Broker *broker, const Words &words, Deadline deadline) {
+Statuses statuses(Broker *broker, const FleetWords &words, Deadline deadline) {
   Statuses found;
   // A short time-out needs a shorter pause, or a silent broker would count as one that still sends.
   uint32_t pause_ms = kQuiet_ms;
@@ -271,7 +271,7 @@ Failure incomplete(const Context &context, const char *what) {
                       context.timeout_ms, what)};
 }
 
-void list(const Context &context, const Words &words) {
+void list(const Context &context, const FleetWords &words) {
   const Deadline deadline = in_ms(context.timeout_ms);
   Broker broker(context, words);
   const auto [found, complete] = statuses(&broker, words, deadline);
@@ -360,7 +360,7 @@ uint64_t number_in(const Json &object, const char *name) {
   return value.is_number_unsigned() ? value.get<uint64_t>() : 0;
 }
 
-void listen(Context *context, const Words &words) {
+void listen(Context *context, const FleetWords &words) {
   if (words.words.size() > 2) throw servers::UsageError("listen takes a module and an event");
   const auto level = [&words](size_t index) {
     return index < words.words.size() ? words.words[index] : std::string("+");
@@ -428,12 +428,12 @@ void listen(Context *context, const Words &words) {
 
 // ---- Requests ----
 
-struct Question {
+struct FleetQuestion {
   std::string below;  // the topic's levels behind the gateway
   std::string payload;
 };
 
-Question question_of(const Words &words) {
+FleetQuestion question_of(const FleetWords &words) {
   if (words.action == "get") {
     if (words.words.empty() || words.words.size() > 2 || !words.words[0].starts_with('/')) {
       throw servers::UsageError("get takes a path that begins with /, and a query");
@@ -454,14 +454,14 @@ Question question_of(const Words &words) {
   }
 }
 
-struct Answers {
+struct FleetAnswers {
   std::map<std::string, Clock::time_point> asked;
   std::set<std::string> missing;
   size_t errors = 0;
   traffic::Histogram times;
 };
 
-void take_answer(const Context &context, const Arrived &arrived, Answers *answers) {
+void take_answer(const Context &context, const Arrived &arrived, FleetAnswers *answers) {
   const auto asked = answers->asked.find(arrived.correlation);
   if (asked == answers->asked.end() || answers->missing.erase(arrived.correlation) == 0) return;
   const auto took_ns = static_cast<uint64_t>(
@@ -487,7 +487,7 @@ void take_answer(const Context &context, const Arrived &arrived, Answers *answer
                          text.empty() ? "" : " " + text));
 }
 
-void summarise(const Context &context, const Answers &answers) {
+void summarise(const Context &context, const FleetAnswers &answers) {
   const traffic::Histogram &times = answers.times;
   if (context.json) {
     Json missing = Json::array();
@@ -520,8 +520,8 @@ void summarise(const Context &context, const Answers &answers) {
   print_line(fmt::format("missing:{}{}", names, named > kMostNamed ? " ..." : ""));
 }
 
-void ask(Context *context, const Words &words) {
-  const Question question = question_of(words);
+void ask(Context *context, const FleetWords &words) {
+  const FleetQuestion question = question_of(words);
   Broker broker(*context, words);
   std::vector<std::string> gateways = words.gateways;
   bool complete = true;
@@ -537,7 +537,7 @@ void ask(Context *context, const Words &words) {
                   fmt::format("no gateway is online below '{}' (--prefix)", words.prefix));
   }
   const std::string answer_to = words.prefix + "/answers/" + broker.id();
-  Answers answers;
+  FleetAnswers answers;
   broker.on_arrival([&](const Arrived &arrived) {
     if (arrived.topic == answer_to) take_answer(*context, arrived, &answers);
   });
@@ -563,7 +563,7 @@ void ask(Context *context, const Words &words) {
   }
 }
 
-void fleet(Context *context, Words words) {
+void fleet(Context *context, FleetWords words) {
   words.tls.verify = !words.no_verify;
   if (words.broker.empty()) {
     throw servers::UsageError("name the fleet's broker: --broker mqtts://HOST");
@@ -587,7 +587,7 @@ void fleet(Context *context, Words words) {
 }  // namespace
 
 void add_fleet_command(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static FleetWords words;
   servers::Command command =
       line->command("fleet", "Look at many gateways through their broker, and ask them",
                     [context] { fleet(context, words); });

@@ -22,7 +22,7 @@ using traffic::Histogram;
 constexpr size_t kMostRows = 1000;
 constexpr const char *kOthers = "(others)";
 
-struct Options {
+struct LatencyOptions {
   FlightOptions flight;
   std::string by = "type";
 };
@@ -77,7 +77,7 @@ void draw(const char *word, const Histogram &histogram) {
   }
 }
 
-void latency(const Options &options, Context *context) {
+void latency(const LatencyOptions &options, Context *context) {
   const traffic::Filter filter = make_filter(options.flight, *context);
   const bool by_pair = options.by == "pair";
   const EventText text(context->catalogue, true);
@@ -154,7 +154,7 @@ void latency(const Options &options, Context *context) {
 }  // namespace
 
 void add_latency_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static LatencyOptions options;
   servers::Command command =
       line->command("latency", "Say how long messages wait and how long their answers take",
                     [context] { latency(options, context); });

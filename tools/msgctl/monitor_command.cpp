@@ -14,7 +14,7 @@ namespace {
 
 using traffic::Event;
 
-struct Options {
+struct MonitorOptions {
   FlightOptions flight;
   uint32_t lines = UINT32_MAX;
   bool history_only = false;
@@ -26,7 +26,7 @@ bool said_elsewhere(const Event &event) {
   return event.kind() == flight::Kind::kDelivered || event.kind() == flight::Kind::kClock;
 }
 
-void monitor(const Options &options, Context *context) {
+void monitor(const MonitorOptions &options, Context *context) {
   const traffic::Filter filter = make_filter(options.flight, *context);
   const bool all = options.all || filter.names_kind();
   EventText text(context->catalogue, !options.flight.no_mask);
@@ -80,7 +80,7 @@ void monitor(const Options &options, Context *context) {
 }  // namespace
 
 void add_monitor_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static MonitorOptions options;
   servers::Command command =
       line->command("monitor", "Show what passed on the bus, and what passes",
                     [context] { monitor(options, context); });

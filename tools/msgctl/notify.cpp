@@ -22,7 +22,7 @@
 namespace msgctl {
 namespace {
 
-struct Words {
+struct NotifyWords {
   std::string action;
   std::vector<std::string> words;
   std::string from = "109";
@@ -70,7 +70,7 @@ void print_modules(const Context &context) {
 
 class Client {
  public:
-  explicit Client(const Words &words) {
+  explicit Client(const NotifyWords &words) {
     const std::string path = std::string(ORP_NOTIFYCLT_DIRECTORY) + "/" + ORP_NOTIFYCLT_SERVER_NAME;
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
@@ -86,16 +86,16 @@ class Client {
   Client &operator=(const Client &) = delete;
 };
 
-std::string argument_at(const Words &words, size_t index) {
+std::string argument_at(const NotifyWords &words, size_t index) {
   return index < words.words.size() ? words.words[index] : std::string();
 }
 
-std::string bytes_at(const Words &words, size_t index) {
+std::string bytes_at(const NotifyWords &words, size_t index) {
   const std::string word = argument_at(words, index);
   return word.empty() ? std::string() : make_body({word, {}, 0});
 }
 
-void request(const Context &context, const Words &words) {
+void request(const Context &context, const NotifyWords &words) {
   const uint32_t to = module_number(argument_at(words, 0));
   const uint32_t type = number(argument_at(words, 1), "message type");
   const std::string body = bytes_at(words, 2);
@@ -135,7 +135,7 @@ void request(const Context &context, const Words &words) {
   }
 }
 
-void notify(const Context &context, const Words &words) {
+void notify(const Context &context, const NotifyWords &words) {
   const uint32_t to = module_number(argument_at(words, 0));
   const uint32_t type = number(argument_at(words, 1), "message type");
   const std::string first = bytes_at(words, 2);
@@ -152,7 +152,7 @@ void notify(const Context &context, const Words &words) {
   if (context.json) print_json({{"to", to}, {"type", type}});
 }
 
-void run(const Context &context, const Words &words) {
+void run(const Context &context, const NotifyWords &words) {
   if (words.action == "modules") return print_modules(context);
   if (words.action != "request" && words.action != "send") {
     throw servers::UsageError("'" + words.action + "' is not 'modules', 'request' or 'send'");
@@ -168,7 +168,7 @@ void run(const Context &context, const Words &words) {
 }  // namespace
 
 void add_notify_command(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static NotifyWords words;
   servers::Command command = line->command("notify", "Ask or notify a module of the notify server",
                                            [context] { run(*context, words); });
   add_common_options(&command, context);

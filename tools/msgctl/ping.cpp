@@ -15,7 +15,7 @@
 namespace msgctl {
 namespace {
 
-struct Words {
+struct PingWords {
   std::string name{kServerWord};
   std::string type;
   uint32_t count = 1000;
@@ -53,7 +53,7 @@ Message round_trip(Bus *bus, const std::string &to, uint32_t type, const std::st
   }
 }
 
-void ping(const Context &context, const Words &words) {
+void ping(const Context &context, const PingWords &words) {
   const std::string to = receiver_name(words.name);
   if (!to.empty() && words.type.empty()) {
     throw servers::UsageError("no message is answered by every application: name a type that '" +
@@ -108,7 +108,7 @@ void ping(const Context &context, const Words &words) {
 }  // namespace
 
 void add_ping_command(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static PingWords words;
   servers::Command command =
       line->command("ping", "Measure round trips to the server or an application",
                     [context] { ping(*context, words); });

@@ -34,7 +34,7 @@ using policy::Who;
 using servers::printable;
 using servers::UsageError;
 
-struct Words {
+struct PolicyWords {
   std::string action;
   std::vector<std::string> rest;
   std::string file = policy::kDefaultFile;
@@ -70,7 +70,7 @@ void add_groups_of(const passwd &user, std::vector<gid_t> *groups) {
 }
 
 // The client that the options describe, or else the calling user.
-Who who_of(const Words &words) {
+Who who_of(const PolicyWords &words) {
   Who who;
   who.board = words.board;
   if (!words.board.empty()) {
@@ -96,7 +96,7 @@ Who who_of(const Words &words) {
   return who;
 }
 
-Policy load(const std::string &file, const Words &words, const Context &context) {
+Policy load(const std::string &file, const PolicyWords &words, const Context &context) {
   const gid_t group = group_of(words.server_group);
   if (file == policy::kDefaultFile && ::access(file.c_str(), F_OK) != 0) return Policy(group);
   try {
@@ -107,7 +107,7 @@ Policy load(const std::string &file, const Words &words, const Context &context)
   }
 }
 
-void check(const Words &words, const Context &context) {
+void check(const PolicyWords &words, const Context &context) {
   if (words.rest.size() > 1) throw UsageError("check takes one file");
   const std::string file = words.rest.empty() ? words.file : words.rest.front();
   const Policy policy = load(file, words, context);
@@ -181,7 +181,7 @@ Question question_of(const std::vector<std::string> &words, const Context &conte
   return question;
 }
 
-void test(const Words &words, Context *context) {
+void test(const PolicyWords &words, Context *context) {
   const Question question = question_of(words.rest, *context);
   const Who who = who_of(words);
   const Policy policy = load(words.file, words, *context);
@@ -388,7 +388,7 @@ class Lesson {
   std::map<std::string, std::set<std::string>> http_;
 };
 
-void learn(const Words &words, const Context &context) {
+void learn(const PolicyWords &words, const Context &context) {
   if (!words.rest.empty()) throw UsageError("learn takes no words; --file names the flight file");
   Source source(words.flight.file);
   Lesson lesson(context);
@@ -407,7 +407,7 @@ void learn(const Words &words, const Context &context) {
   print_line("  ]\n}");
 }
 
-void run(const Words &words, Context *context) {
+void run(const PolicyWords &words, Context *context) {
   if (words.action == "check") return check(words, *context);
   if (words.action == "test") return test(words, context);
   if (words.action == "learn") return learn(words, *context);
@@ -417,7 +417,7 @@ void run(const Words &words, Context *context) {
 }  // namespace
 
 void add_policy_command(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static PolicyWords words;
   servers::Command command =
       line->command("policy", "Check, ask or begin a policy of the message server",
                     [context] { run(words, context); });

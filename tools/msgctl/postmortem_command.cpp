@@ -15,11 +15,9 @@
 namespace msgctl {
 namespace {
 
-using traffic::Client;
 using traffic::Event;
-using traffic::Message;
 
-struct Options {
+struct PostmortemOptions {
   FlightOptions flight;
   uint32_t seconds = 1;
 };
@@ -40,7 +38,7 @@ struct TimedLine {
   Line line;
 };
 
-void postmortem(const Options &options, Context *context) {
+void postmortem(const PostmortemOptions &options, Context *context) {
   FlightOptions flight = options.flight;
   flight.file = dead_file(flight.file);
   const traffic::Filter filter = make_filter(flight, *context);
@@ -48,7 +46,7 @@ void postmortem(const Options &options, Context *context) {
   EventText text(context->catalogue, !options.flight.no_mask);
   const uint64_t stretch_ns = options.seconds * uint64_t{1'000'000'000};
   std::deque<TimedLine> last;
-  std::map<uint64_t, Message> queued;  // by number
+  std::map<uint64_t, traffic::Message> queued;  // by number
 
   const auto take = [&](const Event &event) {
     text.take(event);
@@ -147,7 +145,7 @@ void postmortem(const Options &options, Context *context) {
 }  // namespace
 
 void add_postmortem_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static PostmortemOptions options;
   servers::Command command =
       line->command("postmortem", "Show what a server that is gone was doing at its end",
                     [context] { postmortem(options, context); });

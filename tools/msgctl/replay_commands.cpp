@@ -25,7 +25,7 @@ namespace {
 
 using servers::printable;
 
-struct Options {
+struct ReplayOptions {
   std::string file;
   std::string to;
   std::string of;
@@ -85,7 +85,7 @@ std::string contents_of(const std::string &path) {
 }
 
 // Times in the filter refer to the capture's last packet.
-traffic::Filter filter_of(const Options &options, const std::string &bytes,
+traffic::Filter filter_of(const ReplayOptions &options, const std::string &bytes,
                           const catalogue::Catalogue &catalogue) {
   const std::string text = fmt::format("{}", fmt::join(options.filter, " "));
   uint64_t last_ns = 0;
@@ -106,7 +106,7 @@ class Loader {
   Loader(const std::string &path, const std::string &name) : path_(path), name_(name) {}
 
   // Throws when bodies are missing or masked.
-  Capture load(const Options &options, const catalogue::Catalogue &catalogue) {
+  Capture load(const ReplayOptions &options, const catalogue::Catalogue &catalogue) {
     const std::string bytes = contents_of(path_);
     try {
       const traffic::Filter filter = filter_of(options, bytes, catalogue);
@@ -279,7 +279,7 @@ class Player {
   uint64_t undelivered_ = 0;
 };
 
-void replay(const Options &options, Context *context) {
+void replay(const ReplayOptions &options, Context *context) {
   refuse_other_buses(options.live);
   const double speed = speed_of(options.speed);
   const std::string of = options.of.empty() ? options.to : options.of;
@@ -316,7 +316,7 @@ void replay(const Options &options, Context *context) {
 }
 
 // The recorded answers to the requests of one type.
-struct Answers {
+struct RecordedAnswers {
   struct Pair {
     const Recorded *request;
     const Recorded *answer;
@@ -340,13 +340,13 @@ struct Answers {
   }
 };
 
-void mock(const Options &options, Context *context) {
+void mock(const ReplayOptions &options, Context *context) {
   refuse_other_buses(options.live);
   if (context->as.empty()) throw servers::UsageError("mock: --as NAME is missing");
   const std::string of = options.of.empty() ? context->as : options.of;
   const Capture capture = Loader(options.file, of).load(options, context->catalogue);
   std::map<Id, const Recorded *> requests;
-  std::map<uint32_t, Answers> answers;
+  std::map<uint32_t, RecordedAnswers> answers;
   for (const Recorded &message : capture.messages) {
     if (message.to == of) requests[message.id] = &message;
     if (!message.answers) continue;
@@ -396,7 +396,7 @@ void mock(const Options &options, Context *context) {
 }  // namespace
 
 void add_replay_commands(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static ReplayOptions options;
   const auto common = [context](servers::Command *command) {
     add_common_options(command, context);
     command->option("--of", &options.of, "Whose messages of the capture, if not those of NAME");

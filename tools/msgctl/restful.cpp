@@ -33,7 +33,7 @@ constexpr Method kMethods[] = {{"get", 0, "Ask for a resource"},
                                {"patch", 4, "Change a resource"},
                                {"delete", 3, "Delete a resource"}};
 
-struct Words {
+struct RestfulWords {
   std::string path;
   std::string body;
   bool raw = false;
@@ -106,7 +106,7 @@ void print_text(std::string_view text) {
   }
 }
 
-void request(const Context &context, const Method &method, Words words) {
+void request(const Context &context, const Method &method, RestfulWords words) {
   std::string text = words.body.empty() ? "" : body_text(words.body);
   if (const size_t mark = words.path.find('?'); mark != std::string::npos) {
     if (text.empty()) text = words.path.substr(mark + 1);
@@ -166,7 +166,7 @@ void request(const Context &context, const Method &method, Words words) {
 }  // namespace
 
 void add_restful_commands(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static RestfulWords words;
   for (const Method &method : kMethods) {
     servers::Command command = line->command(
         method.word, method.help, [context, &method] { request(*context, method, words); });

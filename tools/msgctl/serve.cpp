@@ -18,7 +18,7 @@ namespace {
 // The longest body that the library of a receiver hands to its procedures.
 constexpr size_t kMostOutput = ORP_MSG_MAX_DISPATCHED_BODY;
 
-struct Words {
+struct ServeWords {
   std::string type;
   std::vector<std::string> arguments;
   std::string program;
@@ -29,13 +29,13 @@ struct Words {
   bool quiet = false;
 };
 
-struct Answer {
+struct FixedAnswer {
   uint32_t data;
   std::string body;
 };
 
-std::optional<Answer> run(const Context &context, const Words &words,
-                          const ORP_MSG_HEADER_ST &request) {
+std::optional<FixedAnswer> run(const Context &context, const ServeWords &words,
+                               const ORP_MSG_HEADER_ST &request) {
   std::vector<std::string> arguments{words.program};
   arguments.insert(arguments.end(), words.arguments.begin(), words.arguments.end());
   const uint32_t type = request.ulMsgType & ORP_MSG_TYPE_MASK;
@@ -59,7 +59,7 @@ std::optional<Answer> run(const Context &context, const Words &words,
   }
   const uint32_t data = words.answer.empty() ? static_cast<uint32_t>(result.status)
                                              : number(words.answer, "data word");
-  return Answer{data, result.output};
+  return FixedAnswer{data, result.output};
 }
 
 void print_request(const Context &context, const ORP_MSG_HEADER_ST &request) {
@@ -74,7 +74,7 @@ void print_request(const Context &context, const ORP_MSG_HEADER_ST &request) {
                          body.empty() ? "" : " ", body));
 }
 
-void serve(const Context &context, const Words &words) {
+void serve(const Context &context, const ServeWords &words) {
   const uint32_t type = type_number(context, words.type);
   if (words.program.empty() && !words.arguments.empty()) {
     throw servers::UsageError("'" + words.arguments[0] +
@@ -92,7 +92,7 @@ void serve(const Context &context, const Words &words) {
     throw servers::UsageError("the program's output is the body: --body does not go with --exec");
   }
   const catalogue::MessageType *known = context.catalogue.find(type);
-  Answer fixed{
+  FixedAnswer fixed{
       words.answer.empty() ? 0 : number(words.answer, "data word"),
       make_body(words.body, known != nullptr && known->answer ? &*known->answer : nullptr)};
 
@@ -115,8 +115,8 @@ void serve(const Context &context, const Words &words) {
     }
     if (!words.quiet) print_request(context, *request);
     ++served;
-    std::optional<Answer> answer = fixed;
-    if (words.echo) answer = Answer{request->ulMsgData, std::string(body_of(*request))};
+    std::optional<FixedAnswer> answer = fixed;
+    if (words.echo) answer = FixedAnswer{request->ulMsgData, std::string(body_of(*request))};
     if (!words.program.empty()) answer = run(context, words, *request);
     if (answer) {
       bus.send(sender_of(*request), type, answer->data, answer->body, request->ulSeqNum);
@@ -127,7 +127,7 @@ void serve(const Context &context, const Words &words) {
 }  // namespace
 
 void add_serve_command(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static ServeWords words;
   servers::Command command = line->command("serve", "Answer requests of a type, as a stand-in",
                                            [context] { serve(*context, words); });
   add_common_options(&command, context);

@@ -15,7 +15,7 @@
 namespace msgctl {
 namespace {
 
-struct Words {
+struct ServerWords {
   std::string name;
   std::string action;
   bool watch = false;
@@ -29,7 +29,7 @@ std::string application(const std::string &name) {
   return application;
 }
 
-void count(const Context &context, const Words &words) {
+void count(const Context &context, const ServerWords &words) {
   const std::string name = application(words.name);
   const Deadline deadline = in_ms(context.timeout_ms);
   Bus bus(context, Bus::Purpose::kIsAnswered, deadline);
@@ -43,7 +43,7 @@ void count(const Context &context, const Words &words) {
 
 // Like ORP_MSG_SafeExitProcesses: asks the oldest client of the name and waits for its answer, then
 // has the server ask all of them.
-void ask_to_exit(const Context &context, const Words &words) {
+void ask_to_exit(const Context &context, const ServerWords &words) {
   const std::string name = application(words.name);
   const Deadline deadline = in_ms(context.timeout_ms);
   Bus bus(context, Bus::Purpose::kIsAnswered, deadline);
@@ -66,7 +66,7 @@ void ask_to_exit(const Context &context, const Words &words) {
   if (context.json) print_json({{"name", name}, {"exits", true}});
 }
 
-void sync(const Context &context, const Words &words) {
+void sync(const Context &context, const ServerWords &words) {
   if (words.name.empty() || words.name.size() > 255) {
     throw servers::UsageError("the name of a synchronisation point has 1 to 255 characters");
   }
@@ -92,7 +92,7 @@ void sync(const Context &context, const Words &words) {
   if (context.json) print_json({{"point", words.name}, {"done", words.action}});
 }
 
-void disconnect(const Context &context, const Words &words) {
+void disconnect(const Context &context, const ServerWords &words) {
   const Admin admin(context);
   for (const Json &client : clients_named(admin, words.name)) {
     admin.remove(fmt::format("/v1/clients/{}", count_at(client, "id")));
@@ -168,7 +168,7 @@ void print_stats(const Context &context, const Json &stats) {
   print_culprits(stats);
 }
 
-void stats(const Context &context, const Words &words) {
+void stats(const Context &context, const ServerWords &words) {
   const Admin admin(context);
   for (;;) {
     print_stats(context, admin.get("/v1/stats"));
@@ -181,7 +181,7 @@ void stats(const Context &context, const Words &words) {
 }  // namespace
 
 void add_server_commands(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static ServerWords words;
   const auto with_name = [&](servers::Command command, const char *label, const char *help) {
     add_common_options(&command, context);
     command.argument(label, &words.name, help, servers::Presence::kRequired);

@@ -25,7 +25,7 @@ namespace {
 using traffic::ClientId;
 using traffic::Event;
 
-struct Options {
+struct TopOptions {
   FlightOptions flight;
   uint32_t interval_s = 2;
   bool once = false;
@@ -36,7 +36,7 @@ struct Load {
   uint64_t bytes = 0;
 };
 
-struct Answer {
+struct AnswerTimes {
   uint64_t count = 0;
   uint64_t longest_ns = 0;
 };
@@ -64,7 +64,7 @@ class Activity {
         add(&pairs_[{record.from, record.to}], bytes);
         if (record.to != 0) ++queues_[record.to].waiting;
         if (const auto handler = traffic::spans_of(event).handler_ns) {
-          Answer &answer = answers_[{event.message->type(), record.from}];
+          AnswerTimes &answer = answers_[{event.message->type(), record.from}];
           ++answer.count;
           answer.longest_ns = std::max(answer.longest_ns, *handler);
         }
@@ -134,7 +134,9 @@ class Activity {
   static bool busier(const Load &a, const Load &b) {
     return std::tie(a.messages, a.bytes) < std::tie(b.messages, b.bytes);
   }
-  static bool slower(const Answer &a, const Answer &b) { return a.longest_ns < b.longest_ns; }
+  static bool slower(const AnswerTimes &a, const AnswerTimes &b) {
+    return a.longest_ns < b.longest_ns;
+  }
   static bool deeper(const Queue &a, const Queue &b) {
     return std::tie(a.bytes, a.waiting) < std::tie(b.bytes, b.waiting);
   }
@@ -144,7 +146,7 @@ class Activity {
   uint64_t lost_ = 0;
   std::map<uint32_t, Load> types_;
   std::map<std::pair<ClientId, ClientId>, Load> pairs_;
-  std::map<std::pair<uint32_t, ClientId>, Answer> answers_;  // by type and who answered
+  std::map<std::pair<uint32_t, ClientId>, AnswerTimes> answers_;  // by type and who answered
   std::map<ClientId, Queue> queues_;
 };
 
@@ -280,7 +282,7 @@ size_t rows_that_fit() {
   return lines < kOther + 8 ? 2 : (lines - kOther) / 4;
 }
 
-void top(const Options &options, Context *context) {
+void top(const TopOptions &options, Context *context) {
   const traffic::Filter filter = make_filter(options.flight, *context);
   const EventText text(context->catalogue, true);
   Source source(options.flight.file);
@@ -337,7 +339,7 @@ void top(const Options &options, Context *context) {
 }  // namespace
 
 void add_top_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static TopOptions options;
   servers::Command command =
       line->command("top", "Show the busiest types and pairs, slow answers and deep queues",
                     [context] { top(options, context); });

@@ -18,7 +18,7 @@ namespace {
 // The server does not tell when somebody comes or goes, so it is asked again and again.
 constexpr uint32_t kLook_ms = 50;
 
-struct Words {
+struct WaitWords {
   std::string name;
   std::string gone;
   std::string event;
@@ -70,7 +70,7 @@ void wait_for_application(const Context &context, const std::string &name, bool 
                             there ? "is not there" : "is still there", context.timeout_ms));
 }
 
-void wait(const Context &context, const Words &words) {
+void wait(const Context &context, const WaitWords &words) {
   const int given = static_cast<int>(!words.name.empty()) + static_cast<int>(!words.gone.empty()) +
                     static_cast<int>(!words.event.empty());
   if (given != 1)
@@ -84,7 +84,7 @@ void wait(const Context &context, const Words &words) {
 }  // namespace
 
 void add_wait_command(servers::CommandLine *line, Context *context) {
-  static Words words;
+  static WaitWords words;
   servers::Command command =
       line->command("wait", "Wait until an application is there or gone, or for an event",
                     [context] { wait(*context, words); });

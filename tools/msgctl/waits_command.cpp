@@ -12,12 +12,12 @@ namespace {
 using traffic::Event;
 using traffic::Wait;
 
-struct Options {
+struct WaitsOptions {
   FlightOptions flight;
   uint32_t watch_s = 0;  // 0: look once
 };
 
-void report(const Options &options, const Context &context, const Source &source,
+void report(const WaitsOptions &options, const Context &context, const Source &source,
             const std::vector<Wait> &waits, const std::vector<Deadlock> &stuck) {
   const EventText text(context.catalogue, true);
   if (context.json) {
@@ -37,7 +37,7 @@ void report(const Options &options, const Context &context, const Source &source
   if (waits.empty()) print_line("nobody waits for an answer");
 }
 
-void waits(const Options &options, Context *context) {
+void waits(const WaitsOptions &options, Context *context) {
   const traffic::Filter filter = make_filter(options.flight, *context);
   Source source(options.flight.file);
   if (options.watch_s != 0 && !source.follows()) {
@@ -71,7 +71,7 @@ void waits(const Options &options, Context *context) {
 }  // namespace
 
 void add_waits_command(servers::CommandLine *line, Context *context) {
-  static Options options;
+  static WaitsOptions options;
   servers::Command command =
       line->command("waits", "Show who waits for whose answer, and who waits in a circle",
                     [context] { waits(options, context); });

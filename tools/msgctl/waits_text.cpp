@@ -12,7 +12,6 @@ namespace msgctl {
 namespace {
 
 using traffic::ClientId;
-using traffic::Message;
 using traffic::Wait;
 
 // Deeper trees are cut: they would only take room.
@@ -55,7 +54,7 @@ Waiting waiting(const Source &source, const traffic::Model::Known &answered,
   Waiting wanted;
   std::set<uint64_t> numbers;
   for (const Wait &wait : all) {
-    const Message &request = *wait.request;
+    const traffic::Message &request = *wait.request;
     if (!filter.matches(request, source.wall_ns(request.accepted_ns), source.model())) continue;
     wanted.waits.push_back(wait);
     numbers.insert(request.number);
@@ -107,7 +106,7 @@ std::vector<std::string> waits_lines(const std::vector<Wait> &waits, const Sourc
     if (own == by_client.end() || depth > kMostDepth) return;
     for (const Wait *wait : own->second) {
       if (!printed.insert(wait).second) continue;
-      const Message &request = *wait->request;
+      const traffic::Message &request = *wait->request;
       lines.push_back(fmt::format("{}{} waits for {}: {} #{}, since {} ({}){}",
                                   std::string(2 * depth, ' '), label(source.model(), request.from),
                                   label(source.model(), request.to), text.type(request.type()),
@@ -129,7 +128,7 @@ std::vector<std::string> waits_lines(const std::vector<Wait> &waits, const Sourc
 }
 
 Json wait_json(const Wait &wait, const Source &source, const EventText &text) {
-  const Message &request = *wait.request;
+  const traffic::Message &request = *wait.request;
   return {{"from", source.model().label(request.from)},
           {"to", source.model().label(request.to)},
           {"type", request.type()},

@@ -18,13 +18,13 @@ constexpr std::string_view kBlanks = " \t";
 
 // Where each character of a text begins, and then the text's end. In the text of a JSON string an
 // escape sequence (RFC 8259, 7) is one character.
-enum class Form { kPlain, kJson };
-std::vector<size_t> characters(std::string_view text, Form form) {
+enum class Spelling { kPlain, kJson };
+std::vector<size_t> characters(std::string_view text, Spelling form) {
   constexpr size_t kEscape = 2, kUnicodeEscape = 6;
   std::vector<size_t> begins;
   for (size_t at = 0; at < text.size();) {
     begins.push_back(at);
-    if (form == Form::kJson && text[at] == '\\') {
+    if (form == Spelling::kJson && text[at] == '\\') {
       at += at + 1 < text.size() && text[at + 1] == 'u' ? kUnicodeEscape : kEscape;
       continue;
     }
@@ -36,7 +36,7 @@ std::vector<size_t> characters(std::string_view text, Form form) {
 }
 
 // Writes one * for each byte. Personal values keep their first and last character.
-void hide(std::span<char> value, Care care, Form form = Form::kPlain) {
+void hide(std::span<char> value, Care care, Spelling form = Spelling::kPlain) {
   if (care == Care::kNone) return;
   while (!value.empty() && value.back() == '\0') value = value.first(value.size() - 1);
   if (care == Care::kPersonal) {
@@ -111,7 +111,7 @@ bool is_of_word(char c) {
 // characters need not come out right.
 std::string unescaped(std::string_view text) {
   constexpr size_t kUnicodeEscape = 6;
-  const std::vector<size_t> begins = characters(text, Form::kJson);
+  const std::vector<size_t> begins = characters(text, Spelling::kJson);
   std::string plain;
   for (size_t i = 0; i + 1 < begins.size(); ++i) {
     const std::string_view one = text.substr(begins[i], begins[i + 1] - begins[i]);
@@ -180,11 +180,11 @@ void hide_string(std::span<char> string, Care care, int depth) {
   const std::string_view text(string.data(), string.size());
   if (care == Care::kNone && text.find_first_of("\\=\"") == text.npos) return;
   if (care != Care::kNone || depth > kDeepest) {
-    hide(string, std::max(care, depth > kDeepest ? Care::kSecret : Care::kNone), Form::kJson);
+    hide(string, std::max(care, depth > kDeepest ? Care::kSecret : Care::kNone), Spelling::kJson);
     return;
   }
   const std::string plain = unescaped(text);
-  const std::vector<size_t> begins = characters(text, Form::kJson);
+  const std::vector<size_t> begins = characters(text, Spelling::kJson);
   std::string hidden = plain;
   hide_members(hidden, depth + 1);
   for (size_t i = 0; i < plain.size(); ++i) {

@@ -15,15 +15,15 @@
 namespace msgapi::time {
 namespace {
 
-constexpr size_t kTextSize = 64;
-char g_utc_text[kTextSize];
-char g_local_text[kTextSize];
+constexpr size_t kNowSize = 64;
+char g_utc_text[kNowSize];
+char g_local_text[kNowSize];
 
 // gcc wants every strftime format at the call itself; these are the literals below.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 // Empty when there is no time, it cannot be broken down or the text does not fit.
-const char *format_now(std::span<char, kTextSize> out, tm *(*break_down)(const time_t *, tm *),
+const char *format_now(std::span<char, kNowSize> out, tm *(*break_down)(const time_t *, tm *),
                        const char *format) {
   out[0] = '\0';
   const time_t now = ::time(nullptr);

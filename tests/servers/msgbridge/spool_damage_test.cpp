@@ -14,6 +14,7 @@
 #include <string>
 
 #include "msgbridge/spool.h"
+#include "servers/msgbridge/spool_support.h"
 
 namespace {
 
@@ -24,23 +25,14 @@ using msgbridge::Loss;
 using msgbridge::Reason;
 using msgbridge::Spool;
 using msgbridge::SpoolOptions;
+using test::g_now;
+using test::now;
 using testing::HasSubstr;
 
-const std::string kPath = "/var/damaged/spool.db";
+const std::string kDamagedPath = "/var/damaged/spool.db";
 
-Spool::Now g_now{"boot-1", 1'000'000, 1'800'000'000'000};
-
-Spool::Now now() {
-  return g_now;
-}
-
-SpoolOptions options() {
-  SpoolOptions options;
-  options.path = kPath;
-  options.age_s = 100;
-  options.sync = false;
-  options.reserve = false;
-  return options;
+SpoolOptions damaged_options() {
+  return test::spool_options(kDamagedPath, SpoolOptions().bytes);
 }
 
 // More than the database keeps in memory.
@@ -54,7 +46,7 @@ void add(Spool *spool, int count) {
 // Damages all pages of the file and of its log except the first.
 void damage() {
   for (const char *part : {"", "-wal"}) {
-    const int fd = ::open((kPath + part).c_str(), O_WRONLY);
+    const int fd = ::open((kDamagedPath + part).c_str(), O_WRONLY);
     struct stat status {};
     ASSERT_TRUE(fd >= 0 && ::fstat(fd, &status) == 0);
     const std::string garbage(4096, '\x7f');
@@ -87,7 +79,7 @@ size_t open_files() {
 }
 
 TEST(SpoolDamage, IsNoticedWhileReadingAndWhatIsLostIsCounted) {
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   const std::string stream = spool.stream();
   add(&spool, 600);
   for (uint64_t i = 1; i <= 5; ++i) {
@@ -115,11 +107,11 @@ TEST(SpoolDamage, IsNoticedWhileReadingAndWhatIsLostIsCounted) {
   EXPECT_TRUE(heard.events.contains(601) && heard.events.contains(602));
   EXPECT_EQ(596u, spool.given_up());
   EXPECT_EQ(2u, spool.waiting());
-  EXPECT_TRUE(fs::exists(kPath + ".damaged"));
+  EXPECT_TRUE(fs::exists(kDamagedPath + ".damaged"));
 }
 
 TEST(SpoolDamage, IsNoticedWhileWritingAndNothingNewIsLost) {
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   add(&spool, 600);
   const size_t files = open_files();
   for (uint32_t round = 1; round <= 5; ++round) {
@@ -146,34 +138,34 @@ TEST(SpoolDamage, IsNoticedWhileWritingAndNothingNewIsLost) {
 // What another program does with the file.
 int done_by_another(const char *sql) {
   sqlite3 *database = nullptr;
-  int result = sqlite3_open(kPath.c_str(), &database);
+  int result = sqlite3_open(kDamagedPath.c_str(), &database);
   if (result == SQLITE_OK) result = sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
   sqlite3_close(database);
   return result;
 }
 
 TEST(SpoolDamage, AFileWithoutItsTablesIsDamagedAndAnotherProgramsIsNot) {
-  { Spool spool(options(), now); }
+  { Spool spool(damaged_options(), now); }
   ASSERT_EQ(SQLITE_OK, done_by_another("DROP TABLE lost"));
   {
-    Spool spool(options(), now);
+    Spool spool(damaged_options(), now);
     EXPECT_THAT(spool.problem(), HasSubstr("damaged"));
     add(&spool, 1);
   }
   fs::remove_all("/var/damaged");
   fs::create_directory("/var/damaged");
   ASSERT_EQ(SQLITE_OK, done_by_another("CREATE TABLE theirs(a)"));
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   EXPECT_THAT(spool.problem(), HasSubstr("another program"));
   EXPECT_FALSE(spool.commit());
   EXPECT_EQ(SQLITE_OK, done_by_another("SELECT * FROM theirs"));
 }
 
 TEST(SpoolAtRest, WritesNothing) {
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   add(&spool, 3);
-  const auto size = [] { return fs::file_size(kPath + "-wal"); };
-  const auto time = [] { return fs::last_write_time(kPath + "-wal"); };
+  const auto size = [] { return fs::file_size(kDamagedPath + "-wal"); };
+  const auto time = [] { return fs::last_write_time(kDamagedPath + "-wal"); };
   const auto size_before = size();
   const auto time_before = time();
   for (int i = 0; i < 3; ++i) {
@@ -188,7 +180,7 @@ TEST(SpoolAtRest, WritesNothing) {
 }
 
 TEST(SpoolLosses, AreToldOnceAndInOrder) {
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   Heard heard;
   uint64_t refused = 0;
   for (int round = 0; round < 2000; ++round) {

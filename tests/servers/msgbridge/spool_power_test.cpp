@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "msgbridge/spool.h"
+#include "servers/msgbridge/spool_support.h"
 #include "support/soak.h"
 
 namespace {
@@ -31,17 +32,13 @@ using msgbridge::Item;
 using msgbridge::Loss;
 using msgbridge::Spool;
 using msgbridge::SpoolOptions;
+using test::g_now;
+using test::now;
 
 const std::string kDirectory = "/var/spool_power";
-const std::string kPath = kDirectory + "/spool.db";
+const std::string kSpoolPath = kDirectory + "/spool.db";
 // Disks write whole sectors. Of a longer write, some sectors may be there and others not.
 constexpr size_t kSector = 512;
-
-Spool::Now g_now{"boot-1", 1'000'000, 1'800'000'000'000};
-
-Spool::Now now() {
-  return g_now;
-}
 
 // What the disk certainly has of a file, and what has been written to the file since.
 struct Image {
@@ -192,13 +189,9 @@ void put_disk_below_the_database() {
 
 // ---- What must be left -------------------------------------------------------------------------
 
-SpoolOptions options(bool sync) {
-  SpoolOptions options;
-  options.path = kPath;
-  options.bytes = 64 << 10;
-  options.age_s = 100;
+SpoolOptions options_with(bool sync) {
+  SpoolOptions options = test::spool_options(kSpoolPath, 64 << 10);
   options.sync = sync;
-  options.reserve = false;
   return options;
 }
 
@@ -239,7 +232,7 @@ TEST_P(SpoolWithoutPower, HasEverythingThatWasSynced) {
   for (uint32_t failure = 0; failure < 40 * test::soak_factor(); ++failure) {
     std::map<std::string, std::string> files;
     {
-      Spool spool(options(sync), now);
+      Spool spool(options_with(sync), now);
       ASSERT_EQ("", spool.problem()) << failure;
       if (!sync) promised = spool.last_sequence();
       ASSERT_LE(promised, spool.last_sequence()) << failure;

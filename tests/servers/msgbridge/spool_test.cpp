@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "servers/msgbridge/spool_support.h"
 #include "support/soak.h"
 
 namespace {
@@ -27,24 +28,14 @@ using msgbridge::Loss;
 using msgbridge::Reason;
 using msgbridge::Spool;
 using msgbridge::SpoolOptions;
+using test::g_now;
+using test::now;
 using testing::ElementsAre;
 
 constexpr const char *kPath = "/var/spool_test/spool.db";
 
-Spool::Now g_now{"boot-1", 1'000'000, 1'800'000'000'000};
-
-Spool::Now now() {
-  return g_now;
-}
-
 SpoolOptions options(uint64_t bytes = 1 << 20) {
-  SpoolOptions options;
-  options.path = kPath;
-  options.bytes = bytes;
-  options.age_s = 100;
-  options.sync = false;
-  options.reserve = false;
-  return options;
+  return test::spool_options(kPath, bytes);
 }
 
 void add(Spool *spool, const std::string &payload) {

@@ -26,14 +26,15 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-const catalogue::Catalogue &types() {
+const catalogue::Catalogue &known_types() {
   static const auto *types = new catalogue::Catalogue;
   return *types;
 }
 
 Config config_of(const std::string &members) {
   return msgbridge::read_config(
-      R"({"broker": {"addresses": ["mqtt://broker"]}, "gateway": "me", )" + members + "}", types());
+      R"({"broker": {"addresses": ["mqtt://broker"]}, "gateway": "me", )" + members + "}",
+      known_types());
 }
 
 Upward upward_of(const std::string &rules) {
@@ -142,7 +143,7 @@ constexpr const char *kBase = "gw/me";
 class BridgeDown : public testing::Test {
  protected:
   Request read(const std::string &topic, const std::string &payload = "") const {
-    return msgbridge::read_request({topic, payload}, kBase, config_.down, types());
+    return msgbridge::read_request({topic, payload}, kBase, config_.down, known_types());
   }
   int refused(const std::string &topic, const std::string &payload = "") const {
     const Request request = read(topic, payload);
@@ -204,7 +205,7 @@ TEST_F(BridgeDown, ReservedTypesAreRefusedWhateverTheRulesSay) {
   msgbridge::DownRules rules;
   rules.calls.push_back({"cms", ORP_MSG_REBOOT, 100});
   const Request request =
-      msgbridge::read_request({"gw/me/call/cms/reboot", ""}, kBase, rules, types());
+      msgbridge::read_request({"gw/me/call/cms/reboot", ""}, kBase, rules, known_types());
   EXPECT_EQ(AnswerStatus::kForbidden, std::get<Refusal>(request).status);
 }
 
@@ -267,7 +268,7 @@ TEST(BridgeJson, OfTooManyMembersIsNoEventAndNoRequest) {
 
   const Config config = config_of(R"("down": {"calls": [{"app": "cms", "type": "0x4242"}]})");
   const Request request = msgbridge::read_request(
-      {"gw/me/call/cms/0x4242", with_members(5000, "1")}, kBase, config.down, types());
+      {"gw/me/call/cms/0x4242", with_members(5000, "1")}, kBase, config.down, known_types());
   EXPECT_EQ(AnswerStatus::kBadRequest, std::get<Refusal>(request).status);
 }
 
