@@ -1,11 +1,12 @@
 # The headers that cost servers and tools most time. They are compiled once for libraries and once
 # for programs, whose code is relocated in different ways. Every file still includes what it uses,
-# because clang's configurations and optimized builds compile without these. In optimized builds
-# gcc 12 has more false warnings of GCC bug 105651 (build_settings.cmake) with precompiled headers.
+# because clang's configurations, large units and optimized builds compile without these. In
+# optimized builds gcc 12 has more false warnings of GCC bug 105651 (build_settings.cmake) with
+# precompiled headers.
 
 # msgapi_precompile(TARGET...): for targets that link servers_common and are therefore compiled like
 # the headers.
-if(NOT CMAKE_BUILD_TYPE STREQUAL Debug)
+if(NOT CMAKE_BUILD_TYPE STREQUAL Debug OR CMAKE_UNITY_BUILD)
   function(msgapi_precompile)
   endfunction()
   return()
@@ -19,7 +20,7 @@ foreach(kind library program)
   target_precompile_headers(${kind}_headers PRIVATE
     <algorithm> <chrono> <filesystem> <fstream> <functional> <map> <memory> <optional> <set> <span>
     <stdexcept> <string> <string_view> <unordered_map> <utility> <vector>
-    <fmt/format.h> <nlohmann/json.hpp>)
+    <fmt/core.h> <nlohmann/json.hpp>)
 endforeach()
 set_target_properties(program_headers PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 target_compile_options(program_headers PRIVATE ${CMAKE_CXX_COMPILE_OPTIONS_PIE})

@@ -5,7 +5,7 @@
 // the reply did not fit, over TCP. Without EDNS: a reply that does not fit comes marked as cut
 // short.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 

@@ -5,7 +5,7 @@
 // SIGTERM and SIGINT end the programs, the ones that do not end within two seconds with SIGKILL,
 // and then the supervisor.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 

@@ -134,6 +134,10 @@ int CommandLine::usage_error(const std::string &mistake) const {
   return kUsageStatus;
 }
 
+std::string joined(const std::vector<std::string> &words) {
+  return CLI::detail::join(words, " ");
+}
+
 std::vector<IniItem> read_ini(std::istream &file) {
   // Names of items at which a section begins and ends.
   constexpr const char *kBegin = "++", *kEnd = "--";

@@ -80,6 +80,9 @@ class Command {
                   const char *help, Range range);
 };
 
+// Words that the shell has taken apart, with spaces between them.
+std::string joined(const std::vector<std::string> &words);
+
 class CommandLine : public Command {
  public:
   // `program` begins every message and the line that --version prints.

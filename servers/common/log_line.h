@@ -1,7 +1,7 @@
 // The servers' log: one line on standard error for each event worth reading.
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <span>
 #include <string>

@@ -1,6 +1,6 @@
 #include "config.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <charconv>
 #include <cstring>

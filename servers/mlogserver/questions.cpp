@@ -1,6 +1,6 @@
 #include "questions.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <sstream>
 

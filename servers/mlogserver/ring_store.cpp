@@ -6,7 +6,7 @@
 #include "ring_store.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <time.h>

@@ -3,7 +3,7 @@
 
 #include "server.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 #include "msgbridge/identity.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sodium.h>
 
 #include <array>

@@ -1,7 +1,7 @@
 // The bridge's lines in the log, as the module "msgbridge".
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <string>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "msgsvr/report.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <pwd.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 #include "msgsvr/whole_file.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/random.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // msginspect: the message bus as a live page.
 
 #include <arpa/inet.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>

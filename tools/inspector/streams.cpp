@@ -1,6 +1,6 @@
 #include "inspector/streams.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "inspector/token.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // mlog: reads the ring log files of mlogserver, writes lines and talks to the server.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <array>

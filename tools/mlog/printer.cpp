@@ -1,6 +1,6 @@
 #include "printer.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <iterator>

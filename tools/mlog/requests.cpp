@@ -1,6 +1,6 @@
 // The commands that ask the server something.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <fcntl.h>
 #include <unistd.h>

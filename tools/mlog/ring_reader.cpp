@@ -3,7 +3,7 @@
 
 #include "ring_reader.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

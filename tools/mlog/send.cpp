@@ -1,7 +1,7 @@
 // Log lines for shell scripts and for programs that know nothing of the log.
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -165,7 +165,7 @@ void print(const Options &options) {
   if (options.words.empty()) {
     for (std::string line; std::getline(std::cin, line);) sender.send(level, line);
   } else {
-    sender.send(level, fmt::format("{}", fmt::join(options.words, " ")));
+    sender.send(level, servers::joined(options.words));
   }
   if (!sender.all_taken()) set_exit_status(kNoServer);
 }

@@ -1,6 +1,6 @@
 #include "time_text.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <time.h>
 
 #include <algorithm>

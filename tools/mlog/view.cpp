@@ -1,6 +1,6 @@
 // The commands that read log files.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include "msgctl/admin.h"
 
 #include <curl/curl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cerrno>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "msgctl/bus.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>

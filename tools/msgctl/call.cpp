@@ -1,6 +1,6 @@
 // msgctl call, msgctl send: any message to anybody.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include "catalogue/statuses.h"
 #include "msgctl/body.h"

@@ -1,7 +1,7 @@
 // msgctl capture: recorded traffic as pcapng, for network analysers and for replay.
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 // msgctl types, msgctl status: the catalogues.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include "catalogue/statuses.h"
 #include "common/printable.h"

@@ -2,7 +2,7 @@
 
 #include "msgctl/clients.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <functional>

@@ -1,6 +1,6 @@
 // msgctl complete: the words that a shell offers, from the live bus if the user may ask it.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <set>

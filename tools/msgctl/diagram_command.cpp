@@ -1,6 +1,6 @@
 // msgctl diagram: a stretch of traffic as a sequence diagram.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cctype>

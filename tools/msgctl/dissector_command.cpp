@@ -1,6 +1,6 @@
 // msgctl dissector: prints what Wireshark needs to understand captures of the bus.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include "common/printable.h"
 #include "flight/record.h"

@@ -1,6 +1,6 @@
 // msgctl doctor: checks everything that the bus needs, and says how to mend what is wrong.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

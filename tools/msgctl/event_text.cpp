@@ -1,6 +1,6 @@
 #include "msgctl/event_text.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <time.h>
 
 #include "common/printable.h"

@@ -2,7 +2,7 @@
 
 #include "msgctl/events.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <time.h>
 #include <unistd.h>
 

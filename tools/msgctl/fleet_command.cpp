@@ -1,7 +1,7 @@
 // msgctl fleet: many gateways at once, through the broker that their bridges are connected to
 // (docs/fleet.md). It needs no message server of its own.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <mqtt_protocol.h>
 #include <sys/random.h>
 

@@ -1,6 +1,6 @@
 #include "msgctl/flight_source.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <poll.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,6 +9,8 @@
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
+
+#include "common/command_line.h"
 
 namespace msgctl {
 namespace {
@@ -64,7 +66,7 @@ flight::Reader open_flight(const std::string &path) {
 }
 
 std::string FlightOptions::filter_text() const {
-  return fmt::format("{}", fmt::join(filter, " "));
+  return servers::joined(filter);
 }
 
 void add_flight_options(servers::Command *command, Context *context, FlightOptions *options,

@@ -1,6 +1,6 @@
 // msgctl latency: how long messages wait and how long answers take.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <map>

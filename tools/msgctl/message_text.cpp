@@ -1,6 +1,6 @@
 #include "msgctl/message_text.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include "common/printable.h"
 #include "msgapi/event.h"

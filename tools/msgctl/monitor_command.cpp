@@ -1,6 +1,6 @@
 // msgctl monitor: what passed, and what passes.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <deque>
 

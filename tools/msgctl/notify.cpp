@@ -1,6 +1,6 @@
 // msgctl notify: the notify server's modules, requests and notifications.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

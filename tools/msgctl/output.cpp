@@ -1,6 +1,6 @@
 #include "msgctl/output.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <time.h>
 #include <unistd.h>
 

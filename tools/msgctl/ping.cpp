@@ -1,6 +1,6 @@
 // msgctl ping: round trips.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cmath>

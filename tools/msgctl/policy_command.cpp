@@ -1,6 +1,6 @@
 // msgctl policy: checks, asks and learns policies without the message server.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>

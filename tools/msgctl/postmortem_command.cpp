@@ -1,6 +1,6 @@
 // msgctl postmortem: reads what a dead server has left.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <deque>

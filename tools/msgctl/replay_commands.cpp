@@ -1,6 +1,6 @@
 // msgctl replay, msgctl mock: a capture's messages are sent to an application, or answered for it.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +13,7 @@
 #include <set>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/printable.h"
 #include "msgctl/bus.h"
 #include "msgctl/context.h"
@@ -87,7 +88,7 @@ std::string contents_of(const std::string &path) {
 // Times in the filter refer to the capture's last packet.
 traffic::Filter filter_of(const ReplayOptions &options, const std::string &bytes,
                           const catalogue::Catalogue &catalogue) {
-  const std::string text = fmt::format("{}", fmt::join(options.filter, " "));
+  const std::string text = servers::joined(options.filter);
   uint64_t last_ns = 0;
   if (!text.empty()) {
     traffic::PcapngReader reader(bytes);

@@ -1,6 +1,6 @@
 // msgctl get, post, put, patch, delete: restful requests as messages, without HTTP.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <array>

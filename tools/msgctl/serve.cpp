@@ -1,6 +1,6 @@
 // msgctl serve: answers a type, as an application would.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdio>
 

@@ -1,6 +1,6 @@
 // msgctl count, exit, sync, disconnect, stats: the message server's services and counters.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <vector>

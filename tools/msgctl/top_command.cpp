@@ -1,6 +1,6 @@
 // msgctl top: what keeps the bus busy.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>

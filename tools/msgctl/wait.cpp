@@ -1,6 +1,6 @@
 // msgctl wait: waits until an application is there or gone, or until an event comes.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 // msgctl waits: requests without an answer.
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include "msgctl/context.h"
 #include "msgctl/output.h"

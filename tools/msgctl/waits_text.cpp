@@ -1,6 +1,6 @@
 #include "msgctl/waits_text.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <map>

@@ -1,6 +1,6 @@
 #include "traffic/decode.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cstddef>

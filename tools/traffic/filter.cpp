@@ -1,6 +1,6 @@
 #include "traffic/filter.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <fnmatch.h>
 #include <time.h>
 
