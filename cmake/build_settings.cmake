@@ -8,6 +8,14 @@ if(CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${ccache_launcher})
 endif()
 
+if(MSGAPI_QUICK)
+  # A unit for each library and program, so that headers and what is made of their templates are
+  # compiled once there instead of once for each file.
+  set(CMAKE_UNITY_BUILD ON)
+  set(CMAKE_UNITY_BUILD_BATCH_SIZE 0)
+  add_compile_options(-w -g0)
+endif()
+
 add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wconversion -Werror -fstack-protector-strong)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # Reports "text" + std::to_string(number) when it optimizes (GCC bug 105651).
@@ -15,6 +23,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LES
 endif()
 if(CMAKE_BUILD_TYPE MATCHES "Release|MinSizeRel")
   add_compile_definitions(_FORTIFY_SOURCE=2)
+endif()
+if(CMAKE_UNITY_BUILD)
+  # A class that only one file knows may have members of that file's own types. Compiled with
+  # others the file is not the main one, in which gcc allows that.
+  add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage>)
 endif()
 # What a program prints of its sources is relative to the tree, wherever that was built: also when
 # the compiler cache has made the paths relative to the build.
