@@ -1,9 +1,11 @@
 #include "log_check.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "client.h"
@@ -12,6 +14,37 @@
 
 namespace soak {
 namespace {
+
+// The last two lines of `text`, of which the second is the last.
+std::pair<std::string_view, std::string_view> last_two(std::string_view text) {
+  const auto cut = [&text] {
+    const size_t end = text.empty() ? 0 : text.size() - 1;  // without the last line feed
+    const size_t feed = text.substr(0, end).rfind('\n');
+    const size_t begin = feed == std::string_view::npos ? 0 : feed + 1;
+    const std::string_view line = text.substr(begin);
+    text = text.substr(0, begin);
+    return line;
+  };
+  const std::string_view last = cut();
+  return {cut(), last};
+}
+
+// What the turn before has left after the running one. It need not have filled the file: the last
+// bytes, fewer than the running turn's first line, may be a turn older. Uptimes tell, at the
+// beginnings of lines: a turn takes seconds.
+std::string_view turn_before(std::string_view rest, std::string_view running) {
+  size_t room = std::min(running.find('\n'), running.size());
+  while (true) {
+    const auto [before, last] = last_two(rest);
+    const size_t uptime = sizeof "[00000000000]" - 1;
+    if (last.size() > room || before.empty() ||
+        last.substr(0, uptime) >= before.substr(0, uptime)) {
+      return rest;
+    }
+    room -= last.size();
+    rest.remove_suffix(last.size());
+  }
+}
 
 // The lines of a ring file, the oldest first.
 std::string in_order(const std::string &file) {
@@ -22,8 +55,9 @@ std::string in_order(const std::string &file) {
       offset < MLOG_FILE_HEADER_SIZE || offset > file.size()) {
     return "";
   }
-  const std::string newer = file.substr(MLOG_FILE_HEADER_SIZE, offset - MLOG_FILE_HEADER_SIZE);
-  return overturn == 0 ? newer : file.substr(offset) + newer;
+  const std::string running = file.substr(MLOG_FILE_HEADER_SIZE, offset - MLOG_FILE_HEADER_SIZE);
+  if (overturn == 0) return running;
+  return std::string(turn_before(std::string_view(file).substr(offset), running)) + running;
 }
 
 // The numbers of a life's lines in `text`, in order. Only lines that are whole, from "soak" to
