@@ -187,15 +187,22 @@ TEST(Abi, NeedsOnlyThePlatformsLibraries) {
 
 TEST(Abi, NamesItsSourcesAsTheyStandInTheTree) {
   if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers name them in their own way";
+  if (MSGAPI_COUNTED) GTEST_SKIP() << "the library writes its counters to absolute paths";
   const std::string program = SharedLibrary(MSGAPI_LIBRARY).program();
+  // The text from there on; empty when it is not there.
+  const auto text_at = [&program](const char *start) {
+    const size_t at = program.find(start);
+    return at == std::string::npos ? std::string() : std::string(program.c_str() + at);
+  };
 
-  EXPECT_THAT(program, HasSubstr("src/notify/delivery.cpp"));
-  EXPECT_THAT(program, Not(HasSubstr(MSGAPI_SOURCE))) << "a path of the machine that built it";
-  EXPECT_THAT(program, Not(HasSubstr("../src/")));
+  EXPECT_THAT(text_at("src/notify/delivery.cpp"), Not(IsEmpty()));
+  EXPECT_EQ("", text_at(MSGAPI_SOURCE)) << "a path of the machine that built it";
+  EXPECT_EQ("", text_at("../src/"));
 }
 
 TEST(Abi, RunsNoConstructor) {
   if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers register every library";
+  if (MSGAPI_COUNTED) GTEST_SKIP() << "each unit registers its counters";
 
   // Every shared library has one, which is the compiler's.
   EXPECT_GE(1u, SharedLibrary(MSGAPI_LIBRARY).constructors());

@@ -252,6 +252,11 @@ int32_t torture_blocks() {
   return g_blocks;
 }
 
+// The calling thread's calls pass uncounted from now on, or count again. cmake/coverage.c calls it.
+void torture_spare(int spares) {
+  g_inside = spares != 0;
+}
+
 // The program's start code calls main() with this function.
 int __libc_start_main(Main *main, int count, char **words, void (*init)(), void (*fini)(),
                       void (*loader_fini)(), void *stack_end) {
