@@ -58,9 +58,11 @@ void RingStore::reconfigure(Config config) {
   std::string directory = MlogUseSharePartion() != 0 ? config.share_directory : config.directory;
   std::map<std::string, Ring> rings;
   for (const auto &[module, ring] : rings_) {
-    if (ring.lost == 0) continue;
+    if (ring.lost == 0 && ring.dropped == 0) continue;
     const bool has_file = config.modules.empty() || config.modules.count(module) > 0;
-    rings[has_file ? module : kOther].lost += ring.lost;
+    Ring &next = rings[has_file ? module : kOther];
+    next.lost += ring.lost;
+    next.dropped += ring.dropped;
   }
 
   complete_ = sync_files() && complete_;

@@ -29,8 +29,8 @@ class RingStore {
   explicit RingStore(Config config);
 
   // Closes the files and goes on with another configuration. It keeps what sync() still has to
-  // report, and the notices of lost lines that still have to be written. When it throws, nothing
-  // has changed.
+  // report, and the notices of lost and dropped lines that still have to be written. When it
+  // throws, nothing has changed.
   void reconfigure(Config config);
 
   // Adds a line, which ends with a line feed, to the file of its module. On the way, in place, it

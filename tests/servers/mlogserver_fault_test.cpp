@@ -13,6 +13,7 @@
 
 #include "mlogserver/server.h"
 #include "msgapi/log.h"
+#include "servers/log_server.h"
 #include "support/file.h"
 
 namespace {
@@ -135,6 +136,34 @@ TEST(LogServerMemory, AConfigurationThatThereIsNoMemoryForChangesNothing) {
   }
   EXPECT_EQ("/var/a-directory-whose-name-needs-memory", store.directory());
   EXPECT_TRUE(store.sync());
+}
+
+TEST(LogServerLimits, DroppedLinesAreToldOfAsSoonAsThereIsRoom) {
+  test::SmallDisk disk;
+  mlogserver::Config config;
+  config.directory = "/mnt/disk";
+  config.defaults.rate_limit = 1;
+  mlogserver::RingStore store(config);
+  const auto print = [&store](const std::string &text) {
+    std::string line = "[1][wan][INFO]:" + text + "\n";
+    store.append(&line, 1);
+  };
+
+  print(std::string(3990, 'k'));  // leaves no room in the file's first block
+  for (int i = 0; i < 2; ++i) print("dropped");
+  EXPECT_TRUE(store.next_notice());
+  disk.fill();
+  store.tell_dropped(false);
+  EXPECT_EQ("", store.state()) << "the interval is not over, so nothing is tried";
+  store.tell_dropped(true);
+  EXPECT_THAT(store.state(), testing::HasSubstr("/mnt/disk: No space left on device"));
+
+  disk.make_room();
+  store.reconfigure(config);
+  print("next");
+  EXPECT_THAT(test::log_of("wan", "/mnt/disk"),
+              testing::MatchesRegex(".*:k+\n.*: 2 lines dropped from wan\n.*:next\n"));
+  EXPECT_FALSE(store.next_notice());
 }
 
 TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
