@@ -90,6 +90,9 @@ TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {
   MlogFlushLog();
 
   EXPECT_THAT(log_of("lan"), EndsWith(":kept\n"));
+  char state[256] = "";
+  EXPECT_EQ(0, MlogGetStatInfo("mlogServer.state", state, sizeof state));
+  EXPECT_THAT(state, MatchesRegex("/var/mlogfile/wan.log: .*: its lines are lost"));
   EXPECT_EQ(0, server.stop(SIGTERM));
   EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 dropped 0 lost 1"));
 }
@@ -143,6 +146,20 @@ TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
   EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
   EXPECT_TRUE(last.wait_for("ready"));
   EXPECT_NE(0, ::access("/var/target", F_OK));
+  EXPECT_EQ(0, last.stop(SIGTERM));
+
+  ASSERT_EQ(0, ::mkfifo("/var/mlog/mlogServer.inbox", 0600));
+  test::Process beside_a_pipe("mlogserver");
+  EXPECT_TRUE(beside_a_pipe.wait_for("mlogServer.inbox cannot be used"));
+  EXPECT_TRUE(beside_a_pipe.wait_for("ready"));
+  EXPECT_EQ(0, beside_a_pipe.stop(SIGTERM));
+
+  ASSERT_EQ(0, ::mount("tiny", "/var/mlog", "tmpfs", 0, "size=16k"));
+  test::Process without_room("mlogserver");
+  EXPECT_TRUE(without_room.wait_for("mlogServer.inbox cannot be used"));
+  EXPECT_TRUE(without_room.wait_for("ready"));
+  MlogPrint("wan", 8, "line");
+  EXPECT_EQ(0, MlogFlushLog());
 }
 
 }  // namespace

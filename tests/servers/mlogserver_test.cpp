@@ -1,14 +1,19 @@
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 
 #include "msgapi/log.h"
+#include "os/fd.h"
 #include "servers/log_server.h"
 #include "support/file.h"
 #include "support/process.h"
@@ -20,6 +25,7 @@ using test::LogServer;
 using test::Sender;
 using test::SmallDisk;
 using test::with_config;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -32,8 +38,22 @@ TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
             "host 192.168.1.10 at 00:11:22:33:44:55, 2001:db8::1, 4857544312AB34CD");
   MlogPrint("wan", MLOG_LEVEL_INFO, "three");
   Sender sender;
-  const std::string improper[] = {"[1][../../x][INFO]:a\n", "[1][.x][INFO]:b\n", "free text\n"};
-  for (const std::string &line : improper) sender.send(MLOG_TYPE_LOG, line);
+  const std::string improper[] = {"[1][../../x][INFO]:a\n",
+                                  "[1][.x][INFO]:b\n",
+                                  "[1][][INFO]:c\n",
+                                  "[1][a b][INFO]:d\n",
+                                  "[1][caf\xe9][INFO]:e\n",
+                                  "[1][mlogcfg.new][INFO]:f\n",
+                                  "[1][" + std::string(98, 'n') + "][INFO]:g\n",
+                                  "[1][wan][INFO] no colon\n",
+                                  "[1][wan]no level\n",
+                                  "[1][no end\n",
+                                  "free text\n"};
+  std::string others;
+  for (const std::string &line : improper) {
+    sender.send(MLOG_TYPE_LOG, line);
+    others += line;
+  }
   ASSERT_EQ(0, MlogFlushLog());
 
   EXPECT_THAT(test::contents("/var/mlogfile/wan.log"),
@@ -41,7 +61,7 @@ TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
                            "000.0000001023\\]\n.*\\]:one\n\\[.*\\]:three\n"));
   EXPECT_THAT(log_of("lan"), EndsWith("[lan][INFO]:host 192.***.*.10 at 00:**:**:33:**:55, "
                                       "***********, 4*5*5*4*1*A*3*C*\n"));
-  EXPECT_EQ(improper[0] + improper[1] + improper[2], log_of("other"));
+  EXPECT_EQ(others, log_of("other"));
   struct stat status {};
   ASSERT_EQ(0, ::stat("/var/mlogfile/wan.log", &status));
   EXPECT_EQ(mode_t{S_IFREG | 0640}, status.st_mode);
@@ -56,6 +76,11 @@ TEST(LogServer, LetsNoTextForgeALineOrDriveATerminal) {
       {"\xc2\x9b and \x9b, \xe0\x80\x9b, \xc2", "? and ?, \xe0??, \xc2"},
       {"\xc2\xa0\xc3\x9b\xe2\x82\x9b\xf0\x9f\x98\x80 caf\xe9",
        "\xc2\xa0\xc3\x9b\xe2\x82\x9b\xf0\x9f\x98\x80 caf\xe9"},
+      // First and last of what UTF-8 allows, and what is next to it.
+      {"\xe0\xa0\x80\xed\x9f\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+       "\xe0\xa0\x80\xed\x9f\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"},
+      {"\xe0\x9f\xbf \xed\xa0\x80 \xf0\x8f\xbf\xbf \xf4\x90\x80\x80 \xf5\x80 \xc2\xc2 \xe2\x82",
+       "\xe0?\xbf \xed\xa0? \xf0?\xbf\xbf \xf4??? \xf5? \xc2\xc2 \xe2?"},
       {std::string(1000, '\n') + "y",
        [] {
          std::string lines;
@@ -122,6 +147,51 @@ TEST(LogServer, KeepsStatisticsOfEveryModule) {
   }
 }
 
+TEST(LogServer, BoundsTheNumberOfStatistics) {
+  LogServer server;
+  for (int i = 0; i < 260; ++i)
+    EXPECT_EQ(0, MlogSetStatInfo(("m" + std::to_string(i)).c_str(), "1"));
+  EXPECT_EQ(0, MlogSetStatInfo("m0", "2"));
+
+  char info[256];
+  EXPECT_EQ(0, MlogGetStatInfo("m0", info, sizeof info));
+  EXPECT_STREQ("2", info) << "known ones are still kept up to date";
+  EXPECT_EQ(0, MlogGetStatInfo("m259", info, sizeof info));
+  EXPECT_STREQ("", info);
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_THAT(server.output(), HasSubstr(" refused 4 "));
+}
+
+TEST(LogServer, SetsLevelsUntilTheyAreTakenBack) {
+  LogServer server;
+  const auto set = [](const std::string &name, const char *text) {
+    EXPECT_EQ(0, MlogSetStatInfo(("mlogServer." + name).c_str(), text));
+  };
+  const auto answer = [](const std::string &name) {
+    char info[256] = "";
+    EXPECT_EQ(0, MlogGetStatInfo(("mlogServer." + name).c_str(), info, sizeof info));
+    return std::string(info);
+  };
+
+  EXPECT_EQ("INFO", answer("level/wan"));
+  for (const char *level : {"WARN", "ERRO"}) set("level/wan", level);
+  EXPECT_EQ("ERRO", answer("level/wan"));
+  for (int i = 0; i < 2; ++i) set("level/wan", "CONFIGURED");
+  EXPECT_EQ("INFO", answer("level/wan"));
+
+  set("level/wan", "LOUD");
+  set("level/../x", "WARN");
+  set("colour/wan", "WARN");
+  EXPECT_EQ("", answer("colour/wan"));
+  EXPECT_EQ("", answer("module/99"));
+  EXPECT_EQ("", answer("state"));
+  for (int i = 0; i < 257; ++i) set("level/m" + std::to_string(i), "WARN");
+  EXPECT_EQ("WARN", answer("level/m255"));
+  EXPECT_EQ("INFO", answer("level/m256"));
+  EXPECT_EQ(0, server.stop(SIGTERM));
+  EXPECT_THAT(server.output(), ContainsRegex(" malformed 3 unanswered 0 refused 1 "));
+}
+
 TEST(LogServer, LosesNoLineOfABurstFromTenProcesses) {
   LogServer server;
   const char *const modules[] = {"m0", "m1", "m2", "m3", "m4", "m5", "m6", "m7", "m8", "m9"};
@@ -150,10 +220,21 @@ TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
        {std::pair{0u, 0u}, {1u, 0u}, {2u, 511u}, {2u, 516u}, {4u, 255u}, {9u, 9u}}) {
     sender.send(type, std::string(length, 'x'));  // fields without an end
   }
+  sender.send(MLOG_TYPE_SET_STAT, "x" + std::string(255, '\0') + std::string(260, 'x'));
+  // A client without an address, which cannot be answered.
+  const msgapi::os::UniqueFd nameless(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address{AF_UNIX, MLOG_IPC_PATH MLOG_SERVER_NAME};
+  ASSERT_EQ(
+      0, ::connect(nameless.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+  MlogMsg head{.type = MLOG_TYPE_FLUSH, .length = 0, .payload = {}};
+  EXPECT_EQ(3, ::send(nameless.get(), &head, 3, 0));
+  EXPECT_EQ(MLOG_HEAD_SIZE, ::send(nameless.get(), &head, MLOG_HEAD_SIZE, 0));
+  head.length = 1;
+  EXPECT_EQ(MLOG_HEAD_SIZE, ::send(nameless.get(), &head, MLOG_HEAD_SIZE, 0));
 
   EXPECT_EQ(0, MlogFlushLog());
   EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_THAT(server.output(), HasSubstr(" malformed 6 "));
+  EXPECT_THAT(server.output(), HasSubstr(" requests 2 malformed 9 unanswered 1 "));
 }
 
 TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
@@ -167,7 +248,37 @@ TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   EXPECT_NE(0, ::access("/var/mlog/mlogServer", F_OK));
   EXPECT_THAT(log_of("wan"), EndsWith(":last words\n"));
 
-  LogServer third;
+  {
+    LogServer third;
+    std::filesystem::remove("/var/mlog/mlogServer");
+    std::ofstream("/var/mlog/mlogServer") << "somebody else's";
+    EXPECT_EQ(0, third.stop(SIGTERM));
+    EXPECT_EQ("somebody else's", test::contents("/var/mlog/mlogServer"));
+  }
+  LogServer fourth;
+}
+
+TEST(LogServer, SaysWhyItCannotStart) {
+  const std::string place = "/var/mlog/mlogServer";
+  const struct {
+    std::function<void()> damage;
+    std::string complaint;
+  } cases[] = {
+      {[&] { std::filesystem::create_directory(place); }, place + ": Address already in use"},
+      {[] {
+         std::filesystem::remove_all("/var/mlog");
+         std::ofstream("/var/mlog") << "a file";
+       },
+       place + ": Not a directory"},
+      {[] { ASSERT_EQ(0, ::mount("none", "/var", "tmpfs", MS_RDONLY, nullptr)); },
+       "/var/mlog/: Read-only file system"},
+  };
+  for (const auto &each : cases) {
+    each.damage();
+    test::Process server("mlogserver");
+    EXPECT_EQ(1, server.wait());
+    EXPECT_THAT(server.output(), HasSubstr(each.complaint));
+  }
 }
 
 TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
@@ -236,6 +347,21 @@ TEST(LogServerConfig, ANewOneForgetsNothingThatIsStillToBeTold) {
   EXPECT_EQ(0, MlogFlushLog());
   EXPECT_THAT(log_of("wan", "/mnt/disk"),
               MatchesRegex(".*mlogserver: 1 lines before this one are lost\n.*:after\n"));
+
+  // Modules that have no file any more are told of in the one that has their lines now.
+  disk.fill();
+  for (const char *module : {"lan", "tv", "usb"}) MlogPrint(module, 8, "lost");
+  ASSERT_TRUE(server.wait_for("lines are lost"));
+  with_config("directory = /mnt/disk\nmodules = usb\n");
+  ::kill(server.pid(), SIGHUP);
+  ASSERT_TRUE(server.wait_for("configuration read"));
+  disk.make_room();
+  for (const char *module : {"wan", "usb"}) MlogPrint(module, 8, "after");
+  EXPECT_EQ(-1, MlogFlushLog());
+  EXPECT_THAT(log_of("other", "/mnt/disk"),
+              MatchesRegex(".*mlogserver: 2 lines before this one are lost\n.*:after\n"));
+  EXPECT_THAT(log_of("usb", "/mnt/disk"),
+              MatchesRegex(".*mlogserver: 1 lines before this one are lost\n.*:after\n"));
 }
 
 TEST(LogServerConfig, LinesThatAreDroppedCostNoMemoryForTheirNames) {
@@ -259,6 +385,11 @@ TEST(LogServerConfig, MistakesAreNamed) {
       {"max_size = 100\n", "max_size = 100: not a number from 4096 to 2097152"},
       {"directory = logs\n", "directory = logs: not an absolute path"},
       {"level =\n", "level needs one value"},
+      {"level = INFO WARN\n", "level needs one value"},
+      {"max_size = 4096k\n", "max_size = 4096k: not a number"},
+      {"max_size = 2097153\n", "max_size = 2097153: not a number"},
+      {"rate_limit = 99999999999\n", "rate_limit = 99999999999: not a number"},
+      {"[a/b]\nlevel = INFO\n", "a/b: not a module's name"},
       {"modules = a ../b\n", "../b: not a module's name"},
       {"[wan]\nmodules = a\n", "unknown key modules in [wan]"},
   };
@@ -267,6 +398,9 @@ TEST(LogServerConfig, MistakesAreNamed) {
     EXPECT_EQ(1, server.wait());
     EXPECT_THAT(server.output(), HasSubstr(complaint));
   }
+  test::Process server("mlogserver", {"--config", "/no/file"});
+  EXPECT_EQ(1, server.wait());
+  EXPECT_THAT(server.output(), HasSubstr("/no/file: No such file or directory"));
 }
 
 TEST(LogServerConfig, LimitsTheNumberOfFiles) {
