@@ -38,11 +38,8 @@ namespace {
 
 using servers::log_line;
 using servers::UniqueFd;
-using std::chrono::seconds;
 
 constexpr unsigned kIdleSeconds = 30;
-// A request must be whole, and an answer taken, within this time.
-constexpr seconds kLongestTransfer{60};
 constexpr std::chrono::milliseconds kSweepPeriod{1000};
 constexpr std::chrono::milliseconds kWaitingSweepPeriod{100};
 
@@ -367,7 +364,7 @@ void HttpDaemon::sweep() {
     const auto age = now - connection.since;
     const uint64_t id = connection.exchange == nullptr ? 0 : connection.exchange->id;
     if (!answering_.contains(id)) {
-      if (age > kLongestTransfer) condemn(connection);
+      if (age > limits_.longest_transfer) condemn(connection);
     } else if (age > kLostAnswer * limits_.patience) {
       // The message loop answers in time, unless it had no memory for it.
       answer(id, {MHD_HTTP_GATEWAY_TIMEOUT, "no answer\n"});

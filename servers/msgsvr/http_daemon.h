@@ -46,6 +46,8 @@ struct HttpLimits {
   size_t connections = 128;              // at a time
   bool json = false;                     // the daemon's own refusals are {"error": …}
   std::optional<HttpGuard> guard = {};   // none: everybody who may connect is served
+  // A request must be whole, and an answer taken, within this time.
+  std::chrono::milliseconds longest_transfer = std::chrono::seconds(60);
 };
 
 class HttpDaemon {

@@ -4,19 +4,23 @@
 // A program of its own, because it replaces operator new and epoll_ctl.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -52,6 +56,8 @@ struct Fault {
 };
 Fault g_allocation;
 Fault g_epoll_ctl;
+// The next wait without a time limit fails, whichever loop it is.
+std::atomic<bool> g_wait_fails = false;
 
 void *allocate(size_t size) {
   void *memory = g_allocation.strikes() ? nullptr : std::malloc(size == 0 ? 1 : size);
@@ -86,6 +92,15 @@ extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event *event) n
     return -1;
   }
   return static_cast<int>(::syscall(SYS_epoll_ctl, epoll, operation, fd, event));
+}
+
+extern "C" int epoll_wait(int epoll, epoll_event *events, int count, int timeout_ms) {
+  if (timeout_ms < 0 && g_wait_fails.exchange(false)) {
+    errno = ENOMEM;
+    return -1;
+  }
+  return static_cast<int>(
+      ::syscall(SYS_epoll_pwait, epoll, events, count, timeout_ms, nullptr, _NSIG / 8));
 }
 
 namespace {
@@ -329,38 +344,112 @@ TEST(WorkerFaults, AreNotTakenForResults) {
 #endif
 }
 
-TEST(HttpFaults, GiveUpTheRequestAndTellItsClient) {
-  g_allocation.left = g_epoll_ctl.left = -1;
-  servers::EventLoop loop;
-  std::vector<uint64_t> begun;
-  std::vector<uint64_t> abandoned;
-  msgsvr::HttpFront front(
-      &loop, servers::listen_tcp("127.0.0.1:8080"), {.patience = std::chrono::seconds(10)},
-      [&](uint64_t id, const msgsvr::HttpRequest &) {
-        begun.push_back(id);
-        throw std::bad_alloc();
-      },
-      [&](uint64_t id) { abandoned.push_back(id); });
-  const UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in address = test::loopback(8080);
-  ASSERT_EQ(0,
-            ::connect(client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-  const std::string_view get = "GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-  ASSERT_EQ(static_cast<ssize_t>(get.size()), ::send(client.get(), get.data(), get.size(), 0));
+class HttpFaults : public testing::Test {
+ protected:
+  HttpFaults() { g_allocation.left = g_epoll_ctl.left = -1; }
 
-  std::string answer;
-  char buffer[4096];
-  ssize_t count = -1;
-  for (int turns = 0; count != 0 && turns < 400; ++turns) {
-    loop.turn(50);
-    while ((count = ::recv(client.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
-      answer.append(buffer, static_cast<size_t>(count));
-    }
+  template <typename Handler>
+  void serve(Handler handler) {
+    front_.emplace(
+        &loop_, servers::listen_tcp("127.0.0.1:8080"),
+        msgsvr::HttpLimits{.patience = std::chrono::seconds(10)},
+        [this, handler](uint64_t id, const msgsvr::HttpRequest &) {
+          begun_.push_back(id);
+          handler();
+        },
+        [this](uint64_t id) { abandoned_.push_back(id); });
   }
 
+  static UniqueFd ask() {
+    UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = test::loopback(8080);
+    EXPECT_EQ(
+        0, ::connect(client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+    const std::string_view get = "GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+    EXPECT_EQ(static_cast<ssize_t>(get.size()), ::send(client.get(), get.data(), get.size(), 0));
+    return client;
+  }
+
+  // Everything that comes until the connection ends, while the loop turns.
+  std::string answer_to(const UniqueFd &client) {
+    std::string answer;
+    char buffer[4096];
+    ssize_t count = -1;
+    for (int turns = 0; count != 0 && turns < 400; ++turns) {
+      loop_.turn(50);
+      while ((count = ::recv(client.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+        answer.append(buffer, static_cast<size_t>(count));
+      }
+    }
+    EXPECT_EQ(0, count) << "the connection has not ended";
+    return answer;
+  }
+
+  servers::EventLoop loop_;
+  std::vector<uint64_t> begun_;
+  std::vector<uint64_t> abandoned_;
+  std::optional<msgsvr::HttpFront> front_;
+};
+
+TEST_F(HttpFaults, GiveUpTheRequestAndTellItsClient) {
+  serve([] { throw std::bad_alloc(); });
+
+  const std::string answer = answer_to(ask());
+
   EXPECT_TRUE(answer.starts_with("HTTP/1.1 503 ")) << answer;
-  EXPECT_EQ(1u, begun.size());
-  EXPECT_EQ(begun, abandoned) << "what the handler had begun is cleared away";
+  EXPECT_EQ(1u, begun_.size());
+  EXPECT_EQ(begun_, abandoned_) << "what the handler had begun is cleared away";
+}
+
+// A thread whose loop fails is given up with its connections, and another one serves the next.
+TEST_F(HttpFaults, OfTheThreadInterruptTheService) {
+  serve([] {});
+  const UniqueFd open = ask();
+  for (int i = 0; i < 400 && begun_.empty(); ++i) loop_.turn(50);
+  ASSERT_EQ(1u, begun_.size());
+
+  testing::internal::CaptureStderr();
+  g_wait_fails = true;
+  const UniqueFd last = ask();
+  EXPECT_EQ("", answer_to(open)) << "its connection is closed";
+  for (int i = 0; i < 400 && abandoned_.empty(); ++i) loop_.turn(50);
+  EXPECT_EQ(begun_, abandoned_);
+  front_->answer(begun_[0], {200, "nobody waits"});
+
+#ifndef __SANITIZE_ADDRESS__  // whose checks need descriptors
+  // It is tried again until there are descriptors.
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const UniqueFd lowest_free(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+  const rlimit full{static_cast<rlim_t>(lowest_free.get()) + 1, before.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &full);
+  const auto begin = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(1100)) loop_.turn(50);
+  ::setrlimit(RLIMIT_NOFILE, &before);
+#endif
+  const size_t interrupted = begun_.size();
+  const UniqueFd next = ask();
+  for (int i = 0; i < 400 && begun_.size() == interrupted; ++i) loop_.turn(50);
+  ASSERT_EQ(interrupted + 1, begun_.size()) << "it is served again";
+  EXPECT_GT(begun_.back(), begun_[interrupted - 1]) << "numbers go on";
+  front_->answer(begun_.back(), {200, "served again"});
+  EXPECT_TRUE(answer_to(next).ends_with("served again"));
+
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(log, testing::HasSubstr("HTTP is interrupted, its thread has stopped: epoll_wait"));
+  EXPECT_THAT(log, testing::HasSubstr("HTTP is served again"));
+#ifndef __SANITIZE_ADDRESS__
+  EXPECT_THAT(log, testing::HasSubstr("HTTP cannot be served: dup"));
+#endif
+}
+
+// The thread may break down at the very end.
+TEST_F(HttpFaults, OfTheThreadDoNotKeepTheServerFromEnding) {
+  g_wait_fails = true;
+  serve([] {});
+  while (g_wait_fails) continue;
+  front_.reset();
+  EXPECT_TRUE(begun_.empty());
 }
 
 }  // namespace

@@ -1,0 +1,279 @@
+// The thread that speaks HTTP, with limits that a test can reach: who gets a place, who must wait,
+// and what takes too long. The test plays the message loop.
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "common/listen.h"
+#include "msgsvr/http_front.h"
+#include "support/network.h"
+
+namespace {
+
+using msgsvr::HttpLimits;
+using std::chrono::milliseconds;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr uint16_t kPort = 8080;
+// Two bodies of this size are more than the daemon holds at a time.
+constexpr size_t kLong = 20 << 20;
+
+const std::string kGet = "GET /a HTTP/1.1\r\nHost: localhost\r\n\r\n";
+
+std::string post(size_t size) {
+  return "POST /a HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(size) +
+         "\r\n\r\n";
+}
+
+class Client {
+ public:
+  // From the address `own` to the server at the loopback address of the same family.
+  explicit Client(const std::string &own = "127.0.0.1") {
+    const bool ip6 = own.find(':') != own.npos;
+    fd_ = servers::UniqueFd(::socket(ip6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (ip6) {
+      sockaddr_in6 address{};
+      address.sin6_family = AF_INET6;
+      EXPECT_EQ(1, ::inet_pton(AF_INET6, own.c_str(), &address.sin6_addr)) << own;
+      connect(address, [](sockaddr_in6 *a) {
+        a->sin6_addr = in6addr_loopback;
+        a->sin6_port = htons(kPort);
+      });
+    } else {
+      sockaddr_in address = test::loopback(0);
+      EXPECT_EQ(1, ::inet_pton(AF_INET, own.c_str(), &address.sin_addr)) << own;
+      connect(address, [](sockaddr_in *a) { *a = test::loopback(kPort); });
+    }
+  }
+
+  bool send(const std::string &bytes) const {
+    return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
+  }
+
+  // What has come so far, and whether that was all.
+  const std::string &got() {
+    char buffer[4096];
+    ssize_t count;
+    while ((count = ::recv(fd_.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+      got_.append(buffer, static_cast<size_t>(count));
+    }
+    ended_ = ended_ || count == 0 || errno == ECONNRESET;
+    return got_;
+  }
+  bool ended() {
+    got();
+    return ended_;
+  }
+
+ private:
+  template <typename Address, typename Aim>
+  void connect(Address own, Aim aim) const {
+    const auto *generic = reinterpret_cast<const sockaddr *>(&own);
+    EXPECT_EQ(0, ::bind(fd_.get(), generic, sizeof own));
+    aim(&own);
+    EXPECT_EQ(0, ::connect(fd_.get(), generic, sizeof own));
+  }
+
+  servers::UniqueFd fd_;
+  std::string got_;
+  bool ended_ = false;
+};
+
+class HttpDaemon : public testing::Test {
+ protected:
+  struct Request {
+    uint64_t id;
+    msgsvr::HttpRequest request;
+  };
+
+  void start(const HttpLimits &limits, const std::string &at = "127.0.0.1:8080") {
+    front_.emplace(
+        &loop_, servers::listen_tcp(at), limits,
+        [this](uint64_t id, msgsvr::HttpRequest request) {
+          requests_.push_back({id, std::move(request)});
+        },
+        [](uint64_t) {});
+  }
+
+  // Turns the loop until that is true, for a bounded time.
+  template <typename Condition>
+  bool turn_until(Condition condition) {
+    for (int i = 0; i < 1000; ++i) {
+      if (condition()) return true;
+      loop_.turn(10);
+    }
+    return false;
+  }
+  bool turn_until_requests(size_t count) {
+    return turn_until([&] { return requests_.size() == count; });
+  }
+  bool answer_comes(Client &client, const std::string &status) {
+    return turn_until([&] { return client.got().starts_with("HTTP/1.1 " + status); });
+  }
+
+  servers::EventLoop loop_;
+  std::deque<Request> requests_;
+  std::optional<msgsvr::HttpFront> front_;
+};
+
+TEST_F(HttpDaemon, AnswersOpenRequestsWhenItEnds) {
+  start({.patience = milliseconds(60000)});
+  Client client;
+  client.send(kGet);
+  ASSERT_TRUE(turn_until_requests(1));
+
+  front_.reset();
+
+  EXPECT_THAT(client.got(), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("Retry-After: 1\r\n"),
+                                  HasSubstr("the server ends")));
+  EXPECT_TRUE(client.ended());
+}
+
+TEST_F(HttpDaemon, TellsAClientWhoseAnswerIsLost) {
+  start({.patience = milliseconds(20)});
+  Client client;
+  client.send(kGet);
+  ASSERT_TRUE(turn_until_requests(1));
+  EXPECT_TRUE(answer_comes(client, "504 ")) << client.got();
+  EXPECT_THAT(client.got(), HasSubstr("no answer"));
+
+  // The answer that comes now is nobody's, and the connection serves the next request.
+  front_->answer(requests_[0].id, {200, "late"});
+  client.send(kGet);
+  ASSERT_TRUE(turn_until_requests(2));
+  front_->answer(requests_[1].id, {200, "in time"});
+  EXPECT_TRUE(turn_until([&] { return client.got().ends_with("in time"); })) << client.got();
+  EXPECT_THAT(client.got(), testing::Not(HasSubstr("late")));
+}
+
+TEST_F(HttpDaemon, EndsATransferThatTakesTooLongButNoIdleConnection) {
+  HttpLimits limits{.longest_body = 100, .patience = milliseconds(60000)};
+  limits.longest_transfer = milliseconds(100);
+  start(limits);
+  Client idle;
+  Client slow;
+  Client slower;
+  Client answered;
+  slow.send(post(10) + "begin");
+  slower.send("GET /a HTTP/1.1\r\nHo");
+  answered.send(kGet);
+
+  EXPECT_TRUE(turn_until([&] { return slow.ended() && slower.ended(); }));
+  EXPECT_EQ("", slow.got());
+  // An application's time is no transfer's.
+  ASSERT_EQ(1u, requests_.size());
+  front_->answer(requests_[0].id, {200, "whole"});
+  EXPECT_TRUE(answer_comes(answered, "200 ")) << answered.got();
+  EXPECT_FALSE(idle.ended());
+  idle.send(kGet);
+  EXPECT_TRUE(turn_until_requests(2));
+}
+
+TEST_F(HttpDaemon, RefusesABodyForWhichThereIsNoRoomInTime) {
+  start({.longest_body = kLong, .patience = milliseconds(300)});
+  Client first;
+  first.send(post(kLong) + "begin");
+  Client get;
+  get.send(kGet);
+  ASSERT_TRUE(turn_until_requests(1)) << "the first body's room is taken";
+  Client second;
+  second.send(post(kLong));
+
+  // It is read only now, and thrown away.
+  EXPECT_TRUE(second.send(std::string(kLong, 'b')));
+  EXPECT_TRUE(answer_comes(second, "503 ")) << second.got();
+  EXPECT_THAT(second.got(), AllOf(HasSubstr("Retry-After: 1"), HasSubstr("no room for the body")));
+  EXPECT_EQ(1u, requests_.size());
+  EXPECT_FALSE(first.ended());
+}
+
+TEST_F(HttpDaemon, GivesThePlaceOfAWaitingRequestToANewConnection) {
+  start({.longest_body = kLong, .patience = milliseconds(60000), .connections = 2});
+  Client answered;
+  answered.send(post(kLong) + std::string(kLong, 'b'));
+  ASSERT_TRUE(turn_until_requests(1));
+  EXPECT_EQ(kLong, requests_[0].request.body.text_size());
+  Client waiting;
+  waiting.send(post(kLong));
+  Client next;
+  next.send(kGet);
+
+  EXPECT_TRUE(turn_until_requests(2));
+  EXPECT_TRUE(turn_until([&] { return waiting.ended(); }));
+  // Requests that are being answered keep their places.
+  Client refused;
+  EXPECT_TRUE(answer_comes(refused, "503 ")) << refused.got();
+  EXPECT_TRUE(turn_until([&] { return refused.ended(); }));
+  for (const Request &each : requests_) front_->answer(each.id, {200, "ok"});
+  EXPECT_TRUE(answer_comes(answered, "200 "));
+  EXPECT_TRUE(answer_comes(next, "200 "));
+}
+
+TEST_F(HttpDaemon, RefusesWithoutCountingIfNobodyCounts) {
+  HttpLimits limits{.patience = milliseconds(60000), .json = true};
+  limits.guard.emplace();
+  start(limits);
+  Client client;
+  client.send("GET /a HTTP/1.1\r\nHost: evil.example\r\n\r\n");
+  EXPECT_TRUE(turn_until([&] { return client.got().ends_with("}\n"); })) << client.got();
+  EXPECT_THAT(client.got(), AllOf(StartsWith("HTTP/1.1 421 "), HasSubstr("application/json"),
+                                  HasSubstr("{\"error\":\"this server has another name\"}")));
+  EXPECT_TRUE(requests_.empty());
+}
+
+// The network with the most connections gives up the one that has been quiet the longest.
+struct Crowd {
+  std::string what;
+  std::vector<const char *> clients;  // in the order of their coming
+  size_t replaced;
+};
+std::ostream &operator<<(std::ostream &out, const Crowd &crowd) {
+  return out << crowd.what;
+}
+class HttpNetworks : public HttpDaemon, public testing::WithParamInterface<Crowd> {};
+
+TEST_P(HttpNetworks, ShareThePlaces) {
+  if (::access("/proc/net/if_inet6", F_OK) != 0) GTEST_SKIP() << "this kernel has no IPv6";
+  for (const char *address : {"fd00::1/64", "fd00::2/64", "fd01::1/64"}) {
+    test::run(std::string("ip address add ") + address + " dev lo nodad");
+  }
+  const std::vector<const char *> &addresses = GetParam().clients;
+  start({.patience = milliseconds(60000), .connections = addresses.size()}, "[::]:8080");
+  std::deque<Client> clients;
+  for (const char *address : addresses) clients.emplace_back(address);
+  Client next("127.0.0.1");
+  next.send(kGet);
+  ASSERT_TRUE(turn_until_requests(1));
+
+  for (size_t i = 0; i < clients.size(); ++i) {
+    EXPECT_EQ(i == GetParam().replaced, clients[i].ended()) << addresses[i];
+  }
+}
+INSTANTIATE_TEST_SUITE_P(
+    , HttpNetworks,
+    testing::Values(Crowd{"OldestOfTheLargest", {"::1", "127.0.0.2", "127.0.0.1", "127.0.0.1"}, 2},
+                    Crowd{"WholeIpv4Addresses", {"127.0.0.1", "127.0.0.2", "::1", "::1"}, 2},
+                    Crowd{"HalfIpv6Addresses", {"::1", "fd01::1", "fd00::1", "fd00::2"}, 2},
+                    Crowd{"OldestIfAllAreAlike", {"fd01::1", "::1", "fd00::1", "127.0.0.3"}, 0}),
+    [](const auto &each) { return each.param.what; });
+
+}  // namespace
