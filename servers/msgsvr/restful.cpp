@@ -81,6 +81,10 @@ struct Pending {
   uint32_t file = 0;  // number of the hand-over file that was sent; 0: none
 };
 
+// Whether such a request could be sent: there may be no room for it in the application's queue, or
+// its hand-over file has gone.
+enum class Attempt { kSent, kNoRoom, kNoBody };
+
 // For the journal: a method that is not served, and the status of a client that left early.
 constexpr uint32_t kOtherMethod = UINT32_MAX;
 constexpr unsigned kNobodyWaits = 0;
@@ -261,28 +265,37 @@ class Restful final : public Service {
     pending.unsent.emplace(std::move(body));
     pending.timer = server_->loop().after(time_limit(), [this, sequence] { time_out(sequence); });
     const uint64_t lost = client->lost;
-    if (try_to_send(sequence, pending)) {
-      server_->outbox().flush();
-      if (client->lost != lost) finish(sequence, try_again("the application is busy"));
-    } else if (client->backlog.slow) {
-      log_line("{} does not read: {} is refused", client->label(), pending.what);
-      finish(sequence, try_again("the application is busy"));
-    } else if (retry_timer_ == 0) {
-      plan_retry();
+    switch (try_to_send(sequence, pending)) {
+      case Attempt::kSent:
+        server_->outbox().flush();
+        if (client->lost != lost) finish(sequence, try_again("the application is busy"));
+        break;
+      case Attempt::kNoRoom:
+        if (client->backlog.slow) {
+          log_line("{} does not read: {} is refused", client->label(), pending.what);
+          finish(sequence, try_again("the application is busy"));
+        } else if (retry_timer_ == 0) {
+          plan_retry();
+        }
+        break;
+      case Attempt::kNoBody:
+        finish(sequence, try_again("the body is lost"));
+        break;
     }
   }
 
-  // False when there is no room for it in the application's queue, or while others wait for room.
-  bool try_to_send(uint32_t sequence, Pending &pending) {
+  Attempt try_to_send(uint32_t sequence, Pending &pending) {
     Client *client = server_->by_id(pending.client);
-    if (client == nullptr) return false;
+    if (client == nullptr) return Attempt::kNoRoom;
     const bool here = client->address.empty();  // and shares our files
     SpooledBody &body = *pending.unsent;
     const size_t size = kHeaderSize + (body.file() == 0 ? body.memory().size()
                                        : here           ? size_t{ORP_MSG_HAND_OVER_PATH_SIZE}
                                                         : kBodyHead + body.text_size() + 1);
     // A message of any size finds room in an empty queue.
-    if (!client->out.empty() && client->out.weight() + size > client->out.limit()) return false;
+    if (!client->out.empty() && client->out.weight() + size > client->out.limit()) {
+      return Attempt::kNoRoom;
+    }
 
     Header header{};
     header.ulMsgType = ORP_MSG_RESTFUL_REQUEST;
@@ -300,12 +313,12 @@ class Restful final : public Service {
       std::string bytes;
       if (!body.read(&bytes)) {
         log_line("the body of {} is lost: {}", pending.what, std::strerror(errno));
-        return false;
+        return Attempt::kNoBody;
       }
       server_->outbox().send(*client, header, bytes);
     }
     pending.unsent.reset();
-    return true;
+    return Attempt::kSent;
   }
 
   // Tries again to send the requests that are held, oldest first.
@@ -313,9 +326,14 @@ class Restful final : public Service {
     retry_timer_ = server_->loop().after(kRetryPeriod, [this] {
       retry_timer_ = 0;
       bool held = false;
+      std::vector<uint32_t> lost;
       for (auto &[sequence, pending] : pending_) {
-        if (pending.unsent && !try_to_send(sequence, pending)) held = true;
+        if (!pending.unsent) continue;
+        const Attempt attempt = try_to_send(sequence, pending);
+        if (attempt == Attempt::kNoRoom) held = true;
+        if (attempt == Attempt::kNoBody) lost.push_back(sequence);
       }
+      for (const uint32_t sequence : lost) finish(sequence, try_again("the body is lost"));
       server_->outbox().flush();
       if (held) plan_retry();
     });

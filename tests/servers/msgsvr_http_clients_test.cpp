@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <fstream>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,7 @@ namespace {
 
 using test::Frame;
 using test::RawClient;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -54,6 +57,15 @@ class HttpClients {
       got.append(buffer, static_cast<size_t>(n));
     }
     return got;
+  }
+  // The same of each connection.
+  std::vector<std::string> read_all() {
+    std::vector<std::string> all;
+    for (; !fds_.empty(); fds_.pop_back()) {
+      all.push_back(read());
+      ::close(fds_.back());
+    }
+    return all;
   }
   const std::vector<int> &fds() const { return fds_; }
 
@@ -168,6 +180,129 @@ TEST_F(HttpServer, RefusesWhatAnApplicationThatDoesNotReadCannotBeGiven) {
   EXPECT_THAT(curl("/dev/set", "-d @/var/none -d body -D -").get(),
               testing::AllOf(HasSubstr("503"), HasSubstr("Retry-After: 1")));
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
+}
+
+TEST_F(HttpServer, GoesOnAfterConnectionsThatAreResetBeforeItLooks) {
+  ::kill(server_->pid(), SIGSTOP);
+  for (int i = 0; i < 3; ++i) {
+    const int fd = connect_to(8080);
+    const linger reset{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    ::close(fd);
+  }
+  ::kill(server_->pid(), SIGCONT);
+  EXPECT_EQ("/dev info", target_of("/dev/info"));
+}
+
+// An application that does not read for a while, with so much in its queue that requests are held.
+class HeldRequests : public HttpServer {
+ protected:
+  static constexpr int kRequests = 8;
+  // Eight of these are more than half of the smallest queue.
+  static constexpr size_t kSize = 1800;
+
+  void serve_slowly(const std::string &timeout_ms) {
+    serve({"--queue", "16384", "--cut-through", "4096", "--patience", "60000", "--http-timeout",
+           timeout_ms});
+    other_ = std::make_unique<RawClient>("other");
+  }
+
+  // Fills the queue of `name` until the server does not read from `other` any more: the queue is
+  // half full then.
+  void fill(const std::string &name) {
+    std::string row;
+    for (int i = 0; i < 10; ++i) {
+      row += Frame{.type = test::kType, .to = name, .body = std::string(1000, 'x')}.bytes("other");
+    }
+    RawClient settle("settle");
+    size_t at = 0;
+    for (int full = 0; full < 3;) {
+      const ssize_t sent =
+          ::send(other_->fd(), row.data() + at, row.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (sent > 0) at = (at + static_cast<size_t>(sent)) % row.size();
+      full = sent > 0 ? 0 : full + 1;
+      if (sent <= 0) settle.drain();
+    }
+  }
+
+  // Asks without waiting for the answers.
+  static void ask(HttpClients *clients) {
+    for (int i = 0; i < kRequests; ++i) {
+      EXPECT_TRUE(clients->open("GET /dev/info?" + std::string(kSize, 'q') +
+                                " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"));
+    }
+  }
+
+  // The application's next request, after what filled its queue; none when none comes.
+  static std::optional<Frame> next_of(RawClient *client, int timeout_ms) {
+    while (auto frame = client->receive(timeout_ms)) {
+      if ((frame->type & ORP_MSG_TYPE_MASK) == ORP_MSG_RESTFUL_REQUEST) return frame;
+    }
+    return std::nullopt;
+  }
+
+  std::unique_ptr<RawClient> other_;
+};
+
+TEST_F(HeldRequests, AreSentWhenTheApplicationReadsAgain) {
+  serve_slowly("30000");
+  fill("status");
+  HttpClients clients;
+  ask(&clients);
+
+  for (int i = 0; i < kRequests; ++i) {
+    const auto request = next_of(app_.get(), test::kPatience_ms);
+    ASSERT_TRUE(request) << i;
+    EXPECT_EQ(std::string(kSize, 'q'), text_of(*request));
+    answer(app_.get(), *request, "ok");
+  }
+  for (const std::string &got : clients.read_all()) EXPECT_THAT(got, HasSubstr("200 OK"));
+}
+
+TEST_F(HeldRequests, AreRefusedInTheEnd) {
+  serve_slowly("500");
+  fill("status");
+  HttpClients clients;
+  ask(&clients);
+
+  size_t busy = 0;
+  size_t silent = 0;
+  for (const std::string &got : clients.read_all()) {
+    if (got.starts_with("HTTP/1.1 503 ")) ++busy;
+    if (got.starts_with("HTTP/1.1 504 ")) ++silent;
+  }
+  EXPECT_EQ(size_t{kRequests}, busy + silent);
+  EXPECT_GT(busy, 0u);
+  EXPECT_TRUE(server_->wait_for("has no room in status[" + std::to_string(::getpid()) +
+                                "]'s queue and is refused"));
+  // What was refused is not sent later, and the next request finds room.
+  other_->close();
+  size_t sent = 0;
+  while (next_of(app_.get(), 300)) ++sent;
+  EXPECT_EQ(silent, sent);
+  EXPECT_EQ("/dev info", target_of("/dev/info"));
+}
+
+// The server reads a body only for an application that does not share its files.
+TEST_F(HttpServer, RefusesARequestWhoseBodyIsLostAtOnce) {
+  serve({"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
+  RawClient board("board", uint16_t{7070});
+  board.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = test::padded("/board", 7)});
+  board.drain();
+  HttpClients client;
+  const std::string half(50000, 'b');
+  ASSERT_TRUE(
+      client.open("POST /board/set HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
+                  "Content-Length: 100000\r\n\r\n" +
+                  half));
+  const auto files = [] { return std::filesystem::directory_iterator("/var/run/msg"); };
+  while (files() == std::filesystem::directory_iterator()) board.drain();
+  std::filesystem::remove(files()->path());
+  ASSERT_EQ(50000, ::send(client.fds()[0], half.data(), half.size(), MSG_NOSIGNAL));
+
+  EXPECT_THAT(client.read(), AllOf(HasSubstr("503"), HasSubstr("the body is lost")));
+  EXPECT_TRUE(server_->wait_for("the body of POST /board/set is lost: No such file"));
+  EXPECT_TRUE(board.quiet());
 }
 
 }  // namespace
