@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <utility>
 
+#include "msgsvr/http_guard.h"
 #include "servers/users.h"
 #include "support/file.h"
 
@@ -42,6 +44,8 @@ TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
       {"-H 'Host: [::1]:8080'", "404"},
       {"--http1.0 -H 'Host:'", "404"},
       {"-H 'Host: evil.example'", "421"},
+      {"-H 'Host: [evil'", "421"},
+      {"-H 'Host: [evil]:8080'", "421"},
       {"-H 'Host: gateway.lan.evil.example:8080'", "421"},
       {"-H 'Host: 127.0.0.1.evil.example'", "421"},
       {"-H 'Origin: http://127.0.0.1:8080'", "404"},
@@ -51,6 +55,7 @@ TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
       {"-H 'Origin: null'", "403"},
       {"-H 'Host: evil.example' -H 'Origin: http://evil.example'", "421"},
       {"-H 'Sec-Fetch-Site: cross-site'", "403"},
+      {"-H 'Sec-Fetch-Site: same-site'", "403"},
       {"-H 'Sec-Fetch-Site: same-origin'", "404"},
       {"-H 'Sec-Fetch-Site: none'", "404"},
   };
@@ -60,7 +65,7 @@ TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
             status_of("-H 'Origin: null' --data-binary @" + std::string(::getenv("MSGAPI_BIN")) +
                       "/msgsvr http://127.0.0.1:8080/y --next -s -o /var/body -w '%{http_code}'"));
   EXPECT_EQ("404", status_of(""));
-  EXPECT_THAT(log(), HasSubstr("refused by HTTP 9"));
+  EXPECT_THAT(log(), HasSubstr("refused by HTTP 12"));
   EXPECT_THAT(test::contents("/var/head"),
               AllOf(HasSubstr("Cross-Origin-Resource-Policy: same-origin"),
                     Not(HasSubstr("Access-Control-Allow"))));
@@ -81,16 +86,49 @@ TEST_F(HttpDoor, OpensWithTheToken) {
   }
 
   for (const auto &[text, mode, why] :
-       {std::tuple("0123456789abcdef", 0644, "others may read the token"),
-        std::tuple("0123456789abcde", 0600, "is no token"),
-        std::tuple("0123456789 abcdef", 0600, "is no token")}) {
-    std::ofstream(path) << text;
-    std::filesystem::permissions(path, static_cast<std::filesystem::perms>(mode));
+       {std::tuple(std::string("0123456789abcdef"), 0644, "others may read the token"),
+        std::tuple(std::string("0123456789abcde"), 0600, "is no token"),
+        std::tuple(std::string("0123456789 abcdef"), 0600, "is no token"),
+        std::tuple(std::string(257, 'x'), 0600, "is no token"),
+        std::tuple(std::string("none"), 0, "No such file"),
+        std::tuple(std::string("directory"), 0700, "is no regular file")}) {
+    std::filesystem::remove(path);
+    if (text == "directory") {
+      std::filesystem::create_directory(path);
+    } else if (text != "none") {
+      std::ofstream(path) << text;
+    }
+    if (mode != 0) {
+      std::filesystem::permissions(path, static_cast<std::filesystem::perms>(mode));
+    }
     test::Process server("msgsvr", {"--socket", "/var/run/other", "--admin", "none", "--flight",
                                     "0", "--http", "8081", "--http-token", path});
     EXPECT_EQ(1, server.wait());
     EXPECT_THAT(server.output(), HasSubstr(why));
   }
+}
+
+TEST(HttpToken, IsTheFirstLineOfLettersDigitsAndSomeSigns) {
+  static constexpr const char *kFile = "/var/token";
+  const auto read = [](const std::string &text) -> std::string {
+    std::ofstream(kFile) << text;
+    std::filesystem::permissions(kFile, std::filesystem::perms(0640));
+    try {
+      return msgsvr::read_token(kFile);
+    } catch (const std::runtime_error &) {
+      return "none";
+    }
+  };
+  for (const std::string &token :
+       {std::string("AZaz09-._~+/=1234"), std::string(16, 'x'), std::string(256, 'x')}) {
+    EXPECT_EQ(token, read(token));
+    EXPECT_EQ(token, read(token + "\r\nsecond line"));
+  }
+  // The neighbours of what is allowed.
+  for (const char bad : {'@', '[', '`', '{', ':', ',', '!', ' ', '\t', '\0', '\xe4'}) {
+    EXPECT_EQ("none", read(std::string(16, 'x') + bad)) << bad;
+  }
+  for (const size_t size : {0, 15, 257, 1000}) EXPECT_EQ("none", read(std::string(size, 'x')));
 }
 
 }  // namespace

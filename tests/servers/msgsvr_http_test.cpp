@@ -104,6 +104,73 @@ TEST_F(Restful, FindsTheLongestMatchingRegistration) {
   EXPECT_EQ("/api/?an/* state", target_of("/api/lan/1/state"));
   EXPECT_EQ("/api/** deep", target_of("/api/x/y/z/deep"));
   EXPECT_EQ("404", target_of("/api/x/y/z/shallow"));
+  // A text that is no path serves nothing, nor one that does not fit the message.
+  enter("*|?ev");
+  enter("/" + std::string(64, 'p') + "/x|/x/" + std::string(64, 'h'));
+  EXPECT_EQ("404", target_of("/other"));
+  EXPECT_EQ("404", target_of("/" + std::string(64, 'p') + "/x"));
+  EXPECT_EQ("404", target_of("/x/" + std::string(64, 'h')));
+}
+
+TEST_F(Restful, CountsAPathOnceHoweverOftenItIsRegistered) {
+  serve({"--user-paths", "4"});  // one application may have a quarter
+  for (const char *texts : {"/dev", "||/dev||", "|"}) {
+    app_->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + std::string(1, '\0')});
+    EXPECT_THAT(app_->drain(), testing::IsEmpty()) << texts;
+  }
+  EXPECT_EQ("/dev info", target_of("/dev/info"));
+  for (const char *texts : {"/other", "/dev|/dev"}) {
+    app_->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + std::string(1, '\0')});
+    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, app_->read().type) << texts;
+  }
+}
+
+TEST_F(Restful, AsksForAnotherTryWhenABodyFindsNoRoom) {
+  const std::string kNoRoom = "no room for the body\n|503|text/plain";
+  const size_t longest_inline = ORP_MSG_MAX_INLINE_BODY - sizeof(ORP_MSG_RESTFUL_REQ_ST) - 1;
+  std::ofstream("/var/long") << std::string(100000, 'b');
+  std::ofstream("/var/longer") << std::string(longest_inline + 1, 'b');
+  std::ofstream("/var/longest") << std::string(longest_inline, 'b');
+  std::filesystem::rename("/var/run/msg", "/var/run/gone");
+
+  EXPECT_EQ(kNoRoom, curl("/dev/set", "-d @/var/long").get());
+  EXPECT_EQ(kNoRoom, curl("/dev/set", "-d @/var/longer").get()) << "the NUL is too much";
+  EXPECT_EQ(kNoRoom, curl("/dev/set?" + std::string(longest_inline + 1, 'q')).get());
+  EXPECT_EQ(kNoRoom, curl("/dev/set?" + std::string(longest_inline + 2, 'q')).get());
+  auto fits = curl("/dev/set", "-d @/var/longest");
+  answer(app_.get(), next_request(), "ok");
+  EXPECT_EQ("200", status_in(fits.get()));
+
+  std::filesystem::rename("/var/run/gone", "/var/run/msg");
+  auto again = curl("/dev/set", "-d @/var/long");
+  answer(app_.get(), next_request(), "ok");
+  EXPECT_EQ("200", status_in(again.get()));
+}
+
+// Messages of anybody that cannot be read are not taken for the application's answer.
+TEST_F(Restful, FailsARequestOnlyForItsApplicationsTrouble) {
+  RawClient other("other");
+  auto got = curl("/dev/info");
+  const Frame request = next_request();
+  const std::string no_file =
+      test::padded(std::string(ORP_MSG_HAND_OVER_PREFIX) + "9", ORP_MSG_HAND_OVER_PATH_SIZE);
+  const auto refused = [&](RawClient *client, uint32_t type, const std::string &to,
+                           uint32_t sequence) {
+    client->send({.type = type | ORP_MSG_TYPE_BODY_IN_FILE,
+                  .to = to,
+                  .body = no_file,
+                  .sequence = sequence});
+    const Frame notice = client->read();
+    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type);
+    EXPECT_EQ(type, notice.data);
+  };
+  refused(&other, ORP_MSG_RESTFUL_REQUEST, "mic", request.sequence);
+  refused(app_.get(), ORP_MSG_RESTFUL_REQUEST, "mic", request.sequence + 1);
+  refused(app_.get(), ORP_MSG_RESTFUL_REQUEST, "", request.sequence);
+  refused(app_.get(), ORP_MSG_SUBSCRIBE, "mic", request.sequence);
+
+  answer(app_.get(), request, "ok");
+  EXPECT_EQ("200", status_in(got.get()));
 }
 
 TEST_F(Restful, GivesAnApplicationOfAnotherBoardTheWholeBody) {
@@ -180,6 +247,15 @@ TEST_F(Restful, PassesRequestsOfOtherApplicationsOn) {
 
   const ORP_MSG_RESTFUL_REQ_ST none{0, 0, "/none", "info"};
   front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(none) + '\0'});
+  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, front.read().type);
+
+  // The requester gives the registration's own text; also one of a list.
+  enter("/net/wan|/net/lan");
+  const ORP_MSG_RESTFUL_REQ_ST listed{0, 0, "/net", "lan"};
+  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(listed) + '\0'});
+  EXPECT_STREQ("lan", head_of(next_request()).aucHandler);
+  const ORP_MSG_RESTFUL_REQ_ST below{0, 0, "/net/lan", "up"};
+  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(below) + '\0'});
   EXPECT_EQ(ORP_MSG_UNDELIVERABLE, front.read().type);
 }
 
