@@ -9,7 +9,6 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
-#include <utility>
 
 namespace mqtt {
 namespace {
@@ -103,9 +102,6 @@ void Properties::add_bytes(int identifier, std::string_view value) {
 void Properties::add_user(const char *name, const std::string &value) {
   check_property(
       mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name, value.c_str()));
-}
-mosquitto_property *Properties::release() {
-  return std::exchange(list_, nullptr);
 }
 
 std::optional<std::string> text_property(const mosquitto_property *list, int identifier) {

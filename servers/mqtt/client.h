@@ -44,8 +44,6 @@ class Properties {
   void add_user(const char *name, const std::string &value);
 
   const mosquitto_property *get() const { return list_; }
-  // Gives the list away; the caller frees it.
-  mosquitto_property *release();
 
  private:
   mosquitto_property *list_ = nullptr;

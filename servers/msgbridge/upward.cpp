@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "msgapi/event.h"
 #include "msgbridge/json_text.h"
@@ -45,14 +46,16 @@ std::optional<std::string> convert(uint32_t type, std::string_view body) {
   return text;
 }
 
-}  // namespace
-
-std::optional<std::string> event_text(uint32_t type, std::string_view data) {
+// The text of an event: made of `data` where that is a publisher's DM body, else `data` up to its
+// first NUL. The text need not be JSON.
+std::string event_text(uint32_t type, std::string_view data) {
   if (type < ORP_MSG_FIRST_JSON_EVENT) {
-    if (auto text = convert(type, data)) return text;
+    if (auto text = convert(type, data)) return std::move(*text);
   }
   return std::string(data.substr(0, data.find('\0')));
 }
+
+}  // namespace
 
 Upward::Upward(std::vector<UpRule> rules, std::string prefix, std::string gateway)
     : rules_(std::move(rules)), prefix_(std::move(prefix)), gateway_(std::move(gateway)) {
@@ -74,8 +77,8 @@ bool Upward::passes(const UpRule &rule, Limiter *limiter, int64_t now_ms) {
 }
 
 std::optional<Event> Upward::take(uint32_t type, std::string_view data, const Spool::Now &now) {
-  std::optional<std::string> text = event_text(type, data);
-  std::optional<Json> json = text ? parse_json(*text) : std::nullopt;
+  std::string text = event_text(type, data);
+  std::optional<Json> json = parse_json(text);
   if (!json || !json->is_object()) {
     ++counters_.unreadable;
     return std::nullopt;
@@ -99,7 +102,7 @@ std::optional<Event> Upward::take(uint32_t type, std::string_view data, const Sp
   return Event{.boot = now.boot,
                .wall_ms = now.wall_ms,
                .topic = rule->topic.expand({prefix_, gateway_, module, event}),
-               .payload = std::move(*text),
+               .payload = std::move(text),
                .qos = rule->qos,
                .retain = rule->retain};
 }

@@ -14,10 +14,6 @@
 
 namespace msgbridge {
 
-// The text of an event: made of `data` where that is a publisher's DM body, else `data` up to its
-// first NUL. The text need not be JSON.
-std::optional<std::string> event_text(uint32_t type, std::string_view data);
-
 class Upward {
  public:
   struct Counters {
