@@ -324,15 +324,15 @@ void Spool::reserve() {
     return static_cast<uint64_t>(
         db.number("SELECT page_count*page_size FROM pragma_page_count, pragma_page_size"));
   };
-  uint64_t there = size();
-  if (there >= wanted) return;
+  if (size() >= wanted) return;
   try {
     // In steps, so that SQLite's log stays short.
     const uint64_t step = disk_is_small() ? kSmallReserveStep : kReserveStep;
     db.execute("CREATE TABLE room(bytes BLOB)");
     {
       const Statement grow = db.prepare("INSERT INTO room VALUES(zeroblob(?))");
-      for (; there < wanted; there += step) Query(grow, {number(step)}).step();
+      // The file grows only after its free pages have been used.
+      while (size() < wanted) Query(grow, {number(step)}).step();
     }
     db.execute("DROP TABLE room");
   } catch (const DiskError &error) {

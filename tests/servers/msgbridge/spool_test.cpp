@@ -477,4 +477,129 @@ TEST(SpoolKilled, HasEverythingThatWasCommitted) {
   }
 }
 
+TEST(Spool, KeepsEverythingOfAnEvent) {
+  const Event event{.boot = g_now.boot,
+                    .wall_ms = 1'234'567'890'123,
+                    .topic = "a/\xc3\xa9",
+                    .payload = std::string("\0\xff{}", 4),
+                    .qos = 2,
+                    .retain = true};
+  {
+    Spool spool(options(), now);
+    spool.append(event);
+    spool.append({.boot = g_now.boot, .topic = "t", .payload = "", .qos = 0});
+    ASSERT_TRUE(spool.commit());
+  }
+  Spool spool(options(), now);
+  const auto item = spool.next();
+  ASSERT_TRUE(item);
+  const auto &kept = std::get<Event>(*item);
+  EXPECT_EQ(event.boot, kept.boot);
+  EXPECT_EQ(event.wall_ms, kept.wall_ms);
+  EXPECT_EQ(event.topic, kept.topic);
+  EXPECT_EQ(event.payload, kept.payload);
+  EXPECT_EQ(2, kept.qos);
+  EXPECT_TRUE(kept.retain);
+  EXPECT_THAT(read(&spool), ElementsAre("2 "));
+}
+
+TEST(Spool, WhatTheBrokerSaysTwiceCountsOnce) {
+  Spool spool(options(), now);
+  add_and_commit(&spool, {"a", "b", "c"});
+  read(&spool);
+  for (const uint64_t sequence : {1, 1}) spool.acknowledge(sequence);
+  for (const uint64_t sequence : {2, 2}) spool.refuse(sequence);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(1u, spool.waiting());
+  EXPECT_EQ(1u, spool.given_up());
+  spool.acknowledge(1);
+  spool.refuse(1);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(1u, spool.waiting());
+  EXPECT_EQ(1u, spool.given_up()) << "what the broker has is no loss";
+  EXPECT_THAT(read(&spool), ElementsAre("refused 2-2 1"));
+}
+
+TEST(Spool, WhatIsOnItsWayIsNotGivenUpForSomethingNew) {
+  const std::string payload(2000, 'x');
+  Spool spool(options(65536), now);
+  for (int i = 0; i < 30; ++i) add(&spool, payload);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(30u, read(&spool).size());
+  add(&spool, payload);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(31u, spool.waiting()) << "there is nothing else to give up";
+  EXPECT_EQ(0u, spool.given_up());
+  add(&spool, "new");
+  ASSERT_TRUE(spool.commit());
+  EXPECT_THAT(read(&spool), ElementsAre("full 31-31 1", "32 new"));
+  for (uint64_t i = 1; i <= 32; ++i) spool.acknowledge(i);
+  ASSERT_TRUE(spool.commit());
+  EXPECT_EQ(0u, spool.waiting());
+  EXPECT_EQ(0u, spool.waiting_bytes());
+}
+
+TEST(Spool, AcknowledgementsInAnyOrderSurviveARestart) {
+  {
+    Spool spool(options(), now);
+    add_and_commit(&spool, {"1", "2", "3", "4", "5", "6"});
+    read(&spool);
+    for (const uint64_t sequence : {5, 2, 3, 6}) spool.acknowledge(sequence);
+    ASSERT_TRUE(spool.commit());
+    EXPECT_EQ(2u, spool.waiting());
+  }
+  Spool spool(options(), now);
+  EXPECT_EQ(2u, spool.waiting());
+  EXPECT_THAT(read(&spool), ElementsAre("1 1", "4 4"));
+  spool.acknowledge(4);
+  spool.rewind();
+  ASSERT_TRUE(spool.commit());
+  EXPECT_THAT(read(&spool), ElementsAre("1 1"));
+  EXPECT_EQ(6u, spool.last_sequence()) << "the last number was used, though its event is gone";
+}
+
+TEST(Spool, WaitsForADirectoryThatCannotBeMadeYet) {
+  std::ofstream("/var/spool_test") << "in the way";
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), testing::HasSubstr("unable to open"));
+  add(&spool, "a");
+  EXPECT_FALSE(spool.commit());
+  EXPECT_FALSE(spool.reads());
+  fs::remove("/var/spool_test");
+  ASSERT_TRUE(spool.commit()) << spool.problem();
+  EXPECT_THAT(read(&spool), ElementsAre("1 a"));
+}
+
+TEST_F(SpoolOnSmallDisk, SaysHowMuchOfItsSpaceItCannotTake) {
+  mount("size=4m");
+  SpoolOptions reserving = options();
+  reserving.reserve = true;
+  const auto take_all_but = [](uintmax_t bytes) {
+    fill();
+    fs::resize_file("/var/spool_test/filler", fs::file_size("/var/spool_test/filler") - bytes);
+  };
+  take_all_but(700'000);
+  {
+    Spool spool(reserving, now);
+    EXPECT_THAT(spool.problem(), testing::HasSubstr("bytes can be taken now"));
+    EXPECT_THAT(spool.problem(), testing::HasSubstr("of 1310720"));
+    add_and_commit(&spool, {"a"});
+  }
+  free();
+  Spool spool(reserving, now);
+  EXPECT_EQ("", spool.problem()) << "the next start takes the rest";
+  EXPECT_LE(1'310'720u, fs::file_size(kPath));
+  EXPECT_THAT(read(&spool), ElementsAre("1 a"));
+}
+
+TEST_F(SpoolOnSmallDisk, ADamagedFileIsRemovedWhereTwoHaveNoRoom) {
+  mount("size=1m");
+  std::ofstream(kPath) << std::string(100'000, 'x');
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), testing::HasSubstr("damaged"));
+  EXPECT_FALSE(fs::exists(std::string(kPath) + ".damaged"));
+  add_and_commit(&spool, {"a"});
+  EXPECT_THAT(read(&spool), ElementsAre("1 a"));
+}
+
 }  // namespace
