@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -10,9 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "cfmapi.h"
 #include "msgbridge/backoff.h"
 #include "msgbridge/identity.h"
 #include "msgbridge/topics.h"
+#include "support/store.h"
 
 namespace {
 
@@ -125,6 +128,21 @@ TEST(BridgeConfig, PointsAtMistakes) {
       {R"("spool": {"path": "x"})", "'path' begins with /"},
       {R"("spool": {"bytes": 10})", "'bytes'"},
       {R"("broker": 5)", "twice"},
+      {R"("up": [5])", "a rule of 'up'"},
+      {R"("up": [{"payload": 5}])", "'payload'"},
+      {R"("prefix": "$SYS")", "'prefix'"},
+      {R"("gateway_item": 0)", "'gateway_item'"},
+      {R"("down": [])", "'down'"},
+      {R"("down": {"rest": {}})", "'rest' must be a list"},
+      {R"("down": {"rest": [{}]})", "'path'"},
+      {R"("down": {"calls": {}})", "'calls' must be a list"},
+      {R"("down": {"calls": [{"app": "a/b", "type": "read-it"}]})", "'app'"},
+      {R"("down": {"calls": [{"app": "cms", "type": 0}]})", "'type'"},
+      {R"("down": {"calls": [{"app": "cms", "type": 4294967296}]})", "'type'"},
+      {R"("down": {"calls": [{"app": "cms", "type": true}]})", "'type'"},
+      {R"("down": {"calls": [{"app": "cms", "type": "0x4242", "timeout_ms": 0}]})", "'timeout_ms'"},
+      {R"("spool": 5)", "'spool'"},
+      {R"("metrics_s": 0)", "'metrics_s'"},
   };
   for (const auto &each : kMistakes) {
     try {
@@ -235,6 +253,81 @@ TEST(BridgeBackoff, SpreadsAFleetOverItsLimit) {
     }
     EXPECT_GT(1200, *std::ranges::max_element(tenths)) << failures;
   }
+}
+
+TEST(BridgeName, IsTheItemOfEquipmentDataThatTheConfigurationNames) {
+  Config config;
+  config.gateway_item = CFM_EQUIP_SOFTWARE_VERSION;
+  const auto why_not = [&config] {
+    try {
+      return "it is " + msgbridge::gateway_name(config, "/nonexistent");
+    } catch (const std::runtime_error &error) {
+      return std::string(error.what());
+    }
+  };
+  EXPECT_THAT(why_not(), HasSubstr("item 0x80000337 of equipment data"));
+  const auto put = [](std::string_view text) {
+    test::define(CFM_AREA_EQUIPMENT, CFM_EQUIP_SOFTWARE_VERSION, CFM_TYPE_TEXT, 32, text);
+  };
+  put("");
+  EXPECT_THAT(why_not(), HasSubstr("or is empty"));
+  put("GW 0042/a");
+  EXPECT_EQ("it is GW 0042/a", why_not());
+  config.gateway = "named";
+  EXPECT_EQ("it is named", why_not()) << "the configuration's own name comes first";
+}
+
+TEST(BridgeConfig, PointsAtMistakesAboutTheBroker) {
+  const struct {
+    const char *broker;
+    const char *why;
+  } kMistakes[] = {
+      {"5", "'broker'"},
+      {"{}", "'addresses'"},
+      {R"({"addresses": "mqtt://a"})", "'addresses' must be a list"},
+      {R"({"addresses": [5]})", "'addresses'"},
+      {R"({"addresses": ["http://a"]})", "mqtt:// or mqtts://"},
+      {R"({"addresses": ["mqtts://a"], "tls": 5})", "'tls'"},
+      {R"({"addresses": ["mqtts://a"], "tls": {"verify": 1}})", "'verify'"},
+      {R"({"addresses": ["mqtts://a"], "tls": {"certificate": "/c"}})", "together"},
+      {R"({"addresses": ["mqtt://a"], "reconnect": 5})", "'reconnect'"},
+      {R"({"addresses": ["mqtt://a"], "in_flight": 0})", "'in_flight'"},
+      {R"({"addresses": ["mqtt://a"], "keep_alive_s": 4})", "'keep_alive_s'"},
+  };
+  for (const auto &each : kMistakes) {
+    try {
+      msgbridge::read_config(std::string("{\"broker\": ") + each.broker + "}", types());
+      ADD_FAILURE() << each.broker;
+    } catch (const catalogue::JsonError &error) {
+      EXPECT_THAT(error.what(), HasSubstr(each.why)) << each.broker;
+    }
+  }
+  const std::string prefix(201, 'p');
+  EXPECT_THROW(msgbridge::read_config(file_of("\"prefix\": \"" + prefix + "\""), types()),
+               catalogue::JsonError);
+  EXPECT_EQ(200u,
+            msgbridge::read_config(file_of("\"prefix\": \"" + prefix.substr(1) + "\""), types())
+                .prefix.size());
+  for (const std::string &host : {std::string(254, 'a'), std::string("[]"), std::string("a?b")}) {
+    EXPECT_THROW(mqtt::read_address("mqtt://" + host), std::invalid_argument) << host;
+  }
+  EXPECT_EQ("mqtt://[fe80::1%eth0]:1883", mqtt::read_address("mqtt://[fe80::1%eth0]").text());
+}
+
+TEST(BridgeConfig, CredentialsHaveAUserAndPerhapsAPassword) {
+  const std::string path = "/var/credentials";
+  const auto read = [&path](const char *text) {
+    std::ofstream(path) << text;
+    EXPECT_EQ(0, ::chmod(path.c_str(), 0600));
+    return mqtt::read_credentials(path);
+  };
+  EXPECT_EQ("", read(R"({"user": "gw"})").password);
+  for (const char *text : {R"({"password": "x"})", R"({"user": 5})", "[]",
+                           R"({"user": "gw", "password": 5})", R"({"user": "gw", "pass": "x"})"}) {
+    EXPECT_THROW(read(text), catalogue::JsonError) << text;
+  }
+  ASSERT_EQ(0, ::unlink(path.c_str()));
+  EXPECT_THROW(mqtt::read_credentials(path), catalogue::Unreadable);
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -212,6 +214,126 @@ TEST(SpoolLosses, AreToldOnceAndInOrder) {
   }
   EXPECT_EQ(refused, told);
   EXPECT_LT(100u, told_before);
+}
+
+TEST(SpoolDamage, AFileOfAnotherReleaseStaysAsItIs) {
+  { Spool spool(options(), now); }
+  ASSERT_EQ(SQLITE_OK, done_by_another("PRAGMA user_version=2"));
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), HasSubstr("another release; remove it or name another file"));
+  EXPECT_FALSE(spool.commit());
+  EXPECT_FALSE(fs::exists(kPath + ".damaged"));
+}
+
+TEST(SpoolDamage, AFileWithoutItsStateIsDamaged) {
+  {
+    Spool spool(options(), now);
+    add(&spool, 1);
+  }
+  ASSERT_EQ(SQLITE_OK, done_by_another("DELETE FROM state"));
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), HasSubstr("was damaged, is begun anew"));
+  add(&spool, 1);
+  Heard heard;
+  hear(&spool, &heard);
+  EXPECT_THAT(heard.events, testing::ElementsAre(1));
+}
+
+TEST(SpoolDamage, AFileThatAnotherHoldsIsNotDamaged) {
+  { Spool spool(options(), now); }
+  sqlite3 *other = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(kPath.c_str(), &other));
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+  Spool spool(options(), now);
+  EXPECT_THAT(spool.problem(), HasSubstr("locked"));
+  EXPECT_FALSE(spool.commit());
+  sqlite3_close(other);
+  EXPECT_TRUE(spool.commit()) << spool.problem();
+  EXPECT_FALSE(fs::exists(kPath + ".damaged"));
+  add(&spool, 1);
+}
+
+TEST(SpoolDamage, WhatTheBrokerHasRefusedIsNotCalledDamaged) {
+  Spool spool(options(), now);
+  add(&spool, 600);
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(spool.next());
+  spool.acknowledge(1);
+  spool.refuse(2);
+  spool.acknowledge(3);
+  spool.refuse(3);  // the broker has it all the same
+  damage();
+
+  Heard heard;
+  hear(&spool, &heard);
+  ASSERT_TRUE(spool.commit());
+  spool.rewind();
+  hear(&spool, &heard);
+  ASSERT_EQ(2u, heard.losses.size());
+  EXPECT_EQ((Loss{2, 2, 1, Reason::kRefused}), heard.losses[0]);
+  EXPECT_EQ(Reason::kDamaged, heard.losses[1].reason);
+  EXPECT_EQ(597u, heard.losses[1].count);
+  EXPECT_EQ(600u, heard.losses[1].last);
+  EXPECT_EQ(598u, spool.given_up());
+}
+
+// While it lives, no file grows beyond `bytes`, and a write there fails.
+class LargestFile {
+ public:
+  explicit LargestFile(rlim_t bytes) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit few{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &few);
+  }
+  ~LargestFile() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+TEST(SpoolDamage, ADiskThatFailsIsAskedAgain) {
+  Spool spool(options(), now);
+  add(&spool, 3);
+  {
+    const LargestFile nothing(1);
+    spool.append({.boot = g_now.boot, .topic = "t", .payload = "x"});
+    EXPECT_FALSE(spool.commit());
+    EXPECT_THAT(spool.problem(), HasSubstr("I/O error"));
+    EXPECT_FALSE(spool.reads());
+    EXPECT_FALSE(spool.commit());
+  }
+  ASSERT_TRUE(spool.commit()) << spool.problem();
+  Heard heard;
+  hear(&spool, &heard);
+  EXPECT_THAT(heard.events, testing::ElementsAre(1, 2, 3, 4));
+  EXPECT_EQ(0u, spool.begun_anew());
+}
+
+TEST(SpoolDamage, AnotherSpoolInItsPlaceIsNotItsOwn) {
+  fs::create_directories("/var/damaged");
+  {
+    Spool other(options(), now);
+    add(&other, 9);
+  }
+  fs::rename("/var/damaged", "/var/other");
+  Spool spool(options(), now);
+  const std::string stream = spool.stream();
+  add(&spool, 3);
+  {
+    const LargestFile nothing(1);
+    spool.append({.boot = g_now.boot, .topic = "t", .payload = "x"});
+    EXPECT_FALSE(spool.commit());
+  }
+  fs::remove_all("/var/damaged");
+  fs::rename("/var/other", "/var/damaged");
+  ASSERT_TRUE(spool.commit()) << spool.problem();
+  spool.rewind();
+  Heard heard;
+  hear(&spool, &heard);
+  EXPECT_EQ(stream, spool.stream());
+  EXPECT_THAT(heard.losses, testing::ElementsAre(Loss{1, 3, 3, Reason::kDamaged}));
+  EXPECT_THAT(heard.events, testing::ElementsAre(4)) << "none of the other one's";
+  EXPECT_TRUE(fs::exists(kPath + ".damaged"));
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 
+#include <array>
+#include <cstring>
 #include <string>
 #include <variant>
 
+#include "msgapi/dmmsg.h"
 #include "msgapi/event.h"
 #include "msgbridge/downward.h"
 #include "msgbridge/json_text.h"
@@ -270,6 +273,114 @@ TEST(BridgeJson, OfTooManyMembersIsNoEventAndNoRequest) {
   const Request request = msgbridge::read_request(
       {"gw/me/call/cms/0x4242", with_members(5000, "1")}, kBase, config.down, known_types());
   EXPECT_EQ(AnswerStatus::kBadRequest, std::get<Refusal>(request).status);
+}
+
+// ---- What publishers and askers may send --------------------------------------------------------
+
+TEST(BridgeUp, RulesCompareMembersOfEveryKind) {
+  Upward upward = upward_of(
+      R"([{"payload": {"n": "7", "up": "true", "list": "[1,*"}, "topic": "fits"}, {"event": "Any"}])");
+  const auto take = [&upward](const std::string &payload) {
+    return topic_of(upward.take(ORP_MSG_EVENT_WAN, event("Up", payload), kNow));
+  };
+  EXPECT_EQ("fits", take(R"({"n": 7, "up": true, "list": [1, 2]})"));
+  EXPECT_EQ("fits", take(R"({"n": "7", "up": "true", "list": "[1,"})"));
+  EXPECT_EQ("none", take(R"({"n": 7, "up": true})")) << "a member that is not there fits nothing";
+  EXPECT_EQ("none", take(R"({"n": 7, "up": false, "list": [1, 2]})"));
+  EXPECT_EQ("none", take(R"("n")"));
+  EXPECT_EQ("none", topic_of(upward.take(ORP_MSG_EVENT_WAN, R"({"EventType": "Up"})", kNow)));
+  EXPECT_EQ("none", topic_of(upward.take(ORP_MSG_EVENT_WAN, "[7]", kNow)));
+}
+
+TEST(BridgeUp, ATypeWithoutAModuleGoesByWhatTheEventSays) {
+  constexpr uint32_t kUnknown = ORP_MSG_EVENT_BEHAVIOR + 1;
+  Upward upward = upward_of(R"([{"topic": "{module}/{event}"}])");
+  const auto take = [&upward](const char *text) {
+    return topic_of(upward.take(kUnknown, text, kNow));
+  };
+  EXPECT_EQ("usb2/Plugged", take(R"({"Module": "usb2", "EventType": "Plugged"})"));
+  EXPECT_EQ("-/5", take(R"({"EventType": 5})"));
+  EXPECT_EQ("null/-", take(R"({"Module": null})"));
+}
+
+// The body of an event with one member, as it reaches subscribers of the types whose publishers'
+// form stays.
+std::string items_of(const char *type, const char *name, const char *value) {
+  void *body = nullptr;
+  EXPECT_EQ(0u, ORP_DMMSG_Builder(&body, "", 0));
+  const auto append = [&body](const char *item, const char *text) {
+    EXPECT_EQ(0u, ORP_DMMSG_AppendItem(&body, 0, item, text,
+                                       static_cast<uint32_t>(std::strlen(text) + 1)));
+  };
+  append("EventType", type);
+  append(name, value);
+  std::array<uint32_t, 3> words;  // magic, capacity, free
+  std::memcpy(words.data(), body, sizeof words);
+  words[1] -= words[2];
+  words[2] = 0;
+  std::string sealed(static_cast<const char *>(body), words[1]);
+  sealed.replace(0, sizeof words, reinterpret_cast<const char *>(words.data()), sizeof words);
+  ORP_DMMSG_Free(body);
+  return sealed;
+}
+
+TEST(BridgeUp, NamedItemsBecomeJson) {
+  Upward upward = upward_of("[{}]");
+  const std::string items = items_of("LowBattery", "serial", "ABC-1234567");
+  const auto taken = upward.take(ORP_MSG_EVENT_DEVICE, items, kNow);
+  ASSERT_TRUE(taken);
+  EXPECT_EQ("gw/me/event/device/LowBattery", taken->topic);
+  const Json json = Json::parse(taken->payload);
+  EXPECT_EQ("device", json["Module"]);
+  EXPECT_TRUE(json["Payload"].contains("serial"));
+
+  for (const size_t cut : {size_t{1}, items.size() - 1}) {
+    EXPECT_FALSE(upward.take(ORP_MSG_EVENT_DEVICE, items.substr(0, items.size() - cut), kNow))
+        << "without its last bytes: " << cut;
+  }
+  EXPECT_EQ(2u, upward.counters().unreadable);
+}
+
+TEST_F(BridgeDown, PathsAndBodiesAreReadToTheLetter) {
+  const Config wide = config_of(R"("down": {
+      "rest": [{"path": "/*"}, {"path": "/x/**"}, {"method": "delete", "path": "/dev/led"},
+               {"method": "put", "path": "/dev/led"}],
+      "calls": [{"app": "cms", "type": "0x4242"}]})");
+  const auto ask = [&wide](const std::string &topic, const std::string &payload) {
+    return msgbridge::read_request({topic, payload}, kBase, wide.down, types());
+  };
+  const struct {
+    std::string topic;
+    const char *payload;
+    int status;
+    const char *why;
+  } kRefused[] = {
+      {"gw/me/rest/get/top", "", 404, "nobody can serve /top"},
+      {"gw/me/rest/get/x/" + std::string(64, 'y') + "/z", "", 404, "nobody can serve"},
+      {"gw/me/rest/get/dev/\x01", "", 400, "the path is none"},
+      {"gw/me/rest/get", "", 404, "nobody can serve /"},
+      {"gw/me/rest/put/dev/led", "", 400, "the body is no JSON"},
+      {"gw/meander/call/cms/0x4242", "", 400, "not a topic of this gateway"},
+      {"gw/me", "", 400, "not a topic of this gateway"},
+      {"gw/me/call/cms/0x4242", R"({"data": "7"})", 400, "'data' is no number"},
+      {"gw/me/call/cms/0x4242", R"({"data": 1.5})", 400, "'data' is no number"},
+  };
+  for (const auto &each : kRefused) {
+    const Request request = ask(each.topic, each.payload);
+    const auto *refusal = std::get_if<Refusal>(&request);
+    ASSERT_NE(nullptr, refusal) << each.topic;
+    EXPECT_EQ(each.status, static_cast<int>(refusal->status)) << each.topic;
+    EXPECT_THAT(refusal->why, HasSubstr(each.why));
+  }
+
+  EXPECT_EQ(3u, std::get<RestRequest>(ask("gw/me/rest/delete/dev/led", "")).code)
+      << "a query needs no body";
+  const auto body_of = [&ask](const char *payload) {
+    return std::get<CallRequest>(ask("gw/me/call/cms/0x4242", payload)).body;
+  };
+  EXPECT_EQ("", body_of(R"({"body": null})"));
+  EXPECT_EQ(std::string("7") + '\0', body_of(R"({"body": 7})"));
+  EXPECT_EQ(std::string(1, '\0'), body_of(R"({"body": ""})"));
 }
 
 }  // namespace
