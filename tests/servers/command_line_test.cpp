@@ -88,10 +88,15 @@ TEST(CommandLine, NamesTheProgramAndTheMistake) {
     std::vector<std::string> words;
     const char *said;
   } kMistakes[] = {
-      {{"--nme", "x"}, "--nme"},         {{"--name"}, "--name"},
-      {{"--count", "0"}, "--count"},     {{"--count", "4000000001"}, "--count"},
-      {{"--count", "-1"}, "--count"},    {{"--count", "many"}, "--count"},
-      {{"--colour", "red"}, "--colour"}, {{"file", "another\x1b[2J\xc2\x9b"}, "another?[2J?"},
+      {{"--nme", "x"}, "--nme"},
+      {{"--name"}, "--name"},
+      {{"--count", "0"}, "--count"},
+      {{"--count", "4000000001"}, "--count"},
+      {{"--count", "-1"}, "--count"},
+      {{"--count", "many"}, "--count"},
+      {{"--colour", "red"}, "--colour"},
+      {{"file", "another\x1b[2J\xc2\x9b"}, "another?[2J?"},
+      {{"file", "a\x7f\xc2\xa9\xc2"}, "a?\xc2\xa9\xc2"},
   };
   for (const auto &mistake : kMistakes) {
     SCOPED_TRACE(mistake.said);
@@ -109,9 +114,11 @@ TEST(CommandLine, NamesTheProgramAndTheMistake) {
 
 TEST(CommandLine, RunsTheOneCommandThatIsGiven) {
   CommandLine line("tool", "A tool.");
-  std::string place, done;
+  std::string place, name = "name", done;
   const auto get = [&] { done += "get " + place; };
-  line.command("get", "Print", get).argument("PLACE", &place, "where", Presence::kRequired);
+  servers::Command command = line.command("get", "Print", get);
+  command.argument("PLACE", &place, "where", Presence::kRequired);
+  command.option("--as", &name, "as whom");
   line.command("fail", "Cannot", [] { throw servers::UsageError("not like this"); });
 
   testing::internal::CaptureStderr();
@@ -124,6 +131,10 @@ TEST(CommandLine, RunsTheOneCommandThatIsGiven) {
 
   EXPECT_EQ(std::nullopt, parse(&line, {"get", "here"}));
   EXPECT_EQ("get here", done);
+  EXPECT_EQ(std::nullopt, parse(&line, {"get", "--as=", "there"}));
+  EXPECT_EQ("get hereget there", done);
+  EXPECT_EQ("", name);
+  EXPECT_EQ(kUsageStatus, parse(&line, {"get", "--like=", "there"}));
 }
 
 TEST(CommandLine, ShowsDefaultsThatMeanSomething) {

@@ -2,16 +2,20 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <new>
 #include <random>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -138,6 +142,31 @@ TEST(FlightRecorder, MovesTheOldFileAsideAndNobodyElseMayReadTheNewOne) {
   EXPECT_EQ(check_message(entry, 0), 1u);
 }
 
+TEST(FlightRecorder, LeavesNothingBehindWhereItCannotRecord) {
+  const auto refusal = [](const std::string &path, uint64_t size) {
+    try {
+      Recorder(path, size, 0);
+    } catch (const std::system_error &error) {
+      EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+      return error.code().value();
+    }
+    return 0;
+  };
+  for (const uint64_t size :
+       {uint64_t{0}, flight::kLeastRing / 2, flight::kLeastRing + 8, flight::kMostRing * 2}) {
+    EXPECT_EQ(EINVAL, refusal(kPath, size)) << size;
+  }
+  EXPECT_EQ(ENOENT, refusal("/no/directory/flight", flight::kLeastRing));
+  // What it can neither move aside nor replace.
+  std::filesystem::create_directories(kPath + "/kept");
+  std::ofstream(kPath + ".1") << "a file";
+  EXPECT_EQ(EISDIR, refusal(kPath, flight::kLeastRing));
+  EXPECT_TRUE(std::filesystem::exists(kPath + "/kept"));
+
+  ASSERT_EQ(0, ::mount("small", "/mnt", "tmpfs", 0, "size=16k"));
+  EXPECT_EQ(ENOSPC, refusal("/mnt/flight", flight::kLeastRing));
+}
+
 TEST(FlightRecorder, OverwritesTheOldestWhateverTheLengths) {
   constexpr uint32_t kMessages = 20000;
   Recorder recorder(kPath, flight::kLeastRing, 200);
@@ -255,8 +284,73 @@ TEST(FlightReader, RefusesWhatIsNoFileOfTheRecorder) {
   EXPECT_THAT(refusal(changed(0, 0, 8)), testing::HasSubstr("no file of the flight recorder"));
   EXPECT_THAT(refusal(changed(8, 2, 4)), testing::HasSubstr("another version"));
   EXPECT_THAT(refusal(changed(16, flight::kLeastRing - 8, 8)), testing::HasSubstr("its size"));
-  EXPECT_THROW(Reader::follow("/nonexistent"), std::runtime_error);
-  EXPECT_THROW(Reader::follow("/dev/zero"), std::runtime_error);
+  for (const uint64_t size : {flight::kLeastRing / 2, flight::kLeastRing + 8,
+                              flight::kLeastRing * 2, flight::kMostRing * 2}) {
+    EXPECT_THAT(refusal(changed(16, size, 8)), testing::HasSubstr("its size")) << size;
+  }
+  EXPECT_THAT(refusal(changed(12, 8192, 4)), testing::HasSubstr("its size"));
+}
+
+TEST(FlightReader, SaysWhyAFileCannotBeRead) {
+  const auto refusals = [](const std::string &path) {
+    std::string said;
+    for (const bool follows : {true, false}) {
+      try {
+        follows ? Reader::follow(path) : Reader::load(path);
+      } catch (const std::runtime_error &error) {
+        const std::string what = error.what();
+        EXPECT_TRUE(what.starts_with(path + ": ")) << what;
+        said += what.substr(path.size() + 2) + "\n";
+      }
+    }
+    return said;
+  };
+  const auto both = [](const std::string &why) { return why + "\n" + why + "\n"; };
+
+  EXPECT_EQ(both("there is no such file; is msgsvr running, with --flight?"),
+            refusals("/nonexistent"));
+  EXPECT_EQ(both("Not a directory"), refusals("/dev/null/file"));
+  EXPECT_EQ(both("this is no regular file"), refusals("/dev/zero"));
+  std::ofstream(kPath) << "short";
+  EXPECT_EQ(both("this is no file of the flight recorder (its size cannot be)"), refusals(kPath));
+  ::truncate(kPath.c_str(), static_cast<off_t>(flight::kRingOffset + 2 * flight::kMostRing));
+  EXPECT_EQ(both("this is no file of the flight recorder (its size cannot be)"), refusals(kPath));
+  ::truncate(kPath.c_str(), static_cast<off_t>(flight::kRingOffset + flight::kLeastRing));
+  EXPECT_EQ(
+      "this is no file of the flight recorder\n"
+      "flight file: this is no file of the flight recorder\n",
+      refusals(kPath));
+  ASSERT_EQ(0, ::chmod(kPath.c_str(), 0600));
+  if (::geteuid() == 0 && ::seteuid(65534) == 0) {
+    EXPECT_EQ(both("only the server's own user may read it"), refusals(kPath));
+    ASSERT_EQ(0, ::seteuid(0));
+  }
+}
+
+TEST(FlightReader, KnowsThatItsFileIsGoneAndWhatItSkipped) {
+  Recorder recorder(kPath, flight::kLeastRing, 300);
+  Reader reader = Reader::follow(kPath);
+  for (uint32_t value = 1; value <= 5; ++value) record_message(&recorder, value);
+  reader.skip_to_end();
+  record_message(&recorder, 6);
+
+  Entry entry;
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(6u, check_message(entry, 300));
+  EXPECT_EQ(1u, reader.seen());
+  reader.skip_to_end();
+  record_message(&recorder, 7);
+  reader.skip_to_end();
+  record_message(&recorder, 8);
+  ASSERT_EQ(Reader::Next::kEntry, reader.next(&entry));
+  EXPECT_EQ(8u, check_message(entry, 300));
+  EXPECT_EQ(0u, reader.missed()) << "what was skipped is not missed";
+
+  EXPECT_FALSE(reader.replaced());
+  const Reader copy(file_bytes(kPath));
+  std::filesystem::remove(kPath);
+  EXPECT_TRUE(reader.replaced());
+  EXPECT_FALSE(copy.replaced());
 }
 
 TEST(FlightReader, ReadsAgainAsIfForTheFirstTime) {
@@ -280,6 +374,65 @@ TEST(FlightReader, ReadsAgainAsIfForTheFirstTime) {
     EXPECT_EQ(first.size(), reader.seen());
     EXPECT_EQ(0u, reader.missed());
   }
+}
+
+TEST(FlightReader, NamesEachThingThatCannotBe) {
+  uint64_t head;
+  {
+    Recorder recorder(kPath, flight::kLeastRing, 0);  // begins with a record of the clock
+    for (uint32_t value = 1; value < 100; ++value) record_message(&recorder, value);
+  }
+  const std::vector<char> good = file_bytes(kPath);
+  std::memcpy(&head, good.data() + offsetof(flight::FileHead, head), sizeof head);
+  const auto of_record = [](uint64_t position, size_t member) {
+    return flight::kRingOffset + position + member;
+  };
+  const struct {
+    size_t at;
+    uint64_t value;
+    size_t size;
+  } damages[] = {
+      {offsetof(flight::FileHead, head), 2 * flight::kLeastRing, 8},
+      {offsetof(flight::FileHead, head), head + 4, 8},
+      {offsetof(flight::FileHead, tail), head + 8, 8},
+      {offsetof(flight::FileHead, tail), 4, 8},
+      {of_record(0, offsetof(flight::Record, size)), sizeof(flight::Record) + 4, 4},
+      {of_record(0, offsetof(flight::Record, size)), 8, 4},
+      {of_record(0, offsetof(flight::Record, size)), head + 8, 4},
+      {of_record(0, offsetof(flight::Record, size)), flight::kMostRecord + 8, 4},
+      {of_record(0, offsetof(flight::Record, kind)), flight::kLastKind + 1u, 1},
+      {of_record(0, offsetof(flight::Record, kind)), 0, 1},  // a filler in the middle
+      {of_record(0, offsetof(flight::Record, loss)), flight::kLastLoss + 1u, 1},
+      {of_record(0, offsetof(flight::Record, kept)), 1, 2},
+      {of_record(0, offsetof(flight::Record, number)), 0, 8},
+      {of_record(sizeof(flight::Record), offsetof(flight::Record, number)), 1, 8},
+  };
+  const auto end_of = [](Reader reader) {
+    Entry entry;
+    Reader::Next next;
+    while ((next = reader.next(&entry)) == Reader::Next::kEntry) {
+    }
+    return next;
+  };
+  for (const auto &damage : damages) {
+    std::vector<char> damaged = good;
+    std::memcpy(damaged.data() + damage.at, &damage.value, damage.size);
+    std::ofstream(kPath, std::ios::binary).write(damaged.data(), std::ssize(damaged));
+    EXPECT_EQ(Reader::Next::kDamaged, end_of(Reader::load(kPath))) << damage.at;
+    EXPECT_EQ(Reader::Next::kDamaged, end_of(Reader::follow(kPath))) << damage.at;
+  }
+
+  // Nor can the newest record become older than what was read.
+  std::ofstream(kPath, std::ios::binary).write(good.data(), std::ssize(good));
+  Reader follower = Reader::follow(kPath);
+  Entry entry;
+  while (follower.next(&entry) == Reader::Next::kEntry) {
+  }
+  head = sizeof(flight::Record);
+  std::fstream(kPath, std::ios::in | std::ios::out | std::ios::binary)
+      .seekp(offsetof(flight::FileHead, head))
+      .write(reinterpret_cast<const char *>(&head), sizeof head);
+  EXPECT_EQ(Reader::Next::kDamaged, follower.next(&entry));
 }
 
 TEST(FlightReader, NamesADamagedRing) {

@@ -2,9 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "support/fd_check.h"
 
@@ -135,6 +139,110 @@ TEST_F(OutputQueueTest, FillsUpAFrameWhoseBeginningIsWritten) {
   EXPECT_EQ("head" + std::string(250000, 't') + std::string(50000, '\0') + "after",
             receive(&queue));
   EXPECT_EQ(1u, queue.frames_written());
+  EXPECT_EQ(0u, queue.weight());
+}
+
+TEST_F(OutputQueueTest, UsesAStreamsMemoryAgain) {
+  OutputQueue queue(ours_.get(), kLimit);
+  std::string sent = send_until(&queue, 20000);
+  const std::string first(150000, '1');
+  const std::string second(290000, '2');
+
+  OutputQueue::Stream *stream =
+      queue.open_stream(std::string("head"), first.size() + second.size(), {7, 2});
+  queue.extend(stream, first);
+  EXPECT_EQ(nullptr, queue.awaited());
+  EXPECT_EQ(sent + "head" + first, receive(&queue));
+  ASSERT_NE(nullptr, queue.awaited());
+  EXPECT_EQ(2u, queue.awaited()->type);
+  queue.extend(stream, second);  // more than the socket takes
+  EXPECT_EQ(0u, send(&queue, std::string(1000, 'n')));
+
+  EXPECT_EQ(second + std::string(1000, 'n'), receive(&queue));
+  EXPECT_EQ(0u, queue.weight());
+}
+
+TEST_F(OutputQueueTest, KeepsToItsAccountsWhenTheReaderGoesInTheMiddleOfAStream) {
+  OutputQueue queue(ours_.get(), kLimit);
+  OutputQueue::Stream *stream = queue.open_stream(std::string("head"), 30000, {7, 2});
+  EXPECT_EQ(0u, send(&queue, "after"));
+  theirs_.reset();
+
+  queue.extend(stream, std::string(10000, 'x'));
+  EXPECT_TRUE(queue.broken());
+  EXPECT_EQ(nullptr, queue.awaited());
+  EXPECT_FALSE(queue.blocked());
+  queue.extend(stream, std::string(10000, 'y'));
+  EXPECT_EQ(nullptr, queue.open_stream(std::string("next"), 1, {7, 3}));
+  EXPECT_FALSE(queue.send_descriptor(UniqueFd(::dup(ours_.get())), {7, 4}));
+  OutputQueue::Frame late[] = {{"late", 4, {7, 5}}, {"later", 5, {7, 6}}};
+  EXPECT_EQ(2u, queue.send(late));
+
+  std::string lost;
+  queue.take_unwritten([&lost](const Tag &tag, std::span<const char> bytes) {
+    lost += std::to_string(tag.type) + " " + std::string(bytes.begin(), bytes.end()) + "\n";
+  });
+  EXPECT_EQ("1 after\n", lost);
+  EXPECT_EQ(0u, queue.weight());
+}
+
+struct Watcher final : OutputQueue::Observer {
+  std::string seen;
+  void wrote() noexcept override {}
+  void written(const Tag &tag) noexcept override { seen += "w" + std::to_string(tag.type); }
+  void descriptor_passed(const Tag &tag) noexcept override {
+    seen += "p" + std::to_string(tag.type);
+  }
+  void descriptor_dropped(const Tag &tag) noexcept override {
+    seen += "d" + std::to_string(tag.type);
+  }
+};
+
+TEST_F(OutputQueueTest, DescriptorsKeepTheirPlaceAndWeigh) {
+  Watcher watcher;
+  OutputQueue queue(ours_.get(), 98000, &watcher);
+  const auto descriptor = [this] { return UniqueFd(::dup(ours_.get())); };
+  const auto owner = std::make_shared<int>();
+  ASSERT_TRUE(queue.send_descriptor(descriptor(), {7, 2}));
+  EXPECT_EQ("p2w2", watcher.seen);
+  EXPECT_EQ(2u, receive(&queue).size());
+
+  const std::string before = send_until(&queue, 90000);
+  EXPECT_TRUE(queue.send_descriptor(descriptor(), {7, 3}, 0, owner));
+  EXPECT_EQ(2, owner.use_count());
+  EXPECT_EQ(1u, queue.descriptors());
+  EXPECT_EQ(0u, send(&queue, "small"));
+  EXPECT_FALSE(queue.send_descriptor(descriptor(), {7, 4})) << "for want of room";
+  EXPECT_TRUE(queue.send_descriptor(descriptor(), {7, 5}, 10000));
+  watcher.seen.clear();
+  EXPECT_EQ(before + std::string(2, '\0') + "small" + std::string(2, '\0'), receive(&queue));
+
+  EXPECT_THAT(watcher.seen, testing::EndsWith("w1p3w3w1p5w5"));
+  EXPECT_EQ(1, owner.use_count());
+  EXPECT_EQ(0u, queue.descriptors());
+  EXPECT_EQ(0u, queue.weight());
+}
+
+TEST_F(OutputQueueTest, DropsADescriptorThatTheKernelDoesNotPass) {
+  Watcher watcher;
+  OutputQueue queue(ours_.get(), kLimit, &watcher);
+  UniqueFd descriptors[] = {UniqueFd(::dup(ours_.get())), UniqueFd(::dup(ours_.get()))};
+  ASSERT_TRUE(queue.send_descriptor(std::move(descriptors[0]), {7, 2}));
+
+  // A user may have as many on their way as a process may open, unless he has capabilities.
+  rlimit limit{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
+  const rlimit none{0, limit.rlim_max};
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+  const bool root = ::geteuid() == 0 && ::seteuid(65534) == 0;
+  EXPECT_TRUE(queue.send_descriptor(std::move(descriptors[1]), {7, 3}));
+  ASSERT_EQ(0, root ? ::seteuid(0) : 0);
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
+
+  EXPECT_EQ(0u, send(&queue, "next"));
+  EXPECT_EQ("p2w2d3w1", watcher.seen);
+  EXPECT_EQ(std::string(2, '\0') + "next", receive(&queue));
+  EXPECT_EQ(0u, queue.descriptors());
   EXPECT_EQ(0u, queue.weight());
 }
 

@@ -73,7 +73,7 @@ TEST(Policy, WithoutAFileKeepsWhatIsSensitiveForRootAndTheServersGroup) {
 
 TEST(Policy, IsDecidedByTheFirstRuleThatFits) {
   const Policy policy = policy_of(R"(
-      {"allow": "own", "names": ["wifi", "cms*"], "user": "root", "group": 1000},
+      {"allow": "own", "names": ["wifi", "cms*"], "user": "root", "group": ["root", 1000]},
       {"deny": "own", "names": ["wifi", "cms*"],
        "comment": "everybody else"},
       {"deny": "own", "board": "192.168.7.*"})");
@@ -242,6 +242,17 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
       {R"({"allow": "service", "services": "fly"})", "'fly' is not one of config-save"},
       {R"({"allow": "http", "methods": "get"})", "'get' is not one of GET"},
       {R"({"allow": "subscribe", "names": "x"})", "'names' is not known"},
+      {R"({"allow": "own", "user": []})", "'user' is an empty list"},
+      {R"({"allow": "own", "user": "12x"})", "there is no user 12x"},
+      {R"({"allow": "own", "group": []})", "'group' is an empty list"},
+      {R"({"allow": "own", "group": "4294967295"})", "no number of a group"},
+      {R"({"allow": "own", "board": []})", "'board' is an empty list"},
+      {R"({"allow": "send", "types": []})", "'types' is an empty list"},
+      {R"({"allow": "send", "types": 1048576})", "must be a text"},
+      {R"({"allow": "send", "types": "0x10-last"})", "is no message type"},
+      {R"({"allow": "send", "types": "first-0x20"})", "is no message type"},
+      {R"({"allow": "service", "services": []})", "'services' is an empty list"},
+      {R"({"allow": "speak-for", "types": "exit"})", "'types' is not known"},
   };
   for (const auto &[rule, what] : kBadRules) {
     try {
@@ -252,6 +263,9 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
       EXPECT_THAT(error.what(), HasSubstr(what)) << rule;
     }
   }
+  std::string many = R"({"allow": "own"})";
+  for (int i = 0; i < 100000; ++i) many += R"(,{"allow": "own"})";
+  EXPECT_THROW(policy_of(many), BadPolicy);
 }
 
 TEST(PolicyFile, OfThePackagesGuardsNamesAndWhatIsSensitive) {

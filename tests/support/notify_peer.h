@@ -57,6 +57,7 @@ class NotifyPeer {
               ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
   }
   void stop_sending() { ::shutdown(fd_.get(), SHUT_WR); }
+  void stop_receiving() { ::shutdown(fd_.get(), SHUT_RD); }
   void close() { fd_.reset(); }
 
  protected:
