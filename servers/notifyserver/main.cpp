@@ -30,7 +30,7 @@ void add_owner(const std::string &text, notifyserver::Rules *rules) {
     uint32_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
     const bool whole = error == std::errc() && end == digits.data() + digits.size();
-    return whole && !digits.empty() ? std::optional(number) : std::nullopt;
+    return whole ? std::optional(number) : std::nullopt;
   };
   std::optional<uint32_t> id = number_of(module);
   for (uint32_t each = 1; !id && each < ORP_NOTIFYCLT_MODULES; ++each) {

@@ -1,8 +1,10 @@
 #include "common/event_loop.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <string>
@@ -59,6 +61,38 @@ TEST(EventLoop, TellsTheWatchWhoseCallbackThrewAndGoesOn) {
   EXPECT_EQ(2u, loop.failures());
 }
 
+TEST(EventLoop, ARemovedWatchIsNotCalledForAnEventOfTheRunningTurn) {
+  EventLoop loop;
+  Throwing one(&loop);
+  Throwing other(&loop);
+  one.before = [&] { loop.remove(other.fd(), &other); };
+  other.before = [&] { loop.remove(one.fd(), &one); };
+
+  loop.turn(0);
+  loop.turn(0);
+
+  EXPECT_NE(one.told.empty(), other.told.empty());
+  EXPECT_EQ(1u, loop.failures());
+}
+
+TEST(EventLoop, ATimerThatATimerStartsWaitsForTheNextTurn) {
+  EventLoop loop;
+  std::string called;
+  const EventLoop::TimerId first = loop.after(std::chrono::milliseconds(0), [&] {
+    called += "first ";
+    loop.after(std::chrono::milliseconds(-1), [&] { called += "next "; });
+  });
+  const EventLoop::TimerId never =
+      loop.after(std::chrono::milliseconds(0), [&] { called += "never "; });
+  for (int i = 0; i < 2; ++i) loop.cancel(never);
+
+  loop.turn(0);
+  EXPECT_EQ("first ", called);
+  loop.cancel(first);
+  loop.turn(0);
+  EXPECT_EQ("first next ", called);
+}
+
 TEST(EventLoop, GoesOnAfterATimerAndASignalProcedureThatThrow) {
   EventLoop loop;
   std::vector<int> called;
@@ -88,11 +122,55 @@ TEST(LogLine, ShowsNothingThatATerminalObeys) {
             "??31m"},           // CSI as U+009B
            {"\x9b\xc3", "??"},  // CSI as a byte, and half a character
            {"\xc3\xa9\xe2\x82\xac\xc2\xa0", "\xc3\xa9\xe2\x82\xac\xc2\xa0"},
-           {"\xf0\x9f\x98\x80\xff", "\xf0\x9f\x98\x80?"}}) {
+           {"\xf0\x9f\x98\x80\xff", "\xf0\x9f\x98\x80?"},
+           // Next to what is not the shortest form, a surrogate, or the last code point; and those.
+           {"\xe0\xa0\x80\xed\x9f\xbf", "\xe0\xa0\x80\xed\x9f\xbf"},
+           {"\xf0\x90\x80\x80\xf4\x8f\xbf\xbf", "\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"},
+           {"\xe0\x9f\xbf\xed\xa0\x80", "??????"},
+           {"\xf0\x8f\xbf\xbf\xf4\x90\x80\x80\xf5\x80\x80\x80", "????????????"},
+           {"\xe2\x82.\xf0\x9f\x98.", "??.???."}}) {
     std::string text = raw;
     hide_controls(text);
     EXPECT_EQ(shown, text);
   }
+}
+
+TEST(LogLine, CountsWhatStandardErrorDoesNotTake) {
+  ::signal(SIGPIPE, SIG_IGN);
+  int ends[2];
+  ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK | O_CLOEXEC));
+  UniqueFd reader(ends[0]);
+  const UniqueFd writer(ends[1]);
+  const UniqueFd before(::dup(STDERR_FILENO));
+  std::string bytes(1 << 20, '.');
+  const auto read = [&] {
+    std::string all;
+    for (ssize_t got; (got = ::read(reader.get(), bytes.data(), bytes.size())) > 0;) {
+      all.append(bytes.data(), static_cast<size_t>(got));
+    }
+    return all;
+  };
+
+  ASSERT_EQ(STDERR_FILENO, ::dup2(writer.get(), STDERR_FILENO));
+  while (::write(writer.get(), bytes.data(), bytes.size()) > 0) {
+  }
+  write_log_line("lost in a full pipe");
+  ::close(STDERR_FILENO);
+  write_log_line("lost without a descriptor");
+  ASSERT_EQ(STDERR_FILENO, ::dup2(writer.get(), STDERR_FILENO));
+  read();
+  write_log_line(std::string(5000, 'x'));
+  const std::string line = read();
+  reader.reset();
+  write_log_line("lost without a reader");
+  ASSERT_EQ(STDERR_FILENO, ::dup2(before.get(), STDERR_FILENO));
+  testing::internal::CaptureStderr();
+  write_log_line("last");
+
+  EXPECT_THAT(line, testing::HasSubstr("]: (2 lines dropped) xxx"));
+  EXPECT_EQ(4096u, line.size()) << "what a pipe takes at once";
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::EndsWith("]: (1 lines dropped) last\n"));
 }
 
 }  // namespace

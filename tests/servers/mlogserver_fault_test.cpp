@@ -144,14 +144,17 @@ TEST(LogServerLimits, DroppedLinesAreToldOfAsSoonAsThereIsRoom) {
   config.directory = "/mnt/disk";
   config.defaults.rate_limit = 1;
   mlogserver::RingStore store(config);
-  const auto print = [&store](const std::string &text) {
-    std::string line = "[1][wan][INFO]:" + text + "\n";
+  const auto print = [&store](const std::string &text, const std::string &module = "wan") {
+    std::string line = "[1][" + module + "][INFO]:" + text + "\n";
     store.append(&line, 1);
   };
 
   print(std::string(3990, 'k'));  // leaves no room in the file's first block
   for (int i = 0; i < 2; ++i) print("dropped");
-  EXPECT_TRUE(store.next_notice());
+  const auto first = store.next_notice();
+  EXPECT_TRUE(first);
+  for (const char *module : {"lan", "lan", "tv"}) print("later", module);
+  EXPECT_EQ(first, store.next_notice()) << "the interval that ends first";
   disk.fill();
   store.tell_dropped(false);
   EXPECT_EQ("", store.state()) << "the interval is not over, so nothing is tried";

@@ -403,6 +403,17 @@ TEST(LogServerConfig, MistakesAreNamed) {
   EXPECT_THAT(server.output(), HasSubstr("/no/file: No such file or directory"));
 }
 
+TEST(LogServerConfig, IsTheUsualFileWhereNoneIsNamed) {
+  ASSERT_EQ(0, ::mount("none", "/etc", "tmpfs", 0, nullptr));
+  std::ofstream("/etc/mlogserver.conf") << "directory = /var/usual\n";
+  LogServer server;
+  EXPECT_THAT(server.output(), HasSubstr("files are in /var/usual"));
+
+  std::filesystem::remove("/etc/mlogserver.conf");
+  ::kill(server.pid(), SIGHUP);
+  EXPECT_TRUE(server.wait_for("configuration read, files are in /var/mlogfile"));
+}
+
 TEST(LogServerConfig, LimitsTheNumberOfFiles) {
   LogServer server(with_config("max_modules = 3\n"));
 

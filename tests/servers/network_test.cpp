@@ -54,4 +54,11 @@ TEST(Network, HoldsTheAddressesOfItsPrefix) {
   EXPECT_FALSE(Network::parse("::/0")->contains(local));
 }
 
+TEST(Network, IsNoneForOtherTexts) {
+  for (const char *text : {"", "/8", "10.0.0.0/", "10.0.0.0/33", "10.0.0.0/-1", "10.0.0.0/8x",
+                           "10.0.0.0/x", "10.0.0.0/99999999999", "::/129", "10.0.0/8", "host"}) {
+    EXPECT_FALSE(Network::parse(text)) << text;
+  }
+}
+
 }  // namespace

@@ -102,8 +102,10 @@ TEST(NotifyTrust, WithoutOwnersSourcesStayButNobodyIsTheServer) {
 }
 
 TEST(NotifyTrust, MistakesOfTheCommandLineAreNamed) {
-  for (const char *bad : {"--own=nothing=root", "--own=8", "--own=8=no such user", "--own=0=root",
-                          "--own=110=root", "--mode=0888", "--mode=", "--mode=1777"}) {
+  for (const char *bad :
+       {"--own=nothing=root", "--own=8", "--own=8=no such user", "--own=8x=root",
+        "--own=8=", "--own==root", "--own=99999999999=root", "--own=8=1x", "--own=0=root",
+        "--own=110=root", "--mode=0888", "--mode=", "--mode=1777"}) {
     test::Process server("notifyserver", {bad});
     EXPECT_EQ(2, server.wait()) << bad;
   }
