@@ -31,6 +31,13 @@ bool is_module_name(std::string_view name) {
 void add_clean_text(std::string_view text, std::string *out) {
   while (text.ends_with('\n')) text.remove_suffix(1);
   while (!text.empty()) {
+    // Most texts are plain from their beginning to their end.
+    const auto plain = std::ranges::find_if_not(text, [](char c) { return c >= ' ' && c <= '~'; });
+    if (plain != text.begin()) {
+      out->append(text.begin(), plain);
+      text.remove_prefix(static_cast<size_t>(plain - text.begin()));
+      continue;
+    }
     if (const size_t length = servers::printable_length(text); length > 0) {
       out->append(text.substr(0, length));
       text.remove_prefix(length);

@@ -217,21 +217,21 @@ TEST(SpoolLosses, AreToldOnceAndInOrder) {
 }
 
 TEST(SpoolDamage, AFileOfAnotherReleaseStaysAsItIs) {
-  { Spool spool(options(), now); }
+  { Spool spool(damaged_options(), now); }
   ASSERT_EQ(SQLITE_OK, done_by_another("PRAGMA user_version=2"));
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   EXPECT_THAT(spool.problem(), HasSubstr("another release; remove it or name another file"));
   EXPECT_FALSE(spool.commit());
-  EXPECT_FALSE(fs::exists(kPath + ".damaged"));
+  EXPECT_FALSE(fs::exists(kDamagedPath + ".damaged"));
 }
 
 TEST(SpoolDamage, AFileWithoutItsStateIsDamaged) {
   {
-    Spool spool(options(), now);
+    Spool spool(damaged_options(), now);
     add(&spool, 1);
   }
   ASSERT_EQ(SQLITE_OK, done_by_another("DELETE FROM state"));
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   EXPECT_THAT(spool.problem(), HasSubstr("was damaged, is begun anew"));
   add(&spool, 1);
   Heard heard;
@@ -240,21 +240,21 @@ TEST(SpoolDamage, AFileWithoutItsStateIsDamaged) {
 }
 
 TEST(SpoolDamage, AFileThatAnotherHoldsIsNotDamaged) {
-  { Spool spool(options(), now); }
+  { Spool spool(damaged_options(), now); }
   sqlite3 *other = nullptr;
-  ASSERT_EQ(SQLITE_OK, sqlite3_open(kPath.c_str(), &other));
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(kDamagedPath.c_str(), &other));
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   EXPECT_THAT(spool.problem(), HasSubstr("locked"));
   EXPECT_FALSE(spool.commit());
   sqlite3_close(other);
   EXPECT_TRUE(spool.commit()) << spool.problem();
-  EXPECT_FALSE(fs::exists(kPath + ".damaged"));
+  EXPECT_FALSE(fs::exists(kDamagedPath + ".damaged"));
   add(&spool, 1);
 }
 
 TEST(SpoolDamage, WhatTheBrokerHasRefusedIsNotCalledDamaged) {
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   add(&spool, 600);
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(spool.next());
   spool.acknowledge(1);
@@ -292,7 +292,7 @@ class LargestFile {
 };
 
 TEST(SpoolDamage, ADiskThatFailsIsAskedAgain) {
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   add(&spool, 3);
   {
     const LargestFile nothing(1);
@@ -312,11 +312,11 @@ TEST(SpoolDamage, ADiskThatFailsIsAskedAgain) {
 TEST(SpoolDamage, AnotherSpoolInItsPlaceIsNotItsOwn) {
   fs::create_directories("/var/damaged");
   {
-    Spool other(options(), now);
+    Spool other(damaged_options(), now);
     add(&other, 9);
   }
   fs::rename("/var/damaged", "/var/other");
-  Spool spool(options(), now);
+  Spool spool(damaged_options(), now);
   const std::string stream = spool.stream();
   add(&spool, 3);
   {
@@ -333,7 +333,7 @@ TEST(SpoolDamage, AnotherSpoolInItsPlaceIsNotItsOwn) {
   EXPECT_EQ(stream, spool.stream());
   EXPECT_THAT(heard.losses, testing::ElementsAre(Loss{1, 3, 3, Reason::kDamaged}));
   EXPECT_THAT(heard.events, testing::ElementsAre(4)) << "none of the other one's";
-  EXPECT_TRUE(fs::exists(kPath + ".damaged"));
+  EXPECT_TRUE(fs::exists(kDamagedPath + ".damaged"));
 }
 
 }  // namespace

@@ -347,7 +347,7 @@ TEST_F(BridgeDown, PathsAndBodiesAreReadToTheLetter) {
                {"method": "put", "path": "/dev/led"}],
       "calls": [{"app": "cms", "type": "0x4242"}]})");
   const auto ask = [&wide](const std::string &topic, const std::string &payload) {
-    return msgbridge::read_request({topic, payload}, kBase, wide.down, types());
+    return msgbridge::read_request({topic, payload}, kBase, wide.down, known_types());
   };
   const struct {
     std::string topic;
