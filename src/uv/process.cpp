@@ -193,17 +193,12 @@ bool ensure_reaper(OrpUvLoop *loop) {
 // ---- Spawning ----
 
 // The arguments joined by blanks, in `name`, which has room for all of them.
-void join_arguments(char *const *args, char *name, size_t room) {
+void join_arguments(char *const *args, char *name) {
   for (char *const *arg = args; *arg != nullptr; ++arg) {
     const size_t length = std::strlen(*arg);
-    if (length + 1 >= room) return;
-    if (arg != args) {
-      *name++ = ' ';
-      --room;
-    }
+    if (arg != args) *name++ = ' ';
     std::memcpy(name, *arg, length + 1);
     name += length;
-    room -= length;
   }
 }
 
@@ -216,7 +211,7 @@ SpawnedProcess *make_watcher(const OrpUvSpawnOptions &options) {
   if (spawned == nullptr) return nullptr;
 
   spawned->process.name = static_cast<char *>(name);
-  join_arguments(options.args, spawned->process.name, static_cast<size_t>(name_size));
+  join_arguments(options.args, spawned->process.name);
   return spawned;
 }
 
