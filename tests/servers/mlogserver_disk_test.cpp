@@ -93,8 +93,17 @@ TEST(LogServerDisk, AFileThatCannotBeUsedHoldsUpNoOther) {
   char state[256] = "";
   EXPECT_EQ(0, MlogGetStatInfo("mlogServer.state", state, sizeof state));
   EXPECT_THAT(state, MatchesRegex("/var/mlogfile/wan.log: .*: its lines are lost"));
+
+  // It is tried again.
+  std::filesystem::remove("/var/mlogfile/wan.log");
+  do {
+    MlogPrint("wan", 8, "again");
+  } while (MlogFlushLog() != 0);
+  EXPECT_TRUE(server.wait_for("/var/mlogfile/wan.log: lines are written again"));
+  EXPECT_THAT(log_of("wan"), MatchesRegex(".*: [0-9]+ lines before this one are lost\n.*:again\n"));
   EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_THAT(server.output(), HasSubstr("module wan: kept 0 below level 0 dropped 0 lost 1"));
+  EXPECT_THAT(server.output(),
+              MatchesRegex("(.|\n)*module wan: kept 1 below level 0 dropped 0 lost [1-9](.|\n)*"));
 }
 
 TEST(LogServerKill, LosesNoLineThatItHasTaken) {

@@ -217,7 +217,7 @@ TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
   LogServer server;
   Sender sender;
   for (const auto &[type, length] :
-       {std::pair{0u, 0u}, {1u, 0u}, {2u, 511u}, {2u, 516u}, {4u, 255u}, {9u, 9u}}) {
+       {std::pair{0u, 0u}, {1u, 0u}, {2u, 511u}, {2u, 516u}, {4u, 255u}, {4u, 256u}, {9u, 9u}}) {
     sender.send(type, std::string(length, 'x'));  // fields without an end
   }
   sender.send(MLOG_TYPE_SET_STAT, "x" + std::string(255, '\0') + std::string(260, 'x'));
@@ -231,10 +231,12 @@ TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
   EXPECT_EQ(MLOG_HEAD_SIZE, ::send(nameless.get(), &head, MLOG_HEAD_SIZE, 0));
   head.length = 1;
   EXPECT_EQ(MLOG_HEAD_SIZE, ::send(nameless.get(), &head, MLOG_HEAD_SIZE, 0));
+  const std::string too_long(2 * sizeof head, '\1');
+  EXPECT_LT(0, ::send(nameless.get(), too_long.data(), too_long.size(), 0));
 
   EXPECT_EQ(0, MlogFlushLog());
   EXPECT_EQ(0, server.stop(SIGTERM));
-  EXPECT_THAT(server.output(), HasSubstr(" requests 2 malformed 9 unanswered 1 "));
+  EXPECT_THAT(server.output(), HasSubstr(" requests 2 malformed 11 unanswered 1 "));
 }
 
 TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
@@ -282,10 +284,12 @@ TEST(LogServer, SaysWhyItCannotStart) {
 }
 
 TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
-  // A file whose next line begins the turn after number 999.
+  // Files in turn 999, the highest: the next line of the first one begins another turn.
   std::filesystem::create_directory("/var/a");
   std::ofstream("/var/a/lan.log")
       << "[overturn=999][offset=0000004096][uploadoffset=999^0000001023]\n";
+  std::ofstream("/var/a/wan.log")
+      << "[overturn=999][offset=0000000067][uploadoffset=999^0000001023]\nold\n";
   LogServer server(
       with_config("# comment\n"
                   "directory = /var/a\n"
@@ -300,7 +304,8 @@ TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
   }
   ASSERT_EQ(0, MlogFlushLog());
 
-  EXPECT_THAT(log_of("wan", "/var/a"), MatchesRegex(".*:level 0\n.*:level 2\n.*:level 4\n"));
+  EXPECT_THAT(test::contents("/var/a/wan.log"),
+              MatchesRegex("\\[overturn=999\\].*\nold\n.*:level 0\n.*:level 2\n.*:level 4\n"));
   EXPECT_THAT(log_of("lan", "/var/a"), MatchesRegex(".*:level 0\n.*:level 2\n"));
   EXPECT_THAT(log_of("other", "/var/a"), MatchesRegex(".*\\[usb\\].*0\n.*2\n.*level 4\n"));
 

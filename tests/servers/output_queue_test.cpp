@@ -164,6 +164,7 @@ TEST_F(OutputQueueTest, UsesAStreamsMemoryAgain) {
 
 TEST_F(OutputQueueTest, KeepsToItsAccountsWhenTheReaderGoesInTheMiddleOfAStream) {
   OutputQueue queue(ours_.get(), kLimit);
+  EXPECT_TRUE(queue.send_descriptor(UniqueFd(::dup(ours_.get())), {7, 9}));
   OutputQueue::Stream *stream = queue.open_stream(std::string("head"), 30000, {7, 2});
   EXPECT_EQ(0u, send(&queue, "after"));
   theirs_.reset();
@@ -183,6 +184,7 @@ TEST_F(OutputQueueTest, KeepsToItsAccountsWhenTheReaderGoesInTheMiddleOfAStream)
     lost += std::to_string(tag.type) + " " + std::string(bytes.begin(), bytes.end()) + "\n";
   });
   EXPECT_EQ("1 after\n", lost);
+  EXPECT_EQ(1u, send(&queue, "late"));
   EXPECT_EQ(0u, queue.weight());
 }
 
