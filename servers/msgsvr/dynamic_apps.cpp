@@ -232,7 +232,8 @@ class DynamicApps final : public Service {
     bool restart = false;   // and is to be started again then
     Clock::time_point started{};
     std::chrono::milliseconds delay = kFirstDelay;
-    EventLoop::TimerId timer = 0;  // restart after a crash, or the kill
+    // Restart after a crash, or the kill. Switching off, a start and the end cancel it.
+    EventLoop::TimerId timer = 0;
   };
 
   // Throws with the file, the application and the reason.
@@ -258,7 +259,7 @@ class DynamicApps final : public Service {
   }
 
   void watch(App &app, bool on) {
-    if (app.watched == on || !app.listener) return;
+    if (app.watched == on) return;
     app.watched = on;
     if (on) {
       server_->loop().add(app.listener.get(), EPOLLIN, &app);
@@ -317,9 +318,7 @@ class DynamicApps final : public Service {
   }
 
   void start_later(App &app) {
-    app.timer = server_->loop().after(app.delay, [this, &app] {
-      if (app.listener && app.pid == 0) start(app);
-    });
+    app.timer = server_->loop().after(app.delay, [this, &app] { start(app); });
     app.delay = std::min<std::chrono::milliseconds>(app.delay * 2, kLongestDelay);
   }
 
@@ -328,9 +327,7 @@ class DynamicApps final : public Service {
     if (app.pid == 0) return;
     app.stopping = true;
     ::kill(-app.pid, SIGTERM);
-    app.timer = server_->loop().after(kStopTime, [&app] {
-      if (app.pid > 0) ::kill(-app.pid, SIGKILL);
-    });
+    app.timer = server_->loop().after(kStopTime, [&app] { ::kill(-app.pid, SIGKILL); });
   }
 
   void reap() {

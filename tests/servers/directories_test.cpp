@@ -1,14 +1,20 @@
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 
+#include "servers/services.h"
+#include "support/file.h"
+#include "support/message_peer.h"
 #include "support/process.h"
 
 namespace {
@@ -74,6 +80,36 @@ TEST(BodyDirectory, IsRidOfBodiesThatNobodyTakesOver) {
   for (const char *name : {"other", "target", "msg_file_link", "msg_file_directory"}) {
     EXPECT_TRUE(fs::exists(directory + name)) << name;
   }
+}
+
+TEST(BodyDirectory, BelongsToTheGroupOfTheDaemonsIfThereIsOne) {
+  std::ofstream("/var/group") << test::contents("/etc/group") << "msgapi:x:4321:\n";
+  if (::geteuid() != 0 || ::mount("/var/group", "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+    GTEST_SKIP() << std::strerror(errno);
+  }
+  ASSERT_EQ(0, ::rmdir("/var/run/msg"));
+  test::Process server("msgsvr");
+  ASSERT_TRUE(server.wait_for("ready"));
+  struct stat status {};
+  ASSERT_EQ(0, ::stat("/var/run/msg", &status));
+  if (status.st_gid != 4321) {
+    // An ordinary user's sandbox has no other groups.
+    EXPECT_THAT(server.output(), HasSubstr("not given to the group msgapi"));
+  } else {
+    EXPECT_EQ(01770u, status.st_mode & 07777);
+  }
+}
+
+TEST(BodyDirectory, ThatCannotBeMadeIsReportedAndShortBodiesStillPass) {
+  std::filesystem::rename("/var/run", "/var/real");
+  std::ofstream("/var/run") << "no directory";
+  test::Process server("msgsvr", {"--socket", "/var/bus", "--admin", "none", "--flight", "0"});
+  ASSERT_TRUE(server.wait_for("ready"));
+  EXPECT_THAT(server.output(), HasSubstr("/var/run/msg: Not a directory; bodies above 2048 bytes "
+                                         "cannot be passed"));
+  test::RawClient client("a", test::RawClient::Register::kYes, "/var/bus");
+  client.send({.type = test::kType, .to = "a", .body = "short"});
+  EXPECT_EQ("short", client.read().body);
 }
 
 TEST(BodyDirectory, BehindALinkIsReported) {

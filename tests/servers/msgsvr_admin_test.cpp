@@ -301,6 +301,9 @@ TEST_F(MsgsvrAdmin, SaysWhatIsWrongAsJson) {
                 {"/v1/clients/9", "-X DELETE", "404"},
                 {"/v1/clients/x", "", "400"},
                 {"/v1/clients/4294967296", "", "400"},
+                {"/v1/clients/1x", "", "400"},
+                {"/v1/clients/1x", "-X DELETE", "400"},
+                {"/v1/clients", "-X DELETE", "405"},
                 {"/v1/clients/", "", "400"},
                 {"/v2", "", "404"},
                 {"/", "", "404"},
@@ -315,6 +318,13 @@ TEST_F(MsgsvrAdmin, SaysWhatIsWrongAsJson) {
     EXPECT_TRUE(parsed.is_object() && parsed["error"].is_string()) << answer.body;
   }
   EXPECT_THAT(ask("/v1/stats", "-X POST -i").body, HasSubstr("Allow: GET, HEAD\r\n"));
+  RawClient client("a");
+  EXPECT_THAT(ask(path_of("a"), "-X PUT -i").body, HasSubstr("Allow: GET, HEAD, DELETE\r\n"));
+  for (const std::string &path : {std::string("/v1/stats"), path_of("a")}) {
+    const Answer head = ask(path, "-I");
+    EXPECT_EQ("200", head.status);
+    EXPECT_THAT(head.body, HasSubstr("Content-Type: application/json\r\n"));
+  }
 }
 
 TEST_F(MsgsvrAdmin, IsForThoseWhoMay) {

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -76,6 +77,9 @@ TEST_F(ConfigManager, SavesAndBringsBackDefaults) {
                               ORP_MSG_SAVE_CFG_TO_APP_SYNC, ORP_MSG_DELETE_APPDATA})
     EXPECT_EQ(0u, ask(type));
   EXPECT_EQ(7u, get());
+  client_->send({.type = ORP_MSG_RESTORE_DEFAULTS, .body = std::string(7, '\0')});
+  EXPECT_EQ(0u, ask(ORP_MSG_SAVE_CFG_SYNC));
+  EXPECT_EQ(7u, get()) << "the request is too short";
 
   client_->send({.type = ORP_MSG_RESTORE_DEFAULTS, .body = std::string(8, '\0')});
   EXPECT_EQ(0u, ask(ORP_MSG_SAVE_CFG_SYNC));  // done one after the other
@@ -145,7 +149,7 @@ TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
 
   for (const char *path : {"", "relative", "/app/x.cfg", "/mnt/../app/x.cfg",
                            "/mnt/usb/../../app/x.cfg", "/mnt/link/x.cfg", "/var/x.cfg",
-                           "/var/cfm/cfm.db", "/mnt/", "/mnt/..", "/mnt/none/x.cfg"}) {
+                           "/var/cfm/cfm.db", "/mnt/", "/mnt/.", "/mnt/..", "/mnt/none/x.cfg"}) {
     EXPECT_NE(0u, ask(ORP_MSG_EXPORT_CFG_FILE, path)) << path;
     EXPECT_NE(0u, ask(ORP_MSG_IMPORT_CFG_FILE, path)) << path;
   }
@@ -155,14 +159,18 @@ TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
 }
 
 TEST_F(ConfigManager, KeepsExportsAndTheKeyWhereItIsTold) {
-  for (const char *each : {"/var/exports", "/var/exports2", "/var/keys"}) {
+  for (const char *each : {"/var/exports", "/var/exports2", "/var/keys", "/var/usb"}) {
     std::filesystem::create_directory(each);
   }
-  restart({"--export-dir", "/var/exports", "--export-dir", "/var/keys/", "--export-key",
-           "/var/keys/device"});
+  // A named directory may itself be a link.
+  std::filesystem::create_symlink("/var/usb", "/var/exports/usb");
+  restart({"--export-dir", "/var/exports/usb", "--export-dir", "/var/exports", "--export-dir",
+           "/var/keys/", "--export-key", "/var/keys/device"});
 
   EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/var/exports/x.cfg"));
   EXPECT_EQ(0u, ask(ORP_MSG_CHECK_CFG_FILE, "/var/exports/x.cfg"));
+  EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/var/exports/usb/x.cfg"));
+  EXPECT_TRUE(std::filesystem::exists("/var/usb/x.cfg"));
   EXPECT_EQ(32u, std::filesystem::file_size("/var/keys/device"));
   EXPECT_FALSE(std::filesystem::exists("/var/cfm/export.key"));
   // Beside the named directories, in none that was there before, and not where the key is.
@@ -190,6 +198,34 @@ TEST_F(ConfigManager, SaysWhatAFileOrTheKeyLacks) {
   restart({"--export-key", "/var/none/key"});
   EXPECT_EQ(ORP_CFM_ERR_FILE_KEY, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/new.cfg"));
   EXPECT_FALSE(std::filesystem::exists("/mnt/new.cfg"));
+
+  // What is no key is not used, nor replaced.
+  std::filesystem::create_directories("/var/keys/directory");
+  std::ofstream("/var/keys/short") << std::string(31, 'k');
+  std::ofstream("/var/keys/good") << std::string(32, 'k');
+  std::ofstream("/mnt/full/file") << std::string(4096, 'f');
+  for (const char *name : {"short", "good"}) {
+    std::filesystem::permissions(std::string("/var/keys/") + name, std::filesystem::perms{0600});
+  }
+  std::filesystem::create_symlink("good", "/var/keys/link");
+  for (const char *key : {"/var/keys/directory", "/var/keys/short", "/var/keys/link",
+                          "/mnt/full/key", "/var/keys/good"}) {
+    restart({"--export-key", key});
+    const uint32_t expected = std::string(key).ends_with("good") ? 0u : ORP_CFM_ERR_FILE_KEY;
+    EXPECT_EQ(expected, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/new.cfg")) << key;
+  }
+  EXPECT_EQ(31u, std::filesystem::file_size("/var/keys/short"));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator("/mnt/full"), {}));
+}
+
+TEST_F(ConfigManager, GoesOnWhenARequesterLeaves) {
+  for (int i = 0; i < 5; ++i) {
+    client_->send({.type = ORP_MSG_EXPORT_CFG_FILE, .body = std::string(kFile) + '\0'});
+  }
+  client_->close();
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(server_->wait_for(std::string(kFile) + ": done"));
+  client_ = std::make_unique<RawClient>("web");
+  EXPECT_EQ(0u, ask(ORP_MSG_CHECK_CFG_FILE, kFile));
 }
 
 TEST_F(ConfigManager, ReplacesOnlyEarlierExports) {

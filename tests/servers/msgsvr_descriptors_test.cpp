@@ -20,7 +20,9 @@ using test::RawClient;
 
 class Descriptors : public test::MessageServer {
  protected:
-  Descriptors() : MessageServer({"--queue", "196608"}) {}  // of which one read takes a third
+  Descriptors()
+      : MessageServer({"--queue", "196608", "--tcp", "127.0.0.1:7070"}) {
+  }  // of which one read takes a third
 
   static void send_with_descriptors(const RawClient &client, const std::string &bytes,
                                     size_t count = 1) {
@@ -83,8 +85,15 @@ TEST_F(Descriptors, AreClosedWhenNobodyCanTakeThem) {
   EXPECT_EQ(3u, a.read().sequence);
   expect_undeliverable(&a, kType, 3);
 
+  // A board has no use for them.
+  RawClient board("board", uint16_t{7070});
+  a.send({.type = kType, .to = "board", .sequence = 4});
+  EXPECT_EQ(4u, board.read().sequence);
+  send_with_descriptors(a, zeros_);
+  expect_undeliverable(&a, kType, 4);
+
   expect_delivery(&a, &a);
-  expect_no_descriptors_but_of(1);
+  expect_no_descriptors_but_of(2);
 }
 
 TEST_F(Descriptors, InsideAMessageEndTheClient) {

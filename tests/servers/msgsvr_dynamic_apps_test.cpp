@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -15,6 +18,7 @@
 #include "common/listen.h"
 #include "msgapi/dynapp.h"
 #include "servers/services.h"
+#include "support/file.h"
 #include "support/message_peer.h"
 #include "support/process.h"
 
@@ -36,7 +40,7 @@ class DynamicApps : public Services {
     std::ofstream("/var/apps.json")
         << R"({"applications": [{"name": "dyn", "executable": "/usr/bin/python3",)"
         << R"("arguments": ["/var/dyn.py"], "listen": ")" << listen << "\"" << more << "}]}";
-    start({"--apps", "/var/apps.json"});
+    start({"--apps", "/var/apps.json", "--tcp", "127.0.0.1:7070"});
   }
 
   // Connects and returns everything that the application sends; none when nobody listens.
@@ -58,9 +62,13 @@ class DynamicApps : public Services {
 };
 
 TEST_F(DynamicApps, StartAtTheFirstConnection) {
+  // The server's own are not passed on.
+  ::setenv("LISTEN_FDS", "7", 1);
+  ::setenv("LISTEN_FDNAMES", "bus", 1);
   start_with(
       "c, _ = s.accept()\n"
-      "right = os.environ['LISTEN_PID'] == str(os.getpid()) and os.environ['LISTEN_FDS'] == '1'\n"
+      "right = os.environ['LISTEN_PID'] == str(os.getpid()) and os.environ['LISTEN_FDS'] == '1' "
+      "and 'LISTEN_FDNAMES' not in os.environ\n"
       "c.send(b'%d %d' % (right, os.getpid()))\n",
       kTcp);
   EXPECT_THAT(server_->output(), testing::Not(HasSubstr("is started")));
@@ -83,6 +91,64 @@ TEST_F(DynamicApps, AreRestartedMoreAndMoreSlowlyWhenTheyCrash) {
   server_->stop(SIGTERM);
 }
 
+TEST_F(DynamicApps, AreTriedAgainWhenTheServerHasDescriptorsAgain) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer's own checks need descriptors in the server";
+#endif
+  start_with(kServeForEver, kTcp);
+  rlimit before{};
+  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, nullptr, &before));
+  const rlimit full{3, before.rlim_max};
+  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &full, nullptr));
+  const auto visitor = std::async(std::launch::async, visit);
+  EXPECT_TRUE(server_->wait_for("dyn cannot be started: /usr/bin/python3: Too many open files"));
+  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &before, nullptr));
+  EXPECT_TRUE(server_->wait_for("dyn is started"));
+}
+
+// An application that takes its time to end, and another that never runs.
+TEST_F(DynamicApps, AreWaitedForWhileTheyEnd) {
+  start_with(
+      "import signal, time\n"
+      "def end(*a):\n"
+      "  while not os.path.exists('/var/go'): time.sleep(0.01)\n"
+      "  os._exit(3)\n"
+      "signal.signal(signal.SIGTERM, end)\n"
+      "while True:\n"
+      "  c, _ = s.accept()\n"
+      "  c.send(b'up')\n",
+      "unix:/var/dyn.sock",
+      R"(}, {"name": "idle", "executable": "/bin/true", "listen": "unix:/var/idle.sock")");
+  const auto is_up = [] {
+    return RawClient("x", RawClient::Register::kNo, "/var/dyn.sock").receive_bytes(2);
+  };
+  RawClient client("web");
+  const auto update = [&](uint32_t action) {
+    client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("dyn"), .data = action});
+    EXPECT_THAT(client.drain(), testing::IsEmpty());
+  };
+  ASSERT_EQ("up", is_up());
+  // Off and on again before it has ended: it was asked to, so this is no crash.
+  update(ORP_DYNAPP_OFF);
+  update(ORP_DYNAPP_ON);
+  std::ofstream("/var/go");
+  ASSERT_TRUE(server_->wait_for("dyn has ended: exit status 3"));
+  std::filesystem::remove("/var/go");
+  EXPECT_EQ("up", is_up());
+
+  // Who asks for the end of all is answered then, once, and may have gone.
+  RawClient("leaver").send({.type = ORP_MSG_DYNAPP_STOP_ALL});
+  for (const uint32_t sequence : {4u, 5u}) {
+    client.send({.type = ORP_MSG_DYNAPP_STOP_ALL, .sequence = sequence});
+  }
+  EXPECT_THAT(client.drain(), testing::IsEmpty());
+  std::ofstream("/var/go");
+  EXPECT_EQ(5u, client.read().sequence);
+  EXPECT_THAT(client.drain(), testing::IsEmpty());
+  EXPECT_THAT(server_->output(), testing::Not(HasSubstr("started again in")));
+  EXPECT_FALSE(std::filesystem::exists("/var/idle.sock"));
+}
+
 TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   start_with(kServeForEver, kTcp);
   RawClient client("web");
@@ -100,9 +166,17 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   ASSERT_TRUE(server_->wait_for("dyn is started"));
   EXPECT_EQ("1", visit());
 
+  // A board's process is none of the application's own.
+  RawClient board("board", uint16_t{7070});
+  board.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("dyn"), .data = ORP_DYNAPP_OFF});
+  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, board.read().type);
+  EXPECT_EQ("2", visit());
+
   update(ORP_DYNAPP_OFF);
   ASSERT_TRUE(server_->wait_for("dyn has ended"));
   EXPECT_FALSE(visit());
+  update(ORP_DYNAPP_RESTART);
+  EXPECT_FALSE(visit()) << "it stays off";
   {
     const UniqueFd taken = servers::listen_tcp("127.0.0.1:7001");
     update(ORP_DYNAPP_ON);
@@ -120,6 +194,8 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   client.send(
       {.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("unknown"), .data = ORP_DYNAPP_ON});
   EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type);
+  client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = "dyn", .data = ORP_DYNAPP_ON});
+  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type) << "the name has no end";
 }
 
 TEST_F(DynamicApps, RunAsTheirUserOnAUnixSocket) {
@@ -133,6 +209,16 @@ TEST_F(DynamicApps, RunAsTheirUserOnAUnixSocket) {
 
   server_->stop(SIGTERM);
   EXPECT_FALSE(std::filesystem::exists("/var/dyn.sock"));
+
+  // However many groups its user has.
+  std::ofstream groups("/var/group");
+  groups << test::contents("/etc/group");
+  for (int i = 0; i < 70; ++i) groups << "many" << i << ":x:" << 7000 + i << ":nobody\n";
+  groups.close();
+  ASSERT_EQ(0, ::mount("/var/group", "/etc/group", nullptr, MS_BIND, nullptr));
+  start({"--apps", "/var/apps.json"});
+  RawClient next("x", RawClient::Register::kNo, "/var/dyn.sock");
+  EXPECT_EQ("65534 71", next.receive_bytes(8));
 }
 
 TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
@@ -154,6 +240,8 @@ TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
        "x: \"executable\" is no absolute"},
       {R"("name": "a", "executable": "/x", "listen": "unix:/x", "arguments": "-v")",
        "\"arguments\" is not a list of texts"},
+      {R"("name": "a", "executable": "/x", "listen": "unix:/x", "arguments": ["-v", 7])",
+       "\"arguments\" is not a list of texts"},
       {R"("name": "a", "executable": "/x", "listen": "7001")", "\"listen\" is neither"},
       {R"("name": "a", "executable": "/x", "listen": "tcp:nowhere:1")", "application a: cannot"},
       {R"("name": "a", "executable": "/x", "listen": "unix:/var/x", "user": "nobody at all")",
@@ -172,12 +260,15 @@ TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
 }
 
 TEST_F(DynamicApps, NeedAList) {
-  for (const char *text : {"{}", "[]", R"({"applications": {}})"}) {
+  for (const char *text : {"{}", "[]", R"({"applications": {}})", R"({"applications": [7]})"}) {
     std::ofstream("/var/apps.json") << text;
     test::Process server("msgsvr", {"--apps", "/var/apps.json"});
     EXPECT_EQ(1, server.wait()) << text;
     EXPECT_THAT(server.output(), HasSubstr("/var/apps.json: ")) << text;
   }
+  test::Process server("msgsvr", {"--apps", "/var/none.json"});
+  EXPECT_EQ(1, server.wait());
+  EXPECT_THAT(server.output(), HasSubstr("cannot read /var/none.json"));
 }
 
 TEST_F(DynamicApps, AreNamedWithTheReasonWhenTheyCannotBeStarted) {

@@ -172,6 +172,32 @@ TEST_F(Login, ManyInventedNamesDoNotPushOutWhoIsForbidden) {
   EXPECT_EQ(1u, check("10.0.0.3", "n4199").ulFailedTimes);
 }
 
+TEST_F(Login, LeavesOneMoreTryWhenTheLimitIsLoweredMeanwhile) {
+  for (int i = 0; i < 4; ++i) attempt("10.0.0.2");
+  set_limit({3, 500});
+  EXPECT_EQ(1u, check("10.0.0.2").ulTimesLeft);
+  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, attempt("10.0.0.2").ulVerdict);
+}
+
+TEST_F(Login, ReadsNotMoreThanItKeepsAndNothingThatIsOld) {
+  server_->stop(SIGKILL);
+  constexpr int kRecords = 4100;
+  std::ofstream state(kState);
+  state << R"({"max_failed_times": 5, "forbidden_time": 60, "clients": [)";
+  for (int i = 0; i < kRecords; ++i) {
+    state << R"({"account": "admin", "round": 1, "failed": 2, "client": "10.1.)" << i / 256 << '.'
+          << i % 256 << R"(", "forbidden": )" << (i == 1 ? 500 : 0) << R"(, "quiet": )"
+          << (i < 2 ? 86400 : 100) << '}' << (i + 1 < kRecords ? "," : "]}");
+  }
+  state.close();
+  restart();
+
+  EXPECT_EQ(0u, check("10.1.0.0").ulFailedTimes) << "it was quiet for a day";
+  EXPECT_EQ(ORP_LCTRL_FORBIDDEN, check("10.1.0.1").ulVerdict) << "for longer than that";
+  EXPECT_EQ(2u, check("10.1.15.255").ulFailedTimes);
+  EXPECT_EQ(0u, check("10.1.16.0").ulFailedTimes) << "the 4097th";
+}
+
 TEST_F(Login, ForbidsForLongerWithEveryRound) {
   set_limit({1, 1});
   set_limit({0, 0});  // leaves both as they are

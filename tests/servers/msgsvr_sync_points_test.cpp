@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <string>
 
@@ -78,6 +79,39 @@ TEST_F(MsgsvrSyncPoints, HaveNames) {
   const std::string longest(255, 'p');
   release(longest);
   EXPECT_EQ(9u, client.ask(wait_at(longest, 9)).sequence);
+}
+
+TEST_F(MsgsvrSyncPoints, KeepOneReleaseHoweverOftenItsMakerPosts) {
+  RawClient poster("poster");
+  RawClient late("late");
+  for (int i = 0; i < 2; ++i) poster.send({.type = ORP_MSG_SYNC_POST, .body = "boot"});
+  EXPECT_THAT(poster.drain(), IsEmpty());
+
+  EXPECT_EQ(6u, late.ask(wait_at("boot", 6)).sequence);
+  late.send(wait_at("boot", 7));
+  EXPECT_THAT(late.drain(), IsEmpty());
+}
+
+TEST_F(MsgsvrSyncPoints, AreLimitedForAProcessAndItsUser) {
+  ASSERT_EQ(0, server_->stop(SIGTERM));
+  start({"--user-points", "4"});  // of which a process may have one
+  RawClient one("one");
+  one.send(wait_at("boot", 4));
+  for (const uint32_t type : {ORP_MSG_SYNC_WAIT, ORP_MSG_SYNC_POST}) {
+    one.send({.type = type, .body = "other", .sequence = 5});
+    const Frame notice = one.read();
+    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type);
+    EXPECT_EQ(type, notice.data);
+  }
+
+  // A new release takes the place of the one whose maker went first, and of nobody who waits.
+  for (const char *name : {"p1", "p2", "p3", "p4"}) release(name);
+  RawClient late("late");
+  EXPECT_EQ(6u, late.ask(wait_at("p2", 6)).sequence);
+  late.send(wait_at("p1", 7));
+  EXPECT_THAT(late.drain(), IsEmpty());
+  release("boot");
+  EXPECT_EQ(4u, one.read().sequence);
 }
 
 }  // namespace
