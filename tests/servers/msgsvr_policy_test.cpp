@@ -310,6 +310,7 @@ TEST_F(Trust, EventsReachOnlyWhoMayHaveThem) {
     EXPECT_THAT(loud.drain(), IsEmpty()) << "publishers are not told";
     EXPECT_TRUE(web->quiet());
   }
+  EXPECT_THAT(log(), HasSubstr("may not subscribe \"wifi\" to event-lan"));
 }
 
 TEST_F(Trust, ServicesAreForWhomTheRulesSay) {
@@ -415,6 +416,30 @@ TEST_F(Trust, RequestsOfApplicationsAreJudgedAsMessages) {
   EXPECT_TRUE(app.quiet());
   root.send(request);
   EXPECT_EQ("root", app.read().from);
+}
+
+// A rule about messages to the server says nothing about what another action is for.
+TEST_F(Trust, RegistrationsAndSubscriptionsAreNoMessagesToTheServer) {
+  start_with(R"({"deny": "send", "to": "mic", "user": 1234},
+                {"deny": "send", "to": "wifi", "types": ["subscribe", "reboot"]})");
+  RawClient wifi("wifi");
+  const auto web = user("web");
+  web->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_LAN});
+  web->send({.type = ORP_MSG_REBOOT});
+  web->expect(notice(ORP_MSG_REBOOT, "web"));
+  web->send({.type = ORP_MSG_COUNT_PROCESSES, .body = padded("web")});
+  web->expect(notice(ORP_MSG_COUNT_PROCESSES, "web"));
+  wifi.send({.type = ORP_MSG_EVENT_LAN, .body = "lan"});
+  EXPECT_EQ("lan", web->read().body);
+  // Between applications these types are messages like any other.
+  for (const uint32_t type : {ORP_MSG_SUBSCRIBE, ORP_MSG_REBOOT}) {
+    web->send({.type = type, .to = "wifi"});
+    web->expect(notice(type, "web"));
+  }
+  EXPECT_TRUE(wifi.quiet());
+  const std::string text = log();
+  EXPECT_THAT(text, AllOf(HasSubstr("may not ask for reboot: "),
+                          HasSubstr("to \"mic\": /var/policy.json:2")));
 }
 
 // The kernel tells all of them, in as many bytes as they take.
