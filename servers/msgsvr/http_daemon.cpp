@@ -508,12 +508,7 @@ void HttpDaemon::complete(Exchange &exchange) {
   connection.exchange = nullptr;
   held_ -= exchange.reserved;
   std::erase(waiting_, &exchange);
-  if (exchange.id == 0 || answering_.erase(exchange.id) == 0) return;
-  try {
-    events.post({exchange.id, std::nullopt});
-  } catch (const std::bad_alloc &) {
-    // An answer that comes now finds nobody.
-  }
+  answering_.erase(exchange.id);  // still there if the request could not be posted
 }
 
 void HttpDaemon::take_replies() {

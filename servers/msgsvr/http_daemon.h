@@ -52,10 +52,11 @@ struct HttpLimits {
 
 class HttpDaemon {
  public:
-  // A whole request; without one: nobody waits for the answer of that id any more.
+  // A whole request. Until it is answered its connection is not looked at, so that a client that
+  // leaves is noticed only then.
   struct Event {
     uint64_t id;
-    std::optional<HttpRequest> request;
+    HttpRequest request;
   };
   struct Reply {
     uint64_t id;  // an unknown one is ignored

@@ -64,13 +64,9 @@ void HttpFront::start_anew(uint64_t first_id) {
 
 void HttpFront::ready(uint32_t) {
   for (HttpDaemon::Event &event : daemon_->events.take()) {
-    if (!event.request) {
-      if (open_.erase(event.id) > 0) abandoned_(event.id);
-      continue;
-    }
     try {
       open_.insert(event.id);
-      handler_(event.id, std::move(*event.request));
+      handler_(event.id, std::move(event.request));
     } catch (const std::exception &error) {
       log_line("an HTTP request is not served: {}", error.what());
       abandoned_(event.id);

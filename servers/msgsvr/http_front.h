@@ -16,7 +16,7 @@ class HttpFront final : private servers::EventLoop::Watch {
  public:
   // Called for every whole request; answer(id, ...) ends it, at once or later.
   using Handler = std::function<void(uint64_t id, HttpRequest request)>;
-  // The client has gone before it was answered.
+  // Nobody waits for the answer any more: the daemon has broken down, or the handler has thrown.
   using Abandoned = std::function<void(uint64_t id)>;
 
   // Serves the connections of `listener`. Throws std::runtime_error.
