@@ -327,7 +327,10 @@ class DynamicApps final : public Service {
     if (app.pid == 0) return;
     app.stopping = true;
     ::kill(-app.pid, SIGTERM);
-    app.timer = server_->loop().after(kStopTime, [&app] { ::kill(-app.pid, SIGKILL); });
+    app.timer = server_->loop().after(kStopTime, [&app] {
+      // Of process 0 the group would be ours.
+      if (app.pid > 0) ::kill(-app.pid, SIGKILL);
+    });
   }
 
   void reap() {
