@@ -27,7 +27,6 @@ constexpr size_t kMostAnswers = 256;
 constexpr size_t kLongestCorrelation = 1024;
 
 constexpr int kQuotaExceeded = 0x97;  // MQTT 5, 2.4
-constexpr int kFirstError = 0x80;
 
 }  // namespace
 

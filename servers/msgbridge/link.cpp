@@ -39,6 +39,8 @@ constexpr uint16_t kReceiveMaximum = 32;
 // text are below this limit.
 constexpr uint32_t kLargestPacket = 1 << 20;
 
+constexpr size_t kLongestTrouble = 500;
+
 // Reads of TLS in one turn of the loop, so that the rest gets its turn.
 constexpr int kMostReads = 64;
 
@@ -76,7 +78,7 @@ struct Link::Attempt {
   int number = 0;  // errno
   std::atomic<bool> done = false;
   std::mutex trouble_lock;
-  std::string trouble;  // what the library logged last as an error
+  std::string trouble;  // what the library has logged as errors: which file, then why
   mqtt::Client client;  // the first to go: it may log until then
 
   std::string why() {
@@ -159,6 +161,7 @@ void Link::attempt() {
     mosquitto_connect_v5_callback_set(client, on_connect);
     mosquitto_disconnect_v5_callback_set(client, on_disconnect);
     mosquitto_publish_v5_callback_set(client, on_publish);
+    mosquitto_subscribe_v5_callback_set(client, on_subscribe);
     mosquitto_message_v5_callback_set(client, on_message);
     mosquitto_log_callback_set(client, on_log);
     mosquitto_will_set_v5(client, will_.topic.c_str(), static_cast<int>(will_.payload.size()),
@@ -293,6 +296,7 @@ void Link::lost() {
   keep_alive_.stop();
   if (socket_ != nullptr) ORP_UTIL_SocketBaseDelete(socket_);
   socket_ = nullptr;
+  subscribing_.clear();
   current_.reset();
   if (was_up) {
     say(MLOG_LEVEL_WARN, "The connection to {} has ended: {}; trying again.", address, trouble_);
@@ -324,12 +328,23 @@ Link::Sent Link::publish(const std::string &topic, std::string_view payload, int
 
 void Link::subscribe(const std::string &topics) {
   if (!up_) return;
-  const int error = mosquitto_subscribe_v5(current_->client.get(), nullptr, topics.c_str(), 1,
+  int id = 0;
+  const int error = mosquitto_subscribe_v5(current_->client.get(), &id, topics.c_str(), 1,
                                            MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr);
   if (error != MOSQ_ERR_SUCCESS) {
     say(MLOG_LEVEL_ERROR, "{} is not subscribed to: {}.", topics, mosquitto_strerror(error));
+  } else {
+    subscribing_[id] = topics;
   }
   update_interest();
+}
+
+void Link::subscribed(int id, int reason) {
+  const auto answered = subscribing_.extract(id);
+  if (answered && reason >= kFirstError) {
+    say(MLOG_LEVEL_ERROR, "The broker refuses the subscription to {}: {}.", answered.mapped(),
+        mosquitto_reason_string(reason));
+  }
 }
 
 void Link::farewell(const std::string &topic, std::string_view payload) {
@@ -398,7 +413,7 @@ void Link::on_disconnect(mosquitto * /*client*/, void *object, int reason,
   link->over_ = true;
   called_back([=] {
     // Reason codes below 0x80 are the library's own errors; after_call() has their texts.
-    if (link->trouble_.empty() && reason >= 0x80) {
+    if (link->trouble_.empty() && reason >= kFirstError) {
       link->trouble_ = std::string("the broker ends it: ") + mosquitto_reason_string(reason);
     }
   });
@@ -408,6 +423,13 @@ void Link::on_publish(mosquitto * /*client*/, void *object, int id, int reason,
                       const mosquitto_property * /*properties*/) {
   Link *link = static_cast<Attempt *>(object)->link;
   if (link->handlers_.acknowledged) called_back([=] { link->handlers_.acknowledged(id, reason); });
+}
+
+// Each packet subscribes to one topic and so has one answer.
+void Link::on_subscribe(mosquitto * /*client*/, void *object, int id, int count, const int *reasons,
+                        const mosquitto_property * /*properties*/) {
+  Link *link = static_cast<Attempt *>(object)->link;
+  if (count > 0) called_back([=] { link->subscribed(id, reasons[0]); });
 }
 
 void Link::on_message(mosquitto * /*client*/, void *object, const mosquitto_message *message,
@@ -423,7 +445,9 @@ void Link::on_log(mosquitto * /*client*/, void *object, int level, const char *t
   guarded("A line of the broker's library", [=] {
     auto *made = static_cast<Attempt *>(object);
     const std::lock_guard<std::mutex> hold(made->trouble_lock);
-    made->trouble = text;
+    while (made->trouble.ends_with('.')) made->trouble.pop_back();
+    if (!made->trouble.empty()) made->trouble += "; ";
+    made->trouble.append(text).resize(std::min(made->trouble.size(), kLongestTrouble));
   });
   errno = number;
 }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +20,8 @@
 #include "msgbridge/timer.h"
 
 namespace msgbridge {
+
+constexpr int kFirstError = 0x80;  // of the broker's reason codes (MQTT 5, 2.4)
 
 struct LinkHandlers {
   std::function<void()> connected;
@@ -73,6 +76,7 @@ class Link {
   void service(uint32_t event);
   int read_packets();
   void accepted(int reason, const mosquitto_property *properties);
+  void subscribed(int id, int reason);
   void after_call(int error);
   void update_interest();
   void keep_alive();
@@ -83,6 +87,8 @@ class Link {
                             const mosquitto_property *properties);
   static void on_publish(mosquitto *client, void *object, int id, int reason,
                          const mosquitto_property *properties);
+  static void on_subscribe(mosquitto *client, void *object, int id, int count, const int *reasons,
+                           const mosquitto_property *properties);
   static void on_message(mosquitto *client, void *object, const mosquitto_message *message,
                          const mosquitto_property *properties);
   static void on_log(mosquitto *client, void *object, int level, const char *text);
@@ -105,7 +111,8 @@ class Link {
   int64_t connected_at_ms_ = 0;
   uint64_t connections_ = 0;
   uint16_t window_;
-  std::string trouble_;  // why the connection is over
+  std::map<int, std::string> subscribing_;  // by the packet's id, until the broker has answered
+  std::string trouble_;                     // why the connection is over
   bool over_ = false;
   bool up_ = false;
   bool writing_ = false;

@@ -291,6 +291,7 @@ TEST(BridgeConfig, PointsAtMistakesAboutTheBroker) {
       {R"({"addresses": ["mqtts://a"], "tls": {"verify": 1}})", "'verify'"},
       {R"({"addresses": ["mqtts://a"], "tls": {"certificate": "/c"}})", "together"},
       {R"({"addresses": ["mqtt://a"], "reconnect": 5})", "'reconnect'"},
+      {R"({"addresses": ["mqtt://a"], "client_id": "a\u0001b"})", "'client_id'"},
       {R"({"addresses": ["mqtt://a"], "in_flight": 0})", "'in_flight'"},
       {R"({"addresses": ["mqtt://a"], "keep_alive_s": 4})", "'keep_alive_s'"},
   };
