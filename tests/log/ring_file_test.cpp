@@ -1,7 +1,5 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include "support/allocation.h"
 #include "support/fd_check.h"
 #include "support/file.h"
+#include "support/largest_file.h"
 
 namespace {
 
@@ -214,9 +213,7 @@ TEST(RingFile, AbortsWhenTheCountOfOverturnsWouldWrap) {
 
 TEST(RingFile, SurvivesADiskThatTakesNoMore) {
   Ring ring(1000);
-  ::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit{.rlim_cur = 70, .rlim_max = RLIM_INFINITY};
-  ::setrlimit(RLIMIT_FSIZE, &limit);
+  const test::LargestFile limit(70);
 
   EXPECT_EQ(0, ring.write(std::string(10, 'a')));
   EXPECT_NE(0, std::ferror(ring.file()->stream));

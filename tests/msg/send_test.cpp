@@ -2,7 +2,6 @@
 #include <linux/sockios.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 #include "os/wait.h"
 #include "support/fd_check.h"
 #include "support/file.h"
+#include "support/largest_file.h"
 #include "support/log_lines.h"
 #include "support/message_peer.h"
 
@@ -288,9 +288,7 @@ TEST(LargeBody, LeavesNoFileWhenTheSendFails) {
   EXPECT_EQ(ORP_ERR_NOT_WRITABLE, ORP_MSG_Send(block.get()));
   EXPECT_TRUE(hand_over_files().empty());
 
-  ::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit = {4096, 4096};
-  ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit));
+  const test::LargestFile limit(4096);
   testing::internal::CaptureStdout();
   EXPECT_EQ(ORP_ERR_HAND_OVER, ORP_MSG_Send(block.get()));
   EXPECT_TRUE(hand_over_files().empty());

@@ -1,6 +1,5 @@
 #include <curl/curl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -27,6 +26,7 @@
 #include "inspector/token.h"
 #include "msgapi/msg.h"
 #include "support/file.h"
+#include "support/largest_file.h"
 #include "support/process.h"
 #include "support/soak.h"
 #include "tools/mlog_support.h"
@@ -514,14 +514,10 @@ TEST(InspectorToken, IsKeptWhereNobodyElseReadsIt) {
 
   // On a full disk: a part of a token must not stay, because every later start would refuse it.
   warning.clear();
-  rlimit before{};
-  ::getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit few{10, before.rlim_max};
-  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  ::setrlimit(RLIMIT_FSIZE, &few);
-  EXPECT_EQ(inspector::token_of("/var/other", &warning).size(), 32u);
-  ::setrlimit(RLIMIT_FSIZE, &before);
-  std::signal(SIGXFSZ, handler);
+  {
+    const test::LargestFile few(10);
+    EXPECT_EQ(inspector::token_of("/var/other", &warning).size(), 32u);
+  }
   EXPECT_NE(warning, "");
   warning.clear();
   const std::string kept = inspector::token_of("/var/other", &warning);

@@ -4,12 +4,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -17,6 +15,7 @@
 
 #include "msgbridge/spool.h"
 #include "servers/msgbridge/spool_support.h"
+#include "support/largest_file.h"
 
 namespace {
 
@@ -276,26 +275,11 @@ TEST(SpoolDamage, WhatTheBrokerHasRefusedIsNotCalledDamaged) {
   EXPECT_EQ(598u, spool.given_up());
 }
 
-// While it lives, no file grows beyond `bytes`, and a write there fails.
-class LargestFile {
- public:
-  explicit LargestFile(rlim_t bytes) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit few{bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &few);
-  }
-  ~LargestFile() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
 TEST(SpoolDamage, ADiskThatFailsIsAskedAgain) {
   Spool spool(damaged_options(), now);
   add(&spool, 3);
   {
-    const LargestFile nothing(1);
+    const test::LargestFile nothing(1);
     spool.append({.boot = g_now.boot, .topic = "t", .payload = "x"});
     EXPECT_FALSE(spool.commit());
     EXPECT_THAT(spool.problem(), HasSubstr("I/O error"));
@@ -320,7 +304,7 @@ TEST(SpoolDamage, AnotherSpoolInItsPlaceIsNotItsOwn) {
   const std::string stream = spool.stream();
   add(&spool, 3);
   {
-    const LargestFile nothing(1);
+    const test::LargestFile nothing(1);
     spool.append({.boot = g_now.boot, .topic = "t", .payload = "x"});
     EXPECT_FALSE(spool.commit());
   }
