@@ -276,10 +276,11 @@ TEST(StatInfo, Failures) {
   EXPECT_EQ(-2, MlogGetStatInfo("wan", text, 8));
 }
 
-// Answers one request with `answer` while the test waits in a call.
-std::thread answer_once(FakeLogServer *server, const std::string &answer) {
+// Answers one request, which must be `request`, with `answer` while the test waits in a call.
+std::thread answer_once(FakeLogServer *server, const std::string &request,
+                        const std::string &answer) {
   return std::thread([=] {
-    server->receive(true);
+    EXPECT_EQ(request, server->receive(true));
     server->reply(answer);
   });
 }
@@ -301,7 +302,7 @@ TEST(GetStatInfo, CopiesTheAnswersText) {
       {"short", 256, -1, ""},
   };
   for (const auto &c : cases) {
-    std::thread answering = answer_once(&server, c.answer);
+    std::thread answering = answer_once(&server, stat_message(4, "wan", ""), c.answer);
     char text[300] = "old";
 
     EXPECT_EQ(c.result, MlogGetStatInfo("wan", text, c.size)) << c.answer;
@@ -313,13 +314,14 @@ TEST(GetStatInfo, CopiesTheAnswersText) {
 
 TEST(FlushLog, WaitsForAHeadWithoutPayload) {
   FakeLogServer server;
+  const std::string request = message_bytes(MLOG_TYPE_FLUSH, 0);
 
-  std::thread answering = answer_once(&server, message_bytes(MLOG_TYPE_FLUSH, 0));
+  std::thread answering = answer_once(&server, request, message_bytes(MLOG_TYPE_FLUSH, 0));
   EXPECT_EQ(0, MlogFlushLog());
   answering.join();
   EXPECT_EQ("/var/mlog/FLUSH_" + std::to_string(::getpid()), server.peer_path());
 
-  answering = answer_once(&server, message_bytes(MLOG_TYPE_FLUSH, 4));
+  answering = answer_once(&server, request, message_bytes(MLOG_TYPE_FLUSH, 4));
   EXPECT_THAT(output_of([] { EXPECT_EQ(-1, MlogFlushLog()); }),
               HasSubstr(": mlog send and receive message failed, ret: -2\n"));
   answering.join();
