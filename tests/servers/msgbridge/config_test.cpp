@@ -161,19 +161,10 @@ TEST(BridgeConfig, KnowsWhatAnAddressIs) {
         "mqtt://a:", "mqtt://[::1", "mqtt://[::1]8883", "mqtt://a:1883/path", "mqtt://user@a"}) {
     EXPECT_THROW(mqtt::read_address(text), std::invalid_argument) << text;
   }
-  const auto of = [](const std::string &broker) {
-    try {
-      msgbridge::read_config("{\"broker\": " + broker + "}", types());
-      return std::string();
-    } catch (const catalogue::JsonError &error) {
-      return std::string(error.what());
-    }
-  };
-  EXPECT_THAT(of(R"({"addresses": []})"), HasSubstr("must name a broker"));
-  EXPECT_THAT(of(R"({"addresses": ["mqtt://a"], "tls": {}})"), HasSubstr("mqtts://"));
-  EXPECT_THAT(of(R"({"addresses": ["mqtts://a"], "tls": {"key": "/k"}})"), HasSubstr("together"));
-  EXPECT_THAT(of(R"({"addresses": ["mqtt://a"], "reconnect": {"least_ms": 20, "most_ms": 10}})"),
-              HasSubstr("more than"));
+  for (const std::string &host : {std::string(254, 'a'), std::string("[]"), std::string("a?b")}) {
+    EXPECT_THROW(mqtt::read_address("mqtt://" + host), std::invalid_argument) << host;
+  }
+  EXPECT_EQ("mqtt://[fe80::1%eth0]:1883", mqtt::read_address("mqtt://[fe80::1%eth0]").text());
 }
 
 TEST(BridgeConfig, CredentialsAreTheirOwnersAlone) {
@@ -284,13 +275,17 @@ TEST(BridgeConfig, PointsAtMistakesAboutTheBroker) {
   } kMistakes[] = {
       {"5", "'broker'"},
       {"{}", "'addresses'"},
+      {R"({"addresses": []})", "must name a broker"},
       {R"({"addresses": "mqtt://a"})", "'addresses' must be a list"},
       {R"({"addresses": [5]})", "'addresses'"},
       {R"({"addresses": ["http://a"]})", "mqtt:// or mqtts://"},
       {R"({"addresses": ["mqtts://a"], "tls": 5})", "'tls'"},
+      {R"({"addresses": ["mqtt://a"], "tls": {}})", "mqtts://"},
+      {R"({"addresses": ["mqtts://a"], "tls": {"key": "/k"}})", "together"},
       {R"({"addresses": ["mqtts://a"], "tls": {"verify": 1}})", "'verify'"},
       {R"({"addresses": ["mqtts://a"], "tls": {"certificate": "/c"}})", "together"},
       {R"({"addresses": ["mqtt://a"], "reconnect": 5})", "'reconnect'"},
+      {R"({"addresses": ["mqtt://a"], "reconnect": {"least_ms": 20, "most_ms": 10}})", "more than"},
       {R"({"addresses": ["mqtt://a"], "client_id": "a\u0001b"})", "'client_id'"},
       {R"({"addresses": ["mqtt://a"], "in_flight": 0})", "'in_flight'"},
       {R"({"addresses": ["mqtt://a"], "keep_alive_s": 4})", "'keep_alive_s'"},
@@ -309,10 +304,6 @@ TEST(BridgeConfig, PointsAtMistakesAboutTheBroker) {
   EXPECT_EQ(200u,
             msgbridge::read_config(file_of("\"prefix\": \"" + prefix.substr(1) + "\""), types())
                 .prefix.size());
-  for (const std::string &host : {std::string(254, 'a'), std::string("[]"), std::string("a?b")}) {
-    EXPECT_THROW(mqtt::read_address("mqtt://" + host), std::invalid_argument) << host;
-  }
-  EXPECT_EQ("mqtt://[fe80::1%eth0]:1883", mqtt::read_address("mqtt://[fe80::1%eth0]").text());
 }
 
 TEST(BridgeConfig, CredentialsHaveAUserAndPerhapsAPassword) {
