@@ -86,6 +86,10 @@ struct Link::Attempt {
     if (!trouble.empty()) return trouble;
     return mqtt::error_text(error, number);
   }
+  void forget_trouble() {
+    const std::lock_guard<std::mutex> hold(trouble_lock);
+    trouble.clear();
+  }
 };
 
 Link::Link(const Config *config, std::string client_id, Will will, LinkHandlers handlers)
@@ -398,6 +402,8 @@ void Link::accepted(int reason, const mosquitto_property *properties) {
   patience_.stop();
   handshake_.stop();
   up_ = true;
+  // Why it ends one day has other reasons.
+  current_->forget_trouble();
   connected_at_ms_ = now_ms();
   ++connections_;
   uint16_t most = UINT16_MAX;
