@@ -236,19 +236,16 @@ TEST(NotifyServer, CountsWhatAModuleIsSentThatReceivesNoMore) {
   Server server;
   NotifyPeer cms;
   NotifyPeer web;
-  const auto wait_for_server = [&cms] {
-    NotifyMessage question = message(kNoticeType, ORP_NOTIFYCLT_SERVER, "");
-    question.head.sync_tag = 1;
-    cms.send(question);
-    EXPECT_EQ(1u, cms.receive().head.sync_tag);
-  };
   web.send(registration(kWeb));
   EXPECT_TRUE(server.wait_for("module 26"));
   cms.send(message(kNoticeType, kWeb, "delivered, but never read"));
-  wait_for_server();
+  web.wait_for_data();
   web.stop_receiving();
   for (int i = 0; i < 2; ++i) cms.send(message(kNoticeType, kWeb, "too late"));
-  wait_for_server();
+  NotifyMessage question = message(kNoticeType, ORP_NOTIFYCLT_SERVER, "");
+  question.head.sync_tag = 1;
+  cms.send(question);
+  EXPECT_EQ(1u, cms.receive().head.sync_tag);
 
   web.close();
   EXPECT_TRUE(server.wait_for(") left; 2 messages for it were lost"));

@@ -50,6 +50,7 @@ class NotifyPeer {
     return message;
   }
   bool has_received() const { return has_data(fd_.get()); }
+  void wait_for_data() const { EXPECT_TRUE(has_data(fd_.get(), kPatience)); }
 
   void send(const NotifyMessage &message) { send(message.bytes()); }
   void send(const std::string &bytes) {
@@ -61,9 +62,11 @@ class NotifyPeer {
   void close() { fd_.reset(); }
 
  protected:
-  static bool has_data(int fd) {
+  static constexpr int kPatience = 10000;  // ms
+
+  static bool has_data(int fd, int wait_ms = 0) {
     pollfd entry{fd, POLLIN, 0};
-    return ::poll(&entry, 1, 0) == 1;
+    return ::poll(&entry, 1, wait_ms) == 1;
   }
 
   msgapi::os::UniqueFd fd_;
