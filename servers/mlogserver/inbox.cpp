@@ -37,12 +37,32 @@ struct Inbox::Layout {
   std::array<std::array<char, kSlotSize>, kSlots> bytes;
 };
 
-Inbox::Inbox(const std::string &path) : path_(path) {
-  const servers::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+namespace {
+
+// A file that nobody else can have open or find elsewhere.
+bool is_ours_alone(const struct stat &status) {
+  return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1 &&
+         (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
+// A former server's file at `path`, or a new one. Everybody who logs may make files in the
+// directory. In one of theirs they could say where in this process the kernel writes, or take away
+// the memory below the mapping: it is replaced.
+servers::UniqueFd open_file(const char *path) {
+  constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC;
+  servers::UniqueFd fd(::open(path, kFlags));
   struct stat status {};
+  if (fd && ::fstat(fd.get(), &status) == 0 && is_ours_alone(status)) return fd;
+  if (::lstat(path, &status) == 0 && S_ISREG(status.st_mode)) ::unlink(path);
+  return servers::UniqueFd(::open(path, kFlags | O_CREAT | O_EXCL, 0600));
+}
+
+}  // namespace
+
+Inbox::Inbox(const std::string &path) : path_(path) {
+  const servers::UniqueFd fd = open_file(path.c_str());
   // The blocks are allocated now, because a full disk inside the mapping would raise SIGBUS.
-  const bool usable = fd && ::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                      ::posix_fallocate(fd.get(), 0, sizeof(Layout)) == 0 &&
+  const bool usable = fd && ::posix_fallocate(fd.get(), 0, sizeof(Layout)) == 0 &&
                       ::ftruncate(fd.get(), sizeof(Layout)) == 0;
   void *memory =
       ::mmap(nullptr, sizeof(Layout), PROT_READ | PROT_WRITE,

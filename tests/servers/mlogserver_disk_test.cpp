@@ -1,8 +1,10 @@
 // Disks that are full or damaged, and a log server that is killed.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,6 +14,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/unique_fd.h"
 #include "msgapi/log.h"
 #include "msgapi/ringlog.h"
 #include "servers/log_server.h"
@@ -139,25 +142,51 @@ TEST(LogServerKill, LosesNoLineThatItHasTaken) {
   EXPECT_LE(twice, rounds);
 }
 
+constexpr const char *kInbox = "/var/mlog/mlogServer.inbox";
+
+// Everybody who logs may make files in the inbox's directory.
+TEST(LogServerKill, TakesNoInboxThatSomebodyElseMayHaveOpen) {
+  std::filesystem::create_directory("/var/mlog");
+  const auto opened = [] { return servers::UniqueFd(::open(kInbox, O_RDWR | O_CREAT, 0600)); };
+  const auto is_not_taken = [](const servers::UniqueFd &inbox, const char *what) {
+    LogServer server;
+    EXPECT_EQ(0, ::ftruncate(inbox.get(), 0)) << what;  // the end of who has mapped it
+    MlogPrint("wan", 8, "%s", what);
+    EXPECT_EQ(0, MlogFlushLog()) << what;
+    EXPECT_EQ(0, server.stop(SIGTERM)) << what;
+  };
+
+  const servers::UniqueFd open_to_all = opened();
+  ASSERT_EQ(0, ::fchmod(open_to_all.get(), 0666));
+  is_not_taken(open_to_all, "open to all");
+  const servers::UniqueFd with_two_names = opened();
+  ASSERT_EQ(0, ::link(kInbox, "/var/mlog/other_name"));
+  is_not_taken(with_two_names, "with two names");
+  const servers::UniqueFd of_another = opened();
+  // An ordinary user's sandbox has no other users.
+  if (::fchown(of_another.get(), 65534, 65534) == 0) is_not_taken(of_another, "of another user");
+}
+
 TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
   LogServer first;
   first.stop(SIGKILL);
   // The inbox of another version, and other files that may be in its place.
   for (const std::string &junk : {std::string(200000, 'x'), std::string("short"), std::string()}) {
-    std::ofstream("/var/mlog/mlogServer.inbox", std::ios::trunc) << junk;
+    std::ofstream(kInbox, std::ios::trunc) << junk;
+    ASSERT_EQ(0, ::chmod(kInbox, 0600));
     LogServer next;
     MlogPrint("wan", 8, "line");
     EXPECT_EQ(0, MlogFlushLog());
     EXPECT_EQ(0, next.stop(SIGTERM));
   }
-  ASSERT_EQ(0, ::symlink("/var/target", "/var/mlog/mlogServer.inbox"));
+  ASSERT_EQ(0, ::symlink("/var/target", kInbox));
   test::Process last("mlogserver");
   EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
   EXPECT_TRUE(last.wait_for("ready"));
   EXPECT_NE(0, ::access("/var/target", F_OK));
   EXPECT_EQ(0, last.stop(SIGTERM));
 
-  ASSERT_EQ(0, ::mkfifo("/var/mlog/mlogServer.inbox", 0600));
+  ASSERT_EQ(0, ::mkfifo(kInbox, 0600));
   test::Process beside_a_pipe("mlogserver");
   EXPECT_TRUE(beside_a_pipe.wait_for("mlogServer.inbox cannot be used"));
   EXPECT_TRUE(beside_a_pipe.wait_for("ready"));
