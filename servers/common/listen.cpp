@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 
@@ -59,6 +61,9 @@ bool is_shortage(int error) {
 }
 constexpr int kShortagePause_ms = 10;
 
+constexpr int kTurnPause_ms = 1;
+constexpr int kTurnTries = 1000;
+
 // The port of "ADDRESS:PORT", checked: the resolver takes longer numbers modulo 65536.
 bool is_port(const std::string &text) {
   const bool digits = !text.empty() && text.size() <= 5 &&
@@ -84,8 +89,18 @@ std::string address_of(int fd, int (*find)(int, sockaddr *, socklen_t *)) {
 
 }  // namespace
 
+UniqueFd take_turn(const std::string &path) {
+  const std::string directory = std::filesystem::path(path).parent_path();
+  UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; fd && ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && i < kTurnTries; ++i) {
+    ::poll(nullptr, 0, kTurnPause_ms);
+  }
+  return fd;
+}
+
 UniqueFd listen_unix(const std::string &path, mode_t mode) {
   const sockaddr_un address = unix_address(path);
+  const UniqueFd turn = take_turn(path);
   struct stat found {};
   if (::lstat(path.c_str(), &found) == 0) {
     if (!S_ISSOCK(found.st_mode)) refuse(path, "there is a file that is no socket");
@@ -108,6 +123,7 @@ UniqueFd listen_unix(const std::string &path, mode_t mode) {
 }
 
 void remove_unix(const std::string &path) {
+  const UniqueFd turn = take_turn(path);
   if (is_dead(unix_address(path))) ::unlink(path.c_str());
 }
 

@@ -10,6 +10,12 @@
 
 namespace servers {
 
+// Servers that look whether another one has a socket beside `path`, and put theirs there or remove
+// it, take turns: until the result is closed the others wait (flock(2) on the directory). Without
+// turns one could remove what the other has just put there. Whoever may read the directory can
+// hold such a lock, too; a server waits for a second at most.
+UniqueFd take_turn(const std::string &path);
+
 // A non-blocking listening stream socket at `path`, with exactly the permissions `mode` from the
 // moment it exists. Replaces a socket that a dead server left, but not a living server's. Throws
 // std::runtime_error with a text for the user.

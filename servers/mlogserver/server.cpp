@@ -18,6 +18,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "common/listen.h"
 #include "line.h"
 #include "questions.h"
 #include "say.h"
@@ -51,6 +52,7 @@ servers::UniqueFd open_socket() {
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, kSocketPath, sizeof kSocketPath);
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
+  const servers::UniqueFd turn = servers::take_turn(kSocketPath);
 
   // Only a socket that somebody reads can be connected to.
   const servers::UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -105,6 +107,7 @@ Server::Server(servers::EventLoop *loop, RingStore *store)
 }
 
 Server::~Server() {
+  turn_ = servers::take_turn(kSocketPath);
   // Not another server's, should it have taken the path.
   if (socket_inode() == socket_inode_) ::unlink(kSocketPath);
 }

@@ -70,6 +70,7 @@ class Server final : public servers::EventLoop::Watch {
   std::string line_;        // the line that is being kept; never grows
   Counters counters_;
   std::map<std::string, std::string> statistics_;
+  servers::UniqueFd turn_;  // at the end, until the inbox is removed, too
   Inbox inbox_;
 };
 

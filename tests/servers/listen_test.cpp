@@ -7,12 +7,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
+#include <barrier>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "support/fd_check.h"
@@ -141,6 +144,27 @@ TEST(ListenUnix, ReplacesOnlyASocketThatNobodyReads) {
   std::filesystem::remove(kPath);
   std::ofstream(kPath) << "a file";
   EXPECT_THAT(refused(), EndsWith("there is a file that is no socket"));
+}
+
+TEST(ListenUnix, LetsOneOfTwoListenThatStartTogether) {
+  for (int i = 0; i < 200; ++i) {
+    listen_unix(kPath, 0660).reset();  // what a dead server leaves
+    std::barrier start(2);
+    std::array<UniqueFd, 2> listeners;
+    const auto listen = [&start](UniqueFd *listener) {
+      start.arrive_and_wait();
+      refusal([listener] {
+        *listener = listen_unix(kPath, 0660);
+        return UniqueFd();
+      });
+    };
+    {
+      const std::jthread other(listen, &listeners[0]);
+      listen(&listeners[1]);
+    }
+    ASSERT_NE(static_cast<bool>(listeners[0]), static_cast<bool>(listeners[1]));
+    ASSERT_TRUE(connected());
+  }
 }
 
 TEST(ListenUnix, SaysWhyAPathIsOfNoUse) {
