@@ -4,6 +4,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -153,6 +154,14 @@ UniqueFd listen_tcp(const std::string &address_and_port) {
   }
   start_listening(fd.get(), address_and_port);
   return fd;
+}
+
+size_t raise_descriptor_limit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_max;
 }
 
 Acceptor::Acceptor(UniqueFd listener)

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 
 #include "common/unique_fd.h"
@@ -26,6 +27,10 @@ void remove_unix(const std::string &path);
 // The same on "ADDRESS:PORT" (a numeric IPv4 address, or "[ADDRESS]:PORT" for IPv6), the
 // port being 1 to 65535.
 UniqueFd listen_tcp(const std::string &address_and_port);
+
+// Lets the process have as many descriptors as it may: every connection needs one. Returns how
+// many.
+size_t raise_descriptor_limit();
 
 // Accepts connections from a listening socket; never leaves one waiting for want of descriptors.
 class Acceptor {

@@ -1,6 +1,5 @@
 // msgsvr: the message server through which all application processes talk to each other.
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -122,15 +121,6 @@ void add_service_options(servers::Command *command, Options *options) {
   command->option("--export-dir", &options->export_directories,
                   "Directory below which configurations are exported and imported; repeatable");
   command->flag("--factory-mode", &options->factory_mode, "Say that the device is in factory mode");
-}
-
-// Every client needs a descriptor.
-size_t raise_descriptor_limit() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-  return limit.rlim_max;
 }
 
 // Limits options so that no user gets all of the server's descriptors, and everybody can send a
@@ -268,7 +258,7 @@ int main(int argc, char **argv) try {
     if (!directory.ends_with('/')) directory += '/';
   }
 
-  fit_limits(raise_descriptor_limit(), &options);
+  fit_limits(servers::raise_descriptor_limit(), &options);
   if (options.log_server) servers::send_log_as("msgsvr");
   if (options.confined) {
     servers::confine(options.applications.empty() ? servers::Programs::kNone

@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "common/command_line.h"
 #include "common/confine.h"
 #include "common/event_loop.h"
+#include "common/listen.h"
 #include "common/log_line.h"
 #include "common/octal_mode.h"
 #include "notifyserver/server.h"
@@ -83,6 +85,8 @@ int main(int argc, char **argv) try {
   line.number("--unfinished", &limits.unfinished,
               "Bytes that messages of one user's clients may take before they have arrived whole, "
               "and half of what all may; more is lost and counted");
+  line.number("--user-connections", &limits.connections, "Connections that one user may have",
+              {1, 1 << 30});
   std::string mode = "0666";
   line.option("--mode", &mode, "Permissions of the socket, octal");
   std::vector<std::string> owners;
@@ -109,6 +113,8 @@ int main(int argc, char **argv) try {
   if (confined) servers::confine(servers::Programs::kNone);
   // Every application puts its own socket there, too.
   ::mkdir(ORP_NOTIFYCLT_DIRECTORY, 0775);
+  // No user gets all of the server's descriptors.
+  limits.connections = std::min(limits.connections, servers::raise_descriptor_limit() / 2);
   run(path, limits, rules);
   return EXIT_SUCCESS;
 } catch (const std::exception &error) {

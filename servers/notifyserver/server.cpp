@@ -27,12 +27,20 @@ const char *name_of(uint32_t module) {
 
 }  // namespace
 
+// What the clients of one user have in common.
+struct Server::User {
+  User(size_t limit, Budget *all) : unfinished(limit, all) {}
+
+  Budget unfinished;     // bytes of messages that are not whole yet
+  bool refused = false;  // the log has said that there are too many connections
+};
+
 class Server::Client final : public servers::Peer {
  public:
   Client(Server *server, servers::UniqueFd connection)
       : Peer(&server->loop_, std::move(connection), server->limits_.queue),
-        budget(server->budget_of(peer.uid)),
-        input(budget.get()),
+        user(server->user_of(peer.uid)),
+        input(&user->unfinished),
         server_(server) {}
 
   void ready(uint32_t events) override {
@@ -52,7 +60,7 @@ class Server::Client final : public servers::Peer {
   }
 
   uint32_t module = 0;  // 0 before registration
-  std::shared_ptr<Budget> budget;
+  std::shared_ptr<User> user;
   FrameReader input;
   Route route;           // messages of this turn
   uint64_t refused = 0;  // messages of its own, as far as they are counted
@@ -100,21 +108,35 @@ void Server::adopt(servers::UniqueFd fd) {
   clients_.push_back(std::make_unique<Client>(this, std::move(fd)));
   Client *const client = clients_.back().get();
   try {
-    client->begin_watch();
+    if (has_too_many(*client)) {
+      clients_.pop_back();
+    } else {
+      client->begin_watch();
+    }
   } catch (...) {
     clients_.pop_back();
     throw;
   }
 }
 
-std::shared_ptr<Budget> Server::budget_of(uid_t user) {
-  std::weak_ptr<Budget> &entry = budgets_[user];
-  std::shared_ptr<Budget> budget = entry.lock();
-  if (budget) return budget;
-  budget = std::make_shared<Budget>(limits_.unfinished, &unfinished_);
-  entry = budget;
-  std::erase_if(budgets_, [](const auto &each) { return each.second.expired(); });
-  return budget;
+bool Server::has_too_many(const Client &client) {
+  // Each client holds its user once.
+  if (static_cast<size_t>(client.user.use_count()) <= limits_.connections) return false;
+  if (!client.user->refused) {
+    log_line("user {} has {} connections; more are closed", client.peer.uid, limits_.connections);
+  }
+  client.user->refused = true;
+  return true;
+}
+
+std::shared_ptr<Server::User> Server::user_of(uid_t id) {
+  std::weak_ptr<User> &entry = users_[id];
+  std::shared_ptr<User> user = entry.lock();
+  if (user) return user;
+  user = std::make_shared<User>(limits_.unfinished, &unfinished_);
+  entry = user;
+  std::erase_if(users_, [](const auto &each) { return each.second.expired(); });
+  return user;
 }
 
 void Server::read_from(Client &client) {
@@ -154,7 +176,7 @@ void Server::count_refused(Client &client) {
     log_line(
         "a message of {} is lost: there is no room for it until it is whole ({} bytes of its "
         "user's {} are taken, {} in all)",
-        client.label(), client.budget->used(), limits_.unfinished, unfinished_.used());
+        client.label(), client.user->unfinished.used(), limits_.unfinished, unfinished_.used());
   }
   client.refused += refused;
 }
@@ -311,6 +333,7 @@ void Server::disconnect(Client &client, const char *why) noexcept {
   loop_.attempt("the end of a client is not counted", [&] { report_end(client, why); });
   client.gone = true;
   client.input.reset();
+  client.user.reset();
   leave_module(client);
   client.end_watch();
   const auto place = std::find_if(clients_.begin(), clients_.end(),

@@ -53,6 +53,7 @@ struct Limits {
   size_t queue = kDefault;       // bytes that may wait for one client
   size_t unfinished = kDefault;  // bytes of messages of one user's clients that are not whole yet;
                                  // twice as many in all
+  size_t connections = 4096;     // of one user
 };
 
 // Who may do what. Root may do everything.
@@ -77,11 +78,13 @@ class Server final : servers::EventLoop::Watch {
 
  private:
   class Client;
+  struct User;
   using Route = std::vector<servers::OutputQueue::Frame>;
 
   void ready(uint32_t events) override;  // somebody connects
   void adopt(servers::UniqueFd fd);
-  std::shared_ptr<Budget> budget_of(uid_t user);
+  bool has_too_many(const Client &client);  // connections of one user
+  std::shared_ptr<User> user_of(uid_t id);
   void read_from(Client &client);
   void route(Client &from, const Frame &frame);
   void serve(Client &from, const Frame &frame);
@@ -103,9 +106,9 @@ class Server final : servers::EventLoop::Watch {
   std::optional<servers::Acceptor> acceptor_;
   const Limits limits_;
   const Rules rules_;
-  Budget unfinished_;                               // of all users
-  std::map<uid_t, std::weak_ptr<Budget>> budgets_;  // of those who have clients
-  std::vector<char> input_;                         // what is read of one client in one turn
+  Budget unfinished_;                           // of all users
+  std::map<uid_t, std::weak_ptr<User>> users_;  // those who have clients
+  std::vector<char> input_;                     // what is read of one client in one turn
   std::vector<std::unique_ptr<Client>> clients_;
   // The clients of every module id, oldest registration first; the first gets the messages.
   std::array<std::vector<Client *>, ORP_NOTIFYCLT_MODULES> modules_;

@@ -252,6 +252,28 @@ TEST(NotifyServer, CountsWhatAModuleIsSentThatReceivesNoMore) {
   EXPECT_THAT(server.statistics_at_end(), HasSubstr("overflows 0 died_with 2"));
 }
 
+TEST(NotifyServer, LeavesOtherUsersConnections) {
+  Server server({"--user-connections", "2"});
+  const auto is_served = [](NotifyPeer &peer) {
+    NotifyMessage question = message(kNoticeType, ORP_NOTIFYCLT_SERVER, "");
+    question.head.sync_tag = 1;
+    peer.send(question);
+    return peer.receive().head.sync_tag == 1;
+  };
+  NotifyPeer first;
+  {
+    NotifyPeer second;
+    EXPECT_TRUE(is_served(second));
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(UINT32_MAX, NotifyPeer().receive().head.msg_type);
+    EXPECT_TRUE(is_served(first));
+  }
+  EXPECT_TRUE(server.wait_for(" left"));
+  NotifyPeer next;
+  EXPECT_TRUE(is_served(next));
+  EXPECT_EQ(server.output().find("has 2 connections; more are closed"),
+            server.output().rfind("has 2 connections; more are closed"));
+}
+
 size_t resident_bytes(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
   size_t size = 0, resident = 0;
