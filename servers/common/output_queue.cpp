@@ -123,7 +123,7 @@ ssize_t OutputQueue::write(iovec *pieces, size_t count, int descriptor) {
 }
 
 void OutputQueue::note_written(const Tag &tag) {
-  ++frames_written_;
+  if (!tag.descriptor) ++frames_written_;
   if (observer_ != nullptr) observer_->written(tag);
 }
 
@@ -236,6 +236,7 @@ void OutputQueue::append(std::span<const char> bytes, Tag tag, bool headless) {
 bool OutputQueue::send_descriptor(UniqueFd fd, Tag tag, size_t reserve,
                                   std::shared_ptr<void> owner) {
   if (broken_ || weight_ + kDescriptorWeight > limit_ + reserve) return false;
+  tag.descriptor = 1;
   Chunks fresh = make_chunk(2);
   Chunk &chunk = fresh.front();
   chunk.frames.push_back({2, tag});

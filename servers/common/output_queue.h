@@ -25,12 +25,13 @@ namespace servers {
 class OutputQueue {
  public:
   // Travels with a frame and comes back when the frame is written or lost: says whom to tell, and
-  // about what. The queue does not look inside. Every queued frame has one, so it is kept small.
+  // about what. Of it, the queue knows only descriptors. Every queued frame has one, so it is kept
+  // small.
   struct Tag {
     uint32_t origin = 0;          // whose message it is
     uint32_t type : 30 = 0;       // the message's
     uint32_t silent : 1 = 0;      // its loss is nobody's business
-    uint32_t descriptor : 1 = 0;  // it stands for a descriptor that the message announced
+    uint32_t descriptor : 1 = 0;  // it is no message, but a descriptor that one announced
     uint32_t sequence = 0;
     uint32_t file_key = 0;  // what finds the file that goes with it: its sender's user, or a number
     uint64_t record = 0;    // under which the flight recorder knows it

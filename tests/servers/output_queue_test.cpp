@@ -207,6 +207,7 @@ TEST_F(OutputQueueTest, DescriptorsKeepTheirPlaceAndWeigh) {
   const auto owner = std::make_shared<int>();
   ASSERT_TRUE(queue.send_descriptor(descriptor(), {7, 2}));
   EXPECT_EQ("p2w2", watcher.seen);
+  EXPECT_EQ(0u, queue.frames_written()) << "it is no message";
   EXPECT_EQ(2u, receive(&queue).size());
 
   const std::string before = send_until(&queue, 90000);
