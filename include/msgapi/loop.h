@@ -124,7 +124,7 @@ MSGAPI_EXPORT void OrpUvLoopStop(OrpUvLoop *loop);
  * - ends at the next stop, or at once when the loop is stopped already. Like every run it clears
  * the stop when it ends, so the run around it goes on;
  * - ends the pass over ready descriptors that called it: what is still ready is served in the next
- *   iteration;
+ *   iteration; called by a timer or an idle procedure, it makes the wait of its iteration a look;
  * - frees deleted watchers, except those that the runs around it are calling or call next;
  * - does not fire the timer whose procedure it is in, unless that has been armed anew
  *   (OrpUvTimerStart, OrpUtilTimerChgPeriod);

@@ -123,6 +123,12 @@ uint32_t complete(Header **message) {
   return code(status);
 }
 
+// What a synchronous wait of another callback in this pass has put aside arrived earlier.
+void receive_in_order(OrpUvIo *io, uint32_t event) {
+  dispatch_put_aside();
+  if (!uv::is_deleted(&io->head) && io->fd >= 0) uv::receive_message(io, event);
+}
+
 // Puts the context's socket on the default loop.
 bool start_watcher() {
   Owned<OrpUvMsg> watcher = make<OrpUvMsg>();
@@ -136,6 +142,7 @@ bool start_watcher() {
   g_stMsgCtx.pstWatcher = watcher.get();
   (void)uv::init_message_watcher(nullptr, watcher.release(), g_stMsgCtx.slSocket,
                                  ORP_MSG_FilterProc);
+  g_stMsgCtx.pstWatcher->io.callback = receive_in_order;
   (void)uv::start_message_watcher(g_stMsgCtx.pstWatcher);
   return true;
 }

@@ -13,7 +13,9 @@
 #include "msg/receive.h"
 #include "msg/send.h"
 #include "os/clock.h"
+#include "uv/default_loop.h"
 #include "uv/trace_point.h"
+#include "uv/watcher.h"
 
 namespace msgapi::msg {
 namespace {
@@ -66,6 +68,7 @@ bool put_aside(Owned<Header> message) {
     return false;
   }
   (void)message.release();
+  uv::skip_wait(uv::own_default_loop());
   return true;
 }
 

@@ -13,7 +13,9 @@
 #include "base/memory.h"
 #include "notify/client.h"
 #include "notify/connection.h"
+#include "uv/default_loop.h"
 #include "uv/trace_point.h"
+#include "uv/watcher.h"
 
 namespace msgapi::notify {
 namespace {
@@ -36,6 +38,7 @@ Result<Owned<Received>> wait_for_reply(const NOTIFY_MSG &request) {
         request.seq_num);
     if (message.msg_type == request.msg_type && message.seq_num == request.seq_num) return received;
     list_append(g_client.put_aside, received->release());
+    uv::skip_wait(uv::own_default_loop());
   }
 }
 

@@ -225,21 +225,22 @@ void recover_from_bad_descriptors(OrpUvLoop *loop) {
 
 // One wait, and delivery of what it found.
 //
-// Queued events do not replace the wait; they shorten it to a look, so that a closed descriptor is
-// noticed in every iteration. When one of them is delivered, ready descriptors are left alone. That
-// loses nothing, because they are still ready in the next iteration. A run ends as idle only after
-// a second look, so it never misses an event that came together with the time-out.
+// Queued events, and skip_wait(), do not replace the wait; they shorten it to a look, so that a
+// closed descriptor is noticed in every iteration. When one of them is delivered, ready descriptors
+// are left alone. That loses nothing, because they are still ready in the next iteration. A run
+// ends as idle only after a second look, so it never misses an event that came together with the
+// time-out.
 Status select_step(OrpUvLoop *loop) {
   Waiting sets;
   copy_sets(loop, &sets);
 
   ORP_TIME_ST *limit = &loop->selectTimeout;
-  const bool forced = loop->forced != nullptr;
-  // A wait that forced events cut short does not count as idle time.
-  const bool idle_due = !forced && loop->idleTime != 0 &&
+  const bool only_look = loop->forced != nullptr || (loop->flags & kLoopLook) != 0;
+  // A look does not count as idle time.
+  const bool idle_due = !only_look && loop->idleTime != 0 &&
                         static_cast<int32_t>(loop->idleTime / 1000) <= limit->seconds;
   timespec timeout = {.tv_sec = 0, .tv_nsec = 1000};
-  if (!forced) {
+  if (!only_look) {
     const int64_t seconds = int64_t{limit->seconds} + limit->microseconds / 1000000;
     limit->seconds = static_cast<int32_t>(std::min<int64_t>(seconds, INT32_MAX));
     limit->microseconds %= 1000000;
@@ -296,6 +297,7 @@ Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
   loop->iteration = 0;
   Status result = Status::kOk;
   while (!is_stopped(loop)) {
+    loop->flags &= ~kLoopLook;
     (void)os::read_monotonic(&loop->now);
     result = run_timers(loop, &loop->selectTimeout);
     run_idle_procedures(loop);
@@ -310,8 +312,12 @@ Status run_loop(OrpUvLoop *loop, uint32_t idle_ms, RunMode mode) {
   // There is one stop bit: the run that ends by it clears it, even if an outer run was meant.
   loop->flags &= ~ORP_UV_LOOP_STOP;
 
-  // This inner run may have served what the pass around it still takes for ready.
-  if (walk.is_inner()) skip_pass(loop, true);
+  // This inner run may have served what the pass around it still takes for ready, and it has left
+  // the time-out of its own last wait.
+  if (walk.is_inner()) {
+    skip_pass(loop, true);
+    skip_wait(loop);
+  }
   return result;
 }
 

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <span>
 
 #include "base/drop_count.h"
 #include "base/memory.h"
@@ -59,13 +60,20 @@ Status read_framed(const OrpUvMsg *watcher, Owned<ORP_MSG_HEADER_ST> *message) {
   *message = make_tailed<ORP_MSG_HEADER_ST>(header_size);
   if (!*message) return Status::kNoMemory;
 
+  const std::span<char> header(reinterpret_cast<char *>(message->get()), watcher->headerSize);
+  // Another callback may have read what select() has announced. Then nothing is missing.
+  const os::Piece begun = os::StreamReader(watcher->io.fd, {.patience_ms = 0}).read_some(header);
+  if (begun.end == os::ReadEnd::kSilence) return Status::kTimeout;
+
   os::StreamReader reader(watcher->io.fd, {.patience_ms = kPatience_ms});
-  char *header = reinterpret_cast<char *>(message->get());
-  const os::Filled filled = reader.fill({header, watcher->headerSize});
-  if (filled.end != os::ReadEnd::kData) {
+  os::ReadEnd end = begun.end;
+  if (end == os::ReadEnd::kData) {
+    end = reader.fill(header.subspan(static_cast<size_t>(begun.count))).end;
+  }
+  if (end != os::ReadEnd::kData) {
     // The end of the stream between two messages loses nothing.
-    if (filled.count > 0 || filled.end != os::ReadEnd::kPeerGone) ++g_dropped.read;
-    return os::status_of(filled.end);
+    if (begun.end == os::ReadEnd::kData || end != os::ReadEnd::kPeerGone) ++g_dropped.read;
+    return os::status_of(end);
   }
 
   uint32_t wants_completion = 0;
@@ -108,8 +116,9 @@ void note_end_of_stream(OrpUvIo *io) {
   io->head.loop->flags |= kLoopFilterSets;
 }
 
-// The I/O callback: takes one message, if it can be read.
-void receive(OrpUvIo *io, uint32_t /*event*/) {
+}  // namespace
+
+void receive_message(OrpUvIo *io, uint32_t /*event*/) {
   auto *watcher = reinterpret_cast<OrpUvMsg *>(io);
   const bool raw = (io->head.status & ORP_UV_MSG_RAW) != 0;
   Owned<ORP_MSG_HEADER_ST> message;
@@ -122,10 +131,8 @@ void receive(OrpUvIo *io, uint32_t /*event*/) {
   }
 }
 
-}  // namespace
-
 Status init_message_watcher(OrpUvLoop *loop, OrpUvMsg *watcher, int fd, ORP_UV_MSG_PROC msg_proc) {
-  const Status status = init_io(loop, &watcher->io, fd, receive);
+  const Status status = init_io(loop, &watcher->io, fd, receive_message);
   watcher->msgProc = msg_proc;
   watcher->pending = nullptr;
   watcher->io.head.status |= ORP_UV_MSG;

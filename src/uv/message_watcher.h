@@ -10,4 +10,7 @@ namespace msgapi::uv {
 Status init_message_watcher(OrpUvLoop *loop, OrpUvMsg *watcher, int fd, ORP_UV_MSG_PROC msg_proc);
 Status start_message_watcher(OrpUvMsg *watcher);
 
+// Their I/O callback: takes one message, if it can be read.
+void receive_message(OrpUvIo *watcher, uint32_t event);
+
 }  // namespace msgapi::uv

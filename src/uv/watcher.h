@@ -23,6 +23,7 @@ namespace msgapi::uv {
 constexpr uint32_t kLoopHasDeleted = 0x100;  // a watcher may be waiting to be freed
 constexpr uint32_t kLoopFilterSets = 0x200;  // sets may hold descriptors not to be waited for
 constexpr uint32_t kLoopEnded = 0x400;  // what the loop was run for has happened: no run goes on
+constexpr uint32_t kLoopLook = 0x800;   // the wait of this iteration is only a look
 constexpr uint32_t kWalkDepthUnit = 0x10000;  // the upper half counts walks under way
 
 // Bits of OrpUvWatcher.status that only the library knows.
@@ -35,6 +36,12 @@ constexpr uint32_t kPublicStatus = 0xffff;
 
 constexpr uint32_t kWalkDepthMask = ~(kWalkDepthUnit - 1);
 constexpr uint32_t kHeldMask = ~(kHeldUnit - 1);
+
+// The loop has something to do that no descriptor announces: it waits for nothing before its next
+// iteration.
+inline void skip_wait(OrpUvLoop *loop) {
+  loop->flags |= kLoopLook;
+}
 
 inline uint32_t walk_depth(const OrpUvLoop *loop) {
   return loop->flags / kWalkDepthUnit;

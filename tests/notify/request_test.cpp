@@ -87,6 +87,25 @@ TEST_F(NotifyClient, MayDoAnythingInsideAProcedure) {
   EXPECT_THAT(g_calls, ElementsAre("async \"asks\" null", "async \"put aside\" null"));
 }
 
+TEST_F(NotifyClient, DeliversWhatWasPutAsideDuringADeliveryWithoutFurtherEvent) {
+  connect();
+  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+  server_.send(notification("asks"));
+  server_.send(notification("put aside"));
+  server_.send(reply(2, ""));
+  g_during_call = [&] {
+    EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
+    g_during_call = [&] {
+      server_.send(notification("second"));
+      server_.send(reply(3, ""));
+      EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
+      g_during_call = [] { OrpUvLoopStop(OrpUvLoopGetDefault()); };
+    };
+  };
+  EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 5000));
+  EXPECT_EQ(3u, g_calls.size());
+}
+
 TEST_F(NotifyClient, ReportsWhyThereIsNoReply) {
   connect();
   g_wait_divisor = 1000;

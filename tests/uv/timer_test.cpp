@@ -54,6 +54,26 @@ TEST_F(TimerTest, CountsFromTheStartOfTheIterationAndCatchesNothingUp) {
   EXPECT_EQ(nullptr, three->callback);
 }
 
+// An inner run leaves the time-out of its own last wait, which may have taken long.
+TEST_F(TimerTest, IsLookedAtAnewAfterAnInnerRunOfAnother) {
+  static int idle_calls;
+  auto *outer = new_record<OrpUvTimer>();
+  OrpUvTimerInit(&loop_, outer);
+  const auto run_inside = [](ORP_WORD word) {
+    auto *loop = reinterpret_cast<OrpUvLoop *>(word);
+    OrpUvLoopStop(loop);
+    EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(loop, 5000));
+    idle_calls = 0;
+  };
+  OrpUvTimerStart(outer, 1, 1, run_inside, reinterpret_cast<ORP_WORD>(&loop_));
+  ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
+    if (++idle_calls == 2) OrpUvLoopStop(self->head.loop);
+  });
+  idle_calls = -1000;
+
+  EXPECT_EQ(ORP_OK, run(5000));
+}
+
 TEST_F(TimerTest, LimitsTheWaitToTheNearestExpiryOrTheIdleTime) {
   EXPECT_THAT(pass_at(1000, 0), IsTime(0x7fffffff, 0));
   loop_.idleTime = 2500;
