@@ -201,11 +201,14 @@ void destroy() {
   clear_context();
 }
 
-// Destroys a connection that never came into use. The messages that the registration put aside go
-// with it: nobody has seen them, and an application that keeps trying must not leak memory.
+// Destroys a connection that never came into use. Its watcher and the messages that the
+// registration put aside go with it: nobody has seen them, and an application that keeps trying
+// must not leak memory.
 void abandon() {
+  OrpUvMsg *watcher = running_watcher();
   destroy_queue(&g_stMsgCtx.pstQueue);
   destroy();
+  if (watcher != nullptr) (void)uv::delete_watcher(&watcher->io.head);
 }
 
 // Takes over what the server's reply to the registration says.
@@ -236,9 +239,23 @@ Status register_process() {
 
 enum class Loop { kUsed, kNotUsed };
 
+// What a connection puts on the loop must outlive a synchronous spawn, one of whose callbacks may
+// connect: it goes to the process's own loop, not to the spawn's.
+class OwnLoopScope {
+ public:
+  OwnLoopScope() { uv::set_default_loop_override(nullptr); }
+  OwnLoopScope(const OwnLoopScope &) = delete;
+  OwnLoopScope &operator=(const OwnLoopScope &) = delete;
+  ~OwnLoopScope() { uv::set_default_loop_override(override_); }
+
+ private:
+  OrpUvLoop *const override_ = uv::default_loop_override();
+};
+
 // Returns a code, because it may be one of the notify client's.
 uint32_t connect_process(const char *name, Loop loop) {
   if (g_stMsgCtx.slSocket >= 0) return ORP_OK;
+  const OwnLoopScope own_loop;
   ::signal(SIGPIPE, SIG_IGN);
   set_own_name(text_or_empty(name));
 

@@ -106,5 +106,38 @@ TEST_F(BesideOthers, WhatAnIdleProcedurePutsAsideNeedsNoFurtherEvent) {
   ORP_MSG_Destroy();
 }
 
+TEST_F(BesideOthers, AConnectionMadeInACallbackOfASynchronousSpawnStays) {
+  static std::function<void()> connect_now;
+  connect_now = [this] { connect([](MessagePeer &peer) { peer.send({.type = 0xeee}); }); };
+  char shell[] = "sh", option[] = "-c", command[] = "exit";
+  char *arguments[] = {shell, option, command, nullptr};
+  OrpUvSpawnOptions options = {};
+  options.file = "/bin/sh";
+  options.args = arguments;
+  options.exitProc = [](OrpUvProcess *, int32_t, uint32_t, uint32_t) { connect_now(); };
+  EXPECT_EQ(0u, OrpUvProcessSpawnSync(&options, 0));
+  run_loop();
+}
+
+// A name that the server refuses, for example, is tried again and again.
+TEST_F(BesideOthers, FailedRegistrationsLeaveNothingOnTheLoop) {
+  const auto watchers_after = [](int failures) {
+    for (int i = 0; i < failures; ++i) {
+      test::FakeServer server([](MessagePeer &peer) { peer.read(); });
+      ORP_MSG_Init("self");
+      ::unlink(ORP_MSG_SERVER_PATH);
+    }
+    ORP_UTIL_TimerAdd(
+        1, 1, [](ORP_WORD) { stop_loop(); }, 0);
+    run_loop();
+    size_t count = 0;
+    const OrpUvWatcher *watcher = OrpUvLoopGetDefault()->watchers;
+    for (; watcher != nullptr; watcher = watcher->link) ++count;
+    return count;
+  };
+  const size_t once = watchers_after(1);
+  EXPECT_EQ(once, watchers_after(3));
+}
+
 }  // namespace
 }  // namespace msgapi::msg
