@@ -12,6 +12,7 @@
 
 #include "msgapi/restful.h"
 #include "msgbridge/downward.h"
+#include "msgbridge/json_text.h"
 
 namespace {
 
