@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "support/soak.h"
 
@@ -15,7 +16,7 @@ namespace test {
 
 Process::Process(const std::string &name, const std::vector<std::string> &arguments) {
   const char *directory = std::getenv("MSGAPI_BIN");
-  const std::string path = (directory == nullptr ? "." : directory) + ("/" + name);
+  const std::string path = std::filesystem::path(directory == nullptr ? "." : directory) / name;
   std::vector<char *> vector{const_cast<char *>(path.c_str())};
   for (const std::string &argument : arguments) {
     vector.push_back(const_cast<char *>(argument.c_str()));

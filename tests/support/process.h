@@ -12,7 +12,8 @@ namespace test {
 
 class Process {
  public:
-  // Starts the program `name` of the build with its output and errors captured.
+  // Starts the program `name` of the build, or the one at that absolute path, with its output and
+  // errors captured.
   explicit Process(const std::string &name, const std::vector<std::string> &arguments = {});
   // Kills the program if it is still running.
   ~Process();

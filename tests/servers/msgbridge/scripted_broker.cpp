@@ -180,7 +180,12 @@ Publication ScriptedBroker::publication_of(const Packet &packet) {
   Reader reader(packet.body);
   publication.topic = reader.take(reader.word());
   if (publication.qos > 0) publication.id = static_cast<uint16_t>(reader.word());
-  reader.take(reader.variable());
+  const std::string_view properties = reader.take(reader.variable());
+  const std::string name = sized("sequence");  // of a user's property, in front of its value
+  if (const size_t at = properties.find(name); at != properties.npos) {
+    Reader value(properties.substr(at + name.size()));
+    publication.sequence = std::stoull(std::string(value.take(value.word())));
+  }
   publication.payload = reader.rest();
   return publication;
 }

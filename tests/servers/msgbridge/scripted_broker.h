@@ -37,7 +37,8 @@ struct Packet {
 struct Publication {
   std::string topic;
   std::string payload;
-  uint16_t id = 0;  // 0 with QoS 0
+  uint64_t sequence = 0;  // 0 without one
+  uint16_t id = 0;        // 0 with QoS 0
   int qos = 0;
   bool retain = false;
 };

@@ -1,17 +1,23 @@
-// The bridge before a broker that refuses, limits, lies or stays silent, and the mistakes in its
-// configuration that it names before it connects anywhere.
+// The bridge before a broker that refuses, limits, lies or stays silent: whatever is killed, cut or
+// full in between, every event arrives at least once, in order, or is reported as given up. Also
+// the mistakes in its configuration that it names before it connects anywhere.
 
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mount.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -25,6 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using nlohmann::json;
+using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using test::Frame;
 using test::Packet;
@@ -32,7 +39,10 @@ using test::PacketType;
 using test::Process;
 using test::Publication;
 using test::RawClient;
+using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 constexpr uint16_t kPort = 1883;
 constexpr uint32_t kCallType = 0x4242;
@@ -58,6 +68,40 @@ void configure(const std::string &members = R"("up": [{}])", const std::string &
                              << "]" << broker << R"(}, "gateway": "me", )" << members << "}";
 }
 
+// What the broker has been told.
+class Account {
+ public:
+  // Events that are new must come in order; others are what they were.
+  void take(const Publication &publication) {
+    if (publication.topic == kLost) {
+      const json notice = json::parse(publication.payload);
+      reasons.insert(notice["reason"]);
+      for (uint64_t i = notice["first"]; i <= notice["last"]; ++i) noticed_.insert(i);
+    } else if (publication.topic == kCount) {
+      const auto [known, is_new] = heard.emplace(publication.sequence, publication.payload);
+      twice += is_new ? 0 : 1;
+      EXPECT_EQ(known->second, publication.payload);
+      EXPECT_TRUE(!is_new || std::next(known) == heard.end()) << publication.sequence;
+    }
+  }
+  uint64_t last() const { return heard.empty() ? 0 : heard.rbegin()->first; }
+  // The numbers up to the last that were neither heard nor in a notice of loss.
+  std::vector<uint64_t> missing() const {
+    std::vector<uint64_t> numbers;
+    for (uint64_t i = 1; i < last(); ++i) {
+      if (!heard.contains(i) && !noticed_.contains(i)) numbers.push_back(i);
+    }
+    return numbers;
+  }
+
+  std::map<uint64_t, std::string> heard;
+  uint64_t twice = 0;
+  std::set<std::string> reasons;
+
+ private:
+  std::set<uint64_t> noticed_;
+};
+
 class BridgeAndScript : public testing::Test {
  protected:
   BridgeAndScript() : bus_(std::make_unique<Process>("msgsvr")) {
@@ -79,20 +123,37 @@ class BridgeAndScript : public testing::Test {
   static void publish(const std::string &number, const char *type = "Count") {
     ASSERT_EQ(ORP_OK, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, type, "number", number.c_str()));
   }
-  // Takes connections until the bridge says in its status that so many events wait. Returns it.
-  json welcome_when_waiting(uint64_t count, std::string_view properties = "") {
+  static void publish_numbers(int first, int last) {
+    for (int i = first; i <= last; ++i) publish(std::to_string(i));
+  }
+  // Takes connections until the bridge says in its status that there are so many. Returns it.
+  json welcome_when(const char *member, uint64_t count, std::string_view properties = "") {
     for (int tries = 0; tries < 1000; ++tries) {
       broker_.welcome(properties);
       const Publication publication = broker_.read(kStatusTopic);
       broker_.acknowledge(publication);
       const json status = json::parse(publication.payload);
-      if (status["waiting"] == count) return status;
+      if (status[member] == count) return status;
     }
     throw std::runtime_error("there are never so many");
+  }
+  json welcome_when_waiting(uint64_t count, std::string_view properties = "") {
+    return welcome_when("waiting", count, properties);
+  }
+  // Takes and acknowledges what comes until the last event has come.
+  void take_until(uint64_t last) {
+    while (account_.last() < last) {
+      const Publication publication = broker_.read_publication();
+      account_.take(publication);
+      if (publication.qos > 0) broker_.acknowledge(publication);
+    }
+    EXPECT_EQ(last, account_.last());
+    EXPECT_THAT(account_.missing(), IsEmpty());
   }
 
   std::unique_ptr<Process> bus_;
   test::ScriptedBroker broker_{kPort};
+  Account account_;
 };
 
 // ---- Connecting ----
@@ -287,18 +348,173 @@ TEST_F(BridgeAndScript, EndsWithinASecondWhateverTheBrokerDoes) {
   }
 }
 
+// ---- What goes wrong ----
+
+TEST_F(BridgeAndScript, SurvivesCutsInTheMiddleOfAcknowledgements) {
+  configure();
+  auto bridge = start_bridge();
+  std::mt19937 random(test::seed());
+  int published = 0;
+  for (uint32_t cut = 0; cut < 20 * test::soak_factor(); ++cut) {
+    take_connection();
+    publish_numbers(published + 1, published + 100);
+    published += 100;
+    for (auto count = random() % 100; count > 0; --count) {
+      const Publication event = broker_.read(kCount);
+      account_.take(event);
+      if (random() % 4 > 0) broker_.acknowledge(event);
+    }
+  }
+  take_connection();
+  take_until(static_cast<uint64_t>(published));
+  EXPECT_LT(0u, account_.twice);
+  EXPECT_THAT(account_.reasons, IsEmpty());
+}
+
+TEST_F(BridgeAndScript, SurvivesItsOwnDeath) {
+  configure(R"("up": [{}], "spool": {"per_second": 0})");
+  std::atomic<int> published = 0;
+  std::jthread publisher([&published](const std::stop_token &stop) {
+    while (!stop.stop_requested()) {
+      publish(std::to_string(++published));
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+  });
+  std::mt19937 random(test::seed());
+  const int rounds = test::soak_factor() > 1 ? 100 : 20;
+  for (int round = 0; round < rounds; ++round) {
+    auto bridge = start_bridge();
+    take_connection();
+    take_until(account_.last() + random() % 200);
+    bridge->stop(SIGKILL);
+  }
+  publisher.request_stop();
+  publisher.join();
+  auto bridge = start_bridge();
+  take_connection();
+  publish(std::to_string(++published));
+  const auto number_of = [](const std::string &payload) {
+    return std::stoi(json::parse(payload)["Payload"]["number"].get<std::string>());
+  };
+  do take_until(account_.last() + 1);
+  while (number_of(account_.heard.rbegin()->second) != published);
+  // Nobody took the events that were published while the bridge was dead. No others are missing.
+  int before = 0, gaps = 0;
+  for (const auto &[sequence, payload] : account_.heard) {
+    const int number = number_of(payload);
+    EXPECT_LT(before, number);
+    gaps += number != before + 1 ? 1 : 0;
+    before = number;
+  }
+  EXPECT_GE(rounds + 1, gaps);
+  EXPECT_THAT(account_.reasons, IsEmpty());
+}
+
+TEST_F(BridgeAndScript, CountsWhatItGivesUpWhileTheBrokerIsAway) {
+  configure(R"("up": [{}], "spool": {"bytes": 100000, "per_second": 200})");
+  auto bridge = start_bridge();
+  publish_numbers(1, 1000);
+  welcome_when("sequence", 1000);
+  bridge->stop(SIGKILL);
+  bridge = start_bridge();
+  publish_numbers(1001, 2000);
+  welcome_when("sequence", 2000);
+  const auto begin = steady_clock::now();
+  take_until(2000);
+  EXPECT_LT(milliseconds(500), steady_clock::now() - begin) << "what waited has a limited rate";
+  EXPECT_LT(100u, account_.heard.size());
+  EXPECT_GT(600u, account_.heard.size()) << "a hundred kilobytes hold no more";
+  EXPECT_THAT(account_.reasons, ElementsAre("full"));
+}
+
+TEST_F(BridgeAndScript, SurvivesAFullDisk) {
+  fs::create_directories("/var/small");
+  ASSERT_EQ(0, ::mount("small", "/var/small", "tmpfs", 0, "size=1m"));
+  configure(R"("up": [{}], "spool": {"path": "/var/small/spool.db", "reserve": false})");
+  auto bridge = start_bridge();
+  publish_numbers(1, 20);
+  welcome_when("sequence", 20);
+  {
+    std::ofstream filler("/var/small/filler", std::ios::binary);
+    const std::string block(4096, 'x');
+    while (filler.write(block.data(), 4096) && filler.flush()) {
+    }
+  }
+  publish_numbers(21, 6000);  // more than memory may keep
+  ASSERT_TRUE(bridge->wait_for("database or disk is full")) << bridge->output();
+  fs::remove("/var/small/filler");
+  ASSERT_TRUE(bridge->wait_for("written again")) << bridge->output();
+  publish("6001");
+  take_until(6001);
+}
+
+TEST_F(BridgeAndScript, GoesOnWhenItsSpoolIsDamaged) {
+  configure(R"("up": [{}], "spool": {"path": "/var/spool.db", "reserve": false})");
+  auto bridge = start_bridge();
+  publish_numbers(1, 3000);  // more than it keeps in memory
+  welcome_when("sequence", 3000);
+  for (const char *file : {"/var/spool.db", "/var/spool.db-wal"}) {
+    std::fstream pages(file, std::ios::in | std::ios::out | std::ios::binary);
+    pages.seekp(4096);
+    const std::string garbage(fs::file_size(file) - 4096, '\x7f');
+    ASSERT_TRUE(pages.write(garbage.data(), static_cast<std::streamsize>(garbage.size())).flush());
+  }
+  while (const auto packet = broker_.next()) {
+    if (packet->type != PacketType::kPublish) continue;
+    const Publication event = test::ScriptedBroker::publication_of(*packet);
+    account_.take(event);
+    broker_.acknowledge(event);
+  }
+  EXPECT_TRUE(bridge->wait_for("was damaged, is begun anew")) << bridge->output();
+  EXPECT_TRUE(bridge->wait_for("has ended: the spool has lost what was on its way"))
+      << bridge->output();
+  take_connection();
+  publish("3001");
+  take_until(3001);
+  EXPECT_THAT(account_.reasons, ElementsAre("damaged"));
+}
+
+TEST_F(BridgeAndScript, NoticesWhenNothingComesThroughAnyMore) {
+  configure(R"("up": [{}])", R"(, "keep_alive_s": 5)");
+  auto bridge = start_bridge();
+  take_connection();
+  broker_.read(PacketType::kPingreq);
+  EXPECT_TRUE(bridge->wait_for("has ended")) << bridge->output();
+  take_connection();
+}
+
+TEST_F(BridgeAndScript, WhatNeedsNoAcknowledgementLeavesTheSpool) {
+  configure(R"("up": [{"qos": 0}])");
+  auto bridge = start_bridge();
+  take_connection();
+  publish_numbers(1, 200);  // more than may be under way
+  take_until(200);
+  EXPECT_EQ(0u, account_.twice);
+  for (const char *file : {"", "/spool.db", "/spool.db-wal"}) {
+    const auto status = fs::status(std::string("/var/spool/msgbridge") + file);
+    EXPECT_EQ(fs::perms::none,
+              status.permissions() & (fs::perms::group_all | fs::perms::others_all))
+        << "events are nobody else's: " << file;
+  }
+  EXPECT_EQ(0, bridge->stop(SIGTERM));
+  EXPECT_THAT(bridge->output(), HasSubstr("0 events wait"));
+}
+
 // ---- Requests ----
 
 class BridgeAndAskers : public BridgeAndScript {
  protected:
   static constexpr const char *kCall = "gw/me/call/cms/0x4242";
 
-  // Starts the bridge and takes its subscription.
-  void begin(const std::string &down, const std::string &members = R"("up": [{}])") {
-    configure(members + R"(, "down": {"calls": [{"app": "cms", "type": "0x4242"}])" + down + "}");
+  // Starts the bridge and takes its subscriptions. Returns that to calls.
+  Packet begin(const std::string &down = "", const std::string &members = R"("up": [{}])") {
+    configure(members + R"(, "down": {"rest": [{"path": "/dev/*"}],
+                                      "calls": [{"app": "cms", "type": "0x4242"}])" +
+              down + "}");
     bridge_ = start_bridge();
     broker_.welcome();
     broker_.answer_subscription(broker_.read(PacketType::kSubscribe), 1);
+    return broker_.read(PacketType::kSubscribe);
   }
   json answer() {
     const Publication publication = broker_.read("answers");
@@ -310,13 +526,8 @@ class BridgeAndAskers : public BridgeAndScript {
 };
 
 TEST_F(BridgeAndAskers, ARefusedSubscriptionIsSaid) {
-  configure(R"("down": {"calls": [{"app": "cms", "type": "0x4242"}], "rest": [{"path": "/*"}]})");
-  bridge_ = start_bridge();
-  broker_.welcome();
-  const Packet rest = broker_.read(PacketType::kSubscribe);
-  const Packet calls = broker_.read(PacketType::kSubscribe);
+  const Packet calls = begin();
   EXPECT_THAT(calls.body, HasSubstr("gw/me/call/+/+"));
-  broker_.answer_subscription(rest, 1);
   broker_.answer_subscription(calls, kNotAuthorized);
   EXPECT_TRUE(bridge_->wait_for("refuses the subscription to gw/me/call/+/+: Not authorized"))
       << bridge_->output();
@@ -326,9 +537,10 @@ TEST_F(BridgeAndAskers, ARefusedSubscriptionIsSaid) {
 TEST_F(BridgeAndAskers, OnlyTheApplicationThatWasAskedAnswers) {
   begin(R"(, "timeout_ms": 20000)");
   RawClient cms("cms"), other("other");
-  broker_.publish(kCall, R"({"data": 7})", "answers");
+  broker_.publish(kCall, R"({"data": 7, "body": {"a": 1}})", "answers");
   const Frame request = cms.read();
   EXPECT_EQ(7u, request.data);
+  EXPECT_EQ(std::string("{\"a\":1}") + '\0', request.body);
   const auto says = [&request](RawClient *who, uint32_t type, uint32_t data) {
     who->send({.type = type, .to = "msgbridge", .data = data, .sequence = request.sequence});
     who->drain();
@@ -336,12 +548,49 @@ TEST_F(BridgeAndAskers, OnlyTheApplicationThatWasAskedAnswers) {
   says(&other, kCallType, 1);
   says(&cms, kCallType + 1, 2);
   cms.send({.type = kCallType, .to = "msgbridge", .data = 3, .sequence = request.sequence + 1});
-  cms.answer(request, 4);
-  EXPECT_EQ(json::parse(R"({"status": 200, "data": 4})"), answer());
+  cms.answer(request, 4, R"({"mac": "AA:BB:CC:DD:EE:FF"})");
+  EXPECT_EQ(json::parse(R"({"status": 200, "data": 4, "body": {"mac": "AA:**:**:DD:**:FF"}})"),
+            answer());
   cms.answer(request, 5);  // a second answer goes nowhere
   broker_.publish(kCall, R"({"data": 8})", "answers");
   cms.answer(cms.read(), 6);
   EXPECT_EQ(6u, answer()["data"]);
+}
+
+TEST_F(BridgeAndAskers, RestfulRequestsReachTheirHandler) {
+  begin();
+  RawClient web("web");
+  web.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = std::string("/dev", 5)});
+  web.drain();
+  broker_.publish("gw/me/rest/get/dev/info", "verbose=1", "answers");
+  const Frame request = web.read();
+  EXPECT_THAT(request.body, AllOf(HasSubstr("/dev"), HasSubstr("verbose=1")));
+  web.answer(request, 0, std::string("{\"model\": \"x\"}", 15));
+  EXPECT_EQ(json::parse(R"({"status": 200, "body": {"model": "x"}})"), answer());
+}
+
+TEST_F(BridgeAndAskers, WhatNobodyServesIsNotFound) {
+  begin();
+  const struct {
+    const char *topic;
+    const char *error;
+  } kAsked[] = {
+      {kCall, "there is no application cms, or it does not take messages"},
+      {"gw/me/rest/get/dev/info", "nobody serves this path"},
+  };
+  for (const auto &each : kAsked) {
+    broker_.publish(each.topic, "", "answers");
+    EXPECT_EQ((json{{"status", 404}, {"error", each.error}}), answer());
+  }
+}
+
+TEST_F(BridgeAndAskers, AFloodIsBounded) {
+  begin(R"(, "in_flight": 3, "timeout_ms": 20000)");
+  RawClient cms("cms");
+  for (int i = 0; i < 50; ++i) broker_.publish(kCall, "", "answers");
+  for (int i = 0; i < 47; ++i) EXPECT_EQ(429, answer()["status"]);
+  for (int i = 0; i < 3; ++i) cms.answer(cms.read());
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(200, answer()["status"]);
 }
 
 TEST_F(BridgeAndAskers, ALateAnswerIsNobodys) {
@@ -367,6 +616,8 @@ TEST_F(BridgeAndAskers, RequestsUnderWayEndWithTheMessageServer) {
     EXPECT_EQ(503, answered["status"]);
     EXPECT_EQ("the connection to the message server ended", answered["error"]);
   }
+  broker_.publish(kCall, "", "answers");
+  EXPECT_EQ("the gateway has no connection to its message server", answer()["error"]);
 }
 
 TEST_F(BridgeAndAskers, MetricsCountWhatCameAndWhatNobodyWasTold) {
