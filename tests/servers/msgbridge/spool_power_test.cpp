@@ -1,5 +1,6 @@
-// What is left of the spool when the power fails. A disk below the database keeps apart what was
-// written since the last sync: when the power fails, some pieces of that are lost.
+// What is left of the spool when the power fails, or when its process is killed. A disk below the
+// database keeps apart what was written since the last sync: when the power fails, some pieces of
+// that are lost.
 
 #include <gmock/gmock.h>
 #include <sqlite3.h>
@@ -9,8 +10,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
-#include <new>
 #include <optional>
 #include <random>
 #include <set>
@@ -58,23 +59,22 @@ void apply(const Image::Change &change, std::string *content) {
 
 std::map<std::string, Image> g_images;
 
-// The files' contents if the power fails now.
-std::map<std::string, std::string> after_failure(std::mt19937 *random) {
+// The files' contents if it ends now. Of what was not synced, those pieces are there that `is_kept`
+// says.
+std::map<std::string, std::string> after_end(const std::function<bool()> &is_kept) {
   std::map<std::string, std::string> files;
   for (const auto &[path, image] : g_images) {
     std::string content = image.synced;
     for (const Image::Change &change : image.changes) {
       if (change.bytes.empty()) {
-        if ((*random)() % 2 == 0) apply(change, &content);
+        if (is_kept()) apply(change, &content);
         continue;
       }
       for (size_t at = 0; at < change.bytes.size();) {
         // To the sector's end on the disk.
         const size_t piece =
             std::min(kSector - (change.offset + at) % kSector, change.bytes.size() - at);
-        if ((*random)() % 2 == 0) {
-          apply({change.offset + at, change.bytes.substr(at, piece)}, &content);
-        }
+        if (is_kept()) apply({change.offset + at, change.bytes.substr(at, piece)}, &content);
         at += piece;
       }
     }
@@ -88,88 +88,47 @@ std::map<std::string, std::string> after_failure(std::mt19937 *random) {
 sqlite3_vfs *g_disk = nullptr;
 
 struct OpenFile {
-  sqlite3_file base;
   Image *image;
-  // The real file follows.
-  sqlite3_file *real() { return reinterpret_cast<sqlite3_file *>(this + 1); }
+  sqlite3_io_methods own;   // the system's
+  sqlite3_io_methods ours;  // the same but for what is below
 };
-
-OpenFile *open_file(sqlite3_file *file) {
-  return reinterpret_cast<OpenFile *>(file);
-}
-
-sqlite3_file *real(sqlite3_file *file) {
-  return open_file(file)->real();
-}
-
-int close_file(sqlite3_file *file) {
-  return real(file)->pMethods->xClose(real(file));
-}
-
-int read_file(sqlite3_file *file, void *into, int size, sqlite3_int64 offset) {
-  return real(file)->pMethods->xRead(real(file), into, size, offset);
-}
+std::map<sqlite3_file *, OpenFile> g_open;
 
 int write_file(sqlite3_file *file, const void *bytes, int size, sqlite3_int64 offset) {
-  open_file(file)->image->changes.push_back(
+  g_open[file].image->changes.push_back(
       {static_cast<size_t>(offset),
        std::string(static_cast<const char *>(bytes), static_cast<size_t>(size))});
-  return real(file)->pMethods->xWrite(real(file), bytes, size, offset);
+  return g_open[file].own.xWrite(file, bytes, size, offset);
 }
 
 int truncate_file(sqlite3_file *file, sqlite3_int64 size) {
-  open_file(file)->image->changes.push_back({static_cast<size_t>(size), ""});
-  return real(file)->pMethods->xTruncate(real(file), size);
+  g_open[file].image->changes.push_back({static_cast<size_t>(size), ""});
+  return g_open[file].own.xTruncate(file, size);
 }
 
 int sync_file(sqlite3_file *file, int /*flags*/) {
-  Image *image = open_file(file)->image;
+  Image *image = g_open[file].image;
   for (const Image::Change &change : image->changes) apply(change, &image->synced);
   image->changes.clear();
   return SQLITE_OK;
 }
 
-int file_size(sqlite3_file *file, sqlite3_int64 *size) {
-  return real(file)->pMethods->xFileSize(real(file), size);
-}
-
-int lock(sqlite3_file *file, int level) {
-  return real(file)->pMethods->xLock(real(file), level);
-}
-
-int unlock(sqlite3_file *file, int level) {
-  return real(file)->pMethods->xUnlock(real(file), level);
-}
-
-int is_locked(sqlite3_file *file, int *answer) {
-  return real(file)->pMethods->xCheckReservedLock(real(file), answer);
-}
-
-int control(sqlite3_file *file, int what, void *argument) {
-  return real(file)->pMethods->xFileControl(real(file), what, argument);
-}
-
-int sector_size(sqlite3_file * /*file*/) {
-  return kSector;
-}
-
-int characteristics(sqlite3_file * /*file*/) {
-  return SQLITE_IOCAP_POWERSAFE_OVERWRITE;
-}
-
-// Version 1 has no shared memory: a database that is locked as a whole does not need it.
-const sqlite3_io_methods kMethods = {
-    1,       close_file, read_file, write_file, truncate_file, sync_file,       file_size,
-    lock,    unlock,     is_locked, control,    sector_size,   characteristics, nullptr,
-    nullptr, nullptr,    nullptr,   nullptr,    nullptr};
-
 int open_on_disk(sqlite3_vfs * /*vfs*/, const char *name, sqlite3_file *file, int flags,
                  int *flags_out) {
-  auto *opened = new (file) OpenFile{};
-  const int result = g_disk->xOpen(g_disk, name, opened->real(), flags, flags_out);
+  const int result = g_disk->xOpen(g_disk, name, file, flags, flags_out);
   if (result != SQLITE_OK) return result;
-  opened->base.pMethods = &kMethods;
-  opened->image = &g_images[name == nullptr ? "" : name];
+  OpenFile &opened = g_open[file];
+  opened = {&g_images[name == nullptr ? "" : name], *file->pMethods, *file->pMethods};
+  // Version 1 has no shared memory: a database that is locked as a whole does not need it.
+  opened.ours.iVersion = 1;
+  opened.ours.xWrite = write_file;
+  opened.ours.xTruncate = truncate_file;
+  opened.ours.xSync = sync_file;
+  opened.ours.xSectorSize = [](sqlite3_file *) { return static_cast<int>(kSector); };
+  opened.ours.xDeviceCharacteristics = [](sqlite3_file *) {
+    return SQLITE_IOCAP_POWERSAFE_OVERWRITE;
+  };
+  file->pMethods = &opened.ours;
   return SQLITE_OK;
 }
 
@@ -177,7 +136,6 @@ void put_disk_below_the_database() {
   if (g_disk != nullptr) return;
   g_disk = sqlite3_vfs_find(nullptr);
   static sqlite3_vfs vfs = *g_disk;
-  vfs.szOsFile = g_disk->szOsFile + static_cast<int>(sizeof(OpenFile));
   vfs.zName = "failing";
   vfs.xOpen = open_on_disk;
   vfs.xDelete = [](sqlite3_vfs * /*vfs*/, const char *name, int sync) {
@@ -213,9 +171,11 @@ void start_from(const std::map<std::string, std::string> &files) {
   }
 }
 
+enum class End : uint8_t { kPowerFails, kPowerFailsWithoutSync, kKilled };
+
 // It does not matter whether the power fails between two calls of the database or within a commit:
 // only the writes that the disk has count, and these are the same.
-class SpoolWithoutPower : public testing::TestWithParam<bool> {
+class SpoolAfterItsEnd : public testing::TestWithParam<End> {
  protected:
   void SetUp() override {
     put_disk_below_the_database();
@@ -225,8 +185,10 @@ class SpoolWithoutPower : public testing::TestWithParam<bool> {
   std::mt19937 random_{test::seed()};
 };
 
-TEST_P(SpoolWithoutPower, HasEverythingThatWasSynced) {
-  const bool sync = GetParam();
+TEST_P(SpoolAfterItsEnd, HasEverythingThatWasCommitted) {
+  const bool sync = GetParam() == End::kPowerFails;
+  const bool is_killed = GetParam() == End::kKilled;
+  const bool keeps = sync || is_killed;
   uint64_t promised = 0;  // the number up to which events have been committed
   std::set<uint64_t> acknowledged;
   for (uint32_t failure = 0; failure < 40 * test::soak_factor(); ++failure) {
@@ -234,7 +196,7 @@ TEST_P(SpoolWithoutPower, HasEverythingThatWasSynced) {
     {
       Spool spool(options_with(sync), now);
       ASSERT_EQ("", spool.problem()) << failure;
-      if (!sync) promised = spool.last_sequence();
+      if (!keeps) promised = spool.last_sequence();
       ASSERT_LE(promised, spool.last_sequence()) << failure;
       promised = spool.last_sequence();
 
@@ -250,7 +212,7 @@ TEST_P(SpoolWithoutPower, HasEverythingThatWasSynced) {
           ASSERT_THAT(event->payload, testing::StartsWith(std::to_string(last) + " "));
         }
       }
-      for (uint64_t i = 1; sync && i <= promised; ++i) {
+      for (uint64_t i = 1; keeps && i <= promised; ++i) {
         ASSERT_TRUE(found.contains(i) || acknowledged.contains(i)) << i << " after " << failure;
       }
 
@@ -272,16 +234,19 @@ TEST_P(SpoolWithoutPower, HasEverythingThatWasSynced) {
         ASSERT_TRUE(spool.commit()) << spool.problem();
         promised = spool.last_sequence();
       }
-      files = after_failure(&random_);
+      files = after_end([&] { return is_killed || random_() % 2 == 0; });
     }
     start_from(files);
   }
   EXPECT_LT(200u, promised);
 }
 
-INSTANTIATE_TEST_SUITE_P(, SpoolWithoutPower, testing::Bool(),
-                         [](const testing::TestParamInfo<bool> &test) {
-                           return test.param ? "synced" : "not_synced";
+INSTANTIATE_TEST_SUITE_P(, SpoolAfterItsEnd,
+                         testing::Values(End::kPowerFails, End::kPowerFailsWithoutSync,
+                                         End::kKilled),
+                         [](const testing::TestParamInfo<End> &test) {
+                           if (test.param == End::kKilled) return "killed";
+                           return test.param == End::kPowerFails ? "power" : "power_not_synced";
                          });
 
 }  // namespace

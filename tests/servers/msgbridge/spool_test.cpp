@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -92,22 +90,6 @@ TEST(Spool, KeepsOrderAndWhatIsNotAcknowledged) {
   EXPECT_THAT(read(&spool), ElementsAre("5 e"));
 }
 
-TEST(Spool, NumbersGoOnWhenItWasEmpty) {
-  {
-    Spool spool(options(), now);
-    add_and_commit(&spool, {"a", "b"});
-    read(&spool);
-    spool.acknowledge(1);
-    spool.acknowledge(2);
-    ASSERT_TRUE(spool.commit());
-    EXPECT_EQ(0u, spool.waiting());
-    EXPECT_EQ(0u, spool.waiting_bytes());
-  }
-  Spool spool(options(), now);
-  add_and_commit(&spool, {"c"});
-  EXPECT_THAT(read(&spool), ElementsAre("3 c"));
-}
-
 TEST(Spool, GivesUpTheOldestAndSaysHowMany) {
   const std::string large(20000, 'x');
   Spool spool(options(100'000), now);
@@ -171,21 +153,6 @@ TEST(Spool, BelievesAWallClockOnlyWhenItCanBeRight) {
   EXPECT_THAT(read(&spool), ElementsAre("old 1-1 1", "2 b"));
 }
 
-TEST(Spool, RefusedEventsBecomeLosses) {
-  Spool spool(options(), now);
-  add_and_commit(&spool, {"a", "b", "c"});
-  read(&spool);
-  spool.acknowledge(1);
-  spool.refuse(2);
-  spool.acknowledge(3);
-  ASSERT_TRUE(spool.commit());
-  EXPECT_THAT(read(&spool), ElementsAre("refused 2-2 1"));
-  spool.refuse(2);  // the notice itself
-  ASSERT_TRUE(spool.commit());
-  spool.rewind();
-  EXPECT_THAT(read(&spool), ElementsAre());
-}
-
 TEST(Spool, IsBegunAnewWhenItIsDamaged) {
   fs::create_directories("/var/spool_test");
   std::ofstream(kPath) << std::string(100'000, 'x');
@@ -231,43 +198,6 @@ TEST_F(SpoolOnSmallDisk, ItsOwnSpaceIsReserved) {
   EXPECT_EQ(200u, read(&spool).size());
 }
 
-TEST_F(SpoolOnSmallDisk, WhatAFullDiskRefusesIsCountedExactly) {
-  mount("size=4m");
-  Spool spool(options(), now);
-  add_and_commit(&spool, {"a", "b"});
-  fill();
-  const std::string payload(1000, 'x');
-  uint64_t appended = 2;
-  bool refused = false;
-  for (int i = 0; i < 1500; ++i, ++appended) {
-    add(&spool, payload);
-    if (i % 10 == 9) refused |= !spool.commit();
-  }
-  EXPECT_TRUE(refused);
-  free();
-  ASSERT_TRUE(spool.commit()) << spool.problem();
-  EXPECT_EQ(appended, spool.last_sequence());
-
-  uint64_t next = 1, lost = 0, events = 0;
-  while (const auto item = spool.next()) {
-    if (const auto *loss = std::get_if<Loss>(&*item)) {
-      EXPECT_EQ(next, loss->first);
-      EXPECT_EQ(loss->count, loss->last - loss->first + 1);
-      EXPECT_EQ(Reason::kDisk, loss->reason);
-      lost += loss->count;
-      next = loss->last + 1;
-    } else {
-      EXPECT_EQ(next, std::get<Event>(*item).sequence);
-      ++events;
-      ++next;
-    }
-  }
-  EXPECT_EQ(appended, lost + events);
-  EXPECT_EQ(lost, spool.given_up());
-  EXPECT_LT(0u, lost);
-  EXPECT_LT(400u, events) << "what memory keeps meanwhile is written later";
-}
-
 TEST_F(SpoolOnSmallDisk, StartsWithoutADisk) {
   mount("size=1m");
   fill();
@@ -276,16 +206,19 @@ TEST_F(SpoolOnSmallDisk, StartsWithoutADisk) {
   EXPECT_FALSE(spool.commit());
   EXPECT_NE("", spool.problem());
   EXPECT_EQ(std::nullopt, spool.next());
+  EXPECT_FALSE(spool.reads());
   free();
   ASSERT_TRUE(spool.commit()) << spool.problem();
   EXPECT_THAT(read(&spool), ElementsAre("1 a"));
 }
 
-// Disks that are too small for the spool: whatever others leave of them, it never stops for good.
+// Disks that are too small for the spool, and one that others fill: it never stops for good, and
+// writes later what memory keeps meanwhile.
 struct SmallDisk {
   const char *size;
   bool reserve;
   size_t payload;
+  uint64_t least_heard;
 
   friend void PrintTo(const SmallDisk &disk, std::ostream *out) {
     *out << disk.size << (disk.reserve ? ", reserved" : "");
@@ -300,7 +233,7 @@ TEST_P(SpoolOutgrowsDisk, GoesOnAndCountsWhatItGivesUp) {
   small.reserve = GetParam().reserve;
   Spool spool(small, now);
   const std::string payload(GetParam().payload, 'x');
-  uint64_t heard = 0;
+  uint64_t heard = 0, next = 1;
   const auto commit_soon = [&spool] {
     for (int i = 0; i < 5; ++i) {
       if (spool.commit()) return true;
@@ -313,7 +246,10 @@ TEST_P(SpoolOutgrowsDisk, GoesOnAndCountsWhatItGivesUp) {
       part = 0;
       while (const auto item = part < 100 ? spool.next() : std::nullopt) {
         const auto *loss = std::get_if<Loss>(&*item);
-        spool.acknowledge(loss != nullptr ? loss->first : std::get<Event>(*item).sequence);
+        EXPECT_EQ(next, loss != nullptr ? loss->first : std::get<Event>(*item).sequence);
+        EXPECT_TRUE(loss == nullptr || loss->reason == Reason::kDisk);
+        spool.acknowledge(next);
+        next = loss != nullptr ? loss->last + 1 : next + 1;
         heard += loss != nullptr ? 0 : 1;
         ++part;
       }
@@ -336,14 +272,16 @@ TEST_P(SpoolOutgrowsDisk, GoesOnAndCountsWhatItGivesUp) {
     EXPECT_EQ(appended, heard + spool.given_up());
     EXPECT_EQ(0u, spool.waiting());
   }
-  EXPECT_LT(20u, heard);
+  EXPECT_LT(GetParam().least_heard, heard);
+  EXPECT_LT(0u, spool.given_up());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     , SpoolOutgrowsDisk,
-    testing::Values(SmallDisk{"size=400k", false, 100}, SmallDisk{"size=400k", false, 1000},
-                    SmallDisk{"size=400k", true, 100}, SmallDisk{"size=400k", true, 1000},
-                    SmallDisk{"size=1m", false, 2100}, SmallDisk{"size=1m", true, 4000}),
+    testing::Values(SmallDisk{"size=400k", false, 100, 20}, SmallDisk{"size=400k", false, 1000, 20},
+                    SmallDisk{"size=400k", true, 100, 20}, SmallDisk{"size=400k", true, 1000, 20},
+                    SmallDisk{"size=1m", false, 2100, 20}, SmallDisk{"size=1m", true, 4000, 20},
+                    SmallDisk{"size=4m", false, 300, 1000}),
     [](const testing::TestParamInfo<SmallDisk> &test) {
       const SmallDisk &disk = test.param;
       return std::string(disk.size).substr(5) + (disk.reserve ? "_reserved_" : "_") +
@@ -437,46 +375,6 @@ TEST(SpoolModel, LosesNothingUncounted) {
   EXPECT_LE(missed, counted);
 }
 
-TEST(SpoolKilled, HasEverythingThatWasCommitted) {
-  const uint32_t rounds = 10 * test::soak_factor();
-  std::mt19937 random(test::seed());
-  uint64_t promised = 0;
-  for (uint32_t round = 0; round < rounds; ++round) {
-    int ends[2];
-    ASSERT_EQ(0, ::pipe(ends));
-    const pid_t child = ::fork();
-    if (child == 0) {
-      Spool spool(options(64 << 20), now);  // whatever a fast machine writes
-      for (;;) {
-        for (int i = 0; i < 5; ++i) add(&spool, "x");
-        if (!spool.commit()) ::_exit(1);
-        const uint64_t last = spool.last_sequence();
-        if (::write(ends[1], &last, sizeof last) != sizeof last) ::_exit(1);
-      }
-    }
-    ::close(ends[1]);
-    // Waits for its first promise.
-    uint64_t last;
-    ASSERT_EQ(ssize_t{sizeof last}, ::read(ends[0], &last, sizeof last));
-    promised = last;
-    ::usleep(2000 + static_cast<useconds_t>(random() % 20000));
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    while (::read(ends[0], &last, sizeof last) == sizeof last) promised = last;
-    ::close(ends[0]);
-
-    Spool spool(options(64 << 20), now);
-    ASSERT_EQ("", spool.problem());
-    EXPECT_LE(promised, spool.last_sequence());
-    uint64_t next = 1;
-    while (const auto item = spool.next()) {
-      ASSERT_EQ(next++, std::get<Event>(*item).sequence);
-    }
-    EXPECT_EQ(spool.last_sequence() + 1, next);
-    if (round % 8 == 7) fs::remove_all("/var/spool_test"), promised = 0;
-  }
-}
-
 TEST(Spool, KeepsEverythingOfAnEvent) {
   const Event event{.boot = g_now.boot,
                     .wall_ms = 1'234'567'890'123,
@@ -518,6 +416,10 @@ TEST(Spool, WhatTheBrokerSaysTwiceCountsOnce) {
   EXPECT_EQ(1u, spool.waiting());
   EXPECT_EQ(1u, spool.given_up()) << "what the broker has is no loss";
   EXPECT_THAT(read(&spool), ElementsAre("refused 2-2 1"));
+  spool.refuse(2);  // the notice itself
+  ASSERT_TRUE(spool.commit());
+  spool.rewind();
+  EXPECT_THAT(read(&spool), ElementsAre("3 c"));
 }
 
 TEST(Spool, WhatIsOnItsWayIsNotGivenUpForSomethingNew) {
@@ -556,18 +458,6 @@ TEST(Spool, AcknowledgementsInAnyOrderSurviveARestart) {
   ASSERT_TRUE(spool.commit());
   EXPECT_THAT(read(&spool), ElementsAre("1 1"));
   EXPECT_EQ(6u, spool.last_sequence()) << "the last number was used, though its event is gone";
-}
-
-TEST(Spool, WaitsForADirectoryThatCannotBeMadeYet) {
-  std::ofstream("/var/spool_test") << "in the way";
-  Spool spool(options(), now);
-  EXPECT_THAT(spool.problem(), testing::HasSubstr("unable to open"));
-  add(&spool, "a");
-  EXPECT_FALSE(spool.commit());
-  EXPECT_FALSE(spool.reads());
-  fs::remove("/var/spool_test");
-  ASSERT_TRUE(spool.commit()) << spool.problem();
-  EXPECT_THAT(read(&spool), ElementsAre("1 a"));
 }
 
 TEST_F(SpoolOnSmallDisk, SaysHowMuchOfItsSpaceItCannotTake) {
