@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -37,9 +36,10 @@ const catalogue::Catalogue &types() {
   return *types;
 }
 
-// `members` are on line 2.
+// `members` are on line 2. They may be the broker.
 std::string file_of(const std::string &members) {
-  return "{\"broker\": {\"addresses\": [\"mqtt://broker\"]},\n" + members + "}";
+  const char *broker = R"("broker": {"addresses": ["mqtt://broker"]},)";
+  return "{" + std::string(members.starts_with("\"broker\"") ? "" : broker) + "\n" + members + "}";
 }
 
 TEST(BridgeConfig, TakesEverythingThatItsPageDescribes) {
@@ -99,7 +99,7 @@ TEST(BridgeConfig, LetsNothingDownByItself) {
 
 TEST(BridgeConfig, PointsAtMistakes) {
   const struct {
-    const char *members;
+    std::string members;
     const char *why;
   } kMistakes[] = {
       {R"("up": {})", "'up' must be a list"},
@@ -127,10 +127,27 @@ TEST(BridgeConfig, PointsAtMistakes) {
       {R"("down": {"calls": [{"app": "twelve_chars", "type": "read-it"}]})", "'app'"},
       {R"("spool": {"path": "x"})", "'path' begins with /"},
       {R"("spool": {"bytes": 10})", "'bytes'"},
-      {R"("broker": 5)", "twice"},
+      {R"("broker": 5)", "'broker'"},
+      {R"("broker": {})", "'addresses'"},
+      {R"("broker": {"addresses": []})", "must name a broker"},
+      {R"("broker": {"addresses": "mqtt://a"})", "'addresses' must be a list"},
+      {R"("broker": {"addresses": [5]})", "'addresses'"},
+      {R"("broker": {"addresses": ["http://a"]})", "mqtt:// or mqtts://"},
+      {R"("broker": {"addresses": ["mqtts://a"], "tls": 5})", "'tls'"},
+      {R"("broker": {"addresses": ["mqtt://a"], "tls": {}})", "mqtts://"},
+      {R"("broker": {"addresses": ["mqtts://a"], "tls": {"key": "/k"}})", "together"},
+      {R"("broker": {"addresses": ["mqtts://a"], "tls": {"verify": 1}})", "'verify'"},
+      {R"("broker": {"addresses": ["mqtts://a"], "tls": {"certificate": "/c"}})", "together"},
+      {R"("broker": {"addresses": ["mqtt://a"], "reconnect": 5})", "'reconnect'"},
+      {R"("broker": {"addresses": ["mqtt://a"], "reconnect": {"least_ms": 20, "most_ms": 10}})",
+       "more than"},
+      {R"("broker": {"addresses": ["mqtt://a"], "client_id": "a\u0001b"})", "'client_id'"},
+      {R"("broker": {"addresses": ["mqtt://a"], "in_flight": 0})", "'in_flight'"},
+      {R"("broker": {"addresses": ["mqtt://a"], "keep_alive_s": 4})", "'keep_alive_s'"},
       {R"("up": [5])", "a rule of 'up'"},
       {R"("up": [{"payload": 5}])", "'payload'"},
       {R"("prefix": "$SYS")", "'prefix'"},
+      {R"("prefix": ")" + std::string(201, 'p') + '"', "'prefix'"},
       {R"("gateway_item": 0)", "'gateway_item'"},
       {R"("down": [])", "'down'"},
       {R"("down": {"rest": {}})", "'rest' must be a list"},
@@ -153,6 +170,9 @@ TEST(BridgeConfig, PointsAtMistakes) {
       EXPECT_THAT(error.what(), HasSubstr(each.why)) << each.members;
     }
   }
+  const std::string longest(200, 'p');
+  EXPECT_EQ(longest,
+            msgbridge::read_config(file_of("\"prefix\": \"" + longest + "\""), types()).prefix);
 }
 
 TEST(BridgeConfig, KnowsWhatAnAddressIs) {
@@ -167,24 +187,29 @@ TEST(BridgeConfig, KnowsWhatAnAddressIs) {
   EXPECT_EQ("mqtt://[fe80::1%eth0]:1883", mqtt::read_address("mqtt://[fe80::1%eth0]").text());
 }
 
-TEST(BridgeConfig, CredentialsAreTheirOwnersAlone) {
+TEST(BridgeConfig, CredentialsAreTheirOwnersAloneAndHaveAUser) {
   const std::string path = "/var/credentials";
-  std::ofstream(path) << R"({"user": "gw", "password": "secret"})";
+  EXPECT_THROW(mqtt::read_credentials(path), catalogue::Unreadable);
+  std::ofstream(path) << R"({"user": "gw"})";
   ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
   EXPECT_THROW(mqtt::read_credentials(path), catalogue::Unreadable);
-
   ASSERT_EQ(0, ::chmod(path.c_str(), 0600));
-  EXPECT_EQ("secret", mqtt::read_credentials(path).password);
+  EXPECT_EQ("", mqtt::read_credentials(path).password);
 
-  const auto read = [&path](const std::string &password) {
-    std::ofstream(path) << R"({"user": "gw", "password": ")" << password << "\"}";
-    return mqtt::read_credentials(path).password;
+  const auto with_password = [](const std::string &password) {
+    return R"({"user": "gw", "password": ")" + password + "\"}";
   };
   const std::string token(65535, 'x');
-  EXPECT_EQ(token, read(token));
-  EXPECT_THROW(read(token + "x"), catalogue::JsonError);
-  EXPECT_THROW(read("a\\u0000b"), catalogue::JsonError);
-  EXPECT_EQ("", read(""));
+  std::ofstream(path) << with_password(token);
+  EXPECT_EQ(token, mqtt::read_credentials(path).password);
+  for (const std::string &text :
+       {with_password(token + "x"), with_password("a\\u0000b"), std::string("[]"),
+        std::string(R"({"password": "x"})"), std::string(R"({"user": 5})"),
+        std::string(R"({"user": "gw", "password": 5})"),
+        std::string(R"({"user": "gw", "pass": "x"})")}) {
+    std::ofstream(path) << text;
+    EXPECT_THROW(mqtt::read_credentials(path), catalogue::JsonError) << text;
+  }
 }
 
 TEST(BridgeTopics, KeepForeignTextInItsLevel) {
@@ -266,60 +291,6 @@ TEST(BridgeName, IsTheItemOfEquipmentDataThatTheConfigurationNames) {
   EXPECT_EQ("it is GW 0042/a", why_not());
   config.gateway = "named";
   EXPECT_EQ("it is named", why_not()) << "the configuration's own name comes first";
-}
-
-TEST(BridgeConfig, PointsAtMistakesAboutTheBroker) {
-  const struct {
-    const char *broker;
-    const char *why;
-  } kMistakes[] = {
-      {"5", "'broker'"},
-      {"{}", "'addresses'"},
-      {R"({"addresses": []})", "must name a broker"},
-      {R"({"addresses": "mqtt://a"})", "'addresses' must be a list"},
-      {R"({"addresses": [5]})", "'addresses'"},
-      {R"({"addresses": ["http://a"]})", "mqtt:// or mqtts://"},
-      {R"({"addresses": ["mqtts://a"], "tls": 5})", "'tls'"},
-      {R"({"addresses": ["mqtt://a"], "tls": {}})", "mqtts://"},
-      {R"({"addresses": ["mqtts://a"], "tls": {"key": "/k"}})", "together"},
-      {R"({"addresses": ["mqtts://a"], "tls": {"verify": 1}})", "'verify'"},
-      {R"({"addresses": ["mqtts://a"], "tls": {"certificate": "/c"}})", "together"},
-      {R"({"addresses": ["mqtt://a"], "reconnect": 5})", "'reconnect'"},
-      {R"({"addresses": ["mqtt://a"], "reconnect": {"least_ms": 20, "most_ms": 10}})", "more than"},
-      {R"({"addresses": ["mqtt://a"], "client_id": "a\u0001b"})", "'client_id'"},
-      {R"({"addresses": ["mqtt://a"], "in_flight": 0})", "'in_flight'"},
-      {R"({"addresses": ["mqtt://a"], "keep_alive_s": 4})", "'keep_alive_s'"},
-  };
-  for (const auto &each : kMistakes) {
-    try {
-      msgbridge::read_config(std::string("{\"broker\": ") + each.broker + "}", types());
-      ADD_FAILURE() << each.broker;
-    } catch (const catalogue::JsonError &error) {
-      EXPECT_THAT(error.what(), HasSubstr(each.why)) << each.broker;
-    }
-  }
-  const std::string prefix(201, 'p');
-  EXPECT_THROW(msgbridge::read_config(file_of("\"prefix\": \"" + prefix + "\""), types()),
-               catalogue::JsonError);
-  EXPECT_EQ(200u,
-            msgbridge::read_config(file_of("\"prefix\": \"" + prefix.substr(1) + "\""), types())
-                .prefix.size());
-}
-
-TEST(BridgeConfig, CredentialsHaveAUserAndPerhapsAPassword) {
-  const std::string path = "/var/credentials";
-  const auto read = [&path](const char *text) {
-    std::ofstream(path) << text;
-    EXPECT_EQ(0, ::chmod(path.c_str(), 0600));
-    return mqtt::read_credentials(path);
-  };
-  EXPECT_EQ("", read(R"({"user": "gw"})").password);
-  for (const char *text : {R"({"password": "x"})", R"({"user": 5})", "[]",
-                           R"({"user": "gw", "password": 5})", R"({"user": "gw", "pass": "x"})"}) {
-    EXPECT_THROW(read(text), catalogue::JsonError) << text;
-  }
-  ASSERT_EQ(0, ::unlink(path.c_str()));
-  EXPECT_THROW(mqtt::read_credentials(path), catalogue::Unreadable);
 }
 
 }  // namespace
