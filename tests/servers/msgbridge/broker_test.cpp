@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "msgapi.h"
+#include "servers/msgbridge/bridge_fixture.h"
 #include "servers/msgbridge/broker.h"
 #include "support/message_peer.h"
 #include "support/network.h"
@@ -23,6 +23,12 @@ namespace {
 namespace fs = std::filesystem;
 
 using std::chrono::milliseconds;
+using test::configure;
+using test::kBridgeConfig;
+using test::kBrokerAddress;
+using test::kBrokerPort;
+using test::kCountTopic;
+using test::kStatusTopic;
 using test::Process;
 using test::RawClient;
 using test::Received;
@@ -30,45 +36,15 @@ using test::start_broker;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr uint16_t kBrokerPort = 1883;
 constexpr uint32_t kOwnType = 0x4242;
-constexpr const char *kBrokerAddress = "mqtt://127.0.0.1:1883";
-constexpr const char *kConfig = "/var/bridge.json";
-constexpr const char *kCountTopic = "gw/me/event/wan/Count";
-constexpr const char *kStatus = "gw/me/status";
 
-class BridgeAndBroker : public testing::Test {
+class BridgeAndBroker : public test::BridgeTest {
  protected:
   void SetUp() override {
     if (::access(test::kBrokerProgram, X_OK) != 0) {
       GTEST_SKIP() << "no mosquitto here; './dev test' installs it";
     }
-    bus_ = std::make_unique<Process>("msgsvr");
-    ASSERT_TRUE(bus_->wait_for("ready")) << bus_->output();
-    ASSERT_EQ(ORP_OK, ORP_MSG_InitWithoutHandle("pub"));
   }
-  ~BridgeAndBroker() override { ORP_MSG_Destroy(); }
-
-  // `broker` are further members of the broker, `members` of the whole.
-  static void configure(const std::string &members = R"("up": [{}])",
-                        const std::string &broker = "",
-                        const std::string &address = kBrokerAddress) {
-    std::ofstream(kConfig) << R"({"broker": {"addresses": [")" << address
-                           << R"("], "reconnect": {"least_ms": 20, "most_ms": 100})" << broker
-                           << R"(}, "gateway": "me", )" << members << "}";
-  }
-  static std::unique_ptr<Process> start_bridge() {
-    auto bridge =
-        std::make_unique<Process>("msgbridge", std::vector<std::string>{"--config", kConfig});
-    EXPECT_TRUE(bridge->wait_for("Connected to the message server")) << bridge->output();
-    return bridge;
-  }
-  static void publish(int number) {
-    const std::string text = std::to_string(number);
-    ASSERT_EQ(ORP_OK, ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "Count", "number", text.c_str()));
-  }
-
-  std::unique_ptr<Process> bus_;
 };
 
 TEST_F(BridgeAndBroker, SendsEventsAndItsStatus) {
@@ -76,9 +52,9 @@ TEST_F(BridgeAndBroker, SendsEventsAndItsStatus) {
   test::Listener listener(kBrokerPort, "gw/#");
   configure();
   auto bridge = start_bridge();
-  ASSERT_TRUE(listener.wait_for(kStatus, "online"));
+  ASSERT_TRUE(listener.wait_for(kStatusTopic, "online"));
   constexpr int kEvents = 500;  // more than may be under way
-  for (int i = 1; i <= kEvents; ++i) publish(i);
+  publish_numbers(1, kEvents);
   const auto number = [](int count) { return "\"number\":\t\"" + std::to_string(count) + '"'; };
   ASSERT_TRUE(listener.wait_for(kCountTopic, number(kEvents)));
   int count = 0;
@@ -89,12 +65,12 @@ TEST_F(BridgeAndBroker, SendsEventsAndItsStatus) {
   EXPECT_EQ(kEvents, count);
 
   bridge->stop(SIGKILL);
-  ASSERT_TRUE(listener.wait_for(kStatus, "offline")) << "the will";
+  ASSERT_TRUE(listener.wait_for(kStatusTopic, "offline")) << "the will";
   bridge = start_bridge();
-  ASSERT_TRUE(test::Listener(kBrokerPort, kStatus).wait_for(kStatus, "online"));
+  ASSERT_TRUE(test::Listener(kBrokerPort, kStatusTopic).wait_for(kStatusTopic, "online"));
   EXPECT_EQ(0, bridge->stop(SIGTERM));
-  test::Listener late(kBrokerPort, kStatus);
-  ASSERT_TRUE(late.wait_for(kStatus, "offline")) << "the farewell";
+  test::Listener late(kBrokerPort, kStatusTopic);
+  ASSERT_TRUE(late.wait_for(kStatusTopic, "offline")) << "the farewell";
   EXPECT_TRUE(late.all().at(0).retained);
 }
 
@@ -146,7 +122,7 @@ TEST_F(BridgeAndBroker, TrustsOnlyTheRightCertificate) {
   };
   for (const auto &each : kCases) {
     configure(R"("up": [{}])", R"(, "tls": {)" + each.tls + "}",
-              "mqtts://" + each.host + ":" + std::to_string(kBrokerPort));
+              test::quoted("mqtts://" + each.host + ":" + std::to_string(kBrokerPort)));
     auto bridge = start_bridge();
     EXPECT_TRUE(bridge->wait_for(" to mqtts://") && bridge->wait_for("\n")) << each.why;
     EXPECT_THAT(bridge->output(), HasSubstr(each.says)) << each.why;
@@ -178,8 +154,8 @@ TEST_F(BridgeAndBroker, IsKnownToTheBrokersRulesByItsNameInTopics) {
   std::ofstream("/var/rules") << "topic read gw/#\npattern write gw/%c/#\n";
   const auto broker = start_broker(kBrokerPort, "allow_anonymous true\nacl_file /var/rules\n");
   test::Listener listener(kBrokerPort, "gw/#");
-  std::ofstream(kConfig) << R"({"broker": {"addresses": [")" << kBrokerAddress
-                         << R"("]}, "gateway": "floor/1"})";
+  std::ofstream(kBridgeConfig) << R"({"broker": {"addresses": [")" << kBrokerAddress
+                               << R"("]}, "gateway": "floor/1"})";
   auto bridge = start_bridge();
   EXPECT_TRUE(listener.wait_for("gw/floor%2F1/status", "online")) << bridge->output();
 }
@@ -281,11 +257,11 @@ TEST_F(Fleet, ListensAndCountsWhatIsMissing) {
   const auto listening =
       start_fleet({"listen", "--gateway", "me", "--gateway", "other", "-n", "200"});
   ASSERT_TRUE(has_subscribed(listening.get())) << listening->output();
-  publish(1);
+  publish("1");
   ASSERT_TRUE(listening->wait_for("me wan Count {\"number\":\"1\"}")) << listening->output();
   listener_->publish("gw/me/lost", R"({"first": 900, "last": 904, "count": 5, "reason": "full"})");
   ASSERT_TRUE(listening->wait_for("me gave up 5 events: full")) << listening->output();
-  for (int i = 2; i <= 300; ++i) publish(i);
+  publish_numbers(2, 300);
   EXPECT_EQ(8, listening->wait()) << listening->output();
 }
 
