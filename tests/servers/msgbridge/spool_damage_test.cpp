@@ -7,11 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
+#include <variant>
+#include <vector>
 
 #include "msgbridge/spool.h"
 #include "servers/msgbridge/spool_support.h"

@@ -4,7 +4,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
