@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -31,6 +32,7 @@
 #include <initializer_list>
 #include <new>
 #include <span>
+#include <type_traits>
 
 #include "plan.h"
 
@@ -104,21 +106,26 @@ void record(const char *call, int error, size_t variants, const void *caller) {
   g_plan->struck = 1;
 }
 
+bool armed() {
+  return g_plan != nullptr && !g_inside && g_plan->armed.load(std::memory_order_relaxed) != 0;
+}
+
 // Counts a call. 0 when it is to be made; otherwise the errno of its failure, or kShort.
 [[gnu::noinline]] int strike_at(const void *caller, const char *call, std::span<const int> faults) {
-  if (g_plan == nullptr || g_inside || g_plan->armed.load(std::memory_order_relaxed) == 0) return 0;
-  if (faults.empty()) return 0;
-  if (g_plan->count.fetch_add(1) + 1 != g_plan->nth) return 0;
+  if (!armed()) return 0;
   int fitting[8];  // without zeros, which mean faults that cannot happen here
   size_t count = 0;
   for (const int fault : faults) {
     if (fault != 0) fitting[count++] = fault;
   }
+  if (count == 0 || g_plan->count.fetch_add(1) + 1 != g_plan->nth) return 0;
   const int fault = fitting[g_plan->variant % count];
   record(call, fault, count, caller);
   return fault;
 }
 
+// These and the functions that use them are part of the function that the program calls: its caller
+// is recorded.
 [[gnu::always_inline]] inline int strike(const char *call, std::span<const int> faults) {
   return strike_at(__builtin_return_address(0), call, faults);
 }
@@ -127,14 +134,35 @@ void record(const char *call, int error, size_t variants, const void *caller) {
   return strike_at(__builtin_return_address(0), call, {faults.begin(), faults.size()});
 }
 
-int fail(int error) {
+template <typename Result>
+Result failed(int error) {
   errno = error;
-  return -1;
+  if constexpr (std::is_pointer_v<Result>) return nullptr;
+  return Result(-1);
+}
+
+// Fails with `fault`, or calls the function that `hidden` hides: one of this object, named `name`.
+template <auto *hidden, typename... Arguments>
+[[gnu::always_inline]] inline auto finish(const char *name, int fault, Arguments... arguments) {
+  static const auto real = next<std::remove_pointer_t<decltype(hidden)>>(name);
+  return fault > 0 ? failed<decltype(real(arguments...))>(fault) : real(arguments...);
+}
+
+// The same for a call that fails whole.
+template <auto *hidden, typename... Arguments>
+[[gnu::always_inline]] inline auto make(const char *name, std::initializer_list<int> faults,
+                                        Arguments... arguments) {
+  return finish<hidden>(name, strike(name, faults), arguments...);
 }
 
 bool never_waits(int fd, int flags = 0) {
   return (flags & MSG_DONTWAIT) != 0 ||
          (static_cast<int>(next<decltype(::fcntl)>("fcntl")(fd, F_GETFL)) & O_NONBLOCK) != 0;
+}
+
+// A descriptor that never waits is not interrupted.
+int interrupted(int fd, int flags) {
+  return never_waits(fd, flags) ? EAGAIN : EINTR;
 }
 
 // The type of a socket; -1 for other descriptors.
@@ -147,18 +175,18 @@ int socket_type(int fd) {
   return type;
 }
 
-// How reading and writing `size` bytes can fail, by the kind of descriptor. Zero: it cannot.
-struct Transfer {
-  Transfer(int fd, size_t size, int flags) : type(socket_type(fd)) {
-    const bool datagram = type >= 0 && type != SOCK_STREAM;
-    partly = size > 1 && !datagram ? kShort : 0;
-    // A descriptor that never waits is not interrupted.
-    interrupted = never_waits(fd, flags) ? EAGAIN : EINTR;
-    read_error = type >= 0 ? ECONNRESET : EIO;
-    write_error = type >= 0 ? (datagram ? ENOBUFS : EPIPE) : ENOSPC;
-  }
-  int type, partly, interrupted, read_error, write_error;
-};
+enum Way { kRead, kWrite };
+
+// How reading and writing `size` bytes can fail, by the kind of descriptor.
+std::array<int, 3> transfer_faults(Way way, int fd, size_t size, int flags = 0) {
+  if (!armed()) return {};
+  const int type = socket_type(fd);
+  const bool datagram = type >= 0 && type != SOCK_STREAM;
+  const int read_error = type >= 0 ? ECONNRESET : EIO;
+  const int write_error = type >= 0 ? (datagram ? ENOBUFS : EPIPE) : ENOSPC;
+  return {interrupted(fd, flags), way == kRead ? read_error : write_error,
+          size > 1 && !datagram ? kShort : 0};
+}
 
 // O_TMPFILE has several bits; one of them is O_DIRECTORY.
 bool takes_mode(int flags) {
@@ -211,12 +239,19 @@ int find_libc(dl_phdr_info *object, size_t, void *) {
   return true;
 }
 
-bool armed() {
-  return g_plan != nullptr && !g_inside && g_plan->armed.load(std::memory_order_relaxed) != 0;
-}
-
-void attach(Plan *plan) {
-  g_plan = plan;
+template <auto *hidden, typename... Sizes>
+[[gnu::always_inline]] inline void *allocate(const char *name, Sizes... sizes) {
+  static decltype(hidden) real;
+  static bool searching;
+  if (real == nullptr) {
+    if (searching) return early_alloc((sizes * ...));
+    searching = true;
+    real = next<std::remove_pointer_t<decltype(hidden)>>(name);
+  }
+  if (strike_memory(name)) return nullptr;
+  void *block = real(sizes...);
+  if (block != nullptr) ++g_blocks;
+  return block;
 }
 
 using Main = int(int, char **, char **);
@@ -231,7 +266,7 @@ int counted_main(int count, char **words, char **environment) {
     void *memory = next<decltype(::mmap)>("mmap")(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE,
                                                   MAP_SHARED, fd, 0);
     next<decltype(::close)>("close")(fd);
-    if (memory != MAP_FAILED) attach(static_cast<Plan *>(memory));
+    if (memory != MAP_FAILED) g_plan = static_cast<Plan *>(memory);
   }
   return g_main(count, words, environment);
 }
@@ -245,7 +280,7 @@ int counted_main(int count, char **words, char **environment) {
 extern "C" {
 
 void torture_attach(Plan *plan) {
-  attach(plan);
+  g_plan = plan;
 }
 
 int32_t torture_blocks() {
@@ -268,31 +303,11 @@ int __libc_start_main(Main *main, int count, char **words, void (*init)(), void 
 // ---- Memory ------------------------------------------------------------------------------------
 
 void *malloc(size_t size) noexcept {
-  static decltype(&::malloc) real;
-  static bool searching;
-  if (real == nullptr) {
-    if (searching) return early_alloc(size);
-    searching = true;
-    real = next<void *(size_t) noexcept>("malloc");
-  }
-  if (strike_memory("malloc")) return nullptr;
-  void *block = real(size);
-  if (block != nullptr) ++g_blocks;
-  return block;
+  return allocate<::malloc>("malloc", size);
 }
 
 void *calloc(size_t count, size_t size) noexcept {
-  static decltype(&::calloc) real;
-  static bool searching;
-  if (real == nullptr) {
-    if (searching) return early_alloc(count * size);
-    searching = true;
-    real = next<void *(size_t, size_t) noexcept>("calloc");
-  }
-  if (strike_memory("calloc")) return nullptr;
-  void *block = real(count, size);
-  if (block != nullptr) ++g_blocks;
-  return block;
+  return allocate<::calloc>("calloc", count, size);
 }
 
 void *realloc(void *block, size_t size) noexcept {
@@ -320,47 +335,32 @@ void free(void *block) noexcept {
 // ---- Descriptors -------------------------------------------------------------------------------
 
 int socket(int domain, int type, int protocol) noexcept {
-  if (const int error = strike("socket", {EMFILE, ENOBUFS})) return fail(error);
-  static const auto real = next<int(int, int, int)>("socket");
-  return real(domain, type, protocol);
+  return make<::socket>("socket", {EMFILE, ENOBUFS}, domain, type, protocol);
 }
 
 int socketpair(int domain, int type, int protocol, int ends[2]) noexcept {
-  if (const int error = strike("socketpair", {EMFILE})) return fail(error);
-  static const auto real = next<int(int, int, int, int *)>("socketpair");
-  return real(domain, type, protocol, ends);
+  return make<::socketpair>("socketpair", {EMFILE}, domain, type, protocol, ends);
 }
 
 int bind(int fd, const sockaddr *address, socklen_t size) noexcept {
-  if (const int error = strike("bind", {EADDRINUSE, EACCES})) return fail(error);
-  static const auto real = next<int(int, const sockaddr *, socklen_t)>("bind");
-  return real(fd, address, size);
+  return make<::bind>("bind", {EADDRINUSE, EACCES}, fd, address, size);
 }
 
 int listen(int fd, int backlog) noexcept {
-  if (const int error = strike("listen", {EADDRINUSE})) return fail(error);
-  static const auto real = next<int(int, int)>("listen");
-  return real(fd, backlog);
+  return make<::listen>("listen", {EADDRINUSE}, fd, backlog);
 }
 
 int connect(int fd, const sockaddr *address, socklen_t size) {
-  if (const int error = strike("connect", {ECONNREFUSED, EINTR, never_waits(fd) ? EAGAIN : 0})) {
-    return fail(error);
-  }
-  static const auto real = next<int(int, const sockaddr *, socklen_t)>("connect");
-  return real(fd, address, size);
+  return make<::connect>("connect", {ECONNREFUSED, EINTR, never_waits(fd) ? EAGAIN : 0}, fd,
+                         address, size);
 }
 
 int accept(int fd, sockaddr *address, socklen_t *size) {
-  if (const int error = strike("accept", {EMFILE, ECONNABORTED, EINTR})) return fail(error);
-  static const auto real = next<int(int, sockaddr *, socklen_t *)>("accept");
-  return real(fd, address, size);
+  return make<::accept>("accept", {EMFILE, ECONNABORTED, EINTR}, fd, address, size);
 }
 
 int accept4(int fd, sockaddr *address, socklen_t *size, int flags) {
-  if (const int error = strike("accept4", {EMFILE, ECONNABORTED, EINTR})) return fail(error);
-  static const auto real = next<int(int, sockaddr *, socklen_t *, int)>("accept4");
-  return real(fd, address, size, flags);
+  return make<::accept4>("accept4", {EMFILE, ECONNABORTED, EINTR}, fd, address, size, flags);
 }
 
 int open(const char *path, int flags, ...) {
@@ -369,9 +369,7 @@ int open(const char *path, int flags, ...) {
   const auto mode = takes_mode(flags) ? va_arg(rest, mode_t) : 0;
   va_end(rest);
   const int full = takes_mode(flags) ? ENOSPC : 0;
-  if (const int error = strike("open", {EMFILE, EACCES, full})) return fail(error);
-  static const auto real = next<int(const char *, int, ...)>("open");
-  return real(path, flags, mode);
+  return make<::open>("open", {EMFILE, EACCES, full}, path, flags, mode);
 }
 int open64(const char *path, int flags, ...) __attribute__((alias("open")));
 
@@ -381,16 +379,13 @@ int openat(int directory, const char *path, int flags, ...) {
   const auto mode = takes_mode(flags) ? va_arg(rest, mode_t) : 0;
   va_end(rest);
   const int full = takes_mode(flags) ? ENOSPC : 0;
-  if (const int error = strike("openat", {EMFILE, EACCES, full})) return fail(error);
-  static const auto real = next<int(int, const char *, int, ...)>("openat");
-  return real(directory, path, flags, mode);
+  return make<::openat>("openat", {EMFILE, EACCES, full}, directory, path, flags, mode);
 }
 
 int close(int fd) {
-  static const auto real = next<int(int)>("close");
   const int error = strike("close", {EINTR, EIO});
-  const int result = real(fd);
-  return error != 0 && result == 0 ? fail(error) : result;
+  const int result = finish<::close>("close", 0, fd);
+  return error != 0 && result == 0 ? failed<int>(error) : result;
 }
 
 int fcntl(int fd, int command, ...) {
@@ -398,270 +393,175 @@ int fcntl(int fd, int command, ...) {
   va_start(rest, command);
   void *argument = va_arg(rest, void *);
   va_end(rest);
-  static const auto real = next<int(int, int, ...)>("fcntl");
-  if (const int error = strike("fcntl", fcntl_faults(command, argument))) return fail(error);
-  return real(fd, command, argument);
+  const int error = strike("fcntl", fcntl_faults(command, argument));
+  return finish<::fcntl>("fcntl", error, fd, command, argument);
 }
 int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));
 
 int pipe(int ends[2]) noexcept {
-  if (const int error = strike("pipe", {EMFILE})) return fail(error);
-  static const auto real = next<int(int *)>("pipe");
-  return real(ends);
+  return make<::pipe>("pipe", {EMFILE}, ends);
 }
 
 int pipe2(int ends[2], int flags) noexcept {
-  if (const int error = strike("pipe2", {EMFILE})) return fail(error);
-  static const auto real = next<int(int *, int)>("pipe2");
-  return real(ends, flags);
+  return make<::pipe2>("pipe2", {EMFILE}, ends, flags);
 }
 
 int eventfd(unsigned count, int flags) noexcept {
-  if (const int error = strike("eventfd", {EMFILE})) return fail(error);
-  static const auto real = next<int(unsigned, int)>("eventfd");
-  return real(count, flags);
+  return make<::eventfd>("eventfd", {EMFILE}, count, flags);
 }
 
 int signalfd(int fd, const sigset_t *signals, int flags) noexcept {
-  if (const int error = strike("signalfd", {EMFILE})) return fail(error);
-  static const auto real = next<int(int, const sigset_t *, int)>("signalfd");
-  return real(fd, signals, flags);
+  return make<::signalfd>("signalfd", {EMFILE}, fd, signals, flags);
 }
 
 int timerfd_create(clockid_t clock, int flags) noexcept {
-  if (const int error = strike("timerfd_create", {EMFILE})) return fail(error);
-  static const auto real = next<int(clockid_t, int)>("timerfd_create");
-  return real(clock, flags);
+  return make<::timerfd_create>("timerfd_create", {EMFILE}, clock, flags);
 }
 
 // ---- Reading and writing -----------------------------------------------------------------------
 
 ssize_t read(int fd, void *buffer, size_t size) {
-  static const auto real = next<ssize_t(int, void *, size_t)>("read");
-  if (armed()) {
-    const Transfer can(fd, size, 0);
-    const int fault = strike("read", {can.interrupted, can.read_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) size = 1;
-  }
-  return real(fd, buffer, size);
+  const int fault = strike("read", transfer_faults(kRead, fd, size));
+  return finish<::read>("read", fault, fd, buffer, fault == kShort ? 1 : size);
 }
 
 ssize_t pread(int fd, void *buffer, size_t size, off_t offset) {
-  static const auto real = next<ssize_t(int, void *, size_t, off_t)>("pread");
-  if (const int error = strike("pread", {EIO, EINTR})) return fail(error);
-  return real(fd, buffer, size, offset);
+  return make<::pread>("pread", {EIO, EINTR}, fd, buffer, size, offset);
 }
 ssize_t pread64(int fd, void *buffer, size_t size, off64_t offset) __attribute__((alias("pread")));
 
 ssize_t recv(int fd, void *buffer, size_t size, int flags) {
-  static const auto real = next<ssize_t(int, void *, size_t, int)>("recv");
-  if (armed()) {
-    const Transfer can(fd, size, flags);
-    const int fault = strike("recv", {can.interrupted, can.read_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) size = 1;
-  }
-  return real(fd, buffer, size, flags);
+  const int fault = strike("recv", transfer_faults(kRead, fd, size, flags));
+  return finish<::recv>("recv", fault, fd, buffer, fault == kShort ? 1 : size, flags);
 }
 
 ssize_t recvfrom(int fd, void *buffer, size_t size, int flags, sockaddr *address,
                  socklen_t *address_size) {
-  static const auto real =
-      next<ssize_t(int, void *, size_t, int, sockaddr *, socklen_t *)>("recvfrom");
-  if (armed()) {
-    const Transfer can(fd, size, flags);
-    if (const int error = strike("recvfrom", {can.interrupted, ENOMEM})) return fail(error);
-  }
-  return real(fd, buffer, size, flags, address, address_size);
+  return make<::recvfrom>("recvfrom", {interrupted(fd, flags), ENOMEM}, fd, buffer, size, flags,
+                          address, address_size);
 }
 
 ssize_t recvmsg(int fd, msghdr *message, int flags) {
-  static const auto real = next<ssize_t(int, msghdr *, int)>("recvmsg");
-  if (armed()) {
-    const Transfer can(fd, 0, flags);
-    if (const int error = strike("recvmsg", {can.interrupted, can.read_error})) return fail(error);
-  }
-  return real(fd, message, flags);
+  return finish<::recvmsg>("recvmsg", strike("recvmsg", transfer_faults(kRead, fd, 0, flags)), fd,
+                           message, flags);
 }
 
 ssize_t write(int fd, const void *buffer, size_t size) {
-  static const auto real = next<ssize_t(int, const void *, size_t)>("write");
-  if (armed()) {
-    const Transfer can(fd, size, 0);
-    const int fault = strike("write", {can.interrupted, can.write_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) size /= 2;
-  }
-  return real(fd, buffer, size);
+  const int fault = strike("write", transfer_faults(kWrite, fd, size));
+  return finish<::write>("write", fault, fd, buffer, fault == kShort ? size / 2 : size);
 }
 
 ssize_t pwrite(int fd, const void *buffer, size_t size, off_t offset) {
-  static const auto real = next<ssize_t(int, const void *, size_t, off_t)>("pwrite");
-  if (const int error = strike("pwrite", {ENOSPC, EINTR})) return fail(error);
-  return real(fd, buffer, size, offset);
+  return make<::pwrite>("pwrite", {ENOSPC, EINTR}, fd, buffer, size, offset);
 }
 ssize_t pwrite64(int fd, const void *buffer, size_t size, off64_t offset)
     __attribute__((alias("pwrite")));
 
 // A short count writes only the first piece.
 ssize_t writev(int fd, const iovec *pieces, int count) {
-  static const auto real = next<ssize_t(int, const iovec *, int)>("writev");
-  if (armed()) {
-    const Transfer can(fd, count > 1 ? 2 : 1, 0);
-    const int fault = strike("writev", {can.interrupted, can.write_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) count = 1;
-  }
-  return real(fd, pieces, count);
+  const int fault = strike("writev", transfer_faults(kWrite, fd, count > 1 ? 2 : 1));
+  return finish<::writev>("writev", fault, fd, pieces, fault == kShort ? 1 : count);
 }
 
 ssize_t send(int fd, const void *buffer, size_t size, int flags) {
-  static const auto real = next<ssize_t(int, const void *, size_t, int)>("send");
-  if (armed()) {
-    const Transfer can(fd, size, flags);
-    const int fault = strike("send", {can.interrupted, can.write_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) size /= 2;
-  }
-  return real(fd, buffer, size, flags);
+  const int fault = strike("send", transfer_faults(kWrite, fd, size, flags));
+  return finish<::send>("send", fault, fd, buffer, fault == kShort ? size / 2 : size, flags);
 }
 
 ssize_t sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address,
                socklen_t address_size) {
-  static const auto real =
-      next<ssize_t(int, const void *, size_t, int, const sockaddr *, socklen_t)>("sendto");
-  if (armed()) {
-    const Transfer can(fd, size, flags);
-    const int fault = strike("sendto", {can.interrupted, can.write_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) size /= 2;
-  }
-  return real(fd, buffer, size, flags, address, address_size);
+  const int fault = strike("sendto", transfer_faults(kWrite, fd, size, flags));
+  return finish<::sendto>("sendto", fault, fd, buffer, fault == kShort ? size / 2 : size, flags,
+                          address, address_size);
 }
 
 ssize_t sendmsg(int fd, const msghdr *message, int flags) {
-  static const auto real = next<ssize_t(int, const msghdr *, int)>("sendmsg");
+  const int fault =
+      strike("sendmsg", transfer_faults(kWrite, fd, message->msg_iovlen > 1 ? 2 : 1, flags));
   msghdr first = *message;
-  if (armed()) {
-    const Transfer can(fd, message->msg_iovlen > 1 ? 2 : 1, flags);
-    const int fault = strike("sendmsg", {can.interrupted, can.write_error, can.partly});
-    if (fault > 0) return fail(fault);
-    if (fault == kShort) first.msg_iovlen = 1;
-  }
-  return real(fd, &first, flags);
+  if (fault == kShort) first.msg_iovlen = 1;
+  return finish<::sendmsg>("sendmsg", fault, fd, &first, flags);
 }
 
 ssize_t splice(int in, off64_t *in_offset, int out, off64_t *out_offset, size_t size,
                unsigned flags) {
-  static const auto real =
-      next<ssize_t(int, off64_t *, int, off64_t *, size_t, unsigned)>("splice");
   const int fault = strike("splice", {EAGAIN, ENOMEM, size > 1 ? kShort : 0});
-  if (fault > 0) return fail(fault);
-  return real(in, in_offset, out, out_offset, fault == kShort ? size_t{1} : size, flags);
+  return finish<::splice>("splice", fault, in, in_offset, out, out_offset,
+                          fault == kShort ? 1 : size, flags);
 }
 
 // ---- Waiting -----------------------------------------------------------------------------------
 
 int select(int count, fd_set *read, fd_set *write, fd_set *exceptional, timeval *timeout) {
-  static const auto real = next<int(int, fd_set *, fd_set *, fd_set *, timeval *)>("select");
-  if (const int error = strike("select", {EINTR, ENOMEM})) return fail(error);
-  return real(count, read, write, exceptional, timeout);
+  return make<::select>("select", {EINTR, ENOMEM}, count, read, write, exceptional, timeout);
 }
 
 int pselect(int count, fd_set *read, fd_set *write, fd_set *exceptional, const timespec *timeout,
             const sigset_t *mask) {
-  static const auto real =
-      next<int(int, fd_set *, fd_set *, fd_set *, const timespec *, const sigset_t *)>("pselect");
-  if (const int error = strike("pselect", {EINTR, ENOMEM})) return fail(error);
-  return real(count, read, write, exceptional, timeout, mask);
+  return make<::pselect>("pselect", {EINTR, ENOMEM}, count, read, write, exceptional, timeout,
+                         mask);
 }
 
 int poll(pollfd *entries, nfds_t count, int timeout) {
-  static const auto real = next<int(pollfd *, nfds_t, int)>("poll");
-  if (const int error = strike("poll", {EINTR, ENOMEM})) return fail(error);
-  return real(entries, count, timeout);
+  return make<::poll>("poll", {EINTR, ENOMEM}, entries, count, timeout);
 }
 
 int ppoll(pollfd *entries, nfds_t count, const timespec *timeout, const sigset_t *mask) {
-  static const auto real = next<int(pollfd *, nfds_t, const timespec *, const sigset_t *)>("ppoll");
-  if (const int error = strike("ppoll", {EINTR, ENOMEM})) return fail(error);
-  return real(entries, count, timeout, mask);
+  return make<::ppoll>("ppoll", {EINTR, ENOMEM}, entries, count, timeout, mask);
 }
 
 int epoll_create1(int flags) noexcept {
-  if (const int error = strike("epoll_create1", {EMFILE})) return fail(error);
-  static const auto real = next<int(int)>("epoll_create1");
-  return real(flags);
+  return make<::epoll_create1>("epoll_create1", {EMFILE}, flags);
 }
 
 int epoll_ctl(int epoll, int operation, int fd, epoll_event *event) noexcept {
-  static const auto real = next<int(int, int, int, epoll_event *)>("epoll_ctl");
-  if (operation == EPOLL_CTL_ADD) {  // the others take no memory
-    if (const int error = strike("epoll_ctl", {ENOMEM, ENOSPC})) return fail(error);
-  }
-  return real(epoll, operation, fd, event);
+  // The others take no memory.
+  const int error = operation == EPOLL_CTL_ADD ? strike("epoll_ctl", {ENOMEM, ENOSPC}) : 0;
+  return finish<::epoll_ctl>("epoll_ctl", error, epoll, operation, fd, event);
 }
 
 int epoll_wait(int epoll, epoll_event *events, int count, int timeout) {
-  static const auto real = next<int(int, epoll_event *, int, int)>("epoll_wait");
-  if (const int error = strike("epoll_wait", {EINTR})) return fail(error);
-  return real(epoll, events, count, timeout);
+  return make<::epoll_wait>("epoll_wait", {EINTR}, epoll, events, count, timeout);
 }
 
 // ---- Processes and files -----------------------------------------------------------------------
 
 pid_t fork() noexcept {
-  if (const int error = strike("fork", {EAGAIN, ENOMEM})) return fail(error);
-  static const auto real = next<pid_t()>("fork");
-  return real();
+  return make<::fork>("fork", {EAGAIN, ENOMEM});
 }
 
 int posix_spawn(pid_t *child, const char *path, const posix_spawn_file_actions_t *actions,
                 const posix_spawnattr_t *attributes, char *const words[],
                 char *const environment[]) {
   if (const int error = strike("posix_spawn", {EAGAIN, ENOMEM})) return error;
-  static const auto real =
-      next<int(pid_t *, const char *, const posix_spawn_file_actions_t *, const posix_spawnattr_t *,
-               char *const[], char *const[])>("posix_spawn");
-  return real(child, path, actions, attributes, words, environment);
+  return finish<::posix_spawn>("posix_spawn", 0, child, path, actions, attributes, words,
+                               environment);
 }
 
 int rename(const char *from, const char *to) noexcept {
-  if (const int error = strike("rename", {ENOSPC, EACCES})) return fail(error);
-  static const auto real = next<int(const char *, const char *)>("rename");
-  return real(from, to);
+  return make<::rename>("rename", {ENOSPC, EACCES}, from, to);
 }
 
 int unlink(const char *path) noexcept {
-  if (const int error = strike("unlink", {EACCES, EIO})) return fail(error);
-  static const auto real = next<int(const char *)>("unlink");
-  return real(path);
+  return make<::unlink>("unlink", {EACCES, EIO}, path);
 }
 
 int fsync(int fd) {
-  if (const int error = strike("fsync", {EIO, ENOSPC})) return fail(error);
-  static const auto real = next<int(int)>("fsync");
-  return real(fd);
+  return make<::fsync>("fsync", {EIO, ENOSPC}, fd);
 }
 
 int fdatasync(int fd) {
-  if (const int error = strike("fdatasync", {EIO, ENOSPC})) return fail(error);
-  static const auto real = next<int(int)>("fdatasync");
-  return real(fd);
+  return make<::fdatasync>("fdatasync", {EIO, ENOSPC}, fd);
 }
 
 int ftruncate(int fd, off_t size) noexcept {
-  if (const int error = strike("ftruncate", {ENOSPC, EINTR})) return fail(error);
-  static const auto real = next<int(int, off_t)>("ftruncate");
-  return real(fd, size);
+  return make<::ftruncate>("ftruncate", {ENOSPC, EINTR}, fd, size);
 }
 int ftruncate64(int fd, off64_t size) noexcept __attribute__((alias("ftruncate")));
 
 void *mmap(void *address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-  static const auto real = next<void *(void *, size_t, int, int, int, off_t)>("mmap");
   if (const int error = strike("mmap", {ENOMEM})) return errno = error, MAP_FAILED;
-  return real(address, size, protection, flags, fd, offset);
+  return finish<::mmap>("mmap", 0, address, size, protection, flags, fd, offset);
 }
 void *mmap64(void *address, size_t size, int protection, int flags, int fd, off64_t offset) noexcept
     __attribute__((alias("mmap")));
@@ -669,30 +569,24 @@ void *mmap64(void *address, size_t size, int protection, int flags, int fd, off6
 // ---- Streams -----------------------------------------------------------------------------------
 
 FILE *fopen(const char *path, const char *mode) {
-  static const auto real = next<FILE *(const char *, const char *)>("fopen");
-  if (const int error = strike("fopen", {EMFILE, ENOMEM})) return errno = error, nullptr;
-  return real(path, mode);
+  return make<::fopen>("fopen", {EMFILE, ENOMEM}, path, mode);
 }
 FILE *fopen64(const char *path, const char *mode) __attribute__((alias("fopen")));
 
 FILE *fdopen(int fd, const char *mode) noexcept {
-  static const auto real = next<FILE *(int, const char *)>("fdopen");
-  if (const int error = strike("fdopen", {ENOMEM})) return errno = error, nullptr;
-  return real(fd, mode);
+  return make<::fdopen>("fdopen", {ENOMEM}, fd, mode);
 }
 
 size_t fwrite(const void *data, size_t size, size_t count, FILE *stream) {
-  static const auto real = next<size_t(const void *, size_t, size_t, FILE *)>("fwrite");
   const int fault = strike("fwrite", {ENOSPC, size * count > 1 ? kShort : 0});
-  if (fault == 0) return real(data, size, count, stream);
+  if (fault == 0) return finish<::fwrite>("fwrite", 0, data, size, count, stream);
   errno = ENOSPC;
-  return fault == kShort ? real(data, 1, size * count / 2, stream) / size : 0;
+  if (fault != kShort) return 0;
+  return finish<::fwrite>("fwrite", 0, data, size_t{1}, size * count / 2, stream) / size;
 }
 
 int fflush(FILE *stream) {
-  static const auto real = next<int(FILE *)>("fflush");
-  if (const int error = strike("fflush", {ENOSPC})) return fail(error);
-  return real(stream);
+  return make<::fflush>("fflush", {ENOSPC}, stream);
 }
 
 }  // extern "C"
