@@ -83,14 +83,28 @@ int32_t blocks() {
   return count();
 }
 
-uint32_t descriptors() {
-  uint32_t open = 0;
-  for (int fd = 0; fd < 1024; ++fd) open += ::fcntl(fd, F_GETFD) >= 0;
-  return open;
+// How many descriptors a process has open; of this one, one more.
+uint32_t descriptors_of(pid_t pid) {
+  std::error_code ignored;
+  const fs::directory_iterator all("/proc/" + std::to_string(pid) + "/fd", ignored);
+  return static_cast<uint32_t>(std::distance(begin(all), end(all)));
 }
 
-void wait_a_little() {
-  std::this_thread::sleep_for(5ms);
+// Whether `holds` comes true within 5 ms times `tries`.
+bool comes_true(int tries, const std::function<bool()> &holds) {
+  for (; tries > 0; --tries) {
+    if (holds()) return true;
+    std::this_thread::sleep_for(5ms);
+  }
+  return false;
+}
+
+// Sends what this process prints, and its errors if need be, nowhere.
+void silence(bool errors_too) {
+  const int null = ::open("/dev/null", O_RDWR);
+  ::dup2(null, STDOUT_FILENO);
+  if (errors_too) ::dup2(null, STDERR_FILENO);
+  ::close(null);
 }
 
 // Makes a new plan: how the `nth` call fails.
@@ -112,17 +126,10 @@ pid_t start(const std::function<void()> &work) {
   return child;
 }
 
-// How a process ended; "" for exit status 0.
+// How a process ended.
 std::string end_of(int status) {
-  if (WIFSIGNALED(status)) {
-    return WTERMSIG(status) == SIGALRM ? "it hangs" : "signal " + std::to_string(WTERMSIG(status));
-  }
-  return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
-}
-
-std::string described(int status) {
-  const std::string end = end_of(status);
-  return end.empty() ? "exit status 0" : end;
+  if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
+  return WTERMSIG(status) == SIGALRM ? "it hangs" : "signal " + std::to_string(WTERMSIG(status));
 }
 
 void count_fault(const std::string &what) {
@@ -130,16 +137,22 @@ void count_fault(const std::string &what) {
   ++g_faults;
 }
 
-void count_point() {
+// No further call fails. Counts the one that has failed, if any.
+void disarm() {
+  g_plan->armed = 0;
+  if (g_plan->struck == 0) return;
   ++g_injected;
   ++g_by_call[g_plan->call];
 }
 
 // ---- Which calls fail --------------------------------------------------------------------------
 
-// Runs attempt() for one call after the other until nothing more can fail. attempt() arms the plan
-// itself. `all` is the number of calls.
-void for_each_point(uint32_t all, const std::function<void()> &attempt) {
+// Runs attempt() with no call failing, then for one call after the other until nothing more can
+// fail. attempt() arms the plan itself.
+void for_each_point(const std::function<void()> &attempt) {
+  plan(0, 0);
+  attempt();
+  const uint32_t all = g_plan->count;
   if (g_points != 0) {
     const uint32_t points = std::min(g_points, all);
     for (uint32_t i = 0; i < points; ++i) {
@@ -160,29 +173,17 @@ void for_each_point(uint32_t all, const std::function<void()> &attempt) {
 
 // ---- Scenarios in a child ----------------------------------------------------------------------
 
-// What a process owns after two runs.
-struct Possessions {
-  uint32_t descriptors;
-  int32_t blocks;  // more than before
-};
-
-// In a child: runs the scenario with the plan armed, then twice untouched. `usual` is what it owns
-// then without a failure; zeros: not known yet.
-Possessions run_twice(const Scenario &scenario, const Possessions &usual) {
+// In a child: runs the scenario with the plan armed, then twice untouched. What the process owns
+// then must not be more than without a failure, which is tried first.
+void run_thrice(const Scenario &scenario) {
   of_shim<Attach>(kAttach)(g_plan);
   const int32_t blocks_before = blocks();
   ::alarm(kLongest_s);
-  const int null = ::open("/dev/null", O_RDWR);
-  ::dup2(null, STDOUT_FILENO);
-  ::close(null);
+  silence(false);
 
-  const auto armed_run = [&] {
-    g_plan->armed = 1;
-    const bool done = scenario.run();
-    g_plan->armed = 0;
-    return done;
-  };
-  armed_run();
+  g_plan->armed = 1;
+  scenario.run();
+  g_plan->armed = 0;
   // A server may still be busy with the end of the first run.
   bool again = scenario.run();
   for (int tries = 0; !again && tries < 3; ++tries) {
@@ -193,41 +194,34 @@ Possessions run_twice(const Scenario &scenario, const Possessions &usual) {
   must(scenario.run(), "the run after the next does not work");
   // Before a fork() the configuration store closes its connection and everything that this caches.
   ::waitpid(start([] {}), nullptr, 0);
-  const Possessions now = {descriptors(), blocks() - blocks_before};
-  if (usual.descriptors != 0) {
-    must(now.descriptors <= usual.descriptors, "a descriptor is left open");
-    must(now.blocks <= usual.blocks, "a block of memory is left");
+  const uint32_t open = descriptors_of(::getpid());
+  const int32_t kept = blocks() - blocks_before;
+  if (g_plan->nth == 0) {
+    g_plan->usual_descriptors = open;
+    g_plan->usual_blocks = kept;
   }
+  must(open <= g_plan->usual_descriptors, "a descriptor is left open");
+  must(kept <= g_plan->usual_blocks, "a block of memory is left");
   if (__lsan_do_recoverable_leak_check != nullptr) {
     must(__lsan_do_recoverable_leak_check() == 0, "memory is lost");
   }
-  return now;
 }
 
 void torture_scenario(const Scenario &scenario) {
-  auto *usual = static_cast<Possessions *>(::mmap(
-      nullptr, sizeof(Possessions), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  const auto attempt = [&](bool first) {
+  for_each_point([&] {
     int status = 0;
     const pid_t child = start([&] {
-      const Possessions now = run_twice(scenario, *usual);
-      if (first) *usual = now;
+      run_thrice(scenario);
       ::_exit(g_child_failed ? kReported : 0);
     });
     ::waitpid(child, &status, 0);
-    g_plan->armed = 0;
-    if (g_plan->struck != 0) count_point();
+    disarm();
     if (WIFEXITED(status) && WEXITSTATUS(status) == kReported) {
       ++g_faults;
-    } else if (const std::string end = end_of(status); !end.empty()) {
-      count_fault(end);
+    } else if (status != 0) {
+      count_fault(end_of(status));
     }
-  };
-  plan(0, 0);
-  attempt(true);
-  const uint32_t all = g_plan->count;
-  for_each_point(all, [&] { attempt(false); });
-  ::munmap(usual, sizeof *usual);
+  });
 }
 
 // ---- Servers -----------------------------------------------------------------------------------
@@ -265,57 +259,16 @@ pid_t start_server(const Server &server, bool with_shim) {
   });
 }
 
-bool has_ended(pid_t child, int *status) {
-  return ::waitpid(child, status, WNOHANG) == child;
-}
-
-// Waits until the server takes clients. False when it has ended, with *status.
-bool wait_for(const Server &server, pid_t pid, int *status) {
-  for (int tries = 0; tries < 4000; ++tries) {
-    if (::access(server.socket, F_OK) == 0) return true;
-    if (has_ended(pid, status)) return false;
-    wait_a_little();
-  }
-  *status = SIGALRM;
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-  return false;
-}
-
-// Sends SIGTERM and waits for the end for a bounded time.
-int stop(pid_t pid) {
-  int status = 0;
-  ::kill(pid, SIGTERM);
-  for (int tries = 0; tries < 2000; ++tries) {
-    if (has_ended(pid, &status)) return status;
-    wait_a_little();
-  }
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, &status, 0);
-  return SIGALRM;
-}
-
-void kill_now(pid_t pid) {
-  if (pid <= 0) return;
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-}
-
-uint32_t descriptors_of(pid_t pid) {
-  uint32_t count = 0;
-  std::error_code ignored;
-  for ([[maybe_unused]] const auto &entry :
-       fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ignored)) {
-    ++count;
-  }
-  return count;
+void kill_now(pid_t *pid) {
+  if (*pid <= 0) return;
+  ::kill(*pid, SIGKILL);
+  ::waitpid(*pid, nullptr, 0);
+  *pid = -1;
 }
 
 const Scenario &scenario_named(std::string_view name) {
-  for (const auto all : {message_scenarios(), utility_scenarios()}) {
-    for (const Scenario &scenario : all) {
-      if (name == scenario.name) return scenario;
-    }
+  for (const Scenario &scenario : message_scenarios()) {
+    if (name == scenario.name) return scenario;
   }
   std::abort();
 }
@@ -327,15 +280,12 @@ bool client_works(const Scenario &scenario) {
     of_shim<Attach>(kAttach)(nullptr);
     // A message that the server's failure has lost will never come.
     ::alarm(kClientPatience_s);
-    const int null = ::open("/dev/null", O_RDWR);
-    ::dup2(null, STDOUT_FILENO);
     // must() is silenced, too: the client only sees what the server's failure did to it.
-    if (::getenv("TORTURE_SHOW") == nullptr) ::dup2(null, STDERR_FILENO);
-    ::close(null);
+    silence(::getenv("TORTURE_SHOW") == nullptr);
     ::_exit(scenario.run() ? 0 : 1);
   });
   ::waitpid(child, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return status == 0;
 }
 
 // A server, and the application (the servant) that clients reach through it.
@@ -343,23 +293,22 @@ class World {
  public:
   explicit World(const Server &server) : server_(server) {}
   ~World() {
-    kill_now(servant_);
-    kill_now(pid_);
+    kill_now(&servant_);
+    kill_now(&pid_);
   }
 
-  // False when the server has ended; *status tells how.
-  bool begin(bool with_shim, int *status) {
+  // Whether the server takes clients. Otherwise it has ended.
+  bool begin(bool with_shim) {
     pid_ = start_server(server_, with_shim);
-    if (wait_for(server_, pid_, status)) return true;
-    pid_ = -1;
-    return false;
+    wait_for([&] { return ::access(server_.socket, F_OK) == 0; });
+    return pid_ > 0;
   }
 
   // Whether a client can work now or soon, if need be with a new servant.
   bool works(const Scenario &scenario) {
     for (int tries = 0; tries < 20; ++tries) {
       if (server_.servant != nullptr && (servant_ <= 0 || tries % 4 == 1)) {
-        kill_now(servant_);
+        kill_now(&servant_);
         start_servant();
       }
       if (client_works(scenario)) return true;
@@ -368,31 +317,39 @@ class World {
     return false;
   }
 
-  bool is_there(int *status) {
-    if (pid_ > 0 && !has_ended(pid_, status)) return true;
-    pid_ = -1;
-    return false;
+  bool is_there() {
+    if (pid_ > 0 && ::waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
+    return pid_ > 0;
   }
 
-  int end() {
-    kill_now(servant_);
-    const int status = stop(pid_);
-    pid_ = servant_ = -1;
-    return status;
+  // How the server has ended.
+  int status() const { return status_; }
+
+  // Ends everything in order.
+  void end() {
+    kill_now(&servant_);
+    ::kill(pid_, SIGTERM);
+    wait_for([] { return false; });
+    if (status_ != 0) count_fault("at its end: " + end_of(status_));
   }
 
   uint32_t open_descriptors() const { return descriptors_of(pid_); }
 
  private:
+  // Waits until the server has ended, or `enough`. A server that takes too long is killed.
+  void wait_for(const std::function<bool()> &enough) {
+    if (comes_true(4000, [&] { return enough() || !is_there(); })) return;
+    kill_now(&pid_);
+    status_ = SIGALRM;
+  }
+
   // Returns when the servant is registered, or has ended.
   void start_servant() {
     static int ready[2];
     if (::pipe2(ready, O_CLOEXEC) != 0) std::abort();
     servant_ = start([&] {
       of_shim<Attach>(kAttach)(nullptr);
-      const int null = ::open("/dev/null", O_RDWR);
-      ::dup2(null, STDOUT_FILENO);
-      ::dup2(null, STDERR_FILENO);
+      silence(true);
       ::close(ready[0]);
       server_.servant([] { ::close(ready[1]); });
     });
@@ -405,136 +362,96 @@ class World {
   const Server &server_;
   pid_t pid_ = -1;
   pid_t servant_ = -1;
+  int status_ = 0;
 };
 
 void torture_start(const Server &server) {
   const Scenario &scenario = scenario_named(server.client_scenarios.front());
-  const auto attempt = [&] {
+  for_each_point([&] {
     World world(server);
-    int status = 0;
     g_plan->armed = 1;
-    const bool there = world.begin(true, &status);
+    const bool there = world.begin(true);
     if (there) std::this_thread::sleep_for(10ms);
-    g_plan->armed = 0;
-    if (g_plan->struck != 0) count_point();
-    if (!there || !world.works(scenario)) {
-      if (there && world.is_there(&status)) return count_fault("the server does not serve");
-      // The server may give up because a call failed, if its exit status says so.
-      if (!WIFEXITED(status) || WEXITSTATUS(status) == 0 || g_plan->struck == 0) {
-        count_fault("at its start: " + described(status));
-      }
-      return;
+    disarm();
+    if (there && world.works(scenario)) return world.end();
+    if (world.is_there()) return count_fault("the server does not serve");
+    // The server may give up because a call failed, if its exit status says so.
+    const int status = world.status();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) == 0 || g_plan->struck == 0) {
+      count_fault("at its start: " + end_of(status));
     }
-    if (const std::string end = end_of(world.end()); !end.empty())
-      count_fault("at its end: " + end);
-  };
-  plan(0, 0);
-  attempt();
-  for_each_point(g_plan->count, attempt);
+  });
 }
 
-void torture_service(const Server &server, const char *client_scenario) {
-  const Scenario &scenario = scenario_named(client_scenario);
-  auto world = std::make_unique<World>(server);
-  int status = 0;
+void torture_service(const Server &server, const Scenario &scenario) {
+  std::unique_ptr<World> world;  // none at the beginning and after a fault
   uint32_t usual = 0;
-
-  const auto begin = [&] {
-    world = std::make_unique<World>(server);
-    if (!world->begin(true, &status) || !world->works(scenario) || !world->works(scenario)) {
-      count_fault("the server does not serve before anything has failed");
-      std::exit(1);
+  for_each_point([&] {
+    if (world == nullptr) {
+      world = std::make_unique<World>(server);
+      if (!world->begin(true) || !world->works(scenario) || !world->works(scenario)) {
+        count_fault("the server does not serve before anything has failed");
+        std::exit(1);
+      }
+      std::this_thread::sleep_for(50ms);
+      usual = world->open_descriptors();
     }
-    std::this_thread::sleep_for(50ms);
-    usual = world->open_descriptors();
-  };
-  const auto attempt = [&] {
     g_plan->armed = 1;
     client_works(scenario);
-    g_plan->armed = 0;
-    if (g_plan->struck != 0) count_point();
-    if (!world->is_there(&status)) {
-      count_fault("the server: " + described(status));
-      return begin();
-    }
-    if (!world->works(scenario)) {
+    disarm();
+    if (!world->is_there()) {
+      count_fault("the server: " + end_of(world->status()));
+    } else if (!world->works(scenario)) {
       count_fault("the server does not serve any more");
-      return begin();
-    }
-    uint32_t open = 0;
-    for (int tries = 0; tries < 400 && (open = world->open_descriptors()) > usual; ++tries) {
-      wait_a_little();
-    }
-    if (open > usual) {
+    } else if (!comes_true(400, [&] { return world->open_descriptors() <= usual; })) {
       count_fault("the server keeps a descriptor");
-      begin();
+    } else {
+      return;
     }
-  };
-  plan(0, 0);
-  begin();
-  plan(0, 0);
-  attempt();
-  for_each_point(g_plan->count, attempt);
-  if (const std::string end = end_of(world->end()); !end.empty()) count_fault("at its end: " + end);
+    world.reset();
+  });
+  if (world != nullptr) world->end();
 }
 
 // ---- The program -------------------------------------------------------------------------------
 
-void *map_plan() {
-  const int fd = ::open(kPlanPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0 || ::ftruncate(fd, sizeof(Plan)) != 0) return MAP_FAILED;
-  void *memory = ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  ::close(fd);
-  return memory;
-}
-
 // The jobs that can be named: every scenario, and every server's start and service.
 struct Job {
-  std::string name;
+  std::string group, name;
   std::function<void()> run;
 };
 
-// The servers and servants that the scenarios of clients need.
-class Servers {
- public:
-  Servers() {
-    for (const Server &server : kServers) {
-      int status = 0;
-      worlds_.push_back(std::make_unique<World>(server));
-      if (!worlds_.back()->begin(false, &status) ||
-          !worlds_.back()->works(scenario_named(server.client_scenarios.front()))) {
-        std::fprintf(stderr, "torture: %s does not serve\n", server.program);
-        std::exit(1);
-      }
+// Starts the servers and servants that the scenarios of clients need, once.
+void start_servers() {
+  static std::vector<std::unique_ptr<World>> worlds;
+  if (!worlds.empty()) return;
+  for (const Server &server : kServers) {
+    worlds.push_back(std::make_unique<World>(server));
+    if (!worlds.back()->begin(false) ||
+        !worlds.back()->works(scenario_named(server.client_scenarios.front()))) {
+      std::fprintf(stderr, "torture: %s does not serve\n", server.program);
+      std::exit(1);
     }
   }
-
- private:
-  std::vector<std::unique_ptr<World>> worlds_;
-};
+}
 
 std::vector<Job> all_jobs() {
   std::vector<Job> jobs;
   for (const Scenario &scenario : utility_scenarios()) {
-    jobs.push_back({scenario.name, [&] { torture_scenario(scenario); }});
+    jobs.push_back({"clients", scenario.name, [&] { torture_scenario(scenario); }});
   }
   for (const Scenario &scenario : message_scenarios()) {
-    jobs.push_back({scenario.name, [&] {
-                      static const Servers servers;
+    jobs.push_back({"clients", scenario.name, [&] {
+                      start_servers();
                       torture_scenario(scenario);
                     }});
   }
-  return jobs;
-}
-
-std::vector<Job> server_jobs() {
-  std::vector<Job> jobs;
   for (const Server &server : kServers) {
     const std::string name = server.program;
-    jobs.push_back({name + ".start", [&] { torture_start(server); }});
+    jobs.push_back({"servers", name + ".start", [&] { torture_start(server); }});
     for (const char *scenario : server.client_scenarios) {
-      jobs.push_back(
-          {name + "." + scenario, [&server, scenario] { torture_service(server, scenario); }});
+      jobs.push_back({"servers", name + "." + scenario,
+                      [&, scenario] { torture_service(server, scenario_named(scenario)); }});
     }
   }
   return jobs;
@@ -582,7 +499,7 @@ int start_with_shim(char **words) {
 
 int main_program(int count, char **words) {
   std::vector<Job> chosen;
-  const std::vector<Job> clients = all_jobs(), servers = server_jobs();
+  const std::vector<Job> jobs = all_jobs();
   for (int i = 1; i < count; ++i) {
     const std::string_view word = words[i];
     if (word == "--points" && i + 1 < count) {
@@ -590,21 +507,14 @@ int main_program(int count, char **words) {
       continue;
     }
     const size_t before = chosen.size();
-    for (const auto *jobs : {&clients, &servers}) {
-      for (const Job &job : *jobs) {
-        if (word == "--list") std::printf("%s\n", job.name.c_str());
-        if (word == job.name || word == (jobs == &clients ? "clients" : "servers")) {
-          chosen.push_back(job);
-        }
-      }
+    for (const Job &job : jobs) {
+      if (word == "--list") std::printf("%s\n", job.name.c_str());
+      if (word == job.name || word == job.group) chosen.push_back(job);
     }
     if (word == "--list") return 0;
     if (chosen.size() == before) return usage();
   }
-  if (chosen.empty()) {
-    chosen = clients;
-    chosen.insert(chosen.end(), servers.begin(), servers.end());
-  }
+  if (chosen.empty()) chosen = jobs;
 
   // A buffer of our own, so that a line that the library prints is no allocation.
   static char line[BUFSIZ];
@@ -612,11 +522,14 @@ int main_program(int count, char **words) {
 
   const auto attach = of_shim<Attach>(kAttach);
   if (attach == nullptr) return start_with_shim(words);
-  void *memory = map_plan();
-  if (memory == MAP_FAILED) {
+  const int fd = ::open(kPlanPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const int sized = ::ftruncate(fd, sizeof(Plan));
+  void *memory = ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (sized != 0 || memory == MAP_FAILED) {
     std::perror("torture: the plan");
     return 1;
   }
+  ::close(fd);
   g_plan = new (memory) Plan{};
 
   for (const Job &job : chosen) run(job);
@@ -629,9 +542,7 @@ int main_program(int count, char **words) {
 
 bool succeeded(const char *call, int64_t status, std::initializer_list<int64_t> stated) {
   if (status == 0) return true;
-  for (const int64_t each : stated) {
-    if (status == each) return false;
-  }
+  if (std::ranges::find(stated, status) != stated.end()) return false;
   char text[120];
   std::snprintf(text, sizeof text, "%s returns 0x%llx, which is not stated", call,
                 static_cast<unsigned long long>(status));

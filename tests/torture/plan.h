@@ -23,6 +23,10 @@ struct Plan {
   int32_t error;                 // its errno; -1: it did only a part
   char call[24];                 // its name
   char caller[120];              // object and offset in it, for addr2line
+
+  // Set by the driver's child: what it owns at its end if nothing has failed.
+  uint32_t usual_descriptors;
+  int32_t usual_blocks;
 };
 
 // A function of the shim, found with dlsym(3): makes it use `plan` from now on.
