@@ -24,13 +24,12 @@ constexpr uint32_t kServantModule = 26;
 // Everything comes at once, except for messages that a failure has lost.
 constexpr uint32_t kPatience_ms = 700;
 
-const auto kSendStatuses = {int64_t{ORP_ERR_NOT_CONNECTED}, int64_t{ORP_ERR_PEER_GONE},
-                            int64_t{ORP_ERR_NOT_WRITABLE},  int64_t{ORP_ERR_HAND_OVER},
-                            int64_t{ORP_ERR_SYSTEM},        int64_t{ORP_ERR_MEMORY}};
-const auto kRequestStatuses = {int64_t{ORP_ERR_NOT_CONNECTED}, int64_t{ORP_ERR_PEER_GONE},
-                               int64_t{ORP_ERR_NOT_WRITABLE},  int64_t{ORP_ERR_HAND_OVER},
-                               int64_t{ORP_ERR_SYSTEM},        int64_t{ORP_ERR_MEMORY},
-                               int64_t{ORP_ERR_TIMEOUT},       int64_t{ORP_ERR_ARGUMENT}};
+using Statuses = std::initializer_list<int64_t>;
+const Statuses kSendStatuses = {ORP_ERR_NOT_CONNECTED, ORP_ERR_PEER_GONE, ORP_ERR_NOT_WRITABLE,
+                                ORP_ERR_HAND_OVER,     ORP_ERR_SYSTEM,    ORP_ERR_MEMORY};
+const Statuses kRequestStatuses = {ORP_ERR_NOT_CONNECTED, ORP_ERR_PEER_GONE, ORP_ERR_NOT_WRITABLE,
+                                   ORP_ERR_HAND_OVER,     ORP_ERR_SYSTEM,    ORP_ERR_MEMORY,
+                                   ORP_ERR_TIMEOUT,       ORP_ERR_ARGUMENT};
 
 // The process's connection while a scenario runs.
 class Connection {
@@ -133,9 +132,8 @@ bool asynchronous_request() {
   };
   const uint32_t status = ORP_MSG_AsyncSendAndReceive(message_with(3000, kAsk, kMessageServant),
                                                       kPatience_ms / 2, 0, answered);
-  if (!succeeded("ORP_MSG_AsyncSendAndReceive", status, kRequestStatuses)) return false;
-  if (!run_loop()) return false;
-  return must(g_answers == 1, "a callback is called once") && g_timed_out == 0;
+  return succeeded("ORP_MSG_AsyncSendAndReceive", status, kRequestStatuses) && run_loop() &&
+         must(g_answers == 1, "a callback is called once") && g_timed_out == 0;
 }
 
 // A message to oneself passes through the loop twice: as a request, then as its answer.
@@ -155,11 +153,11 @@ bool dispatch() {
     }
     return ORP_MSG_MsgRespBuilder(message, 1, ORP_MSG_GetMsgByHeader(message), message->ulDataLen);
   };
-  const uint32_t registered = ORP_MSG_RegisterSyncMsgProc(kOwn, answer, 1, &handle);
-  if (!succeeded("ORP_MSG_RegisterSyncMsgProc", registered, {ORP_ERR_MEMORY})) return false;
-  const bool sent =
-      succeeded("ORP_MSG_Send", ORP_MSG_Send(message_with(4000, kOwn, kName)), kSendStatuses);
-  const bool ran = sent && run_loop();
+  const bool ran =
+      succeeded("ORP_MSG_RegisterSyncMsgProc",
+                ORP_MSG_RegisterSyncMsgProc(kOwn, answer, 1, &handle), {ORP_ERR_MEMORY}) &&
+      succeeded("ORP_MSG_Send", ORP_MSG_Send(message_with(4000, kOwn, kName)), kSendStatuses) &&
+      run_loop();
   ORP_MSG_UnRegisterMsgProc(handle);
   return ran && g_rounds == 2;
 }
@@ -180,24 +178,18 @@ bool event() {
   if (!connection.there()) return false;
   ORP_MSG_RegisterMsgProc(ORP_MSG_DefaultMsgProc);
   ORP_EVT_SubscribeAllEventCallBack(on_event);
-  if (!succeeded("ORP_MSG_SubscribeEventForOtherApp",
-                 ORP_MSG_SubscribeEventForOtherApp(ORP_MSG_EVENT_WAN, kName), kSendStatuses)) {
-    return false;
-  }
-  const std::initializer_list<int64_t> statuses = {
-      ORP_EVT_ERR,           ORP_DMMSG_ERR_MEMORY, ORP_DMMSG_ERR_GROW,
-      ORP_ERR_NOT_CONNECTED, ORP_ERR_PEER_GONE,    ORP_ERR_NOT_WRITABLE,
-      ORP_ERR_HAND_OVER,     ORP_ERR_SYSTEM,       ORP_ERR_MEMORY};
-  if (!succeeded("ORP_EVT_PublishEvent",
-                 ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "state", "link", "connected"), statuses)) {
-    return false;
-  }
+  const Statuses statuses = {ORP_EVT_ERR,           ORP_DMMSG_ERR_MEMORY, ORP_DMMSG_ERR_GROW,
+                             ORP_ERR_NOT_CONNECTED, ORP_ERR_PEER_GONE,    ORP_ERR_NOT_WRITABLE,
+                             ORP_ERR_HAND_OVER,     ORP_ERR_SYSTEM,       ORP_ERR_MEMORY};
   ORP_UTIL_NV_PAIR_ST pair = {nullptr, const_cast<char *>("link"), const_cast<char *>("connected")};
-  if (!succeeded("ORP_EVT_PublishEventWithNVPair",
-                 ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, "state", &pair), statuses)) {
-    return false;
-  }
-  return run_loop() && g_events == 2;
+  return succeeded("ORP_MSG_SubscribeEventForOtherApp",
+                   ORP_MSG_SubscribeEventForOtherApp(ORP_MSG_EVENT_WAN, kName), kSendStatuses) &&
+         succeeded("ORP_EVT_PublishEvent",
+                   ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "state", "link", "connected"),
+                   statuses) &&
+         succeeded("ORP_EVT_PublishEventWithNVPair",
+                   ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, "state", &pair), statuses) &&
+         run_loop() && g_events == 2;
 }
 
 uint32_t echo_text(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
@@ -266,39 +258,34 @@ bool log_lines() {
 
 uint32_t g_notices;
 
+void on_notice(void *first, void *) {
+  ++g_notices;
+  must(first != nullptr && *static_cast<uint32_t *>(first) == 5,
+       "a notification is what was posted");
+  stop_loop();
+}
+
 bool notify() {
   g_notices = 0;
-  const std::initializer_list<int64_t> statuses = {
-      ORP_NOTIFYCLT_ERR_SOCKET,      ORP_NOTIFYCLT_ERR_ARGUMENT, ORP_NOTIFYCLT_ERR_PEER_GONE,
-      ORP_NOTIFYCLT_ERR_TIMEOUT,     ORP_NOTIFYCLT_ERR_MEMORY,   ORP_NOTIFYCLT_ERR_IO,
-      ORP_NOTIFYCLT_ERR_NOT_WRITABLE};
-  const auto work = [&] {
-    if (!succeeded("ORP_NOTIFYCLT_Init", ORP_NOTIFYCLT_Init(kOwnModule), statuses)) return false;
-    const auto heard = [](void *first, void *) {
-      ++g_notices;
-      must(first != nullptr && *static_cast<uint32_t *>(first) == 5,
-           "a notification is what was posted");
-      stop_loop();
-    };
-    if (!succeeded("ORP_NOTIFYCLT_RegAsyncMsgProc", ORP_NOTIFYCLT_RegAsyncMsgProc(kNotice, heard),
-                   statuses)) {
-      return false;
-    }
-    void *reply = nullptr;
-    uint32_t length = 0;
-    if (!succeeded(
-            "ORP_NOTIFYCLT_SendSynNotify",
-            ORP_NOTIFYCLT_SendSynNotify(kServantModule, kAsk, "ask", 4, &reply, &length, nullptr),
-            statuses)) {
-      return false;
-    }
-    must(length == 4 && std::memcmp(reply, "ask", 4) == 0, "a reply is what was sent");
-    std::free(reply);
-    return succeeded("ORP_NOTIFYCLT_PostSimpleAsynNotify",
-                     ORP_NOTIFYCLT_PostSimpleAsynNotify(kOwnModule, kNotice, 5, 6), statuses) &&
-           run_loop() && g_notices == 1;
-  };
-  const bool done = work();
+  const Statuses statuses = {ORP_NOTIFYCLT_ERR_SOCKET,      ORP_NOTIFYCLT_ERR_ARGUMENT,
+                             ORP_NOTIFYCLT_ERR_PEER_GONE,   ORP_NOTIFYCLT_ERR_TIMEOUT,
+                             ORP_NOTIFYCLT_ERR_MEMORY,      ORP_NOTIFYCLT_ERR_IO,
+                             ORP_NOTIFYCLT_ERR_NOT_WRITABLE};
+  void *reply = nullptr;
+  uint32_t length = 0;
+  bool done = succeeded("ORP_NOTIFYCLT_Init", ORP_NOTIFYCLT_Init(kOwnModule), statuses) &&
+              succeeded("ORP_NOTIFYCLT_RegAsyncMsgProc",
+                        ORP_NOTIFYCLT_RegAsyncMsgProc(kNotice, on_notice), statuses) &&
+              succeeded("ORP_NOTIFYCLT_SendSynNotify",
+                        ORP_NOTIFYCLT_SendSynNotify(kServantModule, kAsk, "ask", 4, &reply, &length,
+                                                    nullptr),
+                        statuses);
+  if (done) must(length == 4 && std::memcmp(reply, "ask", 4) == 0, "a reply is what was sent");
+  std::free(reply);
+  done = done &&
+         succeeded("ORP_NOTIFYCLT_PostSimpleAsynNotify",
+                   ORP_NOTIFYCLT_PostSimpleAsynNotify(kOwnModule, kNotice, 5, 6), statuses) &&
+         run_loop() && g_notices == 1;
   ORP_NOTIFYCLT_Destroy();
   ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
   return done;

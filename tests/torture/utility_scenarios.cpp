@@ -100,29 +100,26 @@ bool store() {
       {CFM_AREA_PARAMETER, 0, 0, CFM_PARA_LOGIN_WAIT, CFM_TYPE_NUMBER, 4, &wait, 4},
       {CFM_AREA_PARAMETER, CFM_OBJ_WEB_USER, 1, CFM_PARA_WEB_USER_NAME, CFM_TYPE_TEXT, 68, "admin",
        5}};
-  if (!succeeded("CFM_StoreDefine", CFM_StoreDefine(values, 2, CFM_DEFINE_DEFAULT), statuses)) {
-    return false;
-  }
   const uint32_t five = 5;
-  uint32_t read_back = 0;
-  const uint32_t set = ORP_DBSetPara(nullptr, CFM_PARA_LOGIN_WAIT, &five, 4);
-  if (!succeeded("ORP_DBSetPara", set, statuses) ||
-      !succeeded("ORP_DBGetPara", ORP_DBGetPara(nullptr, CFM_PARA_LOGIN_WAIT, &read_back, 4),
-                 statuses)) {
-    return false;
-  }
-  must(read_back == 5, "the store keeps what it was given");
-  uint32_t count = 0;
+  uint32_t read_back = 0, count = 0;
   ORP_DB_KEY_ST *keys = nullptr;
-  if (!succeeded("ORP_DBGetNumOfObjs", ORP_DBGetNumOfObjs(CFM_OBJ_WEB_USER, &count, &keys),
+  if (!succeeded("CFM_StoreDefine", CFM_StoreDefine(values, 2, CFM_DEFINE_DEFAULT), statuses) ||
+      !succeeded("ORP_DBSetPara", ORP_DBSetPara(nullptr, CFM_PARA_LOGIN_WAIT, &five, 4),
+                 statuses) ||
+      !succeeded("ORP_DBGetPara", ORP_DBGetPara(nullptr, CFM_PARA_LOGIN_WAIT, &read_back, 4),
+                 statuses) ||
+      !must(read_back == 5, "the store keeps what it was given") ||
+      !succeeded("ORP_DBGetNumOfObjs", ORP_DBGetNumOfObjs(CFM_OBJ_WEB_USER, &count, &keys),
                  statuses)) {
     return false;
   }
   const ORP_DB_KEY_ST key = count == 0 ? ORP_DB_KEY_ST{} : keys[0];
   std::free(keys);
-  if (!must(count == 1, "one web user")) return false;
   void *record = nullptr;
-  if (!succeeded("ORP_DBGetObj", ORP_DBGetObj(&key, &record), statuses)) return false;
+  if (!must(count == 1, "one web user") ||
+      !succeeded("ORP_DBGetObj", ORP_DBGetObj(&key, &record), statuses)) {
+    return false;
+  }
   must(std::strcmp(static_cast<ORP_WEB_USERINFO_ST *>(record)->pcUserName, "admin") == 0,
        "an object holds its values");
   ORP_CFM_FreeObj(record);
