@@ -27,11 +27,17 @@ constexpr std::array<const char *, kClients> kNames = {
 constexpr uint32_t kCms = 0;
 constexpr uint32_t kWeb = 1;
 
+// In the place of a receiver: what goes to a name that nobody has.
+constexpr uint32_t kNobody = kSpeakers;
+
 constexpr bool is_regular(uint32_t client) {
   return client < kRegulars;
 }
 constexpr bool is_mayfly(uint32_t client) {
   return client >= kRegulars && client < kSpeakers;
+}
+constexpr bool is_notified(uint32_t client) {
+  return client == kCms || client == kWeb;
 }
 
 // Events come as they are published, as DM items or as JSON. Each kind has subscribers of its own.
@@ -54,9 +60,8 @@ class Counter {
 
 // Counts since the client has connected to the message server.
 struct Traffic {
-  std::array<Counter, kSpeakers> sent, received, told;
-  Counter sent_nowhere, told_nowhere;
-  Counter notices;  // every 0x108
+  std::array<Counter, kSpeakers + 1> sent, received, told;  // by the other one
+  Counter notices;                                          // every 0x108
   Counter failures;
   std::array<Counter, kEvents> published;
   std::array<std::array<Counter, kEvents>, kRegulars> events;  // by publisher

@@ -9,6 +9,7 @@
 
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
+#include <fmt/core.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -17,7 +18,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,9 +36,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// Types; the first two groups have one for each receiver and for each pair.
+// Types; messages have one for each receiver, requests for each pair.
 constexpr uint32_t kMessage = 0x3000;
-constexpr uint32_t kNowhere = 0x3020;
 constexpr uint32_t kDescriptor = 0x3021;
 constexpr uint32_t kTaken = 0x3022;
 constexpr uint32_t kRequest = 0x3100;
@@ -72,7 +71,7 @@ std::mt19937 g_random;
 uint32_t g_connection;         // its number
 bool g_connected;              // according to the kit
 uint32_t g_notify_connection;  // 0: none
-std::array<uint32_t, kSpeakers> g_numbers;
+std::array<uint32_t, kSpeakers + 1> g_numbers;
 std::array<Position, kSpeakers> g_heard;
 std::array<std::array<Position, kEvents>, kRegulars> g_events_heard;
 Position g_notice_heard;
@@ -82,14 +81,12 @@ uint32_t g_children;
 uint32_t g_given;  // descriptors that the taker has not confirmed yet
 uint64_t g_log_epoch, g_first_line;
 
-[[noreturn]] __attribute__((format(printf, 1, 2))) void fail(const char *format, ...) {
-  char text[300];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
+template <typename... Values>
+[[noreturn]] void fail(fmt::format_string<Values...> format, Values &&...values) {
+  const std::string text = fmt::format(format, std::forward<Values>(values)...);
   if (!g_board->failed.exchange(true)) {
-    std::snprintf(g_board->failure, sizeof g_board->failure, "%s: %s", kNames[g_self], text);
+    std::snprintf(g_board->failure, sizeof g_board->failure, "%s: %s", kNames[g_self],
+                  text.c_str());
   }
   std::_Exit(1);
 }
@@ -128,20 +125,22 @@ uint32_t size_of(uint32_t number) {
 void check_body(const ORP_MSG_HEADER_ST *message, uint32_t size, char byte) {
   const char *body = reinterpret_cast<const char *>(message + 1);
   if (message->ulDataLen != size) {
-    fail("a body of %u bytes instead of %u", message->ulDataLen, size);
+    fail("a body of {} bytes instead of {}", message->ulDataLen, size);
   }
   for (uint32_t i = 0; i < size; ++i) {
-    if (body[i] != byte) fail("byte %u of %u in a body is not what was sent", i, size);
+    if (body[i] != byte) fail("byte {} of {} in a body is not what was sent", i, size);
   }
 }
 
-// Whether this number comes after all that were heard before.
-bool comes_next(Position *heard, uint32_t connection, uint32_t number) {
-  if (connection < heard->connection) return false;
-  if (connection > heard->connection) *heard = {connection, 0};
-  if (number <= heard->number) return false;
-  heard->number = number;
-  return true;
+// Fails unless this number comes after all that were heard before.
+void check_order(Position *heard, uint32_t connection, uint32_t number, const char *what,
+                 uint32_t from) {
+  const Position last = connection > heard->connection ? Position{connection, 0} : *heard;
+  if (connection < last.connection || number <= last.number) {
+    fail("{} {} on connection {} of {} comes after {} on {}", what, number, connection,
+         kNames[from], last.number, last.connection);
+  }
+  *heard = {connection, number};
 }
 
 // False when the send failed. The driver allows no failures on a connection that lasts.
@@ -157,10 +156,7 @@ bool sent(uint32_t status) {
 void take_message(ORP_MSG_HEADER_ST *message) {
   const uint32_t from = speaker(message->aucSendApp);
   if (from == kSpeakers) fail("a message of nobody");
-  if (!comes_next(&g_heard[from], message->ulMsgData, message->ulSeqNum)) {
-    fail("message %u on connection %u of %s comes after %u on %u", message->ulSeqNum,
-         message->ulMsgData, kNames[from], g_heard[from].number, g_heard[from].connection);
-  }
+  check_order(&g_heard[from], message->ulMsgData, message->ulSeqNum, "message", from);
   check_body(message, size_of(message->ulSeqNum), letter(message->ulSeqNum));
   traffic().received[from].add();
   totals().received.add();
@@ -169,14 +165,10 @@ void take_message(ORP_MSG_HEADER_ST *message) {
 void take_notice(ORP_MSG_HEADER_ST *notice) {
   traffic().notices.add();
   const uint32_t to = notice->ulMsgData - kMessage;
-  if (to < kSpeakers) {
-    if (notice->ulSeqNum > g_numbers[to]) fail("a notice of a message that was never sent");
-    traffic().told[to].add();
-    totals().told.add();
-  } else if (notice->ulMsgData == kNowhere) {
-    traffic().told_nowhere.add();
-    totals().told.add();
-  }
+  if (to > kNobody) return;
+  if (notice->ulSeqNum > g_numbers[to]) fail("a notice of a message that was never sent");
+  traffic().told[to].add();
+  totals().told.add();
 }
 
 ORP_MSG_HEADER_ST *answer(ORP_MSG_HEADER_ST *request) {
@@ -192,12 +184,9 @@ uint32_t take_event(uint32_t type, const void *data, uint32_t length) {
   uint32_t from, connection, number;
   if (token == nullptr || std::sscanf(token, "soak:%u.%u.%u", &from, &connection, &number) != 3 ||
       from >= kRegulars || !subscribes(g_self, event)) {
-    fail("an event that nobody has published: %.100s", text);
+    fail("an event that nobody has published: {:.100}", text);
   }
-  if (!comes_next(&g_events_heard[from][event], connection, number)) {
-    fail("event %u on connection %u of %s comes after %u on %u", number, connection, kNames[from],
-         g_events_heard[from][event].number, g_events_heard[from][event].connection);
-  }
+  check_order(&g_events_heard[from][event], connection, number, "event", from);
   traffic().events[from][event].add();
   totals().events.add();
   return 0;
@@ -209,15 +198,16 @@ uint32_t echo(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
 }
 const ORP_MSG_RESTFUL_ROW_ST kRows[] = {{"echo", echo}, {nullptr, nullptr}};
 
+uint32_t other_notified() {
+  return g_self == kCms ? kWeb : kCms;
+}
+
 void take_notification(void *first, void *second) {
   uint32_t connection, number;
   if (first == nullptr || second == nullptr) fail("a notification without its items");
   std::memcpy(&connection, first, sizeof connection);
   std::memcpy(&number, second, sizeof number);
-  if (!comes_next(&g_notice_heard, connection, number)) {
-    fail("notification %u on connection %u comes after %u on %u", number, connection,
-         g_notice_heard.number, g_notice_heard.connection);
-  }
+  check_order(&g_notice_heard, connection, number, "notification", other_notified());
   g_slot->notifications.received.add();
   totals().notifications.add();
 }
@@ -232,10 +222,10 @@ void take_descriptor(ORP_MSG_HEADER_ST *message) {
   int32_t fd = -1;
   const uint32_t status = ORP_MSG_RecvFd(&fd, kPatience_ms);
   if (status == ORP_ERR_NOT_CONNECTED || status == ORP_ERR_PEER_GONE) return;
-  if (status != ORP_OK) fail("no descriptor after the message that announced it (0x%x)", status);
+  if (status != ORP_OK) fail("no descriptor after the message that announced it ({:#x})", status);
   uint32_t number = 0;
   if (::pread(fd, &number, sizeof number, 0) != sizeof number || number != message->ulMsgData) {
-    fail("descriptor %u is another one", message->ulMsgData);
+    fail("descriptor {} is another one", message->ulMsgData);
   }
   ::close(fd);
   traffic().taken.add();
@@ -273,8 +263,9 @@ void send_message(uint32_t to) {
 }
 
 void send_nowhere() {
-  if (!sent(ORP_MSG_SendSimpleMsg("nobody", kNowhere, 0))) return;
-  traffic().sent_nowhere.add();
+  const uint32_t number = ++g_numbers[kNobody];
+  if (!sent(ORP_MSG_SendSimpleMsgWithSeqNum("nobody", kMessage + kNobody, 0, number))) return;
+  traffic().sent[kNobody].add();
   totals().sent.add();
 }
 
@@ -292,9 +283,9 @@ void wait_for_answer(uint32_t to) {
   const uint32_t status = ORP_MSG_SendAndRecv(
       message_with(size, request_type(g_self, to, kWaitedFor), to, data, letter(data)), &got,
       kPatience_ms);
-  if (status == ORP_ERR_TIMEOUT) fail("%s has not answered within 20 s", kNames[to]);
+  if (status == ORP_ERR_TIMEOUT) fail("{} has not answered within 20 s", kNames[to]);
   if (!sent(status)) return;
-  if (got->ulMsgData != data) fail("the answer of %s is another one's", kNames[to]);
+  if (got->ulMsgData != data) fail("the answer of {} is another one's", kNames[to]);
   check_body(got, size, letter(data));
   std::free(got);
   totals().waited_for.add();
@@ -312,7 +303,7 @@ void take_answer(ORP_MSG_HEADER_ST *got, uint32_t timed_out, ORP_WORD id) {
   }
   if (!is_mayfly(asked.to) &&
       steady_clock::now() - asked.at >= std::chrono::milliseconds(kPatience_ms)) {
-    fail("%s has not answered an asynchronous request within 20 s", kNames[asked.to]);
+    fail("{} has not answered an asynchronous request within 20 s", kNames[asked.to]);
   }
   totals().unanswered.add();
 }
@@ -333,15 +324,13 @@ void ask_for_later(uint32_t to) {
 
 void publish(Event event) {
   const uint64_t number = traffic().published[event] + 1;
-  char token[64];
-  std::snprintf(token, sizeof token, "soak:%u.%u.%llu", g_self, g_connection,
-                static_cast<unsigned long long>(number));
+  const std::string token = fmt::format("soak:{}.{}.{}", g_self, g_connection, number);
   uint32_t status;
   if (event == kAsItems) {
-    status = ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "soak", "token", token);
+    status = ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "soak", "token", token.c_str());
   } else {
     cJSON *payload = cJSON_CreateObject();
-    cJSON_AddStringToObject(payload, "token", token);
+    cJSON_AddStringToObject(payload, "token", token.c_str());
     status = ORP_EVT_PublishEventWithJson("monitor", "soak", ORP_MSG_EVENT_MONITOR, payload);
     cJSON_Delete(payload);
   }
@@ -388,8 +377,8 @@ void take_end(OrpUvProcess *process, int32_t /*pid*/, uint32_t exit_code, uint32
   const std::unique_ptr<Child> child(reinterpret_cast<Child *>(process->head.data));
   --g_children;
   if (signal != 0 || exit_code != child->exit_code || child->output != child->expected) {
-    fail("a child ends with %u (signal %u) after \"%.100s\", not with %u after \"%.100s\"",
-         exit_code, signal, child->output.c_str(), child->exit_code, child->expected.c_str());
+    fail("a child ends with {} (signal {}) after \"{:.100}\", not with {} after \"{:.100}\"",
+         exit_code, signal, child->output, child->exit_code, child->expected);
   }
   totals().children.add();
 }
@@ -398,10 +387,9 @@ void start_child() {
   if (g_children >= kMostChildren) return;
   const uint32_t number = below(1000000);
   auto child = std::make_unique<Child>();
-  child->expected = std::to_string(number) + "\n";
+  child->expected = fmt::format("{}\n", number);
   child->exit_code = number % 100;
-  std::string command =
-      "echo " + std::to_string(number) + "; exit " + std::to_string(child->exit_code);
+  std::string command = fmt::format("echo {}; exit {}", number, child->exit_code);
   char shell[] = "sh", option[] = "-c";
   char *arguments[] = {shell, option, command.data(), nullptr};
   OrpUvSpawnOptions options = {};
@@ -412,14 +400,14 @@ void start_child() {
   options.flags = ORP_UV_SPAWN_STDOUT;
   options.data = reinterpret_cast<ORP_WORD>(child.get());
   const uint32_t status = OrpUvProcessSpawn(nullptr, nullptr, &options);
-  if (status != ORP_OK) fail("a child cannot be started (0x%x)", status);
+  if (status != ORP_OK) fail("a child cannot be started ({:#x})", status);
   child.release();
   ++g_children;
 }
 
 void notify() {
   if (g_slot->notify_epoch == 0 || g_slot->notify_epoch != g_board->notify_all_there) return;
-  const uint32_t other = ORP_NOTIFYCLT_GetMIDByName(kNames[g_self == kCms ? kWeb : kCms]);
+  const uint32_t other = ORP_NOTIFYCLT_GetMIDByName(kNames[other_notified()]);
   Notifications &mine = g_slot->notifications;
   const auto number = static_cast<uint32_t>(mine.posted + 1);
   if (ORP_NOTIFYCLT_PostSimpleAsynNotify(other, kNotice, g_notify_connection, number) ==
@@ -534,7 +522,7 @@ void tick(ORP_WORD /*data*/) {
   if (one_in(3)) log_line();
   if (one_in(200)) flush_log();
   if (one_in(30)) start_child();
-  if ((g_self == kCms || g_self == kWeb) && one_in(3)) notify();
+  if (is_notified(g_self) && one_in(3)) notify();
 }
 
 void register_procedures() {
@@ -558,7 +546,7 @@ void register_procedures() {
   }
   static const std::string path = std::string("/soak/") + kNames[g_self];
   if (is_regular(g_self)) msgkit_serve_path(path.c_str(), kRows, 1);
-  if (g_self != kCms && g_self != kWeb) return;
+  if (!is_notified(g_self)) return;
   msgkit_on_notification(kNotice, take_notification, nullptr);
   msgkit_on_notification(kNotifyRequest, nullptr, answer_notify_request);
 }
@@ -569,47 +557,30 @@ void run_application() {
   if (msgkit_stay_connected(kNames[g_self], changed) != ORP_OK) fail("cannot begin");
   ORP_UTIL_TimerAdd(kTick_ms, 0, tick, 0);
   const uint32_t status = OrpUvLoopRun(nullptr, 0);
-  if (g_board->stop == 0) fail("the loop ends with 0x%x", status);
+  if (g_board->stop == 0) fail("the loop ends with {:#x}", status);
   msgkit_disconnect();
   ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
 }
 
 // ---- The browser ----
 
-// Everything that comes until the server closes the connection.
-std::string get(const std::string &path) {
+void browse() {
+  const uint64_t epoch = g_board->serving;
+  if (epoch == 0) return;
+  const std::string text = fmt::format("n={}", below(UINT32_MAX));
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_port = htons(kHttpPort);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::string answer;
-  const std::string request =
-      "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
-  if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-      ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-          static_cast<ssize_t>(request.size())) {
-    char bytes[4096];
-    ssize_t count;
-    while ((count = ::recv(fd, bytes, sizeof bytes, 0)) > 0) {
-      answer.append(bytes, static_cast<size_t>(count));
-    }
-  }
-  ::close(fd);
-  return answer;
-}
-
-void browse() {
-  const uint64_t epoch = g_board->serving;
-  if (epoch == 0) return;
-  const std::string text = "n=" + std::to_string(below(UINT32_MAX));
+  ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
   const std::string answer =
-      get(std::string("/soak/") + kNames[below(kRegulars)] + "/echo?" + text);
+      http_get(fd, fmt::format("/soak/{}/echo?{}", kNames[below(kRegulars)], text));
   if (answer.starts_with("HTTP/1.1 200 ") && answer.ends_with("\r\n\r\n" + text)) {
     return totals().pages.add();
   }
   if (g_board->serving == epoch) {
-    fail("HTTP answers \"%.60s\" though everybody is there", answer.c_str());
+    fail("HTTP answers \"{:.60}\" though everybody is there", answer);
   }
   totals().pages_refused.add();
 }
@@ -629,8 +600,20 @@ void run_browser() {
 }  // namespace
 
 std::string line_text(uint32_t incarnation, uint64_t number) {
-  return "soak " + std::to_string(incarnation) + " " + std::to_string(number) + " " +
-         std::string(number % 61, 'x') + " end";
+  return fmt::format("soak {} {} {} end", incarnation, number, std::string(number % 61, 'x'));
+}
+
+std::string http_get(int connection, const std::string &path) {
+  const std::string request =
+      "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+  ::send(connection, request.data(), request.size(), MSG_NOSIGNAL);
+  std::string answer;
+  char bytes[4096];
+  for (ssize_t count; (count = ::recv(connection, bytes, sizeof bytes, 0)) > 0;) {
+    answer.append(bytes, static_cast<size_t>(count));
+  }
+  ::close(connection);
+  return answer;
 }
 
 void run_client(Board *board, uint32_t client, uint32_t incarnation, uint32_t seed) {

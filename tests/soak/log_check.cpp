@@ -1,63 +1,30 @@
 #include "log_check.h"
 
-#include <algorithm>
+#include <fmt/core.h>
+
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string_view>
 #include <utility>
 
 #include "client.h"
-#include "msgapi/ringlog.h"
+#include "ring_reader.h"
 #include "support/file.h"
 
 namespace soak {
 namespace {
 
-// The last two lines of `text`, of which the second is the last.
-std::pair<std::string_view, std::string_view> last_two(std::string_view text) {
-  const auto cut = [&text] {
-    const size_t end = text.empty() ? 0 : text.size() - 1;  // without the last line feed
-    const size_t feed = text.substr(0, end).rfind('\n');
-    const size_t begin = feed == std::string_view::npos ? 0 : feed + 1;
-    const std::string_view line = text.substr(begin);
-    text = text.substr(0, begin);
-    return line;
-  };
-  const std::string_view last = cut();
-  return {cut(), last};
-}
-
-// What the turn before has left after the running one. It need not have filled the file: the last
-// bytes, fewer than the running turn's first line, may be a turn older. Uptimes tell, at the
-// beginnings of lines: a turn takes seconds.
-std::string_view turn_before(std::string_view rest, std::string_view running) {
-  size_t room = std::min(running.find('\n'), running.size());
-  while (true) {
-    const auto [before, last] = last_two(rest);
-    const size_t uptime = sizeof "[00000000000]" - 1;
-    if (last.size() > room || before.empty() ||
-        last.substr(0, uptime) >= before.substr(0, uptime)) {
-      return rest;
-    }
-    room -= last.size();
-    rest.remove_suffix(last.size());
-  }
-}
-
-// The lines of a ring file, the oldest first.
+// The lines of a ring file that its header covers, the oldest first; none if it is damaged.
 std::string in_order(const std::string &file) {
-  long overturn = 0;
-  size_t offset = 0;
-  if (file.size() < MLOG_FILE_HEADER_SIZE ||
-      std::sscanf(file.c_str(), "[overturn=%ld][offset=%zu]", &overturn, &offset) != 2 ||
-      offset < MLOG_FILE_HEADER_SIZE || offset > file.size()) {
-    return "";
+  const mlog::RingFile ring{std::string_view(file)};
+  const mlog::Layout layout = mlog::look_at(ring, true);
+  if (!layout.problems.empty()) return "";
+  std::string lines;
+  for (mlog::Cursor cursor = mlog::Cursor::forwards(&ring, layout, 0); cursor.next();) {
+    lines.append(cursor.entry().text).push_back('\n');
   }
-  const std::string running = file.substr(MLOG_FILE_HEADER_SIZE, offset - MLOG_FILE_HEADER_SIZE);
-  if (overturn == 0) return running;
-  return std::string(turn_before(std::string_view(file).substr(offset), running)) + running;
+  return lines;
 }
 
 // The numbers of a life's lines in `text`, in order. Only lines that are whole, from "soak" to
@@ -108,7 +75,7 @@ std::string LogCheck::verify() {
   for (const Life &life : std::exchange(lives_, {})) {
     const std::string name = kNames[life.client];
     const std::string who =
-        name + (is_mayfly(life.client) ? " (" + std::to_string(life.incarnation) + ")" : "");
+        is_mayfly(life.client) ? fmt::format("{} ({})", name, life.incarnation) : name;
     std::vector<Where> where(life.begun + 2);
     const std::string errors = test::contents(output_path(name));
     for (const uint64_t number : numbers_in(errors, life.incarnation)) {
@@ -117,18 +84,16 @@ std::string LogCheck::verify() {
     uint64_t last = 0, twice = 0;
     for (const uint64_t number :
          numbers_in(in_order(test::contents("/var/mlogfile/" + name + ".log")), life.incarnation)) {
-      if (number > life.begun)
-        return "the log has line " + std::to_string(number) + " of " + who +
-               ", which was never written";
-      if (number < last)
-        return "line " + std::to_string(number) + " of " + who + " comes after " +
-               std::to_string(last);
+      if (number > life.begun) {
+        return fmt::format("the log has line {} of {}, which was never written", number, who);
+      }
+      if (number < last) return fmt::format("line {} of {} comes after {}", number, who, last);
       // Lines that were checked before may have been written over.
       twice += number == last && number >= life.first;
       where[number] = Where::kFile;
       last = number;
     }
-    if (twice > kills) return std::to_string(twice) + " lines of " + who + " are there twice";
+    if (twice > kills) return fmt::format("{} lines of {} are there twice", twice, who);
     for (uint64_t number = life.first; number <= life.done; ++number) {
       found_ += where[number] == Where::kFile;
       told_ += where[number] == Where::kTold;
@@ -136,16 +101,17 @@ std::string LogCheck::verify() {
       ++lost;
       for (const Flushed &flushed : life.flushed) {
         if (number < flushed.first || number > flushed.last) continue;
-        return "line " + std::to_string(number) + " of " + who +
-               ", which the log server has taken, is not in its file";
+        return fmt::format("line {} of {}, which the log server has taken, is not in its file",
+                           number, who);
       }
     }
   }
   lost_ += lost;
-  if (lost <= kills * queue_length()) return "";
-  return std::to_string(lost) + " log lines are missing; " + std::to_string(kills) +
-         " killed log servers had room for " + std::to_string(kills * queue_length()) +
-         " in their sockets";
+  const uint64_t room = kills * queue_length();
+  if (lost <= room) return "";
+  return fmt::format(
+      "{} log lines are missing; {} killed log servers had room for {} in their sockets", lost,
+      kills, room);
 }
 
 }  // namespace soak

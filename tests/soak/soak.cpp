@@ -8,6 +8,7 @@
 // Runs in the sandbox, whose fixed paths it uses. The seed fixes what is done, but not when.
 
 #include <fcntl.h>
+#include <fmt/core.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -36,14 +37,12 @@
 #include "common/command_line.h"
 #include "log_check.h"
 #include "msgapi/log.h"
-#include "support/file.h"
 
 namespace soak {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -79,8 +78,8 @@ pid_t start(const std::string &name, const std::function<void()> &work) {
 }
 
 std::string end_of(int status) {
-  if (WIFSIGNALED(status)) return "by signal " + std::to_string(WTERMSIG(status));
-  return "with status " + std::to_string(WEXITSTATUS(status));
+  return WIFSIGNALED(status) ? fmt::format("by signal {}", WTERMSIG(status))
+                             : fmt::format("with status {}", WEXITSTATUS(status));
 }
 
 // ---- Servers ----
@@ -98,11 +97,12 @@ int connect_to(const std::string &path, int type) {
 struct Server {
   std::string name, socket;
   int type;
+  Counter Board::*epoch;
   std::vector<std::string> arguments;
   pid_t pid = -1;
   uint32_t deaths = 0;
 };
-enum Kind : size_t { kMessages, kLog, kNotifications, kKinds };
+enum Kind : size_t { kMessages, kLog, kNotifications };
 
 // ---- What is measured ----
 
@@ -138,9 +138,7 @@ class Soak {
 
   void run() {
     begin_all();
-    const auto storm_end = begin_ + milliseconds(seconds_ * 600);
-    const auto end = begin_ + milliseconds(seconds_ * 1000);
-    while (steady_clock::now() < storm_end) {
+    while (steady_clock::now() < begin_ + milliseconds(seconds_ * 600)) {
       work(between(round_ms() / 4, round_ms()));
       if (below(2) == 0) audit();
       work(between(0, 200));
@@ -149,20 +147,72 @@ class Soak {
     work(round_ms());
     audit();
     calm_ = true;
-    while (steady_clock::now() < end) {
-      work(std::min<uint64_t>(
-          between(round_ms(), 2 * round_ms()),
-          1 + static_cast<uint64_t>(
-                  std::max(duration_cast<milliseconds>(end - steady_clock::now()), 0ms).count())));
+    while (steady_clock::now() < begin_ + milliseconds(seconds_ * 1000)) {
+      work(between(round_ms(), 2 * round_ms()));
       audit();
     }
     check_growth();
     end_all();
   }
 
-  void print_table() const;
-  void print_outputs() const;
-  void kill_all();
+  void kill_all() const {
+    for (const auto &[name, pid] : running()) ::kill(pid, SIGKILL);
+  }
+
+  void print_table() const {
+    const auto row = [](const std::string &what, uint64_t count) {
+      fmt::print("  {:58} {:12}\n", what, count);
+    };
+    const auto sum = [&](Counter Totals::*which) {
+      uint64_t count = 0;
+      for (const Slot &each : board_->slots) count += each.totals.*which;
+      return count;
+    };
+    const auto total = [&](const char *what, Counter Totals::*which) { row(what, sum(which)); };
+    fmt::print("soak: {} s, seed {}\n", seconds_, seed_);
+    const uint64_t sent = sum(&Totals::sent);
+    const uint64_t known = sum(&Totals::received) + sum(&Totals::told);
+    total("messages sent", &Totals::sent);
+    total("  received", &Totals::received);
+    total("  reported to their sender as undeliverable", &Totals::told);
+    row("  neither: with a killed server or client", sent - std::min(sent, known));
+    total("bytes of their bodies", &Totals::bytes);
+    total("requests answered in a synchronous wait", &Totals::waited_for);
+    total("asynchronous requests answered", &Totals::answered_later);
+    total("  timed out, the connection or the mayfly gone", &Totals::unanswered);
+    total("events published", &Totals::published);
+    total("  received, by all subscribers", &Totals::events);
+    total("descriptors passed", &Totals::descriptors);
+    total("notifications received", &Totals::notifications);
+    total("notify requests answered", &Totals::notify_requests);
+    total("pages over HTTP", &Totals::pages);
+    total("  refused while the server was away", &Totals::pages_refused);
+    total("children reported", &Totals::children);
+    total("log lines written", &Totals::lines);
+    row("  in their files", log_.found());
+    row("  on standard error, not taken by a log server", log_.told());
+    row("  in the socket of a killed log server", log_.lost());
+    total("flushes", &Totals::flushes);
+    total("connections to the message server", &Totals::connections);
+    for (const Server &server : servers_) row("kill -9 of " + server.name, server.deaths);
+    row("kill -9 of clients", mayfly_deaths_);
+    row("files of bodies that killed servers left", files_left_);
+    row("audits", audits_);
+    fmt::print(
+        "memory of its own in KiB and descriptors, at the first and the last rest of the part"
+        " in which no server dies:\n");
+    for (const auto &[name, last] : last_use_) {
+      const Use &first = first_use_.at(name);
+      fmt::print("  {:14} {:8} {:8} {:6} {:6}\n", name, first.memory / 1024, last.memory / 1024,
+                 first.descriptors, last.descriptors);
+    }
+  }
+
+  // Prints the last lines of everybody.
+  static void print_outputs() {
+    [[maybe_unused]] const int shown =
+        std::system(("tail -v -c 1500 " + output_path("*") + " >&2").c_str());
+  }
 
  private:
   uint64_t below(uint64_t limit) { return random_() % limit; }
@@ -172,24 +222,313 @@ class Soak {
 
   Slot &slot(uint32_t client) const { return board_->slots[client]; }
 
-  void begin_all();
-  void end_all();
-  void start_server(Kind kind);
-  void kill_servers();
-  void wait_for_all();
-  void start_client(uint32_t client);
-  void kill_mayfly(uint32_t client);
-  void look_after_all();
-  void work(uint64_t for_ms);
-  void until(const std::function<std::string()> &what_is_missing);
+  // Everybody who is there, by name. No mayfly is there at rest.
+  std::vector<std::pair<std::string, pid_t>> running() const {
+    std::vector<std::pair<std::string, pid_t>> all;
+    for (const Server &server : servers_) all.emplace_back(server.name, server.pid);
+    for (uint32_t client = 0; client < kClients; ++client) {
+      all.emplace_back(kNames[client], clients_[client]);
+    }
+    std::erase_if(all, [](const auto &each) { return each.second <= 0; });
+    return all;
+  }
 
-  void audit();
-  std::string traffic_difference();
-  std::string descriptor_difference();
-  nlohmann::json ask_server(const std::string &path) const;
-  void check_left_files();
-  void measure();
-  void check_growth();
+  // ---- Beginning, looking after, ending ----
+
+  void start_server(Server &server) {
+    (board_->*server.epoch).add();
+    server.pid = start(server.name, [&] {
+      const std::string program = fs::read_symlink("/proc/self/exe").parent_path() / server.name;
+      std::vector<char *> words = {const_cast<char *>(program.c_str())};
+      for (const std::string &each : server.arguments) {
+        words.push_back(const_cast<char *>(each.c_str()));
+      }
+      words.push_back(nullptr);
+      ::execv(program.c_str(), words.data());
+    });
+    until([&]() -> std::string {
+      const int fd = connect_to(server.socket, server.type);
+      if (fd < 0) return server.name + " does not take connections";
+      ::close(fd);
+      return "";
+    });
+  }
+
+  void start_client(uint32_t client) {
+    const uint32_t incarnation = is_mayfly(client) ? ++incarnations_[client] : 0;
+    clients_[client] =
+        start(kNames[client], [&] { run_client(board_, client, incarnation, seed_); });
+  }
+
+  void begin_all() {
+    for (const Kind kind : {kLog, kNotifications, kMessages}) start_server(servers_[kind]);
+    for (uint32_t client = 0; client < kClients; ++client) {
+      if (!is_mayfly(client)) start_client(client);
+    }
+    wait_for_all();
+  }
+
+  void wait_for_all() {
+    until([&]() -> std::string {
+      for (uint32_t client = 0; client <= kTaker; ++client) {
+        const std::string name = kNames[client];
+        if (!is_mayfly(client) && slot(client).epoch != board_->epoch) {
+          return name + " does not come back to the message server";
+        }
+        if (is_notified(client) && slot(client).notify_epoch != board_->notify_epoch) {
+          return name + " does not come back to the notify server";
+        }
+      }
+      return "";
+    });
+    board_->notify_all_there.set(board_->notify_epoch);
+    board_->all_there.set(board_->epoch);
+    board_->serving.set(board_->epoch);
+  }
+
+  // Fails if anybody has ended who was not killed or told to.
+  void look_after_all() {
+    if (board_->failed) {
+      std::this_thread::sleep_for(50ms);  // the client is still writing its message
+      throw Fault(board_->failure);
+    }
+    int status = 0;
+    const pid_t ended = ::waitpid(-1, &status, WNOHANG);
+    if (ended <= 0) return;
+    for (const auto &[name, pid] : running()) {
+      if (pid == ended && !board_->failed) throw Fault(name + " ends " + end_of(status));
+    }
+  }
+
+  void until(const std::function<std::string()> &what_is_missing) {
+    const auto end = steady_clock::now() + kPatience;
+    for (;;) {
+      look_after_all();
+      const std::string missing = what_is_missing();
+      if (missing.empty()) return;
+      if (steady_clock::now() > end) throw Fault(missing);
+      std::this_thread::sleep_for(3ms);
+    }
+  }
+
+  void kill_mayfly(uint32_t client) {
+    if (clients_[client] == 0) return;
+    ::kill(clients_[client], SIGKILL);
+    ::waitpid(clients_[client], nullptr, 0);
+    clients_[client] = 0;
+    log_.add(client, incarnations_[client], slot(client).lines);
+    std::construct_at(&slot(client).lines);
+    slot(client).epoch.set(0);
+    ++mayfly_deaths_;
+  }
+
+  void kill_mayflies() {
+    for (uint32_t client = kRegulars; client < kSpeakers; ++client) kill_mayfly(client);
+  }
+
+  // Lets everybody go on. Mayflies come and go.
+  void work(uint64_t for_ms) {
+    const auto end = steady_clock::now() + milliseconds(for_ms);
+    do {
+      look_after_all();
+      for (uint32_t client = kRegulars; client < kSpeakers; ++client) {
+        if (clients_[client] == 0) {
+          if (below(20) == 0) start_client(client);
+        } else if (below(100) == 0) {
+          kill_mayfly(client);
+        }
+      }
+      std::this_thread::sleep_for(5ms);
+    } while (steady_clock::now() < end);
+  }
+
+  // Kills one or several of the servers while everybody works.
+  void kill_servers() {
+    std::vector<Kind> dying;
+    while (dying.empty()) {
+      if (below(2) == 0) dying.push_back(kMessages);
+      if (below(3) == 0) dying.push_back(kLog);
+      if (below(3) == 0) dying.push_back(kNotifications);
+    }
+    for (const Kind kind : dying) {
+      Server &server = servers_[kind];
+      if (kind == kMessages) board_->serving.set(0);
+      ::kill(server.pid, SIGKILL);
+      ::waitpid(server.pid, nullptr, 0);
+      server.pid = -1;
+      ++server.deaths;
+      if (kind == kLog) log_.log_server_killed();
+    }
+    if (below(3) != 0) work(below(200));
+    for (const Kind kind : dying) start_server(servers_[kind]);
+    wait_for_all();
+  }
+
+  // Clients end when they are told to, servers by SIGTERM.
+  void end_all() {
+    kill_mayflies();
+    board_->stop.set(1);
+    const auto wait_for = [](const std::string &name, pid_t *pid) {
+      int status = 0;
+      ::waitpid(std::exchange(*pid, 0), &status, 0);
+      if (status != 0) throw Fault(name + " ends " + end_of(status));
+    };
+    for (uint32_t client = 0; client < kClients; ++client) {
+      if (!is_mayfly(client)) wait_for(kNames[client], &clients_[client]);
+    }
+    for (Server &server : servers_) {
+      ::kill(server.pid, SIGTERM);
+      wait_for(server.name, &server.pid);
+    }
+  }
+
+  // ---- Audit ----
+
+  static nlohmann::json ask_server(const std::string &path) {
+    const std::string answer = http_get(connect_to("/var/run/msgsvr.admin", SOCK_STREAM), path);
+    const size_t body = answer.find("\r\n\r\n");
+    if (body == std::string::npos) throw Fault("the message server does not answer " + path);
+    return nlohmann::json::parse(answer.substr(body + 4));
+  }
+
+  // How the messages that were sent differ from those received plus those reported; "" when they do
+  // not. While everybody rests, "" must come in the end.
+  std::string traffic_difference() const {
+    const auto say = [](const std::string &what, uint64_t sent, uint64_t got, uint64_t told) {
+      return fmt::format("{}: {} sent, {} received, {} told", what, sent, got, told);
+    };
+    uint64_t notices = 0, events_missing = 0;
+    std::string where;
+    for (uint32_t from = 0; from <= kTaker; ++from) {
+      if (is_mayfly(from)) continue;
+      const Traffic &mine = slot(from).traffic;
+      const std::string name = kNames[from];
+      notices += mine.notices;
+      if (const uint64_t failures = mine.failures; failures != 0) {
+        return fmt::format("{}: {} sends failed without reason", name, failures);
+      }
+      if (mine.sent[kNobody] != mine.told[kNobody]) {
+        return say(name + " to nobody", mine.sent[kNobody], 0, mine.told[kNobody]);
+      }
+      for (uint32_t to = 0; is_regular(from) && to < kRegulars; ++to) {
+        const uint64_t got = slot(to).traffic.received[from];
+        if (mine.sent[to] != got + mine.told[to]) {
+          return say(name + " to " + kNames[to], mine.sent[to], got, mine.told[to]);
+        }
+        for (uint32_t event = 0; event < kEvents; ++event) {
+          const uint64_t published = mine.published[event];
+          const uint64_t received = slot(to).traffic.events[from][event];
+          if (!subscribes(to, event) || published == received) continue;
+          events_missing += published - received;
+          where = say(fmt::format(", of {} for {} as {}", name, kNames[to],
+                                  event == kAsItems ? "items" : "JSON"),
+                      published, received, 0);
+        }
+      }
+    }
+    if (slot(kGiver).traffic.passed != slot(kTaker).traffic.taken) {
+      return say("descriptors", slot(kGiver).traffic.passed, slot(kTaker).traffic.taken, 0);
+    }
+    for (const auto &[from, to] : {std::pair{kCms, kWeb}, std::pair{kWeb, kCms}}) {
+      const Notifications &sent = slot(from).notifications, &got = slot(to).notifications;
+      if (sent.failures != 0 || sent.posted != got.received) {
+        return say(std::string("notifications of ") + kNames[from], sent.posted, got.received, 0) +
+               fmt::format(", {} refused", uint64_t{sent.failures});
+      }
+    }
+
+    const nlohmann::json stats = ask_server("/v1/stats");
+    const uint64_t told = stats["senders_told"], untold = stats["nobody_told"];
+    uint64_t lost = 0;
+    for (const auto &[kind, count] : stats["lost"].items()) lost += count.get<uint64_t>();
+    if (told != notices) return say("notices", told, notices, 0);
+    // The server's own answers to a mayfly that has gone count together with lost events: nobody is
+    // told of them.
+    if (untold < events_missing) {
+      return fmt::format("{} events are missing, the server counts {}{}", events_missing, untold,
+                         where);
+    }
+    if (lost != told + untold) {
+      return fmt::format("the server counts {} losses, told {} and nobody of {}", lost, told,
+                         untold);
+    }
+    if (stats["failed_callbacks"] != 0) return "the server had to give something up";
+    return "";
+  }
+
+  std::string descriptor_difference() {
+    for (const auto &[name, pid] : running()) {
+      const size_t open = use_of(pid).descriptors;
+      // The first look may have counted descriptors that were just being closed, so a smaller
+      // number becomes the measure.
+      size_t &known = descriptors_.emplace(name, open).first->second;
+      known = std::min(known, open);
+      if (open != known) {
+        return fmt::format("{} has {} descriptors at rest, and had {}", name, open, known);
+      }
+    }
+    return "";
+  }
+
+  // Hand-over files that nobody has taken over: only killed servers may leave some.
+  void check_left_files() {
+    uint64_t left = 0;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator("/var/run/msg", error)) {
+      fs::remove(entry.path(), error);
+      ++left;
+    }
+    files_left_ += left;
+    if (left != 0 && calm_) {
+      throw Fault(fmt::format("{} files of bodies are left though no server died", left));
+    }
+  }
+
+  // Brings everybody to rest and compares the accounts.
+  void audit() {
+    board_->pause.set(++audits_);
+    until([&]() -> std::string {
+      for (uint32_t client = 0; client < kClients; ++client) {
+        if (!is_mayfly(client) && client != kTaker && slot(client).paused != audits_) {
+          return std::string(kNames[client]) + " does not come to rest";
+        }
+      }
+      return "";
+    });
+    kill_mayflies();
+    until([&] { return traffic_difference(); });
+    // A new server opens some descriptors only when it serves.
+    until([&] { return descriptor_difference(); });
+    check_left_files();
+
+    for (uint32_t client = 0; client <= kGiver; ++client) {
+      if (!is_regular(client)) continue;
+      log_.add(client, 0, slot(client).lines);
+      slot(client).lines.flushes.set(0);
+    }
+    until([] { return MlogFlushLog() == 0 ? "" : "the log server does not flush"; });
+    if (const std::string wrong = log_.verify(); !wrong.empty()) throw Fault(wrong);
+
+    if (calm_) measure();
+    board_->resumed.set(audits_);
+  }
+
+  void measure() {
+    for (const auto &[name, pid] : running()) {
+      last_use_[name] = use_of(pid);
+      first_use_.emplace(name, last_use_[name]);
+    }
+  }
+
+  void check_growth() const {
+    for (const auto &[name, last] : last_use_) {
+      const uint64_t first = first_use_.at(name).memory;
+      if (kMeasuresMemory && last.memory > first + kGrowth) {
+        throw Fault(
+            fmt::format("{} has grown from {} to {} KiB", name, first / 1024, last.memory / 1024));
+      }
+    }
+  }
 
   const uint32_t seconds_, seed_;
   std::mt19937_64 random_;
@@ -199,430 +538,18 @@ class Soak {
       {"msgsvr",
        "/var/run/msgsvr",
        SOCK_STREAM,
+       &Board::epoch,
        {"--http", std::to_string(kHttpPort), "--http-timeout", "30000", "--patience", "10000"}},
-      {"mlogserver", "/var/mlog/mlogServer", SOCK_DGRAM, {}},
-      {"notifyserver", "/var/run/notify/notifyserver", SOCK_STREAM, {}}};
+      {"mlogserver", "/var/mlog/mlogServer", SOCK_DGRAM, &Board::log_epoch, {}},
+      {"notifyserver", "/var/run/notify/notifyserver", SOCK_STREAM, &Board::notify_epoch, {}}};
   pid_t clients_[kClients] = {};
   uint32_t incarnations_[kClients] = {};
   LogCheck log_;
-  uint64_t pauses_ = 0;
   bool calm_ = false;                                // no server dies any more
   std::map<std::string, Use> first_use_, last_use_;  // of the calm part
   std::map<std::string, size_t> descriptors_;
-
   uint64_t audits_ = 0, mayfly_deaths_ = 0, files_left_ = 0;
-  std::map<std::string, uint64_t> server_losses_;
 };
-
-// ---- Beginning, looking after, ending ----
-
-void Soak::start_server(Kind kind) {
-  Server &server = servers_[kind];
-  (kind == kMessages ? board_->epoch
-   : kind == kLog    ? board_->log_epoch
-                     : board_->notify_epoch)
-      .add();
-  server.pid = start(server.name, [&] {
-    const std::string program = fs::read_symlink("/proc/self/exe").parent_path() / server.name;
-    std::vector<char *> words = {const_cast<char *>(program.c_str())};
-    for (const std::string &each : server.arguments) {
-      words.push_back(const_cast<char *>(each.c_str()));
-    }
-    words.push_back(nullptr);
-    ::execv(program.c_str(), words.data());
-  });
-  until([&]() -> std::string {
-    const int fd = connect_to(server.socket, server.type);
-    if (fd < 0) return server.name + " does not take connections";
-    ::close(fd);
-    return "";
-  });
-}
-
-void Soak::start_client(uint32_t client) {
-  const uint32_t incarnation = is_mayfly(client) ? ++incarnations_[client] : 0;
-  clients_[client] = start(kNames[client], [&] { run_client(board_, client, incarnation, seed_); });
-}
-
-void Soak::begin_all() {
-  for (const Kind kind : {kLog, kNotifications, kMessages}) start_server(kind);
-  for (uint32_t client = 0; client < kClients; ++client) {
-    if (!is_mayfly(client)) start_client(client);
-  }
-  wait_for_all();
-}
-
-void Soak::wait_for_all() {
-  until([&]() -> std::string {
-    for (uint32_t client = 0; client <= kTaker; ++client) {
-      if (!is_mayfly(client) && slot(client).epoch != board_->epoch) {
-        return std::string(kNames[client]) + " does not come back to the message server";
-      }
-      if ((client == kCms || client == kWeb) && slot(client).notify_epoch != board_->notify_epoch) {
-        return std::string(kNames[client]) + " does not come back to the notify server";
-      }
-    }
-    return "";
-  });
-  board_->notify_all_there.set(board_->notify_epoch);
-  board_->all_there.set(board_->epoch);
-  board_->serving.set(board_->epoch);
-}
-
-// Fails if anybody has ended who was not killed or told to.
-void Soak::look_after_all() {
-  if (board_->failed) {
-    std::this_thread::sleep_for(50ms);  // the client is still writing its message
-    throw Fault(board_->failure);
-  }
-  int status = 0;
-  const pid_t ended = ::waitpid(-1, &status, WNOHANG);
-  if (ended <= 0) return;
-  for (const Server &server : servers_) {
-    if (server.pid == ended) throw Fault(server.name + " ends " + end_of(status));
-  }
-  for (uint32_t client = 0; client < kClients; ++client) {
-    if (clients_[client] == ended && !board_->failed) {
-      throw Fault(std::string(kNames[client]) + " ends " + end_of(status));
-    }
-  }
-}
-
-void Soak::until(const std::function<std::string()> &what_is_missing) {
-  const auto end = steady_clock::now() + kPatience;
-  for (;;) {
-    look_after_all();
-    const std::string missing = what_is_missing();
-    if (missing.empty()) return;
-    if (steady_clock::now() > end) throw Fault(missing);
-    std::this_thread::sleep_for(3ms);
-  }
-}
-
-void Soak::kill_mayfly(uint32_t client) {
-  ::kill(clients_[client], SIGKILL);
-  ::waitpid(clients_[client], nullptr, 0);
-  clients_[client] = 0;
-  log_.add(client, incarnations_[client], slot(client).lines);
-  std::construct_at(&slot(client).lines);
-  slot(client).epoch.set(0);
-  ++mayfly_deaths_;
-}
-
-// Lets everybody go on. Mayflies come and go.
-void Soak::work(uint64_t for_ms) {
-  const auto end = steady_clock::now() + milliseconds(for_ms);
-  do {
-    look_after_all();
-    for (uint32_t client = kRegulars; client < kSpeakers; ++client) {
-      if (clients_[client] == 0) {
-        if (below(20) == 0) start_client(client);
-      } else if (below(100) == 0) {
-        kill_mayfly(client);
-      }
-    }
-    std::this_thread::sleep_for(5ms);
-  } while (steady_clock::now() < end);
-}
-
-// Kills one or several of the servers while everybody works.
-void Soak::kill_servers() {
-  std::vector<Kind> dying;
-  while (dying.empty()) {
-    if (below(2) == 0) dying.push_back(kMessages);
-    if (below(3) == 0) dying.push_back(kLog);
-    if (below(3) == 0) dying.push_back(kNotifications);
-  }
-  for (const Kind kind : dying) {
-    Server &server = servers_[kind];
-    if (kind == kMessages) board_->serving.set(0);
-    ::kill(server.pid, SIGKILL);
-    ::waitpid(server.pid, nullptr, 0);
-    server.pid = -1;
-    ++server.deaths;
-    if (kind == kLog) log_.log_server_killed();
-  }
-  if (below(3) != 0) work(below(200));
-  for (const Kind kind : dying) start_server(kind);
-  wait_for_all();
-}
-
-void Soak::end_all() {
-  for (uint32_t client = kRegulars; client < kSpeakers; ++client) {
-    if (clients_[client] != 0) kill_mayfly(client);
-  }
-  board_->stop.set(1);
-  for (uint32_t client = 0; client < kClients; ++client) {
-    if (clients_[client] == 0) continue;
-    int status = 0;
-    if (::waitpid(clients_[client], &status, 0) > 0 && status != 0) {
-      throw Fault(std::string(kNames[client]) + " ends " + end_of(status));
-    }
-    clients_[client] = 0;
-  }
-  for (Server &server : servers_) {
-    int status = 0;
-    ::kill(server.pid, SIGTERM);
-    ::waitpid(server.pid, &status, 0);
-    server.pid = -1;
-    if (status != 0) throw Fault(server.name + " ends " + end_of(status) + " after SIGTERM");
-  }
-}
-
-void Soak::kill_all() {
-  for (const pid_t pid : clients_) {
-    if (pid > 0) ::kill(pid, SIGKILL);
-  }
-  for (const Server &server : servers_) {
-    if (server.pid > 0) ::kill(server.pid, SIGKILL);
-  }
-}
-
-// ---- Audit ----
-
-nlohmann::json Soak::ask_server(const std::string &path) const {
-  const int fd = connect_to("/var/run/msgsvr.admin", SOCK_STREAM);
-  const std::string request =
-      "GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-  std::string answer;
-  if (fd >= 0 && ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
-    char bytes[4096];
-    ssize_t count;
-    while ((count = ::recv(fd, bytes, sizeof bytes, 0)) > 0) {
-      answer.append(bytes, static_cast<size_t>(count));
-    }
-  }
-  ::close(fd);
-  const size_t body = answer.find("\r\n\r\n");
-  if (body == std::string::npos) throw Fault("the message server does not answer " + path);
-  return nlohmann::json::parse(answer.substr(body + 4));
-}
-
-// How the messages that were sent differ from those received plus those reported; "" when they do
-// not. While everybody rests, "" must come in the end.
-std::string Soak::traffic_difference() {
-  const auto say = [](const std::string &what, uint64_t sent, uint64_t got, uint64_t told) {
-    return what + ": " + std::to_string(sent) + " sent, " + std::to_string(got) + " received, " +
-           std::to_string(told) + " told";
-  };
-  uint64_t notices = 0, events_missing = 0;
-  std::string where;
-  for (uint32_t from = 0; from <= kTaker; ++from) {
-    if (is_mayfly(from)) continue;
-    const Traffic &mine = slot(from).traffic;
-    const std::string name = kNames[from];
-    notices += mine.notices;
-    if (mine.failures != 0) {
-      return name + ": " + std::to_string(mine.failures) + " sends failed without reason";
-    }
-    if (mine.sent_nowhere != mine.told_nowhere) {
-      return say(name + " to nobody", mine.sent_nowhere, 0, mine.told_nowhere);
-    }
-    for (uint32_t to = 0; is_regular(from) && to < kRegulars; ++to) {
-      const uint64_t got = slot(to).traffic.received[from];
-      if (mine.sent[to] != got + mine.told[to]) {
-        return say(name + " to " + kNames[to], mine.sent[to], got, mine.told[to]);
-      }
-      for (uint32_t event = 0; event < kEvents; ++event) {
-        if (!subscribes(to, event)) continue;
-        const uint64_t published = mine.published[event];
-        const uint64_t received = slot(to).traffic.events[from][event];
-        if (published == received) continue;
-        events_missing += published - received;
-        where = say(
-            ", of " + name + " for " + kNames[to] + " as " + (event == kAsItems ? "items" : "JSON"),
-            published, received, 0);
-      }
-    }
-  }
-  if (slot(kGiver).traffic.passed != slot(kTaker).traffic.taken) {
-    return say("descriptors", slot(kGiver).traffic.passed, slot(kTaker).traffic.taken, 0);
-  }
-  for (const auto &[from, to] : {std::pair{kCms, kWeb}, std::pair{kWeb, kCms}}) {
-    const Notifications &sent = slot(from).notifications, &got = slot(to).notifications;
-    if (sent.failures != 0 || sent.posted != got.received) {
-      return say(std::string("notifications of ") + kNames[from], sent.posted, got.received, 0) +
-             ", " + std::to_string(sent.failures) + " refused";
-    }
-  }
-
-  const nlohmann::json stats = ask_server("/v1/stats");
-  const uint64_t told = stats["senders_told"], untold = stats["nobody_told"];
-  uint64_t lost = 0;
-  for (const auto &[kind, count] : stats["lost"].items()) lost += count.get<uint64_t>();
-  if (told != notices) return say("notices", told, notices, 0);
-  // The server's own answers to a mayfly that has gone count together with lost events: nobody is
-  // told of them.
-  if (untold < events_missing) {
-    return std::to_string(events_missing) + " events are missing, the server counts " +
-           std::to_string(untold) + where;
-  }
-  if (lost != told + untold) {
-    return "the server counts " + std::to_string(lost) + " losses, told " + std::to_string(told) +
-           " and nobody of " + std::to_string(untold);
-  }
-  if (stats["failed_callbacks"] != 0) return "the server had to give something up";
-  return "";
-}
-
-std::string Soak::descriptor_difference() {
-  const auto check = [&](const std::string &name, pid_t pid) -> std::string {
-    const size_t open = use_of(pid).descriptors;
-    const auto known = descriptors_.emplace(name, open).first;
-    // The first look may have counted descriptors that were just being closed, so a smaller number
-    // becomes the measure.
-    if (open <= known->second) known->second = open;
-    if (open == known->second) return "";
-    return name + " has " + std::to_string(open) + " descriptors at rest, and had " +
-           std::to_string(known->second);
-  };
-  std::string difference;
-  for (const Server &server : servers_) {
-    if (difference.empty()) difference = check(server.name, server.pid);
-  }
-  for (uint32_t client = 0; client < kClients; ++client) {
-    if (difference.empty() && !is_mayfly(client)) {
-      difference = check(kNames[client], clients_[client]);
-    }
-  }
-  return difference;
-}
-
-// Hand-over files that nobody has taken over: only killed servers may leave some.
-void Soak::check_left_files() {
-  uint64_t left = 0;
-  std::error_code error;
-  for (const auto &entry : fs::directory_iterator("/var/run/msg", error)) {
-    fs::remove(entry.path(), error);
-    ++left;
-  }
-  files_left_ += left;
-  if (left != 0 && calm_) {
-    throw Fault(std::to_string(left) + " files of bodies are left though no server died");
-  }
-}
-
-// Brings everybody to rest and compares the accounts.
-void Soak::audit() {
-  board_->pause.set(++pauses_);
-  until([&]() -> std::string {
-    for (uint32_t client = 0; client < kClients; ++client) {
-      if (!is_mayfly(client) && client != kTaker && slot(client).paused != pauses_) {
-        return std::string(kNames[client]) + " does not come to rest";
-      }
-    }
-    return "";
-  });
-  for (uint32_t client = kRegulars; client < kSpeakers; ++client) {
-    if (clients_[client] != 0) kill_mayfly(client);
-  }
-  until([&] { return traffic_difference(); });
-  // A new server opens some descriptors only when it serves.
-  until([&] { return descriptor_difference(); });
-  check_left_files();
-
-  for (uint32_t client = 0; client <= kGiver; ++client) {
-    if (!is_regular(client)) continue;
-    log_.add(client, 0, slot(client).lines);
-    slot(client).lines.flushes.set(0);
-  }
-  until([] { return MlogFlushLog() == 0 ? "" : "the log server does not flush"; });
-  if (const std::string wrong = log_.verify(); !wrong.empty()) throw Fault(wrong);
-
-  const nlohmann::json stats = ask_server("/v1/stats");
-  for (const auto &[kind, count] : stats["lost"].items())
-    server_losses_[kind] += count.get<uint64_t>();
-  if (calm_) measure();
-  ++audits_;
-  board_->resumed.set(pauses_);
-}
-
-void Soak::measure() {
-  const auto measure = [&](const std::string &name, pid_t pid) {
-    last_use_[name] = use_of(pid);
-    first_use_.emplace(name, last_use_[name]);
-  };
-  for (const Server &server : servers_) measure(server.name, server.pid);
-  for (uint32_t client = 0; client < kClients; ++client) {
-    if (!is_mayfly(client)) measure(kNames[client], clients_[client]);
-  }
-}
-
-void Soak::check_growth() {
-  for (const auto &[name, last] : last_use_) {
-    const uint64_t first = first_use_.at(name).memory;
-    if (kMeasuresMemory && last.memory > first + kGrowth) {
-      throw Fault(name + " has grown from " + std::to_string(first / 1024) + " to " +
-                  std::to_string(last.memory / 1024) + " KiB");
-    }
-  }
-}
-
-// ---- What it was ----
-
-void Soak::print_table() const {
-  const auto total = [&](Counter Totals::*which) {
-    uint64_t sum = 0;
-    for (const Slot &each : board_->slots) sum += each.totals.*which;
-    return sum;
-  };
-  const auto row = [](const char *what, uint64_t count) {
-    std::printf("  %-58s %12llu\n", what, static_cast<unsigned long long>(count));
-  };
-  const uint64_t sent = total(&Totals::sent), received = total(&Totals::received);
-  const uint64_t told = total(&Totals::told);
-  std::printf("soak: %u s, seed %u\n", seconds_, seed_);
-  row("messages sent", sent);
-  row("  received", received);
-  row("  reported to their sender as undeliverable", told);
-  row("  neither: with a killed server or client", sent - std::min(sent, received + told));
-  row("bytes of their bodies", total(&Totals::bytes));
-  row("requests answered in a synchronous wait", total(&Totals::waited_for));
-  row("asynchronous requests answered", total(&Totals::answered_later));
-  row("  timed out, the connection or the mayfly gone", total(&Totals::unanswered));
-  row("events published", total(&Totals::published));
-  row("  received, by all subscribers", total(&Totals::events));
-  row("descriptors passed", total(&Totals::descriptors));
-  row("notifications received", total(&Totals::notifications));
-  row("notify requests answered", total(&Totals::notify_requests));
-  row("pages over HTTP", total(&Totals::pages));
-  row("  refused while the server was away", total(&Totals::pages_refused));
-  row("children reported", total(&Totals::children));
-  row("log lines written", total(&Totals::lines));
-  row("  in their files", log_.found());
-  row("  on standard error, not taken by a log server", log_.told());
-  row("  in the socket of a killed log server", log_.lost());
-  row("flushes", total(&Totals::flushes));
-  row("connections to the message server", total(&Totals::connections));
-  for (const Server &server : servers_) row(("kill -9 of " + server.name).c_str(), server.deaths);
-  row("kill -9 of clients", mayfly_deaths_);
-  row("files of bodies that killed servers left", files_left_);
-  row("audits", audits_);
-  std::printf("losses that the message server counted, at the audits:\n");
-  for (const auto &[kind, count] : server_losses_) row(("  " + kind).c_str(), count);
-  std::printf(
-      "memory of its own in KiB and descriptors, at the first and the last rest of the part"
-      " in which no server dies:\n");
-  for (const auto &[name, last] : last_use_) {
-    const Use &first = first_use_.at(name);
-    std::printf("  %-14s %8llu %8llu %6zu %6zu\n", name.c_str(),
-                static_cast<unsigned long long>(first.memory / 1024),
-                static_cast<unsigned long long>(last.memory / 1024), first.descriptors,
-                last.descriptors);
-  }
-}
-
-// Prints the last lines of everybody.
-void Soak::print_outputs() const {
-  const auto show = [](const std::string &name) {
-    constexpr size_t kShown = 1500;
-    const std::string text = test::contents(output_path(name));
-    std::fprintf(stderr, "---- %s\n%s\n", name.c_str(),
-                 text.substr(text.size() - std::min(text.size(), kShown)).c_str());
-  };
-  for (const Server &server : servers_) show(server.name);
-  for (const char *name : kNames) show(name);
-}
 
 int main_program(int count, char **words) {
   uint32_t seconds = 60, seed = 1;
@@ -643,9 +570,9 @@ int main_program(int count, char **words) {
   soak.print_table();
   if (fault.empty()) return 0;
   std::fflush(stdout);
-  soak.print_outputs();
-  std::fprintf(stderr, "soak: FAILED: %s\nsoak: again with --seconds %u --seed %u\n", fault.c_str(),
-               seconds, seed);
+  Soak::print_outputs();
+  fmt::print(stderr, "soak: FAILED: {}\nsoak: again with --seconds {} --seed {}\n", fault, seconds,
+             seed);
   return 1;
 }
 
