@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <set>
 #include <string>
@@ -24,6 +23,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
+constexpr bool kSanitized = sizeof MSGAPI_SANITIZE > sizeof "";
+
 // The lines that readelf(1) prints about the library, after `filter`.
 Names readelf(const std::string &options, const std::string &filter) {
   const std::string command = "LC_ALL=C readelf -W " + options + " " MSGAPI_LIBRARY " | " + filter;
@@ -36,25 +37,18 @@ Names readelf(const std::string &options, const std::string &filter) {
   return lines;
 }
 
-Names listed_names() {
+// What the group of `pattern` matches in `text`.
+Names found(const std::string &pattern, const std::string &text) {
+  const std::regex regex(pattern);
   Names names;
-  std::ifstream file(MSGAPI_ABI_DIRECTORY "/exports.txt");
-  for (std::string line; std::getline(file, line);) {
-    if (!line.empty() && line[0] != '#') names.insert(line);
+  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+    names.insert((*match)[1]);
   }
   return names;
 }
 
-Names names_with_stored_type() {
-  const std::string text = contents(MSGAPI_ABI_DIRECTORY "/prototypes.h");
-  // At the start of a line a type, then the name, then arguments, an array bound or the end.
-  static const std::regex declaration(R"((?:^|\n)\w[\w *]*?(\w+)(?:\[\w+\])?(?:\(|;))");
-  Names names;
-  for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
-       ++match) {
-    names.insert((*match)[1]);
-  }
-  return names;
+Names listed_names() {
+  return found(R"((?:^|\n)(\w+))", contents(MSGAPI_ABI_DIRECTORY "/exports.txt"));
 }
 
 Names without(Names names, const Names &others) {
@@ -74,7 +68,9 @@ TEST(Abi, ExportsWhatTheListSaysAndNothingElse) {
 }
 
 TEST(Abi, HasAStoredTypeForEveryName) {
-  const Names stored = names_with_stored_type();
+  // At the start of a line a type, then the name, then arguments, an array bound or the end.
+  const Names stored = found(R"((?:^|\n)\w[\w *]*?(\w+)(?:\[\w+\])?(?:\(|;))",
+                             contents(MSGAPI_ABI_DIRECTORY "/prototypes.h"));
   const Names listed = listed_names();
 
   EXPECT_THAT(without(listed, stored), IsEmpty()) << "missing from prototypes.h";
@@ -83,18 +79,15 @@ TEST(Abi, HasAStoredTypeForEveryName) {
 
 TEST(Abi, HasAStoredLayoutForEveryPublicRecord) {
   const std::string stored = contents(MSGAPI_ABI_DIRECTORY "/layout32.txt");
-  static const std::regex declaration(R"((?:^|\n)(?:typedef )?struct (\w+) \{)");
-
   size_t records = 0;
   for (const char *directory :
        {"/include/msgapi", "/platform/orputil/include", "/platform/cfmapi/include"}) {
     for (const auto &header :
          std::filesystem::directory_iterator(std::string(MSGAPI_SOURCE) + directory)) {
-      const std::string text = contents(header.path());
-      for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
-           ++match) {
+      for (const std::string &record :
+           found(R"((?:^|\n)(?:typedef )?struct (\w+) \{)", contents(header.path()))) {
         ++records;
-        EXPECT_THAT(stored, HasSubstr("\n" + (*match)[1].str() + " ")) << header.path();
+        EXPECT_THAT(stored, HasSubstr("\n" + record + " ")) << header.path();
       }
     }
   }
@@ -102,7 +95,7 @@ TEST(Abi, HasAStoredLayoutForEveryPublicRecord) {
 }
 
 TEST(Abi, NeedsOnlyThePlatformsLibraries) {
-  if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers bring libraries of their own";
+  if (kSanitized) GTEST_SKIP() << "sanitizers bring libraries of their own";
   Names needed = readelf("-d", R"(sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')");
   // On some machines the dynamic linker itself exports part of the C library.
   std::erase_if(needed, [](const std::string &name) { return name.starts_with("ld-linux"); });
@@ -111,7 +104,7 @@ TEST(Abi, NeedsOnlyThePlatformsLibraries) {
 }
 
 TEST(Abi, NamesItsSourcesAsTheyStandInTheTree) {
-  if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers name them in their own way";
+  if (kSanitized) GTEST_SKIP() << "sanitizers name them in their own way";
   if (MSGAPI_COUNTED) GTEST_SKIP() << "the library writes its counters to absolute paths";
   const Names texts = readelf("-p .rodata -p .data -p .data.rel.ro", "cat");
 
@@ -121,7 +114,7 @@ TEST(Abi, NamesItsSourcesAsTheyStandInTheTree) {
 }
 
 TEST(Abi, RunsNoConstructor) {
-  if (MSGAPI_SANITIZED) GTEST_SKIP() << "sanitizers register every library";
+  if (kSanitized) GTEST_SKIP() << "sanitizers register every library";
   if (MSGAPI_COUNTED) GTEST_SKIP() << "each unit registers its counters";
 
   // Every shared library has one, which is the compiler's.
