@@ -86,7 +86,7 @@ struct Lines {
 
 // Counts since the beginning, for the table.
 struct Totals {
-  Counter sent, received, told, bytes;
+  Counter sent, received, told;
   Counter waited_for, answered_later, unanswered;
   Counter published, events;
   Counter lines, flushes;
@@ -94,7 +94,6 @@ struct Totals {
   Counter notifications, notify_requests;
   Counter descriptors;
   Counter pages, pages_refused;
-  Counter connections;
 };
 
 struct Slot {

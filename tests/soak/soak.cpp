@@ -59,10 +59,7 @@ constexpr bool kMeasuresMemory = true;
 #endif
 
 // A check has failed.
-class Fault : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using Fault = std::runtime_error;
 
 pid_t start(const std::string &name, const std::function<void()> &work) {
   std::fflush(nullptr);
@@ -98,7 +95,7 @@ struct Server {
   std::string name, socket;
   int type;
   Counter Board::*epoch;
-  std::vector<std::string> arguments;
+  std::string arguments;
   pid_t pid = -1;
   uint32_t deaths = 0;
 };
@@ -176,7 +173,6 @@ class Soak {
     total("  received", &Totals::received);
     total("  reported to their sender as undeliverable", &Totals::told);
     row("  neither: with a killed server or client", sent - std::min(sent, known));
-    total("bytes of their bodies", &Totals::bytes);
     total("requests answered in a synchronous wait", &Totals::waited_for);
     total("asynchronous requests answered", &Totals::answered_later);
     total("  timed out, the connection or the mayfly gone", &Totals::unanswered);
@@ -193,7 +189,6 @@ class Soak {
     row("  on standard error, not taken by a log server", log_.told());
     row("  in the socket of a killed log server", log_.lost());
     total("flushes", &Totals::flushes);
-    total("connections to the message server", &Totals::connections);
     for (const Server &server : servers_) row("kill -9 of " + server.name, server.deaths);
     row("kill -9 of clients", mayfly_deaths_);
     row("files of bodies that killed servers left", files_left_);
@@ -238,13 +233,10 @@ class Soak {
   void start_server(Server &server) {
     (board_->*server.epoch).add();
     server.pid = start(server.name, [&] {
-      const std::string program = fs::read_symlink("/proc/self/exe").parent_path() / server.name;
-      std::vector<char *> words = {const_cast<char *>(program.c_str())};
-      for (const std::string &each : server.arguments) {
-        words.push_back(const_cast<char *>(each.c_str()));
-      }
-      words.push_back(nullptr);
-      ::execv(program.c_str(), words.data());
+      const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
+      const std::string command =
+          fmt::format("exec {}/{} {}", programs.string(), server.name, server.arguments);
+      ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
     });
     until([&]() -> std::string {
       const int fd = connect_to(server.socket, server.type);
@@ -535,13 +527,10 @@ class Soak {
   const steady_clock::time_point begin_;
   Board *board_;
   std::vector<Server> servers_ = {
-      {"msgsvr",
-       "/var/run/msgsvr",
-       SOCK_STREAM,
-       &Board::epoch,
-       {"--http", std::to_string(kHttpPort), "--http-timeout", "30000", "--patience", "10000"}},
-      {"mlogserver", "/var/mlog/mlogServer", SOCK_DGRAM, &Board::log_epoch, {}},
-      {"notifyserver", "/var/run/notify/notifyserver", SOCK_STREAM, &Board::notify_epoch, {}}};
+      {"msgsvr", "/var/run/msgsvr", SOCK_STREAM, &Board::epoch,
+       fmt::format("--http {} --http-timeout 30000 --patience 10000", kHttpPort)},
+      {"mlogserver", "/var/mlog/mlogServer", SOCK_DGRAM, &Board::log_epoch, ""},
+      {"notifyserver", "/var/run/notify/notifyserver", SOCK_STREAM, &Board::notify_epoch, ""}};
   pid_t clients_[kClients] = {};
   uint32_t incarnations_[kClients] = {};
   LogCheck log_;
