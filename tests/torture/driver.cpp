@@ -469,12 +469,6 @@ void run(const Job &job) {
   std::fflush(stdout);
 }
 
-int usage() {
-  std::fputs("usage: sandbox -- torture [--points COUNT] [--list] [clients|servers|NAME...]\n",
-             stderr);
-  return 2;
-}
-
 // Starts this program again with the shim, which is beside the libraries.
 int start_with_shim(char **words) {
   const fs::path shim = bin().parent_path() / "lib" / "libtorture_shim.so";
@@ -512,7 +506,10 @@ int main_program(int count, char **words) {
       if (word == job.name || word == job.group) chosen.push_back(job);
     }
     if (word == "--list") return 0;
-    if (chosen.size() == before) return usage();
+    if (chosen.size() != before) continue;
+    std::fputs("usage: sandbox -- torture [--points COUNT] [--list] [clients|servers|NAME...]\n",
+               stderr);
+    return 2;
   }
   if (chosen.empty()) chosen = jobs;
 
@@ -540,11 +537,11 @@ int main_program(int count, char **words) {
 
 }  // namespace
 
-bool succeeded(const char *call, int64_t status, std::initializer_list<int64_t> stated) {
+bool succeeded(int64_t status, std::initializer_list<int64_t> stated, const char *file, int line) {
   if (status == 0) return true;
   if (std::ranges::find(stated, status) != stated.end()) return false;
   char text[120];
-  std::snprintf(text, sizeof text, "%s returns 0x%llx, which is not stated", call,
+  std::snprintf(text, sizeof text, "%s:%d gets the status 0x%llx, which is not stated", file, line,
                 static_cast<unsigned long long>(status));
   must(false, text);
   return false;

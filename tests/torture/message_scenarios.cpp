@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -31,82 +32,61 @@ const Statuses kRequestStatuses = {ORP_ERR_NOT_CONNECTED, ORP_ERR_PEER_GONE, ORP
                                    ORP_ERR_HAND_OVER,     ORP_ERR_SYSTEM,    ORP_ERR_MEMORY,
                                    ORP_ERR_TIMEOUT,       ORP_ERR_ARGUMENT};
 
-// The process's connection while a scenario runs.
-class Connection {
- public:
-  enum Kind { kWithLoop, kAlone };
-
-  explicit Connection(Kind kind) {
-    const uint32_t status =
-        kind == kWithLoop ? ORP_MSG_Init(kName) : ORP_MSG_InitWithoutHandle(kName);
-    there_ = succeeded("ORP_MSG_Init", status, {ORP_ERR_SOCKET, ORP_ERR_MEMORY}) &&
-             g_stMsgCtx.slSocket >= 0;
-  }
-  ~Connection() {
-    ORP_MSG_Destroy();
-    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
-  }
-
-  bool there() const { return there_; }
-
- private:
-  bool there_;
-};
+// Runs `work` over a connection of this process.
+template <auto *connect, auto *work>
+bool connected() {
+  const uint32_t status = connect(kName);
+  const bool done =
+      succeeded(status, {ORP_ERR_SOCKET, ORP_ERR_MEMORY}) && g_stMsgCtx.slSocket >= 0 && work();
+  ORP_MSG_Destroy();
+  ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
+  return done;
+}
 
 bool run_loop() {
-  return succeeded("OrpUvLoopRun", OrpUvLoopRun(nullptr, kPatience_ms),
-                   {ORP_ERR_TIMEOUT, ORP_ERR_SYSTEM});
+  return succeeded(OrpUvLoopRun(nullptr, kPatience_ms), {ORP_ERR_TIMEOUT, ORP_ERR_SYSTEM});
 }
 
 void stop_loop() {
   OrpUvLoopStop(OrpUvLoopGetDefault());
 }
 
-char pattern(uint32_t i) {
-  return static_cast<char>('a' + i * 7 % 26);
-}
+// What the bodies of messages are: letters, of which no two neighbours are the same.
+constexpr auto kPattern = [] {
+  std::array<char, 0x10000> letters{};
+  for (uint32_t i = 0; i < letters.size(); ++i) letters[i] = static_cast<char>('a' + i * 7 % 26);
+  return letters;
+}();
 
 bool is_pattern(const ORP_MSG_HEADER_ST *message, uint32_t size) {
-  if (message->ulDataLen != size) return false;
-  const auto *body = reinterpret_cast<const char *>(message) + ORP_MSG_HEADER_SIZE;
-  for (uint32_t i = 0; i < size; ++i) {
-    if (body[i] != pattern(i)) return false;
-  }
-  return true;
+  return message->ulDataLen == size && std::memcmp(message + 1, kPattern.data(), size) == 0;
 }
 
 // A message with a body of `size` bytes, in static memory: making it must not fail.
 ORP_MSG_HEADER_ST *message_with(uint32_t size, uint32_t type, const char *receiver) {
-  alignas(8) static char memory[ORP_MSG_HEADER_SIZE + 0x10000];
+  alignas(8) static char memory[ORP_MSG_HEADER_SIZE + kPattern.size()];
   auto *message = reinterpret_cast<ORP_MSG_HEADER_ST *>(memory);
   ORP_MSG_SimpleBuilder(message, receiver, type, 5);
-  for (uint32_t i = 0; i < size; ++i) memory[ORP_MSG_HEADER_SIZE + i] = pattern(i);
+  std::memcpy(message + 1, kPattern.data(), size);
   message->ulDataLen = size;
   return message;
 }
 
 bool connect_alone() {
-  const Connection connection(Connection::kAlone);
-  if (!connection.there()) return false;
   const uint32_t count = ORP_MSG_GetNumOfProcesses(kName);
   return must(count <= 1, "one process is counted once") && count == 1;
 }
 
 bool connect_with_loop() {
-  const Connection connection(Connection::kWithLoop);
-  return connection.there() &&
-         succeeded("ORP_MSG_SendSimpleMsg", ORP_MSG_SendSimpleMsg(kMessageServant, kOwn, 0),
-                   kSendStatuses);
+  return succeeded(ORP_MSG_SendSimpleMsg(kMessageServant, kOwn, 0), kSendStatuses);
 }
 
 bool request() {
-  const Connection connection(Connection::kAlone);
-  if (!connection.there()) return false;
   for (const uint32_t size : {0u, 2048u, 0x10000u}) {
     ORP_MSG_HEADER_ST *answer = nullptr;
     const uint32_t status =
         ORP_MSG_SendAndRecv(message_with(size, kAsk, kMessageServant), &answer, kPatience_ms);
-    if (!succeeded("ORP_MSG_SendAndRecv", status, kRequestStatuses)) {
+    if (!succeeded(status, kRequestStatuses)) {
       must(answer == nullptr, "no answer with a failure");
       return false;
     }
@@ -122,8 +102,6 @@ uint32_t g_timed_out;
 
 bool asynchronous_request() {
   g_answers = g_timed_out = 0;
-  const Connection connection(Connection::kWithLoop);
-  if (!connection.there()) return false;
   const auto answered = [](ORP_MSG_HEADER_ST *message, uint32_t timed_out, ORP_WORD) {
     ++g_answers;
     g_timed_out = timed_out;
@@ -132,7 +110,7 @@ bool asynchronous_request() {
   };
   const uint32_t status = ORP_MSG_AsyncSendAndReceive(message_with(3000, kAsk, kMessageServant),
                                                       kPatience_ms / 2, 0, answered);
-  return succeeded("ORP_MSG_AsyncSendAndReceive", status, kRequestStatuses) && run_loop() &&
+  return succeeded(status, kRequestStatuses) && run_loop() &&
          must(g_answers == 1, "a callback is called once") && g_timed_out == 0;
 }
 
@@ -141,8 +119,6 @@ uint32_t g_rounds;
 
 bool dispatch() {
   g_rounds = 0;
-  const Connection connection(Connection::kWithLoop);
-  if (!connection.there()) return false;
   ORP_MSG_RegisterMsgProc(ORP_MSG_DefaultMsgProc);
   ORP_MSG_REG_HANDLE handle = nullptr;
   const auto answer = [](ORP_MSG_HEADER_ST *message) -> ORP_MSG_HEADER_ST * {
@@ -154,10 +130,8 @@ bool dispatch() {
     return ORP_MSG_MsgRespBuilder(message, 1, ORP_MSG_GetMsgByHeader(message), message->ulDataLen);
   };
   const bool ran =
-      succeeded("ORP_MSG_RegisterSyncMsgProc",
-                ORP_MSG_RegisterSyncMsgProc(kOwn, answer, 1, &handle), {ORP_ERR_MEMORY}) &&
-      succeeded("ORP_MSG_Send", ORP_MSG_Send(message_with(4000, kOwn, kName)), kSendStatuses) &&
-      run_loop();
+      succeeded(ORP_MSG_RegisterSyncMsgProc(kOwn, answer, 1, &handle), {ORP_ERR_MEMORY}) &&
+      succeeded(ORP_MSG_Send(message_with(4000, kOwn, kName)), kSendStatuses) && run_loop();
   ORP_MSG_UnRegisterMsgProc(handle);
   return ran && g_rounds == 2;
 }
@@ -174,21 +148,16 @@ uint32_t on_event(uint32_t type, const void *data, uint32_t length) {
 
 bool event() {
   g_events = 0;
-  const Connection connection(Connection::kWithLoop);
-  if (!connection.there()) return false;
   ORP_MSG_RegisterMsgProc(ORP_MSG_DefaultMsgProc);
   ORP_EVT_SubscribeAllEventCallBack(on_event);
   const Statuses statuses = {ORP_EVT_ERR,           ORP_DMMSG_ERR_MEMORY, ORP_DMMSG_ERR_GROW,
                              ORP_ERR_NOT_CONNECTED, ORP_ERR_PEER_GONE,    ORP_ERR_NOT_WRITABLE,
                              ORP_ERR_HAND_OVER,     ORP_ERR_SYSTEM,       ORP_ERR_MEMORY};
   ORP_UTIL_NV_PAIR_ST pair = {nullptr, const_cast<char *>("link"), const_cast<char *>("connected")};
-  return succeeded("ORP_MSG_SubscribeEventForOtherApp",
-                   ORP_MSG_SubscribeEventForOtherApp(ORP_MSG_EVENT_WAN, kName), kSendStatuses) &&
-         succeeded("ORP_EVT_PublishEvent",
-                   ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "state", "link", "connected"),
+  return succeeded(ORP_MSG_SubscribeEventForOtherApp(ORP_MSG_EVENT_WAN, kName), kSendStatuses) &&
+         succeeded(ORP_EVT_PublishEvent(ORP_MSG_EVENT_WAN, "state", "link", "connected"),
                    statuses) &&
-         succeeded("ORP_EVT_PublishEventWithNVPair",
-                   ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, "state", &pair), statuses) &&
+         succeeded(ORP_EVT_PublishEventWithNVPair(ORP_MSG_EVENT_WAN, "state", &pair), statuses) &&
          run_loop() && g_events == 2;
 }
 
@@ -199,19 +168,14 @@ uint32_t echo_text(const ORP_MSG_RESTFUL_REQ_ST *request, char **response) {
 const ORP_MSG_RESTFUL_ROW_ST kRows[] = {{"echo", echo_text}, {nullptr, nullptr}};
 
 bool restful() {
-  const Connection connection(Connection::kWithLoop);
-  if (!connection.there()) return false;
-  if (!succeeded("ORP_MSG_RegRestfulProcEx", ORP_MSG_RegRestfulProcEx("torture", kRows, 1),
-                 kSendStatuses)) {
-    return false;
-  }
+  if (!succeeded(ORP_MSG_RegRestfulProcEx(kName, kRows, 1), kSendStatuses)) return false;
   ORP_MSG_HEADER_ST *message =
       ORP_MSG_BuildRestfulReqMsg(1, 2, kMessageServant, "echo", "{\"a\":1}", 8);
   if (message == nullptr) return false;
   ORP_MSG_HEADER_ST *answer = nullptr;
   const uint32_t status = ORP_MSG_SendAndRecv(message, &answer, kPatience_ms);
   std::free(message);
-  if (!succeeded("ORP_MSG_SendAndRecv", status, kRequestStatuses)) return false;
+  if (!succeeded(status, kRequestStatuses)) return false;
   const bool right = answer->ulDataLen >= 7 &&
                      std::strstr(reinterpret_cast<char *>(answer + 1), "{\"a\":1}") != nullptr;
   // A servant without memory answers without a text. That is no fault.
@@ -225,12 +189,11 @@ bool descriptor() {
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
   const int before = g_stMsgCtx.slSocket;
   g_stMsgCtx.slSocket = ends[0];
-  bool done =
-      succeeded("ORP_MSG_SendFd", ORP_MSG_SendFd(STDIN_FILENO), {ORP_ERR_MEMORY, ORP_ERR_SYSTEM});
+  bool done = succeeded(ORP_MSG_SendFd(STDIN_FILENO), {ORP_ERR_MEMORY, ORP_ERR_SYSTEM});
   g_stMsgCtx.slSocket = ends[1];
   int32_t received = -1;
   if (done) {
-    done = succeeded("ORP_MSG_RecvFd", ORP_MSG_RecvFd(&received, kPatience_ms),
+    done = succeeded(ORP_MSG_RecvFd(&received, kPatience_ms),
                      {ORP_ERR_TIMEOUT, ORP_ERR_MEMORY, ORP_ERR_PEER_GONE, ORP_ERR_SYSTEM});
     must(done == (received > 0), "a descriptor comes with ORP_OK alone");
   }
@@ -244,16 +207,13 @@ bool descriptor() {
 bool log_lines() {
   for (uint32_t i = 0; i < 3; ++i) MlogPrint(kName, MLOG_LEVEL_INFO, "line %u of 10.11.12.13", i);
   mlog_print(kName, MLOG_LEVEL_WARN, "%300s", "long");
-  if (!succeeded("MlogSetStatInfo", MlogSetStatInfo(kName, "fine"), {MLOG_ERR, MLOG_ERR_SOCKET})) {
-    return false;
-  }
+  if (!succeeded(MlogSetStatInfo(kName, "fine"), {MLOG_ERR, MLOG_ERR_SOCKET})) return false;
   char text[256];
-  if (!succeeded("MlogGetStatInfo", MlogGetStatInfo(kName, text, sizeof text),
-                 {MLOG_ERR, MLOG_ERR_SOCKET})) {
+  if (!succeeded(MlogGetStatInfo(kName, text, sizeof text), {MLOG_ERR, MLOG_ERR_SOCKET})) {
     return must(text[0] == '\0', "no statistics after a failure") && false;
   }
   return must(std::strcmp(text, "fine") == 0, "statistics are what was set") &&
-         succeeded("MlogFlushLog", MlogFlushLog(), {MLOG_ERR, MLOG_ERR_SOCKET});
+         succeeded(MlogFlushLog(), {MLOG_ERR, MLOG_ERR_SOCKET});
 }
 
 uint32_t g_notices;
@@ -273,18 +233,16 @@ bool notify() {
                              ORP_NOTIFYCLT_ERR_NOT_WRITABLE};
   void *reply = nullptr;
   uint32_t length = 0;
-  bool done = succeeded("ORP_NOTIFYCLT_Init", ORP_NOTIFYCLT_Init(kOwnModule), statuses) &&
-              succeeded("ORP_NOTIFYCLT_RegAsyncMsgProc",
-                        ORP_NOTIFYCLT_RegAsyncMsgProc(kNotice, on_notice), statuses) &&
-              succeeded("ORP_NOTIFYCLT_SendSynNotify",
-                        ORP_NOTIFYCLT_SendSynNotify(kServantModule, kAsk, "ask", 4, &reply, &length,
+  bool done = succeeded(ORP_NOTIFYCLT_Init(kOwnModule), statuses) &&
+              succeeded(ORP_NOTIFYCLT_RegAsyncMsgProc(kNotice, on_notice), statuses) &&
+              succeeded(ORP_NOTIFYCLT_SendSynNotify(kServantModule, kAsk, "ask", 4, &reply, &length,
                                                     nullptr),
                         statuses);
+  if (!done) must(reply == nullptr, "no reply with a failure");
   if (done) must(length == 4 && std::memcmp(reply, "ask", 4) == 0, "a reply is what was sent");
   std::free(reply);
   done = done &&
-         succeeded("ORP_NOTIFYCLT_PostSimpleAsynNotify",
-                   ORP_NOTIFYCLT_PostSimpleAsynNotify(kOwnModule, kNotice, 5, 6), statuses) &&
+         succeeded(ORP_NOTIFYCLT_PostSimpleAsynNotify(kOwnModule, kNotice, 5, 6), statuses) &&
          run_loop() && g_notices == 1;
   ORP_NOTIFYCLT_Destroy();
   ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
@@ -292,16 +250,16 @@ bool notify() {
 }
 
 constexpr Scenario kMessageScenarios[] = {
-    {"asynchronous_request", asynchronous_request},
-    {"connect", connect_alone},
-    {"connect_with_loop", connect_with_loop},
+    {"asynchronous_request", connected<ORP_MSG_Init, asynchronous_request>},
+    {"connect", connected<ORP_MSG_InitWithoutHandle, connect_alone>},
+    {"connect_with_loop", connected<ORP_MSG_Init, connect_with_loop>},
     {"descriptor", descriptor},
-    {"dispatch", dispatch},
-    {"event", event},
+    {"dispatch", connected<ORP_MSG_Init, dispatch>},
+    {"event", connected<ORP_MSG_Init, event>},
     {"log", log_lines},
     {"notify", notify},
-    {"request", request},
-    {"restful", restful},
+    {"request", connected<ORP_MSG_InitWithoutHandle, request>},
+    {"restful", connected<ORP_MSG_Init, restful>},
 };
 
 ORP_MSG_HEADER_ST *echo_body(ORP_MSG_HEADER_ST *message) {

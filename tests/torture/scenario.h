@@ -25,7 +25,8 @@ std::span<const Scenario> utility_scenarios();
 inline constexpr const char *kMessageServant = "servant";
 
 // Whether a call succeeded (status 0). A status that its header does not state is a fault.
-bool succeeded(const char *call, int64_t status, std::initializer_list<int64_t> stated);
+bool succeeded(int64_t status, std::initializer_list<int64_t> stated,
+               const char *file = __builtin_FILE(), int line = __builtin_LINE());
 
 // Reports a fault unless `holds`. Returns `holds`.
 bool must(bool holds, const char *what);

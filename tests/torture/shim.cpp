@@ -213,28 +213,15 @@ std::span<const int> fcntl_faults(int command, const void *argument) {
   }
 }
 
-// Where the C library is in memory.
-uintptr_t g_libc_begin, g_libc_end;
-
 bool is_libc(const void *caller) {
-  const auto address = reinterpret_cast<uintptr_t>(caller);
-  return address >= g_libc_begin && address < g_libc_end;
-}
-
-int find_libc(dl_phdr_info *object, size_t, void *) {
-  if (object->dlpi_name == nullptr || std::strstr(object->dlpi_name, "/libc.so") == nullptr)
-    return 0;
-  g_libc_begin = object->dlpi_addr;
-  for (int i = 0; i < object->dlpi_phnum; ++i) {
-    const auto end =
-        object->dlpi_addr + object->dlpi_phdr[i].p_vaddr + object->dlpi_phdr[i].p_memsz;
-    if (object->dlpi_phdr[i].p_type == PT_LOAD) g_libc_end = std::max<uintptr_t>(g_libc_end, end);
-  }
-  return 1;
+  dl_find_object found;
+  return ::_dl_find_object(const_cast<void *>(caller), &found) == 0 &&
+         std::strstr(found.dlfo_link_map->l_name, "/libc.so") != nullptr;
 }
 
 [[gnu::always_inline]] inline bool strike_memory(const char *call) {
-  if (is_libc(__builtin_return_address(0)) || strike(call, {ENOMEM}) == 0) return false;
+  if (!armed() || is_libc(__builtin_return_address(0))) return false;
+  if (strike(call, {ENOMEM}) == 0) return false;
   errno = ENOMEM;
   return true;
 }
@@ -269,10 +256,6 @@ int counted_main(int count, char **words, char **environment) {
     if (memory != MAP_FAILED) g_plan = static_cast<Plan *>(memory);
   }
   return g_main(count, words, environment);
-}
-
-[[gnu::constructor]] void start() {
-  ::dl_iterate_phdr(find_libc, nullptr);
 }
 
 }  // namespace
@@ -311,7 +294,6 @@ void *calloc(size_t count, size_t size) noexcept {
 }
 
 void *realloc(void *block, size_t size) noexcept {
-  static const auto real = next<void *(void *, size_t) noexcept>("realloc");
   if (is_early(block)) {
     void *moved = malloc(size);
     const auto rest = static_cast<size_t>(g_early + sizeof g_early - static_cast<char *>(block));
@@ -319,7 +301,7 @@ void *realloc(void *block, size_t size) noexcept {
     return moved;
   }
   if (strike_memory("realloc")) return nullptr;
-  void *moved = real(block, size);
+  void *moved = finish<::realloc>("realloc", 0, block, size);
   if (block == nullptr && moved != nullptr) ++g_blocks;
   if (block != nullptr && size == 0) --g_blocks;
   return moved;

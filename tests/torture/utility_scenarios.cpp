@@ -60,7 +60,7 @@ bool spawn() {
 bool command() {
   static char *words[] = {const_cast<char *>("/bin/true"), nullptr};
   const int32_t status = ORP_UTIL_ExecCmdWithPermissionsMorePara(words, 2000, 0, 1);
-  return succeeded("ORP_UTIL_ExecCmdWithPermissionsMorePara", status, {-1, 0x10005, 0x10007, 127});
+  return succeeded(status, {-1, 0x10005, 0x10007, 127});
 }
 
 // ---- Ring file ---------------------------------------------------------------------------------
@@ -76,7 +76,7 @@ bool ring_file() {
     char text[1000];
     std::memset(text, 'a' + i, sizeof text);
     text[sizeof text - 1] = '\n';
-    done = succeeded("MlogFileWrite", MlogFileWrite(&target, text, sizeof text), {-1});
+    done = succeeded(MlogFileWrite(&target, text, sizeof text), {-1});
   }
   if (done && std::ferror(file->stream) != 0) done = false;
   MlogFileDestructor(file);
@@ -103,27 +103,23 @@ bool store() {
   const uint32_t five = 5;
   uint32_t read_back = 0, count = 0;
   ORP_DB_KEY_ST *keys = nullptr;
-  if (!succeeded("CFM_StoreDefine", CFM_StoreDefine(values, 2, CFM_DEFINE_DEFAULT), statuses) ||
-      !succeeded("ORP_DBSetPara", ORP_DBSetPara(nullptr, CFM_PARA_LOGIN_WAIT, &five, 4),
-                 statuses) ||
-      !succeeded("ORP_DBGetPara", ORP_DBGetPara(nullptr, CFM_PARA_LOGIN_WAIT, &read_back, 4),
-                 statuses) ||
+  if (!succeeded(CFM_StoreDefine(values, 2, CFM_DEFINE_DEFAULT), statuses) ||
+      !succeeded(ORP_DBSetPara(nullptr, CFM_PARA_LOGIN_WAIT, &five, 4), statuses) ||
+      !succeeded(ORP_DBGetPara(nullptr, CFM_PARA_LOGIN_WAIT, &read_back, 4), statuses) ||
       !must(read_back == 5, "the store keeps what it was given") ||
-      !succeeded("ORP_DBGetNumOfObjs", ORP_DBGetNumOfObjs(CFM_OBJ_WEB_USER, &count, &keys),
-                 statuses)) {
+      !succeeded(ORP_DBGetNumOfObjs(CFM_OBJ_WEB_USER, &count, &keys), statuses)) {
     return false;
   }
   const ORP_DB_KEY_ST key = count == 0 ? ORP_DB_KEY_ST{} : keys[0];
   std::free(keys);
   void *record = nullptr;
-  if (!must(count == 1, "one web user") ||
-      !succeeded("ORP_DBGetObj", ORP_DBGetObj(&key, &record), statuses)) {
+  if (!must(count == 1, "one web user") || !succeeded(ORP_DBGetObj(&key, &record), statuses)) {
     return false;
   }
   must(std::strcmp(static_cast<ORP_WEB_USERINFO_ST *>(record)->pcUserName, "admin") == 0,
        "an object holds its values");
   ORP_CFM_FreeObj(record);
-  return succeeded("CFM_StoreSave", CFM_StoreSave(), statuses);
+  return succeeded(CFM_StoreSave(), statuses);
 }
 
 // ---- Utilities ---------------------------------------------------------------------------------
@@ -163,12 +159,11 @@ bool data() {
 
   const std::initializer_list<int64_t> statuses = {ORP_DMMSG_ERR_MEMORY, ORP_DMMSG_ERR_GROW};
   void *body = nullptr;
-  if (!succeeded("ORP_DMMSG_Builder", ORP_DMMSG_Builder(&body, "other", 1), statuses)) return false;
+  if (!succeeded(ORP_DMMSG_Builder(&body, "other", 1), statuses)) return false;
   bool appended = true;
   for (int i = 0; i < 40 && appended; ++i) {
     appended =
-        succeeded("ORP_DMMSG_AppendItem",
-                  ORP_DMMSG_AppendItem(&body, 1, "name", "a value of some bytes", 22), statuses);
+        succeeded(ORP_DMMSG_AppendItem(&body, 1, "name", "a value of some bytes", 22), statuses);
   }
   const void *cursor = nullptr;
   ORP_DMMSG_ITEM_ST item;
@@ -214,8 +209,7 @@ bool network() {
 
   const auto server = static_cast<int32_t>(ORP_UTIL_SocketCreateServer("127.0.0.1", 4711, 0));
   if (server < 0) return false;
-  const bool closed =
-      succeeded("ORP_UTIL_SocketClose", static_cast<int32_t>(ORP_UTIL_SocketClose(server)), {-1});
+  const bool closed = succeeded(static_cast<int32_t>(ORP_UTIL_SocketClose(server)), {-1});
   ORP_UTIL_DEV_STATS_ST stats = {};
   stats.rx_nohandler = 0xeeeeeeee;
   ORP_UTIL_GetDevStats("lo", &stats);
