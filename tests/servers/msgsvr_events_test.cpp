@@ -1,11 +1,8 @@
-// Events at the message server: who gets them, in which hand-over files, and who pays for slow
-// subscribers.
+// Events at the message server: who gets them, and who pays for slow subscribers.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <utility>
@@ -103,42 +100,6 @@ TEST_F(MsgsvrEvents, ReachTheNextProcessOfANameButNotOfAConnection) {
   publish(&publisher, "2", ORP_MSG_EVENT_WAN);
 
   EXPECT_EQ("1", received(&next));
-}
-
-TEST_F(MsgsvrEvents, GivesEverySubscriberItsOwnFileOfALargeEvent) {
-  start();
-  RawClient publisher("pub");
-  RawClient one("one");
-  RawClient two("two");
-  for (RawClient *client : {&one, &two}) subscribe(client);
-  const auto publish = [&](std::string path) {
-    path.resize(ORP_MSG_HAND_OVER_PATH_SIZE);
-    publisher.send(
-        {.type = ORP_MSG_EVENT_WLAN | ORP_MSG_TYPE_BODY_IN_FILE, .to = "mic", .body = path});
-  };
-  const std::string original = std::string(ORP_MSG_HAND_OVER_PREFIX) + "77";
-  std::ofstream(original) << std::string(5000, 'e');
-
-  publish(original);
-
-  for (RawClient *client : {&one, &two}) {
-    const Frame got = client->read();
-    EXPECT_EQ(ORP_MSG_EVENT_WLAN | ORP_MSG_TYPE_BODY_IN_FILE, got.type);
-    ASSERT_EQ(ORP_MSG_HAND_OVER_PATH_SIZE, got.body.size());
-    EXPECT_STRNE(original.c_str(), got.body.c_str());
-    EXPECT_EQ(5000u, std::filesystem::file_size(got.body.c_str()));
-    std::filesystem::remove(got.body.c_str());
-  }
-  EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
-
-  // A file that is no hand-over file stays where it is and is not passed on.
-  std::ofstream("/var/run/msg/other") << "x";
-  for (const char *bad : {"/var/run/msg/other", "/etc/passwd", "/var/run/msg/msg_file_../other"}) {
-    publish(bad);
-  }
-  publisher.drain();
-  EXPECT_THAT(one.drain(), IsEmpty());
-  EXPECT_TRUE(std::filesystem::exists("/var/run/msg/other"));
 }
 
 TEST_F(MsgsvrEvents, DelaysNobodyForASubscriberThatDoesNotRead) {

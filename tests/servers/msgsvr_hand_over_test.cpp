@@ -1,9 +1,7 @@
-// Hand-over files as the message server treats them: whose they are, and what becomes of names that
-// lead elsewhere and of files that cannot be given away.
+// Hand-over files as the message server treats them: whose they are before and after they are
+// passed on, and what becomes of names that lead elsewhere and of files that cannot be given away.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -19,7 +17,7 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "msgsvr/hand_over.h"
 #include "msgsvr/wire.h"
@@ -33,14 +31,18 @@ namespace fs = std::filesystem;
 using msgsvr::kUnknownUser;
 using servers::UniqueFd;
 using test::Frame;
+using test::kType;
 using test::kUser;
 using test::padded;
-using testing::HasSubstr;
+using test::RawClient;
+using testing::IsEmpty;
+using testing::Pair;
 
 constexpr uid_t kReceiver = 2345;
 constexpr uid_t kOther = 3456;
 constexpr const char *kDirectory = "/var/run/msg";
-constexpr mode_t kMode = 01204;  // the library's
+constexpr mode_t kMode = 01204;      // the library's
+constexpr mode_t kGivenMode = 0600;  // nobody else reads it any more
 
 class HandOver : public test::Users {
  protected:
@@ -51,28 +53,18 @@ class HandOver : public test::Users {
     EXPECT_EQ(0, ::chmod(path.c_str(), kMode));
   }
 
-  static std::string body_of(const std::string &path) {
-    return padded(path, ORP_MSG_HAND_OVER_PATH_SIZE);
-  }
-
-  static uid_t owner_of(const std::string &path) {
+  static std::pair<uid_t, mode_t> owner_and_mode(const std::string &path) {
     struct stat status {};
     EXPECT_EQ(0, ::lstat(path.c_str(), &status)) << path;
-    return status.st_uid;
-  }
-  static mode_t mode_of(const std::string &path) {
-    struct stat status {};
-    EXPECT_EQ(0, ::lstat(path.c_str(), &status)) << path;
-    return status.st_mode & 07777;
+    return {status.st_uid, status.st_mode & 07777};
   }
 
-  static std::string frame_of(const std::string &body,
-                              uint32_t type = test::kType | ORP_MSG_TYPE_BODY_IN_FILE) {
-    return Frame{.type = type, .to = "to", .body = body}.bytes("from");
+  static Frame message(const std::string &body, const std::string &to, uint32_t type = kType) {
+    return {.type = type | ORP_MSG_TYPE_BODY_IN_FILE, .to = to, .body = body};
   }
 
   const std::string path_ = std::string(ORP_MSG_HAND_OVER_PREFIX) + "7";
-  const std::string body_ = body_of(path_);
+  const std::string body_ = padded(path_, ORP_MSG_HAND_OVER_PATH_SIZE);
 };
 
 TEST_F(HandOver, NeedsAPathDirectlyInItsDirectory) {
@@ -109,7 +101,7 @@ TEST_F(HandOver, IsARegularFileOfItsSender) {
       SCOPED_TRACE(std::string(each.what) + ", sender " + std::to_string(sender));
       const bool may = sender == kUser ? each.of_user : each.of_anybody;
       each.make();
-      const uid_t owner = each.is_there ? owner_of(path_) : 0;
+      const uid_t owner = each.is_there ? owner_and_mode(path_).first : 0;
 
       EXPECT_EQ(may, static_cast<bool>(msgsvr::open_hand_over(path_, sender)));
       std::string out = "untouched";
@@ -122,7 +114,7 @@ TEST_F(HandOver, IsARegularFileOfItsSender) {
       const bool passes = sender != kUser || each.of_user || !each.is_there;
       EXPECT_EQ(passes, msgsvr::pass_hand_over(body_, sender, kReceiver));
       if (each.is_there) {
-        EXPECT_EQ(may && sender != kUnknownUser ? kReceiver : owner, owner_of(path_));
+        EXPECT_EQ(may && sender != kUnknownUser ? kReceiver : owner, owner_and_mode(path_).first);
       }
       fs::remove(path_);
       if (!may) continue;
@@ -133,11 +125,11 @@ TEST_F(HandOver, IsARegularFileOfItsSender) {
       EXPECT_FALSE(fs::exists(path_));
     }
   }
-  EXPECT_EQ(kUser, owner_of("/var/target")) << "links are not followed";
+  EXPECT_EQ(kUser, owner_and_mode("/var/target").first) << "links are not followed";
 }
 
 TEST_F(HandOver, OfAMessageThatNobodyGetsIsRemovedIfItIsTheSenders) {
-  const std::string frame = frame_of(body_);
+  const std::string frame = message(body_, "to").bytes("from");
   const auto stays = [&](const std::string &bytes, uid_t sender, uid_t receiver = kUnknownUser) {
     msgsvr::remove_sent_file(bytes, false, sender, receiver);
     return fs::exists(path_);
@@ -146,8 +138,8 @@ TEST_F(HandOver, OfAMessageThatNobodyGetsIsRemovedIfItIsTheSenders) {
   EXPECT_TRUE(stays(frame, kOther));
   EXPECT_TRUE(stays(frame, kUnknownUser));
   EXPECT_TRUE(stays(frame.substr(0, msgsvr::kHeaderSize - 1), kUser));
-  EXPECT_TRUE(stays(frame_of(body_, test::kType), kUser)) << "the body is no path";
-  EXPECT_TRUE(stays(frame_of(path_), kUser)) << "the path has no end";
+  EXPECT_TRUE(stays(Frame{.type = kType, .body = body_}.bytes(), kUser)) << "the body is no path";
+  EXPECT_TRUE(stays(message(path_, "to").bytes(), kUser)) << "the path has no end";
   EXPECT_FALSE(stays(frame, kUser));
   EXPECT_FALSE(stays(frame, kUser)) << "it has gone already";
 
@@ -162,18 +154,16 @@ TEST_F(HandOver, IsGivenOnlyToOrdinaryUsersAndOnlyByRoot) {
   make_file(kUser, path_);
   for (const uid_t receiver : {uid_t{0}, kUnknownUser}) {
     EXPECT_TRUE(msgsvr::pass_hand_over(body_, kUser, receiver));
-    EXPECT_EQ(kUser, owner_of(path_)) << receiver;
+    EXPECT_EQ(kUser, owner_and_mode(path_).first) << receiver;
   }
   as(kUser, {}, [&](bool) { EXPECT_TRUE(msgsvr::pass_hand_over(body_, kUser, kReceiver)); });
-  EXPECT_EQ(kUser, owner_of(path_));
+  EXPECT_EQ(kUser, owner_and_mode(path_).first);
 
   msgsvr::give_hand_over(8, kReceiver);  // there is no such file
   msgsvr::give_hand_over(7, 0);
-  EXPECT_EQ(kUser, owner_of(path_));
-  EXPECT_EQ(kMode, mode_of(path_));
+  EXPECT_THAT(owner_and_mode(path_), Pair(kUser, kMode));
   msgsvr::give_hand_over(7, kReceiver);
-  EXPECT_EQ(kReceiver, owner_of(path_));
-  EXPECT_EQ(0600u, mode_of(path_)) << "nobody else reads it any more";
+  EXPECT_THAT(owner_and_mode(path_), Pair(kReceiver, kGivenMode));
 }
 
 TEST_F(HandOver, StaysItsSendersIfItCannotBeGiven) {
@@ -187,8 +177,8 @@ TEST_F(HandOver, StaysItsSendersIfItCannotBeGiven) {
     EXPECT_EQ(0, ::syscall(SYS_capset, &head, rights));
     for (int i = 0; i < 2; ++i) {
       EXPECT_TRUE(msgsvr::pass_hand_over(body_, kUser, kReceiver));
-      EXPECT_EQ(kUser, owner_of(path_));
-      EXPECT_EQ(kMode, mode_of(path_)) << "the receiver reads it as one of the others";
+      EXPECT_THAT(owner_and_mode(path_), Pair(kUser, kMode))
+          << "the receiver reads it as one of the others";
     }
   }).join();
   EXPECT_EQ(1u, count(testing::internal::GetCapturedStderr(), "cannot be given away"))
@@ -200,8 +190,7 @@ TEST_F(HandOver, StaysItsSendersIfItCannotBeGiven) {
   make_file(kUser, path_);
   ASSERT_EQ(0, ::mount(nullptr, kDirectory, nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
   EXPECT_TRUE(msgsvr::pass_hand_over(body_, kUser, kReceiver));
-  EXPECT_EQ(kUser, owner_of(path_));
-  EXPECT_EQ(kMode, mode_of(path_));
+  EXPECT_THAT(owner_and_mode(path_), Pair(kUser, kMode));
 }
 
 TEST_F(HandOver, IsRefusedWhenNobodyCanTellWhoseItIs) {
@@ -226,7 +215,7 @@ TEST_F(HandOver, IsRefusedWhenNobodyCanTellWhoseItIs) {
 
 TEST_F(HandOver, IsSharedWholeOrNotAtAll) {
   constexpr off_t kMost = ORP_MSG_MAX_DISPATCHED_BODY;
-  make_file(kUser, path_, std::string(100000, 's'));
+  make_file(kUser, path_, std::string(kMost, 's'));
   const UniqueFd file = msgsvr::open_hand_over(path_, kUser);
   ASSERT_TRUE(file);
   const auto is_alone = [&] { return std::distance(fs::directory_iterator(kDirectory), {}) == 1; };
@@ -235,8 +224,8 @@ TEST_F(HandOver, IsSharedWholeOrNotAtAll) {
     const uint32_t number = msgsvr::share_hand_over(file, receiver);
     ASSERT_NE(0u, number);
     const std::string path = msgsvr::hand_over_body(number).data();
-    EXPECT_EQ(std::string(100000, 's'), test::contents(path));
-    EXPECT_EQ(receiver == 0 ? kUser : kReceiver, owner_of(path));
+    EXPECT_TRUE(std::string(kMost, 's') == test::contents(path));
+    EXPECT_EQ(receiver == 0 ? kUser : kReceiver, owner_and_mode(path).first);
     EXPECT_EQ(receiver == 0, fs::equivalent(path, path_));
     msgsvr::remove_hand_over(number);
   }
@@ -260,6 +249,102 @@ TEST_F(HandOver, IsSharedWholeOrNotAtAll) {
   fs::rename(kDirectory, "/var/run/elsewhere");
   EXPECT_EQ(ENOENT, refused(file, kReceiver));
   EXPECT_EQ(ENOENT, refused(file, 0));
+}
+
+// The server with clients of several users.
+class BodyFiles : public HandOver {
+ protected:
+  BodyFiles() { start(); }
+
+  static void subscribe(RawClient *client) {
+    client->send({.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_EVENT_WAN});
+    client->drain();
+  }
+};
+
+TEST_F(BodyFiles, BecomeTheirReceivers) {
+  const auto sender = user("sender");
+  const auto receiver = user("receiver", {}, kReceiver);
+  const auto other = user("other");
+  RawClient root("root");
+  // The library's mode does not let processes of the same user read, so the file changes for them,
+  // too. For root nothing has to change.
+  const struct {
+    RawClient *to;
+    uid_t owner;
+    mode_t mode;
+  } kCases[] = {
+      {receiver.get(), kReceiver, kGivenMode},
+      {other.get(), kUser, kGivenMode},
+      {&root, kUser, kMode},
+  };
+  for (const auto &[to, owner, mode] : kCases) {
+    make_file(kUser, path_);
+    sender->send(message(body_, to->name()));
+    EXPECT_EQ(body_, to->read().body);
+    EXPECT_THAT(owner_and_mode(path_), Pair(owner, mode)) << to->name();
+    fs::remove(path_);
+  }
+}
+
+TEST_F(BodyFiles, OfOthersNobodyHandsOver) {
+  const auto hostile = user("hostile", {}, kOther);
+  const auto receiver = user("receiver", {}, kReceiver);
+  subscribe(receiver.get());
+  make_file(kUser, path_);
+  hostile->send(message(body_, "receiver"));
+  hostile->expect(notice(kType, "hostile"));
+  hostile->send(message(body_, "mic", ORP_MSG_EVENT_WAN));
+  hostile->send(message(body_, "nobody"));
+  hostile->drain();
+  // Nor with a message that is so long that the server passes it on while it arrives.
+  hostile->send(message(padded(path_, 400000), "receiver"));
+  hostile->expect(notice(kType, "hostile"));
+  EXPECT_TRUE(receiver->quiet());
+  EXPECT_THAT(owner_and_mode(path_), Pair(kUser, kMode));
+}
+
+TEST_F(BodyFiles, GoWithTheirMessages) {
+  const auto sender = user("sender");
+  {
+    const auto receiver = user("receiver", {}, kReceiver);
+    // The receiver leaves before it reads.
+    receiver->send({.type = kType, .to = "receiver", .body = std::string(400000, 'f')});
+    make_file(kUser, path_);
+    sender->send(message(body_, "receiver"));
+    EXPECT_THAT(sender->drain(), IsEmpty());
+  }
+  sender->expect(notice(kType, "sender"));
+  EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(BodyFiles, OfEventsReachEachSubscriberAsItsOwn) {
+  const auto sender = user("sender");
+  const auto a = user("a", {}, kReceiver);
+  const auto b = user("b");
+  RawClient root("root");
+  for (RawClient *client : {a.get(), b.get(), &root}) subscribe(client);
+  make_file(kUser, path_);
+  sender->send(message(body_, "mic", ORP_MSG_EVENT_WAN));
+  for (RawClient *client : {a.get(), b.get(), &root}) {
+    const Frame got = client->read();
+    EXPECT_EQ(ORP_MSG_EVENT_WAN | ORP_MSG_TYPE_BODY_IN_FILE, got.type);
+    ASSERT_EQ(ORP_MSG_HAND_OVER_PATH_SIZE, got.body.size());
+    EXPECT_NE(body_, got.body);
+    EXPECT_EQ("secret", test::contents(got.body.c_str())) << client->name();
+    EXPECT_THAT(owner_and_mode(got.body.c_str()),
+                Pair(client == a.get() ? kReceiver : kUser, client == &root ? kMode : kGivenMode));
+  }
+  EXPECT_FALSE(fs::exists(path_));
+
+  // A file of holes costs its publisher nothing, so it is not copied beyond what applications take.
+  make_file(kUser, path_);
+  EXPECT_EQ(0, ::truncate(path_.c_str(), ORP_MSG_MAX_DISPATCHED_BODY + 1));
+  sender->send(message(body_, "mic", ORP_MSG_EVENT_WAN));
+  sender->drain();
+  EXPECT_TRUE(a->quiet());
+  EXPECT_FALSE(root.quiet());
+  EXPECT_FALSE(fs::exists(path_));
 }
 
 }  // namespace

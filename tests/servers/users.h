@@ -47,16 +47,17 @@ class Users : public Services {
 
   // A client that is connected but not registered; its messages name `name` as their sender.
   static std::unique_ptr<RawClient> stranger(const std::string &name,
-                                             const std::vector<gid_t> &groups = {}) {
+                                             const std::vector<gid_t> &groups = {},
+                                             uid_t of = kUser) {
     std::unique_ptr<RawClient> client;
-    as(kUser, groups,
+    as(of, groups,
        [&](bool) { client = std::make_unique<RawClient>(name, RawClient::Register::kNo); });
     return client;
   }
 
   static std::unique_ptr<RawClient> user(const std::string &name,
-                                         const std::vector<gid_t> &groups = {}) {
-    auto client = stranger(name, groups);
+                                         const std::vector<gid_t> &groups = {}, uid_t of = kUser) {
+    auto client = stranger(name, groups, of);
     EXPECT_TRUE(registers(client.get()));
     return client;
   }
