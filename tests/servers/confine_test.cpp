@@ -15,6 +15,7 @@
 
 #include "servers/services.h"
 #include "support/message_peer.h"
+#include "support/network.h"
 
 namespace {
 
@@ -88,7 +89,7 @@ TEST_F(ConfinedServer, ServesAsEver) {
   a.send({.type = 0x1234, .to = "board", .body = std::string(100000, 'x')});
   EXPECT_EQ(100000u, board.read().body.size());
   EXPECT_EQ(ORP_MSG_SAVE_CFG_SYNC, a.ask({.type = ORP_MSG_SAVE_CFG_SYNC}).type);
-  EXPECT_GE(connect_to(8080), 0);
+  EXPECT_GE(test::connect_to(8080), 0);
 #ifndef __SANITIZE_ADDRESS__  // looks for leaks at the end by ptrace(), which is refused
   EXPECT_EQ(0, server_->stop(SIGTERM));
 #endif

@@ -20,6 +20,7 @@
 #include "servers/services.h"
 #include "support/file.h"
 #include "support/message_peer.h"
+#include "support/network.h"
 #include "support/process.h"
 
 namespace {
@@ -45,7 +46,7 @@ class DynamicApps : public Services {
 
   // Connects and returns everything that the application sends; none when nobody listens.
   static std::optional<std::string> visit() {
-    const int fd = connect_to(7001);
+    const int fd = test::connect_to(7001);
     if (fd < 0) return std::nullopt;
     char text[256] = "";
     [[maybe_unused]] const ssize_t count = ::recv(fd, text, sizeof text - 1, MSG_WAITALL);

@@ -33,9 +33,9 @@
 #include "msgsvr/server.h"
 #include "msgsvr/services.h"
 #include "msgsvr/worker.h"
+#include "servers/http_client.h"
 #include "support/fd_check.h"
 #include "support/message_peer.h"
-#include "support/network.h"
 
 namespace {
 
@@ -107,6 +107,7 @@ namespace {
 
 using servers::UniqueFd;
 using test::Frame;
+using test::HttpClient;
 using test::MessagePeer;
 using test::padded;
 
@@ -360,29 +361,17 @@ class HttpFaults : public testing::Test {
         [this](uint64_t id) { abandoned_.push_back(id); });
   }
 
-  static UniqueFd ask() {
-    UniqueFd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = test::loopback(8080);
-    EXPECT_EQ(
-        0, ::connect(client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-    const std::string_view get = "GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-    EXPECT_EQ(static_cast<ssize_t>(get.size()), ::send(client.get(), get.data(), get.size(), 0));
+  static HttpClient ask() {
+    HttpClient client;
+    EXPECT_TRUE(client.send("GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"));
     return client;
   }
 
   // Everything that comes until the connection ends, while the loop turns.
-  std::string answer_to(const UniqueFd &client) {
-    std::string answer;
-    char buffer[4096];
-    ssize_t count = -1;
-    for (int turns = 0; count != 0 && turns < 400; ++turns) {
-      loop_.turn(50);
-      while ((count = ::recv(client.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
-        answer.append(buffer, static_cast<size_t>(count));
-      }
-    }
-    EXPECT_EQ(0, count) << "the connection has not ended";
-    return answer;
+  std::string answer_to(HttpClient client) {
+    for (int turns = 0; !client.ended() && turns < 400; ++turns) loop_.turn(50);
+    EXPECT_TRUE(client.ended());
+    return client.got();
   }
 
   servers::EventLoop loop_;
@@ -407,14 +396,14 @@ TEST_F(HttpFaults, OfTheThreadInterruptTheService) {
   serve([&] {
     if (serves) front_->answer(begun_.back(), {200, "served again"});
   });
-  const UniqueFd open = ask();
+  HttpClient open = ask();
   for (int i = 0; i < 400 && begun_.empty(); ++i) loop_.turn(50);
   ASSERT_EQ(1u, begun_.size());
 
   testing::internal::CaptureStderr();
   g_wait_fails = true;
-  const UniqueFd last = ask();
-  EXPECT_EQ("", answer_to(open)) << "its connection is closed";
+  const HttpClient last = ask();
+  EXPECT_EQ("", answer_to(std::move(open))) << "its connection is closed";
   for (int i = 0; i < 400 && abandoned_.empty(); ++i) loop_.turn(50);
   EXPECT_EQ(begun_, abandoned_);
   front_->answer(begun_[0], {200, "nobody waits"});

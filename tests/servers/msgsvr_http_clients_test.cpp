@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "servers/http_client.h"
 #include "servers/restful.h"
 #include "support/file.h"
 #include "support/message_peer.h"
@@ -25,54 +26,13 @@
 namespace {
 
 using test::Frame;
+using test::HttpClient;
 using test::RawClient;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
 class HttpServer : public test::Restful {};
-
-// HTTP connections that their client wants to keep, and what they get.
-class HttpClients {
- public:
-  ~HttpClients() {
-    for (const int fd : fds_) ::close(fd);
-  }
-  // Opens a connection and sends the bytes; false when that fails.
-  bool open(const std::string &bytes) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = test::loopback(8080);
-    fds_.push_back(fd);
-    return fd >= 0 &&
-           ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-           ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-  }
-  // Everything that the last connection gets until its end, or within ten seconds.
-  std::string read() const {
-    const timeval patience{10, 0};
-    ::setsockopt(fds_.back(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    std::string got;
-    char buffer[4096];
-    for (ssize_t n; (n = ::recv(fds_.back(), buffer, sizeof buffer, 0)) > 0;) {
-      got.append(buffer, static_cast<size_t>(n));
-    }
-    return got;
-  }
-  // The same of each connection.
-  std::vector<std::string> read_all() {
-    std::vector<std::string> all;
-    for (; !fds_.empty(); fds_.pop_back()) {
-      all.push_back(read());
-      ::close(fds_.back());
-    }
-    return all;
-  }
-  const std::vector<int> &fds() const { return fds_; }
-
- private:
-  std::vector<int> fds_;
-};
 
 constexpr const char *kUnknown =
     "GET /unknown HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
@@ -85,10 +45,10 @@ TEST_F(HttpServer, LocksNobodyOut) {
        {std::string(), std::string("GET /dev/info HTTP/1.1\r\nHo"),
         std::string("POST /dev/info HTTP/1.1\r\nHost: localhost\r\nContent-Length: "
                     "2000000\r\n\r\nbegin")}) {
-    HttpClients idle;
-    for (int i = 0; i < 500; ++i) ASSERT_TRUE(idle.open(begin)) << i;
-    HttpClients honest;
-    ASSERT_TRUE(honest.open(kUnknown));
+    std::vector<HttpClient> idle(500);
+    for (const HttpClient &each : idle) ASSERT_TRUE(each.send(begin));
+    HttpClient honest;
+    ASSERT_TRUE(honest.send(kUnknown));
     EXPECT_THAT(honest.read(), HasSubstr("404 Not Found")) << begin;
   }
   EXPECT_EQ("/dev info", target_of("/dev/info"));
@@ -96,21 +56,21 @@ TEST_F(HttpServer, LocksNobodyOut) {
 
 TEST_F(HttpServer, GoesOnAfterManyConnectionsAndOddRequests) {
   for (int round = 0; round < 3; ++round) {
-    HttpClients many;
-    for (int i = 0; i < 150; ++i) many.open(kUnknown);
+    const std::vector<HttpClient> many(150);
+    for (const HttpClient &each : many) each.send(kUnknown);
   }
   // Until the server has noticed that they left, it has no place for others.
   for (bool is_full = true; is_full;) {
-    HttpClients next;
-    for (int i = 0; i < 4; ++i) next.open(kUnknown);
-    is_full = std::ranges::any_of(next.read_all(), [](const std::string &got) {
-      return got.empty() || got.starts_with("HTTP/1.1 503 ");
+    std::vector<HttpClient> next(4);
+    for (const HttpClient &each : next) each.send(kUnknown);
+    is_full = std::ranges::any_of(next, [](HttpClient &each) {
+      return each.read().empty() || each.got().starts_with("HTTP/1.1 503 ");
     });
   }
   // No request, and none will come: the connection stays until its time is over or its place is
   // needed.
-  HttpClients garbage;
-  garbage.open(std::string("\0\xff\r\n", 4));
+  const HttpClient garbage;
+  garbage.send(std::string("\0\xff\r\n", 4));
   std::string arguments = "GET /a?";
   for (int i = 0; i < 3000; ++i) arguments += "q=%41&";
   for (const std::string &odd :
@@ -119,8 +79,8 @@ TEST_F(HttpServer, GoesOnAfterManyConnectionsAndOddRequests) {
         std::string("POST /dev/a HTTP/1.1\r\nHost: localhost\r\nContent-Length: -1\r\n\r\n"),
         std::string("POST /dev/a HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: "
                     "chunked\r\n\r\nzz\r\n")}) {
-    HttpClients client;
-    client.open(odd);
+    HttpClient client;
+    client.send(odd);
     const auto begin = std::chrono::steady_clock::now();
     const std::string got = client.read();
     if (odd.starts_with(arguments)) {
@@ -144,8 +104,7 @@ TEST_F(HttpServer, ServesAgainWhenThereAreDescriptorsAgain) {
   ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, nullptr, &before));
   const rlimit full{lowest_free, before.rlim_max};
   ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &full, nullptr));
-  HttpClients refused;
-  for (int i = 0; i < 40; ++i) refused.open("");
+  const std::vector<HttpClient> refused(40);
   EXPECT_TRUE(server_->wait_for("a connection is refused")) << server_->output();
   ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &before, nullptr));
 
@@ -194,7 +153,7 @@ TEST_F(HttpServer, RefusesWhatAnApplicationThatDoesNotReadCannotBeGiven) {
 TEST_F(HttpServer, GoesOnAfterConnectionsThatAreResetBeforeItLooks) {
   ::kill(server_->pid(), SIGSTOP);
   for (int i = 0; i < 3; ++i) {
-    const int fd = connect_to(8080);
+    const int fd = test::connect_to(8080);
     const linger reset{1, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     ::close(fd);
@@ -206,8 +165,8 @@ TEST_F(HttpServer, GoesOnAfterConnectionsThatAreResetBeforeItLooks) {
 // An application that does not read for a while, with so much in its queue that requests are held.
 class HeldRequests : public HttpServer {
  protected:
-  static constexpr int kRequests = 8;
-  // Eight of these are more than half of the smallest queue.
+  // Together more than the smallest queue takes, however full it is.
+  static constexpr size_t kRequests = 16;
   static constexpr size_t kSize = 1800;
 
   void serve_slowly(const std::string &timeout_ms) {
@@ -216,7 +175,7 @@ class HeldRequests : public HttpServer {
     other_ = std::make_unique<RawClient>("other");
   }
 
-  // Fills the queue of `name` until the server does not read from `other` any more: the queue is
+  // Fills the queue of `name` until the server has not read from `other` for a while: the queue is
   // half full then.
   void fill(const std::string &name) {
     std::string row;
@@ -225,7 +184,7 @@ class HeldRequests : public HttpServer {
     }
     RawClient settle("settle");
     size_t at = 0;
-    for (int full = 0; full < 3;) {
+    for (int full = 0; full < 50;) {
       const ssize_t sent =
           ::send(other_->fd(), row.data() + at, row.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
       if (sent > 0) at = (at + static_cast<size_t>(sent)) % row.size();
@@ -234,12 +193,15 @@ class HeldRequests : public HttpServer {
     }
   }
 
-  // Asks without waiting for the answers.
-  static void ask(HttpClients *clients) {
-    for (int i = 0; i < kRequests; ++i) {
-      EXPECT_TRUE(clients->open("GET /dev/info?" + std::string(kSize, 'q') +
-                                " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"));
+  // Clients that have asked one after the other and wait for the answers.
+  static std::vector<HttpClient> ask() {
+    std::vector<HttpClient> clients;
+    while (clients.size() < kRequests) {
+      EXPECT_TRUE(
+          clients.emplace_back().send("GET /dev/info?" + std::string(kSize, 'q') +
+                                      " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"));
     }
+    return clients;
   }
 
   // The application's next request, after what filled its queue; none when none comes.
@@ -256,31 +218,29 @@ class HeldRequests : public HttpServer {
 TEST_F(HeldRequests, AreSentWhenTheApplicationReadsAgain) {
   serve_slowly("30000");
   fill("status");
-  HttpClients clients;
-  ask(&clients);
+  std::vector<HttpClient> clients = ask();
 
-  for (int i = 0; i < kRequests; ++i) {
+  for (size_t i = 0; i < kRequests; ++i) {
     const auto request = next_of(app_.get(), test::kPatience_ms);
     ASSERT_TRUE(request) << i;
     EXPECT_EQ(std::string(kSize, 'q'), text_of(*request));
     answer(app_.get(), *request, "ok");
   }
-  for (const std::string &got : clients.read_all()) EXPECT_THAT(got, HasSubstr("200 OK"));
+  for (HttpClient &each : clients) EXPECT_THAT(each.read(), HasSubstr("200 OK"));
 }
 
 TEST_F(HeldRequests, AreRefusedInTheEnd) {
   serve_slowly("500");
   fill("status");
-  HttpClients clients;
-  ask(&clients);
+  std::vector<HttpClient> clients = ask();
 
   size_t busy = 0;
   size_t silent = 0;
-  for (const std::string &got : clients.read_all()) {
-    if (got.starts_with("HTTP/1.1 503 ")) ++busy;
-    if (got.starts_with("HTTP/1.1 504 ")) ++silent;
+  for (HttpClient &each : clients) {
+    if (each.read().starts_with("HTTP/1.1 503 ")) ++busy;
+    if (each.got().starts_with("HTTP/1.1 504 ")) ++silent;
   }
-  EXPECT_EQ(size_t{kRequests}, busy + silent);
+  EXPECT_EQ(kRequests, busy + silent);
   EXPECT_GT(busy, 0u);
   EXPECT_TRUE(server_->wait_for("has no room in status[" + std::to_string(::getpid()) +
                                 "]'s queue and is refused"));
@@ -294,20 +254,17 @@ TEST_F(HeldRequests, AreRefusedInTheEnd) {
 
 // The server reads a body only for an application that does not share its files.
 TEST_F(HttpServer, RefusesARequestWhoseBodyIsLostAtOnce) {
-  serve({"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
-  RawClient board("board", uint16_t{7070});
-  board.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = test::padded("/board", 7)});
-  board.drain();
-  HttpClients client;
+  RawClient board = serve_board();
+  HttpClient client;
   const std::string half(50000, 'b');
   ASSERT_TRUE(
-      client.open("POST /board/set HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
+      client.send("POST /board/set HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
                   "Content-Length: 100000\r\n\r\n" +
                   half));
   const auto files = [] { return std::filesystem::directory_iterator("/var/run/msg"); };
   while (files() == std::filesystem::directory_iterator()) board.drain();
   std::filesystem::remove(files()->path());
-  ASSERT_EQ(50000, ::send(client.fds()[0], half.data(), half.size(), MSG_NOSIGNAL));
+  ASSERT_TRUE(client.send(half));
 
   EXPECT_THAT(client.read(), AllOf(HasSubstr("503"), HasSubstr("the body is lost")));
   EXPECT_TRUE(server_->wait_for("the body of POST /board/set is lost: No such file"));

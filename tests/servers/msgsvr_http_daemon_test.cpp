@@ -1,12 +1,7 @@
 // The thread that speaks HTTP, with limits that a test can reach: who gets a place, who must wait,
 // and what takes too long. The test plays the message loop.
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,17 +17,18 @@
 #include "common/event_loop.h"
 #include "common/listen.h"
 #include "msgsvr/http_front.h"
+#include "servers/http_client.h"
 #include "support/network.h"
 
 namespace {
 
 using msgsvr::HttpLimits;
 using std::chrono::milliseconds;
+using Client = test::HttpClient;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr uint16_t kPort = 8080;
 // Two bodies of this size are more than the daemon holds at a time.
 constexpr size_t kLong = 20 << 20;
 
@@ -42,61 +38,6 @@ std::string post(size_t size) {
   return "POST /a HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(size) +
          "\r\n\r\n";
 }
-
-class Client {
- public:
-  // From the address `own` to the server at the loopback address of the same family.
-  explicit Client(const std::string &own = "127.0.0.1") {
-    const bool ip6 = own.find(':') != own.npos;
-    fd_ = servers::UniqueFd(::socket(ip6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (ip6) {
-      sockaddr_in6 address{};
-      address.sin6_family = AF_INET6;
-      EXPECT_EQ(1, ::inet_pton(AF_INET6, own.c_str(), &address.sin6_addr)) << own;
-      connect(address, [](sockaddr_in6 *a) {
-        a->sin6_addr = in6addr_loopback;
-        a->sin6_port = htons(kPort);
-      });
-    } else {
-      sockaddr_in address = test::loopback(0);
-      EXPECT_EQ(1, ::inet_pton(AF_INET, own.c_str(), &address.sin_addr)) << own;
-      connect(address, [](sockaddr_in *a) { *a = test::loopback(kPort); });
-    }
-  }
-
-  bool send(const std::string &bytes) const {
-    return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
-
-  // What has come so far, and whether that was all.
-  const std::string &got() {
-    char buffer[4096];
-    ssize_t count;
-    while ((count = ::recv(fd_.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
-      got_.append(buffer, static_cast<size_t>(count));
-    }
-    ended_ = ended_ || count == 0 || errno == ECONNRESET;
-    return got_;
-  }
-  bool ended() {
-    got();
-    return ended_;
-  }
-
- private:
-  template <typename Address, typename Aim>
-  void connect(Address own, Aim aim) const {
-    const auto *generic = reinterpret_cast<const sockaddr *>(&own);
-    EXPECT_EQ(0, ::bind(fd_.get(), generic, sizeof own));
-    aim(&own);
-    EXPECT_EQ(0, ::connect(fd_.get(), generic, sizeof own));
-  }
-
-  servers::UniqueFd fd_;
-  std::string got_;
-  bool ended_ = false;
-};
 
 class HttpDaemon : public testing::Test {
  protected:

@@ -2,14 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "msgapi/restful.h"
+#include "servers/http_client.h"
 #include "servers/restful.h"
 #include "support/message_peer.h"
 
@@ -174,10 +173,7 @@ TEST_F(Restful, FailsARequestOnlyForItsApplicationsTrouble) {
 }
 
 TEST_F(Restful, GivesAnApplicationOfAnotherBoardTheWholeBody) {
-  serve({"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
-  RawClient board("board", uint16_t{7070});
-  board.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = test::padded("/board", 7)});
-  board.drain();
+  RawClient board = serve_board();
   const std::string body(100000, 'b');
   std::ofstream("/var/body") << body;
 
@@ -217,15 +213,8 @@ TEST_F(Restful, TakesTheApplicationsAnswerAloneAlsoFromAFile) {
   ++wrong.sequence;
   answer(app_.get(), wrong, "wrong");
 
-  const std::string file = std::string(ORP_MSG_HAND_OVER_PREFIX) + "5";
   const std::string text(70000, 't');
-  std::ofstream(file) << text << '\0';
-  std::string path = file;
-  path.resize(ORP_MSG_HAND_OVER_PATH_SIZE);
-  app_->send({.type = request.type | ORP_MSG_TYPE_BODY_IN_FILE,
-              .to = "mic",
-              .body = path,
-              .sequence = request.sequence});
+  const std::string file = answer_in_file(request, text);
 
   EXPECT_TRUE(text + "|200|text/plain; charset=utf-8" == got.get());
   EXPECT_FALSE(std::filesystem::exists(file));
@@ -261,11 +250,12 @@ TEST_F(Restful, PassesRequestsOfOtherApplicationsOn) {
 
 TEST_F(Restful, SurvivesHttpClientsThatLeave) {
   for (int i = 0; i < 10; ++i) {
-    const int fd = connect_to(8080);
-    const std::string get = "GET /dev/info HTTP/1.1\r\nHost: localhost\r\n\r\n";
-    ASSERT_EQ(static_cast<ssize_t>(get.size()), ::send(fd, get.data(), get.size(), MSG_NOSIGNAL));
-    const Frame request = next_request();
-    ::close(fd);
+    Frame request;
+    {
+      const test::HttpClient client;
+      ASSERT_TRUE(client.send("GET /dev/info HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+      request = next_request();
+    }
     answer(app_.get(), request, "nobody reads this");
   }
   EXPECT_EQ("/dev info", target_of("/dev/info"));
@@ -287,13 +277,7 @@ TEST_F(Restful, SaysAtOnceThatAnAnswerIsTooLong) {
     const Frame request = next_request();
     const std::string text(ORP_MSG_MAX_DISPATCHED_BODY + 1, 't');
     if (in_file) {
-      std::string path = std::string(ORP_MSG_HAND_OVER_PREFIX) + "6";
-      std::ofstream(path) << text;
-      path.resize(ORP_MSG_HAND_OVER_PATH_SIZE);
-      app_->send({.type = request.type | ORP_MSG_TYPE_BODY_IN_FILE,
-                  .to = "mic",
-                  .body = path,
-                  .sequence = request.sequence});
+      answer_in_file(request, text);
     } else {
       answer(app_.get(), request, text);
     }

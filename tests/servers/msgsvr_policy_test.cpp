@@ -500,13 +500,7 @@ TEST_F(Trust, BoardsComeFromListedNetworks) {
   test::run("ip address add 10.9.9.7/24 dev lo");
   start({"--tcp", "0.0.0.0:5050", "--tcp-from", "10.9.8.0/24", "--tcp-from", "fd00::/8"});
   const auto from = [](const char *address) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in own = test::loopback(0);
-    EXPECT_EQ(1, ::inet_pton(AF_INET, address, &own.sin_addr));
-    EXPECT_EQ(0, ::bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own));
-    const sockaddr_in server = test::loopback(kPort);
-    EXPECT_EQ(0, ::connect(fd, reinterpret_cast<const sockaddr *>(&server), sizeof server));
-    return test::MessagePeer(fd, false, "board");
+    return test::MessagePeer(test::connect_to(kPort, address), false, "board");
   };
   test::MessagePeer listed = from("10.9.8.7");
   listed.send({.type = ORP_MSG_REGISTER, .sequence = 1});

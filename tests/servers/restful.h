@@ -43,6 +43,15 @@ class Restful : public Services {
     enter("/dev");
   }
 
+  // An application of another board, which shares no files with the server, and serves "/board".
+  RawClient serve_board() {
+    serve({"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
+    RawClient board("board", uint16_t{7070});
+    board.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/board", 7)});
+    board.drain();
+    return board;
+  }
+
   void enter(const std::string &texts) {
     app_->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
     app_->drain();
@@ -73,11 +82,18 @@ class Restful : public Services {
   }
   // Answers like the library's dispatcher.
   static void answer(RawClient *client, const Frame &request, const std::string &text) {
-    client->send({.type = request.type,
-                  .to = request.from,
-                  .body = text + '\0',
-                  .data = request.data,
-                  .sequence = request.sequence});
+    client->answer(request, request.data, text + '\0');
+  }
+
+  // The same with the text in a file, whose path it returns.
+  std::string answer_in_file(const Frame &request, const std::string &text) {
+    const std::string path = std::string(ORP_MSG_HAND_OVER_PREFIX) + "5";
+    std::ofstream(path) << text << '\0';
+    app_->send({.type = request.type | ORP_MSG_TYPE_BODY_IN_FILE,
+                .to = "mic",
+                .body = padded(path, ORP_MSG_HAND_OVER_PATH_SIZE),
+                .sequence = request.sequence});
+    return path;
   }
 
   static std::string status_in(const std::string &got) { return got.substr(got.find('|') + 1, 3); }

@@ -2,16 +2,12 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "support/network.h"
 #include "support/process.h"
 
 namespace test {
@@ -25,15 +21,6 @@ class Services : public testing::Test {
   void start(const std::vector<std::string> &arguments = {}) {
     server_ = std::make_unique<Process>("msgsvr", arguments);
     ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
-  }
-
-  // A connection to a port of 127.0.0.1, or -1.
-  static int connect_to(uint16_t port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return fd;
-    ::close(fd);
-    return -1;
   }
 
   template <typename T>

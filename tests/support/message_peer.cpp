@@ -157,8 +157,7 @@ RawClient::RawClient(const std::string &name, Register how, const std::string &s
 }
 
 RawClient::RawClient(const std::string &name, uint16_t port)
-    : MessagePeer(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), false, name) {
-  EXPECT_TRUE(use(::connect, fd(), loopback(port)));
+    : MessagePeer(connect_to(port), false, name) {
   EXPECT_TRUE(enter());
 }
 

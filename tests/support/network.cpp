@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "os/fd.h"
 #include "support/soak.h"
@@ -77,6 +78,22 @@ sockaddr_in loopback(uint16_t port) {
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return address;
+}
+
+int connect_to(uint16_t port, const std::string &from) {
+  const auto address_of = [](const char *host, uint16_t at) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    EXPECT_EQ(0, ::getaddrinfo(host, std::to_string(at).c_str(), &hints, &found)) << host;
+    return std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>(found, ::freeaddrinfo);
+  };
+  const auto own = address_of(from.c_str(), 0);
+  const auto server = address_of(own->ai_family == AF_INET6 ? "::1" : "127.0.0.1", port);
+  msgapi::os::UniqueFd fd(::socket(own->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(0, ::bind(fd.get(), own->ai_addr, own->ai_addrlen)) << from;
+  return ::connect(fd.get(), server->ai_addr, server->ai_addrlen) == 0 ? fd.release() : -1;
 }
 
 void send_over_loopback(int count, size_t size) {

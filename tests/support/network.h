@@ -24,6 +24,10 @@ void teach_bridge(const std::string &bridge, const std::string &peer, const std:
 // A port of this machine.
 sockaddr_in loopback(uint16_t port);
 
+// A connection from the address `from` to a port of this machine, of the same family; -1 when
+// nobody listens there.
+int connect_to(uint16_t port, const std::string &from = "127.0.0.1");
+
 // Sends `count` datagrams of `size` bytes to a closed port of this machine.
 void send_over_loopback(int count, size_t size);
 
