@@ -292,14 +292,12 @@ TEST_F(BodyFiles, OfOthersNobodyHandsOver) {
   const auto receiver = user("receiver", {}, kReceiver);
   subscribe(receiver.get());
   make_file(kUser, path_);
-  hostile->send(message(body_, "receiver"));
-  hostile->expect(notice(kType, "hostile"));
+  expect_refusal(*hostile, message(body_, "receiver"));
   hostile->send(message(body_, "mic", ORP_MSG_EVENT_WAN));
   hostile->send(message(body_, "nobody"));
   hostile->drain();
   // Nor with a message that is so long that the server passes it on while it arrives.
-  hostile->send(message(padded(path_, 400000), "receiver"));
-  hostile->expect(notice(kType, "hostile"));
+  expect_refusal(*hostile, message(padded(path_, 400000), "receiver"));
   EXPECT_TRUE(receiver->quiet());
   EXPECT_THAT(owner_and_mode(path_), Pair(kUser, kMode));
 }

@@ -17,23 +17,12 @@
 
 namespace {
 
-using Trust = test::Users;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-// The server's status for a request; 404 means that it was accepted, but nobody serves it.
-class HttpDoor : public Trust {
- protected:
-  static std::string status_of(const std::string &options,
-                               const std::string &url = "http://127.0.0.1:8080/x") {
-    EXPECT_NE(-1,
-              std::system(("curl -sg --max-time 20 -o /var/body -D /var/head -w '%{http_code}' " +
-                           options + " " + url + " >/var/http")
-                              .c_str()));
-    return test::contents("/var/http");
-  }
-};
+// A status of 404 means that the request was accepted, but nobody serves it.
+using HttpDoor = test::Users;
 
 TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
   start({"--http", "8080", "--http-host", "gateway.lan"});
@@ -62,8 +51,8 @@ TEST_F(HttpDoor, IsClosedToPagesOfOtherSites) {
   for (const auto &[options, status] : kAsked) EXPECT_EQ(status, status_of(options)) << options;
   // The next request of the connection does not wait for a refused body.
   EXPECT_EQ("403404",
-            status_of("-H 'Origin: null' --data-binary @" + std::string(::getenv("MSGAPI_BIN")) +
-                      "/msgsvr http://127.0.0.1:8080/y --next -s -o /var/body -w '%{http_code}'"));
+            status_of("-H 'Origin: null' --data-binary @$MSGAPI_BIN/msgsvr http://127.0.0.1:8080/y "
+                      "--next -s -o /var/body -w '%{http_code}'"));
   EXPECT_EQ("404", status_of(""));
   EXPECT_THAT(log(), HasSubstr("refused by HTTP 12"));
   EXPECT_THAT(test::contents("/var/head"),

@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "servers/services.h"
+#include "support/file.h"
 #include "support/message_peer.h"
+#include "support/network.h"
 
 namespace test {
 
@@ -81,6 +83,21 @@ class Users : public Services {
 
   static Frame notice(uint32_t type, const std::string &to) {
     return {.type = ORP_MSG_UNDELIVERABLE, .to = to, .data = type};
+  }
+
+  // Sends what brings a notice.
+  static void expect_refusal(RawClient &client, const Frame &request,
+                             const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
+    client.send(request);
+    client.expect(notice(request.type & ORP_MSG_TYPE_MASK, client.name()), file, line);
+  }
+
+  // The server's HTTP status for a request with curl. The answer's body is in /var/body, its head
+  // in /var/head.
+  static std::string status_of(const std::string &options, const std::string &path = "/x") {
+    run("curl -sg --max-time 20 -o /var/body -D /var/head -w '%{http_code}' " + options +
+        " http://127.0.0.1:8080" + path + " >/var/http");
+    return contents("/var/http");
   }
 
   // Ends the server and returns its whole log.
