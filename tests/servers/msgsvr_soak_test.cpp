@@ -91,8 +91,13 @@ class Vandal {
     return limit == 0 ? 0 : static_cast<uint32_t>(random_() % limit);
   }
 
+  template <typename T>
+  T pick(std::initializer_list<T> from) {
+    return *(from.begin() + below(static_cast<uint32_t>(from.size())));
+  }
+
   void connect() {
-    const std::string name = "v" + std::to_string(number_) + std::to_string(below(6));
+    const std::string name = name_of(number_);
     clients_.emplace_back(name, RawClient::Register::kNo);
     if (below(4) != 0) send(clients_.back(), Frame{.type = ORP_MSG_REGISTER}.bytes(name));
   }
@@ -107,6 +112,11 @@ class Vandal {
     ::recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT);
   }
 
+  // Several connections have the same name at times.
+  std::string name_of(uint32_t number) {
+    return "v" + std::to_string(number) + std::to_string(below(6));
+  }
+
   std::string noise(size_t size) {
     std::string bytes(size, '\0');
     for (char &byte : bytes) byte = static_cast<char>(below(256));
@@ -118,14 +128,7 @@ class Vandal {
   }
 
   std::string target() {
-    switch (below(6)) {
-      case 0:
-        return "";
-      case 1:
-        return "nobody";
-      default:
-        return "v" + std::to_string(below(kHostile)) + std::to_string(below(6));
-    }
+    return pick<std::string>({"", "nobody", name_of(below(kHostile)), name_of(below(kHostile))});
   }
 
   Frame message(size_t size) {
@@ -137,33 +140,18 @@ class Vandal {
     for (size_t sent = 0; sent < 300000; sent += frame.size()) send(client, frame);
   }
 
-  // A request that makes the server keep something or give something up.
+  // A request that makes the server keep something or give something up, often with a body of
+  // another.
   Frame request() {
     const std::string name = "k" + std::to_string(below(2000));
-    switch (below(9)) {
-      case 0:
-        return {.type = ORP_MSG_SUBSCRIBE, .data = ORP_MSG_ALL_EVENTS + below(300)};
-      case 1:
-        return {.type = ORP_MSG_SUBSCRIBE,
-                .body = padded(name),
-                .data = ORP_MSG_ALL_EVENTS + below(300)};
-      case 2:
-        return {.type = ORP_MSG_UNSUBSCRIBE,
-                .body = padded(name),
-                .data = ORP_MSG_ALL_EVENTS + below(300)};
-      case 3:
-        return {.type = ORP_MSG_SYNC_WAIT, .body = name + '\0'};
-      case 4:
-        return {.type = ORP_MSG_SYNC_POST, .body = name + '\0'};
-      case 5:
-        return {.type = ORP_MSG_RESTFUL_REGISTER, .body = "/" + name + "|/x/" + name + '\0'};
-      case 6:
-        return {.type = ORP_MSG_RESTFUL_REQUEST, .body = noise(136)};
-      case 7:
-        return {.type = ORP_LCTRL_MSG_LOGIN + below(5), .body = noise(below(300))};
-      default:
-        return {.type = ORP_MSG_ALL_EVENTS + below(300), .body = noise(below(500))};
-    }
+    const uint32_t event = ORP_MSG_ALL_EVENTS + below(300);
+    return {
+        .type = pick<uint32_t>({ORP_MSG_SUBSCRIBE, ORP_MSG_UNSUBSCRIBE, ORP_MSG_SYNC_WAIT,
+                                ORP_MSG_SYNC_POST, ORP_MSG_RESTFUL_REGISTER,
+                                ORP_MSG_RESTFUL_REQUEST, ORP_LCTRL_MSG_LOGIN + below(5), event}),
+        .body = pick<std::string>({"", padded(name), name + '\0', "/" + name + "|/x/" + name + '\0',
+                                   noise(136), noise(below(500))}),
+        .data = event};
   }
 
   const uint32_t number_;
