@@ -1,7 +1,6 @@
 // Long messages, which the message server passes on while they arrive.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <string>
 

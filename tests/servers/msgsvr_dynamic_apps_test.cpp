@@ -1,7 +1,6 @@
 // Applications that the message server starts when somebody connects to them.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>

@@ -1,7 +1,6 @@
 // Events at the message server: who gets them, and who pays for slow subscribers.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <map>
 #include <string>

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -17,7 +16,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <new>
 #include <optional>

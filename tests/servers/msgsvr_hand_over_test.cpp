@@ -143,6 +143,10 @@ TEST_F(HandOver, OfAMessageThatNobodyGetsIsRemovedIfItIsTheSenders) {
   EXPECT_FALSE(stays(frame, kUser));
   EXPECT_FALSE(stays(frame, kUser)) << "it has gone already";
 
+  make_file(kUser, "/var/elsewhere");
+  stays(message(padded("/var/elsewhere", ORP_MSG_HAND_OVER_PATH_SIZE), "to").bytes(), kUser);
+  EXPECT_TRUE(fs::exists("/var/elsewhere"));
+
   make_file(kReceiver, path_);
   EXPECT_TRUE(stays(frame, kUser));
   EXPECT_FALSE(stays(frame, kUser, kReceiver)) << "it was given away already";

@@ -1,7 +1,6 @@
 // HTTP clients of the message server that are many, slow or hostile.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>

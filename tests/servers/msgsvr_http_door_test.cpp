@@ -1,9 +1,7 @@
 // Which HTTP requests the message server accepts at all.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>

@@ -1,7 +1,6 @@
 // Restful requests by HTTP, with curl.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>

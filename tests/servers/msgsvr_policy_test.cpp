@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>

@@ -1,9 +1,7 @@
 // The message server as a process: sockets, addresses, signals, descriptors.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -38,6 +36,8 @@ TEST_F(MsgsvrProcess, ServesOtherBoardsOverTcp) {
 
 TEST_F(MsgsvrProcess, PrintsStatisticsAndLeavesNoSocketBehind) {
   start();
+  EXPECT_EQ(std::filesystem::perms{0666},
+            std::filesystem::status(ORP_MSG_SERVER_PATH).permissions());
   RawClient a("web");
   a.send({.type = kType, .to = "nobody"});
   a.read();
@@ -52,48 +52,10 @@ TEST_F(MsgsvrProcess, PrintsStatisticsAndLeavesNoSocketBehind) {
   EXPECT_FALSE(std::filesystem::exists(ORP_MSG_SERVER_PATH));
 }
 
-TEST_F(MsgsvrProcess, ReplacesADeadServersSocketButNotALivingOnes) {
-  start();
-  EXPECT_EQ(std::filesystem::perms{0666},
-            std::filesystem::status(ORP_MSG_SERVER_PATH).permissions());
-
-  test::Process second("msgsvr");
-  EXPECT_EQ(1, second.wait());
-  EXPECT_THAT(second.output(), HasSubstr("a server is running there"));
-  settle();
-
-  server_->stop(SIGKILL);
-  start();
-  settle();
-}
-
-TEST_F(MsgsvrProcess, RefusesConnectionsItHasNoDescriptorsForAndGoesOn) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer's own checks need descriptors in the server";
-#endif
-  start();
-  // The server uses its hard limit, which is lowered from outside.
-  const rlimit few{32, 32};
-  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &few, nullptr));
-  RawClient a("a");
-
-  std::vector<RawClient> many;
-  for (int i = 0; i < 40; ++i) many.emplace_back("many", RawClient::Register::kNo);
-  EXPECT_TRUE(server_->wait_for("a connection is refused"));
-  expect_delivery(&a, &a);
-  many.clear();
-  while (open_descriptors() > idle_descriptors_ + 1) a.drain();
-  RawClient late("late");
-  expect_delivery(&a, &late);
-}
-
 TEST(MessageServerAddresses, AreCheckedAndNamed) {
-  for (const char *bad :
-       {"99999", "127.0.0.1:65536", "127.0.0.1:0", "127.0.0.1:", "127.0.0.1:8o"}) {
-    for (const char *option : {"--http", "--tcp"}) {
-      test::Process server("msgsvr", {option, bad});
-      EXPECT_EQ(1, server.wait()) << option << ' ' << bad;
-    }
+  for (const char *option : {"--http", "--tcp"}) {
+    test::Process server("msgsvr", {option, "99999"});
+    EXPECT_EQ(1, server.wait()) << option;
   }
   test::Process server("msgsvr", {"--http", "8080", "--tcp", "127.0.0.1:7000"});
   EXPECT_TRUE(server.wait_for("ready on /var/run/msgsvr, TCP 127.0.0.1:7000, HTTP 127.0.0.1:8080"));

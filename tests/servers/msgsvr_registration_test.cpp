@@ -1,7 +1,6 @@
 // Names of processes at the message server, and whether the processes are alive.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>

@@ -1,7 +1,6 @@
 // Processes that wait for each other at points of the message server.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <string>
@@ -43,16 +42,6 @@ TEST_F(MsgsvrSyncPoints, LetEverybodyGoWhoWaitsThere) {
 
   EXPECT_EQ(4u, one.read().sequence);
   EXPECT_EQ(5u, two.read().sequence);
-}
-
-TEST_F(MsgsvrSyncPoints, KeepAReleaseForTheNextThatComesOnce) {
-  RawClient late("late");
-
-  release("boot");
-
-  EXPECT_EQ(6u, late.ask(wait_at("boot", 6)).sequence);
-  late.send(wait_at("boot", 7));
-  EXPECT_THAT(late.drain(), IsEmpty());
 }
 
 TEST_F(MsgsvrSyncPoints, AnswerTheLastRequestOfAProcessThatAsksAgain) {
