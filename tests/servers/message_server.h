@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -40,6 +41,14 @@ class MessageServer : public Services {
       ::usleep(1000);
     }
     EXPECT_EQ(idle_descriptors_ + clients, open_descriptors());
+  }
+
+  // The server's memory in bytes.
+  size_t memory() const {
+    std::ifstream file("/proc/" + std::to_string(server_->pid()) + "/statm");
+    size_t pages = 0;
+    file >> pages >> pages;
+    return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   }
 
   // Waits until the server has dealt with everything that other clients did before, the end of

@@ -25,6 +25,7 @@
 namespace {
 
 using servers::UniqueFd;
+using test::Frame;
 using test::RawClient;
 using test::Services;
 using testing::HasSubstr;
@@ -41,6 +42,10 @@ class DynamicApps : public Services {
         << R"({"applications": [{"name": "dyn", "executable": "/usr/bin/python3",)"
         << R"("arguments": ["/var/dyn.py"], "listen": ")" << listen << "\"" << more << "}]}";
     start({"--apps", "/var/apps.json", "--tcp", "127.0.0.1:7070"});
+  }
+
+  static Frame request(uint32_t action, const std::string &name = "dyn") {
+    return {.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded(name), .data = action};
   }
 
   // Connects and returns everything that the application sends; none when nobody listens.
@@ -124,7 +129,7 @@ TEST_F(DynamicApps, AreWaitedForWhileTheyEnd) {
   };
   RawClient client("web");
   const auto update = [&](uint32_t action) {
-    client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("dyn"), .data = action});
+    client.send(request(action));
     EXPECT_THAT(client.drain(), testing::IsEmpty());
   };
   ASSERT_EQ("up", is_up());
@@ -153,7 +158,7 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
   start_with(kServeForEver, kTcp);
   RawClient client("web");
   const auto update = [&](uint32_t action) {
-    client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("dyn"), .data = action});
+    client.send(request(action));
     client.drain();
   };
 
@@ -168,8 +173,7 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
 
   // A board's process is none of the application's own.
   RawClient board("board", uint16_t{7070});
-  board.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("dyn"), .data = ORP_DYNAPP_OFF});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, board.read().type);
+  expect_refusal(board, request(ORP_DYNAPP_OFF));
   EXPECT_EQ("2", visit());
 
   update(ORP_DYNAPP_OFF);
@@ -191,11 +195,10 @@ TEST_F(DynamicApps, AreSwitchedOffAndOnAndRestarted) {
     EXPECT_EQ(0u, client.ask({.type = ORP_MSG_DYNAPP_STOP_ALL}).data) << "all stop";
   EXPECT_FALSE(visit());
 
-  client.send(
-      {.type = ORP_MSG_DYNAPP_UPDATE, .body = test::padded("unknown"), .data = ORP_DYNAPP_ON});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type);
-  client.send({.type = ORP_MSG_DYNAPP_UPDATE, .body = "dyn", .data = ORP_DYNAPP_ON});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, client.read().type) << "the name has no end";
+  expect_refusal(client, request(ORP_DYNAPP_ON, "unknown"));
+  Frame endless = request(ORP_DYNAPP_ON);
+  endless.body = "dyn";
+  expect_refusal(client, endless);
 }
 
 TEST_F(DynamicApps, RunAsTheirUserOnAUnixSocket) {
@@ -250,21 +253,19 @@ TEST_F(DynamicApps, NeedAConfigurationThatMakesSense) {
       {R"("name": "a", "executable": "/x", "listen": "unix:/var/x"},
           {"name": "a", "executable": "/x", "listen": "unix:/var/y")",
        "application a: there is another one of this name"}};
-  for (const auto &[entry, complaint] : kBad) {
-    std::ofstream("/var/apps.json") << R"({"applications": [{)" << entry << "}]}";
-    test::Process server("msgsvr", {"--apps", "/var/apps.json"});
-    EXPECT_EQ(1, server.wait()) << entry;
-    EXPECT_THAT(server.output(),
-                testing::AllOf(HasSubstr("/var/apps.json: "), HasSubstr(complaint)));
-  }
-}
-
-TEST_F(DynamicApps, NeedAList) {
-  for (const char *text : {"{}", "[]", R"({"applications": {}})", R"({"applications": [7]})"}) {
+  const auto refusal = [](const std::string &text) {
     std::ofstream("/var/apps.json") << text;
     test::Process server("msgsvr", {"--apps", "/var/apps.json"});
     EXPECT_EQ(1, server.wait()) << text;
     EXPECT_THAT(server.output(), HasSubstr("/var/apps.json: ")) << text;
+    return server.output();
+  };
+  for (const auto &[entry, complaint] : kBad) {
+    const std::string text = R"({"applications": [{)" + std::string(entry) + "}]}";
+    EXPECT_THAT(refusal(text), HasSubstr(complaint));
+  }
+  for (const char *text : {"{}", "[]", R"({"applications": {}})", R"({"applications": [7]})"}) {
+    refusal(text);
   }
   test::Process server("msgsvr", {"--apps", "/var/none.json"});
   EXPECT_EQ(1, server.wait());

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -35,14 +34,6 @@ class HostileClients : public test::MessageServer {
   static void expect_service() {
     RawClient a("fine");
     expect_delivery(&a, &a);
-  }
-
-  // The server's memory in bytes.
-  size_t memory() const {
-    std::ifstream file("/proc/" + std::to_string(server_->pid()) + "/statm");
-    size_t pages = 0;
-    file >> pages >> pages;
-    return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   }
 
   static bool is_refusal(const Frame &frame, uint32_t type) {

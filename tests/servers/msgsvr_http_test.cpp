@@ -118,8 +118,7 @@ TEST_F(Restful, CountsAPathOnceHoweverOftenItIsRegistered) {
   }
   EXPECT_EQ("/dev info", target_of("/dev/info"));
   for (const char *texts : {"/other", "/dev|/dev"}) {
-    app_->send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + std::string(1, '\0')});
-    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, app_->read().type) << texts;
+    expect_refusal(*app_, {.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + std::string(1, '\0')});
   }
 }
 
@@ -154,13 +153,10 @@ TEST_F(Restful, FailsARequestOnlyForItsApplicationsTrouble) {
       test::padded(std::string(ORP_MSG_HAND_OVER_PREFIX) + "9", ORP_MSG_HAND_OVER_PATH_SIZE);
   const auto refused = [&](RawClient *client, uint32_t type, const std::string &to,
                            uint32_t sequence) {
-    client->send({.type = type | ORP_MSG_TYPE_BODY_IN_FILE,
-                  .to = to,
-                  .body = no_file,
-                  .sequence = sequence});
-    const Frame notice = client->read();
-    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type);
-    EXPECT_EQ(type, notice.data);
+    expect_refusal(*client, {.type = type | ORP_MSG_TYPE_BODY_IN_FILE,
+                             .to = to,
+                             .body = no_file,
+                             .sequence = sequence});
   };
   refused(&other, ORP_MSG_RESTFUL_REQUEST, "mic", request.sequence);
   refused(app_.get(), ORP_MSG_RESTFUL_REQUEST, "mic", request.sequence + 1);
@@ -193,10 +189,7 @@ TEST_F(Restful, TellsWhoRegistersAPathThatCannotBe) {
   for (int i = 0; i <= 4096; ++i) many += "/p|";
   for (const std::string &texts :
        {"/" + std::string(127, 'p'), "/ok|/" + std::string(127, 'p'), many}) {
-    client.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
-    const Frame notice = client.read();
-    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type) << texts.size();
-    EXPECT_EQ(ORP_MSG_RESTFUL_REGISTER, notice.data) << texts.size();
+    expect_refusal(client, {.type = ORP_MSG_RESTFUL_REGISTER, .body = texts + '\0'});
   }
   client.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = "/" + std::string(126, 'p') + '\0'});
   EXPECT_THAT(client.drain(), testing::IsEmpty());
@@ -234,8 +227,7 @@ TEST_F(Restful, PassesRequestsOfOtherApplicationsOn) {
   EXPECT_STREQ("direct", reply.body.c_str());
 
   const ORP_MSG_RESTFUL_REQ_ST none{0, 0, "/none", "info"};
-  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(none) + '\0'});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, front.read().type);
+  expect_refusal(front, {.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(none) + '\0'});
 
   // The requester gives the registration's own text; also one of a list.
   enter("/net/wan|/net/lan");
@@ -243,8 +235,7 @@ TEST_F(Restful, PassesRequestsOfOtherApplicationsOn) {
   front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(listed) + '\0'});
   EXPECT_STREQ("lan", head_of(next_request()).aucHandler);
   const ORP_MSG_RESTFUL_REQ_ST below{0, 0, "/net/lan", "up"};
-  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(below) + '\0'});
-  EXPECT_EQ(ORP_MSG_UNDELIVERABLE, front.read().type);
+  expect_refusal(front, {.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(below) + '\0'});
 }
 
 TEST_F(Restful, SurvivesHttpClientsThatLeave) {

@@ -4,21 +4,18 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "msgapi/restful.h"
+#include "servers/message_server.h"
 #include "support/message_peer.h"
-#include "support/process.h"
 #include "support/soak.h"
 
 namespace {
@@ -165,14 +162,10 @@ bool expect_ping(RawClient *client, uint32_t sequence, size_t size) {
   return frame.type == kPing && frame.sequence == sequence && frame.body.size() == size;
 }
 
-TEST(MsgsvrSoak, HostileClientsCostOthersNothing) {
-  test::Process server("msgsvr", {"--patience", "10000"});
-  ASSERT_TRUE(server.wait_for("ready"));
-  const std::string directory = "/proc/" + std::to_string(server.pid());
-  const auto descriptors = [&] {
-    return std::distance(std::filesystem::directory_iterator(directory + "/fd"), {});
-  };
-  const auto idle = descriptors();
+class MsgsvrSoak : public test::MessageServer {};
+
+TEST_F(MsgsvrSoak, HostileClientsCostOthersNothing) {
+  start({"--patience", "10000"});
   const auto end =
       steady_clock::now() + std::min(kUsual * static_cast<int>(test::soak_factor()), kLongest);
 
@@ -221,15 +214,11 @@ TEST(MsgsvrSoak, HostileClientsCostOthersNothing) {
   RecordProperty("exchanged", std::to_string(exchanged));
   RecordProperty("hostile_acts", std::to_string(acts));
   // The server releases everything that it held for them.
-  for (int i = 0; i < test::kPatience_ms && descriptors() != idle; ++i) ::usleep(1000);
-  EXPECT_EQ(idle, descriptors());
-  std::ifstream statm(directory + "/statm");
-  size_t pages = 0;
-  statm >> pages >> pages;
+  expect_no_descriptors_but_of(0);
 #ifndef __SANITIZE_ADDRESS__
-  EXPECT_LT(pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE)), size_t{100} << 20);
+  EXPECT_LT(memory(), size_t{100} << 20);
 #endif
-  EXPECT_EQ(0, server.stop(SIGTERM)) << server.output();
+  EXPECT_EQ(0, server_->stop(SIGTERM)) << server_->output();
 }
 
 }  // namespace

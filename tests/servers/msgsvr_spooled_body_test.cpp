@@ -26,24 +26,6 @@ constexpr std::string_view kHead = "head";
 // With the NUL the longest that travels in the message.
 constexpr size_t kLongestInline = ORP_MSG_MAX_INLINE_BODY - kHead.size() - 1;
 
-TEST(SpooledBody, IsInAFileIfItIsTooLongForAMessage) {
-  for (const size_t size : {size_t{0}, kLongestInline, kLongestInline + 1, size_t{100000}}) {
-    SpooledBody body(kHead.size());
-    const std::string text(size, 't');
-    for (size_t at = 0; at < size; at += 1500) ASSERT_TRUE(body.append(text.substr(at, 1500)));
-    ASSERT_TRUE(body.finish(kHead)) << size;
-
-    std::string whole;
-    EXPECT_TRUE(body.read(&whole)) << size;
-    EXPECT_TRUE(std::string(kHead) + text + '\0' == whole) << size;
-    EXPECT_EQ(size > kLongestInline, body.file() != 0) << size;
-    if (body.file() == 0) {
-      EXPECT_TRUE(body.memory() == whole);
-    }
-  }
-  EXPECT_TRUE(fs::is_empty(kDirectory)) << "files go with their bodies";
-}
-
 TEST(SpooledBody, NoticesThatItsFileIsNotWhatItWas) {
   SpooledBody body(kHead.size());
   ASSERT_TRUE(body.append(std::string(5000, 't')) && body.finish(kHead));

@@ -59,10 +59,7 @@ TEST_F(MsgsvrSyncPoints, HaveNames) {
   RawClient client("client");
   for (const uint32_t type : {ORP_MSG_SYNC_WAIT, ORP_MSG_SYNC_POST}) {
     for (const size_t size : {0, 256}) {
-      client.send({.type = type, .body = std::string(size, 'p') + '\0', .sequence = 8});
-      const Frame notice = client.read();
-      EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type) << size;
-      EXPECT_EQ(type, notice.data) << size;
+      expect_refusal(client, {.type = type, .body = std::string(size, 'p') + '\0', .sequence = 8});
     }
   }
   const std::string longest(255, 'p');
@@ -87,10 +84,7 @@ TEST_F(MsgsvrSyncPoints, AreLimitedForAProcessAndItsUser) {
   RawClient one("one");
   one.send(wait_at("boot", 4));
   for (const uint32_t type : {ORP_MSG_SYNC_WAIT, ORP_MSG_SYNC_POST}) {
-    one.send({.type = type, .body = "other", .sequence = 5});
-    const Frame notice = one.read();
-    EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type);
-    EXPECT_EQ(type, notice.data);
+    expect_refusal(one, {.type = type, .body = "other", .sequence = 5});
   }
 
   // A new release takes the place of the one whose maker went first, and of nobody who waits.

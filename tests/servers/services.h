@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/message_peer.h"
 #include "support/process.h"
 
 namespace test {
@@ -21,6 +22,17 @@ class Services : public testing::Test {
   void start(const std::vector<std::string> &arguments = {}) {
     server_ = std::make_unique<Process>("msgsvr", arguments);
     ASSERT_TRUE(server_->wait_for("ready")) << server_->output();
+  }
+
+  static Frame notice(uint32_t type, const std::string &to) {
+    return {.type = ORP_MSG_UNDELIVERABLE, .to = to, .data = type};
+  }
+
+  // Sends what brings a notice.
+  static void expect_refusal(RawClient &client, const Frame &request,
+                             const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
+    client.send(request);
+    client.expect(notice(request.type & ORP_MSG_TYPE_MASK, client.name()), file, line);
   }
 
   template <typename T>

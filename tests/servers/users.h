@@ -81,17 +81,6 @@ class Users : public Services {
     start(arguments);
   }
 
-  static Frame notice(uint32_t type, const std::string &to) {
-    return {.type = ORP_MSG_UNDELIVERABLE, .to = to, .data = type};
-  }
-
-  // Sends what brings a notice.
-  static void expect_refusal(RawClient &client, const Frame &request,
-                             const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
-    client.send(request);
-    client.expect(notice(request.type & ORP_MSG_TYPE_MASK, client.name()), file, line);
-  }
-
   // The server's HTTP status for a request with curl. The answer's body is in /var/body, its head
   // in /var/head.
   static std::string status_of(const std::string &options, const std::string &path = "/x") {
