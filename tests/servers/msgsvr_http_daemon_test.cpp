@@ -7,9 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -182,39 +180,35 @@ TEST_F(HttpDaemon, RefusesWithoutCountingIfNobodyCounts) {
 }
 
 // The network with the most connections gives up the one that has been quiet the longest.
-struct Crowd {
-  std::string what;
-  std::vector<const char *> clients;  // in the order of their coming
-  size_t replaced;
-};
-std::ostream &operator<<(std::ostream &out, const Crowd &crowd) {
-  return out << crowd.what;
-}
-class HttpNetworks : public HttpDaemon, public testing::WithParamInterface<Crowd> {};
-
-TEST_P(HttpNetworks, ShareThePlaces) {
+TEST_F(HttpDaemon, SharesThePlacesAmongNetworks) {
   if (::access("/proc/net/if_inet6", F_OK) != 0) GTEST_SKIP() << "this kernel has no IPv6";
   for (const char *address : {"fd00::1/64", "fd00::2/64", "fd01::1/64"}) {
     test::run(std::string("ip address add ") + address + " dev lo nodad");
   }
-  const std::vector<const char *> &addresses = GetParam().clients;
-  start({.patience = milliseconds(60000), .connections = addresses.size()}, "[::]:8080");
-  std::deque<Client> clients;
-  for (const char *address : addresses) clients.emplace_back(address);
-  Client next("127.0.0.1");
-  next.send(kGet);
-  ASSERT_TRUE(turn_until_requests(1));
+  const struct {
+    const char *what;
+    std::vector<std::string> clients;  // in the order of their coming
+    size_t replaced;
+  } kCrowds[] = {
+      {"the oldest of the largest", {"::1", "127.0.0.2", "127.0.0.1", "127.0.0.1"}, 2},
+      {"whole IPv4 addresses", {"127.0.0.1", "127.0.0.2", "::1", "::1"}, 2},
+      {"half IPv6 addresses", {"::1", "fd01::1", "fd00::1", "fd00::2"}, 2},
+      {"the oldest if all are alike", {"fd01::1", "::1", "fd00::1", "127.0.0.3"}, 0},
+  };
+  for (const auto &[what, addresses, replaced] : kCrowds) {
+    SCOPED_TRACE(what);
+    requests_.clear();
+    start({.patience = milliseconds(60000), .connections = addresses.size()}, "[::]:8080");
+    std::deque<Client> clients(addresses.begin(), addresses.end());
+    Client next("127.0.0.1");
+    next.send(kGet);
+    ASSERT_TRUE(turn_until_requests(1));
 
-  for (size_t i = 0; i < clients.size(); ++i) {
-    EXPECT_EQ(i == GetParam().replaced, clients[i].ended()) << addresses[i];
+    for (size_t i = 0; i < clients.size(); ++i) {
+      EXPECT_EQ(i == replaced, clients[i].ended()) << addresses[i];
+    }
+    front_.reset();
   }
 }
-INSTANTIATE_TEST_SUITE_P(
-    , HttpNetworks,
-    testing::Values(Crowd{"OldestOfTheLargest", {"::1", "127.0.0.2", "127.0.0.1", "127.0.0.1"}, 2},
-                    Crowd{"WholeIpv4Addresses", {"127.0.0.1", "127.0.0.2", "::1", "::1"}, 2},
-                    Crowd{"HalfIpv6Addresses", {"::1", "fd01::1", "fd00::1", "fd00::2"}, 2},
-                    Crowd{"OldestIfAllAreAlike", {"fd01::1", "::1", "fd00::1", "127.0.0.3"}, 0}),
-    [](const auto &each) { return each.param.what; });
 
 }  // namespace

@@ -21,19 +21,6 @@ using testing::HasSubstr;
 
 class MsgsvrProcess : public test::MessageServer {};
 
-TEST_F(MsgsvrProcess, ServesOtherBoardsOverTcp) {
-  start({"--tcp", "127.0.0.1:7070"});
-  RawClient a("a");
-  RawClient board("board", uint16_t{7070});
-
-  expect_delivery(&a, &board);
-  expect_delivery(&board, &a);
-  board.close();
-  settle();
-  a.send({.type = kType, .to = "board", .sequence = 2});
-  expect_undeliverable(&a, kType, 2);
-}
-
 TEST_F(MsgsvrProcess, PrintsStatisticsAndLeavesNoSocketBehind) {
   start();
   EXPECT_EQ(std::filesystem::perms{0666},
