@@ -87,25 +87,6 @@ TEST_F(MsgsvrRouting, ConvertsTheHeadersOfEverybodyWhenTold) {
   expect_delivery(&everybody, &everybody);
 }
 
-TEST_F(MsgsvrRouting, SurvivesEveryCutAndDamagedFrame) {
-  start();
-  RawClient a("a");
-  RawClient b("b");
-  const std::string frame = Frame{.type = kType, .to = "b", .body = "12345678"}.bytes("x");
-  for (size_t at = 0; at < frame.size(); ++at) {
-    RawClient("dying", RawClient::Register::kNo).send_bytes(frame.substr(0, at));
-    for (const char value : {'\0', '\1', '\x7f', '\x80', '\xff'}) {
-      std::string damaged = frame;
-      damaged[at] = value;
-      RawClient("hostile", RawClient::Register::kNo).send_bytes(damaged);
-    }
-  }
-  settle();
-  b.drain();
-  for (const char byte : frame) a.send_bytes({&byte, 1});
-  EXPECT_EQ("12345678", b.read().body);
-}
-
 TEST_F(MsgsvrRouting, EndsOnlyTheClientOfAMalformedFrameAndSaysWhy) {
   start();
   RawClient a("a");
@@ -126,7 +107,8 @@ TEST_F(MsgsvrRouting, EndsOnlyTheClientOfAMalformedFrameAndSaysWhy) {
     EXPECT_TRUE(server_->wait_for("hostile[" + std::to_string(::getpid()) +
                                   "] is disconnected: it " + why));
   }
-  expect_delivery(&a, &b);
+  for (const char byte : good) a.send_bytes({&byte, 1});
+  EXPECT_EQ(1u, b.read().data) << "a frame may come byte by byte";
 }
 
 // A reader stops reading. Nobody else is delayed for long, and each message is either delivered or
