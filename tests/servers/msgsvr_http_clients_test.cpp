@@ -91,25 +91,6 @@ TEST_F(HttpServer, GoesOnAfterManyConnectionsAndOddRequests) {
   EXPECT_EQ("/dev info", target_of("/dev/info"));
 }
 
-TEST_F(HttpServer, ServesAgainWhenThereAreDescriptorsAgain) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer's own checks need descriptors in the server";
-#endif
-  // The server may open no more descriptors than it has.
-  const std::string descriptors = "/proc/" + std::to_string(server_->pid()) + "/fd/";
-  rlim_t lowest_free = 0;
-  while (std::filesystem::is_symlink(descriptors + std::to_string(lowest_free))) ++lowest_free;
-  rlimit before;
-  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, nullptr, &before));
-  const rlimit full{lowest_free, before.rlim_max};
-  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &full, nullptr));
-  const std::vector<HttpClient> refused(40);
-  EXPECT_TRUE(server_->wait_for("a connection is refused")) << server_->output();
-  ASSERT_EQ(0, ::prlimit(server_->pid(), RLIMIT_NOFILE, &before, nullptr));
-
-  EXPECT_EQ("/dev info", target_of("/dev/info"));
-}
-
 TEST_F(HttpServer, LosesNoneOfManyLargeRequests) {
   constexpr int kCount = 40;
   serve({"--http-timeout", "60000"});
