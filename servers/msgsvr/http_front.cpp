@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
+#include <memory>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -22,6 +23,10 @@ using servers::log_line;
 using servers::UniqueFd;
 
 constexpr std::chrono::seconds kRestartDelay{1};
+
+void end(std::unique_ptr<HttpDaemon> daemon) {
+  if (!daemon->stop()) static_cast<void>(daemon.release());  // its parked thread still uses it
+}
 
 }  // namespace
 
@@ -39,14 +44,19 @@ HttpFront::~HttpFront() {
   loop_->cancel(timer_);
   if (!daemon_) return;
   loop_->remove(daemon_->events.fd(), this);
-  if (!daemon_->stop()) static_cast<void>(daemon_.release());
+  end(std::move(daemon_));
 }
 
 void HttpFront::start(uint64_t first_id) {
   UniqueFd listener(::fcntl(listener_.get(), F_DUPFD_CLOEXEC, 0));
   if (!listener) throw std::system_error(errno, std::generic_category(), "dup");
   auto fresh = std::make_unique<HttpDaemon>(std::move(listener), limits_, first_id);
-  loop_->add(fresh->events.fd(), EPOLLIN, this);
+  try {
+    loop_->add(fresh->events.fd(), EPOLLIN, this);
+  } catch (...) {
+    end(std::move(fresh));
+    throw;
+  }
   daemon_ = std::move(fresh);
 }
 

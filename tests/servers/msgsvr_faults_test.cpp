@@ -326,6 +326,23 @@ class HttpFaults : public testing::Test {
   std::optional<msgsvr::HttpFront> front_;
 };
 
+TEST_F(HttpFaults, OfEpollAtTheStartAreThrownAndLeaveNothing) {
+  const test::FdCheck no_leak;
+  long calls = 0;
+  for (bool started = false; !started; ++calls) {
+    g_epoll_ctl = {.armed = true, .left = calls};
+    try {
+      serve([] {});
+      started = true;
+    } catch (const std::system_error &) {
+    }
+    EXPECT_EQ(started ? 0u : 1u, g_epoll_ctl.failed);
+    g_epoll_ctl = {};
+  }
+  EXPECT_LT(2, calls);
+  front_.reset();
+}
+
 TEST_F(HttpFaults, GiveUpTheRequestAndTellItsClient) {
   serve([] { throw std::bad_alloc(); });
 
