@@ -81,10 +81,6 @@ struct Pending {
   uint32_t file = 0;  // number of the hand-over file that was sent; 0: none
 };
 
-// Whether such a request could be sent: there may be no room for it in the application's queue, or
-// its hand-over file has gone.
-enum class Attempt { kSent, kNoRoom, kNoBody };
-
 // For the journal: a method that is not served, and the status of a client that left early.
 constexpr uint32_t kOtherMethod = UINT32_MAX;
 constexpr unsigned kNobodyWaits = 0;
@@ -264,38 +260,30 @@ class Restful final : public Service {
     pending.what = request.method + ' ' + request.path;
     pending.unsent.emplace(std::move(body));
     pending.timer = server_->loop().after(time_limit(), [this, sequence] { time_out(sequence); });
-    const uint64_t lost = client->lost;
-    switch (try_to_send(sequence, pending)) {
-      case Attempt::kSent:
-        server_->outbox().flush();
-        if (client->lost != lost) finish(sequence, try_again("the application is busy"));
-        break;
-      case Attempt::kNoRoom:
-        if (client->backlog.slow) {
-          log_line("{} does not read: {} is refused", client->label(), pending.what);
-          finish(sequence, try_again("the application is busy"));
-        } else if (retry_timer_ == 0) {
-          plan_retry();
-        }
-        break;
-      case Attempt::kNoBody:
-        finish(sequence, try_again("the body is lost"));
-        break;
+    if (try_to_send(sequence)) return;
+    if (client->backlog.slow) {
+      log_line("{} does not read: {} is refused", client->label(), pending.what);
+      finish(sequence, try_again("the application is busy"));
+    } else if (retry_timer_ == 0) {
+      plan_retry();
     }
   }
 
-  Attempt try_to_send(uint32_t sequence, Pending &pending) {
+  // False while there is no room for that request in the application's queue. Otherwise it is on
+  // its way, or its client has been told to try again.
+  bool try_to_send(uint32_t sequence) {
+    const auto entry = pending_.find(sequence);
+    if (entry == pending_.end()) return true;
+    Pending &pending = entry->second;
     Client *client = server_->by_id(pending.client);
-    if (client == nullptr) return Attempt::kNoRoom;
+    if (client == nullptr) return false;
     const bool here = client->address.empty();  // and shares our files
     SpooledBody &body = *pending.unsent;
     const size_t size = kHeaderSize + (body.file() == 0 ? body.memory().size()
                                        : here           ? size_t{ORP_MSG_HAND_OVER_PATH_SIZE}
                                                         : kBodyHead + body.text_size() + 1);
     // A message of any size finds room in an empty queue.
-    if (!client->out.empty() && client->out.weight() + size > client->out.limit()) {
-      return Attempt::kNoRoom;
-    }
+    if (!client->out.empty() && client->out.weight() + size > client->out.limit()) return false;
 
     Header header{};
     header.ulMsgType = ORP_MSG_RESTFUL_REQUEST;
@@ -313,29 +301,30 @@ class Restful final : public Service {
       std::string bytes;
       if (!body.read(&bytes)) {
         log_line("the body of {} is lost: {}", pending.what, std::strerror(errno));
-        return Attempt::kNoBody;
+        finish(sequence, try_again("the body is lost"));
+        return true;
       }
       server_->outbox().send(*client, header, bytes);
     }
     pending.unsent.reset();
-    return Attempt::kSent;
+    const uint64_t lost = client->lost;
+    server_->outbox().flush();
+    if (client->lost != lost) finish(sequence, try_again("the application is busy"));
+    return true;
   }
 
   // Tries again to send the requests that are held, oldest first.
   void plan_retry() {
     retry_timer_ = server_->loop().after(kRetryPeriod, [this] {
       retry_timer_ = 0;
-      bool held = false;
-      std::vector<uint32_t> lost;
-      for (auto &[sequence, pending] : pending_) {
-        if (!pending.unsent) continue;
-        const Attempt attempt = try_to_send(sequence, pending);
-        if (attempt == Attempt::kNoRoom) held = true;
-        if (attempt == Attempt::kNoBody) lost.push_back(sequence);
+      // Sending one may end its application, and with that any of these.
+      std::vector<uint32_t> held;
+      for (const auto &[sequence, pending] : pending_) {
+        if (pending.unsent) held.push_back(sequence);
       }
-      for (const uint32_t sequence : lost) finish(sequence, try_again("the body is lost"));
-      server_->outbox().flush();
-      if (held) plan_retry();
+      bool some_stay = false;
+      for (const uint32_t sequence : held) some_stay |= !try_to_send(sequence);
+      if (some_stay) plan_retry();
     });
   }
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -205,6 +206,40 @@ TEST_F(HeldRequests, AreSentWhenTheApplicationReadsAgain) {
     ASSERT_TRUE(request) << i;
     EXPECT_EQ(std::string(kSize, 'q'), text_of(*request));
     answer(app_.get(), *request, "ok");
+  }
+  for (HttpClient &each : clients) EXPECT_THAT(each.read(), HasSubstr("200 OK"));
+}
+
+// Together they are more than the queue and the sockets take, so each waits for its own room.
+TEST_F(HeldRequests, AreSentOnlyAsTheyFit) {
+  constexpr size_t kCount = 24;
+  const std::string body(900000, 'b');
+  RawClient board = serve_board({"--patience", "60000"});
+  other_ = std::make_unique<RawClient>("other");
+  fill("board");
+  std::vector<HttpClient> clients(kCount);
+  for (const HttpClient &each : clients) {
+    ASSERT_TRUE(
+        each.send("POST /board/set HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
+                  "Content-Length: " +
+                  std::to_string(body.size()) + "\r\n\r\n" + body));
+  }
+  const size_t whole = sizeof(ORP_MSG_RESTFUL_REQ_ST) + body.size() + 1;
+  for (size_t held = 0; held < kCount;) {
+    app_->drain();
+    held = std::ranges::count_if(std::filesystem::directory_iterator("/var/run/msg"),
+                                 [whole](const auto &entry) { return entry.file_size() == whole; });
+  }
+
+  for (size_t left = kCount; left > 0;) {
+    ORP_MSG_HEADER_ST header{};
+    const std::string head = board.receive_bytes(sizeof header);
+    ASSERT_EQ(sizeof header, head.size()) << left;
+    std::memcpy(&header, head.data(), sizeof header);
+    ASSERT_EQ(header.ulDataLen, board.receive_bytes(header.ulDataLen).size());
+    if (header.ulMsgType != ORP_MSG_RESTFUL_REQUEST) continue;
+    answer(&board, {.type = header.ulMsgType, .sequence = header.ulSeqNum, .from = "mic"}, "ok");
+    --left;
   }
   for (HttpClient &each : clients) EXPECT_THAT(each.read(), HasSubstr("200 OK"));
 }

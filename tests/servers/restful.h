@@ -9,6 +9,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "msgapi/restful.h"
@@ -44,8 +45,9 @@ class Restful : public Services {
   }
 
   // An application of another board, which shares no files with the server, and serves "/board".
-  RawClient serve_board() {
-    serve({"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
+  RawClient serve_board(std::vector<std::string> options = {}) {
+    options.insert(options.end(), {"--http-timeout", "30000", "--tcp", "127.0.0.1:7070"});
+    serve(std::move(options));
     RawClient board("board", uint16_t{7070});
     board.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = padded("/board", 7)});
     board.drain();
