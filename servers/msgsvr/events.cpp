@@ -203,7 +203,8 @@ class Events final : public Service {
       }
       Header header = message.header;
       header.ulDataLen = ORP_MSG_HAND_OVER_PATH_SIZE;
-      server_->outbox().send_on(*to, header, hand_over_body(number), from, message, number);
+      server_->outbox().send_on_silently(*to, header, hand_over_body(number), from, message,
+                                         number);
     }
     ::unlink(original->c_str());
   }

@@ -54,7 +54,15 @@ void Outbox::send(Client &to, Header header, std::span<const char> body, uint32_
 }
 
 void Outbox::send_on(Client &to, Header header, std::span<const char> body, const Client &from,
-                     const Message &message, uint32_t file) {
+                     const Message &message) {
+  header.ulDataLen = static_cast<uint32_t>(body.size());
+  OutputQueue::Tag tag = silent_tag(from, message);
+  tag.silent = 0;
+  send_tagged(to, header, body, tag);
+}
+
+void Outbox::send_on_silently(Client &to, Header header, std::span<const char> body,
+                              const Client &from, const Message &message, uint32_t file) {
   header.ulDataLen = static_cast<uint32_t>(body.size());
   send_tagged(to, header, body, silent_tag(from, message, file));
 }

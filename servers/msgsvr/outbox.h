@@ -51,9 +51,13 @@ class Outbox {
   // A message of the server's own. ulDataLen is set from `body`. When it is lost, nobody is told;
   // a `file` (its number) that travels with the message is then removed.
   void send(Client &to, Header header, std::span<const char> body = {}, uint32_t file = 0);
-  // The same with a message that `from` has sent to the server, under another header.
+  // A message that `from` has sent to the server, under another header, which names no file. When
+  // it is lost, `from` is told.
   void send_on(Client &to, Header header, std::span<const char> body, const Client &from,
-               const Message &message, uint32_t file = 0);
+               const Message &message);
+  // The same with a `file` (its number). When it is lost, nobody is told, and the file is removed.
+  void send_on_silently(Client &to, Header header, std::span<const char> body, const Client &from,
+                        const Message &message, uint32_t file);
   // The answer to a request.
   void reply(Client &to, const Message &request, uint32_t data, std::span<const char> body = {});
   // A message as `from` has sent it to the server; its bytes must stay until flush(). When it is

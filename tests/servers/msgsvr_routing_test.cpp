@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "msgapi/restful.h"
 #include "servers/message_server.h"
 #include "support/message_peer.h"
 
@@ -153,7 +154,14 @@ TEST_F(MsgsvrRouting, TellsSendersOfMessagesThatWaitedForADeadReader) {
   RawClient reader("reader");
   constexpr uint32_t kCount = 3000;  // more than the socket takes, so that some wait in the server
   const Frame frame = {.type = kType, .to = "reader", .body = std::string(200, 'w')};
+  reader.send({.type = ORP_MSG_RESTFUL_REGISTER, .body = test::padded("/reader", 8)});
+  reader.drain();
   for (uint32_t i = 0; i < kCount; ++i) a.send(frame);
+  // The server sends this one on to whoever serves the path.
+  RawClient front("front");
+  const ORP_MSG_RESTFUL_REQ_ST request{0, 0, "/reader", "info"};
+  front.send({.type = ORP_MSG_RESTFUL_REQUEST, .body = bytes_of(request) + '\0', .sequence = 7});
+  front.drain();
   settle();
 
   reader.read();
@@ -168,6 +176,7 @@ TEST_F(MsgsvrRouting, TellsSendersOfMessagesThatWaitedForADeadReader) {
   // The socket had taken the others while the process was there.
   EXPECT_GT(told.size(), 1000u);
   EXPECT_LT(told.size(), kCount);
+  expect_undeliverable(&front, ORP_MSG_RESTFUL_REQUEST, 7);
 }
 
 }  // namespace
