@@ -126,7 +126,7 @@ class World {
     options.patience_ms = 1;
     options.stall_ms = 1;
     options.swap_names = {"s"};
-    options.limits = {16, 8192, 32, 32, 32, 32};
+    options.limits = {16, 8192, 32, 32, 32, 32, 32};
     options.login_state.clear();
     return options;
   }

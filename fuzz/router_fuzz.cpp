@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   options.patience_ms = 1;
   options.stall_ms = 1;
   options.swap_names = {"s"};
-  options.limits = {8, 4096, 16, 16, 16, 16};
+  options.limits = {8, 4096, 16, 16, 16, 16, 16};
   options.login_state.clear();
   servers::EventLoop loop;
   msgsvr::Server server(&loop, options);

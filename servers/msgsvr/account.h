@@ -13,8 +13,8 @@
 namespace msgsvr {
 
 // What is counted.
-enum class Kept { kConnections, kUnfinished, kSubscriptions, kPoints, kPaths, kDescriptors };
-constexpr size_t kKindsKept = 6;
+enum class Kept { kConnections, kUnfinished, kSubscriptions, kPoints, kPaths, kDescriptors, kJobs };
+constexpr size_t kKindsKept = 7;
 
 // How much of each kind the clients of one user may have together. A single connection may have a
 // quarter of it.

@@ -43,7 +43,7 @@ constexpr const char *kJson = "application/json";
 constexpr const char *kOpenMetrics = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
 constexpr const char *kKept[] = {"connections", "unfinished_bytes", "subscriptions", "sync_points",
-                                 "paths",       "descriptors"};
+                                 "paths",       "descriptors",      "jobs"};
 static_assert(std::size(kKept) == kKindsKept);
 
 enum class Question { kClients, kClient, kTotals, kSubscriptions, kPaths, kMetrics };

@@ -4,6 +4,8 @@
 // The store may be busy for seconds, so a thread of its own does one request after the other, and
 // the answer follows. A request for whose answer nobody waits gets none.
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -39,8 +41,8 @@ class ConfigManager final : public Service {
         seal_{server->options().export_key, server->options().export_directories},
         worker_(&server->loop()) {
     for (const uint32_t type : {ORP_MSG_SAVE_CFG, ORP_MSG_SAVE_CFG_TO_APP}) {
-      server->serve(type, [this](Client &from, const Message &) {
-        run(from, "saving", [] { return CFM_StoreSave(); });
+      server->serve(type, [this](Client &from, const Message &request) {
+        run(from, request, "saving", [] { return CFM_StoreSave(); });
       });
     }
     for (const uint32_t type :
@@ -52,7 +54,8 @@ class ConfigManager final : public Service {
     server->serve(ORP_MSG_RESTORE_DEFAULTS, [this](Client &from, const Message &request) {
       // The body is mode and user; this port needs neither.
       if (request.body.size() < 8) return;
-      run(from, "bringing back the defaults of", [] { return CFM_StoreRestoreDefaults(); });
+      run(from, request, "bringing back the defaults of",
+          [] { return CFM_StoreRestoreDefaults(); });
     });
     server->serve(ORP_MSG_DELETE_APPDATA, [this](Client &from, const Message &request) {
       run_and_answer(from, request, "deleting the application data of",
@@ -78,9 +81,10 @@ class ConfigManager final : public Service {
   }
 
  private:
+  // No file has a path of PATH_MAX characters, so more of it is not kept.
   static std::string path_in(const Message &request) {
     const std::string text(request.body.begin(), request.body.end());
-    return text.substr(0, text.find('\0'));
+    return text.substr(0, std::min<size_t>(text.find('\0'), PATH_MAX));
   }
 
   // Name and process, and whose process it is.
@@ -98,30 +102,32 @@ class ConfigManager final : public Service {
   }
 
   template <typename Job>
-  void run(Client &from, const char *what, Job job) {
-    start(std::move(job),
+  void run(Client &from, const Message &request, const char *what, Job job) {
+    start(from, request, std::move(job),
           [label = from.label(), what](uint32_t result) { log_failure(label, what, result); });
   }
 
   template <typename Job>
   void run_and_answer(Client &from, const Message &request, const char *what, Job job) {
-    start(std::move(job), [this, id = from.id, header = request.header, label = from.label(),
-                           what](uint32_t result) {
-      log_failure(label, what, result);
-      answer(id, header, result);
-    });
+    start(
+        from, request, std::move(job),
+        [this, id = from.id, header = request.header, label = from.label(), what](uint32_t result) {
+          log_failure(label, what, result);
+          answer(id, header, result);
+        });
   }
 
   // A configuration that leaves the device or comes to it is always logged.
   template <typename Job>
   void transfer(Client &from, const Message &request, const char *what, Job job) {
     const std::string path = path_in(request);
-    start([job, path] { return job(path); },
-          [this, id = from.id, header = request.header, who = who(from), what,
-           path](uint32_t result) {
-            log_line("{}: {} {}: {}", who, what, path, text_of(result));
-            answer(id, header, result);
-          });
+    start(
+        from, request, [job, path] { return job(path); },
+        [this, id = from.id, header = request.header, who = who(from), what,
+         path](uint32_t result) {
+          log_line("{}: {} {}: {}", who, what, path, text_of(result));
+          answer(id, header, result);
+        });
   }
 
   static void log_failure(const std::string &label, const char *what, uint32_t result) {
@@ -135,8 +141,13 @@ class ConfigManager final : public Service {
     server_->outbox().flush();
   }
 
+  // A request counts for its user until it is done, and the users take turns. So nobody makes the
+  // server keep many of them, or others wait for many.
   template <typename Job, typename Done>
-  void start(Job job, Done done) {
+  void start(Client &from, const Message &request, Job job, Done done) {
+    const auto share =
+        std::make_shared<Share>(server_->accounts().share(from.account, Kept::kJobs));
+    if (!*share) return server_->refuse(from, request, "configuration requests");
     const auto result = std::make_shared<uint32_t>(CFM_OK);
     // The requester gets an answer whatever happens.
     const auto attempt = [result, job] {
@@ -149,7 +160,8 @@ class ConfigManager final : public Service {
         log_line("the configuration store: {}", error.what());
       }
     };
-    worker_.run(attempt, [result, done] { done(*result); });
+    worker_.run(
+        attempt, [result, done, share] { done(*result); }, share->user());
   }
 
   uint32_t write_export(const std::string &path, uint32_t user) const {

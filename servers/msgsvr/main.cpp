@@ -99,6 +99,8 @@ void add_limit_options(servers::Command *command, Options *options) {
   add("--user-paths", Kept::kPaths, 4, "Restful paths of one user");
   add("--user-descriptors", Kept::kDescriptors, 4,
       "Descriptors of one user that wait for their receivers");
+  add("--user-jobs", Kept::kJobs, 4,
+      "Requests of one user that the configuration manager has not done yet");
 }
 
 void add_service_options(servers::Command *command, Options *options) {

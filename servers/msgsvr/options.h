@@ -35,7 +35,7 @@ struct Options {
   // How long hand-over files stay that nobody takes over; 0: for ever.
   uint32_t body_age_s = 86400;
   // In the order of Kept.
-  Limits limits = {4096, 16 << 20, 4096, 1024, 4096, 256};
+  Limits limits = {4096, 16 << 20, 4096, 1024, 4096, 256, 64};
 
   // The flight recorder: size of its file, 0 for none, and what it keeps of each body.
   uint64_t flight_size = 1 << 20;

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -78,6 +79,7 @@ bool same_file(int one, const struct stat &other) {
 // and refuses links. So nobody can lead us elsewhere, neither by an existing link nor by one that
 // replaces a directory at the right moment.
 std::optional<Place> place_of(const SealOptions &options, const std::string &path) {
+  if (path.size() >= PATH_MAX) return std::nullopt;
   std::string base;
   for (const std::string &each : options.directories) {
     if (path.starts_with(each) && each.size() > base.size()) base = each;

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <exception>
@@ -36,10 +37,14 @@ Worker::~Worker() {
   loop_->remove(wake_.get(), this);
 }
 
-void Worker::run(Procedure job, Procedure done) {
+void Worker::run(Procedure job, Procedure done, const void *owner) {
+  std::list<Task> task;
+  task.push_back({std::move(job), std::move(done)});
   {
     const std::lock_guard lock(mutex_);
-    waiting_.push_back({std::move(job), std::move(done)});
+    auto line = std::ranges::find(waiting_, owner, &Line::owner);
+    if (line == waiting_.end()) line = waiting_.insert(line, {owner, {}});
+    line->tasks.splice(line->tasks.end(), task);
   }
   changed_.notify_one();
 }
@@ -50,17 +55,24 @@ void Worker::work() {
     changed_.wait(lock, [this] { return ends_ || !waiting_.empty(); });
     if (ends_) return;
     std::list<Task> task;  // a list node is moved whole, so ending a task needs no memory
-    task.splice(task.begin(), waiting_, waiting_.begin());
+    const auto line = waiting_.begin();
+    task.splice(task.begin(), line->tasks, line->tasks.begin());
     lock.unlock();
     try {
       task.front().job();
     } catch (const std::exception &error) {
-      task.front().done = nullptr;
+      task.front().failed = true;
       servers::write_log_line("a job of the server has failed");
       servers::write_log_line(error.what());
     }
     lock.lock();
     finished_.splice(finished_.end(), task);
+    // Those who have come meanwhile have their turns first.
+    if (line->tasks.empty()) {
+      waiting_.erase(line);
+    } else {
+      waiting_.splice(waiting_.end(), waiting_, line);
+    }
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
   }
@@ -75,7 +87,7 @@ void Worker::ready(uint32_t) {
     finished.swap(finished_);
   }
   for (const Task &task : finished) {
-    if (task.done) loop_->attempt("a job's result is lost", task.done);
+    if (!task.failed) loop_->attempt("a job's result is lost", task.done);
   }
 }
 

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -152,6 +153,8 @@ TEST_F(ConfigManager, WritesOnlyWhereExportsMayBe) {
     EXPECT_NE(0u, ask(ORP_MSG_EXPORT_CFG_FILE, path)) << path;
     EXPECT_NE(0u, ask(ORP_MSG_IMPORT_CFG_FILE, path)) << path;
   }
+  const std::string long_path = "/mnt/" + std::string(PATH_MAX, '/') + "x.cfg";
+  EXPECT_EQ(ORP_CFM_ERR_FILE_PLACE, ask(ORP_MSG_EXPORT_CFG_FILE, long_path));
   EXPECT_EQ(0u, ask(ORP_MSG_EXPORT_CFG_FILE, "/mnt/usb//./x.cfg"));
   EXPECT_EQ(0u, ask(ORP_MSG_IMPORT_CFG_FILE, "/mnt/usb/x.cfg"));
   EXPECT_TRUE(std::filesystem::is_empty("/app/elsewhere"));
@@ -225,6 +228,40 @@ TEST_F(ConfigManager, GoesOnWhenARequesterLeaves) {
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(server_->wait_for(std::string(kFile) + ": done"));
   client_ = std::make_unique<RawClient>("web");
   EXPECT_EQ(0u, ask(ORP_MSG_CHECK_CFG_FILE, kFile));
+}
+
+TEST_F(ConfigManager, KeepsNobodyWaitingForTheManyRequestsOfAnother) {
+  // Whoever reads this key waits until somebody writes it.
+  ASSERT_EQ(0, ::mkfifo("/var/key", 0600));
+  restart({"--export-key", "/var/key", "--tcp", "127.0.0.1:7070", "--user-jobs", "8"});
+  std::vector<RawClient> boards;
+  for (const size_t refused : {1, 1, 1, 1, 3}) {  // a connection may have a quarter of the eight
+    RawClient &board = boards.emplace_back("board", uint16_t{7070});
+    for (int i = 0; i < 3; ++i) {
+      board.send({.type = ORP_MSG_CHECK_CFG_FILE, .body = std::string(kFile) + '\0'});
+    }
+    const auto notices = board.drain();
+    ASSERT_EQ(refused, notices.size());
+    for (const test::Frame &notice : notices) {
+      EXPECT_EQ(ORP_MSG_UNDELIVERABLE, notice.type);
+      EXPECT_EQ(ORP_MSG_CHECK_CFG_FILE, notice.data);
+    }
+  }
+  EXPECT_TRUE(server_->wait_for("has as many configuration requests"));
+
+  // It is this user's turn after the board's first.
+  client_->send({.type = ORP_MSG_SAVE_CFG_SYNC});
+  EXPECT_THAT(client_->drain(), testing::IsEmpty());
+  std::ofstream("/var/key").close();
+  EXPECT_EQ(ORP_MSG_SAVE_CFG_SYNC, client_->read().type);
+
+  const std::fstream both_ends("/var/key");
+  for (size_t i = 0; i < 4; ++i) {
+    for (int each = 0; each < 2; ++each) EXPECT_EQ(ORP_CFM_ERR_FILE_KEY, boards[i].read().data);
+  }
+  EXPECT_EQ(
+      ORP_CFM_ERR_FILE_KEY,
+      boards[4].ask({.type = ORP_MSG_CHECK_CFG_FILE, .body = std::string(kFile) + '\0'}).data);
 }
 
 TEST_F(ConfigManager, ReplacesOnlyEarlierExports) {
