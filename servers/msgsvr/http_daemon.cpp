@@ -10,7 +10,8 @@
 // Nobody can lock others out. When all places are taken, a new connection replaces one that has no
 // whole request yet: of the network with the most connections, the one that has been quiet the
 // longest. Longer bodies are received while there is room for them; until there is, their
-// connections are not read from, which costs nothing.
+// connections are not read from, which costs nothing. While some wait, a body that next to nothing
+// comes of loses its room.
 
 #include "msgsvr/http_daemon.h"
 
@@ -47,6 +48,10 @@ constexpr std::chrono::milliseconds kWaitingSweepPeriod{100};
 constexpr size_t kMostHeld = size_t{32} << 20;
 // Shorter ones are not counted: those of all connections together are as much as one long body.
 constexpr size_t kShortBody = 16384;
+// While others wait for room, as many bytes of a longer body must come within this many sweeps.
+// They are counted, not timed: each reads what is there, and this thread may have had to wait
+// itself.
+constexpr int kSweepsForShortBody = 10;
 
 constexpr int kLostAnswer = 4;
 constexpr MHD_UNSIGNED_LONG_LONG kNever_ms = 3600000;
@@ -90,8 +95,10 @@ struct HttpDaemon::Exchange {
   MHD_Connection *library;
   HttpRequest request;
   uint64_t id = 0;
-  size_t reserved = 0;    // of the room for bodies
-  size_t wanted = 0;      // room that it waits for
+  size_t reserved = 0;  // of the room for bodies
+  size_t wanted = 0;    // room that it waits for
+  int sweeps = 0;       // while others waited, since the body had this size:
+  size_t size_then = 0;
   bool held = false;      // the next call repeats the one with the headers
   bool refused = false;   // `answer` is its answer; the rest of the body is thrown away
   bool answered = false;  // by the application
@@ -349,10 +356,12 @@ void HttpDaemon::run() {
 }
 
 void HttpDaemon::plan_sweep() {
-  sweep_timer_ = loop_.after(waiting_.empty() ? kSweepPeriod : kWaitingSweepPeriod, [this] {
+  loop_.cancel(std::exchange(sweep_timer_, 0));
+  sweeps_soon_ = !waiting_.empty();
+  sweep_timer_ = loop_.after(sweeps_soon_ ? kWaitingSweepPeriod : kSweepPeriod, [this] {
     sweep_timer_ = 0;
     sweep();
-    if (!connections_.empty()) plan_sweep();
+    if (sweep_timer_ == 0 && !connections_.empty()) plan_sweep();
   });
 }
 
@@ -364,7 +373,12 @@ void HttpDaemon::sweep() {
     const auto age = now - connection.since;
     const uint64_t id = connection.exchange == nullptr ? 0 : connection.exchange->id;
     if (!answering_.contains(id)) {
-      if (age > limits_.longest_transfer) condemn(connection);
+      if (age > limits_.longest_transfer) {
+        condemn(connection);
+      } else if (connection.exchange != nullptr && connection.stage == Stage::kReceiving &&
+                 !keeps_coming(*connection.exchange)) {
+        refuse(*connection.exchange, busy("no room for the body\n"));
+      }
     } else if (age > kLostAnswer * limits_.patience) {
       // The message loop answers in time, unless it had no memory for it.
       answer(id, {MHD_HTTP_GATEWAY_TIMEOUT, "no answer\n"});
@@ -376,6 +390,17 @@ void HttpDaemon::sweep() {
     refuse_waiting(*exchange);
   }
   run();
+}
+
+// False when others wait for room and this body does not use its own.
+bool HttpDaemon::keeps_coming(Exchange &exchange) {
+  const size_t size = exchange.request.body.text_size();
+  if (waiting_.empty() || exchange.reserved == 0 || size - exchange.size_then >= kShortBody) {
+    exchange.sweeps = 0;
+    exchange.size_then = size;
+    return true;
+  }
+  return ++exchange.sweeps < kSweepsForShortBody;
 }
 
 // The headers are there.
@@ -420,6 +445,7 @@ int HttpDaemon::begin(Connection &connection, Exchange &exchange, const char *me
   if (waiting_.empty() && reserve(exchange)) return MHD_YES;
   waiting_.push_back(&exchange);
   exchange.held = true;
+  if (!sweeps_soon_) plan_sweep();
   ::MHD_suspend_connection(exchange.library);
   return MHD_YES;
 }
@@ -439,9 +465,20 @@ void HttpDaemon::grant() {
   }
 }
 
-void HttpDaemon::refuse_waiting(Exchange &exchange) {
+void HttpDaemon::release(Exchange &exchange) {
+  held_ -= std::exchange(exchange.reserved, 0);
+}
+
+// That will be the answer. The rest of the body is thrown away, and its room is others'.
+void HttpDaemon::refuse(Exchange &exchange, HttpAnswer answer) {
   exchange.refused = true;
-  exchange.answer = busy("no room for the body\n");
+  exchange.answer = std::move(answer);
+  exchange.request.body.discard();
+  release(exchange);
+}
+
+void HttpDaemon::refuse_waiting(Exchange &exchange) {
+  refuse(exchange, busy("no room for the body\n"));
   ::MHD_resume_connection(exchange.library);
 }
 
@@ -453,13 +490,11 @@ int HttpDaemon::receive(Exchange &exchange, const char *upload, size_t *upload_s
     const size_t size = std::exchange(*upload_size, 0);
     if (exchange.refused) return MHD_YES;
     if (size > limits_.longest_body - request.body.text_size()) {
-      exchange.refused = true;
-      exchange.answer = {MHD_HTTP_CONTENT_TOO_LARGE, "the body is too long\n"};
+      refuse(exchange, {MHD_HTTP_CONTENT_TOO_LARGE, "the body is too long\n"});
     } else if (!request.body.append({upload, size})) {
       log_line("the body of a request {} {} cannot be kept: {}", request.method, request.path,
                std::strerror(errno));
-      exchange.refused = true;
-      exchange.answer = busy("no room for the body\n");
+      refuse(exchange, busy("no room for the body\n"));
     }
     return MHD_YES;
   }
@@ -506,7 +541,7 @@ void HttpDaemon::complete(Exchange &exchange) {
   connection.stage = Stage::kIdle;
   connection.since = Clock::now();
   connection.exchange = nullptr;
-  held_ -= exchange.reserved;
+  release(exchange);
   std::erase(waiting_, &exchange);
   answering_.erase(exchange.id);  // still there if the request could not be posted
 }
@@ -525,6 +560,7 @@ void HttpDaemon::answer(uint64_t id, HttpAnswer answer) {
   if (entry == answering_.end()) return;
   Exchange *exchange = entry->second;
   answering_.erase(entry);
+  release(*exchange);
   exchange->connection->since = Clock::now();
   exchange->answered = true;
   exchange->answer = std::move(answer);

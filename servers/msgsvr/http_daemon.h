@@ -122,6 +122,9 @@ class HttpDaemon {
   void complete(Exchange &exchange);
   bool reserve(Exchange &exchange);
   void grant();
+  bool keeps_coming(Exchange &exchange);
+  void release(Exchange &exchange);
+  void refuse(Exchange &exchange, HttpAnswer answer);
   void refuse_waiting(Exchange &exchange);
   int respond(Exchange &exchange);
   void answer(uint64_t id, HttpAnswer answer);
@@ -135,6 +138,7 @@ class HttpDaemon {
   MHD_Daemon *daemon_ = nullptr;
   EventLoop::TimerId run_timer_ = 0;
   EventLoop::TimerId sweep_timer_ = 0;  // while there are connections
+  bool sweeps_soon_ = false;
   std::unordered_map<MHD_Connection *, Connection> connections_;
   size_t condemned_ = 0;
   std::unordered_map<uint64_t, Exchange *> answering_;

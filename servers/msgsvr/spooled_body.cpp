@@ -27,6 +27,7 @@ SpooledBody::~SpooledBody() {
 }
 
 void SpooledBody::discard() {
+  fd_.reset();
   if (file_ != 0) remove_hand_over(std::exchange(file_, 0));
 }
 

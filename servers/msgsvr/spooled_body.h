@@ -36,7 +36,7 @@ class SpooledBody {
   bool read(std::string *out) const;
   // From now on somebody else owns the file.
   uint32_t give_away();
-  // Removes the file.
+  // Removes the file, and takes no further bytes.
   void discard();
 
  private:

@@ -145,6 +145,32 @@ TEST_F(HttpDaemon, RefusesABodyForWhichThereIsNoRoomInTime) {
   EXPECT_FALSE(first.ended());
 }
 
+TEST_F(HttpDaemon, TakesRoomBackFromABodyThatDoesNotCome) {
+  start({.longest_body = kLong, .patience = milliseconds(20000)});
+  Client first;
+  first.send(post(kLong) + "begin");
+  Client get;
+  get.send(kGet);
+  ASSERT_TRUE(turn_until_requests(1)) << "the first body's room is taken";
+  Client second;
+  second.send(post(kLong));
+  Client third;
+  third.send(post(kLong));
+  // The bytes of the second go on coming, so it keeps its room while the third waits.
+  constexpr size_t kPiece = kLong / 320;
+  for (size_t sent = 0; sent < kLong; sent += kPiece) {
+    loop_.turn(10);
+    ASSERT_TRUE(second.send(std::string(kPiece, 'b')));
+  }
+  ASSERT_TRUE(turn_until_requests(2));
+  EXPECT_EQ(kLong, requests_[1].request.body.text_size());
+
+  // What is left of it is thrown away.
+  EXPECT_TRUE(first.send(std::string(kLong - 5, 'b')));
+  EXPECT_TRUE(answer_comes(first, "503 ")) << first.got();
+  EXPECT_THAT(first.got(), HasSubstr("no room for the body"));
+}
+
 TEST_F(HttpDaemon, GivesThePlaceOfAWaitingRequestToANewConnection) {
   start({.longest_body = kLong, .patience = milliseconds(60000), .connections = 2});
   Client answered;
