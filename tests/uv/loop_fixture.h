@@ -1,10 +1,10 @@
 // What the tests of the loop share: private loops, connected sockets and a record of calls.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -69,21 +69,10 @@ class LoopTest : public testing::Test {
     return fd;
   }
 
-  // A TCP socket that has an exceptional condition.
-  int tcp_socket_with_urgent_data() {
-    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(0, ::listen(listener, 1));
-    sockaddr_in address;
-    socklen_t size = sizeof address;
-    ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
-    peer_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockets_.push_back(peer_);
-    EXPECT_EQ(0, ::connect(peer_, reinterpret_cast<sockaddr *>(&address), size));
-    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    ::close(listener);
-    EXPECT_EQ(1, ::send(peer_, "!", 1, MSG_OOB));
-    pollfd urgent = {.fd = fd, .events = POLLPRI, .revents = 0};
-    EXPECT_EQ(1, ::poll(&urgent, 1, 10000));
+  // A descriptor with an exceptional condition: the mounts have changed (proc_pid_mounts(5)).
+  static int changed_mounts() {
+    const int fd = ::open("/proc/self/mounts", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(0, ::mount("none", "/mnt", "tmpfs", 0, nullptr));
     return fd;
   }
 

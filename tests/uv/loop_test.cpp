@@ -6,7 +6,6 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "base/memory.h"
 #include "msgapi/process.h"
@@ -28,7 +27,7 @@ void record_idle(OrpUvIdle *idle) {
 
 TEST_F(LoopTest, IteratesTimersThenIdleProceduresThenDescriptorsByEvent) {
   watch(readable_socket(), ORP_UV_READABLE | ORP_UV_WRITABLE, 1);
-  watch(tcp_socket_with_urgent_data(), ORP_UV_EXCEPTION, 2);
+  watch(changed_mounts(), ORP_UV_EXCEPTION, 2);
   watch(readable_socket(), ORP_UV_READABLE, 3);
   ORP_UV_IdleStart(&loop_, record_idle)->head.data = 1;
   auto *timer = new_record<OrpUvTimer>();
@@ -74,22 +73,6 @@ TEST_F(LoopTest, StopEndsTheRunBeforeTheWaitAndIsForgotten) {
   EXPECT_THAT(calls, ElementsAre("idle0", "idle0"));
 }
 
-TEST_F(LoopTest, InnerRunTakesTheStopThatItMeets) {
-  ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
-    OrpUvLoop *loop = self->head.loop;
-    record_idle(self);
-    OrpUvLoopStop(loop);
-    if (++self->head.data == 2) return;
-    EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(loop, 0));
-    const ORP_TIME_ST none = {0, 0};
-    OrpUvLoopUpdateSelectTimeout(loop, &none);
-  });
-
-  EXPECT_EQ(ORP_OK, run(0));
-
-  EXPECT_THAT(calls, ElementsAre("idle0", "idle1")) << "the run around goes on";
-}
-
 TEST_F(LoopTest, IdleProceduresMayLowerTheWait) {
   ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
     const ORP_TIME_ST longer = {9, 0}, shorter = {0, 2}, same_second = {0, 1};
@@ -109,63 +92,6 @@ TEST_F(LoopTest, IdleProceduresMayLowerTheWait) {
   EXPECT_EQ(2u, loop_.iteration) << "0 of 1 seconds are not the idle time";
   EXPECT_EQ(ORP_ERR_TIMEOUT, run(999)) << "0 of 0 seconds are";
   EXPECT_EQ(1u, loop_.iteration);
-}
-
-// One-shot timers of a loop. Each is started by the one before.
-struct TimerChain {
-  OrpUvLoop *loop;
-  uint32_t left;
-  size_t longest_list = 0;
-
-  void add() {
-    auto *timer = new_record<OrpUvTimer>();
-    OrpUvTimerInit(loop, timer);
-    OrpUvTimerStart(timer, 1, 1, fired, reinterpret_cast<ORP_WORD>(this));
-  }
-  static void fired(ORP_WORD self) {
-    auto *chain = reinterpret_cast<TimerChain *>(self);
-    size_t length = 0;
-    for (const auto *one = chain->loop->watchers; one != nullptr; one = one->link) ++length;
-    chain->longest_list = std::max(chain->longest_list, length);
-    if (--chain->left == 0) return OrpUvLoopStop(chain->loop);
-    chain->add();
-  }
-};
-
-TEST_F(LoopTest, InnerRunFreesWhatEndsInIt) {
-  TimerChain chain = {&loop_, 100};
-  OrpUvIdle *outer = ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
-    self->proc = nullptr;
-    OrpUvIdleStop(self);
-    reinterpret_cast<TimerChain *>(self->head.data)->add();
-    ORP_UV_LoopRun(self->head.loop, 0);
-    EXPECT_EQ(&self->head, self->head.loop->watchers) << "held by the run around";
-    OrpUvLoopStop(self->head.loop);
-  });
-  outer->head.data = reinterpret_cast<ORP_WORD>(&chain);
-
-  EXPECT_EQ(ORP_OK, run(0));
-
-  EXPECT_EQ(0u, chain.left);
-  EXPECT_LT(chain.longest_list, 6u);
-}
-
-TEST_F(LoopTest, InnerRunSparesTheWatchersOfEventsThatAreBeingDelivered) {
-  OrpUvIo *first = watch(socket(), 0, 1), *second = watch(socket(), 0, 2);
-  for (OrpUvIo *io : {first, second, second}) OrpUvIoForcedLoop(io, ORP_UV_READABLE);
-  on_call = [&](OrpUvIo *io) {
-    if (io == first) {
-      OrpUvIoDelete(first);
-      OrpUvIoDelete(second);
-      turn(&loop_);
-      OrpUvWatcherStart(&second->head);
-    }
-    OrpUvLoopStop(&loop_);
-  };
-
-  EXPECT_EQ(ORP_OK, run(0));
-
-  EXPECT_THAT(calls, ElementsAre("1:1", "2:1", "2:1"));
 }
 
 TEST_F(LoopTest, DescriptorClosedByAnEarlierCallbackIsNotReady) {

@@ -128,29 +128,6 @@ TEST_F(TimerTest, AddedTimersBelongToTheDefaultLoop) {
   EXPECT_THAT(calls, ElementsAre("7", "10"));
 }
 
-TEST_F(TimerTest, ThatArmsItselfAgainFiresInTheRunOfItsOwnProcedure) {
-  enum How : ORP_WORD { kNotAtAll, kChangedPeriod, kStarted };
-  static OrpUvTimer *self;
-  static uint32_t fired_times;
-  const auto procedure = [](ORP_WORD how) {
-    if (++fired_times > 1) return OrpUvLoopStop(self->head.loop);
-    if (how == kChangedPeriod) OrpUtilTimerChgPeriod(self, 1);
-    if (how == kStarted) OrpUvTimerStart(self, 1, 0, self->callback, how);
-    ORP_UV_LoopRun(self->head.loop, how == kNotAtAll ? 50 : 0);
-    OrpUvLoopStop(self->head.loop);
-  };
-
-  for (const How how : {kNotAtAll, kChangedPeriod, kStarted}) {
-    self = new_record<OrpUvTimer>();
-    OrpUvTimerInit(&loop_, self);
-    OrpUvTimerStart(self, 1, 0, procedure, how);
-    fired_times = 0;
-    EXPECT_EQ(ORP_OK, run(0));
-    EXPECT_EQ(how == kNotAtAll ? 1u : 2u, fired_times) << how;
-    OrpUvTimerDelete(self);
-  }
-}
-
 TEST_F(TimerTest, StartedBehindTheTimerPassItDoesNotWaitForTheNextEvent) {
   ORP_UV_IdleStart(&loop_, [](OrpUvIdle *self) {
     if (std::exchange(self->head.data, 1) != 0) return;
