@@ -8,7 +8,6 @@
 #include <fstream>
 
 #include "msgapi/ringlog.h"
-#include "support/allocation.h"
 #include "support/fd_check.h"
 #include "support/file.h"
 #include "support/largest_file.h"
@@ -229,15 +228,6 @@ TEST(RingFile, SaysWhenItCannotBePositioned) {
   EXPECT_EQ(-1, ring.write("x"));
 
   EXPECT_THAT(GetCapturedStdout(), HasSubstr(": seek file offset failed\n"));
-}
-
-TEST(RingFile, WithoutMemoryOpensNothing) {
-  const test::FdCheck fds;
-
-  EXPECT_EQ(1u, test::fail_every_allocation([] {
-              const Ring ring(1000);
-              return ring.file() != nullptr;
-            }));
 }
 
 TEST(MlogFileOpen, OpensForReading) {

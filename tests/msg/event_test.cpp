@@ -9,7 +9,6 @@
 #include "msg/dm_message.h"
 #include "msg/event_json.h"
 #include "msgapi/dmmsg.h"
-#include "support/allocation.h"
 #include "support/message_peer.h"
 
 namespace {
@@ -136,20 +135,6 @@ TEST(EventContent, RefusesWhatIsNoWholeEvent) {
     EXPECT_EQ(nullptr, in_out);
     EXPECT_EQ(0u, length);
   }
-}
-
-// cJSON's own allocations are failed too.
-void *tested_malloc(size_t size) {
-  return msgapi::plain_alloc(size);
-}
-
-TEST(EventContent, LeavesNothingBehindWithoutMemory) {
-  const Message event = dm_event(ORP_MSG_EVENT_WAN, {kType, {"N", "V"}});
-  cJSON_Hooks hooks = {tested_malloc, std::free};
-  cJSON_InitHooks(&hooks);
-
-  EXPECT_LT(15u, test::fail_every_allocation([&event] { return !content_of(event).empty(); }));
-  cJSON_InitHooks(nullptr);
 }
 
 TEST(EventJson, IsBuiltInSteps) {

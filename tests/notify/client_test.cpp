@@ -10,8 +10,6 @@
 #include <set>
 #include <thread>
 
-#include "support/allocation.h"
-
 namespace msgapi::notify {
 namespace {
 
@@ -87,30 +85,6 @@ TEST(NotifyClientAlone, FailsWithoutAServerAndLeavesNothing) {
   EXPECT_EQ(ORP_NOTIFYCLT_ERR_ARGUMENT, ask(&data, &length));
   EXPECT_EQ(nullptr, data);
   EXPECT_EQ(0u, length);
-}
-
-TEST_F(NotifyClient, SurvivesAnyFailedAllocation) {
-  const auto attempt = [&] {
-    testing::internal::CaptureStdout();
-    bool good = ORP_NOTIFYCLT_Init(kOwnId) == ORP_NOTIFYCLT_OK;
-    server_.accept();
-    good = good && ORP_NOTIFYCLT_RegSyncMsgProc(kType, take_request) == ORP_NOTIFYCLT_OK;
-    void *data = nullptr;
-    if (good) {
-      server_.send(notification("put aside"));
-      server_.send(reply(2, "data"));
-      good = ask(&data) == ORP_NOTIFYCLT_OK;
-    }
-    EXPECT_EQ(good, data != nullptr);
-    std::free(data);
-    ORP_NOTIFYCLT_Destroy();
-    server_.close();
-    ORP_UV_LoopDestroy(OrpUvLoopGetDefault());
-    testing::internal::GetCapturedStdout();
-    return good;
-  };
-
-  EXPECT_LE(9u, test::fail_every_allocation(attempt));
 }
 
 TEST_F(NotifyClient, ForgetsEverythingWhenDestroyed) {

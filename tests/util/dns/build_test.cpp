@@ -5,7 +5,6 @@
 #include <string>
 
 #include "msgapi/dns.h"
-#include "support/allocation.h"
 #include "util/dns/packet_support.h"
 
 namespace {
@@ -129,17 +128,6 @@ TEST(DnsReplies, AreErrorsByCodeOrWithoutAnyRecord) {
   EXPECT_EQ(1u, is_error(captures::kPoolQuery));
   EXPECT_EQ(0u, is_error("000081800000000000010000"));  // an authority record is one
   EXPECT_EQ(0u, is_error(captures::kPoolReply));
-}
-
-TEST(DnsBuilders, LeaveNothingBehindWithoutMemory) {
-  const PacketOwner query = make_packet(captures::kPoolQuery);
-
-  EXPECT_EQ(1u, test::fail_every_allocation(
-                    [] { return own(ORP_DNS_PacketBuildRequest("a.b")) != nullptr; }));
-  EXPECT_EQ(1u, test::fail_every_allocation([&] { return respond(query, 600) != nullptr; }));
-  EXPECT_EQ(1u, test::fail_every_allocation([&] {
-              return own(ORP_DNS_PacketBuildErrorResponse(query.get(), 2)) != nullptr;
-            }));
 }
 
 }  // namespace

@@ -106,11 +106,7 @@ TEST(AddrInfo, IsCopiedWholeOrInPart) {
   EXPECT_EQ(0u, AddressList(ORP_UTIL_CopyAddrInfo(&bare, 1))->addrlen) << "no address";
 }
 
-TEST(AddrInfo, LeavesNothingBehindWithoutMemory) {
-  const AddressList list = parse(nullptr);
-  EXPECT_EQ(2u, test::fail_every_allocation(
-                    [&] { return AddressList(ORP_UTIL_CopyAddrInfo(list.get(), 1)) != nullptr; }));
-  EXPECT_EQ(2u, test::fail_every_allocation([] { return parse(nullptr) != nullptr; }));
+TEST(AddrInfo, WithoutMemoryIsReportedAsThat) {
   EXPECT_EQ(1u, test::fail_every_allocation([] {
               ORP_UTIL_ADDRINFO_ST *out = nullptr;
               const uint32_t result = ORP_UTIL_GetIpAddresses("127.0.0.1", 0, 80, &out);

@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include "msgapi/url.h"
-#include "support/allocation.h"
 
 namespace {
 
@@ -76,15 +75,6 @@ TEST(ParseUrl, NeedsNoOutputs) {
   uint32_t port;
   EXPECT_EQ(1u, ORP_UTIL_ParseUrlEx("http://a:7/x", nullptr, nullptr, &port, nullptr, 1));
   EXPECT_EQ(7u, port);
-}
-
-TEST(ParseUrl, LeavesNothingBehindWithoutMemory) {
-  EXPECT_EQ(3u, test::fail_every_allocation([] {
-              const Parts parts = parse("http://a/x");
-              EXPECT_EQ(parts.result == 1, parts.host != "(null)");
-              EXPECT_EQ(parts.result == 1, parts.path != "(null)");
-              return parts.result == 1;
-            }));
 }
 
 TEST(UrlProtocols, CanBeExtended) {
