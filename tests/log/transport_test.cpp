@@ -9,9 +9,9 @@
 #include <thread>
 
 #include "base/memory.h"
-#include "log/fake_server.h"
 #include "log/transport.h"
 #include "msgapi/log.h"
+#include "support/fake_log_server.h"
 #include "support/fd_check.h"
 
 namespace {

@@ -9,11 +9,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/drop_count.h"
@@ -24,8 +21,8 @@
 #include "msgapi/loop.h"
 #include "msgapi/trace.h"
 #include "support/allocation.h"
+#include "support/fake_log_server.h"
 #include "support/fd_check.h"
-#include "support/log_lines.h"
 #include "support/message_peer.h"
 
 namespace msgapi::msg {
@@ -79,7 +76,7 @@ TEST_F(Connect, HappensOnce) {
 }
 
 TEST_F(Connect, FailsWithoutAServerAndSaysWhy) {
-  test::LogLines log;
+  test::FakeLogServer log;
   const test::FdCheck no_leak;
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_Init("self"));
   EXPECT_EQ(ORP_ERR_SOCKET, ORP_MSG_InitSlaveApp("self", "127.0.0.1", 1));
@@ -91,15 +88,15 @@ TEST_F(Connect, FailsWithoutAServerAndSaysWhy) {
   EXPECT_EQ(prefix +
                 "/var/run/msgsvr: No such file or directory (errno 2): no message server runs "
                 "here.\n",
-            log.next());
+            log.text());
   EXPECT_EQ(prefix + "127.0.0.1: Connection refused (errno 111): the message server has ended.\n",
-            log.next());
-  EXPECT_EQ(prefix + "localhost: Invalid argument (errno 22): no connection.\n", log.next());
-  EXPECT_EQ("", log.next());
+            log.text());
+  EXPECT_EQ(prefix + "localhost: Invalid argument (errno 22): no connection.\n", log.text());
+  EXPECT_EQ("", log.text());
 }
 
 TEST_F(Connect, OfAUserWhoMayNotSaysWhichPathAndWhy) {
-  test::LogLines log;
+  test::FakeLogServer log;
   const sockaddr_un address = {AF_UNIX, ORP_MSG_SERVER_PATH};
   const os::UniqueFd server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(0, ::bind(server.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
@@ -117,7 +114,7 @@ TEST_F(Connect, OfAUserWhoMayNotSaysWhichPathAndWhy) {
   EXPECT_EQ(
       "Cannot connect to the message server /var/run/msgsvr: Permission denied (errno 13): this "
       "user may not use it.\n",
-      log.next());
+      log.text());
 }
 
 // Afterwards the context is as after its destruction.
@@ -266,6 +263,7 @@ TEST_F(Connect, SurvivesAServerThatDiesAtAnyByte) {
     EXPECT_EQ(ORP_ERR_PEER_GONE, ORP_MSG_SendSimpleMsg("peer", 1, 0)) << size;
     ORP_MSG_Destroy();
   }
+  EXPECT_EQ(bytes.size() - 1, g_dropped.read) << "each begun message";
 }
 
 TEST_F(Connect, LeavesTheSocketOpenWithoutMemoryForTheWatcher) {

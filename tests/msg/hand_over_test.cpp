@@ -10,8 +10,8 @@
 #include <fstream>
 #include <string>
 
+#include "support/fake_log_server.h"
 #include "support/fd_check.h"
-#include "support/log_lines.h"
 #include "support/message_peer.h"
 
 namespace msgapi::msg {
@@ -52,20 +52,6 @@ TEST(HandOver, ReplacesThePathByTheFileAndDeletesIt) {
   EXPECT_EQ("least", completed(path_field("/var/run/msg/msg_file")));
   write_file(kFile, "round about");
   EXPECT_EQ("round about", completed(path_field("/var/run/msg/../msg/./msg_file_1")));
-}
-
-TEST(HandOver, ArrivesAsItWasSent) {
-  test::Connection connection;
-  const test::Frame frame = {.type = 0x1234, .body = std::string(5000, 'x'), .sequence = 9};
-
-  ASSERT_EQ(ORP_OK, ORP_MSG_Send(test::make_block(frame).get()));
-  Header *received = nullptr;
-  ASSERT_EQ(ORP_OK, ORP_MSG_Recv(connection.peer.fd(), &received, 0));
-  const Owned<Header> owner(received);
-
-  received->aucSendApp[0] = '\0';
-  EXPECT_EQ(frame, test::frame_of(received));
-  EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 }
 
 TEST(HandOver, RefusesPathsThatAreNotForBodies) {
@@ -114,7 +100,7 @@ TEST(HandOver, TakesEveryPathThatLeadsToABodyFileAndRemovesWhatIsNamed) {
 }
 
 TEST(HandOver, SaysWhichFileIsNotTakenOrStaysAndWhy) {
-  test::LogLines log;
+  test::FakeLogServer log;
   const std::string prefix = "Body file of msg:[0x1234] src:[app?] ";
   const auto logged = [&](const std::string &field) {
     Header *message = test::make_block({.type = 0x1234, .body = field, .from = "app\n"}).release();
@@ -122,7 +108,7 @@ TEST(HandOver, SaysWhichFileIsNotTakenOrStaysAndWhy) {
     (void)complete_hand_over(&message);
     testing::internal::GetCapturedStdout();
     std::free(message);
-    return log.next();
+    return log.text();
   };
   EXPECT_EQ(prefix +
                 "cannot be read, the message is dropped: No such file or directory (errno 2): " +

@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "base/drop_count.h"
+#include "support/fake_log_server.h"
 #include "support/fd_check.h"
-#include "support/log_lines.h"
 #include "support/message_peer.h"
 
 namespace msgapi::msg {
@@ -103,7 +103,7 @@ TEST(Receive, GivesAMessageUpThatEndsAtAnyByte) {
 }
 
 TEST(Receive, RefusesABodyBeyondTheLimitUnread) {
-  test::LogLines log;
+  test::FakeLogServer log;
   Connection connection;
   Header header = {0x1234, 0, "", "", 0, 0x8000001};
   const std::string_view bytes(reinterpret_cast<const char *>(&header), sizeof header);
@@ -115,7 +115,7 @@ TEST(Receive, RefusesABodyBeyondTheLimitUnread) {
   EXPECT_EQ(ORP_ERR_MEMORY, received.status);
   EXPECT_NE(std::string::npos,
             received.console.find("msgapi too large body len, type=0x1234, data_len=134217729\n"));
-  EXPECT_EQ("Too long msg:[0x1234] len:[134217729].\n", log.next());
+  EXPECT_EQ("Too long msg:[0x1234] len:[134217729].\n", log.text());
   char rest[8];
   EXPECT_EQ(4, ::recv(connection.fd(), rest, sizeof rest, MSG_DONTWAIT));
 
@@ -132,6 +132,8 @@ TEST(Receive, ReadsPipesAndRefusesWhatCannotBeRead) {
   const os::UniqueFd in(ends[0]), out(ends[1]);
   ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(out.get(), bytes.data(), bytes.size()));
   EXPECT_EQ("body", Received(in.get()).frame.body);
+  ASSERT_EQ(40, ::write(out.get(), bytes.data(), 40));
+  EXPECT_EQ(ORP_ERR_TIMEOUT, Received(in.get(), kShort_ms).status) << "no body comes";
   // A daemon without standard input may have any descriptor as 0.
   ASSERT_EQ(0, ::dup2(in.get(), 0));
   ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(out.get(), bytes.data(), bytes.size()));

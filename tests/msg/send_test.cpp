@@ -15,10 +15,10 @@
 
 #include "msgapi/msg.h"
 #include "os/wait.h"
+#include "support/fake_log_server.h"
 #include "support/fd_check.h"
 #include "support/file.h"
 #include "support/largest_file.h"
-#include "support/log_lines.h"
 #include "support/message_peer.h"
 
 namespace {
@@ -70,7 +70,7 @@ TEST(Send, RefusesWhatItCannotSend) {
 }
 
 TEST(Send, LeavesTheHeaderAsSentAfterAnotherWriteError) {
-  test::LogLines log;
+  test::FakeLogServer log;
   // Not connected, and not broken either.
   const msgapi::os::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   g_stMsgCtx.ulFlags = ORP_MSG_CTX_SWAP | 1u << ORP_MSG_CTX_SEND_BOARD_SHIFT;
@@ -84,11 +84,11 @@ TEST(Send, LeavesTheHeaderAsSentAfterAnotherWriteError) {
   EXPECT_EQ(
       "Send msg type:[0x34120020] app:[] data:[117440512] len:[0] dst:[peer] src:[] on board [1] "
       "return err:[107].\n",
-      log.next());
+      log.text());
 }
 
 TEST(Send, ReportsADescriptorThatIsNotOpenAsNotWritable) {
-  test::LogLines log;
+  test::FakeLogServer log;
   for (const uint32_t size : {4u, 5000u}) {
     const MessageBlock block = message(0xfff01234, std::string(size, 'x'));
     testing::internal::CaptureStdout();
@@ -97,7 +97,7 @@ TEST(Send, ReportsADescriptorThatIsNotOpenAsNotWritable) {
 
     EXPECT_EQ("Send msg type:[0xfff01234] app:[] data:[7] len:[" + std::to_string(size) +
                   "] dst:[peer] src:[] with fd [999] select with errno [9].\n",
-              log.next());
+              log.text());
     EXPECT_EQ(0xfff01234u, block->ulMsgType) << "untouched";
     EXPECT_TRUE(hand_over_files().empty());
   }

@@ -56,6 +56,12 @@ class FakeLogServer {
     return text;
   }
 
+  // The same without what the log client puts before the text that it was given.
+  std::string text() {
+    const std::string whole = line();
+    return whole.empty() ? "" : whole.substr(whole.find("]:") + 2);
+  }
+
   std::string peer_path() const { return peer_.sun_path; }
 
   // Answers the client that sent the last datagram.
