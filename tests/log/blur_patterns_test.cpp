@@ -13,34 +13,32 @@ namespace {
 
 using namespace msgapi::blur;
 
-// Makes values with some faults. X means a hex digit, @ a group of them, # a number, $ a capital or
-// digit, and ~ a separator.
+// Makes texts of values with some faults.
 class TextMaker {
  public:
   explicit TextMaker(uint32_t seed) : random_(seed) {}
 
   std::string make() {
-    constexpr std::string_view kPictures[] = {"XX~XX~XX~XX~XX~XX",
-                                              "XX:XX:XX:XX:XX:XX:XX:XX",
-                                              "#.#.#.#",
-                                              "#.#.#.#.#.#",
-                                              "$$$$$$$$$$$$$$$$",
-                                              "$$$$$$$$$$$$$$$$$$$$$$$$$$$$$$$$$$",
-                                              "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX",
-                                              "hwaddr: XXXXXXXXXXXX",
-                                              "@:@:@:@:@:@:@:@",
-                                              "::@:@:@:@:@:@:@",
-                                              "@:@::@:@:@"};
+    constexpr std::string_view kValues[] = {"00:1a-22:3B-44:f5",
+                                            "00:11:22:33:44:55:66:77",
+                                            "10.200.3.47",
+                                            "1.20.300.4.56.7",
+                                            "A1BC2DEF3GHI4JKZ",
+                                            "A1BC2DEF3GHI4JKLA1BC2DEF3GHI4JKLMN",
+                                            "01234567-89ab-cdef-0123-456789ABCDEF",
+                                            "hwaddr: 0011aabbCCDD",
+                                            "2001:db8:3:44:f:6:0777:8",
+                                            "::1:22:fe80:4444:5:6:7",
+                                            "fe80:1::22:b:444"};
     std::string text(below(4) == 0 ? below(70) : 0, ' ');  // other places within a block
     for (uint32_t pieces = 1 + below(3); pieces > 0; --pieces) {
-      std::string_view picture = kPictures[below(std::size(kPictures))];
-      if (below(4) == 0) picture.remove_prefix(below(static_cast<uint32_t>(picture.size())));
+      std::string_view value = kValues[below(std::size(kValues))];
+      if (below(4) == 0) value.remove_prefix(below(value.size()));
       const uint32_t rarity = 4u << below(6);
-      for (const char part : picture) {
+      for (const char part : value) {
         const uint32_t fault = below(rarity);
         if (fault == 0) text += any("09AFGZafgz:.-* \n\xC3\x7F");
-        if (fault == 1) add(&text, part);
-        if (fault != 2) add(&text, part);
+        text.append(fault == 1 ? 2 : fault == 2 ? 0 : 1, part);
       }
       if (below(3) == 0) text += any(" x*.:-\n");
     }
@@ -50,29 +48,6 @@ class TextMaker {
  private:
   uint32_t below(size_t bound) { return static_cast<uint32_t>(random_() % bound); }
   char any(std::string_view set) { return set[below(set.size())]; }
-
-  void add(std::string *text, char part) {
-    constexpr std::string_view kHex = "0123456789abcdefABCDEF";
-    switch (part) {
-      case 'X':
-        *text += any(kHex);
-        break;
-      case '@':
-        for (uint32_t digits = 1 + below(4); digits > 0; --digits) *text += any(kHex);
-        break;
-      case '#':
-        *text += std::to_string(below(below(2) == 0 ? 100 : 1000));
-        break;
-      case '$':
-        *text += any("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ");
-        break;
-      case '~':
-        *text += any(":::-");
-        break;
-      default:
-        *text += part;
-    }
-  }
 
   std::mt19937 random_;
 };
