@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -17,23 +16,6 @@
 namespace {
 
 using test::Connection;
-
-// Sends `data` with the descriptors as ancillary data.
-void send_with(int socket, std::string data, const std::vector<int> &descriptors) {
-  iovec part = {data.data(), data.size()};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
-  if (!descriptors.empty()) {
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    *CMSG_FIRSTHDR(&message) = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), descriptors.data(),
-                descriptors.size() * sizeof(int));
-  }
-  ASSERT_EQ(static_cast<ssize_t>(data.size()), ::sendmsg(socket, &message, 0));
-}
 
 const std::string kMark(2, '\0');
 
@@ -74,13 +56,13 @@ TEST(FdPassing, RefusesAnythingElseAndClosesWhatCameWithIt) {
       {std::string(4000, 'm'), {peer}, "a message"},
   };
   for (const auto &[data, descriptors, what] : kCases) {
-    send_with(peer, data, descriptors);
+    EXPECT_TRUE(test::send_with_descriptors(peer, data, descriptors));
     received = 77;
     EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000)) << what;
     EXPECT_EQ(0, received);
   }
 
-  send_with(peer, std::string(5000, 'm'), {});
+  connection.peer.send_bytes(std::string(5000, 'm'));
   EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000));
   EXPECT_EQ(ORP_ERR_SYSTEM, ORP_MSG_RecvFd(&received, 1000)) << "4096 bytes at a time";
   EXPECT_EQ(ORP_ERR_TIMEOUT, ORP_MSG_RecvFd(&received, 1));
@@ -103,7 +85,7 @@ TEST(FdPassing, ReportsTheStateOfTheConnection) {
 TEST(FdPassing, NeedsMemoryOnceADirection) {
   Connection connection("self");
   int32_t received;
-  for (int i = 0; i < 2; ++i) send_with(connection.peer.fd(), kMark, {0});
+  for (int i = 0; i < 2; ++i) test::send_with_descriptors(connection.peer.fd(), kMark);
   msgapi::fail_allocation(1);
   EXPECT_EQ(ORP_ERR_MEMORY, ORP_MSG_SendFd(0));
   msgapi::fail_allocation(1);
