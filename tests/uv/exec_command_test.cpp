@@ -5,7 +5,6 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <filesystem>

@@ -11,12 +11,14 @@
 #include "support/fd_check.h"
 #include "support/file.h"
 #include "support/soak.h"
+#include "support/trace_records.h"
 #include "uv/process_fixture.h"
 
 namespace msgapi {
 namespace {
 
 using testing::ElementsAre;
+using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
 
 TEST_F(ProcessTest, ReportsExitCodesAndSignals) {
@@ -173,21 +175,6 @@ TEST_F(ProcessTest, DeletedWatcherReportsNothingButTheStatusStaysKnownAndThePipe
   EXPECT_TRUE(output.empty());
 }
 
-TEST_F(ProcessTest, AnotherLoopReportsItsChildrenAndTheHandlerKeepsErrno) {
-  Command command = Command::shell("exit 4");
-  command.options.exitProc = [](OrpUvProcess *process, int32_t, uint32_t code, uint32_t) {
-    recorded(std::to_string(code));
-    OrpUvLoopStop(process->head.loop);
-  };
-  ASSERT_EQ(ORP_OK, OrpUvProcessSpawn(&loop_, nullptr, &command.options));
-  EXPECT_EQ(ORP_OK, run(0));
-  EXPECT_THAT(calls, ElementsAre("4"));
-
-  errno = 77;
-  ::raise(SIGCHLD);  // no child is left: the handler's waitpid() fails
-  EXPECT_EQ(77, errno);
-}
-
 TEST_F(ProcessTest, AnotherLoopReportsAllThatEndedBeforeItRan) {
   constexpr uint32_t kChildren = 100;
   Command command = Command::shell("exit 4");
@@ -210,7 +197,7 @@ TEST_F(ProcessTest, AnotherLoopReportsAllThatEndedBeforeItRan) {
   EXPECT_EQ(0u, left);
 }
 
-TEST_F(ProcessTest, SignalThatReachesAnotherThreadIsHandledByTheLoops) {
+TEST_F(ProcessTest, SignalThatReachesAnotherThreadIsHandledByTheLoopsWhichKeepsErrno) {
   sigset_t child_signal;
   sigemptyset(&child_signal);
   sigaddset(&child_signal, SIGCHLD);
@@ -231,6 +218,9 @@ TEST_F(ProcessTest, SignalThatReachesAnotherThreadIsHandledByTheLoops) {
   EXPECT_EQ(::gettid(), handled_by);
 
   run_to_end();
+  errno = 77;
+  ::raise(SIGCHLD);  // no child is left: the handler's waitpid() fails
+  EXPECT_EQ(77, errno);
 }
 
 TEST_F(ProcessTest, ChildReapedJustBeforeTheWaitIsReportedNotTakenForIdleTime) {
@@ -246,6 +236,21 @@ TEST_F(ProcessTest, ChildReapedJustBeforeTheWaitIsReportedNotTakenForIdleTime) {
   EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 5000));
 
   EXPECT_THAT(calls, ElementsAre("0: exit 0 signal 9"));
+}
+
+// Tools read the records, so their texts must not change.
+TEST_F(ProcessTest, TraceRecordsTellOfTheEnd) {
+  std::string pid;
+  const auto records = test::trace_records("exit-proc", [&] {
+    Command command = Command::shell("exit 3");
+    pid = std::to_string(spawn(command)->pid);
+    run_to_end();
+  });
+
+  const std::string begin = "uvProcessDoExitCallback track 8: \\[start exit-proc [0-9]+:" + pid +
+                            ":/bin/sh -c exit 3\\] ";
+  EXPECT_THAT(records, ElementsAre(MatchesRegex(begin + "sig 0, status 3 0x[0-9a-f]+"),
+                                   MatchesRegex(begin + "0x[0-9a-f]+")));
 }
 
 // ---- Synchronous spawn ----
@@ -334,21 +339,22 @@ TEST_F(ProcessTest, StormOfChildrenLosesNothing) {
 #endif
   const uint32_t total = kTotal * test::soak_factor();
   const test::FdCheck check;
-  const std::string program = std::string(std::getenv("MSGAPI_BIN")) + "/storm_child";
   std::map<ORP_WORD, std::string> expected;
   std::mt19937 random(test::seed());
   uint32_t started = 0, reported = 0;
 
   const auto start_one = [&] {
     const ORP_WORD id = ++started;
-    const auto random_size = [&] { return random() % 4 == 0 ? random() % 100000 : random() % 100; };
+    const auto random_size = [&] { return 1 + random() % (random() % 4 == 0 ? 100000 : 100); };
     const size_t out = random_size(), error = random_size();
     constexpr uint32_t kSignals[] = {SIGKILL, SIGTERM, SIGUSR1};
     const uint32_t signal = random() % 4 == 0 ? kSignals[random() % 3] : 0;
     const uint32_t exit = signal == 0 ? random() % 256 : 0;
     expected[id] = end_of(id, exit, signal) + std::to_string(out + error);
-    Command command({program, std::to_string(out), std::to_string(error), std::to_string(exit),
-                     std::to_string(signal)});
+    const std::string end =
+        signal == 0 ? "exit " + std::to_string(exit) : "kill -" + std::to_string(signal) + " $$";
+    Command command = Command::shell("printf %0" + std::to_string(out) + "d 0; printf %0" +
+                                     std::to_string(error) + "d 0 >&2; " + end);
     command.options.data = id;
     ASSERT_NE(nullptr, spawn(command, ORP_UV_SPAWN_STDOUT | ORP_UV_SPAWN_STDERR));
   };
