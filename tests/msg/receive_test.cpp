@@ -168,14 +168,5 @@ TEST(Receive, CollectsABodyThatComesByteByByteAmidSignals) {
   EXPECT_EQ("12345", received.frame.body);
 }
 
-TEST(Receive, GivesTheMessageUpWithoutMemory) {
-  for (const uint32_t nth : {1u, 2u}) {
-    Connection connection;
-    connection.peer.send({.type = 1, .body = "body"});
-    fail_allocation(nth);
-    EXPECT_EQ(ORP_ERR_MEMORY, Received(connection.fd()).status);
-  }
-}
-
 }  // namespace
 }  // namespace msgapi::msg

@@ -1,7 +1,6 @@
 #include "os/line_reader.h"
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -36,11 +35,6 @@ TEST(LineReader, JoinsLinesThatTwoReadsBring) {
   const std::string text = std::string(4090, 'x') + "\nacross the block\nend\n";
   EXPECT_THAT(lines_of(text, 5000),
               ElementsAre(std::string(4090, 'x') + "\n", "across the block\n", "end\n"));
-}
-
-TEST(LineReader, EndsWhereNothingCanBeRead) {
-  char line[8];
-  EXPECT_FALSE(msgapi::os::LineReader(-1).next(line));
 }
 
 }  // namespace

@@ -215,29 +215,6 @@ TEST_F(MessageWatcherTest, EndOfStreamIsNotWaitedForUntilReadingIsArmedAnew) {
   }
 }
 
-TEST_F(MessageWatcherTest, AnswerGoesToItsRequestOnce) {
-  OrpUvMsg *watcher = receive_from(socket());
-  expect_answer(watcher, 1, 1, 0);
-  expect_answer(watcher, 1, 2, 60000);
-  send(frame(1, 2, "") + frame(1, 2, "again") + frame(1, 3, ""));
-  run();
-  EXPECT_THAT(calls, ElementsAre("answer2", "1:again", "1:"));
-
-  watcher->matchProc = nullptr;
-  send(frame(1, 1, "unmatched"));
-  run();
-  EXPECT_EQ("1:unmatched", calls.back());
-
-  expect_answer(watcher, 1, 4, 5);
-  on_recorded = [] { OrpUvLoopStop(OrpUvLoopGetDefault()); };
-  EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 0));
-  EXPECT_EQ("timeout4", calls.back());
-  ASSERT_NE(nullptr, watcher->pending);
-  EXPECT_EQ(1u, watcher->pending->key2);
-  UvMsgWatcherTimeout(reinterpret_cast<ORP_WORD>(watcher->pending));
-  EXPECT_EQ("timeout1", calls.back());
-}
-
 TEST_F(MessageWatcherTest, AnswerProcedureMayStartTheNextRequestAndRunTheLoop) {
   OrpUvMsg *watcher = receive_from(socket());
   expect_answer(watcher, 1, 1, 0);

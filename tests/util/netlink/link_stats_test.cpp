@@ -5,7 +5,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -20,7 +19,6 @@
 #include <vector>
 
 #include "base/bytes.h"
-#include "os/fd.h"
 #include "support/fd_check.h"
 #include "support/network.h"
 
@@ -152,23 +150,6 @@ TEST(DevStats, WaitForTheAnswerAndAreUntouchedWhenItIsLostOrCut) {
   EXPECT_NE(marked(), stats_of("lo"));
   g_receive_errors = {ENOBUFS};
   EXPECT_EQ(marked(), stats_of("lo"));
-}
-
-TEST(DevStats, TryAgainAfterAFailedSetUp) {
-  rlimit before;
-  ::getrlimit(RLIMIT_NOFILE, &before);
-  // Without any descriptor for the sockets, then with one for the first of the two.
-  for (uint32_t spare : {0u, 1u}) {
-    const test::FdCheck descriptors;
-    testing::internal::CaptureStdout();
-    const msgapi::os::UniqueFd next(::dup(0));
-    const rlimit few{static_cast<rlim_t>(next.get()) + 1 + spare, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &few);
-    EXPECT_EQ(marked(), stats_of("lo"));
-    ::setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ("error for netlink init\r", testing::internal::GetCapturedStdout());
-  }
-  EXPECT_NE(marked(), stats_of("lo"));
 }
 
 // The counters in a reply of these records, whose lengths the test chooses. The reply ends with its
