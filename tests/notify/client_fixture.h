@@ -126,10 +126,6 @@ inline std::string path_of(pid_t process) {
   return path;
 }
 
-inline bool exists(const std::string &path) {
-  return ::access(path.c_str(), F_OK) == 0;
-}
-
 class NotifyClient : public testing::Test {
  protected:
   void connect() {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <thread>
 
@@ -48,17 +49,17 @@ TEST_F(NotifyClient, RemovesItsSocketWhenItDisconnectsOrExits) {
     if (child == 0) {
       if (destroys) ORP_NOTIFYCLT_Destroy();
       if (destroys) ORP_NOTIFYCLT_Init(kOwnId);
-      std::exit(exists(path_of(::getpid())) == destroys ? 0 : 1);
+      std::exit(std::filesystem::exists(path_of(::getpid())) == destroys ? 0 : 1);
     }
     int status = -1;
     ASSERT_EQ(child, ::waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
-    EXPECT_FALSE(exists(path_of(child)));
-    EXPECT_TRUE(exists(path_of(::getpid())));
+    EXPECT_FALSE(std::filesystem::exists(path_of(child)));
+    EXPECT_TRUE(std::filesystem::exists(path_of(::getpid())));
   }
 
   ORP_NOTIFYCLT_Destroy();
-  EXPECT_FALSE(exists(path_of(::getpid())));
+  EXPECT_FALSE(std::filesystem::exists(path_of(::getpid())));
 }
 
 TEST_F(NotifyClient, ConnectsOnlyForModulesThatThereAre) {

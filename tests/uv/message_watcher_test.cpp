@@ -10,6 +10,7 @@
 #include "base/list.h"
 #include "base/memory.h"
 #include "msgapi/msg.h"
+#include "support/frame.h"
 #include "support/system_calls.h"
 #include "uv/loop_fixture.h"
 
@@ -20,11 +21,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 std::string frame(uint32_t type, uint32_t seq, const std::string &body) {
-  ORP_MSG_HEADER_ST header = {};
-  header.ulMsgType = type;
-  header.ulSeqNum = seq;
-  header.ulDataLen = static_cast<uint32_t>(body.size());
-  return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
+  return test::Frame{.type = type, .body = body, .sequence = seq}.bytes();
 }
 
 std::string body_of(const ORP_MSG_HEADER_ST *message) {

@@ -10,6 +10,7 @@ namespace msgapi {
 namespace {
 
 using testing::ElementsAre;
+using testing::FieldsAre;
 
 void fired(ORP_WORD data) {
   LoopTest::recorded(std::to_string(data));
@@ -36,17 +37,13 @@ class TimerTest : public LoopTest {
   }
 };
 
-MATCHER_P2(IsTime, seconds, microseconds, "") {
-  return arg.seconds == seconds && arg.microseconds == microseconds;
-}
-
 TEST_F(TimerTest, CountsFromTheStartOfTheIterationAndCatchesNothingUp) {
   OrpUvTimer *three = timer({1000, 500000}, 1500, 3, 1);
 
-  EXPECT_THAT(pass_at(1000, 499999), IsTime(0, 1));
-  EXPECT_THAT(pass_at(1010, 250000), IsTime(1, 500000)) << "five periods late";
+  EXPECT_THAT(pass_at(1000, 499999), FieldsAre(0, 1));
+  EXPECT_THAT(pass_at(1010, 250000), FieldsAre(1, 500000)) << "five periods late";
   EXPECT_EQ(1u, calls.size());
-  EXPECT_THAT(pass_at(1010, 750000), IsTime(1, 0));
+  EXPECT_THAT(pass_at(1010, 750000), FieldsAre(1, 0));
   EXPECT_EQ(1u, calls.size());
   pass_at(1011, 750000);
   pass_at(1014, 0);
@@ -75,15 +72,15 @@ TEST_F(TimerTest, IsLookedAtAnewAfterAnInnerRunOfAnother) {
 }
 
 TEST_F(TimerTest, LimitsTheWaitToTheNearestExpiryOrTheIdleTime) {
-  EXPECT_THAT(pass_at(1000, 0), IsTime(0x7fffffff, 0));
+  EXPECT_THAT(pass_at(1000, 0), FieldsAre(0x7fffffff, 0));
   loop_.idleTime = 2500;
-  EXPECT_THAT(pass_at(1000, 0), IsTime(2, 500000));
+  EXPECT_THAT(pass_at(1000, 0), FieldsAre(2, 500000));
 
   timer({1002, 100000}, 1, 1, 1);
-  EXPECT_THAT(pass_at(1000, 200000), IsTime(1, 900000));
+  EXPECT_THAT(pass_at(1000, 200000), FieldsAre(1, 900000));
   timer({1002, 0}, 0, 1, 2);
   timer({0, 0}, 1, 1, 3);
-  EXPECT_THAT(pass_at(1000, 200000), IsTime(1, 900000)) << "sleeping timers do not count";
+  EXPECT_THAT(pass_at(1000, 200000), FieldsAre(1, 900000)) << "sleeping timers do not count";
   EXPECT_TRUE(calls.empty());
 }
 
@@ -153,7 +150,7 @@ TEST(TimerGetIntv, IsNeverNegative) {
   for (const auto &c : cases) {
     ORP_TIME_ST result = {-1, -1};
     OrpUtilTimerGetIntv(&c.later, &c.earlier, &result);
-    EXPECT_THAT(result, IsTime(c.expected.seconds, c.expected.microseconds));
+    EXPECT_THAT(result, FieldsAre(c.expected.seconds, c.expected.microseconds));
   }
 }
 
