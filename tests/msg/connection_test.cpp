@@ -6,7 +6,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -97,10 +96,7 @@ TEST_F(Connect, FailsWithoutAServerAndSaysWhy) {
 
 TEST_F(Connect, OfAUserWhoMayNotSaysWhichPathAndWhy) {
   test::FakeLogServer log;
-  const sockaddr_un address = {AF_UNIX, ORP_MSG_SERVER_PATH};
-  const os::UniqueFd server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  ASSERT_EQ(0, ::bind(server.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-  ASSERT_EQ(0, ::listen(server.get(), 1));
+  FakeServer server([](MessagePeer &) {});
   ASSERT_EQ(0, ::chmod(ORP_MSG_SERVER_PATH, 0600));
   for (const char *path : {MLOG_IPC_PATH, MLOG_IPC_PATH MLOG_SERVER_NAME}) {
     ASSERT_EQ(0, ::chmod(path, 0777));
@@ -115,6 +111,7 @@ TEST_F(Connect, OfAUserWhoMayNotSaysWhichPathAndWhy) {
       "Cannot connect to the message server /var/run/msgsvr: Permission denied (errno 13): this "
       "user may not use it.\n",
       log.text());
+  const test::RawClient nobody_else("", test::RawClient::Register::kNo);  // ends the server
 }
 
 // Afterwards the context is as after its destruction.
@@ -206,28 +203,24 @@ TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
   EXPECT_TRUE(std::filesystem::is_empty("/var/run/msg"));
 }
 
-// Like a message that the application reads itself.
+// Like a message that the application reads itself; dm_message_test.cpp has the cases.
 TEST_F(Connect, HoldsADmBodyToItsMessageBeforeItIsDispatched) {
-  const auto claims = [](uint32_t capacity) {
-    const DmBody head{ORP_DMMSG_MAGIC, capacity, 0, 0, 0, 0};
-    return std::string(reinterpret_cast<const char *>(&head), sizeof head);
-  };
   static std::vector<uint32_t> magics;
-  connect([&](MessagePeer &peer) {
-    for (const uint32_t type : {uint32_t{ORP_DMMSG_TYPE}, uint32_t{ORP_MSG_EVENT_WAN}, 1u}) {
-      peer.send({.type = type, .body = claims(sizeof(DmBody))});
-      peer.send({.type = type, .body = claims(sizeof(DmBody) + 1)});
-    }
+  connect([](MessagePeer &peer) {
+    const DmBody claims_more{ORP_DMMSG_MAGIC, sizeof(DmBody) + 1, 0, 0, 0, 0};
+    const std::string body(reinterpret_cast<const char *>(&claims_more), sizeof claims_more);
+    for (const uint32_t type : {uint32_t{ORP_DMMSG_TYPE}, 1u})
+      peer.send({.type = type, .body = body});
     peer.send({.type = 0xeee});
   });
   ORP_MSG_RegisterMsgProc([](Header *message) {
     if (message->ulMsgType == 0xeee) return stop_loop();
     magics.push_back(reinterpret_cast<const DmBody *>(body(message))->magic);
   });
+
   run_loop();
-  EXPECT_EQ((std::vector<uint32_t>{ORP_DMMSG_MAGIC, 0, ORP_DMMSG_MAGIC, 0, ORP_DMMSG_MAGIC,
-                                   ORP_DMMSG_MAGIC}),
-            magics)
+
+  EXPECT_EQ((std::vector<uint32_t>{0, ORP_DMMSG_MAGIC}), magics)
       << "a body that claims more than arrived is none; other types' bodies are their own";
 }
 
