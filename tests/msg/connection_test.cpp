@@ -142,10 +142,8 @@ TEST_F(Connect, IsUndoneWhenTheRegistrationFails) {
             peer.send_bytes(part);
           },
           port);
-      testing::internal::CaptureStdout();
       const uint32_t status = port == 0 ? ORP_MSG_InitWithoutHandle("self")
                                         : ORP_MSG_InitSlaveApp("self", "127.0.0.1", port);
-      testing::internal::GetCapturedStdout();
 
       EXPECT_EQ(port == 0 ? ORP_OK : slave_status, status) << bytes.size();
       EXPECT_EQ(-1, g_stMsgCtx.slSocket) << bytes.size();
@@ -171,7 +169,6 @@ TEST_F(Connect, SendsTheKeepAliveThatTheServerAskedFor) {
 
 TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
   static std::string content;
-  testing::internal::CaptureStdout();
   connect([](MessagePeer &peer) {
     const Frame large = peer.read();
     peer.send(large);
@@ -192,7 +189,6 @@ TEST_F(Connect, DeliversOrCountsEveryMessageOnTheLoop) {
   run_loop();
   await_script();
   run_loop_dry();
-  testing::internal::GetCapturedStdout();
 
   EXPECT_TRUE(large == content);
   EXPECT_EQ((Types{0x1234, 1, 2}), g_heard);

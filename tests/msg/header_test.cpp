@@ -41,10 +41,7 @@ TEST(ResponseBuilder, RefusesWhatItCannotBuild) {
   const Message request = test::make_block(kRequest);
   EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(nullptr, 0, nullptr, 0));
   EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(request.get(), 0, "x", 0x7fffffd7));
-  testing::internal::CaptureStdout();
   EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(request.get(), 0, "x", 0x7fffffd6));
-  EXPECT_EQ("error: not host tool, but malloc 4M, return NULL, malloc len=2147483646\n",
-            testing::internal::GetCapturedStdout());
   msgapi::fail_allocation(1);
   EXPECT_EQ(nullptr, ORP_MSG_MsgRespBuilder(request.get(), 0, "x", 1));
 }

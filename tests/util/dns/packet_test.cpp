@@ -255,13 +255,10 @@ TEST(DnsCopy, TakesAllOrTheBeginningUnlessTheAllocatorRefuses) {
               message_of(copy));
   }
 
-  testing::internal::CaptureStdout();
   for (const uint32_t length : {0xFFFFFFFFu, 0x800000u}) {
     ORP_DNS_PACKET_ST huge = {length};
     EXPECT_EQ(nullptr, ORP_DNS_PacketCopy(&huge, 0));
   }
-  EXPECT_EQ("error: not host tool, but malloc 4M, return NULL, malloc len=8388612\n",
-            testing::internal::GetCapturedStdout());
 }
 
 }  // namespace

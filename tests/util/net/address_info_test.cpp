@@ -80,9 +80,7 @@ TEST(AddrInfo, IsNotMadeFromNothingOrTooMuch) {
   EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, nullptr, 16));
   EXPECT_EQ("ORP_UTIL_MakeAddrInfo copy sockaddr error", testing::internal::GetCapturedStdout());
 
-  testing::internal::CaptureStdout();
   EXPECT_EQ(nullptr, ORP_UTIL_MakeAddrInfo(0, &address, 0xFFFFFFDE)) << "no memory for it";
-  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::StartsWith("error: not host tool"));
 }
 
 TEST(AddrInfo, IsCopiedWholeOrInPart) {
