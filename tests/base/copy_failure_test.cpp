@@ -4,7 +4,9 @@
 
 #include <string>
 
+#include "msgapi/blur.h"
 #include "msgapi/dynapp.h"
+#include "msgapi/log.h"
 #include "msgapi/mac.h"
 #include "msgapi/path.h"
 #include "msgapi/restful.h"
@@ -33,7 +35,17 @@ TEST(CopyFailure, IsPrintedByTheFunctionsWhoseTextDoesNotFit) {
   const struct {
     const char *file;
     void (*call)();
+    const char *says = "snprintf_s failed, err = -1";
   } kCases[] = {
+      {"log/blur", [] { ORP_BLUR_Ip(kLong.c_str()); }},
+      {"log/client", [] { MlogSetStatInfo(kLong.c_str(), "x"); }, "memcpy_s failed, err = 34"},
+      {"log/client",
+       [] {
+         char text[8];
+         MlogGetStatInfo(kLong.c_str(), text, sizeof text);
+       },
+       "memcpy_s failed, err = 34"},
+      {"log/transport", [] { MlogSocketClose(-1, kLong.c_str()); }},
       {"msg/dynamic_app", [] { ORP_MSG_OrpSyncWait(kLong.c_str(), 1); }},
       {"msg/dynamic_app", [] { ORP_UTIL_PostLua(kLong.c_str(), "script"); }},
       {"msg/restful", [] { ORP_MSG_BuildRestfulReqMsg(0, 0, kLong.c_str(), "h", nullptr, 0); }},
@@ -53,12 +65,12 @@ TEST(CopyFailure, IsPrintedByTheFunctionsWhoseTextDoesNotFit) {
          ORP_UTIL_FindModuleAndFuncByUri("/api/m/long", nullptr, 0, function, sizeof function);
        }},
   };
-  for (const auto &[file, call] : kCases) {
+  for (const auto &[file, call, says] : kCases) {
     testing::internal::CaptureStdout();
     call();
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                MatchesRegex("file src/" + std::string(file) +
-                             ".cpp, line [0-9]+: snprintf_s failed, err = -1\n"));
+    EXPECT_THAT(
+        testing::internal::GetCapturedStdout(),
+        MatchesRegex("file src/" + std::string(file) + ".cpp, line [0-9]+: " + says + "\n"));
   }
 
   testing::internal::CaptureStdout();

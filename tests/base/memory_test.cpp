@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "support/allocation.h"
-
 namespace msgapi {
 namespace {
 
@@ -20,13 +18,6 @@ TEST(GuardedAlloc, RefusesNothingAndWhatIsBeyondTheBound) {
       testing::internal::GetCapturedStdout());
 }
 
-TEST(GuardedAlloc, ServesTheBoundItself) {
-  const Owned<char> block(static_cast<char *>(guarded_zalloc(0x800000)));
-
-  ASSERT_TRUE(block);
-  EXPECT_EQ(0, block.get()[0x7FFFFF]);
-}
-
 TEST(Grow, ReachesBeyondTheBoundAndKeepsTheBlockOnFailure) {
   Owned<char> block(static_cast<char *>(guarded_alloc(4)));
   block.get()[3] = 'x';
@@ -37,17 +28,6 @@ TEST(Grow, ReachesBeyondTheBoundAndKeepsTheBlockOnFailure) {
 
   ASSERT_TRUE(block);
   EXPECT_EQ('x', block.get()[3]);
-}
-
-TEST(FailAllocation, FailsTheNthOnceOnly) {
-  const uint32_t failures = test::fail_every_allocation([] {
-    const Owned<char> first(static_cast<char *>(plain_alloc(1)));
-    const Owned<char> second(static_cast<char *>(guarded_zalloc(1)));
-    const Owned<char> third = duplicate_text("text");
-    return first && second && third;
-  });
-
-  EXPECT_EQ(3u, failures);
 }
 
 }  // namespace
