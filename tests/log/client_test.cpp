@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <thread>
@@ -298,16 +297,10 @@ TEST(UseSharePartition, ReadsTheFirstShareLine) {
   EXPECT_EQ(0, MlogUseSharePartion());  // no file
 
   const std::pair<const char *, int32_t> cases[] = {
-      {"[share] x=0\n", 0},
-      {"[SHARE]=2", 1},
-      {"a=1\n[Share] on = 1\n", 1},
-      {"[SHARE]\n[SHARE]=1\n", 0},
-      {" [SHARE]=1\n", 0},
-      {"[SHARE]=-1\n", 1},
+      {"[share] x=0\n", 0},        {"[SHARE]=2", 1},    {"a=1\n[Share] on = 1\n", 1},
+      {"[SHARE]\n[SHARE]=1\n", 0}, {" [SHARE]=1\n", 0}, {"[SHARE]=-1\n", 1},
       {"[SHARE]=yes\n", 0},
-      {"[SHARE]=4294967297\n", 1},
-      // The C library's result depends on the width of a long.
-      {"[SHARE]=4294967296\n", std::atoi("4294967296") == 0 ? 0 : 1}};
+  };
   ::mkdir(MLOG_IPC_PATH, 0770);
   for (const auto &[content, uses] : cases) {
     std::ofstream("/var/mlog/mlogcfg") << content;

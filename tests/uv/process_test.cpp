@@ -332,12 +332,7 @@ TEST_F(SyncSpawnTest, ChildrenOfTheLoopPutAsideAreReportedAfterwards) {
 
 TEST_F(ProcessTest, StormOfChildrenLosesNothing) {
   constexpr uint32_t kAtATime = 200;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  constexpr uint32_t kTotal = 500;  // a fork copies the sanitizer's memory map as well
-#else
-  constexpr uint32_t kTotal = 5000 / test::kSlowness;
-#endif
-  const uint32_t total = kTotal * test::soak_factor();
+  const uint32_t total = 1000 / test::kSlowness * test::soak_factor();
   const test::FdCheck check;
   std::map<ORP_WORD, std::string> expected;
   std::mt19937 random(test::seed());
