@@ -150,20 +150,28 @@ TEST(Receive, CollectsABodyThatComesByteByByteAmidSignals) {
   action.sa_handler = [](int) {};
   ::sigaction(SIGUSR1, &action, nullptr);
   const pthread_t receiver = ::pthread_self();
-  std::thread writer([&] {
-    const std::string bytes = Frame{.type = 1, .body = "12345"}.bytes();
-    for (int i = 0; i < 20; ++i) ::pthread_kill(receiver, SIGUSR1);
-    connection.peer.send_bytes(bytes.substr(0, 40));
-    for (const char &byte : bytes.substr(40)) {
-      for (int i = 0; i < 20; ++i) ::pthread_kill(receiver, SIGUSR1);
-      connection.peer.send_bytes({&byte, 1});
-    }
-  });
+  for (const uint32_t timeout_ms : {kLong_ms, 0u}) {  // 0: the read itself waits
+    std::thread writer([&] {
+      const std::string bytes = Frame{.type = 1, .body = "12345"}.bytes();
+      const auto interrupt = [&] {
+        for (int i = 0; i < 200; ++i) {
+          ::pthread_kill(receiver, SIGUSR1);
+          std::this_thread::yield();
+        }
+      };
+      interrupt();
+      connection.peer.send_bytes(bytes.substr(0, 40));
+      for (const char &byte : bytes.substr(40)) {
+        interrupt();
+        connection.peer.send_bytes({&byte, 1});
+      }
+    });
 
-  const Received received(connection.fd(), kLong_ms);
-  writer.join();
+    const Received received(connection.fd(), timeout_ms);
+    writer.join();
 
-  EXPECT_EQ("12345", received.frame.body);
+    EXPECT_EQ("12345", received.frame.body);
+  }
 }
 
 }  // namespace
