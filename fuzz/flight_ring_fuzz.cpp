@@ -58,7 +58,7 @@ class World {
         flight::Record facts;
         facts.from = decisions->byte();
         facts.a = decisions->byte();
-        const std::string text(decisions->byte() * size_t{40}, 't');
+        const std::string text(decisions->byte() * size_t{37}, 't');
         const uint64_t number = recorder_.note(Kind::kConnected, facts, text);
         return expect(
             {number, Kind::kConnected, facts.a, facts.from, 0, text.substr(0, flight::kMostKept)});
@@ -103,7 +103,7 @@ class World {
  private:
   void accept(Decisions *decisions, size_t count) {
     const uint32_t from = decisions->byte();
-    const uint32_t length = decisions->byte() * 16u;
+    const uint32_t length = decisions->byte() * 13u;
     for (size_t i = 0; i < count; ++i) {
       const std::string body(length, static_cast<char>('a' + i % 26));
       char header[flight::kHeaderSize];

@@ -21,6 +21,7 @@
 
 #include "flight/reader.h"
 #include "flight/recorder.h"
+#include "support/fuzz_target.h"
 #include "support/soak.h"
 
 namespace {
@@ -30,6 +31,7 @@ using flight::Kind;
 using flight::Loss;
 using flight::Reader;
 using flight::Recorder;
+using testing::HasSubstr;
 
 const std::string kPath = "/var/run/flight_test";
 
@@ -65,6 +67,17 @@ uint32_t check_message(const Entry &entry, uint32_t body_limit) {
 std::vector<char> file_bytes(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Why `read` throws; "" when it does not.
+template <typename Read>
+std::string refusal(Read read) {
+  try {
+    read();
+  } catch (const std::runtime_error &error) {
+    return error.what();
+  }
+  return "";
 }
 
 // Shared by two processes.
@@ -167,32 +180,6 @@ TEST(FlightRecorder, LeavesNothingBehindWhereItCannotRecord) {
   EXPECT_EQ(ENOSPC, refusal("/mnt/flight", flight::kLeastRing));
 }
 
-TEST(FlightRecorder, OverwritesTheOldestWhateverTheLengths) {
-  constexpr uint32_t kMessages = 20000;
-  Recorder recorder(kPath, flight::kLeastRing, 200);
-  std::minstd_rand random(test::seed());
-  Entry entry;
-  uint32_t next = 0;
-  while (next < kMessages) {
-    for (uint32_t i = 1 + static_cast<uint32_t>(random() % 900); i > 0; --i) {
-      record_message(&recorder, ++next);
-    }
-
-    Reader reader = Reader::follow(kPath);
-    uint32_t last = 0;
-    while (reader.next(&entry) == Reader::Next::kEntry) {
-      if (entry.kind() != Kind::kAccepted) continue;
-      const uint32_t value = check_message(entry, 200);
-      ASSERT_EQ(value, last == 0 ? value : last + 1);
-      last = value;
-    }
-
-    ASSERT_EQ(last, next);
-    ASSERT_EQ(reader.before_first() + reader.seen(), recorder.count());
-    ASSERT_EQ(reader.missed(), 0u);
-  }
-}
-
 TEST(FlightRecorder, AFollowerKnowsWhatItMissed) {
   const uint32_t messages = 300000 * test::soak_factor() / test::kSlowness;
   Shared *shared = share();
@@ -264,65 +251,50 @@ TEST(FlightRecorder, IsWholeAfterItsWriterWasKilled) {
 TEST(FlightReader, RefusesWhatIsNoFileOfTheRecorder) {
   { Recorder recorder(kPath, flight::kLeastRing, 0); }
   const std::vector<char> good = file_bytes(kPath);
-  const auto refusal = [](std::vector<char> bytes) -> std::string {
-    try {
-      Reader reader(std::move(bytes));
-    } catch (const std::runtime_error &error) {
-      return error.what();
-    }
-    return "";
+  const auto refused = [](const std::vector<char> &bytes) {
+    return refusal([&bytes] { Reader reader(bytes); });
   };
-  const auto changed = [&good](size_t offset, uint64_t value, size_t size) {
+  const auto changed = [&](size_t offset, uint64_t value, size_t size) {
     std::vector<char> bytes = good;
     std::memcpy(bytes.data() + offset, &value, size);
-    return bytes;
+    return refused(bytes);
   };
 
-  EXPECT_EQ(refusal(good), "");
-  EXPECT_THAT(refusal({}), testing::HasSubstr("too short"));
-  EXPECT_THAT(refusal({good.begin(), good.begin() + 5000}), testing::HasSubstr("its size"));
-  EXPECT_THAT(refusal(changed(0, 0, 8)), testing::HasSubstr("no file of the flight recorder"));
-  EXPECT_THAT(refusal(changed(8, 2, 4)), testing::HasSubstr("another version"));
-  EXPECT_THAT(refusal(changed(16, flight::kLeastRing - 8, 8)), testing::HasSubstr("its size"));
+  EXPECT_EQ(refused(good), "");
+  EXPECT_THAT(refused({}), HasSubstr("too short"));
+  EXPECT_THAT(refused({good.begin(), good.begin() + 5000}), HasSubstr("its size"));
+  EXPECT_THAT(changed(0, 0, 8), HasSubstr("no file of the flight recorder"));
+  EXPECT_THAT(changed(8, 2, 4), HasSubstr("another version"));
   for (const uint64_t size : {flight::kLeastRing / 2, flight::kLeastRing + 8,
                               flight::kLeastRing * 2, flight::kMostRing * 2}) {
-    EXPECT_THAT(refusal(changed(16, size, 8)), testing::HasSubstr("its size")) << size;
+    EXPECT_THAT(changed(16, size, 8), HasSubstr("its size")) << size;
   }
-  EXPECT_THAT(refusal(changed(12, 8192, 4)), testing::HasSubstr("its size"));
+  EXPECT_THAT(changed(12, 8192, 4), HasSubstr("its size"));
 }
 
 TEST(FlightReader, SaysWhyAFileCannotBeRead) {
-  const auto refusals = [](const std::string &path) {
-    std::string said;
-    for (const bool follows : {true, false}) {
-      try {
-        follows ? Reader::follow(path) : Reader::load(path);
-      } catch (const std::runtime_error &error) {
-        const std::string what = error.what();
-        EXPECT_TRUE(what.starts_with(path + ": ")) << what;
-        said += what.substr(path.size() + 2) + "\n";
-      }
-    }
-    return said;
+  const auto expect_both = [](const std::string &path, const std::string &why) {
+    EXPECT_EQ(path + ": " + why, refusal([&path] { Reader::follow(path); }));
+    EXPECT_EQ(path + ": " + why, refusal([&path] { Reader::load(path); }));
   };
-  const auto both = [](const std::string &why) { return why + "\n" + why + "\n"; };
+  const auto of_size = [](uint64_t ring) {
+    std::filesystem::resize_file(kPath, flight::kRingOffset + ring);
+  };
+  const std::string foreign = "this is no file of the flight recorder";
 
-  EXPECT_EQ(both("there is no such file; is msgsvr running, with --flight?"),
-            refusals("/nonexistent"));
-  EXPECT_EQ(both("Not a directory"), refusals("/dev/null/file"));
-  EXPECT_EQ(both("this is no regular file"), refusals("/dev/zero"));
+  expect_both("/nonexistent", "there is no such file; is msgsvr running, with --flight?");
+  expect_both("/dev/null/file", "Not a directory");
+  expect_both("/dev/zero", "this is no regular file");
   std::ofstream(kPath) << "short";
-  EXPECT_EQ(both("this is no file of the flight recorder (its size cannot be)"), refusals(kPath));
-  ::truncate(kPath.c_str(), static_cast<off_t>(flight::kRingOffset + 2 * flight::kMostRing));
-  EXPECT_EQ(both("this is no file of the flight recorder (its size cannot be)"), refusals(kPath));
-  ::truncate(kPath.c_str(), static_cast<off_t>(flight::kRingOffset + flight::kLeastRing));
-  EXPECT_EQ(
-      "this is no file of the flight recorder\n"
-      "flight file: this is no file of the flight recorder\n",
-      refusals(kPath));
+  expect_both(kPath, foreign + " (its size cannot be)");
+  of_size(2 * flight::kMostRing);
+  expect_both(kPath, foreign + " (its size cannot be)");
+  of_size(flight::kLeastRing);
+  EXPECT_EQ(kPath + ": " + foreign, refusal([] { Reader::follow(kPath); }));
+  EXPECT_EQ(kPath + ": flight file: " + foreign, refusal([] { Reader::load(kPath); }));
   ASSERT_EQ(0, ::chmod(kPath.c_str(), 0600));
   if (::geteuid() == 0 && ::seteuid(65534) == 0) {
-    EXPECT_EQ(both("only the server's own user may read it"), refusals(kPath));
+    expect_both(kPath, "only the server's own user may read it");
     ASSERT_EQ(0, ::seteuid(0));
   }
 }
@@ -435,35 +407,9 @@ TEST(FlightReader, NamesEachThingThatCannotBe) {
   EXPECT_EQ(Reader::Next::kDamaged, follower.next(&entry));
 }
 
-TEST(FlightReader, NamesADamagedRing) {
-  {
-    Recorder recorder(kPath, flight::kLeastRing, 0);
-    for (uint32_t value = 1; value < 2000; ++value) record_message(&recorder, value);
-  }
-  const std::vector<char> good = file_bytes(kPath);
-  const auto ends_with = [](std::vector<char> bytes) {
-    Reader reader(std::move(bytes));
-    Entry entry;
-    for (;;) {
-      const Reader::Next next = reader.next(&entry);
-      if (next != Reader::Next::kEntry) return next;
-    }
-  };
-  ASSERT_EQ(Reader::Next::kNothing, ends_with(good));
-
-  // Changes bytes of the positions and of some records to values that matter.
-  std::minstd_rand random(test::seed());
-  for (int i = 0; i < 3000; ++i) {
-    std::vector<char> bytes = good;
-    for (int flips = 0; flips < 3; ++flips) {
-      const size_t at = i % 2 == 0 ? 48 + random() % 16 : 4096 + random() % flight::kLeastRing;
-      bytes[at] = static_cast<char>(random());
-    }
-    ends_with(std::move(bytes));  // returns, whatever it says
-  }
-  std::vector<char> bytes = good;
-  std::memset(bytes.data() + 4096, 0xff, flight::kLeastRing);
-  EXPECT_EQ(Reader::Next::kDamaged, ends_with(bytes));
+// The ring turns, a reader follows or comes late, and bytes of the file are changed.
+TEST(Flight, IsReadAsItWasWrittenWhateverTheFuzzTargetDoes) {
+  test::run_fuzz_target(500, 250);
 }
 
 }  // namespace
