@@ -10,19 +10,21 @@
 #include <string>
 #include <thread>
 
-#include "support/notify_peer.h"
-#include "support/process.h"
+#include "servers/notify_server.h"
 
 namespace {
 
+using test::kCms;
+using test::kWeb;
+using test::Module;
+using test::notice;
 using test::NotifyMessage;
 using test::NotifyPeer;
+using test::NotifyServer;
+using test::registration;
 using testing::AllOf;
 using testing::HasSubstr;
 
-constexpr uint32_t kCms = 8;
-constexpr uint32_t kWeb = 26;
-constexpr uint32_t kNoticeType = 0x77;
 constexpr uid_t kWebUser = 1234;
 
 // The kernel passes on the user of the thread that connects. Null if it cannot be another user.
@@ -34,50 +36,30 @@ std::unique_ptr<NotifyPeer> peer_of(uid_t user) {
   return peer;
 }
 
-NotifyMessage message(uint32_t source, uint32_t destination, const std::string &data = "data") {
-  NotifyMessage message{{}, data};
-  message.head.msg_type = kNoticeType;
-  message.head.source_id = source;
-  message.head.des_id = destination;
-  message.head.ack_tag = ORP_NOTIFYCLT_REQUEST;
-  return message;
-}
-
-void enter(NotifyPeer *peer, uint32_t module) {
-  const uint32_t values[] = {module, 0};
-  NotifyMessage registration =
-      message(0, ORP_NOTIFYCLT_SERVER, {reinterpret_cast<const char *>(values), sizeof values});
-  registration.head.msg_type = ORP_NOTIFYCLT_REGISTER;
-  peer->send(registration);
-}
-
 TEST(NotifyTrust, ModulesBelongToTheUsersOfTheCommandLine) {
-  test::Process server("notifyserver", {"--own", "cms=root", "--own", "26=1234"});
-  ASSERT_TRUE(server.wait_for("ready"));
-  NotifyPeer cms;
-  enter(&cms, kCms);
-  ASSERT_TRUE(server.wait_for("is registered"));
+  NotifyServer server({"--own", "cms=root", "--own", "26=1234"});
+  Module cms(&server, kCms);
   const auto web = peer_of(kWebUser);
   if (web == nullptr) GTEST_SKIP() << "an ordinary user's sandbox has no other users";
-  enter(web.get(), kCms);
+  web->send(registration(kCms));
   ASSERT_TRUE(server.wait_for("of user 1234 may not be module 8"));
-  enter(web.get(), kWeb);
+  web->send(registration(kWeb));
   ASSERT_TRUE(server.wait_for("is registered"));
   const auto other = peer_of(kWebUser + 1);
-  enter(other.get(), kWeb);
+  other->send(registration(kWeb));
   ASSERT_TRUE(server.wait_for("of user 1235 may not be module 26"));
-  enter(other.get(), 20);
+  other->send(registration(20));
   ASSERT_TRUE(server.wait_for("is registered"));
 
   // Messages carry their sender's module, also long ones that come in pieces.
-  other->send(message(kWeb, kCms));
+  other->send(notice(kWeb, kCms));
   EXPECT_EQ(20u, cms.receive().head.source_id);
   const std::string large(300000, 'x');
-  other->send(message(kWeb, kCms, large));
+  other->send(notice(kWeb, kCms, large));
   const NotifyMessage got = cms.receive();
   EXPECT_EQ(20u, got.head.source_id);
   EXPECT_EQ(large, got.data);
-  web->send(message(kWeb, kCms));
+  web->send(notice(kWeb, kCms));
   EXPECT_EQ(kWeb, cms.receive().head.source_id);
   EXPECT_EQ(0, server.stop(SIGTERM));
   EXPECT_THAT(server.output(), AllOf(HasSubstr("of user 1235 sends as module 26"),
@@ -85,17 +67,14 @@ TEST(NotifyTrust, ModulesBelongToTheUsersOfTheCommandLine) {
 }
 
 TEST(NotifyTrust, WithoutOwnersSourcesStayButNobodyIsTheServer) {
-  test::Process server("notifyserver", {"--mode", "0600"});
-  ASSERT_TRUE(server.wait_for("ready"));
+  NotifyServer server({"--mode", "0600"});
   struct stat socket {};
   ASSERT_EQ(0, ::stat("/var/run/notify/notifyserver", &socket));
   EXPECT_EQ(0600u, socket.st_mode & 0777);
-  NotifyPeer cms;
-  enter(&cms, kCms);
-  NotifyPeer web;
-  enter(&web, kWeb);
-  web.send(message(ORP_NOTIFYCLT_SERVER, kCms));
-  web.send(message(kCms, kCms));
+  Module cms(&server, kCms);
+  Module web(&server, kWeb);
+  web.send(notice(ORP_NOTIFYCLT_SERVER, kCms));
+  web.send(notice(kCms, kCms));
   EXPECT_EQ(kCms, cms.receive().head.source_id) << "as it was sent";
   EXPECT_EQ(0, server.stop(SIGTERM));
   EXPECT_THAT(server.output(), HasSubstr("foreign 2 forged 1 not_permitted 0"));
