@@ -1,7 +1,6 @@
 #include "common/listen.h"
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -19,10 +18,12 @@
 #include <utility>
 
 #include "support/fd_check.h"
+#include "support/resource_limit.h"
 
 namespace servers {
 namespace {
 
+using test::DescriptorLimit;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -53,22 +54,6 @@ UniqueFd connected() {
   }
   return fd;
 }
-
-// While it lives, the process gets no descriptor of the number `first` or above.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(int first) {
-    EXPECT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before_));
-    const rlimit limit{static_cast<rlim_t>(first), before_.rlim_max};
-    EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
-  }
-  DescriptorLimit(const DescriptorLimit &) = delete;
-  DescriptorLimit &operator=(const DescriptorLimit &) = delete;
-  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
 
 int next_descriptor() {
   return UniqueFd(::dup(STDIN_FILENO)).get();

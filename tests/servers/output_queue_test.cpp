@@ -1,8 +1,6 @@
 #include "common/output_queue.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +9,7 @@
 #include <utility>
 
 #include "support/fd_check.h"
+#include "support/resource_limit.h"
 
 namespace servers {
 namespace {
@@ -233,14 +232,12 @@ TEST_F(OutputQueueTest, DropsADescriptorThatTheKernelDoesNotPass) {
   ASSERT_TRUE(queue.send_descriptor(std::move(descriptors[0]), {7, 2}));
 
   // A user may have as many on their way as a process may open, unless he has capabilities.
-  rlimit limit{};
-  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
-  const rlimit none{0, limit.rlim_max};
-  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
-  const bool root = ::geteuid() == 0 && ::seteuid(65534) == 0;
-  EXPECT_TRUE(queue.send_descriptor(std::move(descriptors[1]), {7, 3}));
-  ASSERT_EQ(0, root ? ::seteuid(0) : 0);
-  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
+  {
+    const test::DescriptorLimit none(0);
+    const bool root = ::geteuid() == 0 && ::seteuid(65534) == 0;
+    EXPECT_TRUE(queue.send_descriptor(std::move(descriptors[1]), {7, 3}));
+    ASSERT_EQ(0, root ? ::seteuid(0) : 0);
+  }
 
   EXPECT_EQ(0u, send(&queue, "next"));
   EXPECT_EQ("p2w2d3w1", watcher.seen);

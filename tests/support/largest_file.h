@@ -1,31 +1,21 @@
 // A limit on what files may hold.
 #pragma once
 
-#include <sys/resource.h>
-
 #include <csignal>
+
+#include "support/resource_limit.h"
 
 namespace test {
 
-// While it lives, no file grows beyond `bytes`, and a write there fails. Afterwards it must not
-// hold: a process that counts coverage writes its files at its end.
+// While it lives, no file grows beyond `bytes`, and a write there fails.
 class LargestFile {
  public:
-  explicit LargestFile(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit few{bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &few);
-  }
-  ~LargestFile() {
-    ::setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  LargestFile(const LargestFile &) = delete;
-  LargestFile &operator=(const LargestFile &) = delete;
+  explicit LargestFile(rlim_t bytes) : limit_(RLIMIT_FSIZE, bytes) {}
+  ~LargestFile() { std::signal(SIGXFSZ, handler_); }
 
  private:
-  void (*handler_)(int);
-  rlimit before_{};
+  void (*handler_)(int) = std::signal(SIGXFSZ, SIG_IGN);
+  ResourceLimit limit_;
 };
 
 }  // namespace test
