@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,7 +44,7 @@ struct LogServer : Process {
   }
 };
 
-// A client that sends any messages.
+// Sends any messages.
 class Sender {
  public:
   Sender() { EXPECT_EQ(0, MlogSocketOpen("sender", &fd_)); }
@@ -54,6 +56,13 @@ class Sender {
     MlogMsg message{.type = type, .length = static_cast<uint32_t>(payload.size()), .payload = {}};
     std::memcpy(message.payload, payload.data(), payload.size());
     EXPECT_EQ(0, MlogSendMsg(fd_, &message, MLOG_SERVER_NAME));
+  }
+
+  // The length field of the next answer; none when there is no answer yet.
+  std::optional<uint32_t> answer() {
+    MlogMsg message;
+    if (::recv(fd_, &message, sizeof message, MSG_DONTWAIT) < 0) return std::nullopt;
+    return message.length;
   }
 
   // Waits until the server has taken everything out of its socket's queue.

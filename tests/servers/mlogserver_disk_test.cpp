@@ -179,25 +179,21 @@ TEST(LogServerKill, LeavesNothingThatStopsTheNextServer) {
     EXPECT_EQ(0, MlogFlushLog());
     EXPECT_EQ(0, next.stop(SIGTERM));
   }
+  const auto goes_without_an_inbox = [] {
+    test::Process server("mlogserver");
+    EXPECT_TRUE(server.wait_for("mlogServer.inbox cannot be used"));
+    EXPECT_TRUE(server.wait_for("ready"));
+    MlogPrint("wan", 8, "line");
+    EXPECT_EQ(0, MlogFlushLog());
+    EXPECT_EQ(0, server.stop(SIGTERM));
+  };
   ASSERT_EQ(0, ::symlink("/var/target", kInbox));
-  test::Process last("mlogserver");
-  EXPECT_TRUE(last.wait_for("mlogServer.inbox cannot be used"));
-  EXPECT_TRUE(last.wait_for("ready"));
+  goes_without_an_inbox();
   EXPECT_NE(0, ::access("/var/target", F_OK));
-  EXPECT_EQ(0, last.stop(SIGTERM));
-
   ASSERT_EQ(0, ::mkfifo(kInbox, 0600));
-  test::Process beside_a_pipe("mlogserver");
-  EXPECT_TRUE(beside_a_pipe.wait_for("mlogServer.inbox cannot be used"));
-  EXPECT_TRUE(beside_a_pipe.wait_for("ready"));
-  EXPECT_EQ(0, beside_a_pipe.stop(SIGTERM));
-
+  goes_without_an_inbox();
   ASSERT_EQ(0, ::mount("tiny", "/var/mlog", "tmpfs", 0, "size=16k"));
-  test::Process without_room("mlogserver");
-  EXPECT_TRUE(without_room.wait_for("mlogServer.inbox cannot be used"));
-  EXPECT_TRUE(without_room.wait_for("ready"));
-  MlogPrint("wan", 8, "line");
-  EXPECT_EQ(0, MlogFlushLog());
+  goes_without_an_inbox();
 }
 
 }  // namespace

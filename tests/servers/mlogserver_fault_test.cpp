@@ -1,20 +1,17 @@
 // The log server with failing allocations: each costs a line or a request, but never the server.
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <new>
-#include <optional>
 #include <string>
 
 #include "mlogserver/server.h"
 #include "msgapi/log.h"
 #include "servers/log_server.h"
-#include "support/file.h"
+#include "support/resource_limit.h"
 
 namespace {
 
@@ -59,28 +56,7 @@ void operator delete(void *memory, size_t) noexcept {
 
 namespace {
 
-class Client {
- public:
-  Client() { EXPECT_EQ(0, MlogSocketOpen("client", &fd_)); }
-  Client(const Client &) = delete;
-  Client &operator=(const Client &) = delete;
-  ~Client() { MlogSocketClose(fd_, "client"); }
-
-  void send(uint32_t type, const std::string &payload) {
-    MlogMsg message{.type = type, .length = static_cast<uint32_t>(payload.size()), .payload = {}};
-    std::memcpy(message.payload, payload.data(), payload.size());
-    EXPECT_EQ(0, MlogSendMsg(fd_, &message, MLOG_SERVER_NAME));
-  }
-  // The length field of the next answer; none when there is no answer yet.
-  std::optional<uint32_t> answer() {
-    MlogMsg message;
-    if (::recv(fd_, &message, sizeof message, MSG_DONTWAIT) < 0) return std::nullopt;
-    return message.length;
-  }
-
- private:
-  int32_t fd_ = -1;
-};
+using test::Sender;
 
 std::string statistics(const std::string &module, const std::string &text) {
   std::string record(516, '\0');
@@ -91,7 +67,7 @@ TEST(LogServerMemory, GivesUpOneRequestAndGoesOn) {
   mlogserver::RingStore store(mlogserver::Config{});
   servers::EventLoop loop;
   mlogserver::Server server(&loop, &store);
-  Client client;
+  Sender client;
   const std::string name(90, 'm');  // too long for a string without memory of its own
 
   bool happened = true;
@@ -107,8 +83,7 @@ TEST(LogServerMemory, GivesUpOneRequestAndGoesOn) {
       happened = guard.happened();
     }
     // Whatever was given up, the server knows whether a line was lost, and serves the next request.
-    const bool written = !test::contents("/var/mlogfile/" + module + ".log").empty() &&
-                         test::contents("/var/mlogfile/" + module + ".log").ends_with(":text\n");
+    const bool written = test::log_of(module).ends_with(":text\n");
     client.answer();  // to the request for statistics, if it was served
     client.send(MLOG_TYPE_FLUSH, "");
     server.drain();
@@ -173,27 +148,23 @@ TEST(LogServerDescriptors, ALineWithoutOneIsLostAndCounted) {
   mlogserver::RingStore store(mlogserver::Config{});
   servers::EventLoop loop;
   mlogserver::Server server(&loop, &store);
-  Client client;
+  Sender client;
   // Once with descriptors: a sanitizer needs one when it looks at a type for the first time.
   std::filesystem::create_directories("/var/mlogfile/lan.log");
   client.send(MLOG_TYPE_LOG, "[1][lan][INFO]:lost\n");
   server.drain();
   EXPECT_THROW(mlogserver::Server second(&loop, &store), std::runtime_error);
 
-  rlimit limit{};
-  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
-  rlimit none = limit;
-  none.rlim_cur = 0;
-  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+  {
+    const test::DescriptorLimit none(0);
+    client.send(MLOG_TYPE_LOG, "[1][wan][INFO]:lost\n");
+    client.send(MLOG_TYPE_FLUSH, "");
+    server.drain();
+    EXPECT_EQ(UINT32_MAX, client.answer());
+    // Without a descriptor to ask with, a second server does not replace the first one.
+    EXPECT_THROW(mlogserver::Server second(&loop, &store), std::runtime_error);
+  }
 
-  client.send(MLOG_TYPE_LOG, "[1][wan][INFO]:lost\n");
-  client.send(MLOG_TYPE_FLUSH, "");
-  server.drain();
-  EXPECT_EQ(UINT32_MAX, client.answer());
-  // Without a descriptor to ask with, a second server does not replace the first one.
-  EXPECT_THROW(mlogserver::Server second(&loop, &store), std::runtime_error);
-
-  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
   EXPECT_EQ(0, ::access("/var/mlog/mlogServer", F_OK));
   EXPECT_EQ(1u, store.counters().at("wan").lost);
 }
