@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "msgapi/event.h"
+#include "support/file.h"
 
 namespace {
 
@@ -29,15 +30,10 @@ using testing::IsEmpty;
 
 const fs::path kSource = MSGAPI_SOURCE;
 
-std::string contents(const fs::path &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 using Constants = std::map<std::string, uint32_t>;
 
 Constants constants_in(const fs::path &header) {
-  const std::string text = contents(header);
+  const std::string text = test::contents(header);
   static const std::regex definition(R"(#define (\w+) (0x[0-9a-fA-F]+)u\b)");
   Constants constants;
   for (std::sregex_iterator match(text.begin(), text.end(), definition), end; match != end;
@@ -105,48 +101,25 @@ TEST(MessageTypes, AreFoundByNameConstantAndNumber) {
   }
 }
 
-// The source without comments and texts. The lines keep their numbers.
-std::string code_of(std::string_view source) {
-  // How comments and texts begin and end. A backslash in a text escapes the next character.
-  static constexpr struct {
-    std::string_view begin, end;
-    bool escapes;
-  } kOthers[] = {{"//", "\n", false},
-                 {"/*", "*/", false},
-                 {"R\"(", ")\"", false},
-                 {"'\"'", "", false},
-                 {"\"", "\"", true}};
-  std::string code;
-  for (size_t i = 0; i < source.size();) {
-    const auto *other = std::ranges::find_if(
-        kOthers, [&](const auto &known) { return source.substr(i).starts_with(known.begin); });
-    if (other == std::end(kOthers)) {
-      code += source[i++];
-      continue;
-    }
-    i += other->begin.size();
-    while (i < source.size() && !source.substr(i).starts_with(other->end)) {
-      if (other->escapes && source[i] == '\\') ++i;
-      if (i < source.size() && source[i++] == '\n') code += '\n';
-    }
-    if (other->end != "\n") i += other->end.size();
-  }
-  return code;
-}
-
-// "FILE:LINE: 0x701" for each place where the code has the number of a known type.
+// "FILE:LINE: 0x701 is ORP_..." for each number of a known type in the code.
 std::vector<std::string> raw_numbers(const fs::path &file) {
-  static const std::regex number(R"(\b0x[0-9a-fA-F]+)");
-  const std::string code = code_of(contents(file));
+  // Comments and texts of a line are matched, too, so that numbers in them are not.
+  static const std::regex part(
+      R"re(//.*|/\*.*?(?:\*/|$)|^ *\*.*|R"\(.*?(?:\)"|$)|'"'|"(?:\\.|[^"\\])*")re"
+      R"re(|\b(0x[0-9a-fA-F]{1,5})(?![0-9a-fA-F]))re");
   std::vector<std::string> found;
-  for (std::sregex_iterator match(code.begin(), code.end(), number), end; match != end; ++match) {
-    const std::string text = match->str();
-    if (text.size() > 7) continue;
-    const MessageType *type = catalogue::find(static_cast<uint32_t>(std::stoul(text, nullptr, 16)));
-    if (type == nullptr || type->number != std::stoul(text, nullptr, 16)) continue;
-    const auto line = 1 + std::count(code.begin(), code.begin() + match->position(), '\n');
-    found.push_back(fs::relative(file, kSource).string() + ":" + std::to_string(line) + ": " +
-                    text + " is " + std::string(type->constant));
+  std::ifstream lines(file);
+  int line = 0;
+  for (std::string code; std::getline(lines, code);) {
+    ++line;
+    for (std::sregex_iterator match(code.begin(), code.end(), part), end; match != end; ++match) {
+      if (!(*match)[1].matched) continue;
+      const auto number = static_cast<uint32_t>(std::stoul((*match)[1], nullptr, 16));
+      const MessageType *type = catalogue::find(number);
+      if (type == nullptr || type->number != number) continue;
+      found.push_back(fs::relative(file, kSource).string() + ":" + std::to_string(line) + ": " +
+                      match->str() + " is " + std::string(type->constant));
+    }
   }
   return found;
 }

@@ -3,14 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <string>
 #include <utility>
 
 #include "msgapi.h"
+#include "support/file.h"
 
 namespace {
 
@@ -30,8 +29,7 @@ TEST(Statuses, AreThoseOfThePublicHeaders) {
       R"(#define (\w+_(?:ERR|OK)(?:_\w+)?) \(?(-?(?:0x[0-9a-fA-F]+|\d+))u?\)?(?=\s))");
   for (const char *folder : {"/include/msgapi", "/platform/cfmapi/include"}) {
     for (const auto &header : fs::directory_iterator(std::string(MSGAPI_SOURCE) + folder)) {
-      std::ifstream file(header.path());
-      const std::string text{std::istreambuf_iterator<char>(file), {}};
+      const std::string text = test::contents(header.path());
       for (std::sregex_iterator match(text.begin(), text.end(), definition), end; match != end;
            ++match) {
         in_headers[(*match)[1]] = std::stoll((*match)[2], nullptr, 0);

@@ -5,10 +5,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
+
+#include "support/file.h"
 
 namespace {
 
@@ -21,11 +22,6 @@ using catalogue::Problem;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-std::string contents(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // A file of one message. Its further members begin on line 4.
 std::string file_of(const std::string &members) {
@@ -181,10 +177,10 @@ TEST(TypeFiles, OfTheDemoDescribesItsMessages) {
   Catalogue types;
   const std::string demo = MSGAPI_SOURCE "/examples/demo/";
 
-  const auto problem = types.add(contents(demo + "demo_types.json"), "demo_types.json");
+  const auto problem = types.add(test::contents(demo + "demo_types.json"), "demo_types.json");
 
   ASSERT_FALSE(problem) << problem->text();
-  const std::string header = contents(demo + "messages.h");
+  const std::string header = test::contents(demo + "messages.h");
   static const std::regex constant(R"(constexpr uint32_t k\w+ = (0x\w+);)");
   size_t messages = 0;
   for (std::sregex_iterator match(header.begin(), header.end(), constant), end; match != end;
