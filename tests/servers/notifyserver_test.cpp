@@ -2,6 +2,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -179,11 +180,16 @@ TEST(NotifyServer, LeavesOtherUsersConnections) {
             server.output().rfind("has 2 connections; more are closed"));
 }
 
-size_t resident_bytes(pid_t pid) {
+struct Memory {
+  size_t in_all = 0, resident = 0;  // bytes
+};
+
+Memory memory_of(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
-  size_t size = 0, resident = 0;
-  file >> size >> resident;
-  return resident * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  Memory pages;
+  file >> pages.in_all >> pages.resident;
+  return {pages.in_all * page, pages.resident * page};
 }
 
 // Sends a message without its last byte, as much of it as the server takes at once.
@@ -197,14 +203,14 @@ void send_unfinished(NotifyPeer &peer, size_t size) {
 TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
   NotifyServer server({"--unfinished", "4000000"});
   Module web(&server, kWeb);
-  [[maybe_unused]] const size_t before = resident_bytes(server.pid());
+  [[maybe_unused]] const size_t before = memory_of(server.pid()).resident;
 
   {
     std::list<NotifyPeer> hostile(40);
     for (NotifyPeer &peer : hostile) send_unfinished(peer, 3000000);
     EXPECT_TRUE(server.wait_for("there is no room for it until it is whole"));
 #ifndef __SANITIZE_ADDRESS__  // keeps what was freed
-    EXPECT_LT(resident_bytes(server.pid()), before + 30000000);
+    EXPECT_LT(memory_of(server.pid()).resident, before + 30000000);
 #endif
 
     // Short messages still pass, also in pieces, and so do long ones of another user.
@@ -233,16 +239,16 @@ TEST(NotifyServer, BoundsWhatUnfinishedMessagesTakeForEachUserAndInAll) {
 }
 
 #if !defined(MSGAPI_EMULATED) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// From now on the kernel refuses `call` to this process and its children when the lower half of
-// argument number `argument` is `value` or more.
-void refuse_system_call(uint32_t call, uint32_t argument, uint32_t value, uint32_t error) {
+// From now on the kernel has no place in epoll for descriptors from `first` on of this process and
+// its children.
+void refuse_in_epoll(uint32_t first) {
+  constexpr uint32_t kDescriptor = offsetof(seccomp_data, args) + 2 * sizeof(uint64_t);
   sock_filter rules[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
-               static_cast<uint32_t>(offsetof(seccomp_data, args)) + argument * 8),
-      BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, value, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_epoll_ctl, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kDescriptor),
+      BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, first, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSPC),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
   const sock_fprog program{std::size(rules), rules};
@@ -253,16 +259,7 @@ void refuse_system_call(uint32_t call, uint32_t argument, uint32_t value, uint32
 TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
   // Its own descriptors and those of the first clients are below this.
   constexpr uint32_t kFirstRefused = 20;
-  constexpr uint32_t kTooLarge = 4000000;  // the largest library is smaller
-  const std::string large = notice(0, kWeb, std::string(8000000, 'x')).bytes();
-  refuse_system_call(SYS_epoll_ctl, 2, kFirstRefused, ENOSPC);
-#ifdef SYS_mmap2
-  refuse_system_call(SYS_mmap2, 1, kTooLarge, ENOMEM);
-#else
-  refuse_system_call(SYS_mmap, 1, kTooLarge, ENOMEM);
-#endif
-  refuse_system_call(SYS_mremap, 2, kTooLarge, ENOMEM);
-  refuse_system_call(SYS_brk, 0, 1, 0);  // brk's return value says that it has failed
+  refuse_in_epoll(kFirstRefused);
   NotifyServer server;
   Module web(&server, kWeb);
   NotifyPeer cms;
@@ -273,7 +270,9 @@ TEST(NotifyServer, GoesOnWithoutAPlaceInEpollOrMemory) {
     EXPECT_EQ(UINT32_MAX, many.back().receive().head.msg_type);
   }
   // No memory for the whole message.
-  cms.send(large);
+  const rlimit memory{memory_of(server.pid()).in_all + 4000000, RLIM_INFINITY};
+  ASSERT_EQ(0, ::prlimit(server.pid(), RLIMIT_AS, &memory, nullptr));
+  cms.send(notice(0, kWeb, std::string(8000000, 'x')));
   cms.send(notice(0, kWeb, "still there"));
   EXPECT_EQ("still there", web.receive().data);
   EXPECT_THAT(server.statistics_at_end(), HasSubstr("refused 1"));
