@@ -8,12 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
 #include "servers/services.h"
+#include "support/file.h"
 #include "support/message_peer.h"
 #include "support/network.h"
 
@@ -52,17 +51,15 @@ TEST(Confine, RefusesWhatNoServerNeeds) {
   if (!has_filter()) GTEST_SKIP() << "this build or kernel has no filters of system calls";
   EXPECT_EQ(EPERM, status_of(Programs::kNone, execute));
   EXPECT_EQ(0, status_of(Programs::kStarted, execute));
-  for (const Programs programs : {Programs::kNone, Programs::kStarted}) {
-    EXPECT_EQ(EPERM, status_of(programs, [] {
-                return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : errno;
-              }));
-    EXPECT_EQ(EPERM, status_of(programs, [] {
-                return ::mount("none", "/mnt", "tmpfs", 0, nullptr) == 0 ? 0 : errno;
-              }));
-    EXPECT_EQ(EPERM, status_of(programs, [] { return ::chroot("/") == 0 ? 0 : errno; }));
+  const auto error_of = [](Programs programs, auto call) {
+    return status_of(programs, [call] { return call() >= 0 ? 0 : errno; });
+  };
+  for (const Programs each : {Programs::kNone, Programs::kStarted}) {
+    EXPECT_EQ(EPERM, error_of(each, [] { return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); }));
+    EXPECT_EQ(EPERM, error_of(each, [] { return ::mount("none", "/mnt", "tmpfs", 0, nullptr); }));
+    EXPECT_EQ(EPERM, error_of(each, [] { return ::chroot("/"); }));
   }
-  EXPECT_EQ(EPERM, status_of(Programs::kNone,
-                             [] { return ::socket(AF_PACKET, SOCK_RAW, 0) >= 0 ? 0 : errno; }));
+  EXPECT_EQ(EPERM, error_of(Programs::kNone, [] { return ::socket(AF_PACKET, SOCK_RAW, 0); }));
   EXPECT_EQ(0, status_of(Programs::kNone, [] {
               int result = 1;
               std::thread([&] { result = ::socket(AF_UNIX, SOCK_STREAM, 0) < 0 ? 1 : 0; }).join();
@@ -77,8 +74,7 @@ TEST_F(ConfinedServer, ServesAsEver) {
   GTEST_SKIP() << "socketcall(2) hides from a filter which kind of socket it is asked for";
 #endif
   start({"--seccomp", "--http", "8080", "--tcp", "127.0.0.1:5050"});
-  std::ifstream file("/proc/" + std::to_string(server_->pid()) + "/status");
-  const std::string status{std::istreambuf_iterator<char>(file), {}};
+  const std::string status = test::contents("/proc/" + std::to_string(server_->pid()) + "/status");
   EXPECT_THAT(status, HasSubstr("NoNewPrivs:\t1"));
   if (has_filter()) {
     EXPECT_THAT(status, HasSubstr("Seccomp:\t2"));
