@@ -8,9 +8,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sstream>
 #include <string>
+#include <vector>
 
 #include "msgapi/log.h"
 #include "os/fd.h"
@@ -30,6 +29,12 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
+
+void expect_refusal(const std::vector<std::string> &arguments, const std::string &complaint) {
+  test::Process server("mlogserver", arguments);
+  EXPECT_EQ(1, server.wait());
+  EXPECT_THAT(server.output(), HasSubstr(complaint));
+}
 
 TEST(LogServer, KeepsTheLinesOfEveryModuleMaskedInARingOfItsOwn) {
   LogServer server;
@@ -187,27 +192,6 @@ TEST(LogServer, SetsLevelsUntilTheyAreTakenBack) {
   EXPECT_THAT(server.output(), ContainsRegex(" malformed 3 unanswered 0 refused 1 "));
 }
 
-TEST(LogServer, LosesNoLineOfABurstFromTenProcesses) {
-  LogServer server;
-  const char *const modules[] = {"m0", "m1", "m2", "m3", "m4", "m5", "m6", "m7", "m8", "m9"};
-  for (const char *module : modules) {
-    if (::fork() != 0) continue;
-    for (int line = 0; line < 1000; ++line) MlogPrint(module, 8, "line %d", line);
-    ::_exit(0);
-  }
-  for (size_t i = 0; i < std::size(modules); ++i) ::wait(nullptr);
-  ASSERT_EQ(0, MlogFlushLog());
-
-  for (const char *module : modules) {
-    std::istringstream file(log_of(module));
-    int count = 0;
-    for (std::string line; std::getline(file, line);) {
-      count += line.ends_with("]:line " + std::to_string(count));
-    }
-    EXPECT_EQ(1000, count);
-  }
-}
-
 TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
   LogServer server;
   Sender sender;
@@ -236,9 +220,7 @@ TEST(LogServer, CountsWhatNoClientSendsAndGoesOn) {
 
 TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
   LogServer server;
-  test::Process second("mlogserver");
-  EXPECT_EQ(1, second.wait());
-  EXPECT_THAT(second.output(), HasSubstr("already running"));
+  expect_refusal({}, "already running");
 
   MlogPrint("wan", MLOG_LEVEL_INFO, "last words");
   EXPECT_EQ(0, server.stop(SIGTERM));
@@ -257,25 +239,13 @@ TEST(LogServer, StopsCleanlyAndGivesWayToNobodyWhileItRuns) {
 
 TEST(LogServer, SaysWhyItCannotStart) {
   const std::string place = "/var/mlog/mlogServer";
-  const struct {
-    std::function<void()> damage;
-    std::string complaint;
-  } cases[] = {
-      {[&] { std::filesystem::create_directory(place); }, place + ": Address already in use"},
-      {[] {
-         std::filesystem::remove_all("/var/mlog");
-         std::ofstream("/var/mlog") << "a file";
-       },
-       place + ": Not a directory"},
-      {[] { ASSERT_EQ(0, ::mount("none", "/var", "tmpfs", MS_RDONLY, nullptr)); },
-       "/var/mlog/: Read-only file system"},
-  };
-  for (const auto &each : cases) {
-    each.damage();
-    test::Process server("mlogserver");
-    EXPECT_EQ(1, server.wait());
-    EXPECT_THAT(server.output(), HasSubstr(each.complaint));
-  }
+  std::filesystem::create_directory(place);
+  expect_refusal({}, place + ": Address already in use");
+  std::filesystem::remove_all("/var/mlog");
+  std::ofstream("/var/mlog") << "a file";
+  expect_refusal({}, place + ": Not a directory");
+  ASSERT_EQ(0, ::mount("none", "/var", "tmpfs", MS_RDONLY, nullptr));
+  expect_refusal({}, "/var/mlog/: Read-only file system");
 }
 
 TEST(LogServerConfig, DecidesWhatIsKeptWhere) {
@@ -393,14 +363,8 @@ TEST(LogServerConfig, MistakesAreNamed) {
       {"modules = a ../b\n", "../b: not a module's name"},
       {"[wan]\nmodules = a\n", "unknown key modules in [wan]"},
   };
-  for (const auto &[text, complaint] : cases) {
-    test::Process server("mlogserver", with_config(text));
-    EXPECT_EQ(1, server.wait());
-    EXPECT_THAT(server.output(), HasSubstr(complaint));
-  }
-  test::Process server("mlogserver", {"--config", "/no/file"});
-  EXPECT_EQ(1, server.wait());
-  EXPECT_THAT(server.output(), HasSubstr("/no/file: No such file or directory"));
+  for (const auto &[text, complaint] : cases) expect_refusal(with_config(text), complaint);
+  expect_refusal({"--config", "/no/file"}, "/no/file: No such file or directory");
 }
 
 TEST(LogServerConfig, IsTheUsualFileWhereNoneIsNamed) {
