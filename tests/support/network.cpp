@@ -6,13 +6,11 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netpacket/packet.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -20,22 +18,9 @@
 #include <memory>
 
 #include "os/fd.h"
-#include "support/soak.h"
+#include "support/process.h"
 
 namespace test {
-namespace {
-
-// Checks `condition` until it holds. Fails the test when it does not within kPatience_ms.
-template <typename Condition>
-void wait_until(const Condition &condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience_ms);
-  while (!condition()) {
-    ASSERT_LT(std::chrono::steady_clock::now(), end) << "does not come true";
-    ::poll(nullptr, 0, 1);
-  }
-}
-
-}  // namespace
 
 void run(const std::string &command) {
   EXPECT_EQ(0, std::system(command.c_str())) << command;
@@ -64,12 +49,12 @@ void teach_bridge(const std::string &bridge, const std::string &peer, const std:
                            &source[2], &source[3], &source[4], &source[5]));
 
   const std::string known = "bridge fdb show br " + bridge + " | grep -qi ^" + mac;
-  wait_until([&] {
+  EXPECT_TRUE(eventually([&] {
     EXPECT_EQ(static_cast<ssize_t>(sizeof frame),
               ::sendto(fd.get(), frame, sizeof frame, 0, reinterpret_cast<sockaddr *>(&place),
                        sizeof place));
     return std::system(known.c_str()) == 0;
-  });
+  }));
 }
 
 sockaddr_in loopback(uint16_t port) {

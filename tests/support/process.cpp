@@ -7,16 +7,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "support/soak.h"
 
 namespace test {
 
 Process::Process(const std::string &name, const std::vector<std::string> &arguments) {
-  const char *directory = std::getenv("MSGAPI_BIN");
-  const std::string path = std::filesystem::path(directory == nullptr ? "." : directory) / name;
+  const std::string path = name.starts_with('/') ? name : path_of(name);
   std::vector<char *> vector{const_cast<char *>(path.c_str())};
   for (const std::string &argument : arguments) {
     vector.push_back(const_cast<char *>(argument.c_str()));
@@ -77,6 +79,36 @@ bool Process::read_more() {
   ended_ = got <= 0;
   if (ended_) return false;
   output_.append(bytes, static_cast<size_t>(got));
+  return true;
+}
+
+Output run_program(const std::string &name, const std::vector<std::string> &arguments) {
+  Process process(name, arguments);
+  const int status = process.wait();
+  return {status, process.output()};
+}
+
+Output shell(const std::string &command) {
+  const std::string script = "/var/shell.sh";
+  std::ofstream(script) << "PATH=" << path_of("") << ":$PATH\n" << command << "\n";
+  FILE *pipe = ::popen(("bash " + script).c_str(), "r");
+  std::string text;
+  for (int c; (c = std::fgetc(pipe)) != EOF;) text += static_cast<char>(c);
+  const int status = ::pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+}
+
+std::string path_of(const std::string &name) {
+  const char *directory = std::getenv("MSGAPI_BIN");
+  return (directory == nullptr ? "." : directory) + ("/" + name);
+}
+
+bool eventually(const std::function<bool()> &holds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience_ms);
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   return true;
 }
 

@@ -1,8 +1,9 @@
-// Runs one of the project's programs next to a test.
+// Runs programs next to a test.
 #pragma once
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,8 +13,8 @@ namespace test {
 
 class Process {
  public:
-  // Starts the program `name` of the build, or the one at that absolute path, with its output and
-  // errors captured.
+  // Starts the project's program `name`, or any other by its path, with its output and errors
+  // captured.
   explicit Process(const std::string &name, const std::vector<std::string> &arguments = {});
   // Kills the program if it is still running.
   ~Process();
@@ -43,5 +44,24 @@ class Process {
   size_t seen_ = 0;
   bool ended_ = false;
 };
+
+// What a program has printed, and its exit status.
+struct Output {
+  int status;
+  std::string text;
+};
+
+// Runs a program to its end. The output includes standard error.
+Output run_program(const std::string &name, const std::vector<std::string> &arguments = {});
+
+// Runs a command line of bash, for which the project's programs come first. Returns its standard
+// output.
+Output shell(const std::string &command);
+
+// The path of the project's program `name`.
+std::string path_of(const std::string &name);
+
+// Waits until `holds` returns true; false when that takes longer than kPatience_ms.
+bool eventually(const std::function<bool()> &holds);
 
 }  // namespace test

@@ -2,10 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -19,12 +16,9 @@ using testing::HasSubstr;
 using testing::Not;
 
 std::string lan_watch(const std::string &arguments) {
-  const std::string command = std::string(std::getenv("MSGAPI_BIN")) + "/lan_watch " + arguments;
-  FILE *pipe = ::popen(command.c_str(), "r");
-  std::string output;
-  for (int c; (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
-  EXPECT_EQ(0, ::pclose(pipe)) << output;
-  return output;
+  const test::Output output = test::shell("lan_watch " + arguments);
+  EXPECT_EQ(0, output.status) << output.text;
+  return output.text;
 }
 
 TEST(LanWatch, ShowsHostsOnTheirPorts) {
@@ -49,31 +43,18 @@ TEST(LanWatch, ShowsHostsOnTheirPorts) {
 
 TEST(LanWatch, SaysThatBrctlIsMissing) {
   ASSERT_EQ(0, ::setenv("PATH", "/var", 1));
-  test::Process program("lan_watch", {"--count", "1"});
+  const test::Output output = test::run_program("lan_watch", {"--count", "1"});
 
-  EXPECT_EQ(1, program.wait());
-  EXPECT_THAT(program.output(), HasSubstr("the program brctl is not in PATH"));
-  EXPECT_THAT(program.output(), Not(HasSubstr("no bridges")));
+  EXPECT_EQ(1, output.status);
+  EXPECT_THAT(output.text, HasSubstr("the program brctl is not in PATH"));
+  EXPECT_THAT(output.text, Not(HasSubstr("no bridges")));
 }
 
 TEST(LanWatch, EndsOnSignal) {
-  const std::string program = std::string(std::getenv("MSGAPI_BIN")) + "/lan_watch";
-  int output[2];
-  ASSERT_EQ(0, ::pipe(output));
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(output[1], STDOUT_FILENO);
-    ::execl(program.c_str(), "lan_watch", nullptr);
-    ::_exit(127);
-  }
-  ::close(output[1]);
+  test::Process program("lan_watch");
+  ASSERT_TRUE(program.wait_for("no bridges\n"));
 
-  char drawn;
-  ASSERT_EQ(1, ::read(output[0], &drawn, 1)) << "the first table: it runs";
-  ::kill(child, SIGTERM);
-  int status = -1;
-  ASSERT_EQ(child, ::waitpid(child, &status, 0));
-  EXPECT_EQ(0, status);
+  EXPECT_EQ(0, program.stop(SIGTERM));
 }
 
 }  // namespace

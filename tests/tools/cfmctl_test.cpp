@@ -1,39 +1,25 @@
 // cfmctl as a user runs it.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <string>
+
+#include "support/process.h"
 
 namespace {
 
 using testing::HasSubstr;
 
-struct Outcome {
-  int status;
-  std::string output;  // both streams
-};
-
-Outcome cfmctl(const std::string &arguments) {
-  const std::string command =
-      std::string(std::getenv("MSGAPI_BIN")) + "/cfmctl " + arguments + " 2>&1";
-  FILE *pipe = ::popen(command.c_str(), "r");
-  Outcome outcome;
-  char chunk[4096];
-  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-    outcome.output.append(chunk, n);
-  outcome.status = WEXITSTATUS(::pclose(pipe));
-  return outcome;
+// The output includes standard error.
+test::Output cfmctl(const std::string &arguments) {
+  return test::shell("cfmctl " + arguments + " 2>&1");
 }
 
 std::string output_of(const std::string &arguments) {
-  const Outcome outcome = cfmctl(arguments);
-  EXPECT_EQ(0, outcome.status) << arguments << "\n" << outcome.output;
-  return outcome.output;
+  const test::Output outcome = cfmctl(arguments);
+  EXPECT_EQ(0, outcome.status) << arguments << "\n" << outcome.text;
+  return outcome.text;
 }
 
 void write_file(const char *path, const std::string &text) {
@@ -108,24 +94,24 @@ TEST(Cfmctl, ImportsAllOrNothingAndSaysWhere) {
   for (const auto &bad : kBad) {
     write_file("/var/bad.json", bad.text);
 
-    const Outcome outcome = cfmctl("import /var/bad.json");
+    const test::Output outcome = cfmctl("import /var/bad.json");
 
     EXPECT_EQ(1, outcome.status);
-    EXPECT_THAT(outcome.output, HasSubstr("cfmctl: /var/bad.json: "));
-    EXPECT_THAT(outcome.output, HasSubstr(bad.message));
+    EXPECT_THAT(outcome.text, HasSubstr("cfmctl: /var/bad.json: "));
+    EXPECT_THAT(outcome.text, HasSubstr(bad.message));
     EXPECT_EQ("3\n", output_of("get 0x61A11703"));
   }
 }
 
 TEST(Cfmctl, ExplainsWhatItCannotDo) {
-  EXPECT_THAT(cfmctl("list").output, HasSubstr("there is no store at /var/cfm/cfm.db"));
+  EXPECT_THAT(cfmctl("list").text, HasSubstr("there is no store at /var/cfm/cfm.db"));
   output_of("import " + std::string(kDefaults));
 
-  EXPECT_THAT(cfmctl("get 77").output, HasSubstr("there is no such value"));
-  EXPECT_THAT(cfmctl("set 77 1").output, HasSubstr("there is no such value"));
-  EXPECT_THAT(cfmctl("get 1/2").output, HasSubstr("'1/2' names no value"));
-  EXPECT_THAT(cfmctl("set 0x61A11703 abc").output, HasSubstr("'abc' is not a 32-bit number"));
-  EXPECT_THAT(cfmctl("export /nonexistent/file").output, HasSubstr("No such file or directory"));
+  EXPECT_THAT(cfmctl("get 77").text, HasSubstr("there is no such value"));
+  EXPECT_THAT(cfmctl("set 77 1").text, HasSubstr("there is no such value"));
+  EXPECT_THAT(cfmctl("get 1/2").text, HasSubstr("'1/2' names no value"));
+  EXPECT_THAT(cfmctl("set 0x61A11703 abc").text, HasSubstr("'abc' is not a 32-bit number"));
+  EXPECT_THAT(cfmctl("export /nonexistent/file").text, HasSubstr("No such file or directory"));
   EXPECT_NE(0, cfmctl("import").status);
 }
 

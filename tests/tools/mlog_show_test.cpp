@@ -208,15 +208,11 @@ TEST(MlogShow, GivesItsPagerWhatATerminalWouldShow) {
   write_ring("wan", line(1, "a") + line(2, "b"));
   // The program's output on a terminal, with the line ends that the program wrote.
   const auto on_terminal = [](const std::string &pager, const std::string &options) {
-    const std::string command = "script -qec \"PAGER='" + pager + "' " + std::getenv("MSGAPI_BIN") +
-                                "/mlog -o raw " + options + "\" /dev/null </dev/null";
-    std::FILE *pipe = ::popen(command.c_str(), "r");
-    std::string shown;
-    for (int c; (c = std::fgetc(pipe)) != EOF;) {
-      if (c != '\r') shown += static_cast<char>(c);
-    }
-    EXPECT_EQ(0, ::pclose(pipe)) << shown;
-    return shown;
+    const Output output =
+        test::shell("set -o pipefail; script -qec \"PAGER='" + pager + "' mlog -o raw " + options +
+                    "\" /dev/null </dev/null | tr -d '\\r'");
+    EXPECT_EQ(0, output.status) << output.text;
+    return output.text;
   };
   if (::access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no terminals here: /dev/ptmx";
   const std::string plain = line(1, "a") + line(2, "b");
@@ -232,15 +228,9 @@ TEST(MlogShow, EndsWithItsReader) {
   for (int i = 0; i < 100; ++i) lines += line(i, std::string(200, 'x'));
   for (int i = 0; i < 50; ++i) write_ring("m" + std::to_string(i), lines);
   for (const char *options : {"", "-f -n 5000"}) {
-    const std::string command = std::string(std::getenv("MSGAPI_BIN")) + "/mlog -o raw " + options +
-                                " 2>/var/errors | head -1";
-    std::FILE *pipe = ::popen(command.c_str(), "r");
-    char text[1000];
-    ASSERT_NE(nullptr, std::fgets(text, sizeof text, pipe));
-    EXPECT_EQ(line(0, std::string(200, 'x')), text);
-    EXPECT_EQ(nullptr, std::fgets(text, sizeof text, pipe));
-    EXPECT_EQ(0, ::pclose(pipe));
-    EXPECT_EQ(0u, std::filesystem::file_size("/var/errors"));
+    const Output output = test::shell(std::string("mlog -o raw ") + options +
+                                      " 2>/var/errors | head -1; cat /var/errors");
+    EXPECT_EQ(line(0, std::string(200, 'x')), output.text);
   }
 }
 

@@ -13,6 +13,8 @@
 
 namespace test::mlog {
 
+using test::Output;
+
 inline std::string line(int64_t uptime_ms, const std::string &text,
                         const std::string &level = "INFO", const std::string &module = "wan") {
   char head[64];
@@ -29,15 +31,8 @@ inline void write_ring(const std::string &module, std::string text, uint32_t max
   MlogFileDestructor(target.file);
 }
 
-struct Output {
-  int status;
-  std::string text;
-};
-
 inline Output run(const std::vector<std::string> &arguments) {
-  test::Process process("mlog", arguments);
-  const int status = process.wait();
-  return {status, process.output()};
+  return run_program("mlog", arguments);
 }
 
 // The header of a ring file.

@@ -2,52 +2,18 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <thread>
-
-#include "support/soak.h"
 
 namespace test {
 
 using nlohmann::json;
 
-std::string path_of(const std::string &name) {
-  const char *directory = std::getenv("MSGAPI_BIN");
-  return (directory == nullptr ? "." : directory) + ("/" + name);
-}
-
 Output run(const Words &words) {
-  Process process("msgctl", words);
-  const int status = process.wait();
-  return {status, process.output()};
-}
-
-Output shell(const std::string &command) {
-  const std::string path = "/var/msgctl_shell.sh";
-  std::ofstream(path) << "PATH=" << path_of("") << ":$PATH\n" << command << "\n";
-  FILE *pipe = ::popen(("bash " + path).c_str(), "r");
-  std::string text;
-  char buffer[4096];
-  while (const size_t got = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, got);
-  const int status = ::pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
-}
-
-bool eventually(const std::function<bool()> &holds) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience_ms);
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
+  return run_program("msgctl", words);
 }
 
 std::vector<json> lines_of(const std::string &text) {

@@ -21,22 +21,8 @@ using Words = std::vector<std::string>;
 
 constexpr uint32_t kOwnType = 0x1234;
 
-struct Output {
-  int status;
-  std::string text;
-};
-
-// The path of the project's program `name`.
-std::string path_of(const std::string &name);
-
 // Runs msgctl with these words. The output includes standard error.
 Output run(const Words &words);
-
-// Runs a shell's command line in which "msgctl" is ours. Returns its standard output and status.
-Output shell(const std::string &command);
-
-// Waits until `holds` returns true; false when that takes longer than kPatience_ms.
-bool eventually(const std::function<bool()> &holds);
 
 // The JSON value on each line.
 std::vector<nlohmann::json> lines_of(const std::string &text);
