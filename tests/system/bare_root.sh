@@ -4,6 +4,8 @@
 # even if /var/run was a link before. When the packages are removed, the link is there again. (Part of
 # packages_test.sh, in the sandbox.)
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 source=$(realpath "$1")
 build=$(realpath "$2")
 packages=$(realpath "$3")
@@ -14,18 +16,12 @@ if ! awk '$1 <= 65532 && $1 + $3 > 65533 { found = 1 } END { exit !found }' /pro
   exit 0
 fi
 root=/var/bare
-log=/var/log/bare_root.log
 servers=()
 end() {
   ((!${#servers[@]})) || kill "${servers[@]}" 2>/dev/null || true
   wait
 }
 trap end EXIT
-fail() {
-  cat "$log"
-  echo "bare_root: $*"
-  exit 1
-}
 
 # The programs that dpkg's scripts run, and the libraries of other packages.
 mkdir -p "$root"/{dev,etc,proc,run,tmp,usr,var/lib/dpkg/{updates,info}}
@@ -57,11 +53,18 @@ mount --bind /proc "$root/proc"
 cc -std=c99 -I"$source/include" "$source/tests/system/large_body.c" -L"$build/lib" -lmsgapi \
   -Wl,-rpath-link,"$build/lib" -o "$root/usr/bin/large"
 
+# The modes that the script has made are those that systemd would make by the packages' file.
+has_modes() {
+  local kind path mode
+  while read -r kind path mode _; do
+    [[ $kind != d || $(stat -c %a "$root${path/#\/run//var/run}") == "$mode" ]] || fail "$path has other modes"
+  done <"$source/packaging/systemd/msgapi.tmpfiles"
+}
 passes_a_body() {
   local group output tries ready=
   group=$(awk -F: '$1 == "msgapi" { print $3 }' "$root/etc/group")
   [[ -n $group ]] || fail "there is no group"
-  [[ $(stat -c '%a %g' "$root/var/run/msg") == "1770 $group" ]] || fail "/var/run/msg has other modes"
+  [[ $(stat -c %g "$root"/var/{run/msg,run/notify,mlog} | uniq) == "$group" ]] || fail "other groups"
   as() { exec chroot --userspec="$1:$1" --groups="$group" "$root" "${@:2}"; }
   chroot "$root" msgsvr >"$log" 2>&1 &
   servers=($!)
@@ -99,6 +102,7 @@ for kind in image system; do
   if [[ $kind == system ]]; then
     [[ -d $root/run/msg ]] || fail "/var/run is not what /run is"
   fi
+  has_modes
   passes_a_body
   rm -f "$root/var/run"/msgsvr*
   with_dpkg --purge libmsgapi1 libmsgapi-dev msgapi-servers

@@ -2,19 +2,17 @@
 # dev_test.sh SOURCE: ./dev says how the tests went, also when no test has the given name. It runs in
 # a tree of its own that has nothing to build.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 source=$(realpath "$1")
 
-fail() {
-  echo "dev_test: $*"
-  exit 1
-}
 # expect STATUS TEXT WORD...
 expect() {
   local wanted=$1 text=$2 got=0
   shift 2
-  PATH=/var/stubs:$PATH ./dev "$@" >/var/output 2>&1 || got=$?
-  [[ $got == "$wanted" ]] || fail "./dev $* ended with $got: $(</var/output)"
-  grep -qF -- "$text" /var/output || fail "./dev $* says $(</var/output)"
+  PATH=/var/stubs:$PATH ./dev "$@" >"$log" 2>&1 || got=$?
+  [[ $got == "$wanted" ]] || fail "./dev $* ended with $got"
+  grep -qF -- "$text" "$log" || fail "./dev $* does not say $text"
 }
 
 mkdir -p /var/tree/build/debug /var/tree/build/asan /var/stubs

@@ -2,12 +2,13 @@
 # guide_test.sh SOURCE BUILD: the guide's pages show its samples as they are, and every sample
 # compiles as C and does what its page says. To be run with the servers.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 source=$(realpath "$1")
 build=$(realpath "$2")
 guide=$source/docs/guide
 work=/var/guide
 mkdir "$work"
-failed() { echo "guide: $*"; exit 1; }
 
 # A page says "<!-- sample: NAME -->" in front of a block, which is the file's text.
 awk -v samples="$guide/samples/" '
@@ -23,8 +24,8 @@ awk -v samples="$guide/samples/" '
     }
   }
   END { for (name in shown) print name > "/var/guide/shown"; exit bad }
-' "$guide"/*.md || failed "pages and samples differ"
-diff <(sort "$work/shown") <(cd "$guide/samples" && ls -- *.c) || failed "a sample is in no page"
+' "$guide"/*.md || fail "pages and samples differ"
+diff <(sort "$work/shown") <(cd "$guide/samples" && ls -- *.c) || fail "a sample is in no page"
 
 for sample in "$guide"/samples/*.c; do
   name=$(basename "$sample" .c)
@@ -38,28 +39,28 @@ eventually() {
     "$@" && return
     sleep 0.1
   done
-  failed "gave up on: $*"
+  fail "gave up on: $*"
 }
 says() { "$work/$1" >"$work/said" 2>&1 && grep -qx -- "$2" "$work/said"; }
 
-says hello 42 || failed "hello"
+says hello 42 || fail "hello"
 "$build/bin/msgctl" serve 0x7001 --as clock --answer 0 --body hex:2a000000 -n 1 >"$work/mock" &
 mock=$!
 eventually says ask 'up for 42 s'
-wait "$mock" || failed "the stand-in ends badly"
+wait "$mock" || fail "the stand-in ends badly"
 status=0 # before there is a clock
 "$work/ask" 2>"$work/said" || status=$?
-[[ $status == 1 && $(<"$work/said") == "ask: ORP_ERR_PEER_GONE: "* ]] || failed "ask, without a clock"
+[[ $status == 1 && $(<"$work/said") == "ask: ORP_ERR_PEER_GONE: "* ]] || fail "ask, without a clock"
 "$work/serve" &
 clock=$!
 trap 'kill $clock 2>/dev/null || true' EXIT
 eventually says ask 'up for [0-9]* s'
-curl -s --max-time 5 http://127.0.0.1:8080/clock/uptime | grep -qx '{"seconds": [0-9]*}' || failed "serve"
+curl -s --max-time 5 http://127.0.0.1:8080/clock/uptime | grep -qx '{"seconds": [0-9]*}' || fail "serve"
 kill "$clock"
-wait "$clock" || failed "serve ends badly"
-timeout 10 "$work/events" | grep -qx 192.0.2.1 || failed "events"
-"$work/loop" >"$work/said" || failed "loop"
-diff "$work/said" - <<'SAID' || failed "loop"
+wait "$clock" || fail "serve ends badly"
+timeout 10 "$work/events" | grep -qx 192.0.2.1 || fail "events"
+"$work/loop" >"$work/said" || fail "loop"
+diff "$work/said" - <<'SAID' || fail "loop"
 tick
 read x
 signal 10
@@ -69,6 +70,6 @@ SAID
 clock=$!
 eventually grep -qx 'message server: here' "$work/said"
 kill "$clock"
-wait "$clock" || failed "restarts ends badly"
-"$work/logs" || failed "logs"
-"$build/bin/mlog" cat logs | grep -qF 'lease for 00:**:**:33:**:55 at 192.***.*.10' || failed "logs are not masked"
+wait "$clock" || fail "restarts ends badly"
+"$work/logs" || fail "logs"
+"$build/bin/mlog" cat logs | grep -qF 'lease for 00:**:**:33:**:55 at 192.***.*.10' || fail "logs are not masked"

@@ -3,6 +3,8 @@
 # used there to compile and run the README's daemon, and removed without leaving anything. The files
 # that the recipes for other systems name exist.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 source=$(realpath "$1")
 build=$(realpath "$2")
 
@@ -15,41 +17,20 @@ mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info"
 mkdir "$work/bin"
 ln -s /bin/true "$work/bin/ldconfig"
 packages() {
-  PATH=$work/bin:$PATH dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null "$@" >"$work/log" 2>&1 ||
-    { cat "$work/log"; exit 1; }
+  PATH=$work/bin:$PATH dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null "$@" >"$log" 2>&1 ||
+    fail "dpkg $1 fails"
 }
 
-cpack --config "$build/CPackConfig.cmake" -B "$work/packages" >"$work/log" || { cat "$work/log"; exit 1; }
+cpack --config "$build/CPackConfig.cmake" -B "$work/packages" >"$log" || fail "no packages are made"
 packages --install "$work"/packages/*.deb
 
-awk '/^```c$/ { inside = 1; next } /^```$/ { inside = 0 } inside' "$source/README.md" >"$work/hello.c"
 export PKG_CONFIG_LIBDIR=$root/usr/lib/pkgconfig LD_LIBRARY_PATH=$root/usr/lib
-# shellcheck disable=SC2046 # the flags are words
-cc -std=c99 "$work/hello.c" $(pkg-config --cflags --libs libmsgapi) -Wl,-rpath-link,"$root/usr/lib" \
-  -o "$work/hello"
-
-cat >"$work/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
-project(hello C)
-find_package(msgapi REQUIRED)
-add_executable(hello hello.c)
-target_link_libraries(hello PRIVATE msgapi::msgapi)
-CMAKE
-cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$root/usr" >"$work/log"
-cmake --build "$work/build" >"$work/log"
-
-cp "$source/tools/with_servers.sh" "$root/usr/sbin/"
-for hello in "$work/hello" "$work/build/hello"; do
-  output=$("$root/usr/sbin/with_servers.sh" "$hello" 2>"$work/log") || status=$?
-  [[ ${status:-0} == 5 && $output == *42* ]] ||
-    { cat "$work/log"; echo "hello ended with ${status:-0} and printed: $output"; exit 1; }
-done
-rm "$root/usr/sbin/with_servers.sh"
+daemon_builds "$source" "$root/usr" "$work/daemon" -Wl,-rpath-link,"$root/usr/lib"
 
 there() {
   local name
   while read -r name; do
-    [[ -e $1$name ]] || { echo "named in packaging/ but not there: $name"; exit 1; }
+    [[ -e $1$name ]] || fail "named in packaging/ but not there: $name"
   done
 }
 cd "$source"
@@ -60,7 +41,7 @@ printf '%s\n' sysusers.d/msgapi.conf tmpfiles.d/msgapi.conf systemd/system/var-r
 grep -hoP '\$\{datadir\}/\K[\w-]+' packaging/yocto/*.bb | there "$root/usr/share/"
 grep -hoE '/usr/sbin/[a-z]+' packaging/systemd/* packaging/procd/* | there "$root"
 grep -rhoP -- '-D\KMSGAPI_[A-Z_]+' packaging docs/packaging.md | while read -r option; do
-  grep -q "^$option:" "$build/CMakeCache.txt" || { echo "no such option: $option"; exit 1; }
+  grep -q "^$option:" "$build/CMakeCache.txt" || fail "no such option: $option"
 done
 
 # listed FILE PATTERN...: one of them fits it, or a directory that it is in
@@ -71,8 +52,7 @@ listed() {
     # shellcheck disable=SC2053 # these are patterns
     [[ $file == $pattern || $file == $pattern/* ]] && return
   done
-  echo "in no package of the recipe: $file"
-  return 1
+  fail "in no package of the recipe: $file"
 }
 mapfile -t patterns < <(grep -hoP '\$\(PKG_INSTALL_DIR\)\K/usr/s?bin/\S+' packaging/openwrt/Makefile)
 for program in "$root"/usr/{sbin,bin}/*; do listed "${program#"$root"}" "${patterns[@]}"; done
@@ -91,4 +71,4 @@ while read -r file; do listed "$file" "${patterns[@]}"; done < <(cd "$root" && f
 packages --purge libmsgapi1 libmsgapi-dev msgapi-servers
 "$source/tests/system/bare_root.sh" "$source" "$build" "$work/packages"
 left=$(find "$root" -path "$root/var" -prune -o -type f -print)
-[[ -z $left ]] || { echo "left behind: $left"; exit 1; }
+[[ -z $left ]] || fail "left behind: $left"

@@ -4,24 +4,13 @@
 # hand-over files, the group, and the shared directories: however often it runs, whatever was there,
 # and after a restart of the system, which keeps the root's files but none of its mounts.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 source=$(realpath "$1")
 root=/var/router
 
-fail() {
-  echo "procd: $*"
-  exit 1
-}
-
-mkdir -p "$root"/{etc,proc,tmp/run}
-for directory in bin lib lib32 lib64 sbin usr; do
-  if [[ -L /$directory ]]; then
-    cp -P "/$directory" "$root/$directory"
-  elif [[ -d /$directory ]]; then
-    mkdir "$root/$directory"
-    mount --rbind "/$directory" "$root/$directory"
-  fi
-done
-mount --rbind /proc "$root/proc"
+mkdir -p "$root"/{etc,tmp/run}
+mirror "$root" bin lib lib32 lib64 sbin usr proc
 echo 'root:x:0:' >"$root/etc/group"
 ln -s tmp "$root/var"
 echo kept >"$root/var/run/other"

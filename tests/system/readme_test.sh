@@ -3,6 +3,8 @@
 # compiling, in a clean copy of the project. The daemon then runs with the servers of BUILD and prints
 # what the README says.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 source=$(realpath "$1")
 build=$(realpath "$2")
 
@@ -12,16 +14,13 @@ mkdir "$copy"
 tar -C "$source" --exclude=./build --exclude=./.git -c . | tar -C "$copy" --no-same-owner -x
 cd "$copy"
 
-awk '/^```c$/ { inside = 1; next } /^```$/ { inside = 0 } inside' README.md >hello.c
+readme_code . >hello.c
 lines=$(grep -c . hello.c)
-((0 < lines && lines <= 21)) || { echo "the daemon has $lines lines"; exit 1; }
+((0 < lines && lines <= 21)) || fail "the daemon has $lines lines"
 
 commands=$(sed -n '/^```c$/,/^## /s/^    //p' README.md)
-[[ $commands == *"./dev build"*"cc "* ]] || { echo "README.md has no commands, but: $commands"; exit 1; }
+[[ $commands == *"./dev build"*"cc "* ]] || fail "README.md has no commands, but: $commands"
 # The compiler leaves room for the tests that run beside this one.
-nice -n 5 bash -euc "$commands" || { echo "failed: $commands"; exit 1; }
+nice -n 5 bash -euc "$commands" || fail "failed: $commands"
 
-output=$("$build/bin/with_servers.sh" ./hello) || status=$?
-# It ends with the low byte of "nothing came for 100 ms".
-[[ ${status:-0} == 5 ]] || { echo "hello ended with ${status:-0}"; exit 1; }
-[[ $output == *42* ]] || { echo "hello printed: $output"; exit 1; }
+daemon_runs "$build/bin" ./hello

@@ -3,12 +3,9 @@
 # paths lead, also when the machine is a chroot. The scripts that start servers on fixed paths refuse to
 # do so elsewhere. A sandbox plays the machine, so that the real one is not at risk.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 bin=$(realpath "$1")
-
-fail() {
-  echo "sandbox_test: $*"
-  exit 1
-}
 
 # Files at the fixed paths, and in the trees around them.
 paths=(/var/{cfm/cfm.db,mlogfile/log,mlog/mlogcfg,run/msgsvr,run/msg/msg_file_1} /var/policy_custom/a
@@ -39,14 +36,7 @@ cd /
 # The same in a chroot whose root is no mount.
 root=/var/chroot
 mkdir -p "$root"/{proc,tmp,var/cfm,mnt}
-for directory in bin etc lib lib32 lib64 sbin usr "${bin#/}"; do
-  if [[ -L /$directory ]]; then
-    cp -P "/$directory" "$root/$directory"
-  elif [[ -d /$directory ]]; then
-    mkdir -p "$root/$directory"
-    mount --rbind "/$directory" "$root/$directory"
-  fi
-done
+mirror "$root" bin etc lib lib32 lib64 sbin usr "${bin#/}"
 echo "of the machine" >"$root/var/cfm/cfm.db"
 # shellcheck disable=SC2016 # the inner shell's own
 chroot "$root" "$bin/sandbox" -- sh -c '

@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # scripts_test.sh BIN: the scripts that start servers also end them, however the scripts end.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 bin=$(realpath "$1")
 
-fail() {
-  echo "scripts_test: $*"
-  exit 1
-}
 nobody_is_left() {
   local left
   left=$(cat /proc/[0-9]*/comm 2>/dev/null | grep -E 'server|msgsvr|^demo' || true)
@@ -16,8 +14,8 @@ nobody_is_left() {
 expect() {
   local wanted=$1 got=0
   shift
-  "$@" >/var/output 2>&1 || got=$?
-  [[ $got == "$wanted" ]] || fail "$* ended with $got: $(</var/output)"
+  "$@" >"$log" 2>&1 || got=$?
+  [[ $got == "$wanted" ]] || fail "$* ended with $got"
   nobody_is_left "$@"
 }
 servers=$bin/with_servers.sh
@@ -38,7 +36,7 @@ printf '#!/bin/sh\nexit 9\n' >/var/fails/demo_panel
 expect 9 /var/fails/demo.sh
 for script in "$servers" "$bin/demo.sh"; do
   expect 0 "$script" --help
-  grep -q '^usage: ' /var/output || fail "$script --help says $(</var/output)"
+  grep -q '^usage: ' "$log" || fail "$script --help says something else"
 done
 expect 2 "$servers"
 expect 2 "$bin/demo.sh" nonsense

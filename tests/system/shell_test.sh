@@ -1,12 +1,9 @@
 #!/usr/bin/env bash
 # shell_test.sh SHELL: what a command finds in the developers' shell, and what comes back from it.
 set -euo pipefail
+# shellcheck source=tests/system/common.sh
+. "${0%/*}/common.sh"
 shell=$1
-
-fail() {
-  echo "$*"
-  exit 1
-}
 
 output=$("$shell" --http 8099 bash -c '
   curl -s -o /dev/null -w "%{http_code} " http://127.0.0.1:8099/dev/info
