@@ -1,7 +1,6 @@
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -444,9 +443,7 @@ TEST_F(InspectorTest, RefusesWhatItCannotShow) {
 }
 
 TEST_F(InspectorTest, ShowsLogLinesOfTheRange) {
-  timespec uptime{};
-  ::clock_gettime(CLOCK_BOOTTIME, &uptime);
-  const int64_t now_ms = uptime.tv_sec * 1000 + uptime.tv_nsec / 1'000'000;
+  const int64_t now_ms = test::mlog::uptime_ms();
   test::mlog::write_ring("wan", test::mlog::line(now_ms - 60'000, "a minute ago") +
                                     test::mlog::line(now_ms, "now\x1b[31m <b>", "WARN"));
   Inspector inspector;

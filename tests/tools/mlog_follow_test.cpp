@@ -5,26 +5,19 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "msgapi/log.h"
+#include "servers/log_server.h"
 #include "tools/mlog_support.h"
 
 namespace {
 
 using namespace test::mlog;
 
-std::unique_ptr<test::Process> start_server() {
-  std::ofstream("/var/mlogserver.conf", std::ios::trunc) << "max_size = 8192\n";
-  auto server = std::make_unique<test::Process>(
-      "mlogserver", std::vector<std::string>{"--config", "/var/mlogserver.conf"});
-  EXPECT_TRUE(server->wait_for("ready"));
-  return server;
-}
-
 TEST(MlogFollow, LosesAndDoublesNoLineWhateverHappensToTheFile) {
-  auto server = start_server();
+  std::optional<test::LogServer> server(test::with_config("max_size = 8192\n"));
   test::Process follow("mlog", {"-f", "-o", "raw"});
   int number = 0;
   const auto log = [&](const char *module, int count) {
@@ -45,14 +38,14 @@ TEST(MlogFollow, LosesAndDoublesNoLineWhateverHappensToTheFile) {
   // The server ends, is killed, and starts again.
   for (const int signal : {SIGTERM, SIGKILL}) {
     server->stop(signal);
-    server = start_server();
+    server.emplace(test::with_config("max_size = 8192\n"));
     log("wan", 20);
     log("lan", 20);
   }
   // A file that is moved away takes its last lines with it; the next server begins another.
   server->stop(SIGTERM);
   std::filesystem::rename("/var/mlogfile/wan.log", "/var/wan.old");
-  server = start_server();
+  server.emplace(test::with_config("max_size = 8192\n"));
   log("wan", 5);
 
   std::istringstream lines(follow.output());

@@ -20,6 +20,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::Pointwise;
 using namespace test::mlog;
 
 std::vector<std::string> texts_of(mlog::Cursor cursor) {
@@ -84,17 +85,8 @@ bool same(const std::string &expected, const std::string &got) {
   return expected == got || got.starts_with(expected + "\n\tmore of it");
 }
 
-// How two long lists differ; "" when they do not.
-std::string difference(const std::vector<std::string> &expected,
-                       const std::vector<std::string> &got) {
-  for (size_t i = 0; i < std::max(expected.size(), got.size()); ++i) {
-    const std::string left = i < expected.size() ? expected[i] : "the end";
-    const std::string right = i < got.size() ? got[i] : "the end";
-    if (same(left, right)) continue;
-    return "entry " + std::to_string(i) + " of " + std::to_string(expected.size()) + ": " + left +
-           " but got of " + std::to_string(got.size()) + ": " + right;
-  }
-  return "";
+MATCHER(IsTheSame, "") {
+  return same(std::get<1>(arg), std::get<0>(arg));
 }
 
 TEST(RingCursor, FindsWhatWasWrittenInBothDirections) {
@@ -107,22 +99,21 @@ TEST(RingCursor, FindsWhatWasWrittenInBothDirections) {
     const mlog::RingFile file(std::string("/var/ring.log"));
     const mlog::Layout layout = mlog::look_at(file);
     EXPECT_TRUE(layout.problems.empty());
-    ASSERT_EQ("", difference(expected, texts_of(mlog::Cursor::forwards(&file, layout, 0))))
+    ASSERT_THAT(texts_of(mlog::Cursor::forwards(&file, layout, 0)),
+                Pointwise(IsTheSame(), expected))
         << "round " << round;
     std::vector<std::string> backwards = texts_of(mlog::Cursor::backwards(&file, layout));
     std::reverse(backwards.begin(), backwards.end());
-    ASSERT_EQ("", difference(expected, backwards)) << "round " << round;
+    ASSERT_THAT(backwards, Pointwise(IsTheSame(), expected)) << "round " << round;
 
     // From any place on.
     mlog::Cursor cursor = mlog::Cursor::backwards(&file, layout);
-    for (size_t left = random() % (expected.size() + 1), i = 0; i < left; ++i) {
-      ASSERT_TRUE(cursor.next());
-      if (i + 1 < left) continue;
-      const auto rest = texts_of(mlog::Cursor::from(&file, layout, cursor.place()));
-      ASSERT_EQ(
-          "", difference(std::vector(expected.end() - static_cast<ptrdiff_t>(left), expected.end()),
-                         rest));
-    }
+    const size_t left = random() % (expected.size() + 1);
+    for (size_t i = 0; i < left; ++i) ASSERT_TRUE(cursor.next());
+    if (left == 0) continue;
+    EXPECT_THAT(texts_of(mlog::Cursor::from(&file, layout, cursor.place())),
+                Pointwise(IsTheSame(), std::vector(expected.end() - static_cast<ptrdiff_t>(left),
+                                                   expected.end())));
   }
 }
 
@@ -172,8 +163,8 @@ TEST(Merge, OfRandomFilesEqualsSort) {
     mlog::Merge merge = mlog::merge_all(sources, true);
     for (size_t i = 0; i < expected.size(); ++i) {
       ASSERT_TRUE(merge.next());
-      ASSERT_EQ("", difference({expected[i].text}, {std::string(merge.cursor().entry().text)}))
-          << "round " << round << " at " << i;
+      const std::string got(merge.cursor().entry().text);
+      ASSERT_TRUE(same(expected[i].text, got)) << expected[i].text << ", not " << got;
       ASSERT_EQ(expected[i].boot, merge.boot());
     }
     ASSERT_FALSE(merge.next());

@@ -2,20 +2,20 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <cstring>
-#include <fstream>
+#include <cstdio>
 #include <sstream>
 
 #include "msgapi/log.h"
-#include "support/file.h"
+#include "servers/log_server.h"
 #include "tools/mlog_support.h"
 
 namespace {
 
-using testing::EndsWith;
+using test::LogServer;
+using test::with_config;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -23,25 +23,11 @@ using namespace test::mlog;
 
 std::string texts(const std::string &module) {
   EXPECT_EQ(0, MlogFlushLog());
-  const std::string content = test::contents("/var/mlogfile/" + module + ".log");
-  return content.substr(std::min<size_t>(content.size(), MLOG_FILE_HEADER_SIZE));
+  return test::log_of(module);
 }
-
-// Arguments for a server with this configuration.
-std::vector<std::string> with_config(const std::string &text) {
-  std::ofstream("/var/mlogserver.conf", std::ios::trunc) << text;
-  return {"--config", "/var/mlogserver.conf"};
-}
-
-struct Server : test::Process {
-  explicit Server(const std::string &config = "")
-      : test::Process("mlogserver", with_config(config)) {
-    EXPECT_TRUE(wait_for("ready"));
-  }
-};
 
 TEST(MlogPrintCommand, WritesLinesOfScripts) {
-  Server server;
+  LogServer server;
   EXPECT_EQ(0, run({"print", "-m", "backup", "-p", "warn", "--", "disk", "is", "full"}).status);
   EXPECT_THAT(texts("backup"),
               MatchesRegex("\\[[0-9]{11}\\]\\[backup\\]\\[WARN\\]:disk is full\n"));
@@ -58,16 +44,8 @@ TEST(MlogPrintCommand, WritesLinesOfScripts) {
   EXPECT_EQ(2, run({"print", "-p", "LOUD", "text"}).status);
 }
 
-TEST(MlogPrintCommand, PrintsWhatCannotBeSent) {
-  const Output output = run({"print", "text"});
-  EXPECT_EQ(3, output.status);
-  EXPECT_THAT(output.text,
-              MatchesRegex("mlog: the log server does not take lines; is mlogserver "
-                           "running\\?\nmlog: \\[[0-9]{11}\\]\\[shell\\]\\[INFO\\]:text\n"));
-}
-
 TEST(MlogRun, WritesTheOutputOfAProgramByLines) {
-  Server server;
+  LogServer server;
   const Output output = run(
       {"run", "-m", "job", "--", "/bin/sh", "-c", "echo one; echo two >&2; printf three; exit 5"});
   EXPECT_EQ(5, output.status) << output.text;
@@ -82,16 +60,22 @@ TEST(MlogRun, WritesTheOutputOfAProgramByLines) {
   EXPECT_THAT(texts("such"), HasSubstr("[WARN]:/no/such: No such file or directory\n"));
 }
 
-TEST(MlogRun, KeepsTheProgramsStatusWithoutALogServer) {
-  const Output output = run({"run", "-m", "job", "--", "/bin/sh", "-c", "echo one; exit 5"});
-  EXPECT_EQ(5, output.status);
-  EXPECT_THAT(output.text, MatchesRegex("mlog: the log server does not take lines; [^\n]*\n"
-                                        "mlog: \\[[0-9]{11}\\]\\[job\\]\\[INFO\\]:one\n"));
+TEST(MlogAlone, PrintsWhatCannotBeSent) {
+  const std::string head =
+      "mlog: the log server does not take lines; is mlogserver running\\?\n"
+      "mlog: \\[[0-9]{11}\\]";
+  Output output = run({"print", "text"});
+  EXPECT_EQ(3, output.status);
+  EXPECT_THAT(output.text, MatchesRegex(head + "\\[shell\\]\\[INFO\\]:text\n"));
+
+  output = run({"run", "-m", "job", "--", "/bin/sh", "-c", "echo one; exit 5"});
+  EXPECT_EQ(5, output.status) << "the program's";
+  EXPECT_THAT(output.text, MatchesRegex(head + "\\[job\\]\\[INFO\\]:one\n"));
   EXPECT_EQ(0, run({"run", "--", "/bin/echo", "one"}).status);
 }
 
 TEST(MlogLevel, ChangesWhatIsKeptAtRunTime) {
-  Server server("level = WARN\n");
+  LogServer server(with_config("level = WARN\n"));
   EXPECT_EQ("WARN\n", run({"level", "wan"}).text);
   MlogPrint("wan", MLOG_LEVEL_INFO, "dropped");
   EXPECT_EQ(0, run({"level", "wan", "info"}).status);
@@ -119,7 +103,7 @@ TEST(MlogLevel, ChangesWhatIsKeptAtRunTime) {
 }
 
 TEST(MlogModules, ListsThemWithTheirCounts) {
-  Server server("level = WARN\nmax_modules = 2\n");
+  LogServer server(with_config("level = WARN\nmax_modules = 2\n"));
   for (const char *module : {"wan", "lan", "usb"}) {
     MlogPrint(module, MLOG_LEVEL_WARN, "kept");
     MlogPrint(module, MLOG_LEVEL_INFO, "dropped");
@@ -138,7 +122,7 @@ TEST(MlogModules, ListsThemWithTheirCounts) {
 }
 
 TEST(MlogRateLimit, DropsAndTells) {
-  Server server("rate_limit = 10\nrate_interval = 2\n[lan]\nrate_limit = 0\n");
+  LogServer server(with_config("rate_limit = 10\nrate_interval = 2\n[lan]\nrate_limit = 0\n"));
   for (int i = 0; i < 25; ++i) {
     MlogPrint("wan", MLOG_LEVEL_INFO, "line %d", i);
     MlogPrint("lan", MLOG_LEVEL_INFO, "line %d", i);
@@ -146,25 +130,22 @@ TEST(MlogRateLimit, DropsAndTells) {
   // The interval ends even if nothing more comes. On a slow machine there are two intervals.
   int kept = 0, dropped = 0;
   std::string log;
-  for (int i = 0; i < 600 && kept + dropped < 25; ++i) {
-    ::usleep(50000);
+  test::eventually([&] {
     log = texts("wan");
     kept = dropped = 0;
     std::istringstream lines(log);
     for (std::string line; std::getline(lines, line);) {
-      const size_t count = line.find("[wan][WARN]:mlogserver: ");
-      if (count == std::string::npos) {
-        ++kept;
-      } else {
-        EXPECT_THAT(line, EndsWith(" lines dropped from wan"));
-        dropped += std::stoi(line.substr(count + std::strlen("[wan][WARN]:mlogserver: ")));
-      }
+      int count = 1;
+      const bool tells =
+          std::sscanf(line.c_str(), "%*[^]]][wan][WARN]:mlogserver: %d", &count) == 1;
+      (tells ? dropped : kept) += count;
     }
-  }
+    return kept + dropped == 25;
+  });
   EXPECT_EQ(25, kept + dropped) << log;
   EXPECT_LE(10, kept);
   EXPECT_LT(0, dropped);
-  EXPECT_THAT(log, HasSubstr(":line 9\n"));
+  EXPECT_THAT(log, AllOf(HasSubstr(":line 9\n"), HasSubstr(" lines dropped from wan\n")));
   EXPECT_THAT(texts("lan"), HasSubstr(":line 24\n"));
   EXPECT_THAT(run({"modules", "--json"}).text, HasSubstr("\"dropped\":" + std::to_string(dropped)));
 }
@@ -175,14 +156,10 @@ TEST(ServersLog, GoesToTheLogServerOnceThatIsUp) {
     EXPECT_TRUE(without.wait_for("ready"));
     EXPECT_EQ(0, without.stop(SIGTERM));
 
-    Server log_server;
+    LogServer log_server;
     test::Process with(name, {"--log-server"});
-    std::string log;
-    for (int i = 0; i < 100 && log.find("ready") == std::string::npos; ++i) {
-      ::usleep(50000);
-      log = texts(name);
-    }
-    EXPECT_THAT(log, HasSubstr(std::string("[") + name + "][INFO]:ready"));
+    const std::string ready = std::string("[") + name + "][INFO]:ready";
+    EXPECT_TRUE(test::eventually([&] { return texts(name).find(ready) != std::string::npos; }));
     ASSERT_EQ(0, log_server.stop(SIGTERM));
     ::kill(with.pid(), SIGHUP);
     EXPECT_TRUE(with.wait_for("SIGHUP: "));
@@ -190,20 +167,29 @@ TEST(ServersLog, GoesToTheLogServerOnceThatIsUp) {
   }
 }
 
+TEST(MlogStatistics, AreKeptByTheServer) {
+  LogServer server;
+  EXPECT_EQ(0, run({"set", "wan", "rx=1 tx=2"}).status);
+  EXPECT_EQ("rx=1 tx=2\n", run({"get", "wan"}).text);
+  const Output output = run({"get", "nosuch"});
+  EXPECT_EQ(4, output.status);
+  EXPECT_EQ("mlog: nosuch: the log server has no statistics of this module\n", output.text);
+}
+
 TEST(MlogFlushCommand, SaysWhatIsTheMatter) {
   Output output = run({"flush"});
   EXPECT_EQ(3, output.status);
   EXPECT_EQ("mlog: the log server does not answer; is mlogserver running?\n", output.text);
 
-  ASSERT_EQ(0, ::mount("small", "/mnt", "tmpfs", 0, "size=256k")) << std::strerror(errno);
-  Server server("directory = /mnt/logs\n");
+  test::SmallDisk disk;
+  LogServer server(with_config("directory = /mnt/disk\n"));
   MlogPrint("wan", 8, "before");
   EXPECT_EQ(0, run({"flush"}).status);
-  std::ofstream("/mnt/ballast") << std::string(512 * 1024, 'x');
+  disk.fill();
   for (int i = 0; i < 50; ++i) MlogPrint("wan", 8, "%0200d", i);
   output = run({"flush"});
   EXPECT_EQ(8, output.status);
-  EXPECT_EQ("mlog: /mnt/logs: No space left on device: lines are lost until there is room again\n",
+  EXPECT_EQ("mlog: /mnt/disk: No space left on device: lines are lost until there is room again\n",
             output.text);
 }
 

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,12 +18,6 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 using namespace test::mlog;
-
-int64_t uptime_ms() {
-  timespec now{};
-  ::clock_gettime(CLOCK_BOOTTIME, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 std::string text_of(const std::vector<std::string> &arguments) {
   const Output output = run(arguments);
@@ -163,30 +156,6 @@ TEST(MlogShow, KeepsTheOrderOfArrivalWhereAClockGoesBack) {
     last = lines[std::size(lines) - count] + last;
     EXPECT_EQ(last, text_of({"-o", "raw", "-n", std::to_string(count)}));
   }
-}
-
-// A ring in its second turn, one whose end was cut off, one with a hole, one without its header.
-TEST(MlogShow, ReadsDamagedFiles) {
-  ::mkdir("/var/mlogfile", 0700);
-  const std::string newer = line(30, "c") + line(40, "d");
-  std::ofstream("/var/mlogfile/a.log") << header(1, 63 + 54) << newer << "est of a line\n"
-                                       << line(10, "a") << line(20, "b");
-  std::ofstream("/var/mlogfile/b.log") << header(0, 200) << line(15, "torn") << "[0000000";
-  std::ofstream("/var/mlogfile/c.log")
-      << header(0, 63 + 27 + 9 + 27) << line(17, "e") << std::string(9, '\0') << line(25, "f");
-  std::ofstream("/var/mlogfile/d.log") << std::string(63, 'x') << "\n" << line(50, "g");
-  std::ofstream("/var/mlogfile/e.log");
-
-  const Output output = run({"-o", "raw"});
-
-  EXPECT_EQ(1, output.status);
-  EXPECT_THAT(output.text, HasSubstr("b.log: the last "));
-  EXPECT_THAT(output.text, HasSubstr("d.log: the header is damaged"));
-  EXPECT_THAT(output.text, HasSubstr("e.log: the file is empty"));
-  EXPECT_THAT(output.text,
-              HasSubstr(std::string(63, 'x') + "\n" + line(10, "a") + line(15, "torn\n[0000000") +
-                        line(17, "e") + line(20, "b") + line(25, "f") + line(30, "c") +
-                        line(40, "d") + line(50, "g")));
 }
 
 TEST(MlogShow, CountsLinesAndWhatIsNotThere) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <cstdio>
 #include <string>
@@ -20,6 +21,13 @@ inline std::string line(int64_t uptime_ms, const std::string &text,
   char head[64];
   std::snprintf(head, sizeof head, "[%011lld]", static_cast<long long>(uptime_ms));
   return head + ("[" + module + "][" + level + "]:" + text + "\n");
+}
+
+// How long this machine has been running.
+inline int64_t uptime_ms() {
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 // Adds to the ring file of a module.
