@@ -1,13 +1,12 @@
 // Captures, their readers, and the commands that send them again.
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,6 +27,7 @@ using test::lines_of;
 using test::Output;
 using test::run;
 using test::shell;
+using test::Words;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
@@ -54,9 +54,6 @@ TEST_F(MsgctlCapture, CapturesAreReadBackAndRotate) {
   const std::string path = "/var/run/capture.pcapng";
   const Output output = run({"capture", "-w", path, "--json", "--no-mask", "kind=accepted"});
   EXPECT_EQ(lines_of(output.text)[0]["packets"], 400);
-  struct stat status {};
-  ASSERT_EQ(::stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600u);
   const std::string capture = test::contents(path);
   traffic::PcapngReader reader(capture);
   uint32_t packets = 0;
@@ -96,20 +93,17 @@ TEST_F(MsgctlCapture, OnlyItsOwnerMayReadACapture) {
   EXPECT_EQ(test::contents("/var/run/other"), "of somebody else");
 }
 
-// Sets the wall time of each packet, seconds since 1970.
-void set_times(std::string *capture, const std::vector<uint64_t> &seconds) {
-  constexpr size_t kHigh = 12;
+// Calls `change` for each packet of the capture with its number and its block.
+void change_packets(const std::string &path, const std::function<void(size_t, char *)> &change) {
+  constexpr uint32_t kEnhancedPacket = 6;
+  std::string capture = test::contents(path);
   size_t packet = 0;
-  for (size_t at = 0; at < capture->size();) {
-    uint32_t words[2];
-    std::memcpy(words, capture->data() + at, sizeof words);
-    if (words[0] == 6) {
-      const uint64_t ns = seconds.at(packet++) * 1'000'000'000;
-      const uint32_t time[2] = {static_cast<uint32_t>(ns >> 32), static_cast<uint32_t>(ns)};
-      std::memcpy(capture->data() + at + kHigh, time, sizeof time);
-    }
-    at += words[1];
+  uint32_t words[2];  // the block's type and size
+  for (size_t at = 0; at < capture.size(); at += words[1]) {
+    std::memcpy(words, capture.data() + at, sizeof words);
+    if (words[0] == kEnhancedPacket) change(packet++, capture.data() + at);
   }
+  std::ofstream(path, std::ios::binary) << capture;
 }
 
 TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
@@ -118,10 +112,13 @@ TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
   for (uint32_t i = 1; i <= 3; ++i) message(kPanel, kStation, kAsk, i, "", i);
   message(kPanel, kStation, kAsk + 1, 4, "of another type");
   ASSERT_EQ(run({"capture", "-w", path, "--no-mask", "kind=accepted"}).status, 0);
-  std::string capture = test::contents(path);
   // Half a minute after the first, and an hour.
-  set_times(&capture, {1000, 1030, 4600, 4600});
-  std::ofstream(path, std::ios::binary) << capture;
+  const uint64_t kTimes_s[] = {1000, 1030, 4600, 4600};
+  change_packets(path, [&](size_t packet, char *block) {
+    const uint64_t ns = kTimes_s[packet] * 1'000'000'000;
+    const uint32_t time[2] = {static_cast<uint32_t>(ns >> 32), static_cast<uint32_t>(ns)};
+    std::memcpy(block + 12, time, sizeof time);
+  });
 
   test::Process server("msgsvr");
   ASSERT_TRUE(server.wait_for("ready"));
@@ -132,8 +129,7 @@ TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
     if (frame.type == kAsk) arrived.emplace_back(frame.data, steady_clock::now());
     self.answer(frame);
   });
-  const auto replay = [&](const std::string &speed, const std::vector<std::string> &filter,
-                          size_t expected) {
+  const auto replay = [&](Words words, size_t expected) {
     const auto count = [&] {
       const std::lock_guard lock(mutex);
       return arrived.size();
@@ -142,27 +138,23 @@ TEST_F(MsgctlCapture, AReplayKeepsTheTimesOfItsCaptureAndTheFilter) {
       const std::lock_guard lock(mutex);
       arrived.clear();
     }
-    std::vector<std::string> words{"replay", path, "--to", "station", "--speed", speed};
-    words.insert(words.end(), filter.begin(), filter.end());
-    const auto begin = steady_clock::now();
+    words.insert(words.begin(), {"replay", path, "--to", "station", "--speed"});
     EXPECT_EQ(run(words).status, 0);
-    const std::chrono::duration<double> took = steady_clock::now() - begin;
     EXPECT_TRUE(test::eventually([&] { return count() >= expected; }));
     EXPECT_EQ(count(), expected);
-    return took.count();
   };
   // 30 s at this speed are half a second.
-  replay("60", {"data=1-2", "type=0x1234"}, 2);
+  replay({"60", "data=1-2", "type=0x1234"}, 2);
   ASSERT_EQ(arrived.size(), 2u);
   const std::chrono::duration<double> between = arrived[1].second - arrived[0].second;
   EXPECT_GE(between.count(), 0.4);
   EXPECT_LT(between.count(), 29);
 
-  EXPECT_LT(replay("0", {}, 3), 3600);
+  replay({"0"}, 3);  // without the hour in between
   EXPECT_EQ(run({"replay", path, "--to", "station", "data=9"}).status, 4);
   EXPECT_EQ(run({"replay", path, "--to", "station", "data"}).status, 2);
   // One second before the capture's last packet.
-  replay("0", {"since=-1s"}, 1);
+  replay({"0", "since=-1s"}, 1);
 }
 
 // Clients and records of two servers have the same numbers.
@@ -198,8 +190,26 @@ TEST_F(MsgctlCapture, ACaptureKeepsServersApart) {
               HasSubstr("\"sent\":2,\"answered_alike\":2,"));
 }
 
-TEST_F(MsgctlCapture, ADissectorShowsEveryFieldInTshark) {
-  if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+// Shows kPath in tshark.
+class MsgctlDissector : public MsgctlCapture {
+ protected:
+  static constexpr const char *kPath = "/var/run/c.pcapng";
+
+  void SetUp() override {
+    if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+    ASSERT_EQ(shell("msgctl dissector >/var/run/msgapi.lua").status, 0);
+  }
+
+  // These fields, separated by spaces, of the packets that the filter lets through: a line each.
+  static std::string fields(const std::string &filter, const std::string &names) {
+    return shell("HOME=/var/run tshark -2 -r " + std::string(kPath) +
+                 " -X lua_script:/var/run/msgapi.lua -T fields -E separator='|' -Y '" + filter +
+                 "' $(printf -- '-e %s ' " + names + ") 2>/dev/null")
+        .text;
+  }
+};
+
+TEST_F(MsgctlDissector, ShowsEveryFieldOfAMessage) {
   std::string items(24, '\0');
   items.replace(0, 2, "\xbf\xfe");
   items.append("\0\0\0\0\3\0\0\0\5\0\0\0if\0eth0\0", 20);
@@ -210,39 +220,27 @@ TEST_F(MsgctlCapture, ADissectorShowsEveryFieldInTshark) {
   const uint64_t lost = message(kPanel, kStation, kAsk, 9);
   recorder_.lost(flight::Loss::kQueueFull, lost, kPanel, kStation, kAsk, 9);
 
-  ASSERT_EQ(shell("cd /var/run && msgctl dissector > msgapi.lua && msgctl capture -w c.pcapng "
-                  "--no-mask app=panel and kind=accepted,delivered,lost")
-                .status,
-            0);
-  const auto fields = [](const std::string &filter, const std::string &names) {
-    return shell(
-               "cd /var/run && HOME=/var/run tshark -2 -r c.pcapng -X lua_script:msgapi.lua -Y '" +
-               filter + "' -T fields -E separator='|' " + names + " 2>/dev/null")
-        .text;
-  };
-  EXPECT_THAT(
-      fields("msgapi.response_in",
-             "-e frame.number -e msgapi.from -e msgapi.to -e msgapi.type -e "
-             "msgapi.sequence -e msgapi.data -e msgapi.item.name -e "
-             "msgapi.item.value -e msgapi.response_in -e frame.comment"),
-      ContainsRegex("1\\|panel\\|station\\|0x0*1234\\|7\\|3\\|if\\|eth0\\|3\\|panel -> station  "
-                    "0x1234 #7"));
+  ASSERT_EQ(
+      run({"capture", "-w", kPath, "--no-mask", "app=panel", "and", "kind=accepted,delivered,lost"})
+          .status,
+      0);
+  EXPECT_THAT(fields("msgapi.response_in",
+                     "frame.number msgapi.from msgapi.to msgapi.type msgapi.sequence msgapi.data "
+                     "msgapi.item.name msgapi.item.value msgapi.response_in frame.comment"),
+              ContainsRegex("1\\|panel\\|station\\|0x0*1234\\|7\\|3\\|if\\|eth0\\|3\\|panel -> "
+                            "station  0x1234 #7"));
   EXPECT_THAT(fields("msgapi.response_time",
-                     "-e msgapi.response_to -e msgapi.response_time -e "
-                     "json.key -e msgapi.data -e msgapi.kind"),
+                     "msgapi.response_to msgapi.response_time json.key msgapi.data msgapi.kind"),
               ContainsRegex("1\\|0\\.[0-9]+\\|degrees\\|9\\|5\n"));
-  EXPECT_THAT(fields("msgapi.malformed", "-e msgapi.sequence"), testing::StrEq("8\n"));
-  EXPECT_THAT(fields("msgapi.message_lost", "-e msgapi.loss -e msgapi.sequence"),
-              testing::StrEq("2|9\n"));
-  EXPECT_THAT(
-      fields("frame.number == 1",
-             "-e msgapi.version -e msgapi.masked -e msgapi.kept -e msgapi.sender -e "
-             "msgapi.receiver -e "
-             "msgapi.board -e msgapi.body_in_file -e msgapi.data_length -e msgapi.length -e "
-             "msgapi.dm.error -e msgapi.dm.sub_type"),
-      testing::StrEq("1|0|44|panel|station|0|0|44|44|0|0\n"));
+  EXPECT_EQ(fields("msgapi.malformed", "msgapi.sequence"), "8\n");
+  EXPECT_EQ(fields("msgapi.message_lost", "msgapi.loss msgapi.sequence"), "2|9\n");
+  EXPECT_EQ(fields("frame.number == 1",
+                   "msgapi.version msgapi.masked msgapi.kept msgapi.sender msgapi.receiver "
+                   "msgapi.board msgapi.body_in_file msgapi.data_length msgapi.length "
+                   "msgapi.dm.error msgapi.dm.sub_type"),
+            "1|0|44|panel|station|0|0|44|44|0|0\n");
   std::string numbers;
-  for (const traffic::Packet &packet : packets_of("/var/run/c.pcapng")) {
+  for (const traffic::Packet &packet : packets_of(kPath)) {
     const flight::Record &record = packet.record;
     std::string time = std::to_string(packet.wall_ns);
     numbers += time.insert(time.size() - 9, ".");
@@ -254,16 +252,15 @@ TEST_F(MsgctlCapture, ADissectorShowsEveryFieldInTshark) {
     numbers += "\n";
   }
   EXPECT_EQ(fields("frame",
-                   "-e frame.time_epoch -e msgapi.number -e msgapi.time_ns -e msgapi.from_id -e "
-                   "msgapi.to_id -e msgapi.about -e msgapi.a -e msgapi.b"),
+                   "frame.time_epoch msgapi.number msgapi.time_ns msgapi.from_id msgapi.to_id "
+                   "msgapi.about msgapi.a msgapi.b"),
             numbers);
-  EXPECT_THAT(fields("_ws.lua.error", "-e frame.number"), testing::StrEq(""));
+  EXPECT_EQ(fields("_ws.lua.error", "frame.number"), "");
   EXPECT_THAT(shell("cd /var/run && capinfos -T -m -c c.pcapng 2>&1").text, HasSubstr(",7\n"));
 }
 
 // The other kinds of records, and those of another server.
-TEST_F(MsgctlCapture, TsharkShowsWhatIsNoMessage) {
-  if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+TEST_F(MsgctlDissector, ShowsWhatIsNoMessage) {
   flight::Record facts;
   facts.a = 1;
   facts.b = 4;
@@ -284,31 +281,21 @@ TEST_F(MsgctlCapture, TsharkShowsWhatIsNoMessage) {
   facts.a = 2;
   recorder_.note(flight::Kind::kEnded, facts, "it was told to");
 
-  ASSERT_EQ(
-      shell("cd /var/run && msgctl dissector > msgapi.lua && msgctl capture -w c.pcapng").status,
-      0);
-  const auto fields = [](int kind, const std::string &names) {
-    return shell(
-               "cd /var/run && HOME=/var/run tshark -r c.pcapng -X lua_script:msgapi.lua -Y "
-               "'msgapi.kind == " +
-               std::to_string(kind) + " && !msgapi.malformed' -T fields -E separator='|' " + names +
-               " 2>/dev/null")
-        .text;
+  ASSERT_EQ(run({"capture", "-w", kPath}).status, 0);
+  const auto of_kind = [](const std::string &kind, const std::string &names) {
+    return fields("msgapi.kind == " + kind + " && !msgapi.malformed", names);
   };
-  EXPECT_EQ(fields(2, "-e msgapi.process -e msgapi.user -e msgapi.text"),
+  EXPECT_EQ(of_kind("2", "msgapi.process msgapi.user msgapi.text"),
             "101|0|/usr/bin/program\n102|0|/usr/bin/program\n");
-  EXPECT_EQ(fields(3, "-e msgapi.from_id -e msgapi.text"), "1|panel\n2|station\n");
-  EXPECT_EQ(fields(11, "-e msgapi.http.method -e msgapi.length -e msgapi.text"), "1|4|/dev/info\n");
-  EXPECT_EQ(fields(12, "-e msgapi.http.status -e msgapi.about"),
-            "404|" + std::to_string(http) + "\n");
-  EXPECT_EQ(fields(8, "-e msgapi.to -e msgapi.queue.bytes -e msgapi.queue.limit"),
-            "station|700|1000\n");
-  EXPECT_EQ(fields(9, "-e msgapi.lost"), "3\n");
-  EXPECT_EQ(fields(4, "-e msgapi.from -e msgapi.lost -e msgapi.text"), "panel|2|it was told to\n");
+  EXPECT_EQ(of_kind("3", "msgapi.from_id msgapi.text"), "1|panel\n2|station\n");
+  EXPECT_EQ(of_kind("11", "msgapi.http.method msgapi.length msgapi.text"), "1|4|/dev/info\n");
+  EXPECT_EQ(of_kind("12", "msgapi.http.status msgapi.about"), "404|" + std::to_string(http) + "\n");
+  EXPECT_EQ(of_kind("8", "msgapi.to msgapi.queue.bytes msgapi.queue.limit"), "station|700|1000\n");
+  EXPECT_EQ(of_kind("9", "msgapi.lost"), "3\n");
+  EXPECT_EQ(of_kind("4", "msgapi.from msgapi.lost msgapi.text"), "panel|2|it was told to\n");
 }
 
-TEST_F(MsgctlCapture, TsharkFlagsPacketsThatAreMalformed) {
-  if (shell("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+TEST_F(MsgctlDissector, FlagsPacketsThatAreMalformed) {
   struct Damage {
     const char *what;
     size_t offset;  // in the packet
@@ -322,32 +309,17 @@ TEST_F(MsgctlCapture, TsharkFlagsPacketsThatAreMalformed) {
                              {"a receiver without its NUL", 116, "twelve bytes"},
                              {"no header", 2, std::string("\0\0", 2)}};
   for (uint32_t i = 0; i <= std::size(kDamages); ++i) message(kPanel, kStation, kAsk, i, "body");
-  const std::string path = "/var/run/c.pcapng";
-  ASSERT_EQ(run({"capture", "-w", path, "--no-mask", "kind=accepted"}).status, 0);
-  std::string capture = test::contents(path);
+  ASSERT_EQ(run({"capture", "-w", kPath, "--no-mask", "kind=accepted"}).status, 0);
   constexpr size_t kPacketInBlock = 28;
-  size_t packet = 0, at = 0;
-  while (at < capture.size() && packet < std::size(kDamages)) {
-    uint32_t words[2];
-    std::memcpy(words, capture.data() + at, sizeof words);
-    if (words[0] == 6) {
-      const Damage &damage = kDamages[packet++];
-      capture.replace(at + kPacketInBlock + damage.offset, damage.bytes.size(), damage.bytes);
-    }
-    at += words[1];
-  }
-  std::ofstream(path, std::ios::binary) << capture;
+  change_packets(kPath, [&](size_t packet, char *block) {
+    if (packet == std::size(kDamages)) return;
+    const Damage &damage = kDamages[packet];
+    damage.bytes.copy(block + kPacketInBlock + damage.offset, damage.bytes.size());
+  });
 
-  const auto frames = [](const std::string &filter) {
-    return shell(
-               "cd /var/run && msgctl dissector > msgapi.lua && HOME=/var/run tshark -r c.pcapng "
-               "-X lua_script:msgapi.lua -Y '" +
-               filter + "' -T fields -e frame.number 2>/dev/null")
-        .text;
-  };
-  EXPECT_EQ(frames("msgapi.malformed"), "1\n2\n3\n4\n5\n6\n7\n");
-  EXPECT_EQ(frames("!msgapi.malformed"), "8\n");
-  EXPECT_EQ(frames("_ws.lua.error"), "");
+  EXPECT_EQ(fields("msgapi.malformed", "frame.number"), "1\n2\n3\n4\n5\n6\n7\n");
+  EXPECT_EQ(fields("!msgapi.malformed", "frame.number"), "8\n");
+  EXPECT_EQ(fields("_ws.lua.error", "frame.number"), "");
 }
 
 TEST_F(MsgctlCapture, TheBusIsAnInterfaceOfWireshark) {
@@ -358,12 +330,11 @@ TEST_F(MsgctlCapture, TheBusIsAnInterfaceOfWireshark) {
   EXPECT_THAT(shell("msgapi-extcap --extcap-interface msgapi --extcap-config").text,
               HasSubstr("call=--filter"));
   for (const char *host : {"-oProxyCommand=x", "a;b", "a b"}) {
-    EXPECT_EQ(
-        shell(std::string("msgapi-extcap --capture --extcap-interface msgapi --fifo /dev/null "
-                          "--host '") +
-              host + "' 2>/dev/null")
-            .status,
-        2);
+    EXPECT_EQ(shell(std::string("msgapi-extcap --capture --extcap-interface msgapi --fifo "
+                                "/dev/null --host '") +
+                    host + "' 2>/dev/null")
+                  .status,
+              2);
   }
   exchange(1);
   const Output head = shell(
