@@ -1,6 +1,16 @@
 #include "common/printable.h"
 
 namespace servers {
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+void add_hex(unsigned char byte, std::string *text) {
+  *text += kHexDigits[byte >> 4];
+  *text += kHexDigits[byte & 15];
+}
+
+}  // namespace
 
 size_t printable_length(std::string_view text) noexcept {
   const auto byte = [text](size_t at) { return static_cast<unsigned char>(text[at]); };
@@ -22,23 +32,39 @@ size_t printable_length(std::string_view text) noexcept {
   return c1 ? 0 : length;
 }
 
-std::string printable(std::string_view text) {
-  constexpr char kDigits[] = "0123456789abcdef";
+std::string printable(std::string_view text, std::string_view kept) {
   std::string shown;
   shown.reserve(text.size());
   while (!text.empty()) {
-    const size_t length = printable_length(text);
+    const bool keep = kept.find(text[0]) != std::string_view::npos;
+    const size_t length = keep ? 1 : printable_length(text);
     if (length > 0) {
       shown += text.substr(0, length);
     } else {
-      const unsigned char byte = static_cast<unsigned char>(text[0]);
       shown += "\\x";
-      shown += kDigits[byte >> 4];
-      shown += kDigits[byte & 15];
+      add_hex(static_cast<unsigned char>(text[0]), &shown);
     }
     text.remove_prefix(length > 0 ? length : 1);
   }
   return shown;
+}
+
+std::string printable_json(std::string_view json) {
+  std::string text;
+  text.reserve(json.size());
+  for (size_t i = 0; i < json.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(json[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < json.size() ? json[i + 1] : 0);
+    const bool c1 = byte == 0xc2 && next >= 0x80 && next < 0xa0;
+    if (byte != 0x7f && !c1) {
+      text += json[i];
+      continue;
+    }
+    text += "\\u00";
+    add_hex(c1 ? next : byte, &text);
+    if (c1) ++i;
+  }
+  return text;
 }
 
 }  // namespace servers

@@ -159,11 +159,9 @@ TEST(NotifyServer, CountsWhatAModuleIsSentThatReceivesNoMore) {
 }
 
 TEST(NotifyServer, LeavesOtherUsersConnections) {
-  Server server({"--user-connections", "2"});
+  NotifyServer server({"--user-connections", "2"});
   const auto is_served = [](NotifyPeer &peer) {
-    NotifyMessage question = message(kNoticeType, ORP_NOTIFYCLT_SERVER, "");
-    question.head.sync_tag = 1;
-    peer.send(question);
+    peer.send(request(0, ORP_NOTIFYCLT_SERVER, ""));
     return peer.receive().head.sync_tag == 1;
   };
   NotifyPeer first;
@@ -176,8 +174,8 @@ TEST(NotifyServer, LeavesOtherUsersConnections) {
   EXPECT_TRUE(server.wait_for(" left"));
   NotifyPeer next;
   EXPECT_TRUE(is_served(next));
-  EXPECT_EQ(server.output().find("has 2 connections; more are closed"),
-            server.output().rfind("has 2 connections; more are closed"));
+  const std::string told = "has 2 connections; more are closed";
+  EXPECT_EQ(server.output().find(told), server.output().rfind(told));
 }
 
 struct Memory {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "support/process.h"
+#include "support/terminal.h"
 
 namespace {
 
@@ -62,6 +63,19 @@ TEST(Cfmctl, ExportsWhatItImportsByteForByte) {
 
   EXPECT_EQ(before, output_of("export"));
   EXPECT_THAT(before, HasSubstr("\"hex\": \"61ff622063")) << "a text that is not UTF-8";
+}
+
+TEST(Cfmctl, ShowsForeignTextsHarmlessly) {
+  output_of("set 5 \"$(printf 'a\\nb\\033]0;c\\007\\302\\233')\" --type text --size 32");
+
+  EXPECT_THAT(output_of("list"), HasSubstr("  a\\x0ab\\x1b]0;c\\x07\\xc2\\x9b\n"));
+  EXPECT_THAT(output_of("export"), HasSubstr(R"("a\nb\u001b]0;c\u0007\u009b")"));
+  EXPECT_EQ("a\nb\x1b]0;c\a\xc2\x9b\n", output_of("get 5")) << "a script gets it as it is";
+  if (test::has_terminals()) {
+    EXPECT_EQ("a\nb\\x1b]0;c\\x07\\xc2\\x9b\n", test::on_terminal("cfmctl get 5"));
+  }
+  write_file("/var/bad.json", R"({"format": "cfm-store", "version": 1, "\u001b[31m": 1})");
+  EXPECT_THAT(cfmctl("import /var/bad.json").text, HasSubstr(R"(section '\x1b[31m')"));
 }
 
 TEST(Cfmctl, ImportsAllOrNothingAndSaysWhere) {

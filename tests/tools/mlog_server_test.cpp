@@ -9,6 +9,7 @@
 
 #include "msgapi/log.h"
 #include "servers/log_server.h"
+#include "support/terminal.h"
 #include "tools/mlog_support.h"
 
 namespace {
@@ -119,6 +120,32 @@ TEST(MlogModules, ListsThemWithTheirCounts) {
   EXPECT_THAT(run({"modules"}).text, StartsWith("MODULE "));
   EXPECT_EQ(0, server.stop(SIGTERM));
   EXPECT_EQ(3, run({"modules"}).status);
+}
+
+// Anybody may log in any name, set any statistics, and send somebody a file.
+TEST(MlogForeignTexts, CommandNoTerminalAndAddNoMembers) {
+  LogServer server;
+  MlogPrint(R"(x","lost":0,"z":")", MLOG_LEVEL_INFO, "text");
+  EXPECT_EQ(R"({"module":"x\",\"lost\":0,\"z\":\"","level":"INFO","kept":1,"below_level":0,)"
+            R"("dropped":0,"lost":0})"
+            "\n",
+            run({"modules", "--json"}).text);
+
+  EXPECT_EQ(0, run({"set", "wan", "rx=1\n\x1b]0;title\a"}).status);
+  EXPECT_EQ("rx=1\n\x1b]0;title\a\n", run({"get", "wan"}).text) << "a script gets it as it is";
+  if (test::has_terminals()) {
+    EXPECT_EQ("rx=1\n\\x1b]0;title\\x07\n", test::on_terminal("mlog get wan"));
+  }
+
+  const std::string file = "/var/a\x1b[31m.log";
+  const std::string text = line(1, "a \xc2\x9b", "INFO", "m\x1b[31m");
+  std::ofstream(file) << header(0, 63 + static_cast<int>(text.size())) << text;
+  EXPECT_THAT(run({"--stats", file}).text, HasSubstr("m\\x1b[31m "));
+  EXPECT_THAT(run({"stat", file}).text, StartsWith("/var/a\\x1b[31m.log: "));
+  EXPECT_THAT(run({"--json", file}).text, HasSubstr("a \\u009b\""));
+  std::ofstream("/var/\xff\x7f.log") << header(0, 63);
+  EXPECT_THAT(run({"stat", "--json", "/var/\xff\x7f.log"}).text,
+              StartsWith("{\"file\":\"/var/\xef\xbf\xbd\\u007f.log\","));
 }
 
 TEST(MlogRateLimit, DropsAndTells) {

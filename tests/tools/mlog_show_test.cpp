@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/terminal.h"
 #include "tools/mlog_support.h"
 
 namespace {
@@ -175,15 +176,10 @@ TEST(MlogShow, CountsLinesAndWhatIsNotThere) {
 
 TEST(MlogShow, GivesItsPagerWhatATerminalWouldShow) {
   write_ring("wan", line(1, "a") + line(2, "b"));
-  // The program's output on a terminal, with the line ends that the program wrote.
   const auto on_terminal = [](const std::string &pager, const std::string &options) {
-    const Output output =
-        test::shell("set -o pipefail; script -qec \"PAGER='" + pager + "' mlog -o raw " + options +
-                    "\" /dev/null </dev/null | tr -d '\\r'");
-    EXPECT_EQ(0, output.status) << output.text;
-    return output.text;
+    return test::on_terminal("PAGER='" + pager + "' mlog -o raw " + options);
   };
-  if (::access("/dev/ptmx", R_OK | W_OK) != 0) GTEST_SKIP() << "no terminals here: /dev/ptmx";
+  if (!test::has_terminals()) GTEST_SKIP() << "no terminals here: /dev/ptmx";
   const std::string plain = line(1, "a") + line(2, "b");
   EXPECT_EQ("seen:" + line(1, "a") + "seen:" + line(2, "b"), on_terminal("sed s/^/seen:/", ""));
   EXPECT_EQ(plain, on_terminal("sed s/^/seen:/", "--no-pager"));

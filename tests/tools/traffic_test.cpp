@@ -472,6 +472,9 @@ TEST(Printable, ShowsWhatCouldCommandATerminal) {
   // Overlong forms, a surrogate, and beyond the last code point (RFC 3629, 3).
   EXPECT_EQ(servers::printable("\xc0\xaf\xe0\x80\xaf\xed\xa0\x80\xf4\x90\x80\x80"),
             "\\xc0\\xaf\\xe0\\x80\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
+  EXPECT_EQ(servers::printable("a\n\tb\r", "\n\t"), "a\n\tb\\x0d");
+  EXPECT_EQ(servers::printable_json("\"\x7f\xc2\x9b\xc2\xa0\xc3\xa9\xc2"),
+            "\"\\u007f\\u009b\xc2\xa0\xc3\xa9\xc2");
 }
 
 }  // namespace

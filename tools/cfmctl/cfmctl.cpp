@@ -1,5 +1,7 @@
 // cfmctl: shows and changes the configuration store from the command line.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -8,6 +10,7 @@
 #include <optional>
 
 #include "common/command_line.h"
+#include "common/printable.h"
 #include "store_json.h"
 
 namespace cfmctl {
@@ -97,7 +100,9 @@ std::optional<Value> find(const Place &place) {
 void get(const std::string &where) {
   const std::optional<Value> value = find(parse_place(where));
   check(value ? CFM_OK : CFM_ERR_NOT_FOUND);
-  std::cout << shown(*value) << '\n';
+  // A script gets a text as it is.
+  const std::string text = shown(*value);
+  std::cout << (::isatty(STDOUT_FILENO) != 0 ? servers::printable(text, "\n\t") : text) << '\n';
 }
 
 std::string data_of(uint32_t type, const std::string &text) {
@@ -137,7 +142,7 @@ void list() {
   constexpr const char *kTypes[] = {"number", "text", "bytes"};
   for (const Value &value : read_store().values) {
     std::printf("%-34s %-6s %5u  %s\n", place_text(value.place).c_str(), kTypes[value.type],
-                value.size, shown(value).c_str());
+                value.size, servers::printable(shown(value)).c_str());
   }
 }
 
@@ -148,7 +153,7 @@ void objects() {
 }
 
 void export_to(const std::string &path) {
-  const std::string text = to_json(read_store()).dump(2) + "\n";
+  const std::string text = servers::printable_json(to_json(read_store()).dump(2)) + "\n";
   if (path.empty() || path == "-") {
     std::cout << text;
     return;
@@ -224,7 +229,7 @@ int main(int argc, char **argv) {
   try {
     return cfmctl::run(argc, argv);
   } catch (const std::exception &error) {
-    std::cerr << "cfmctl: " << error.what() << '\n';
+    std::cerr << "cfmctl: " << servers::printable(error.what()) << '\n';
     return 1;
   }
 }

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <iterator>
-#include <nlohmann/json.hpp>
 
+#include "common/printable.h"
 #include "mlogserver/line.h"
 #include "msgapi/log.h"
 #include "time_text.h"
@@ -48,6 +48,11 @@ std::string original(std::string_view text) {
 
 }  // namespace
 
+std::string json_line(const nlohmann::ordered_json &record) {
+  const auto replace = nlohmann::ordered_json::error_handler_t::replace;
+  return servers::printable_json(record.dump(-1, ' ', false, replace));
+}
+
 void Printer::add_clean(std::string_view text) {
   if (!needs_cleaning(text)) {
     out_.append(text);
@@ -89,8 +94,7 @@ void Printer::add_json_string(std::string_view text) {
     out_ += '"';
     return;
   }
-  // Bytes that are no UTF-8 become replacement characters.
-  out_ += nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  out_ += json_line(text);
 }
 
 void Printer::print(const Entry &entry, std::optional<int64_t> time_ms, std::string_view path) {
@@ -187,7 +191,7 @@ void Printer::add_raw(const Entry &entry, std::optional<int64_t> time_ms) {
 void Printer::print_marker(std::string_view text) {
   if (options_.output == Output::kRaw) return;
   if (options_.output == Output::kJson) {
-    out_ += nlohmann::ordered_json{{"marker", text}}.dump();
+    out_ += json_line(nlohmann::ordered_json{{"marker", text}});
   } else {
     fmt::format_to(std::back_inserter(out_), "-- {} --", text);
   }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,6 +26,9 @@ struct PrintOptions {
   bool colour = false;
   bool clean = false;  // raw: "?" for what a terminal may obey; the other forms always do that
 };
+
+// A record on one line, whatever its texts hold: as UTF-8, and nothing in it commands a terminal.
+std::string json_line(const nlohmann::ordered_json &record);
 
 class Printer {
  public:

@@ -8,15 +8,18 @@
 #include <array>
 #include <cctype>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 
 #include "commands.h"
 #include "common/command_line.h"
+#include "common/printable.h"
 #include "common/unique_fd.h"
 #include "mlogserver/line.h"
 #include "mlogserver/questions.h"
 #include "msgapi/log.h"
+#include "printer.h"
 
 namespace mlog {
 namespace {
@@ -112,7 +115,9 @@ void get(const Options &options) {
     complain(options.module + ": the log server has no statistics of this module", kNoSuchModule);
     return;
   }
-  fmt::print("{}\n", *text);
+  // Any module's text may be set by anybody. A script gets it as it is.
+  const bool terminal = ::isatty(STDOUT_FILENO) != 0;
+  fmt::print("{}\n", terminal ? servers::printable(*text, "\n\t") : *text);
 }
 
 void set(const Options &options) {
@@ -146,7 +151,7 @@ void level(const Options &options) {
         kNotPermitted);
     return;
   }
-  if (wanted.empty()) fmt::print("{}\n", *now);
+  if (wanted.empty()) fmt::print("{}\n", servers::printable(*now));
 }
 
 void modules(const Options &options) {
@@ -160,18 +165,20 @@ void modules(const Options &options) {
       return;
     }
     if (options.json) {
-      fmt::print(
-          "{{\"module\":\"{}\",\"level\":\"{}\",\"kept\":{},\"below_level\":{},\"dropped\":{},"
-          "\"lost\":{}}}\n",
-          module.name, module.level, module.kept, module.below_level, module.dropped, module.lost);
+      const nlohmann::ordered_json record{
+          {"module", module.name},     {"level", module.level},
+          {"kept", module.kept},       {"below_level", module.below_level},
+          {"dropped", module.dropped}, {"lost", module.lost}};
+      fmt::print("{}\n", json_line(record));
       continue;
     }
     if (index == 0) {
       fmt::print("{:<20} {:<5} {:>10} {:>12} {:>10} {:>10}\n", "MODULE", "LEVEL", "KEPT",
                  "BELOW LEVEL", "DROPPED", "LOST");
     }
-    fmt::print("{:<20} {:<5} {:>10} {:>12} {:>10} {:>10}\n", module.name, module.level, module.kept,
-               module.below_level, module.dropped, module.lost);
+    fmt::print("{:<20} {:<5} {:>10} {:>12} {:>10} {:>10}\n", servers::printable(module.name),
+               servers::printable(module.level), module.kept, module.below_level, module.dropped,
+               module.lost);
   }
 }
 

@@ -19,6 +19,7 @@
 
 #include "commands.h"
 #include "common/command_line.h"
+#include "common/printable.h"
 #include "directory.h"
 #include "filter.h"
 #include "merge.h"
@@ -387,16 +388,16 @@ void show_statistics(const View &view, const std::vector<Source> &sources, bool 
       }
       record["lost"] = module.lost;
       record["dropped"] = module.dropped;
-      const auto replace = nlohmann::ordered_json::error_handler_t::replace;
-      fmt::print("{}\n", record.dump(-1, ' ', false, replace));
+      fmt::print("{}\n", json_line(record));
       continue;
     }
+    const std::string shown = servers::printable(name);
     for (const auto &[level, count] : module.levels) {
-      fmt::print("{:<20} {:<5} {:>10} {:>12}\n", name, MlogGetLogLevelString(level), count.lines,
+      fmt::print("{:<20} {:<5} {:>10} {:>12}\n", shown, MlogGetLogLevelString(level), count.lines,
                  count.bytes);
     }
-    if (module.lost > 0) fmt::print("{:<20} lost  {:>10}\n", name, module.lost);
-    if (module.dropped > 0) fmt::print("{:<20} dropped {:>8}\n", name, module.dropped);
+    if (module.lost > 0) fmt::print("{:<20} lost  {:>10}\n", shown, module.lost);
+    if (module.dropped > 0) fmt::print("{:<20} dropped {:>8}\n", shown, module.dropped);
   }
 }
 
@@ -493,10 +494,10 @@ void stat(const Options &options) {
     }
     record["problems"] = problems;
     if (options.json) {
-      fmt::print("{}\n", record.dump());
+      fmt::print("{}\n", json_line(record));
       continue;
     }
-    fmt::print("{}:", source.path);
+    fmt::print("{}:", servers::printable(source.path));
     for (const auto &[key, value] : record.items()) {
       if (key != "file" && key != "problems") fmt::print(" {} {}", key, value.dump());
     }

@@ -69,23 +69,7 @@ void print_line(std::string_view text) {
 }
 
 std::string json_text(const Json &json) {
-  const std::string dump = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  // JSON allows DEL and the C1 controls unescaped (RFC 8259, 7), and terminals obey them.
-  std::string text;
-  text.reserve(dump.size());
-  for (size_t i = 0; i < dump.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(dump[i]);
-    const auto next = static_cast<unsigned char>(i + 1 < dump.size() ? dump[i + 1] : 0);
-    if (byte == 0x7f) {
-      text += "\\u007f";
-    } else if (byte == 0xc2 && next < 0xa0) {
-      text += fmt::format("\\u{:04x}", next);
-      ++i;
-    } else {
-      text += dump[i];
-    }
-  }
-  return text;
+  return servers::printable_json(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 void print_json(const Json &json) {
