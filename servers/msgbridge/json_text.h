@@ -16,8 +16,7 @@ std::optional<Json> parse_json(std::string_view text);
 // The JSON on one line, always UTF-8: bytes that are none are replaced.
 std::string json_line(const Json &json);
 
-// Masks personal data in all texts and numbers, by the names of members and by its form. Returns
-// whether there was any.
-bool mask_json(Json *json);
+// Masks personal data in all texts, numbers and names of members, by those names and by its form.
+void mask_json(Json *json);
 
 }  // namespace msgbridge

@@ -98,7 +98,11 @@ std::optional<Event> Upward::take(uint32_t type, std::string_view data, const Sp
   if (!passes(*rule, limiter, now.boot_ms)) return std::nullopt;
 
   ++counters_.taken;
-  if (rule->mask && mask_json(&*json)) text = json_line(*json);
+  if (rule->mask) {
+    mask_json(&*json);
+    // What was looked at goes up: of members of one name the text holds others, too.
+    text = json_line(*json);
+  }
   return Event{.boot = now.boot,
                .wall_ms = now.wall_ms,
                .topic = rule->topic.expand({prefix_, gateway_, module, event}),

@@ -56,7 +56,7 @@ TEST_F(BridgeAndBroker, SendsEventsAndItsStatus) {
   ASSERT_TRUE(listener.wait_for(kStatusTopic, "online"));
   constexpr int kEvents = 500;  // more than may be under way
   publish_numbers(1, kEvents);
-  const auto number = [](int count) { return "\"number\":\t\"" + std::to_string(count) + '"'; };
+  const auto number = [](int count) { return "\"number\":\"" + std::to_string(count) + '"'; };
   ASSERT_TRUE(listener.wait_for(kCountTopic, number(kEvents)));
   int count = 0;
   for (const Received &each : listener.all()) {

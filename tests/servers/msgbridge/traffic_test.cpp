@@ -111,8 +111,21 @@ TEST(BridgeUp, MasksPersonalDataAndStaysJson) {
   EXPECT_EQ(true, payload["up"]);
   EXPECT_THAT(taken->payload, Not(HasSubstr("hidden")));
 
-  const std::string nobodys = event("LinkUp", R"({"if": "eth0", "n": 7})");
-  EXPECT_EQ(nobodys, upward.take(ORP_MSG_EVENT_WAN, nobodys, kNow)->payload);
+  const auto payload_of = [&upward](const std::string &sent) {
+    const auto event = upward.take(ORP_MSG_EVENT_WAN, sent, kNow);
+    return event ? Json::parse(event->payload)["Payload"].dump() : "nothing";
+  };
+  EXPECT_EQ(R"({"if":"eth0","n":7})", payload_of(event("LinkUp", R"({"if": "eth0", "n": 7})")));
+  EXPECT_EQ(R"({"00:**:**:3C:**:5E":"online","00:**:**:3C:**:5E#1":"off","192.***.*.77":{"up":1}})",
+            payload_of(event("Hosts", R"({"00:1A:2B:3C:4D:5E": "online",
+                "00:FF:FF:3C:FF:5E": "off", "192.168.1.77": {"up": 1}})")));
+  const auto twice =
+      upward.take(ORP_MSG_EVENT_WAN,
+                  R"({"Module": "wan", "EventType": "E", "Payload": {"password": "s"},
+                                     "Payload": {"x": 1}})",
+                  kNow);
+  ASSERT_TRUE(twice);
+  EXPECT_EQ(R"({"Module":"wan","EventType":"E","Payload":{"x":1}})", twice->payload);
   Upward open = upward_of(R"([{"mask": false}])");
   EXPECT_EQ(text, open.take(ORP_MSG_EVENT_WAN, text, kNow)->payload);
 }
