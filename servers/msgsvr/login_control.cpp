@@ -20,10 +20,10 @@
 #include <utility>
 
 #include "common/log_line.h"
+#include "common/whole_file.h"
 #include "msgapi/login.h"
 #include "msgapi/login_records.h"
 #include "msgsvr/services.h"
-#include "msgsvr/whole_file.h"
 #include "msgsvr/worker.h"
 
 namespace msgsvr {
@@ -100,7 +100,7 @@ class LoginControl final : public Service {
       worker_.reset();
       // Save even without a change: less is left of the forbidden time.
       const bool known = save_timer_ != 0 || !records_.empty();
-      if (known && !path_.empty() && !replace_file(path_, state())) complain(errno);
+      if (known && !path_.empty() && !servers::replace_file(path_, state())) complain(errno);
     } catch (const std::exception &error) {
       write_log_line(error.what());
     }
@@ -237,9 +237,9 @@ class LoginControl final : public Service {
   void save() {
     save_timer_ = 0;
     const auto error = std::make_shared<int>(0);
-    worker_->run(
-        [path = path_, text = state(), error] { *error = replace_file(path, text) ? 0 : errno; },
-        [this, error] { complain(*error); });
+    worker_->run([path = path_, text = state(),
+                  error] { *error = servers::replace_file(path, text) ? 0 : errno; },
+                 [this, error] { complain(*error); });
   }
 
   void complain(int error) const {

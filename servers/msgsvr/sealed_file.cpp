@@ -25,8 +25,8 @@
 #include <utility>
 
 #include "common/unique_fd.h"
+#include "common/whole_file.h"
 #include "common/write_all.h"
-#include "msgsvr/whole_file.h"
 
 namespace msgsvr {
 namespace {
@@ -194,9 +194,9 @@ SealStatus write_sealed(const SealOptions &options, const std::string &path,
       head + kHeadSize, nullptr, reinterpret_cast<const unsigned char *>(content.data()),
       content.size(), head, kAuthenticated, nullptr, head + kAuthenticated, key.bytes.data());
 
-  const bool written =
-      replace_file_in(target->directory.get(), target->name,
-                      {reinterpret_cast<const char *>(file_bytes.data()), file_bytes.size()});
+  const bool written = servers::replace_file_in(
+      target->directory.get(), target->name,
+      {reinterpret_cast<const char *>(file_bytes.data()), file_bytes.size()});
   return written ? SealStatus::kOk : SealStatus::kNotWritten;
 }
 

@@ -1,10 +1,12 @@
 // cfmctl as a user runs it.
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <string>
 
+#include "support/file.h"
 #include "support/process.h"
 #include "support/terminal.h"
 
@@ -62,6 +64,12 @@ TEST(Cfmctl, ExportsWhatItImportsByteForByte) {
   output_of("import /var/before.json");
 
   EXPECT_EQ(before, output_of("export"));
+  output_of("export /var/before.json");
+  EXPECT_EQ(before, test::contents("/var/before.json"));
+  struct stat status {};
+  ASSERT_EQ(0, ::stat("/var/before.json", &status));
+  EXPECT_EQ(0600u, status.st_mode & 0777) << "it holds secrets";
+  EXPECT_EQ(before, test::shell("cfmctl export /dev/stdout | cat").text);
   EXPECT_THAT(before, HasSubstr("\"hex\": \"61ff622063")) << "a text that is not UTF-8";
 }
 

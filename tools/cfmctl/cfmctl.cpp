@@ -1,5 +1,6 @@
 // cfmctl: shows and changes the configuration store from the command line.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +12,7 @@
 
 #include "common/command_line.h"
 #include "common/printable.h"
+#include "common/whole_file.h"
 #include "store_json.h"
 
 namespace cfmctl {
@@ -158,7 +160,14 @@ void export_to(const std::string &path) {
     std::cout << text;
     return;
   }
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  // A pipe or a device is written to. A file is replaced: it holds secrets, so only its owner may
+  // read it, and a full disk leaves the old one.
+  struct stat found {};
+  if (::stat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) {
+    if (!servers::replace_file(path, text)) throw Error(path + ": " + std::strerror(errno));
+    return;
+  }
+  std::ofstream file(path, std::ios::binary);
   file << text;
   file.close();
   if (!file) throw Error(path + ": " + std::strerror(errno));

@@ -1,4 +1,4 @@
-#include "msgsvr/whole_file.h"
+#include "common/whole_file.h"
 
 #include <fcntl.h>
 #include <fmt/core.h>
@@ -12,11 +12,8 @@
 #include "common/unique_fd.h"
 #include "common/write_all.h"
 
-namespace msgsvr {
+namespace servers {
 namespace {
-
-using servers::UniqueFd;
-using servers::write_all;
 
 // `fresh` must not exist.
 bool replace(int directory, const std::string &fresh, const std::string &name,
@@ -56,4 +53,4 @@ bool replace_file_in(int directory, const std::string &name, std::span<const cha
   return replace(directory, fmt::format(".{:016x}.new", number), name, content);
 }
 
-}  // namespace msgsvr
+}  // namespace servers

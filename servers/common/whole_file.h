@@ -4,7 +4,7 @@
 #include <span>
 #include <string>
 
-namespace msgsvr {
+namespace servers {
 
 // Puts a new file (mode 0600) with that content in the place of `path`. Whoever opens `path`, also
 // after a loss of power, finds the old content or the new one. False, with errno set and `path` as
@@ -15,4 +15,4 @@ bool replace_file(const std::string &path, std::span<const char> content);
 // written to a new file with a random name.
 bool replace_file_in(int directory, const std::string &name, std::span<const char> content);
 
-}  // namespace msgsvr
+}  // namespace servers

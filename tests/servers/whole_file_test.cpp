@@ -1,6 +1,6 @@
 // Files that are replaced whole, or stay as they were.
 
-#include "msgsvr/whole_file.h"
+#include "common/whole_file.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using msgsvr::replace_file;
+using servers::replace_file;
 
 TEST(WholeFile, ReplacesAPathOrANameInTheWorkingDirectory) {
   ASSERT_EQ(0, ::chdir("/var"));
@@ -44,7 +44,7 @@ TEST(WholeFile, IsLeftAsItIsWhenItCannotBeReplaced) {
   EXPECT_FALSE(replace_file("/var/none/file", std::string("new")));
   EXPECT_EQ(ENOENT, errno);
   const msgapi::os::UniqueFd directory(::open("/var/a", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  EXPECT_FALSE(msgsvr::replace_file_in(directory.get(), "directory", std::string("new")));
+  EXPECT_FALSE(servers::replace_file_in(directory.get(), "directory", std::string("new")));
   EXPECT_EQ(EISDIR, errno);
 
   EXPECT_EQ("old", test::contents("/var/a/taken"));
