@@ -8,6 +8,20 @@ namespace {
 
 using test::Connection;
 
+TEST(Features, AnswerAsThisBuildIs) {
+  uint32_t (*const kPresent[])() = {
+      ORP_WEB_CheckWebUi,       ORP_IsSupportUrlFltWhiteListFeature,
+      ORP_IsSupportIgmpFeature, ORP_IsSupportMacFltWhiteListFeature,
+      ORP_IsSupportNpsEnable,   ORP_IsSupportVlanPassThroughFeature,
+  };
+  for (const auto feature : kPresent) EXPECT_EQ(1u, feature());
+  EXPECT_EQ(0u, ORP_IsRepeaterProduct());
+
+  char controller[4] = "abc";
+  ORP_GetElinkController(controller, sizeof controller);
+  EXPECT_STREQ("abc", controller);
+}
+
 TEST(SystemRequest, GoesToTheServerAsAHeader) {
   Connection connection("self");
   EXPECT_EQ(ORP_OK, ORP_APP_SendSysguardHeartBeat());
