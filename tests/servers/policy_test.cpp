@@ -128,14 +128,6 @@ TEST(Policy, NamesTheServiceOfAMessage) {
   }
   EXPECT_EQ(Service::kConfigRestore, policy::service_of(ORP_MSG_DELETE_APPDATA, 0));
   EXPECT_EQ(std::nullopt, policy::service_of(ORP_MSG_REGISTER, 0));
-  for (size_t i = 0; i < policy::kServices; ++i) {
-    const auto each = static_cast<Service>(i);
-    EXPECT_EQ(each, policy::service_of(policy::word_of(each)));
-  }
-  for (size_t i = 0; i < policy::kActions; ++i) {
-    const auto each = static_cast<Action>(i);
-    EXPECT_EQ(each, policy::action_of(policy::word_of(each)));
-  }
 }
 
 void expect_refusal(const std::string &text, size_t line, const char *what) {
