@@ -8,7 +8,6 @@
 #include <fstream>
 #include <thread>
 
-#include "msgapi/blur.h"
 #include "msgapi/log.h"
 #include "os/clock.h"
 #include "support/fake_log_server.h"
