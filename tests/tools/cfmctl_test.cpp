@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -70,6 +71,16 @@ TEST(Cfmctl, ExportsWhatItImportsByteForByte) {
   ASSERT_EQ(0, ::stat("/var/before.json", &status));
   EXPECT_EQ(0600u, status.st_mode & 0777) << "it holds secrets";
   EXPECT_EQ(before, test::shell("cfmctl export /dev/stdout | cat").text);
+  // A link stays one, as /dev/stdout must when it leads to a file.
+  ASSERT_EQ(0, ::symlink("/var/by_link.json", "/var/link"));
+  for (const char *when : {"new", "there already"}) {
+    output_of("export /var/link");
+    ASSERT_EQ(0, ::lstat("/var/link", &status));
+    EXPECT_TRUE(S_ISLNK(status.st_mode)) << when;
+    EXPECT_EQ(before, test::contents("/var/by_link.json")) << when;
+  }
+  ASSERT_EQ(0, ::stat("/var/by_link.json", &status));
+  EXPECT_EQ(0600u, status.st_mode & 0777);
   EXPECT_THAT(before, HasSubstr("\"hex\": \"61ff622063")) << "a text that is not UTF-8";
 }
 

@@ -1,5 +1,6 @@
 // cfmctl: shows and changes the configuration store from the command line.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,7 +13,9 @@
 
 #include "common/command_line.h"
 #include "common/printable.h"
+#include "common/unique_fd.h"
 #include "common/whole_file.h"
+#include "common/write_all.h"
 #include "store_json.h"
 
 namespace cfmctl {
@@ -160,17 +163,18 @@ void export_to(const std::string &path) {
     std::cout << text;
     return;
   }
-  // A pipe or a device is written to. A file is replaced: it holds secrets, so only its owner may
-  // read it, and a full disk leaves the old one.
+  // A file is replaced: it holds secrets, so only its owner may read it, and a full disk leaves the
+  // old one. A pipe, a device and where a link leads are written to: /dev/stdout stays a link.
   struct stat found {};
-  if (::stat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) {
-    if (!servers::replace_file(path, text)) throw Error(path + ": " + std::strerror(errno));
-    return;
+  bool written = false;
+  if (::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) {
+    written = servers::replace_file(path, text);
+  } else {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    const servers::UniqueFd file(::open(path.c_str(), kFlags, 0600));
+    written = file && servers::write_all(file.get(), text);
   }
-  std::ofstream file(path, std::ios::binary);
-  file << text;
-  file.close();
-  if (!file) throw Error(path + ": " + std::strerror(errno));
+  if (!written) throw Error(path + ": " + std::strerror(errno));
 }
 
 void import_from(const std::string &path, bool as_defaults) {
