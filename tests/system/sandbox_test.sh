@@ -33,6 +33,9 @@ cd /var/place
 [[ -f made ]] || fail "the working directory is not there"
 cd /
 
+[[ $("$bin/sandbox" -- $'/no/such\e[31m' 2>&1) == 'sandbox: /no/such\x1b[31m: No such file or directory' ]] ||
+  fail "a command's name reaches the terminal as it is"
+
 # The same in a chroot whose root is no mount.
 root=/var/chroot
 mkdir -p "$root"/{proc,tmp,var/cfm,mnt}

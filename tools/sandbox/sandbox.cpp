@@ -46,6 +46,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/printable.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -59,7 +61,9 @@ constexpr int kSetupFailed = 125;
 constexpr int kCommandNotFound = 127;
 
 [[noreturn]] void fail(const std::string &what) {
-  std::fprintf(stderr, "sandbox: %s: %s\n", what.c_str(), std::strerror(errno));
+  const int reason = errno;
+  std::fprintf(stderr, "sandbox: %s: %s\n", servers::printable(what).c_str(),
+               std::strerror(reason));
   std::exit(kSetupFailed);
 }
 
@@ -321,7 +325,9 @@ int wait_for(pid_t child) {
 
 [[noreturn]] void run(char **command) {
   ::execvp(command[0], command);
-  std::fprintf(stderr, "sandbox: %s: %s\n", command[0], std::strerror(errno));
+  const int reason = errno;
+  std::fprintf(stderr, "sandbox: %s: %s\n", servers::printable(command[0]).c_str(),
+               std::strerror(reason));
   std::_Exit(kCommandNotFound);
 }
 
@@ -371,6 +377,6 @@ int main(int argc, char **argv) try {
   if (init == 0) be_init(command, used);
   return wait_for(init);
 } catch (const std::exception &error) {
-  std::fprintf(stderr, "sandbox: %s\n", error.what());
+  std::fprintf(stderr, "sandbox: %s\n", servers::printable(error.what()).c_str());
   return kSetupFailed;
 }
