@@ -14,6 +14,7 @@ import signal
 import subprocess
 import sys
 import time
+import urllib.request
 
 BIN, SOURCE, PICTURES = (pathlib.Path(word) for word in sys.argv[1:4])
 PATIENCE_S = 120
@@ -166,10 +167,7 @@ class Browser:
 
 
 def get(address):
-    host, _, path = address.removeprefix("http://").partition("/")
-    connection = http.client.HTTPConnection(host, timeout=PATIENCE_S)
-    connection.request("GET", "/" + path)
-    return connection.getresponse().read()
+    return urllib.request.urlopen(address, timeout=PATIENCE_S).read()
 
 
 def view(browser, name):

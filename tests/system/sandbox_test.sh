@@ -6,6 +6,7 @@ set -euo pipefail
 # shellcheck source=tests/system/common.sh
 . "${0%/*}/common.sh"
 bin=$(realpath "$1")
+lib=$(realpath "$bin/../lib")
 
 # Files at the fixed paths, and in the trees around them.
 paths=(/var/{cfm/cfm.db,mlogfile/log,mlog/mlogcfg,run/msgsvr,run/msg/msg_file_1} /var/policy_custom/a
@@ -39,7 +40,7 @@ cd /
 # The same in a chroot whose root is no mount.
 root=/var/chroot
 mkdir -p "$root"/{proc,tmp,var/cfm,mnt}
-mirror "$root" bin etc lib lib32 lib64 sbin usr "${bin#/}"
+mirror "$root" bin etc lib lib32 lib64 sbin usr "${bin#/}" "${lib#/}"
 echo "of the machine" >"$root/var/cfm/cfm.db"
 # shellcheck disable=SC2016 # the inner shell's own
 chroot "$root" "$bin/sandbox" -- sh -c '
@@ -57,6 +58,16 @@ for command in "with_servers.sh true" demo.sh; do
   # shellcheck disable=SC2086 # words
   output=$(chroot "$root" "$bin"/$command 2>&1) || status=$?
   [[ $status == 2 && $output == *"not the sandbox"* ]] || fail "$command: $status, $output"
+done
+
+# Nor do captures stand in for an application there, unless that is meant. (There is none.)
+for command in "replay none --to station" "mock none --as station"; do
+  status=0 live=0
+  # shellcheck disable=SC2086 # words
+  output=$(chroot "$root" "$bin"/msgctl $command 2>&1) || status=$?
+  # shellcheck disable=SC2086 # words
+  chroot "$root" "$bin"/msgctl $command --live >"$log" 2>&1 || live=$?
+  [[ $status == 7 && $output == *--live* && $live == 4 ]] || fail "$command: $status, $output; $live"
 done
 
 # A socket of the outer network works inside.

@@ -79,49 +79,34 @@ struct Ask {
   std::vector<std::string> headers = {};
   const char *method = "GET";
   const char *upload = nullptr;
-  // Called with everything that has come; the transfer ends when it returns true.
-  std::function<bool(const std::string &body)> enough = {};
-  long timeout_ms = test::kPatience_ms;
 };
 
-struct Receiving {
-  Reply reply;
-  const Ask *ask;
-};
-
-size_t take_header(char *bytes, size_t size, size_t count, void *receiving) {
-  static_cast<Receiving *>(receiving)->reply.headers.append(bytes, size * count);
+size_t append(char *bytes, size_t size, size_t count, void *text) {
+  static_cast<std::string *>(text)->append(bytes, size * count);
   return size * count;
-}
-
-size_t take_body(char *bytes, size_t size, size_t count, void *pointer) {
-  auto *receiving = static_cast<Receiving *>(pointer);
-  receiving->reply.body.append(bytes, size * count);
-  const auto &enough = receiving->ask->enough;
-  return enough && enough(receiving->reply.body) ? 0 : size * count;
 }
 
 Reply fetch(const std::string &address, const Ask &ask = {}) {
   const std::unique_ptr<CURL, void (*)(CURL *)> curl(curl_easy_init(), curl_easy_cleanup);
-  Receiving receiving{{}, &ask};
+  Reply reply;
   curl_slist *headers = nullptr;
   for (const std::string &header : ask.headers)
     headers = curl_slist_append(headers, header.c_str());
   curl_easy_setopt(curl.get(), CURLOPT_URL, address.c_str());
   curl_easy_setopt(curl.get(), CURLOPT_PATH_AS_IS, 1L);
   curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, ask.timeout_ms);
-  curl_easy_setopt(curl.get(), CURLOPT_HEADERFUNCTION, take_header);
-  curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &receiving);
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, take_body);
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &receiving);
+  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, long{test::kPatience_ms});
+  curl_easy_setopt(curl.get(), CURLOPT_HEADERFUNCTION, append);
+  curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &reply.headers);
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, append);
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &reply.body);
   curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, ask.method);
   if (ask.method == std::string("HEAD")) curl_easy_setopt(curl.get(), CURLOPT_NOBODY, 1L);
   if (ask.upload != nullptr) curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, ask.upload);
   curl_easy_perform(curl.get());
-  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &receiving.reply.status);
+  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &reply.status);
   curl_slist_free_all(headers);
-  return receiving.reply;
+  return reply;
 }
 
 class Inspector {
@@ -145,16 +130,18 @@ class Inspector {
   }
   // Asks again and again until `true_of` holds for the answer, and returns it.
   Json wait_for(const std::string &place, const std::function<bool(const Json &)> &true_of) const {
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(test::kPatience_ms);
     Json answer;
-    do {
-      answer = json(place);
-      if (true_of(answer)) return answer;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    } while (std::chrono::steady_clock::now() < end);
-    ADD_FAILURE() << place << " never told what was awaited: " << answer;
+    EXPECT_TRUE(test::eventually([&] { return true_of(answer = json(place)); }))
+        << place << " never told what was awaited: " << answer;
     return answer;
+  }
+  // How many records these arguments select.
+  size_t count(const std::string &arguments) const {
+    return json("v1/records?" + arguments)["records"].size();
+  }
+  // Keeps what the inspector exports.
+  void save(const std::string &path, const std::string &arguments = "") const {
+    std::ofstream(path, std::ios::binary) << get("v1/export?format=pcapng" + arguments).body;
   }
   Json wait_for_records(size_t count) const {
     return wait_for("v1/records",
@@ -167,16 +154,7 @@ class Inspector {
   std::string base_;
 };
 
-class InspectorTest : public testing::Test {
- protected:
-  void TearDown() override {
-    for (const char *path : {flight::kPath, "/var/run/msgsvr.flight.1", inspector::kTokenPath}) {
-      ::unlink(path);
-    }
-  }
-};
-
-TEST_F(InspectorTest, SaysNothingWithoutTheTokenOrToAnotherHost) {
+TEST(InspectorTest, SaysNothingWithoutTheTokenOrToAnotherHost) {
   Server server;
   Inspector inspector;
   const std::string root = "http://127.0.0.1:8970/";
@@ -209,7 +187,7 @@ TEST_F(InspectorTest, SaysNothingWithoutTheTokenOrToAnotherHost) {
   EXPECT_EQ(inspector.get("inspector.js").status, 200);
 }
 
-TEST_F(InspectorTest, OnlyReads) {
+TEST(InspectorTest, OnlyReads) {
   Server server;
   Inspector inspector;
 
@@ -232,7 +210,7 @@ TEST_F(InspectorTest, OnlyReads) {
   EXPECT_EQ(inspector.stop(), 0);
 }
 
-TEST_F(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
+TEST(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
   Server server;
   server.connect(kPanel, kScript);
   server.connect(kStation, "station");
@@ -253,22 +231,20 @@ TEST_F(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
   EXPECT_EQ(records[7]["to"], "printer");
   EXPECT_THAT(inspector.get("v1/records").body, Not(HasSubstr("hunter2")));
 
-  const auto count = [&inspector](const std::string &arguments) {
-    return inspector.json("v1/records?" + arguments)["records"].size();
-  };
-  EXPECT_EQ(count("all=1"), 10u);
-  EXPECT_EQ(count("filter=kind%3Ddelivered"), 2u);
-  EXPECT_EQ(count("filter=answer"), 1u);
-  EXPECT_EQ(count("filter=request"), 1u) << "what became of it later counts as well";
-  EXPECT_EQ(count("filter=from%3Dstation"), 3u) << "with its coming and its name";
-  EXPECT_EQ(count("filter=body%3Dhunter2"), 0u) << "what is masked cannot be searched for";
-  EXPECT_EQ(count("limit=3"), 3u);
+  EXPECT_EQ(inspector.count("all=1"), 10u);
+  EXPECT_EQ(inspector.count("filter=kind%3Ddelivered"), 2u);
+  EXPECT_EQ(inspector.count("filter=answer"), 1u);
+  EXPECT_EQ(inspector.count("filter=request"), 1u) << "what became of it later counts as well";
+  EXPECT_EQ(inspector.count("filter=from%3Dstation"), 3u) << "with its coming and its name";
+  EXPECT_EQ(inspector.count("filter=body%3Dhunter2"), 0u)
+      << "what is masked cannot be searched for";
+  EXPECT_EQ(inspector.count("limit=3"), 3u);
   // Several records may have the same microsecond.
   const Json middle = records[5]["at_us"];
   const auto until_middle = std::count_if(
       records.begin(), records.end(), [&](const Json &each) { return each["at_us"] <= middle; });
-  EXPECT_EQ(count("to=" + middle.dump()), static_cast<size_t>(until_middle));
-  EXPECT_EQ(count("from=18446744073709551615"), 0u);
+  EXPECT_EQ(inspector.count("to=" + middle.dump()), static_cast<size_t>(until_middle));
+  EXPECT_EQ(inspector.count("from=18446744073709551615"), 0u);
 
   const Json summary = inspector.json("v1/summary");
   ASSERT_EQ(summary["edges"].size(), 4u) << summary["edges"];
@@ -284,38 +260,34 @@ TEST_F(InspectorTest, DecodesMasksAndFiltersWhatPassed) {
   EXPECT_THAT(clients["error"], HasSubstr("msgsvr.admin"));
 }
 
-TEST_F(InspectorTest, TellsBrowsersWhatComes) {
+TEST(InspectorTest, TellsBrowsersWhatComes) {
   Server server;
   server.connect(kPanel, "panel");
   Inspector inspector({"--no-mask"});
   inspector.wait_for_records(2);
 
-  std::thread sender([&] {
-    inspector.wait_for("v1/status", [](const Json &status) { return status["browsers"] == 1; });
-    server.message(kPanel, kStation, kAsk, 1, "not this");
-    server.message(kPanel, kStation, kAsk, 2, R"({"password": "hunter2"})", 42);
-  });
-  const Reply reply = inspector.get("v1/events?filter=data%3D42", {.enough = [](const auto &body) {
-                                      return body.find("hunter2") != std::string::npos;
-                                    }});
-  sender.join();
+  test::Process browser("/usr/bin/env",
+                        {"curl", "-siN", inspector.base() + "v1/events?filter=data%3D42"});
+  inspector.wait_for("v1/status", [](const Json &status) { return status["browsers"] == 1; });
+  server.message(kPanel, kStation, kAsk, 1, "not this");
+  server.message(kPanel, kStation, kAsk, 2, R"({"password": "hunter2"})", 42);
 
-  EXPECT_THAT(reply.headers, HasSubstr("Content-Type: text/event-stream"));
-  EXPECT_THAT(reply.body,
-              AllOf(StartsWith("event: status\ndata: {"),
+  EXPECT_TRUE(browser.wait_for("hunter2"));
+  EXPECT_THAT(browser.output(),
+              AllOf(HasSubstr("Content-Type: text/event-stream"),
+                    HasSubstr("\r\n\r\nevent: status\ndata: {"),
                     HasSubstr("\nid: 4\nevent: records\ndata: {\"records\":[{\"seq\":4,"),
                     Not(HasSubstr("not this"))));
   // An open browser does not keep the inspector from ending.
-  std::thread watcher([&] { inspector.get("v1/events"); });
-  inspector.wait_for("v1/status", [](const Json &status) { return status["browsers"] >= 1; });
   EXPECT_EQ(inspector.stop(), 0);
-  watcher.join();
 }
 
-TEST_F(InspectorTest, GoesOnWithTheNextServer) {
+TEST(InspectorTest, GoesOnWithTheNextServer) {
   Inspector inspector;
-  EXPECT_EQ(inspector.json("v1/status")["state"], "waiting");
-  EXPECT_THAT(inspector.json("v1/status")["reason"], HasSubstr("is msgsvr running"));
+  const Json waiting =
+      inspector.wait_for("v1/status", [](const Json &status) { return status["reason"] != ""; });
+  EXPECT_EQ(waiting["state"], "waiting");
+  EXPECT_THAT(waiting["reason"], HasSubstr("is msgsvr running"));
 
   auto server = std::make_unique<Server>();
   server->connect(kPanel, "panel");
@@ -330,17 +302,16 @@ TEST_F(InspectorTest, GoesOnWithTheNextServer) {
   inspector.wait_for("v1/status", [](const Json &status) { return status["servers"] == 2; });
   inspector.wait_for_records(8);
 
-  EXPECT_EQ(inspector.json("v1/records?filter=from%3Dpanel")["records"].size(), 3u);
-  EXPECT_EQ(inspector.json("v1/records?filter=from%3Dother")["records"].size(), 3u);
+  EXPECT_EQ(inspector.count("filter=from%3Dpanel"), 3u);
+  EXPECT_EQ(inspector.count("filter=from%3Dother"), 3u);
   EXPECT_THAT(inspector.get("v1/export?format=json&filter=lost").body, testing::StrEq("[\n\n]\n"));
 
   // Exports keep them apart, too.
   constexpr const char *kCapture = "/var/both.pcapng";
-  std::ofstream(kCapture, std::ios::binary) << inspector.get("v1/export?format=pcapng").body;
+  inspector.save(kCapture);
   EXPECT_THAT(test::contents(kCapture),
               AllOf(HasSubstr("Clients: 1 panel"), HasSubstr("panel -> #2  0x1234 #1 = 3")));
-  std::ofstream("/var/none.pcapng", std::ios::binary)
-      << inspector.get("v1/export?format=pcapng&filter=lost").body;
+  inspector.save("/var/none.pcapng", "&filter=lost");
   inspector.stop();
   {
     const Inspector none({"--file", "/var/none.pcapng", "--token-file", ""});
@@ -348,12 +319,12 @@ TEST_F(InspectorTest, GoesOnWithTheNextServer) {
   }
   const Inspector past({"--file", kCapture, "--token-file", ""});
   EXPECT_EQ(past.json("v1/status")["servers"], 2);
-  EXPECT_EQ(past.json("v1/records?filter=from%3Dpanel")["records"].size(), 3u);
-  EXPECT_EQ(past.json("v1/records?filter=from%3Dother")["records"].size(), 3u);
-  EXPECT_EQ(past.json("v1/records?filter=answer")["records"].size(), 2u);
+  EXPECT_EQ(past.count("filter=from%3Dpanel"), 3u);
+  EXPECT_EQ(past.count("filter=from%3Dother"), 3u);
+  EXPECT_EQ(past.count("filter=answer"), 2u);
 }
 
-TEST_F(InspectorTest, IsServedByTheNamesOfItsAddress) {
+TEST(InspectorTest, IsServedByTheNamesOfItsAddress) {
   {
     const Inspector usual({"--listen", ":80", "--token-file", ""});
     EXPECT_THAT(usual.base(), StartsWith("http://127.0.0.1:80/"));
@@ -381,7 +352,7 @@ TEST_F(InspectorTest, IsServedByTheNamesOfItsAddress) {
   }
 }
 
-TEST_F(InspectorTest, ShowsThePast) {
+TEST(InspectorTest, ShowsThePast) {
   constexpr const char *kCapture = "/var/capture.pcapng", *kDead = "/var/dead.flight";
   {
     Server server;
@@ -402,20 +373,19 @@ TEST_F(InspectorTest, ShowsThePast) {
     EXPECT_EQ(inspector.json("v1/clients")["clients"].size(), 2u);
     EXPECT_EQ(inspector.json("v1/export?format=json&filter=answer").size(), 40u)
         << "deliveries of answers, too";
-    std::ofstream(kCapture, std::ios::binary) << inspector.get("v1/export?format=pcapng").body;
-    std::ofstream("/var/part.pcapng", std::ios::binary)
-        << inspector.get("v1/export?format=pcapng&filter=from%3Dpanel").body;
+    inspector.save(kCapture);
+    inspector.save("/var/part.pcapng", "&filter=from%3Dpanel");
   }
   {
     Inspector inspector({"--file", kCapture, "--token-file", ""});
     EXPECT_EQ(inspector.json("v1/records")["records"].size(), records);
-    EXPECT_EQ(inspector.json("v1/records?filter=answer%20and%20to%3Dpanel")["records"].size(), 20u);
+    EXPECT_EQ(inspector.count("filter=answer%20and%20to%3Dpanel"), 20u);
     EXPECT_EQ(inspector.json("v1/summary")["types"][0]["total"]["count"], 20);
   }
   {
     // Without the records of the names.
     Inspector inspector({"--file", "/var/part.pcapng", "--token-file", ""});
-    EXPECT_EQ(inspector.json("v1/records?filter=to%3Dstation")["records"].size(), 20u);
+    EXPECT_EQ(inspector.count("filter=to%3Dstation"), 20u);
   }
   std::string cut = test::contents(kCapture);
   cut.resize(cut.size() - 5);
@@ -423,11 +393,11 @@ TEST_F(InspectorTest, ShowsThePast) {
   {
     Inspector inspector({"--file", kCapture, "--token-file", ""});
     EXPECT_EQ(inspector.json("v1/status")["state"], "damaged");
-    EXPECT_EQ(inspector.json("v1/records?all=1")["records"].size(), 83u);
+    EXPECT_EQ(inspector.count("all=1"), 83u);
   }
 }
 
-TEST_F(InspectorTest, RefusesWhatItCannotShow) {
+TEST(InspectorTest, RefusesWhatItCannotShow) {
   std::ofstream("/var/text") << "this is no capture";
   const auto status = [](const std::vector<std::string> &arguments) {
     return test::Process("msginspect", arguments).wait();
@@ -442,7 +412,7 @@ TEST_F(InspectorTest, RefusesWhatItCannotShow) {
   EXPECT_EQ(status({}), 1) << "the port is taken";
 }
 
-TEST_F(InspectorTest, ShowsLogLinesOfTheRange) {
+TEST(InspectorTest, ShowsLogLinesOfTheRange) {
   const int64_t now_ms = test::mlog::uptime_ms();
   test::mlog::write_ring("wan", test::mlog::line(now_ms - 60'000, "a minute ago") +
                                     test::mlog::line(now_ms, "now\x1b[31m <b>", "WARN"));
@@ -460,7 +430,7 @@ TEST_F(InspectorTest, ShowsLogLinesOfTheRange) {
   EXPECT_EQ(one["more"], true);
 }
 
-TEST_F(InspectorTest, SendsForItsOwnPageWhereThatIsAllowed) {
+TEST(InspectorTest, SendsForItsOwnPageWhereThatIsAllowed) {
   test::Process server("msgsvr");
   ASSERT_TRUE(server.wait_for("ready"));
   Inspector inspector({"--allow-send"});
@@ -574,14 +544,11 @@ TEST(InspectorBus, IsOthersInBetweenToo) {
     // Without a rest after each of the pieces some searches would let hardly anybody in. This
     // machine may do something else meanwhile, so there is another try.
     constexpr int kSearches = 10, kRests = 9;
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(test::kPatience_ms);
-    int least = 0;
-    while (least < kRests && std::chrono::steady_clock::now() < end) {
-      least = others_during(&bus, search);
-      for (int i = 1; i < kSearches; ++i) least = std::min(least, others_during(&bus, search));
-    }
-    EXPECT_GE(least, kRests);
+    EXPECT_TRUE(test::eventually([&] {
+      int good = 0;
+      while (good < kSearches && others_during(&bus, search) >= kRests) ++good;
+      return good == kSearches;
+    }));
   }
 }
 
@@ -616,7 +583,6 @@ class InspectorRecording : public testing::Test {
       recording->take(entry, reader_->wall_ns(entry.record.time_ns));
     }
   }
-  void TearDown() override { ::unlink(flight::kPath); }
 
   Server server_;
   catalogue::Catalogue catalogue_;

@@ -3,11 +3,16 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "msgapi/messages.h"
@@ -16,8 +21,6 @@
 namespace {
 
 using nlohmann::json;
-using test::Admin;
-using test::client;
 using test::lines_of;
 using test::Msgctl;
 using test::Output;
@@ -30,6 +33,67 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
+
+// The server's admin interface, with answers that the test gives.
+class Admin {
+ public:
+  explicit Admin(std::map<std::string, std::string> answers) : answers_(std::move(answers)) {
+    const sockaddr_un address{AF_UNIX, "/var/run/msgsvr.admin"};
+    EXPECT_EQ(0, ::bind(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address));
+    EXPECT_EQ(0, ::listen(fd_, 100));
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~Admin() {
+    ::shutdown(fd_, SHUT_RDWR);
+    thread_.join();
+    ::close(fd_);
+  }
+  const std::string &last_request() const { return request_; }
+
+ private:
+  void serve() {
+    for (int peer; (peer = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(peer)) {
+      char head[4096] = "";
+      EXPECT_LT(0, ::read(peer, head, sizeof head));
+      request_ = std::string(head, std::strstr(head, " HTTP"));
+      const auto answer = answers_.find(request_);
+      const bool known = answer != answers_.end();
+      const std::string body = known ? answer->second : R"({"error": "not here"})";
+      const std::string text =
+          std::string("HTTP/1.1 ") + (known ? "200 OK" : "404 Not Found") +
+          "\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+          body;
+      ::send(peer, text.data(), text.size(), MSG_NOSIGNAL);
+    }
+  }
+
+  std::map<std::string, std::string> answers_;
+  std::string request_;
+  int fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::thread thread_;
+};
+
+// What the server says about a client.
+json client(int id, const std::string &name, int queued = 0) {
+  return {{"id", id},
+          {"name", name},
+          {"pid", 100 + id},
+          {"program", "/usr/sbin/" + name},
+          {"uid", 0},
+          {"user", "root"},
+          {"gid", 0},
+          {"address", nullptr},
+          {"connected_at", 1767225600.25},
+          {"connected_s", 12.5},
+          {"swapped", false},
+          {"in", {{"messages", id}, {"bytes", 40}}},
+          {"out", {{"messages", 1}, {"bytes", 48}}},
+          {"queued_bytes", queued},
+          {"queue_limit", 1048576},
+          {"lost", 0},
+          {"slow", false},
+          {"held", false}};
+}
 
 // With a real server.
 TEST_F(Msgctl, ShowsWhatTheServerKnows) {
@@ -87,7 +151,7 @@ TEST(MsgctlAdmin, ListsClients) {
   EXPECT_EQ(4, run({"info", "nobody"}).status);
   EXPECT_EQ(4, run({"info", "wifi"}).status);  // gone in between
   EXPECT_EQ(0, run({"disconnect", "lan"}).status);
-  EXPECT_EQ("DELETE /v1/clients/2", admin.requests().back());
+  EXPECT_EQ("DELETE /v1/clients/2", admin.last_request());
 }
 
 TEST(MsgctlAdmin, ShowsLossesWithTheirCulprits) {

@@ -8,7 +8,6 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,11 +30,7 @@ using test::Words;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-// A recorder whose file is where msgctl looks for it.
-class MsgctlCapture : public test::RecorderFixture {
- protected:
-  MsgctlCapture() : test::RecorderFixture(flight::kPath, 256) {}
-};
+using MsgctlCapture = test::RecorderFixture;
 
 // The packets as far as the file goes: it may still be being written.
 std::vector<traffic::Packet> packets_of(const std::string &path) {
@@ -54,17 +49,14 @@ TEST_F(MsgctlCapture, CapturesAreReadBackAndRotate) {
   const std::string path = "/var/run/capture.pcapng";
   const Output output = run({"capture", "-w", path, "--json", "--no-mask", "kind=accepted"});
   EXPECT_EQ(lines_of(output.text)[0]["packets"], 400);
-  const std::string capture = test::contents(path);
-  traffic::PcapngReader reader(capture);
-  uint32_t packets = 0;
-  while (const std::optional<traffic::Packet> packet = reader.next()) {
-    ASSERT_TRUE(packet->header);
-    EXPECT_EQ(packet->header->ulSeqNum, packets / 2);
-    EXPECT_EQ(packet->kept, packets % 2 == 0 ? "question" : "answer");
-    EXPECT_EQ(packet->answers != 0, packets % 2 != 0);
-    ++packets;
+  const std::vector<traffic::Packet> packets = packets_of(path);
+  ASSERT_EQ(packets.size(), 400u);
+  for (uint32_t i = 0; i < packets.size(); ++i) {
+    ASSERT_TRUE(packets[i].header);
+    EXPECT_EQ(packets[i].header->ulSeqNum, i / 2);
+    EXPECT_EQ(packets[i].kept, i % 2 == 0 ? "question" : "answer");
+    EXPECT_EQ(packets[i].answers != 0, i % 2 != 0);
   }
-  EXPECT_EQ(packets, 400u);
 
   ASSERT_EQ(run({"capture", "-w", path, "--rotate", "16384", "--keep", "2"}).status, 0);
   for (const char *age : {"", ".1", ".2"}) {
@@ -210,9 +202,7 @@ class MsgctlDissector : public MsgctlCapture {
 };
 
 TEST_F(MsgctlDissector, ShowsEveryFieldOfAMessage) {
-  std::string items(24, '\0');
-  items.replace(0, 2, "\xbf\xfe");
-  items.append("\0\0\0\0\3\0\0\0\5\0\0\0if\0eth0\0", 20);
+  const std::string items = test::dm_body({{"if", "eth0"}});
   exchange(7, items, "{\"degrees\": 21}", 9);
   std::string bad = items;
   bad[28] = '\x7f';  // a name of 127 bytes
@@ -282,17 +272,22 @@ TEST_F(MsgctlDissector, ShowsWhatIsNoMessage) {
   recorder_.note(flight::Kind::kEnded, facts, "it was told to");
 
   ASSERT_EQ(run({"capture", "-w", kPath}).status, 0);
-  const auto of_kind = [](const std::string &kind, const std::string &names) {
-    return fields("msgapi.kind == " + kind + " && !msgapi.malformed", names);
-  };
-  EXPECT_EQ(of_kind("2", "msgapi.process msgapi.user msgapi.text"),
-            "101|0|/usr/bin/program\n102|0|/usr/bin/program\n");
-  EXPECT_EQ(of_kind("3", "msgapi.from_id msgapi.text"), "1|panel\n2|station\n");
-  EXPECT_EQ(of_kind("11", "msgapi.http.method msgapi.length msgapi.text"), "1|4|/dev/info\n");
-  EXPECT_EQ(of_kind("12", "msgapi.http.status msgapi.about"), "404|" + std::to_string(http) + "\n");
-  EXPECT_EQ(of_kind("8", "msgapi.to msgapi.queue.bytes msgapi.queue.limit"), "station|700|1000\n");
-  EXPECT_EQ(of_kind("9", "msgapi.lost"), "3\n");
-  EXPECT_EQ(of_kind("4", "msgapi.from msgapi.lost msgapi.text"), "panel|2|it was told to\n");
+  EXPECT_EQ(
+      fields("!msgapi.malformed && msgapi.kind != 1",
+             "msgapi.kind msgapi.from msgapi.to msgapi.process msgapi.user msgapi.queue.bytes "
+             "msgapi.queue.limit msgapi.lost msgapi.http.method msgapi.length "
+             "msgapi.http.status msgapi.about msgapi.text"),
+      "2|#1|server|101|0|||||||0|/usr/bin/program\n"
+      "3|panel|server|||||||||0|panel\n"
+      "2|#2|server|102|0|||||||0|/usr/bin/program\n"
+      "3|station|server|||||||||0|station\n"
+      "11|server|server||||||1|4||0|/dev/info\n"
+      "12|server|server|||||||0|404|" +
+          std::to_string(http) +
+          "|\n"
+          "8|server|station|||700|1000|||||0|\n"
+          "9|server|station|||||3||||0|\n"
+          "4|panel|server|||||2||||0|it was told to\n");
 }
 
 TEST_F(MsgctlDissector, FlagsPacketsThatAreMalformed) {

@@ -46,15 +46,7 @@ using Json = nlohmann::json;
 // A type that is answered, by the catalogue.
 constexpr uint32_t kAnswered = ORP_MSG_COUNT_PROCESSES;
 
-// A server's recorder at the place where msgctl looks for it.
-class MsgctlFlight : public test::RecorderFixture {
- protected:
-  MsgctlFlight() : test::RecorderFixture(flight::kPath, 256) {}
-  void TearDown() override {
-    ::unlink(flight::kPath);
-    ::unlink((std::string(flight::kPath) + ".1").c_str());
-  }
-};
+using MsgctlFlight = test::RecorderFixture;
 
 // The commands that show texts of applications.
 const std::vector<Words> kShowing = {{"monitor", "--history-only", "--all"},
@@ -221,12 +213,10 @@ TEST_F(MsgctlFlight, NobodyReadsPersonalDataUnlessItIsAskedFor) {
   const std::string values[] = {"AA:BB:CC:DD:EE:FF", "192.168.100.24",
                                 "01234567-89ab-cdef-0123-456789abcdef", "hunter22secret",
                                 "somebodys-net"};
-  std::string items(24, '\0');
-  items.replace(0, 2, "\xbf\xfe");
-  items.append("\0\0\0\0\5\0\0\0\x0e\0\0\0SSID\0somebodys-net\0", 31);
   uint32_t sequence = 0;
-  for (const std::string &body : {"peer " + values[0], "at " + values[1] + " is " + values[2],
-                                  "{\"login\": {\"value\": \"" + values[3] + "\"}}", items}) {
+  for (const std::string &body :
+       {"peer " + values[0], "at " + values[1] + " is " + values[2],
+        "{\"login\": {\"value\": \"" + values[3] + "\"}}", test::dm_body({{"SSID", values[4]}})}) {
     exchange(++sequence, body, body);
   }
   // A client's own texts may hold personal data.
@@ -312,6 +302,38 @@ TEST_F(MsgctlFlight, LatenciesAreThoseThatWereRecorded) {
   EXPECT_EQ(pairs[0]["total"]["count"], 10);
   EXPECT_EQ(pairs[1]["total"]["count"], 0);
   EXPECT_THAT(run({"latency"}).text, ContainsRegex("handler time of 10 messages"));
+}
+
+using MsgctlLive = test::Msgctl;
+
+TEST_F(MsgctlLive, LatenciesAreThoseThatAClientMeasures) {
+  using std::chrono::duration, std::chrono::nanoseconds, std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kWork(100);
+  constexpr uint32_t kExchanges = 9;
+  const test::Application worker("worker", [&](test::RawClient &self, const test::Frame &request) {
+    if (request.type != kAsk) return;
+    std::this_thread::sleep_for(kWork);
+    self.answer(request);
+  });
+  test::RawClient client("client");
+  std::vector<double> measured;
+  for (uint32_t i = 1; i <= kExchanges; ++i) {
+    const auto start = steady_clock::now();
+    client.ask({.type = kAsk, .to = "worker", .sequence = i});
+    measured.push_back(duration<double, std::nano>(steady_clock::now() - start).count());
+  }
+  std::ranges::sort(measured);
+  const double median = measured[measured.size() / 2];
+
+  const Json row = Json::parse(run({"latency", "--json", "type=0x1234"}).text);
+  const auto ns = [&row](const char *time, const char *what) {
+    return row[time][what].get<double>();
+  };
+  EXPECT_EQ(row["total"]["count"], kExchanges);
+  EXPECT_NEAR(ns("total", "p50_ns"), median, 0.1 * median);
+  EXPECT_GE(ns("handler", "p50_ns"), static_cast<double>(nanoseconds(kWork).count()));
+  // The server records a delivery after it has happened, and other processes may run in between.
+  EXPECT_LE(ns("total", "max_ns"), 2 * measured.back());
 }
 
 TEST_F(MsgctlFlight, WaitsNamesADeadlock) {
@@ -437,18 +459,40 @@ TEST_F(MsgctlFlight, DiagramsDrawArrows) {
 }
 
 TEST_F(MsgctlFlight, PostmortemShowsWhatADeadServerLeft) {
-  exchange(1);
-  message(kPanel, kStation, kAnswered, 2, "queued", 5);
-  // Its successor runs.
-  recorder_ = flight::Recorder(flight::kPath, flight::kLeastRing, 0);
+  const pid_t server = ::fork();
+  if (server == 0) {
+    recorder_ = flight::Recorder(flight::kPath, flight::kLeastRing, 256);
+    connect(kPanel, "panel");
+    connect(kStation, "station");
+    exchange(1);
+    message(kPanel, kStation, kAnswered, 2, "queued", 5);
+    ::_exit(0);
+  }
+  ::waitpid(server, nullptr, 0);
 
-  const Output output = run({"postmortem"});
-  EXPECT_EQ(output.status, 0);
-  EXPECT_THAT(output.text, HasSubstr("/var/run/msgsvr.flight.1"));
-  EXPECT_THAT(output.text, ContainsRegex("station +102 +0 +/usr/bin/program"));
-  EXPECT_THAT(output.text, ContainsRegex("panel -> station  count-processes .* #2, 6 B"));
-  EXPECT_THAT(output.text, ContainsRegex("panel waits for station"));
-  EXPECT_THAT(output.text, ContainsRegex("The last 1 s\n(.|\n)*answer after"));
+  for (const std::string file : {"/var/run/msgsvr.flight", "/var/run/msgsvr.flight.1"}) {
+    SCOPED_TRACE(file);
+    const Output output = run({"postmortem"});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_THAT(output.text,
+                AllOf(HasSubstr(file + ": "), ContainsRegex("station +102 +0 +/usr/bin/program"),
+                      ContainsRegex("panel -> station  count-processes .* #2, 6 B"),
+                      HasSubstr("panel waits for station"),
+                      ContainsRegex("The last 1 s\n(.|\n)*answer after")));
+
+    const std::vector<Json> lines = lines_of(run({"postmortem", "--json"}).text);
+    EXPECT_EQ(lines.at(0)["process"], server);
+    EXPECT_EQ(lines[0]["running"], false);
+    for (const auto &[member, expected] :
+         {std::pair("connected", 2), {"queued", 1}, {"certain", 1}}) {
+      EXPECT_EQ(expected, std::ranges::count_if(
+                              lines, [&](const Json &each) { return each.contains(member); }))
+          << member;
+    }
+    EXPECT_EQ(lines.back()["sequence"], 2) << "the last thing that was sent";
+    // The next server puts its own file in that place.
+    recorder_ = flight::Recorder(flight::kPath, flight::kLeastRing, 0);
+  }
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -60,24 +59,5 @@ class Application {
   std::atomic<bool> stop_ = false;
   std::thread thread_;
 };
-
-// The server's admin interface, with answers that the test gives.
-class Admin {
- public:
-  explicit Admin(std::map<std::string, std::string> answers);
-  ~Admin();
-  const std::vector<std::string> &requests() const { return requests_; }
-
- private:
-  void serve();
-
-  std::map<std::string, std::string> answers_;
-  std::vector<std::string> requests_;
-  int fd_;
-  std::thread thread_;
-};
-
-// What the server says about a client.
-nlohmann::json client(int id, const std::string &name, int queued = 0);
 
 }  // namespace test

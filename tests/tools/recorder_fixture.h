@@ -6,9 +6,12 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "flight/reader.h"
 #include "flight/recorder.h"
+#include "msgapi/dmmsg.h"
 #include "msgapi/msg.h"
 
 namespace test {
@@ -66,6 +69,21 @@ class RecordedBus {
   std::map<uint32_t, std::string> names_;
 };
 
+// A body of the format for data models, with these items.
+inline std::string dm_body(const std::vector<std::pair<std::string, std::string>> &items) {
+  std::string body(24, '\0');
+  const uint32_t magic = ORP_DMMSG_MAGIC;
+  std::memcpy(body.data(), &magic, sizeof magic);
+  for (const auto &[name, value] : items) {
+    const uint32_t words[3] = {0, static_cast<uint32_t>(name.size() + 1),
+                               static_cast<uint32_t>(value.size() + 1)};
+    body.append(reinterpret_cast<const char *>(words), sizeof words);
+    body.append(name.c_str(), name.size() + 1);
+    body.append(value.c_str(), value.size() + 1);
+  }
+  return body;
+}
+
 // An accepted message with any number, as in a file that somebody has made up.
 class MadeUpMessage {
  public:
@@ -88,10 +106,11 @@ class MadeUpMessage {
   flight::Entry entry_;
 };
 
-// A fixture with two clients, the panel and the station.
+// A fixture with two clients, the panel and the station. Tools look for the recorder at its usual
+// place.
 class RecorderFixture : public testing::Test, protected RecordedBus {
  protected:
-  RecorderFixture(const std::string &path, uint32_t body_limit)
+  explicit RecorderFixture(const std::string &path = flight::kPath, uint32_t body_limit = 256)
       : RecordedBus(path, flight::kLeastRing, body_limit) {
     connect(kPanel, "panel");
     connect(kStation, "station");

@@ -7,7 +7,6 @@
 
 #include "common/printable.h"
 #include "flight/reader.h"
-#include "msgapi/dmmsg.h"
 #include "msgapi/messages.h"
 #include "msgapi/restful.h"
 #include "tools/recorder_fixture.h"
@@ -20,6 +19,7 @@
 
 namespace {
 
+using test::dm_body;
 using test::kAsk;
 using test::kPanel;
 using test::kStation;
@@ -202,20 +202,6 @@ TEST_F(Traffic, FiltersByWhatARecordTells) {
 // The masked body.
 std::string shown_masked(std::string body, bool cut = false) {
   traffic::mask_body(body, cut);
-  return body;
-}
-
-std::string dm_body(const std::vector<std::pair<std::string, std::string>> &items) {
-  std::string body(24, '\0');
-  const uint32_t magic = ORP_DMMSG_MAGIC;
-  std::memcpy(body.data(), &magic, sizeof magic);
-  for (const auto &[name, value] : items) {
-    const uint32_t words[3] = {0, static_cast<uint32_t>(name.size() + 1),
-                               static_cast<uint32_t>(value.size() + 1)};
-    body.append(reinterpret_cast<const char *>(words), sizeof words);
-    body.append(name.c_str(), name.size() + 1);
-    body.append(value.c_str(), value.size() + 1);
-  }
   return body;
 }
 
