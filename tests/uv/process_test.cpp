@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <grp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>
@@ -363,7 +364,7 @@ TEST_F(ProcessTest, StormOfChildrenLosesNothing) {
     if (started < total) start_one();
   };
 
-  while (started < kAtATime) start_one();
+  while (started < std::min(total, kAtATime)) start_one();
   run_to_end();
 
   EXPECT_EQ(total, reported);
