@@ -4,8 +4,8 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <span>
 #include <string>
 #include <string_view>
@@ -60,7 +60,8 @@ inline bool send_with_descriptors(int fd, std::string bytes, std::span<const int
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
   header->cmsg_len = CMSG_LEN(descriptors.size_bytes());
-  std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size_bytes());
+  std::copy_n(reinterpret_cast<const unsigned char *>(descriptors.data()), descriptors.size_bytes(),
+              CMSG_DATA(header));
   return ::sendmsg(fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
