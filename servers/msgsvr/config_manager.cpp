@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -83,8 +84,8 @@ class ConfigManager final : public Service {
  private:
   // No file has a path of PATH_MAX characters, so more of it is not kept.
   static std::string path_in(const Message &request) {
-    const std::string text(request.body.begin(), request.body.end());
-    return text.substr(0, std::min<size_t>(text.find('\0'), PATH_MAX));
+    const std::string_view text(request.body.data(), request.body.size());
+    return std::string(text.substr(0, std::min<size_t>(text.find('\0'), PATH_MAX)));
   }
 
   // Name and process, and whose process it is.

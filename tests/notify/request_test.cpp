@@ -65,43 +65,36 @@ TEST_F(NotifyClient, KeepsTheOrderAfterARequestOfAnotherCallback) {
               ElementsAre("async \"1\" null", "sync \"2\"", "stray \"late\"", "async \"4\" null"));
 }
 
-TEST_F(NotifyClient, MayDoAnythingInsideAProcedure) {
-  connect();
-  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
-  server_.send(notification("asks"));
-  server_.send(notification("put aside"));
-  server_.send(reply(2, ""));
-  g_during_call = [&] {
-    EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
-    // The next message destroys the client when it is delivered.
-    g_during_call = [&] {
-      server_.send(notification("never"));
-      server_.send(reply(3, ""));
+class NotifyClientInside : public NotifyClient {
+ protected:
+  // A request in each of two deliveries. The second one puts `last` aside; `then` follows it.
+  void ask_in_two_deliveries(const std::string &last, const std::function<void()> &then) {
+    connect();
+    ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
+    server_.send(notification("asks"));
+    server_.send(notification("put aside"));
+    server_.send(reply(2, ""));
+    g_during_call = [=, this] {
       EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
-      ORP_NOTIFYCLT_Destroy();
+      g_during_call = [=, this] {
+        server_.send(notification(last));
+        server_.send(reply(3, ""));
+        EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
+        then();
+      };
     };
-  };
+  }
+};
 
+TEST_F(NotifyClientInside, AProcedureMayDestroyTheClient) {
+  ask_in_two_deliveries("never", ORP_NOTIFYCLT_Destroy);
   run_loop();
-
   EXPECT_THAT(g_calls, ElementsAre("async \"asks\" null", "async \"put aside\" null"));
 }
 
-TEST_F(NotifyClient, DeliversWhatWasPutAsideDuringADeliveryWithoutFurtherEvent) {
-  connect();
-  ORP_NOTIFYCLT_RegAsyncMsgProc(kType, take_notification);
-  server_.send(notification("asks"));
-  server_.send(notification("put aside"));
-  server_.send(reply(2, ""));
-  g_during_call = [&] {
-    EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
-    g_during_call = [&] {
-      server_.send(notification("second"));
-      server_.send(reply(3, ""));
-      EXPECT_EQ(ORP_NOTIFYCLT_OK, ask());
-      g_during_call = [] { OrpUvLoopStop(OrpUvLoopGetDefault()); };
-    };
-  };
+TEST_F(NotifyClientInside, WhatADeliveryPutsAsideNeedsNoFurtherEvent) {
+  ask_in_two_deliveries("last",
+                        [] { g_during_call = [] { OrpUvLoopStop(OrpUvLoopGetDefault()); }; });
   EXPECT_EQ(ORP_OK, ORP_UV_LoopRun(nullptr, 5000));
   EXPECT_EQ(3u, g_calls.size());
 }

@@ -69,6 +69,13 @@ class HttpDaemon : public testing::Test {
     return turn_until([&] { return client.got().starts_with("HTTP/1.1 " + status); });
   }
 
+  // When the other one's request has come, the first has the room of a long body: no other has any.
+  bool takes_room(Client &first, Client &other) {
+    first.send(post(kLong) + "begin");
+    other.send(kGet);
+    return turn_until_requests(1);
+  }
+
   servers::EventLoop loop_;
   std::deque<Request> requests_;
   std::optional<msgsvr::HttpFront> front_;
@@ -129,11 +136,8 @@ TEST_F(HttpDaemon, EndsATransferThatTakesTooLongButNoIdleConnection) {
 
 TEST_F(HttpDaemon, RefusesABodyForWhichThereIsNoRoomInTime) {
   start({.longest_body = kLong, .patience = milliseconds(300)});
-  Client first;
-  first.send(post(kLong) + "begin");
-  Client get;
-  get.send(kGet);
-  ASSERT_TRUE(turn_until_requests(1)) << "the first body's room is taken";
+  Client first, get;
+  ASSERT_TRUE(takes_room(first, get));
   Client second;
   second.send(post(kLong));
 
@@ -147,11 +151,8 @@ TEST_F(HttpDaemon, RefusesABodyForWhichThereIsNoRoomInTime) {
 
 TEST_F(HttpDaemon, TakesRoomBackFromABodyThatDoesNotCome) {
   start({.longest_body = kLong, .patience = milliseconds(20000)});
-  Client first;
-  first.send(post(kLong) + "begin");
-  Client get;
-  get.send(kGet);
-  ASSERT_TRUE(turn_until_requests(1)) << "the first body's room is taken";
+  Client first, get;
+  ASSERT_TRUE(takes_room(first, get));
   Client second;
   second.send(post(kLong));
   Client third;

@@ -71,6 +71,7 @@ TEST(Cfmctl, ExportsWhatItImportsByteForByte) {
   ASSERT_EQ(0, ::stat("/var/before.json", &status));
   EXPECT_EQ(0600u, status.st_mode & 0777) << "it holds secrets";
   EXPECT_EQ(before, test::shell("cfmctl export /dev/stdout | cat").text);
+  EXPECT_EQ(1, cfmctl("export >/dev/full").status);
   // A link stays one, as /dev/stdout must when it leads to a file.
   ASSERT_EQ(0, ::symlink("/var/by_link.json", "/var/link"));
   for (const char *when : {"new", "there already"}) {

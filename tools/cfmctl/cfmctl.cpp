@@ -159,22 +159,23 @@ void objects() {
 
 void export_to(const std::string &path) {
   const std::string text = servers::printable_json(to_json(read_store()).dump(2)) + "\n";
-  if (path.empty() || path == "-") {
-    std::cout << text;
-    return;
-  }
   // A file is replaced: it holds secrets, so only its owner may read it, and a full disk leaves the
   // old one. A pipe, a device and where a link leads are written to: /dev/stdout stays a link.
   struct stat found {};
   bool written = false;
-  if (::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) {
+  if (path.empty() || path == "-") {
+    written = servers::write_all(STDOUT_FILENO, text);
+  } else if (::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) {
     written = servers::replace_file(path, text);
   } else {
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     const servers::UniqueFd file(::open(path.c_str(), kFlags, 0600));
     written = file && servers::write_all(file.get(), text);
   }
-  if (!written) throw Error(path + ": " + std::strerror(errno));
+  if (!written) {
+    const std::string reason = std::strerror(errno);
+    throw Error((path.empty() ? "standard output" : path) + ": " + reason);
+  }
 }
 
 void import_from(const std::string &path, bool as_defaults) {
